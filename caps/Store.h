@@ -1,0 +1,161 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+struct sqlite3;
+
+namespace caps {
+
+// Results of the database, the same numbers as the CAPS_ constants of ovrel_caps.h.
+enum class Status : int32_t {
+    ok = 0,
+    notLoaded = 1,       // never returned here: what a caller reports without the library
+    noDatabase = 2,      // no database file where one is looked for
+    damaged = 3,         // the file is no database, or its content contradicts the schema
+    foreign = 4,         // an SQLite database of another application
+    newerSchema = 5,     // written by a later version of this library
+    tooSmall = 6,        // the caller's area does not hold the answer
+    busy = 7,            // another process holds the database exclusively
+    nothingThere = 8,    // no such entry, or an empty list
+    noSession = 9,       // null or closed session
+    invalidArgument = 10, // null pointer, empty name, value over its limit
+    readOnly = 11,       // the file or its folder may not be written
+    failed = 12,         // disk, memory, or another failure of the system
+};
+
+// One word for a person, for example "damaged".
+const char* statusText(Status status);
+
+struct KeyValue {
+    std::string key;
+    std::string value;
+    friend bool operator==(const KeyValue&, const KeyValue&) = default;
+};
+
+struct PayloadValue {
+    int32_t domain = 0;
+    std::string key;
+    std::string value;
+    friend bool operator==(const PayloadValue&, const PayloadValue&) = default;
+};
+
+struct Payload {
+    std::string code;
+    std::string kind = "normal";
+    std::string launchPath;
+    int32_t installState = 4;
+    std::vector<PayloadValue> data;
+    friend bool operator==(const Payload&, const Payload&) = default;
+};
+
+struct Product {
+    std::string code;
+    std::vector<Payload> payloads;
+    friend bool operator==(const Product&, const Product&) = default;
+};
+
+struct Subdomain {
+    int32_t domain = 1;
+    std::string name;
+    std::vector<KeyValue> data;
+    friend bool operator==(const Subdomain&, const Subdomain&) = default;
+};
+
+// A whole database, every list in the order of registration.
+struct Contents {
+    std::vector<Product> products;
+    std::vector<Subdomain> subdomains;
+    friend bool operator==(const Contents&, const Contents&) = default;
+};
+
+// Bounds of what is stored; a longer text is refused with Status::invalidArgument.
+inline constexpr size_t kMaxCodeBytes = 255;       // product and payload codes, keys
+inline constexpr size_t kMaxSubdomainBytes = 512;  // prefix and a specifier of 255 bytes
+inline constexpr size_t kMaxLaunchPathBytes = 1023; // callers hand over areas of 1,024 bytes
+inline constexpr size_t kMaxValueBytes = 65536;
+
+// The database file that this user's programs read: $OVREL_CAPS_DB, else
+// $XDG_DATA_HOME/ovrel/caps.db (~/.local/share without the variable), else /var/lib/ovrel/caps.db;
+// the first that exists, or the empty text. A set OVREL_CAPS_DB is never passed over.
+std::string findDatabase();
+
+// Where a new database of this user belongs: $OVREL_CAPS_DB, else the user's own place, and
+// /var/lib/ovrel/caps.db for root.
+std::string defaultDatabasePath();
+
+// One connection to a database file. Owned by its opener; used by one thread at a time.
+// Readers see one state of the database a transaction; they never wait for a writer.
+class Store {
+public:
+    enum class Access { read, write, create };
+
+    // Opens `path`. `create` makes folder and file when they are missing; `write` migrates an older
+    // schema; `read` changes nothing and accepts every schema from 1 on. `error`, when given,
+    // receives a sentence for a person on failure.
+    [[nodiscard]] static Status open(const std::string& path, Access access,
+                                     std::unique_ptr<Store>& out, std::string* error = nullptr);
+    ~Store();
+    Store(const Store&) = delete;
+    Store& operator=(const Store&) = delete;
+
+    // Text of the last failure, for a person.
+    const std::string& lastError() const { return error_; }
+
+    // A write transaction around several operations; without commit the destructor rolls back.
+    class Transaction {
+    public:
+        explicit Transaction(Store& store);
+        ~Transaction();
+        Transaction(const Transaction&) = delete;
+        Transaction& operator=(const Transaction&) = delete;
+        [[nodiscard]] Status begin();
+        [[nodiscard]] Status commit();
+
+    private:
+        Store& store_;
+        bool open_ = false;
+    };
+
+    // Everything, in the order of registration.
+    [[nodiscard]] Status readAll(Contents& out);
+    // One domain in one pass; nothingThere when it has no subdomain.
+    [[nodiscard]] Status readDomain(int32_t domain, std::vector<Subdomain>& out);
+    [[nodiscard]] Status readProducts(std::vector<Product>& out);
+    [[nodiscard]] Status productModTime(uint32_t& out);
+    [[nodiscard]] Status domainModTime(uint32_t& out);
+
+    // Domain data. Setting a key again keeps its place in the order; a new subdomain or key goes to
+    // the end. Removing the last key keeps the subdomain; removing an absent one is nothingThere.
+    [[nodiscard]] Status setDomainData(int32_t domain, std::string_view subdomain,
+                                       std::string_view key, std::string_view value);
+    [[nodiscard]] Status addSubdomain(int32_t domain, std::string_view subdomain);
+    [[nodiscard]] Status removeDomainData(int32_t domain, std::string_view subdomain,
+                                          std::string_view key);
+    [[nodiscard]] Status removeSubdomain(int32_t domain, std::string_view subdomain);
+
+    // Products. Adding a code that exists replaces nothing: it is invalidArgument.
+    [[nodiscard]] Status addProduct(const Product& product);
+    [[nodiscard]] Status addPayload(std::string_view product, const Payload& payload);
+    [[nodiscard]] Status removeProduct(std::string_view code);
+    [[nodiscard]] Status setPayloadData(std::string_view payload, int32_t domain,
+                                        std::string_view key, std::string_view value);
+    [[nodiscard]] Status removePayloadData(std::string_view payload, int32_t domain,
+                                           std::string_view key);
+    // Empties the database and keeps its schema.
+    [[nodiscard]] Status clear();
+
+    // True when the file has changed since the last call, by this connection or by others.
+    bool changed();
+
+private:
+    struct Impl;
+    explicit Store(std::unique_ptr<Impl> impl);
+    std::unique_ptr<Impl> impl_;
+    std::string error_;
+};
+
+} // namespace caps

@@ -1,0 +1,22 @@
+# Warnings and definitions that every target of the project shares through `convey_settings`, and
+# the stricter set for what runs inside other people's processes through `convey_layer_settings`.
+
+add_library(convey_settings INTERFACE)
+target_include_directories(convey_settings INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>)
+target_compile_options(convey_settings INTERFACE
+    -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wnon-virtual-dtor -Wcast-align
+    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety -Werror=thread-safety>)
+# 64-bit file offsets and times on i386 too: a database or a clock must not end in 2038 or at 2 GiB.
+target_compile_definitions(convey_settings INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+target_link_libraries(convey_settings INTERFACE Threads::Threads)
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "^i[3-6]86$" OR CMAKE_SIZEOF_VOID_P EQUAL 4)
+    # x87 registers keep more digits than a double holds; version comparisons must give the same
+    # answers as on x86-64.
+    target_compile_options(convey_settings INTERFACE -msse2 -mfpmath=sse)
+endif()
+
+add_library(convey_layer_settings INTERFACE)
+target_link_libraries(convey_layer_settings INTERFACE convey_settings)
+# Process-wide objects outlive main: the background thread may still run during exit().
+target_compile_options(convey_layer_settings INTERFACE
+    $<$<CXX_COMPILER_ID:Clang>:-Werror=exit-time-destructors -Werror=global-constructors>)

@@ -1,0 +1,15 @@
+# 32-bit x86 programs on an x86-64 Debian: g++-multilib compiles, the i386 packages supply libraries.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR i686)
+set(CMAKE_C_COMPILER gcc)
+set(CMAKE_CXX_COMPILER g++)
+set(CMAKE_C_FLAGS_INIT -m32)
+set(CMAKE_CXX_FLAGS_INIT -m32)
+set(CMAKE_LIBRARY_ARCHITECTURE i386-linux-gnu)
+set(CMAKE_LIBRARY_PATH /usr/lib/i386-linux-gnu)
+set(CMAKE_IGNORE_PATH /usr/lib/x86_64-linux-gnu /usr/lib/x86_64-linux-gnu/cmake)
+# The i386 -dev package cannot stand beside its x86-64 twin while the two archives are a revision
+# apart; header and shared object are all that is needed of it.
+set(SQLite3_LIBRARY /usr/lib/i386-linux-gnu/libsqlite3.so.0 CACHE FILEPATH "")
+set(SQLite3_INCLUDE_DIR /usr/include CACHE PATH "")
+set(GTest_DIR /usr/lib/i386-linux-gnu/cmake/GTest CACHE PATH "")
