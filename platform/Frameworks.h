@@ -1,0 +1,44 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "platform/Service.h"
+
+namespace platform {
+
+// Framework bundles: folders named X.framework that hold a loadable library named X.
+//
+// Porting contract: loading runs the library's own initialisers and may wait for the disk; a
+// library loaded twice is loaded once and counted. What is not an absolute path is never handed to
+// the system's loader, whose search follows the environment. Threads: any.
+class Frameworks : public Service<Frameworks> {
+public:
+    virtual ~Frameworks() = default;
+
+    // The bundle of the running program: the X.app folder for a program that lies in
+    // X.app/Contents/MacOS, else the folder of the program, links resolved. Empty when the system
+    // does not tell.
+    virtual std::string mainBundleFolder() const = 0;
+
+    // Loads the library of the bundle folder `bundlePath` (absolute). Returns a handle for the two
+    // calls below, to be given back with `unload`, or null when there is no such bundle or its
+    // library does not load.
+    virtual void* load(const std::string& bundlePath) = 0;
+
+    // Gives the handle back. Functions of the library must not be called afterwards.
+    virtual void unload(void* handle) = 0;
+
+    // The function `name` of the library, null when it has none. Good until `unload`.
+    virtual void* function(void* handle, const char* name) = 0;
+
+    static Frameworks& own();
+};
+
+// Where a framework that is asked for by its name alone may lie, first choice first: in the main
+// bundle's Contents/Frameworks, in its Frameworks, and beside the program or application.
+// Empty without a main bundle.
+std::vector<std::string> frameworkCandidates(const std::string& mainBundleFolder,
+                                             const std::string& name);
+
+} // namespace platform

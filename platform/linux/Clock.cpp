@@ -1,0 +1,27 @@
+#include "platform/Clock.h"
+
+#include <ctime>
+
+namespace platform {
+namespace {
+
+int64_t milliseconds(clockid_t clock) {
+    timespec now{};
+    (void)clock_gettime(clock, &now); // fails only for clocks that the kernel does not have
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
+}
+
+class LinuxClock final : public Clock {
+public:
+    int64_t utcMilliseconds() const override { return milliseconds(CLOCK_REALTIME); }
+    int64_t monotonicMilliseconds() const override { return milliseconds(CLOCK_MONOTONIC); }
+};
+
+} // namespace
+
+Clock& Clock::own() {
+    static auto* const clock = new LinuxClock;
+    return *clock;
+}
+
+} // namespace platform
