@@ -8,6 +8,7 @@
 #include "platform/Files.h"
 #include "platform/Frameworks.h"
 #include "platform/Locale.h"
+#include "platform/Threads.h"
 
 // The services as a test wants them. Each keeps its interface's contract and has public switches
 // for what the real system does only on a bad day.
@@ -42,6 +43,16 @@ public:
 
     bool exists(const std::string& path) const override {
         return !broken && !path.empty() && paths.count(path) != 0;
+    }
+};
+
+// Starts real threads, or none.
+class FakeThreads : public Threads {
+public:
+    bool fails = false;
+
+    bool start(std::thread& out, void (*entry)(void*), void* argument) override {
+        return !fails && own().start(out, entry, argument);
     }
 };
 

@@ -1,0 +1,368 @@
+#include "scriptobjects/core/SoString.h"
+
+#include <array>
+#include <cctype>
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+#include <new>
+#include <utility>
+
+namespace ScObjects {
+namespace {
+
+constexpr int64_t kMaximumLength = std::numeric_limits<int32_t>::max() - SoString::kStep;
+constexpr int32_t kMaximumScannedUnits = 65'536; // of a UTF-16 text without a length
+constexpr uint32_t kReplacement = 0xFFFD;
+constexpr int kEncodedBytes = 6; // of the longest code point
+
+// The smallest multiple of the step that is above `length`.
+int32_t capacityFor(int64_t length) {
+    return static_cast<int32_t>((length + SoString::kStep) / SoString::kStep * SoString::kStep);
+}
+
+char* newBuffer(int64_t length) {
+    if (length > kMaximumLength) {
+        throw std::bad_alloc();
+    }
+    auto* buffer = static_cast<char*>(SoHeap::mallocHeap(static_cast<size_t>(capacityFor(length))));
+    if (buffer == nullptr) {
+        throw std::bad_alloc();
+    }
+    return buffer;
+}
+
+int64_t lengthOf(const char* text, int32_t length) {
+    return length >= 0 ? length : static_cast<int64_t>(std::strlen(text));
+}
+
+template <class Convert>
+void convertBytes(char* text, Convert&& convert) {
+    for (; *text != '\0'; ++text) {
+        *text = static_cast<char>(convert(static_cast<unsigned char>(*text)));
+    }
+}
+
+bool isHighSurrogate(uint32_t unit) {
+    return unit >= 0xD800 && unit <= 0xDBFF;
+}
+
+bool isLowSurrogate(uint32_t unit) {
+    return unit >= 0xDC00 && unit <= 0xDFFF;
+}
+
+// Calls `use` with each code point of the units.
+template <class Use>
+void walkUtf16(const unsigned short* units, int32_t count, Use&& use) {
+    for (int32_t i = 0; i < count; ++i) {
+        uint32_t codePoint = units[i];
+        if (isHighSurrogate(codePoint) && i + 1 < count && isLowSurrogate(units[i + 1])) {
+            codePoint = 0x10000 + ((codePoint & 0x3FFU) << 10) + (units[i + 1] & 0x3FFU);
+            ++i;
+        }
+        use(codePoint);
+    }
+}
+
+// The bytes that a sequence with this first byte has: 0 for a continuation byte, which begins none.
+int sequenceLength(unsigned char first) {
+    if (first < 0x80) {
+        return 1;
+    }
+    if (first < 0xC0) {
+        return 0;
+    }
+    if (first < 0xE0) {
+        return 2;
+    }
+    if (first < 0xF0) {
+        return 3;
+    }
+    if (first < 0xF8) {
+        return 4;
+    }
+    return first < 0xFC ? 5 : 6;
+}
+
+uint32_t decode(const char* text, int length) {
+    const auto first = static_cast<unsigned char>(*text);
+    uint32_t codePoint = length == 1 ? first : first & (0x7FU >> length);
+    for (int i = 1; i < length; ++i) {
+        codePoint = (codePoint << 6) | (static_cast<unsigned char>(text[i]) & 0x3FU);
+    }
+    return codePoint;
+}
+
+// Calls `use` with each unit; see convertToUtf16. `steps` counts code points.
+template <class Use>
+void walkUtf8(const char* text, const char* end, uint32_t steps, Use&& use) {
+    bool cutOff = false;
+    for (uint32_t step = 0; step < steps; ++step) {
+        if (text == end || cutOff) {
+            use(0);
+            return;
+        }
+        const int length = sequenceLength(static_cast<unsigned char>(*text));
+        if (length == 0) {
+            use(kReplacement); // and again, until the steps are used up
+            continue;
+        }
+        if (length > end - text) {
+            use(kReplacement);
+            cutOff = true;
+            continue;
+        }
+        const uint32_t codePoint = decode(text, length);
+        if (codePoint == 0) {
+            use(0);
+            return;
+        }
+        text += length;
+        if (codePoint < 0x10000) {
+            use(codePoint);
+        } else if (codePoint < 0x110000) {
+            use(0xD800 + ((codePoint - 0x10000) >> 10));
+            use(0xDC00 + (codePoint & 0x3FF));
+        } else {
+            use(kReplacement);
+        }
+    }
+}
+
+} // namespace
+
+SoString::SoString() : data_(newBuffer(0)), capacity_(kStep) {
+    *data_ = '\0';
+}
+
+SoString::SoString(char c) : data_(newBuffer(1)), length_(1), capacity_(kStep) {
+    data_[0] = c;
+    data_[1] = '\0';
+}
+
+void SoString::reserveFresh(int64_t length) {
+    data_ = newBuffer(length);
+    length_ = static_cast<int32_t>(length);
+    capacity_ = capacityFor(length);
+    data_[length] = '\0';
+}
+
+SoString::SoString(const char* text, int32_t length) {
+    if (text == nullptr) {
+        text = "";
+        length = 0;
+    }
+    reserveFresh(lengthOf(text, length));
+    std::memcpy(data_, text, static_cast<size_t>(length_));
+}
+
+SoString::SoString(const SoString& other) : SoHeap(other) {
+    reserveFresh(other.length_);
+    std::memcpy(data_, other.data_, static_cast<size_t>(length_));
+}
+
+SoString::SoString(SoString&& other) noexcept
+    : SoHeap(other), data_(other.data_), length_(other.length_), capacity_(other.capacity_) {
+    // The source stays a string. Its new buffer is the smallest there is; without memory even for
+    // that the process cannot go on, and noexcept ends it here.
+    other.data_ = newBuffer(0);
+    *other.data_ = '\0';
+    other.length_ = 0;
+    other.capacity_ = kStep;
+}
+
+SoString::SoString(const unsigned short* utf16, int32_t length) {
+    if (utf16 != nullptr && length < 0) {
+        for (length = 0; length < kMaximumScannedUnits && utf16[length] != 0;) {
+            ++length;
+        }
+    }
+    const int32_t count = utf16 == nullptr ? 0 : length;
+    char encoded[kEncodedBytes];
+    int64_t bytes = 0;
+    walkUtf16(utf16, count, [&](uint32_t c) { bytes += EncodeUTF8(c, encoded); });
+    reserveFresh(bytes);
+    char* out = data_;
+    walkUtf16(utf16, count, [&](uint32_t c) { out += EncodeUTF8(c, out); });
+}
+
+SoString::~SoString() {
+    freeHeap(data_);
+}
+
+SoString& SoString::operator=(const SoString& other) {
+    if (this != &other) {
+        assign(other.data_, other.length_);
+    }
+    return *this;
+}
+
+SoString& SoString::operator=(SoString&& other) noexcept {
+    std::swap(data_, other.data_);
+    std::swap(length_, other.length_);
+    std::swap(capacity_, other.capacity_);
+    if (this != &other) {
+        other.shrink(0);
+    }
+    return *this;
+}
+
+const char* SoString::assign(const char* text, int32_t length) {
+    if (text == nullptr) {
+        text = "";
+        length = 0;
+    }
+    const int64_t bytes = lengthOf(text, length);
+    if (capacity_ < bytes + 1) {
+        // A text that needs more room than the buffer has does not lie in it.
+        char* buffer = newBuffer(bytes);
+        freeHeap(data_);
+        data_ = buffer;
+        capacity_ = capacityFor(bytes);
+    }
+    std::memmove(data_, text, static_cast<size_t>(bytes));
+    length_ = static_cast<int32_t>(bytes);
+    data_[length_] = '\0';
+    return data_;
+}
+
+void SoString::append(const char* text, int32_t length) {
+    if (text == nullptr) {
+        return;
+    }
+    const int64_t bytes = lengthOf(text, length);
+    const int64_t newLength = length_ + bytes;
+    if (newLength >= capacity_) {
+        char* buffer = newBuffer(newLength);
+        std::memcpy(buffer, data_, static_cast<size_t>(length_) + 1);
+        std::memcpy(buffer + length_, text, static_cast<size_t>(bytes)); // may lie in the old one
+        freeHeap(data_);
+        data_ = buffer;
+        capacity_ = capacityFor(newLength);
+    } else {
+        std::memmove(data_ + length_, text, static_cast<size_t>(bytes));
+    }
+    length_ = static_cast<int32_t>(newLength);
+    data_[length_] = '\0';
+}
+
+void SoString::append(long n) {
+    char digits[std::numeric_limits<uint32_t>::digits10 + 1];
+    const auto result = std::to_chars(digits, digits + sizeof digits, static_cast<uint32_t>(n));
+    append(digits, static_cast<int32_t>(result.ptr - digits));
+}
+
+void SoString::shrink(int32_t n) {
+    if (n >= 0 && n < length_) {
+        length_ = n;
+        data_[n] = '\0';
+    }
+}
+
+int SoString::compare(const char* text) const {
+    return std::strcmp(data_, text != nullptr ? text : "");
+}
+
+SoString SoString::lowercase() const {
+    SoString result(*this);
+    result.makeLowercase();
+    return result;
+}
+
+SoString SoString::uppercase() const {
+    SoString result(*this);
+    convertBytes(result.data_, [](int c) { return std::toupper(c); });
+    return result;
+}
+
+void SoString::makeLowercase() {
+    convertBytes(data_, [](int c) { return std::tolower(c); });
+}
+
+void SoString::convertToUtf16(unsigned short* out, uint32_t steps) const {
+    walkUtf8(data_, data_ + length_, steps,
+             [&out](uint32_t unit) { *out++ = static_cast<unsigned short>(unit); });
+}
+
+int32_t SoString::utf16Units() const {
+    int64_t units = 0;
+    walkUtf8(data_, data_ + length_, static_cast<uint32_t>(length_) + 1,
+             [&units](uint32_t) { ++units; });
+    return static_cast<int32_t>(units); // a byte gives one unit at most
+}
+
+SoString& operator<<(SoString& string, const SoString& text) {
+    string.append(text.c_str(), text.length());
+    return string;
+}
+
+SoString& operator<<(SoString& string, const char* text) {
+    string.append(text);
+    return string;
+}
+
+SoString& operator<<(SoString& string, char c) {
+    string.append(c);
+    return string;
+}
+
+SoString& operator<<(SoString& string, unsigned long n) {
+    string.append(static_cast<long>(n));
+    return string;
+}
+
+SoString& operator<<(SoString& string, long n) {
+    string.append(n);
+    return string;
+}
+
+SoString& operator<<(SoString& string, unsigned int n) {
+    string.append(static_cast<long>(n));
+    return string;
+}
+
+SoString& operator<<(SoString& string, int n) {
+    string.append(static_cast<long>(n));
+    return string;
+}
+
+SoString& operator<<(SoString& string, double number) {
+    // The largest double has 309 digits; "%.0f" writes no decimal point, whatever the locale.
+    char digits[std::numeric_limits<double>::max_exponent10 + 8];
+    const int bytes = std::snprintf(digits, sizeof digits, "%.0f", number);
+    string.append(digits, bytes);
+    return string;
+}
+
+int32_t EncodeUTF8(uint32_t codePoint, char* out) {
+    if (codePoint < 0x80) {
+        *out = static_cast<char>(codePoint);
+        return 1;
+    }
+    if (codePoint >= 0x7FFFFFFF) {
+        codePoint = kReplacement;
+    }
+    struct Form {
+        uint32_t below;
+        uint32_t lead;
+        int32_t bytes;
+    };
+    static constexpr std::array<Form, 5> forms = {{{0x800, 0xC0, 2},
+                                                   {0x10000, 0xE0, 3},
+                                                   {0x200000, 0xF0, 4},
+                                                   {0x4000000, 0xF8, 5},
+                                                   {0x7FFFFFFF, 0xFC, 6}}};
+    const Form* form = forms.data();
+    while (codePoint >= form->below) {
+        ++form;
+    }
+    for (int32_t i = form->bytes - 1; i > 0; --i) {
+        out[i] = static_cast<char>(0x80 | (codePoint & 0x3F));
+        codePoint >>= 6;
+    }
+    *out = static_cast<char>(form->lead | codePoint);
+    return form->bytes;
+}
+
+} // namespace ScObjects

@@ -1,0 +1,114 @@
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "scriptobjects/core/SoExport.h"
+#include "scriptobjects/core/SoHeap.h"
+
+namespace ScObjects {
+
+// A growable byte string that holds UTF-8; nothing checks that it does, and lengths count bytes.
+//
+// Owns its buffer, which is always terminated by a zero byte and never null. Buffers have the
+// smallest multiple of 128 bytes above the length. A moved-from string is empty. Used by one thread
+// at a time; any number may read one that nobody changes.
+//
+// Texts: null counts as "", a negative length means up to the first zero byte, and a text may lie
+// in the string's own buffer. Throws std::bad_alloc, the string unchanged, when memory runs out or
+// the result would have 2^31 bytes.
+class SO_EXPORT SoString : public SoHeap {
+public:
+    static constexpr int32_t kStep = 128; // bytes; headers, specifiers and paths fit one or two
+
+    SoString();
+    explicit SoString(char c);
+    SoString(const char* text,
+             int32_t length = -1); // NOLINT(google-explicit-constructor): a text is one
+    // UTF-16 in the machine's byte order, `length` units or, when negative, up to the first zero
+    // unit and at most 65,536. Pairs are joined, a lone surrogate becomes the three bytes of its
+    // own value.
+    explicit SoString(const unsigned short* utf16, int32_t length = -1);
+    SoString(const SoString& other);
+    SoString(SoString&& other) noexcept;
+    ~SoString() override;
+
+    SoString& operator=(const SoString& other);
+    SoString& operator=(SoString&& other) noexcept;
+
+    // Replaces the content; returns the buffer, good until the next change.
+    const char* assign(const char* text, int32_t length = -1);
+
+    void append(const char* text, int32_t length = -1);
+    void append(char c) { append(&c, 1); }
+    // The number as an unsigned 32-bit decimal: -1 is written 4294967295.
+    void append(long n);
+
+    // Cuts the string to `n` bytes; nothing when `n` is negative or not below the length.
+    void shrink(int32_t n);
+
+    // Less than, equal to or greater than 0, as strcmp orders the two texts.
+    int compare(const char* text) const;
+    int compare(const SoString& other) const { return compare(other.data_); }
+
+    // A copy in which every byte before the first zero byte has gone through tolower or toupper.
+    SoString lowercase() const;
+    SoString uppercase() const;
+    // The same in place.
+    void makeLowercase();
+
+    // Writes the text as UTF-16 into `out`, at most `steps` code points; a code point above 0xFFFF
+    // takes two units, so `out` must have room for twice `steps` units, or for `utf16Units()` of
+    // them. Ends with a zero unit when a step is left for it. What is no UTF-8 gives FFFD: one unit
+    // and the end for a sequence that the end of the string cuts off, one unit for every step that
+    // is left for a stray continuation byte.
+    void convertToUtf16(unsigned short* out, uint32_t steps) const;
+    // The units that a conversion with as many steps as there are bytes, and one more, writes.
+    int32_t utf16Units() const;
+
+    // The buffer, good until the next change.
+    const char* c_str() const { return data_; }
+    int32_t length() const { return length_; }
+    int32_t capacity() const { return capacity_; } // bytes of the buffer
+    bool isEmpty() const { return length_ == 0; }
+    // The bytes up to the length, good until the next change.
+    std::string_view view() const { return {data_, static_cast<size_t>(length_)}; }
+
+private:
+    void reserveFresh(int64_t length);
+    void grow(int64_t length);
+
+    char* data_;
+    int32_t length_ = 0;
+    int32_t capacity_ = 0;
+};
+
+static_assert(sizeof(int32_t) == 4, "lengths are 32-bit on every platform");
+
+inline bool operator==(const SoString& a, const SoString& b) {
+    return a.compare(b) == 0;
+}
+inline bool operator==(const SoString& a, const char* b) {
+    return a.compare(b) == 0;
+}
+inline bool operator<(const SoString& a, const SoString& b) {
+    return a.compare(b) < 0;
+}
+
+// Appenders; they return the string on the left, so they chain. Whole numbers are written as
+// unsigned 32-bit decimals (wider ones modulo 2^32, -1 as 4294967295), a double rounded to a whole
+// number, half to even.
+SO_EXPORT SoString& operator<<(SoString& string, const SoString& text);
+SO_EXPORT SoString& operator<<(SoString& string, const char* text);
+SO_EXPORT SoString& operator<<(SoString& string, char c);
+SO_EXPORT SoString& operator<<(SoString& string, unsigned long n);
+SO_EXPORT SoString& operator<<(SoString& string, long n);
+SO_EXPORT SoString& operator<<(SoString& string, unsigned int n);
+SO_EXPORT SoString& operator<<(SoString& string, int n);
+SO_EXPORT SoString& operator<<(SoString& string, double number);
+
+// Writes a code point in the long form of UTF-8, up to six bytes, into `out` (room for six) and
+// returns the number of bytes; FFFD in place of 0x7FFFFFFF and above. Any thread.
+SO_EXPORT int32_t EncodeUTF8(uint32_t codePoint, char* out);
+
+} // namespace ScObjects

@@ -1,0 +1,191 @@
+#include "scriptobjects/core/SoThread.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <new>
+#include <thread>
+
+#include "platform/Threads.h"
+
+namespace ScObjects {
+namespace {
+
+// Locks come and go on every thread, so both are atomic.
+constinit std::atomic<uint32_t> gUsers{0};
+constinit std::atomic<Thread::ID> gMainThread{0};
+
+// The address of a variable of the thread's own: no two living threads have the same.
+Thread::ID ownID() {
+    static thread_local char mark = 0;
+    return reinterpret_cast<Thread::ID>(&mark);
+}
+
+bool addUser() {
+    if (gUsers.fetch_add(1) != 0) {
+        return false;
+    }
+    gMainThread = ownID();
+    return true;
+}
+
+bool removeUser() {
+    return gUsers.fetch_sub(1) == 1;
+}
+
+} // namespace
+
+struct SoLock::LockData : SoHeap {
+    std::recursive_mutex mutex;
+};
+
+SoLock::SoLock() : data_(std::make_unique<LockData>()) {
+    addUser();
+}
+
+SoLock::~SoLock() {
+    removeUser();
+}
+
+// The analysis sees the capability, not the mutex that implements it.
+void SoLock::acquire() SO_NO_THREAD_SAFETY_ANALYSIS {
+    data_->mutex.lock();
+}
+
+void SoLock::release() SO_NO_THREAD_SAFETY_ANALYSIS {
+    data_->mutex.unlock();
+}
+
+SoLockable::SoLockable() : lock_(std::make_unique<SoLock>()) {}
+
+SoLockable::~SoLockable() = default;
+
+ObjectLock::ObjectLock(const SoLockable& object) SO_NO_THREAD_SAFETY_ANALYSIS
+    : lock_(*object.lock_) {
+    lock_.acquire();
+}
+
+ObjectLock::~ObjectLock() SO_NO_THREAD_SAFETY_ANALYSIS {
+    lock_.release();
+}
+
+bool Thread::InitTerm::init() {
+    return addUser();
+}
+
+bool Thread::InitTerm::exit() {
+    return removeUser();
+}
+
+struct Thread::ThreadData : SoHeap {
+    enum class Gate { closed, open, abandoned };
+
+    std::mutex gateMutex;
+    std::condition_variable gateChanged;
+    Gate gate = Gate::closed;
+
+    std::mutex joinMutex; // held while joining: a second waiter waits for the first
+    std::thread thread;
+    std::atomic<ID> id{0};
+    bool created = false;
+
+    void set(Gate state) {
+        {
+            const std::lock_guard<std::mutex> lock(gateMutex);
+            if (gate != Gate::closed) {
+                return;
+            }
+            gate = state;
+        }
+        gateChanged.notify_all();
+    }
+
+    bool waitUntilOpen() {
+        std::unique_lock<std::mutex> lock(gateMutex);
+        gateChanged.wait(lock, [this] { return gate != Gate::closed; });
+        return gate == Gate::open;
+    }
+
+    void join() {
+        const std::lock_guard<std::mutex> lock(joinMutex);
+        if (thread.joinable()) {
+            thread.join();
+        }
+    }
+};
+
+Thread::Thread() : data_(std::make_unique<ThreadData>()) {
+    addUser();
+    data_->created = platform::Threads::system().start(data_->thread, enter, this);
+    if (!data_->created) {
+        error_ = kCreationFailed;
+    }
+}
+
+Thread::~Thread() {
+    data_->set(ThreadData::Gate::abandoned); // for a thread that was never released
+    data_->join();
+    removeUser();
+}
+
+void Thread::start() {
+    if (data_->created) {
+        data_->set(ThreadData::Gate::open);
+    }
+}
+
+void Thread::enter(void* thread) {
+    static_cast<Thread*>(thread)->body();
+}
+
+void Thread::body() {
+    if (!data_->waitUntilOpen()) {
+        return;
+    }
+    data_->id = ownID();
+    running_ = true;
+    try {
+        runInit();
+        run();
+    } catch (const std::bad_alloc&) {
+        error_ = kOutOfMemory;
+    } catch (...) {
+        error_ = kException;
+    }
+    running_ = false;
+    try {
+        runExit();
+    } catch (...) {
+        error_ = kException;
+    }
+}
+
+bool Thread::waitForRunExit() {
+    if (data_->id != ownID()) {
+        data_->join();
+    }
+    return true;
+}
+
+void Thread::runInit() {}
+
+void Thread::runExit() {}
+
+void Thread::wait(unsigned int milliseconds) {
+    sleep(milliseconds);
+}
+
+bool Thread::stop() {
+    return true;
+}
+
+void Thread::sleep(unsigned int milliseconds) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+}
+
+Thread::ID Thread::getCurrentID() {
+    const ID id = ownID();
+    return id == gMainThread ? 0 : id;
+}
+
+} // namespace ScObjects
