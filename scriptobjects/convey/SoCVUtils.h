@@ -9,7 +9,8 @@
 // std::bad_alloc.
 namespace ScObjects::ConveyUtils {
 
-// Nothing to prepare and nothing to give back; they keep their places in the order of start and end.
+// Nothing to prepare and nothing to give back; they keep their places in the order of start and
+// end.
 void init();
 void exit();
 

@@ -1,0 +1,137 @@
+#include "scriptobjects/connector/PCDConnector.h"
+
+#include <algorithm>
+#include <mutex>
+#include <string_view>
+
+#include "scriptobjects/connector/PCDIterator.h"
+#include "scriptobjects/connector/PCDWrapper.h"
+#include "scriptobjects/connector/SoCVConnectorAppInfo.h"
+
+namespace ScObjects {
+namespace {
+
+constexpr int32_t kDomainKeys = 5;
+constexpr const char* kName = "PCD";
+
+const char* domainSuffix(int32_t key) {
+    static constexpr const char* suffixes[kDomainKeys] = {"-installer", "-ivor", "-zor", "-wex",
+                                                          "-pyl"};
+    return key >= 0 && key < kDomainKeys ? suffixes[key] : "";
+}
+
+// The folder that hosts set before they start the layer. Never destroyed: see Retired connectors.
+struct CapsFolder {
+    std::mutex mutex;
+    SoString path;
+    int32_t connectors = 0;
+};
+
+CapsFolder& capsFolder() {
+    static auto* const folder = new CapsFolder;
+    return *folder;
+}
+
+} // namespace
+
+PCDConnector::PCDConnector(const SoString& appName, bool master, DomainKey key)
+    : ConveyConnector(appName),
+      master_(master),
+      key_(key),
+      wrapper_(std::make_unique<PCDWrapper>(master, key < kDomainKeys ? key : kIvorDomain)) {
+    const std::lock_guard<std::mutex> lock(capsFolder().mutex);
+    ++capsFolder().connectors;
+}
+
+PCDConnector::~PCDConnector() {
+    const std::lock_guard<std::mutex> lock(capsFolder().mutex);
+    if (--capsFolder().connectors == 0) {
+        capsFolder().path = SoString();
+    }
+}
+
+bool PCDConnector::isGood() const {
+    ObjectLock lock(*this);
+    return wrapper_->isGood();
+}
+
+SoString PCDConnector::getName() const {
+    SoString name(kName);
+    if (!master_) {
+        name << "-cache" << domainSuffix(key_);
+    } else if (key_ != kIvorDomain) {
+        name << "-master" << domainSuffix(key_);
+    }
+    return name;
+}
+
+bool PCDConnector::initLists(CVConnectorAppInfoList& list, SoVector<SoString>& groups) {
+    PCDInitLists walk(list, groups);
+    const bool complete = walk.run(*wrapper_);
+    productModTime_ = walk.productModTime();
+    domainModTime_ = walk.domainModTime();
+    return complete;
+}
+
+bool PCDConnector::updateCache(bool force) {
+    ObjectLock lock(*this);
+    if (productModTime_ == 0) {
+        return false;
+    }
+    bool changed = false;
+    uint32_t time = 0;
+    if (wrapper_->capsGetLastModTime(time) == PCDWrapper::kSuccess && time != productModTime_) {
+        productModTime_ = time;
+        changed = true;
+    }
+    if (wrapper_->pcdGetLastModTime(time) == PCDWrapper::kSuccess && time != domainModTime_) {
+        domainModTime_ = time;
+        changed = true;
+    }
+    if (!changed && !force) {
+        return false;
+    }
+    clearCache();
+    return !force || ConveyConnector::updateCache(true);
+}
+
+uint32_t PCDConnector::getTimestamp() const {
+    ObjectLock lock(*this);
+    uint32_t products = 0;
+    uint32_t domains = 0;
+    (void)wrapper_->capsGetLastModTime(products); // 0 when it cannot be read
+    (void)wrapper_->pcdGetLastModTime(domains);
+    return std::max(products, domains);
+}
+
+bool PCDConnector::addToGroup(const SoString&, const SoString&, const SoString*) {
+    return false;
+}
+
+bool PCDConnector::removeFromGroup(const SoString&, const SoString&, const SoString*) {
+    return false;
+}
+
+bool PCDConnector::skipImport(const CVConnectorAppInfo& info) const {
+    return hasRecordOrNoList(info.specifier);
+}
+
+void PCDConnector::setCapsFolder(const SoString& folder) {
+    const std::lock_guard<std::mutex> lock(capsFolder().mutex);
+    capsFolder().path = folder;
+}
+
+SoString PCDConnector::getCapsFolder() {
+    const std::lock_guard<std::mutex> lock(capsFolder().mutex);
+    return capsFolder().path;
+}
+
+ConveyConnector* ConveyUtils::createConnector(const SoString& appName, const SoString& type) {
+    if (!type.isEmpty() && type != "default" && type != kName) {
+        return nullptr;
+    }
+    auto connector = std::make_unique<PCDConnector>(appName, true, PCDConnector::kIvorDomain);
+    return connector->isGood() ? connector.release() : nullptr;
+}
+
+} // namespace ScObjects

@@ -1,0 +1,96 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "scriptobjects/core/SoExport.h"
+#include "scriptobjects/core/SoHeap.h"
+
+struct capsiSession;
+
+namespace ScObjects {
+
+class SoString;
+
+// The installed-product database library, bound by name at run time, and the two sessions that the
+// registry reads through.
+//
+// Owned by its connector; owns the library handle and the sessions. What the library hands out
+// (texts, null-terminated lists) belongs to the session: it stays good until the next list of
+// subdomains or payloads finds the database changed, or until the wrapper goes.
+//
+// Every operation returns the library's status: 0 success, 8 nothing there. The wrapper's own are 1
+// (no library, or a function is missing), 9 (no product session) and 11 (may not be written).
+// Outputs are written on success only, unless said otherwise.
+//
+// Threads: one at a time; the connector's lock guards it.
+class SO_EXPORT PCDWrapper : public SoHeap {
+public:
+    using capsDomain = int32_t;
+
+    static constexpr int32_t kSuccess = 0;
+    static constexpr int32_t kNotGood = 1;
+    static constexpr int32_t kNothingThere = 8;
+    static constexpr int32_t kNoProductSession = 9;
+    static constexpr int32_t kReadOnly = 11;
+    static constexpr uint32_t kLaunchPathBytes = 1024; // the area that callers of the library give
+
+    // Loads the library and opens the sessions, never creating a database. `open` false binds the
+    // library, for what binding shows, and lets go of it again: such a wrapper is never good.
+    PCDWrapper(bool open, capsDomain domain);
+    ~PCDWrapper() override;
+    PCDWrapper(const PCDWrapper&) = delete;
+    PCDWrapper& operator=(const PCDWrapper&) = delete;
+
+    // True while the library is held and the database open.
+    [[nodiscard]] bool isGood() const { return handle_ != nullptr; }
+    // The domain that the registry is read from.
+    capsDomain domain() const { return domain_; }
+    // Whether it was made to read the registry.
+    bool isOpened() const { return open_; }
+
+    // The number of wrappers of this process that hold the library. Any thread.
+    static int32_t getLibRefCount();
+
+    // Domain data. Domain 0 is the collection "IvorDataCollectionActingAsADomain" of the product
+    // data (install state 4): its payloads are the subdomains; it is not written.
+    int32_t pcdGetDomainDataSubdomains(capsDomain domain, const char* const*& subdomains) const;
+    int32_t pcdGetDomainDataKeys(capsDomain domain, const char* subdomain,
+                                 const char* const*& keys) const;
+    int32_t pcdGetDomainData(capsDomain domain, const char* subdomain, const char* key,
+                             const char*& value) const;
+    int32_t pcdSetDomainData(capsDomain domain, const char* subdomain, const char* key,
+                             const char* value);
+    int32_t pcdRemoveDomainData(capsDomain domain, const char* subdomain, const char* key);
+
+    // Product data.
+    int32_t capsGetCollectionPayloads(const char* collection, int32_t installState,
+                                      const char* const*& payloads) const;
+    int32_t capsGetPayloadDataKeys(const char* payload, capsDomain domain,
+                                   const char* const*& keys) const;
+    int32_t capsGetPayloadData(const char* payload, capsDomain domain, const char* key,
+                               const char*& value) const;
+    int32_t capsGetPayloads(int32_t installState, const char* const*& payloads) const;
+
+    // When product data and domain data were last changed; `time` is 0 unless the status is.
+    int32_t capsGetLastModTime(uint32_t& time) const;
+    int32_t pcdGetLastModTime(uint32_t& time) const;
+
+    // The launch path of an installed payload; `path` is empty unless the status is 0.
+    int32_t pdbGetAppLaunchPath(const char* payload, SoString& path) const;
+
+private:
+    struct Functions;
+
+    bool openSessions();
+    void unload();
+
+    std::unique_ptr<Functions> functions_;
+    void* handle_ = nullptr;
+    capsiSession* database_ = nullptr;
+    capsiSession* products_ = nullptr;
+    const capsDomain domain_;
+    const bool open_;
+};
+
+} // namespace ScObjects

@@ -1,0 +1,351 @@
+#include "scriptobjects/connector/SoCVConnector.h"
+
+#include <atomic>
+#include <limits>
+#include <mutex>
+#include <string_view>
+
+#include "scriptobjects/connector/SoCVConnectorAppInfo.h"
+#include "scriptobjects/connector/SoCVGroups.h"
+#include "scriptobjects/convey/SoCVSpecifier.h"
+#include "scriptobjects/convey/SoCVUtils.h"
+#include "scriptobjects/core/SoNumber.h"
+
+namespace ScObjects {
+namespace {
+
+constexpr std::string_view kAnyMinorVersion = ".*";
+constexpr const char* kHighestMinorVersion = ".99"; // minor versions have two digits at most
+
+constinit std::atomic<ConveyConnector*> gConnector{nullptr};
+
+// Connectors that were replaced while the layer runs. Never destroyed as an object: threads may
+// outlive main.
+struct Retired {
+    std::mutex mutex;
+    std::vector<ConveyConnector*> connectors;
+};
+
+Retired& retired() {
+    static auto* const list = new Retired;
+    return *list;
+}
+
+std::string_view majorVersion(std::string_view version) {
+    return version.substr(0, version.find('.'));
+}
+
+// The registration of the application and major version of `specifier` that runs, else `specifier`
+// itself.
+SoString runningOfSameMajorVersion(const ConveyConnector& connector,
+                                   const Convey::Specifier& specifier) {
+    const SoString version = specifier.version();
+    const std::string_view major = majorVersion(version.view());
+    if (major.empty()) {
+        return specifier;
+    }
+    std::vector<SoString> registrations;
+    connector.appendSpecifiersOf(specifier.appName(), registrations);
+    for (const SoString& text : registrations) {
+        const Convey::Specifier candidate(text.c_str(), false);
+        const SoString candidateVersion = candidate.version();
+        if (candidate != specifier && majorVersion(candidateVersion.view()) == major &&
+            candidate.isRunning()) {
+            return candidate;
+        }
+    }
+    return specifier;
+}
+
+// The installed application that `text` names exactly, or by a version pattern such as 7.*; empty
+// for none. Must be called without the connector's lock: it may ask other processes.
+SoString resolveSpecifier(const ConveyConnector& connector, const SoString& text) {
+    Convey::Specifier result(text.c_str(), false);
+    if (result.isInstalled()) {
+        return result;
+    }
+    const SoString version = result.version();
+    std::string_view major = version.view();
+    if (major.size() <= kAnyMinorVersion.size() || !major.ends_with(kAnyMinorVersion)) {
+        return SoString();
+    }
+    major.remove_suffix(kAnyMinorVersion.size());
+    SoString notAbove("-"); // the highest version that is not above
+    notAbove.append(major.data(), static_cast<int32_t>(major.size()));
+    notAbove << kHighestMinorVersion;
+    return result.setVersion(notAbove) ? runningOfSameMajorVersion(connector, result) : SoString();
+}
+
+} // namespace
+
+void ConveyConnector::InitTerm::init(const SoString& appName) {
+    if (get() == nullptr) {
+        set(ConveyUtils::createConnector(appName, SoString()));
+    }
+}
+
+void ConveyConnector::InitTerm::exit() {
+    set(nullptr);
+    std::vector<ConveyConnector*> connectors;
+    {
+        const std::lock_guard<std::mutex> lock(retired().mutex);
+        connectors.swap(retired().connectors);
+    }
+    for (ConveyConnector* connector : connectors) {
+        delete connector;
+    }
+}
+
+ConveyConnector* ConveyConnector::get() {
+    return gConnector.load(std::memory_order_acquire);
+}
+
+void ConveyConnector::set(ConveyConnector* connector) {
+    ConveyConnector* old = gConnector.exchange(connector, std::memory_order_acq_rel);
+    if (old != nullptr && old != connector) {
+        const std::lock_guard<std::mutex> lock(retired().mutex);
+        retired().connectors.push_back(old);
+    }
+}
+
+ConveyConnector::ConveyConnector(const SoString& name) : name_(name) {}
+
+ConveyConnector::~ConveyConnector() = default;
+
+CVConnectorAppInfoList* ConveyConnector::getAppInfoListLocked() const {
+    if (appInfoList_ == nullptr) {
+        auto list = std::make_unique<CVConnectorAppInfoList>();
+        auto groups = std::make_unique<CVGroups>();
+        // A registry that breaks off gives what was read so far: better some targets than none.
+        (void)const_cast<ConveyConnector*>(this)->initLists(*list, groups->texts());
+        groups->split();
+        appInfoList_ = std::move(list);
+        groups_ = std::move(groups);
+    }
+    return appInfoList_.get();
+}
+
+bool ConveyConnector::findRecord(const SoString& specifier, CVConnectorAppInfo& out) const {
+    if (specifier.isEmpty()) {
+        return false;
+    }
+    ObjectLock lock(*this);
+    return getAppInfoListLocked()->find(specifier, out, nullptr);
+}
+
+template <class Field>
+Field ConveyConnector::field(const SoString& specifier, Field CVConnectorAppInfo::*member,
+                             Field unknown) const {
+    if (specifier.isEmpty()) {
+        return unknown;
+    }
+    ObjectLock lock(*this);
+    const CVConnectorAppInfo* found = getAppInfoListLocked()->find(specifier, nullptr);
+    return found != nullptr ? found->*member : unknown;
+}
+
+SoString ConveyConnector::findPreferredApp(const SoString& specifier, const SoString& appName,
+                                           const SoString& group) {
+    const Convey::Specifier caller(specifier.c_str(), false);
+    const Convey::Specifier wanted(appName.c_str(), false);
+    SoString candidate = appName;
+    if (!caller.isEmpty() && !wanted.isEmpty()) {
+        double lowest = -std::numeric_limits<double>::infinity();
+        double highest = std::numeric_limits<double>::infinity();
+        if (caller.appName() == wanted.appName()) {
+            lowest = parseNumber(caller.version().c_str());
+            highest = lowest + 1.0;
+        }
+        ObjectLock lock(*this);
+        (void)getAppInfoListLocked();
+        if (const CVGroupEntry* entry =
+                groups_->findMember(group, wanted.appName(), lowest, highest)) {
+            candidate = entry->pattern;
+        }
+    }
+    return resolveSpecifier(*this, candidate);
+}
+
+SoString ConveyConnector::findGroupForSpecifier(const SoString& specifier, SoString* detail) {
+    if (detail != nullptr) {
+        detail->shrink(0);
+    }
+    {
+        ObjectLock lock(*this);
+        (void)getAppInfoListLocked();
+        if (groups_->isEmpty()) {
+            return SoString();
+        }
+    }
+    const Convey::Specifier full(specifier.c_str(), !Convey::Specifier::isFixUpUnderWay());
+    if (full.isEmpty()) {
+        return SoString();
+    }
+    const SoString version = full.version();
+    SoString key = full.appName();
+    key << '-' << (version.isEmpty() ? SoString("1.0") : version);
+
+    ObjectLock lock(*this);
+    (void)getAppInfoListLocked();
+    const CVGroupEntry* entry = groups_->findGroupOf(key);
+    if (entry == nullptr) {
+        return SoString();
+    }
+    if (detail != nullptr) {
+        *detail = entry->numberText;
+    }
+    return entry->name;
+}
+
+bool ConveyConnector::isGood() const {
+    return true;
+}
+
+int32_t ConveyConnector::getNumberOfRegisteredApplications() const {
+    ObjectLock lock(*this);
+    return getAppInfoListLocked()->count();
+}
+
+SoString ConveyConnector::getApplicationSpecifier(int32_t i) const {
+    if (i == -1) {
+        return name_;
+    }
+    ObjectLock lock(*this);
+    const CVConnectorAppInfo* info = getAppInfoListLocked()->get(i);
+    return info != nullptr ? info->specifier : SoString();
+}
+
+SoString ConveyConnector::getDisplayName(const SoString& appName, const SoString& version,
+                                         const SoString& locale) const {
+    SoString text = appName;
+    if (!version.isEmpty()) {
+        text << '-' << version;
+    }
+    if (!locale.isEmpty()) {
+        text << '-' << locale.lowercase();
+    }
+    CVConnectorAppInfo info;
+    if (!findRecord(Convey::Specifier(text.c_str(), true), info)) {
+        return SoString();
+    }
+    if (!info.displayName.isEmpty()) {
+        return info.displayName;
+    }
+    std::string_view name = info.path.view();
+    const size_t separator = name.rfind(*ConveyUtils::getFolderSeparator().c_str());
+    if (separator != std::string_view::npos) {
+        name.remove_prefix(separator + 1);
+    }
+    name = name.substr(0, name.rfind('.'));
+    return SoString(name.data(), static_cast<int32_t>(name.size()));
+}
+
+SoString ConveyConnector::getApplicationPath(const SoString& specifier, const char* key) const {
+    (void)key; // one path an application
+    if (specifier.isEmpty()) {
+        return SoString();
+    }
+    Convey::Specifier bare(specifier.c_str(), false);
+    bare.setSuffix(SoString());
+    return field(bare, &CVConnectorAppInfo::path, SoString());
+}
+
+bool ConveyConnector::supportsDBGK(const SoString& specifier) const {
+    return field(specifier, &CVConnectorAppInfo::supportsDBGK, false);
+}
+
+bool ConveyConnector::isShellTool(const SoString& specifier) const {
+    return field(specifier, &CVConnectorAppInfo::isShellTool, false);
+}
+
+bool ConveyConnector::getMessageAuthentication(const SoString& specifier) const {
+    return field(specifier, &CVConnectorAppInfo::messageAuthentication, true);
+}
+
+bool ConveyConnector::getMessageDigest(const SoString& specifier) const {
+    return field(specifier, &CVConnectorAppInfo::messageDigest, true);
+}
+
+SoString ConveyConnector::getBundleIdentifier(const SoString& specifier) const {
+    return field(specifier, &CVConnectorAppInfo::bundleIdentifier, SoString());
+}
+
+SoString ConveyConnector::getExecutableBasename(const SoString& specifier) const {
+    return field(specifier, &CVConnectorAppInfo::executableBasename, SoString());
+}
+
+SoString ConveyConnector::getExecutableExtension(const SoString& specifier) const {
+    return field(specifier, &CVConnectorAppInfo::executableExtension, SoString());
+}
+
+SoString ConveyConnector::getOMVDictionary(const SoString& specifier) const {
+    return field(specifier, &CVConnectorAppInfo::omvDictionary, SoString());
+}
+
+SoString ConveyConnector::getDeveloperInstallPath(const SoString& specifier) const {
+    return field(specifier, &CVConnectorAppInfo::developerInstallPath, SoString());
+}
+
+SoString ConveyConnector::getRedirectTo(const SoString& specifier) const {
+    return field(specifier, &CVConnectorAppInfo::redirectTo, SoString());
+}
+
+void ConveyConnector::setProcessID(const SoString& specifier, uint32_t pid) {
+    ObjectLock lock(*this);
+    (void)getAppInfoListLocked()->setProcessID(specifier, pid); // unknown targets have no record
+}
+
+uint32_t ConveyConnector::getProcessID(const SoString& specifier) const {
+    return field(specifier, &CVConnectorAppInfo::processID, 0U);
+}
+
+void ConveyConnector::clearCache() {
+    ObjectLock lock(*this);
+    appInfoList_.reset();
+    groups_.reset();
+}
+
+bool ConveyConnector::registerApplication(const SoString&, const SoString&, const SoString*, bool) {
+    return false;
+}
+
+bool ConveyConnector::unregisterApplication(const SoString&, const SoString*) {
+    return false;
+}
+
+bool ConveyConnector::updateCache(bool force) {
+    if (!force) {
+        return false;
+    }
+    ObjectLock lock(*this);
+    return getAppInfoListLocked() != nullptr;
+}
+
+void ConveyConnector::appendSpecifiersOf(const SoString& appName,
+                                         std::vector<SoString>& out) const {
+    ObjectLock lock(*this);
+    getAppInfoListLocked()->appendSpecifiersOf(appName, out);
+}
+
+bool ConveyConnector::hasRecordOrNoList(const SoString& specifier) const {
+    ObjectLock lock(*this);
+    return appInfoList_ == nullptr || appInfoList_->find(specifier, nullptr) != nullptr;
+}
+
+bool parseEntry(const SoString& entry, SoString& name, SoString& number, SoString& pattern) {
+    const std::string_view text = entry.view();
+    const size_t first = text.find('/');
+    const size_t last = text.rfind('/');
+    if (first == last) {
+        return false; // none, or only one
+    }
+    const auto part = [&text](size_t from, size_t to) {
+        return SoString(text.data() + from, static_cast<int32_t>(to - from));
+    };
+    name = part(0, first);
+    number = part(first + 1, last);
+    pattern = part(last + 1, text.size());
+    return true;
+}
+
+} // namespace ScObjects

@@ -1,0 +1,338 @@
+#include "scriptobjects/connector/SoCVConnectorAppInfo.h"
+
+#include <algorithm>
+#include <memory>
+
+#include "scriptobjects/convey/SoCVSpecifier.h"
+#include "scriptobjects/convey/SoConvey.h"
+#include "scriptobjects/core/SoNumber.h"
+
+namespace ScObjects {
+namespace {
+
+constexpr size_t kFirstBuckets = 64;
+
+// The application name as a specifier in lower case has it, without building one.
+uint32_t appNameHash(std::string_view specifier) {
+    return CVPositionIndex::hash(specifier.substr(0, specifier.find_first_of("-#_")));
+}
+
+} // namespace
+
+CVConnectorAppInfo::CVConnectorAppInfo()
+    : conveyVersion(parseNumber(Convey::kVersion)), executableExtension("app") {}
+
+bool CVConnectorAppInfo::operator==(const CVConnectorAppInfo& other) const {
+    return specifier == other.specifier && path == other.path &&
+           windowClassName == other.windowClassName && bundleIdentifier == other.bundleIdentifier &&
+           conveyVersion == other.conveyVersion &&
+           allowMultipleInstances == other.allowMultipleInstances &&
+           displayName == other.displayName &&
+           messageAuthentication == other.messageAuthentication &&
+           messageDigest == other.messageDigest && supportsDBGK == other.supportsDBGK &&
+           executableBasename == other.executableBasename &&
+           executableExtension == other.executableExtension &&
+           omvDictionary == other.omvDictionary &&
+           developerInstallPath == other.developerInstallPath && redirectTo == other.redirectTo &&
+           isShellTool == other.isShellTool;
+}
+
+// FNV-1a over lower-cased bytes: one hash serves the exact search and the one in lower case.
+uint32_t CVPositionIndex::hash(std::string_view text) {
+    uint32_t value = 2166136261U;
+    for (const char c : text) {
+        const bool upper = c >= 'A' && c <= 'Z';
+        value = (value ^ static_cast<uint8_t>(upper ? c + ('a' - 'A') : c)) * 16777619U;
+    }
+    return value;
+}
+
+void CVPositionIndex::clear() {
+    entries_.clear();
+    buckets_.clear();
+    usedBuckets_ = 0;
+}
+
+CVPositionIndex::Bucket* CVPositionIndex::bucketOf(uint32_t textHash) {
+    const size_t mask = buckets_.size() - 1;
+    // The low bits of FNV-1a are its weakest; Fibonacci hashing spreads all of them.
+    for (size_t i = (textHash * 2654435769U) >> 7;; ++i) {
+        Bucket& bucket = buckets_[i & mask];
+        if (bucket.first < 0 || bucket.textHash == textHash) {
+            return &bucket;
+        }
+    }
+}
+
+void CVPositionIndex::grow() {
+    std::vector<Bucket> old(std::max(kFirstBuckets, buckets_.size() * 2));
+    old.swap(buckets_);
+    for (const Bucket& bucket : old) {
+        if (bucket.first >= 0) {
+            *bucketOf(bucket.textHash) = bucket;
+        }
+    }
+}
+
+void CVPositionIndex::add(uint32_t textHash) {
+    if (usedBuckets_ * 2 >= buckets_.size()) {
+        grow();
+    }
+    const auto position = static_cast<int32_t>(entries_.size());
+    entries_.push_back({textHash, -1});
+    Bucket* bucket = bucketOf(textHash);
+    if (bucket->first < 0) {
+        *bucket = {position, position, textHash};
+        ++usedBuckets_;
+    } else {
+        entries_[static_cast<size_t>(bucket->last)].next = position;
+        bucket->last = position;
+    }
+}
+
+int32_t CVPositionIndex::first(uint32_t textHash) const {
+    return buckets_.empty() ? -1 : const_cast<CVPositionIndex*>(this)->bucketOf(textHash)->first;
+}
+
+int32_t CVPositionIndex::after(int32_t position) const {
+    return entries_[static_cast<size_t>(position)].next;
+}
+
+CVConnectorAppInfoList::CVConnectorAppInfoList() = default;
+
+CVConnectorAppInfoList::~CVConnectorAppInfoList() {
+    clear();
+}
+
+void CVConnectorAppInfoList::indexLocked(const CVConnectorAppInfo& info) {
+    bySpecifier_.add(CVPositionIndex::hash(info.specifier.view()));
+    byAppName_.add(appNameHash(info.specifier.view()));
+}
+
+void CVConnectorAppInfoList::reindexLocked() {
+    bySpecifier_.clear();
+    byAppName_.clear();
+    for (int32_t i = 0; i < items_.count(); ++i) {
+        indexLocked(*items_[i]);
+    }
+}
+
+void CVConnectorAppInfoList::appendLocked(CVConnectorAppInfo* info) {
+    items_.append(info);
+    indexLocked(*info);
+}
+
+CVConnectorAppInfo* CVConnectorAppInfoList::findEqualLocked(const CVConnectorAppInfo& info,
+                                                            int32_t* index) const {
+    // Equal records have equal specifiers.
+    const uint32_t hash = CVPositionIndex::hash(info.specifier.view());
+    for (int32_t i = bySpecifier_.first(hash); i >= 0; i = bySpecifier_.after(i)) {
+        if (*items_[i] == info) {
+            if (index != nullptr) {
+                *index = i;
+            }
+            return items_[i];
+        }
+    }
+    return nullptr;
+}
+
+bool CVConnectorAppInfoList::append(CVConnectorAppInfo* info) {
+    if (info == nullptr) {
+        return false;
+    }
+    std::unique_ptr<CVConnectorAppInfo> owned(info);
+    ObjectLock lock(*this);
+    if (findEqualLocked(*info, nullptr) != nullptr) {
+        return false;
+    }
+    appendLocked(owned.get());
+    (void)owned.release(); // the list owns it
+    return true;
+}
+
+bool CVConnectorAppInfoList::isInList(const CVConnectorAppInfo& info) const {
+    ObjectLock lock(*this);
+    return findEqualLocked(info, nullptr) != nullptr;
+}
+
+bool CVConnectorAppInfoList::update(const CVConnectorAppInfo& info) {
+    ObjectLock lock(*this);
+    if (lastUpdated_ != nullptr && lastUpdated_->specifier == info.specifier) {
+        *lastUpdated_ = info;
+        return true;
+    }
+    if (CVConnectorAppInfo* found = findLocked(info.specifier, nullptr)) {
+        const bool renamed = found->specifier != info.specifier;
+        *found = info;
+        lastUpdated_ = found;
+        if (renamed) {
+            reindexLocked();
+        }
+        return true;
+    }
+    if (info.specifier.isEmpty()) {
+        return false;
+    }
+    auto added = std::make_unique<CVConnectorAppInfo>(info);
+    appendLocked(added.get());
+    lastUpdated_ = added.release();
+    return true;
+}
+
+CVConnectorAppInfo* CVConnectorAppInfoList::findExactLocked(std::string_view specifier,
+                                                            int32_t* index) const {
+    const uint32_t hash = CVPositionIndex::hash(specifier);
+    for (int32_t i = bySpecifier_.first(hash); i >= 0; i = bySpecifier_.after(i)) {
+        if (items_[i]->specifier.view() == specifier) {
+            if (index != nullptr) {
+                *index = i;
+            }
+            return items_[i];
+        }
+    }
+    return nullptr;
+}
+
+CVConnectorAppInfo* CVConnectorAppInfoList::findLocked(const SoString& specifier,
+                                                       int32_t* index) const {
+    if (index != nullptr) {
+        *index = -1;
+    }
+    if (CVConnectorAppInfo* found = findExactLocked(specifier.view(), index)) {
+        return found;
+    }
+    Convey::Specifier bare(specifier.c_str(), false);
+    bare.setInstance(SoString());
+    bare.setSuffix(SoString());
+    // Nothing to drop, or no specifier at all: the first search was the answer.
+    if (bare.isEmpty() || bare == specifier) {
+        return nullptr;
+    }
+    return findExactLocked(bare.view(), index);
+}
+
+CVConnectorAppInfo* CVConnectorAppInfoList::find(const SoString& specifier, int32_t* index) const {
+    ObjectLock lock(*this);
+    return findLocked(specifier, index);
+}
+
+bool CVConnectorAppInfoList::find(const SoString& specifier, CVConnectorAppInfo& out,
+                                  int32_t* index) const {
+    ObjectLock lock(*this);
+    const CVConnectorAppInfo* found = findLocked(specifier, index);
+    if (found == nullptr) {
+        return false;
+    }
+    out = *found;
+    return true;
+}
+
+void CVConnectorAppInfoList::clear() {
+    ObjectLock lock(*this);
+    clearWithoutLocking();
+}
+
+void CVConnectorAppInfoList::clearWithoutLocking() {
+    lastUpdated_ = nullptr;
+    bySpecifier_.clear();
+    byAppName_.clear();
+    while (items_.count() > 0) {
+        delete items_.removeAt(items_.count() - 1);
+    }
+}
+
+bool CVConnectorAppInfoList::getItemAt(int32_t i, CVConnectorAppInfo& out) const {
+    ObjectLock lock(*this);
+    if (i < 0 || i >= items_.count()) {
+        return false;
+    }
+    out = *items_[i];
+    return true;
+}
+
+CVConnectorAppInfo* CVConnectorAppInfoList::get(int32_t i) const {
+    ObjectLock lock(*this);
+    return i < 0 || i >= items_.count() ? nullptr : items_[i];
+}
+
+bool CVConnectorAppInfoList::remove(const CVConnectorAppInfo& info) {
+    ObjectLock lock(*this);
+    int32_t index = -1;
+    if (findEqualLocked(info, &index) == nullptr) {
+        return false;
+    }
+    lastUpdated_ = nullptr;
+    delete items_.removeAt(index);
+    reindexLocked();
+    return true;
+}
+
+// Walks the chain that starts at `record`; a chain longer than the list has met a record twice.
+// False when the first target is missing or the chain has no end.
+bool CVConnectorAppInfoList::redirectedPathLocked(const CVConnectorAppInfo& record,
+                                                  SoString& path) const {
+    const CVConnectorAppInfo* last = nullptr;
+    const CVConnectorAppInfo* current = &record;
+    for (int32_t steps = 0; !current->redirectTo.isEmpty(); ++steps) {
+        if (steps > items_.count()) {
+            return false;
+        }
+        const CVConnectorAppInfo* target = findLocked(current->redirectTo, nullptr);
+        if (target == nullptr) {
+            break;
+        }
+        last = current = target;
+    }
+    if (last == nullptr) {
+        return false;
+    }
+    path = last->path;
+    return true;
+}
+
+bool CVConnectorAppInfoList::resolveRedirectTo() {
+    ObjectLock lock(*this);
+    bool any = false;
+    for (int32_t i = 0; i < items_.count(); ++i) {
+        CVConnectorAppInfo& record = *items_[i];
+        if (record.redirectTo.isEmpty()) {
+            continue;
+        }
+        any = true;
+        SoString path;
+        if (redirectedPathLocked(record, path)) {
+            record.path = path;
+        }
+    }
+    return any;
+}
+
+bool CVConnectorAppInfoList::setProcessID(const SoString& specifier, uint32_t pid) {
+    ObjectLock lock(*this);
+    CVConnectorAppInfo* found = findExactLocked(specifier.view(), nullptr);
+    if (found == nullptr) {
+        return false;
+    }
+    found->processID = pid;
+    return true;
+}
+
+int32_t CVConnectorAppInfoList::count() const {
+    ObjectLock lock(*this);
+    return items_.count();
+}
+
+void CVConnectorAppInfoList::appendSpecifiersOf(const SoString& appName,
+                                                std::vector<SoString>& out) const {
+    ObjectLock lock(*this);
+    const uint32_t hash = CVPositionIndex::hash(appName.view());
+    for (int32_t i = byAppName_.first(hash); i >= 0; i = byAppName_.after(i)) {
+        Convey::Specifier registered(items_[i]->specifier.c_str(), false);
+        if (registered.appName() == appName) {
+            out.push_back(std::move(registered));
+        }
+    }
+}
+
+} // namespace ScObjects

@@ -1,0 +1,437 @@
+#include "scriptobjects/convey/SoCVSpecifier.h"
+
+#include <cmath>
+#include <vector>
+
+#include "scriptobjects/connector/SoCVConnector.h"
+#include "scriptobjects/convey/SoCVContext.h"
+#include "scriptobjects/convey/SoCVUtils.h"
+#include "scriptobjects/core/SoNumber.h"
+
+namespace ScObjects {
+namespace {
+
+constexpr double kHighestVersion = 9999.0; // above every version that is given out
+
+thread_local int fixUpDepth = 0;
+
+bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+SoString toSoString(std::string_view text) {
+    return SoString(text.data(), static_cast<int32_t>(text.size()));
+}
+
+double versionNumber(const Convey::Specifier& specifier) {
+    return parseNumber(specifier.version().c_str());
+}
+
+// The shared context, when it has a registry to ask.
+ConveyContext* contextWithConnector() {
+    ConveyContext* context = Convey::getSharedContext();
+    return context != nullptr && context->getConnector() != nullptr ? context : nullptr;
+}
+
+ConveyConnector* sharedConnector() {
+    ConveyContext* context = Convey::getSharedContext();
+    return context != nullptr ? context->getConnector() : nullptr;
+}
+
+// The registrations of one application, in registry order.
+std::vector<SoString> registrationsOf(const SoString& appName) {
+    std::vector<SoString> specifiers;
+    if (const ConveyConnector* connector = ConveyConnector::get()) {
+        connector->appendSpecifiersOf(appName, specifiers);
+    }
+    return specifiers;
+}
+
+// The registrations among which a specifier without a locale of its own is chosen: one for the
+// user's locale (or for all), one for another.
+struct LocaleChoice {
+    SoString same;
+    SoString other;
+};
+
+bool servesLocale(const Convey::Specifier& registration, const SoString& locale) {
+    const SoString own = registration.locale();
+    return own.isEmpty() || own == locale;
+}
+
+// The last of the highest versions in [lowest, highest), for each of the two candidates as the
+// bound rises: a later registration of the same version replaces an earlier one.
+LocaleChoice chooseByRange(const std::vector<SoString>& registrations, const SoString& locale,
+                           double lowest, double highest) {
+    LocaleChoice choice;
+    for (const SoString& text : registrations) {
+        const Convey::Specifier registration(text.c_str(), false);
+        const double version = versionNumber(registration);
+        if (version >= lowest && version < highest) {
+            (servesLocale(registration, locale) ? choice.same : choice.other) = text;
+            lowest = version;
+        }
+    }
+    return choice;
+}
+
+// The first registration of exactly this version for the locale, else the last for another one.
+LocaleChoice chooseExact(const std::vector<SoString>& registrations, const SoString& locale,
+                         double version) {
+    LocaleChoice choice;
+    for (const SoString& text : registrations) {
+        const Convey::Specifier registration(text.c_str(), false);
+        if (versionNumber(registration) != version) {
+            continue;
+        }
+        if (servesLocale(registration, locale)) {
+            choice.same = text;
+            break;
+        }
+        choice.other = text;
+    }
+    return choice;
+}
+
+} // namespace
+
+CVSpecifierParts CVSpecifierParts::of(std::string_view text) {
+    CVSpecifierParts parts;
+    const size_t hash = text.find('#');
+    if (hash != std::string_view::npos) {
+        parts.suffix = text.substr(hash + 1);
+        text = text.substr(0, hash);
+    }
+    const size_t dash = text.find('-');
+    std::string_view name = text.substr(0, dash);
+    const size_t underscore = name.find('_');
+    if (underscore != std::string_view::npos) {
+        parts.instance = name.substr(underscore + 1);
+        name = name.substr(0, underscore);
+    }
+    parts.appName = name;
+    if (dash == std::string_view::npos) {
+        return parts;
+    }
+    std::string_view fields = text.substr(dash + 1);
+    if (!fields.empty() && isDigit(fields.front())) {
+        const size_t second = fields.find('-');
+        parts.version = fields.substr(0, second);
+        fields = second == std::string_view::npos ? std::string_view() : fields.substr(second + 1);
+    }
+    parts.locale = fields;
+    return parts;
+}
+
+class Convey::Specifier::FixUpScope {
+public:
+    FixUpScope() { ++fixUpDepth; }
+    ~FixUpScope() { --fixUpDepth; }
+    FixUpScope(const FixUpScope&) = delete;
+    FixUpScope& operator=(const FixUpScope&) = delete;
+};
+
+Convey::Specifier::Specifier(const char* text, bool fixUpToo) {
+    if (text == nullptr) {
+        return;
+    }
+    const size_t bytes = std::string_view(text).size();
+    if (bytes > kMaximumBytes) {
+        return;
+    }
+    assign(text, static_cast<int32_t>(bytes));
+    if (fixUpToo) {
+        fixUp(true);
+    } else {
+        makeLowercase();
+    }
+}
+
+SoString Convey::Specifier::appName() const {
+    return toSoString(CVSpecifierParts::of(view()).appName);
+}
+
+SoString Convey::Specifier::instance() const {
+    return toSoString(CVSpecifierParts::of(view()).instance);
+}
+
+SoString Convey::Specifier::version() const {
+    return toSoString(CVSpecifierParts::of(view()).version);
+}
+
+SoString Convey::Specifier::locale() const {
+    return toSoString(CVSpecifierParts::of(view()).locale);
+}
+
+SoString Convey::Specifier::suffix() const {
+    return toSoString(CVSpecifierParts::of(view()).suffix);
+}
+
+// `parts` may be views into this text, so the new one is built beside it.
+void Convey::Specifier::assignParts(const CVSpecifierParts& parts) {
+    SoString text = toSoString(parts.appName);
+    const auto add = [&text](char mark, std::string_view part) {
+        if (!part.empty()) {
+            text << mark;
+            text.append(part.data(), static_cast<int32_t>(part.size()));
+        }
+    };
+    add('_', parts.instance);
+    add('-', parts.version);
+    add('-', parts.locale);
+    add('#', parts.suffix);
+    assign(text.c_str(), text.length());
+}
+
+bool Convey::Specifier::setSuffix(const SoString& suffix) {
+    CVSpecifierParts parts = CVSpecifierParts::of(view());
+    parts.suffix = suffix.view();
+    assignParts(parts);
+    return true;
+}
+
+bool Convey::Specifier::setInstance(const SoString& instance) {
+    CVSpecifierParts parts = CVSpecifierParts::of(view());
+    parts.instance = instance.view();
+    assignParts(parts);
+    return true;
+}
+
+bool Convey::Specifier::setAppName(const SoString& appName) {
+    CVSpecifierParts parts = CVSpecifierParts::of(view());
+    parts.appName = appName.view();
+    assignParts(parts);
+    return true;
+}
+
+bool Convey::Specifier::setGroup(const SoString& group) {
+    SoString text = appName();
+    text << '-' << group;
+    assign(text.c_str(), text.length());
+    fixUp(true);
+    return !isEmpty();
+}
+
+bool Convey::Specifier::isFixUpUnderWay() {
+    return fixUpDepth > 0;
+}
+
+void Convey::Specifier::replaceBy(const SoString& text, const SoString& instance,
+                                  const SoString& suffix) {
+    assign(text.c_str(), text.length());
+    if (!suffix.isEmpty()) {
+        setSuffix(suffix);
+    }
+    if (!instance.isEmpty()) {
+        setInstance(instance);
+    }
+}
+
+// Step for specifiers without a version: the one that goes with the calling application. True
+// when that changed the text.
+bool Convey::Specifier::completeFromContext(const CVSpecifierParts& parts) {
+    ConveyContext* context = contextWithConnector();
+    if (context == nullptr) {
+        return false;
+    }
+    const Specifier own(context->getAppSpecifier().c_str(), false);
+    if (own.isEmpty()) {
+        return false;
+    }
+    ConveyConnector* connector = context->getConnector();
+    SoString group = own.version();
+    if (group.isEmpty()) {
+        group = connector->findGroupForSpecifier(own, nullptr);
+    }
+    if (group.isEmpty()) {
+        return false;
+    }
+    const SoString appName = toSoString(parts.appName);
+    const SoString preferredApp = connector->findPreferredApp(own, appName, group);
+    if (preferredApp.isEmpty() || preferredApp == *this) {
+        return false;
+    }
+    replaceBy(preferredApp, toSoString(parts.instance), toSoString(parts.suffix));
+    return true;
+}
+
+void Convey::Specifier::fixUp(bool useContext) {
+    makeLowercase();
+    const bool outermost = fixUpDepth == 0;
+    const FixUpScope scope;
+    const SoString before = *this; // what the parts below are views into
+    const CVSpecifierParts parts = CVSpecifierParts::of(before.view());
+    const SoString app = toSoString(parts.appName);
+    const SoString ownInstance = toSoString(parts.instance);
+    const SoString ownSuffix = toSoString(parts.suffix);
+    const std::vector<SoString> registrations = registrationsOf(app);
+
+    if (!app.isEmpty() && parts.version.empty()) {
+        if (useContext && outermost && completeFromContext(parts)) {
+            return;
+        }
+        for (const SoString& text : registrations) {
+            Specifier registration(text.c_str(), false);
+            if (!ownInstance.isEmpty()) {
+                registration.setInstance(ownInstance);
+            }
+            if (!ownSuffix.isEmpty()) {
+                registration.setSuffix(ownSuffix);
+            }
+            if (registration.isRunning()) {
+                assign(registration.c_str(), registration.length());
+                return;
+            }
+        }
+    }
+    if (!parts.locale.empty() || registrations.empty()) {
+        return; // an explicit locale is what it is
+    }
+    const SoString userLocale = ConveyUtils::getCurrentLocale();
+    const double version = parseNumber(toSoString(parts.version).c_str());
+    LocaleChoice choice;
+    if (parts.version.find('.') != std::string_view::npos) {
+        choice = chooseExact(registrations, userLocale, version);
+    } else if (parts.version.empty()) {
+        choice = chooseByRange(registrations, userLocale, 0.0, kHighestVersion);
+    } else {
+        choice = chooseByRange(registrations, userLocale, version, version + 1.0);
+    }
+    if (!choice.same.isEmpty() && !choice.other.isEmpty() &&
+        versionNumber(Specifier(choice.other.c_str(), false)) >
+            versionNumber(Specifier(choice.same.c_str(), false))) {
+        choice.same = SoString();
+    }
+    const SoString& chosen = choice.same.isEmpty() ? choice.other : choice.same;
+    if (chosen.isEmpty()) {
+        return;
+    }
+    assign(chosen.c_str(), chosen.length());
+    if (!ownInstance.isEmpty() && instance() != ownInstance) {
+        setInstance(ownInstance);
+    }
+    if (!ownSuffix.isEmpty()) {
+        *this << '#' << ownSuffix;
+    }
+}
+
+bool Convey::Specifier::setVersion(const SoString& newVersion) {
+    const double wanted = newVersion.isEmpty() ? 0.0 : parseNumber(newVersion.c_str());
+    const double highest = std::fabs(wanted); // the bound of a negative version
+    const SoString app = appName();
+    const SoString ownLocale = locale();
+    const SoString matching = ownLocale.isEmpty() ? ConveyUtils::getCurrentLocale() : ownLocale;
+
+    bool found = false;
+    double best = 0.0;
+    SoString chosenVersion;
+    SoString chosenLocale;
+    for (const SoString& text : registrationsOf(app)) {
+        const Specifier registration(text.c_str(), true);
+        if (registration.appName() != app || !servesLocale(registration, matching)) {
+            continue;
+        }
+        const double number = versionNumber(registration);
+        const bool exact = number == wanted;
+        if (exact || (wanted < 0.0 && number <= highest && number > best)) {
+            found = true;
+            best = number;
+            chosenVersion = registration.version();
+            chosenLocale = registration.locale();
+        }
+        if (exact) {
+            break;
+        }
+    }
+    if (!found) {
+        return false;
+    }
+    CVSpecifierParts parts = CVSpecifierParts::of(view());
+    parts.version = chosenVersion.view();
+    parts.locale = chosenLocale.view();
+    assignParts(parts);
+    return locale() == chosenLocale || setLocale(chosenLocale);
+}
+
+bool Convey::Specifier::setLocale(const SoString& newLocale) {
+    SoString wanted = newLocale.isEmpty() ? ConveyUtils::getCurrentLocale() : newLocale;
+    const SoString app = appName();
+    const SoString ownVersion = version();
+    for (const SoString& text : registrationsOf(app)) {
+        const Specifier registration(text.c_str(), true);
+        if (registration.appName() != app || registration.version() != ownVersion ||
+            !servesLocale(registration, wanted)) {
+            continue;
+        }
+        wanted = registration.locale(); // empty for an application without locales
+        CVSpecifierParts parts = CVSpecifierParts::of(view());
+        parts.locale = wanted.view();
+        assignParts(parts);
+        return true;
+    }
+    return false;
+}
+
+SoString Convey::Specifier::group(SoString* detail) const {
+    if (detail != nullptr) {
+        detail->shrink(0);
+    }
+    ConveyConnector* connector = sharedConnector();
+    return connector != nullptr ? connector->findGroupForSpecifier(*this, detail) : SoString();
+}
+
+SoString Convey::Specifier::preferred(const SoString& appName,
+                                      const SoString& versionOrGroup) const {
+    ConveyConnector* connector = sharedConnector();
+    if (connector == nullptr) {
+        return *this;
+    }
+    const SoString group = versionOrGroup.isEmpty()
+                               ? connector->findGroupForSpecifier(*this, nullptr)
+                               : versionOrGroup;
+    SoString result;
+    if (!group.isEmpty()) {
+        result = connector->findPreferredApp(*this, appName, group);
+    }
+    return result.isEmpty() ? appName : result;
+}
+
+SoString Convey::Specifier::getApplicationPath(const char* key) const {
+    const ConveyConnector* connector = ConveyConnector::get();
+    return connector != nullptr ? connector->getApplicationPath(*this, key) : SoString();
+}
+
+bool Convey::Specifier::isInstalled() const {
+    return !isEmpty() && !getApplicationPath(c_str()).isEmpty();
+}
+
+bool Convey::Specifier::isRunning() const {
+    if (isEmpty()) {
+        return false;
+    }
+    const ConveyContext* context = ConveyContext::getCurrentContext();
+    return context != nullptr && context->getAppSpecifier() == *this;
+}
+
+bool Convey::Specifier::registerApplication(const SoString& path, const SoString* detail,
+                                            bool flag) const {
+    ConveyConnector* connector = sharedConnector();
+    return connector != nullptr && connector->registerApplication(*this, path, detail, flag);
+}
+
+bool Convey::Specifier::unregisterApplication(const SoString* detail) const {
+    ConveyConnector* connector = sharedConnector();
+    return connector != nullptr && connector->unregisterApplication(*this, detail);
+}
+
+bool Convey::Specifier::addToGroup(const SoString& group, const SoString* detail) const {
+    ConveyConnector* connector = sharedConnector();
+    return connector != nullptr && connector->addToGroup(*this, group, detail);
+}
+
+bool Convey::Specifier::removeFromGroup(const SoString& group, const SoString* detail) const {
+    ConveyConnector* connector = sharedConnector();
+    return connector != nullptr && connector->removeFromGroup(*this, group, detail);
+}
+
+} // namespace ScObjects
