@@ -10,21 +10,23 @@ struct sqlite3;
 
 namespace caps {
 
+class Statement;
+
 // Results of the database, the same numbers as the CAPS_ constants of ovrel_caps.h.
 enum class Status : int32_t {
     ok = 0,
-    notLoaded = 1,       // never returned here: what a caller reports without the library
-    noDatabase = 2,      // no database file where one is looked for
-    damaged = 3,         // the file is no database, or its content contradicts the schema
-    foreign = 4,         // an SQLite database of another application
-    newerSchema = 5,     // written by a later version of this library
-    tooSmall = 6,        // the caller's area does not hold the answer
-    busy = 7,            // another process holds the database exclusively
-    nothingThere = 8,    // no such entry, or an empty list
-    noSession = 9,       // null or closed session
+    notLoaded = 1,        // never returned here: what a caller reports without the library
+    noDatabase = 2,       // no database file where one is looked for
+    damaged = 3,          // the file is no database, or its content contradicts the schema
+    foreign = 4,          // an SQLite database of another application
+    newerSchema = 5,      // written by a later version of this library
+    tooSmall = 6,         // the caller's area does not hold the answer
+    busy = 7,             // another process holds the database exclusively
+    nothingThere = 8,     // no such entry, or an empty list
+    noSession = 9,        // null or closed session
     invalidArgument = 10, // null pointer, empty name, value over its limit
-    readOnly = 11,       // the file or its folder may not be written
-    failed = 12,         // disk, memory, or another failure of the system
+    readOnly = 11,        // the file or its folder may not be written
+    failed = 12,          // disk, memory, or another failure of the system
 };
 
 // One word for a person, for example "damaged".
@@ -73,8 +75,8 @@ struct Contents {
 };
 
 // Bounds of what is stored; a longer text is refused with Status::invalidArgument.
-inline constexpr size_t kMaxCodeBytes = 255;       // product and payload codes, keys
-inline constexpr size_t kMaxSubdomainBytes = 512;  // prefix and a specifier of 255 bytes
+inline constexpr size_t kMaxCodeBytes = 255;        // product and payload codes, keys
+inline constexpr size_t kMaxSubdomainBytes = 512;   // prefix and a specifier of 255 bytes
 inline constexpr size_t kMaxLaunchPathBytes = 1023; // callers hand over areas of 1,024 bytes
 inline constexpr size_t kMaxValueBytes = 65536;
 
@@ -137,7 +139,7 @@ public:
                                           std::string_view key);
     [[nodiscard]] Status removeSubdomain(int32_t domain, std::string_view subdomain);
 
-    // Products. Adding a code that exists replaces nothing: it is invalidArgument.
+    // Products. Adding a code that exists changes nothing: it is invalidArgument.
     [[nodiscard]] Status addProduct(const Product& product);
     [[nodiscard]] Status addPayload(std::string_view product, const Payload& payload);
     [[nodiscard]] Status removeProduct(std::string_view code);
@@ -148,12 +150,43 @@ public:
     // Empties the database and keeps its schema.
     [[nodiscard]] Status clear();
 
-    // True when the file has changed since the last call, by this connection or by others.
+    // True when the file has changed since the last call, by others, or another one stands in its
+    // place.
     bool changed();
+
+    // Reads rows in one read transaction; the three scans are in the order of registration. For
+    // readers that keep the data in a form of their own. A row whose texts are over the limits, or
+    // that belongs to nothing, is passed over. The views are good inside the call.
+    class Visitor {
+    public:
+        virtual ~Visitor() = default;
+        virtual void onProduct(std::string_view code);
+        virtual void onPayload(std::string_view code, std::string_view kind,
+                               std::string_view launchPath, int32_t installState);
+        virtual void onPayloadData(int32_t domain, std::string_view key, std::string_view value);
+        virtual void onSubdomain(int32_t domain, std::string_view name);
+        virtual void onDomainData(std::string_view key, std::string_view value);
+    };
+    // Each product, after it its payloads, after each its data.
+    [[nodiscard]] Status visitProducts(Visitor& visitor);
+    // Each subdomain, after it its data; of one domain, or of all.
+    [[nodiscard]] Status visitDomain(int32_t domain, Visitor& visitor);
+    [[nodiscard]] Status visitAllDomains(Visitor& visitor);
 
 private:
     struct Impl;
     explicit Store(std::unique_ptr<Impl> impl);
+    [[nodiscard]] Status fail(int sqliteCode, const char* operation);
+    [[nodiscard]] Status refuse(Status status, std::string reason);
+    [[nodiscard]] Status run(Statement& statement, const char* operation);
+    [[nodiscard]] Status visitSubdomains(Statement& subdomains, Visitor& visitor);
+    [[nodiscard]] Status modTime(const char* what, uint32_t& out);
+    [[nodiscard]] Status migrate();
+    template <class Work>
+    Status inTransaction(Work&& work);
+    template <class Work>
+    Status inReadTransaction(Work&& work);
+
     std::unique_ptr<Impl> impl_;
     std::string error_;
 };

@@ -1,0 +1,157 @@
+#include "caps/Session.h"
+
+#include <mutex>
+
+namespace caps {
+namespace {
+
+// The database of this process while sessions are open; both live as long as the library is loaded
+// and need no destructor.
+constinit std::mutex gMutex;
+constinit Database* gDatabase = nullptr;
+
+} // namespace
+
+struct Database::State {
+    std::string path;
+    int32_t users = 0; // under gMutex
+
+    std::mutex mutex; // guards what follows
+    std::unique_ptr<Store> store;
+    std::unordered_map<int32_t, std::shared_ptr<const DomainSnapshot>> domains;
+    std::shared_ptr<const ProductSnapshot> products;
+};
+
+Database::Database(std::string path) : state_(std::make_unique<State>()) {
+    state_->path = std::move(path);
+}
+
+Database::~Database() = default;
+
+Status Database::acquire(Database*& out) {
+    const std::string path = findDatabase();
+    const std::lock_guard<std::mutex> lock(gMutex);
+    if (gDatabase != nullptr && gDatabase->state_->path == path) {
+        // A session must fail where the file has gone or was spoilt since the last one was opened.
+        const std::lock_guard<std::mutex> inner(gDatabase->state_->mutex);
+        const Status status = gDatabase->refreshLocked();
+        if (status != Status::ok) {
+            return status;
+        }
+        ++gDatabase->state_->users;
+        out = gDatabase;
+        return Status::ok;
+    }
+    std::unique_ptr<Database> opened(new Database(path));
+    const Status status = opened->openLocked(opened->state_->store);
+    if (status != Status::ok) {
+        return status;
+    }
+    opened->state_->users = 1;
+    out = opened.release();
+    if (gDatabase == nullptr) {
+        gDatabase = out;
+    }
+    return Status::ok;
+}
+
+Database* Database::acquireOpen() {
+    const std::lock_guard<std::mutex> lock(gMutex);
+    if (gDatabase != nullptr) {
+        ++gDatabase->state_->users;
+    }
+    return gDatabase;
+}
+
+void Database::release(Database* database) {
+    const std::lock_guard<std::mutex> lock(gMutex);
+    if (--database->state_->users == 0) {
+        if (gDatabase == database) {
+            gDatabase = nullptr;
+        }
+        delete database;
+    }
+}
+
+Status Database::openLocked(std::unique_ptr<Store>& out) {
+    return Store::open(state_->path, Store::Access::read, out);
+}
+
+// Drops what was read when the file has changed; opens the file anew when another one stands in
+// its place.
+Status Database::refreshLocked() {
+    if (!state_->store->changed()) {
+        return Status::ok;
+    }
+    std::unique_ptr<Store> store;
+    const Status status = openLocked(store);
+    if (status == Status::ok) {
+        state_->store = std::move(store);
+        state_->domains.clear();
+        state_->products.reset();
+    }
+    return status;
+}
+
+Status Database::domain(int32_t domain, bool refresh, std::shared_ptr<const DomainSnapshot>& out) {
+    const std::lock_guard<std::mutex> lock(state_->mutex);
+    Status status = refresh ? refreshLocked() : Status::ok;
+    if (status != Status::ok) {
+        return status;
+    }
+    std::shared_ptr<const DomainSnapshot>& snapshot = state_->domains[domain];
+    if (snapshot == nullptr) {
+        status = DomainSnapshot::read(*state_->store, domain, snapshot);
+    }
+    if (status == Status::ok) {
+        out = snapshot;
+    }
+    return status;
+}
+
+Status Database::products(bool refresh, std::shared_ptr<const ProductSnapshot>& out) {
+    const std::lock_guard<std::mutex> lock(state_->mutex);
+    Status status = refresh ? refreshLocked() : Status::ok;
+    if (status == Status::ok && state_->products == nullptr) {
+        status = ProductSnapshot::read(*state_->store, state_->products);
+    }
+    if (status == Status::ok) {
+        out = state_->products;
+    }
+    return status;
+}
+
+Status Database::modTimes(bool ofProducts, uint32_t& out) {
+    const std::lock_guard<std::mutex> lock(state_->mutex);
+    const Status status = refreshLocked();
+    if (status != Status::ok) {
+        return status;
+    }
+    return ofProducts ? state_->store->productModTime(out) : state_->store->domainModTime(out);
+}
+
+// Through a connection of its own: reading sessions keep theirs read-only.
+template <class Work>
+Status Database::write(Work&& work) {
+    std::unique_ptr<Store> writer;
+    Status status = Store::open(state_->path, Store::Access::write, writer);
+    if (status == Status::ok) {
+        status = work(*writer);
+    }
+    if (status == Status::ok) {
+        const std::lock_guard<std::mutex> lock(state_->mutex);
+        status = refreshLocked(); // who writes reads what was written
+    }
+    return status;
+}
+
+Status Database::setDomainData(int32_t domain, const char* subdomain, const char* key,
+                               const char* value) {
+    return write([&](Store& store) { return store.setDomainData(domain, subdomain, key, value); });
+}
+
+Status Database::removeDomainData(int32_t domain, const char* subdomain, const char* key) {
+    return write([&](Store& store) { return store.removeDomainData(domain, subdomain, key); });
+}
+
+} // namespace caps

@@ -1,0 +1,206 @@
+#include "caps/Snapshot.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace caps {
+namespace {
+
+constexpr size_t kBlockBytes = 64 * 1024;
+
+} // namespace
+
+const char* TextArena::add(std::string_view text) {
+    const size_t needed = text.size() + 1;
+    if (needed > left_) {
+        const size_t bytes = std::max(needed, kBlockBytes);
+        blocks_.push_back(std::make_unique_for_overwrite<char[]>(bytes));
+        next_ = blocks_.back().get();
+        left_ = bytes;
+    }
+    char* place = next_;
+    std::memcpy(place, text.data(), text.size());
+    place[text.size()] = '\0';
+    next_ += needed;
+    left_ -= needed;
+    return place;
+}
+
+class DomainSnapshot::Builder : public Store::Visitor {
+public:
+    explicit Builder(DomainSnapshot& target) : target_(target) {}
+
+    void onSubdomain(int32_t, std::string_view name) override {
+        endSubdomain();
+        target_.names_.push_back(target_.arena_.add(name));
+        target_.entries_.push_back({target_.keys_.size(), 0});
+    }
+    void onDomainData(std::string_view key, std::string_view value) override {
+        target_.keys_.push_back(target_.arena_.add(key));
+        target_.values_.push_back(target_.arena_.add(value));
+        ++target_.entries_.back().keys;
+    }
+    void end() {
+        endSubdomain();
+        target_.index_.reserve(target_.names_.size());
+        for (size_t i = 0; i < target_.names_.size(); ++i) {
+            target_.index_.add(target_.names_[i], i);
+        }
+        target_.names_.push_back(nullptr);
+    }
+
+private:
+    void endSubdomain() {
+        if (!target_.entries_.empty()) {
+            target_.keys_.push_back(nullptr);
+            target_.values_.push_back(nullptr);
+        }
+    }
+
+    DomainSnapshot& target_;
+};
+
+Status DomainSnapshot::read(Store& store, int32_t domain,
+                            std::shared_ptr<const DomainSnapshot>& out) {
+    auto snapshot = std::make_shared<DomainSnapshot>();
+    Builder builder(*snapshot);
+    const Status status = store.visitDomain(domain, builder);
+    if (status == Status::ok) {
+        builder.end();
+        out = std::move(snapshot);
+    }
+    return status;
+}
+
+ptrdiff_t DomainSnapshot::find(std::string_view name, ptrdiff_t hint) const {
+    for (ptrdiff_t i = hint; i >= 0 && i <= hint + 1; ++i) {
+        if (i < static_cast<ptrdiff_t>(entries_.size()) && name == names_[static_cast<size_t>(i)]) {
+            return i;
+        }
+    }
+    return index_.find(name);
+}
+
+const char* const* DomainSnapshot::keys(ptrdiff_t subdomain) const {
+    return keys_.data() + entries_[static_cast<size_t>(subdomain)].firstKey;
+}
+
+const char* DomainSnapshot::value(ptrdiff_t subdomain, std::string_view key, size_t& hint) const {
+    const Entry& entry = entries_[static_cast<size_t>(subdomain)];
+    for (size_t i = 0; i < entry.keys; ++i) {
+        const size_t position = (hint + i) % entry.keys;
+        if (key == keys_[entry.firstKey + position]) {
+            hint = position + 1;
+            return values_[entry.firstKey + position];
+        }
+    }
+    return nullptr;
+}
+
+class ProductSnapshot::Builder : public Store::Visitor {
+public:
+    explicit Builder(ProductSnapshot& target) : target_(target) {}
+
+    void onProduct(std::string_view code) override {
+        endProduct();
+        const char* text = target_.arena_.add(code);
+        target_.productIndex_.add(text, target_.products_.size());
+        target_.productCodes_.push_back(text);
+        target_.products_.push_back({text});
+        target_.payloadRanges_.push_back({target_.payloads_.size(), 0});
+        target_.payloadCodeOffsets_.push_back(target_.payloadCodes_.size());
+    }
+    void onPayload(std::string_view code, std::string_view kind, std::string_view launchPath,
+                   int32_t installState) override {
+        const char* text = target_.arena_.add(code);
+        target_.payloadIndex_.add(text, target_.payloads_.size());
+        target_.payloadCodes_.push_back(text);
+        target_.payloads_.push_back({text, target_.products_.back().identifier,
+                                     target_.arena_.add(launchPath), installState,
+                                     target_.arena_.add(kind)});
+        target_.valueRanges_.push_back({target_.values_.size(), 0});
+        ++target_.payloadRanges_.back().count;
+    }
+    void onPayloadData(int32_t domain, std::string_view key, std::string_view value) override {
+        target_.values_.push_back({domain, target_.arena_.add(key), target_.arena_.add(value)});
+        ++target_.valueRanges_.back().count;
+    }
+    void end() {
+        endProduct();
+        target_.productCodes_.push_back(nullptr);
+    }
+
+private:
+    void endProduct() {
+        if (!target_.products_.empty()) {
+            target_.payloadCodes_.push_back(nullptr);
+        }
+    }
+
+    ProductSnapshot& target_;
+};
+
+Status ProductSnapshot::read(Store& store, std::shared_ptr<const ProductSnapshot>& out) {
+    auto snapshot = std::make_shared<ProductSnapshot>();
+    Builder builder(*snapshot);
+    const Status status = store.visitProducts(builder);
+    if (status == Status::ok) {
+        builder.end();
+        out = std::move(snapshot);
+    }
+    return status;
+}
+
+const capsProduct* ProductSnapshot::product(std::string_view code) const {
+    const ptrdiff_t found = productIndex_.find(code);
+    return found < 0 ? nullptr : &products_[static_cast<size_t>(found)];
+}
+
+const capsPayload* ProductSnapshot::payload(std::string_view code) const {
+    const ptrdiff_t found = payloadIndex_.find(code);
+    return found < 0 ? nullptr : &payloads_[static_cast<size_t>(found)];
+}
+
+const char* const* ProductSnapshot::payloadsOf(const capsProduct& product) const {
+    const auto position = static_cast<size_t>(&product - products_.data());
+    return payloadCodes_.data() + payloadCodeOffsets_[position];
+}
+
+std::vector<const char*> ProductSnapshot::withState(const capsProduct* product,
+                                                    int32_t installState) const {
+    Range range{0, payloads_.size()};
+    if (product != nullptr) {
+        range = payloadRanges_[static_cast<size_t>(product - products_.data())];
+    }
+    std::vector<const char*> found;
+    for (size_t i = range.first; i < range.first + range.count; ++i) {
+        if (payloads_[i].installState == installState) {
+            found.push_back(payloads_[i].identifier);
+        }
+    }
+    return found;
+}
+
+std::vector<const char*> ProductSnapshot::keys(const capsPayload& payload, int32_t domain) const {
+    const Range range = valueRanges_[static_cast<size_t>(&payload - payloads_.data())];
+    std::vector<const char*> found;
+    for (size_t i = range.first; i < range.first + range.count; ++i) {
+        if (values_[i].domain == domain) {
+            found.push_back(values_[i].key);
+        }
+    }
+    return found;
+}
+
+const char* ProductSnapshot::value(const capsPayload& payload, int32_t domain,
+                                   std::string_view key) const {
+    const Range range = valueRanges_[static_cast<size_t>(&payload - payloads_.data())];
+    for (size_t i = range.first; i < range.first + range.count; ++i) {
+        if (values_[i].domain == domain && key == values_[i].key) {
+            return values_[i].value;
+        }
+    }
+    return nullptr;
+}
+
+} // namespace caps

@@ -1,0 +1,57 @@
+#include "caps/Sqlite.h"
+
+#include <cstring>
+#include <sqlite3.h>
+
+namespace caps {
+
+Statement::Statement(sqlite3* connection, const char* sql) {
+    failure_ = sqlite3_prepare_v2(connection, sql, -1, &statement_, nullptr);
+}
+
+Statement::~Statement() {
+    (void)sqlite3_finalize(statement_); // repeats the failure that `step` has reported
+}
+
+int Statement::step() {
+    return failure_ != SQLITE_OK ? failure_ : sqlite3_step(statement_);
+}
+
+int Statement::run() {
+    const int result = step();
+    reset();
+    return result;
+}
+
+void Statement::reset() {
+    (void)sqlite3_reset(statement_); // repeats the failure that `step` has reported
+}
+
+int64_t Statement::integer(int column) const {
+    return sqlite3_column_int64(statement_, column);
+}
+
+std::string_view Statement::text(int column) const {
+    const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
+    if (bytes == nullptr) {
+        return {};
+    }
+    const auto length = static_cast<size_t>(sqlite3_column_bytes(statement_, column));
+    return {bytes, strnlen(bytes, length)};
+}
+
+void Statement::bindOne(int position, int64_t value) {
+    if (failure_ == SQLITE_OK) {
+        failure_ = sqlite3_bind_int64(statement_, position, value);
+    }
+}
+
+void Statement::bindOne(int position, std::string_view value) {
+    if (failure_ == SQLITE_OK) {
+        const char* bytes = value.empty() ? "" : value.data(); // null would be bound as NULL
+        failure_ = sqlite3_bind_text64(statement_, position, bytes, value.size(), SQLITE_STATIC,
+                                       SQLITE_UTF8);
+    }
+}
+
+} // namespace caps

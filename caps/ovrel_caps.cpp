@@ -1,0 +1,494 @@
+#include "caps/include/ovrel_caps.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <exception>
+#include <new>
+#include <string_view>
+
+#include "caps/Session.h"
+
+using caps::Database;
+using caps::Status;
+
+static_assert(static_cast<int32_t>(Status::ok) == CAPS_OK);
+static_assert(static_cast<int32_t>(Status::notLoaded) == CAPS_NOT_LOADED);
+static_assert(static_cast<int32_t>(Status::noDatabase) == CAPS_NO_DATABASE);
+static_assert(static_cast<int32_t>(Status::damaged) == CAPS_DAMAGED);
+static_assert(static_cast<int32_t>(Status::foreign) == CAPS_FOREIGN);
+static_assert(static_cast<int32_t>(Status::newerSchema) == CAPS_NEWER_SCHEMA);
+static_assert(static_cast<int32_t>(Status::tooSmall) == CAPS_TOO_SMALL);
+static_assert(static_cast<int32_t>(Status::busy) == CAPS_BUSY);
+static_assert(static_cast<int32_t>(Status::nothingThere) == CAPS_NOTHING_THERE);
+static_assert(static_cast<int32_t>(Status::noSession) == CAPS_NO_SESSION);
+static_assert(static_cast<int32_t>(Status::invalidArgument) == CAPS_INVALID_ARGUMENT);
+static_assert(static_cast<int32_t>(Status::readOnly) == CAPS_READ_ONLY);
+static_assert(static_cast<int32_t>(Status::failed) == CAPS_FAILED);
+static_assert(offsetof(capsPayload, kind) == 4 * sizeof(void*), "the kind is the fifth word");
+
+namespace {
+
+constexpr int32_t kReadMode = 1;
+
+// Runs the body of one exported function: no exception crosses into C.
+template <class Body>
+capsStatus guarded(Body&& body) noexcept {
+    try {
+        return static_cast<capsStatus>(body());
+    } catch (const std::bad_alloc&) {
+        return CAPS_FAILED;
+    } catch (const std::exception&) { // the standard library's own, for example a length error
+        return CAPS_FAILED;
+    }
+}
+
+bool isEmpty(const char* text) {
+    return text == nullptr || *text == '\0';
+}
+
+capsStatus openSession(capsiSession** session, int32_t mode) noexcept {
+    return guarded([&] {
+        if (session == nullptr || mode != kReadMode) {
+            return Status::invalidArgument;
+        }
+        Database* database = nullptr;
+        const Status status = Database::acquire(database);
+        if (status != Status::ok) {
+            return status;
+        }
+        *session = new (std::nothrow) capsiSession(database);
+        if (*session == nullptr) {
+            Database::release(database);
+            return Status::failed;
+        }
+        return Status::ok;
+    });
+}
+
+capsStatus closeSession(capsiSession* session) noexcept {
+    if (session == nullptr) {
+        return CAPS_NO_SESSION;
+    }
+    delete session;
+    return CAPS_OK;
+}
+
+// The session's products; with `refresh` the newest state.
+Status products(capsiSession* session, bool refresh) {
+    if (!refresh && session->products != nullptr) {
+        return Status::ok;
+    }
+    std::shared_ptr<const caps::ProductSnapshot> snapshot;
+    const Status status = session->database->products(refresh, snapshot);
+    if (status == Status::ok && snapshot != session->products) {
+        session->lists.clear();
+        session->products = std::move(snapshot);
+    }
+    return status;
+}
+
+// The session's state of a domain; with `refresh` the newest one.
+Status domainOf(capsiSession* session, int32_t number, bool refresh, capsiSession::Domain*& out) {
+    capsiSession::Domain& domain = session->domains[number];
+    out = &domain;
+    if (!refresh && domain.snapshot != nullptr) {
+        return Status::ok;
+    }
+    std::shared_ptr<const caps::DomainSnapshot> snapshot;
+    const Status status = session->database->domain(number, refresh, snapshot);
+    if (status == Status::ok && snapshot != domain.snapshot) {
+        domain = {std::move(snapshot), 0, 0};
+    }
+    return status;
+}
+
+// Looks a payload up and hands it to `use`.
+template <class Use>
+Status withPayload(capsiSession* session, const char* payload, Use&& use) {
+    if (session == nullptr) {
+        return Status::noSession;
+    }
+    if (isEmpty(payload)) {
+        return Status::invalidArgument;
+    }
+    const Status status = products(session, false);
+    if (status != Status::ok) {
+        return status;
+    }
+    const capsPayload* found = session->products->payload(payload);
+    return found == nullptr ? Status::nothingThere : use(*found);
+}
+
+// Looks a subdomain up and hands the domain and the subdomain's position to `use`.
+template <class Use>
+Status withSubdomain(capsiSession* session, int32_t number, const char* subdomain, Use&& use) {
+    if (session == nullptr) {
+        return Status::noSession;
+    }
+    if (isEmpty(subdomain)) {
+        return Status::invalidArgument;
+    }
+    capsiSession::Domain* domain = nullptr;
+    const Status status = domainOf(session, number, false, domain);
+    if (status != Status::ok) {
+        return status;
+    }
+    const ptrdiff_t found = domain->snapshot->find(subdomain, domain->lastSubdomain);
+    if (found < 0) {
+        return Status::nothingThere;
+    }
+    if (found != domain->lastSubdomain) {
+        domain->lastSubdomain = found;
+        domain->nextKey = 0;
+    }
+    return use(*domain, found);
+}
+
+// Hands out a list that was made for a question, under the question's name.
+Status handOut(capsiSession* session, std::string question, std::vector<const char*> list,
+               const char*** out) {
+    if (list.empty()) {
+        return Status::nothingThere;
+    }
+    list.push_back(nullptr);
+    // An answer that was handed out before is the same: it was made from the same state.
+    const auto [entry, added] = session->lists.try_emplace(std::move(question), std::move(list));
+    *out = entry->second.data();
+    return Status::ok;
+}
+
+// The lists of a snapshot are fixed; C has no way to say so that callers would not stumble over.
+const char** list(const char* const* names) {
+    return const_cast<const char**>(names);
+}
+
+Status payloadValue(capsiSession* session, const char* payload, capsDomain domain, const char* key,
+                    const char** value) {
+    if (key == nullptr || value == nullptr) {
+        return session == nullptr ? Status::noSession : Status::invalidArgument;
+    }
+    return withPayload(session, payload, [&](const capsPayload& found) {
+        const char* text = session->products->value(found, domain, key);
+        if (text == nullptr) {
+            return Status::nothingThere;
+        }
+        *value = text;
+        return Status::ok;
+    });
+}
+
+template <class Work>
+capsStatus writing(capsiSession* session, Work&& work) noexcept {
+    return guarded([&] {
+        if (session == nullptr) {
+            return Status::noSession;
+        }
+        const Status status = work(*session->database);
+        if (status == Status::ok) {
+            session->domains.clear(); // read anew at the next question
+        }
+        return status;
+    });
+}
+
+} // namespace
+
+extern "C" {
+
+capsStatus mdbOpenSessionNoCreate(capsiSession** session, int32_t mode) {
+    return openSession(session, mode);
+}
+
+capsStatus pdbOpenSessionNoCreate(capsiSession** session, int32_t mode) {
+    return openSession(session, mode);
+}
+
+capsStatus pcdOpenSessionNoCreate(capsiSession** session, int32_t mode) {
+    return openSession(session, mode);
+}
+
+capsStatus capsOpenSession(capsiSession** session, int32_t mode) {
+    return openSession(session, mode);
+}
+
+capsStatus mdbCloseSession(capsiSession* session) {
+    return closeSession(session);
+}
+
+capsStatus pdbCloseSession(capsiSession* session) {
+    return closeSession(session);
+}
+
+capsStatus pcdCloseSession(capsiSession* session) {
+    return closeSession(session);
+}
+
+capsStatus capsCloseSession(capsiSession* session) {
+    return closeSession(session);
+}
+
+capsStatus mdbGetProductIDList(capsiSession* session, const char*** ids) {
+    return guarded([&] {
+        if (session == nullptr || ids == nullptr) {
+            return session == nullptr ? Status::noSession : Status::invalidArgument;
+        }
+        const Status status = products(session, true);
+        if (status == Status::ok) {
+            *ids = list(session->products->productCodes());
+        }
+        return status;
+    });
+}
+
+capsStatus mdbGetProduct(capsiSession* session, const char* id, const capsProduct** product) {
+    return guarded([&] {
+        if (session == nullptr || isEmpty(id) || product == nullptr) {
+            return session == nullptr ? Status::noSession : Status::invalidArgument;
+        }
+        const Status status = products(session, false);
+        if (status != Status::ok) {
+            return status;
+        }
+        const capsProduct* found = session->products->product(id);
+        if (found == nullptr) {
+            return Status::nothingThere;
+        }
+        *product = found;
+        return Status::ok;
+    });
+}
+
+capsStatus mdbGetProductPayloads(capsiSession* session, const capsProduct* product,
+                                 const char*** payloads) {
+    return guarded([&] {
+        if (session == nullptr || product == nullptr || payloads == nullptr) {
+            return session == nullptr ? Status::noSession : Status::invalidArgument;
+        }
+        const Status status = products(session, false);
+        if (status != Status::ok) {
+            return status;
+        }
+        // By its identifier: the record may be the caller's copy.
+        const capsProduct* found = isEmpty(product->identifier)
+                                       ? nullptr
+                                       : session->products->product(product->identifier);
+        if (found == nullptr) {
+            return Status::nothingThere;
+        }
+        *payloads = list(session->products->payloadsOf(*found));
+        return Status::ok;
+    });
+}
+
+capsStatus mdbGetPayload(capsiSession* session, const char* id, const capsPayload** payload) {
+    return guarded([&] {
+        if (payload == nullptr) {
+            return session == nullptr ? Status::noSession : Status::invalidArgument;
+        }
+        return withPayload(session, id, [payload](const capsPayload& found) {
+            *payload = &found;
+            return Status::ok;
+        });
+    });
+}
+
+capsStatus pdbGetPayloadData(capsiSession* session, const char* payload, capsDomain domain,
+                             const char* key, const char** value) {
+    return guarded([&] { return payloadValue(session, payload, domain, key, value); });
+}
+
+capsStatus pdbGetPayloadDataKeys(capsiSession* session, const char* payload, capsDomain domain,
+                                 const char** keys, uint32_t* slots) {
+    return guarded([&] {
+        if (keys == nullptr || slots == nullptr) {
+            return session == nullptr ? Status::noSession : Status::invalidArgument;
+        }
+        return withPayload(session, payload, [&](const capsPayload& found) {
+            const std::vector<const char*> all = session->products->keys(found, domain);
+            if (all.empty()) {
+                return Status::nothingThere;
+            }
+            const size_t fitting = *slots == 0 ? 0 : std::min<size_t>(all.size(), *slots - 1);
+            std::copy_n(all.begin(), fitting, keys);
+            if (*slots > 0) {
+                keys[fitting] = nullptr;
+            }
+            const bool whole = *slots > all.size();
+            *slots = static_cast<uint32_t>(whole ? all.size() : all.size() + 1);
+            return whole ? Status::ok : Status::tooSmall;
+        });
+    });
+}
+
+capsStatus pdbGetAppLaunchPath(const char* payload, char* buffer, uint32_t* size) {
+    return guarded([&] {
+        if (isEmpty(payload) || buffer == nullptr || size == nullptr) {
+            return Status::invalidArgument;
+        }
+        Database* database = Database::acquireOpen();
+        Status status = database != nullptr ? Status::ok : Database::acquire(database);
+        if (status != Status::ok) {
+            return status;
+        }
+        const capsiSession session(database); // gives the database back
+        std::shared_ptr<const caps::ProductSnapshot> products;
+        status = database->products(false, products);
+        if (status != Status::ok) {
+            return status;
+        }
+        const capsPayload* found = products->payload(payload);
+        if (found == nullptr || *found->launchPath == '\0') {
+            return Status::nothingThere;
+        }
+        const size_t bytes = std::strlen(found->launchPath) + 1;
+        const bool fits = bytes <= *size;
+        *size = static_cast<uint32_t>(bytes);
+        if (fits) {
+            std::memcpy(buffer, found->launchPath, bytes);
+        }
+        return fits ? Status::ok : Status::tooSmall;
+    });
+}
+
+capsStatus pcdGetDomainDataSubdomains(capsiSession* session, capsDomain domain,
+                                      const char*** subdomains) {
+    return guarded([&] {
+        if (session == nullptr || subdomains == nullptr) {
+            return session == nullptr ? Status::noSession : Status::invalidArgument;
+        }
+        capsiSession::Domain* found = nullptr;
+        const Status status = domainOf(session, domain, true, found);
+        if (status != Status::ok) {
+            return status;
+        }
+        if (found->snapshot->isEmpty()) {
+            return Status::nothingThere;
+        }
+        *subdomains = list(found->snapshot->names());
+        return Status::ok;
+    });
+}
+
+capsStatus pcdGetDomainDataKeys(capsiSession* session, capsDomain domain, const char* subdomain,
+                                const char*** keys) {
+    return guarded([&] {
+        if (keys == nullptr) {
+            return session == nullptr ? Status::noSession : Status::invalidArgument;
+        }
+        return withSubdomain(session, domain, subdomain,
+                             [keys](const capsiSession::Domain& found, ptrdiff_t position) {
+                                 *keys = list(found.snapshot->keys(position));
+                                 return Status::ok;
+                             });
+    });
+}
+
+capsStatus pcdGetDomainData(capsiSession* session, capsDomain domain, const char* subdomain,
+                            const char* key, const char** value) {
+    return guarded([&] {
+        if (key == nullptr || value == nullptr) {
+            return session == nullptr ? Status::noSession : Status::invalidArgument;
+        }
+        return withSubdomain(
+            session, domain, subdomain, [&](capsiSession::Domain& found, ptrdiff_t position) {
+                const char* text = found.snapshot->value(position, key, found.nextKey);
+                if (text == nullptr) {
+                    return Status::nothingThere;
+                }
+                *value = text;
+                return Status::ok;
+            });
+    });
+}
+
+capsStatus pcdSetDomainData(capsiSession* session, capsDomain domain, const char* subdomain,
+                            const char* key, const char* value) {
+    if (session != nullptr && (isEmpty(subdomain) || isEmpty(key) || value == nullptr)) {
+        return CAPS_INVALID_ARGUMENT;
+    }
+    return writing(session, [&](Database& database) {
+        return database.setDomainData(domain, subdomain, key, value);
+    });
+}
+
+capsStatus pcdRemoveDomainData(capsiSession* session, capsDomain domain, const char* subdomain,
+                               const char* key) {
+    if (session != nullptr && (isEmpty(subdomain) || isEmpty(key))) {
+        return CAPS_INVALID_ARGUMENT;
+    }
+    return writing(session, [&](Database& database) {
+        return database.removeDomainData(domain, subdomain, key);
+    });
+}
+
+capsStatus capsGetCollectionPayloads(capsiSession* session, const char* collection,
+                                     int32_t installState, const char*** payloads) {
+    return guarded([&] {
+        if (session == nullptr || isEmpty(collection) || payloads == nullptr) {
+            return session == nullptr ? Status::noSession : Status::invalidArgument;
+        }
+        const Status status = products(session, true);
+        if (status != Status::ok) {
+            return status;
+        }
+        const capsProduct* found = session->products->product(collection);
+        if (found == nullptr) {
+            return Status::nothingThere;
+        }
+        return handOut(session, "state " + std::to_string(installState) + " of " + collection,
+                       session->products->withState(found, installState), payloads);
+    });
+}
+
+capsStatus capsGetPayloads(capsiSession* session, int32_t installState, const char*** payloads) {
+    return guarded([&] {
+        if (session == nullptr || payloads == nullptr) {
+            return session == nullptr ? Status::noSession : Status::invalidArgument;
+        }
+        const Status status = products(session, true);
+        if (status != Status::ok) {
+            return status;
+        }
+        return handOut(session, "state " + std::to_string(installState),
+                       session->products->withState(nullptr, installState), payloads);
+    });
+}
+
+capsStatus capsGetPayloadDataKeys(capsiSession* session, const char* payload, capsDomain domain,
+                                  const char*** keys) {
+    return guarded([&] {
+        if (keys == nullptr) {
+            return session == nullptr ? Status::noSession : Status::invalidArgument;
+        }
+        return withPayload(session, payload, [&](const capsPayload& found) {
+            return handOut(session, "keys " + std::to_string(domain) + " of " + payload,
+                           session->products->keys(found, domain), keys);
+        });
+    });
+}
+
+capsStatus capsGetPayloadData(capsiSession* session, const char* payload, capsDomain domain,
+                              const char* key, const char** value) {
+    return guarded([&] { return payloadValue(session, payload, domain, key, value); });
+}
+
+capsStatus capsGetLastModTime(capsiSession* session, uint32_t* time) {
+    return guarded([&] {
+        if (session == nullptr || time == nullptr) {
+            return session == nullptr ? Status::noSession : Status::invalidArgument;
+        }
+        return session->database->modTimes(true, *time);
+    });
+}
+
+capsStatus pcdGetLastModTime(capsiSession* session, uint32_t* time) {
+    return guarded([&] {
+        if (session == nullptr || time == nullptr) {
+            return session == nullptr ? Status::noSession : Status::invalidArgument;
+        }
+        return session->database->modTimes(false, *time);
+    });
+}
+
+} // extern "C"
