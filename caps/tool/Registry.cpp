@@ -1,0 +1,213 @@
+#include "caps/tool/Registry.h"
+
+#include <algorithm>
+#include <charconv>
+
+namespace caps::tool {
+namespace {
+
+struct KnownKey {
+    std::string_view key;
+    KeyKind kind;
+};
+
+constexpr KnownKey kKnownKeys[] = {
+    {kSpecifierKey, KeyKind::text},
+    {"ProductCode", KeyKind::text},
+    {kPathKey, KeyKind::text},
+    {"WindowClassName", KeyKind::text},
+    {kDisplayNameKey, KeyKind::text},
+    {"BundleIdentifier", KeyKind::text},
+    {kVersionKey, KeyKind::decimal},
+    {"AllowMultipleInstances", KeyKind::boolean},
+    {"IsShellTool", KeyKind::boolean},
+    {"MessageAuthentication", KeyKind::boolean},
+    {"MessageDigest", KeyKind::boolean},
+    {"SupportsDBGK", KeyKind::boolean},
+    {kBasenameKey, KeyKind::text},
+    {"ExecutableExtensionWin", KeyKind::text},
+    {"ExecutableExtensionMac", KeyKind::text},
+    {"ExecutableExtensionUnix", KeyKind::text},
+    {"OMVDictionary", KeyKind::text},
+    {"DeveloperInstallPath", KeyKind::text},
+    {kRedirectKey, KeyKind::text},
+    {"ExecutablePath", KeyKind::text},
+};
+
+bool isDecimal(std::string_view text) {
+    double number = 0.0;
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+    return result.ec == std::errc() && result.ptr == text.data() + text.size();
+}
+
+} // namespace
+
+std::optional<KeyKind> keyKind(std::string_view key) {
+    const auto* found = std::find_if(std::begin(kKnownKeys), std::end(kKnownKeys),
+                                     [key](const KnownKey& known) { return known.key == key; });
+    return found == std::end(kKnownKeys) ? std::nullopt : std::optional(found->kind);
+}
+
+std::string lowerCase(std::string_view text) {
+    std::string lower(text);
+    std::transform(lower.begin(), lower.end(), lower.begin(), [](char c) {
+        return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c;
+    });
+    return lower;
+}
+
+std::string subdomainOf(std::string_view specifier) {
+    return std::string(kAppPrefix) + lowerCase(specifier);
+}
+
+bool isApplicationSubdomain(const Subdomain& subdomain) {
+    return subdomain.domain == kRegistryDomain && subdomain.name.starts_with(kAppPrefix) &&
+           subdomain.name.size() > kAppPrefix.size() &&
+           !(subdomain.name + "/").starts_with(kGroupPrefix);
+}
+
+const std::string* find(const std::vector<KeyValue>& keys, std::string_view key) {
+    const auto found = std::find_if(keys.begin(), keys.end(),
+                                    [key](const KeyValue& entry) { return entry.key == key; });
+    return found == keys.end() ? nullptr : &found->value;
+}
+
+std::optional<std::string> specifierFault(std::string_view specifier) {
+    if (specifier.empty()) {
+        return "a specifier cannot be empty";
+    }
+    if (specifier.size() > kMaxSpecifierBytes) {
+        return "a specifier has at most 255 bytes";
+    }
+    if (specifier.find('#') != std::string_view::npos) {
+        return "a registered specifier has no suffix ('#')";
+    }
+    if (specifier.find_first_of("-_") == 0) {
+        return "a specifier begins with the application's name";
+    }
+    if (std::any_of(specifier.begin(), specifier.end(),
+                    [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; })) {
+        return "a specifier has no control characters";
+    }
+    if ((std::string(kAppPrefix) + lowerCase(specifier) + "/").starts_with(kGroupPrefix)) {
+        return "the name \"groups\" is taken by the groups";
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> valueFault(std::string_view key, std::string_view value) {
+    if (value.size() > kMaxValueBytes) {
+        return "a value has at most 65536 bytes";
+    }
+    if (key == kPathKey && value.find('/') == std::string_view::npos) {
+        return "a path holds a '/' (a listing would end abnormally at this one)";
+    }
+    if (key == kSpecifierKey || key == "ProductCode" || key == kRedirectKey) {
+        if (std::optional<std::string> fault = specifierFault(value)) {
+            return fault;
+        }
+    }
+    const std::optional<KeyKind> kind = keyKind(key);
+    if (kind == KeyKind::boolean && value != "true" && value != "false") {
+        return "must be \"true\" or \"false\" (any other spelling counts as false)";
+    }
+    if (kind == KeyKind::decimal && !isDecimal(value)) {
+        return "must be a decimal number";
+    }
+    return std::nullopt;
+}
+
+bool isMakersAddress(std::string_view text) {
+    constexpr std::string_view scheme = "https://";
+    if (!text.starts_with(scheme)) {
+        return false;
+    }
+    text.remove_prefix(scheme.size());
+    const std::string_view host = text.substr(0, text.find('/'));
+    return host.ends_with(".ovrel.example") &&
+           host.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                                  "0123456789.-") == std::string_view::npos;
+}
+
+std::set<std::string> specifiersOfPayloads(const Contents& contents) {
+    std::set<std::string> specifiers;
+    for (const Subdomain& subdomain : contents.subdomains) {
+        if (subdomain.domain != kRegistryDomain || !subdomain.name.starts_with('{')) {
+            continue;
+        }
+        for (const KeyValue& entry : subdomain.data) {
+            if (entry.key.starts_with(kConveyCodeKey) && entry.value.starts_with(kAppPrefix)) {
+                specifiers.insert(entry.value.substr(kAppPrefix.size()));
+            }
+        }
+    }
+    return specifiers;
+}
+
+std::optional<Group> parseGroup(const KeyValue& entry) {
+    std::string_view value = entry.value;
+    if (!entry.key.starts_with(kGroupKeyPrefix) || !value.starts_with(kGroupPrefix)) {
+        return std::nullopt;
+    }
+    value.remove_prefix(kGroupPrefix.size());
+    const size_t first = value.find('/');
+    const size_t last = value.rfind('/');
+    if (first == last) {
+        return std::nullopt;
+    }
+    return Group{entry.key, std::string(value.substr(0, first)),
+                 std::string(value.substr(first + 1, last - first - 1)),
+                 std::string(value.substr(last + 1))};
+}
+
+std::string groupValue(const Group& group) {
+    return std::string(kGroupPrefix) + group.name + "/" + group.number + "/" + group.pattern;
+}
+
+Status writeApplication(Store& store, const Application& application, bool& replaced) {
+    const std::string subdomain = subdomainOf(application.specifier);
+    Status status = store.removeSubdomain(kRegistryDomain, subdomain);
+    if (status != Status::ok && status != Status::nothingThere) {
+        return status;
+    }
+    replaced = status == Status::ok;
+    status = store.setDomainData(kRegistryDomain, subdomain, kSpecifierKey, application.specifier);
+    for (const KeyValue& entry : application.keys) {
+        if (status == Status::ok) {
+            status = store.setDomainData(kRegistryDomain, subdomain, entry.key, entry.value);
+        }
+    }
+    return status;
+}
+
+Status writeGroup(Store& store, const Group& group, bool& replaced) {
+    std::vector<Subdomain> subdomains;
+    const Status status = store.readDomain(kRegistryDomain, subdomains);
+    if (status != Status::ok && status != Status::nothingThere) {
+        return status;
+    }
+    const std::string value = groupValue(group);
+    std::set<std::string> keys;
+    replaced = false;
+    for (const Subdomain& subdomain : subdomains) {
+        if (subdomain.name != kGroupsSubdomain) {
+            continue;
+        }
+        for (const KeyValue& entry : subdomain.data) {
+            keys.insert(entry.key);
+            replaced = replaced || entry.key == group.key;
+            if (group.key.empty() && entry.value == value) {
+                replaced = true;
+                return Status::ok; // said before
+            }
+        }
+    }
+    std::string key = group.key;
+    for (size_t n = keys.size() + 1; key.empty() || (group.key.empty() && keys.count(key) != 0);
+         ++n) {
+        key = std::string(kGroupKeyPrefix) + std::to_string(n);
+    }
+    return store.setDomainData(kRegistryDomain, kGroupsSubdomain, key, value);
+}
+
+} // namespace caps::tool

@@ -1,0 +1,231 @@
+#include "cmd/HostProductInfoFromCapsLib.h"
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "cmd/CapsProductFunctions.h"
+#include "scriptobjects/convey/SoCVUtils.h"
+
+namespace {
+
+constexpr const char* kFramework = "ovrel_caps.framework";
+constexpr int32_t kReadMode = 1;
+constexpr capsDomain kGeneralDomain = 0;
+constexpr capsDomain kLanguageDomain = 6;
+constexpr const char* kNormalKind = "normal"; // of payloads that are applications
+constexpr uint32_t kKeySlots = 100;           // a product rarely has ten languages
+constexpr uint32_t kLaunchPathBytes = 1024;
+constexpr const char* kProgramFolderInBundle = ".app/contents/macos"; // in lower case
+constexpr size_t kBundleExtensionBytes = 4;                           // ".app"
+
+CapsProductFunctions bindFunctions(void* library) {
+    using ScObjects::ConveyUtils::SharedLib;
+    CapsProductFunctions f;
+    SharedLib::getFunction(library, "mdbOpenSessionNoCreate", f.mdbOpenSessionNoCreate);
+    SharedLib::getFunction(library, "mdbCloseSession", f.mdbCloseSession);
+    SharedLib::getFunction(library, "mdbGetProductIDList", f.mdbGetProductIDList);
+    SharedLib::getFunction(library, "mdbGetProduct", f.mdbGetProduct);
+    SharedLib::getFunction(library, "mdbGetProductPayloads", f.mdbGetProductPayloads);
+    SharedLib::getFunction(library, "mdbGetPayload", f.mdbGetPayload);
+    SharedLib::getFunction(library, "pdbOpenSessionNoCreate", f.pdbOpenSessionNoCreate);
+    SharedLib::getFunction(library, "pdbCloseSession", f.pdbCloseSession);
+    SharedLib::getFunction(library, "pdbGetPayloadData", f.pdbGetPayloadData);
+    SharedLib::getFunction(library, "pdbGetPayloadDataKeys", f.pdbGetPayloadDataKeys);
+    SharedLib::getFunction(library, "pdbGetAppLaunchPath", f.pdbGetAppLaunchPath);
+    return f;
+}
+
+// The value of a key, null when it cannot be read.
+const char* payloadValue(const CapsProductFunctions& functions, capsiSession* session,
+                         const char* payload, capsDomain domain, const char* key) {
+    const char* value = nullptr;
+    return functions.pdbGetPayloadData(session, payload, domain, key, &value) == CAPS_OK ? value
+                                                                                         : nullptr;
+}
+
+// The keys of the language domain with a final null; empty when they cannot be read.
+std::vector<const char*> languageKeys(const CapsProductFunctions& functions, capsiSession* session,
+                                      const char* payload) {
+    std::vector<const char*> keys(kKeySlots);
+    uint32_t slots = kKeySlots;
+    int32_t status =
+        functions.pdbGetPayloadDataKeys(session, payload, kLanguageDomain, keys.data(), &slots);
+    if (status == CAPS_TOO_SMALL && slots > kKeySlots) {
+        keys.assign(slots, nullptr);
+        status =
+            functions.pdbGetPayloadDataKeys(session, payload, kLanguageDomain, keys.data(), &slots);
+    }
+    if (status != CAPS_OK) {
+        return {};
+    }
+    keys.back() = nullptr; // whatever the library wrote, the list ends
+    return keys;
+}
+
+// The folder that holds the application bundle, empty when the payload launches none.
+std::string launchFolder(const CapsProductFunctions& functions, const char* payload) {
+    char buffer[kLaunchPathBytes] = {};
+    uint32_t bytes = sizeof buffer;
+    if (functions.pdbGetAppLaunchPath(payload, buffer, &bytes) != CAPS_OK) {
+        return {};
+    }
+    const std::string path(buffer, strnlen(buffer, sizeof buffer));
+    std::string lower = path;
+    std::transform(lower.begin(), lower.end(), lower.begin(), [](char c) {
+        return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c;
+    });
+    const size_t found = lower.find(kProgramFolderInBundle);
+    if (found == std::string::npos) {
+        return {};
+    }
+    const std::string bundle = path.substr(0, found + kBundleExtensionBytes);
+    return bundle.substr(0, bundle.find_last_of("\\/"));
+}
+
+// The product's folder: what lies directly below the install folder on the way to the product's
+// configuration, else the folder of its bundle.
+std::string productFolder(const std::string& configPath, const std::string& installFolder,
+                          const std::string& folderOfBundle) {
+    if (configPath.find(installFolder) != std::string::npos) {
+        // Behind the install folder comes a separator; the next one ends the product's folder.
+        const size_t end = configPath.find('/', installFolder.size() + 1);
+        return configPath.substr(0, end);
+    }
+    return folderOfBundle;
+}
+
+void storeFirst(std::map<std::string, std::string>& table, const std::string& folder,
+                const std::string& value) {
+    std::string& entry = table[folder];
+    if (entry.empty()) {
+        entry = value;
+    }
+}
+
+} // namespace
+
+CHostProductInfoFromCapsLib* CHostProductInfoFromCapsLib::getInstance() {
+    static auto* const instance = [] {
+        using ScObjects::ConveyUtils::SharedLib;
+        void* library = SharedLib::loadPCDLibrary(kFramework);
+        auto* info = new CHostProductInfoFromCapsLib(bindFunctions(library));
+        SharedLib::unloadPCDLibrary(library); // the tables are copies
+        return info;
+    }();
+    return instance;
+}
+
+CHostProductInfoFromCapsLib::CHostProductInfoFromCapsLib(const CapsProductFunctions& functions) {
+    if (!functions.areComplete()) {
+        return;
+    }
+    capsiSession* products = nullptr;
+    capsiSession* payloads = nullptr;
+    if (functions.mdbOpenSessionNoCreate(&products, kReadMode) != CAPS_OK) {
+        return;
+    }
+    if (functions.pdbOpenSessionNoCreate(&payloads, kReadMode) == CAPS_OK) {
+        readProducts(functions, products, payloads);
+        (void)functions.mdbCloseSession(products); // nothing to be done about a failure
+        (void)functions.pdbCloseSession(payloads);
+    } else {
+        (void)functions.mdbCloseSession(products);
+    }
+}
+
+void CHostProductInfoFromCapsLib::readProducts(const CapsProductFunctions& functions,
+                                               capsiSession* products, capsiSession* payloads) {
+    const char** productIDs = nullptr;
+    if (functions.mdbGetProductIDList(products, &productIDs) != CAPS_OK) {
+        return;
+    }
+    for (; productIDs != nullptr && *productIDs != nullptr; ++productIDs) {
+        const capsProduct* product = nullptr;
+        const char** payloadIDs = nullptr;
+        if (functions.mdbGetProduct(products, *productIDs, &product) != CAPS_OK ||
+            functions.mdbGetProductPayloads(products, product, &payloadIDs) != CAPS_OK) {
+            continue;
+        }
+        for (; payloadIDs != nullptr && *payloadIDs != nullptr; ++payloadIDs) {
+            const capsPayload* payload = nullptr;
+            if (functions.mdbGetPayload(products, *payloadIDs, &payload) == CAPS_OK &&
+                payload != nullptr && payload->identifier != nullptr && payload->kind != nullptr &&
+                std::strcmp(payload->kind, kNormalKind) == 0) {
+                readPayload(functions, payloads, payload->identifier);
+            }
+        }
+    }
+}
+
+void CHostProductInfoFromCapsLib::readPayload(const CapsProductFunctions& functions,
+                                              capsiSession* session, const char* payload) {
+    const auto general = [&](const char* key) {
+        return payloadValue(functions, session, payload, kGeneralDomain, key);
+    };
+    const char* languages = general("installedLanguages");
+    const char* configPath = languages != nullptr ? general("PYLConfigPath") : nullptr;
+    const char* installFolder = configPath != nullptr ? general("INSTALLDIR") : nullptr;
+    if (installFolder == nullptr) {
+        return;
+    }
+    const std::string folder =
+        productFolder(configPath, installFolder, launchFolder(functions, payload));
+    if (folder.empty()) {
+        return;
+    }
+    storeFirst(installedLanguages_, folder, languages);
+    const std::vector<const char*> keys = languageKeys(functions, session, payload);
+    std::string pairs;
+    SerializeDummyLanguageKeys(functions, session, payload, keys.empty() ? nullptr : keys.data(),
+                               pairs);
+    if (!pairs.empty()) {
+        storeFirst(languageKeyPairs_, folder, pairs);
+    }
+}
+
+void CHostProductInfoFromCapsLib::SerializeDummyLanguageKeys(const CapsProductFunctions& functions,
+                                                             capsiSession* session,
+                                                             const char* payload,
+                                                             const char* const* keys,
+                                                             std::string& out) {
+    out.clear();
+    for (; keys != nullptr && *keys != nullptr; ++keys) {
+        if (const char* value = payloadValue(functions, session, payload, kLanguageDomain, *keys)) {
+            out.append(*keys).append(",").append(value).append(";");
+        }
+    }
+}
+
+void CHostProductInfoFromCapsLib::stringReplace(std::string& text, const std::string& from,
+                                                const std::string& to) {
+    for (size_t found = text.find(from); found != std::string::npos;
+         found = text.find(from, found + to.size())) {
+        text.replace(found, from.size(), to);
+    }
+}
+
+bool CHostProductInfoFromCapsLib::LookupInstalledLanguages(const std::string& folder,
+                                                           std::string& languages) const {
+    languages.clear();
+    const auto found = installedLanguages_.find(folder);
+    if (found == installedLanguages_.end()) {
+        return false;
+    }
+    languages = found->second;
+    const auto pairs = languageKeyPairs_.find(folder);
+    std::string rest = pairs != languageKeyPairs_.end() ? pairs->second : std::string();
+    for (size_t end = rest.find(';'); end != std::string::npos; end = rest.find(';')) {
+        const std::string pair = rest.substr(0, end);
+        rest.erase(0, end + 1);
+        const size_t comma = pair.find(',');
+        if (comma == std::string::npos || comma == 0) {
+            continue; // no pair, or one without a key
+        }
+        // The last value is whole; an earlier one is never longer than what follows its pair less
+        // one byte. Readers of the listing know the short forms.
+        const size_t longest = rest.empty() ? std::string::npos : rest.size() - 1;
+        stringReplace(languages, pair.substr(0, comma), pair.substr(comma + 1, longest));
+    }
+    return true;
+}

@@ -1,0 +1,91 @@
+#include "cmd/KivraConveyCmd.h"
+
+#include <iostream>
+#include <string_view>
+
+#include "cmd/HostProductInfoFromCapsLib.h"
+#include "platform/Locale.h"
+#include "scriptobjects/convey/SoCVSpecifier.h"
+#include "scriptobjects/convey/SoConvey.h"
+#include "scriptobjects/core/SoString.h"
+
+using ScObjects::Convey;
+using ScObjects::SoString;
+
+namespace {
+
+constexpr const char* kOwnSpecifier = "kivra-7.0";
+constexpr const char* kCheckCommand = "check_running";
+constexpr const char* kDefaultLocale = "en_US";
+constexpr int kCheckArguments = 3; // the program, the command and the specifier
+constexpr int32_t kCheckTimeoutSeconds = 2;
+
+void listProducts() {
+    std::string fallbackLocale = kDefaultLocale;
+    const int32_t count = Convey::getNumberOfRegisteredApplications();
+    std::cout << "<products>" << std::endl;
+    for (int32_t i = 0; i < count; ++i) {
+        const std::string specifier = Convey::getApplicationSpecifier(i).c_str();
+        const std::string path =
+            Convey::Specifier(specifier.c_str(), true).getApplicationPath(nullptr).c_str();
+        std::string folder = path;
+        folder.resize(folder.rfind('/')); // throws without one: see the header
+        std::string languages;
+        CHostProductInfoFromCapsLib::getInstance()->LookupInstalledLanguages(folder, languages);
+        if (languages.empty()) {
+            (void)platform::Locale::system().identifier(fallbackLocale); // else it stays
+            languages = fallbackLocale;
+        }
+        // A line at a time, so that a reader sees each one whole and at once.
+        std::cout << "<product specifier='" + toXMLString(specifier) + "' path='" +
+                         toXMLString(path) + "' locale='" + toXMLString(languages) + "'/>"
+                  << std::endl;
+    }
+    std::cout << "</products>" << std::endl;
+}
+
+} // namespace
+
+int kivraConveyMain(int argc, char** argv) {
+    if (!Convey::InitTerm::init(kOwnSpecifier, true)) {
+        return 1;
+    }
+    if (argc == kCheckArguments) {
+        if (std::string_view(argv[1]) == kCheckCommand) {
+            checkRunning(argv[2]);
+        }
+        return 0; // the layer ends with the process
+    }
+    listProducts();
+    Convey::InitTerm::exit();
+    return 0;
+}
+
+void checkRunning(const std::string& specifier) {
+    const std::string response =
+        Convey::Thread::ping(specifier.c_str(), nullptr, kCheckTimeoutSeconds, nullptr).c_str();
+    std::cout << "<product specifier='" + toXMLString(specifier) + "' running_response='" +
+                     toXMLString(response) + "' />"
+              << std::endl;
+}
+
+std::string toXMLString(const std::string& text) {
+    std::string result;
+    result.reserve(text.size());
+    for (const char c : text) {
+        switch (c) {
+        case '&':
+            result += "&amp;";
+            break;
+        case '<':
+            result += "&lt;";
+            break;
+        case '>':
+            result += "&gt;";
+            break;
+        default:
+            result += c;
+        }
+    }
+    return result;
+}

@@ -1,0 +1,5 @@
+#include "cmd/KivraConveyCmd.h"
+
+int main(int argc, char** argv) {
+    return kivraConveyMain(argc, argv);
+}
