@@ -1,0 +1,74 @@
+#include "scriptobjects/core/SoNumber.h"
+
+#include <clocale>
+#include <cmath>
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <random>
+#include <string>
+
+using ScObjects::parseNumber;
+using ScObjects::parseUnsigned32;
+
+namespace {
+
+// The tests run in the "C" locale, in which the C library's own strtod is the model.
+TEST(SoNumber, readsWhatStrtodReadsInTheCLocale) {
+    const char* cases[] = {"",         "7.0",    "7.5",      "  12",      "+3",
+                           "-2.99",    "--2",    "+-2",      "7.",        ".5",
+                           ".",        "1e3",    "1e",       "1e+",       "0x10",
+                           "0x",       "0x.8p1", "-0x1p-2",  "inf",       "-INF",
+                           "infinity", "nan",    "abc",      "7.0abc",    "1e400",
+                           "-1e400",   "1e-400", "0x1p5000", "0x1p-5000", "99999999999999999999",
+                           "4.9e-324", "7,5",    "7 5",      "\t\n\v9"};
+    for (const char* text : cases) {
+        SCOPED_TRACE(text);
+        const double expected = std::strtod(text, nullptr);
+        const double actual = parseNumber(text);
+        if (std::isnan(expected)) {
+            EXPECT_TRUE(std::isnan(actual));
+        } else {
+            EXPECT_EQ(actual, expected);
+        }
+    }
+    EXPECT_EQ(parseNumber(nullptr), 0.0);
+}
+
+TEST(SoNumber, agreesWithStrtodOnRandomTexts) {
+    const unsigned seed = std::random_device()();
+    SCOPED_TRACE(seed);
+    std::mt19937 random(seed);
+    const std::string alphabet = "0123456789..eE+-x ";
+    for (int i = 0; i < 50'000; ++i) {
+        std::string text;
+        for (size_t n = random() % 12; n > 0; --n) {
+            text += alphabet[random() % alphabet.size()];
+        }
+        SCOPED_TRACE(text);
+        ASSERT_EQ(parseNumber(text.c_str()), std::strtod(text.c_str(), nullptr));
+    }
+}
+
+TEST(SoNumber, readsWholeNumbersAs32BitStrtoulDoes) {
+    const struct {
+        const char* text;
+        uint32_t expected;
+    } cases[] = {{"", 0},
+                 {"12abc", 12},
+                 {"  7", 7},
+                 {"-1", 4294967295},
+                 {"4294967295", 4294967295},
+                 {"4294967296", 4294967295},
+                 {"99999999999999999999999", 4294967295},
+                 {"-4294967296", 4294967295},
+                 {"+5", 5},
+                 {"--5", 0},
+                 {"0x10", 0}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        EXPECT_EQ(parseUnsigned32(c.text), c.expected);
+    }
+    EXPECT_EQ(parseUnsigned32(nullptr), 0U);
+}
+
+} // namespace

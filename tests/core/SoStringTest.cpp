@@ -1,0 +1,221 @@
+#include "scriptobjects/core/SoString.h"
+
+#include <gtest/gtest.h>
+#include <random>
+#include <string>
+#include <vector>
+
+using ScObjects::EncodeUTF8;
+using ScObjects::SoString;
+
+namespace {
+
+std::string text(const SoString& string) {
+    return std::string(string.view());
+}
+
+TEST(SoString, takesBuffersInStepsOf128) {
+    const struct {
+        int32_t length;
+        int32_t capacity;
+    } cases[] = {{0, 128}, {1, 128}, {127, 128}, {128, 256}, {255, 256}, {256, 384}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.length);
+        const std::string bytes(static_cast<size_t>(c.length), 'x');
+        SoString string(bytes.c_str());
+        EXPECT_EQ(string.length(), c.length);
+        EXPECT_EQ(string.capacity(), c.capacity);
+        EXPECT_EQ(SoString(string).capacity(), c.capacity);
+    }
+    SoString full(std::string(127, 'x').c_str());
+    full.append('y');
+    EXPECT_EQ(full.capacity(), 256);
+    full.shrink(0);
+    EXPECT_EQ(SoString(full).capacity(), 128) << "a copy is sized by its own length";
+}
+
+TEST(SoString, takesNullAndLengthsAsTheyCome) {
+    EXPECT_EQ(text(SoString(static_cast<const char*>(nullptr))), "");
+    EXPECT_EQ(text(SoString("", 0)), "");
+    EXPECT_EQ(text(SoString("abc", 2)), "ab");
+    EXPECT_EQ(text(SoString("a\0b", 3)), std::string("a\0b", 3));
+    EXPECT_EQ(SoString('\0').length(), 1);
+    SoString string("abc");
+    string.append(static_cast<const char*>(nullptr));
+    EXPECT_EQ(text(string), "abc");
+    EXPECT_STREQ(string.assign(nullptr), "");
+    EXPECT_EQ(string.compare(static_cast<const char*>(nullptr)), 0);
+}
+
+TEST(SoString, shrinksOnlyToShorterLengths) {
+    for (const auto& [n, expected] : std::vector<std::pair<int32_t, std::string>>{
+             {5, "abc"}, {3, "abc"}, {-1, "abc"}, {1, "a"}, {0, ""}}) {
+        SCOPED_TRACE(n);
+        SoString string("abc");
+        string.shrink(n);
+        EXPECT_EQ(text(string), expected);
+        EXPECT_EQ(string.c_str()[string.length()], '\0');
+    }
+}
+
+TEST(SoString, survivesTextsOfItsOwn) {
+    SoString string("0123456789");
+    string.append(string.c_str() + 5);
+    EXPECT_EQ(text(string), "012345678956789");
+    for (int i = 0; i < 5; ++i) {
+        string << string; // across a change of buffers
+    }
+    EXPECT_EQ(string.length(), 15 * 32);
+    string.assign(string.c_str() + 1, 3);
+    EXPECT_EQ(text(string), "123");
+    SoString& same = string;
+    string = same;
+    EXPECT_EQ(text(string), "123");
+    const SoString moved(std::move(string));
+    EXPECT_EQ(text(moved), "123");
+    ASSERT_NE(string.c_str(), nullptr); // NOLINT(bugprone-use-after-move): that is the promise
+    EXPECT_STREQ(string.c_str(), "");
+}
+
+TEST(SoString, writesNumbersAsUnsigned32BitDecimals) {
+    SoString string;
+    string << 7 << ',' << -1 << ',' << 4294967295U << ',' << -1L << ',' << 12UL;
+    EXPECT_EQ(text(string), "7,4294967295,4294967295,4294967295,12");
+    const struct {
+        double value;
+        const char* expected;
+    } cases[] = {{2.5, "2"}, {3.5, "4"}, {-0.4, "-0"}, {1e15, "1000000000000000"}};
+    for (const auto& c : cases) {
+        SoString number;
+        number << c.value;
+        EXPECT_EQ(text(number), c.expected);
+    }
+    SoString huge;
+    huge << 1.7976931348623157e308;
+    EXPECT_EQ(huge.length(), 309);
+}
+
+TEST(SoString, lowersOnlyUpToTheFirstZeroByte) {
+    EXPECT_EQ(text(SoString("aB\0cD", 5).lowercase()), std::string("ab\0cD", 5));
+    EXPECT_EQ(text(SoString("aB\xC3\x84").uppercase()), "AB\xC3\x84");
+}
+
+TEST(SoString, behavesLikeAModelStringUnderRandomChanges) {
+    const unsigned seed = std::random_device()();
+    SCOPED_TRACE(seed);
+    std::mt19937 random(seed);
+    const auto below = [&random](int32_t n) { return static_cast<int32_t>(random() % n); };
+    SoString string;
+    std::string model;
+    for (int i = 0; i < 20'000; ++i) {
+        const std::string piece(static_cast<size_t>(below(200)),
+                                static_cast<char>('a' + below(26)));
+        switch (below(5)) {
+        case 0:
+            string.append(piece.data(), static_cast<int32_t>(piece.size()));
+            model += piece;
+            break;
+        case 1:
+            string << 'c';
+            model += 'c';
+            break;
+        case 2: {
+            const int32_t n = below(600) - 10;
+            string.shrink(n);
+            if (n >= 0 && n < static_cast<int32_t>(model.size())) {
+                model.resize(static_cast<size_t>(n));
+            }
+            break;
+        }
+        case 3:
+            string.assign(piece.c_str());
+            model = piece;
+            break;
+        default:
+            string = SoString(string);
+        }
+        ASSERT_EQ(text(string), model);
+        ASSERT_EQ(string.c_str()[model.size()], '\0');
+        ASSERT_GT(string.capacity(), string.length());
+        ASSERT_EQ(string.capacity() % 128, 0);
+        if (model.size() > 5000) {
+            string.shrink(0);
+            model.clear();
+        }
+    }
+}
+
+TEST(SoString, encodesUtf16) {
+    using Units = std::vector<unsigned short>;
+    const struct {
+        Units units;
+        int32_t length;
+        const char* expected;
+        const char* why;
+    } cases[] = {
+        {{'a', 'b', 0}, -1, "ab", "up to the zero unit"},
+        {{0xD83D, 0xDE00, 0}, -1, "\xF0\x9F\x98\x80", "a pair"},
+        {{0xD800, 0}, -1, "\xED\xA0\x80", "a lone surrogate"},
+        {{0xDC00, 0xD800, 0}, -1, "\xED\xB0\x80\xED\xA0\x80", "a pair the wrong way round"},
+        {{0xD83D, 0xDE00}, 1, "\xED\xA0\xBD", "a pair that the length cuts"},
+        {{'a', 'b', 'c', 0}, 2, "ab", "a length before the zero unit"},
+        {{0x7FF, 0x800, 0}, -1, "\xDF\xBF\xE0\xA0\x80", "two and three bytes"},
+        {{0}, 0, "", "nothing"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.why);
+        EXPECT_EQ(text(SoString(c.units.data(), c.length)), c.expected);
+    }
+    EXPECT_EQ(text(SoString(static_cast<const unsigned short*>(nullptr))), "");
+    const Units endless(70'000, 'x');
+    EXPECT_EQ(SoString(endless.data()).length(), 65'536);
+}
+
+TEST(SoString, encodesTheLongFormsOfUtf8) {
+    const struct {
+        uint32_t codePoint;
+        std::string expected;
+    } cases[] = {{0x1FFFFF, "\xF7\xBF\xBF\xBF"},      {0x200000, "\xF8\x88\x80\x80\x80"},
+                 {0x3FFFFFF, "\xFB\xBF\xBF\xBF\xBF"}, {0x7FFFFFFE, "\xFD\xBF\xBF\xBF\xBF\xBE"},
+                 {0x7FFFFFFF, "\xEF\xBF\xBD"},        {0xFFFFFFFF, "\xEF\xBF\xBD"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.codePoint);
+        char out[6];
+        const int32_t bytes = EncodeUTF8(c.codePoint, out);
+        EXPECT_EQ(std::string(out, static_cast<size_t>(bytes)), c.expected);
+    }
+}
+
+TEST(SoString, decodesUtf8WithoutLeavingTheBuffers) {
+    constexpr unsigned short kGuard = 0xABCD;
+    const struct {
+        std::string bytes;
+        uint32_t steps;
+        std::vector<unsigned short> expected;
+        const char* why;
+    } cases[] = {
+        {"ab", 3, {'a', 'b', 0}, "text and its end"},
+        {"ab", 2, {'a', 'b'}, "no step left for the end"},
+        {"ab", 0, {}, "no step at all"},
+        {"\xF0\x9F\x98\x80", 2, {0xD83D, 0xDE00, 0}, "a pair is one step"},
+        {"a\x80", 4, {'a', 0xFFFD, 0xFFFD, 0xFFFD}, "a stray byte uses up the steps"},
+        {"a\xE2\x82", 4, {'a', 0xFFFD, 0}, "a sequence that the end cuts off"},
+        {"\xFC", 2, {0xFFFD, 0}, "six bytes announced, one there"},
+        {"\xF7\xBF\xBF\xBF", 2, {0xFFFD, 0}, "beyond Unicode"},
+        {"\xE2zz!", 3, {0x2EBA, '!', 0}, "continuation bytes are not validated"},
+        {std::string("a\0b", 3), 4, {'a', 0}, "a zero byte ends the text"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.why);
+        const SoString string(c.bytes.data(), static_cast<int32_t>(c.bytes.size()));
+        std::vector<unsigned short> out(2 * c.steps + 1, kGuard);
+        string.convertToUtf16(out.data(), c.steps);
+        for (size_t i = 0; i < out.size(); ++i) {
+            EXPECT_EQ(out[i], i < c.expected.size() ? c.expected[i] : kGuard) << "unit " << i;
+        }
+    }
+    EXPECT_EQ(SoString("a\xF0\x9F\x98\x80").utf16Units(), 4);
+    EXPECT_EQ(SoString("").utf16Units(), 1);
+}
+
+} // namespace

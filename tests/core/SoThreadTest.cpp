@@ -1,0 +1,157 @@
+#include "scriptobjects/core/SoThread.h"
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <gtest/gtest.h>
+#include <new>
+#include <stdexcept>
+#include <thread>
+
+#include "platform/fake/Fakes.h"
+
+using ScObjects::ObjectLock;
+using ScObjects::SoLock;
+using ScObjects::SoLockable;
+using ScObjects::Thread;
+
+namespace {
+
+enum class End { normal, outOfMemory, exception };
+
+class Worker : public Thread {
+public:
+    explicit Worker(End end = End::normal) : end_(end) {}
+    ~Worker() override { (void)waitForRunExitIfStarted(); }
+
+    void begin() {
+        started_ = true;
+        start();
+    }
+
+    std::atomic<bool> ran{false};
+    std::atomic<bool> exited{false};
+    std::atomic<ID> id{0};
+
+protected:
+    void run() override {
+        ran = true;
+        id = getCurrentID();
+        EXPECT_TRUE(isRunning());
+        if (end_ == End::outOfMemory) {
+            throw std::bad_alloc();
+        }
+        if (end_ == End::exception) {
+            throw std::runtime_error("body");
+        }
+    }
+    void runExit() override { exited = true; }
+
+private:
+    bool waitForRunExitIfStarted() { return !started_ || waitForRunExit(); }
+
+    const End end_;
+    bool started_ = false;
+};
+
+TEST(Thread, keepsHowItsBodyEnded) {
+    const struct {
+        End end;
+        int32_t error;
+    } cases[] = {{End::normal, 0}, {End::outOfMemory, -28}, {End::exception, -29}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.error);
+        Worker worker(c.end);
+        EXPECT_FALSE(worker.ran);
+        worker.begin();
+        EXPECT_TRUE(worker.waitForRunExit());
+        EXPECT_TRUE(worker.waitForRunExit()) << "a second wait is at an end at once";
+        EXPECT_TRUE(worker.ran);
+        EXPECT_TRUE(worker.exited) << "runExit is called however the body ended";
+        EXPECT_FALSE(worker.isRunning());
+        EXPECT_EQ(worker.error(), c.error);
+    }
+}
+
+TEST(Thread, waitsForItsStart) {
+    Worker worker;
+    std::promise<void> waited;
+    std::thread waiter([&] {
+        worker.waitForRunExit();
+        waited.set_value();
+    });
+    std::future<void> done = waited.get_future();
+    EXPECT_EQ(done.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    EXPECT_FALSE(worker.ran);
+    worker.begin();
+    EXPECT_EQ(done.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    waiter.join();
+    EXPECT_TRUE(worker.ran);
+}
+
+TEST(Thread, endsUnstartedWithItsObject) {
+    std::atomic<bool>* ran = nullptr;
+    {
+        Worker worker;
+        ran = &worker.ran;
+        EXPECT_FALSE(*ran);
+    }
+    SUCCEED() << "the destructor has joined the suspended thread";
+}
+
+TEST(Thread, reportsThatItCouldNotBeCreated) {
+    platform::FakeThreads threads;
+    threads.fails = true;
+    const platform::ScopedReplacement<platform::Threads> replacement(threads);
+    Worker worker;
+    EXPECT_EQ(worker.error(), 32);
+    worker.begin();
+    EXPECT_TRUE(worker.waitForRunExit());
+    EXPECT_FALSE(worker.ran);
+}
+
+TEST(Thread, tellsTheMainThreadFromOthers) {
+    EXPECT_TRUE(Thread::InitTerm::init());
+    EXPECT_FALSE(Thread::InitTerm::init());
+    EXPECT_EQ(Thread::getCurrentID(), 0U);
+    {
+        Worker first;
+        Worker second;
+        first.begin();
+        second.begin();
+        first.waitForRunExit();
+        second.waitForRunExit();
+        EXPECT_NE(first.id, 0U);
+    }
+    EXPECT_FALSE(Thread::InitTerm::exit());
+    EXPECT_TRUE(Thread::InitTerm::exit());
+}
+
+TEST(SoLock, isHeldUntilItIsReleasedAsOftenAsAcquired) {
+    SoLockable object;
+    int guarded = 0;
+    std::promise<void> held;
+    std::promise<void> go;
+    std::thread holder([&] {
+        const ObjectLock outer(object);
+        {
+            const ObjectLock inner(object);
+            ++guarded;
+        }
+        held.set_value();
+        go.get_future().wait();
+        ++guarded; // still held: the inner guard gave back only its own
+    });
+    held.get_future().wait();
+    std::thread other([&] {
+        const ObjectLock lock(object);
+        EXPECT_EQ(guarded, 2);
+        ++guarded;
+    });
+    go.set_value();
+    holder.join();
+    other.join();
+    EXPECT_EQ(guarded, 3);
+}
+
+} // namespace

@@ -1,0 +1,115 @@
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <map>
+#include <string>
+
+#include "platform/fake/Fakes.h"
+
+namespace {
+
+// What each service promises, kept by the real one and by the fake that tests use in its place.
+
+TEST(Locale, readsLanguageAndRegionFromTheFirstVariableThatIsSet) {
+    const struct {
+        const char* all;
+        const char* messages;
+        const char* lang;
+        const char* expected; // empty: none
+    } cases[] = {
+        {"de_DE.UTF-8", "fr_FR", "en_GB", "de_DE"},
+        {"", "fr_FR@euro", "en_GB", "fr_FR"},
+        {nullptr, nullptr, "pt_BR.UTF-8@x", "pt_BR"},
+        {"C", nullptr, "de_DE", ""},
+        {"C.UTF-8", nullptr, nullptr, ""},
+        {"POSIX", nullptr, nullptr, ""},
+        {nullptr, nullptr, nullptr, ""},
+        {"de", nullptr, nullptr, ""},
+        {"es_419", nullptr, nullptr, "es_419"},
+        {"x'/>_US", nullptr, nullptr, ""},
+        {"de_", nullptr, nullptr, ""},
+        {"_DE", nullptr, nullptr, ""},
+    };
+    const auto set = [](const char* name, const char* value) {
+        if (value != nullptr) {
+            setenv(name, value, 1);
+        } else {
+            unsetenv(name);
+        }
+    };
+    for (const auto& c : cases) {
+        set("LC_ALL", c.all);
+        set("LC_MESSAGES", c.messages);
+        set("LANG", c.lang);
+        SCOPED_TRACE(testing::Message()
+                     << (c.all != nullptr ? c.all : "-") << " expects " << c.expected);
+        std::string identifier = "untouched";
+        const bool found = platform::Locale::own().identifier(identifier);
+        EXPECT_EQ(found, *c.expected != '\0');
+        EXPECT_EQ(identifier, found ? c.expected : "untouched");
+    }
+    platform::FakeLocale fake;
+    fake.readable = false;
+    std::string identifier = "untouched";
+    EXPECT_FALSE(fake.identifier(identifier));
+    EXPECT_EQ(identifier, "untouched");
+}
+
+void keepsTheContractOfFrameworks(platform::Frameworks& frameworks, const std::string& bundle,
+                                  const char* function) {
+    EXPECT_EQ(frameworks.mainBundleFolder().front(), '/');
+    EXPECT_EQ(frameworks.load("relative.framework"), nullptr);
+    EXPECT_EQ(frameworks.load("/nonexistent/x.framework"), nullptr);
+    EXPECT_EQ(frameworks.load(""), nullptr);
+    EXPECT_EQ(frameworks.function(nullptr, function), nullptr);
+    frameworks.unload(nullptr);
+    void* handle = frameworks.load(bundle);
+    ASSERT_NE(handle, nullptr);
+    EXPECT_NE(frameworks.function(handle, function), nullptr);
+    EXPECT_EQ(frameworks.function(handle, "noSuchFunction"), nullptr);
+    frameworks.unload(handle);
+}
+
+TEST(Frameworks, realAndFakeKeepTheContract) {
+    keepsTheContractOfFrameworks(platform::Frameworks::own(), OVREL_CAPS_FRAMEWORK,
+                                 "mdbGetProduct");
+    EXPECT_EQ(platform::Frameworks::own().load("/usr"), nullptr) << "no framework folder";
+    platform::FakeFrameworks fake;
+    int function = 0;
+    fake.bundles["/x/y.framework"] = {{"f", &function}};
+    keepsTheContractOfFrameworks(fake, "/x/y.framework", "f");
+    EXPECT_EQ(fake.loaded, 0);
+}
+
+TEST(Frameworks, areLookedForInsideTheBundleAndBesideIt) {
+    using Paths = std::vector<std::string>;
+    EXPECT_EQ(platform::frameworkCandidates("/opt/bin", "f"),
+              (Paths{"/opt/bin/Contents/Frameworks/f", "/opt/bin/Frameworks/f", "/opt/bin/f"}));
+    EXPECT_EQ(platform::frameworkCandidates("/opt/X.app", "f"),
+              (Paths{"/opt/X.app/Contents/Frameworks/f", "/opt/X.app/Frameworks/f", "/opt/f"}));
+    EXPECT_TRUE(platform::frameworkCandidates("", "f").empty());
+}
+
+TEST(Clock, monotonicTimeNeverGoesBack) {
+    const platform::Clock& clock = platform::Clock::own();
+    int64_t last = clock.monotonicMilliseconds();
+    for (int i = 0; i < 1000; ++i) {
+        const int64_t now = clock.monotonicMilliseconds();
+        ASSERT_GE(now, last);
+        last = now;
+    }
+    EXPECT_GT(clock.utcMilliseconds(), int64_t{1'700'000'000'000}) << "milliseconds since 1970";
+}
+
+TEST(Files, seesFilesFoldersAndNothing) {
+    platform::FakeFiles fake;
+    fake.paths = {"/proc/self/exe", "/"};
+    for (const platform::Files* files :
+         {&platform::Files::own(), static_cast<platform::Files*>(&fake)}) {
+        EXPECT_TRUE(files->exists("/proc/self/exe"));
+        EXPECT_TRUE(files->exists("/"));
+        EXPECT_FALSE(files->exists(""));
+        EXPECT_FALSE(files->exists("/nonexistent"));
+    }
+}
+
+} // namespace
