@@ -62,6 +62,9 @@ private:
                    "specifiers are looked up in lower case, so nobody finds it and a listing ends "
                    "at it");
         }
+        if (!named && specifier.size() == 1) {
+            report(subdomain.name, "has one letter and no \"Specifier\"", "it is ignored");
+        }
         if (const auto fault = specifierFault(specifier)) {
             report(subdomain.name, "specifier \"" + specifier + "\": " + *fault,
                    "it cannot be addressed");
