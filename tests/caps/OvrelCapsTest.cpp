@@ -1,0 +1,250 @@
+#include "caps/include/ovrel_caps.h"
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "caps/Store.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace {
+
+// The library as its callers have it: loaded, and bound by name.
+class OvrelCapsTest : public testing::Test {
+protected:
+    OvrelCapsTest() : library(dlopen(OVREL_CAPS_LIBRARY, RTLD_NOW | RTLD_LOCAL)) {
+        setenv("OVREL_CAPS_DB", path.c_str(), 1);
+        EXPECT_EQ(caps::Store::open(path, caps::Store::Access::create, store), caps::Status::ok);
+        using caps::Status;
+        EXPECT_EQ(
+            store->addProduct({"P1",
+                               {{"{a}", "normal", "/x/A", 4, {{6, "L2", "b"}, {6, "L1", "a"}}},
+                                {"{b}", "other", "", 2, {}}}}),
+            Status::ok);
+        EXPECT_EQ(store->addProduct({"P0", {{"{c}", "normal", "", 4, {}}}}), Status::ok);
+        EXPECT_EQ(store->setDomainData(1, "/s2", "k2", "v2"), Status::ok);
+        EXPECT_EQ(store->setDomainData(1, "/s1", "k", "v"), Status::ok);
+        EXPECT_EQ(store->setDomainData(1, "/s2", "k1", "v1"), Status::ok);
+    }
+    ~OvrelCapsTest() override { dlclose(library); }
+
+    template <class Function>
+    Function* bind(const char* name) {
+        void* function = dlsym(library, name);
+        EXPECT_NE(function, nullptr) << name;
+        return reinterpret_cast<Function*>(function);
+    }
+#define BOUND(function) (*bind<decltype(::function)>(#function))
+
+    static std::vector<std::string> texts(const char* const* list) {
+        std::vector<std::string> all;
+        for (; *list != nullptr; ++list) {
+            all.emplace_back(*list);
+        }
+        return all;
+    }
+    using Texts = std::vector<std::string>;
+
+    TemporaryFolder folder;
+    std::string path = folder.file("caps.db");
+    std::unique_ptr<caps::Store> store;
+    void* library;
+};
+
+TEST_F(OvrelCapsTest, answersFromTheDomainsInTheOrderOfRegistration) {
+    capsiSession* session = nullptr;
+    ASSERT_EQ(BOUND(pcdOpenSessionNoCreate)(&session, 1), CAPS_OK);
+    const char** list = nullptr;
+    const char* value = nullptr;
+    ASSERT_EQ(BOUND(pcdGetDomainDataSubdomains)(session, 1, &list), CAPS_OK);
+    EXPECT_EQ(texts(list), (Texts{"/s2", "/s1"}));
+    ASSERT_EQ(BOUND(pcdGetDomainDataKeys)(session, 1, "/s2", &list), CAPS_OK);
+    EXPECT_EQ(texts(list), (Texts{"k2", "k1"}));
+    for (const char* key : {"k1", "k2", "k1"}) {
+        ASSERT_EQ(BOUND(pcdGetDomainData)(session, 1, "/s2", key, &value), CAPS_OK);
+        EXPECT_EQ(value[1], key[1]);
+    }
+    EXPECT_EQ(BOUND(pcdGetDomainDataSubdomains)(session, 9, &list), CAPS_NOTHING_THERE);
+    EXPECT_EQ(BOUND(pcdGetDomainDataKeys)(session, 1, "/s3", &list), CAPS_NOTHING_THERE);
+    EXPECT_EQ(BOUND(pcdGetDomainData)(session, 1, "/s1", "k2", &value), CAPS_NOTHING_THERE);
+    EXPECT_EQ(BOUND(pcdGetDomainData)(nullptr, 1, "/s1", "k", &value), CAPS_NO_SESSION);
+    EXPECT_EQ(BOUND(pcdGetDomainData)(session, 1, nullptr, "k", &value), CAPS_INVALID_ARGUMENT);
+    EXPECT_EQ(BOUND(pcdGetDomainData)(session, 1, "/s1", "k", nullptr), CAPS_INVALID_ARGUMENT);
+    EXPECT_EQ(BOUND(pcdCloseSession)(session), CAPS_OK);
+    EXPECT_EQ(BOUND(pcdCloseSession)(nullptr), CAPS_NO_SESSION);
+}
+
+TEST_F(OvrelCapsTest, keepsWhatItHandedOutUntilTheNextListSeesAChange) {
+    capsiSession* session = nullptr;
+    ASSERT_EQ(BOUND(pcdOpenSessionNoCreate)(&session, 1), CAPS_OK);
+    const char** list = nullptr;
+    const char* value = nullptr;
+    ASSERT_EQ(BOUND(pcdGetDomainDataSubdomains)(session, 1, &list), CAPS_OK);
+    ASSERT_EQ(BOUND(pcdGetDomainData)(session, 1, "/s1", "k", &value), CAPS_OK);
+    uint32_t before = 0;
+    ASSERT_EQ(BOUND(pcdGetLastModTime)(session, &before), CAPS_OK);
+    ASSERT_EQ(store->setDomainData(1, "/s1", "k", "changed"), caps::Status::ok);
+    uint32_t after = 0;
+    ASSERT_EQ(BOUND(pcdGetLastModTime)(session, &after), CAPS_OK);
+    EXPECT_GT(after, before);
+    EXPECT_STREQ(value, "v");
+    ASSERT_EQ(BOUND(pcdGetDomainData)(session, 1, "/s1", "k", &value), CAPS_OK);
+    EXPECT_STREQ(value, "v") << "a walk sees one state";
+    ASSERT_EQ(BOUND(pcdGetDomainDataSubdomains)(session, 1, &list), CAPS_OK);
+    ASSERT_EQ(BOUND(pcdGetDomainData)(session, 1, "/s1", "k", &value), CAPS_OK);
+    EXPECT_STREQ(value, "changed");
+
+    ASSERT_EQ(BOUND(pcdSetDomainData)(session, 1, "/s1", "k", "own"), CAPS_OK);
+    ASSERT_EQ(BOUND(pcdGetDomainData)(session, 1, "/s1", "k", &value), CAPS_OK);
+    EXPECT_STREQ(value, "own") << "who writes reads what was written";
+    ASSERT_EQ(BOUND(pcdRemoveDomainData)(session, 1, "/s1", "k"), CAPS_OK);
+    EXPECT_EQ(BOUND(pcdGetDomainData)(session, 1, "/s1", "k", &value), CAPS_NOTHING_THERE);
+    EXPECT_EQ(BOUND(pcdRemoveDomainData)(session, 1, "/s1", "k"), CAPS_NOTHING_THERE);
+    EXPECT_EQ(BOUND(pcdSetDomainData)(session, 1, "/s1", "", "x"), CAPS_INVALID_ARGUMENT);
+    BOUND(pcdCloseSession)(session);
+}
+
+TEST_F(OvrelCapsTest, answersFromProductsAndPayloads) {
+    capsiSession* session = nullptr;
+    ASSERT_EQ(BOUND(mdbOpenSessionNoCreate)(&session, 1), CAPS_OK);
+    const char** list = nullptr;
+    ASSERT_EQ(BOUND(mdbGetProductIDList)(session, &list), CAPS_OK);
+    EXPECT_EQ(texts(list), (Texts{"P1", "P0"}));
+    const capsProduct* product = nullptr;
+    ASSERT_EQ(BOUND(mdbGetProduct)(session, "P1", &product), CAPS_OK);
+    ASSERT_EQ(BOUND(mdbGetProductPayloads)(session, product, &list), CAPS_OK);
+    EXPECT_EQ(texts(list), (Texts{"{a}", "{b}"}));
+    const capsPayload* payload = nullptr;
+    ASSERT_EQ(BOUND(mdbGetPayload)(session, "{b}", &payload), CAPS_OK);
+    EXPECT_STREQ(payload->identifier, "{b}");
+    EXPECT_STREQ(payload->kind, "other");
+    EXPECT_STREQ(payload->product, "P1");
+    EXPECT_EQ(payload->installState, 2);
+    EXPECT_EQ(BOUND(mdbGetPayload)(session, "{z}", &payload), CAPS_NOTHING_THERE);
+    EXPECT_EQ(BOUND(mdbGetProduct)(session, "P9", &product), CAPS_NOTHING_THERE);
+
+    ASSERT_EQ(BOUND(capsGetPayloads)(session, 4, &list), CAPS_OK);
+    EXPECT_EQ(texts(list), (Texts{"{a}", "{c}"}));
+    EXPECT_EQ(BOUND(capsGetPayloads)(session, 9, &list), CAPS_NOTHING_THERE);
+    ASSERT_EQ(BOUND(capsGetCollectionPayloads)(session, "P1", 2, &list), CAPS_OK);
+    EXPECT_EQ(texts(list), (Texts{"{b}"}));
+    EXPECT_EQ(BOUND(capsGetCollectionPayloads)(session, "P9", 2, &list), CAPS_NOTHING_THERE);
+    ASSERT_EQ(BOUND(capsGetPayloadDataKeys)(session, "{a}", 6, &list), CAPS_OK);
+    EXPECT_EQ(texts(list), (Texts{"L2", "L1"}));
+    const char* value = nullptr;
+    ASSERT_EQ(BOUND(pdbGetPayloadData)(session, "{a}", 6, "L1", &value), CAPS_OK);
+    EXPECT_STREQ(value, "a");
+    EXPECT_EQ(BOUND(capsGetPayloadData)(session, "{a}", 0, "L1", &value), CAPS_NOTHING_THERE);
+    BOUND(mdbCloseSession)(session);
+}
+
+TEST_F(OvrelCapsTest, neverWritesPastTheCallersAreas) {
+    capsiSession* session = nullptr;
+    ASSERT_EQ(BOUND(pdbOpenSessionNoCreate)(&session, 1), CAPS_OK);
+    const char guard = 0;
+    const struct {
+        uint32_t slots;
+        int32_t status;
+        uint32_t answer;
+        size_t keys;
+    } cases[] = {{0, CAPS_TOO_SMALL, 3, 0},
+                 {1, CAPS_TOO_SMALL, 3, 0},
+                 {2, CAPS_TOO_SMALL, 3, 1},
+                 {3, CAPS_OK, 2, 2},
+                 {9, CAPS_OK, 2, 2}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.slots);
+        std::vector<const char*> keys(10, &guard);
+        uint32_t slots = c.slots;
+        EXPECT_EQ(BOUND(pdbGetPayloadDataKeys)(session, "{a}", 6, keys.data(), &slots), c.status);
+        EXPECT_EQ(slots, c.answer);
+        for (size_t i = 0; i < keys.size(); ++i) {
+            if (i < c.keys) {
+                EXPECT_EQ(*keys[i], 'L');
+            } else if (i == c.keys && c.slots > 0) {
+                EXPECT_EQ(keys[i], nullptr);
+            } else {
+                EXPECT_EQ(keys[i], &guard);
+            }
+        }
+    }
+    for (const uint32_t room : {0U, 4U, 5U}) {
+        char buffer[8] = {'#', '#', '#', '#', '#', '#', '#', '#'};
+        uint32_t size = room;
+        const int32_t status = BOUND(pdbGetAppLaunchPath)("{a}", buffer, &size);
+        EXPECT_EQ(status, room < 5 ? CAPS_TOO_SMALL : CAPS_OK);
+        EXPECT_EQ(size, 5U);
+        EXPECT_EQ(std::string(buffer, 8),
+                  status == CAPS_OK ? std::string("/x/A\0###", 8) : "########");
+    }
+    BOUND(pdbCloseSession)(session);
+    char buffer[8];
+    uint32_t size = sizeof buffer;
+    EXPECT_EQ(BOUND(pdbGetAppLaunchPath)("{a}", buffer, &size), CAPS_OK) << "without a session";
+    EXPECT_EQ(BOUND(pdbGetAppLaunchPath)("{b}", buffer, &size), CAPS_NOTHING_THERE);
+    EXPECT_EQ(BOUND(pdbGetAppLaunchPath)(nullptr, buffer, &size), CAPS_INVALID_ARGUMENT);
+}
+
+TEST_F(OvrelCapsTest, opensNothingWhereThereIsNoDatabaseOfOurs) {
+    capsiSession* session = nullptr;
+    for (const char* content : {"", "garbage garbage garbage"}) {
+        setenv("OVREL_CAPS_DB", folder.write("other.db", content).c_str(), 1);
+        EXPECT_EQ(BOUND(pcdOpenSessionNoCreate)(&session, 1), CAPS_DAMAGED);
+    }
+    setenv("OVREL_CAPS_DB", folder.file("none.db").c_str(), 1);
+    EXPECT_EQ(BOUND(capsOpenSession)(&session, 1), CAPS_NO_DATABASE);
+    EXPECT_FALSE(std::filesystem::exists(folder.file("none.db")));
+    EXPECT_EQ(BOUND(mdbOpenSessionNoCreate)(nullptr, 1), CAPS_INVALID_ARGUMENT);
+    EXPECT_EQ(session, nullptr);
+}
+
+TEST_F(OvrelCapsTest, followsADatabaseThatIsReplaced) {
+    capsiSession* session = nullptr;
+    ASSERT_EQ(BOUND(pcdOpenSessionNoCreate)(&session, 1), CAPS_OK);
+    const std::string other = folder.file("other.db");
+    {
+        std::unique_ptr<caps::Store> replacement;
+        ASSERT_EQ(caps::Store::open(other, caps::Store::Access::create, replacement),
+                  caps::Status::ok);
+        ASSERT_EQ(replacement->setDomainData(1, "/replaced", "k", "v"), caps::Status::ok);
+    }
+    store.reset();
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+        std::filesystem::rename(other + suffix, path + suffix);
+    }
+    const char** list = nullptr;
+    ASSERT_EQ(BOUND(pcdGetDomainDataSubdomains)(session, 1, &list), CAPS_OK);
+    EXPECT_EQ(texts(list), (Texts{"/replaced"}));
+    BOUND(pcdCloseSession)(session);
+}
+
+TEST_F(OvrelCapsTest, servesSessionsOfSeveralThreadsWhileAWriterWorks) {
+    auto& open = BOUND(pcdOpenSessionNoCreate);
+    auto& close = BOUND(pcdCloseSession);
+    auto& subdomains = BOUND(pcdGetDomainDataSubdomains);
+    auto& value = BOUND(pcdGetDomainData);
+    std::vector<std::thread> readers;
+    for (int t = 0; t < 3; ++t) {
+        readers.emplace_back([&] {
+            for (int i = 0; i < 50; ++i) {
+                capsiSession* session = nullptr;
+                ASSERT_EQ(open(&session, 1), CAPS_OK);
+                const char** list = nullptr;
+                ASSERT_EQ(subdomains(session, 1, &list), CAPS_OK);
+                const char* text = nullptr;
+                EXPECT_EQ(value(session, 1, "/s2", "k1", &text), CAPS_OK);
+                close(session);
+            }
+        });
+    }
+    for (int i = 0; i < 50; ++i) {
+        EXPECT_EQ(store->setDomainData(1, "/s2", "k1", std::to_string(i)), caps::Status::ok);
+    }
+    for (std::thread& reader : readers) {
+        reader.join();
+    }
+}
+
+} // namespace

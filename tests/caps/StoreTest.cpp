@@ -1,0 +1,347 @@
+#include "caps/Store.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <memory>
+#include <sqlite3.h>
+#include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "caps/Schema.h"
+#include "tests/support/TemporaryFolder.h"
+
+using caps::Contents;
+using caps::Status;
+using caps::Store;
+
+namespace {
+
+constexpr uid_t kNobody = 65534;
+
+class StoreTest : public testing::Test {
+protected:
+    std::unique_ptr<Store> open(Store::Access access, Status expected = Status::ok) {
+        std::unique_ptr<Store> store;
+        std::string error;
+        EXPECT_EQ(Store::open(path, access, store, &error), expected) << error;
+        EXPECT_EQ(error.empty(), expected == Status::ok);
+        return store;
+    }
+
+    void execute(const char* sql) {
+        sqlite3* connection = nullptr;
+        ASSERT_EQ(sqlite3_open(path.c_str(), &connection), SQLITE_OK);
+        char* error = nullptr;
+        EXPECT_EQ(sqlite3_exec(connection, sql, nullptr, nullptr, &error), SQLITE_OK) << error;
+        sqlite3_close(connection);
+    }
+
+    static Contents sample() {
+        return {{{"P1",
+                  {{"{a}", "normal", "/x/A.app", 4, {{0, "k", "v"}, {6, "k", ""}}},
+                   {"{b}", "other", "", 2, {}}}},
+                 {"P0", {}}},
+                {{1, "/z", {{"b", "1"}, {"a", "2\n'\"\xC3\xA4"}}},
+                 {2, "/a", {}},
+                 {1, "/a", {{"k", "v"}}}}};
+    }
+
+    static void fill(Store& store, const Contents& contents) {
+        for (const caps::Product& product : contents.products) {
+            ASSERT_EQ(store.addProduct(product), Status::ok);
+        }
+        for (const caps::Subdomain& subdomain : contents.subdomains) {
+            ASSERT_EQ(store.addSubdomain(subdomain.domain, subdomain.name), Status::ok);
+            for (const caps::KeyValue& entry : subdomain.data) {
+                ASSERT_EQ(
+                    store.setDomainData(subdomain.domain, subdomain.name, entry.key, entry.value),
+                    Status::ok);
+            }
+        }
+    }
+
+    TemporaryFolder folder;
+    std::string path = folder.file("sub/caps.db");
+};
+
+TEST_F(StoreTest, givesBackWhatWasRegisteredInOrder) {
+    {
+        const auto store = open(Store::Access::create);
+        fill(*store, sample());
+    }
+    const auto reader = open(Store::Access::read);
+    Contents contents;
+    ASSERT_EQ(reader->readAll(contents), Status::ok);
+    EXPECT_EQ(contents, sample());
+    std::vector<caps::Subdomain> domain;
+    ASSERT_EQ(reader->readDomain(1, domain), Status::ok);
+    EXPECT_EQ(domain.size(), 2U);
+    EXPECT_EQ(reader->readDomain(7, domain), Status::nothingThere);
+    EXPECT_EQ(reader->setDomainData(1, "/z", "b", "x"), Status::readOnly);
+
+    const auto writer = open(Store::Access::write);
+    EXPECT_EQ(writer->setDomainData(1, "/z", "b", "new"), Status::ok);
+    EXPECT_EQ(writer->removeSubdomain(2, "/a"), Status::ok);
+    EXPECT_EQ(writer->removeSubdomain(2, "/a"), Status::nothingThere);
+    EXPECT_EQ(writer->removeDomainData(1, "/a", "nosuch"), Status::nothingThere);
+    EXPECT_EQ(writer->removeProduct("P1"), Status::ok);
+    EXPECT_EQ(writer->addProduct({"P0", {}}), Status::invalidArgument);
+    EXPECT_EQ(writer->setPayloadData("{a}", 0, "k", "v"), Status::nothingThere)
+        << "payloads go with their product";
+    EXPECT_TRUE(reader->changed());
+    EXPECT_FALSE(reader->changed());
+    ASSERT_EQ(reader->readAll(contents), Status::ok);
+    EXPECT_EQ(contents.subdomains.size(), 2U);
+    EXPECT_EQ(contents.subdomains[0].data[0], (caps::KeyValue{"b", "new"})) << "keeps its place";
+}
+
+TEST_F(StoreTest, refusesTextsOverTheirLimits) {
+    const auto store = open(Store::Access::create);
+    const std::string key(255, 'k');
+    const std::string value(65536, 'v');
+    EXPECT_EQ(store->setDomainData(1, std::string(512, 's'), key, value), Status::ok);
+    EXPECT_EQ(store->setDomainData(1, std::string(513, 's'), "k", "v"), Status::invalidArgument);
+    EXPECT_EQ(store->setDomainData(1, "s", key + "k", "v"), Status::invalidArgument);
+    EXPECT_EQ(store->setDomainData(1, "s", "k", value + "v"), Status::invalidArgument);
+    EXPECT_EQ(store->setDomainData(1, "", "k", "v"), Status::invalidArgument);
+    EXPECT_EQ(store->setDomainData(1, "s", "k", std::string("a\0b", 3)), Status::invalidArgument);
+    EXPECT_EQ(store->addProduct({"P", {{"{p}", "normal", std::string(1024, '/'), 4, {}}}}),
+              Status::invalidArgument);
+    Contents contents;
+    ASSERT_EQ(store->readAll(contents), Status::ok);
+    EXPECT_EQ(contents.subdomains.size(), 1U);
+    EXPECT_TRUE(contents.products.empty()) << "the whole product is refused";
+}
+
+TEST_F(StoreTest, forgetsATransactionThatIsNotCommitted) {
+    const auto store = open(Store::Access::create);
+    {
+        Store::Transaction transaction(*store);
+        ASSERT_EQ(transaction.begin(), Status::ok);
+        ASSERT_EQ(store->setDomainData(1, "s", "k", "v"), Status::ok);
+    }
+    std::vector<caps::Subdomain> domain;
+    EXPECT_EQ(store->readDomain(1, domain), Status::nothingThere);
+}
+
+TEST_F(StoreTest, movesItsTimesForwardOncePerTransaction) {
+    const auto store = open(Store::Access::create);
+    uint32_t product = 0;
+    uint32_t domain = 0;
+    ASSERT_EQ(store->productModTime(product), Status::ok);
+    ASSERT_EQ(store->domainModTime(domain), Status::ok);
+    EXPECT_GT(domain, 1'700'000'000U);
+    uint32_t last = domain;
+    for (int i = 0; i < 5; ++i) { // within a second or two
+        Store::Transaction transaction(*store);
+        ASSERT_EQ(transaction.begin(), Status::ok);
+        for (int k = 0; k < 100; ++k) {
+            ASSERT_EQ(store->setDomainData(1, "s", "k" + std::to_string(k), std::to_string(i)),
+                      Status::ok);
+        }
+        ASSERT_EQ(transaction.commit(), Status::ok);
+        ASSERT_EQ(store->domainModTime(domain), Status::ok);
+        EXPECT_GT(domain, last);
+        last = domain;
+    }
+    EXPECT_LT(domain, static_cast<uint32_t>(time(nullptr)) + 20) << "not once per row";
+    uint32_t unchanged = 0;
+    ASSERT_EQ(store->productModTime(unchanged), Status::ok);
+    EXPECT_EQ(unchanged, product);
+    execute("UPDATE domain_data SET value = 'other program'");
+    ASSERT_EQ(store->domainModTime(domain), Status::ok);
+    EXPECT_GT(domain, last) << "the database keeps the times itself";
+}
+
+TEST_F(StoreTest, bringsAnOlderSchemaUpToDate) {
+    std::filesystem::create_directories(folder.file("sub"));
+    execute((std::string(caps::kMigrations[0]) +
+             "PRAGMA user_version = 1; PRAGMA application_id = " +
+             std::to_string(caps::kApplicationId) +
+             "; INSERT INTO subdomain (domain, name) VALUES (1, '/old')")
+                .c_str());
+    uint32_t time = 99;
+    {
+        const auto reader = open(Store::Access::read);
+        ASSERT_EQ(reader->domainModTime(time), Status::ok);
+        EXPECT_EQ(time, 0U) << "unknown";
+    }
+    const auto writer = open(Store::Access::write);
+    ASSERT_EQ(writer->domainModTime(time), Status::ok);
+    EXPECT_GT(time, 0U);
+    std::vector<caps::Subdomain> domain;
+    ASSERT_EQ(writer->readDomain(1, domain), Status::ok);
+    EXPECT_EQ(domain[0].name, "/old");
+}
+
+TEST_F(StoreTest, saysWhatIsWrongWithAFile) {
+    open(Store::Access::read, Status::noDatabase);
+    open(Store::Access::write, Status::noDatabase);
+    EXPECT_FALSE(std::filesystem::exists(path)) << "reading and writing never make a database";
+    std::filesystem::create_directories(folder.file("sub"));
+    folder.write("sub/caps.db", "");
+    open(Store::Access::read, Status::damaged);
+    folder.write("sub/caps.db", std::string(5000, 'x'));
+    open(Store::Access::read, Status::damaged);
+    std::filesystem::remove(path);
+    execute("CREATE TABLE theirs (x)");
+    open(Store::Access::read, Status::foreign);
+    open(Store::Access::create, Status::foreign);
+    execute("PRAGMA application_id = 77");
+    open(Store::Access::read, Status::foreign);
+    std::filesystem::remove(path);
+    { open(Store::Access::create); }
+    execute("PRAGMA user_version = 99");
+    open(Store::Access::read, Status::newerSchema);
+    open(Store::Access::create, Status::newerSchema);
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+        std::filesystem::remove(path + suffix);
+    }
+    std::filesystem::create_directory(path);
+    open(Store::Access::read, Status::damaged);
+    std::filesystem::remove(path);
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    open(Store::Access::read, Status::damaged); // and does not wait for a writer
+}
+
+TEST_F(StoreTest, survivesEveryTruncationAndFlippedBytes) {
+    {
+        const auto store = open(Store::Access::create);
+        fill(*store, sample());
+        for (int i = 0; i < 200; ++i) {
+            ASSERT_EQ(
+                store->setDomainData(1, "/big", "k" + std::to_string(i), std::string(100, 'v')),
+                Status::ok);
+        }
+    }
+    execute("PRAGMA wal_checkpoint(TRUNCATE); PRAGMA journal_mode = DELETE");
+    const std::string whole = TemporaryFolder::read(path);
+    ASSERT_GT(whole.size(), 8192U);
+    int failures = 0;
+    const auto readBroken = [&](const std::string& bytes) {
+        folder.write("sub/caps.db", bytes);
+        std::unique_ptr<Store> store;
+        Contents contents;
+        Status status = Store::open(path, Store::Access::read, store);
+        if (status == Status::ok) {
+            status = store->readAll(contents);
+        }
+        EXPECT_NE(status, Status::nothingThere);
+        failures += status != Status::ok ? 1 : 0;
+    };
+    for (size_t length = 0; length < whole.size(); length += 509) {
+        readBroken(whole.substr(0, length));
+    }
+    EXPECT_GT(failures, 10) << "a truncated database is not read as a whole one";
+    for (size_t at = 0; at < whole.size(); at += 61) {
+        std::string bytes = whole;
+        bytes[at] = static_cast<char>(~bytes[at]);
+        readBroken(bytes);
+    }
+}
+
+TEST_F(StoreTest, passesOverRowsThatNoProgramOfOursWrites) {
+    { fill(*open(Store::Access::create), sample()); }
+    execute("PRAGMA ignore_check_constraints = ON; PRAGMA foreign_keys = OFF;"
+            "INSERT INTO subdomain (domain, name) VALUES (1, x'2F620063'), (1, '');"
+            "INSERT INTO domain_data SELECT id, 1, x'6B00FF', x'76FF00' FROM subdomain WHERE "
+            "domain = 1 AND typeof(name) = 'blob';"
+            "INSERT INTO domain_data VALUES (999, 1, 'of', 'nothing');"
+            "INSERT INTO subdomain (domain, name) VALUES (1, hex(zeroblob(1000)));"
+            "INSERT INTO payload (product, code, kind, launch_path, install_state) VALUES (1, "
+            "'{c}', 7, hex(zeroblob(600)), 'many')");
+    const auto store = open(Store::Access::read);
+    Contents contents;
+    ASSERT_EQ(store->readAll(contents), Status::ok);
+    ASSERT_EQ(contents.subdomains.size(), 4U);
+    EXPECT_EQ(contents.subdomains[3].name, "/b") << "up to the first zero byte";
+    ASSERT_EQ(contents.subdomains[3].data.size(), 1U);
+    EXPECT_EQ(contents.subdomains[3].data[0], (caps::KeyValue{"k", "v\xFF"}));
+    EXPECT_EQ(contents.products[0].payloads.size(), 2U);
+}
+
+TEST_F(StoreTest, isReadWhileAWriterWorks) {
+    { fill(*open(Store::Access::create), sample()); }
+    const auto writer = open(Store::Access::write);
+    Store::Transaction transaction(*writer);
+    ASSERT_EQ(transaction.begin(), Status::ok);
+    ASSERT_EQ(writer->setDomainData(1, "/new", "k", "v"), Status::ok);
+    const auto reader = open(Store::Access::read);
+    Contents contents;
+    ASSERT_EQ(reader->readAll(contents), Status::ok);
+    EXPECT_EQ(contents, sample()) << "the state before the transaction";
+    ASSERT_EQ(transaction.commit(), Status::ok);
+    ASSERT_EQ(reader->readAll(contents), Status::ok);
+    EXPECT_EQ(contents.subdomains.size(), 4U);
+}
+
+TEST_F(StoreTest, isBusyWhileAnotherProgramHoldsItForItself) {
+    { fill(*open(Store::Access::create), sample()); }
+    sqlite3* other = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &other), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(other,
+                           "PRAGMA locking_mode = EXCLUSIVE; BEGIN EXCLUSIVE;"
+                           "UPDATE domain_data SET value = 'x'",
+                           nullptr, nullptr, nullptr),
+              SQLITE_OK);
+    std::unique_ptr<Store> store;
+    Contents contents;
+    Status status = Store::open(path, Store::Access::read, store);
+    if (status == Status::ok) {
+        status = store->readAll(contents);
+    }
+    EXPECT_EQ(status, Status::busy);
+    sqlite3_close(other);
+}
+
+// The system's database belongs to root; everybody reads it.
+TEST_F(StoreTest, isReadByWhoMayNotWriteItsFolder) {
+    { fill(*open(Store::Access::create), sample()); }
+    const auto readAsOther = [this] {
+        const pid_t child = fork();
+        if (child == 0) {
+            if (geteuid() == 0 && setuid(kNobody) != 0) {
+                _exit(99);
+            }
+            std::unique_ptr<Store> store;
+            Contents contents;
+            Status status = Store::open(path, Store::Access::read, store);
+            if (status == Status::ok) {
+                status = store->readAll(contents);
+            }
+            _exit(status == Status::ok && contents == sample() ? 0 : 10 + static_cast<int>(status));
+        }
+        int status = 0;
+        EXPECT_EQ(waitpid(child, &status, 0), child);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    };
+    std::filesystem::permissions(folder.file(""), std::filesystem::perms(0755));
+    std::filesystem::permissions(folder.file("sub"), std::filesystem::perms(0555));
+    std::filesystem::permissions(path, std::filesystem::perms(0444));
+    EXPECT_EQ(readAsOther(), 0) << "with the writer's files beside it";
+    std::filesystem::permissions(folder.file("sub"), std::filesystem::perms(0755));
+    std::filesystem::remove(path + "-wal");
+    std::filesystem::remove(path + "-shm");
+    std::filesystem::permissions(folder.file("sub"), std::filesystem::perms(0555));
+    EXPECT_EQ(readAsOther(), 0) << "without them";
+    std::filesystem::permissions(folder.file("sub"), std::filesystem::perms(0755));
+}
+
+TEST_F(StoreTest, isLookedForWhereTheUserSaysFirst) {
+    setenv("OVREL_CAPS_DB", "/some/where.db", 1);
+    EXPECT_EQ(caps::findDatabase(), "/some/where.db") << "set, so never passed over";
+    unsetenv("OVREL_CAPS_DB");
+    setenv("XDG_DATA_HOME", folder.file("data").c_str(), 1);
+    setenv("HOME", folder.file("home").c_str(), 1);
+    path = folder.file("data/ovrel/caps.db");
+    { open(Store::Access::create); }
+    EXPECT_EQ(caps::findDatabase(), path);
+    setenv("XDG_DATA_HOME", "relative", 1);
+    path = folder.file("home/.local/share/ovrel/caps.db");
+    { open(Store::Access::create); }
+    EXPECT_EQ(caps::findDatabase(), path) << "a relative XDG_DATA_HOME does not count";
+}
+
+} // namespace

@@ -1,0 +1,335 @@
+#include <gtest/gtest.h>
+#include <random>
+#include <sstream>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+
+#include "caps/Store.h"
+#include "caps/tool/Checks.h"
+#include "caps/tool/Commands.h"
+#include "caps/tool/DesktopEntries.h"
+#include "caps/tool/TomlFile.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace {
+
+using caps::Contents;
+using caps::Status;
+using caps::Store;
+
+class ToolTest : public testing::Test {
+protected:
+    // Runs a command on the test's database; the standard error goes to `errors`.
+    int run(std::vector<std::string> arguments, const std::string& input = "") {
+        arguments.insert(arguments.begin(), {"--database", database});
+        std::istringstream in(input);
+        std::ostringstream out;
+        std::ostringstream err;
+        const int status = caps::tool::run(arguments, in, out, err);
+        output = out.str();
+        errors = err.str();
+        return status;
+    }
+
+    Contents contents() {
+        Contents all;
+        std::unique_ptr<Store> store;
+        EXPECT_EQ(Store::open(database, Store::Access::read, store), Status::ok);
+        EXPECT_EQ(store->readAll(all), Status::ok);
+        return all;
+    }
+
+    TemporaryFolder folder;
+    std::string database = folder.file("caps.db");
+    std::string output;
+    std::string errors;
+};
+
+TEST_F(ToolTest, tellsFailuresFromMisuse) {
+    const struct {
+        std::vector<std::string> arguments;
+        int status;
+    } cases[] = {
+        {{}, 2},
+        {{"nosuch"}, 2},
+        {{"import"}, 2},
+        {{"list", "--yaml"}, 2},
+        {{"list"}, 1},
+        {{"--help"}, 0},
+        {{"--version"}, 0},
+        {{"import", "/nosuch.toml"}, 1},
+        {{"init"}, 0},
+        {{"list"}, 0},
+        {{"show", "x"}, 1},
+        {{"add-app", "x"}, 1},
+        {{"remove-app", "x"}, 1},
+        {{"group", "list"}, 0},
+        {{"group"}, 2},
+        {{"add-app", "x", "--path", "noslash"}, 1},
+        {{"add-app", "x#y", "--path", "/a"}, 1},
+        {{"add-app", "x", "--path", "/a/b", "--set", "nokey"}, 2},
+        {{"add-app", "x", "--path", "/a/b", "--set", "IsShellTool=yes"}, 1},
+        {{"add-app", "X-1.0", "--path", "/a/b"}, 0},
+        {{"show", "x-1.0"}, 0},
+        {{"set", "x-1.0", "Path", "noslash"}, 1},
+        {{"get", "x-1.0", "Path"}, 0},
+        {{"remove", "x-1.0", "nosuch"}, 1},
+        {{"remove-app", "x-1.0"}, 0},
+        {{"import-desktop", "/nosuch"}, 1},
+        {{"add-product", "P"}, 0},
+        {{"remove-product", "P"}, 0},
+        {{"remove-product", "P"}, 1},
+        {{"add-app", std::string(256, 'x'), "--path", "/a"}, 1},
+    };
+    for (const auto& c : cases) {
+        std::string line;
+        for (const std::string& argument : c.arguments) {
+            line += argument + " ";
+        }
+        SCOPED_TRACE(line);
+        EXPECT_EQ(run(c.arguments), c.status) << errors;
+        EXPECT_EQ(errors.empty(), c.status == 0);
+        if (c.status != 0) {
+            EXPECT_TRUE(errors.starts_with("ovrel-caps: ")) << errors;
+            EXPECT_EQ(output, "");
+        }
+    }
+}
+
+TEST_F(ToolTest, registersAndShows) {
+    ASSERT_EQ(run({"add-app", "Lumen-2.0", "--path", "/opt/L\xC3\xBCmen", "--name", "L & \x1b[31m",
+                   "--shell-tool", "--set", "MessageDigest=false"}),
+              0);
+    ASSERT_EQ(run({"add-app", "viewer-1.0", "--redirect", "lumen-2.0"}), 0);
+    ASSERT_EQ(run({"list"}), 0);
+    EXPECT_EQ(output, "SPECIFIER   NAME       PATH\n"
+                      "lumen-2.0   L & ?[31m  /opt/L\xC3\xBCmen\n"
+                      "viewer-1.0             -> lumen-2.0\n");
+    ASSERT_EQ(run({"list", "--json"}), 0);
+    EXPECT_EQ(output,
+              "[\n  {\n    \"specifier\": \"lumen-2.0\",\n    \"Path\": \"/opt/L\xC3\xBCmen\",\n"
+              "    \"DisplayName\": \"L & \\u001b[31m\",\n    \"IsShellTool\": \"true\",\n"
+              "    \"MessageDigest\": \"false\"\n  },\n  {\n"
+              "    \"specifier\": \"viewer-1.0\",\n    \"RedirectTo\": \"lumen-2.0\"\n  }\n]\n");
+    ASSERT_EQ(run({"set", "lumen-2.0", "DisplayName", "Lumen"}), 0);
+    ASSERT_EQ(run({"get", "LUMEN-2.0", "DisplayName"}), 0);
+    EXPECT_EQ(output, "Lumen\n");
+    ASSERT_EQ(run({"group", "add", "Suite", "7.0", "lumen-2.*"}), 0);
+    ASSERT_EQ(run({"group", "add", "Suite", "7.0", "lumen-2.*"}), 0) << "said twice";
+    ASSERT_EQ(run({"group", "list"}), 0);
+    EXPECT_EQ(output, "NAME   NUMBER  APPLICATION\nSuite  7.0     lumen-2.*\n");
+    ASSERT_EQ(run({"group", "remove", "suite", "7.0", "lumen-2.*"}), 0);
+    EXPECT_EQ(run({"group", "remove", "suite", "7.0", "lumen-2.*"}), 1);
+    ASSERT_EQ(run({"add-product", "P", "--payload", "{p}", "--languages", "L1", "--config-path",
+                   "/o/c.xml", "--install-folder", "/o", "--language", "L1=fr_FR"}),
+              0);
+    EXPECT_EQ(contents().products[0].payloads[0].data.back(),
+              (caps::PayloadValue{6, "L1", "fr_FR"}));
+}
+
+TEST_F(ToolTest, pointsAtWhatIsWrongInAFileAndImportsNoneOfIt) {
+    const struct {
+        const char* toml;
+        const char* position;
+        const char* message;
+    } cases[] = {
+        {"[[application]]\nspecifier = \"a-1.0\"\nPath = \"/a\"\n[[application]\n", "4:", ""},
+        {"[[application]]\nPath = \"/a\"\n", "1:1", "\"specifier\" is missing"},
+        {"[[application]]\nspecifier = \"a#b\"\n", "2:13", "suffix"},
+        {"[[application]]\nspecifier = \"a\"\n  Path = \"noslash\"\n", "3:10", "'/'"},
+        {"[[application]]\nspecifier = \"a\"\nColour = \"red\"\n", "3:10",
+         "unknown field \"Colour\""},
+        {"[[application]]\nspecifier = \"a\"\nIsShellTool = \"yes\"\n", "3:15", "\"true\""},
+        {"[[application]]\nspecifier = \"a\"\n", "1:1", "no path and no redirect"},
+        {"[[group]]\nname = \"a/b\"\nnumber = \"1\"\napplication = \"x\"\n", "2:8", "no '/'"},
+        {"[[product]]\nid = \"P\"\ncolour = 1\n", "3:10", "unknown field"},
+        {"[[product]]\nid = \"P\"\n[[product.payload]]\nid = \"{x}\"\ninstall-state = \"four\"\n",
+         "5:17", "whole number"},
+        {"application = 7\n", "1:15", "[[application]]"},
+        {"colour = 7\n", "1:10", "unknown field"},
+        {"[[data]]\nsubdomain = \"s\"\nvalues = { a = [1] }\n", "3:16",
+         "text, a boolean or a number"},
+    };
+    ASSERT_EQ(run({"init"}), 0);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.toml);
+        const std::string good = "[[application]]\nspecifier = \"good\"\nPath = \"/g\"\n";
+        EXPECT_EQ(run({"import", folder.write("in.toml", c.toml)}), 1);
+        EXPECT_NE(errors.find("in.toml:" + std::string(c.position)), std::string::npos) << errors;
+        EXPECT_NE(errors.find(c.message), std::string::npos) << errors;
+        EXPECT_EQ(run({"import", "-"}, c.toml + good), 1);
+        EXPECT_TRUE(contents().subdomains.empty()) << "the whole file or nothing";
+    }
+    ASSERT_EQ(mkfifo(folder.file("fifo").c_str(), 0600), 0);
+    EXPECT_EQ(run({"import", folder.file("fifo")}), 1) << "does not wait for a writer";
+}
+
+TEST_F(ToolTest, takesBooleansAndNumbersAsTomlHasThem) {
+    ASSERT_EQ(run({"import", "-"},
+                  "[[application]]\nspecifier = \"A-1.0\"\nPath = \"/a\"\n"
+                  "IsShellTool = true\nConveyVersion = 2.5\nSupportsDBGK = false\n"),
+              0)
+        << errors;
+    const std::vector<caps::KeyValue> expected = {{"Specifier", "a-1.0"},
+                                                  {"Path", "/a"},
+                                                  {"IsShellTool", "true"},
+                                                  {"ConveyVersion", "2.5"},
+                                                  {"SupportsDBGK", "false"}};
+    EXPECT_EQ(contents().subdomains[0].data, expected);
+}
+
+TEST_F(ToolTest, importsItsOwnExportToTheSameDatabase) {
+    const unsigned seed = std::random_device()();
+    SCOPED_TRACE(seed);
+    std::mt19937 random(seed);
+    const std::vector<std::string> pieces = {"a", "-1.0", "#", "\n", "\"",   "\\", "'", "\xC3\xA4",
+                                             " ", ".",    "/", "{",  "\x7f", "\t", "="};
+    const auto text = [&](size_t longest) {
+        std::string made;
+        for (size_t n = random() % longest; n > 0; --n) {
+            made += pieces[random() % pieces.size()];
+        }
+        return made;
+    };
+    for (int round = 0; round < 20; ++round) {
+        database = folder.file("random" + std::to_string(round) + ".db");
+        std::unique_ptr<Store> store;
+        ASSERT_EQ(Store::open(database, Store::Access::create, store), Status::ok);
+        for (int i = 0; i < 12; ++i) {
+            const std::string number = std::to_string(i);
+            const std::vector<std::string> names = {"/ovrel/convey/app" + number,
+                                                    "/ovrel/convey/groups", "x" + text(6) + number};
+            const std::string& name = names[random() % names.size()];
+            const auto domain = static_cast<int32_t>(random() % 3);
+            ASSERT_EQ(store->addSubdomain(domain, name), Status::ok);
+            for (size_t k = random() % 4; k > 0; --k) {
+                const std::vector<std::string> keys = {"Specifier", "Path", "Group" + number,
+                                                       "k" + text(4)};
+                const std::vector<std::string> values = {
+                    "app" + number, "/p", "/ovrel/convey/groups/g/1.0/app-1.*", text(8)};
+                const std::string& key = keys[random() % keys.size()];
+                const std::string value = key == "Path" ? "/p" : values[random() % values.size()];
+                ASSERT_EQ(store->setDomainData(domain, name, key, value), Status::ok);
+            }
+            if (name.starts_with("/ovrel/convey/app")) { // else a person may not import it
+                ASSERT_EQ(store->setDomainData(domain, name, "Path", "/p"), Status::ok);
+            }
+            if (random() % 3 == 0) {
+                ASSERT_EQ(
+                    store->addProduct({"P" + number + text(5),
+                                       {{"{p" + number + "}",
+                                         "normal",
+                                         text(4),
+                                         static_cast<int32_t>(random() % 5),
+                                         {{0, "a", text(5)}, {6, "b", text(5)}, {0, "c", ""}}}}}),
+                    Status::ok);
+            }
+        }
+        store.reset();
+        const Contents before = contents();
+        ASSERT_EQ(run({"export"}), 0) << errors;
+        const std::string exported = output;
+        database = folder.file("copy" + std::to_string(round) + ".db");
+        ASSERT_EQ(run({"init"}), 0);
+        ASSERT_EQ(run({"import", "-"}, exported), 0) << errors << exported;
+        ASSERT_EQ(contents(), before) << exported;
+    }
+}
+
+TEST_F(ToolTest, findsWhatTheLayerWouldIgnoreOrTripOver) {
+    const auto app = [](const char* specifier, std::vector<caps::KeyValue> keys) {
+        keys.insert(keys.begin(), {"Specifier", specifier});
+        return caps::Subdomain{1, std::string("/ovrel/convey/") + specifier, std::move(keys)};
+    };
+    const struct {
+        std::vector<caps::Subdomain> subdomains;
+        std::vector<std::string> findings; // a piece of each, in order
+    } cases[] = {
+        {{app("ok", {{"Path", "/a"}, {"IsShellTool", "false"}})}, {}},
+        {{app("a", {})}, {"no path and no redirect"}},
+        {{app("a", {{"Path", "noslash"}})}, {"has no '/'"}},
+        {{app("a", {{"RedirectTo", "b"}})}, {"\"b\" is not registered"}},
+        {{app("a", {{"RedirectTo", "b_2"}}), app("b", {{"Path", "/b"}})}, {}},
+        {{app("x", {{"RedirectTo", "a"}}), app("a", {{"RedirectTo", "b"}}),
+          app("b", {{"RedirectTo", "a"}})},
+         {"redirect loop a -> b -> a"}},
+        {{app("a", {{"Path", "/a"}, {"IsShellTool", "True"}})}, {"\"True\""}},
+        {{app("a", {{"Path", "/a"}, {"ConveyVersion", "two"}})}, {"decimal"}},
+        {{app("a", {{"Path", "/a"}}), {1, "/ovrel/convey/b", {{"Specifier", "A"}, {"Path", "/b"}}}},
+         {"is registered as a again"}},
+        {{{1, "/ovrel/convey/Caps", {{"Path", "/a"}}}}, {"capital letters"}},
+        {{{1,
+           "/ovrel/convey/groups",
+           {{"Group1", "/ovrel/convey/groups/g/1/a"},
+            {"Group2", "/ovrel/convey/groups/g/a"},
+            {"Group3", "/ovrel/convey/groups/g/0/a"},
+            {"Other", "x"}}}},
+         {"NAME/NUMBER/APPLICATION", "not above 0", "does not begin"}},
+        {{app("w", {{"ExecutableBasename", "https://x.ovrel.example/"}})}, {}},
+        {{app("p", {}), {1, "{p}", {{"ConveyCode", "/ovrel/convey/p"}}}}, {}},
+        {{{1, "/other", {{"IsShellTool", "True"}}}}, {}},
+    };
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        SCOPED_TRACE(i);
+        const auto findings = caps::tool::checkRegistry({{}, cases[i].subdomains});
+        ASSERT_EQ(findings.size(), cases[i].findings.size());
+        for (size_t k = 0; k < findings.size(); ++k) {
+            EXPECT_NE(findings[k].what.find(cases[i].findings[k]), std::string::npos)
+                << findings[k].what;
+        }
+    }
+    ASSERT_EQ(run({"init"}), 0);
+    EXPECT_EQ(run({"check"}), 0);
+    EXPECT_EQ(output, "nothing to report\n");
+    ASSERT_EQ(run({"set", "a", "IsShellTool", "true"}), 0);
+    EXPECT_EQ(run({"check"}), 1);
+}
+
+TEST_F(ToolTest, readsDesktopEntriesByTheFormatsRules) {
+    const struct {
+        const char* exec;
+        const char* program;
+    } execs[] = {{"/bin/cat %U", "/bin/cat"},
+                 {"\"/a b/c\" --x", "/a b/c"},
+                 {"\"/a\\\\$b\" x", "/a$b"},
+                 {"\"unfinished", ""},
+                 {"", ""},
+                 {"$(evil)", ""},
+                 {"  sh  -c x", "sh"},
+                 {"/with\\sblank x", "/with"}};
+    for (const auto& c : execs) {
+        EXPECT_EQ(caps::tool::programOf(c.exec), c.program) << c.exec;
+    }
+    const std::string head = "[Desktop Entry]\nType=Application\nName=N\nName[de]=M\n";
+    const struct {
+        std::string content;
+        const char* specifier;
+        const char* reason;
+    } entries[] = {
+        {head + "Exec=/bin/sh\nVersion=1.5\n", "org.x.my.app", ""},
+        {head + "Exec=sh\nX-Foo-Version=3.2\n", "org.x.my.app-3.2", ""},
+        {head + "Exec=/bin/sh\n[Desktop Action a]\nHidden=true\n", "org.x.my.app", ""},
+        {head + "Exec=/nosuch/program\n", "", "not installed"},
+        {head + "Exec=/bin/sh\nTryExec=nosuchprogram\n", "", "not installed"},
+        {head + "Exec=/bin/sh\nNoDisplay=true\n", "", "hidden"},
+        {head, "", "Exec"},
+        {"[Desktop Entry]\nType=Link\n", "", "no application"},
+        {"[Desktop Entry]\nrubbish\n", "", "line 2"},
+        {"", "", "[Desktop Entry]"},
+    };
+    for (const auto& c : entries) {
+        SCOPED_TRACE(c.content);
+        std::istringstream in(c.content);
+        std::string reason;
+        const auto application = caps::tool::readDesktopEntry(in, "org.x.My-App.desktop", reason);
+        EXPECT_EQ(application ? application->specifier : "", c.specifier);
+        EXPECT_NE(reason.find(c.reason), std::string::npos) << reason;
+        EXPECT_EQ(reason.empty(), application.has_value());
+    }
+    ASSERT_EQ(run({"import-desktop", EXAMPLE_APPLICATIONS}), 0);
+    EXPECT_EQ(output, "2 applications added, 0 replaced\n");
+    EXPECT_NE(errors.find("settings.desktop: is hidden"), std::string::npos) << errors;
+}
+
+} // namespace
