@@ -1,0 +1,249 @@
+#include <csignal>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <string>
+#include <vector>
+
+#include "caps/Store.h"
+#include "tests/support/Process.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace {
+
+using caps::Status;
+using caps::Store;
+
+constexpr const char* kEmptyListing = "<products>\n</products>\n";
+
+// The real program on a database of the test's own.
+class ListingTest : public testing::Test {
+protected:
+    ListingTest() { EXPECT_EQ(Store::open(database, Store::Access::create, store), Status::ok); }
+
+    void add(const std::string& specifier, const std::string& path) const {
+        const std::string subdomain = "/ovrel/convey/" + specifier;
+        EXPECT_EQ(store->setDomainData(1, subdomain, "Specifier", specifier), Status::ok);
+        EXPECT_EQ(store->setDomainData(1, subdomain, "Path", path), Status::ok);
+    }
+
+    ProcessResult run(std::vector<std::string> arguments = {},
+                      std::map<std::string, std::string> environment = {}) const {
+        arguments.insert(arguments.begin(), program);
+        // Nothing of the user's own gets in.
+        std::map<std::string, std::string> all = {{"OVREL_CAPS_DB", database},
+                                                  {"HOME", folder.file("home")},
+                                                  {"XDG_DATA_HOME", ""},
+                                                  {"LC_ALL", "en_US.UTF-8"}};
+        for (const auto& [name, value] : environment) {
+            all[name] = value;
+        }
+        return runProcess(arguments, all);
+    }
+
+    void expectListing(const std::string& listing,
+                       const std::map<std::string, std::string>& environment = {}) const {
+        const ProcessResult result = run({}, environment);
+        EXPECT_EQ(result.exitStatus, 0);
+        EXPECT_EQ(result.signal, 0);
+        EXPECT_EQ(result.out, listing);
+        EXPECT_EQ(result.err, "");
+    }
+
+    TemporaryFolder folder;
+    std::string database = folder.file("caps.db");
+    std::string program = KIVRA_CONVEY_CMD;
+    std::unique_ptr<Store> store;
+};
+
+TEST_F(ListingTest, printsEachApplicationOnALine) {
+    add("kivra-7.0", "/opt/Kivra & <Co>/Kivra's.app");
+    add("lumen-2.0-en_us", "/opt/L\xC3\xBCmen/L.app");
+    add("a&b<c>", "/x/\"y\"");
+    ASSERT_EQ(store->addProduct({"P",
+                                 {{"{p}",
+                                   "normal",
+                                   "",
+                                   4,
+                                   {{0, "installedLanguages", "L1,de_DE"},
+                                    {0, "PYLConfigPath", "/opt/L\xC3\xBCmen/PYL/a.xml"},
+                                    {0, "INSTALLDIR", "/opt"},
+                                    {6, "L1", "fr_FR"}}}}}),
+              Status::ok);
+    expectListing("<products>\n"
+                  "<product specifier='kivra-7.0' path='/opt/Kivra &amp; &lt;Co&gt;/Kivra's.app' "
+                  "locale='en_US'/>\n"
+                  "<product specifier='lumen-2.0-en_us' path='/opt/L\xC3\xBCmen/L.app' "
+                  "locale='fr_FR,de_DE'/>\n"
+                  "<product specifier='a&amp;b&lt;c&gt;' path='/x/\"y\"' locale='en_US'/>\n"
+                  "</products>\n");
+}
+
+TEST_F(ListingTest, takesTheLocaleOfTheUserForUnknownProducts) {
+    add("kivra-7.0", "/opt/k/K.app");
+    const struct {
+        std::map<std::string, std::string> environment;
+        const char* locale;
+    } cases[] = {{{{"LC_ALL", "de_DE.UTF-8"}}, "de_DE"},
+                 {{{"LC_ALL", "C"}, {"LANG", "de_DE"}}, "en_US"},
+                 {{{"LC_ALL", ""}, {"LC_MESSAGES", ""}, {"LANG", "pt_BR"}}, "pt_BR"},
+                 {{{"LC_ALL", "'/><x_US"}}, "en_US"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.locale);
+        expectListing("<products>\n<product specifier='kivra-7.0' path='/opt/k/K.app' locale='" +
+                          std::string(c.locale) + "'/>\n</products>\n",
+                      c.environment);
+    }
+}
+
+TEST_F(ListingTest, listsForAnyArgumentsButTwo) {
+    add("kivra-7.0", "/opt/k/K.app");
+    const std::string listing = run().out;
+    EXPECT_NE(listing.find("kivra-7.0"), std::string::npos);
+    for (const std::vector<std::string>& arguments : {std::vector<std::string>{"check_running"},
+                                                      {"a", "b", "c"},
+                                                      {"a", "b", "c", "d"},
+                                                      {"--help"}}) {
+        EXPECT_EQ(run(arguments).out, listing) << arguments[0];
+    }
+    for (const char* command : {"CHECK_RUNNING", "check_runnin", "", "list"}) {
+        const ProcessResult result = run({command, "kivra-7.0"});
+        EXPECT_EQ(result.out + result.err, "");
+        EXPECT_EQ(result.exitStatus, 0);
+    }
+}
+
+TEST_F(ListingTest, checksATarget) {
+    add("lumen-2.0", "/opt/l/L.app");
+    const struct {
+        std::string target;
+        const char* line;
+    } cases[] = {
+        {"lumen", "<product specifier='lumen' running_response='ISNOTRUNNING' />\n"},
+        {"no<such>", "<product specifier='no&lt;such&gt;' running_response='ISNOTINSTALLED' />\n"},
+        {"it's", "<product specifier='it's' running_response='ISNOTINSTALLED' />\n"},
+        {"", "<product specifier='' running_response='INVALIDSPEC' />\n"},
+        {"kivra-7.0", "<product specifier='kivra-7.0' running_response='UNDEFINED' />\n"},
+    };
+    for (const auto& c : cases) {
+        const ProcessResult result = run({"check_running", c.target});
+        EXPECT_EQ(result.out, c.line);
+        EXPECT_EQ(result.exitStatus, 0);
+        EXPECT_EQ(result.err, "");
+    }
+}
+
+TEST_F(ListingTest, isEmptyWithoutADatabaseThatCanBeRead) {
+    store.reset();
+    expectListing(kEmptyListing);
+    expectListing(kEmptyListing, {{"OVREL_CAPS_DB", folder.file("none.db")}});
+    EXPECT_FALSE(std::filesystem::exists(folder.file("none.db")));
+    expectListing(kEmptyListing, {{"OVREL_CAPS_DB", ""}});
+    expectListing(kEmptyListing, {{"OVREL_CAPS_DB", folder.file("")}});
+    const std::string whole = TemporaryFolder::read(database);
+    for (const size_t length : {0UL, 1UL, 100UL, 4096UL, 5000UL}) {
+        expectListing(kEmptyListing,
+                      {{"OVREL_CAPS_DB", folder.write("cut.db", whole.substr(0, length))}});
+    }
+    expectListing(kEmptyListing,
+                  {{"OVREL_CAPS_DB", folder.write("junk.db", std::string(9999, '?'))}});
+}
+
+TEST_F(ListingTest, isEmptyWithoutTheDatabaseLibrary) {
+    add("kivra-7.0", "/opt/k/K.app");
+    std::filesystem::copy_file(KIVRA_CONVEY_CMD, folder.file("KivraConveyCmd"));
+    program = folder.file("KivraConveyCmd");
+    expectListing(kEmptyListing);
+    const std::string framework = folder.file("Frameworks/ovrel_caps.framework");
+    std::filesystem::create_directories(framework);
+    folder.write("Frameworks/ovrel_caps.framework/ovrel_caps", "no library");
+    expectListing(kEmptyListing);
+    std::filesystem::copy_file(OVREL_CAPS_LIBRARY, framework + "/ovrel_caps",
+                               std::filesystem::copy_options::overwrite_existing);
+    EXPECT_NE(run().out, kEmptyListing) << "found in the program's Frameworks";
+    const std::string inside = folder.file("X.app/Contents/MacOS");
+    std::filesystem::create_directories(inside);
+    std::filesystem::create_directories(folder.file("X.app/Contents/Frameworks"));
+    std::filesystem::rename(framework,
+                            folder.file("X.app/Contents/Frameworks/ovrel_caps.framework"));
+    std::filesystem::rename(program, inside + "/KivraConveyCmd");
+    program = inside + "/KivraConveyCmd";
+    EXPECT_NE(run().out, kEmptyListing) << "found in the application's Contents/Frameworks";
+}
+
+TEST_F(ListingTest, isWholeWhileAWriterHoldsTheDatabase) {
+    add("kivra-7.0", "/opt/k/K.app");
+    const std::string listing = run().out;
+    Store::Transaction transaction(*store);
+    ASSERT_EQ(transaction.begin(), Status::ok);
+    add("lumen-2.0", "/opt/l/L.app");
+    EXPECT_EQ(run().out, listing);
+    ASSERT_EQ(transaction.commit(), Status::ok);
+    EXPECT_NE(run().out, listing);
+}
+
+TEST_F(ListingTest, isEmptyWhileAnotherProgramHasTheDatabaseForItself) {
+    add("kivra-7.0", "/opt/k/K.app");
+    store.reset();
+    sqlite3* other = nullptr;
+    ASSERT_EQ(sqlite3_open(database.c_str(), &other), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(other,
+                           "PRAGMA locking_mode = EXCLUSIVE; BEGIN EXCLUSIVE;"
+                           "UPDATE domain_data SET value = value",
+                           nullptr, nullptr, nullptr),
+              SQLITE_OK);
+    expectListing(kEmptyListing);
+    sqlite3_close(other);
+}
+
+TEST_F(ListingTest, endsAbnormallyAtAPathWithoutAFolder) {
+    add("kivra-7.0", "/opt/k/K.app");
+    add("bad-1.0", "nofolder");
+    add("lumen-2.0", "/opt/l/L.app");
+    const ProcessResult result = run();
+    EXPECT_EQ(result.signal, SIGABRT);
+    EXPECT_EQ(result.out, "<products>\n<product specifier='kivra-7.0' path='/opt/k/K.app' "
+                          "locale='en_US'/>\n");
+}
+
+TEST_F(ListingTest, isWellFormedAndCompleteForTenThousandApplications) {
+    {
+        Store::Transaction transaction(*store);
+        ASSERT_EQ(transaction.begin(), Status::ok);
+        for (int i = 0; i < 10'000; ++i) {
+            add("app" + std::to_string(i) + "-1." + std::to_string(i % 10),
+                "/opt/<" + std::to_string(i) + ">&\xC3\xA4/A.app");
+        }
+        ASSERT_EQ(transaction.commit(), Status::ok);
+    }
+    const ProcessResult result = run();
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 10'002);
+    EXPECT_NE(result.out.find("<product specifier='app9999-1.9' "
+                              "path='/opt/&lt;9999&gt;&amp;\xC3\xA4/A.app' locale='en_US'/>"),
+              std::string::npos);
+    const ProcessResult check =
+        runProcess({XMLLINT, "--noout", folder.write("listing.xml", result.out)});
+    EXPECT_EQ(check.exitStatus, 0) << check.err;
+}
+
+TEST_F(ListingTest, showsTheApplicationsOfTheDesktop) {
+    const ProcessResult import = runProcess(
+        {OVREL_CAPS_TOOL, "--database", database, "import-desktop", EXAMPLE_APPLICATIONS});
+    ASSERT_EQ(import.exitStatus, 0) << import.err;
+    const std::string listing = run().out;
+    EXPECT_NE(listing.find("specifier='org.example.editor-3.2' path='/bin/cat'"), std::string::npos)
+        << listing;
+    EXPECT_NE(listing.find("specifier='shell.tool'"), std::string::npos) << listing;
+}
+
+TEST_F(ListingTest, failsWhenTheToolsOutputCannotBeWritten) {
+    add("kivra-7.0", "/opt/k/K.app");
+    const ProcessResult result =
+        runProcess({"/bin/sh", "-c",
+                    std::string(OVREL_CAPS_TOOL) + " --database " + database + " list >/dev/full"});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_NE(result.err.find("cannot be written"), std::string::npos) << result.err;
+}
+
+} // namespace
