@@ -42,10 +42,6 @@ public:
     }
     void end() {
         endSubdomain();
-        target_.index_.reserve(target_.names_.size());
-        for (size_t i = 0; i < target_.names_.size(); ++i) {
-            target_.index_.add(target_.names_[i], i);
-        }
         target_.names_.push_back(nullptr);
     }
 
@@ -78,6 +74,12 @@ ptrdiff_t DomainSnapshot::find(std::string_view name, ptrdiff_t hint) const {
             return i;
         }
     }
+    std::call_once(indexed_, [this] {
+        index_.reserve(entries_.size());
+        for (size_t i = 0; i < entries_.size(); ++i) {
+            index_.add(names_[i], i);
+        }
+    });
     return index_.find(name);
 }
 

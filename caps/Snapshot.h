@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
@@ -64,7 +65,9 @@ private:
     std::vector<Entry> entries_;
     std::vector<const char*> keys_;
     std::vector<const char*> values_;
-    NameIndex index_;
+    // Made when a question does not come in order: a walk over a domain never needs it.
+    mutable std::once_flag indexed_;
+    mutable NameIndex index_;
 };
 
 // All products as they were at one moment, never changed afterwards.

@@ -374,7 +374,8 @@ Status Store::migrate() {
     // folder needs them.
     int persist = 1;
     (void)sqlite3_file_control(state.connection, "main", SQLITE_FCNTL_PERSIST_WAL, &persist);
-    int code = state.execute("PRAGMA journal_mode = WAL");
+    // Kept, but not with what has long been moved to the database.
+    int code = state.execute("PRAGMA journal_mode = WAL; PRAGMA journal_size_limit = 0");
     if (code != SQLITE_OK) {
         return fail(code, "cannot be prepared for writing");
     }

@@ -71,21 +71,12 @@ void checkRunning(const std::string& specifier) {
 
 std::string toXMLString(const std::string& text) {
     std::string result;
-    result.reserve(text.size());
-    for (const char c : text) {
-        switch (c) {
-        case '&':
-            result += "&amp;";
-            break;
-        case '<':
-            result += "&lt;";
-            break;
-        case '>':
-            result += "&gt;";
-            break;
-        default:
-            result += c;
-        }
+    size_t done = 0;
+    for (size_t found = text.find_first_of("&<>"); found != std::string::npos;
+         found = text.find_first_of("&<>", done)) {
+        result.append(text, done, found - done);
+        result += text[found] == '&' ? "&amp;" : text[found] == '<' ? "&lt;" : "&gt;";
+        done = found + 1;
     }
-    return result;
+    return result.append(text, done);
 }

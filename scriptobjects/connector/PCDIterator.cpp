@@ -360,7 +360,8 @@ bool PCDInitLists::onAppInfo(PCDWrapper&, CVConnectorAppInfo& info) {
         info.path = pathFromPayloads(info);
     }
     if (!info.path.isEmpty() || !info.redirectTo.isEmpty()) {
-        (void)list_.append(new CVConnectorAppInfo(info)); // an equal record is there already
+        // The walk is done with the record. False when an equal one is there already.
+        (void)list_.append(new CVConnectorAppInfo(std::move(info)));
     }
     return true;
 }

@@ -47,6 +47,7 @@ public:
                        CVConnectorAppInfo& info);
     // For a subclass that meets an entry it cannot bear.
     virtual bool onError(PCDWrapper& wrapper, const char* what, const char* where);
+    // A whole record, which may be moved from: the walk is done with it.
     virtual bool onAppInfo(PCDWrapper& wrapper, CVConnectorAppInfo& info);
     virtual bool onGroupInfo(PCDWrapper& wrapper, const SoString& key, const SoString& entry);
 

@@ -153,7 +153,7 @@ SoString ConveyConnector::findPreferredApp(const SoString& specifier, const SoSt
         double lowest = -std::numeric_limits<double>::infinity();
         double highest = std::numeric_limits<double>::infinity();
         if (caller.appName() == wanted.appName()) {
-            lowest = parseNumber(caller.version().c_str());
+            lowest = parseNumber(CVSpecifierParts::of(caller.view()).version);
             highest = lowest + 1.0;
         }
         ObjectLock lock(*this);
@@ -246,7 +246,9 @@ SoString ConveyConnector::getApplicationPath(const SoString& specifier, const ch
         return SoString();
     }
     Convey::Specifier bare(specifier.c_str(), false);
-    bare.setSuffix(SoString());
+    if (!CVSpecifierParts::of(bare.view()).suffix.empty()) {
+        bare.setSuffix(SoString());
+    }
     return field(bare, &CVConnectorAppInfo::path, SoString());
 }
 

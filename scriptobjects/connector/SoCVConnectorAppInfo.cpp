@@ -329,7 +329,7 @@ void CVConnectorAppInfoList::appendSpecifiersOf(const SoString& appName,
     const uint32_t hash = CVPositionIndex::hash(appName.view());
     for (int32_t i = byAppName_.first(hash); i >= 0; i = byAppName_.after(i)) {
         Convey::Specifier registered(items_[i]->specifier.c_str(), false);
-        if (registered.appName() == appName) {
+        if (CVSpecifierParts::of(registered.view()).appName == appName.view()) {
             out.push_back(std::move(registered));
         }
     }

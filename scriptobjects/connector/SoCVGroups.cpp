@@ -96,7 +96,7 @@ const CVGroupEntry* CVGroups::findMember(const SoString& group, const SoString& 
             continue;
         }
         const CVSpecifierParts parts = CVSpecifierParts::of(entry.pattern.view());
-        double version = parseNumber(std::string(parts.version).c_str());
+        double version = parseNumber(parts.version);
         if (version < 0.0) {
             version = highest;
         }

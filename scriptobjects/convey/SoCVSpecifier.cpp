@@ -23,8 +23,8 @@ SoString toSoString(std::string_view text) {
     return SoString(text.data(), static_cast<int32_t>(text.size()));
 }
 
-double versionNumber(const Convey::Specifier& specifier) {
-    return parseNumber(specifier.version().c_str());
+double versionNumber(const SoString& specifier) {
+    return parseNumber(CVSpecifierParts::of(specifier.view()).version);
 }
 
 // The shared context, when it has a registry to ask.
@@ -54,21 +54,40 @@ struct LocaleChoice {
     SoString other;
 };
 
-bool servesLocale(const Convey::Specifier& registration, const SoString& locale) {
-    const SoString own = registration.locale();
-    return own.isEmpty() || own == locale;
+// The user's locale, found out when it first matters: most registrations have none of their own.
+class UserLocale {
+public:
+    const SoString& get() {
+        if (locale_.isEmpty()) {
+            locale_ = ConveyUtils::getCurrentLocale();
+        }
+        return locale_;
+    }
+
+private:
+    SoString locale_;
+};
+
+bool servesLocale(const SoString& registration, UserLocale& locale) {
+    const std::string_view own = CVSpecifierParts::of(registration.view()).locale;
+    return own.empty() || own == locale.get().view();
+}
+
+bool servesLocale(const SoString& registration, const SoString& locale) {
+    const std::string_view own = CVSpecifierParts::of(registration.view()).locale;
+    return own.empty() || own == locale.view();
 }
 
 // The last of the highest versions in [lowest, highest), for each of the two candidates as the
 // bound rises: a later registration of the same version replaces an earlier one.
-LocaleChoice chooseByRange(const std::vector<SoString>& registrations, const SoString& locale,
-                           double lowest, double highest) {
+LocaleChoice chooseByRange(const std::vector<SoString>& registrations, double lowest,
+                           double highest) {
     LocaleChoice choice;
-    for (const SoString& text : registrations) {
-        const Convey::Specifier registration(text.c_str(), false);
+    UserLocale locale;
+    for (const SoString& registration : registrations) {
         const double version = versionNumber(registration);
         if (version >= lowest && version < highest) {
-            (servesLocale(registration, locale) ? choice.same : choice.other) = text;
+            (servesLocale(registration, locale) ? choice.same : choice.other) = registration;
             lowest = version;
         }
     }
@@ -76,19 +95,18 @@ LocaleChoice chooseByRange(const std::vector<SoString>& registrations, const SoS
 }
 
 // The first registration of exactly this version for the locale, else the last for another one.
-LocaleChoice chooseExact(const std::vector<SoString>& registrations, const SoString& locale,
-                         double version) {
+LocaleChoice chooseExact(const std::vector<SoString>& registrations, double version) {
     LocaleChoice choice;
-    for (const SoString& text : registrations) {
-        const Convey::Specifier registration(text.c_str(), false);
+    UserLocale locale;
+    for (const SoString& registration : registrations) {
         if (versionNumber(registration) != version) {
             continue;
         }
         if (servesLocale(registration, locale)) {
-            choice.same = text;
+            choice.same = registration;
             break;
         }
-        choice.other = text;
+        choice.other = registration;
     }
     return choice;
 }
@@ -287,19 +305,17 @@ void Convey::Specifier::fixUp(bool useContext) {
     if (!parts.locale.empty() || registrations.empty()) {
         return; // an explicit locale is what it is
     }
-    const SoString userLocale = ConveyUtils::getCurrentLocale();
-    const double version = parseNumber(toSoString(parts.version).c_str());
+    const double version = parseNumber(parts.version);
     LocaleChoice choice;
     if (parts.version.find('.') != std::string_view::npos) {
-        choice = chooseExact(registrations, userLocale, version);
+        choice = chooseExact(registrations, version);
     } else if (parts.version.empty()) {
-        choice = chooseByRange(registrations, userLocale, 0.0, kHighestVersion);
+        choice = chooseByRange(registrations, 0.0, kHighestVersion);
     } else {
-        choice = chooseByRange(registrations, userLocale, version, version + 1.0);
+        choice = chooseByRange(registrations, version, version + 1.0);
     }
     if (!choice.same.isEmpty() && !choice.other.isEmpty() &&
-        versionNumber(Specifier(choice.other.c_str(), false)) >
-            versionNumber(Specifier(choice.same.c_str(), false))) {
+        versionNumber(choice.other) > versionNumber(choice.same)) {
         choice.same = SoString();
     }
     const SoString& chosen = choice.same.isEmpty() ? choice.other : choice.same;

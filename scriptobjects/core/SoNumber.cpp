@@ -1,8 +1,6 @@
 #include "scriptobjects/core/SoNumber.h"
 
 #include <charconv>
-#include <cmath>
-#include <cstring>
 #include <limits>
 #include <string_view>
 
@@ -17,21 +15,23 @@ bool isHexDigit(char c) {
     return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
 }
 
-// Skips blanks and a sign; true for a minus sign.
-bool skipSign(const char*& p) {
-    while (isBlank(*p)) {
-        ++p;
+// Removes blanks and a sign; true for a minus sign.
+bool takeSign(std::string_view& text) {
+    while (!text.empty() && isBlank(text.front())) {
+        text.remove_prefix(1);
     }
-    if (*p == '+' || *p == '-') {
-        return *p++ == '-';
+    if (text.empty() || (text.front() != '+' && text.front() != '-')) {
+        return false;
     }
-    return false;
+    const bool negative = text.front() == '-';
+    text.remove_prefix(1);
+    return negative;
 }
 
 // "0x" begins a hexadecimal number only when a digit follows, perhaps behind the point.
-bool isHexadecimal(const char* p) {
-    return p[0] == '0' && (p[1] == 'x' || p[1] == 'X') &&
-           (isHexDigit(p[2]) || (p[2] == '.' && isHexDigit(p[3])));
+bool isHexadecimal(std::string_view text) {
+    return text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X') &&
+           (isHexDigit(text[2]) || (text.size() > 3 && text[2] == '.' && isHexDigit(text[3])));
 }
 
 // What lies beyond the range of a double: too large, or too close to zero.
@@ -53,40 +53,42 @@ double outOfRange(std::string_view digits, bool hexadecimal) {
 
 } // namespace
 
-double parseNumber(const char* text) {
-    if (text == nullptr) {
-        return 0.0;
-    }
-    const bool negative = skipSign(text);
-    if (*text == '+' || *text == '-') {
+double parseNumber(std::string_view text) {
+    const bool negative = takeSign(text);
+    if (text.empty() || text.front() == '+' || text.front() == '-') {
         return 0.0; // from_chars would take a second minus sign
     }
     const bool hexadecimal = isHexadecimal(text);
     if (hexadecimal) {
-        text += 2;
+        text.remove_prefix(2);
     }
     double value = 0.0;
-    const char* end = text + std::strlen(text);
-    const auto result = std::from_chars(
-        text, end, value, hexadecimal ? std::chars_format::hex : std::chars_format::general);
+    const auto result =
+        std::from_chars(text.data(), text.data() + text.size(), value,
+                        hexadecimal ? std::chars_format::hex : std::chars_format::general);
     if (result.ec == std::errc::invalid_argument) {
         return 0.0;
     }
     if (result.ec == std::errc::result_out_of_range) {
-        value = outOfRange({text, static_cast<size_t>(result.ptr - text)}, hexadecimal);
+        value =
+            outOfRange(text.substr(0, static_cast<size_t>(result.ptr - text.data())), hexadecimal);
     }
     return negative ? -value : value;
 }
 
-uint32_t parseUnsigned32(const char* text) {
-    if (text == nullptr) {
+uint32_t parseUnsigned32(const char* digits) {
+    if (digits == nullptr) {
         return 0;
     }
-    const bool negative = skipSign(text);
+    std::string_view text(digits);
+    const bool negative = takeSign(text);
     constexpr uint64_t kMaximum = std::numeric_limits<uint32_t>::max();
     uint64_t value = 0;
-    for (; *text >= '0' && *text <= '9'; ++text) {
-        value = value * 10 + static_cast<uint64_t>(*text - '0');
+    for (const char c : text) {
+        if (c < '0' || c > '9') {
+            break;
+        }
+        value = value * 10 + static_cast<uint64_t>(c - '0');
         if (value > kMaximum) {
             return std::numeric_limits<uint32_t>::max();
         }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 
 #include "scriptobjects/core/SoExport.h"
 
@@ -11,7 +12,10 @@ namespace ScObjects {
 
 // The number that `text` begins with, after blanks: what strtod gives in the "C" locale, exponents,
 // hexadecimal, "inf" and "nan" included. 0 without a number, infinity beyond the range.
-SO_EXPORT double parseNumber(const char* text);
+SO_EXPORT double parseNumber(std::string_view text);
+inline double parseNumber(const char* text) {
+    return text == nullptr ? 0.0 : parseNumber(std::string_view(text));
+}
 
 // The decimal number that `text` begins with, after blanks and a sign: what strtoul gives where
 // `unsigned long` has 32 bits. 4294967295 for a larger one, 0 without a number; a minus sign gives

@@ -17,6 +17,9 @@ constexpr int32_t kMaximumScannedUnits = 65'536; // of a UTF-16 text without a l
 constexpr uint32_t kReplacement = 0xFFFD;
 constexpr int kEncodedBytes = 6; // of the longest code point
 
+// What strings point to until they hold something.
+constinit char gEmptyBuffer[1] = {'\0'};
+
 // The smallest multiple of the step that is above `length`.
 int32_t capacityFor(int64_t length) {
     return static_cast<int32_t>((length + SoString::kStep) / SoString::kStep * SoString::kStep);
@@ -42,6 +45,11 @@ void convertBytes(char* text, Convert&& convert) {
     for (; *text != '\0'; ++text) {
         *text = static_cast<char>(convert(static_cast<unsigned char>(*text)));
     }
+}
+
+// What a specifier is made of as a rule, and no locale's tolower changes.
+bool isSurelyLower(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= '-' && c <= '9') || c == '_' || c == '#';
 }
 
 bool isHighSurrogate(uint32_t unit) {
@@ -132,16 +140,20 @@ void walkUtf8(const char* text, const char* end, uint32_t steps, Use&& use) {
 
 } // namespace
 
-SoString::SoString() : data_(newBuffer(0)), capacity_(kStep) {
-    *data_ = '\0';
-}
+SoString::SoString() noexcept : data_(gEmptyBuffer), capacity_(kStep) {}
 
 SoString::SoString(char c) : data_(newBuffer(1)), length_(1), capacity_(kStep) {
     data_[0] = c;
     data_[1] = '\0';
 }
 
+// For constructors: an uninitialised buffer for `length` bytes, which may be none.
 void SoString::reserveFresh(int64_t length) {
+    if (length == 0) {
+        data_ = gEmptyBuffer;
+        capacity_ = kStep;
+        return;
+    }
     data_ = newBuffer(length);
     length_ = static_cast<int32_t>(length);
     capacity_ = capacityFor(length);
@@ -164,10 +176,7 @@ SoString::SoString(const SoString& other) : SoHeap(other) {
 
 SoString::SoString(SoString&& other) noexcept
     : SoHeap(other), data_(other.data_), length_(other.length_), capacity_(other.capacity_) {
-    // The source stays a string. Its new buffer is the smallest there is; without memory even for
-    // that the process cannot go on, and noexcept ends it here.
-    other.data_ = newBuffer(0);
-    *other.data_ = '\0';
+    other.data_ = gEmptyBuffer;
     other.length_ = 0;
     other.capacity_ = kStep;
 }
@@ -188,7 +197,13 @@ SoString::SoString(const unsigned short* utf16, int32_t length) {
 }
 
 SoString::~SoString() {
-    freeHeap(data_);
+    release();
+}
+
+void SoString::release() {
+    if (data_ != gEmptyBuffer) {
+        freeHeap(data_);
+    }
 }
 
 SoString& SoString::operator=(const SoString& other) {
@@ -214,10 +229,13 @@ const char* SoString::assign(const char* text, int32_t length) {
         length = 0;
     }
     const int64_t bytes = lengthOf(text, length);
-    if (capacity_ < bytes + 1) {
+    if (data_ == gEmptyBuffer && bytes == 0) {
+        return data_;
+    }
+    if (capacity_ < bytes + 1 || data_ == gEmptyBuffer) {
         // A text that needs more room than the buffer has does not lie in it.
         char* buffer = newBuffer(bytes);
-        freeHeap(data_);
+        release();
         data_ = buffer;
         capacity_ = capacityFor(bytes);
     }
@@ -233,11 +251,14 @@ void SoString::append(const char* text, int32_t length) {
     }
     const int64_t bytes = lengthOf(text, length);
     const int64_t newLength = length_ + bytes;
-    if (newLength >= capacity_) {
+    if (bytes == 0) {
+        return;
+    }
+    if (newLength >= capacity_ || data_ == gEmptyBuffer) {
         char* buffer = newBuffer(newLength);
         std::memcpy(buffer, data_, static_cast<size_t>(length_) + 1);
         std::memcpy(buffer + length_, text, static_cast<size_t>(bytes)); // may lie in the old one
-        freeHeap(data_);
+        release();
         data_ = buffer;
         capacity_ = capacityFor(newLength);
     } else {
@@ -277,7 +298,13 @@ SoString SoString::uppercase() const {
 }
 
 void SoString::makeLowercase() {
-    convertBytes(data_, [](int c) { return std::tolower(c); });
+    char* text = data_;
+    while (isSurelyLower(*text)) {
+        ++text;
+    }
+    if (*text != '\0') {
+        convertBytes(text, [](int c) { return std::tolower(c); });
+    }
 }
 
 void SoString::convertToUtf16(unsigned short* out, uint32_t steps) const {

@@ -11,8 +11,9 @@ namespace ScObjects {
 // A growable byte string that holds UTF-8; nothing checks that it does, and lengths count bytes.
 //
 // Owns its buffer, which is always terminated by a zero byte and never null. Buffers have the
-// smallest multiple of 128 bytes above the length. A moved-from string is empty. Used by one thread
-// at a time; any number may read one that nobody changes.
+// smallest multiple of 128 bytes above the length; one that was never written to is taken from the
+// heap when it first is, since half of a registry's texts stay empty. A moved-from string is empty.
+// Used by one thread at a time; any number may read one that nobody changes.
 //
 // Texts: null counts as "", a negative length means up to the first zero byte, and a text may lie
 // in the string's own buffer. Throws std::bad_alloc, the string unchanged, when memory runs out or
@@ -21,7 +22,7 @@ class SO_EXPORT SoString : public SoHeap {
 public:
     static constexpr int32_t kStep = 128; // bytes; headers, specifiers and paths fit one or two
 
-    SoString();
+    SoString() noexcept;
     explicit SoString(char c);
     SoString(const char* text,
              int32_t length = -1); // NOLINT(google-explicit-constructor): a text is one
@@ -76,9 +77,9 @@ public:
 
 private:
     void reserveFresh(int64_t length);
-    void grow(int64_t length);
+    void release();
 
-    char* data_;
+    char* data_; // of the heap, or the shared empty buffer, which nobody writes to
     int32_t length_ = 0;
     int32_t capacity_ = 0;
 };

@@ -1,0 +1,170 @@
+// Times whole listings by the tool against a bare program that reads the same rows and prints the
+// same lines, in turn, and prints a Markdown table of medians and ratios.
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <fstream>
+#include <spawn.h>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include "caps/Store.h"
+#include "tests/support/TemporaryFolder.h"
+
+extern char** environ;
+
+namespace {
+
+using caps::Status;
+using caps::Store;
+
+constexpr const char* kGoalRatio = "3";
+
+void require(Status status) {
+    if (status != Status::ok) {
+        throw std::runtime_error(caps::statusText(status));
+    }
+}
+
+// A database of `count` applications with eight keys each, and, when asked for, a product with
+// languages for each.
+void makeDatabase(const std::string& path, int count, bool withProducts) {
+    std::unique_ptr<Store> store;
+    require(Store::open(path, Store::Access::create, store));
+    Store::Transaction transaction(*store);
+    require(transaction.begin());
+    for (int i = 0; i < count; ++i) {
+        const std::string name = "application" + std::to_string(i);
+        const std::string specifier = name + "-1." + std::to_string(i % 10);
+        const std::string folder = "/opt/" + name;
+        const caps::KeyValue keys[] = {{"Specifier", specifier},
+                                       {"Path", folder + "/" + name + ".app"},
+                                       {"DisplayName", "Application " + std::to_string(i)},
+                                       {"BundleIdentifier", "example.ovrel." + name},
+                                       {"WindowClassName", name},
+                                       {"ConveyVersion", "2.0"},
+                                       {"AllowMultipleInstances", "true"},
+                                       {"MessageDigest", "true"}};
+        for (const caps::KeyValue& entry : keys) {
+            require(store->setDomainData(1, "/ovrel/convey/" + specifier, entry.key, entry.value));
+        }
+        if (withProducts) {
+            require(store->addProduct({"{" + name + "}",
+                                       {{"{" + name + "-core}",
+                                         "normal",
+                                         "",
+                                         4,
+                                         {{0, "installedLanguages", "en_US,de_DE"},
+                                          {0, "PYLConfigPath", folder + "/PYL/application.xml"},
+                                          {0, "INSTALLDIR", "/opt"}}}}}));
+        }
+    }
+    require(transaction.commit());
+}
+
+struct Times {
+    double wallMilliseconds;
+    double cpuMilliseconds;
+};
+
+double milliseconds(const timeval& time) {
+    return static_cast<double>(time.tv_sec) * 1e3 + static_cast<double>(time.tv_usec) / 1e3;
+}
+
+// Runs a program to its end, its output in a file, as a whole process.
+Times timeProgram(std::vector<std::string> arguments, const std::string& output) {
+    std::vector<char*> argv;
+    for (std::string& argument : arguments) {
+        argv.push_back(argument.data());
+    }
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                     0600);
+    const auto start = std::chrono::steady_clock::now();
+    pid_t pid = 0;
+    const int error = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    int status = 0;
+    rusage usage{};
+    if (error != 0 || wait4(pid, &status, 0, &usage) != pid || status != 0) {
+        throw std::runtime_error("failed: " + arguments[0]);
+    }
+    const std::chrono::duration<double, std::milli> wall = std::chrono::steady_clock::now() - start;
+    return {wall.count(), milliseconds(usage.ru_utime) + milliseconds(usage.ru_stime)};
+}
+
+template <class Figure>
+double median(std::vector<Times> runs, Figure Times::*figure) {
+    std::sort(runs.begin(), runs.end(),
+              [figure](const Times& a, const Times& b) { return a.*figure < b.*figure; });
+    return runs[runs.size() / 2].*figure;
+}
+
+// The median of the tool's time in milliseconds, for the cost of each application.
+double compare(const TemporaryFolder& folder, int count, bool withProducts, int rounds) {
+    const std::string database =
+        folder.file(std::to_string(count) + (withProducts ? "p.db" : ".db"));
+    makeDatabase(database, count, withProducts);
+    setenv("OVREL_CAPS_DB", database.c_str(), 1);
+    std::vector<Times> tool;
+    std::vector<Times> bare;
+    for (int i = -2; i < rounds; ++i) { // the first two fill the caches
+        const Times toolTime = timeProgram({KIVRA_CONVEY_CMD}, folder.file("tool"));
+        const Times bareTime = timeProgram({BARE_LISTING, database}, folder.file("bare"));
+        if (i >= 0) {
+            tool.push_back(toolTime);
+            bare.push_back(bareTime);
+        }
+    }
+    if (TemporaryFolder::read(folder.file("tool")) != TemporaryFolder::read(folder.file("bare"))) {
+        throw std::runtime_error("the two listings differ");
+    }
+    const double toolWall = median(tool, &Times::wallMilliseconds);
+    const double bareWall = median(bare, &Times::wallMilliseconds);
+    std::printf("| %d%s | %.2f ms | %.2f ms | %.2f | %.2f ms | %.2f ms | %.2f |\n", count,
+                withProducts ? " with products" : "", toolWall, bareWall, toolWall / bareWall,
+                median(tool, &Times::cpuMilliseconds), median(bare, &Times::cpuMilliseconds),
+                median(tool, &Times::cpuMilliseconds) / median(bare, &Times::cpuMilliseconds));
+    std::fflush(stdout);
+    return toolWall;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    try {
+        const int rounds = argc > 1 ? std::atoi(argv[1]) : 41;
+        if (rounds < 1) {
+            std::fprintf(stderr, "usage: %s [ROUNDS]\n", argv[0]);
+            return 2;
+        }
+        setenv("LC_ALL", "en_US.UTF-8", 1);
+        const TemporaryFolder folder;
+        std::printf("Medians of %d whole processes each, in turn; the goal is a ratio of %s.\n\n",
+                    rounds, kGoalRatio);
+        std::printf("| applications | tool | bare | ratio | tool cpu | bare cpu | ratio |\n"
+                    "|---|---|---|---|---|---|---|\n");
+        compare(folder, 10, false, rounds);
+        const double thousand = compare(folder, 1'000, false, rounds);
+        const double tenThousand = compare(folder, 10'000, false, rounds);
+        compare(folder, 10, true, rounds);
+        compare(folder, 1'000, true, rounds);
+        compare(folder, 10'000, true, rounds);
+        std::printf("\nOne of 10,000 applications costs %.2f us, one of 1,000 %.2f us: ratio %.2f "
+                    "(goal 1.5).\n",
+                    tenThousand / 10, thousand, tenThousand / 10 / thousand);
+        return 0;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "%s\n", error.what());
+        return 1;
+    }
+}
