@@ -146,6 +146,7 @@ TEST_F(ToolTest, pointsAtWhatIsWrongInAFileAndImportsNoneOfIt) {
         {"[[product]]\nid = \"P\"\ncolour = 1\n", "3:10", "unknown field"},
         {"[[product]]\nid = \"P\"\n[[product.payload]]\nid = \"{x}\"\ninstall-state = \"four\"\n",
          "5:17", "whole number"},
+        {"a = \xC3\xA4\n", "1:", ""}, // an umlaut where a value begins
         {"application = 7\n", "1:15", "[[application]]"},
         {"colour = 7\n", "1:10", "unknown field"},
         {"[[data]]\nsubdomain = \"s\"\nvalues = { a = [1] }\n", "3:16",
