@@ -1,6 +1,7 @@
 // What a listing costs at the least: opens the database file, reads the rows that a listing needs
 // in one ordered query a table, and prints the same lines as the tool. Knows nothing of specifiers,
 // groups, redirects or damaged files; serves databases in which every application has a path.
+// Flushes each line, as the tool does, unless a second argument is given.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -47,7 +48,8 @@ sqlite3_stmt* query(sqlite3* database, const char* sql) {
 
 int main(int argc, char** argv) {
     sqlite3* database = nullptr;
-    if (argc != 2 || sqlite3_open_v2(argv[1], &database, SQLITE_OPEN_READONLY, nullptr) != 0) {
+    const bool flush = argc == 2;
+    if (argc < 2 || sqlite3_open_v2(argv[1], &database, SQLITE_OPEN_READONLY, nullptr) != 0) {
         return 1;
     }
     std::unordered_map<std::string, std::string> languages; // by product folder
@@ -66,8 +68,13 @@ int main(int argc, char** argv) {
     }
     sqlite3_finalize(payloads);
 
+    const auto endLine = [flush] {
+        if (flush) {
+            std::fflush(stdout);
+        }
+    };
     std::puts("<products>");
-    std::fflush(stdout);
+    endLine();
     sqlite3_stmt* rows = query(
         database, "SELECT subdomain, key, value FROM domain_data ORDER BY subdomain, position");
     std::string specifier;
@@ -80,7 +87,7 @@ int main(int argc, char** argv) {
         std::printf("<product specifier='%s' path='%s' locale='%s'/>\n", escaped(specifier).c_str(),
                     escaped(path).c_str(),
                     found == languages.end() ? "en_US" : escaped(found->second).c_str());
-        std::fflush(stdout);
+        endLine();
         specifier.clear();
     };
     sqlite3_int64 last = -1;
