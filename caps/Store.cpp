@@ -218,6 +218,7 @@ void Store::Visitor::onPayload(std::string_view, std::string_view, std::string_v
 void Store::Visitor::onPayloadData(int32_t, std::string_view, std::string_view) {}
 void Store::Visitor::onSubdomain(int32_t, std::string_view) {}
 void Store::Visitor::onDomainData(std::string_view, std::string_view) {}
+void Store::Visitor::onRefused(std::string_view, std::string_view) {}
 
 struct Store::Impl {
     std::string path;
@@ -488,6 +489,8 @@ Status Store::run(Statement& statement, const char* operation) {
 
 namespace {
 
+constexpr size_t kShownNameBytes = 80; // enough to find it
+
 struct Collector : Store::Visitor {
     explicit Collector(Contents& contents) : contents_(contents) {}
 
@@ -508,6 +511,10 @@ struct Collector : Store::Visitor {
     }
     void onDomainData(std::string_view key, std::string_view value) override {
         contents_.subdomains.back().data.push_back({std::string(key), std::string(value)});
+    }
+    void onRefused(std::string_view kind, std::string_view name) override {
+        contents_.refused.push_back(std::string(kind) + " " +
+                                    std::string(name.substr(0, kShownNameBytes)));
     }
 
 private:
@@ -555,15 +562,18 @@ Status Store::visitSubdomains(Statement& subdomains, Visitor& visitor) {
         const int64_t id = subdomains.integer(0);
         const std::string_view name = subdomains.text(2);
         if (!isName(name, kMaxSubdomainBytes)) {
+            visitor.onRefused("subdomain", name);
             details.skipTo(id);
             continue;
         }
         visitor.onSubdomain(static_cast<int32_t>(subdomains.integer(1)), name);
-        details.of(id, [&visitor](Statement& row) {
+        details.of(id, [&visitor, name](Statement& row) {
             const std::string_view key = row.text(1);
             const std::string_view value = row.text(2);
             if (isName(key, kMaxCodeBytes) && value.size() <= kMaxValueBytes) {
                 visitor.onDomainData(key, value);
+            } else {
+                visitor.onRefused("key", std::string(name) + " " + std::string(key));
             }
         });
     }
@@ -602,6 +612,7 @@ Status Store::visitProducts(Visitor& visitor) {
         while ((code = products.step()) == SQLITE_ROW) {
             const std::string_view product = products.text(1);
             if (!isName(product, kMaxCodeBytes)) {
+                visitor.onRefused("product", product);
                 continue;
             }
             visitor.onProduct(product);
@@ -610,6 +621,7 @@ Status Store::visitProducts(Visitor& visitor) {
                 const std::string_view payload = payloads.text(1);
                 const std::string_view launchPath = payloads.text(3);
                 if (!isName(payload, kMaxCodeBytes) || launchPath.size() > kMaxLaunchPathBytes) {
+                    visitor.onRefused("payload", payload);
                     continue;
                 }
                 visitor.onPayload(payload, payloads.text(2), launchPath,
@@ -620,6 +632,8 @@ Status Store::visitProducts(Visitor& visitor) {
                     const std::string_view value = data.text(2);
                     if (isName(key, kMaxCodeBytes) && value.size() <= kMaxValueBytes) {
                         visitor.onPayloadData(static_cast<int32_t>(data.integer(0)), key, value);
+                    } else {
+                        visitor.onRefused("key", std::string(payload) + " " + std::string(key));
                     }
                 }
                 data.reset();

@@ -71,6 +71,7 @@ struct Subdomain {
 struct Contents {
     std::vector<Product> products;
     std::vector<Subdomain> subdomains;
+    std::vector<std::string> refused{}; // what is there but over the limits, in words
     friend bool operator==(const Contents&, const Contents&) = default;
 };
 
@@ -166,6 +167,8 @@ public:
         virtual void onPayloadData(int32_t domain, std::string_view key, std::string_view value);
         virtual void onSubdomain(int32_t domain, std::string_view name);
         virtual void onDomainData(std::string_view key, std::string_view value);
+        // What is passed over: `name` (which may be empty or too long) of a `kind` of things.
+        virtual void onRefused(std::string_view kind, std::string_view name);
     };
     // Each product, after it its payloads, after each its data.
     [[nodiscard]] Status visitProducts(Visitor& visitor);

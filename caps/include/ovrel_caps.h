@@ -24,6 +24,9 @@
 //  - two modification times, of products and of domain data: seconds since 1970, larger after every
 //    change, also when two changes fall in one second.
 //
+// Limits. Identifiers and keys have 1 to 255 bytes, subdomains up to 512, launch paths up to 1023,
+// values up to 65,536. What another program wrote beyond that is passed over.
+//
 // Order. Every list is in the order of registration: what was registered first comes first, and
 // writing a value again keeps its place.
 //

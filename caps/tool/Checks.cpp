@@ -38,6 +38,9 @@ public:
     }
 
     std::vector<Finding> run() {
+        for (const std::string& refused : contents_.refused) {
+            report(refused, "has no name, or is over its limit", "it is not read");
+        }
         for (const Subdomain& subdomain : contents_.subdomains) {
             if (isApplicationSubdomain(subdomain)) {
                 checkApplication(subdomain);
@@ -81,9 +84,6 @@ private:
 
     void checkValue(const std::string& specifier, const KeyValue& entry) {
         if (entry.key == kPathKey || entry.key == kSpecifierKey || entry.key == kRedirectKey) {
-            if (entry.value.size() > kMaxValueBytes) {
-                report(specifier + " " + entry.key, "is longer than 65536 bytes", "it is not read");
-            }
             return; // judged with the rest of the entry
         }
         if (const auto fault = valueFault(entry.key, entry.value)) {

@@ -232,7 +232,11 @@ public:
 
     void exportAll() {
         open(Store::Access::read);
-        writeToml(out_, readAll());
+        const Contents contents = readAll();
+        if (!contents.refused.empty()) { // an export that silently lacks something is no backup
+            throw Failure(contents.refused.front() + " is over its limit and cannot be exported");
+        }
+        writeToml(out_, contents);
     }
 
     // Exit status 1 when there is something to report.

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "caps/tool/Text.h"
-
 namespace caps::tool {
 namespace {
 
@@ -15,13 +13,13 @@ size_t width(const std::string& text) {
 
 } // namespace
 
-void Table::add(const std::vector<std::string>& row) {
-    std::vector<std::string> cells;
-    cells.reserve(row.size());
-    for (const std::string& cell : row) {
-        cells.push_back(printable(cell));
+std::string printable(const std::string& text) {
+    std::string out = text;
+    for (char& c : out) {
+        const auto byte = static_cast<unsigned char>(c);
+        c = byte < 0x20 || byte == 0x7f ? '?' : c;
     }
-    rows_.push_back(std::move(cells));
+    return out;
 }
 
 void Table::print(std::ostream& out) const {
@@ -35,7 +33,7 @@ void Table::print(std::ostream& out) const {
     for (const auto& row : rows_) {
         std::string line;
         for (size_t i = 0; i < row.size(); ++i) {
-            line += row[i];
+            line += printable(row[i]);
             line.append(widths[i] - width(row[i]) + 2, ' ');
         }
         line.resize(line.find_last_not_of(' ') + 1);

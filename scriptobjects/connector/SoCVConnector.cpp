@@ -47,7 +47,7 @@ SoString runningOfSameMajorVersion(const ConveyConnector& connector,
     std::vector<SoString> registrations;
     connector.appendSpecifiersOf(specifier.appName(), registrations);
     for (const SoString& text : registrations) {
-        const Convey::Specifier candidate(text.c_str(), false);
+        Convey::Specifier candidate(text.c_str(), false);
         const SoString candidateVersion = candidate.version();
         if (candidate != specifier && majorVersion(candidateVersion.view()) == major &&
             candidate.isRunning()) {

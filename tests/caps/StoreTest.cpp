@@ -260,6 +260,7 @@ TEST_F(StoreTest, passesOverRowsThatNoProgramOfOursWrites) {
     ASSERT_EQ(contents.subdomains[3].data.size(), 1U);
     EXPECT_EQ(contents.subdomains[3].data[0], (caps::KeyValue{"k", "v\xFF"}));
     EXPECT_EQ(contents.products[0].payloads.size(), 2U);
+    EXPECT_EQ(contents.refused.size(), 3U) << "two subdomains and a payload, said so";
 }
 
 TEST_F(StoreTest, isReadWhileAWriterWorks) {

@@ -7,6 +7,9 @@
 #include <random>
 #include <string>
 
+#include "scriptobjects/core/SoString.h"
+#include "tests/support/TemporaryFolder.h"
+
 using ScObjects::parseNumber;
 using ScObjects::parseUnsigned32;
 
@@ -47,6 +50,22 @@ TEST(SoNumber, agreesWithStrtodOnRandomTexts) {
         SCOPED_TRACE(text);
         ASSERT_EQ(parseNumber(text.c_str()), std::strtod(text.c_str(), nullptr));
     }
+}
+
+TEST(SoNumber, readsTheSameUnderALocaleWithADecimalComma) {
+    const TemporaryFolder folder;
+    const std::string command =
+        "localedef -i de_DE -f UTF-8 " + folder.file("de_DE.UTF-8") + " >/dev/null 2>&1";
+    ASSERT_EQ(std::system(command.c_str()), 0) << "the package \"locales\" is missing";
+    setenv("LOCPATH", folder.file("").c_str(), 1);
+    ASSERT_NE(std::setlocale(LC_ALL, "de_DE.UTF-8"), nullptr);
+    ASSERT_EQ(std::strtod("7,5", nullptr), 7.5) << "the locale is in force";
+    EXPECT_EQ(parseNumber("7.5"), 7.5);
+    EXPECT_EQ(parseNumber("7,5"), 7.0);
+    ScObjects::SoString text;
+    text << 1234567.0 << ' ' << 1234567;
+    EXPECT_STREQ(text.c_str(), "1234567 1234567");
+    std::setlocale(LC_ALL, "C");
 }
 
 TEST(SoNumber, readsWholeNumbersAs32BitStrtoulDoes) {

@@ -273,13 +273,14 @@ TEST_F(ToolTest, findsWhatTheLayerWouldIgnoreOrTripOver) {
     };
     for (size_t i = 0; i < std::size(cases); ++i) {
         SCOPED_TRACE(i);
-        const auto findings = caps::tool::checkRegistry({{}, cases[i].subdomains});
+        const auto findings = caps::tool::checkRegistry({{}, cases[i].subdomains, {}});
         ASSERT_EQ(findings.size(), cases[i].findings.size());
         for (size_t k = 0; k < findings.size(); ++k) {
             EXPECT_NE(findings[k].what.find(cases[i].findings[k]), std::string::npos)
                 << findings[k].what;
         }
     }
+    EXPECT_EQ(caps::tool::checkRegistry({{}, {}, {"key x y"}}).size(), 1U) << "over the limits";
     ASSERT_EQ(run({"init"}), 0);
     EXPECT_EQ(run({"check"}), 0);
     EXPECT_EQ(output, "nothing to report\n");
