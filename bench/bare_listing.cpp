@@ -38,8 +38,8 @@ const char* text(sqlite3_stmt* statement, int column) {
 sqlite3_stmt* query(sqlite3* database, const char* sql) {
     sqlite3_stmt* statement = nullptr;
     if (sqlite3_prepare_v2(database, sql, -1, &statement, nullptr) != SQLITE_OK) {
-        std::fprintf(stderr, "%s\n", sqlite3_errmsg(database));
-        std::exit(1);
+        (void)std::fprintf(stderr, "%s\n", sqlite3_errmsg(database));
+        std::_Exit(1);
     }
     return statement;
 }
@@ -70,7 +70,7 @@ int main(int argc, char** argv) {
 
     const auto endLine = [flush] {
         if (flush) {
-            std::fflush(stdout);
+            (void)std::fflush(stdout);
         }
     };
     std::puts("<products>");

@@ -6,7 +6,7 @@
 namespace caps {
 namespace {
 
-constexpr size_t kBlockBytes = 64 * 1024;
+constexpr size_t kBlockBytes = 65'536;
 
 } // namespace
 

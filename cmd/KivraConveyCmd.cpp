@@ -10,7 +10,6 @@
 #include "scriptobjects/core/SoString.h"
 
 using ScObjects::Convey;
-using ScObjects::SoString;
 
 namespace {
 

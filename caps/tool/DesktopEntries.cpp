@@ -13,7 +13,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr uintmax_t kMaxFileBytes = 1024 * 1024; // real ones have a few thousand
+constexpr uintmax_t kMaxFileBytes = 1'048'576; // real ones have a few thousand
 constexpr size_t kMaxFiles = 100'000;
 
 using Fields = std::map<std::string, std::string>;
@@ -106,7 +106,7 @@ std::string resolved(const std::string& program) {
     std::string_view folders = value != nullptr ? value : "/usr/local/bin:/usr/bin:/bin";
     while (!folders.empty()) {
         const size_t end = folders.find(':');
-        const std::string path = std::string(folders.substr(0, end)) + "/" + program;
+        std::string path = std::string(folders.substr(0, end)) + "/" + program;
         if (path.front() == '/' && isProgram(path)) {
             return path;
         }

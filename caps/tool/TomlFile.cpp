@@ -52,6 +52,7 @@ public:
         std::stable_sort(placed.begin(), placed.end(),
                          [](const Field& x, const Field& y) { return x.position < y.position; });
         std::vector<std::pair<std::string, const toml::node*>> all;
+        all.reserve(placed.size());
         for (Field& field : placed) {
             all.emplace_back(std::move(field.key), field.node);
         }

@@ -25,7 +25,7 @@ struct TomlEntry {
     std::string position; // "FILE:LINE:COLUMN"
 };
 
-inline constexpr size_t kMaxTomlBytes = 64 * 1024 * 1024; // far above any real registry
+inline constexpr size_t kMaxTomlBytes = 67'108'864; // 64 MiB, far above any real registry
 
 // Reads a whole text; `name` stands for it in errors. Throws TomlError.
 std::vector<TomlEntry> parseToml(std::istream& in, const std::string& name);

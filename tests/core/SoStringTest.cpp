@@ -104,7 +104,7 @@ TEST(SoString, behavesLikeAModelStringUnderRandomChanges) {
     const unsigned seed = std::random_device()();
     SCOPED_TRACE(seed);
     std::mt19937 random(seed);
-    const auto below = [&random](int32_t n) { return static_cast<int32_t>(random() % n); };
+    const auto below = [&random](unsigned n) { return static_cast<int32_t>(random() % n); };
     SoString string;
     std::string model;
     for (int i = 0; i < 20'000; ++i) {
