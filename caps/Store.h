@@ -182,6 +182,9 @@ private:
     [[nodiscard]] Status fail(int sqliteCode, const char* operation);
     [[nodiscard]] Status refuse(Status status, std::string reason);
     [[nodiscard]] Status run(Statement& statement, const char* operation);
+    // The same, nothingThere when it changed no row.
+    [[nodiscard]] Status runOnSomething(Statement& statement, const char* operation);
+    [[nodiscard]] Status checkEntry(std::string_view key, std::string_view value);
     [[nodiscard]] Status visitSubdomains(Statement& subdomains, Visitor& visitor);
     [[nodiscard]] Status modTime(const char* what, uint32_t& out);
     [[nodiscard]] Status migrate();

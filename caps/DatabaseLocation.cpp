@@ -1,0 +1,72 @@
+#include "caps/Store.h"
+
+#include <cstdlib>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace caps {
+namespace {
+
+constexpr const char* kSystemDatabase = "/var/lib/ovrel/caps.db";
+constexpr const char* kUserDatabase = "/ovrel/caps.db";
+
+std::string environment(const char* name) {
+    const char* value = std::getenv(name); // NOLINT(concurrency-mt-unsafe): read-only
+    return value != nullptr ? value : "";
+}
+
+std::string homeFolder() {
+    std::string home = environment("HOME");
+    if (home.empty() || home.front() != '/') {
+        home.clear();
+        char buffer[4096];
+        passwd entry{};
+        passwd* found = nullptr;
+        if (getpwuid_r(getuid(), &entry, buffer, sizeof buffer, &found) == 0 && found != nullptr) {
+            home = found->pw_dir;
+        }
+    }
+    return home;
+}
+
+std::string userDatabase() {
+    std::string base = environment("XDG_DATA_HOME");
+    if (base.empty() || base.front() != '/') { // a relative one is to be ignored
+        base = homeFolder();
+        if (base.empty()) {
+            return {};
+        }
+        base += "/.local/share";
+    }
+    return base + kUserDatabase;
+}
+
+bool exists(const std::string& path) {
+    struct stat status {};
+    return !path.empty() && stat(path.c_str(), &status) == 0;
+}
+
+} // namespace
+
+std::string findDatabase() {
+    std::string path = environment("OVREL_CAPS_DB");
+    if (!path.empty()) {
+        return path;
+    }
+    path = userDatabase();
+    if (exists(path)) {
+        return path;
+    }
+    return exists(kSystemDatabase) ? kSystemDatabase : "";
+}
+
+std::string defaultDatabasePath() {
+    std::string path = environment("OVREL_CAPS_DB");
+    if (!path.empty()) {
+        return path;
+    }
+    return geteuid() == 0 ? kSystemDatabase : userDatabase();
+}
+
+} // namespace caps

@@ -1,0 +1,138 @@
+#pragma once
+
+#include <ctime>
+#include <memory>
+#include <sqlite3.h>
+#include <string>
+#include <string_view>
+#include <sys/stat.h>
+
+#include "caps/Sqlite.h"
+#include "caps/Store.h"
+
+// What the sources of Store share.
+namespace caps {
+
+// What tells one state of a file from another without reading it.
+struct Fingerprint {
+    dev_t device = 0;
+    ino_t inode = 0;
+    off_t size = -1;
+    timespec changed{};
+
+    static Fingerprint of(const std::string& path) {
+        Fingerprint print;
+        struct stat status {};
+        if (stat(path.c_str(), &status) == 0) {
+            print = {status.st_dev, status.st_ino, status.st_size, status.st_mtim};
+        }
+        return print;
+    }
+    bool sameFile(const Fingerprint& other) const {
+        return device == other.device && inode == other.inode;
+    }
+    bool operator==(const Fingerprint& other) const {
+        return sameFile(other) && size == other.size && changed.tv_sec == other.changed.tv_sec &&
+               changed.tv_nsec == other.changed.tv_nsec;
+    }
+};
+
+// What SQLite's codes, extended ones too, mean to a caller.
+Status statusOf(int sqliteCode);
+
+// True for texts that may be stored: of at most so many bytes, none of them zero; a name has one at
+// the least.
+inline bool isText(std::string_view text, size_t maximumBytes) {
+    return text.size() <= maximumBytes && text.find('\0') == std::string_view::npos;
+}
+inline bool isName(std::string_view text, size_t maximumBytes) {
+    return !text.empty() && isText(text, maximumBytes);
+}
+
+struct Store::Impl {
+    std::string path;
+    Access access = Access::read;
+    sqlite3* connection = nullptr;
+    int schemaVersion = 0;
+    // The file may not be locked here (its folder cannot be written): it is read as if nobody
+    // wrote, and what was read counts only when the file is still the same afterwards.
+    bool immutable = false;
+    Fingerprint fingerprint;
+    int64_t dataVersion = 0;
+    int depth = 0; // of write transactions
+
+    ~Impl() { (void)sqlite3_close_v2(connection); } // never fails in this form
+
+    int execute(const char* sql) {
+        return sqlite3_exec(connection, sql, nullptr, nullptr, nullptr);
+    }
+
+    int64_t pragma(const char* sql, int& code) {
+        Statement statement(connection, sql);
+        code = statement.step();
+        if (code != SQLITE_ROW) {
+            return 0;
+        }
+        code = SQLITE_OK;
+        return statement.integer(0);
+    }
+
+    int open(const std::string& address, int flags, int waitMilliseconds) {
+        (void)sqlite3_close_v2(connection);
+        connection = nullptr;
+        const int code = sqlite3_open_v2(address.c_str(), &connection,
+                                         flags | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_URI, nullptr);
+        if (code != SQLITE_OK) {
+            return code;
+        }
+        (void)sqlite3_extended_result_codes(connection, 1);
+        (void)sqlite3_busy_timeout(connection, waitMilliseconds);
+        // The file is not trusted: no code of its schema runs with our rights, no page lies about
+        // itself, and nobody edits the schema through us.
+        (void)sqlite3_db_config(connection, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+        (void)sqlite3_db_config(connection, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+        (void)sqlite3_db_config(connection, SQLITE_DBCONFIG_ENABLE_FKEY, 1, nullptr);
+        return SQLITE_OK;
+    }
+
+    // Reads the header of the file through SQLite; opening alone does not touch it.
+    int readHeader(int64_t& applicationId) {
+        int code = SQLITE_OK;
+        applicationId = pragma("PRAGMA application_id", code);
+        if (code == SQLITE_OK) {
+            schemaVersion = static_cast<int>(pragma("PRAGMA user_version", code));
+        }
+        return code;
+    }
+};
+
+template <class Work>
+Status Store::inTransaction(Work&& work) {
+    Transaction transaction(*this);
+    Status status = transaction.begin();
+    if (status == Status::ok) {
+        status = work();
+    }
+    return status == Status::ok ? transaction.commit() : status;
+}
+
+template <class Work>
+Status Store::inReadTransaction(Work&& work) {
+    const bool own = impl_->depth == 0;
+    if (own) {
+        const int code = impl_->execute("BEGIN");
+        if (code != SQLITE_OK) {
+            return fail(code, "cannot be read");
+        }
+    }
+    Status status = work();
+    if (own) {
+        (void)impl_->execute("COMMIT"); // nothing was written
+    }
+    if (impl_->immutable && !(Fingerprint::of(impl_->path) == impl_->fingerprint)) {
+        status = refuse(Status::busy, "changed while it was read");
+    }
+    return status;
+}
+
+} // namespace caps

@@ -1,0 +1,257 @@
+#include "caps/Store.h"
+
+#include "caps/Schema.h"
+#include "caps/StoreImpl.h"
+
+namespace caps {
+
+void Store::Visitor::onProduct(std::string_view) {}
+void Store::Visitor::onPayload(std::string_view, std::string_view, std::string_view, int32_t) {}
+void Store::Visitor::onPayloadData(int32_t, std::string_view, std::string_view) {}
+void Store::Visitor::onSubdomain(int32_t, std::string_view) {}
+void Store::Visitor::onDomainData(std::string_view, std::string_view) {}
+void Store::Visitor::onRefused(std::string_view, std::string_view) {}
+
+namespace {
+
+constexpr size_t kShownNameBytes = 80; // enough to find it
+
+struct Collector : Store::Visitor {
+    explicit Collector(Contents& contents) : contents_(contents) {}
+
+    void onProduct(std::string_view code) override {
+        contents_.products.push_back({std::string(code), {}});
+    }
+    void onPayload(std::string_view code, std::string_view kind, std::string_view launchPath,
+                   int32_t installState) override {
+        contents_.products.back().payloads.push_back(
+            {std::string(code), std::string(kind), std::string(launchPath), installState, {}});
+    }
+    void onPayloadData(int32_t domain, std::string_view key, std::string_view value) override {
+        contents_.products.back().payloads.back().data.push_back(
+            {domain, std::string(key), std::string(value)});
+    }
+    void onSubdomain(int32_t domain, std::string_view name) override {
+        contents_.subdomains.push_back({domain, std::string(name), {}});
+    }
+    void onDomainData(std::string_view key, std::string_view value) override {
+        contents_.subdomains.back().data.push_back({std::string(key), std::string(value)});
+    }
+    void onRefused(std::string_view kind, std::string_view name) override {
+        contents_.refused.push_back(std::string(kind) + " " +
+                                    std::string(name.substr(0, kShownNameBytes)));
+    }
+
+private:
+    Contents& contents_;
+};
+
+// The rows of a detail table that belong to the master rows as these go by: both are scanned in the
+// order of the master's number, so each row is looked at once.
+class Details {
+public:
+    explicit Details(Statement& rows) : rows_(rows) { advance(); }
+
+    // Calls `use` for each row of master row `id`; rows of masters gone by belong to nothing.
+    template <class Use>
+    void of(int64_t id, Use&& use) {
+        while (code_ == SQLITE_ROW && rows_.integer(0) <= id) {
+            if (rows_.integer(0) == id) {
+                use(rows_);
+            }
+            advance();
+        }
+    }
+    void skipTo(int64_t id) {
+        of(id, [](Statement&) {});
+    }
+    // SQLITE_ROW or SQLITE_DONE, or the failure that ended the scan.
+    int code() const { return code_; }
+    bool failed() const { return code_ != SQLITE_ROW && code_ != SQLITE_DONE; }
+
+private:
+    void advance() { code_ = rows_.step(); }
+
+    Statement& rows_;
+    int code_ = SQLITE_ROW;
+};
+
+} // namespace
+
+Status Store::visitSubdomains(Statement& subdomains, Visitor& visitor) {
+    Statement data(impl_->connection,
+                   "SELECT subdomain, key, value FROM domain_data ORDER BY subdomain, position");
+    Details details(data);
+    int code = SQLITE_ROW;
+    while (!details.failed() && (code = subdomains.step()) == SQLITE_ROW) {
+        const int64_t id = subdomains.integer(0);
+        const std::string_view name = subdomains.text(2);
+        if (!isName(name, kMaxSubdomainBytes)) {
+            visitor.onRefused("subdomain", name);
+            details.skipTo(id);
+            continue;
+        }
+        visitor.onSubdomain(static_cast<int32_t>(subdomains.integer(1)), name);
+        details.of(id, [&visitor, name](Statement& row) {
+            const std::string_view key = row.text(1);
+            const std::string_view value = row.text(2);
+            if (isName(key, kMaxCodeBytes) && value.size() <= kMaxValueBytes) {
+                visitor.onDomainData(key, value);
+            } else {
+                visitor.onRefused("key", std::string(name) + " " + std::string(key));
+            }
+        });
+    }
+    if (details.failed()) {
+        return fail(details.code(), "domain data cannot be read");
+    }
+    return code == SQLITE_DONE ? Status::ok : fail(code, "subdomains cannot be read");
+}
+
+Status Store::visitDomain(int32_t domain, Visitor& visitor) {
+    return inReadTransaction([&] {
+        Statement rows(
+            impl_->connection,
+            "SELECT id, domain, name FROM subdomain NOT INDEXED WHERE domain = ?1 ORDER BY id");
+        rows.bind(domain);
+        return visitSubdomains(rows, visitor);
+    });
+}
+
+Status Store::visitAllDomains(Visitor& visitor) {
+    return inReadTransaction([&] {
+        Statement rows(impl_->connection, "SELECT id, domain, name FROM subdomain ORDER BY id");
+        return visitSubdomains(rows, visitor);
+    });
+}
+
+Status Store::visitProducts(Visitor& visitor) {
+    return inReadTransaction([&] {
+        Statement products(impl_->connection, "SELECT id, code FROM product ORDER BY id");
+        Statement payloads(impl_->connection,
+                           "SELECT p.id, p.code, p.kind, p.launch_path, p.install_state "
+                           "FROM payload p WHERE p.product = ?1 ORDER BY p.id");
+        Statement data(impl_->connection, "SELECT domain, key, value FROM payload_data "
+                                          "WHERE payload = ?1 ORDER BY position");
+        int code = SQLITE_ROW;
+        while ((code = products.step()) == SQLITE_ROW) {
+            const std::string_view product = products.text(1);
+            if (!isName(product, kMaxCodeBytes)) {
+                visitor.onRefused("product", product);
+                continue;
+            }
+            visitor.onProduct(product);
+            payloads.bind(products.integer(0));
+            while ((code = payloads.step()) == SQLITE_ROW) {
+                const std::string_view payload = payloads.text(1);
+                const std::string_view launchPath = payloads.text(3);
+                if (!isName(payload, kMaxCodeBytes) || launchPath.size() > kMaxLaunchPathBytes) {
+                    visitor.onRefused("payload", payload);
+                    continue;
+                }
+                visitor.onPayload(payload, payloads.text(2), launchPath,
+                                  static_cast<int32_t>(payloads.integer(4)));
+                data.bind(payloads.integer(0));
+                while ((code = data.step()) == SQLITE_ROW) {
+                    const std::string_view key = data.text(1);
+                    const std::string_view value = data.text(2);
+                    if (isName(key, kMaxCodeBytes) && value.size() <= kMaxValueBytes) {
+                        visitor.onPayloadData(static_cast<int32_t>(data.integer(0)), key, value);
+                    } else {
+                        visitor.onRefused("key", std::string(payload) + " " + std::string(key));
+                    }
+                }
+                data.reset();
+                if (code != SQLITE_DONE) {
+                    return fail(code, "payload data cannot be read");
+                }
+            }
+            payloads.reset();
+            if (code != SQLITE_DONE) {
+                return fail(code, "payloads cannot be read");
+            }
+        }
+        return code == SQLITE_DONE ? Status::ok : fail(code, "products cannot be read");
+    });
+}
+
+Status Store::readAll(Contents& out) {
+    Contents contents;
+    Collector collector(contents);
+    // One transaction around both, so that they are of one state.
+    Status status = inReadTransaction([&] {
+        ++impl_->depth; // the inner ones join it
+        Status inner = visitProducts(collector);
+        if (inner == Status::ok) {
+            inner = visitAllDomains(collector);
+        }
+        --impl_->depth;
+        return inner;
+    });
+    if (status == Status::ok) {
+        out = std::move(contents);
+    }
+    return status;
+}
+
+Status Store::readDomain(int32_t domain, std::vector<Subdomain>& out) {
+    Contents contents;
+    Collector collector(contents);
+    const Status status = visitDomain(domain, collector);
+    if (status != Status::ok) {
+        return status;
+    }
+    out = std::move(contents.subdomains);
+    return out.empty() ? Status::nothingThere : Status::ok;
+}
+
+Status Store::readProducts(std::vector<Product>& out) {
+    Contents contents;
+    Collector collector(contents);
+    const Status status = visitProducts(collector);
+    if (status == Status::ok) {
+        out = std::move(contents.products);
+    }
+    return status;
+}
+
+Status Store::modTime(const char* what, uint32_t& out) {
+    if (impl_->schemaVersion < kFirstVersionWithTimes) {
+        out = 0; // unknown
+        return Status::ok;
+    }
+    Statement statement(impl_->connection, "SELECT time FROM modification WHERE what = ?1");
+    statement.bind(std::string_view(what));
+    const int code = statement.step();
+    if (code != SQLITE_ROW) {
+        return code == SQLITE_DONE ? refuse(Status::damaged, "the modification times are missing")
+                                   : fail(code, "modification times cannot be read");
+    }
+    out = static_cast<uint32_t>(statement.integer(0));
+    return Status::ok;
+}
+
+Status Store::productModTime(uint32_t& out) {
+    return modTime("product", out);
+}
+
+Status Store::domainModTime(uint32_t& out) {
+    return modTime("domain", out);
+}
+
+bool Store::changed() {
+    const Fingerprint now = Fingerprint::of(impl_->path);
+    if (impl_->immutable) {
+        return !(now == impl_->fingerprint);
+    }
+    if (!now.sameFile(impl_->fingerprint)) {
+        return true;
+    }
+    int code = SQLITE_OK;
+    const int64_t version = impl_->pragma("PRAGMA data_version", code);
+    const bool differs = code != SQLITE_OK || version != impl_->dataVersion;
+    impl_->dataVersion = version;
+    return differs;
+}
+
+} // namespace caps

@@ -1,0 +1,159 @@
+#include "caps/Store.h"
+
+#include "caps/StoreImpl.h"
+
+namespace caps {
+
+Status Store::checkEntry(std::string_view key, std::string_view value) {
+    if (!isName(key, kMaxCodeBytes)) {
+        return refuse(Status::invalidArgument, "a key has 1 to 255 bytes");
+    }
+    if (!isText(value, kMaxValueBytes)) {
+        return refuse(Status::invalidArgument,
+                      "a value has at most 65536 bytes, none of them zero");
+    }
+    return Status::ok;
+}
+
+Status Store::runOnSomething(Statement& statement, const char* operation) {
+    const Status status = run(statement, operation);
+    return status == Status::ok && sqlite3_changes(impl_->connection) == 0 ? Status::nothingThere
+                                                                           : status;
+}
+
+Status Store::addSubdomain(int32_t domain, std::string_view subdomain) {
+    if (!isName(subdomain, kMaxSubdomainBytes)) {
+        return refuse(Status::invalidArgument, "a subdomain has 1 to 512 bytes");
+    }
+    return inTransaction([&] {
+        Statement insert(impl_->connection, "INSERT INTO subdomain (domain, name) VALUES (?1, ?2) "
+                                            "ON CONFLICT DO NOTHING");
+        insert.bind(domain, subdomain);
+        return run(insert, "the subdomain cannot be written");
+    });
+}
+
+Status Store::setDomainData(int32_t domain, std::string_view subdomain, std::string_view key,
+                            std::string_view value) {
+    if (const Status status = checkEntry(key, value); status != Status::ok) {
+        return status;
+    }
+    return inTransaction([&] {
+        const Status status = addSubdomain(domain, subdomain);
+        if (status != Status::ok) {
+            return status;
+        }
+        Statement insert(impl_->connection,
+                         "INSERT INTO domain_data (subdomain, position, key, value) "
+                         "SELECT s.id, (SELECT coalesce(max(d.position), 0) + 1 FROM domain_data d "
+                         "WHERE d.subdomain = s.id), ?3, ?4 FROM subdomain s "
+                         "WHERE s.domain = ?1 AND s.name = ?2 "
+                         "ON CONFLICT (subdomain, key) DO UPDATE SET value = excluded.value");
+        insert.bind(domain, subdomain, key, value);
+        return run(insert, "the value cannot be written");
+    });
+}
+
+Status Store::removeDomainData(int32_t domain, std::string_view subdomain, std::string_view key) {
+    return inTransaction([&] {
+        Statement remove(impl_->connection,
+                         "DELETE FROM domain_data WHERE key = ?3 AND subdomain = "
+                         "(SELECT id FROM subdomain WHERE domain = ?1 AND name = ?2)");
+        remove.bind(domain, subdomain, key);
+        return runOnSomething(remove, "the value cannot be removed");
+    });
+}
+
+Status Store::removeSubdomain(int32_t domain, std::string_view subdomain) {
+    return inTransaction([&] {
+        Statement remove(impl_->connection,
+                         "DELETE FROM subdomain WHERE domain = ?1 AND name = ?2");
+        remove.bind(domain, subdomain);
+        return runOnSomething(remove, "the subdomain cannot be removed");
+    });
+}
+
+Status Store::addProduct(const Product& product) {
+    if (!isName(product.code, kMaxCodeBytes)) {
+        return refuse(Status::invalidArgument, "a product's identifier has 1 to 255 bytes");
+    }
+    return inTransaction([&] {
+        Statement insert(impl_->connection, "INSERT INTO product (code) VALUES (?1)");
+        insert.bind(std::string_view(product.code));
+        Status status = run(insert, "the product cannot be written");
+        for (const Payload& payload : product.payloads) {
+            if (status == Status::ok) {
+                status = addPayload(product.code, payload);
+            }
+        }
+        return status;
+    });
+}
+
+Status Store::addPayload(std::string_view product, const Payload& payload) {
+    if (!isName(payload.code, kMaxCodeBytes) || !isText(payload.kind, kMaxCodeBytes)) {
+        return refuse(Status::invalidArgument,
+                      "a payload's identifier has 1 to 255 bytes, as has its kind");
+    }
+    if (!isText(payload.launchPath, kMaxLaunchPathBytes)) {
+        return refuse(Status::invalidArgument, "a launch path has at most 1023 bytes");
+    }
+    return inTransaction([&] {
+        Statement insert(impl_->connection,
+                         "INSERT INTO payload (product, code, kind, launch_path, install_state) "
+                         "SELECT id, ?2, ?3, ?4, ?5 FROM product WHERE code = ?1");
+        insert.bind(product, std::string_view(payload.code), std::string_view(payload.kind),
+                    std::string_view(payload.launchPath), payload.installState);
+        Status status = runOnSomething(insert, "the payload cannot be written");
+        for (const PayloadValue& value : payload.data) {
+            if (status == Status::ok) {
+                status = setPayloadData(payload.code, value.domain, value.key, value.value);
+            }
+        }
+        return status;
+    });
+}
+
+Status Store::removeProduct(std::string_view code) {
+    return inTransaction([&] {
+        Statement remove(impl_->connection, "DELETE FROM product WHERE code = ?1");
+        remove.bind(code);
+        return runOnSomething(remove, "the product cannot be removed");
+    });
+}
+
+Status Store::setPayloadData(std::string_view payload, int32_t domain, std::string_view key,
+                             std::string_view value) {
+    if (const Status status = checkEntry(key, value); status != Status::ok) {
+        return status;
+    }
+    return inTransaction([&] {
+        Statement insert(
+            impl_->connection,
+            "INSERT INTO payload_data (payload, position, domain, key, value) "
+            "SELECT p.id, (SELECT coalesce(max(d.position), 0) + 1 FROM payload_data d "
+            "WHERE d.payload = p.id), ?2, ?3, ?4 FROM payload p WHERE p.code = ?1 "
+            "ON CONFLICT (payload, domain, key) DO UPDATE SET value = excluded.value");
+        insert.bind(payload, domain, key, value);
+        return runOnSomething(insert, "the value cannot be written");
+    });
+}
+
+Status Store::removePayloadData(std::string_view payload, int32_t domain, std::string_view key) {
+    return inTransaction([&] {
+        Statement remove(impl_->connection,
+                         "DELETE FROM payload_data WHERE domain = ?2 AND key = ?3 AND payload = "
+                         "(SELECT id FROM payload WHERE code = ?1)");
+        remove.bind(payload, domain, key);
+        return runOnSomething(remove, "the value cannot be removed");
+    });
+}
+
+Status Store::clear() {
+    return inTransaction([&] {
+        const int code = impl_->execute("DELETE FROM product; DELETE FROM subdomain");
+        return code == SQLITE_OK ? Status::ok : fail(code, "cannot be emptied");
+    });
+}
+
+} // namespace caps
