@@ -16,6 +16,11 @@ namespace {
 
 constexpr size_t kShownNameBytes = 80; // enough to find it
 
+// As isName, for texts that a Statement has cut at their first zero byte already.
+bool isReadableName(std::string_view text, size_t maximumBytes) {
+    return !text.empty() && text.size() <= maximumBytes;
+}
+
 struct Collector : Store::Visitor {
     explicit Collector(Contents& contents) : contents_(contents) {}
 
@@ -55,8 +60,8 @@ public:
     // Calls `use` for each row of master row `id`; rows of masters gone by belong to nothing.
     template <class Use>
     void of(int64_t id, Use&& use) {
-        while (code_ == SQLITE_ROW && rows_.integer(0) <= id) {
-            if (rows_.integer(0) == id) {
+        while (code_ == SQLITE_ROW && master_ <= id) {
+            if (master_ == id) {
                 use(rows_);
             }
             advance();
@@ -70,10 +75,16 @@ public:
     bool failed() const { return code_ != SQLITE_ROW && code_ != SQLITE_DONE; }
 
 private:
-    void advance() { code_ = rows_.step(); }
+    void advance() {
+        code_ = rows_.step();
+        if (code_ == SQLITE_ROW) {
+            master_ = rows_.integer(0);
+        }
+    }
 
     Statement& rows_;
     int code_ = SQLITE_ROW;
+    int64_t master_ = 0; // of the row at hand
 };
 
 } // namespace
@@ -86,7 +97,7 @@ Status Store::visitSubdomains(Statement& subdomains, Visitor& visitor) {
     while (!details.failed() && (code = subdomains.step()) == SQLITE_ROW) {
         const int64_t id = subdomains.integer(0);
         const std::string_view name = subdomains.text(2);
-        if (!isName(name, kMaxSubdomainBytes)) {
+        if (!isReadableName(name, kMaxSubdomainBytes)) {
             visitor.onRefused("subdomain", name);
             details.skipTo(id);
             continue;
@@ -95,7 +106,7 @@ Status Store::visitSubdomains(Statement& subdomains, Visitor& visitor) {
         details.of(id, [&visitor, name](Statement& row) {
             const std::string_view key = row.text(1);
             const std::string_view value = row.text(2);
-            if (isName(key, kMaxCodeBytes) && value.size() <= kMaxValueBytes) {
+            if (isReadableName(key, kMaxCodeBytes) && value.size() <= kMaxValueBytes) {
                 visitor.onDomainData(key, value);
             } else {
                 visitor.onRefused("key", std::string(name) + " " + std::string(key));
@@ -136,7 +147,7 @@ Status Store::visitProducts(Visitor& visitor) {
         int code = SQLITE_ROW;
         while ((code = products.step()) == SQLITE_ROW) {
             const std::string_view product = products.text(1);
-            if (!isName(product, kMaxCodeBytes)) {
+            if (!isReadableName(product, kMaxCodeBytes)) {
                 visitor.onRefused("product", product);
                 continue;
             }
@@ -145,7 +156,8 @@ Status Store::visitProducts(Visitor& visitor) {
             while ((code = payloads.step()) == SQLITE_ROW) {
                 const std::string_view payload = payloads.text(1);
                 const std::string_view launchPath = payloads.text(3);
-                if (!isName(payload, kMaxCodeBytes) || launchPath.size() > kMaxLaunchPathBytes) {
+                if (!isReadableName(payload, kMaxCodeBytes) ||
+                    launchPath.size() > kMaxLaunchPathBytes) {
                     visitor.onRefused("payload", payload);
                     continue;
                 }
@@ -155,7 +167,7 @@ Status Store::visitProducts(Visitor& visitor) {
                 while ((code = data.step()) == SQLITE_ROW) {
                     const std::string_view key = data.text(1);
                     const std::string_view value = data.text(2);
-                    if (isName(key, kMaxCodeBytes) && value.size() <= kMaxValueBytes) {
+                    if (isReadableName(key, kMaxCodeBytes) && value.size() <= kMaxValueBytes) {
                         visitor.onPayloadData(static_cast<int32_t>(data.integer(0)), key, value);
                     } else {
                         visitor.onRefused("key", std::string(payload) + " " + std::string(key));
