@@ -239,9 +239,8 @@ TEST_F(ListingTest, showsTheApplicationsOfTheDesktop) {
 
 TEST_F(ListingTest, failsWhenTheToolsOutputCannotBeWritten) {
     add("kivra-7.0", "/opt/k/K.app");
-    const ProcessResult result =
-        runProcess({"/bin/sh", "-c",
-                    std::string(OVREL_CAPS_TOOL) + " --database " + database + " list >/dev/full"});
+    const ProcessResult result = runProcess({"/bin/sh", "-c", "exec \"$0\" \"$@\" >/dev/full",
+                                             OVREL_CAPS_TOOL, "--database", database, "list"});
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_NE(result.err.find("cannot be written"), std::string::npos) << result.err;
 }
