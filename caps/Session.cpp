@@ -16,7 +16,8 @@ struct Database::State {
     std::string path;
     int32_t users = 0; // under gMutex
 
-    std::mutex mutex; // guards what follows
+    std::mutex mutex;   // guards what follows
+    bool stale = false; // a change was seen and could not be read yet
     std::unique_ptr<Store> store;
     std::unordered_map<int32_t, std::shared_ptr<const DomainSnapshot>> domains;
     std::shared_ptr<const ProductSnapshot> products;
@@ -80,13 +81,15 @@ Status Database::openLocked(std::unique_ptr<Store>& out) {
 // Drops what was read when the file has changed; opens the file anew when another one stands in
 // its place.
 Status Database::refreshLocked() {
-    if (!state_->store->changed()) {
+    if (!state_->store->changed() && !state_->stale) {
         return Status::ok;
     }
+    state_->stale = true;
     std::unique_ptr<Store> store;
     const Status status = openLocked(store);
     if (status == Status::ok) {
         state_->store = std::move(store);
+        state_->stale = false;
         state_->domains.clear();
         state_->products.reset();
     }
@@ -140,7 +143,7 @@ Status Database::write(Work&& work) {
     }
     if (status == Status::ok) {
         const std::lock_guard<std::mutex> lock(state_->mutex);
-        status = refreshLocked(); // who writes reads what was written
+        (void)refreshLocked(); // it was written; if it cannot be read, the next question says so
     }
     return status;
 }

@@ -168,6 +168,12 @@ Status Store::open(const std::string& path, Access access, std::unique_ptr<Store
     }
     const int kind = code & 0xFF;
     if (access == Access::read && (kind == SQLITE_CANTOPEN || kind == SQLITE_READONLY)) {
+        // What a writer left beside the file belongs to it and cannot be taken into account.
+        for (const char* suffix : {"-wal", "-journal"}) {
+            if (Fingerprint::of(path + suffix).size > 0) {
+                return give(Status::failed, path + suffix + ": may not be used");
+            }
+        }
         state.immutable = true;
         state.fingerprint = Fingerprint::of(path);
         code =
@@ -193,8 +199,18 @@ Status Store::open(const std::string& path, Access access, std::unique_ptr<Store
     } else if (applicationId != kApplicationId) {
         return give(Status::foreign, path + ": a database of another application");
     }
+    if (state.schemaVersion < 0) {
+        return give(Status::damaged, path + ": the schema's version is negative");
+    }
     if (state.schemaVersion > kSchemaVersion) {
         return give(Status::newerSchema, path + ": written by a later version of this program");
+    }
+    // Our schema has none; one in a file that was tampered with could compute for ever.
+    const int64_t views =
+        state.pragma("SELECT count(*) FROM sqlite_schema WHERE type = 'view'", code);
+    if (code != SQLITE_OK || views != 0) {
+        return give(code != SQLITE_OK ? store->fail(code, "cannot be read") : Status::damaged,
+                    path + ": the schema is not ours");
     }
     if (access != Access::read) {
         const Status status = store->migrate();
@@ -258,20 +274,19 @@ Store::Transaction::~Transaction() {
     if (!open_) {
         return;
     }
-    if (--store_.impl_->depth == 0) {
-        (void)store_.impl_->execute("ROLLBACK"); // gone already when SQLite rolled back itself
-    }
+    // Gone already when SQLite rolled back itself.
+    const bool outermost = --store_.impl_->depth == 0;
+    (void)store_.impl_->execute(outermost ? "ROLLBACK" : "ROLLBACK TO inner; RELEASE inner");
 }
 
 Status Store::Transaction::begin() {
     if (store_.impl_->access == Access::read) {
         return store_.refuse(Status::readOnly, "opened for reading");
     }
-    if (store_.impl_->depth == 0) {
-        const int code = store_.impl_->execute("BEGIN IMMEDIATE");
-        if (code != SQLITE_OK) {
-            return store_.fail(code, "cannot be locked for writing");
-        }
+    const bool outermost = store_.impl_->depth == 0;
+    const int code = store_.impl_->execute(outermost ? "BEGIN IMMEDIATE" : "SAVEPOINT inner");
+    if (code != SQLITE_OK) {
+        return store_.fail(code, "cannot be locked for writing");
     }
     ++store_.impl_->depth;
     open_ = true;
@@ -282,12 +297,9 @@ Status Store::Transaction::commit() {
     if (!open_) {
         return Status::failed;
     }
-    if (store_.impl_->depth > 1) {
-        open_ = false;
-        --store_.impl_->depth;
-        return Status::ok;
-    }
-    const int code = store_.impl_->execute("UPDATE modification SET counted = 0; COMMIT");
+    const bool outermost = store_.impl_->depth == 1;
+    const int code = store_.impl_->execute(outermost ? "UPDATE modification SET counted = 0; COMMIT"
+                                                     : "RELEASE inner");
     if (code != SQLITE_OK) {
         return store_.fail(code, "cannot be written"); // the destructor rolls back
     }

@@ -108,7 +108,8 @@ public:
     // Text of the last failure, for a person.
     const std::string& lastError() const { return error_; }
 
-    // A write transaction around several operations; without commit the destructor rolls back.
+    // A write transaction around several operations; without commit the destructor rolls back. One
+    // inside another rolls back its own part only.
     class Transaction {
     public:
         explicit Transaction(Store& store);

@@ -125,9 +125,18 @@ Status Store::inReadTransaction(Work&& work) {
             return fail(code, "cannot be read");
         }
     }
-    Status status = work();
-    if (own) {
-        (void)impl_->execute("COMMIT"); // nothing was written
+    Status status = Status::ok;
+    {
+        struct End {
+            Impl* impl;
+            ~End() {
+                if (impl != nullptr) {
+                    (void)impl->execute("COMMIT"); // nothing was written
+                }
+            }
+        };
+        const End end{own ? impl_.get() : nullptr}; // also when memory runs out in `work`
+        status = work();
     }
     if (impl_->immutable && !(Fingerprint::of(impl_->path) == impl_->fingerprint)) {
         status = refuse(Status::busy, "changed while it was read");

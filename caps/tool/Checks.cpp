@@ -1,7 +1,6 @@
 #include "caps/tool/Checks.h"
 
 #include <algorithm>
-#include <charconv>
 #include <map>
 #include <set>
 
@@ -174,10 +173,8 @@ private:
                        "it is ignored");
                 continue;
             }
-            double number = 0.0;
-            const char* end = group->number.data() + group->number.size();
-            const auto result = std::from_chars(group->number.data(), end, number);
-            if (result.ec != std::errc() || result.ptr != end || number <= 0.0) {
+            const std::optional<double> number = decimal(group->number);
+            if (!number || *number <= 0.0) {
                 report(where, "the number \"" + group->number + "\" is not above 0",
                        "the group never wins");
             }

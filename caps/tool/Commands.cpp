@@ -73,7 +73,6 @@ public:
                 }
                 counts.count(replaced);
             }
-            requirePaths(entries);
             out_ << counts.text("entries") << '\n';
         });
     }
@@ -92,11 +91,12 @@ public:
         inTransaction([&] {
             bool replaced = false;
             expect(writeApplication(*store_, application, replaced));
-            requirePaths({{application, application.specifier}});
+            requirePath(application);
         });
     }
 
     void removeApplication(const std::string& specifier) {
+        refuse(specifierFault(lowerCase(specifier)), specifier);
         open(Store::Access::write);
         expect(store_->removeSubdomain(kRegistryDomain, subdomainOf(specifier)),
                specifier + " is not registered");
@@ -122,6 +122,9 @@ public:
             refuse(valueFault(key, value), key);
         }
         open(Store::Access::write);
+        if (subdomain.name != name) { // of an application: a misspelt one must not come to be
+            (void)readSubdomain(domain, name);
+        }
         expect(store_->setDomainData(domain, subdomain.name, key, value));
     }
 
@@ -146,6 +149,9 @@ public:
             if (part.empty() || part.find('/') != std::string::npos) {
                 throw Failure("\"" + part + "\": each part has 1 character or more, and no '/'");
             }
+        }
+        if (const std::optional<double> number = decimal(group.number); !number || *number <= 0.0) {
+            throw Failure("\"" + group.number + "\": the number must be above 0");
         }
         open(Store::Access::create);
         inTransaction([&] {
@@ -400,28 +406,14 @@ private:
         return writeData(std::get<Subdomain>(entry.content), replaced);
     }
 
-    // Refuses applications that nobody could start: no path, and nothing that gives one.
-    void requirePaths(const std::vector<TomlEntry>& entries) {
-        std::set<std::string> ofPayloads;
-        bool read = false;
-        for (const TomlEntry& entry : entries) {
-            const auto* application = std::get_if<Application>(&entry.content);
-            if (application == nullptr || find(application->keys, kPathKey) != nullptr ||
-                find(application->keys, kRedirectKey) != nullptr) {
-                continue;
-            }
-            const std::string* basename = find(application->keys, kBasenameKey);
-            if (basename != nullptr && isMakersAddress(*basename)) {
-                continue;
-            }
-            if (!read) {
-                ofPayloads = specifiersOfPayloads(readAll());
-                read = true;
-            }
-            if (ofPayloads.count(application->specifier) == 0) {
-                throw Failure(entry.position + ": " + application->specifier +
-                              " has no path and no redirect");
-            }
+    // Refuses an application that nobody could start: no path, and nothing that gives one.
+    void requirePath(const Application& application) {
+        const std::string* basename = find(application.keys, kBasenameKey);
+        if (find(application.keys, kPathKey) == nullptr &&
+            find(application.keys, kRedirectKey) == nullptr &&
+            (basename == nullptr || !isMakersAddress(*basename)) &&
+            specifiersOfPayloads(readAll()).count(application.specifier) == 0) {
+            throw Failure(application.specifier + " has no path and no redirect");
         }
     }
 

@@ -118,9 +118,10 @@ std::string resolved(const std::string& program) {
 // The application's version, where a file gives one under a key of its maker's own.
 std::string versionOf(const Fields& fields) {
     for (const auto& [key, value] : fields) {
-        if (key.starts_with("X-") && key.ends_with("Version") && !value.empty() &&
-            value.front() >= '0' && value.front() <= '9' &&
-            value.find_first_not_of("0123456789.") == std::string::npos) {
+        // One such key tells which program installed the file.
+        if (key.starts_with("X-") && key.ends_with("Version") &&
+            key != "X-Desktop-File-Install-Version" && !value.empty() && value.front() >= '0' &&
+            value.front() <= '9' && value.find_first_not_of("0123456789.") == std::string::npos) {
             return value;
         }
     }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 
 namespace caps::tool {
 namespace {
@@ -34,13 +35,15 @@ constexpr KnownKey kKnownKeys[] = {
     {"ExecutablePath", KeyKind::text},
 };
 
-bool isDecimal(std::string_view text) {
-    double number = 0.0;
-    const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
-    return result.ec == std::errc() && result.ptr == text.data() + text.size();
-}
-
 } // namespace
+
+std::optional<double> decimal(std::string_view text) {
+    double number = 0.0;
+    const auto result =
+        std::from_chars(text.data(), text.data() + text.size(), number, std::chars_format::fixed);
+    const bool whole = result.ec == std::errc() && result.ptr == text.data() + text.size();
+    return whole && std::isfinite(number) ? std::optional(number) : std::nullopt;
+}
 
 std::optional<KeyKind> keyKind(std::string_view key) {
     const auto* found = std::find_if(std::begin(kKnownKeys), std::end(kKnownKeys),
@@ -111,7 +114,7 @@ std::optional<std::string> valueFault(std::string_view key, std::string_view val
     if (kind == KeyKind::boolean && value != "true" && value != "false") {
         return "must be \"true\" or \"false\" (any other spelling counts as false)";
     }
-    if (kind == KeyKind::decimal && !isDecimal(value)) {
+    if (kind == KeyKind::decimal && !decimal(value)) {
         return "must be a decimal number";
     }
     return std::nullopt;

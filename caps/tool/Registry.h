@@ -45,6 +45,8 @@ struct Group {
 };
 
 std::string lowerCase(std::string_view text);
+// The number that the whole text is, or none.
+std::optional<double> decimal(std::string_view text);
 std::string subdomainOf(std::string_view specifier);
 // True for the subdomain of an application, not of the groups.
 bool isApplicationSubdomain(const Subdomain& subdomain);

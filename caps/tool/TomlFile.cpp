@@ -1,6 +1,9 @@
 #include "caps/tool/TomlFile.h"
 
 #include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <set>
 #include <sstream>
 
 // Header-only, so that this is the only place that depends on how the library was built. The
@@ -152,15 +155,15 @@ public:
         if (const auto* flag = node.as_boolean()) {
             return flag->get() ? "true" : "false";
         }
-        if (node.is_number()) {
-            std::ostringstream out;
-            out.imbue(std::locale::classic());
-            node.visit([&out](const auto& value) {
-                if constexpr (toml::is_number<decltype(value)>) {
-                    out << value.get();
-                }
-            });
-            return out.str();
+        if (const auto* whole = node.as_integer()) {
+            return std::to_string(whole->get());
+        }
+        if (const auto* number = node.as_floating_point(); number && std::isfinite(number->get())) {
+            char digits[400]; // a double has at most 309 in front of the point
+            const auto result = std::to_chars(digits, digits + sizeof digits, number->get(),
+                                              std::chars_format::fixed);
+            std::string text(digits, result.ptr);
+            return text.find('.') == std::string::npos ? text + ".0" : text;
         }
         fail(node, "must be a text, a boolean or a number");
     }
@@ -225,10 +228,14 @@ Product readProduct(const toml::table& table, const std::string& file) {
         if (payload.launchPath.size() > kMaxLaunchPathBytes) {
             reader.fail(*payloadTable->get("launch-path"), "a launch path has at most 1023 bytes");
         }
+        std::set<std::pair<int32_t, std::string>> said;
         for (const toml::table* dataTable : payloadReader.tables("data")) {
             TableReader dataReader(*dataTable, file);
             const int32_t domain = dataReader.integer("domain", 0);
             for (KeyValue& entry : dataReader.values("values")) {
+                if (!said.insert({domain, entry.key}).second) {
+                    reader.fail(*dataTable, "\"" + entry.key + "\" of this domain is said twice");
+                }
                 payload.data.push_back({domain, std::move(entry.key), std::move(entry.value)});
             }
             dataReader.expectNothingElse();
@@ -359,6 +366,25 @@ void writeProduct(std::ostream& out, const Product& product) {
     }
 }
 
+// The parser goes one call deeper for each part of a dotted key; a key of millions of parts would
+// exhaust the stack.
+void refuseDeepKeys(const std::string& text, const std::string& name) {
+    constexpr int kMaxKeyParts = 1000;
+    int dots = 0;
+    uint32_t line = 1;
+    for (const char c : text) {
+        if (c == '\n') {
+            ++line;
+            dots = 0;
+        } else if (c == '=') {
+            dots = 0; // values may hold any number
+        } else if (c == '.' && ++dots > kMaxKeyParts) {
+            throw TomlError(name + ":" + std::to_string(line) +
+                            ":1: more than 1000 dots before a '='");
+        }
+    }
+}
+
 } // namespace
 
 std::vector<TomlEntry> parseToml(std::istream& in, const std::string& name) {
@@ -373,6 +399,7 @@ std::vector<TomlEntry> parseToml(std::istream& in, const std::string& name) {
     if (in.bad()) {
         throw TomlError(name + ": cannot be read");
     }
+    refuseDeepKeys(text, name);
     toml::table root;
     try {
         root = toml::parse(text, name);
@@ -400,7 +427,12 @@ std::vector<TomlEntry> parseToml(std::istream& in, const std::string& name) {
                      [](const Placed& a, const Placed& b) { return a.position < b.position; });
     std::vector<TomlEntry> entries;
     entries.reserve(placed.size());
+    std::set<std::string> specifiers;
     for (Placed& one : placed) {
+        const auto* application = std::get_if<Application>(&one.entry.content);
+        if (application != nullptr && !specifiers.insert(application->specifier).second) {
+            TableReader::fail(name, one.position, application->specifier + " is said twice");
+        }
         entries.push_back(std::move(one.entry));
     }
     return entries;

@@ -124,6 +124,16 @@ TEST_F(StoreTest, forgetsATransactionThatIsNotCommitted) {
     }
     std::vector<caps::Subdomain> domain;
     EXPECT_EQ(store->readDomain(1, domain), Status::nothingThere);
+    Store::Transaction outer(*store);
+    ASSERT_EQ(outer.begin(), Status::ok);
+    EXPECT_EQ(store->addProduct({"P", {{"{a}", "normal", "", 4, {}}, {"", "normal", "", 4, {}}}}),
+              Status::invalidArgument);
+    ASSERT_EQ(store->setDomainData(1, "s", "k", "v"), Status::ok);
+    ASSERT_EQ(outer.commit(), Status::ok);
+    Contents contents;
+    ASSERT_EQ(store->readAll(contents), Status::ok);
+    EXPECT_TRUE(contents.products.empty()) << "half a product is none";
+    EXPECT_EQ(contents.subdomains.size(), 1U);
 }
 
 TEST_F(StoreTest, movesItsTimesForwardOncePerTransaction) {
@@ -193,7 +203,12 @@ TEST_F(StoreTest, saysWhatIsWrongWithAFile) {
     open(Store::Access::read, Status::foreign);
     std::filesystem::remove(path);
     { open(Store::Access::create); }
-    execute("PRAGMA user_version = 99");
+    execute("PRAGMA user_version = -1");
+    open(Store::Access::read, Status::damaged);
+    open(Store::Access::write, Status::damaged);
+    execute("PRAGMA user_version = 1; CREATE VIEW v AS SELECT 1");
+    open(Store::Access::read, Status::damaged);
+    execute("DROP VIEW v; PRAGMA user_version = 99");
     open(Store::Access::read, Status::newerSchema);
     open(Store::Access::create, Status::newerSchema);
     for (const char* suffix : {"", "-wal", "-shm"}) {
