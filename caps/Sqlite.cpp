@@ -25,6 +25,9 @@ int Statement::run() {
 
 void Statement::reset() {
     (void)sqlite3_reset(statement_); // repeats the failure that `step` has reported
+    if (statement_ != nullptr) {
+        failure_ = SQLITE_OK; // of binding; one of preparing stays
+    }
 }
 
 int64_t Statement::integer(int column) const {

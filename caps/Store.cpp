@@ -276,7 +276,12 @@ Store::Transaction::~Transaction() {
     }
     // Gone already when SQLite rolled back itself.
     const bool outermost = --store_.impl_->depth == 0;
-    (void)store_.impl_->execute(outermost ? "ROLLBACK" : "ROLLBACK TO inner; RELEASE inner");
+    if (outermost) {
+        (void)store_.impl_->prepared("ROLLBACK").run();
+    } else {
+        (void)store_.impl_->prepared("ROLLBACK TO inner").run();
+        (void)store_.impl_->prepared("RELEASE inner").run();
+    }
 }
 
 Status Store::Transaction::begin() {
@@ -284,8 +289,9 @@ Status Store::Transaction::begin() {
         return store_.refuse(Status::readOnly, "opened for reading");
     }
     const bool outermost = store_.impl_->depth == 0;
-    const int code = store_.impl_->execute(outermost ? "BEGIN IMMEDIATE" : "SAVEPOINT inner");
-    if (code != SQLITE_OK) {
+    const int code =
+        store_.impl_->prepared(outermost ? "BEGIN IMMEDIATE" : "SAVEPOINT inner").run();
+    if (code != SQLITE_DONE) {
         return store_.fail(code, "cannot be locked for writing");
     }
     ++store_.impl_->depth;
@@ -298,9 +304,14 @@ Status Store::Transaction::commit() {
         return Status::failed;
     }
     const bool outermost = store_.impl_->depth == 1;
-    const int code = store_.impl_->execute(outermost ? "UPDATE modification SET counted = 0; COMMIT"
-                                                     : "RELEASE inner");
-    if (code != SQLITE_OK) {
+    int code = SQLITE_DONE;
+    if (outermost) {
+        code = store_.impl_->prepared("UPDATE modification SET counted = 0").run();
+    }
+    if (code == SQLITE_DONE) {
+        code = store_.impl_->prepared(outermost ? "COMMIT" : "RELEASE inner").run();
+    }
+    if (code != SQLITE_DONE) {
         return store_.fail(code, "cannot be written"); // the destructor rolls back
     }
     open_ = false;

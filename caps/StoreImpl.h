@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
+#include <unordered_map>
 
 #include "caps/Sqlite.h"
 #include "caps/Store.h"
@@ -61,7 +62,22 @@ struct Store::Impl {
     int64_t dataVersion = 0;
     int depth = 0; // of write transactions
 
-    ~Impl() { (void)sqlite3_close_v2(connection); } // never fails in this form
+    // Prepared once and kept: an import runs the same few ten thousands of times.
+    std::unordered_map<std::string_view, std::unique_ptr<Statement>> statements;
+
+    ~Impl() {
+        statements.clear();                 // before their connection
+        (void)sqlite3_close_v2(connection); // never fails in this form
+    }
+
+    // The statement for a literal text, ready to be bound.
+    Statement& prepared(std::string_view sql) {
+        std::unique_ptr<Statement>& statement = statements[sql];
+        if (statement == nullptr) {
+            statement = std::make_unique<Statement>(connection, sql.data());
+        }
+        return *statement;
+    }
 
     int execute(const char* sql) {
         return sqlite3_exec(connection, sql, nullptr, nullptr, nullptr);

@@ -26,7 +26,7 @@ Status Store::addSubdomain(int32_t domain, std::string_view subdomain) {
         return refuse(Status::invalidArgument, "a subdomain has 1 to 512 bytes");
     }
     return inTransaction([&] {
-        Statement insert(impl_->connection, "INSERT INTO subdomain (domain, name) VALUES (?1, ?2) "
+        Statement& insert = impl_->prepared("INSERT INTO subdomain (domain, name) VALUES (?1, ?2) "
                                             "ON CONFLICT DO NOTHING");
         insert.bind(domain, subdomain);
         return run(insert, "the subdomain cannot be written");
@@ -43,12 +43,12 @@ Status Store::setDomainData(int32_t domain, std::string_view subdomain, std::str
         if (status != Status::ok) {
             return status;
         }
-        Statement insert(impl_->connection,
-                         "INSERT INTO domain_data (subdomain, position, key, value) "
-                         "SELECT s.id, (SELECT coalesce(max(d.position), 0) + 1 FROM domain_data d "
-                         "WHERE d.subdomain = s.id), ?3, ?4 FROM subdomain s "
-                         "WHERE s.domain = ?1 AND s.name = ?2 "
-                         "ON CONFLICT (subdomain, key) DO UPDATE SET value = excluded.value");
+        Statement& insert = impl_->prepared(
+            "INSERT INTO domain_data (subdomain, position, key, value) "
+            "SELECT s.id, (SELECT coalesce(max(d.position), 0) + 1 FROM domain_data d "
+            "WHERE d.subdomain = s.id), ?3, ?4 FROM subdomain s "
+            "WHERE s.domain = ?1 AND s.name = ?2 "
+            "ON CONFLICT (subdomain, key) DO UPDATE SET value = excluded.value");
         insert.bind(domain, subdomain, key, value);
         return run(insert, "the value cannot be written");
     });
@@ -56,9 +56,9 @@ Status Store::setDomainData(int32_t domain, std::string_view subdomain, std::str
 
 Status Store::removeDomainData(int32_t domain, std::string_view subdomain, std::string_view key) {
     return inTransaction([&] {
-        Statement remove(impl_->connection,
-                         "DELETE FROM domain_data WHERE key = ?3 AND subdomain = "
-                         "(SELECT id FROM subdomain WHERE domain = ?1 AND name = ?2)");
+        Statement& remove =
+            impl_->prepared("DELETE FROM domain_data WHERE key = ?3 AND subdomain = "
+                            "(SELECT id FROM subdomain WHERE domain = ?1 AND name = ?2)");
         remove.bind(domain, subdomain, key);
         return runOnSomething(remove, "the value cannot be removed");
     });
@@ -66,8 +66,8 @@ Status Store::removeDomainData(int32_t domain, std::string_view subdomain, std::
 
 Status Store::removeSubdomain(int32_t domain, std::string_view subdomain) {
     return inTransaction([&] {
-        Statement remove(impl_->connection,
-                         "DELETE FROM subdomain WHERE domain = ?1 AND name = ?2");
+        Statement& remove =
+            impl_->prepared("DELETE FROM subdomain WHERE domain = ?1 AND name = ?2");
         remove.bind(domain, subdomain);
         return runOnSomething(remove, "the subdomain cannot be removed");
     });
@@ -78,7 +78,7 @@ Status Store::addProduct(const Product& product) {
         return refuse(Status::invalidArgument, "a product's identifier has 1 to 255 bytes");
     }
     return inTransaction([&] {
-        Statement insert(impl_->connection, "INSERT INTO product (code) VALUES (?1)");
+        Statement& insert = impl_->prepared("INSERT INTO product (code) VALUES (?1)");
         insert.bind(std::string_view(product.code));
         Status status = run(insert, "the product cannot be written");
         for (const Payload& payload : product.payloads) {
@@ -99,9 +99,9 @@ Status Store::addPayload(std::string_view product, const Payload& payload) {
         return refuse(Status::invalidArgument, "a launch path has at most 1023 bytes");
     }
     return inTransaction([&] {
-        Statement insert(impl_->connection,
-                         "INSERT INTO payload (product, code, kind, launch_path, install_state) "
-                         "SELECT id, ?2, ?3, ?4, ?5 FROM product WHERE code = ?1");
+        Statement& insert =
+            impl_->prepared("INSERT INTO payload (product, code, kind, launch_path, install_state) "
+                            "SELECT id, ?2, ?3, ?4, ?5 FROM product WHERE code = ?1");
         insert.bind(product, std::string_view(payload.code), std::string_view(payload.kind),
                     std::string_view(payload.launchPath), payload.installState);
         Status status = runOnSomething(insert, "the payload cannot be written");
@@ -116,7 +116,7 @@ Status Store::addPayload(std::string_view product, const Payload& payload) {
 
 Status Store::removeProduct(std::string_view code) {
     return inTransaction([&] {
-        Statement remove(impl_->connection, "DELETE FROM product WHERE code = ?1");
+        Statement& remove = impl_->prepared("DELETE FROM product WHERE code = ?1");
         remove.bind(code);
         return runOnSomething(remove, "the product cannot be removed");
     });
@@ -128,8 +128,7 @@ Status Store::setPayloadData(std::string_view payload, int32_t domain, std::stri
         return status;
     }
     return inTransaction([&] {
-        Statement insert(
-            impl_->connection,
+        Statement& insert = impl_->prepared(
             "INSERT INTO payload_data (payload, position, domain, key, value) "
             "SELECT p.id, (SELECT coalesce(max(d.position), 0) + 1 FROM payload_data d "
             "WHERE d.payload = p.id), ?2, ?3, ?4 FROM payload p WHERE p.code = ?1 "
@@ -141,9 +140,9 @@ Status Store::setPayloadData(std::string_view payload, int32_t domain, std::stri
 
 Status Store::removePayloadData(std::string_view payload, int32_t domain, std::string_view key) {
     return inTransaction([&] {
-        Statement remove(impl_->connection,
-                         "DELETE FROM payload_data WHERE domain = ?2 AND key = ?3 AND payload = "
-                         "(SELECT id FROM payload WHERE code = ?1)");
+        Statement& remove =
+            impl_->prepared("DELETE FROM payload_data WHERE domain = ?2 AND key = ?3 AND payload = "
+                            "(SELECT id FROM payload WHERE code = ?1)");
         remove.bind(payload, domain, key);
         return runOnSomething(remove, "the value cannot be removed");
     });
