@@ -1,5 +1,6 @@
 #include "scriptobjects/core/SoNumber.h"
 
+#include <algorithm>
 #include <charconv>
 #include <limits>
 #include <string_view>
@@ -34,21 +35,28 @@ bool isHexadecimal(std::string_view text) {
            (isHexDigit(text[2]) || (text.size() > 3 && text[2] == '.' && isHexDigit(text[3])));
 }
 
-// What lies beyond the range of a double: too large, or too close to zero.
-double outOfRange(std::string_view digits, bool hexadecimal) {
-    const std::string_view marks = hexadecimal ? "pP" : "eE";
-    const size_t mark = digits.find_first_of(marks);
-    const bool negativeExponent =
-        mark != std::string_view::npos && mark + 1 < digits.size() && digits[mark + 1] == '-';
-    if (negativeExponent) {
-        return 0.0;
+// A number that is no zero and has no double: infinity, or 0 where it is too close to zero. Beyond
+// the range the place of the first digit that counts decides, the exponent added.
+double outOfRange(std::string_view number, bool hexadecimal) {
+    const size_t mark = number.find_first_of(hexadecimal ? "pP" : "eE");
+    int32_t exponent = 0;
+    if (mark != std::string_view::npos) {
+        std::string_view text = number.substr(mark + 1);
+        if (!text.empty() && text.front() == '+') {
+            text.remove_prefix(1);
+        }
+        const auto result = std::from_chars(text.data(), text.data() + text.size(), exponent);
+        if (result.ec == std::errc::result_out_of_range) {
+            exponent = text.front() == '-' ? std::numeric_limits<int32_t>::min()
+                                           : std::numeric_limits<int32_t>::max();
+        }
     }
-    // Without an exponent a number is too small when its first non-zero digit is behind the point.
-    const size_t point = digits.find('.');
-    const size_t digit = digits.find_first_not_of("0.");
-    return mark == std::string_view::npos && point != std::string_view::npos && digit > point
-               ? 0.0
-               : std::numeric_limits<double>::infinity();
+    const std::string_view digits = number.substr(0, mark);
+    const auto point = static_cast<int64_t>(std::min(digits.find('.'), digits.size()));
+    const auto first = static_cast<int64_t>(digits.find_first_not_of("0."));
+    return (point - first) * (hexadecimal ? 4 : 1) + exponent > 0
+               ? std::numeric_limits<double>::infinity()
+               : 0.0;
 }
 
 } // namespace
@@ -61,6 +69,11 @@ double parseNumber(std::string_view text) {
     const bool hexadecimal = isHexadecimal(text);
     if (hexadecimal) {
         text.remove_prefix(2);
+        // Some from_chars take a minus sign behind a plus sign here: such an exponent is none.
+        const size_t mark = text.find_first_of("pP");
+        if (mark != std::string_view::npos && text.substr(mark + 1, 2) == "+-") {
+            text = text.substr(0, mark);
+        }
     }
     double value = 0.0;
     const auto result =

@@ -37,13 +37,35 @@ TEST(SoNumber, readsWhatStrtodReadsInTheCLocale) {
     EXPECT_EQ(parseNumber(nullptr), 0.0);
 }
 
+TEST(SoNumber, weighsTheExponentAgainstThePlaceOfTheDigits) {
+    const std::string zeros(400, '0');
+    const struct {
+        std::string text;
+        double expected;
+    } cases[] = {{"0." + zeros + "1", 0.0},
+                 {"0." + zeros + "1e5", 0.0},
+                 {"0." + zeros + "1e401", 1.0},
+                 {"1" + zeros, HUGE_VAL},
+                 {"-1" + zeros + "e-10", -HUGE_VAL},
+                 {"1" + zeros + "e-400", 1.0},
+                 {"1e99999999999999999999", HUGE_VAL},
+                 {"1e-99999999999999999999", 0.0},
+                 {"0x0." + zeros + "1p+5", 0.0},
+                 {"0x1" + zeros + "p-10", HUGE_VAL},
+                 {"0x7P+-2", 7.0}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        EXPECT_EQ(parseNumber(c.text), c.expected);
+    }
+}
+
 TEST(SoNumber, agreesWithStrtodOnRandomTexts) {
     const unsigned seed = std::random_device()();
     SCOPED_TRACE(seed);
     std::mt19937 random(seed);
-    const std::string alphabet = "0123456789..eE+-x ";
+    const std::string alphabet = "0123456789..eEpP+-xa ";
     for (int i = 0; i < 50'000; ++i) {
-        std::string text;
+        std::string text = i % 2 == 0 ? "" : "0x";
         for (size_t n = random() % 12; n > 0; --n) {
             text += alphabet[random() % alphabet.size()];
         }

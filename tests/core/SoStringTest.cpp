@@ -77,6 +77,28 @@ TEST(SoString, survivesTextsOfItsOwn) {
     EXPECT_STREQ(string.c_str(), "");
 }
 
+TEST(SoString, leavesOtherEmptyStringsEmpty) {
+    const SoString bystander;
+    SoString appended;
+    appended << 'x';
+    SoString assigned("");
+    assigned.assign("y");
+    SoString moved(std::move(appended));
+    appended << "z"; // NOLINT(bugprone-use-after-move): a moved-from string is an empty one
+    EXPECT_EQ(text(moved), "x");
+    EXPECT_EQ(text(assigned), "y");
+    EXPECT_EQ(text(appended), "z");
+    EXPECT_STREQ(bystander.c_str(), "");
+    EXPECT_STREQ(SoString().c_str(), "");
+}
+
+TEST(SoString, ordersByUnsignedBytes) {
+    EXPECT_LT(SoString("a").compare("\xC3\x84"), 0);
+    EXPECT_GT(SoString("ab").compare("a"), 0);
+    EXPECT_TRUE(SoString("Z") < SoString("a"));
+    EXPECT_FALSE(SoString("a") < SoString("a"));
+}
+
 TEST(SoString, writesNumbersAsUnsigned32BitDecimals) {
     SoString string;
     string << 7 << ',' << -1 << ',' << 4294967295U << ',' << -1L << ',' << 12UL;
@@ -214,8 +236,32 @@ TEST(SoString, decodesUtf8WithoutLeavingTheBuffers) {
             EXPECT_EQ(out[i], i < c.expected.size() ? c.expected[i] : kGuard) << "unit " << i;
         }
     }
+}
+
+TEST(SoString, writesAsManyUtf16UnitsAsItSays) {
     EXPECT_EQ(SoString("a\xF0\x9F\x98\x80").utf16Units(), 4);
     EXPECT_EQ(SoString("").utf16Units(), 1);
+    const unsigned seed = std::random_device()();
+    SCOPED_TRACE(seed);
+    std::mt19937 random(seed);
+    for (int i = 0; i < 20'000; ++i) {
+        std::string bytes(random() % 12, '\0');
+        for (char& c : bytes) {
+            c = static_cast<char>(random() % 2 == 0 ? 0x80 | random() % 0x40 : random());
+        }
+        if (!bytes.empty() && (bytes[0] & 0xC0) == 0x80) {
+            bytes[0] = '\xE2'; // a stray byte in front would be all that is tried
+        }
+        const SoString string(bytes.data(), static_cast<int32_t>(bytes.size()));
+        // A unit that keeps two different marks was not written.
+        std::vector<unsigned short> first(2 * bytes.size() + 4, 0x1111);
+        std::vector<unsigned short> second(first.size(), 0x2222);
+        string.convertToUtf16(first.data(), static_cast<uint32_t>(bytes.size() + 1));
+        string.convertToUtf16(second.data(), static_cast<uint32_t>(bytes.size() + 1));
+        for (size_t k = 0; k < first.size(); ++k) {
+            ASSERT_EQ(first[k] == second[k], static_cast<int32_t>(k) < string.utf16Units()) << k;
+        }
+    }
 }
 
 } // namespace

@@ -17,7 +17,7 @@ using ScObjects::Thread;
 
 namespace {
 
-enum class End { normal, outOfMemory, exception };
+enum class End { normal, outOfMemory, exception, exitThrows };
 
 class Worker : public Thread {
 public:
@@ -29,6 +29,7 @@ public:
         start();
     }
 
+    std::atomic<bool> initialised{false};
     std::atomic<bool> ran{false};
     std::atomic<bool> exited{false};
     std::atomic<ID> id{0};
@@ -38,6 +39,8 @@ protected:
         ran = true;
         id = getCurrentID();
         EXPECT_TRUE(isRunning());
+        EXPECT_TRUE(initialised);
+        EXPECT_TRUE(waitForRunExit()) << "the body does not wait for itself";
         if (end_ == End::outOfMemory) {
             throw std::bad_alloc();
         }
@@ -45,7 +48,14 @@ protected:
             throw std::runtime_error("body");
         }
     }
-    void runExit() override { exited = true; }
+    void runInit() override { initialised = true; }
+    void runExit() override {
+        EXPECT_FALSE(isRunning());
+        exited = true;
+        if (end_ == End::exitThrows) {
+            throw std::runtime_error("exit");
+        }
+    }
 
 private:
     bool waitForRunExitIfStarted() { return !started_ || waitForRunExit(); }
@@ -58,7 +68,8 @@ TEST(Thread, keepsHowItsBodyEnded) {
     const struct {
         End end;
         int32_t error;
-    } cases[] = {{End::normal, 0}, {End::outOfMemory, -28}, {End::exception, -29}};
+    } cases[] = {
+        {End::normal, 0}, {End::outOfMemory, -28}, {End::exception, -29}, {End::exitThrows, -29}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.error);
         Worker worker(c.end);
@@ -73,20 +84,29 @@ TEST(Thread, keepsHowItsBodyEnded) {
     }
 }
 
-TEST(Thread, waitsForItsStart) {
+TEST(Thread, letsEveryWaiterWaitForStartAndEnd) {
     Worker worker;
-    std::promise<void> waited;
-    std::thread waiter([&] {
-        worker.waitForRunExit();
-        waited.set_value();
-    });
-    std::future<void> done = waited.get_future();
-    EXPECT_EQ(done.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    const auto wait = [&worker] { return worker.waitForRunExit() && worker.exited; };
+    std::future<bool> waiters[] = {std::async(std::launch::async, wait),
+                                   std::async(std::launch::async, wait)};
+    for (auto& waiter : waiters) {
+        EXPECT_EQ(waiter.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    }
+    EXPECT_FALSE(worker.initialised);
     EXPECT_FALSE(worker.ran);
     worker.begin();
-    EXPECT_EQ(done.wait_for(std::chrono::seconds(30)), std::future_status::ready);
-    waiter.join();
-    EXPECT_TRUE(worker.ran);
+    for (auto& waiter : waiters) {
+        ASSERT_EQ(waiter.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+        EXPECT_TRUE(waiter.get()) << "back before the end of the body";
+    }
+}
+
+TEST(Thread, sleepsForMilliseconds) {
+    Worker worker; // never started; `wait` is the caller's own sleep
+    const auto before = std::chrono::steady_clock::now();
+    worker.wait(15);
+    Thread::sleep(15);
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(30));
 }
 
 TEST(Thread, endsUnstartedWithItsObject) {
@@ -121,6 +141,8 @@ TEST(Thread, tellsTheMainThreadFromOthers) {
         first.waitForRunExit();
         second.waitForRunExit();
         EXPECT_NE(first.id, 0U);
+        EXPECT_NE(second.id, 0U);
+        EXPECT_NE(first.id, second.id);
     }
     EXPECT_FALSE(Thread::InitTerm::exit());
     EXPECT_TRUE(Thread::InitTerm::exit());
@@ -143,15 +165,15 @@ TEST(SoLock, isHeldUntilItIsReleasedAsOftenAsAcquired) {
         ++guarded; // still held: the inner guard gave back only its own
     });
     held.get_future().wait();
-    std::thread other([&] {
+    std::future<int> other = std::async(std::launch::async, [&] {
         const ObjectLock lock(object);
-        EXPECT_EQ(guarded, 2);
-        ++guarded;
+        return ++guarded;
     });
+    EXPECT_EQ(other.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
     go.set_value();
+    ASSERT_EQ(other.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    EXPECT_EQ(other.get(), 3);
     holder.join();
-    other.join();
-    EXPECT_EQ(guarded, 3);
 }
 
 } // namespace
