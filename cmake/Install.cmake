@@ -1,15 +1,21 @@
-# The programs lie in lib/convey with the database's framework folder beside them, where they look
-# for it; bin/ holds links, which the programs resolve.
-include(GNUInstallDirs)
+# Components: runtime (what other makers' programs load), tools (the programs), dev (headers).
+#
+# The programs that load the database library look for its framework folder beside themselves. So
+# they lie with it in lib/convey, and bin/ holds links, which the programs resolve. All paths between
+# them are relative: an installation may be staged (DESTDIR) or moved.
 set(CONVEY_PROGRAM_INSTALL_DIR ${CMAKE_INSTALL_LIBDIR}/convey)
 install(TARGETS KivraConveyCmd RUNTIME DESTINATION ${CONVEY_PROGRAM_INSTALL_DIR} COMPONENT tools)
 install(TARGETS ovrel_caps
     LIBRARY DESTINATION ${CONVEY_PROGRAM_INSTALL_DIR}/ovrel_caps.framework COMPONENT runtime)
 install(TARGETS ovrel-caps RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
-file(RELATIVE_PATH CONVEY_LINK_TARGET ${CMAKE_INSTALL_FULL_BINDIR}
-     ${CMAKE_INSTALL_FULL_LIBDIR}/convey/KivraConveyCmd)
+install(FILES caps/include/ovrel_caps.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
+
+file(RELATIVE_PATH CONVEY_LINK_TARGET
+    ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR}/convey/KivraConveyCmd)
 install(CODE "
-    set(folder \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}\")
-    file(MAKE_DIRECTORY \"\${folder}\")
-    file(CREATE_LINK \"${CONVEY_LINK_TARGET}\" \"\${folder}/KivraConveyCmd\" SYMBOLIC)
+    set(folder \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}\")
+    message(STATUS \"Installing: \$ENV{DESTDIR}\${folder}/KivraConveyCmd\")
+    file(MAKE_DIRECTORY \"\$ENV{DESTDIR}\${folder}\")
+    file(CREATE_LINK \"${CONVEY_LINK_TARGET}\" \"\$ENV{DESTDIR}\${folder}/KivraConveyCmd\" SYMBOLIC)
+    list(APPEND CMAKE_INSTALL_MANIFEST_FILES \"\${folder}/KivraConveyCmd\")
 " COMPONENT tools)
