@@ -17,6 +17,15 @@ public:
     // Milliseconds since a moment before the process started; never goes back. For waits.
     virtual int64_t monotonicMilliseconds() const = 0;
 
+    // The time of day, in the user's time zone, of the moment `seconds` after 1970 UTC; all 0 when
+    // the system cannot tell.
+    struct TimeOfDay {
+        int32_t hour = 0;
+        int32_t minute = 0;
+        int32_t second = 0;
+    };
+    virtual TimeOfDay localTimeOfDay(int64_t seconds) const = 0;
+
     static Clock& own();
 };
 

@@ -8,8 +8,10 @@ set(CMAKE_CXX_FLAGS_INIT -m32)
 set(CMAKE_LIBRARY_ARCHITECTURE i386-linux-gnu)
 set(CMAKE_LIBRARY_PATH /usr/lib/i386-linux-gnu)
 set(CMAKE_IGNORE_PATH /usr/lib/x86_64-linux-gnu /usr/lib/x86_64-linux-gnu/cmake)
-# The i386 -dev package cannot stand beside its x86-64 twin while the two archives are a revision
-# apart; header and shared object are all that is needed of it.
+# The i386 -dev packages cannot stand beside their x86-64 twins while the two archives are a revision
+# apart; headers and shared objects are all that is needed of them.
 set(SQLite3_LIBRARY /usr/lib/i386-linux-gnu/libsqlite3.so.0 CACHE FILEPATH "")
 set(SQLite3_INCLUDE_DIR /usr/include CACHE PATH "")
 set(GTest_DIR /usr/lib/i386-linux-gnu/cmake/GTest CACHE PATH "")
+set(Nettle_LIBRARY /usr/lib/i386-linux-gnu/libnettle.so.8 CACHE FILEPATH "")
+set(Nettle_INCLUDE_DIR /usr/include CACHE PATH "")

@@ -1,13 +1,19 @@
 #pragma once
 
+#include <algorithm>
 #include <map>
+#include <mutex>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "platform/Clock.h"
 #include "platform/Files.h"
 #include "platform/Frameworks.h"
 #include "platform/Locale.h"
+#include "platform/Log.h"
+#include "platform/Processes.h"
+#include "platform/Random.h"
 #include "platform/Threads.h"
 
 // The services as a test wants them. Each keeps its interface's contract and has public switches
@@ -34,16 +40,134 @@ public:
 
     int64_t utcMilliseconds() const override { return utc; }
     int64_t monotonicMilliseconds() const override { return monotonic; }
+    TimeOfDay localTimeOfDay(int64_t seconds) const override { // a user who lives in UTC
+        const auto second = static_cast<int32_t>(seconds % 86'400);
+        return {second / 3600, second / 60 % 60, second % 60};
+    }
 };
 
+// Files in memory, by absolute path, all of this user's own.
 class FakeFiles : public Files {
 public:
-    std::set<std::string> paths;
-    bool broken = false;
+    std::map<std::string, std::string> files;
+    std::map<std::string, std::string> links;
+    std::set<std::string> folders;
+    bool broken = false;   // nothing can be found out
+    bool readOnly = false; // nothing can be changed
 
     bool exists(const std::string& path) const override {
-        return !broken && !path.empty() && paths.count(path) != 0;
+        std::string real;
+        return resolve(path, real);
     }
+    bool makeFolder(const std::string& path, uint32_t) override {
+        return folders.count(path) != 0 || (mayMake(path) && folders.insert(path).second);
+    }
+    bool removeFolder(const std::string& path) override {
+        return !broken && !readOnly && folders.erase(path) != 0;
+    }
+    bool removeFile(const std::string& path) override {
+        return !broken && !readOnly && files.erase(path) + links.erase(path) != 0;
+    }
+    bool makeLink(const std::string& target, const std::string& path) override {
+        return mayMake(path) && links.emplace(path, target).second;
+    }
+    bool resolve(const std::string& path, std::string& out) const override {
+        std::string real = path;
+        for (int steps = 0; steps < 40 && links.count(real) != 0; ++steps) {
+            real = links.at(real);
+        }
+        if (broken || (files.count(real) == 0 && folders.count(real) == 0)) {
+            return false;
+        }
+        out = real;
+        return true;
+    }
+    Reading readOwn(const std::string& path, size_t maximumBytes, std::string& out) const override {
+        if (broken || links.count(path) != 0 || folders.count(path) != 0) {
+            return Reading::refused;
+        }
+        const auto found = files.find(path);
+        if (found == files.end()) {
+            return Reading::missing;
+        }
+        if (found->second.size() > maximumBytes) {
+            return Reading::refused;
+        }
+        out = found->second;
+        return Reading::done;
+    }
+    bool publish(const std::string& path, std::string_view content) override {
+        return mayMake(path) && files.emplace(path, content).second;
+    }
+    bool list(const std::string& path, std::vector<FolderEntry>& entries,
+              std::string& identity) const override {
+        std::string real;
+        if (!resolve(path, real) || folders.count(real) == 0) {
+            return false;
+        }
+        std::vector<FolderEntry> found;
+        const auto add = [&](const std::string& child, bool isFolder) {
+            if (child.rfind(real + "/", 0) == 0 &&
+                child.find('/', real.size() + 1) == std::string::npos) {
+                found.push_back({child.substr(real.size() + 1), isFolder});
+            }
+        };
+        for (const auto& [file, content] : files) {
+            add(file, false);
+        }
+        for (const std::string& folder : folders) {
+            add(folder, true);
+        }
+        for (const auto& [link, target] : links) {
+            std::string end;
+            add(link, resolve(link, end) && folders.count(end) != 0);
+        }
+        entries = found;
+        identity = real;
+        return true;
+    }
+
+private:
+    bool mayMake(const std::string& path) const {
+        return !broken && !readOnly && !path.empty() && files.count(path) == 0 &&
+               links.count(path) == 0 && folders.count(path) == 0;
+    }
+};
+
+// Gives 0, 1, 2, and so on, or nothing.
+class FakeRandom : public Random {
+public:
+    bool fails = false;
+    uint8_t next = 0;
+
+    bool fill(void* out, size_t bytes) override {
+        for (size_t i = 0; i < bytes && !fails; ++i) {
+            static_cast<uint8_t*>(out)[i] = next++;
+        }
+        return !fails;
+    }
+};
+
+class FakeProcesses : public Processes {
+public:
+    uint32_t number = 4711;
+
+    uint32_t ownNumber() const override { return number; }
+};
+
+class FakeLog : public Log {
+public:
+    std::vector<std::string> lines;
+
+    void problem(const std::string& line) override {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        if (std::find(lines.begin(), lines.end(), line) == lines.end()) {
+            lines.push_back(line);
+        }
+    }
+
+private:
+    std::mutex mutex_;
 };
 
 // Starts real threads, or none.

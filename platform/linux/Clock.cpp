@@ -15,6 +15,15 @@ class LinuxClock final : public Clock {
 public:
     int64_t utcMilliseconds() const override { return milliseconds(CLOCK_REALTIME); }
     int64_t monotonicMilliseconds() const override { return milliseconds(CLOCK_MONOTONIC); }
+
+    TimeOfDay localTimeOfDay(int64_t seconds) const override {
+        const auto time = static_cast<time_t>(seconds);
+        std::tm local{};
+        if (localtime_r(&time, &local) == nullptr) {
+            return {};
+        }
+        return {local.tm_hour, local.tm_min, local.tm_sec};
+    }
 };
 
 } // namespace

@@ -9,10 +9,12 @@ namespace ScObjects {
 namespace {
 
 constinit std::atomic<ConveyContext*> gCurrentContext{nullptr};
+constinit std::atomic<uint32_t> gLastSerialNumber{1}; // handed out by any context
 
 } // namespace
 
-ConveyContext::ConveyContext(const SoString& appSpecifier) : appSpecifier_(appSpecifier) {}
+ConveyContext::ConveyContext(const SoString& appSpecifier)
+    : appSpecifier_(appSpecifier), serialNumber_(gLastSerialNumber.load()) {}
 
 ConveyContext::~ConveyContext() {
     ConveyContext* self = this;
@@ -38,6 +40,13 @@ SoString ConveyContext::getAppSpecifier() const {
     Convey::Specifier own(appSpecifier_.c_str(), !Convey::Specifier::isFixUpUnderWay());
     own.setSuffix(SoString());
     return own;
+}
+
+uint32_t ConveyContext::getNextSerialNumber() {
+    const ObjectLock guard(*this);
+    const uint32_t number = serialNumber_++;
+    gLastSerialNumber.store(number);
+    return number;
 }
 
 } // namespace ScObjects

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoString.h"
 #include "scriptobjects/core/SoThread.h"
@@ -31,8 +33,13 @@ public:
     // The specifier of this application, fixed up, without suffix.
     SoString getAppSpecifier() const;
 
+    // A number for the next message. The first of a process is 1; a context that is made later goes
+    // on with the number handed out last, so its first one repeats that.
+    uint32_t getNextSerialNumber();
+
 private:
     const SoString appSpecifier_;
+    uint32_t serialNumber_ SO_GUARDED_BY(this);
 };
 
 } // namespace ScObjects

@@ -1,23 +1,184 @@
 #include "scriptobjects/convey/SoCVUtils.h"
 
 #include <algorithm>
+#include <charconv>
+#include <cstdlib>
+#include <memory>
+#include <nettle/md5.h>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "platform/Clock.h"
 #include "platform/Files.h"
 #include "platform/Frameworks.h"
 #include "platform/Locale.h"
+#include "platform/Processes.h"
+#include "platform/Random.h"
+#include "scriptobjects/core/SoThread.h"
 
 namespace ScObjects::ConveyUtils {
 namespace {
 
 constexpr size_t kLocaleBufferBytes = 16; // identifier and terminator: longer ones are not used
 
+constexpr uint32_t kFolderMode = 0771;
+constexpr size_t kIdentifierBytes = 16;
+constexpr int32_t kMaximumCachedBytes = 40;     // an identifier has 32 characters at most
+constexpr size_t kMaximumIdentifierFile = 4096; // what is larger was not written by us
+constexpr int kMaximumFolderDepth = 64;
+constexpr std::string_view kWordEnds = " =;\"':";
+
+// Upper-case hexadecimal, one or two digits a byte.
+void appendHexadecimal(SoString& out, const uint8_t* bytes, size_t count) {
+    constexpr const char* digits = "0123456789ABCDEF";
+    for (size_t i = 0; i < count; ++i) {
+        if (bytes[i] >= 0x10) {
+            out.append(digits[bytes[i] >> 4]);
+        }
+        out.append(digits[bytes[i] & 0xF]);
+    }
+}
+
+// An identifier of this user, kept in a file of the home folder.
+class Identifier : public SoLockable {
+public:
+    explicit Identifier(const char* name) : name_(name) {}
+
+    SoString get() {
+        const ObjectLock guard(*this);
+        if (!cached_.isEmpty()) {
+            return cached_;
+        }
+        SoString text = read();
+        if (text.length() >= 1 && text.length() <= kMaximumCachedBytes) {
+            cached_ = text;
+        }
+        return text;
+    }
+
+    void forget() {
+        const ObjectLock guard(*this);
+        cached_.shrink(0);
+    }
+
+private:
+    SoString read() const {
+        const char* home = std::getenv("HOME"); // NOLINT(concurrency-mt-unsafe): nobody sets it
+        if (home == nullptr || *home == '\0') {
+            return SoString();
+        }
+        platform::Files& files = platform::Files::system();
+        const std::string folder = std::string(home) + "/.ovrel";
+        const std::string file = folder + "/" + name_;
+        std::string content;
+        auto reading = files.readOwn(file, kMaximumIdentifierFile, content);
+        if (reading == platform::Files::Reading::missing && files.makeFolder(folder, kFolderMode)) {
+            uint8_t bytes[kIdentifierBytes];
+            if (!platform::Random::system().fill(bytes, sizeof bytes)) {
+                return SoString();
+            }
+            SoString text;
+            appendHexadecimal(text, bytes, sizeof bytes);
+            // When another process was faster, its identifier is the user's.
+            (void)files.publish(file, text.view());
+            reading = files.readOwn(file, kMaximumIdentifierFile, content);
+        }
+        return reading == platform::Files::Reading::done ? SoString(content.c_str()) : SoString();
+    }
+
+    const char* const name_;
+    SoString cached_ SO_GUARDED_BY(this);
+};
+
+Identifier& userIdentifier() {
+    static auto* const identifier = new Identifier("userid");
+    return *identifier;
+}
+
+Identifier& digestIdentifier() {
+    static auto* const identifier = new Identifier("md5");
+    return *identifier;
+}
+
+SoString stringOf(const std::string& text) {
+    return SoString(text.data(), static_cast<int32_t>(text.size()));
+}
+
+void walk(const std::string& path, FileFilter& filter, std::set<std::string>& walked, int depth) {
+    std::vector<platform::FolderEntry> entries;
+    std::string identity;
+    if (depth > kMaximumFolderDepth || !platform::Files::system().list(path, entries, identity) ||
+        !walked.insert(identity).second) {
+        return;
+    }
+    for (const platform::FolderEntry& entry : entries) {
+        const std::string child = path + "/" + entry.name;
+        if (entry.isFolder) {
+            filter.onFolder(stringOf(child));
+            walk(child, filter, walked, depth + 1);
+        } else {
+            filter.onFile(stringOf(child));
+        }
+    }
+}
+
 } // namespace
 
 void init() {}
 
-void exit() {}
+void exit() {
+    userIdentifier().forget();
+    digestIdentifier().forget();
+}
+
+SoString getSenderID() {
+    char text[32] = "localhost:mac";
+    char* const digits = text + std::char_traits<char>::length(text);
+    const auto end =
+        std::to_chars(digits, text + sizeof text, platform::Processes::system().ownNumber());
+    return SoString(text, static_cast<int32_t>(end.ptr - text));
+}
+
+SoString getUserID() {
+    return userIdentifier().get();
+}
+
+SoString getSecurityID() {
+    return getUserID();
+}
+
+SoString getSignature() {
+    return getUserID();
+}
+
+SoString getMD5(const SoString& text) {
+    return getMD5({text.view()});
+}
+
+SoString getMD5(std::initializer_list<std::string_view> parts) {
+    const SoString identifier = digestIdentifier().get();
+    if (identifier.isEmpty()) {
+        return SoString(); // a digest that is not the user's would pass for one
+    }
+    md5_ctx context;
+    md5_init(&context);
+    const auto add = [&context](std::string_view text) {
+        md5_update(&context, text.size(), reinterpret_cast<const uint8_t*>(text.data()));
+    };
+    add(identifier.view());
+    add("+");
+    for (const std::string_view part : parts) {
+        add(part);
+    }
+    add("+");
+    add(identifier.view());
+    uint8_t digest[MD5_DIGEST_SIZE];
+    md5_digest(&context, sizeof digest, digest);
+    SoString result;
+    appendHexadecimal(result, digest, sizeof digest);
+    return result;
+}
 
 SoString getCurrentLocale() {
     std::string identifier;
@@ -34,6 +195,65 @@ bool fileExists(const SoString& path) {
     return !path.isEmpty() && platform::Files::system().exists(path.c_str());
 }
 
+bool mkdir(const SoString& path) {
+    return !path.isEmpty() && platform::Files::system().makeFolder(path.c_str(), kFolderMode);
+}
+
+bool rmdir(const SoString& path) {
+    return !path.isEmpty() && platform::Files::system().removeFolder(path.c_str());
+}
+
+bool deleteFile(const SoString& path) {
+    return !path.isEmpty() && platform::Files::system().removeFile(path.c_str());
+}
+
+bool createAlias(const SoString& target, const SoString& alias) {
+    if (target.isEmpty() || alias.isEmpty()) {
+        return false;
+    }
+    (void)deleteFile(alias); // as a rule there is none
+    return platform::Files::system().makeLink(target.c_str(), alias.c_str());
+}
+
+SoString resolveAlias(const SoString& path) {
+    std::string real;
+    if (path.isEmpty() || !platform::Files::system().resolve(path.c_str(), real)) {
+        return path;
+    }
+    return stringOf(real);
+}
+
+SoString getLaunchFolderPath() {
+    return SoString("/Library/Application Support/Ovrel/Launch");
+}
+
+SoString getNextAppInstance(const SoString& name) {
+    const SoString folder = getLaunchFolderPath();
+    SoString next = name;
+    for (uint32_t instance = 1;; ++instance) {
+        SoString file = folder;
+        file << "/" << next;
+        if (!fileExists(file)) {
+            return next;
+        }
+        next = name;
+        next << "_" << instance;
+    }
+}
+
+void FileFilter::onFile(const SoString& /*path*/) {}
+
+void FileFilter::onFolder(const SoString& /*path*/) {}
+
+void FileFilter::run(const SoString& path) {
+    iterateFolder(path, *this);
+}
+
+void iterateFolder(const SoString& path, FileFilter& filter) {
+    std::set<std::string> walked;
+    walk(path.c_str(), filter, walked, 0);
+}
+
 SoString getFolderSeparator() {
     return SoString("/");
 }
@@ -45,6 +265,42 @@ uint32_t getTimeSeconds() {
 double getUTCTimeMilliSeconds() {
     return static_cast<double>(platform::Clock::system().utcMilliseconds());
 }
+
+SoString getTimeString(const uint32_t* seconds) {
+    const auto time =
+        platform::Clock::system().localTimeOfDay(seconds != nullptr ? *seconds : getTimeSeconds());
+    SoString text;
+    for (const int32_t number : {time.hour, time.minute, time.second}) {
+        if (!text.isEmpty()) {
+            text.append(':');
+        }
+        text.append(static_cast<char>('0' + number / 10));
+        text.append(static_cast<char>('0' + number % 10));
+    }
+    return text;
+}
+
+void sleep(uint32_t milliseconds) {
+    ScObjects::Thread::sleep(milliseconds);
+}
+
+int32_t parseOptions(const SoString& text, SoVector<SoString>& words) {
+    std::string_view rest = text.view();
+    while (!rest.empty()) {
+        const size_t length = std::min(rest.find_first_of(kWordEnds), rest.size());
+        if (length != 0) {
+            auto word = std::make_unique<SoString>(rest.data(), static_cast<int32_t>(length));
+            words.append(word.get());
+            (void)word.release();
+        }
+        rest.remove_prefix(std::min(length + 1, rest.size()));
+    }
+    return words.count();
+}
+
+void logText(const SoString& /*text*/) {}
+
+void logMessage(const SoString& /*prefix*/, const Convey::Message& /*message*/, bool /*flag*/) {}
 
 void* SharedLib::loadPCDLibrary(const char* name) {
     if (name == nullptr || *name == '\0') {

@@ -17,7 +17,10 @@ class SoString;
 // time; everything else from any thread between `InitTerm::init` and `InitTerm::exit`.
 class SO_EXPORT Convey {
 public:
-    class Specifier; // SoCVSpecifier.h
+    class Specifier;  // SoCVSpecifier.h
+    class Message;    // SoCVMessage.h
+    class Header;     // SoCVMessage.h
+    class MsgHandler; // SoCVMessage.h
 
     // The layer's own version, as registrations and messages give it.
     static constexpr const char* kVersion = "2.0";

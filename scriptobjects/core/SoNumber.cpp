@@ -89,11 +89,7 @@ double parseNumber(std::string_view text) {
     return negative ? -value : value;
 }
 
-uint32_t parseUnsigned32(const char* digits) {
-    if (digits == nullptr) {
-        return 0;
-    }
-    std::string_view text(digits);
+uint32_t parseUnsigned32(std::string_view text) {
     const bool negative = takeSign(text);
     constexpr uint64_t kMaximum = std::numeric_limits<uint32_t>::max();
     uint64_t value = 0;

@@ -20,6 +20,9 @@ inline double parseNumber(const char* text) {
 // The decimal number that `text` begins with, after blanks and a sign: what strtoul gives where
 // `unsigned long` has 32 bits. 4294967295 for a larger one, 0 without a number; a minus sign gives
 // the value modulo 2^32.
-SO_EXPORT uint32_t parseUnsigned32(const char* text);
+SO_EXPORT uint32_t parseUnsigned32(std::string_view text);
+inline uint32_t parseUnsigned32(const char* text) {
+    return text == nullptr ? 0 : parseUnsigned32(std::string_view(text));
+}
 
 } // namespace ScObjects

@@ -268,6 +268,38 @@ void SoString::append(const char* text, int32_t length) {
     data_[length_] = '\0';
 }
 
+char* SoString::extend(int32_t bytes) {
+    const int64_t newLength = static_cast<int64_t>(length_) + bytes;
+    if (newLength >= capacity_ || data_ == gEmptyBuffer) {
+        char* buffer = newBuffer(newLength);
+        std::memcpy(buffer, data_, static_cast<size_t>(length_));
+        release();
+        data_ = buffer;
+        capacity_ = capacityFor(newLength);
+    }
+    char* const place = data_ + length_;
+    length_ = static_cast<int32_t>(newLength);
+    data_[length_] = '\0';
+    return place;
+}
+
+void SoString::adopt(char* heapBuffer, int32_t length) {
+    if (length > kMaximumLength) {
+        throw std::bad_alloc();
+    }
+    const int32_t capacity = capacityFor(length);
+    auto* buffer =
+        static_cast<char*>(SoHeap::reallocHeap(heapBuffer, static_cast<size_t>(capacity)));
+    if (buffer == nullptr) {
+        throw std::bad_alloc();
+    }
+    release();
+    data_ = buffer;
+    length_ = length;
+    capacity_ = capacity;
+    data_[length_] = '\0';
+}
+
 void SoString::append(long n) {
     char digits[std::numeric_limits<uint32_t>::digits10 + 1];
     const auto result = std::to_chars(digits, digits + sizeof digits, static_cast<uint32_t>(n));

@@ -45,6 +45,15 @@ public:
     // The number as an unsigned 32-bit decimal: -1 is written 4294967295.
     void append(long n);
 
+    // Lengthens the string by `bytes` (0 or more) and returns the place of the new bytes, which
+    // hold anything until they are written; good until the next change. For texts of a known
+    // length.
+    char* extend(int32_t bytes);
+    // Replaces the content by a text in a buffer of the heap (`mallocHeap`) that the string owns
+    // from now on; the buffer has at least one byte of room behind `length` bytes. When memory runs
+    // out the string and the owner stay as they are.
+    void adopt(char* heapBuffer, int32_t length);
+
     // Cuts the string to `n` bytes; nothing when `n` is negative or not below the length.
     void shrink(int32_t n);
 

@@ -102,7 +102,8 @@ TEST(Clock, monotonicTimeNeverGoesBack) {
 
 TEST(Files, seesFilesFoldersAndNothing) {
     platform::FakeFiles fake;
-    fake.paths = {"/proc/self/exe", "/"};
+    fake.files["/proc/self/exe"];
+    fake.folders = {"/"};
     for (const platform::Files* files :
          {&platform::Files::own(), static_cast<platform::Files*>(&fake)}) {
         EXPECT_TRUE(files->exists("/proc/self/exe"));

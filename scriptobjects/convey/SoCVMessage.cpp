@@ -1,0 +1,167 @@
+#include "scriptobjects/convey/SoCVMessage.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <limits>
+
+#include "scriptobjects/convey/SoCVContext.h"
+#include "scriptobjects/convey/SoCVMessageGlobals.h"
+#include "scriptobjects/convey/SoCVUtils.h"
+
+namespace ScObjects {
+namespace {
+
+constexpr const char* kDefaultType = "Tessaly";
+constexpr const char* kTextVersion = "2.05";
+
+// The types that the layer gives a meaning to.
+constexpr std::array<std::string_view, 12> kSystemTypes = {
+    kDefaultType, "Debug",   "Receive", "Received", "Result",    "Error",
+    "Idle",       "Timeout", "Log",     "Ignore",   "Processed", "Launched"};
+
+std::string_view viewOf(const char* text) {
+    return text == nullptr ? std::string_view() : std::string_view(text);
+}
+
+} // namespace
+
+Convey::Header::Header(std::string_view headerName, std::string_view headerValue)
+    : name(headerName.data(), static_cast<int32_t>(headerName.size())),
+      value(headerValue.data(), static_cast<int32_t>(headerValue.size())) {}
+
+Convey::Message::Message()
+    : type_(kDefaultType), timestamp_(ConveyUtils::getTimeSeconds()), version_(kTextVersion) {}
+
+Convey::Message::Message(const Message& other)
+    : target_(other.target_),
+      sender_(other.sender_),
+      timeout_(other.timeout_),
+      type_(other.type_.isEmpty() ? SoString(kDefaultType) : other.type_),
+      responseRequest_(other.responseRequest_),
+      timestamp_(other.timestamp_),
+      contentLength_(other.contentLength_),
+      serialNumber_(other.serialNumber_),
+      received_(other.received_),
+      result_(other.result_),
+      error_(other.error_),
+      body_(other.body_),
+      version_(other.version_),
+      digestState_(other.digestState_) {
+    const ObjectLock guard(*this);
+    try {
+        for (const Header* header = other.headers_; header != nullptr; header = header->next) {
+            setHeaderLocked(header->name.view(), header->value.view());
+        }
+    } catch (...) {
+        deleteHeaders();
+        throw;
+    }
+}
+
+Convey::Message::~Message() {
+    deleteHeaders();
+}
+
+void Convey::Message::deleteHeaders() {
+    while (headers_ != nullptr) {
+        Header* const header = headers_;
+        headers_ = header->next;
+        delete header;
+    }
+}
+
+Convey::Header* Convey::Message::findHeader(std::string_view name) const {
+    Header* header = headers_;
+    while (header != nullptr && header->name.view() != name) {
+        header = header->next;
+    }
+    return header;
+}
+
+void Convey::Message::setHeaderLocked(std::string_view name, std::string_view value) {
+    if (name.empty()) {
+        return;
+    }
+    if (Header* const header = findHeader(name)) {
+        header->value.assign(value.data(), static_cast<int32_t>(value.size()));
+        return;
+    }
+    auto* const header = new Header(name, value);
+    header->next = headers_;
+    headers_ = header;
+}
+
+void Convey::Message::setHeader(const char* name, const char* value) {
+    const ObjectLock guard(*this);
+    setHeaderLocked(viewOf(name), viewOf(value));
+}
+
+void Convey::Message::setHeader(const char* name, long value) {
+    char digits[std::numeric_limits<long>::digits10 + 3];
+    *std::to_chars(digits, digits + sizeof digits - 1, value).ptr = '\0';
+    setHeader(name, digits);
+}
+
+void Convey::Message::setHeader(const char* name, unsigned long value) {
+    char digits[std::numeric_limits<unsigned long>::digits10 + 3];
+    *std::to_chars(digits, digits + sizeof digits - 1, value).ptr = '\0';
+    setHeader(name, digits);
+}
+
+void Convey::Message::removeHeader(const char* name) {
+    const std::string_view wanted = viewOf(name);
+    const ObjectLock guard(*this);
+    Header** link = &headers_;
+    while (*link != nullptr && (*link)->name.view() != wanted) {
+        link = &(*link)->next;
+    }
+    if (Header* const header = *link) {
+        *link = header->next;
+        delete header;
+    }
+}
+
+SoString Convey::Message::getUserHeaderValue(const char* name) const {
+    const Header* const header = findHeader(viewOf(name));
+    return header == nullptr ? SoString() : header->value;
+}
+
+bool Convey::Message::isUserType() const {
+    return std::find(kSystemTypes.begin(), kSystemTypes.end(), type_.view()) == kSystemTypes.end();
+}
+
+uint32_t Convey::Message::getNextSerialNumber(ConveyContext* context) const {
+    if (context == nullptr) {
+        context = ConveyContext::getCurrentContext();
+    }
+    return context == nullptr ? 0 : context->getNextSerialNumber();
+}
+
+void Convey::Message::setAuthentication(bool on) {
+    ConveyData::MessageGlobals::get()->setAuthentication(on);
+}
+
+bool Convey::Message::getAuthentication() {
+    return ConveyData::MessageGlobals::get()->getAuthentication();
+}
+
+void Convey::Message::setCreateDigest(bool on) {
+    ConveyData::MessageGlobals::get()->setCreateDigest(on);
+}
+
+bool Convey::Message::getCreateDigest() {
+    return ConveyData::MessageGlobals::get()->getCreateDigest();
+}
+
+void Convey::MsgHandler::initialize(Convey* /*instance*/) {}
+
+SoString Convey::MsgHandler::getMsgType() const {
+    return SoString();
+}
+
+uint32_t Convey::MsgHandler::getSerialNumber() const {
+    return ConveyData::CV_INVALID_MESSAGE_NUMBER;
+}
+
+} // namespace ScObjects

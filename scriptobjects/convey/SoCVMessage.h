@@ -1,0 +1,203 @@
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "scriptobjects/convey/SoConvey.h"
+#include "scriptobjects/core/SoExport.h"
+#include "scriptobjects/core/SoString.h"
+#include "scriptobjects/core/SoThread.h"
+
+namespace ScObjects {
+
+namespace ConveyData {
+
+// No message, or any message.
+inline constexpr uint32_t CV_INVALID_MESSAGE_NUMBER = 0xFFFFFFFF;
+
+// The names of the header lines.
+inline constexpr const char* CV_SENDER = "Sender";
+inline constexpr const char* CV_SENDER_ID = "Sender-ID";
+inline constexpr const char* CV_TARGET = "Target";
+inline constexpr const char* CV_TIMEOUT = "Timeout";
+inline constexpr const char* CV_TYPE = "Type";
+inline constexpr const char* CV_RESPONSE_REQUEST = "Response-Request";
+inline constexpr const char* CV_TIMESTAMP = "Timestamp";
+inline constexpr const char* CV_CONTENT_LENGTH = "Content-Length";
+inline constexpr const char* CV_SERIAL_NUMBER = "Serial-Number";
+inline constexpr const char* CV_RECEIVED = "Received";
+inline constexpr const char* CV_RESULT = "Result";
+inline constexpr const char* CV_ERROR = "Error";
+inline constexpr const char* CV_ERROR_CODE = "Error-Code";
+inline constexpr const char* CV_VERSION = "@CV>Version";
+inline constexpr const char* CV_DIGEST = "@CV>Digest";
+inline constexpr const char* CV_MD5 = "@CV>MD5";
+
+} // namespace ConveyData
+
+// A free-form header of a message: a node of the message's list, owned by the message.
+class SO_EXPORT Convey::Header : public SoHeap {
+public:
+    Header(std::string_view name, std::string_view value);
+
+    Header* next = nullptr;
+    SoString name;
+    SoString value;
+};
+
+// What applications send each other: target, sender and type, what it answers, free-form headers
+// and a text body, with a text form for the way between processes.
+//
+// Owns its headers and texts. One thread may change headers or read a text into the message while
+// another reads it: changes of the header list and `readFromString` hold the message's lock. Fields
+// are plain: whoever shares a message between threads agrees on who writes them. Null texts count
+// as empty. Nothing is thrown but std::bad_alloc.
+class SO_EXPORT Convey::Message : public SoLockable {
+public:
+    // The user headers that a text may bring: further ones are left out, so that a hostile text
+    // cannot hold its reader (each is looked up among those before it).
+    static constexpr int32_t kMaximumReadHeaders = 4096;
+
+    // A message of type "Tessaly", made now, without target, sender, serial numbers or time-out.
+    Message();
+    // A copy of all fields. The headers come in the reverse order, since each is added in front. An
+    // empty type becomes "Tessaly".
+    Message(const Message& other);
+    Message& operator=(const Message&) = delete;
+    ~Message() override;
+
+    const SoString& getTarget() const { return target_; }
+    void setTarget(const SoString& target) { target_ = target; }
+    const SoString& getSender() const { return sender_; }
+    void setSender(const SoString& sender) { sender_ = sender; }
+    const SoString& getType() const { return type_; }
+    void setType(const SoString& type) { type_ = type; }
+    // The kinds of reply that the sender wants, named in one text: "Received Result Error".
+    const SoString& getResponseRequest() const { return responseRequest_; }
+    void setResponseRequest(const SoString& request) { responseRequest_ = request; }
+    const SoString& getBody() const { return body_; }
+    void setBody(const SoString& body) { body_ = body; }
+    void setBody(SoString&& body) noexcept { body_ = static_cast<SoString&&>(body); }
+    // The version of the text form: "2.05" unless a text of another version was read.
+    SoString getVersion() const { return version_; }
+    void setVersion(const SoString& version) { version_ = version; }
+
+    // Seconds that the message lives, counted from its timestamp; 0 means none was given, and read
+    // as a signed number below 0 means for ever.
+    uint32_t getTimeout() const { return timeout_; }
+    void setTimeout(uint32_t seconds) { timeout_ = seconds; }
+    // Seconds since 1970.
+    uint32_t getTimestamp() const { return timestamp_; }
+    void setTimestamp(uint32_t seconds) { timestamp_ = seconds; }
+    // The body's length as a text announced it, which may be more than the text had.
+    uint32_t getContentLength() const { return contentLength_; }
+    uint32_t getSerialNumber() const { return serialNumber_; }
+    void setSerialNumber(uint32_t number) { serialNumber_ = number; }
+    // The serial number of the message that this one acknowledges, carries the result of, or
+    // reports an error of; CV_INVALID_MESSAGE_NUMBER for none.
+    uint32_t getReceived() const { return received_; }
+    void setReceived(uint32_t number) { received_ = number; }
+    uint32_t getResult() const { return result_; }
+    void setResult(uint32_t number) { result_ = number; }
+    uint32_t getError() const { return error_; }
+    void setError(uint32_t number) { error_ = number; }
+
+    // What came of the check of a text: empty (checked and good), "NODIGEST" (not checked) or
+    // "REJECTED".
+    const SoString& getDigestState() const { return digestState_; }
+
+    // Gives the header `name` (compared exactly) this value: the first of that name, or a new one
+    // in front of all others. A null or empty name is ignored.
+    void setHeader(const char* name, const char* value);
+    // The same with the number in decimal.
+    void setHeader(const char* name, long value);
+    void setHeader(const char* name, unsigned long value);
+    // Deletes the first header of that name, if there is one.
+    void removeHeader(const char* name);
+    // The value of the first header of that name, or empty.
+    SoString getUserHeaderValue(const char* name) const;
+    // The headers, newest first; null without any. Good until the next change of the list.
+    const Header* getHeaders() const { return headers_; }
+
+    // True when the type is none of the layer's own, compared exactly.
+    bool isUserType() const;
+    // The next serial number of `context`, null for the current one; 0 without a context.
+    uint32_t getNextSerialNumber(ConveyContext* context) const;
+    // Always false: a message that fails the check is delivered all the same, and its digest state
+    // tells those who care.
+    bool isRejected() const { return false; }
+
+    // The switches of the text form; see MessageGlobals.
+    static void setAuthentication(bool on);
+    static bool getAuthentication();
+    static void setCreateDigest(bool on);
+    static bool getCreateDigest();
+
+    // Appends the message's text to `out`, with a digest line when that is switched on. False, and
+    // nothing appended, without a target or a sender.
+    bool writeToString(SoString& out) const;
+
+    // Fills the message from the first message of `text` and returns where the next one begins: at
+    // the first byte behind the body that is no line feed. Never fails: what is no header line
+    // becomes a user header, what is no number 0, and a body that is announced longer than the text
+    // ends with it. A message that has a target already is cleared first.
+    const char* readFromString(const char* text);
+
+    // Replaces `out` by the message as a person reads it, under a heading with `label`. True.
+    bool logToString(const char* label, SoString& out, bool withBody) const;
+
+private:
+    struct ReadState;
+
+    bool hasOldFormat() const;
+    Header* findHeader(std::string_view name) const;
+    void setHeaderLocked(std::string_view name, std::string_view value) SO_REQUIRES(this);
+    void clearLocked() SO_REQUIRES(this);
+    void deleteHeaders();
+    const char* readLocked(const char* text) SO_REQUIRES(this);
+    void readHeadersLocked(ReadState& state) SO_REQUIRES(this);
+    void takeLineLocked(ReadState& state, std::string_view name, std::string_view value)
+        SO_REQUIRES(this);
+    void checkDigest(const ReadState& state);
+    void applyReplyTyping();
+    int32_t bodyLength() const { return body_.length(); }
+    template <class Sink>
+    void writeHeaderBlock(Sink& sink, uint32_t now, const SoString& senderID) const;
+
+    SoString target_;
+    SoString sender_;
+    uint32_t timeout_ = 0;
+    SoString type_;
+    SoString responseRequest_;
+    uint32_t timestamp_;
+    uint32_t contentLength_ = 0;
+    uint32_t serialNumber_ = 0;
+    uint32_t received_ = ConveyData::CV_INVALID_MESSAGE_NUMBER;
+    uint32_t result_ = ConveyData::CV_INVALID_MESSAGE_NUMBER;
+    uint32_t error_ = ConveyData::CV_INVALID_MESSAGE_NUMBER;
+    Header* headers_ = nullptr;
+    SoString body_;
+    SoString version_;
+    SoString digestState_;
+};
+
+// What an application hands to the layer to be called with messages: the reply to one message, or
+// all messages of a type. Owned by whoever it is registered with. The layer calls it with no lock
+// of its own held, on the thread that pumps.
+class SO_EXPORT Convey::MsgHandler : public SoHeap {
+public:
+    // Called once when the handler is installed with a new instance. Does nothing.
+    virtual void initialize(Convey* instance);
+
+    // Handles a message. `event` tells its kind (see the instance), `result`, null for none, takes
+    // the text to answer with. 0 for success, else an error code for the sender.
+    virtual int32_t handleMessage(int event, Message& message, SoString* result) = 0;
+
+    // The type that it handles; empty for any.
+    virtual SoString getMsgType() const;
+
+    // The one message whose replies it waits for; CV_INVALID_MESSAGE_NUMBER for any.
+    virtual uint32_t getSerialNumber() const;
+};
+
+} // namespace ScObjects

@@ -1,0 +1,388 @@
+// The text form of messages: writing, reading, and the dump for people.
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstring>
+#include <limits>
+
+#include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoCVMessageGlobals.h"
+#include "scriptobjects/convey/SoCVUtils.h"
+#include "scriptobjects/core/SoNumber.h"
+
+namespace ScObjects {
+namespace {
+
+using namespace ConveyData;
+
+// In front of a user header that has the name of one of the format's own lines.
+constexpr std::string_view kEscape = "@HDR>";
+// The version that a text without a version line has.
+constexpr const char* kOldestVersion = "1.0";
+// What the oldest format's version line becomes, so that it passes for no newer one.
+constexpr const char* kOldVersionPrefix = "@CV>";
+constexpr const char* kOldVersionName = "Version";
+// Compared with a lower-case word, which no system type is.
+constexpr std::string_view kTypeWithoutReplyTyping = "debug";
+
+// What a string can hold; no transport brings as much.
+constexpr uint32_t kMaximumBodyBytes = 0x7FFF0000;
+
+constexpr const char* kNotChecked = "NODIGEST";
+constexpr const char* kRejected = "REJECTED";
+
+// User headers of these names are escaped.
+constexpr std::array<std::string_view, 14> kReserved = {
+    CV_SENDER,           CV_SENDER_ID, CV_TARGET,         CV_TIMEOUT,       CV_TYPE,
+    CV_RESPONSE_REQUEST, CV_TIMESTAMP, CV_CONTENT_LENGTH, CV_SERIAL_NUMBER, CV_RECEIVED,
+    CV_RESULT,           CV_ERROR,     CV_ERROR_CODE,     CV_VERSION};
+
+bool isReserved(std::string_view name) {
+    return std::find(kReserved.begin(), kReserved.end(), name) != kReserved.end();
+}
+
+// Formats that came before the escape.
+bool isOldFormat(std::string_view version) {
+    return version.empty() || version == kOldestVersion || version == "2.0";
+}
+
+// The decimal digits of a number, on the stack.
+class Digits {
+public:
+    template <class Number>
+    explicit Digits(Number number) : end_(std::to_chars(text_, text_ + sizeof text_, number).ptr) {}
+    std::string_view view() const { return {text_, static_cast<size_t>(end_ - text_)}; }
+
+private:
+    char text_[std::numeric_limits<int64_t>::digits10 + 2];
+    const char* end_;
+};
+
+// Two sinks for the same lines: the first tells how much room the second needs, so that a text is
+// written in one piece.
+class Counter {
+public:
+    void add(std::string_view text) { bytes_ += text.size(); }
+    size_t bytes() const { return bytes_; }
+
+private:
+    size_t bytes_ = 0;
+};
+
+class Writer {
+public:
+    explicit Writer(char* place) : place_(place) {}
+    void add(std::string_view text) {
+        std::memcpy(place_, text.data(), text.size());
+        place_ += text.size();
+    }
+
+private:
+    char* place_;
+};
+
+template <class Sink>
+void addLine(Sink& sink, std::string_view name, std::string_view value) {
+    sink.add(name);
+    sink.add(":");
+    sink.add(value);
+    sink.add("\n");
+}
+
+// Header blocks up to this size are put together on the stack; ten headers have some 500 bytes.
+constexpr size_t kStackBlockBytes = 2048;
+
+} // namespace
+
+bool Convey::Message::hasOldFormat() const {
+    return isOldFormat(version_.view());
+}
+
+// All lines from the version to the empty line; the digest covers them and the body.
+template <class Sink>
+void Convey::Message::writeHeaderBlock(Sink& sink, uint32_t now, const SoString& senderID) const {
+    addLine(sink, CV_VERSION, version_.view());
+    addLine(sink, CV_TARGET, target_.view());
+    addLine(sink, CV_SENDER, sender_.view());
+    addLine(sink, CV_SENDER_ID, senderID.view());
+    if (timeout_ != 0) {
+        addLine(sink, CV_TIMEOUT, Digits(static_cast<int32_t>(timeout_)).view());
+    }
+    if (!type_.isEmpty()) {
+        addLine(sink, CV_TYPE, type_.view());
+    }
+    if (!responseRequest_.isEmpty()) {
+        addLine(sink, CV_RESPONSE_REQUEST, responseRequest_.view());
+    }
+    const bool oldFormat = hasOldFormat();
+    for (const Header* header = headers_; header != nullptr; header = header->next) {
+        if (!oldFormat && isReserved(header->name.view())) {
+            sink.add(kEscape);
+        }
+        addLine(sink, header->name.view(), header->value.view());
+    }
+    // The time of writing, behind a blank: readers of all versions skip it.
+    sink.add(CV_TIMESTAMP);
+    sink.add(": ");
+    sink.add(Digits(now).view());
+    sink.add("\n");
+    addLine(sink, CV_SERIAL_NUMBER, Digits(serialNumber_).view());
+    const struct {
+        const char* name;
+        uint32_t number;
+    } replies[] = {{CV_RECEIVED, received_}, {CV_RESULT, result_}, {CV_ERROR, error_}};
+    for (const auto& reply : replies) {
+        if (reply.number != CV_INVALID_MESSAGE_NUMBER) {
+            addLine(sink, reply.name, Digits(reply.number).view());
+        }
+    }
+    addLine(sink, CV_CONTENT_LENGTH, Digits(bodyLength()).view());
+    sink.add("\n");
+}
+
+bool Convey::Message::writeToString(SoString& out) const {
+    if (target_.isEmpty() || sender_.isEmpty()) {
+        return false;
+    }
+    const uint32_t now = ConveyUtils::getTimeSeconds();
+    const SoString senderID = ConveyUtils::getSenderID();
+    Counter counter;
+    writeHeaderBlock(counter, now, senderID);
+
+    char stackBlock[kStackBlockBytes];
+    SoString heapBlock;
+    char* const block = counter.bytes() <= sizeof stackBlock
+                            ? stackBlock
+                            : heapBlock.extend(static_cast<int32_t>(counter.bytes()));
+    Writer blockWriter(block);
+    writeHeaderBlock(blockWriter, now, senderID);
+    const std::string_view header(block, counter.bytes());
+
+    const bool withDigest = getCreateDigest();
+    const SoString digest = withDigest ? ConveyUtils::getMD5({header, body_.view()}) : SoString();
+    Counter line;
+    if (withDigest) {
+        addLine(line, CV_MD5, digest.view());
+    }
+    Writer writer(
+        out.extend(static_cast<int32_t>(line.bytes() + header.size() + body_.view().size())));
+    if (withDigest) {
+        addLine(writer, CV_MD5, digest.view());
+    }
+    writer.add(header);
+    writer.add(body_.view());
+    return true;
+}
+
+// How far a text has been read, and what the lines at its front say of those behind them.
+struct Convey::Message::ReadState {
+    const char* position;
+    bool newFormat = true;
+    bool hasDigest = false;
+    bool hasMD5 = false;
+    std::string_view md5;
+    const char* signedRegion = nullptr;
+    int32_t userHeaders = 0;
+};
+
+void Convey::Message::readHeadersLocked(ReadState& state) {
+    while (*state.position != '\0') {
+        if (*state.position == '\n') {
+            ++state.position;
+            return;
+        }
+        // What has no colon reaches for that of a later line: there is nothing better to be made
+        // of it, and every reader makes the same.
+        const char* const nameEnd = state.position + std::strcspn(state.position, ":");
+        const std::string_view name(state.position, static_cast<size_t>(nameEnd - state.position));
+        const char* const value = *nameEnd == '\0' ? nameEnd : nameEnd + 1;
+        const char* const valueEnd = value + std::strcspn(value, "\n");
+        state.position = *valueEnd == '\0' ? valueEnd : valueEnd + 1;
+        takeLineLocked(state, name, {value, static_cast<size_t>(valueEnd - value)});
+    }
+}
+
+void Convey::Message::takeLineLocked(ReadState& state, std::string_view name,
+                                     std::string_view value) {
+    const auto assign = [value](SoString& field) {
+        field.assign(value.data(), static_cast<int32_t>(value.size()));
+    };
+    const struct {
+        const char* name;
+        SoString Message::*field;
+    } texts[] = {{CV_SENDER, &Message::sender_},
+                 {CV_TARGET, &Message::target_},
+                 {CV_TYPE, &Message::type_},
+                 {CV_RESPONSE_REQUEST, &Message::responseRequest_}};
+    const struct {
+        const char* name;
+        uint32_t Message::*field;
+    } numbers[] = {{CV_TIMEOUT, &Message::timeout_},
+                   {CV_TIMESTAMP, &Message::timestamp_},
+                   {CV_CONTENT_LENGTH, &Message::contentLength_},
+                   {CV_SERIAL_NUMBER, &Message::serialNumber_},
+                   {CV_RECEIVED, &Message::received_},
+                   {CV_RESULT, &Message::result_},
+                   {CV_ERROR, &Message::error_}};
+    for (const auto& text : texts) {
+        if (name == text.name) {
+            assign(this->*text.field);
+            return;
+        }
+    }
+    for (const auto& number : numbers) {
+        if (name == number.name) {
+            this->*number.field = parseUnsigned32(value);
+            return;
+        }
+    }
+    if (name == kOldVersionName) {
+        version_ = kOldVersionPrefix;
+        version_.append(value.data(), static_cast<int32_t>(value.size()));
+        state.newFormat = state.newFormat && !hasOldFormat();
+    } else if (name == CV_VERSION) {
+        assign(version_);
+        state.newFormat = state.newFormat && !hasOldFormat();
+    } else if (name == CV_DIGEST) {
+        state.hasDigest = true;
+        state.signedRegion = state.position;
+    } else if (name == CV_MD5) {
+        if (!state.hasDigest) {
+            state.hasMD5 = true;
+            state.md5 = value;
+            state.signedRegion = state.position;
+        }
+    } else {
+        if (state.newFormat && name.substr(0, kEscape.size()) == kEscape) {
+            name.remove_prefix(kEscape.size());
+        }
+        if (++state.userHeaders <= kMaximumReadHeaders) {
+            setHeaderLocked(name, value);
+        }
+    }
+}
+
+const char* Convey::Message::readLocked(const char* text) {
+    ReadState state;
+    state.position = text;
+    version_ = kOldestVersion;
+    if (!target_.isEmpty()) {
+        clearLocked();
+    }
+    digestState_ = kNotChecked;
+    readHeadersLocked(state);
+    // Never behind the end of the text, whatever length was announced.
+    const size_t announced = std::min(contentLength_, kMaximumBodyBytes);
+    const void* const end = std::memchr(state.position, '\0', announced);
+    const size_t length = end == nullptr
+                              ? announced
+                              : static_cast<size_t>(static_cast<const char*>(end) - state.position);
+    body_.assign(state.position, static_cast<int32_t>(length));
+    state.position += length;
+    checkDigest(state);
+    return state.position + std::strspn(state.position, "\n");
+}
+
+void Convey::Message::checkDigest(const ReadState& state) {
+    if (state.hasMD5 && Message::getAuthentication()) {
+        const std::string_view region(state.signedRegion,
+                                      static_cast<size_t>(state.position - state.signedRegion));
+        const bool good = ConveyUtils::getMD5({region}).view() == state.md5;
+        digestState_ = good ? "" : kRejected;
+    }
+}
+
+void Convey::Message::clearLocked() {
+    deleteHeaders();
+    timeout_ = 0;
+    contentLength_ = 0;
+    serialNumber_ = 0;
+    received_ = CV_INVALID_MESSAGE_NUMBER;
+    result_ = CV_INVALID_MESSAGE_NUMBER;
+    error_ = CV_INVALID_MESSAGE_NUMBER;
+    for (SoString* field : {&target_, &sender_, &type_, &responseRequest_, &body_}) {
+        field->shrink(0);
+    }
+}
+
+const char* Convey::Message::readFromString(const char* text) {
+    const ObjectLock guard(*this);
+    const char* const next = readLocked(text == nullptr ? "" : text);
+    if (timeout_ >= 1 && timestamp_ == 0) {
+        timestamp_ = ConveyUtils::getTimeSeconds();
+    }
+    applyReplyTyping();
+    return next;
+}
+
+// A reply carries the number that it answers as its own, and its kind in its type.
+void Convey::Message::applyReplyTyping() {
+    if (type_.view() == kTypeWithoutReplyTyping) {
+        return;
+    }
+    const struct {
+        const char* word;
+        uint32_t& number;
+    } replies[] = {{CV_RECEIVED, received_}, {CV_RESULT, result_}, {CV_ERROR, error_}};
+    for (const auto& reply : replies) {
+        if (reply.number == CV_INVALID_MESSAGE_NUMBER) {
+            continue;
+        }
+        serialNumber_ = reply.number;
+        reply.number = CV_INVALID_MESSAGE_NUMBER;
+        const SoString userType = isUserType() ? type_ : SoString();
+        type_ = reply.word;
+        type_ << userType;
+    }
+}
+
+bool Convey::Message::logToString(const char* label, SoString& out, bool withBody) const {
+    out = "CV ";
+    out << label << "------------------\n";
+    const auto addText = [&out](const char* name, const SoString& value) {
+        out << name << ": " << value << "\n";
+    };
+    const auto addNumber = [&out](const char* name, uint32_t value) {
+        out << name << ": " << value << "\n";
+    };
+    addText(CV_TARGET, target_);
+    addText(CV_SENDER, sender_);
+    if (!type_.isEmpty()) {
+        addText(CV_TYPE, type_);
+    }
+    if (!responseRequest_.isEmpty()) {
+        addText(CV_RESPONSE_REQUEST, responseRequest_);
+    }
+    if (timeout_ != 0) {
+        addNumber(CV_TIMEOUT, timeout_);
+        addNumber("Deadline", timestamp_ + timeout_);
+    }
+    addNumber("Now", ConveyUtils::getTimeSeconds());
+    out << CV_SERIAL_NUMBER << ":" << serialNumber_ << "\n";
+    out << "Version:" << version_ << "\n";
+    const struct {
+        const char* name;
+        uint32_t number;
+    } replies[] = {{CV_RECEIVED, received_}, {CV_RESULT, result_}, {CV_ERROR, error_}};
+    for (const auto& reply : replies) {
+        if (reply.number != CV_INVALID_MESSAGE_NUMBER) {
+            addNumber(reply.name, reply.number);
+        }
+    }
+    addNumber(CV_CONTENT_LENGTH, static_cast<uint32_t>(bodyLength()));
+    if (headers_ != nullptr) {
+        out << "Custom Headers:\n";
+        for (const Header* header = headers_; header != nullptr; header = header->next) {
+            out << "   " << header->name << ": " << header->value << "\n";
+        }
+    }
+    out << "\n";
+    if (withBody) {
+        out << body_ << "\n";
+    } else {
+        out << "<<BODY OMITTED>>\n";
+    }
+    return true;
+}
+
+} // namespace ScObjects

@@ -1,0 +1,338 @@
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "platform/fake/Fakes.h"
+#include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoCVUtils.h"
+
+namespace {
+
+using ScObjects::Convey;
+using ScObjects::SoString;
+using Message = Convey::Message;
+constexpr uint32_t kNone = ScObjects::ConveyData::CV_INVALID_MESSAGE_NUMBER;
+
+// A second, a process and a home folder of the test's own.
+class MessageTest : public testing::Test {
+protected:
+    MessageTest() {
+        setenv("HOME", "/home/user", 1);
+        clock.utc = 1'700'000'000'000;
+        files.files["/home/user/.ovrel/md5"] = "SALT";
+        Message::setCreateDigest(false);
+    }
+
+    static Message message(const char* body = "") {
+        Message message;
+        message.setTarget("kivra-7.0");
+        message.setSender("lumen-2.0");
+        message.setBody(SoString(body));
+        return message;
+    }
+    static std::string written(const Message& message) {
+        SoString text;
+        EXPECT_TRUE(message.writeToString(text));
+        return text.c_str();
+    }
+    static std::vector<std::string> headersOf(const Message& message) {
+        std::vector<std::string> headers;
+        for (auto* header = message.getHeaders(); header != nullptr; header = header->next) {
+            headers.push_back(std::string(header->name.view()) + "=" + header->value.c_str());
+        }
+        return headers;
+    }
+
+    platform::FakeClock clock;
+    platform::FakeProcesses processes;
+    platform::FakeFiles files;
+    platform::ScopedReplacement<platform::Clock> clockInForce{clock};
+    platform::ScopedReplacement<platform::Processes> processesInForce{processes};
+    platform::ScopedReplacement<platform::Files> filesInForce{files};
+};
+
+using Headers = std::vector<std::string>;
+
+TEST_F(MessageTest, keepsHeadersNewestFirstAndOneOfAName) {
+    Message message = MessageTest::message();
+    for (const char* name : {"a", "b", "c"}) {
+        message.setHeader(name, name);
+    }
+    message.setHeader("b", "new");
+    message.setHeader("A", -5L);
+    message.setHeader("n", 4294967295UL);
+    message.setHeader("", "ignored");
+    message.setHeader(nullptr, "ignored");
+    EXPECT_EQ(headersOf(message), (Headers{"n=4294967295", "A=-5", "c=c", "b=new", "a=a"}));
+    EXPECT_EQ(headersOf(Message(message)), (Headers{"a=a", "b=new", "c=c", "A=-5", "n=4294967295"}))
+        << "a copy adds each in front";
+    message.removeHeader("c");
+    message.removeHeader("c");
+    message.removeHeader(nullptr);
+    EXPECT_EQ(headersOf(message), (Headers{"n=4294967295", "A=-5", "b=new", "a=a"}));
+    EXPECT_EQ(message.getUserHeaderValue("b"), "new");
+    EXPECT_EQ(message.getUserHeaderValue("none"), "");
+}
+
+TEST_F(MessageTest, writesEveryLineInItsPlace) {
+    Message message = MessageTest::message("the\nbody");
+    EXPECT_EQ(written(message), "@CV>Version:2.05\nTarget:kivra-7.0\nSender:lumen-2.0\n"
+                                "Sender-ID:localhost:mac4711\nType:Tessaly\n"
+                                "Timestamp: 1700000000\nSerial-Number:0\nContent-Length:8\n\n"
+                                "the\nbody");
+    message.setTimeout(static_cast<uint32_t>(-1));
+    message.setType("query");
+    message.setResponseRequest("Received Result");
+    message.setHeader("Sender", "x");
+    message.setHeader("@CV>MD5", "y");
+    message.setHeader("plain", "z:1");
+    message.setTimestamp(5);
+    message.setSerialNumber(4294967294U);
+    message.setReceived(0);
+    message.setResult(7);
+    message.setError(8);
+    EXPECT_EQ(written(message),
+              "@CV>Version:2.05\nTarget:kivra-7.0\nSender:lumen-2.0\n"
+              "Sender-ID:localhost:mac4711\nTimeout:-1\nType:query\n"
+              "Response-Request:Received Result\nplain:z:1\n@CV>MD5:y\n@HDR>Sender:x\n"
+              "Timestamp: 1700000000\nSerial-Number:4294967294\nReceived:0\nResult:7\nError:8\n"
+              "Content-Length:8\n\nthe\nbody");
+    message.setVersion("2.0");
+    EXPECT_NE(written(message).find("\nSender:x\n"), std::string::npos) << "before the escape";
+
+    SoString text("kept");
+    message.setSender("");
+    EXPECT_FALSE(message.writeToString(text));
+    EXPECT_FALSE(Message().writeToString(text));
+    EXPECT_EQ(text, "kept");
+}
+
+TEST_F(MessageTest, readsWhatTheLinesSay) {
+    const struct {
+        const char* text;
+        const char* type;
+        uint32_t serial;
+        uint32_t timeout;
+        const char* body;
+        const char* version;
+        Headers headers;
+        const char* why;
+    } cases[] = {
+        {"", "Tessaly", 0, 0, "", "1.0", {}, "nothing leaves a fresh message as it is"},
+        {"Type:a", "a", 0, 0, "", "1.0", {}, "a text may end behind a line"},
+        {"Type:a\n", "a", 0, 0, "", "1.0", {}, "no empty line, no body"},
+        {"Content-Length:3\n\nabcd", "Tessaly", 0, 0, "abc", "1.0", {}, "as long as announced"},
+        {"Content-Length:9\n\nabcd", "Tessaly", 0, 0, "abcd", "1.0", {}, "as long as there is"},
+        {"Content-Length:4294967295\n\nab", "Tessaly", 0, 0, "ab", "1.0", {}, "the largest"},
+        {"\nbody", "Tessaly", 0, 0, "", "1.0", {}, "no length, no body"},
+        {"Timeout:-5\n", "Tessaly", 0, 4294967291U, "", "1.0", {}, "a minus sign wraps"},
+        {"Timeout:99999999999\n", "Tessaly", 0, 4294967295U, "", "1.0", {}, "beyond 32 bits"},
+        {"Timeout: 12x\n", "Tessaly", 0, 12, "", "1.0", {}, "blank before, rest behind"},
+        {"Serial-Number:x\n", "Tessaly", 0, 0, "", "1.0", {}, "no number is 0"},
+        {"Type: a\n", " a", 0, 0, "", "1.0", {}, "a text keeps its blank"},
+        {"type:a\nTYPE:b\n", "Tessaly", 0, 0, "", "1.0", {"TYPE=b", "type=a"}, "exact names"},
+        {"x:1\ny:2\nx:3\n", "Tessaly", 0, 0, "", "1.0", {"y=2", "x=3"}, "one of a name"},
+        {"lost\nType:b\n", "Tessaly", 0, 0, "", "1.0", {"lost\nType=b"}, "no colon, next line's"},
+        {"lost", "Tessaly", 0, 0, "", "1.0", {"lost="}, "no colon at all"},
+        {":v\nType:b\n", "b", 0, 0, "", "1.0", {}, "no name"},
+        {"Sender-ID:me\nError-Code:59\n",
+         "Tessaly",
+         0,
+         0,
+         "",
+         "1.0",
+         {"Error-Code=59", "Sender-ID=me"},
+         "the caller's to look at"},
+        {"@HDR>Type:q\n", "Tessaly", 0, 0, "", "1.0", {"Type=q"}, "no version line is no old one"},
+        {"@CV>Version:2.05\n@HDR>Type:q\n", "Tessaly", 0, 0, "", "2.05", {"Type=q"}, "new format"},
+        {"@CV>Version:2.0\n@HDR>Type:q\n", "Tessaly", 0, 0, "", "2.0", {"@HDR>Type=q"}, "old"},
+        {"@CV>Version:\n@CV>Version:2.05\n@HDR>Type:q\n",
+         "Tessaly",
+         0,
+         0,
+         "",
+         "2.05",
+         {"@HDR>Type=q"},
+         "once old, always old"},
+        {"Version:2.05\n", "Tessaly", 0, 0, "", "@CV>2.05", {}, "passes for no newer one"},
+        {"Received:3\n", "Received", 3, 0, "", "1.0", {}, "the number moves"},
+        {"Type:Tessaly\nResult:7\n", "Result", 7, 0, "", "1.0", {}, "a system type gives way"},
+        {"Type:query\nResult:7\n", "Resultquery", 7, 0, "", "1.0", {}, "a user type follows"},
+        {"Type:Result\nResult:7\n", "Result", 7, 0, "", "1.0", {}, "it matches already"},
+        {"Type:Error\nError:7\n", "Error", 7, 0, "", "1.0", {}, "it matches already"},
+        {"Type:\nResult:7\n", "Result", 7, 0, "", "1.0", {}, "the empty type is a user type"},
+        {"Received:3\nResult:4\nError:5\n", "Error", 5, 0, "", "1.0", {}, "the last one stays"},
+        {"Type:debug\nResult:7\n", "debug", 0, 0, "", "1.0", {}, "not for this type"},
+        {"Type:Debug\nResult:7\n", "Result", 7, 0, "", "1.0", {}, "for this it is"},
+        {"Result:4294967295\n", "Tessaly", 0, 0, "", "1.0", {}, "no number"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.text) + ": " + c.why);
+        Message message;
+        message.readFromString(c.text);
+        EXPECT_EQ(message.getType(), c.type);
+        EXPECT_EQ(message.getSerialNumber(), c.serial);
+        EXPECT_EQ(message.getTimeout(), c.timeout);
+        EXPECT_EQ(message.getBody(), c.body);
+        EXPECT_EQ(message.getVersion(), c.version);
+        EXPECT_EQ(headersOf(message), c.headers);
+        EXPECT_EQ(message.getDigestState(), "NODIGEST");
+    }
+    Message message;
+    EXPECT_EQ(*message.readFromString(nullptr), '\0');
+}
+
+TEST_F(MessageTest, readsOneMessageAfterTheOther) {
+    Message first = MessageTest::message("one\n");
+    first.setHeader("only", "here");
+    first.setResult(3);
+    SoString text;
+    ASSERT_TRUE(first.writeToString(text));
+    text << "\n\n";
+    ASSERT_TRUE(MessageTest::message("two").writeToString(text));
+    Message message;
+    const char* next = message.readFromString(text.c_str());
+    EXPECT_EQ(message.getBody(), "one\n");
+    EXPECT_EQ(message.getSerialNumber(), 3U);
+    ASSERT_EQ(std::string(next, 4), "@CV>") << "the line feeds between them are skipped";
+    next = message.readFromString(next);
+    EXPECT_EQ(message.getBody(), "two");
+    EXPECT_EQ(message.getSerialNumber(), 0U) << "a message that was used before is cleared";
+    EXPECT_EQ(message.getUserHeaderValue("only"), "");
+    EXPECT_EQ(message.getResult(), kNone);
+    EXPECT_EQ(*next, '\0');
+
+    Message fresh;
+    fresh.setHeader("mine", "survives");
+    fresh.setTimestamp(0);
+    fresh.readFromString("Timeout:1\n");
+    EXPECT_EQ(fresh.getUserHeaderValue("mine"), "survives")
+        << "without a target nothing is cleared";
+    EXPECT_EQ(fresh.getTimestamp(), 1'700'000'000U) << "a time-out counts from now";
+    fresh.readFromString("Timestamp: 1234\n");
+    EXPECT_EQ(fresh.getTimestamp(), 1234U);
+}
+
+TEST_F(MessageTest, digestTellsAChangedByte) {
+    Message::setCreateDigest(true);
+    const std::string text = written(message("body"));
+    const std::string signedPart = text.substr(text.find('\n') + 1);
+    EXPECT_EQ(text.substr(0, text.find('\n')),
+              std::string("@CV>MD5:") + ScObjects::ConveyUtils::getMD5(signedPart.c_str()).c_str());
+
+    const auto stateOf = [](const std::string& received) {
+        Message message;
+        message.readFromString(received.c_str());
+        return std::string(message.getDigestState().c_str());
+    };
+    std::string changed = text;
+    changed.back() = 'Y';
+    EXPECT_EQ(stateOf(text), "");
+    EXPECT_EQ(stateOf(text + "\n\nnext"), "") << "what follows is not signed";
+    EXPECT_EQ(stateOf(changed), "REJECTED");
+    EXPECT_EQ(stateOf(signedPart), "NODIGEST");
+    EXPECT_EQ(stateOf("@CV>Digest:x\n" + signedPart), "NODIGEST") << "is never checked";
+    EXPECT_EQ(stateOf("@CV>Digest:x\n" + text), "NODIGEST") << "a digest line comes before MD5";
+    EXPECT_EQ(stateOf(text.substr(0, text.find('\n') + 1) + "@CV>Digest:x\n" + signedPart), "")
+        << "the signed region begins behind the later line";
+    Message::setAuthentication(false);
+    EXPECT_EQ(stateOf(changed), "NODIGEST");
+    Message::setAuthentication(true);
+    Message rejected;
+    rejected.readFromString(changed.c_str());
+    EXPECT_FALSE(rejected.isRejected()) << "the state alone tells";
+}
+
+TEST_F(MessageTest, writtenMessagesComeBack) {
+    const unsigned seed = std::random_device()();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    const char* const names[] = {"a",    "Sender",  "Type",      "Error-Code", "@HDR>b",
+                                 "Body", "Result",  "Sender-ID", "é",          "@CV>Version",
+                                 "x y",  "Timeout", "Version2",  "Target"};
+    for (int round = 0; round < 500; ++round) {
+        Message::setCreateDigest(random() % 2 == 0);
+        Message message = MessageTest::message();
+        Headers expected;
+        for (size_t i = random() % 12; i > 0; --i) {
+            const char* const name = names[random() % std::size(names)];
+            message.setHeader(name, std::to_string(random()).c_str());
+        }
+        for (auto* header = message.getHeaders(); header != nullptr; header = header->next) {
+            if (header->name.view() == "@HDR>b") {
+                continue; // an escape that the sender wrote itself does not survive
+            }
+            expected.insert(expected.begin(),
+                            std::string(header->name.view()) + "=" + header->value.c_str());
+        }
+        message.removeHeader("@HDR>b");
+        // Present in every text, and a user header for its reader, unless the sender has its own.
+        std::erase_if(expected, [](const std::string& h) { return h.rfind("Sender-ID=", 0) == 0; });
+        std::string body(random() % 3000, '\0');
+        for (char& c : body) {
+            c = static_cast<char>(1 + random() % 255);
+        }
+        message.setBody(body.c_str());
+        message.setTimeout(static_cast<uint32_t>(random()));
+        message.setSerialNumber(static_cast<uint32_t>(random()));
+        const std::string text = written(message);
+        Message back;
+        EXPECT_EQ(*back.readFromString((text + "\n").c_str()), '\0');
+        back.removeHeader("Sender-ID");
+        EXPECT_EQ(back.getTarget(), message.getTarget());
+        EXPECT_EQ(back.getSender(), message.getSender());
+        EXPECT_EQ(back.getTimeout(), message.getTimeout());
+        EXPECT_EQ(back.getSerialNumber(), message.getSerialNumber());
+        EXPECT_EQ(back.getBody(), message.getBody());
+        EXPECT_EQ(headersOf(back), expected);
+        EXPECT_EQ(back.getDigestState(), Message::getCreateDigest() ? "" : "NODIGEST");
+    }
+}
+
+TEST_F(MessageTest, aFloodOfHeadersDoesNotHoldItsReader) {
+    std::string text;
+    for (int i = 0; i < 300'000; ++i) {
+        text += "h" + std::to_string(i) + ":\n";
+    }
+    Message message;
+    message.readFromString((text + "Type:last\n").c_str());
+    EXPECT_EQ(headersOf(message).size(), static_cast<size_t>(Message::kMaximumReadHeaders));
+    EXPECT_EQ(message.getType(), "last") << "the layer's own lines count wherever they stand";
+}
+
+TEST_F(MessageTest, userTypesAreAllOthers) {
+    Message message;
+    for (const char* type : {"Tessaly", "Debug", "Receive", "Received", "Result", "Error", "Idle",
+                             "Timeout", "Log", "Ignore", "Processed", "Launched"}) {
+        message.setType(type);
+        EXPECT_FALSE(message.isUserType()) << type;
+    }
+    for (const char* type : {"", "debug", "Tessaly ", "query"}) {
+        message.setType(type);
+        EXPECT_TRUE(message.isUserType()) << type;
+    }
+    EXPECT_EQ(Message(MessageTest::message()).getType(), "Tessaly");
+}
+
+TEST_F(MessageTest, isDumpedForPeople) {
+    Message message = MessageTest::message("text");
+    SoString dump("replaced");
+    EXPECT_TRUE(message.logToString("SEND ", dump, true));
+    EXPECT_EQ(dump, "CV SEND ------------------\nTarget: kivra-7.0\nSender: lumen-2.0\n"
+                    "Type: Tessaly\nNow: 1700000000\nSerial-Number:0\nVersion:2.05\n"
+                    "Content-Length: 4\n\ntext\n");
+    message.setTimeout(10);
+    message.setResponseRequest("Result");
+    message.setError(5);
+    message.setHeader("a", "1");
+    message.setHeader("b", "2");
+    message.logToString("X", dump, false);
+    EXPECT_EQ(dump, "CV X------------------\nTarget: kivra-7.0\nSender: lumen-2.0\n"
+                    "Type: Tessaly\nResponse-Request: Result\nTimeout: 10\nDeadline: 1700000010\n"
+                    "Now: 1700000000\nSerial-Number:0\nVersion:2.05\nError: 5\n"
+                    "Content-Length: 4\nCustom Headers:\n   b: 2\n   a: 1\n\n<<BODY OMITTED>>\n");
+}
+
+} // namespace
