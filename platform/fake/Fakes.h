@@ -1,6 +1,9 @@
 #pragma once
 
 #include <algorithm>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <set>
@@ -12,6 +15,7 @@
 #include "platform/Frameworks.h"
 #include "platform/Locale.h"
 #include "platform/Log.h"
+#include "platform/MessagePort.h"
 #include "platform/Processes.h"
 #include "platform/Random.h"
 #include "platform/Threads.h"
@@ -153,6 +157,87 @@ public:
     uint32_t number = 4711;
 
     uint32_t ownNumber() const override { return number; }
+};
+
+// Ports within the process, which must outlive what it has opened.
+class FakeMessagePorts : public MessagePorts {
+public:
+    bool unusable = false;   // no port can be opened
+    size_t queueBound = 100; // texts that a port holds
+
+    std::unique_ptr<LocalPort> open(const std::string& name) override {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        if (unusable || name.empty() || queues_.count(name) != 0) {
+            return nullptr;
+        }
+        queues_[name];
+        return std::make_unique<Port>(*this, name);
+    }
+    bool isFree(const std::string& name) override {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        return !unusable && !name.empty() && queues_.count(name) == 0;
+    }
+    SendResult send(const std::string& name, std::string_view text, int64_t timeout) override {
+        if (text.size() > kMaximumTextBytes) {
+            return SendResult::tooLarge;
+        }
+        std::unique_lock<std::mutex> lock(mutex_);
+        const auto hasRoom = [&] {
+            const auto queue = queues_.find(name);
+            return queue == queues_.end() || queue->second.size() < queueBound;
+        };
+        if (!changed_.wait_for(lock, std::chrono::milliseconds(timeout), hasRoom)) {
+            return SendResult::timedOut;
+        }
+        const auto queue = queues_.find(name);
+        if (queue == queues_.end()) {
+            return SendResult::noReceiver;
+        }
+        queue->second.emplace_back(text);
+        changed_.notify_all();
+        return SendResult::delivered;
+    }
+
+private:
+    class Port : public LocalPort {
+    public:
+        Port(FakeMessagePorts& ports, std::string name) : ports_(ports), name_(std::move(name)) {}
+        ~Port() override {
+            const std::lock_guard<std::mutex> guard(ports_.mutex_);
+            ports_.queues_.erase(name_);
+            ports_.changed_.notify_all();
+        }
+        bool take(PortText& out) override {
+            const std::lock_guard<std::mutex> guard(ports_.mutex_);
+            auto& queue = ports_.queues_[name_];
+            PortText text;
+            if (queue.empty() || !text.allocate(queue.front().size())) {
+                return false;
+            }
+            std::memcpy(text.data(), queue.front().data(), text.size());
+            statistics_.texts += 1;
+            statistics_.bytes += text.size();
+            out = std::move(text);
+            queue.pop_front();
+            ports_.changed_.notify_all();
+            return true;
+        }
+        bool wait(int64_t timeout, bool) override {
+            std::unique_lock<std::mutex> lock(ports_.mutex_);
+            return ports_.changed_.wait_for(lock, std::chrono::milliseconds(timeout),
+                                            [this] { return !ports_.queues_[name_].empty(); });
+        }
+        PortStatistics statistics() const override { return statistics_; }
+
+    private:
+        FakeMessagePorts& ports_;
+        const std::string name_;
+        PortStatistics statistics_;
+    };
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::map<std::string, std::deque<std::string>> queues_;
 };
 
 class FakeLog : public Log {

@@ -21,7 +21,7 @@ constexpr std::string_view kEscape = "@HDR>";
 constexpr const char* kOldestVersion = "1.0";
 // What the oldest format's version line becomes, so that it passes for no newer one.
 constexpr const char* kOldVersionPrefix = "@CV>";
-constexpr const char* kOldVersionName = "Version";
+constexpr std::string_view kOldVersionName = "Version";
 // Compared with a lower-case word, which no system type is.
 constexpr std::string_view kTypeWithoutReplyTyping = "debug";
 
@@ -87,6 +87,15 @@ void addLine(Sink& sink, std::string_view name, std::string_view value) {
     sink.add(":");
     sink.add(value);
     sink.add("\n");
+}
+
+// The next `mark`, or the end of the text. Names and values are a few bytes long: a search that is
+// made for long texts takes more time to begin than this to end.
+const char* findEnd(const char* text, char mark) {
+    while (*text != mark && *text != '\0') {
+        ++text;
+    }
+    return text;
 }
 
 // Header blocks up to this size are put together on the stack; ten headers have some 500 bytes.
@@ -193,10 +202,10 @@ void Convey::Message::readHeadersLocked(ReadState& state) {
         }
         // What has no colon reaches for that of a later line: there is nothing better to be made
         // of it, and every reader makes the same.
-        const char* const nameEnd = state.position + std::strcspn(state.position, ":");
+        const char* const nameEnd = findEnd(state.position, ':');
         const std::string_view name(state.position, static_cast<size_t>(nameEnd - state.position));
         const char* const value = *nameEnd == '\0' ? nameEnd : nameEnd + 1;
-        const char* const valueEnd = value + std::strcspn(value, "\n");
+        const char* const valueEnd = findEnd(value, '\n');
         state.position = *valueEnd == '\0' ? valueEnd : valueEnd + 1;
         takeLineLocked(state, name, {value, static_cast<size_t>(valueEnd - value)});
     }
@@ -207,15 +216,15 @@ void Convey::Message::takeLineLocked(ReadState& state, std::string_view name,
     const auto assign = [value](SoString& field) {
         field.assign(value.data(), static_cast<int32_t>(value.size()));
     };
-    const struct {
-        const char* name;
+    static constexpr struct {
+        std::string_view name;
         SoString Message::*field;
     } texts[] = {{CV_SENDER, &Message::sender_},
                  {CV_TARGET, &Message::target_},
                  {CV_TYPE, &Message::type_},
                  {CV_RESPONSE_REQUEST, &Message::responseRequest_}};
-    const struct {
-        const char* name;
+    static constexpr struct {
+        std::string_view name;
         uint32_t Message::*field;
     } numbers[] = {{CV_TIMEOUT, &Message::timeout_},
                    {CV_TIMESTAMP, &Message::timestamp_},

@@ -1,0 +1,124 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "platform/Service.h"
+
+namespace platform {
+
+// A received text, in a block of the process heap with at least one byte of room behind the text.
+class PortText {
+public:
+    PortText() = default;
+    PortText(PortText&& other) noexcept
+        : data_(std::move(other.data_)), size_(std::exchange(other.size_, 0)) {}
+    PortText& operator=(PortText&& other) noexcept {
+        data_ = std::move(other.data_);
+        size_ = std::exchange(other.size_, 0);
+        return *this;
+    }
+
+    // Room for `size` bytes, not initialised; false, and nothing changed, without memory. The block
+    // has a whole number of steps, as the strings that take it over have, so that it need not be
+    // moved for them.
+    [[nodiscard]] bool allocate(size_t size) {
+        auto* block = static_cast<char*>(std::malloc((size / kStep + 1) * kStep));
+        if (block == nullptr) {
+            return false;
+        }
+        data_.reset(block);
+        size_ = size;
+        return true;
+    }
+    char* data() { return data_.get(); }
+    size_t size() const { return size_; }
+    std::string_view view() const { return {data_.get(), size_}; }
+    // The block, now the caller's, to be given back with std::free; null when empty.
+    char* release() {
+        size_ = 0;
+        return data_.release();
+    }
+
+private:
+    static constexpr size_t kStep = 128;
+    struct Free {
+        void operator()(char* block) const { std::free(block); }
+    };
+    std::unique_ptr<char, Free> data_;
+    size_t size_ = 0;
+};
+
+// What a port has met since it was opened.
+struct PortStatistics {
+    uint64_t texts = 0;
+    uint64_t bytes = 0;       // of those texts
+    uint64_t connections = 0; // open now
+    uint64_t strangers = 0;   // connections of other users, closed unheard
+    uint64_t malformed = 0;   // connections closed for what is no text of ours
+    uint64_t descriptors = 0; // connections closed for file descriptors in their packets
+    uint64_t overLimit = 0;   // connections closed for keeping too much open or half sent
+};
+
+enum class SendResult {
+    delivered,  // the whole text lies in the receiver's queue
+    noReceiver, // nobody owns the name, or the owner died
+    timedOut,   // the queue stayed full; nothing of the text will arrive
+    tooLarge,   // longer than kMaximumTextBytes
+    failed      // the ports cannot be used, or the owner is another user
+};
+
+// The end of a named port that receives. While it exists its process owns the name; with it the
+// name is given back, and what was not taken is lost.
+//
+// Porting contract: texts arrive whole, and those of one sender in the order sent. What has not
+// been taken stays in the system's queue, whose bound holds the senders back, except for the few
+// that one call may have drawn ahead. What a sender leaves half sent when it dies is dropped. Only
+// this user's processes and root's are heard. The owner's descriptors do not survive exec, and in a
+// child after fork the port is dead: it takes nothing. Threads: any.
+class LocalPort {
+public:
+    virtual ~LocalPort() = default;
+
+    // Takes the next text; false when none has arrived. Does not block.
+    [[nodiscard]] virtual bool take(PortText& out) = 0;
+
+    // Waits until a text can be taken, at most `timeoutMilliseconds`; false when the time is up.
+    // `soon`: the answer is expected within microseconds, so it may be worth a short busy wait
+    // where another processor is free to give it.
+    [[nodiscard]] virtual bool wait(int64_t timeoutMilliseconds, bool soon) = 0;
+
+    virtual PortStatistics statistics() const = 0;
+};
+
+// Named ports between the processes of one user. A name is any bytes but NUL, at least one.
+class MessagePorts : public Service<MessagePorts> {
+public:
+    // Longer texts are refused by the sender and by the receiver: 64 MiB of body, and headers.
+    static constexpr size_t kMaximumTextBytes = size_t{65} << 20;
+
+    virtual ~MessagePorts() = default;
+
+    // Becomes the owner of a name. Null when it has one, in this process or another, or when ports
+    // cannot be used, which is reported. Of several that try at once exactly one succeeds. The name
+    // of an owner that died, however it did, is free at once.
+    [[nodiscard]] virtual std::unique_ptr<LocalPort> open(const std::string& name) = 0;
+
+    // True when `open` would succeed now. Takes nothing, so that a process that opens the name at
+    // this moment gets it.
+    [[nodiscard]] virtual bool isFree(const std::string& name) = 0;
+
+    // Hands a text to the owner of `name`; at most `timeoutMilliseconds` while its queue is full.
+    // Sends to one name from several threads go one after another.
+    virtual SendResult send(const std::string& name, std::string_view text,
+                            int64_t timeoutMilliseconds) = 0;
+
+    static MessagePorts& own();
+};
+
+} // namespace platform

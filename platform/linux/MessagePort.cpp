@@ -1,0 +1,67 @@
+#include "platform/MessagePort.h"
+
+#include <atomic>
+
+#include "platform/linux/PortFolder.h"
+#include "platform/linux/PortReceiver.h"
+#include "platform/linux/PortSender.h"
+
+namespace platform {
+namespace {
+
+class LinuxMessagePorts final : public MessagePorts {
+public:
+    std::unique_ptr<LocalPort> open(const std::string& name) override {
+        return PortReceiver::open(name);
+    }
+
+    bool isFree(const std::string& name) override {
+        if (name.empty() || name.find('\0') != std::string::npos) {
+            return false;
+        }
+        PortFolder folder;
+        switch (folder.open(PortFolder::Use::ifThere)) {
+        case PortFolder::State::missing:
+            return true;
+        case PortFolder::State::usable:
+            return !isPortOwned(folder, portFileName(name));
+        default:
+            return false;
+        }
+    }
+
+    SendResult send(const std::string& name, std::string_view text,
+                    int64_t timeoutMilliseconds) override {
+        return sender().send(name, text, timeoutMilliseconds);
+    }
+
+private:
+    struct Sender {
+        uint32_t generation = PortDescriptor::generation();
+        PortSender sender;
+    };
+
+    // A child after fork has a sender of its own: the parent's may have been in the middle of
+    // something, and is left alone.
+    PortSender& sender() {
+        Sender* current = sender_.load(std::memory_order_acquire);
+        if (current == nullptr || current->generation != PortDescriptor::generation()) {
+            auto fresh = std::make_unique<Sender>();
+            if (sender_.compare_exchange_strong(current, fresh.get())) {
+                current = fresh.release();
+            } // else another thread of this process was faster
+        }
+        return current->sender;
+    }
+
+    std::atomic<Sender*> sender_{nullptr};
+};
+
+} // namespace
+
+MessagePorts& MessagePorts::own() {
+    static auto* const ports = new LinuxMessagePorts;
+    return *ports;
+}
+
+} // namespace platform

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstdint>
+
+namespace platform {
+
+// Owns a file descriptor that a child after fork must not keep: it would hold names and take texts
+// that are the parent's. All of them are closed in the child as it is born, and `get` then gives -1
+// there. Used by one thread at a time.
+class PortDescriptor {
+public:
+    PortDescriptor() = default;
+    explicit PortDescriptor(int fd);
+    ~PortDescriptor() { reset(); }
+    PortDescriptor(PortDescriptor&& other) noexcept;
+    PortDescriptor& operator=(PortDescriptor&& other) noexcept;
+
+    // The descriptor; -1 for none, and in a child of the process that opened it.
+    int get() const;
+    explicit operator bool() const { return get() >= 0; }
+    void reset();
+
+    // Which process of a line of forks this is; raised in each child.
+    static uint32_t generation();
+
+private:
+    int fd_ = -1;
+    uint32_t generation_ = 0;
+};
+
+} // namespace platform

@@ -1,0 +1,148 @@
+#include "platform/linux/PortFolder.h"
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <nettle/sha2.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "platform/Log.h"
+#include "platform/linux/Descriptor.h"
+
+namespace platform {
+namespace {
+
+// With the ending and "/proc/self/fd/" and a number it fits the 108 bytes of a socket's address.
+constexpr size_t kMaximumFileNameBytes = 80;
+constexpr size_t kDigestBytes = 16; // enough that two names never meet by chance
+
+bool isPlain(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
+           c == '-' || c == '.' || c == '#' || c == '+' || c == '=' || c == ',';
+}
+
+void appendHexadecimal(std::string& out, unsigned char byte) {
+    constexpr const char* digits = "0123456789ABCDEF";
+    out += digits[byte >> 4];
+    out += digits[byte & 0xF];
+}
+
+// A folder that only this user can change: one that others could would let them put their own in
+// the place of ours.
+bool isOwnFolder(const std::string& path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode) &&
+           status.st_uid == geteuid() && (status.st_mode & 022) == 0;
+}
+
+std::string choosePath() {
+    const std::string user = std::to_string(geteuid());
+    // A process that was started without the variable must still meet the others.
+    const char* variable = std::getenv("XDG_RUNTIME_DIR"); // NOLINT(concurrency-mt-unsafe)
+    for (const std::string& runtime :
+         {std::string(variable == nullptr ? "" : variable), "/run/user/" + user}) {
+        if (!runtime.empty() && runtime.front() == '/' && isOwnFolder(runtime)) {
+            return runtime + "/convey";
+        }
+    }
+    return "/tmp/convey-" + user;
+}
+
+} // namespace
+
+std::string systemReason() {
+    return strerrordesc_np(errno);
+}
+
+PortFolder::State PortFolder::open(Use use) {
+    path_ = choosePath();
+    const auto refuse = [this](const std::string& reason) {
+        Log::system().problem("cannot use the port folder " + path_ + ": " + reason);
+        return State::refused;
+    };
+    if (use == Use::create && mkdir(path_.c_str(), 0700) != 0 && errno != EEXIST) {
+        return refuse(systemReason());
+    }
+    PortDescriptor folder(::open(path_.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!folder) {
+        return errno == ENOENT ? State::missing : refuse(systemReason());
+    }
+    struct stat status {};
+    if (fstat(folder.get(), &status) != 0) {
+        return refuse(systemReason());
+    }
+    if (status.st_uid != geteuid()) {
+        return refuse("it belongs to another user");
+    }
+    if ((status.st_mode & 077) != 0) {
+        return refuse("it is open to other users");
+    }
+    folder_ = std::move(folder);
+    return State::usable;
+}
+
+PortFolder::Address PortFolder::addressOf(const std::string& file) const {
+    Address result{};
+    result.address.sun_family = AF_UNIX;
+    std::string full = path_ + "/" + file;
+    if (full.size() >= sizeof result.address.sun_path) {
+        full = "/proc/self/fd/" + std::to_string(fd()) + "/" + file;
+    }
+    const size_t bytes = std::min(full.size(), sizeof result.address.sun_path - 1);
+    std::memcpy(result.address.sun_path, full.data(), bytes);
+    result.length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + bytes + 1);
+    return result;
+}
+
+std::string portFileName(const std::string& portName) {
+    std::string file;
+    for (const char c : portName) {
+        if (isPlain(c)) {
+            file += c;
+        } else {
+            file += '%';
+            appendHexadecimal(file, static_cast<unsigned char>(c));
+        }
+    }
+    if (file.size() <= kMaximumFileNameBytes) {
+        return file;
+    }
+    sha256_ctx context;
+    sha256_init(&context);
+    sha256_update(&context, portName.size(), reinterpret_cast<const uint8_t*>(portName.data()));
+    uint8_t digest[kDigestBytes];
+    sha256_digest(&context, sizeof digest, digest);
+    file.resize(kMaximumFileNameBytes - 2 * kDigestBytes - 1);
+    file += '~'; // escaped in every name that is given whole
+    for (const uint8_t byte : digest) {
+        appendHexadecimal(file, byte);
+    }
+    return file;
+}
+
+bool isPortOwned(const PortFolder& folder, const std::string& fileName) {
+    const Descriptor file(openat(folder.fd(), (fileName + kLockEnding).c_str(),
+                                 O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!file) {
+        return false;
+    }
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    return fcntl(file.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+}
+
+bool isOwnPeer(int socket, int32_t& process) {
+    ucred credentials{};
+    socklen_t length = sizeof credentials;
+    if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) {
+        return false;
+    }
+    process = credentials.pid;
+    return credentials.uid == geteuid() || credentials.uid == 0;
+}
+
+} // namespace platform

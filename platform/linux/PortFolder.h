@@ -1,0 +1,55 @@
+#pragma once
+
+#include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include "platform/linux/PortDescriptor.h"
+
+namespace platform {
+
+// The folder in which this user's ports live: of this user only, and no link. Two files a name, a
+// socket and the lock that its owner holds.
+class PortFolder {
+public:
+    enum class Use { create, ifThere };
+    enum class State { usable, missing, refused };
+
+    // Opens the folder: "convey" in the user's runtime folder, or in /tmp with the user's number
+    // when there is none. `refused` is reported.
+    State open(Use use);
+
+    int fd() const { return folder_.get(); }
+    const std::string& path() const { return path_; }
+
+    // The address of a file in the folder; one that is too long is given by way of the descriptor,
+    // so it is good while the folder is open.
+    struct Address {
+        sockaddr_un address;
+        socklen_t length;
+    };
+    Address addressOf(const std::string& file) const;
+
+private:
+    PortDescriptor folder_;
+    std::string path_;
+};
+
+// The name of a port's files without ending: the port's name with everything but letters, digits
+// and a few marks escaped, its tail replaced by a digest when it is long.
+std::string portFileName(const std::string& portName);
+
+inline constexpr const char* kSocketEnding = ".socket";
+inline constexpr const char* kLockEnding = ".lock";
+
+// True when somebody, this process included, holds the lock of the name. Takes nothing.
+bool isPortOwned(const PortFolder& folder, const std::string& fileName);
+
+// True when the process at the other end of a connected socket is this user's or root's; `process`
+// receives its number.
+bool isOwnPeer(int socket, int32_t& process);
+
+// The reason that the system gives for its last refusal.
+std::string systemReason();
+
+} // namespace platform

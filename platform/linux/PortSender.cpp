@@ -1,0 +1,328 @@
+#include "platform/linux/PortSender.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <condition_variable>
+#include <cstring>
+#include <poll.h>
+#include <sys/socket.h>
+#include <thread>
+
+#include "platform/Log.h"
+#include "platform/linux/PortDescriptor.h"
+#include "platform/linux/PortFolder.h"
+#include "platform/linux/PortPacket.h"
+
+namespace platform {
+namespace {
+
+using Time = std::chrono::steady_clock;
+
+constexpr size_t kMaximumConnections = 64; // a process talks to a handful of others
+constexpr int kSendBufferBytes = 4 << 20;  // what makes large texts fast where it was measured
+constexpr size_t kSmallestPartBytes = 4096;
+constexpr size_t kJoinedBytes = 1024;
+// While the system is short of memory, or of places in a target's queue of new connections, there
+// is nothing to wait for but time.
+constexpr auto kPause = std::chrono::milliseconds(1);
+
+// The end of a wait, and what is left of it.
+class Deadline {
+public:
+    explicit Deadline(int64_t milliseconds)
+        : end_(Time::now() + std::chrono::milliseconds(
+                                 std::clamp<int64_t>(milliseconds, 0, int64_t{24} * 3600 * 1000))) {
+    }
+    Time::time_point end() const { return end_; }
+    bool passed() const { return Time::now() >= end_; }
+    // Rounded up: a wait that ends early would be repeated without pause.
+    int leftMilliseconds() const {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end_ - Time::now());
+        return static_cast<int>(std::max<int64_t>(left.count(), 0));
+    }
+
+private:
+    Time::time_point end_;
+};
+
+bool isGone(int error) {
+    return error == EPIPE || error == ECONNRESET || error == ENOTCONN || error == ECONNREFUSED ||
+           error == EBADF;
+}
+
+} // namespace
+
+// One connection, used by one send at a time. Its socket is opened by the first send and again when
+// the target has been replaced by another owner of the name.
+class PortSender::Connection {
+public:
+    // Waits for the other sends to this target; false when the time is up.
+    [[nodiscard]] bool takeTurn(Deadline& deadline) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (busy_ && !turn_.wait_until(lock, deadline.end(), [this] { return !busy_; })) {
+            return false;
+        }
+        busy_ = true;
+        return true;
+    }
+    void giveTurn() {
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            busy_ = false;
+        }
+        turn_.notify_one();
+    }
+
+    // With the turn only.
+    SendResult send(const std::string& name, std::string_view text, Deadline& deadline) {
+        for (bool reopened = false;; reopened = true) {
+            const bool fresh = !socket_;
+            if (fresh) {
+                const SendResult opened = open(name, deadline);
+                if (opened != SendResult::delivered) {
+                    return opened;
+                }
+            }
+            const Outcome outcome = text.size() <= PortPacket::kMaximumWholeBytes
+                                        ? sendWhole(text, deadline)
+                                        : sendInParts(text, deadline);
+            if (outcome == Outcome::done) {
+                return SendResult::delivered;
+            }
+            if (outcome == Outcome::timedOut) {
+                return SendResult::timedOut;
+            }
+            socket_.reset();
+            if (outcome == Outcome::failed) {
+                errno = lastError_;
+                Log::system().problem("cannot send to port " + name + ": " + systemReason());
+                return SendResult::failed;
+            }
+            if (fresh || reopened) {
+                return SendResult::noReceiver;
+            }
+        }
+    }
+    bool isOpen() const { return static_cast<bool>(socket_); }
+
+private:
+    enum class Outcome { done, gone, timedOut, failed };
+
+    SendResult open(const std::string& name, Deadline& deadline);
+    Outcome sendPacket(const PortPacket* header, std::string_view bytes, Deadline& deadline);
+    Outcome sendWhole(std::string_view text, Deadline& deadline);
+    Outcome sendInParts(std::string_view text, Deadline& deadline);
+
+    std::mutex mutex_;
+    std::condition_variable turn_;
+    bool busy_ = false;
+
+    // What follows belongs to whoever has the turn.
+    PortDescriptor socket_;
+    size_t partBytes_ = kSmallestPartBytes;
+    int lastError_ = 0;
+};
+
+SendResult PortSender::Connection::open(const std::string& name, Deadline& deadline) {
+    PortFolder folder;
+    const PortFolder::State state = folder.open(PortFolder::Use::ifThere);
+    if (state != PortFolder::State::usable) {
+        return state == PortFolder::State::missing ? SendResult::noReceiver : SendResult::failed;
+    }
+    const std::string file = portFileName(name);
+    // Something may keep the socket of a dead owner alive; nobody can keep its lock.
+    if (!isPortOwned(folder, file)) {
+        return SendResult::noReceiver;
+    }
+    PortDescriptor socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!socket) {
+        Log::system().problem("cannot make a socket: " + systemReason());
+        return SendResult::failed;
+    }
+    int bufferBytes = kSendBufferBytes;
+    if (setsockopt(socket.get(), SOL_SOCKET, SO_SNDBUFFORCE, &bufferBytes, sizeof bufferBytes) !=
+        0) {
+        (void)setsockopt(socket.get(), SOL_SOCKET, SO_SNDBUF, &bufferBytes, sizeof bufferBytes);
+    }
+    socklen_t length = sizeof bufferBytes;
+    (void)getsockopt(socket.get(), SOL_SOCKET, SO_SNDBUF, &bufferBytes, &length);
+    // Several packets in flight, so that one is written while another is read.
+    partBytes_ = std::clamp(static_cast<size_t>(std::max(bufferBytes, 0)) / 4, kSmallestPartBytes,
+                            PortPacket::kMaximumPartBytes);
+
+    const PortFolder::Address address = folder.addressOf(file + kSocketEnding);
+    while (connect(socket.get(), reinterpret_cast<const sockaddr*>(&address.address),
+                   address.length) != 0) {
+        if (errno == EAGAIN || errno == EINTR) { // its queue of new connections is full
+            if (deadline.passed()) {
+                return SendResult::timedOut;
+            }
+            std::this_thread::sleep_for(kPause);
+            continue;
+        }
+        if (errno == ENOENT || errno == ECONNREFUSED) {
+            return SendResult::noReceiver;
+        }
+        Log::system().problem("cannot connect to port " + name + ": " + systemReason());
+        return SendResult::failed;
+    }
+    int32_t process = 0;
+    if (!isOwnPeer(socket.get(), process)) {
+        Log::system().problem("port " + name + " belongs to another user");
+        return SendResult::failed;
+    }
+    socket_ = std::move(socket);
+    return SendResult::delivered;
+}
+
+PortSender::Connection::Outcome PortSender::Connection::sendPacket(const PortPacket* header,
+                                                                   std::string_view bytes,
+                                                                   Deadline& deadline) {
+    // Copying a small text behind its header costs less than describing two pieces to the system.
+    unsigned char joined[PortPacket::kHeaderBytes + kJoinedBytes];
+    iovec pieces[2] = {{joined, 0}, {const_cast<char*>(bytes.data()), bytes.size()}};
+    const iovec* first = &pieces[1];
+    if (header != nullptr) {
+        header->write(joined);
+        pieces[0].iov_len = PortPacket::kHeaderBytes;
+        first = &pieces[0];
+        if (bytes.size() <= kJoinedBytes) {
+            std::memcpy(joined + PortPacket::kHeaderBytes, bytes.data(), bytes.size());
+            pieces[0].iov_len += bytes.size();
+        }
+    }
+    const bool single = header == nullptr || bytes.size() <= kJoinedBytes;
+    msghdr message{};
+    message.msg_iov = pieces;
+    message.msg_iovlen = 2;
+    for (;;) {
+        const ssize_t sent =
+            single ? ::send(socket_.get(), first->iov_base, first->iov_len,
+                            MSG_NOSIGNAL | MSG_DONTWAIT)
+                   : sendmsg(socket_.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent >= 0) {
+            return Outcome::done;
+        }
+        lastError_ = errno;
+        if (lastError_ == EINTR) {
+            continue;
+        }
+        if (isGone(lastError_)) {
+            return Outcome::gone;
+        }
+        const bool outOfMemory = lastError_ == ENOBUFS || lastError_ == ENOMEM;
+        if (lastError_ != EAGAIN && !outOfMemory) {
+            return Outcome::failed;
+        }
+        if (outOfMemory && bytes.size() > kSmallestPartBytes) {
+            return Outcome::failed; // a smaller packet may do
+        }
+        if (deadline.passed()) {
+            return Outcome::timedOut;
+        }
+        if (outOfMemory) {
+            std::this_thread::sleep_for(kPause);
+        } else {
+            pollfd writable = {socket_.get(), POLLOUT, 0};
+            (void)poll(&writable, 1, deadline.leftMilliseconds());
+        }
+    }
+}
+
+PortSender::Connection::Outcome PortSender::Connection::sendWhole(std::string_view text,
+                                                                  Deadline& deadline) {
+    const PortPacket header{PortPacket::whole, text.size()};
+    const Outcome outcome = sendPacket(&header, text, deadline);
+    // A packet of this size may be more than the system has in one piece, or allows.
+    return outcome == Outcome::failed && text.size() > kSmallestPartBytes
+               ? sendInParts(text, deadline)
+               : outcome;
+}
+
+PortSender::Connection::Outcome PortSender::Connection::sendInParts(std::string_view text,
+                                                                    Deadline& deadline) {
+    const PortPacket header{PortPacket::announced, text.size()};
+    Outcome outcome = sendPacket(&header, {}, deadline);
+    if (outcome != Outcome::done) {
+        return outcome; // nothing was sent
+    }
+    while (!text.empty()) {
+        const std::string_view part = text.substr(0, partBytes_);
+        outcome = sendPacket(nullptr, part, deadline);
+        if (outcome == Outcome::done) {
+            text.remove_prefix(part.size());
+        } else if (outcome == Outcome::failed && part.size() > kSmallestPartBytes) {
+            partBytes_ = std::max(part.size() / 2, kSmallestPartBytes);
+        } else {
+            break;
+        }
+    }
+    if (outcome != Outcome::done) {
+        socket_.reset(); // the receiver drops the part that it has
+    }
+    return outcome;
+}
+
+PortSender::PortSender() = default;
+
+PortSender::~PortSender() = default;
+
+std::shared_ptr<PortSender::Connection> PortSender::connectionTo(const std::string& name) {
+    std::shared_ptr<Connection> closed; // outside of the lock
+    const std::lock_guard<std::mutex> guard(mutex_);
+    Entry& entry = cache_[name];
+    entry.lastUse = ++uses_;
+    if (entry.connection == nullptr) {
+        entry.connection = std::make_shared<Connection>();
+    }
+    std::shared_ptr<Connection> found = entry.connection;
+    if (cache_.size() > kMaximumConnections) {
+        // Not one that a send is using: its next one would overtake what it is sending.
+        auto oldest = cache_.end();
+        for (auto i = cache_.begin(); i != cache_.end(); ++i) {
+            if (i->second.connection.use_count() == 1 &&
+                (oldest == cache_.end() || i->second.lastUse < oldest->second.lastUse)) {
+                oldest = i;
+            }
+        }
+        if (oldest != cache_.end()) {
+            closed = std::move(oldest->second.connection);
+            cache_.erase(oldest);
+        }
+    }
+    return found;
+}
+
+void PortSender::forget(const std::string& name, const std::shared_ptr<Connection>& connection) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    const auto found = cache_.find(name);
+    // Others that wait for their turn go on with the connection that they have.
+    if (found != cache_.end() && found->second.connection == connection &&
+        connection.use_count() == 2) {
+        cache_.erase(found);
+    }
+}
+
+SendResult PortSender::send(const std::string& name, std::string_view text,
+                            int64_t timeoutMilliseconds) {
+    if (name.empty() || name.find('\0') != std::string::npos) {
+        return SendResult::noReceiver;
+    }
+    if (text.size() > MessagePorts::kMaximumTextBytes) {
+        return SendResult::tooLarge;
+    }
+    Deadline deadline(timeoutMilliseconds);
+    const std::shared_ptr<Connection> connection = connectionTo(name);
+    if (!connection->takeTurn(deadline)) {
+        return SendResult::timedOut;
+    }
+    const SendResult result = connection->send(name, text, deadline);
+    const bool open = connection->isOpen();
+    connection->giveTurn();
+    if (!open) {
+        forget(name, connection); // names that nobody owns must not fill the cache
+    }
+    return result;
+}
+
+} // namespace platform

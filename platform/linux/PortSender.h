@@ -1,0 +1,41 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include "platform/MessagePort.h"
+
+namespace platform {
+
+// The sending side of this process's ports: one connection a target, kept until the target is gone
+// or too many others were used since. Threads: any.
+class PortSender {
+public:
+    PortSender();
+    ~PortSender();
+    PortSender(const PortSender&) = delete;
+    PortSender& operator=(const PortSender&) = delete;
+
+    SendResult send(const std::string& name, std::string_view text, int64_t timeoutMilliseconds);
+
+private:
+    class Connection;
+
+    std::shared_ptr<Connection> connectionTo(const std::string& name);
+    void forget(const std::string& name, const std::shared_ptr<Connection>& connection);
+
+    struct Entry {
+        std::shared_ptr<Connection> connection;
+        uint64_t lastUse = 0;
+    };
+    std::mutex mutex_; // guards the cache, never held across a wait
+    std::unordered_map<std::string, Entry> cache_;
+    uint64_t uses_ = 0;
+};
+
+} // namespace platform

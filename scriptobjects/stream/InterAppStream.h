@@ -1,0 +1,38 @@
+#pragma once
+
+#include "scriptobjects/core/SoExport.h"
+#include "scriptobjects/stream/MacInterAppStream.h"
+
+namespace ScObjects {
+
+// The stream of the layer: one for the process as a whole, reached by `get`, and one for each
+// endpoint in it.
+class SO_EXPORT InterAppStream : public MacInterAppStream {
+public:
+    // Makes and deletes the process's stream. From the thread that starts and stops the layer.
+    class SO_EXPORT InitTerm {
+    public:
+        // Makes the process's stream, named after the specifier with the suffix "ping", in place of
+        // the one that was. There is none afterwards when no such name is free.
+        static void init(const SoString& specifier);
+        static void exit();
+    };
+
+    using MacInterAppStream::MacInterAppStream;
+    ~InterAppStream() override;
+
+    // The process's stream; made now, with a name that says nothing, when there is none. Null when
+    // no name is free. Good until `InitTerm::init` or `exit`. Any thread.
+    static InterAppStream* get();
+};
+
+namespace ConveyUtils {
+
+// A new stream, the caller's, with `name` or, where that has an owner and carries no instance, with
+// the first of its instances 1 to 8 that is free. Null for an empty name and when none is free.
+// Nothing is thrown. Any thread.
+SO_EXPORT InterAppStream* createNextAvailableInterAppStream(const SoString& name);
+
+} // namespace ConveyUtils
+
+} // namespace ScObjects

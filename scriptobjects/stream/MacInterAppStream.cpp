@@ -1,0 +1,129 @@
+#include "scriptobjects/stream/MacInterAppStream.h"
+
+#include <cstring>
+#include <new>
+#include <string>
+
+#include "platform/MessagePort.h"
+
+namespace ScObjects {
+namespace {
+
+std::string portName(const SoString& streamName) {
+    std::string name(BaseInterAppStream::kPortNamePrefix);
+    name += streamName.view();
+    return name;
+}
+
+std::unique_ptr<platform::LocalPort> openPort(const SoString& name) noexcept {
+    try {
+        return platform::MessagePorts::system().open(portName(name));
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
+} // namespace
+
+MacInterAppStream::DataRef::DataRef(platform::PortText& data) {
+    const size_t length = data.size();
+    if (length == 0) {
+        return;
+    }
+    char* const end = data.data() + length;
+    for (char* at = data.data(); at != end; ++at) { // as a rule there is none
+        at = static_cast<char*>(std::memchr(at, '\0', static_cast<size_t>(end - at)));
+        if (at == nullptr) {
+            break;
+        }
+        *at = '\n';
+    }
+    text.adopt(data.data(), static_cast<int32_t>(length));
+    (void)data.release(); // the string's now
+}
+
+MacInterAppStream::DataRef::~DataRef() = default;
+
+MacInterAppStream::MacInterAppStream(const SoString& name, bool flag)
+    : BaseInterAppStream(name, flag), port_(openPort(name)) {}
+
+MacInterAppStream::~MacInterAppStream() {
+    const ObjectLock guard(*this);
+    while (drawn_.count() > 0) {
+        delete drawn_.removeAt(drawn_.count() - 1);
+    }
+}
+
+bool MacInterAppStream::isGood() const {
+    return port_ != nullptr;
+}
+
+bool MacInterAppStream::hasDrawn() const {
+    const ObjectLock guard(*this);
+    return drawn_.count() > 0;
+}
+
+// Draws up to so many texts; true when there is something to receive then.
+bool MacInterAppStream::draw(int32_t maximumTexts) const {
+    const ObjectLock guard(*this);
+    platform::PortText received;
+    for (; maximumTexts > 0 && drawn_.count() < kMaximumDrawnTexts &&
+           drawnBytes_ < kMaximumDrawnBytes && port_->take(received);
+         --maximumTexts) {
+        auto data = std::make_unique<DataRef>(received);
+        drawn_.append(data.get());
+        drawnBytes_ += data.release()->text.length();
+    }
+    return drawn_.count() > 0;
+}
+
+bool MacInterAppStream::messagePending() const {
+    return isGood() && draw(kMaximumDrawnTexts);
+}
+
+bool MacInterAppStream::waitForMessage(int32_t timeoutMilliseconds, bool soon) const {
+    if (!isGood()) {
+        return false;
+    }
+    return hasDrawn() || (port_->wait(timeoutMilliseconds, soon) && draw(1));
+}
+
+bool MacInterAppStream::receive() {
+    if (!isGood()) {
+        return false;
+    }
+    std::unique_ptr<DataRef> data;
+    {
+        const ObjectLock guard(*this);
+        data.reset(drawn_.removeAt(0));
+        if (data != nullptr) {
+            drawnBytes_ -= data->text.length();
+        }
+    }
+    if (data == nullptr || data->text.isEmpty()) {
+        return false;
+    }
+    appendPending(std::move(data->text));
+    return true;
+}
+
+bool MacInterAppStream::send(const SoString& target, const SoString& text) const {
+    return send(target, text, kSendTimeoutMilliseconds);
+}
+
+bool MacInterAppStream::send(const SoString& target, const SoString& text,
+                             int32_t timeoutMilliseconds) const {
+    return isGood() && platform::MessagePorts::system().send(portName(target), text.view(),
+                                                             timeoutMilliseconds) ==
+                           platform::SendResult::delivered;
+}
+
+bool MacInterAppStream::canOpen(const SoString& name, bool /*flag*/) const {
+    return platform::MessagePorts::system().isFree(portName(name));
+}
+
+platform::PortStatistics MacInterAppStream::statistics() const {
+    return isGood() ? port_->statistics() : platform::PortStatistics();
+}
+
+} // namespace ScObjects

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "scriptobjects/core/SoExport.h"
+#include "scriptobjects/core/SoVector.h"
+#include "scriptobjects/stream/BaseInterAppStream.h"
+
+namespace platform {
+class LocalPort;
+class PortText;
+struct PortStatistics;
+} // namespace platform
+
+namespace ScObjects {
+
+// A stream over the system's named message ports. It owns its port and the texts that it has drawn
+// from it and not handed on. Sends are put in order by the ports, for each target on its own, so a
+// send waits neither for the receiving side nor for a target that does not take its texts.
+class SO_EXPORT MacInterAppStream : public BaseInterAppStream {
+public:
+    // What a send waits at most for a full queue, unless it is told otherwise.
+    static constexpr int32_t kSendTimeoutMilliseconds = 10'000;
+    // `messagePending` draws no more while this much is drawn and not received; a single text may
+    // be larger.
+    static constexpr int32_t kMaximumDrawnTexts = 256;
+    static constexpr int64_t kMaximumDrawnBytes = 4 << 20;
+
+    // A text that was drawn from the port: owned by the stream until it is received.
+    class SO_EXPORT DataRef : public SoHeap {
+    public:
+        // Takes over what the port received, every NUL byte of it turned into a line feed.
+        explicit DataRef(platform::PortText& data);
+        ~DataRef() override;
+
+        SoString text;
+    };
+
+    explicit MacInterAppStream(const SoString& name, bool flag = true);
+    ~MacInterAppStream() override;
+
+    bool isGood() const override;
+    bool send(const SoString& target, const SoString& text) const override;
+    bool receive() override;
+    bool messagePending() const override;
+    bool canOpen(const SoString& name, bool flag) const override;
+
+    // `send` with a time-out of its own; 0 does not wait at all.
+    bool send(const SoString& target, const SoString& text, int32_t timeoutMilliseconds) const;
+
+    // Waits until there is something to receive, at most `timeoutMilliseconds`; false when the time
+    // is up or the stream is not good. `soon`: an answer is expected that is worth a short busy
+    // wait. One thread at a time should wait, since any of them may take the text.
+    bool waitForMessage(int32_t timeoutMilliseconds, bool soon) const;
+
+    // What the port has met since it was opened; nothing when the stream is not good.
+    platform::PortStatistics statistics() const;
+
+private:
+    bool hasDrawn() const;
+    bool draw(int32_t maximumTexts) const;
+
+    const std::unique_ptr<platform::LocalPort> port_; // null: not good
+    mutable SoVector<DataRef> drawn_ SO_GUARDED_BY(this);
+    mutable int64_t drawnBytes_ SO_GUARDED_BY(this) = 0;
+};
+
+} // namespace ScObjects
