@@ -215,8 +215,8 @@ double throughputBare(size_t bytes, size_t packet, int count) {
             std::vector<char> buffer(bytes + 1);
             const auto takeText = [&] {
                 for (size_t got = 0; got < bytes;) {
-                    got += receiveBare(pair.ends[0], buffer.data() + got, buffer.size() - got,
-                                       false);
+                    got +=
+                        receiveBare(pair.ends[0], buffer.data() + got, buffer.size() - got, false);
                 }
             };
             takeText();
@@ -312,8 +312,7 @@ double memoryOfReceiver() {
     {
         const SoString there(("there" + run).c_str());
         const InterAppStream sender(there);
-        const Convey::Message message =
-            messageOf(size_t{16} << 20, here.c_str(), there.c_str());
+        const Convey::Message message = messageOf(size_t{16} << 20, here.c_str(), there.c_str());
         SoString text;
         (void)message.writeToString(text);
         for (int i = 0; i < 5; ++i) {
@@ -378,11 +377,10 @@ int main(int argc, char** argv) {
         {"one way 4 KiB", "1000/s", 1e-3, [&] { return throughputOurs(page, 100000, false); },
          [&] { return throughputBare(page, page, 100000); }, ">= 0.7"},
         {"one way 1 MiB", "MB/s", mb * static_cast<double>(large),
-         [&] { return throughputOurs(large, 1000, false); },
-         [&] { return best(large, 1000); }, ">= 0.7"},
-        {"one way 16 MiB", "MB/s", mb * static_cast<double>(huge),
-         [&] { return throughputOurs(huge, 50, false); }, [&] { return best(huge, 50); },
+         [&] { return throughputOurs(large, 1000, false); }, [&] { return best(large, 1000); },
          ">= 0.7"},
+        {"one way 16 MiB", "MB/s", mb * static_cast<double>(huge),
+         [&] { return throughputOurs(huge, 50, false); }, [&] { return best(huge, 50); }, ">= 0.7"},
     };
     for (const Row& row : rows) {
         std::vector<double> ours;
@@ -391,9 +389,9 @@ int main(int argc, char** argv) {
             ours.push_back(row.ours());
             bare.push_back(row.bare());
         }
-        std::printf("| %s | %.2f %s | %.2f %s | %.2f | %s |\n", row.name,
-                    median(ours) * row.factor, row.unit, median(bare) * row.factor, row.unit,
-                    median(ours) / median(bare), row.goal);
+        std::printf("| %s | %.2f %s | %.2f %s | %.2f | %s |\n", row.name, median(ours) * row.factor,
+                    row.unit, median(bare) * row.factor, row.unit, median(ours) / median(bare),
+                    row.goal);
         std::fflush(stdout);
     }
     std::printf("| memory of a receiver of 16 MiB texts | %.1f MiB | 16 MiB a text | %.2f | <= 2 "

@@ -17,7 +17,8 @@ using ScObjects::SoString;
 
 constexpr const char* kUsage =
     "usage: receive NAME [--count N] [--summary]\n"
-    "Prints each message that arrives at NAME until N have come or SIGTERM does. With --summary it\n"
+    "Prints each message that arrives at NAME until N have come or SIGTERM does. With --summary "
+    "it\n"
     "prints one line at the end instead: how many came, of how many senders, and how many of them\n"
     "did not have the number that follows the one before.\n";
 

@@ -16,7 +16,8 @@ using ScObjects::SoString;
 constexpr const char* kUsage =
     "usage: send TARGET [--from NAME] [--type TYPE] [--count N] [--size BYTES] [--timeout MS] "
     "[BODY]\n"
-    "Sends BODY, or BYTES bytes, N times (once) to the owner of TARGET, numbered from 1. Ends with\n"
+    "Sends BODY, or BYTES bytes, N times (once) to the owner of TARGET, numbered from 1. Ends "
+    "with\n"
     "1 at the first that is not delivered, for which it waits at most MS milliseconds (10000).\n";
 
 } // namespace

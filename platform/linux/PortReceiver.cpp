@@ -36,6 +36,7 @@ constexpr size_t kMaximumHalfSent = 8 * MessagePorts::kMaximumTextBytes;
 constexpr int kEventsAtOnce = 8;
 constexpr int kPacketsAtOnce = 16;
 constexpr int kAcceptsAtOnce = 64;
+constexpr int kRoundsAtOnce = 64; // more than it takes to see the end of all connections
 // The others are looked at again after so many texts of the same connection.
 constexpr uint32_t kHotRuns = 8;
 constexpr int64_t kListeningPauseMilliseconds = 100;
@@ -200,19 +201,27 @@ bool PortReceiver::fill() {
         return true;
     }
     resumeListening();
-    epoll_event events[kEventsAtOnce];
-    readEvents(events, epoll_wait(events_.get(), events, kEventsAtOnce, 0), kPacketsAtOnce);
+    // What is reported first may be new connections, whose texts are then reported, or ends.
+    for (int round = 0; round < kRoundsAtOnce; ++round) {
+        epoll_event events[kEventsAtOnce];
+        const int count = epoll_wait(events_.get(), events, kEventsAtOnce, 0);
+        readEvents(events, count, kPacketsAtOnce);
+        if (!ready_.empty() || count <= 0) {
+            break;
+        }
+    }
     return !ready_.empty();
 }
 
 void PortReceiver::readEvents(const epoll_event* events, int count, int packets) {
     for (int i = 0; i < count; ++i) {
-        if (events[i].data.u64 == kListener) {
+        const uint64_t number = events[i].data.u64; // a copy: the system packs its structure
+        if (number == kListener) {
             acceptAll();
             continue;
         }
         // An earlier event of these may have closed it.
-        const auto connection = connections_.find(events[i].data.u64);
+        const auto connection = connections_.find(number);
         if (connection != connections_.end() && olderOnesAreRead(connection)) {
             read(connection, packets);
         }
@@ -499,12 +508,11 @@ bool PortReceiver::wait(int64_t timeoutMilliseconds, bool soon) {
             slice = std::min(slice, kListeningPauseMilliseconds);
         }
         epoll_event events[kEventsAtOnce];
-        const int count =
-            epoll_wait(events_.get(), events, kEventsAtOnce, static_cast<int>(slice));
+        const int count = epoll_wait(events_.get(), events, kEventsAtOnce, static_cast<int>(slice));
         const std::lock_guard<std::mutex> guard(mutex_);
         resumeListening();
         readEvents(events, count, 1);
-        if (!ready_.empty()) {
+        if (!ready_.empty() || (count > 0 && fill())) {
             return true;
         }
         if (left <= 0) {

@@ -196,10 +196,9 @@ PortSender::Connection::Outcome PortSender::Connection::sendPacket(const PortPac
     message.msg_iov = pieces;
     message.msg_iovlen = 2;
     for (;;) {
-        const ssize_t sent =
-            single ? ::send(socket_.get(), first->iov_base, first->iov_len,
-                            MSG_NOSIGNAL | MSG_DONTWAIT)
-                   : sendmsg(socket_.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+        const ssize_t sent = single ? ::send(socket_.get(), first->iov_base, first->iov_len,
+                                             MSG_NOSIGNAL | MSG_DONTWAIT)
+                                    : sendmsg(socket_.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent >= 0) {
             return Outcome::done;
         }

@@ -9,6 +9,7 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -27,32 +28,47 @@ constexpr unsigned kLongestSeconds = 60;
     _exit(127);
 }
 
+// A program's arguments and environment as exec wants them.
+class ExecTexts {
+public:
+    ExecTexts(const std::vector<std::string>& arguments,
+              const std::map<std::string, std::string>& environment)
+        : arguments_(arguments) {
+        for (char** variable = environ; *variable != nullptr; ++variable) {
+            const std::string text = *variable;
+            if (environment.count(text.substr(0, text.find('='))) == 0) {
+                variables_.push_back(text);
+            }
+        }
+        for (const auto& [name, value] : environment) {
+            if (!value.empty()) {
+                variables_.push_back(name + "=" + value);
+            }
+        }
+        collect(arguments_, argv);
+        collect(variables_, envp);
+    }
+
+    std::vector<char*> argv;
+    std::vector<char*> envp;
+
+private:
+    static void collect(std::vector<std::string>& texts, std::vector<char*>& pointers) {
+        for (std::string& text : texts) {
+            pointers.push_back(text.data());
+        }
+        pointers.push_back(nullptr);
+    }
+
+    std::vector<std::string> arguments_;
+    std::vector<std::string> variables_;
+};
+
 } // namespace
 
 ProcessResult runProcess(const std::vector<std::string>& arguments,
                          const std::map<std::string, std::string>& environment) {
-    std::vector<char*> argv;
-    for (const std::string& argument : arguments) {
-        argv.push_back(const_cast<char*>(argument.c_str()));
-    }
-    argv.push_back(nullptr);
-    std::vector<std::string> variables;
-    for (char** variable = environ; *variable != nullptr; ++variable) {
-        const std::string text = *variable;
-        if (environment.count(text.substr(0, text.find('='))) == 0) {
-            variables.push_back(text);
-        }
-    }
-    for (const auto& [name, value] : environment) {
-        if (!value.empty()) {
-            variables.push_back(name + "=" + value);
-        }
-    }
-    std::vector<char*> envp;
-    for (std::string& variable : variables) {
-        envp.push_back(variable.data());
-    }
-    envp.push_back(nullptr);
+    ExecTexts exec(arguments, environment);
 
     int out[2];
     int err[2];
@@ -61,7 +77,7 @@ ProcessResult runProcess(const std::vector<std::string>& arguments,
     }
     const pid_t pid = fork();
     if (pid == 0) {
-        runChild(argv, envp, out[1], err[1]);
+        runChild(exec.argv, exec.envp, out[1], err[1]);
     }
     close(out[1]);
     close(err[1]);
@@ -95,4 +111,64 @@ ProcessResult runProcess(const std::vector<std::string>& arguments,
     result.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     result.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     return result;
+}
+
+RunningProcess::RunningProcess(const std::vector<std::string>& arguments,
+                               const std::map<std::string, std::string>& environment) {
+    ExecTexts exec(arguments, environment);
+    int out[2];
+    if (pipe2(out, O_CLOEXEC) != 0) {
+        throw std::runtime_error(std::strerror(errno));
+    }
+    pid_ = fork();
+    if (pid_ == 0) {
+        runChild(exec.argv, exec.envp, out[1], STDERR_FILENO);
+    }
+    close(out[1]);
+    out_ = out[0];
+    if (pid_ < 0) {
+        close(out_);
+        throw std::runtime_error("cannot be started: " + arguments[0]);
+    }
+}
+
+RunningProcess::~RunningProcess() {
+    if (pid_ > 0) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+    close(out_);
+}
+
+std::string RunningProcess::readLine() {
+    size_t end = 0;
+    while ((end = rest_.find('\n')) == std::string::npos) {
+        char block[4096];
+        const ssize_t bytes = read(out_, block, sizeof block);
+        if (bytes <= 0) {
+            return std::exchange(rest_, std::string());
+        }
+        rest_.append(block, static_cast<size_t>(bytes));
+    }
+    std::string line = rest_.substr(0, end);
+    rest_.erase(0, end + 1);
+    return line;
+}
+
+void RunningProcess::signal(int number) const {
+    kill(pid_, number);
+}
+
+int RunningProcess::finish() {
+    char block[4096];
+    ssize_t bytes = 0;
+    while ((bytes = read(out_, block, sizeof block)) > 0) {
+        rest_.append(block, static_cast<size_t>(bytes));
+    }
+    int status = 0;
+    if (waitpid(pid_, &status, 0) != pid_) {
+        return -1;
+    }
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }

@@ -17,3 +17,29 @@ struct ProcessResult {
 // signal, when it takes longer than a minute. Throws std::runtime_error when it cannot be started.
 ProcessResult runProcess(const std::vector<std::string>& arguments,
                          const std::map<std::string, std::string>& environment = {});
+
+// A program that runs beside the test, without standard input; killed with the object. Ended after
+// a minute if it is still there. Throws std::runtime_error when it cannot be started.
+class RunningProcess {
+public:
+    explicit RunningProcess(const std::vector<std::string>& arguments,
+                            const std::map<std::string, std::string>& environment = {});
+    ~RunningProcess();
+    RunningProcess(const RunningProcess&) = delete;
+    RunningProcess& operator=(const RunningProcess&) = delete;
+
+    // The next line of its output, without the line feed; what there is of one when it ends.
+    std::string readLine();
+    void signal(int number) const;
+    // Waits for its end: the exit status, or -1 when a signal ended it. Its output and errors, as
+    // far as they were not read, are in `rest` and on this process's standard error.
+    int finish();
+
+    int pid() const { return pid_; }
+    const std::string& rest() const { return rest_; }
+
+private:
+    int pid_ = -1;
+    int out_ = -1;
+    std::string rest_;
+};

@@ -1,0 +1,178 @@
+#include <chrono>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <memory>
+#include <random>
+#include <signal.h>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "tests/support/Process.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+// The example programs, with a home and a port folder of the test's own.
+class PortsTest : public testing::Test {
+protected:
+    PortsTest() {
+        setenv("XDG_RUNTIME_DIR", folder.file("").c_str(), 1);
+        setenv("HOME", folder.file("").c_str(), 1);
+    }
+
+    // Instrumented builds are slower by an order of magnitude; they do a part of the work.
+    static long scaled(long count) {
+        const char* divisor = std::getenv("CONVEY_TEST_DIVISOR");
+        return divisor == nullptr ? count : count / std::max(1L, std::atol(divisor));
+    }
+    static std::unique_ptr<RunningProcess> receiver(const char* name,
+                                                    const std::vector<std::string>& options,
+                                                    const std::string& program = RECEIVE) {
+        std::vector<std::string> arguments = {program, name};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        auto process = std::make_unique<RunningProcess>(arguments);
+        EXPECT_EQ(process->readLine(), std::string("receiving at ") + name);
+        return process;
+    }
+
+    TemporaryFolder folder;
+};
+
+TEST_F(PortsTest, aMessageReachesAnotherProcess) {
+    const auto receiving = receiver("kivra-7.0", {"--count", "2"});
+    const ProcessResult sent = runProcess({SEND, "kivra-7.0", "--from", "lumen-2.0", "--type",
+                                           "greeting", "--count", "2", "good\nday"});
+    EXPECT_EQ(sent.exitStatus, 0) << sent.err;
+    EXPECT_EQ(sent.out, "delivered 2\n");
+    EXPECT_EQ(receiving->readLine(), "lumen-2.0 greeting 1: good");
+    EXPECT_EQ(receiving->readLine(), "day");
+    EXPECT_EQ(receiving->readLine(), "lumen-2.0 greeting 2: good");
+    EXPECT_EQ(receiving->finish(), 0);
+    const ProcessResult late = runProcess({SEND, "kivra-7.0", "x"});
+    EXPECT_EQ(late.exitStatus, 1);
+    EXPECT_THAT(late.err, HasSubstr("message 1 was not delivered"));
+    EXPECT_TRUE(std::filesystem::is_empty(folder.file("/convey")));
+}
+
+TEST_F(PortsTest, processesWithoutTheVariableMeetTheOthers) {
+    const std::string runtime = "/run/user/" + std::to_string(getuid());
+    if (!std::filesystem::is_directory(runtime)) {
+        GTEST_SKIP() << "there is no " << runtime << " here";
+    }
+    const std::string name = "convey-test-" + std::to_string(getpid());
+    setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
+    const auto receiving = receiver(name.c_str(), {"--count", "1"});
+    EXPECT_EQ(runProcess({SEND, name, "x"}, {{"XDG_RUNTIME_DIR", ""}}).exitStatus, 0);
+    EXPECT_EQ(receiving->finish(), 0);
+}
+
+TEST_F(PortsTest, aMillionMessagesOfEightSendersArriveOnceAndInOrder) {
+    const long each = scaled(125'000);
+    const auto receiving =
+        receiver("target-1.0", {"--summary", "--count", std::to_string(8 * each)});
+    std::vector<std::unique_ptr<RunningProcess>> senders;
+    for (int i = 0; i < 8; ++i) {
+        senders.push_back(std::make_unique<RunningProcess>(
+            std::vector<std::string>{SEND, "target-1.0", "--from", "sender_" + std::to_string(i),
+                                     "--count", std::to_string(each), "--timeout", "60000"}));
+    }
+    for (const auto& sender : senders) {
+        EXPECT_EQ(sender->finish(), 0);
+        EXPECT_EQ(sender->rest(), "delivered " + std::to_string(each) + "\n");
+    }
+    EXPECT_EQ(receiving->finish(), 0);
+    EXPECT_EQ(receiving->rest(),
+              std::to_string(8 * each) + " messages of 8 senders, 0 out of order, 0 rejected\n");
+}
+
+TEST_F(PortsTest, aStoppedReceiverHoldsItsSenderAndLosesNothing) {
+    const auto receiving = receiver("stopped-1.0", {"--summary"});
+    receiving->signal(SIGSTOP);
+    const auto start = std::chrono::steady_clock::now();
+    const ProcessResult sent = runProcess(
+        {SEND, "stopped-1.0", "--count", "1000000", "--size", "3000", "--timeout", "200"});
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
+    EXPECT_EQ(sent.exitStatus, 1) << "the queue has a bound";
+    ASSERT_THAT(sent.out, StartsWith("delivered "));
+    const long delivered = std::atol(sent.out.c_str() + sizeof "delivered");
+    EXPECT_GT(delivered, 10);
+    receiving->signal(SIGCONT);
+    receiving->signal(SIGTERM);
+    EXPECT_EQ(receiving->finish(), 0);
+    // It may end before it has taken all of them, so ask a second one that is not told to end.
+    const auto counting =
+        receiver("stopped-1.0", {"--summary", "--count", std::to_string(delivered)});
+    counting->signal(SIGSTOP);
+    EXPECT_EQ(runProcess({SEND, "stopped-1.0", "--count", std::to_string(delivered), "--size",
+                          "3000", "--timeout", "200"})
+                  .exitStatus,
+              0);
+    counting->signal(SIGCONT);
+    EXPECT_EQ(counting->finish(), 0);
+    EXPECT_EQ(counting->rest(),
+              std::to_string(delivered) + " messages of 1 senders, 0 out of order, 0 rejected\n");
+}
+
+TEST_F(PortsTest, aSenderKilledAtAnyMomentLeavesWholeMessagesOnly) {
+    const unsigned seed = std::random_device()();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    const auto receiving = receiver("survivor-1.0", {"--summary"});
+    for (int round = 0; round < 20; ++round) {
+        // Messages that take several packets each.
+        const std::unique_ptr<RunningProcess> sender(
+            new RunningProcess({SEND, "survivor-1.0", "--from", "victim_" + std::to_string(round),
+                                "--count", "1000000", "--size", "3000000"}));
+        std::this_thread::sleep_for(std::chrono::milliseconds(random() % 60));
+        sender->signal(SIGKILL);
+        EXPECT_EQ(sender->finish(), -1);
+    }
+    EXPECT_EQ(runProcess({SEND, "survivor-1.0", "--from", "last-1.0"}).exitStatus, 0);
+    receiving->signal(SIGTERM);
+    EXPECT_EQ(receiving->finish(), 0);
+    EXPECT_THAT(receiving->rest(), HasSubstr(" 0 out of order, 0 rejected\n"));
+}
+
+TEST_F(PortsTest, aReceiverKilledInMidMessageEndsItsSender) {
+    for (int round = 0; round < 5; ++round) {
+        const auto receiving = receiver("victim-1.0", {"--summary"});
+        RunningProcess sender({SEND, "victim-1.0", "--count", "1000000", "--size", "3000000"});
+        std::this_thread::sleep_for(std::chrono::milliseconds(10 * round));
+        receiving->signal(SIGKILL);
+        EXPECT_EQ(receiving->finish(), -1);
+        EXPECT_EQ(sender.finish(), 1);
+    }
+}
+
+TEST_F(PortsTest, a32BitAnd64BitProcessTalk) {
+    const std::string other = OTHER_WIDTH_PROGRAMS;
+    if (!std::filesystem::exists(other + "/receive")) {
+        GTEST_SKIP() << "no programs of another width in '" << other << "'";
+    }
+    const struct {
+        std::string receive;
+        std::string send;
+    } pairs[] = {{RECEIVE, other + "/send"}, {other + "/receive", SEND}};
+    for (const auto& pair : pairs) {
+        SCOPED_TRACE(pair.send);
+        const auto receiving = receiver("width-1.0", {"--summary", "--count", "300"}, pair.receive);
+        for (const char* size : {"10", "70000", "5000000"}) {
+            EXPECT_EQ(runProcess({pair.send, "width-1.0", "--from", std::string("s") + size,
+                                  "--count", "100", "--size", size})
+                          .exitStatus,
+                      0);
+        }
+        EXPECT_EQ(receiving->finish(), 0);
+        EXPECT_EQ(receiving->rest(), "300 messages of 3 senders, 0 out of order, 0 rejected\n");
+    }
+}
+
+} // namespace
