@@ -7,6 +7,7 @@
 #include "platform/fake/Fakes.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVUtils.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace {
 
@@ -314,6 +315,20 @@ TEST_F(MessageTest, userTypesAreAllOthers) {
         EXPECT_TRUE(message.isUserType()) << type;
     }
     EXPECT_EQ(Message(MessageTest::message()).getType(), "Tessaly");
+}
+
+TEST_F(MessageTest, isWrittenAsTheDocumentShows) {
+    files.files["/home/user/.ovrel/md5"] = "AB12";
+    Message::setCreateDigest(true);
+    Message message = MessageTest::message("hello");
+    message.setType("query");
+    message.setResponseRequest("Result");
+    message.setHeader("Page", 12L);
+    message.setSerialNumber(1);
+    const std::string text = written(message);
+    const std::string document = TemporaryFolder::read(PROTOCOL_DOCUMENT);
+    EXPECT_NE(document.find("```\n" + text + "\n```"), std::string::npos) << text;
+    EXPECT_NE(document.find("It has " + std::to_string(text.size()) + " bytes"), std::string::npos);
 }
 
 TEST_F(MessageTest, isDumpedForPeople) {
