@@ -415,7 +415,7 @@ PortReceiver::Reading PortReceiver::takePacket(Connection& connection, size_t by
         ++statistics_.malformed;
         return Reading::closed;
     }
-    if (!startPart(connection, packet.length)) {
+    if (!startPart(connection, static_cast<size_t>(packet.length))) {
         ++statistics_.overLimit;
         return Reading::closed;
     }
@@ -424,7 +424,7 @@ PortReceiver::Reading PortReceiver::takePacket(Connection& connection, size_t by
 
 // Room for an announced text. The system gives memory as it is written to, so an announcement
 // alone costs addresses only; those are counted.
-bool PortReceiver::startPart(Connection& connection, uint64_t length) {
+bool PortReceiver::startPart(Connection& connection, size_t length) {
     size_t ofProcess = length;
     for (const auto& [number, other] : connections_) {
         ofProcess += other.process == connection.process ? other.part.size() : 0;

@@ -54,7 +54,7 @@ private:
     void read(Connections::iterator connection, int packets);
     Reading readPackets(Connection& connection, int packets);
     Reading takePacket(Connection& connection, size_t bytes);
-    bool startPart(Connection& connection, uint64_t length);
+    bool startPart(Connection& connection, size_t length);
     bool olderOnesAreRead(Connections::iterator connection);
     void pauseListening();
     void resumeListening();
