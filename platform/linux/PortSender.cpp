@@ -186,7 +186,7 @@ PortSender::Connection::Outcome PortSender::Connection::sendPacket(const PortPac
         header->write(joined);
         pieces[0].iov_len = PortPacket::kHeaderBytes;
         first = &pieces[0];
-        if (bytes.size() <= kJoinedBytes) {
+        if (!bytes.empty() && bytes.size() <= kJoinedBytes) {
             std::memcpy(joined + PortPacket::kHeaderBytes, bytes.data(), bytes.size());
             pieces[0].iov_len += bytes.size();
         }
