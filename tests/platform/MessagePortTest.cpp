@@ -596,7 +596,7 @@ TEST_F(MessagePortTest, refusesAFolderThatIsNotTheUsersAlone) {
     runtime.write("convey", "");
     isRefused("a file");
     ASSERT_EQ(unlink(folder().c_str()), 0);
-    for (const mode_t mode : {0710, 0701, 0777}) {
+    for (const mode_t mode : {mode_t{0710}, mode_t{0701}, mode_t{0777}}) {
         ASSERT_EQ(mkdir(folder().c_str(), 0700), 0);
         ASSERT_EQ(chmod(folder().c_str(), mode), 0);
         isRefused("open to others");
