@@ -96,6 +96,27 @@ public:
     virtual PortStatistics statistics() const = 0;
 };
 
+// Waits for several ports, and for the things that a thread that serves them must know of.
+//
+// Porting contract: `wait` may end without reason. Threads: one waits, any may do the rest.
+class PortWait {
+public:
+    virtual ~PortWait() = default;
+
+    // From now on a text that arrives at `port` ends a wait, until the port is gone. A text that
+    // was there before ends one wait, and no further one until another arrives.
+    virtual void add(const LocalPort& port) = 0;
+
+    // Whether a port that somebody opens ends a wait too, as far as the system can tell.
+    virtual void watchNames(bool on) = 0;
+
+    // Ends the wait, or the next one when nobody waits.
+    virtual void wake() = 0;
+
+    // Waits at most `timeoutMilliseconds`; false when the time is up.
+    virtual bool wait(int64_t timeoutMilliseconds) = 0;
+};
+
 // Named ports between the processes of one user. A name is any bytes but NUL, at least one.
 class MessagePorts : public Service<MessagePorts> {
 public:
@@ -117,6 +138,9 @@ public:
     // Sends to one name from several threads go one after another.
     virtual SendResult send(const std::string& name, std::string_view text,
                             int64_t timeoutMilliseconds) = 0;
+
+    // A wait for ports that these ports have opened; null when the system gives none.
+    [[nodiscard]] virtual std::unique_ptr<PortWait> newWait() = 0;
 
     static MessagePorts& own();
 };

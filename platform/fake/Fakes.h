@@ -171,6 +171,8 @@ public:
             return nullptr;
         }
         queues_[name];
+        ++changes_;
+        changed_.notify_all();
         return std::make_unique<Port>(*this, name);
     }
     bool isFree(const std::string& name) override {
@@ -194,11 +196,42 @@ public:
             return SendResult::noReceiver;
         }
         queue->second.emplace_back(text);
+        ++changes_;
         changed_.notify_all();
         return SendResult::delivered;
     }
 
+    std::unique_ptr<PortWait> newWait() override { return std::make_unique<Wait>(*this); }
+
 private:
+    // Ends with every change of any port.
+    class Wait : public PortWait {
+    public:
+        explicit Wait(FakeMessagePorts& ports) : ports_(ports) {}
+        void add(const LocalPort&) override {}
+        void watchNames(bool) override {}
+        void wake() override {
+            const std::lock_guard<std::mutex> guard(ports_.mutex_);
+            woken_ = true;
+            ports_.changed_.notify_all();
+        }
+        bool wait(int64_t timeout) override {
+            std::unique_lock<std::mutex> lock(ports_.mutex_);
+            const uint64_t before = seen_;
+            const bool changed =
+                ports_.changed_.wait_for(lock, std::chrono::milliseconds(timeout),
+                                         [&] { return woken_ || ports_.changes_ != before; });
+            seen_ = ports_.changes_;
+            woken_ = false;
+            return changed;
+        }
+
+    private:
+        FakeMessagePorts& ports_;
+        uint64_t seen_ = 0;
+        bool woken_ = false;
+    };
+
     class Port : public LocalPort {
     public:
         Port(FakeMessagePorts& ports, std::string name) : ports_(ports), name_(std::move(name)) {}
@@ -238,6 +271,7 @@ private:
     std::mutex mutex_;
     std::condition_variable changed_;
     std::map<std::string, std::deque<std::string>> queues_;
+    uint64_t changes_ = 0; // texts and names that have come
 };
 
 class FakeLog : public Log {

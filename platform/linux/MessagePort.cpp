@@ -5,6 +5,7 @@
 #include "platform/linux/PortFolder.h"
 #include "platform/linux/PortReceiver.h"
 #include "platform/linux/PortSender.h"
+#include "platform/linux/PortWaiter.h"
 
 namespace platform {
 namespace {
@@ -34,6 +35,8 @@ public:
                     int64_t timeoutMilliseconds) override {
         return sender().send(name, text, timeoutMilliseconds);
     }
+
+    std::unique_ptr<PortWait> newWait() override { return PortWaiter::make(); }
 
 private:
     struct Sender {

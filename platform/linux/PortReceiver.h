@@ -26,6 +26,9 @@ public:
     bool wait(int64_t timeoutMilliseconds, bool soon) override;
     PortStatistics statistics() const override;
 
+    // Readable when something has arrived; to be waited for, not to be read.
+    int events() const { return events_.get(); }
+
 private:
     struct Connection {
         PortDescriptor socket;

@@ -292,6 +292,11 @@ SoString ConveyConnector::getRedirectTo(const SoString& specifier) const {
     return field(specifier, &CVConnectorAppInfo::redirectTo, SoString());
 }
 
+int32_t ConveyConnector::launchTarget(const SoString& /*specifier*/, const SoString& /*parameters*/,
+                                      bool /*inFront*/, ConveyContext* /*context*/) {
+    return 0;
+}
+
 void ConveyConnector::setProcessID(const SoString& specifier, uint32_t pid) {
     ObjectLock lock(*this);
     (void)getAppInfoListLocked()->setProcessID(specifier, pid); // unknown targets have no record

@@ -12,6 +12,8 @@
 
 namespace ScObjects {
 
+class ConveyContext;
+
 class CVConnectorAppInfo;
 class CVConnectorAppInfoList;
 class CVGroups;
@@ -124,6 +126,11 @@ public:
     // It is noted for an exact registration only.
     virtual void setProcessID(const SoString& specifier, uint32_t pid);
     virtual uint32_t getProcessID(const SoString& specifier) const;
+
+    // Starts the application with parameters, in front of others or behind them; 1 when it was
+    // started. This registry knows no way to start one and answers 0.
+    virtual int32_t launchTarget(const SoString& specifier, const SoString& parameters,
+                                 bool inFront, ConveyContext* context);
 
     // Drops records and groups; the next query reads them again.
     virtual void clearCache();

@@ -1,45 +1,186 @@
 #include "scriptobjects/convey/SoCVContext.h"
 
 #include <atomic>
+#include <chrono>
 
 #include "scriptobjects/connector/SoCVConnector.h"
+#include "scriptobjects/convey/SoCVInstance.h"
+#include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoCVMessageGlobals.h"
+#include "scriptobjects/convey/SoCVSetupThread.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
+#include "scriptobjects/convey/SoCVThread.h"
+#include "scriptobjects/convey/SoCVUtils.h"
 
 namespace ScObjects {
 namespace {
 
 constinit std::atomic<ConveyContext*> gCurrentContext{nullptr};
 constinit std::atomic<uint32_t> gLastSerialNumber{1}; // handed out by any context
+constinit std::atomic<bool> gFirstCallSeen{false};
+
+constexpr const char* kBuild = "ES 4.5.6";
 
 } // namespace
 
 ConveyContext::ConveyContext(const SoString& appSpecifier)
-    : appSpecifier_(appSpecifier), serialNumber_(gLastSerialNumber.load()) {}
+    : serialNumber_(gLastSerialNumber.load()),
+      thread_(std::make_unique<ConveyThread>(this, appSpecifier)) {
+    thread_->start();
+}
 
 ConveyContext::~ConveyContext() {
+    // Without a lock: the thread may need each of them to come to its end.
+    if (thread_->stop()) {
+        (void)thread_->waitForRunExit();
+        thread_.reset();
+    } else {
+        (void)thread_.release(); // this is its own thread, which ends by itself
+    }
     ConveyContext* self = this;
     gCurrentContext.compare_exchange_strong(self, nullptr);
-}
-
-ConveyContext* ConveyContext::getCurrentContext() {
-    return gCurrentContext.load(std::memory_order_acquire);
-}
-
-void ConveyContext::setCurrentContext(ConveyContext* context) {
-    ConveyContext* old = gCurrentContext.exchange(context, std::memory_order_acq_rel);
-    if (old != context) {
-        delete old;
+    while (Convey* instance = getNthInstance(0)) {
+        delete instance; // which removes itself
     }
 }
 
-ConveyConnector* ConveyContext::getConnector() const {
-    return ConveyConnector::get();
+ConveyContext* ConveyContext::currentContextNow() {
+    return gCurrentContext.load(std::memory_order_acquire);
 }
 
-SoString ConveyContext::getAppSpecifier() const {
-    Convey::Specifier own(appSpecifier_.c_str(), !Convey::Specifier::isFixUpUnderWay());
-    own.setSuffix(SoString());
-    return own;
+ConveyContext* ConveyContext::getCurrentContext() {
+    ConveyContext* const context = currentContextNow();
+    if (context != nullptr && gFirstCallSeen.load(std::memory_order_relaxed)) {
+        return context;
+    }
+    if (context != nullptr) {
+        gFirstCallSeen.store(true, std::memory_order_relaxed);
+    }
+    (void)ConveySetupThread::syncWithSetupThread();
+    return currentContextNow();
+}
+
+void ConveyContext::setCurrentContext(ConveyContext* context) {
+    ConveyContext* const old = currentContextNow();
+    if (old == context) {
+        return;
+    }
+    if (old != nullptr && context != nullptr) {
+        context->appendContext(*old);
+        const ObjectLock guard(*context);
+        gLastSerialNumber.store(context->serialNumber_);
+    }
+    // The old one stays the current one while it ends, as its instances may need one.
+    if (context != nullptr) {
+        gCurrentContext.store(context, std::memory_order_release);
+    }
+    delete old;
+    gCurrentContext.store(context, std::memory_order_release);
+}
+
+void ConveyContext::appendContext(ConveyContext& other) {
+    std::vector<Convey*> moved;
+    Convey* main = nullptr;
+    uint32_t number = 0;
+    {
+        const ObjectLock guard(other);
+        number = other.serialNumber_;
+        main = other.mainInstance_;
+        other.mainInstance_ = nullptr;
+        while (Convey* instance = other.instances_.removeAt(0)) {
+            moved.push_back(instance);
+        }
+    }
+    const ObjectLock guard(*this);
+    serialNumber_ = std::max(serialNumber_, number);
+    for (Convey* instance : moved) {
+        instance->data()->setContext(this);
+        if (findInstance(instance) == nullptr) {
+            appendInstance(instance);
+        }
+    }
+    mainInstance_ = main;
+}
+
+Convey* ConveyContext::findInstance(Convey* instance) {
+    const ObjectLock guard(*this);
+    for (int32_t i = 0; i < instances_.count(); ++i) {
+        if (instances_[i] == instance) {
+            return instance;
+        }
+    }
+    return nullptr;
+}
+
+Convey* ConveyContext::findInstance(const SoString& appName) {
+    const ObjectLock guard(*this);
+    for (int32_t i = 0; i < instances_.count(); ++i) {
+        if (instances_[i]->getAppName() == appName) {
+            return instances_[i];
+        }
+    }
+    return nullptr;
+}
+
+std::shared_ptr<ConveyData::PrivateData> ConveyContext::pin(const SoString& appName) const {
+    const ObjectLock guard(*this);
+    for (int32_t i = 0; i < instances_.count(); ++i) {
+        if (instances_[i]->getAppName() == appName) {
+            return instances_[i]->data();
+        }
+    }
+    return nullptr;
+}
+
+std::shared_ptr<ConveyData::PrivateData> ConveyContext::pinMain() const {
+    const ObjectLock guard(*this);
+    return mainInstance_ == nullptr ? nullptr : mainInstance_->data();
+}
+
+std::shared_ptr<ConveyData::PrivateData> ConveyContext::pinNth(int32_t index) const {
+    const ObjectLock guard(*this);
+    return index < 0 || index >= instances_.count() ? nullptr : instances_[index]->data();
+}
+
+void ConveyContext::appendInstance(Convey* instance) {
+    if (instance == nullptr) {
+        return;
+    }
+    {
+        const ObjectLock guard(*this);
+        instances_.append(instance);
+    }
+    if (thread_ != nullptr) {
+        thread_->watchInstances();
+    }
+}
+
+void ConveyContext::removeInstance(Convey* instance) {
+    const ObjectLock guard(*this);
+    instances_.remove(instance);
+    if (mainInstance_ == instance) {
+        mainInstance_ = nullptr;
+    }
+}
+
+int32_t ConveyContext::getNumberOfInstances() const {
+    const ObjectLock guard(*this);
+    return instances_.count();
+}
+
+Convey* ConveyContext::getNthInstance(int32_t index) {
+    const ObjectLock guard(*this);
+    return index < 0 || index >= instances_.count() ? nullptr : instances_[index];
+}
+
+void ConveyContext::setMainInstance(Convey* instance) {
+    const ObjectLock guard(*this);
+    mainInstance_ = instance;
+}
+
+Convey* ConveyContext::getMainInstance() {
+    const ObjectLock guard(*this);
+    return mainInstance_;
 }
 
 uint32_t ConveyContext::getNextSerialNumber() {
@@ -47,6 +188,93 @@ uint32_t ConveyContext::getNextSerialNumber() {
     const uint32_t number = serialNumber_++;
     gLastSerialNumber.store(number);
     return number;
+}
+
+bool ConveyContext::isLogging() const {
+    const ObjectLock guard(*this);
+    return logging_;
+}
+
+void ConveyContext::setLogging(bool on) {
+    const ObjectLock guard(*this);
+    logging_ = on;
+}
+
+ConveyConnector* ConveyContext::getConnector() const {
+    return ConveyConnector::get();
+}
+
+SoString ConveyContext::getAppSpecifier() const {
+    const auto main = pinMain();
+    if (main == nullptr && thread_ == nullptr) {
+        return SoString();
+    }
+    // Completing the own specifier needs the answer that a fix-up under way is working out.
+    Convey::Specifier own(main != nullptr ? main->appName().c_str()
+                                          : thread_->getSpecifier().c_str(),
+                          main == nullptr && !Convey::Specifier::isFixUpUnderWay());
+    own.setSuffix(SoString());
+    return own;
+}
+
+SoString ConveyContext::getSignature() const {
+    const ObjectLock guard(*this);
+    if (signature_.isEmpty()) {
+        signature_ = ConveyUtils::getSignature();
+    }
+    return signature_;
+}
+
+void ConveyContext::appendDiagnostics(SoString& out, const SoString& path) const {
+    const Convey::Specifier own(getAppSpecifier().c_str(), false);
+    const auto row = [&](const char* name, const char* label, const SoString& value) {
+        out << path << name << ";0;" << label << ";" << value << ";\n";
+    };
+    out << path << "/context;1;Info;;\n";
+    row("/name", "Name", own);
+    row("/status", "Status", own.status());
+    const SoString group = own.group(nullptr);
+    if (!group.isEmpty()) {
+        row("/group", "Group", group);
+    }
+    row("/path", "Path", own.getApplicationPath(nullptr));
+    row("/version", "Version", Convey::kVersion);
+    row("/build", "Build", kBuild);
+    SoString number;
+    bool logging = false;
+    {
+        const ObjectLock guard(*this);
+        number << serialNumber_ + 1;
+        logging = logging_;
+    }
+    row("/nextsnr", "Next serial number", number);
+    row("/logging", "Logging:", logging ? "ON" : "OFF");
+    row("/now", "Now", ConveyUtils::getTimeString(nullptr));
+    out << path << "/messages;1;Messages;;\n";
+    row("/messages/version", "Message Version", Convey::Message().getVersion());
+    row("/messages/authentication", "Authentication",
+        Convey::Message::getAuthentication() ? "ON" : "OFF");
+    row("/messages/digest", "Digest",
+        ConveyData::MessageGlobals::get()->getCreateDigest() ? "ON" : "OFF");
+}
+
+uint64_t ConveyContext::activity() const {
+    const std::lock_guard<std::mutex> guard(activityMutex_);
+    return activity_;
+}
+
+void ConveyContext::noteActivity() {
+    {
+        const std::lock_guard<std::mutex> guard(activityMutex_);
+        ++activity_;
+    }
+    activityChanged_.notify_all();
+}
+
+void ConveyContext::waitForActivity(uint64_t seen, int64_t milliseconds) {
+    std::unique_lock<std::mutex> lock(activityMutex_);
+    activityChanged_.wait_for(lock, std::chrono::milliseconds(milliseconds),
+                              [&] { return activity_ != seen; });
 }
 
 } // namespace ScObjects

@@ -1,45 +1,98 @@
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
+#include <memory>
+#include <mutex>
+#include <vector>
 
+#include "scriptobjects/convey/SoConvey.h"
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoString.h"
 #include "scriptobjects/core/SoThread.h"
+#include "scriptobjects/core/SoVector.h"
 
 namespace ScObjects {
 
 class ConveyConnector;
+class ConveyThread;
 
-// The messaging state of this process: under which specifier it takes part. One context at a time
-// is the current one; the start of the layer makes it, the end of the layer deletes it.
+// The messaging state of this process: its instances, its background thread, the count of its
+// messages. One context at a time is the current one; the start of the layer makes it, the end of
+// the layer deletes it.
 //
-// Threads: any. The specifier is fixed at construction.
+// Owns its thread and its instances: the destructor stops the one, without holding a lock, and
+// deletes the others. Threads: any.
 class SO_EXPORT ConveyContext : public SoLockable {
 public:
-    // `appSpecifier`: the specifier of this application.
+    // `appSpecifier`: the specifier of this application. Starts the background thread.
     explicit ConveyContext(const SoString& appSpecifier);
     ~ConveyContext() override;
 
-    // The current context, or null; good until it is replaced.
+    // The current context, or null; good until it is replaced. Waits for a setup that is under way.
     static ConveyContext* getCurrentContext();
+    // The same without waiting.
+    static ConveyContext* currentContextNow();
 
     // Makes `context` (owned from now on; null for none) the current one and deletes the one that
-    // was. The same context again changes nothing. No other thread may be using the old one.
+    // was, after `context` has taken over its instances. The same context again changes nothing. No
+    // other thread may be using the old one.
     static void setCurrentContext(ConveyContext* context);
 
-    // The process-wide registry, or null.
-    ConveyConnector* getConnector() const;
+    // Takes over the instances, the main instance and the count of another context, which keeps
+    // none of them.
+    void appendContext(ConveyContext& other);
 
-    // The specifier of this application, fixed up, without suffix.
-    SoString getAppSpecifier() const;
+    // The instance itself when it belongs to this context; the first one of a name; else null.
+    Convey* findInstance(Convey* instance);
+    Convey* findInstance(const SoString& appName);
+    void appendInstance(Convey* instance);
+    void removeInstance(Convey* instance);
+    int32_t getNumberOfInstances() const;
+    // Null out of range.
+    Convey* getNthInstance(int32_t index);
+    void setMainInstance(Convey* instance);
+    Convey* getMainInstance();
 
     // A number for the next message. The first of a process is 1; a context that is made later goes
     // on with the number handed out last, so its first one repeats that.
     uint32_t getNextSerialNumber();
 
+    bool isLogging() const;
+    void setLogging(bool on);
+    // The background thread, good as long as the context.
+    ConveyThread* getThread() const { return thread_.get(); }
+    // The process-wide registry, or null.
+    ConveyConnector* getConnector() const;
+    // The specifier of this application without suffix: the main instance's name, else what the
+    // background thread is named after, fixed up.
+    SoString getAppSpecifier() const;
+    // How this process identifies its user; see ConveyUtils::getSignature.
+    SoString getSignature() const;
+    // Appends the context's rows of the diagnostics text.
+    void appendDiagnostics(SoString& out, const SoString& path) const;
+
+    // For the layer's own parts: instances that stay usable while others delete them.
+    std::shared_ptr<ConveyData::PrivateData> pin(const SoString& appName) const;
+    std::shared_ptr<ConveyData::PrivateData> pinMain() const;
+    std::shared_ptr<ConveyData::PrivateData> pinNth(int32_t index) const;
+
+    // Raised whenever a message comes in or a handler goes: what waits looks again. `wait` returns
+    // when it is no longer `seen`, or after so many milliseconds.
+    uint64_t activity() const;
+    void noteActivity();
+    void waitForActivity(uint64_t seen, int64_t milliseconds);
+
 private:
-    const SoString appSpecifier_;
     uint32_t serialNumber_ SO_GUARDED_BY(this);
+    SoVector<Convey> instances_ SO_GUARDED_BY(this);
+    Convey* mainInstance_ SO_GUARDED_BY(this) = nullptr;
+    bool logging_ SO_GUARDED_BY(this) = false;
+    mutable SoString signature_ SO_GUARDED_BY(this);
+    mutable std::mutex activityMutex_;
+    std::condition_variable activityChanged_;
+    uint64_t activity_ = 0;                // under activityMutex_
+    std::unique_ptr<ConveyThread> thread_; // last: it uses what is above
 };
 
 } // namespace ScObjects

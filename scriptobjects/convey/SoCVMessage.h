@@ -146,6 +146,9 @@ public:
     // Replaces `out` by the message as a person reads it, under a heading with `label`. True.
     bool logToString(const char* label, SoString& out, bool withBody) const;
 
+    // Appends the message's rows of the diagnostics text under the path `root`.
+    void appendDiagnostics(SoString& out, const SoString& root) const;
+
 private:
     struct ReadState;
 

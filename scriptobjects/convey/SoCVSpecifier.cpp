@@ -5,8 +5,14 @@
 
 #include "scriptobjects/connector/SoCVConnector.h"
 #include "scriptobjects/convey/SoCVContext.h"
+#include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoCVPing.h"
+#include "scriptobjects/convey/SoCVSetupThread.h"
+#include "scriptobjects/convey/SoCVThread.h"
 #include "scriptobjects/convey/SoCVUtils.h"
+#include "scriptobjects/convey/SoCVUtilsCore.h"
 #include "scriptobjects/core/SoNumber.h"
+#include "scriptobjects/stream/InterAppStream.h"
 
 namespace ScObjects {
 namespace {
@@ -109,6 +115,41 @@ LocaleChoice chooseExact(const std::vector<SoString>& registrations, double vers
         choice.other = registration;
     }
     return choice;
+}
+
+constexpr int32_t kStatusSeconds = 2;
+constexpr int32_t kProbeMilliseconds = 1000; // a live target takes far less
+constexpr int kSenderNames = 10;
+
+// Sends a message that nobody answers to see whether somebody owns the name.
+bool probe(const SoString& own, const SoString& target, const char* type, uint32_t serial) {
+    if (own == target) {
+        return true;
+    }
+    const InterAppStream* const stream = InterAppStream::get();
+    if (stream == nullptr || stream->canOpen(target, false)) {
+        return false;
+    }
+    // An answer, if there is one all the same, must not reach anybody.
+    SoString sender;
+    for (int attempt = 0; attempt <= kSenderNames; ++attempt) {
+        sender = own;
+        if (attempt > 0) {
+            sender << "_" << newPingNumber();
+        }
+        sender << "#" << type;
+        if (stream->canOpen(sender, false)) {
+            break;
+        }
+    }
+    Convey::Message message;
+    message.setTarget(target);
+    message.setSender(sender);
+    message.setType(type);
+    message.setSerialNumber(serial);
+    SoString text;
+    return stream->isGood() && message.writeToString(text) &&
+           stream->send(target, text, kProbeMilliseconds);
 }
 
 } // namespace
@@ -425,8 +466,34 @@ bool Convey::Specifier::isRunning() const {
     if (isEmpty()) {
         return false;
     }
-    const ConveyContext* context = ConveyContext::getCurrentContext();
-    return context != nullptr && context->getAppSpecifier() == *this;
+    SoString own;
+    uint32_t serial = 0;
+    ConveyContext* const context =
+        ConveySetupThread::isSetupThreadRunning() ? nullptr : ConveyContext::getCurrentContext();
+    if (context != nullptr) {
+        own = context->getAppSpecifier();
+        serial = context->getNextSerialNumber();
+    } else {
+        own = "Unknown";
+        own << ConveyUtils::getUTCTimeMilliSeconds();
+    }
+    if (own == *this) {
+        return true;
+    }
+    return (suffix().isEmpty() && probe(own, ConveyThread::createThreadSpecifier(*this),
+                                        ConveyThread::CV_PING, serial)) ||
+           probe(own, *this, "Tessaly", serial);
+}
+
+bool Convey::Specifier::isBusy() const {
+    const InterAppStream* const stream = InterAppStream::get();
+    return !isEmpty() && stream != nullptr && stream->isGood() &&
+           ConveyUtils::ping(*this, true, ConveyThread::CV_STATUS, newPingNumber(), kStatusSeconds,
+                             nullptr, nullptr) == ConveyThread::CV_BUSY;
+}
+
+SoString Convey::Specifier::status() const {
+    return Thread::ping(c_str(), ConveyThread::CV_STATUS, kStatusSeconds, nullptr);
 }
 
 bool Convey::Specifier::registerApplication(const SoString& path, const SoString* detail,

@@ -90,9 +90,14 @@ public:
     // True when the application is registered with a path.
     [[nodiscard]] bool isInstalled() const;
 
-    // True when the endpoint is the calling application itself. Without message streams no other
-    // process can be asked.
+    // True when somebody owns the endpoint, or, without a suffix, the application's background
+    // thread; and for the calling application itself. Sends the target a message that asks for
+    // nothing; waits for a second at most.
     [[nodiscard]] bool isRunning() const;
+    // True when the target says that it is busy. Waits for two seconds at most.
+    [[nodiscard]] bool isBusy() const;
+    // What the target says of its status, or why it says nothing; see Convey::Thread::ping.
+    SoString status() const;
 
     // Change the registry, if it can be changed through this program: see the connector.
     bool registerApplication(const SoString& path, const SoString* detail, bool flag) const;

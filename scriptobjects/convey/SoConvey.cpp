@@ -1,39 +1,160 @@
 #include "scriptobjects/convey/SoConvey.h"
 
+#include <algorithm>
+#include <atomic>
+#include <cstring>
 #include <new>
+#include <string>
 
 #include "scriptobjects/connector/PCDConnector.h"
 #include "scriptobjects/connector/SoCVConnector.h"
 #include "scriptobjects/convey/SoCVContext.h"
+#include "scriptobjects/convey/SoCVInstance.h"
+#include "scriptobjects/convey/SoCVMessageGlobals.h"
+#include "scriptobjects/convey/SoCVSetupThread.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
+#include "scriptobjects/convey/SoCVThread.h"
 #include "scriptobjects/convey/SoCVUtils.h"
+#include "scriptobjects/convey/SoCVUtilsCore.h"
 #include "scriptobjects/core/SoString.h"
 #include "scriptobjects/core/SoThread.h"
+#include "scriptobjects/stream/InterAppStream.h"
 
 namespace ScObjects {
 namespace {
 
-// The words of a ping's answer that the registry alone can give.
-constexpr const char* kInvalidSpecifier = "INVALIDSPEC";
-constexpr const char* kUndefined = "UNDEFINED";
-constexpr const char* kIsNotInstalled = "ISNOTINSTALLED";
-constexpr const char* kIsNotRunning = "ISNOTRUNNING";
+constexpr size_t kMaximumTargetBytes = 256;
+constexpr size_t kMaximumParameterBytes = 65536;
+constexpr uint32_t kLaunchSeconds = 300;
+constexpr uint32_t kRefreshSeconds = 60;
+// This application is launched without parameters and fetches them by itself.
+constexpr const char* kLaunchedWithoutParameters = "docsafe-8.0";
 
-// Loads the registry before anybody waits for it and makes the shared context.
-bool runSetup(const SoString& appSpecifier) {
-    (void)Convey::getNumberOfRegisteredApplications();
-    const Convey::Specifier specifier(appSpecifier.c_str(), true);
-    if (specifier.isEmpty()) {
-        return false;
-    }
-    ConveyContext::setCurrentContext(new ConveyContext(specifier));
-    return true;
+constinit std::atomic<uint32_t> gLastRefresh{0}; // seconds since 1970
+
+// What `InitTerm::init` has started, in the reverse order.
+void shutDown() {
+    ConveySetupThread::reset();
+    ScObjects::Thread::InitTerm::exit();
+    ConveyData::MessageGlobals::exit();
+    ConveyConnector::InitTerm::exit();
+    InterAppStream::InitTerm::exit();
+    ConveyUtils::exit();
 }
 
-void shutDown() {
-    ScObjects::Thread::InitTerm::exit();
-    ConveyConnector::InitTerm::exit();
-    ConveyUtils::exit();
+ConveyThread* mainThread() {
+    return ConveyThread::getMainThread();
+}
+
+void setStatus(const char* status) {
+    if (ConveyThread* thread = mainThread()) {
+        (void)thread->setKeyValuePair(ConveyThread::CV_STATUS, status);
+    }
+}
+
+// The parameters of an application that is being launched, as it finds them.
+SoString launchParametersFor(const Convey::Specifier& target, const char* parameters) {
+    SoString text("-specifier ");
+    text << target << " -nostartupscreen";
+    const SoString instance = target.instance();
+    if (!instance.isEmpty()) {
+        text << " -instance " << instance;
+    }
+    if (parameters != nullptr && *parameters != '\0') {
+        text << " " << parameters;
+    }
+    return text;
+}
+
+SoString pathOf(const Convey::Specifier& target, const SoString& own) {
+    SoString path = target.getApplicationPath(own.c_str());
+    if (path.isEmpty()) {
+        Convey::Specifier whole(target);
+        (void)whole.setInstance(SoString());
+        path = whole.getApplicationPath(own.c_str());
+    }
+    return path;
+}
+
+// Queues the parameters for the target, which fetches them when it starts.
+void queueLaunchParameters(ConveyContext& context, ConveyData::PrivateData& main,
+                           const Convey::Specifier& target, const SoString& parameters) {
+    auto message = std::make_unique<Convey::Message>();
+    message->setTarget(ConveyUtils::getLaunchMsgQueueName(target));
+    message->setSender(main.appName());
+    message->setType("LaunchParams");
+    message->setSerialNumber(context.getNextSerialNumber());
+    message->setTimeout(kLaunchSeconds);
+    message->setBody(parameters);
+    if (main.outgoing().append(message.get())) {
+        (void)message.release(); // the queue's now
+    }
+}
+
+int32_t launch(const char* targetText, const char* parameters, int32_t focus,
+               ConveyContext& context) {
+    const auto main = context.pinMain();
+    Convey::Specifier target(targetText, true);
+    if (main == nullptr || target.isEmpty() || context.pin(target) != nullptr) {
+        return 0;
+    }
+    (void)target.setSuffix(SoString());
+    if (target.isRunning()) {
+        return 1;
+    }
+    ConveyConnector* const connector = ConveyConnector::get();
+    if (connector == nullptr || pathOf(target, context.getAppSpecifier()).isEmpty()) {
+        return 0;
+    }
+    const SoString text = launchParametersFor(target, parameters);
+    Convey::Specifier keyName(target);
+    (void)keyName.setInstance(SoString());
+    SoString key("LAUNCHPARAMS:");
+    key << keyName;
+    ConveyThread* const thread = context.getThread();
+    (void)thread->setKeyValuePair(key, text);
+    (void)thread->setTimeout(key, kLaunchSeconds);
+    const bool withoutParameters = target == kLaunchedWithoutParameters ||
+                                   text.view().find("-noparam") != std::string_view::npos;
+    queueLaunchParameters(context, *main, target, text);
+    const int32_t result = connector->launchTarget(target, withoutParameters ? SoString() : text,
+                                                   focus == 0, &context);
+    if (result != 1) {
+        (void)thread->setKeyValuePair(key, SoString());
+    }
+    return result;
+}
+
+// The rows as text for people: a heading for each group, indented by its depth.
+SoString formatted(const SoString& rows) {
+    SoString text("Convey Diagnostics\n----------------------\n");
+    std::string_view rest = rows.view();
+    while (!rest.empty()) {
+        const size_t end = std::min(rest.find('\n'), rest.size() - 1) + 1;
+        const SoString row(rest.data(), static_cast<int32_t>(end));
+        rest.remove_prefix(end);
+        SoString path;
+        SoString label;
+        SoString value;
+        bool isHeading = false;
+        if (!ConveyUtils::parseInfoLine(row, path, label, value, isHeading)) {
+            continue;
+        }
+        const std::string_view steps = path.view().substr(1);
+        const SoString indentation(
+            std::string(static_cast<size_t>(std::count(steps.begin(), steps.end(), '/')), '\t')
+                .c_str());
+        if (isHeading) {
+            text << "\n" << indentation << label << ": " << value << "\n";
+        } else {
+            text << indentation << label;
+            if (!value.isEmpty()) {
+                text << " = " << value;
+            }
+            text << "\n";
+        }
+    }
+    return text;
 }
 
 // The value of `query`, or `neutral` when memory ran out: nothing is thrown at the host.
@@ -58,52 +179,207 @@ Value askConnector(Value neutral, Query&& query) noexcept {
 
 } // namespace
 
-bool Convey::InitTerm::init(const SoString& appSpecifier, bool /*synchronous*/) {
-    if (ConveyContext::getCurrentContext() != nullptr) {
+bool Convey::InitTerm::init(const SoString& appSpecifier, bool synchronous) {
+    if (ConveyContext::currentContextNow() != nullptr ||
+        ConveySetupThread::isSetupThreadRunning()) {
         return false;
     }
     return guarded(false, [&] {
         ConveyUtils::init();
+        InterAppStream::InitTerm::init(appSpecifier);
         ConveyConnector::InitTerm::init(appSpecifier);
+        ConveyData::MessageGlobals::init();
         ScObjects::Thread::InitTerm::init();
-        if (runSetup(appSpecifier)) {
-            return true;
+        const bool started = synchronous ? ConveySetupThread::runSetup(appSpecifier)
+                                         : ConveySetupThread::startSetupThread(appSpecifier);
+        if (!started) {
+            shutDown();
         }
-        shutDown();
-        return false;
+        return started;
     });
 }
 
 bool Convey::InitTerm::exit() {
-    if (ConveyContext::getCurrentContext() == nullptr) {
+    (void)ConveySetupThread::syncWithSetupThread();
+    ConveyContext* const context = ConveyContext::currentContextNow();
+    if (context == nullptr || context->getThread()->isOwnThread()) {
         return false;
     }
-    ConveyContext::setCurrentContext(nullptr);
-    shutDown();
-    return true;
+    return guarded(false, [] {
+        ConveyContext::setCurrentContext(nullptr);
+        if (ConveyContext::currentContextNow() != nullptr) {
+            return false; // one was put in place meanwhile
+        }
+        shutDown();
+        return true;
+    });
 }
 
-SoString Convey::Thread::ping(const char* target, const char* /*key*/, int32_t /*timeoutSeconds*/,
-                              const SoString* /*parameters*/) {
-    const ConveyContext* context = ConveyContext::getCurrentContext();
-    if (context == nullptr) {
-        return SoString();
-    }
+bool Convey::Thread::setPingValue(const SoString& key, const SoString& value) {
+    return guarded(false, [&] {
+        ConveyThread* const thread = mainThread();
+        return thread != nullptr && thread->setKeyValuePair(key, value);
+    });
+}
+
+SoString Convey::Thread::getPingValue(const SoString& key) {
     return guarded(SoString(), [&] {
-        Specifier specifier(target, true);
-        specifier.setSuffix(SoString());
-        if (specifier.isEmpty()) {
-            return SoString(kInvalidSpecifier);
+        const ConveyThread* const thread = mainThread();
+        return thread == nullptr ? SoString() : thread->getValueForKey(key);
+    });
+}
+
+bool Convey::Thread::setPingHandler(const SoString& key, MsgHandler* handler) {
+    return guarded(false, [&] {
+        ConveyThread* const thread = mainThread();
+        if (thread == nullptr) {
+            delete handler; // owned from the call on
+            return false;
         }
-        if (specifier == context->getAppSpecifier()) {
-            return SoString(kUndefined);
+        return thread->setHandler(key, handler);
+    });
+}
+
+Convey::MsgHandler* Convey::Thread::getPingHandler(const SoString& key) {
+    const ConveyThread* const thread = mainThread();
+    return thread == nullptr ? nullptr : thread->findHandler(key);
+}
+
+SoString Convey::Thread::ping(const char* target, const char* key, int32_t timeoutSeconds,
+                              const SoString* parameters) {
+    return guarded(SoString(), [&] {
+        const ConveyThread* const thread = mainThread();
+        if (thread == nullptr) {
+            return SoString();
         }
-        return SoString(specifier.isInstalled() ? kIsNotRunning : kIsNotInstalled);
+        const SoString name(target);
+        const SoString whole = name == "allRunningApps" ? name : Specifier(target, true);
+        return thread->ping(whole, SoString(key), timeoutSeconds, parameters);
     });
 }
 
 ConveyContext* Convey::getSharedContext() {
     return ConveyContext::getCurrentContext();
+}
+
+void Convey::setSharedContext(ConveyContext* context) {
+    ConveyContext::setCurrentContext(context);
+}
+
+Convey* Convey::get(ConveyContext* context) {
+    context = context != nullptr ? context : ConveyContext::getCurrentContext();
+    return context == nullptr ? nullptr : context->getMainInstance();
+}
+
+Convey* Convey::get(const char* appName, ConveyContext* context) {
+    context = context != nullptr ? context : ConveyContext::getCurrentContext();
+    return context == nullptr ? nullptr : guarded<Convey*>(nullptr, [&] {
+        return context->findInstance(SoString(appName));
+    });
+}
+
+void Convey::set(Convey* instance, ConveyContext* context) {
+    context = context != nullptr ? context : ConveyContext::getCurrentContext();
+    if (context != nullptr) {
+        context->setMainInstance(instance);
+    }
+}
+
+bool Convey::sendThroughMainInstance(Message& message) {
+    const ConveyContext* const context = ConveyContext::currentContextNow();
+    const auto main = context == nullptr ? nullptr : context->pinMain();
+    return main != nullptr && main->send(message, false, 0, nullptr);
+}
+
+bool Convey::targetIsRunning(const char* target) {
+    return guarded(false, [target] { return Specifier(target, true).isRunning(); });
+}
+
+int32_t Convey::launchTarget(const char* target, const char* parameters, int32_t focus,
+                             ConveyContext* context) {
+    if (target == nullptr || std::strlen(target) > kMaximumTargetBytes ||
+        (parameters != nullptr && std::strlen(parameters) > kMaximumParameterBytes)) {
+        return 0;
+    }
+    context = context != nullptr ? context : ConveyContext::getCurrentContext();
+    return context == nullptr
+               ? 0
+               : guarded(0, [&] { return launch(target, parameters, focus, *context); });
+}
+
+bool Convey::pump(EnabledOperations operations, ConveyContext* context) {
+    if (context == nullptr) {
+        context = ConveySetupThread::isSetupThreadRunning() ? nullptr
+                                                            : ConveyContext::getCurrentContext();
+    }
+    if (context == nullptr) {
+        return false;
+    }
+    return guarded(false, [&] {
+        const uint32_t now = ConveyUtils::getTimeSeconds();
+        uint32_t last = gLastRefresh.load();
+        if (now - last >= kRefreshSeconds && gLastRefresh.compare_exchange_strong(last, now)) {
+            if (ConveyConnector* connector = ConveyConnector::get()) {
+                (void)connector->updateCache(false);
+            }
+        }
+        setStatus(ConveyThread::CV_PUMPING);
+        bool processed = false;
+        for (int32_t i = 0; const auto instance = context->pinNth(i); ++i) {
+            if ((operations & kProcessIncoming) != 0) {
+                while (instance->processIncoming(kAnySerialNumber, true)) {
+                    processed = true;
+                }
+            }
+            if ((operations & kProcessOutgoing) != 0) {
+                instance->processOutgoing(false);
+            }
+        }
+        setStatus(ConveyThread::CV_IDLE);
+        return processed;
+    });
+}
+
+bool Convey::pumpOrWait(uint32_t milliseconds, ConveyContext* context) {
+    ConveyContext* const current =
+        context != nullptr ? context : ConveyContext::getCurrentContext();
+    if (current == nullptr) {
+        return false;
+    }
+    const uint64_t seen = current->activity();
+    if (pump(kProcessBoth, current)) {
+        return true;
+    }
+    current->waitForActivity(seen, milliseconds);
+    return pump(kProcessBoth, current);
+}
+
+void Convey::getDiagnostics(SoString& out, bool formattedText) {
+    (void)guarded(false, [&] {
+        SoString rows;
+        const ConveyContext* const context = ConveyContext::getCurrentContext();
+        if (context != nullptr) {
+            SoString root("/");
+            root << getSharedAppName();
+            context->appendDiagnostics(rows, root);
+            context->getThread()->appendDiagnostics(rows, root);
+            root << "/instances";
+            rows << root << ";1;Instances;" << context->getNumberOfInstances() << ";\n";
+            for (int32_t i = 0; const auto instance = context->pinNth(i); ++i) {
+                instance->appendDiagnostics(rows, root);
+            }
+        }
+        out = formattedText ? formatted(rows) : rows;
+        return true;
+    });
+}
+
+SoString Convey::getLaunchOptions() {
+    return Thread::getPingValue(ConveyThread::CV_LAUNCHPARAMS);
+}
+
+bool Convey::suppressStartupScreen() {
+    return getLaunchOptions().view().find("-nostartupscreen") != std::string_view::npos;
 }
 
 int32_t Convey::getNumberOfRegisteredApplications() {
@@ -130,7 +406,33 @@ SoString Convey::getSharedAppName() {
                : guarded(SoString(), [context] { return context->getAppSpecifier(); });
 }
 
+bool Convey::useConnector(const SoString& name) {
+    return guarded(false, [&] {
+        ConveyConnector* const current = ConveyConnector::get();
+        if (current != nullptr && name == "refresh") {
+            current->clearCache();
+            return true;
+        }
+        const SoString type = name.isEmpty() || name == "default" ? SoString("PCD") : name;
+        if (current != nullptr && current->getName() == type) {
+            return true;
+        }
+        const SoString own = getSharedAppName();
+        ConveyConnector* const connector = ConveyUtils::createConnector(own, type);
+        if (connector == nullptr) {
+            return false;
+        }
+        ConveyConnector::set(connector);
+        Message::setAuthentication(connector->getMessageAuthentication(own));
+        Message::setCreateDigest(connector->getMessageDigest(own));
+        return true;
+    });
+}
+
 bool Convey::updateConnectorCache(bool force) {
+    if (ConveyConnector::get() == nullptr && !useConnector("default")) {
+        return false;
+    }
     return askConnector(false, [force](ConveyConnector& c) { return c.updateCache(force); });
 }
 

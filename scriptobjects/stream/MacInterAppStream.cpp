@@ -48,14 +48,32 @@ MacInterAppStream::MacInterAppStream(const SoString& name, bool flag)
     : BaseInterAppStream(name, flag), port_(openPort(name)) {}
 
 MacInterAppStream::~MacInterAppStream() {
-    const ObjectLock guard(*this);
-    while (drawn_.count() > 0) {
-        delete drawn_.removeAt(drawn_.count() - 1);
-    }
+    close();
 }
 
 bool MacInterAppStream::isGood() const {
-    return port_ != nullptr;
+    return port() != nullptr;
+}
+
+std::shared_ptr<platform::LocalPort> MacInterAppStream::port() const {
+    const ObjectLock guard(*this);
+    return port_;
+}
+
+void MacInterAppStream::close() {
+    const ObjectLock guard(*this);
+    port_.reset();
+    while (drawn_.count() > 0) {
+        delete drawn_.removeAt(drawn_.count() - 1);
+    }
+    drawnBytes_ = 0;
+}
+
+void MacInterAppStream::watch(platform::PortWait& wait) const {
+    const ObjectLock guard(*this);
+    if (port_ != nullptr) {
+        wait.add(*port_);
+    }
 }
 
 bool MacInterAppStream::hasDrawn() const {
@@ -67,7 +85,7 @@ bool MacInterAppStream::hasDrawn() const {
 bool MacInterAppStream::draw(int32_t maximumTexts) const {
     const ObjectLock guard(*this);
     platform::PortText received;
-    for (; maximumTexts > 0 && drawn_.count() < kMaximumDrawnTexts &&
+    for (; port_ != nullptr && maximumTexts > 0 && drawn_.count() < kMaximumDrawnTexts &&
            drawnBytes_ < kMaximumDrawnBytes && port_->take(received);
          --maximumTexts) {
         auto data = std::make_unique<DataRef>(received);
@@ -78,20 +96,15 @@ bool MacInterAppStream::draw(int32_t maximumTexts) const {
 }
 
 bool MacInterAppStream::messagePending() const {
-    return isGood() && draw(kMaximumDrawnTexts);
+    return draw(kMaximumDrawnTexts);
 }
 
 bool MacInterAppStream::waitForMessage(int32_t timeoutMilliseconds, bool soon) const {
-    if (!isGood()) {
-        return false;
-    }
-    return hasDrawn() || (port_->wait(timeoutMilliseconds, soon) && draw(1));
+    const std::shared_ptr<platform::LocalPort> port = this->port();
+    return port != nullptr && (hasDrawn() || (port->wait(timeoutMilliseconds, soon) && draw(1)));
 }
 
 bool MacInterAppStream::receive() {
-    if (!isGood()) {
-        return false;
-    }
     std::unique_ptr<DataRef> data;
     {
         const ObjectLock guard(*this);
@@ -123,7 +136,8 @@ bool MacInterAppStream::canOpen(const SoString& name, bool /*flag*/) const {
 }
 
 platform::PortStatistics MacInterAppStream::statistics() const {
-    return isGood() ? port_->statistics() : platform::PortStatistics();
+    const std::shared_ptr<platform::LocalPort> port = this->port();
+    return port != nullptr ? port->statistics() : platform::PortStatistics();
 }
 
 } // namespace ScObjects

@@ -9,6 +9,7 @@
 
 namespace platform {
 class LocalPort;
+class PortWait;
 class PortText;
 struct PortStatistics;
 } // namespace platform
@@ -54,6 +55,13 @@ public:
     // wait. One thread at a time should wait, since any of them may take the text.
     bool waitForMessage(int32_t timeoutMilliseconds, bool soon) const;
 
+    // Gives the name back at once and drops what was drawn; the stream is not good from now on.
+    // Waits for no one, and not for a send that another thread has under way.
+    void close();
+
+    // Lets texts that arrive end the waits of `wait`, until the stream is closed.
+    void watch(platform::PortWait& wait) const;
+
     // What the port has met since it was opened; nothing when the stream is not good.
     platform::PortStatistics statistics() const;
 
@@ -61,7 +69,9 @@ private:
     bool hasDrawn() const;
     bool draw(int32_t maximumTexts) const;
 
-    const std::unique_ptr<platform::LocalPort> port_; // null: not good
+    std::shared_ptr<platform::LocalPort> port() const;
+
+    std::shared_ptr<platform::LocalPort> port_ SO_GUARDED_BY(this); // null: not good
     mutable SoVector<DataRef> drawn_ SO_GUARDED_BY(this);
     mutable int64_t drawnBytes_ SO_GUARDED_BY(this) = 0;
 };

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+
+#include "platform/MessagePort.h"
+#include "platform/linux/PortDescriptor.h"
+
+namespace platform {
+
+// Waits for the events of ports, for a call of `wake` and for new files in the port folder.
+class PortWaiter final : public PortWait {
+public:
+    // Null when the system gives no descriptors.
+    static std::unique_ptr<PortWaiter> make();
+
+    void add(const LocalPort& port) override;
+    void watchNames(bool on) override;
+    void wake() override;
+    bool wait(int64_t timeoutMilliseconds) override;
+
+private:
+    PortWaiter(PortDescriptor events, PortDescriptor wakes);
+    bool watch(int fd, uint64_t kind) const;
+
+    const PortDescriptor events_;
+    const PortDescriptor wakes_;
+    std::mutex mutex_; // guards what follows
+    PortDescriptor names_;
+};
+
+} // namespace platform

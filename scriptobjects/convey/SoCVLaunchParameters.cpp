@@ -1,0 +1,59 @@
+#include "scriptobjects/convey/SoCVLaunchParameters.h"
+
+#include "platform/Processes.h"
+#include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoCVSpecifier.h"
+#include "scriptobjects/convey/SoCVUtilsCore.h"
+#include "scriptobjects/stream/InterAppStream.h"
+
+namespace ScObjects::ConveyUtils {
+namespace {
+
+constexpr int32_t kSliceSeconds = 4;
+constexpr int32_t kProcessQueueSeconds = 10;
+constexpr int32_t kLaunchQueueSeconds = 200;
+
+} // namespace
+
+bool receiveLaunchParams(const SoString& queueName, SoString& parameters, int32_t seconds) {
+    InterAppStream stream(queueName);
+    if (!stream.isGood()) {
+        return true;
+    }
+    bool pending = stream.messagePending();
+    for (int32_t elapsed = 0; !pending && elapsed < seconds; elapsed += kSliceSeconds) {
+        pending = stream.waitForMessage(kSliceSeconds * 1000, false);
+    }
+    if (!pending || !stream.receive() || stream.isEmpty()) {
+        return false;
+    }
+    const SoString text = stream.getMessages();
+    Convey::Message message;
+    (void)message.readFromString(text.c_str());
+    parameters = message.getBody();
+    return true;
+}
+
+bool getLaunchParameters(const SoString& specifier, SoString& parameters) {
+    parameters.shrink(0);
+    const SoString appName = Convey::Specifier(specifier.c_str(), false).appName();
+    if (appName.isEmpty()) {
+        return false;
+    }
+    const SoString queueName = getLaunchMsgQueueName(specifier);
+    Convey::Specifier pendingName(queueName.c_str(), false);
+    (void)pendingName.setSuffix("haslaunchparams");
+    const InterAppStream* const stream = InterAppStream::get();
+    if (stream == nullptr) {
+        return true; // nothing can have been sent to a process that nothing can be sent to
+    }
+    if (stream->canOpen(pendingName, false)) {
+        return true;
+    }
+    SoString processQueue = appName;
+    processQueue << "#" << platform::Processes::system().ownNumber();
+    return receiveLaunchParams(processQueue, parameters, kProcessQueueSeconds) ||
+           receiveLaunchParams(queueName, parameters, kLaunchQueueSeconds);
+}
+
+} // namespace ScObjects::ConveyUtils

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <cstdint>
+
+#include "scriptobjects/core/SoExport.h"
+#include "scriptobjects/core/SoString.h"
+
+namespace ScObjects::ConveyUtils {
+
+// Collects the parameters with which a launcher started this application. True, with `parameters`
+// empty, when no launcher waits for it. Otherwise waits for some 12 seconds on the queue of this
+// process, and for some 200 on that of the application; false when nothing arrived. The launcher
+// keeps the port "haslaunchparams" of the application for as long. Called once, by the setup.
+SO_EXPORT bool getLaunchParameters(const SoString& specifier, SoString& parameters);
+
+// Waits at the port `queueName` for a message, in slices of 4 seconds until `seconds` are over, and
+// wakes when it arrives; `parameters` is its body. True also when the port cannot be opened, since
+// nothing is pending then.
+SO_EXPORT bool receiveLaunchParams(const SoString& queueName, SoString& parameters,
+                                   int32_t seconds);
+
+} // namespace ScObjects::ConveyUtils

@@ -1,0 +1,345 @@
+#include "scriptobjects/convey/SoCVMessageQueue.h"
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+#include "scriptobjects/convey/SoCVContext.h"
+#include "scriptobjects/convey/SoCVUtils.h"
+#include "scriptobjects/convey/SoCVUtilsCore.h"
+
+namespace ScObjects::ConveyData {
+namespace {
+
+using Message = Convey::Message;
+
+constexpr std::string_view kWatcherType = "Ignore";
+constexpr std::string_view kUnreportedType = "Debug";
+constexpr std::string_view kTimeoutWord = "Timeout";
+constexpr const char* kForwardKey = "FWDMESSAGES";
+constexpr int64_t kNever = INT64_MAX;
+
+bool isWatcher(const Message& message) {
+    return message.getType().view() == kWatcherType;
+}
+
+// The second at which the message expires; 0 for one that has expired from the start.
+int64_t deadlineOf(const Message& message) {
+    const auto timeout = static_cast<int32_t>(message.getTimeout());
+    if (timeout == 0) {
+        return isWatcher(message) ? 0 : kNever;
+    }
+    if (timeout < 0 || message.getTimestamp() == 0) {
+        return kNever;
+    }
+    return static_cast<int64_t>(message.getTimestamp()) + timeout;
+}
+
+bool isRelated(const Message& message, uint32_t serial) {
+    return serial == CV_INVALID_MESSAGE_NUMBER || message.getReceived() == serial ||
+           message.getResult() == serial || message.getError() == serial;
+}
+
+bool isSelfWatcher(const Message& message, uint32_t serial) {
+    return message.getSerialNumber() == serial && static_cast<int32_t>(message.getTimeout()) > 0 &&
+           isWatcher(message) && message.getResponseRequest().view() == kTimeoutWord &&
+           message.getTarget() == message.getSender();
+}
+
+// The notice to the sender of an expired message; null when it did not ask for one or watches the
+// time itself.
+std::unique_ptr<Message> noticeFor(const Message& message) {
+    if (message.getResponseRequest().view().find(kTimeoutWord) == std::string_view::npos ||
+        message.getUserHeaderValue("TIMEOUT_DETECTOR") == "SENDER") {
+        return nullptr;
+    }
+    auto notice = std::make_unique<Message>();
+    notice->setTarget(message.getSender());
+    notice->setSender(message.getTarget());
+    const SoString version = message.getVersion();
+    if (!version.isEmpty() && !(version == "1.0")) {
+        notice->setSerialNumber(message.getSerialNumber());
+        notice->setType(SoString(kTimeoutWord.data(), static_cast<int32_t>(kTimeoutWord.size())));
+        if (notice->isUserType()) {
+            SoString type = notice->getType();
+            type << message.getType();
+            notice->setType(type);
+        }
+    } else {
+        notice->setType(message.getType());
+        notice->setSerialNumber(message.getNextSerialNumber(nullptr));
+    }
+    return notice;
+}
+
+} // namespace
+
+// Collected under the lock, told by the destructor, which runs after the lock is given up: declared
+// before the guard.
+class MessageQueue::Notices {
+public:
+    Notices() = default;
+    Notices(const Notices&) = delete;
+    Notices& operator=(const Notices&) = delete;
+    ~Notices() {
+        try {
+            tell();
+        } catch (const std::bad_alloc&) {
+            return; // nobody to tell it to, and nothing to tell it with
+        }
+    }
+
+    void report(const Message& message, const char* event, const SoString& root) {
+        if (!root.isEmpty() && !(message.getType().view() == kUnreportedType) &&
+            ConveyUtils::isForwarding(kForwardKey)) {
+            reports_.push_back({std::make_unique<Message>(message), event, root});
+        }
+    }
+    void retire(std::unique_ptr<Message> message, const SoString& root) {
+        if (auto notice = noticeFor(*message)) {
+            report(*message, "timed out", root);
+            notices_.push_back(std::move(notice));
+        }
+        retired_.push_back(std::move(message));
+    }
+
+private:
+    struct Report {
+        std::unique_ptr<Message> message;
+        const char* event;
+        SoString root;
+    };
+
+    void tell() {
+        for (const Report& report : reports_) {
+            ConveyUtils::forwardMessage(*report.message, kForwardKey, report.root, report.event);
+        }
+        for (const auto& notice : notices_) {
+            ConveyUtils::logMessage("REMOVING MSG - NOTIFYING SENDER", *notice, true);
+            Convey::sendThroughMainInstance(*notice);
+        }
+    }
+
+    std::vector<Report> reports_;
+    std::vector<std::unique_ptr<Message>> notices_;
+    std::vector<std::unique_ptr<Message>> retired_;
+};
+
+MessageQueue::~MessageQueue() = default;
+
+bool MessageQueue::isEmpty() const {
+    const ObjectLock guard(*this);
+    return entries_.empty();
+}
+
+int32_t MessageQueue::count() const {
+    const ObjectLock guard(*this);
+    return static_cast<int32_t>(entries_.size());
+}
+
+int64_t MessageQueue::bodyBytes() const {
+    const ObjectLock guard(*this);
+    return bodyBytes_;
+}
+
+void MessageQueue::noteDeadlineLocked(const Message& message) {
+    firstDeadline_ = std::min(firstDeadline_, deadlineOf(message));
+}
+
+void MessageQueue::appendLocked(std::unique_ptr<Message> message) {
+    const Message& added = *message;
+    const std::string target(added.getTarget().view());
+    entries_.push_back({lastPosition_ + 1, std::move(message)});
+    ++lastPosition_;
+    ++targets_[target];
+    bodyBytes_ += added.getBody().length();
+    watchers_ += isWatcher(added) ? 1 : 0;
+    noteDeadlineLocked(added);
+}
+
+void MessageQueue::forgetLocked(const Message& message) {
+    const auto target = targets_.find(std::string(message.getTarget().view()));
+    if (target != targets_.end() && --target->second == 0) {
+        targets_.erase(target);
+    }
+    bodyBytes_ -= message.getBody().length();
+    watchers_ -= isWatcher(message) ? 1 : 0;
+}
+
+std::unique_ptr<Message> MessageQueue::takeLocked(Entries::const_iterator entry) {
+    const auto place = entries_.begin() + (entry - entries_.cbegin());
+    std::unique_ptr<Message> message = std::move(place->message);
+    entries_.erase(place);
+    forgetLocked(*message);
+    return message;
+}
+
+bool MessageQueue::append(Message* message) {
+    if (message == nullptr || message->getSender().isEmpty() || message->getTarget().isEmpty()) {
+        return false;
+    }
+    if (message->getTimestamp() == 0) {
+        message->setTimestamp(ConveyUtils::getTimeSeconds());
+    }
+    if (message->getTimeout() == 0 && !isWatcher(*message)) {
+        message->setTimeout(kDefaultTimeoutSeconds);
+    }
+    Notices notices;
+    const ObjectLock guard(*this);
+    notices.report(*message, "added", diagnosticsRoot_);
+    appendLocked(std::unique_ptr<Message>(message));
+    return true;
+}
+
+Message* MessageQueue::getNextMessage(uint32_t serial) {
+    const int64_t now = ConveyUtils::getTimeSeconds();
+    Notices notices;
+    const ObjectLock guard(*this);
+    std::vector<std::unique_ptr<Message>> setAside;
+    std::unique_ptr<Message> result;
+    while (result == nullptr && !entries_.empty()) {
+        std::unique_ptr<Message> message = takeLocked(entries_.cbegin());
+        if (now >= deadlineOf(*message)) {
+            notices.retire(std::move(message), diagnosticsRoot_);
+        } else if (isWatcher(*message) && isRelated(*message, serial)) {
+            setAside.push_back(std::move(message));
+        } else {
+            result = std::move(message);
+        }
+    }
+    for (auto& watcher : setAside) {
+        appendLocked(std::move(watcher));
+    }
+    if (result != nullptr) {
+        notices.report(*result, "picked", diagnosticsRoot_);
+    }
+    return result.release();
+}
+
+bool MessageQueue::removeMessage(uint32_t serial) {
+    if (serial == CV_INVALID_MESSAGE_NUMBER) {
+        return false;
+    }
+    const std::unique_ptr<Message> message(getNextMessage(serial));
+    return message != nullptr;
+}
+
+void MessageQueue::removeTimeoutMessage(uint32_t serial) {
+    if (serial == CV_INVALID_MESSAGE_NUMBER) {
+        return;
+    }
+    const ObjectLock guard(*this);
+    if (watchers_ == 0) {
+        return;
+    }
+    for (size_t i = entries_.size(); i-- > 0;) {
+        if (isSelfWatcher(*entries_[i].message, serial)) {
+            (void)takeLocked(entries_.cbegin() + static_cast<std::ptrdiff_t>(i));
+        }
+    }
+}
+
+void MessageQueue::removeExpiredMessages() {
+    const int64_t now = ConveyUtils::getTimeSeconds();
+    Notices notices;
+    const ObjectLock guard(*this);
+    if (now < firstDeadline_) {
+        return; // looking at each of many, each time, would take long
+    }
+    firstDeadline_ = kNoDeadline;
+    Entries kept;
+    // From the newest to the oldest: their senders are told in that order.
+    while (!entries_.empty()) {
+        Entry entry = std::move(entries_.back());
+        entries_.pop_back();
+        if (now >= deadlineOf(*entry.message)) {
+            forgetLocked(*entry.message);
+            notices.retire(std::move(entry.message), diagnosticsRoot_);
+        } else {
+            noteDeadlineLocked(*entry.message);
+            kept.push_front(std::move(entry));
+        }
+    }
+    entries_ = std::move(kept);
+}
+
+Message* MessageQueue::findMessageForTarget(const SoString& target) const {
+    const ObjectLock guard(*this);
+    if (targets_.count(std::string(target.view())) == 0) {
+        return nullptr;
+    }
+    for (const Entry& entry : entries_) {
+        if (entry.message->getTarget() == target) {
+            return entry.message.get();
+        }
+    }
+    return nullptr;
+}
+
+MessageQueue::Entries::const_iterator MessageQueue::findLocked(uint64_t position) const {
+    const auto found = std::lower_bound(
+        entries_.begin(), entries_.end(), position,
+        [](const Entry& entry, uint64_t wanted) { return entry.position < wanted; });
+    return found;
+}
+
+bool MessageQueue::visitAfter(uint64_t& position,
+                              const std::function<void(const Message&)>& visit) const {
+    const ObjectLock guard(*this);
+    const auto found = findLocked(position + 1);
+    if (found == entries_.end()) {
+        return false;
+    }
+    position = found->position;
+    visit(*found->message);
+    return true;
+}
+
+bool MessageQueue::drop(uint64_t position) {
+    Notices notices;
+    const ObjectLock guard(*this);
+    const auto found = findLocked(position);
+    if (found == entries_.end() || found->position != position) {
+        return false;
+    }
+    notices.report(*found->message, "picked", diagnosticsRoot_);
+    (void)takeLocked(found);
+    return true;
+}
+
+bool MessageQueue::keep(uint64_t position, uint32_t timestamp, uint32_t timeoutSeconds,
+                        uint32_t queueStamp) {
+    Notices notices;
+    const ObjectLock guard(*this);
+    const auto found = findLocked(position);
+    if (found == entries_.end() || found->position != position) {
+        return false;
+    }
+    Message& message = *found->message;
+    message.setTimestamp(timestamp);
+    message.setTimeout(timeoutSeconds);
+    message.setHeader("QUEUESTAMP", static_cast<unsigned long>(queueStamp));
+    noteDeadlineLocked(message);
+    notices.report(message, "requeued", diagnosticsRoot_);
+    return true;
+}
+
+void MessageQueue::setDiagnosticsRoot(const SoString& root) {
+    const ObjectLock guard(*this);
+    diagnosticsRoot_ = root;
+}
+
+int32_t MessageQueue::appendDiagnostics(SoString& out, const SoString& path) const {
+    const bool wantsLogs = path.view().substr(0, 4) == "/log";
+    int32_t written = 0;
+    const ObjectLock guard(*this);
+    for (const Entry& entry : entries_) {
+        if ((entry.message->getType() == "Log") == wantsLogs) {
+            entry.message->appendDiagnostics(out, path);
+            ++written;
+        }
+    }
+    return written;
+}
+
+} // namespace ScObjects::ConveyData

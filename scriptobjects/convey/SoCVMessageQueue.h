@@ -1,0 +1,103 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/core/SoExport.h"
+#include "scriptobjects/core/SoString.h"
+#include "scriptobjects/core/SoThread.h"
+
+namespace ScObjects::ConveyData {
+
+// Messages that wait, oldest first: those that were received and those that are to be sent. A
+// message whose time has run out is retired, and its sender told when it asked for that.
+//
+// Owns its messages. Threads: any. Reports and notices are sent when the queue's lock has been
+// given up, so that whoever they reach may use the queue. Appending, taking the oldest and looking
+// for messages of a target take the same time however many there are.
+class SO_EXPORT MessageQueue : public SoLockable {
+public:
+    // What a message without a time-out gets, in seconds, so that nothing waits for ever by
+    // accident.
+    static constexpr uint32_t kDefaultTimeoutSeconds = 600;
+
+    MessageQueue() = default;
+    ~MessageQueue() override;
+
+    bool isEmpty() const;
+    int32_t count() const;
+    // Bytes of the bodies.
+    int64_t bodyBytes() const;
+
+    // Adds a message at the end, the queue's from now on. False, and it stays the caller's, for
+    // null and for a message without a sender or a target. A missing timestamp becomes now, a
+    // time-out of 0 the default, except that a watcher (type "Ignore") without a time-out ends at
+    // once.
+    [[nodiscard]] bool append(Convey::Message* message);
+
+    // Takes the oldest message that has not expired, the caller's from now on; null without one.
+    // Watchers (type "Ignore") that are related to `serial` (all of them for
+    // CV_INVALID_MESSAGE_NUMBER) are passed over and move to the end.
+    [[nodiscard]] Convey::Message* getNextMessage(uint32_t serial);
+    // The same, and deletes it; false for CV_INVALID_MESSAGE_NUMBER and without a message.
+    bool removeMessage(uint32_t serial);
+    // Deletes the watchers that an instance has set to itself for the message with this number.
+    void removeTimeoutMessage(uint32_t serial);
+    // Retires all messages whose time has run out.
+    void removeExpiredMessages();
+
+    // The oldest message for `target` (compared exactly), the queue's; null without one. Good until
+    // the queue changes.
+    Convey::Message* findMessageForTarget(const SoString& target) const;
+
+    // A pass over the queue that other threads may change meanwhile: `visitAfter` shows the first
+    // message behind `position`, under the queue's lock, and moves `position` to it; false at the
+    // end. The queue may then drop the message at a position, or keep it with another time;
+    // false when it is gone.
+    bool visitAfter(uint64_t& position,
+                    const std::function<void(const Convey::Message&)>& visit) const;
+    bool drop(uint64_t position);
+    bool keep(uint64_t position, uint32_t timestamp, uint32_t timeoutSeconds, uint32_t queueStamp);
+
+    // The path under which the queue's traffic is reported to an observer; empty, as at first: it
+    // is not.
+    void setDiagnosticsRoot(const SoString& root);
+
+    // Appends the rows of the messages of type "Log" when `path` begins with "/log", else of all
+    // others; returns their number.
+    int32_t appendDiagnostics(SoString& out, const SoString& path) const;
+
+private:
+    struct Entry {
+        uint64_t position;
+        std::unique_ptr<Convey::Message> message;
+    };
+    // What is to be told to others once the lock is given up.
+    class Notices;
+    using Entries = std::deque<Entry>;
+
+    Entries::const_iterator findLocked(uint64_t position) const SO_REQUIRES(this);
+    void appendLocked(std::unique_ptr<Convey::Message> message) SO_REQUIRES(this);
+    std::unique_ptr<Convey::Message> takeLocked(Entries::const_iterator entry) SO_REQUIRES(this);
+    void forgetLocked(const Convey::Message& message) SO_REQUIRES(this);
+    void noteDeadlineLocked(const Convey::Message& message) SO_REQUIRES(this);
+
+    Entries entries_ SO_GUARDED_BY(this); // by position
+    uint64_t lastPosition_ SO_GUARDED_BY(this) = 0;
+    int64_t bodyBytes_ SO_GUARDED_BY(this) = 0;
+    int64_t firstDeadline_ SO_GUARDED_BY(this) = kNoDeadline; // no message expires before it
+    // How many messages each target has.
+    std::unordered_map<std::string, int32_t> targets_ SO_GUARDED_BY(this);
+    int32_t watchers_ SO_GUARDED_BY(this) = 0;
+    SoString diagnosticsRoot_ SO_GUARDED_BY(this);
+
+    static constexpr int64_t kNoDeadline = INT64_MAX;
+};
+
+} // namespace ScObjects::ConveyData

@@ -1,0 +1,206 @@
+#include "scriptobjects/convey/SoCVSetupThread.h"
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "scriptobjects/convey/SoCVContext.h"
+#include "scriptobjects/convey/SoCVLaunchParameters.h"
+#include "scriptobjects/convey/SoCVSpecifier.h"
+#include "scriptobjects/convey/SoCVThread.h"
+#include "scriptobjects/convey/SoCVUtils.h"
+#include "scriptobjects/convey/SoConvey.h"
+#include "scriptobjects/core/SoVector.h"
+
+namespace ScObjects {
+namespace {
+
+// The one setup of the process. Its mutex is held for looks only, never while the setup runs.
+struct Setup {
+    std::mutex mutex;
+    std::condition_variable ended;
+    std::unique_ptr<ConveySetupThread> thread;
+    std::thread::id runner; // who runs the setup now
+    bool running = false;   // on the setup thread
+    bool done = false;
+    double start = 0;
+    double finish = 0;
+    double sync = 0;
+};
+
+Setup& setup() {
+    static auto* const instance = new Setup;
+    return *instance;
+}
+
+void appendMilliseconds(SoString& text, const char* name, double value) {
+    text << name << value << "ms";
+}
+
+// Where a ping can read how long the start took, and how long the host had to wait for it.
+void saveSetupTime() {
+    SoString text;
+    {
+        Setup& s = setup();
+        const std::lock_guard<std::mutex> guard(s.mutex);
+        if (s.finish == 0) {
+            return;
+        }
+        appendMilliseconds(text, "thread=", s.finish - s.start);
+        text << ", ";
+        if (s.sync == 0) {
+            text << "(synchronous setup)";
+        } else if (s.sync >= s.finish) {
+            appendMilliseconds(text, "left=", s.sync - s.finish);
+        } else {
+            appendMilliseconds(text, "lost=", s.finish - s.sync);
+        }
+    }
+    if (const ConveyContext* context = ConveyContext::currentContextNow()) {
+        (void)context->getThread()->setKeyValuePair(ConveyThread::CV_SETUPTIME, text);
+    }
+}
+
+// The first of "-specifier" and "-instance" among the options decides.
+void applyOptions(const SoString& parameters, Convey::Specifier& specifier) {
+    SoVector<SoString> words;
+    const int32_t count = ConveyUtils::parseOptions(parameters, words);
+    bool applied = false;
+    for (int32_t i = 0; i + 1 < count && !applied; ++i) {
+        if (*words[i] == "-specifier") {
+            specifier = Convey::Specifier(words[i + 1]->c_str(), false);
+            applied = true;
+        } else if (*words[i] == "-instance") {
+            (void)specifier.setInstance(*words[i + 1]);
+            applied = true;
+        }
+    }
+    while (words.count() > 0) {
+        delete words.removeAt(words.count() - 1);
+    }
+}
+
+// The setup itself; the error text.
+SoString setUp(const SoString& appSpecifier) {
+    (void)Convey::getNumberOfRegisteredApplications(); // before anybody needs it
+    Convey::Specifier specifier(appSpecifier.c_str(), true);
+    SoString parameters;
+    if (specifier.isEmpty() || !ConveyUtils::getLaunchParameters(appSpecifier, parameters)) {
+        return SoString(ConveyThread::CV_INVALIDSPEC);
+    }
+    applyOptions(parameters, specifier);
+    auto* const context = new ConveyContext(specifier);
+    ConveyContext::setCurrentContext(context);
+    (void)context->getThread()->setKeyValuePair(ConveyThread::CV_LAUNCHPARAMS, parameters);
+    return SoString();
+}
+
+SoString runAndNote(const SoString& appSpecifier) {
+    Setup& s = setup();
+    {
+        const std::lock_guard<std::mutex> guard(s.mutex);
+        s.start = ConveyUtils::getUTCTimeMilliSeconds();
+        s.runner = std::this_thread::get_id();
+    }
+    SoString error = setUp(appSpecifier);
+    const std::lock_guard<std::mutex> guard(s.mutex);
+    s.finish = ConveyUtils::getUTCTimeMilliSeconds();
+    s.done = true;
+    s.runner = std::thread::id();
+    return error;
+}
+
+} // namespace
+
+ConveySetupThread::ConveySetupThread(const SoString& appSpecifier) : appSpecifier_(appSpecifier) {}
+
+ConveySetupThread::~ConveySetupThread() = default;
+
+bool ConveySetupThread::startSetupThread(const SoString& appSpecifier) {
+    Setup& s = setup();
+    const std::lock_guard<std::mutex> guard(s.mutex);
+    if (s.done || s.thread != nullptr) {
+        return false;
+    }
+    auto thread = std::make_unique<ConveySetupThread>(appSpecifier);
+    if (thread->error() != kNoError) {
+        return false;
+    }
+    s.running = true;
+    s.thread = std::move(thread);
+    s.thread->start();
+    return true;
+}
+
+bool ConveySetupThread::runSetup(const SoString& appSpecifier) {
+    {
+        Setup& s = setup();
+        const std::lock_guard<std::mutex> guard(s.mutex);
+        if (s.done) {
+            return false;
+        }
+    }
+    (void)runAndNote(appSpecifier);
+    saveSetupTime();
+    return ConveyContext::currentContextNow() != nullptr;
+}
+
+void ConveySetupThread::run() {
+    const SoString error = runAndNote(appSpecifier_);
+    const ObjectLock guard(*this);
+    errorText_ = error;
+}
+
+// Also when the setup ended by an exception: nobody must wait for it.
+void ConveySetupThread::runExit() {
+    Setup& s = setup();
+    {
+        const std::lock_guard<std::mutex> guard(s.mutex);
+        s.running = false;
+        s.runner = std::thread::id();
+    }
+    s.ended.notify_all();
+}
+
+SoString ConveySetupThread::errorText() const {
+    const ObjectLock guard(*this);
+    return errorText_;
+}
+
+bool ConveySetupThread::isSetupThreadRunning() {
+    Setup& s = setup();
+    const std::lock_guard<std::mutex> guard(s.mutex);
+    return s.running;
+}
+
+bool ConveySetupThread::syncWithSetupThread() {
+    Setup& s = setup();
+    std::unique_ptr<ConveySetupThread> ended;
+    {
+        std::unique_lock<std::mutex> lock(s.mutex);
+        if (s.thread == nullptr || s.runner == std::this_thread::get_id()) {
+            return true; // nothing to wait for, or the setup itself, which would wait for itself
+        }
+        if (s.sync == 0) {
+            s.sync = ConveyUtils::getUTCTimeMilliSeconds();
+        }
+        s.ended.wait(lock, [&] { return !s.running; });
+        ended = std::move(s.thread); // of several that wait, the first takes it away
+    }
+    if (ended != nullptr) {
+        (void)ended->waitForRunExit();
+        saveSetupTime();
+    }
+    return true;
+}
+
+void ConveySetupThread::reset() {
+    (void)syncWithSetupThread();
+    Setup& s = setup();
+    const std::lock_guard<std::mutex> guard(s.mutex);
+    s.done = false;
+    s.start = s.finish = s.sync = 0;
+}
+
+} // namespace ScObjects

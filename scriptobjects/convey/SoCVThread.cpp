@@ -1,0 +1,382 @@
+#include "scriptobjects/convey/SoCVThread.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <random>
+
+#include "platform/Clock.h"
+#include "platform/MessagePort.h"
+#include "scriptobjects/convey/SoCVContext.h"
+#include "scriptobjects/convey/SoCVInstance.h"
+#include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoCVPing.h"
+#include "scriptobjects/convey/SoCVSetupThread.h"
+#include "scriptobjects/convey/SoCVSpecifier.h"
+#include "scriptobjects/convey/SoCVThreadHandlers.h"
+#include "scriptobjects/convey/SoCVUtils.h"
+#include "scriptobjects/convey/SoCVUtilsCore.h"
+#include "scriptobjects/stream/InterAppStream.h"
+
+namespace ScObjects {
+namespace {
+
+using Message = Convey::Message;
+using MsgHandler = Convey::MsgHandler;
+
+constexpr int64_t kRoundMilliseconds = 100;
+constexpr unsigned kSetupPollMilliseconds = 10;
+constexpr int kPingsAtOnce = 256; // then the instances have their turn
+// An answer that a target does not take at once is lost: it has asked, and has a time-out.
+constexpr int32_t kAnswerMilliseconds = 20;
+constexpr double kIdleIntervals = 10;
+constexpr double kAverageWeight = 0.1; // of the newest interval
+
+double now() {
+    return static_cast<double>(platform::Clock::system().monotonicMilliseconds());
+}
+
+} // namespace
+
+ConveyThread::ConveyThread(ConveyContext* context, const SoString& appSpecifier)
+    : context_(context),
+      wait_(platform::MessagePorts::system().newWait()),
+      startTime_(ConveyUtils::getUTCTimeMilliSeconds()),
+      specifier_(createThreadSpecifier(appSpecifier)) {
+    (void)setKeyValuePair(CV_ECHO_REQUEST, CV_ECHO_RESPONSE);
+    (void)setKeyValuePair(CV_STATUS, CV_IDLE);
+    (void)setHandler(CV_MAIN, new ThreadMainMsgHandler(context, this));
+    (void)setHandler(CV_LAUNCHED, new ThreadLaunchedMsgHandler);
+    (void)setHandler(CV_DIAGNOSTICS, new ThreadDiagnosticsMsgHandler);
+    (void)setHandler(CV_INFO, new ThreadInfoMsgHandler(context, this));
+}
+
+ConveyThread::~ConveyThread() = default;
+
+ConveyThread* ConveyThread::getMainThread() {
+    const ConveyContext* context = ConveyContext::getCurrentContext();
+    return context == nullptr ? nullptr : context->getThread();
+}
+
+SoString ConveyThread::createThreadSpecifier(const SoString& specifier) {
+    const Convey::Specifier parsed(specifier.c_str(), false);
+    SoString name;
+    if (parsed.isEmpty()) {
+        return name;
+    }
+    name = parsed.appName();
+    const struct {
+        const char* mark;
+        SoString part;
+    } parts[] = {{"_", parsed.instance()}, {"-", parsed.version()}, {"-", parsed.locale()}};
+    for (const auto& part : parts) {
+        if (!part.part.isEmpty()) {
+            name << part.mark << part.part;
+        }
+    }
+    name << "#thread";
+    return name;
+}
+
+SoString ConveyThread::getSpecifier() const {
+    const ObjectLock guard(*this);
+    return specifier_;
+}
+
+std::shared_ptr<InterAppStream> ConveyThread::stream() const {
+    const ObjectLock guard(*this);
+    return stream_;
+}
+
+// The table.
+
+ConveyThread::PingData* ConveyThread::findLocked(const SoString& key) {
+    const auto found = std::find_if(table_.begin(), table_.end(),
+                                    [&key](const PingData& data) { return data.key == key; });
+    return found == table_.end() ? nullptr : &*found;
+}
+
+const ConveyThread::PingData* ConveyThread::findLocked(const SoString& key) const {
+    const auto found = std::find_if(table_.begin(), table_.end(),
+                                    [&key](const PingData& data) { return data.key == key; });
+    return found == table_.end() ? nullptr : &*found;
+}
+
+ConveyThread::PingData* ConveyThread::findOrAddLocked(const SoString& key) {
+    if (PingData* data = findLocked(key)) {
+        return data;
+    }
+    if (key.isEmpty() || table_.size() >= kMaximumKeys) {
+        return nullptr;
+    }
+    table_.emplace_back();
+    table_.back().key = key;
+    return &table_.back();
+}
+
+bool ConveyThread::setKeyValuePair(const SoString& key, const SoString& value) {
+    const ObjectLock guard(*this);
+    PingData* const data = findOrAddLocked(key);
+    if (data != nullptr) {
+        data->value = value;
+    }
+    return data != nullptr;
+}
+
+SoString ConveyThread::getValueForKey(const SoString& key) const {
+    const ObjectLock guard(*this);
+    const PingData* const data = findLocked(key);
+    return data == nullptr ? SoString() : data->value;
+}
+
+int32_t ConveyThread::locateKey(const SoString& key) const {
+    const ObjectLock guard(*this);
+    const PingData* const data = findLocked(key);
+    return data == nullptr ? -1 : static_cast<int32_t>(data - table_.data());
+}
+
+bool ConveyThread::setHandler(const SoString& key, MsgHandler* handler) {
+    std::shared_ptr<MsgHandler> replaced(handler); // deleted when the lock has been given up
+    const ObjectLock guard(*this);
+    PingData* const data = findOrAddLocked(key);
+    if (data != nullptr) {
+        data->handler.swap(replaced);
+    }
+    return data != nullptr;
+}
+
+std::shared_ptr<MsgHandler> ConveyThread::handlerFor(const SoString& key) const {
+    const ObjectLock guard(*this);
+    const PingData* const data = findLocked(key);
+    return data == nullptr ? nullptr : data->handler;
+}
+
+MsgHandler* ConveyThread::findHandler(const SoString& key) const {
+    return handlerFor(key).get();
+}
+
+bool ConveyThread::callHandler(const SoString& key, Message& message, SoString& answer) const {
+    const auto handler = handlerFor(key); // stays alive when it is replaced meanwhile
+    if (handler == nullptr) {
+        return false;
+    }
+    (void)handler->handleMessage(1, message, &answer);
+    return true;
+}
+
+bool ConveyThread::setTimeout(const SoString& key, int32_t seconds) {
+    const ObjectLock guard(*this);
+    PingData* const data = findLocked(key);
+    if (data != nullptr) {
+        data->expiry = ConveyUtils::getTimeSeconds() + static_cast<uint32_t>(seconds);
+    }
+    return data != nullptr;
+}
+
+void ConveyThread::removeExpiredPingData() {
+    const uint32_t seconds = ConveyUtils::getTimeSeconds();
+    std::vector<PingData> expired; // deleted when the lock has been given up
+    const ObjectLock guard(*this);
+    for (size_t i = table_.size(); i-- > 0;) {
+        if (table_[i].expiry != 0 && table_[i].expiry <= seconds) {
+            expired.push_back(std::move(table_[i]));
+            table_.erase(table_.begin() + static_cast<std::ptrdiff_t>(i));
+        }
+    }
+}
+
+bool ConveyThread::isIdle() const {
+    const ObjectLock guard(*this);
+    const PingData* const status = findLocked(CV_STATUS);
+    if (status == nullptr || !(status->value == CV_IDLE)) {
+        return false;
+    }
+    return averagePump_ <= 0 || lastPump_ <= 0 ||
+           now() - lastPump_ <= kIdleIntervals * averagePump_;
+}
+
+// The regular rounds only: a busy second must not make the usual interval look short.
+void ConveyThread::notePump() {
+    const double time = now();
+    const ObjectLock guard(*this);
+    if (lastPump_ > 0) {
+        const double interval = time - lastPump_;
+        averagePump_ =
+            averagePump_ > 0 ? averagePump_ + kAverageWeight * (interval - averagePump_) : interval;
+    }
+    lastPump_ = time;
+}
+
+// The thread.
+
+bool ConveyThread::openStream() {
+    const ObjectLock guard(*this);
+    if (stream_ == nullptr) {
+        stream_.reset(ConveyUtils::createNextAvailableInterAppStream(specifier_));
+        if (stream_ != nullptr) {
+            specifier_ = stream_->getName();
+            if (wait_ != nullptr) {
+                stream_->watch(*wait_);
+            }
+        }
+    }
+    return stream_ != nullptr;
+}
+
+void ConveyThread::run() {
+    runner_.store(std::this_thread::get_id());
+    if (!openStream()) {
+        return;
+    }
+    while (ConveySetupThread::isSetupThreadRunning() && !stop_.load()) {
+        wait(kSetupPollMilliseconds);
+    }
+    double nextRound = now();
+    while (!stop_.load()) {
+        const bool regular = now() >= nextRound;
+        const bool more = runRound();
+        if (regular) {
+            notePump();
+            removeExpiredPingData();
+            nextRound = now() + static_cast<double>(kRoundMilliseconds);
+        }
+        if (stop_.load() || more) {
+            continue;
+        }
+        const auto left = static_cast<int64_t>(nextRound - now());
+        if (wait_ != nullptr) {
+            (void)wait_->wait(std::clamp<int64_t>(left, 0, kRoundMilliseconds));
+        } else {
+            wait(static_cast<unsigned>(kRoundMilliseconds));
+        }
+    }
+}
+
+bool ConveyThread::runRound() {
+    const bool morePings = answerPings();
+    const bool moreMessages = serveInstances();
+    return morePings || moreMessages;
+}
+
+bool ConveyThread::answerPings() {
+    const auto stream = this->stream();
+    for (int pings = 0; pings < kPingsAtOnce; ++pings) {
+        if (!stream->messagePending()) {
+            return false;
+        }
+        (void)stream->receive();
+        const SoString text = stream->getMessages();
+        for (const char* next = text.c_str(); *next != '\0' && !stop_.load();) {
+            Message message;
+            next = message.readFromString(next);
+            const auto handler = handlerFor(CV_MAIN);
+            SoString result;
+            if (handler != nullptr && handler->handleMessage(1, message, &result) == 0 &&
+                !message.getSender().isEmpty()) {
+                sendResponse(message, result);
+            }
+        }
+    }
+    return true;
+}
+
+bool ConveyThread::serveInstances() {
+    ConveyContext* const context = context_.load();
+    if (context == nullptr) {
+        return false;
+    }
+    bool more = false;
+    bool waiting = false;
+    for (int32_t i = 0; !stop_.load(); ++i) {
+        const auto instance = context->pinNth(i);
+        if (instance == nullptr) {
+            break;
+        }
+        more = instance->receiveArrived() || more;
+        instance->processOutgoing(true);
+        waiting = waiting || instance->outgoingPending();
+    }
+    if (wait_ != nullptr) {
+        wait_->watchNames(waiting);
+    }
+    return more;
+}
+
+void ConveyThread::watchInstances() {
+    ConveyContext* const context = context_.load();
+    if (wait_ == nullptr || context == nullptr) {
+        return;
+    }
+    if (const auto newest = context->pinNth(context->getNumberOfInstances() - 1)) {
+        newest->watch(*wait_);
+    }
+    wait_->wake();
+}
+
+bool ConveyThread::stop() {
+    stop_.store(true);
+    if (isOwnThread()) {
+        context_.store(nullptr);
+        return false;
+    }
+    if (wait_ != nullptr) {
+        wait_->wake();
+    }
+    return Thread::stop();
+}
+
+void ConveyThread::sendResponse(const Message& request, const SoString& value) {
+    const auto stream = this->stream();
+    if (stream == nullptr) {
+        return;
+    }
+    Message answer;
+    answer.setTarget(request.getSender());
+    answer.setSender(getSpecifier());
+    answer.setType(CV_PING);
+    answer.setBody(request.getBody());
+    answer.setHeader(CV_ECHO_REQUEST, value.c_str());
+    // Which of the asker's questions this answers: it may have asked before and given up.
+    answer.setHeader(kPingNumberHeader, static_cast<unsigned long>(request.getSerialNumber()));
+    answer.setSerialNumber(answer.getNextSerialNumber(context_.load()));
+    SoString text;
+    if (answer.writeToString(text)) {
+        (void)stream->send(answer.getTarget(), text, kAnswerMilliseconds);
+    }
+}
+
+SoString ConveyThread::ping(const SoString& target, const SoString& key, int32_t timeoutSeconds,
+                            const SoString* parameters) const {
+    const InterAppStream* const stream = InterAppStream::get();
+    if (stream == nullptr || !stream->isGood()) {
+        return SoString(CV_NOINTERAPPSTREAM);
+    }
+    return ConveyUtils::ping(target, true, key, newPingNumber(), timeoutSeconds, parameters,
+                             nullptr);
+}
+
+void ConveyThread::appendDiagnostics(SoString& out, const SoString& path) const {
+    SoString root = path;
+    root << "/thread";
+    const uint32_t seconds = ConveyUtils::getTimeSeconds();
+    const ObjectLock guard(*this);
+    out << root << ";1;Thread;" << specifier_ << ";\n";
+    out << root << "/avgpump;0;Avg. pump interval;" << averagePump_ << "ms;\n";
+    out << root << "/lastpump;0;Last pump;" << (lastPump_ > 0 ? now() - lastPump_ : 0.0)
+        << "ms ago;\n";
+    root << "/ping";
+    out << root << ";1;Ping;" << static_cast<uint32_t>(table_.size()) << ";\n";
+    for (const PingData& data : table_) {
+        out << root << "/" << data.key << ";1;" << data.key << ";" << data.value << ";\n";
+        out << root << "/" << data.key << "/timeout;0;Timeout;";
+        if (data.expiry != 0) {
+            out << "in " << (data.expiry > seconds ? data.expiry - seconds : 0) << " secs at "
+                << ConveyUtils::getTimeString(&data.expiry) << ";\n";
+        } else {
+            out << "undefined;\n";
+        }
+        out << root << "/" << data.key << "/msghandler;0;Handler;"
+            << (data.handler != nullptr ? "installed;\n" : "undefined;\n");
+    }
+}
+
+} // namespace ScObjects

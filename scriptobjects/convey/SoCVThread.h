@@ -1,0 +1,144 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "scriptobjects/convey/SoConvey.h"
+#include "scriptobjects/core/SoExport.h"
+#include "scriptobjects/core/SoHeap.h"
+#include "scriptobjects/core/SoString.h"
+#include "scriptobjects/core/SoThread.h"
+
+namespace platform {
+class PortWait;
+} // namespace platform
+
+namespace ScObjects {
+
+class ConveyContext;
+class InterAppStream;
+
+// The background thread of this process: it answers pings from a table of keys and lets messages
+// come in and go out while the host is busy. It runs every 100 milliseconds, and at once when
+// something arrives, when it is stopped, and when a port appears that messages may wait for.
+//
+// Owned by its context, which starts and stops it. Owns its stream, the table and the handlers in
+// it. Handlers run on this thread, with no lock of the layer held. Threads: any.
+class SO_EXPORT ConveyThread : public Thread {
+public:
+    // Keys and values of the table, and the answers to pings.
+    static constexpr const char* CV_STATUS = "STATUS";
+    static constexpr const char* CV_BUSY = "BUSY";
+    static constexpr const char* CV_MAIN = "MAIN";
+    static constexpr const char* CV_ECHO_REQUEST = "ECHO_REQUEST";
+    static constexpr const char* CV_ECHO_RESPONSE = "ECHO_RESPONSE";
+    static constexpr const char* CV_IDLE = "IDLE";
+    static constexpr const char* CV_PUMPING = "PUMPING";
+    static constexpr const char* CV_DIAGNOSTICS = "DIAGNOSTICS";
+    static constexpr const char* CV_SEE_BODY = "SEE BODY";
+    static constexpr const char* CV_INFO = "INFO";
+    static constexpr const char* CV_LAUNCHED = "LAUNCHED";
+    static constexpr const char* CV_LAUNCHPARAMS = "LAUNCHPARAMS";
+    static constexpr const char* CV_SETUPTIME = "SETUPTIME";
+    static constexpr const char* CV_PING = "ping"; // the type of pings and their answers
+    static constexpr const char* CV_NOINTERAPPSTREAM = "NOINTERAPPSTREAM";
+    static constexpr const char* CV_INVALIDSPEC = "INVALIDSPEC";
+    static constexpr const char* CV_UNDEFINED = "UNDEFINED";
+    static constexpr const char* CV_MSGTOSTRINGERROR = "MSGTOSTRINGERROR";
+    static constexpr const char* CV_ISNOTINSTALLED = "ISNOTINSTALLED";
+    static constexpr const char* CV_ISNOTRUNNING = "ISNOTRUNNING";
+    static constexpr const char* CV_NOERROR = "NOERROR";
+
+    // Keys that other processes may set: as many as a table holds.
+    static constexpr size_t kMaximumKeys = 1000;
+
+    // An entry of the table.
+    struct PingData {
+        SoString key;
+        SoString value;
+        std::shared_ptr<Convey::MsgHandler> handler;
+        uint32_t expiry = 0; // seconds since 1970, 0 for never
+    };
+
+    ConveyThread(ConveyContext* context, const SoString& appSpecifier);
+    ~ConveyThread() override;
+
+    // The current context's thread, or null.
+    static ConveyThread* getMainThread();
+    // The name of the background thread of an application: its specifier with the suffix "thread";
+    // empty for no specifier.
+    static SoString createThreadSpecifier(const SoString& specifier);
+
+    // The name at which it is reached.
+    SoString getSpecifier() const;
+
+    // Sets a value; false for an empty key and when the table is full.
+    bool setKeyValuePair(const SoString& key, const SoString& value);
+    SoString getValueForKey(const SoString& key) const;
+    // The place of the key in the table, -1 for none. Good until the table changes.
+    int32_t locateKey(const SoString& key) const;
+    // Sets the handler (owned from now on, null for none) that answers the key.
+    bool setHandler(const SoString& key, Convey::MsgHandler* handler);
+    // The key's handler, or null; good until it is replaced.
+    Convey::MsgHandler* findHandler(const SoString& key) const;
+    // Lets the key's handler answer `message`; false without one. Calls it with no lock held.
+    bool callHandler(const SoString& key, Convey::Message& message, SoString& answer) const;
+    // Lets the entry expire so many seconds from now; false without one.
+    bool setTimeout(const SoString& key, int32_t seconds);
+    void removeExpiredPingData();
+
+    // True when the status is "IDLE" and the thread has run within ten of its usual intervals.
+    bool isIdle() const;
+
+    // Asks another background thread; see Convey::Thread::ping.
+    SoString ping(const SoString& target, const SoString& key, int32_t timeoutSeconds,
+                  const SoString* parameters) const;
+
+    // Answers a ping with a value; the request's body goes back with it.
+    void sendResponse(const Convey::Message& request, const SoString& value);
+
+    // Lets messages to instances that were added end the waits of this thread.
+    void watchInstances();
+
+    // The moment this thread was made, in milliseconds since 1970.
+    double startTime() const { return startTime_; }
+
+    // Appends the thread's rows of the diagnostics text.
+    void appendDiagnostics(SoString& out, const SoString& path) const;
+
+    // Asks the thread to end; false on the thread itself, which cannot wait for its own end.
+    bool stop() override;
+    bool isOwnThread() const { return runner_.load() == std::this_thread::get_id(); }
+
+protected:
+    void run() override;
+
+private:
+    std::shared_ptr<Convey::MsgHandler> handlerFor(const SoString& key) const;
+    PingData* findLocked(const SoString& key) SO_REQUIRES(this);
+    const PingData* findLocked(const SoString& key) const SO_REQUIRES(this);
+    PingData* findOrAddLocked(const SoString& key) SO_REQUIRES(this);
+    bool openStream();
+    std::shared_ptr<InterAppStream> stream() const;
+    // One round: answers pings, receives and sends for the instances; true when there is more.
+    bool runRound();
+    bool answerPings();
+    bool serveInstances();
+    void notePump();
+
+    std::atomic<ConveyContext*> context_;
+    std::atomic<bool> stop_{false};
+    std::atomic<std::thread::id> runner_{std::thread::id()};
+    const std::shared_ptr<platform::PortWait> wait_; // null: the thread only polls
+    const double startTime_;
+    std::shared_ptr<InterAppStream> stream_ SO_GUARDED_BY(this);
+    SoString specifier_ SO_GUARDED_BY(this);
+    std::vector<PingData> table_ SO_GUARDED_BY(this);
+    double averagePump_ SO_GUARDED_BY(this) = 0; // milliseconds, 0 for unknown
+    double lastPump_ SO_GUARDED_BY(this) = 0;
+};
+
+} // namespace ScObjects

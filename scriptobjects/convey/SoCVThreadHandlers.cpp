@@ -1,0 +1,113 @@
+#include "scriptobjects/convey/SoCVThreadHandlers.h"
+
+#include <memory>
+#include <string>
+
+#include "platform/Processes.h"
+#include "scriptobjects/convey/SoCVContext.h"
+#include "scriptobjects/convey/SoCVInstance.h"
+#include "scriptobjects/convey/SoCVSetupThread.h"
+#include "scriptobjects/convey/SoCVThread.h"
+#include "scriptobjects/convey/SoCVUtils.h"
+
+namespace ScObjects {
+namespace {
+
+constexpr uint32_t kForwardedSeconds = 60; // what an observer has not taken by then is old news
+
+bool isForwardingKey(const SoString& key) {
+    return key == "FWDMESSAGES" || key == "FWDERRORS" || key == "FWDLOGS";
+}
+
+SoString stringOf(std::string_view text) {
+    return SoString(text.data(), static_cast<int32_t>(text.size()));
+}
+
+} // namespace
+
+int32_t ThreadMainMsgHandler::handleMessage(int /*event*/, Convey::Message& message,
+                                            SoString* result) {
+    SoString answer;
+    if (message.getType() == ConveyThread::CV_PING) {
+        const SoString request = message.getUserHeaderValue(ConveyThread::CV_ECHO_REQUEST);
+        const std::string_view text = request.view();
+        const size_t mark = text.find('=');
+        answer = mark != std::string_view::npos
+                     ? setKey(stringOf(text.substr(0, mark)), stringOf(text.substr(mark + 1)))
+                     : answerKey(request, message);
+    }
+    if (result != nullptr) {
+        *result = answer;
+    }
+    return 0;
+}
+
+SoString ThreadMainMsgHandler::setKey(const SoString& key, const SoString& value) const {
+    if (isForwardingKey(key)) {
+        if (const auto main = context_->pinMain()) {
+            // An observer of this key that was there before is gone with what is replaced.
+            const std::unique_ptr<Convey::MsgHandler> replaced(
+                value.isEmpty() ? main->removeHandler(key, ConveyData::CV_INVALID_MESSAGE_NUMBER)
+                                : main->changeHandler(new ThreadForwardMsgHandler(value, key)));
+        }
+    }
+    (void)thread_->setKeyValuePair(key, value);
+    return value;
+}
+
+SoString ThreadMainMsgHandler::answerKey(const SoString& key, Convey::Message& message) const {
+    if (key == ConveyThread::CV_MAIN) { // would be this handler again
+        return thread_->getValueForKey(message.getBody());
+    }
+    SoString answer;
+    if (thread_->callHandler(key, message, answer)) {
+        return answer;
+    }
+    return thread_->getValueForKey(key);
+}
+
+int32_t ThreadLaunchedMsgHandler::handleMessage(int /*event*/, Convey::Message& /*message*/,
+                                                SoString* result) {
+    if (result != nullptr && !ConveySetupThread::isSetupThreadRunning()) {
+        *result = ConveyThread::CV_LAUNCHED;
+    }
+    return 0;
+}
+
+int32_t ThreadDiagnosticsMsgHandler::handleMessage(int /*event*/, Convey::Message& message,
+                                                   SoString* result) {
+    const bool formatted = message.getBody() == "formatted";
+    SoString text;
+    Convey::getDiagnostics(text, formatted);
+    message.setBody(std::move(text));
+    if (result != nullptr) {
+        *result = ConveyThread::CV_SEE_BODY;
+    }
+    return 0;
+}
+
+int32_t ThreadInfoMsgHandler::handleMessage(int /*event*/, Convey::Message& message,
+                                            SoString* result) {
+    const auto started = static_cast<uint32_t>(thread_->startTime() / 1000);
+    SoString text = context_->getAppSpecifier();
+    text << "\n"
+         << platform::Processes::system().ownNumber() << "\n"
+         << Convey::kVersion << "\n"
+         << ConveyUtils::getTimeString(&started) << "\n"
+         << context_->getSignature() << "\n";
+    message.setBody(std::move(text));
+    if (result != nullptr) {
+        *result = ConveyThread::CV_SEE_BODY;
+    }
+    return 0;
+}
+
+int32_t ThreadForwardMsgHandler::handleMessage(int /*event*/, Convey::Message& message,
+                                               SoString* /*result*/) {
+    message.setTarget(observer_);
+    message.setType(key_);
+    message.setTimeout(kForwardedSeconds);
+    return Convey::sendThroughMainInstance(message) ? 0 : 1;
+}
+
+} // namespace ScObjects

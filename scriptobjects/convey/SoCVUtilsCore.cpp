@@ -1,0 +1,107 @@
+#include "scriptobjects/convey/SoCVUtilsCore.h"
+
+#include <string_view>
+
+#include "scriptobjects/convey/SoCVContext.h"
+#include "scriptobjects/convey/SoCVInstance.h"
+#include "scriptobjects/convey/SoCVSpecifier.h"
+#include "scriptobjects/convey/SoCVUtils.h"
+
+namespace ScObjects::ConveyUtils {
+namespace {
+
+// What an observer's own message brings about is not forwarded, or it would be without end.
+constinit thread_local bool gForwarding = false;
+
+class ForwardingScope {
+public:
+    ForwardingScope() { gForwarding = true; }
+    ~ForwardingScope() { gForwarding = false; }
+    ForwardingScope(const ForwardingScope&) = delete;
+    ForwardingScope& operator=(const ForwardingScope&) = delete;
+};
+
+std::shared_ptr<ConveyData::HandlerSlot> observerOf(const SoString& handlerType) {
+    const ConveyContext* context = gForwarding ? nullptr : ConveyContext::currentContextNow();
+    const auto main = context == nullptr ? nullptr : context->pinMain();
+    if (main == nullptr) {
+        return nullptr;
+    }
+    auto slot = main->findSlot(handlerType, ConveyData::CV_INVALID_MESSAGE_NUMBER);
+    return slot;
+}
+
+SoString stringOf(std::string_view text) {
+    return SoString(text.data(), static_cast<int32_t>(text.size()));
+}
+
+} // namespace
+
+bool isForwarding(const char* handlerType) {
+    return observerOf(handlerType) != nullptr;
+}
+
+bool forwardMessage(const Convey::Message& message, const SoString& handlerType,
+                    const SoString& root, const SoString& label) {
+    const SoString& type = message.getType();
+    if (type == "Debug" || type == "Log" || (type == "Tessaly" && message.getBody().isEmpty())) {
+        return false;
+    }
+    const auto observer = observerOf(handlerType);
+    if (observer == nullptr) {
+        return false;
+    }
+    const ForwardingScope scope;
+    Convey::Message forwarded;
+    forwarded.setHeader("MsgRoot", root.c_str());
+    SoString rows;
+    message.appendDiagnostics(rows, root);
+    if (!label.isEmpty()) {
+        const uint32_t time = message.getTimestamp();
+        rows << root << "/msg" << message.getSerialNumber() << ";1;msg[" << getTimeString(&time)
+             << "];" << label << ";\n";
+    }
+    forwarded.setBody(std::move(rows));
+    return observer->call(0, forwarded, nullptr) == 0;
+}
+
+SoString getLaunchMsgQueueName(const SoString& specifier) {
+    const Convey::Specifier parsed(specifier.c_str(), false);
+    SoString name = parsed.appName();
+    for (const SoString& part : {parsed.version(), parsed.locale()}) {
+        if (!part.isEmpty()) {
+            name << "-" << part;
+        }
+    }
+    return name;
+}
+
+bool parseInfoLine(const SoString& row, SoString& path, SoString& label, SoString& value,
+                   bool& isHeading) {
+    std::string_view rest = row.view();
+    if (!rest.empty() && rest.back() == '\n') {
+        rest.remove_suffix(1);
+    }
+    std::string_view fields[3];
+    for (std::string_view& field : fields) {
+        const size_t end = rest.find(';');
+        if (end == std::string_view::npos) {
+            return false;
+        }
+        field = rest.substr(0, end);
+        rest.remove_prefix(end + 1);
+    }
+    if (fields[0].empty() || (fields[1] != "0" && fields[1] != "1")) {
+        return false;
+    }
+    if (!rest.empty() && rest.back() == ';') { // some rows are not closed
+        rest.remove_suffix(1);
+    }
+    path = stringOf(fields[0]);
+    isHeading = fields[1] == "1";
+    label = stringOf(fields[2]);
+    value = stringOf(rest);
+    return true;
+}
+
+} // namespace ScObjects::ConveyUtils

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstdint>
+
+#include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoConvey.h"
+#include "scriptobjects/core/SoExport.h"
+#include "scriptobjects/core/SoString.h"
+
+// Services of the messaging engine that belong to no one class. Threads: any.
+namespace ScObjects::ConveyUtils {
+
+// Asks the background threads of `target`, or of every registered application for
+// "allRunningApps", over this process's stream; see Convey::Thread::ping for the answers. `request`
+// false sends an answer instead of a question. `answered`, null for none, receives how many
+// targets gave an answer or let the time pass. The waits last `timeoutSeconds` at most, each. Empty
+// when this process has no good stream.
+SO_EXPORT SoString ping(const SoString& target, bool request, const SoString& key,
+                        uint32_t serialNumber, int32_t timeoutSeconds, const SoString* parameters,
+                        int32_t* answered);
+
+// Hands a message to the observer that is registered with the main instance for `handlerType`
+// ("FWDMESSAGES", "FWDERRORS", "FWDLOGS"), as rows under the path `root`, with `label` saying what
+// happened to it. False without an observer, for messages of type "Debug" and "Log", for empty ones
+// and for what an observer's own messages bring about.
+SO_EXPORT bool forwardMessage(const Convey::Message& message, const SoString& handlerType,
+                              const SoString& root, const SoString& label);
+// Whether there is such an observer, and it may be told.
+bool isForwarding(const char* handlerType);
+
+// The name of the queue at which a launched application finds its parameters: application name,
+// version and locale of the specifier.
+SO_EXPORT SoString getLaunchMsgQueueName(const SoString& specifier);
+
+// Splits a row of the diagnostics text into its path, label and value; `isHeading` is true for a
+// row that has others below it. False, and nothing changed, for what is no row.
+SO_EXPORT bool parseInfoLine(const SoString& row, SoString& path, SoString& label, SoString& value,
+                             bool& isHeading);
+
+} // namespace ScObjects::ConveyUtils
