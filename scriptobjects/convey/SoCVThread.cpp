@@ -48,6 +48,7 @@ ConveyThread::ConveyThread(ConveyContext* context, const SoString& appSpecifier)
     (void)setHandler(CV_LAUNCHED, new ThreadLaunchedMsgHandler);
     (void)setHandler(CV_DIAGNOSTICS, new ThreadDiagnosticsMsgHandler);
     (void)setHandler(CV_INFO, new ThreadInfoMsgHandler(context, this));
+    (void)openStream(); // so that the process can be asked as soon as the layer has started
 }
 
 ConveyThread::~ConveyThread() = default;

@@ -25,6 +25,16 @@ public:
     SoString getName() const override { return "table"; }
     uint32_t getTimestamp() const override { return 0; }
 
+    // What a launch answers, and which targets were launched with what.
+    int32_t launchResult = 0;
+    std::vector<std::string> launches;
+    int32_t launchTarget(const SoString& specifier, const SoString& parameters, bool inFront,
+                         ScObjects::ConveyContext*) override {
+        launches.push_back(std::string(specifier.c_str()) + (inFront ? " front: " : " behind: ") +
+                           parameters.c_str());
+        return launchResult;
+    }
+
     int readings = 0;
 
 protected:

@@ -1,0 +1,705 @@
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/fake/Fakes.h"
+#include "scriptobjects/convey/SoCVContext.h"
+#include "scriptobjects/convey/SoCVInstance.h"
+#include "scriptobjects/convey/SoCVLaunchParameters.h"
+#include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoCVSetupThread.h"
+#include "scriptobjects/convey/SoCVSpecifier.h"
+#include "scriptobjects/convey/SoCVThread.h"
+#include "scriptobjects/convey/SoCVUtilsCore.h"
+#include "scriptobjects/stream/InterAppStream.h"
+#include "tests/support/TableConnector.h"
+
+namespace {
+
+using ScObjects::Convey;
+using ScObjects::ConveyContext;
+using ScObjects::ConveySetupThread;
+using ScObjects::ConveyThread;
+using ScObjects::InterAppStream;
+using ScObjects::SoString;
+using Message = Convey::Message;
+using Strings = std::vector<std::string>;
+constexpr uint32_t kAny = ScObjects::ConveyData::CV_INVALID_MESSAGE_NUMBER;
+
+// A handler that does what a test says.
+class Handler : public Convey::MsgHandler {
+public:
+    using Body = std::function<int32_t(int, Message&, SoString*)>;
+
+    Handler(Body body, const char* type = "Tessaly", uint32_t serial = kAny,
+            std::atomic<int>* alive = nullptr)
+        : body_(std::move(body)), type_(type), serial_(serial), alive_(alive) {
+        if (alive_ != nullptr) {
+            ++*alive_;
+        }
+    }
+    ~Handler() override {
+        if (alive_ != nullptr) {
+            --*alive_;
+        }
+    }
+    int32_t handleMessage(int event, Message& message, SoString* result) override {
+        return body_(event, message, result);
+    }
+    SoString getMsgType() const override { return type_; }
+    uint32_t getSerialNumber() const override { return serial_; }
+
+private:
+    const Body body_;
+    const SoString type_;
+    const uint32_t serial_;
+    std::atomic<int>* const alive_;
+};
+
+// Notes each call as kind, type and body.
+Handler* noting(Strings& calls, const char* type = "Tessaly", uint32_t serial = kAny) {
+    return new Handler(
+        [&calls](int event, Message& message, SoString*) {
+            calls.push_back(std::to_string(event) + " " + message.getType().c_str() + " " +
+                            message.getBody().c_str());
+            return 0;
+        },
+        type, serial);
+}
+
+Message request(const char* target, const char* body, const char* replies = "",
+                const char* type = "Tessaly") {
+    Message message;
+    message.setTarget(target);
+    message.setBody(SoString(body));
+    message.setResponseRequest(replies);
+    message.setType(type);
+    return message;
+}
+
+class EngineTest : public testing::Test {
+protected:
+    EngineTest() : layer("own-1.0", {"own-1.0", "other-2.0", "docsafe-8.0"}) {
+        EXPECT_TRUE(layer.started);
+    }
+    // Until nothing happens any more.
+    static void pumpAll() {
+        while (Convey::pump(ScObjects::kProcessBoth)) {
+        }
+    }
+    static size_t threads() {
+        return static_cast<size_t>(
+            std::distance(std::filesystem::directory_iterator("/proc/self/task"),
+                          std::filesystem::directory_iterator()));
+    }
+
+    StartedLayer layer;
+};
+
+TEST_F(EngineTest, aConversationWithinTheProcess) {
+    Strings server;
+    Strings client;
+    Convey other("other-2.0", nullptr, false, nullptr);
+    delete other.changeHandler(new Handler([&](int event, Message& message, SoString* result) {
+        server.push_back(std::to_string(event) + " " + message.getBody().c_str());
+        *result = "result text";
+        return message.getBody() == "fail" ? 9 : 0;
+    }));
+    Convey own("own-1.0", noting(client), true, nullptr);
+    const struct {
+        const char* body;
+        const char* replies;
+        Strings expected;
+    } cases[] = {
+        {"plain", "", {}},
+        {"a", "Received", {"2 Tessaly a", "0 Processed "}},
+        {"b", "Result", {"3 Tessaly result text", "0 Processed "}},
+        {"c", "Received Result Error", {"2 Tessaly c", "3 Tessaly result text", "0 Processed "}},
+        {"fail", "Result", {"0 Processed "}},
+        {"fail", "Error Result", {"4 Tessaly result text", "0 Processed "}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.body) + ": " + c.replies);
+        server.clear();
+        client.clear();
+        Message message = request("other-2.0", c.body, c.replies);
+        EXPECT_TRUE(own.send(message, false, 0, nullptr));
+        EXPECT_NE(message.getSerialNumber(), 0U);
+        EXPECT_EQ(message.getSender(), "own-1.0");
+        pumpAll();
+        EXPECT_EQ(server, Strings{std::string("1 ") + c.body});
+        EXPECT_EQ(client, c.expected);
+    }
+    EXPECT_FALSE(own.messagePending());
+}
+
+TEST_F(EngineTest, tellsHandlersTheKindOfMessage) {
+    Strings calls;
+    Convey own("own-1.0", noting(calls), true, nullptr);
+    const struct {
+        const char* type;
+        const char* expected;
+    } cases[] = {
+        {"Tessaly", "1 Tessaly x"},  {"Debug", "1 Debug x"},    {"Timeout", "5 Timeout x"},
+        {"Log", "6 Log x"},          {"Idle", "7 Idle x"},      {"query", "0 query x"},
+        {"Received", "2 Tessaly x"}, {"Result", "3 Tessaly x"}, {"Error", "4 Tessaly x"},
+    };
+    for (const auto& c : cases) {
+        calls.clear();
+        Message message = request("own-1.0", "x", "", c.type);
+        EXPECT_TRUE(own.send(message, false, 0, nullptr));
+        pumpAll();
+        EXPECT_EQ(calls, Strings{c.expected}) << c.type;
+    }
+    calls.clear();
+    Message empty = request("own-1.0", "");
+    EXPECT_FALSE(own.send(empty, false, 0, nullptr)) << "there is nothing to send";
+    pumpAll();
+    EXPECT_EQ(calls, Strings());
+}
+
+TEST_F(EngineTest, findsTheHandlerThatFitsBest) {
+    Convey own("own-1.0", nullptr, true, nullptr);
+    const Handler::Body nothing = [](int, Message&, SoString*) { return 0; };
+    auto* const anyQuery = new Handler(nothing, "query");
+    auto* const newerQuery = new Handler(nothing, "query", 6);
+    auto* const exact = new Handler(nothing, "query", 5);
+    auto* const otherType = new Handler(nothing, "Result", 5);
+    for (auto* handler : {anyQuery, newerQuery, exact, otherType}) {
+        EXPECT_EQ(own.changeHandler(handler), nullptr);
+        EXPECT_EQ(own.changeHandler(handler), nullptr) << "registered already";
+    }
+    const struct {
+        const char* type;
+        uint32_t serial;
+        Convey::MsgHandler* expected;
+    } cases[] = {
+        {"query", 5, exact},       {"query", 6, newerQuery}, {"query", 7, anyQuery},
+        {"query", kAny, anyQuery}, {"", 5, otherType},       {"", 6, newerQuery},
+        {"", 8, nullptr},          {"Result", 6, nullptr},   {"Result", 5, otherType},
+        {"unknown", 5, nullptr},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(own.findHandler(c.type, c.serial), c.expected) << c.type << " " << c.serial;
+    }
+    auto* const replacement = new Handler(nothing, "query", 5);
+    EXPECT_EQ(own.changeHandler(replacement), exact);
+    EXPECT_FALSE(own.deleteHandler(exact));
+    delete exact;
+    EXPECT_EQ(own.removeHandler("query", 7), anyQuery) << "the one that would handle it";
+    delete anyQuery;
+    EXPECT_TRUE(own.deleteHandlers(5));
+    EXPECT_FALSE(own.deleteHandlers(5));
+    EXPECT_EQ(own.findHandler("", 5), nullptr);
+    EXPECT_TRUE(own.deleteHandler(newerQuery));
+}
+
+TEST_F(EngineTest, waitsForTheReplyAndNoLonger) {
+    std::atomic<bool> end{false};
+    Convey other("other-2.0", new Handler([](int, Message&, SoString* result) {
+                     *result = "answer";
+                     return 0;
+                 }),
+                 false, nullptr);
+    Convey own("own-1.0", nullptr, true, nullptr);
+    Strings calls;
+    Message message = request("other-2.0", "question", "Result");
+    message.setSerialNumber(77);
+    delete own.changeHandler(noting(calls, "Result", 77));
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(own.send(message, false, 20, nullptr));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    EXPECT_EQ(calls, Strings{"3 Tessaly answer"});
+    EXPECT_EQ(own.findHandler("", 77), nullptr) << "its message has come";
+
+    Message unanswered = request("other-2.0", "question");
+    unanswered.setSerialNumber(78);
+    auto* const waiting = noting(calls, "Received", 78);
+    delete own.changeHandler(waiting);
+    delete other.changeHandler(noting(calls));
+    unanswered.setResponseRequest("none Processed"); // and processed it is, at once
+    EXPECT_TRUE(own.send(unanswered, false, 20, nullptr)) << "who waits learns that it is done";
+
+    InterAppStream silent("silent-1.0");
+    Message lost = request("silent-1.0", "question", "Result");
+    lost.setSerialNumber(79);
+    delete own.changeHandler(noting(calls, "Result", 79));
+    start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(own.send(lost, false, 1, nullptr));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(900));
+    EXPECT_TRUE(own.deleteHandlers(79));
+}
+
+TEST_F(EngineTest, saysWhyAMessageWasNotSent) {
+    Strings calls;
+    Strings codes;
+    Convey own("own-1.0", nullptr, true, nullptr);
+    delete own.changeHandler(new Handler([&](int event, Message& message, SoString*) {
+        calls.push_back(std::to_string(event) + " " + message.getBody().c_str());
+        codes.emplace_back(message.getUserHeaderValue("Error-Code").c_str());
+        return 0;
+    }));
+    const struct {
+        std::string target;
+        bool mayLaunch;
+        const char* expected;
+    } cases[] = {
+        {"nobody-1.0", false, "4 ERROR: LAUNCHING IS SUPPRESSED"},
+        {"nobody-1.0", true, "4 ERROR: TARGET COULD NOT BE LAUNCHED"},
+        {"other-2.0", true, "4 ERROR: TARGET COULD NOT BE LAUNCHED"},
+        {std::string(300, 'x'), false, "4 ERROR: INVALID SPECIFIER"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.expected);
+        calls.clear();
+        codes.clear();
+        Message message = request(c.target.c_str(), "body", "Error");
+        message.setSender("own-1.0");
+        EXPECT_FALSE(own.send(message, c.mayLaunch, 0, nullptr));
+        pumpAll();
+        EXPECT_EQ(calls, Strings{c.expected});
+        EXPECT_EQ(codes, Strings{"59"});
+    }
+    calls.clear();
+    Message unasked = request("nobody-1.0", "body");
+    EXPECT_FALSE(own.send(unasked, false, 0, nullptr));
+    pumpAll();
+    EXPECT_EQ(calls, Strings()) << "who does not ask for errors gets none";
+}
+
+TEST_F(EngineTest, queuesForALaunchedTargetInOrder) {
+    layer.connector->launchResult = 1;
+    Convey own("own-1.0", nullptr, true, nullptr);
+    for (const char* body : {"first", "second", "third"}) {
+        Message message = request("other-2.0", body);
+        EXPECT_FALSE(own.send(message, true, 0, nullptr)) << "not delivered yet";
+    }
+    EXPECT_TRUE(own.outgoingMessagePending());
+    EXPECT_THAT(layer.connector->launches,
+                testing::Contains("other-2.0 front: -specifier other-2.0 -nostartupscreen"));
+    InterAppStream target("other-2.0");
+    std::string received;
+    while (received.find("third") == std::string::npos &&
+           (target.receive() || target.waitForMessage(10'000, false))) {
+        received += target.getMessages().c_str();
+    }
+    EXPECT_LT(received.find("\n\nfirst"), received.find("\n\nsecond"));
+    EXPECT_LT(received.find("\n\nsecond"), received.find("\n\nthird"));
+}
+
+TEST_F(EngineTest, aMessageThatFindsNoTargetEndsAfterTenMinutes) {
+    platform::FakeClock clock;
+    clock.utc = 1'000'000'000;
+    const platform::ScopedReplacement<platform::Clock> inForce(clock);
+    Convey own("own-1.0", nullptr, true, nullptr);
+    auto& queue = own.data()->outgoing();
+    const auto state = [&] {
+        std::string text;
+        uint64_t position = 0;
+        (void)queue.visitAfter(position, [&](const Message& message) {
+            text = std::to_string(message.getTimestamp()) + " " +
+                   std::to_string(message.getTimeout()) + " " +
+                   message.getUserHeaderValue("QUEUESTAMP").c_str();
+        });
+        return text;
+    };
+    const struct {
+        int32_t timeout;
+        const char* last; // what it gets when its time has come
+    } cases[] = {{-1, "1000000 599 1000000"}, {60, "1000000 60 1000000"}};
+    for (const auto& c : cases) {
+        clock.utc = 1'000'000'000;
+        auto* const message = new Message(request("nobody-1.0", "x"));
+        message->setSender("own-1.0");
+        message->setTimeout(static_cast<uint32_t>(c.timeout));
+        ASSERT_TRUE(queue.append(message));
+        for (int i = 0; i < 20; ++i) {
+            clock.utc += 29'000;
+            EXPECT_FALSE(own.processOutgoingMessage());
+        }
+        EXPECT_EQ(state(),
+                  "1000580 " + std::to_string(static_cast<uint32_t>(c.timeout)) + " 1000000")
+            << "kept alive";
+        clock.utc += 29'000;
+        EXPECT_FALSE(own.processOutgoingMessage());
+        EXPECT_EQ(state(), c.last);
+        EXPECT_FALSE(own.processOutgoingMessage());
+        EXPECT_TRUE(queue.isEmpty());
+    }
+}
+
+TEST_F(EngineTest, handlersMayDoAnything) {
+    std::atomic<int> alive{0};
+    auto* instance = new Convey("own-1.0", nullptr, true, nullptr);
+    bool ran = false;
+    delete instance->changeHandler(new Handler(
+        [&](int, Message&, SoString*) {
+            EXPECT_EQ(Convey::Thread::ping("other-2.0", nullptr, 1, nullptr), "ISNOTRUNNING");
+            Message nested = request("own-1.0", "nested", "", "quiet");
+            EXPECT_TRUE(instance->send(nested, false, 0, nullptr));
+            delete instance->changeHandler(
+                new Handler([](int, Message&, SoString*) { return 0; }, "more", kAny, &alive));
+            EXPECT_TRUE(instance->deleteHandler(instance->findHandler("Tessaly", kAny)));
+            delete instance;
+            instance = nullptr;
+            ran = true;
+            return 0;
+        },
+        "Tessaly", kAny, &alive));
+    Message message = request("own-1.0", "go", "Result Error");
+    EXPECT_TRUE(instance->send(message, false, 0, nullptr));
+    pumpAll();
+    EXPECT_TRUE(ran);
+    EXPECT_EQ(instance, nullptr);
+    EXPECT_EQ(alive, 0) << "every handler is gone";
+    const Convey again("own-1.0", nullptr, true, nullptr);
+    EXPECT_EQ(again.getAppName(), "own-1.0") << "and the name is free";
+}
+
+TEST_F(EngineTest, removingAHandlerWaitsForTheThreadThatIsInIt) {
+    Convey own("own-1.0", nullptr, true, nullptr);
+    std::atomic<bool> inside{false};
+    std::atomic<bool> leave{false};
+    std::atomic<bool> left{false};
+    delete own.changeHandler(new Handler([&](int, Message&, SoString*) {
+        inside = true;
+        while (!leave) {
+            std::this_thread::yield();
+        }
+        left = true;
+        return 0;
+    }));
+    Message message = request("own-1.0", "x");
+    EXPECT_TRUE(own.send(message, false, 0, nullptr));
+    std::thread pumping([] { (void)Convey::pump(ScObjects::kProcessIncoming); });
+    while (!inside) {
+        std::this_thread::yield();
+    }
+    std::thread leaving([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        leave = true;
+    });
+    delete own.removeHandler("Tessaly", kAny);
+    EXPECT_TRUE(left);
+    pumping.join();
+    leaving.join();
+}
+
+TEST_F(EngineTest, contextsKeepTheirInstances) {
+    ConveyContext* const context = Convey::getSharedContext();
+    const uint32_t number = context->getNextSerialNumber();
+    EXPECT_EQ(context->getNextSerialNumber(), number + 1);
+    auto* const first = new Convey("own-1.0", nullptr, true, nullptr);
+    const Convey second("own-1.0", nullptr, false, nullptr);
+    EXPECT_EQ(second.getAppName(), "own_1-1.0") << "the name is taken";
+    EXPECT_EQ(context->getNumberOfInstances(), 2);
+    EXPECT_EQ(context->getNthInstance(0), first);
+    EXPECT_EQ(context->getNthInstance(-1), nullptr);
+    EXPECT_EQ(context->getNthInstance(2), nullptr);
+    EXPECT_EQ(context->findInstance("own-1.0"), first);
+    EXPECT_EQ(context->findInstance("none"), nullptr);
+    EXPECT_EQ(Convey::get(), first);
+    first->setAppName("renamed-3.0#suffix");
+    EXPECT_EQ(context->getAppSpecifier(), "renamed-3.0");
+
+    auto* const replacement = new ConveyContext("own-1.0");
+    Convey::setSharedContext(context);
+    EXPECT_EQ(Convey::getSharedContext(), context) << "the same again changes nothing";
+    Convey::setSharedContext(replacement);
+    EXPECT_EQ(replacement->getNumberOfInstances(), 2);
+    EXPECT_EQ(replacement->getMainInstance(), first);
+    EXPECT_EQ(first->getContext(), replacement);
+    EXPECT_GT(replacement->getNextSerialNumber(), number);
+    delete first;
+    EXPECT_EQ(replacement->getMainInstance(), nullptr);
+}
+
+TEST_F(EngineTest, theTableAnswersPings) {
+    ConveyThread* const thread = ConveyThread::getMainThread();
+    ASSERT_NE(thread, nullptr);
+    EXPECT_EQ(thread->getValueForKey("ECHO_REQUEST"), "ECHO_RESPONSE");
+    EXPECT_EQ(thread->getValueForKey("STATUS"), "IDLE");
+    EXPECT_EQ(thread->locateKey("ECHO_REQUEST"), 0);
+    EXPECT_EQ(thread->locateKey("none"), -1);
+    EXPECT_FALSE(thread->setKeyValuePair("", "x"));
+    EXPECT_FALSE(thread->setTimeout("none", 1));
+    EXPECT_TRUE(thread->setKeyValuePair("short", "x"));
+    EXPECT_TRUE(thread->setTimeout("short", -1));
+    thread->removeExpiredPingData();
+    EXPECT_EQ(thread->locateKey("short"), -1);
+    size_t keys = 0;
+    while (thread->setKeyValuePair(("k" + std::to_string(keys)).c_str(), "v")) {
+        ASSERT_LT(++keys, 2 * ConveyThread::kMaximumKeys);
+    }
+    EXPECT_TRUE(thread->setKeyValuePair("k0", "other")) << "a key that is there has its place";
+
+    for (const auto& [text, expected] : {std::pair("kivra-7.0", "kivra-7.0#thread"),
+                                         {"a_2-1.0-en_us#x", "a_2-1.0-en_us#thread"},
+                                         {"", ""},
+                                         {"app-group", "app-group#thread"}}) {
+        EXPECT_EQ(ConveyThread::createThreadSpecifier(text), expected);
+    }
+}
+
+// The background thread of another application, played by a stream.
+class PlayedTarget {
+public:
+    explicit PlayedTarget(const char* name) : stream_((std::string(name) + "#thread").c_str()) {}
+    // The next ping that arrives; its type is not "ping" when none does.
+    Message next(int32_t milliseconds = 10'000) {
+        Message message;
+        if (stream_.receive() ||
+            (stream_.waitForMessage(milliseconds, false) && stream_.receive())) {
+            (void)message.readFromString(stream_.getMessages().c_str());
+        }
+        return message;
+    }
+    void answer(const Message& ping, const char* value, const char* sender = nullptr,
+                bool numbered = true) {
+        Message message;
+        message.setTarget(ping.getSender());
+        message.setSender(sender != nullptr ? SoString(sender) : stream_.getName());
+        message.setType("ping");
+        message.setHeader("ECHO_REQUEST", value);
+        message.setBody("the body");
+        if (numbered) {
+            message.setHeader("Ping-Number", static_cast<unsigned long>(ping.getSerialNumber()));
+        }
+        SoString text;
+        EXPECT_TRUE(message.writeToString(text));
+        EXPECT_TRUE(stream_.send(ping.getSender(), text));
+    }
+
+private:
+    InterAppStream stream_;
+};
+
+TEST_F(EngineTest, takesOnlyTheAnswerToItsPing) {
+    PlayedTarget target("other-2.0");
+    const auto ping = [](int32_t seconds) {
+        return std::string(Convey::Thread::ping("other-2.0", "KEY", seconds, nullptr).c_str());
+    };
+    EXPECT_EQ(ping(0), "NOERROR");
+    const Message first = target.next();
+    EXPECT_EQ(first.getUserHeaderValue("ECHO_REQUEST"), "KEY");
+    EXPECT_EQ(ping(1), "Timeout");
+    const Message second = target.next();
+    target.answer(first, "late");
+    target.answer(second, "late as well");
+    std::string result;
+    std::thread asking([&] { result = ping(20); });
+    const Message third = target.next();
+    target.answer(second, "late answer");
+    target.answer(third, "a stranger's", "stranger-1.0#thread");
+    target.answer(third, "yes");
+    asking.join();
+    EXPECT_EQ(result, "yes");
+    // A peer that does not number its answers, and an answer in the body.
+    std::thread again([&] { result = ping(20); });
+    target.answer(target.next(), "SEE BODY", nullptr, false);
+    again.join();
+    EXPECT_EQ(result, "the body");
+}
+
+TEST_F(EngineTest, threadsThatPingTogetherGetTheirOwnAnswers) {
+    PlayedTarget target("other-2.0");
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 4; ++thread) {
+        threads.emplace_back([&wrong, thread] {
+            for (int i = 0; i < 25; ++i) {
+                const std::string key = std::to_string(thread) + "." + std::to_string(i);
+                const SoString answer = Convey::Thread::ping("other-2.0", key.c_str(), 20, nullptr);
+                wrong += answer == key.c_str() ? 0 : 1;
+            }
+        });
+    }
+    // Two at a time where there are two, the later one first.
+    for (int answered = 0; answered < 100;) {
+        std::vector<Message> waiting;
+        waiting.push_back(target.next());
+        ASSERT_EQ(waiting[0].getType(), "ping");
+        const Message second = target.next(20);
+        if (second.getType() == "ping") {
+            waiting.push_back(second);
+        }
+        for (size_t i = waiting.size(); i-- > 0; ++answered) {
+            target.answer(waiting[i], waiting[i].getUserHeaderValue("ECHO_REQUEST").c_str());
+        }
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(wrong, 0);
+}
+
+TEST_F(EngineTest, forwardsWhatItHandlesToAnObserver) {
+    Convey own("own-1.0", nullptr, true, nullptr);
+    InterAppStream observer("observer-1.0");
+    InterAppStream asker("asker-1.0#ping");
+    const auto set = [&](const char* pair) {
+        Message ping = request("own-1.0#thread", "", "", "ping");
+        ping.setSender("asker-1.0#ping");
+        ping.setHeader("ECHO_REQUEST", pair);
+        SoString text;
+        EXPECT_TRUE(ping.writeToString(text));
+        EXPECT_TRUE(asker.send("own-1.0#thread", text));
+        EXPECT_TRUE(asker.waitForMessage(10'000, false) && asker.receive());
+        Message answer;
+        (void)answer.readFromString(asker.getMessages().c_str());
+        return std::string(answer.getUserHeaderValue("ECHO_REQUEST").c_str());
+    };
+    EXPECT_EQ(set("FWDMESSAGES=observer-1.0"), "observer-1.0");
+    EXPECT_EQ(set("FWDMESSAGES"), "observer-1.0");
+    Message message = request("own-1.0", "watched", "", "query");
+    EXPECT_TRUE(own.send(message, false, 0, nullptr));
+    pumpAll();
+    std::string seen;
+    while (observer.receive() || observer.waitForMessage(200, false)) {
+        seen += observer.getMessages().c_str();
+    }
+    EXPECT_THAT(seen, testing::HasSubstr(";Text;watched\n"));
+    EXPECT_THAT(seen, testing::HasSubstr("];added;\n"));
+    EXPECT_THAT(seen, testing::HasSubstr("MsgRoot:/own-1.0/instances/own-1.0/in\n"));
+    EXPECT_EQ(set("FWDMESSAGES="), "");
+    EXPECT_EQ(own.findHandler("FWDMESSAGES", kAny), nullptr);
+}
+
+TEST_F(EngineTest, describesItself) {
+    Convey own("own-1.0", nullptr, true, nullptr);
+    SoString text;
+    Convey::getDiagnostics(text, false);
+    for (const char* row :
+         {"/own-1.0/context;1;Info;;\n", "/own-1.0/name;0;Name;own-1.0;\n",
+          "/own-1.0/status;0;Status;UNDEFINED;\n", "/own-1.0/path;0;Path;/apps/own-1.0;\n",
+          "/own-1.0/build;0;Build;ES 4.5.6;\n", "/own-1.0/logging;0;Logging:;OFF;\n",
+          "/own-1.0/messages;1;Messages;;\n", "/own-1.0/instances;1;Instances;1;\n"}) {
+        EXPECT_THAT(text.c_str(), testing::HasSubstr(row));
+    }
+    EXPECT_THAT(text.c_str(), testing::Not(testing::HasSubstr("/group;")));
+    Convey::getDiagnostics(text, true);
+    EXPECT_THAT(text.c_str(), testing::StartsWith("Convey Diagnostics\n----------------------\n\n"
+                                                  "\tInfo: \n\tName = own-1.0\n"));
+}
+
+TEST_F(EngineTest, launchesWithinItsLimits) {
+    Convey own("own-1.0", nullptr, true, nullptr);
+    const std::string longTarget(257, 'x');
+    const std::string longParameters(65'537, 'p');
+    EXPECT_EQ(Convey::launchTarget(longTarget.c_str(), "", 0, nullptr), 0);
+    EXPECT_EQ(Convey::launchTarget("other-2.0", longParameters.c_str(), 0, nullptr), 0);
+    EXPECT_EQ(Convey::launchTarget(nullptr, "", 0, nullptr), 0);
+    EXPECT_EQ(Convey::launchTarget("unknown-1.0", "", 0, nullptr), 0);
+    EXPECT_TRUE(layer.connector->launches.empty());
+    layer.connector->launchResult = 1;
+    EXPECT_EQ(Convey::launchTarget("other_3-2.0", "-extra", 1, nullptr), 1);
+    EXPECT_EQ(Convey::launchTarget("docsafe-8.0", "-extra", 0, nullptr), 1);
+    EXPECT_EQ(layer.connector->launches,
+              (Strings{"other_3-2.0 behind: -specifier other_3-2.0 -nostartupscreen -instance 3 "
+                       "-extra",
+                       "docsafe-8.0 front: "}));
+    EXPECT_EQ(Convey::Thread::getPingValue("LAUNCHPARAMS:docsafe-8.0"),
+              "-specifier docsafe-8.0 -nostartupscreen -extra");
+    EXPECT_EQ(own.data()->outgoing().count(), 2) << "both find their parameters in the queue";
+    const InterAppStream running("other-2.0");
+    EXPECT_EQ(Convey::launchTarget("other-2.0", "", 0, nullptr), 1) << "it runs already";
+    EXPECT_EQ(layer.connector->launches.size(), 2U);
+}
+
+TEST(Setup, runsInTheBackgroundOnce) {
+    EXPECT_TRUE(ConveySetupThread::syncWithSetupThread()) << "there is nothing to wait for";
+    EXPECT_FALSE(ConveySetupThread::isSetupThreadRunning());
+    ScObjects::ConveyConnector::set(new TableConnector({"own-1.0"}, {}));
+    EXPECT_TRUE(Convey::InitTerm::init("own-1.0", false));
+    EXPECT_FALSE(Convey::InitTerm::init("own-1.0", false));
+    EXPECT_EQ(Convey::getSharedAppName(), "own-1.0") << "waits for the context";
+    EXPECT_FALSE(ConveySetupThread::startSetupThread("own-1.0"));
+    EXPECT_THAT(Convey::Thread::getPingValue("SETUPTIME").c_str(),
+                testing::MatchesRegex("thread=[0-9]+ms, (left|lost)=[0-9]+ms"));
+    EXPECT_EQ(Convey::getLaunchOptions(), "");
+    EXPECT_FALSE(Convey::suppressStartupScreen());
+    EXPECT_TRUE(Convey::InitTerm::exit());
+    EXPECT_FALSE(Convey::InitTerm::exit());
+    ScObjects::ConveyConnector::InitTerm::exit();
+}
+
+TEST(Setup, takesTheParametersThatALauncherLeft) {
+    ScObjects::ConveyConnector::set(new TableConnector({"own-1.0"}, {}));
+    const InterAppStream pending("own-1.0#haslaunchparams");
+    const InterAppStream launcher("launcher-1.0");
+    std::thread sending([&] {
+        Message message = request("own-1.0", "-instance 2 -specifier other-1.0 -nostartupscreen",
+                                  "", "LaunchParams");
+        message.setSender("launcher-1.0");
+        const std::string queue = "own#" + std::to_string(getpid());
+        message.setTarget(queue.c_str());
+        SoString text;
+        EXPECT_TRUE(message.writeToString(text));
+        while (!launcher.send(queue.c_str(), text)) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+    });
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(Convey::InitTerm::init("own-1.0", true));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3))
+        << "wakes when they arrive";
+    sending.join();
+    EXPECT_EQ(Convey::getSharedAppName(), "own_2-1.0") << "the first option decides";
+    EXPECT_TRUE(Convey::suppressStartupScreen());
+    EXPECT_EQ(Convey::Thread::getPingValue("SETUPTIME").view().substr(0, 7), "thread=");
+    EXPECT_TRUE(Convey::InitTerm::exit());
+    ScObjects::ConveyConnector::InitTerm::exit();
+}
+
+TEST(Setup, startsWithoutPortsHomeOrSpecifier) {
+    platform::FakeMessagePorts ports;
+    ports.unusable = true;
+    const platform::ScopedReplacement<platform::MessagePorts> inForce(ports);
+    setenv("HOME", "/nonexistent", 1);
+    platform::FakeLog log;
+    const platform::ScopedReplacement<platform::Log> logInForce(log);
+    EXPECT_FALSE(Convey::InitTerm::init("", true));
+    EXPECT_EQ(Convey::getSharedContext(), nullptr);
+    EXPECT_TRUE(Convey::InitTerm::init("own-1.0", true));
+    EXPECT_EQ(Convey::Thread::ping("other-1.0", nullptr, 1, nullptr), "NOINTERAPPSTREAM");
+    {
+        const Convey instance("own-1.0", nullptr, true, nullptr);
+        Message message = request("nobody-1.0", "x");
+        EXPECT_FALSE(instance.send(message, false, 0, nullptr));
+        EXPECT_FALSE(Convey::pump(ScObjects::kProcessBoth));
+    }
+    EXPECT_TRUE(Convey::InitTerm::exit());
+    ScObjects::ConveyConnector::InitTerm::exit();
+}
+
+TEST(Setup, aThousandStartsLeaveNothingBehind) {
+    const auto entries = [](const char* folder) {
+        return std::distance(std::filesystem::directory_iterator(folder),
+                             std::filesystem::directory_iterator());
+    };
+    const char* const divisor = std::getenv("CONVEY_TEST_DIVISOR");
+    const int starts = divisor == nullptr ? 1000 : 100;
+    std::ptrdiff_t descriptors = 0;
+    for (int i = 0; i < starts; ++i) {
+        const StartedLayer layer("own-1.0", {"own-1.0"});
+        ASSERT_TRUE(layer.started);
+        const Convey instance("own-1.0", nullptr, true, nullptr);
+        ASSERT_EQ(instance.getAppName(), "own-1.0") << "start " << i;
+        if (i == 10) {
+            descriptors = entries("/proc/self/fd");
+        } else if (i == starts - 1) {
+            EXPECT_LE(entries("/proc/self/fd"), descriptors);
+            EXPECT_EQ(entries("/proc/self/task"), 2) << "this thread and the layer's";
+        }
+    }
+    EXPECT_EQ(entries((std::string(std::getenv("XDG_RUNTIME_DIR")) + "/convey").c_str()), 0);
+}
+
+} // namespace

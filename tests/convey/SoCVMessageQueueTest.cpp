@@ -1,0 +1,289 @@
+#include <gtest/gtest.h>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "platform/fake/Fakes.h"
+#include "scriptobjects/convey/SoCVMessageQueue.h"
+#include "scriptobjects/convey/SoCVUtils.h"
+
+namespace {
+
+using ScObjects::Convey;
+using ScObjects::SoString;
+using ScObjects::ConveyData::MessageQueue;
+constexpr uint32_t kAny = ScObjects::ConveyData::CV_INVALID_MESSAGE_NUMBER;
+
+class MessageQueueTest : public testing::Test {
+protected:
+    MessageQueueTest() { clock.utc = 1'000'000'000; }
+
+    // A message for whoever reads its body: type, seconds of life, what it answers.
+    static Convey::Message* make(const char* body, const char* type = "query", int32_t timeout = 60,
+                                 uint32_t result = kAny) {
+        auto* message = new Convey::Message;
+        message->setTarget("target");
+        message->setSender("sender");
+        message->setType(type);
+        message->setBody(SoString(body));
+        message->setTimeout(static_cast<uint32_t>(timeout));
+        message->setResult(result);
+        return message;
+    }
+    static std::string next(MessageQueue& queue, uint32_t serial = kAny) {
+        const std::unique_ptr<Convey::Message> message(queue.getNextMessage(serial));
+        return message == nullptr ? "-" : message->getBody().c_str();
+    }
+    static std::string rest(MessageQueue& queue) {
+        std::string bodies;
+        uint64_t position = 0;
+        while (queue.visitAfter(position, [&](const Convey::Message& message) {
+            bodies += message.getBody().c_str();
+            bodies += ' ';
+        })) {
+        }
+        return bodies;
+    }
+    void pass(int64_t seconds) { clock.utc += seconds * 1000; }
+
+    platform::FakeClock clock;
+    platform::ScopedReplacement<platform::Clock> clockInForce{clock};
+};
+
+TEST_F(MessageQueueTest, refusesWhatCannotBeAnswered) {
+    MessageQueue queue;
+    EXPECT_FALSE(queue.append(nullptr));
+    Convey::Message nobody;
+    nobody.setTarget("target");
+    EXPECT_FALSE(queue.append(&nobody));
+    nobody.setTarget("");
+    nobody.setSender("sender");
+    EXPECT_FALSE(queue.append(&nobody));
+    EXPECT_TRUE(queue.isEmpty());
+}
+
+TEST_F(MessageQueueTest, givesEveryMessageATime) {
+    MessageQueue queue;
+    Convey::Message* const message = make("a", "query", 0);
+    message->setTimestamp(0);
+    EXPECT_TRUE(queue.append(message));
+    EXPECT_EQ(message->getTimestamp(), 1'000'000U);
+    EXPECT_EQ(message->getTimeout(), 600U);
+    pass(599);
+    queue.removeExpiredMessages();
+    EXPECT_FALSE(queue.isEmpty());
+    pass(1);
+    queue.removeExpiredMessages();
+    EXPECT_TRUE(queue.isEmpty());
+}
+
+TEST_F(MessageQueueTest, retiresWhatHasExpired) {
+    const struct {
+        const char* type;
+        int32_t timeout;
+        int64_t seconds;
+        bool expired;
+        const char* why;
+    } cases[] = {
+        {"query", 1, 0, false, "its time begins"},
+        {"query", 1, 1, true, "at the second, not behind it"},
+        {"query", -1, 100'000'000, false, "never"},
+        {"Ignore", 0, 0, true, "a watcher without a time"},
+        {"Ignore", 5, 4, false, "a watcher with one"},
+        {"Ignore", 5, 5, true, "a watcher with one"},
+        {"query", 2147483647, 100'000'000, false, "the longest"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.type) + " " + std::to_string(c.timeout) + ": " + c.why);
+        for (const bool byTaking : {false, true}) {
+            clock.utc = 1'000'000'000;
+            MessageQueue queue;
+            ASSERT_TRUE(queue.append(make("x", c.type, c.timeout)));
+            ASSERT_TRUE(queue.append(make("other", "query", -1)));
+            pass(c.seconds);
+            if (byTaking) {
+                EXPECT_EQ(next(queue, 77), c.expired ? "other" : "x");
+            } else {
+                queue.removeExpiredMessages();
+                EXPECT_EQ(rest(queue), c.expired ? "other " : "x other ");
+            }
+        }
+    }
+}
+
+TEST_F(MessageQueueTest, passesOverRelatedWatchersOnly) {
+    MessageQueue queue;
+    for (auto* message :
+         {make("w1", "Ignore", 60, 5), make("m", "query"), make("w2", "Ignore", 60, 5)}) {
+        ASSERT_TRUE(queue.append(message));
+    }
+    EXPECT_EQ(next(queue, 5), "m");
+    EXPECT_EQ(rest(queue), "w2 w1 ") << "what was passed over is now the last";
+    EXPECT_EQ(next(queue, 5), "-");
+    EXPECT_EQ(next(queue, kAny), "-") << "all watchers are related to any";
+    EXPECT_EQ(next(queue, 6), "w2") << "a watcher of another message is taken";
+    ASSERT_TRUE(queue.append(make("m1")));
+    ASSERT_TRUE(queue.append(make("m2", "query", 60, 5)));
+    EXPECT_EQ(next(queue, 5), "m1") << "the oldest, whatever it answers";
+    EXPECT_FALSE(queue.removeMessage(kAny));
+    EXPECT_TRUE(queue.removeMessage(5));
+    EXPECT_FALSE(queue.removeMessage(5));
+    EXPECT_EQ(rest(queue), "w1 ");
+}
+
+TEST_F(MessageQueueTest, removesTheWatchersThatAnInstanceSetItself) {
+    MessageQueue queue;
+    const auto watcher = [](const char* body, uint32_t serial) {
+        Convey::Message* const message = make(body, "Ignore", 5);
+        message->setTarget("sender");
+        message->setResponseRequest("Timeout");
+        message->setSerialNumber(serial);
+        return message;
+    };
+    Convey::Message* const foreign = watcher("foreign", 3);
+    foreign->setSender("other");
+    Convey::Message* const plain = watcher("plain", 3);
+    plain->setType("query");
+    for (auto* message : {watcher("a", 3), watcher("b", 4), foreign, plain, watcher("c", 3)}) {
+        ASSERT_TRUE(queue.append(message));
+    }
+    queue.removeTimeoutMessage(kAny);
+    EXPECT_EQ(rest(queue), "a b foreign plain c ");
+    queue.removeTimeoutMessage(3);
+    EXPECT_EQ(rest(queue), "b foreign plain ");
+}
+
+TEST_F(MessageQueueTest, aPassSeesWhatOthersLeave) {
+    MessageQueue queue;
+    for (const char* body : {"a", "b", "c"}) {
+        ASSERT_TRUE(queue.append(make(body)));
+    }
+    uint64_t position = 0;
+    std::string seen;
+    const auto see = [&](const Convey::Message& message) { seen += message.getBody().c_str(); };
+    ASSERT_TRUE(queue.visitAfter(position, see));
+    EXPECT_EQ(next(queue), "a");
+    EXPECT_FALSE(queue.drop(position)) << "somebody else has taken it";
+    ASSERT_TRUE(queue.visitAfter(position, see));
+    EXPECT_TRUE(queue.keep(position, 1'000'050, 7, 1'000'001));
+    ASSERT_TRUE(queue.append(make("d")));
+    ASSERT_TRUE(queue.visitAfter(position, see));
+    EXPECT_TRUE(queue.drop(position));
+    ASSERT_TRUE(queue.visitAfter(position, see));
+    EXPECT_FALSE(queue.visitAfter(position, see));
+    EXPECT_EQ(seen, "abcd");
+    EXPECT_EQ(rest(queue), "b d ");
+    pass(56);
+    queue.removeExpiredMessages();
+    EXPECT_EQ(rest(queue), "b d ") << "kept until its new time";
+    pass(1);
+    queue.removeExpiredMessages();
+    EXPECT_EQ(rest(queue), "d ");
+}
+
+TEST_F(MessageQueueTest, writesTheRowsOfItsMessages) {
+    MessageQueue queue;
+    Convey::Message* const message = make("one\ntwo");
+    message->setSerialNumber(42);
+    message->setHeader("h", "v");
+    ASSERT_TRUE(queue.append(message));
+    ASSERT_TRUE(queue.append(make("", "Log")));
+    platform::FakeProcesses processes;
+    const platform::ScopedReplacement<platform::Processes> inForce(processes);
+    SoString rows;
+    EXPECT_EQ(queue.appendDiagnostics(rows, "/x"), 1);
+    EXPECT_EQ(rows, "/x/msg42;1;msg[13:46:40];00000042;\n"
+                    "/x/msg42/version;0;@CV>Version;2.05;\n"
+                    "/x/msg42/target;0;Target;target;\n"
+                    "/x/msg42/sender;0;Sender;sender;\n"
+                    "/x/msg42/senderid;0;Sender-ID;localhost:mac4711;\n"
+                    "/x/msg42/timeout;0;Timeout;60;\n"
+                    "/x/msg42/type;0;Type;query;\n"
+                    "/x/msg42/request;0;Response-Request;undefined;\n"
+                    "/x/msg42/headers;1;Headers;;\n"
+                    "/x/msg42/headers/h;0;h;v;\n"
+                    "/x/msg42/timestamp;0;Timestamp;13:46:40;\n"
+                    "/x/msg42/serialnumber;0;Serial-Number;42;\n"
+                    "/x/msg42/received;0;Received;undefined;\n"
+                    "/x/msg42/result;0;Result;undefined;\n"
+                    "/x/msg42/error;0;Error;undefined;\n"
+                    "/x/msg42/body;1;Body;7 bytes;\n"
+                    "/x/msg42/body/text;0;Text;one\n");
+    rows = SoString();
+    EXPECT_EQ(queue.appendDiagnostics(rows, "/log/x"), 1);
+    EXPECT_NE(rows.view().find(";Headers;(no headers);\n"), std::string_view::npos);
+    EXPECT_NE(rows.view().find("/body;0;Body;(empty);\n"), std::string_view::npos);
+}
+
+TEST_F(MessageQueueTest, agreesWithAModel) {
+    const unsigned seed = std::random_device()();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    struct Modelled {
+        std::string body;
+        bool watcher;
+        uint32_t result;
+        int64_t deadline; // 0: none
+    };
+    std::vector<Modelled> model;
+    MessageQueue queue;
+    int64_t now = 1'000'000;
+    const auto expire = [&] {
+        std::erase_if(model,
+                      [&](const Modelled& m) { return m.deadline != 0 && now >= m.deadline; });
+    };
+    for (int step = 0; step < 20'000; ++step) {
+        const auto serial = static_cast<uint32_t>(random() % 3);
+        switch (random() % 5) {
+        case 0:
+        case 1: {
+            const bool watcher = random() % 3 == 0;
+            const auto timeout = static_cast<int32_t>(random() % 20) - 1;
+            const bool endless = timeout < 0;
+            const int32_t seconds = timeout == 0 ? 600 : timeout;
+            if (timeout == 0 && watcher) {
+                break; // expires at once: see above
+            }
+            const std::string body = std::to_string(step);
+            ASSERT_TRUE(
+                queue.append(make(body.c_str(), watcher ? "Ignore" : "query", timeout, serial)));
+            model.push_back({body, watcher, serial, endless ? 0 : now + seconds});
+            break;
+        }
+        case 2: {
+            // Only what the taking comes across is retired; the rest is, too, sooner or later.
+            expire();
+            std::vector<Modelled> aside;
+            std::string expected = "-";
+            while (!model.empty() && expected == "-") {
+                const Modelled front = model.front();
+                model.erase(model.begin());
+                if (front.watcher && front.result == serial) {
+                    aside.push_back(front);
+                } else {
+                    expected = front.body;
+                }
+            }
+            model.insert(model.end(), aside.begin(), aside.end());
+            ASSERT_EQ(next(queue, serial), expected);
+            break;
+        }
+        case 3:
+            now += random() % 3;
+            clock.utc = now * 1000;
+            break;
+        default:
+            expire();
+            queue.removeExpiredMessages();
+            std::string expected;
+            for (const Modelled& m : model) {
+                expected += m.body + " ";
+            }
+            ASSERT_EQ(rest(queue), expected);
+            ASSERT_EQ(queue.isEmpty(), model.empty());
+        }
+    }
+}
+
+} // namespace
