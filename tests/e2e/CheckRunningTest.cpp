@@ -1,0 +1,208 @@
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <memory>
+#include <signal.h>
+#include <string>
+#include <sys/stat.h>
+#include <thread>
+#include <vector>
+
+#include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoConvey.h"
+#include "tests/support/Process.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+// The tool and hosts, on a registry of the test's own.
+class CheckRunningTest : public testing::Test {
+protected:
+    CheckRunningTest() {
+        setenv("XDG_RUNTIME_DIR", folder.file("").c_str(), 1);
+        setenv("HOME", folder.file("").c_str(), 1);
+        setenv("OVREL_CAPS_DB", folder.file("caps.db").c_str(), 1);
+        for (const char* application : {"kivra-7.0", "lumen-2.0-en_us", "viewer-1.0"}) {
+            const ProcessResult added = runProcess(
+                {OVREL_CAPS_TOOL, "add-app", application, "--path", "/opt/apps/App.app"});
+            EXPECT_EQ(added.exitStatus, 0) << added.err;
+        }
+    }
+    static std::unique_ptr<RunningProcess> host(const char* specifier) {
+        auto process = std::make_unique<RunningProcess>(std::vector<std::string>{HOST, specifier});
+        EXPECT_EQ(process->readLine(), std::string("running as ") + specifier);
+        return process;
+    }
+    static std::string check(const char* specifier) {
+        const ProcessResult result = runProcess({KIVRA_CONVEY_CMD, "check_running", specifier});
+        EXPECT_EQ(result.exitStatus, 0);
+        EXPECT_EQ(result.err, "");
+        const std::string start =
+            "<product specifier='" + std::string(specifier) + "' running_response='";
+        EXPECT_EQ(result.out.substr(0, start.size()), start);
+        return result.out.substr(start.size(), result.out.find('\'', start.size()) - start.size());
+    }
+
+    TemporaryFolder folder;
+};
+
+TEST_F(CheckRunningTest, saysWhatBecameOfTheTarget) {
+    const auto running = host("lumen-2.0-en_us");
+    const std::string tooLong(256, 'x');
+    const struct {
+        const char* specifier;
+        const char* expected;
+    } cases[] = {
+        {"lumen-2.0-en_us", "ECHO_RESPONSE"},
+        {"lumen", "ECHO_RESPONSE"},
+        {"viewer-1.0", "ISNOTRUNNING"},
+        {"viewer", "ISNOTRUNNING"},
+        {"nosuch-1.0", "ISNOTINSTALLED"},
+        {"lumen_3-2.0-en_us", "ISNOTRUNNING"},
+        {"", "INVALIDSPEC"},
+        {tooLong.c_str(), "INVALIDSPEC"},
+        {"kivra-7.0", "UNDEFINED"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(check(c.specifier), c.expected) << c.specifier;
+    }
+    running->signal(SIGSTOP);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(check("lumen-2.0-en_us"), "Timeout");
+    const auto taken = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(taken, std::chrono::milliseconds(1900));
+    EXPECT_LT(taken, std::chrono::seconds(6));
+    running->signal(SIGCONT);
+    EXPECT_EQ(check("lumen-2.0-en_us"), "ECHO_RESPONSE");
+    running->signal(SIGTERM);
+    EXPECT_EQ(running->finish(), 0);
+    EXPECT_EQ(check("lumen-2.0-en_us"), "ISNOTRUNNING");
+
+    ASSERT_EQ(chmod(folder.file("convey").c_str(), 0755), 0);
+    const ProcessResult refused =
+        runProcess({KIVRA_CONVEY_CMD, "check_running", "lumen-2.0-en_us"});
+    EXPECT_THAT(refused.out, HasSubstr("'NOINTERAPPSTREAM'"));
+    EXPECT_THAT(refused.err, HasSubstr("it is open to other users"));
+    EXPECT_EQ(refused.exitStatus, 0);
+}
+
+TEST_F(CheckRunningTest, aKilledTargetIsNotRunningAtOnce) {
+    for (int round = 0; round < 5; ++round) {
+        const auto running = host("lumen-2.0-en_us");
+        running->signal(SIGKILL);
+        EXPECT_EQ(running->finish(), -1);
+        EXPECT_EQ(check("lumen-2.0-en_us"), "ISNOTRUNNING");
+    }
+}
+
+TEST_F(CheckRunningTest, twoHundredToolsAtOnceEndAndLeaveNothing) {
+    const auto running = host("lumen-2.0-en_us");
+    const int count = std::getenv("CONVEY_TEST_DIVISOR") == nullptr ? 200 : 40;
+    std::vector<std::unique_ptr<RunningProcess>> tools;
+    for (int i = 0; i < count; ++i) {
+        tools.push_back(std::make_unique<RunningProcess>(
+            std::vector<std::string>{KIVRA_CONVEY_CMD, "check_running", "lumen-2.0-en_us"}));
+    }
+    int answered = 0;
+    for (const auto& tool : tools) {
+        EXPECT_EQ(tool->finish(), 0);
+        answered += tool->rest().find("'ECHO_RESPONSE'") != std::string::npos ? 1 : 0;
+        // A process has at most nine names of either kind to choose from.
+        EXPECT_THAT(tool->rest(),
+                    testing::AnyOf(HasSubstr("'ECHO_RESPONSE'"), HasSubstr("'NOINTERAPPSTREAM'"),
+                                   HasSubstr("'Timeout'")));
+    }
+    EXPECT_GT(answered, 0);
+    EXPECT_EQ(check("lumen-2.0-en_us"), "ECHO_RESPONSE");
+    running->signal(SIGTERM);
+    EXPECT_EQ(running->finish(), 0);
+    EXPECT_EQ(check("kivra-7.0"), "UNDEFINED") << "the names are free again";
+}
+
+// Pings from within a process, as an application makes them.
+TEST_F(CheckRunningTest, pingsToAStoppedTargetKeepTheirTime) {
+    using ScObjects::Convey;
+    const auto stopped = host("lumen-2.0-en_us");
+    ASSERT_TRUE(Convey::InitTerm::init("viewer-1.0", true));
+    EXPECT_EQ(Convey::Thread::ping("lumen", nullptr, 5, nullptr), "ECHO_RESPONSE");
+    stopped->signal(SIGSTOP);
+    // Until its queue is full, and on; several at once, as they wait for the same connection.
+    const ScObjects::SoString large(std::string(1 << 20, 'x').c_str());
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 8; ++thread) {
+        threads.emplace_back([&large] {
+            for (int i = 0; i < 5; ++i) {
+                const auto start = std::chrono::steady_clock::now();
+                const ScObjects::SoString answer =
+                    Convey::Thread::ping("lumen", nullptr, 1, &large);
+                EXPECT_LT(std::chrono::steady_clock::now() - start,
+                          std::chrono::milliseconds(1100));
+                EXPECT_TRUE(answer == "Timeout" || answer == "UNDEFINED") << answer.c_str();
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    stopped->signal(SIGCONT);
+    EXPECT_EQ(Convey::Thread::ping("lumen", "STATUS", 20, nullptr), "IDLE");
+    const ScObjects::SoString body = Convey::Thread::ping("lumen", "INFO", 20, nullptr);
+    EXPECT_THAT(body.c_str(), testing::StartsWith("lumen-2.0-en_us\n"));
+    EXPECT_THAT(body.c_str(), HasSubstr("\n" + std::to_string(stopped->pid()) + "\n2.0\n"));
+    EXPECT_THAT(Convey::Thread::ping("lumen", "DIAGNOSTICS", 20, nullptr).c_str(),
+                HasSubstr("/lumen-2.0-en_us/instances;1;Instances;1;\n"));
+    EXPECT_EQ(Convey::Thread::ping("lumen", "LAUNCHED", 20, nullptr), "LAUNCHED");
+    EXPECT_EQ(Convey::Thread::ping("lumen", "word=value", 20, nullptr), "value");
+    EXPECT_EQ(Convey::Thread::ping("lumen", "word", 20, nullptr), "value");
+    const ScObjects::SoString key("word");
+    EXPECT_EQ(Convey::Thread::ping("lumen", "MAIN", 20, &key), "value");
+    EXPECT_EQ(Convey::Thread::ping("allRunningApps", nullptr, 5, nullptr), "UNDEFINED")
+        << "the last one is this process";
+    EXPECT_TRUE(Convey::targetIsRunning("lumen-2.0-en_us"));
+    EXPECT_FALSE(Convey::targetIsRunning("kivra-7.0"));
+    EXPECT_TRUE(Convey::InitTerm::exit());
+}
+
+TEST_F(CheckRunningTest, applicationsAnswerEachOther) {
+    const auto running = host("lumen-2.0-en_us");
+    const struct {
+        const char* body;
+        const char* expected;
+        const char* heard; // by the host that is asked
+    } cases[] = {{"hello", "result: echo: hello\n", "asker-1.0 Tessaly: hello"},
+                 {"two\nlines", "result: echo: two\nlines\n", "asker-1.0 Tessaly: two"}};
+    for (const auto& c : cases) {
+        const ProcessResult asked =
+            runProcess({HOST, "asker-1.0", "--ask", "lumen-2.0-en_us", c.body});
+        EXPECT_EQ(asked.exitStatus, 0) << asked.err;
+        EXPECT_THAT(asked.out, HasSubstr(c.expected));
+        EXPECT_EQ(running->readLine(), c.heard);
+    }
+    // Five at once, each with its own answer.
+    std::vector<std::unique_ptr<RunningProcess>> askers;
+    for (int i = 0; i < 5; ++i) {
+        const std::string number = std::to_string(i);
+        askers.push_back(std::make_unique<RunningProcess>(std::vector<std::string>{
+            HOST, "asker" + number + "-1.0", "--ask", "lumen-2.0-en_us", "question " + number}));
+    }
+    for (size_t i = 0; i < askers.size(); ++i) {
+        EXPECT_EQ(askers[i]->finish(), 0);
+        EXPECT_THAT(askers[i]->rest(),
+                    HasSubstr("result: echo: question " + std::to_string(i) + "\n"));
+    }
+    const ProcessResult nobody = runProcess({HOST, "asker-1.0", "--ask", "viewer-1.0", "hello"});
+    EXPECT_EQ(nobody.exitStatus, 1);
+    EXPECT_THAT(nobody.out, HasSubstr("no answer"));
+    // A target that is killed before it has answered.
+    running->signal(SIGSTOP);
+    RunningProcess waiting({HOST, "asker-1.0", "--ask", "lumen-2.0-en_us", "never"});
+    running->signal(SIGKILL);
+    EXPECT_EQ(waiting.finish(), 1);
+    EXPECT_THAT(waiting.rest(), HasSubstr("no answer"));
+}
+
+} // namespace
