@@ -12,7 +12,7 @@ namespace {
 using ScObjects::Convey;
 using ScObjects::SoString;
 
-constexpr const char* kUsage = "usage: host SPECIFIER [--ask TARGET BODY]\n"
+constexpr const char* kUsage = "usage: host SPECIFIER [--quiet | --ask TARGET BODY]\n"
                                "Starts the layer as SPECIFIER and answers messages until SIGTERM: "
                                "requests get \"echo: \" and\n"
                                "their body as result, the body \"fail\" an error. With --ask it "
@@ -23,10 +23,13 @@ volatile std::sig_atomic_t gEnd = 0;
 
 class EchoHandler : public Convey::MsgHandler {
 public:
+    explicit EchoHandler(bool quiet) : quiet_(quiet) {}
     int32_t handleMessage(int /*event*/, Convey::Message& message, SoString* result) override {
-        std::printf("%s %s: %s\n", message.getSender().c_str(), message.getType().c_str(),
-                    message.getBody().c_str());
-        std::fflush(stdout);
+        if (!quiet_) {
+            std::printf("%s %s: %s\n", message.getSender().c_str(), message.getType().c_str(),
+                        message.getBody().c_str());
+            std::fflush(stdout);
+        }
         const bool fails = message.getBody() == "fail";
         if (result != nullptr) {
             *result = fails ? "failed as asked" : "echo: ";
@@ -35,6 +38,9 @@ public:
         return fails ? 7 : 0;
     }
     SoString getMsgType() const override { return "Tessaly"; }
+
+private:
+    const bool quiet_;
 };
 
 // Prints the replies to one message.
@@ -73,7 +79,8 @@ int ask(Convey& instance, const char* target, const char* body) {
 
 int main(int argc, char** argv) {
     const bool asks = argc == 5 && std::strcmp(argv[2], "--ask") == 0;
-    if ((argc != 2 && !asks) || argv[1][0] == '-') {
+    const bool quiet = argc == 3 && std::strcmp(argv[2], "--quiet") == 0;
+    if ((argc != 2 && !asks && !quiet) || argv[1][0] == '-') {
         std::fputs(kUsage, stderr);
         return 2;
     }
@@ -85,7 +92,7 @@ int main(int argc, char** argv) {
     }
     int status = 0;
     {
-        Convey instance(argv[1], new EchoHandler, true, nullptr);
+        Convey instance(argv[1], new EchoHandler(quiet), true, nullptr);
         if (asks) {
             status = ask(instance, argv[3], argv[4]);
         } else {

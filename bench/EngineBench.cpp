@@ -1,0 +1,236 @@
+// What the engine costs: pings and requests beside a bare round trip of the same size, queues at
+// two lengths, a process with nothing to do, and whole processes of the tool beside those of a
+// message bus. Arguments: rounds.
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bench/BareSocket.h"
+#include "scriptobjects/convey/SoCVInstance.h"
+#include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoConvey.h"
+#include "tests/support/Process.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace {
+
+using namespace bench;
+using ScObjects::Convey;
+using ScObjects::SoString;
+
+constexpr size_t kBytes = 300;
+
+void row(const char* name, double ours, const char* unit, double other, const char* of,
+         double ratio, const char* goal) {
+    std::printf("| %s | %.2f %s | %.2f %s %s | %.2f | %s |\n", name, ours, unit, other, unit, of,
+                ratio, goal);
+    std::fflush(stdout);
+}
+
+double measure(int count, const std::function<void()>& once) {
+    std::vector<double> times;
+    for (int i = 0; i < count; ++i) {
+        const auto start = Time::now();
+        once();
+        times.push_back(secondsSince(start));
+    }
+    return median(times);
+}
+
+class AnswerHandler : public Convey::MsgHandler {
+public:
+    int32_t handleMessage(int, Convey::Message&, SoString*) override { return 0; }
+    SoString getMsgType() const override { return "Result"; }
+    uint32_t getSerialNumber() const override { return serial; }
+    uint32_t serial = 0;
+};
+
+// One request to a host and its result.
+void request(Convey& instance, const SoString& body) {
+    Convey::Message message;
+    message.setTarget("lumen-2.0-en_us");
+    message.setBody(body);
+    message.setResponseRequest("Result");
+    message.setSerialNumber(message.getNextSerialNumber(nullptr));
+    auto* const handler = new AnswerHandler;
+    handler->serial = message.getSerialNumber();
+    delete instance.changeHandler(handler);
+    if (!instance.send(message, false, 20, nullptr)) {
+        fail("no result");
+    }
+}
+
+// Nanoseconds a message for putting so many into a queue and taking them out again.
+double queueCost(int count) {
+    ScObjects::ConveyData::MessageQueue queue;
+    const auto start = Time::now();
+    for (int i = 0; i < count; ++i) {
+        auto* const message = new Convey::Message;
+        message->setTarget("target");
+        message->setSender("sender");
+        message->setSerialNumber(static_cast<uint32_t>(i));
+        if (!queue.append(message)) {
+            fail("append");
+        }
+        queue.removeExpiredMessages();
+    }
+    while (auto* const message = queue.getNextMessage(0xFFFFFFFF)) {
+        delete message;
+        queue.removeExpiredMessages();
+    }
+    return secondsSince(start) / count * 1e9;
+}
+
+// What a process has used: times that it gave up a processor, and ticks of one.
+struct Use {
+    double switches = 0;
+    double ticks = 0;
+};
+
+Use useOf(int pid) {
+    Use use;
+    const std::string folder = "/proc/" + std::to_string(pid);
+    for (const std::string& task : {folder + "/task"}) {
+        for (const auto& entry : std::filesystem::directory_iterator(task)) {
+            std::ifstream status(entry.path() / "status");
+            for (std::string line; std::getline(status, line);) {
+                if (line.rfind("voluntary_ctxt_switches:", 0) == 0) {
+                    use.switches += std::atof(line.c_str() + 24);
+                }
+            }
+        }
+    }
+    std::ifstream stat(folder + "/stat");
+    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    std::istringstream fields(text.substr(text.rfind(')') + 2));
+    std::string field;
+    for (int i = 3; i <= 15 && fields >> field; ++i) {
+        if (i >= 14) {
+            use.ticks += std::atof(field.c_str());
+        }
+    }
+    return use;
+}
+
+double wholeProcess(int rounds, const std::vector<std::string>& arguments,
+                    const char* expectedOutput = "") {
+    return 1e3 * measure(rounds, [&] {
+               const ProcessResult result = runProcess(arguments);
+               if (result.exitStatus != 0 || result.out.find(expectedOutput) == std::string::npos) {
+                   std::fprintf(stderr, "%s: %s%s\n", arguments[0].c_str(), result.out.c_str(),
+                                result.err.c_str());
+                   std::exit(1);
+               }
+           });
+}
+
+void wholeProcesses(const TemporaryFolder& folder, int rounds) {
+    const double nothing = wholeProcess(rounds, {"/bin/true"});
+    const double listing = wholeProcess(rounds, {KIVRA_CONVEY_CMD});
+    const double check = wholeProcess(
+        rounds, {KIVRA_CONVEY_CMD, "check_running", "lumen-2.0-en_us"}, "ECHO_RESPONSE");
+    row("check_running, whole process", check, "ms", listing, "listing", check / listing, "<= 2");
+    row("check_running, whole process", check, "ms", nothing, "/bin/true", check / nothing, "");
+    const std::string daemon = "/usr/bin/dbus-daemon";
+    if (!std::filesystem::exists(daemon)) {
+        std::printf("| no dbus-daemon here to compare with | | | | |\n");
+        return;
+    }
+    const std::string address = "unix:path=" + folder.file("bus");
+    const RunningProcess bus({daemon, "--session", "--nofork", "--address=" + address});
+    setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
+    for (int i = 0; i < 1000 && !std::filesystem::exists(folder.file("bus")); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    const struct {
+        const char* name;
+        std::vector<std::string> arguments;
+    } pings[] = {
+        {"dbus-send",
+         {"/usr/bin/dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus", "/",
+          "org.freedesktop.DBus.Peer.Ping"}},
+        {"busctl",
+         {"/usr/bin/busctl", "--user", "call", "org.freedesktop.DBus", "/",
+          "org.freedesktop.DBus.Peer", "Ping"}},
+        {"gdbus",
+         {"/usr/bin/gdbus", "call", "--session", "--dest", "org.freedesktop.DBus", "--object-path",
+          "/", "--method", "org.freedesktop.DBus.Peer.Ping"}},
+    };
+    for (const auto& ping : pings) {
+        if (std::filesystem::exists(ping.arguments[0])) {
+            const double time = wholeProcess(rounds, ping.arguments);
+            row("check_running, whole process", check, "ms", time, ping.name, check / time,
+                "< 1 (busctl, gdbus)");
+        }
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const int rounds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 7;
+    const TemporaryFolder folder;
+    setenv("XDG_RUNTIME_DIR", folder.file("").c_str(), 1);
+    setenv("HOME", folder.file("").c_str(), 1);
+    setenv("OVREL_CAPS_DB", folder.file("caps.db").c_str(), 1);
+    for (const char* application : {"kivra-7.0", "lumen-2.0-en_us", "viewer-1.0"}) {
+        (void)runProcess({OVREL_CAPS_TOOL, "add-app", application, "--path", "/opt/a/A.app"});
+    }
+    std::printf("| measure | Convey | beside | ratio | goal |\n|---|---|---|---|---|\n");
+    RunningProcess host({HOST, "lumen-2.0-en_us", "--quiet"});
+    (void)host.readLine();
+
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    const Use before = useOf(host.pid());
+    constexpr int kIdleSeconds = 10;
+    std::this_thread::sleep_for(std::chrono::seconds(kIdleSeconds));
+    const Use after = useOf(host.pid());
+
+    std::vector<double> bareTimes; // in turn with what is compared with it
+    const auto bareRoundTrip = [&] {
+        bareTimes.push_back(1e6 * roundTripBare(kBytes, 3000, false));
+        return median(bareTimes);
+    };
+    if (!Convey::InitTerm::init("viewer-1.0", true)) {
+        fail("init");
+    }
+    {
+        Convey instance("viewer-1.0", nullptr, true, nullptr);
+        const double ping = 1e6 * measure(1000 * rounds, [] {
+                                if (!(Convey::Thread::ping("lumen-2.0-en_us", nullptr, 2,
+                                                           nullptr) == "ECHO_RESPONSE")) {
+                                    fail("ping");
+                                }
+                            });
+        double bare = bareRoundTrip();
+        row("ping", ping, "us", bare, "bare round trip", ping / bare, "<= 5");
+        const SoString body(std::string(100, 'b').c_str());
+        const double result = 1e6 * measure(1000 * rounds, [&] { request(instance, body); });
+        bare = bareRoundTrip();
+        row("request and result", result, "us", bare, "bare round trip", result / bare, "<= 5");
+    }
+    (void)Convey::InitTerm::exit();
+    std::vector<double> few;
+    std::vector<double> many;
+    for (int i = 0; i < rounds; ++i) {
+        many.push_back(queueCost(100'000));
+        for (int repeat = 0; repeat < 20; ++repeat) {
+            few.push_back(queueCost(1000));
+        }
+    }
+    row("a message through a queue of 100,000", median(many), "ns", median(few), "of 1,000",
+        median(many) / median(few), "<= 1.5");
+    std::printf(
+        "| idle host: wake-ups a second, %% of a processor | %.1f, %.3f | | | layer: <= 11, "
+        "< 0.1 (the host itself looks for SIGTERM ten times a second) |\n",
+        (after.switches - before.switches) / kIdleSeconds,
+        (after.ticks - before.ticks) / kIdleSeconds);
+    wholeProcesses(folder, 5 * rounds);
+    return 0;
+}
