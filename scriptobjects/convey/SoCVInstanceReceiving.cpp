@@ -67,6 +67,7 @@ void PrivateData::receiveTexts(const SoString& text) {
 }
 
 bool PrivateData::receiveArrived() {
+    incoming_.removeExpiredMessages(); // the owner may not pump for long
     const auto stream = this->stream();
     for (int texts = 0; stream != nullptr && texts < kTextsAtOnce; ++texts) {
         if (incoming_.count() >= kMaximumReceivedAhead ||

@@ -1,8 +1,8 @@
 #include "scriptobjects/convey/SoCVThread.h"
 
 #include <algorithm>
-#include <cstdlib>
-#include <random>
+#include <set>
+#include <string>
 
 #include "platform/Clock.h"
 #include "platform/MessagePort.h"
@@ -260,6 +260,8 @@ bool ConveyThread::runRound() {
 
 bool ConveyThread::answerPings() {
     const auto stream = this->stream();
+    // Who does not take its answers is answered no more in this round: the others wait.
+    std::set<std::string> unanswerable;
     for (int pings = 0; pings < kPingsAtOnce; ++pings) {
         if (!stream->messagePending()) {
             return false;
@@ -271,9 +273,11 @@ bool ConveyThread::answerPings() {
             next = message.readFromString(next);
             const auto handler = handlerFor(CV_MAIN);
             SoString result;
+            const std::string sender(message.getSender().view());
             if (handler != nullptr && handler->handleMessage(1, message, &result) == 0 &&
-                !message.getSender().isEmpty()) {
-                sendResponse(message, result);
+                !sender.empty() && unanswerable.count(sender) == 0 &&
+                !sendResponse(message, result)) {
+                unanswerable.insert(sender);
             }
         }
     }
@@ -325,10 +329,10 @@ bool ConveyThread::stop() {
     return Thread::stop();
 }
 
-void ConveyThread::sendResponse(const Message& request, const SoString& value) {
+bool ConveyThread::sendResponse(const Message& request, const SoString& value) {
     const auto stream = this->stream();
     if (stream == nullptr) {
-        return;
+        return false;
     }
     Message answer;
     answer.setTarget(request.getSender());
@@ -340,9 +344,8 @@ void ConveyThread::sendResponse(const Message& request, const SoString& value) {
     answer.setHeader(kPingNumberHeader, static_cast<unsigned long>(request.getSerialNumber()));
     answer.setSerialNumber(answer.getNextSerialNumber(context_.load()));
     SoString text;
-    if (answer.writeToString(text)) {
-        (void)stream->send(answer.getTarget(), text, kAnswerMilliseconds);
-    }
+    return answer.writeToString(text) &&
+           stream->send(answer.getTarget(), text, kAnswerMilliseconds);
 }
 
 SoString ConveyThread::ping(const SoString& target, const SoString& key, int32_t timeoutSeconds,

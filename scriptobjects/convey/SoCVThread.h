@@ -97,8 +97,9 @@ public:
     SoString ping(const SoString& target, const SoString& key, int32_t timeoutSeconds,
                   const SoString* parameters) const;
 
-    // Answers a ping with a value; the request's body goes back with it.
-    void sendResponse(const Convey::Message& request, const SoString& value);
+    // Answers a ping with a value; the request's body goes back with it. False when the asker does
+    // not take the answer at once.
+    bool sendResponse(const Convey::Message& request, const SoString& value);
 
     // Lets messages to instances that were added end the waits of this thread.
     void watchInstances();

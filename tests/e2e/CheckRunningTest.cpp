@@ -205,4 +205,30 @@ TEST_F(CheckRunningTest, applicationsAnswerEachOther) {
     EXPECT_THAT(waiting.rest(), HasSubstr("no answer"));
 }
 
+TEST_F(CheckRunningTest, aFloodedTargetAnswersOthers) {
+    std::vector<std::string> arguments = {HOST, "lumen-2.0-en_us", "--quiet"};
+    RunningProcess running(arguments);
+    EXPECT_EQ(running.readLine(), "running as lumen-2.0-en_us");
+    // One floods the application, another the thread that answers pings, and takes no answer.
+    RunningProcess flood(
+        {SEND, "lumen-2.0-en_us", "--from", "flood-1.0", "--count", "100000000", "--size", "1000"});
+    RunningProcess pings({SEND, "lumen-2.0-en_us#thread", "--from", "pings-1.0", "--type", "ping",
+                          "--count", "100000000"});
+    for (int i = 0; i < 5; ++i) {
+        const ProcessResult checked =
+            runProcess({KIVRA_CONVEY_CMD, "check_running", "lumen-2.0-en_us"});
+        EXPECT_THAT(checked.out,
+                    testing::AnyOf(HasSubstr("'ECHO_RESPONSE'"), HasSubstr("'Timeout'")));
+    }
+    pings.signal(SIGKILL);
+    EXPECT_EQ(pings.finish(), -1);
+    EXPECT_EQ(check("lumen-2.0-en_us"), "ECHO_RESPONSE");
+    EXPECT_THAT(runProcess({HOST, "asker-1.0", "--ask", "lumen-2.0-en_us", "amid it all"}).out,
+                HasSubstr("result: echo: amid it all"));
+    flood.signal(SIGKILL);
+    EXPECT_EQ(flood.finish(), -1);
+    running.signal(SIGTERM);
+    EXPECT_EQ(running.finish(), 0);
+}
+
 } // namespace
