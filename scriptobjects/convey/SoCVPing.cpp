@@ -176,6 +176,7 @@ SoString withoutSuffix(const SoString& name) {
 // Asks one target; the answer, or why there is none.
 SoString askOne(InterAppStream& stream, Message& message, const SoString& target,
                 int32_t timeoutSeconds) {
+    const int64_t end = now() + int64_t{1000} * std::max(timeoutSeconds, 0);
     const SoString destination = ConveyThread::createThreadSpecifier(target);
     if (destination.isEmpty()) {
         return SoString(ConveyThread::CV_INVALIDSPEC);
@@ -194,7 +195,6 @@ SoString askOne(InterAppStream& stream, Message& message, const SoString& target
                             ? ConveyThread::CV_ISNOTRUNNING
                             : ConveyThread::CV_ISNOTINSTALLED);
     }
-    const int64_t end = now() + int64_t{1000} * std::max(timeoutSeconds, 0);
     PingExchange::Question question(PingExchange::instance(), stream, destination,
                                     message.getSerialNumber());
     bool sent = stream.send(destination, text, leftOf(end));
