@@ -4,7 +4,9 @@
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
+#include <linux/sockios.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <thread>
 
@@ -75,6 +77,9 @@ public:
 
     // With the turn only.
     SendResult send(const std::string& name, std::string_view text, Deadline& deadline) {
+        if (brokenOff_ && !closeBrokenOff(deadline)) {
+            return SendResult::timedOut;
+        }
         for (bool reopened = false;; reopened = true) {
             const bool fresh = !socket_;
             if (fresh) {
@@ -112,6 +117,7 @@ private:
     Outcome sendPacket(const PortPacket* header, std::string_view bytes, Deadline& deadline);
     Outcome sendWhole(std::string_view text, Deadline& deadline);
     Outcome sendInParts(std::string_view text, Deadline& deadline);
+    bool closeBrokenOff(Deadline& deadline);
 
     std::mutex mutex_;
     std::condition_variable turn_;
@@ -119,6 +125,7 @@ private:
 
     // What follows belongs to whoever has the turn.
     PortDescriptor socket_;
+    bool brokenOff_ = false; // in the middle of a text that will not be completed
     size_t partBytes_ = kSmallestPartBytes;
     int lastError_ = 0;
 };
@@ -256,10 +263,32 @@ PortSender::Connection::Outcome PortSender::Connection::sendInParts(std::string_
             break;
         }
     }
-    if (outcome != Outcome::done) {
+    if (outcome == Outcome::timedOut) {
+        brokenOff_ = true;
+    } else if (outcome != Outcome::done) {
         socket_.reset(); // the receiver drops the part that it has
     }
     return outcome;
+}
+
+// Closes a connection that a text was broken off on, so that the receiver drops the part, but only
+// when it has read all of that part: for a receiver that reads nothing, each new connection would
+// keep as much again in the system's memory. False when the time is up.
+bool PortSender::Connection::closeBrokenOff(Deadline& deadline) {
+    for (;;) {
+        int unread = 0;
+        pollfd end = {socket_.get(), 0, 0};
+        if (!socket_ || ioctl(socket_.get(), SIOCOUTQ, &unread) != 0 || unread == 0 ||
+            poll(&end, 1, 0) > 0) { // only its end is reported
+            socket_.reset();
+            brokenOff_ = false;
+            return true;
+        }
+        if (deadline.passed()) {
+            return false;
+        }
+        std::this_thread::sleep_for(kPause);
+    }
 }
 
 PortSender::PortSender() = default;

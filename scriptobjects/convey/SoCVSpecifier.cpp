@@ -118,7 +118,6 @@ LocaleChoice chooseExact(const std::vector<SoString>& registrations, double vers
 }
 
 constexpr int32_t kStatusSeconds = 2;
-constexpr int32_t kProbeMilliseconds = 1000; // a live target takes far less
 constexpr int kSenderNames = 10;
 
 // Sends a message that nobody answers to see whether somebody owns the name.
@@ -148,8 +147,11 @@ bool probe(const SoString& own, const SoString& target, const char* type, uint32
     message.setType(type);
     message.setSerialNumber(serial);
     SoString text;
-    return stream->isGood() && message.writeToString(text) &&
-           stream->send(target, text, kProbeMilliseconds);
+    if (!stream->isGood() || !message.writeToString(text)) {
+        return false;
+    }
+    // An owner whose queue is full is there all the same, and not worth waiting for.
+    return stream->send(target, text, 0) || !stream->canOpen(target, false);
 }
 
 } // namespace

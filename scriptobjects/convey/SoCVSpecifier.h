@@ -92,7 +92,7 @@ public:
 
     // True when somebody owns the endpoint, or, without a suffix, the application's background
     // thread; and for the calling application itself. Sends the target a message that asks for
-    // nothing; waits for a second at most.
+    // nothing, and does not wait for it.
     [[nodiscard]] bool isRunning() const;
     // True when the target says that it is busy. Waits for two seconds at most.
     [[nodiscard]] bool isBusy() const;

@@ -24,6 +24,7 @@ using Message = Convey::Message;
 using MsgHandler = Convey::MsgHandler;
 
 constexpr int64_t kRoundMilliseconds = 100;
+constexpr int64_t kParkedMilliseconds = 3'600'000;
 constexpr unsigned kSetupPollMilliseconds = 10;
 constexpr int kPingsAtOnce = 256; // then the instances have their turn
 // An answer that a target does not take at once is lost: it has asked, and has a time-out.
@@ -226,6 +227,11 @@ bool ConveyThread::openStream() {
 void ConveyThread::run() {
     runner_.store(std::this_thread::get_id());
     if (!openStream()) {
+        // Nothing to do any more. It stays until it is stopped, because a thread that has ended and
+        // that nobody waits for, as in a process that simply exits, counts as lost.
+        while (!stop_.load()) {
+            pause(kParkedMilliseconds);
+        }
         return;
     }
     while (ConveySetupThread::isSetupThreadRunning() && !stop_.load()) {
@@ -244,11 +250,16 @@ void ConveyThread::run() {
             continue;
         }
         const auto left = static_cast<int64_t>(nextRound - now());
-        if (wait_ != nullptr) {
-            (void)wait_->wait(std::clamp<int64_t>(left, 0, kRoundMilliseconds));
-        } else {
-            wait(static_cast<unsigned>(kRoundMilliseconds));
-        }
+        pause(std::clamp<int64_t>(left, 0, kRoundMilliseconds));
+    }
+}
+
+// Waits for something to do; without the means to be woken, for no longer than a round.
+void ConveyThread::pause(int64_t milliseconds) {
+    if (wait_ != nullptr) {
+        (void)wait_->wait(milliseconds);
+    } else {
+        wait(static_cast<unsigned>(std::min(milliseconds, kRoundMilliseconds)));
     }
 }
 

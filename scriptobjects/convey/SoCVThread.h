@@ -129,6 +129,7 @@ private:
     bool answerPings();
     bool serveInstances();
     void notePump();
+    void pause(int64_t milliseconds);
 
     std::atomic<ConveyContext*> context_;
     std::atomic<bool> stop_{false};

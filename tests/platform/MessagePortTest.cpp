@@ -451,6 +451,26 @@ TEST_F(MessagePortTest, sendersToOneNameTakeTurnsAndDoNotHoldOthers) {
     EXPECT_EQ(takeOne(*other), "c");
 }
 
+TEST_F(MessagePortTest, largeTextsThatAreBrokenOffDoNotPileUp) {
+    const auto port = ports.open(kName);
+    ASSERT_NE(port, nullptr);
+    EXPECT_EQ(ports.send(kName, "whole", kGenerous), SendResult::delivered);
+    const std::string large(size_t{30} << 20, 'x'); // more than any queue holds
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_EQ(ports.send(kName, large, 5), SendResult::timedOut);
+    }
+    EXPECT_EQ(ports.send(kName, "small", 5), SendResult::timedOut) << "behind what is not read";
+    EXPECT_EQ(takeAll(*port), std::vector<std::string>{"whole"});
+    EXPECT_EQ(port->statistics().connections, 1U);
+    std::thread sender([&] {
+        EXPECT_EQ(ports.send(kName, large, kGenerous), SendResult::delivered);
+        EXPECT_EQ(ports.send(kName, "last", kGenerous), SendResult::delivered);
+    });
+    EXPECT_EQ(takeOne(*port).size(), large.size());
+    EXPECT_EQ(takeOne(*port), "last");
+    sender.join();
+}
+
 TEST_F(MessagePortTest, aNameIsFreeWhenItsOwnerIsKilled) {
     int ready[2];
     ASSERT_EQ(pipe(ready), 0);
