@@ -199,9 +199,9 @@ double memoryOfReceiver() {
         const double before = peakMemory();
         (void)!write(result[1], &before, sizeof before);
         for (int i = 0; i < 5; ++i) {
-            const SoString text = nextText(stream, false);
+            SoString text = nextText(stream, false);
             Convey::Message message;
-            message.readFromString(text.c_str());
+            (void)message.readFromString(text, 0);
         }
         const double added = peakMemory() - before;
         (void)!write(result[1], &added, sizeof added);

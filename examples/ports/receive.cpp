@@ -77,10 +77,10 @@ int main(int argc, char** argv) {
             (void)stream.waitForMessage(100, false); // looks for SIGTERM ten times a second
             continue;
         }
-        const SoString text = stream.getMessages();
-        for (const char* next = text.c_str(); *next != '\0';) {
+        SoString text = stream.getMessages();
+        for (int32_t next = 0; next < text.length();) {
             Convey::Message message;
-            next = message.readFromString(next);
+            next = message.readFromString(text, next);
             summary.add(message);
             if (!summaryOnly) {
                 std::printf("%s %s %u: %s\n", message.getSender().c_str(),

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <cstring>
 #include <deque>
@@ -39,8 +40,8 @@ public:
 
 class FakeClock : public Clock {
 public:
-    int64_t utc = 1'000'000;
-    int64_t monotonic = 5'000;
+    std::atomic<int64_t> utc{1'000'000}; // other threads read what a test sets
+    std::atomic<int64_t> monotonic{5'000};
 
     int64_t utcMilliseconds() const override { return utc; }
     int64_t monotonicMilliseconds() const override { return monotonic; }

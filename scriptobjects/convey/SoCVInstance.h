@@ -112,7 +112,7 @@ private:
     void watchTime(const Convey::Message& message);
     bool waitForTarget(const Convey::Message& message);
     bool waitForResponse(const Convey::Message& message, uint32_t seconds);
-    void receiveTexts(const SoString& text);
+    void receiveTexts(SoString&& text);
     void accept(std::unique_ptr<Convey::Message> message);
     void dispatch(const Convey::Message& message);
     void finish(const Convey::Message& message);

@@ -53,10 +53,10 @@ bool PrivateData::incomingPending() const {
     return stream != nullptr && (!stream->isEmpty() || stream->messagePending());
 }
 
-void PrivateData::receiveTexts(const SoString& text) {
-    for (const char* next = text.c_str(); *next != '\0';) {
+void PrivateData::receiveTexts(SoString&& text) {
+    for (int32_t next = 0; next < text.length();) {
         auto message = std::make_unique<Message>();
-        next = message->readFromString(next);
+        next = message->readFromString(text, next);
         if (message->getType() == "Ignore") {
             continue;
         }

@@ -142,6 +142,10 @@ public:
     // becomes a user header, what is no number 0, and a body that is announced longer than the text
     // ends with it. A message that has a target already is cleared first.
     const char* readFromString(const char* text);
+    // The same for the message at `offset` of a text that is not needed any more; returns the
+    // offset of the next one. A large body that ends the text is not copied: it takes over the
+    // text's buffer, and the text is empty then.
+    int32_t readFromString(SoString& text, int32_t offset);
 
     // Replaces `out` by the message as a person reads it, under a heading with `label`. True.
     bool logToString(const char* label, SoString& out, bool withBody) const;
@@ -157,7 +161,8 @@ private:
     void setHeaderLocked(std::string_view name, std::string_view value) SO_REQUIRES(this);
     void clearLocked() SO_REQUIRES(this);
     void deleteHeaders();
-    const char* readLocked(const char* text) SO_REQUIRES(this);
+    const char* readLocked(const char* text, SoString* owner) SO_REQUIRES(this);
+    void finishReading();
     void readHeadersLocked(ReadState& state) SO_REQUIRES(this);
     void takeLineLocked(ReadState& state, std::string_view name, std::string_view value)
         SO_REQUIRES(this);

@@ -166,7 +166,7 @@ void MessageQueue::forgetLocked(const Message& message) {
     watchers_ -= isWatcher(message) ? 1 : 0;
 }
 
-std::unique_ptr<Message> MessageQueue::takeLocked(Entries::const_iterator entry) {
+std::unique_ptr<Message> MessageQueue::takeLocked(const Entries::const_iterator& entry) {
     const auto place = entries_.begin() + (entry - entries_.cbegin());
     std::unique_ptr<Message> message = std::move(place->message);
     entries_.erase(place);

@@ -84,7 +84,8 @@ private:
 
     Entries::const_iterator findLocked(uint64_t position) const SO_REQUIRES(this);
     void appendLocked(std::unique_ptr<Convey::Message> message) SO_REQUIRES(this);
-    std::unique_ptr<Convey::Message> takeLocked(Entries::const_iterator entry) SO_REQUIRES(this);
+    std::unique_ptr<Convey::Message> takeLocked(const Entries::const_iterator& entry)
+        SO_REQUIRES(this);
     void forgetLocked(const Convey::Message& message) SO_REQUIRES(this);
     void noteDeadlineLocked(const Convey::Message& message) SO_REQUIRES(this);
 

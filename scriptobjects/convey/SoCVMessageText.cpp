@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVMessageGlobals.h"
@@ -27,6 +28,9 @@ constexpr std::string_view kTypeWithoutReplyTyping = "debug";
 
 // What a string can hold; no transport brings as much.
 constexpr uint32_t kMaximumBodyBytes = 0x7FFF0000;
+
+// From here on moving a body within its buffer is cheaper than another buffer.
+constexpr size_t kMovedBodyBytes = 65536;
 
 constexpr const char* kNotChecked = "NODIGEST";
 constexpr const char* kRejected = "REJECTED";
@@ -271,7 +275,8 @@ void Convey::Message::takeLineLocked(ReadState& state, std::string_view name,
     }
 }
 
-const char* Convey::Message::readLocked(const char* text) {
+// `owner`, null for none, is the string that `text` lies in and that may be used up.
+const char* Convey::Message::readLocked(const char* text, SoString* owner) {
     ReadState state;
     state.position = text;
     version_ = kOldestVersion;
@@ -286,10 +291,17 @@ const char* Convey::Message::readLocked(const char* text) {
     const size_t length = end == nullptr
                               ? announced
                               : static_cast<size_t>(static_cast<const char*>(end) - state.position);
-    body_.assign(state.position, static_cast<int32_t>(length));
+    const char* const body = state.position;
     state.position += length;
     checkDigest(state);
-    return state.position + std::strspn(state.position, "\n");
+    const char* const next = state.position + std::strspn(state.position, "\n");
+    if (owner != nullptr && length >= kMovedBodyBytes && next == owner->c_str() + owner->length()) {
+        owner->cut(static_cast<int32_t>(body - owner->c_str()), static_cast<int32_t>(length));
+        body_ = std::move(*owner);
+        return nullptr;
+    }
+    body_.assign(body, static_cast<int32_t>(length));
+    return next;
 }
 
 void Convey::Message::checkDigest(const ReadState& state) {
@@ -316,12 +328,23 @@ void Convey::Message::clearLocked() {
 
 const char* Convey::Message::readFromString(const char* text) {
     const ObjectLock guard(*this);
-    const char* const next = readLocked(text == nullptr ? "" : text);
+    const char* const next = readLocked(text == nullptr ? "" : text, nullptr);
+    finishReading();
+    return next;
+}
+
+int32_t Convey::Message::readFromString(SoString& text, int32_t offset) {
+    const ObjectLock guard(*this);
+    const char* const next = readLocked(text.c_str() + offset, &text);
+    finishReading();
+    return next == nullptr ? 0 : static_cast<int32_t>(next - text.c_str());
+}
+
+void Convey::Message::finishReading() {
     if (timeout_ >= 1 && timestamp_ == 0) {
         timestamp_ = ConveyUtils::getTimeSeconds();
     }
     applyReplyTyping();
-    return next;
 }
 
 // A reply carries the number that it answers as its own, and its kind in its type.

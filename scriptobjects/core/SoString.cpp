@@ -313,6 +313,13 @@ void SoString::shrink(int32_t n) {
     }
 }
 
+void SoString::cut(int32_t start, int32_t length) {
+    if (data_ != gEmptyBuffer) {
+        std::memmove(data_, data_ + start, static_cast<size_t>(length));
+        shrink(length);
+    }
+}
+
 int SoString::compare(const char* text) const {
     return std::strcmp(data_, text != nullptr ? text : "");
 }

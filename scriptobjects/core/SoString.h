@@ -57,6 +57,9 @@ public:
     // Cuts the string to `n` bytes; nothing when `n` is negative or not below the length.
     void shrink(int32_t n);
 
+    // Keeps the `length` bytes that begin at `start`, in the same buffer; both within the string.
+    void cut(int32_t start, int32_t length);
+
     // Less than, equal to or greater than 0, as strcmp orders the two texts.
     int compare(const char* text) const;
     int compare(const SoString& other) const { return compare(other.data_); }
