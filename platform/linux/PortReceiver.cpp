@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
+#include <set>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -63,6 +65,39 @@ int64_t now() {
 
 } // namespace
 
+// The ports that are open. A process that ends without closing them removes their files all the
+// same, so that they do not pile up; its names are free in any case.
+class PortReceiver::OpenPorts {
+public:
+    static OpenPorts& instance() {
+        static auto* const ports = [] {
+            auto* const created = new OpenPorts;
+            (void)std::atexit([] { instance().removeFiles(); }); // else the files stay
+            return created;
+        }();
+        return *ports;
+    }
+    void add(PortReceiver* port) {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        ports_.insert(port);
+    }
+    void remove(PortReceiver* port) {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        ports_.erase(port);
+    }
+
+private:
+    void removeFiles() {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        for (const PortReceiver* port : ports_) {
+            port->removeFiles();
+        }
+    }
+
+    std::mutex mutex_;
+    std::set<PortReceiver*> ports_;
+};
+
 PortReceiver::PortReceiver(PortFolder folder, std::string fileName)
     : folder_(std::move(folder)),
       fileName_(std::move(fileName)),
@@ -76,10 +111,19 @@ std::unique_ptr<PortReceiver> PortReceiver::open(const std::string& name) {
         return nullptr;
     }
     std::unique_ptr<PortReceiver> port(new PortReceiver(std::move(folder), portFileName(name)));
-    return port->lockName() && port->listen() ? std::move(port) : nullptr;
+    if (!port->lockName() || !port->listen()) {
+        return nullptr;
+    }
+    OpenPorts::instance().add(port.get());
+    return port;
 }
 
 PortReceiver::~PortReceiver() {
+    OpenPorts::instance().remove(this);
+    removeFiles();
+}
+
+void PortReceiver::removeFiles() const {
     // In a child after fork the descriptors are gone and the files are the parent's; files that
     // somebody has put in the place of ours are theirs.
     if (lock_ && listener_ && holdsLockFile()) {

@@ -45,6 +45,9 @@ private:
 
     PortReceiver(PortFolder folder, std::string fileName);
 
+    class OpenPorts;
+
+    void removeFiles() const;
     bool lockName();
     bool holdsLockFile() const;
     bool listen();

@@ -120,6 +120,7 @@ TEST_F(CheckRunningTest, twoHundredToolsAtOnceEndAndLeaveNothing) {
     EXPECT_EQ(check("lumen-2.0-en_us"), "ECHO_RESPONSE");
     running->signal(SIGTERM);
     EXPECT_EQ(running->finish(), 0);
+    EXPECT_TRUE(std::filesystem::is_empty(folder.file("convey")));
     EXPECT_EQ(check("kivra-7.0"), "UNDEFINED") << "the names are free again";
 }
 
