@@ -207,6 +207,67 @@ TEST_F(CheckRunningTest, applicationsAnswerEachOther) {
     EXPECT_THAT(waiting.rest(), HasSubstr("no answer"));
 }
 
+// Notes kind, type and body of what arrives.
+class NotingHandler : public ScObjects::Convey::MsgHandler {
+public:
+    explicit NotingHandler(std::vector<std::string>& calls) : calls_(calls) {}
+    int32_t handleMessage(int event, ScObjects::Convey::Message& message,
+                          ScObjects::SoString*) override {
+        calls_.push_back(std::to_string(event) + " " + message.getType().c_str() + " " +
+                         message.getBody().c_str());
+        return 0;
+    }
+    ScObjects::SoString getMsgType() const override { return "Tessaly"; }
+
+private:
+    std::vector<std::string>& calls_;
+};
+
+TEST_F(CheckRunningTest, everyKindOfReplyCrossesProcesses) {
+    using ScObjects::Convey;
+    const auto running = host("lumen-2.0-en_us");
+    ASSERT_TRUE(Convey::InitTerm::init("viewer-1.0", true));
+    {
+        std::vector<std::string> calls;
+        Convey instance("viewer-1.0", new NotingHandler(calls), true, nullptr);
+        const struct {
+            const char* body;
+            const char* replies;
+            bool stopped; // the target meanwhile
+            std::vector<std::string> expected;
+        } cases[] = {
+            {"a", "Received", false, {"2 Tessaly ", "0 Processed "}},
+            {"b", "Result", false, {"3 Tessaly echo: b", "0 Processed "}},
+            {"c", "Processed", false, {"0 Processed "}},
+            {"fail", "Error", false, {"4 Tessaly failed as asked", "0 Processed "}},
+            {"e",
+             "Received Result Error",
+             false,
+             {"2 Tessaly ", "3 Tessaly echo: e", "0 Processed "}},
+            {"f", "Timeout", true, {"5 Timeout "}},
+        };
+        for (const auto& c : cases) {
+            SCOPED_TRACE(c.replies);
+            calls.clear();
+            if (c.stopped) {
+                running->signal(SIGSTOP);
+            }
+            Convey::Message message;
+            message.setTarget("lumen-2.0-en_us");
+            message.setBody(ScObjects::SoString(c.body));
+            message.setResponseRequest(c.replies);
+            message.setTimeout(1);
+            EXPECT_TRUE(instance.send(message, false, 0, nullptr));
+            const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+            while (calls.size() < c.expected.size() && std::chrono::steady_clock::now() < end) {
+                (void)Convey::pumpOrWait(100);
+            }
+            EXPECT_EQ(calls, c.expected);
+        }
+    }
+    EXPECT_TRUE(Convey::InitTerm::exit());
+}
+
 TEST_F(CheckRunningTest, aFloodedTargetAnswersOthers) {
     std::vector<std::string> arguments = {HOST, "lumen-2.0-en_us", "--quiet"};
     RunningProcess running(arguments);
