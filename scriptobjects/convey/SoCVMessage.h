@@ -169,6 +169,8 @@ private:
     void checkDigest(const ReadState& state);
     void applyReplyTyping();
     int32_t bodyLength() const { return body_.length(); }
+    template <class Use>
+    void forEachReply(Use&& use) const;
     template <class Sink>
     void writeHeaderBlock(Sink& sink, uint32_t now, const SoString& senderID) const;
 

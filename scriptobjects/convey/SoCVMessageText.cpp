@@ -111,6 +111,20 @@ bool Convey::Message::hasOldFormat() const {
     return isOldFormat(version_.view());
 }
 
+// Calls `use` with the name and number of each message that this one answers.
+template <class Use>
+void Convey::Message::forEachReply(Use&& use) const {
+    const struct {
+        const char* name;
+        uint32_t number;
+    } replies[] = {{CV_RECEIVED, received_}, {CV_RESULT, result_}, {CV_ERROR, error_}};
+    for (const auto& reply : replies) {
+        if (reply.number != CV_INVALID_MESSAGE_NUMBER) {
+            use(reply.name, reply.number);
+        }
+    }
+}
+
 // All lines from the version to the empty line; the digest covers them and the body.
 template <class Sink>
 void Convey::Message::writeHeaderBlock(Sink& sink, uint32_t now, const SoString& senderID) const {
@@ -140,15 +154,8 @@ void Convey::Message::writeHeaderBlock(Sink& sink, uint32_t now, const SoString&
     sink.add(Digits(now).view());
     sink.add("\n");
     addLine(sink, CV_SERIAL_NUMBER, Digits(serialNumber_).view());
-    const struct {
-        const char* name;
-        uint32_t number;
-    } replies[] = {{CV_RECEIVED, received_}, {CV_RESULT, result_}, {CV_ERROR, error_}};
-    for (const auto& reply : replies) {
-        if (reply.number != CV_INVALID_MESSAGE_NUMBER) {
-            addLine(sink, reply.name, Digits(reply.number).view());
-        }
-    }
+    forEachReply(
+        [&sink](const char* name, uint32_t number) { addLine(sink, name, Digits(number).view()); });
     addLine(sink, CV_CONTENT_LENGTH, Digits(bodyLength()).view());
     sink.add("\n");
 }
@@ -392,15 +399,7 @@ bool Convey::Message::logToString(const char* label, SoString& out, bool withBod
     addNumber("Now", ConveyUtils::getTimeSeconds());
     out << CV_SERIAL_NUMBER << ":" << serialNumber_ << "\n";
     out << "Version:" << version_ << "\n";
-    const struct {
-        const char* name;
-        uint32_t number;
-    } replies[] = {{CV_RECEIVED, received_}, {CV_RESULT, result_}, {CV_ERROR, error_}};
-    for (const auto& reply : replies) {
-        if (reply.number != CV_INVALID_MESSAGE_NUMBER) {
-            addNumber(reply.name, reply.number);
-        }
-    }
+    forEachReply(addNumber);
     addNumber(CV_CONTENT_LENGTH, static_cast<uint32_t>(bodyLength()));
     if (headers_ != nullptr) {
         out << "Custom Headers:\n";
