@@ -87,8 +87,12 @@ public:
     }
 
 private:
+    // In a child after fork the lock may be that of a thread which is not there any more.
     void removeFiles() {
-        const std::lock_guard<std::mutex> guard(mutex_);
+        const std::unique_lock<std::mutex> guard(mutex_, std::try_to_lock);
+        if (!guard.owns_lock()) {
+            return;
+        }
         for (const PortReceiver* port : ports_) {
             port->removeFiles();
         }
