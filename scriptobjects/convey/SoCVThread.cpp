@@ -27,8 +27,11 @@ constexpr int64_t kRoundMilliseconds = 100;
 constexpr int64_t kParkedMilliseconds = 3'600'000;
 constexpr unsigned kSetupPollMilliseconds = 10;
 constexpr int kPingsAtOnce = 256; // then the instances have their turn
-// An answer that a target does not take at once is lost: it has asked, and has a time-out.
 constexpr int32_t kAnswerMilliseconds = 20;
+// Answers that their askers have not taken yet: a few large ones, or many small ones.
+constexpr size_t kMaximumUnsent = 256;
+constexpr int64_t kMaximumUnsentBytes = 16 << 20;
+constexpr double kLongestAnswerSeconds = 30;
 constexpr double kIdleIntervals = 10;
 constexpr double kAverageWeight = 0.1; // of the newest interval
 
@@ -271,8 +274,8 @@ bool ConveyThread::runRound() {
 
 bool ConveyThread::answerPings() {
     const auto stream = this->stream();
-    // Who does not take its answers is answered no more in this round: the others wait.
-    std::set<std::string> unanswerable;
+    std::set<std::string> full; // those whose queue is full: in this round they get no more time
+    sendUnsent(*stream, full);
     for (int pings = 0; pings < kPingsAtOnce; ++pings) {
         if (!stream->messagePending()) {
             return false;
@@ -284,15 +287,51 @@ bool ConveyThread::answerPings() {
             next = message.readFromString(next);
             const auto handler = handlerFor(CV_MAIN);
             SoString result;
-            const std::string sender(message.getSender().view());
+            SoString answer;
             if (handler != nullptr && handler->handleMessage(1, message, &result) == 0 &&
-                !sender.empty() && unanswerable.count(sender) == 0 &&
-                !sendResponse(message, result)) {
-                unanswerable.insert(sender);
+                !message.getSender().isEmpty() && writeResponse(message, result, answer)) {
+                sendOrKeep(*stream, message, std::move(answer), full);
             }
         }
     }
     return true;
+}
+
+// Answers go one behind the other to each asker. Nobody is waited for longer than a moment; what an
+// asker does not take then is kept for as long as it waits itself, and within a bound.
+void ConveyThread::sendOrKeep(const InterAppStream& stream, const Message& question,
+                              SoString&& answer, std::set<std::string>& full) {
+    const SoString& asker = question.getSender();
+    const std::string name(asker.view());
+    if (full.count(name) == 0 && stream.send(asker, answer, kAnswerMilliseconds)) {
+        return;
+    }
+    if (stream.canOpen(asker, false)) {
+        return; // it is gone
+    }
+    full.insert(name);
+    if (unsentBytes_ + answer.length() <= kMaximumUnsentBytes && unsent_.size() < kMaximumUnsent) {
+        const double seconds =
+            std::clamp(static_cast<double>(question.getTimeout()), 1.0, kLongestAnswerSeconds);
+        unsentBytes_ += answer.length();
+        unsent_.push_back({asker, std::move(answer), now() + 1000 * seconds});
+    }
+}
+
+void ConveyThread::sendUnsent(const InterAppStream& stream, std::set<std::string>& full) {
+    for (auto answer = unsent_.begin(); answer != unsent_.end();) {
+        const std::string name(answer->asker.view());
+        if (full.count(name) == 0 && !stream.send(answer->asker, answer->text, 0) &&
+            now() < answer->deadline && !stream.canOpen(answer->asker, false)) {
+            full.insert(name);
+        }
+        if (full.count(name) != 0 && now() < answer->deadline) {
+            ++answer;
+        } else {
+            unsentBytes_ -= answer->text.length();
+            answer = unsent_.erase(answer);
+        }
+    }
 }
 
 bool ConveyThread::serveInstances() {
@@ -342,9 +381,13 @@ bool ConveyThread::stop() {
 
 bool ConveyThread::sendResponse(const Message& request, const SoString& value) {
     const auto stream = this->stream();
-    if (stream == nullptr) {
-        return false;
-    }
+    SoString text;
+    return stream != nullptr && writeResponse(request, value, text) &&
+           stream->send(request.getSender(), text, kAnswerMilliseconds);
+}
+
+bool ConveyThread::writeResponse(const Message& request, const SoString& value,
+                                 SoString& text) const {
     Message answer;
     answer.setTarget(request.getSender());
     answer.setSender(getSpecifier());
@@ -354,9 +397,7 @@ bool ConveyThread::sendResponse(const Message& request, const SoString& value) {
     // Which of the asker's questions this answers: it may have asked before and given up.
     answer.setHeader(kPingNumberHeader, static_cast<unsigned long>(request.getSerialNumber()));
     answer.setSerialNumber(answer.getNextSerialNumber(context_.load()));
-    SoString text;
-    return answer.writeToString(text) &&
-           stream->send(answer.getTarget(), text, kAnswerMilliseconds);
+    return answer.writeToString(text);
 }
 
 SoString ConveyThread::ping(const SoString& target, const SoString& key, int32_t timeoutSeconds,

@@ -2,7 +2,10 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <memory>
+#include <set>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -127,9 +130,19 @@ private:
     // One round: answers pings, receives and sends for the instances; true when there is more.
     bool runRound();
     bool answerPings();
+    bool writeResponse(const Convey::Message& request, const SoString& value, SoString& text) const;
+    void sendOrKeep(const InterAppStream& stream, const Convey::Message& question,
+                    SoString&& answer, std::set<std::string>& full);
+    void sendUnsent(const InterAppStream& stream, std::set<std::string>& full);
     bool serveInstances();
     void notePump();
     void pause(int64_t milliseconds);
+
+    struct UnsentAnswer {
+        SoString asker;
+        SoString text;
+        double deadline; // milliseconds of the monotonic clock
+    };
 
     std::atomic<ConveyContext*> context_;
     std::atomic<bool> stop_{false};
@@ -141,6 +154,8 @@ private:
     std::vector<PingData> table_ SO_GUARDED_BY(this);
     double averagePump_ SO_GUARDED_BY(this) = 0; // milliseconds, 0 for unknown
     double lastPump_ SO_GUARDED_BY(this) = 0;
+    std::deque<UnsentAnswer> unsent_; // this and the next by the thread itself only
+    int64_t unsentBytes_ = 0;
 };
 
 } // namespace ScObjects
