@@ -128,6 +128,8 @@ private:
     Slots handlers_ SO_GUARDED_BY(this); // oldest first
     SoString appName_ SO_GUARDED_BY(this);
     std::mutex outgoingTurn_; // one pass over the outgoing queue at a time
+    // From the stream to the queue one thread at a time, or messages would overtake each other.
+    std::mutex receivingTurn_;
 };
 
 } // namespace ConveyData

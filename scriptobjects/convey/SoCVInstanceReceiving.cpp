@@ -74,6 +74,7 @@ bool PrivateData::receiveArrived() {
             incoming_.bodyBytes() >= kMaximumReceivedBytes || !stream->messagePending()) {
             return false;
         }
+        const std::lock_guard<std::mutex> turn(receivingTurn_);
         (void)stream->receive();
         receiveTexts(stream->getMessages());
     }
@@ -88,6 +89,7 @@ bool PrivateData::processIncoming(uint32_t serialNumber, bool process) {
         return false;
     }
     if (arrived) {
+        const std::lock_guard<std::mutex> turn(receivingTurn_);
         (void)stream->receive();
         while (!stream->isEmpty()) {
             receiveTexts(stream->getMessages());
