@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sched.h>
 #include <set>
 #include <sys/epoll.h>
@@ -66,33 +67,44 @@ int64_t now() {
 } // namespace
 
 // The ports that are open. A process that ends without closing them removes their files all the
-// same, so that they do not pile up; its names are free in any case.
+// same, so that they do not pile up; its names are free in any case. Files come and go under one
+// lock, and none come once the process has begun to end: another thread may be opening a port then.
 class PortReceiver::OpenPorts {
 public:
     static OpenPorts& instance() {
         static auto* const ports = [] {
             auto* const created = new OpenPorts;
-            (void)std::atexit([] { instance().removeFiles(); }); // else the files stay
+            (void)std::atexit([] { instance().end(); }); // else the files stay
+            // Registered behind the handlers of the descriptors, so that this lock is taken first,
+            // as it is when a port is opened.
+            (void)pthread_atfork([] { instance().mutex_.lock(); },
+                                 [] { instance().mutex_.unlock(); },
+                                 [] {
+                                     instance().ports_.clear(); // the parent's
+                                     instance().mutex_.unlock();
+                                 });
             return created;
         }();
         return *ports;
     }
-    void add(PortReceiver* port) {
+    bool open(PortReceiver* port) {
         const std::lock_guard<std::mutex> guard(mutex_);
+        if (ended_ || !port->lockName()) {
+            return false;
+        }
         ports_.insert(port);
+        return port->listen();
     }
-    void remove(PortReceiver* port) {
+    void close(PortReceiver* port) {
         const std::lock_guard<std::mutex> guard(mutex_);
         ports_.erase(port);
+        port->removeFiles();
     }
 
 private:
-    // In a child after fork the lock may be that of a thread which is not there any more.
-    void removeFiles() {
-        const std::unique_lock<std::mutex> guard(mutex_, std::try_to_lock);
-        if (!guard.owns_lock()) {
-            return;
-        }
+    void end() {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        ended_ = true;
         for (const PortReceiver* port : ports_) {
             port->removeFiles();
         }
@@ -100,6 +112,7 @@ private:
 
     std::mutex mutex_;
     std::set<PortReceiver*> ports_;
+    bool ended_ = false;
 };
 
 PortReceiver::PortReceiver(PortFolder folder, std::string fileName)
@@ -115,22 +128,17 @@ std::unique_ptr<PortReceiver> PortReceiver::open(const std::string& name) {
         return nullptr;
     }
     std::unique_ptr<PortReceiver> port(new PortReceiver(std::move(folder), portFileName(name)));
-    if (!port->lockName() || !port->listen()) {
-        return nullptr;
-    }
-    OpenPorts::instance().add(port.get());
-    return port;
+    return OpenPorts::instance().open(port.get()) ? std::move(port) : nullptr;
 }
 
 PortReceiver::~PortReceiver() {
-    OpenPorts::instance().remove(this);
-    removeFiles();
+    OpenPorts::instance().close(this);
 }
 
 void PortReceiver::removeFiles() const {
     // In a child after fork the descriptors are gone and the files are the parent's; files that
     // somebody has put in the place of ours are theirs.
-    if (lock_ && listener_ && holdsLockFile()) {
+    if (lock_ && holdsLockFile()) {
         (void)unlinkat(folder_.fd(), (fileName_ + kSocketEnding).c_str(), 0);
         // Last, and while it is still held: whoever opened it before sees that it is gone.
         (void)unlinkat(folder_.fd(), (fileName_ + kLockEnding).c_str(), 0);

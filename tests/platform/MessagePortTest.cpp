@@ -574,6 +574,25 @@ TEST_F(MessagePortTest, aChildAfterForkTakesNothingAndSendsForItself) {
     EXPECT_EQ(status, 0);
 }
 
+TEST_F(MessagePortTest, aProcessThatEndsWhileItOpensPortsLeavesNoFile) {
+    ASSERT_NE(ports.open(kName), nullptr);
+    for (int round = 0; round < 40; ++round) {
+        EXPECT_EQ(inChild([&] {
+                      const auto kept = ports.open("kept");
+                      std::thread([this] {
+                          for (;;) {
+                              (void)ports.open("opened and closed");
+                          }
+                      }).detach();
+                      std::this_thread::sleep_for(std::chrono::microseconds(100 * round));
+                      std::exit(kept != nullptr ? 0 : 1); // with all ports open
+                      return 2;
+                  }),
+                  0);
+        EXPECT_EQ(files(), 0U) << "round " << round;
+    }
+}
+
 TEST_F(MessagePortTest, noDescriptorSurvivesExec) {
     std::set<int> inherited;
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
