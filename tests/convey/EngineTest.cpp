@@ -334,6 +334,33 @@ TEST_F(EngineTest, aMessageThatFindsNoTargetEndsAfterTenMinutes) {
     }
 }
 
+TEST_F(EngineTest, messagesOfOneSenderStayInOrderWhileTwoThreadsReceive) {
+    int next = 0;
+    int outOfOrder = 0;
+    Convey own("own-1.0", nullptr, true, nullptr);
+    delete own.changeHandler(new Handler([&](int, Message& message, SoString*) {
+        outOfOrder += message.getBody() == std::to_string(next++).c_str() ? 0 : 1;
+        return 0;
+    }));
+    constexpr int kCount = 5000;
+    std::thread sending([] {
+        const InterAppStream sender("sender-1.0");
+        for (int i = 0; i < kCount; ++i) {
+            Message message = request("own-1.0", std::to_string(i).c_str());
+            message.setSender("sender-1.0");
+            SoString text;
+            EXPECT_TRUE(message.writeToString(text) && sender.send("own-1.0", text));
+        }
+    });
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (next < kCount && std::chrono::steady_clock::now() < end) {
+        (void)Convey::pump(ScObjects::kProcessIncoming); // the background receives as well
+    }
+    sending.join();
+    EXPECT_EQ(next, kCount);
+    EXPECT_EQ(outOfOrder, 0);
+}
+
 TEST_F(EngineTest, handlersMayDoAnything) {
     std::atomic<int> alive{0};
     auto* instance = new Convey("own-1.0", nullptr, true, nullptr);
