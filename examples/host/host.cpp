@@ -12,12 +12,16 @@ namespace {
 using ScObjects::Convey;
 using ScObjects::SoString;
 
-constexpr const char* kUsage = "usage: host SPECIFIER [--quiet | --ask TARGET BODY]\n"
-                               "Starts the layer as SPECIFIER and answers messages until SIGTERM: "
-                               "requests get \"echo: \" and\n"
-                               "their body as result, the body \"fail\" an error. With --ask it "
-                               "sends one request instead, and\n"
-                               "prints what comes back.\n";
+constexpr const char* kUsage =
+    "usage: host SPECIFIER [--quiet | --ask TARGET BODY | --launch TARGET BODY [PARAMETERS]\n"
+    "                       | --launch-behind TARGET | --front TARGET]\n"
+    "Starts the layer as SPECIFIER and answers messages until SIGTERM: requests get \"echo: \" and\n"
+    "their body as result, the body \"fail\" an error. When it was launched by another application,\n"
+    "it prints with which options.\n"
+    "With --ask it sends one request instead, and prints what comes back; --launch has the target\n"
+    "launched for it if need be. --launch-behind and --front launch and raise a target.\n";
+
+constexpr uint32_t kSeconds = 20; // for an answer
 
 volatile std::sig_atomic_t gEnd = 0;
 
@@ -60,27 +64,79 @@ private:
     const uint32_t serial_;
 };
 
-int ask(Convey& instance, const char* target, const char* body) {
+// Sends a request; `parameters` null: only to a target that runs.
+int ask(Convey& instance, const char* target, const char* body, const SoString* parameters) {
     Convey::Message message;
     message.setTarget(target);
     message.setBody(SoString(body));
     message.setResponseRequest("Result Error");
-    message.setTimeout(10);
+    message.setTimeout(kSeconds);
     message.setSerialNumber(message.getNextSerialNumber(nullptr));
     delete instance.changeHandler(new ReplyHandler(message.getSerialNumber()));
-    const bool answered = instance.send(message, false, 10, nullptr);
+    const bool answered = instance.send(message, parameters != nullptr, kSeconds, parameters);
     if (!answered) {
         std::printf("no answer\n");
     }
     return answered ? 0 : 1;
 }
 
+int answerUntilTheEnd(const Convey& instance) {
+    std::printf("running as %s\n", instance.getAppName().c_str());
+    const SoString options = Convey::getLaunchOptions();
+    if (!options.isEmpty()) {
+        std::printf("launched with: %s\n", options.c_str());
+    }
+    std::fflush(stdout);
+    while (gEnd == 0) {
+        (void)Convey::pumpOrWait(100); // looks for SIGTERM ten times a second
+    }
+    return 0;
+}
+
+int launchBehind(const char* target) {
+    const bool launched = Convey::launchTarget(target, "", 1, nullptr) == 1;
+    std::printf("%s\n", launched ? "launched" : "not launched");
+    std::fflush(stdout);
+    // What it was given is still to be handed over, and its window kept behind.
+    for (int i = 0; launched && gEnd == 0 && i < 100; ++i) {
+        (void)Convey::pumpOrWait(100);
+    }
+    return launched ? 0 : 1;
+}
+
+int run(int argc, char** argv) {
+    const char* const what = argc > 2 ? argv[2] : "";
+    const auto is = [&](const char* option, int words) {
+        return argc == words && std::strcmp(what, option) == 0;
+    };
+    // One that was launched under another name, as an instance, takes that.
+    const SoString name = Convey::getLaunchOptions().isEmpty() ? SoString(argv[1])
+                                                               : Convey::getSharedAppName();
+    Convey instance(name.c_str(), new EchoHandler(is("--quiet", 3)), true, nullptr);
+    if (is("--ask", 5)) {
+        return ask(instance, argv[3], argv[4], nullptr);
+    }
+    if (is("--launch", 5) || is("--launch", 6)) {
+        const SoString parameters(argc == 6 ? argv[5] : "");
+        return ask(instance, argv[3], argv[4], &parameters);
+    }
+    if (is("--launch-behind", 4)) {
+        return launchBehind(argv[3]);
+    }
+    if (is("--front", 4)) {
+        return Convey::bringToFront(argv[3], nullptr) ? 0 : 1;
+    }
+    if (argc == 2 || is("--quiet", 3)) {
+        return answerUntilTheEnd(instance);
+    }
+    std::fputs(kUsage, stderr);
+    return 2;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
-    const bool asks = argc == 5 && std::strcmp(argv[2], "--ask") == 0;
-    const bool quiet = argc == 3 && std::strcmp(argv[2], "--quiet") == 0;
-    if ((argc != 2 && !asks && !quiet) || argv[1][0] == '-') {
+    if (argc < 2 || argv[1][0] == '-') {
         std::fputs(kUsage, stderr);
         return 2;
     }
@@ -90,18 +146,6 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "host: the layer does not start as %s\n", argv[1]);
         return 1;
     }
-    int status = 0;
-    {
-        Convey instance(argv[1], new EchoHandler(quiet), true, nullptr);
-        if (asks) {
-            status = ask(instance, argv[3], argv[4]);
-        } else {
-            std::printf("running as %s\n", instance.getAppName().c_str());
-            std::fflush(stdout);
-            while (gEnd == 0) {
-                (void)Convey::pumpOrWait(100); // looks for SIGTERM ten times a second
-            }
-        }
-    }
+    const int status = run(argc, argv);
     return Convey::InitTerm::exit() ? status : 1;
 }

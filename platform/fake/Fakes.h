@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "platform/Clock.h"
+#include "platform/Desktop.h"
 #include "platform/Files.h"
 #include "platform/Frameworks.h"
 #include "platform/Locale.h"
@@ -153,11 +154,57 @@ public:
     }
 };
 
+// Processes that are numbers only, from 5000 on, and end when a test says so.
 class FakeProcesses : public Processes {
 public:
     uint32_t number = 4711;
+    bool cannotStart = false;
+    std::map<uint32_t, std::string> running; // by number, what it was started from
+    std::vector<std::string> started;        // paths, or a program's name and words
 
     uint32_t ownNumber() const override { return number; }
+    bool isRunning(uint32_t process) override { return running.count(process) != 0; }
+    std::vector<uint32_t> find(const std::string& path) const override {
+        std::vector<uint32_t> found;
+        for (const auto& [process, from] : running) {
+            if (from == path) {
+                found.push_back(process);
+            }
+        }
+        return found;
+    }
+    uint32_t startApplication(const std::string& path, bool behind) override {
+        started.push_back(path + (behind ? " behind" : ""));
+        if (cannotStart) {
+            return 0;
+        }
+        running[++last_] = path;
+        return last_;
+    }
+    bool startProgram(const std::string& name, const std::vector<std::string>& words) override {
+        started.push_back(name);
+        for (const std::string& word : words) {
+            started.back() += " " + word;
+        }
+        return !cannotStart;
+    }
+
+private:
+    uint32_t last_ = 4999;
+};
+
+class FakeDesktop : public Desktop {
+public:
+    std::vector<std::string> wishes;
+
+    bool bringToFront(uint32_t process) override {
+        wishes.push_back("front " + std::to_string(process));
+        return true;
+    }
+    uint32_t frontWindow() override { return 77; }
+    void keepBehind(uint32_t process, uint32_t frontWindow) override {
+        wishes.push_back("behind " + std::to_string(frontWindow) + ": " + std::to_string(process));
+    }
 };
 
 // Ports within the process, which must outlive what it has opened.

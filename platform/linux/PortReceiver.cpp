@@ -219,6 +219,8 @@ bool PortReceiver::listen() {
         ::listen(listener.get(), SOMAXCONN) != 0) {
         return refuse("listen at");
     }
+    // Tells those who watch the folder that the port is there: the file itself was too early.
+    (void)fchmodat(folder_.fd(), file.c_str(), S_IRUSR | S_IWUSR, 0);
     listener_ = std::move(listener);
     events_ = std::move(events);
     return true;

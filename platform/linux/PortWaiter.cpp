@@ -67,9 +67,10 @@ void PortWaiter::watchNames(bool on) {
         return;
     }
     PortDescriptor names(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    if (names && inotify_add_watch(names.get(), folder.path().c_str(), IN_CREATE) >= 0 &&
+    if (names && inotify_add_watch(names.get(), folder.path().c_str(), IN_ATTRIB) >= 0 &&
         watch(names.get(), kNames)) {
         names_ = std::move(names);
+        wake(); // for a name that came before the watch
     }
 }
 

@@ -1,13 +1,190 @@
 #include "platform/Processes.h"
 
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <string_view>
+#include <system_error>
 #include <unistd.h>
+
+#include "platform/Files.h"
+#include "platform/Log.h"
+#include "platform/linux/Bundle.h"
+#include "platform/linux/DesktopEntry.h"
+#include "platform/linux/ProcessStart.h"
+#include "platform/linux/ProcessTable.h"
+#include "platform/linux/SessionEnvironment.h"
 
 namespace platform {
 namespace {
 
+constexpr size_t kMaximumKnown = 4096; // processes whose start is remembered
+// An interpreter, an option of its own, the script.
+constexpr size_t kInterpreterWords = 3;
+
+std::string withoutSlashes(std::string path) {
+    while (path.size() > 1 && path.back() == '/') {
+        path.pop_back();
+    }
+    return path;
+}
+
+std::string resolved(const std::string& path) {
+    std::string real;
+    return Files::own().resolve(path, real) ? real : path;
+}
+
+// Whether the process runs `program`, or a script that lies there.
+bool runsProgram(uint32_t number, const std::string& program) {
+    const std::string running = programOfProcess(number);
+    if (running == program) {
+        return true;
+    }
+    const std::vector<std::string> words = commandLineOf(number, kInterpreterWords);
+    for (size_t i = 1; i < words.size(); ++i) {
+        if (!words[i].empty() && words[i].front() == '/' &&
+            (words[i] == program || resolved(words[i]) == program)) {
+            return true;
+        }
+        if (words[i].empty() || words[i].front() != '-') {
+            break; // behind the script come the script's own words
+        }
+    }
+    return false;
+}
+
 class LinuxProcesses final : public Processes {
 public:
     uint32_t ownNumber() const override { return static_cast<uint32_t>(getpid()); }
+
+    bool isRunning(uint32_t number) override {
+        const uint64_t start = number == 0 ? 0 : processStartTime(number);
+        if (start == 0) {
+            return false;
+        }
+        const std::lock_guard<std::mutex> guard(mutex_);
+        forgetEndedLocked();
+        return known_.emplace(number, start).first->second == start;
+    }
+
+    std::vector<uint32_t> find(const std::string& path) const override {
+        const std::string given = withoutSlashes(path);
+        const std::string real = resolved(given);
+        const bool isEntry = given.ends_with(kDesktopEntryExtension);
+        const bool isBundle = given.ends_with(kBundleExtension);
+        const std::string inBundle = real + "/";
+        std::vector<uint32_t> found;
+        for (const uint32_t number : ownProcesses()) {
+            bool matches = false;
+            if (isEntry) {
+                matches = startVariableOf(number, "GIO_LAUNCHED_DESKTOP_FILE") == given &&
+                          startVariableOf(number, "GIO_LAUNCHED_DESKTOP_FILE_PID") ==
+                              std::to_string(number);
+            } else if (isBundle) {
+                matches = programOfProcess(number).starts_with(inBundle) ||
+                          runsScriptIn(number, inBundle);
+            } else {
+                matches = runsProgram(number, real);
+            }
+            if ((matches || wasStartedFrom(number, given)) && processStartTime(number) != 0) {
+                found.push_back(number);
+            }
+        }
+        return found;
+    }
+
+    uint32_t startApplication(const std::string& path, bool behind) override {
+        const std::string given = withoutSlashes(path);
+        std::string reason;
+        const uint32_t number = startGiven(given, behind, reason);
+        if (number == 0) {
+            Log::system().problem("start " + given + ": " + reason);
+            return 0;
+        }
+        const std::lock_guard<std::mutex> guard(mutex_);
+        forgetEndedLocked();
+        known_[number] = processStartTime(number);
+        startedFrom_[number] = given;
+        return number;
+    }
+
+    bool startProgram(const std::string& name, const std::vector<std::string>& arguments) override {
+        const SessionEnvironment environment = sessionEnvironment(false);
+        const std::string folders = environment.value("PATH");
+        std::string_view rest(folders);
+        int error = ENOENT;
+        while (!rest.empty()) {
+            const size_t end = rest.find(':');
+            const std::string program = std::string(rest.substr(0, end)) + "/" + name;
+            if (program.front() == '/' && access(program.c_str(), X_OK) == 0 &&
+                startProcess(program, arguments, environment.whole(), environment.value("HOME"),
+                             error) != 0) {
+                return true;
+            }
+            rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
+        }
+        Log::system().problem("start " + name + ": " + std::generic_category().message(error));
+        return false;
+    }
+
+private:
+    static bool runsScriptIn(uint32_t number, const std::string& folder) {
+        const std::vector<std::string> words = commandLineOf(number, kInterpreterWords);
+        for (size_t i = 1; i < words.size(); ++i) {
+            if (!words[i].empty() && words[i].front() == '/') {
+                return resolved(words[i]).starts_with(folder);
+            }
+        }
+        return false;
+    }
+
+    static uint32_t startGiven(const std::string& path, bool behind, std::string& reason) {
+        if (path.empty() || path.front() != '/') {
+            reason = "the path is not absolute";
+            return 0;
+        }
+        const SessionEnvironment environment = sessionEnvironment(behind);
+        if (path.ends_with(kDesktopEntryExtension)) {
+            return startDesktopEntry(path, environment, reason);
+        }
+        const std::string program = path.ends_with(kBundleExtension) ? programOfBundle(path) : path;
+        if (program.empty()) {
+            reason = "it names no program";
+            return 0;
+        }
+        int error = 0;
+        const uint32_t number =
+            startProcess(program, {}, environment.whole(), environment.value("HOME"), error);
+        reason = error == 0 ? "" : program + ": " + std::generic_category().message(error);
+        return number;
+    }
+
+    // Also when what it runs does not tell, as after a script that ends in an exec.
+    bool wasStartedFrom(uint32_t number, const std::string& path) const {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        const auto started = startedFrom_.find(number);
+        const auto start = known_.find(number);
+        return started != startedFrom_.end() && start != known_.end() && started->second == path &&
+               processStartTime(number) == start->second;
+    }
+
+    void forgetEndedLocked() {
+        if (known_.size() < kMaximumKnown) {
+            return;
+        }
+        for (auto i = known_.begin(); i != known_.end();) {
+            if (processStartTime(i->first) == i->second) {
+                ++i;
+            } else {
+                startedFrom_.erase(i->first);
+                i = known_.erase(i);
+            }
+        }
+    }
+
+    mutable std::mutex mutex_;
+    std::map<uint32_t, uint64_t> known_; // when they started
+    std::map<uint32_t, std::string> startedFrom_;
 };
 
 } // namespace

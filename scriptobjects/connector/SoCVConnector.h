@@ -128,9 +128,16 @@ public:
     virtual uint32_t getProcessID(const SoString& specifier) const;
 
     // Starts the application with parameters, in front of others or behind them; 1 when it was
-    // started. This registry knows no way to start one and answers 0.
+    // started, 0 when it is not registered, does not lie where it is registered, or could not be
+    // started. The process is noted, for a target that has no registration of its own, such as an
+    // instance of an application, with a copy of the record that was found for it.
     virtual int32_t launchTarget(const SoString& specifier, const SoString& parameters,
-                                 bool inFront, ConveyContext* context);
+                                 bool inFront, ConveyContext* context) SO_EXCLUDES(this);
+
+    // Brings the running application to the front, as far as there is a desktop; false when it is
+    // not registered.
+    virtual bool bringToFront(const char* specifier, ConveyContext* context) const
+        SO_EXCLUDES(this);
 
     // Drops records and groups; the next query reads them again.
     virtual void clearCache();
@@ -170,6 +177,7 @@ protected:
 private:
     CVConnectorAppInfoList* getAppInfoListLocked() const SO_REQUIRES(this);
     bool findRecord(const SoString& specifier, CVConnectorAppInfo& out) const;
+    void noteLaunched(const SoString& specifier, uint32_t pid);
     template <class Field>
     Field field(const SoString& specifier, Field CVConnectorAppInfo::*member, Field unknown) const;
 

@@ -69,6 +69,8 @@ public:
     bool processIncoming(uint32_t serialNumber, bool process);
     // Draws what has arrived into the queue, within bounds; true when there may be more.
     bool receiveArrived();
+    // Queues a complete message until its target can be reached; false when it has no target.
+    bool queueOutgoing(std::unique_ptr<Convey::Message> message);
     // `inBackground`: does not wait for targets that do not take their messages.
     void processOutgoing(bool inBackground);
 

@@ -8,6 +8,7 @@
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVInstanceParts.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
+#include "scriptobjects/convey/SoCVThread.h"
 #include "scriptobjects/core/SoNumber.h"
 #include "scriptobjects/stream/InterAppStream.h"
 
@@ -151,14 +152,23 @@ bool PrivateData::deliver(Message& message, const SoString& text, bool mayLaunch
         }
         logEvent("LAUNCHING TARGET", message);
     }
-    auto copy = std::make_unique<Message>(message);
-    queued = outgoing_.append(copy.get());
+    queued = queueOutgoing(std::make_unique<Message>(message));
     if (queued) {
-        (void)copy.release(); // the queue's now
         logEvent("ENQUEUED OUTGOING MESSAGE", message);
         noteActivity();
     }
     return false;
+}
+
+bool PrivateData::queueOutgoing(std::unique_ptr<Message> message) {
+    if (!outgoing_.append(message.get())) {
+        return false;
+    }
+    (void)message.release(); // the queue's now
+    if (const ConveyContext* context = this->context()) {
+        context->getThread()->wake();
+    }
+    return true;
 }
 
 // A watcher in the own queue tells this side that no answer came in time.

@@ -13,13 +13,8 @@ constexpr int32_t kSliceSeconds = 4;
 constexpr int32_t kProcessQueueSeconds = 10;
 constexpr int32_t kLaunchQueueSeconds = 200;
 
-} // namespace
-
-bool receiveLaunchParams(const SoString& queueName, SoString& parameters, int32_t seconds) {
-    InterAppStream stream(queueName);
-    if (!stream.isGood()) {
-        return true;
-    }
+// Waits for the parameters at an open stream.
+bool receiveFrom(InterAppStream& stream, SoString& parameters, int32_t seconds) {
     bool pending = stream.messagePending();
     for (int32_t elapsed = 0; !pending && elapsed < seconds; elapsed += kSliceSeconds) {
         pending = stream.waitForMessage(kSliceSeconds * 1000, false);
@@ -32,6 +27,13 @@ bool receiveLaunchParams(const SoString& queueName, SoString& parameters, int32_
     (void)message.readFromString(text.c_str());
     parameters = message.getBody();
     return true;
+}
+
+} // namespace
+
+bool receiveLaunchParams(const SoString& queueName, SoString& parameters, int32_t seconds) {
+    InterAppStream stream(queueName);
+    return !stream.isGood() || receiveFrom(stream, parameters, seconds);
 }
 
 bool getLaunchParameters(const SoString& specifier, SoString& parameters) {
@@ -52,8 +54,16 @@ bool getLaunchParameters(const SoString& specifier, SoString& parameters) {
     }
     SoString processQueue = appName;
     processQueue << "#" << platform::Processes::system().ownNumber();
-    return receiveLaunchParams(processQueue, parameters, kProcessQueueSeconds) ||
-           receiveLaunchParams(queueName, parameters, kLaunchQueueSeconds);
+    if (receiveLaunchParams(processQueue, parameters, kProcessQueueSeconds)) {
+        return true;
+    }
+    auto launchQueue = std::make_unique<InterAppStream>(queueName);
+    if (!launchQueue->isGood()) {
+        return true;
+    }
+    const bool received = receiveFrom(*launchQueue, parameters, kLaunchQueueSeconds);
+    keepStreamFor(std::move(launchQueue));
+    return received;
 }
 
 } // namespace ScObjects::ConveyUtils

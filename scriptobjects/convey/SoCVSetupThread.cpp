@@ -10,6 +10,8 @@
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/convey/SoCVThread.h"
 #include "scriptobjects/convey/SoCVUtils.h"
+#include "scriptobjects/convey/SoCVUtilsCore.h"
+#include "scriptobjects/stream/InterAppStream.h"
 #include "scriptobjects/convey/SoConvey.h"
 #include "scriptobjects/core/SoVector.h"
 
@@ -90,6 +92,9 @@ SoString setUp(const SoString& appSpecifier) {
         return SoString(ConveyThread::CV_INVALIDSPEC);
     }
     applyOptions(parameters, specifier);
+    if (!(specifier == ConveyUtils::getLaunchMsgQueueName(appSpecifier))) {
+        ConveyUtils::keepStreamFor(nullptr); // no instance here will have the launch queue's name
+    }
     auto* const context = new ConveyContext(specifier);
     ConveyContext::setCurrentContext(context);
     (void)context->getThread()->setKeyValuePair(ConveyThread::CV_LAUNCHPARAMS, parameters);

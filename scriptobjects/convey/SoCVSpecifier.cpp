@@ -5,6 +5,7 @@
 
 #include "scriptobjects/connector/SoCVConnector.h"
 #include "scriptobjects/convey/SoCVContext.h"
+#include "scriptobjects/convey/SoCVLauncher.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVPing.h"
 #include "scriptobjects/convey/SoCVSetupThread.h"
@@ -119,6 +120,13 @@ LocaleChoice chooseExact(const std::vector<SoString>& registrations, double vers
 
 constexpr int32_t kStatusSeconds = 2;
 constexpr int kSenderNames = 10;
+
+// Whether the process that was launched for the application still runs.
+bool isProcessOf(const Convey::Specifier& specifier) {
+    const ConveyConnector* const connector = ConveyConnector::get();
+    return connector != nullptr &&
+           ConveyUtils::Launcher::isProcessRunning(connector->getProcessID(specifier));
+}
 
 // Sends a message that nobody answers to see whether somebody owns the name.
 bool probe(const SoString& own, const SoString& target, const char* type, uint32_t serial) {
@@ -482,8 +490,9 @@ bool Convey::Specifier::isRunning() const {
     if (own == *this) {
         return true;
     }
-    return (suffix().isEmpty() && probe(own, ConveyThread::createThreadSpecifier(*this),
-                                        ConveyThread::CV_PING, serial)) ||
+    return (suffix().isEmpty() &&
+            (isProcessOf(*this) || probe(own, ConveyThread::createThreadSpecifier(*this),
+                                         ConveyThread::CV_PING, serial))) ||
            probe(own, *this, "Tessaly", serial);
 }
 

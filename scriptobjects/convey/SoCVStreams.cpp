@@ -2,6 +2,7 @@
 #include <memory>
 #include <new>
 
+#include "scriptobjects/convey/SoCVLaunchParameters.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/stream/InterAppStream.h"
 
@@ -39,7 +40,34 @@ private:
     InterAppStream* stream_ SO_GUARDED_BY(this) = nullptr;
 };
 
+// The stream at which launch parameters came, for the instance of its name.
+class KeptStream : public SoLockable {
+public:
+    static KeptStream& instance() {
+        static auto* const kept = new KeptStream;
+        return *kept;
+    }
+
+    void set(std::unique_ptr<InterAppStream> stream) {
+        std::unique_ptr<InterAppStream> old; // deleted after the lock is given up
+        const ObjectLock guard(*this);
+        old.swap(stream_);
+        stream_ = std::move(stream);
+    }
+
+    std::unique_ptr<InterAppStream> take(const SoString& name) {
+        const ObjectLock guard(*this);
+        return stream_ != nullptr && stream_->getName() == name ? std::move(stream_) : nullptr;
+    }
+
+private:
+    std::unique_ptr<InterAppStream> stream_ SO_GUARDED_BY(this);
+};
+
 std::unique_ptr<InterAppStream> goodStream(const SoString& name) {
+    if (auto kept = KeptStream::instance().take(name)) {
+        return kept;
+    }
     auto stream = std::make_unique<InterAppStream>(name);
     return stream->isGood() ? std::move(stream) : nullptr;
 }
@@ -76,6 +104,10 @@ InterAppStream* ConveyUtils::createNextAvailableInterAppStream(const SoString& n
     }
 }
 
+void ConveyUtils::keepStreamFor(std::unique_ptr<InterAppStream> stream) {
+    KeptStream::instance().set(std::move(stream));
+}
+
 InterAppStream::~InterAppStream() = default;
 
 void InterAppStream::InitTerm::init(const SoString& specifier) {
@@ -86,6 +118,7 @@ void InterAppStream::InitTerm::init(const SoString& specifier) {
 }
 
 void InterAppStream::InitTerm::exit() {
+    KeptStream::instance().set(nullptr);
     ProcessStream::instance().set(nullptr);
 }
 

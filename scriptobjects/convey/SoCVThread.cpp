@@ -367,15 +367,19 @@ void ConveyThread::watchInstances() {
     wait_->wake();
 }
 
+void ConveyThread::wake() {
+    if (wait_ != nullptr) {
+        wait_->wake();
+    }
+}
+
 bool ConveyThread::stop() {
     stop_.store(true);
     if (isOwnThread()) {
         context_.store(nullptr);
         return false;
     }
-    if (wait_ != nullptr) {
-        wait_->wake();
-    }
+    wake();
     return Thread::stop();
 }
 

@@ -107,6 +107,9 @@ public:
     // Lets messages to instances that were added end the waits of this thread.
     void watchInstances();
 
+    // Has it make a round at once: something was queued that a port may be opened for any moment.
+    void wake();
+
     // The moment this thread was made, in milliseconds since 1970.
     double startTime() const { return startTime_; }
 

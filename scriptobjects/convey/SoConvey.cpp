@@ -86,9 +86,7 @@ void queueLaunchParameters(ConveyContext& context, ConveyData::PrivateData& main
     message->setSerialNumber(context.getNextSerialNumber());
     message->setTimeout(kLaunchSeconds);
     message->setBody(parameters);
-    if (main.outgoing().append(message.get())) {
-        (void)message.release(); // the queue's now
-    }
+    (void)main.queueOutgoing(std::move(message)); // it has a target and a sender
 }
 
 int32_t launch(const char* targetText, const char* parameters, int32_t focus,
@@ -305,6 +303,12 @@ int32_t Convey::launchTarget(const char* target, const char* parameters, int32_t
     return context == nullptr
                ? 0
                : guarded(0, [&] { return launch(target, parameters, focus, *context); });
+}
+
+bool Convey::bringToFront(const char* target, ConveyContext* context) {
+    return askConnector(false, [&](const ConveyConnector& connector) {
+        return connector.bringToFront(Specifier(target, true).c_str(), context);
+    });
 }
 
 bool Convey::pump(EnabledOperations operations, ConveyContext* context) {

@@ -165,6 +165,10 @@ public:
     static int32_t launchTarget(const char* target, const char* parameters, int32_t focus,
                                 ConveyContext* context);
 
+    // Brings an application to the front, as far as it runs and there is a desktop; false when it is
+    // not registered.
+    static bool bringToFront(const char* target, ConveyContext* context);
+
     // Lets every instance of a context (null: the current one) process its queues. True when there
     // was a message. False at once while the layer is being set up.
     static bool pump(EnabledOperations operations, ConveyContext* context = nullptr);

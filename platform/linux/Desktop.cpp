@@ -1,0 +1,137 @@
+#include "platform/Desktop.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <unistd.h>
+
+#include "platform/linux/WindowManager.h"
+
+namespace platform {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+// How long a process may take to show its first window, and a window manager to give it the focus.
+constexpr milliseconds kUntilWindow{20'000};
+constexpr milliseconds kAfterWindow{1'500};
+constexpr milliseconds kLook{200}; // when nothing changes
+
+// Windows of the process itself, or of a program that a script which was started has started.
+bool belongsTo(uint32_t windowProcess, uint32_t process) {
+    return windowProcess == process ||
+           getsid(static_cast<pid_t>(windowProcess)) == static_cast<pid_t>(process);
+}
+
+// Runs `work` on a thread of its own, which may be stuck with a display that does not answer and
+// then is left alone. False when it could not be started.
+bool runDetached(const std::function<void()>& work) {
+    try {
+        std::thread(work).detach();
+        return true;
+    } catch (const std::system_error&) {
+        return false;
+    }
+}
+
+// What `question` gives within the time that a caller is held up, else 0.
+uint32_t askWithinLimit(const std::function<uint32_t(const WindowManager&)>& question) {
+    struct Answer {
+        std::mutex mutex;
+        std::condition_variable given;
+        bool done = false;
+        uint32_t value = 0;
+    };
+    const auto answer = std::make_shared<Answer>();
+    const bool asked = runDetached([answer, question] {
+        const auto manager = WindowManager::connect();
+        const uint32_t value = manager == nullptr ? 0 : question(*manager);
+        const std::lock_guard<std::mutex> guard(answer->mutex);
+        answer->value = value;
+        answer->done = true;
+        answer->given.notify_all();
+    });
+    std::unique_lock<std::mutex> lock(answer->mutex);
+    return asked && answer->given.wait_for(lock, milliseconds(Desktop::kMaximumWaitMilliseconds),
+                                           [&] { return answer->done; })
+               ? answer->value
+               : 0;
+}
+
+bool isOneOf(uint32_t window, const std::vector<uint32_t>& windows) {
+    for (const uint32_t other : windows) {
+        if (other == window) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void holdBehind(const WindowManager& manager, uint32_t process, uint32_t front) {
+    auto end = steady_clock::now() + kUntilWindow;
+    bool seen = false;
+    while (steady_clock::now() < end && manager.waitForChange(kLook.count())) {
+        const auto windows =
+            manager.windowsOf([process](uint32_t other) { return belongsTo(other, process); });
+        if (windows.empty()) {
+            continue;
+        }
+        const bool isActive = isOneOf(manager.activeWindow(), windows);
+        if (!seen || isActive) {
+            for (const uint32_t window : windows) {
+                manager.lower(window);
+            }
+            if (isActive && front != 0) {
+                manager.activate(front);
+            }
+        }
+        if (!seen) {
+            seen = true;
+            end = steady_clock::now() + kAfterWindow;
+        }
+    }
+}
+
+class LinuxDesktop final : public Desktop {
+public:
+    bool bringToFront(uint32_t process) override {
+        return askWithinLimit([process](const WindowManager& manager) -> uint32_t {
+                   const auto windows = manager.windowsOf(
+                       [process](uint32_t other) { return belongsTo(other, process); });
+                   if (windows.empty()) {
+                       return 0;
+                   }
+                   manager.activate(windows.back());
+                   (void)manager.activeWindow(); // the wish has been read when this is answered
+                   return 1;
+               }) != 0;
+    }
+
+    uint32_t frontWindow() override {
+        return askWithinLimit(
+            [](const WindowManager& manager) { return manager.activeWindow(); });
+    }
+
+    void keepBehind(uint32_t process, uint32_t frontWindow) override {
+        // Without a thread the window comes to the front: no reason to fail a launch.
+        (void)runDetached([process, frontWindow] {
+            if (const auto manager = WindowManager::connect()) {
+                holdBehind(*manager, process, frontWindow);
+            }
+        });
+    }
+};
+
+} // namespace
+
+Desktop& Desktop::own() {
+    static auto* const desktop = new LinuxDesktop;
+    return *desktop;
+}
+
+} // namespace platform

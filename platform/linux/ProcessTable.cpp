@@ -1,0 +1,121 @@
+#include "platform/linux/ProcessTable.h"
+
+#include <cerrno>
+#include <charconv>
+#include <climits>
+#include <dirent.h>
+#include <fcntl.h>
+#include <memory>
+#include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "platform/linux/Descriptor.h"
+
+namespace platform {
+namespace {
+
+constexpr size_t kMaximumBytes = 1 << 20; // of a command line or an environment
+
+std::string procPath(uint32_t number, const char* leaf) {
+    return "/proc/" + std::to_string(number) + leaf;
+}
+
+std::string readProc(uint32_t number, const char* leaf) {
+    const Descriptor file(open(procPath(number, leaf).c_str(), O_RDONLY | O_CLOEXEC));
+    std::string text;
+    char buffer[4096];
+    while (file && text.size() < kMaximumBytes) {
+        const ssize_t length =
+            uninterrupted([&] { return read(file.get(), buffer, sizeof buffer); });
+        if (length <= 0) {
+            break;
+        }
+        text.append(buffer, static_cast<size_t>(length));
+    }
+    return text;
+}
+
+// The first word of a text, which loses it.
+std::string_view takeUpTo(std::string_view& text, char end) {
+    const size_t length = text.find(end);
+    const std::string_view word = text.substr(0, length);
+    text = length == std::string_view::npos ? std::string_view() : text.substr(length + 1);
+    return word;
+}
+
+} // namespace
+
+uint64_t processStartTime(uint32_t number) {
+    const std::string text = readProc(number, "/stat");
+    const size_t nameEnd = text.rfind(')'); // the name may hold anything, parentheses too
+    if (nameEnd == std::string::npos || nameEnd + 2 > text.size()) {
+        return 0;
+    }
+    std::string_view rest = std::string_view(text).substr(nameEnd + 2);
+    const std::string_view state = takeUpTo(rest, ' ');
+    if (state == "Z" || state == "X" || state == "x") {
+        return 0;
+    }
+    constexpr int kFieldsBetween = 18; // the start time is field 22, the state field 3
+    for (int i = 0; i < kFieldsBetween; ++i) {
+        (void)takeUpTo(rest, ' ');
+    }
+    uint64_t ticks = 0;
+    const std::string_view word = takeUpTo(rest, ' ');
+    const auto end = std::from_chars(word.data(), word.data() + word.size(), ticks);
+    return end.ec == std::errc() ? ticks + 1 : 0; // init itself starts at 0
+}
+
+std::vector<uint32_t> ownProcesses() {
+    std::vector<uint32_t> numbers;
+    const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir("/proc"), closedir);
+    if (folder == nullptr) {
+        return numbers;
+    }
+    while (const dirent* entry = readdir(folder.get())) {
+        const std::string_view name(entry->d_name);
+        uint32_t number = 0;
+        const auto end = std::from_chars(name.data(), name.data() + name.size(), number);
+        struct stat status {};
+        if (end.ec == std::errc() && end.ptr == name.data() + name.size() && number != 0 &&
+            fstatat(dirfd(folder.get()), entry->d_name, &status, 0) == 0 &&
+            status.st_uid == geteuid()) {
+            numbers.push_back(number);
+        }
+    }
+    return numbers;
+}
+
+std::string programOfProcess(uint32_t number) {
+    char path[PATH_MAX];
+    const ssize_t length = readlink(procPath(number, "/exe").c_str(), path, sizeof path);
+    return length > 0 && static_cast<size_t>(length) < sizeof path
+               ? std::string(path, static_cast<size_t>(length))
+               : std::string();
+}
+
+std::vector<std::string> commandLineOf(uint32_t number, size_t maximumWords) {
+    const std::string text = readProc(number, "/cmdline");
+    std::string_view rest(text);
+    std::vector<std::string> words;
+    while (!rest.empty() && words.size() < maximumWords) {
+        words.emplace_back(takeUpTo(rest, '\0'));
+    }
+    return words;
+}
+
+std::string startVariableOf(uint32_t number, const std::string& name) {
+    const std::string text = readProc(number, "/environ");
+    std::string_view rest(text);
+    while (!rest.empty()) {
+        const std::string_view entry = takeUpTo(rest, '\0');
+        if (entry.size() > name.size() && entry[name.size()] == '=' &&
+            entry.substr(0, name.size()) == name) {
+            return std::string(entry.substr(name.size() + 1));
+        }
+    }
+    return {};
+}
+
+} // namespace platform

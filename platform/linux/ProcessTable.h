@@ -1,0 +1,26 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace platform {
+
+// When a process started, in ticks since the machine did; 0 when it does not run, also when it has
+// ended and waits for its parent.
+uint64_t processStartTime(uint32_t number);
+
+// The running processes of this user.
+std::vector<uint32_t> ownProcesses();
+
+// The program that a process runs, links resolved; empty when that cannot be found out.
+std::string programOfProcess(uint32_t number);
+
+// The words of its command line, at most so many.
+std::vector<std::string> commandLineOf(uint32_t number, size_t maximumWords);
+
+// A variable of the environment that it was started with, empty for none.
+std::string startVariableOf(uint32_t number, const std::string& name);
+
+} // namespace platform

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace platform {
+
+// What an application that this process starts changes in this process's environment: the names of
+// the variables that concern this process alone, and "NAME=value" of those that a desktop session
+// has and this process lacks.
+struct SessionEnvironment {
+    std::vector<std::string> removed;
+    std::vector<std::string> added;
+
+    // The variable's value in this environment, empty for none.
+    std::string value(const std::string& name) const;
+    // All of it, as "NAME=value".
+    std::vector<std::string> whole() const;
+};
+
+// `behind`: tells toolkits that the user did not ask for the application's windows just now.
+SessionEnvironment sessionEnvironment(bool behind);
+
+} // namespace platform
