@@ -14,9 +14,9 @@ namespace platform {
 // descriptor, no signal setting and nothing of the environment that is meant for its starter alone,
 // has no terminal, begins in the user's home folder and never becomes a zombie of this process.
 //
-// A path that ends in ".app" is a bundle; its program is the one that its Contents/Info.plist names,
-// else the one that is called like it. A path that ends in ".desktop" is a desktop entry. Any other
-// path is a program. All are absolute.
+// A path that ends in ".app" is a bundle; its program is the one that its Contents/Info.plist
+// names, else the one that is called like it. A path that ends in ".desktop" is a desktop entry.
+// Any other path is a program. All are absolute.
 //
 // Porting contract: starting waits until the new program is loaded or could not be, nothing else
 // blocks. No text reaches a shell. Threads: any.

@@ -15,8 +15,10 @@ using ScObjects::SoString;
 constexpr const char* kUsage =
     "usage: host SPECIFIER [--quiet | --ask TARGET BODY | --launch TARGET BODY [PARAMETERS]\n"
     "                       | --launch-behind TARGET | --front TARGET]\n"
-    "Starts the layer as SPECIFIER and answers messages until SIGTERM: requests get \"echo: \" and\n"
-    "their body as result, the body \"fail\" an error. When it was launched by another application,\n"
+    "Starts the layer as SPECIFIER and answers messages until SIGTERM: requests get \"echo: \" "
+    "and\n"
+    "their body as result, the body \"fail\" an error. When it was launched by another "
+    "application,\n"
     "it prints with which options.\n"
     "With --ask it sends one request instead, and prints what comes back; --launch has the target\n"
     "launched for it if need be. --launch-behind and --front launch and raise a target.\n";
@@ -110,8 +112,8 @@ int run(int argc, char** argv) {
         return argc == words && std::strcmp(what, option) == 0;
     };
     // One that was launched under another name, as an instance, takes that.
-    const SoString name = Convey::getLaunchOptions().isEmpty() ? SoString(argv[1])
-                                                               : Convey::getSharedAppName();
+    const SoString name =
+        Convey::getLaunchOptions().isEmpty() ? SoString(argv[1]) : Convey::getSharedAppName();
     Convey instance(name.c_str(), new EchoHandler(is("--quiet", 3)), true, nullptr);
     if (is("--ask", 5)) {
         return ask(instance, argv[3], argv[4], nullptr);

@@ -29,12 +29,11 @@ struct PropertyLists {
 
     PropertyLists() {
         const RunTimeLibrary library({"libplist-2.0.so.3", "libplist-2.0.so.4"});
-        usable = library.get("plist_from_xml", fromXml) &&
-                 library.get("plist_from_bin", fromBinary) &&
-                 library.get("plist_is_binary", isBinary) &&
-                 library.get("plist_dict_get_item", item) &&
-                 library.get("plist_get_node_type", typeOf) &&
-                 library.get("plist_get_string_ptr", text) && library.get("plist_free", free);
+        usable =
+            library.get("plist_from_xml", fromXml) && library.get("plist_from_bin", fromBinary) &&
+            library.get("plist_is_binary", isBinary) && library.get("plist_dict_get_item", item) &&
+            library.get("plist_get_node_type", typeOf) &&
+            library.get("plist_get_string_ptr", text) && library.get("plist_free", free);
     }
     static const PropertyLists& instance() {
         static const auto* const lists = new PropertyLists;

@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
@@ -19,7 +20,7 @@ using std::chrono::steady_clock;
 
 // How long a process may take to show its first window, and a window manager to give it the focus.
 constexpr milliseconds kUntilWindow{20'000};
-constexpr milliseconds kAfterWindow{1'500};
+constexpr milliseconds kAfterWindow{700};
 constexpr milliseconds kLook{200}; // when nothing changes
 
 // Windows of the process itself, or of a program that a script which was started has started.
@@ -63,6 +64,31 @@ uint32_t askWithinLimit(const std::function<uint32_t(const WindowManager&)>& que
                : 0;
 }
 
+// The processes whose windows are kept behind.
+class Held {
+public:
+    static Held& instance() {
+        static auto* const held = new Held;
+        return *held;
+    }
+    void add(uint32_t process) {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        processes_.insert(process);
+    }
+    void remove(uint32_t process) {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        processes_.erase(process);
+    }
+    bool contains(uint32_t process) {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        return processes_.count(process) != 0;
+    }
+
+private:
+    std::mutex mutex_;
+    std::set<uint32_t> processes_;
+};
+
 bool isOneOf(uint32_t window, const std::vector<uint32_t>& windows) {
     for (const uint32_t other : windows) {
         if (other == window) {
@@ -75,7 +101,8 @@ bool isOneOf(uint32_t window, const std::vector<uint32_t>& windows) {
 void holdBehind(const WindowManager& manager, uint32_t process, uint32_t front) {
     auto end = steady_clock::now() + kUntilWindow;
     bool seen = false;
-    while (steady_clock::now() < end && manager.waitForChange(kLook.count())) {
+    while (steady_clock::now() < end && manager.waitForChange(kLook.count()) &&
+           Held::instance().contains(process)) {
         const auto windows =
             manager.windowsOf([process](uint32_t other) { return belongsTo(other, process); });
         if (windows.empty()) {
@@ -95,11 +122,13 @@ void holdBehind(const WindowManager& manager, uint32_t process, uint32_t front) 
             end = steady_clock::now() + kAfterWindow;
         }
     }
+    Held::instance().remove(process);
 }
 
 class LinuxDesktop final : public Desktop {
 public:
     bool bringToFront(uint32_t process) override {
+        Held::instance().remove(process); // the later wish counts
         return askWithinLimit([process](const WindowManager& manager) -> uint32_t {
                    const auto windows = manager.windowsOf(
                        [process](uint32_t other) { return belongsTo(other, process); });
@@ -113,11 +142,11 @@ public:
     }
 
     uint32_t frontWindow() override {
-        return askWithinLimit(
-            [](const WindowManager& manager) { return manager.activeWindow(); });
+        return askWithinLimit([](const WindowManager& manager) { return manager.activeWindow(); });
     }
 
     void keepBehind(uint32_t process, uint32_t frontWindow) override {
+        Held::instance().add(process);
         // Without a thread the window comes to the front: no reason to fail a launch.
         (void)runDetached([process, frontWindow] {
             if (const auto manager = WindowManager::connect()) {

@@ -132,8 +132,8 @@ uint32_t startProcess(const std::string& path, const std::vector<std::string>& a
     words.insert(words.end(), arguments.begin(), arguments.end());
     const std::vector<char*> argv = pointersTo(words);
     const std::vector<char*> envp = pointersTo(environment);
-    const Plan plan{path.c_str(), argv.data(), envp.data(), folder.c_str(), null.get(),
-                    writing.get()};
+    const Plan plan{path.c_str(),   argv.data(), envp.data(),
+                    folder.c_str(), null.get(),  writing.get()};
     pid_t between = -1;
     {
         const BlockedSignals blocked;

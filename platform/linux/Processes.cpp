@@ -155,7 +155,7 @@ private:
         int error = 0;
         const uint32_t number =
             startProcess(program, {}, environment.whole(), environment.value("HOME"), error);
-        reason = error == 0 ? "" : program + ": " + std::generic_category().message(error);
+        reason = (program == path ? "" : program + ": ") + std::generic_category().message(error);
         return number;
     }
 

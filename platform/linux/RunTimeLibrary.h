@@ -22,8 +22,7 @@ public:
     // Sets `function`, to null when the library or the function is missing; false then.
     template <class Function>
     bool get(const char* name, Function*& function) const {
-        function = handle_ == nullptr ? nullptr
-                                      : reinterpret_cast<Function*>(dlsym(handle_, name));
+        function = handle_ == nullptr ? nullptr : reinterpret_cast<Function*>(dlsym(handle_, name));
         return function != nullptr;
     }
 

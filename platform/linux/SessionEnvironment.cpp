@@ -40,7 +40,8 @@ constexpr const char* kOwn[] = {"_",
                                 "XDG_ACTIVATION_TOKEN"};
 
 const char* variable(const char* name) {
-    return std::getenv(name); // NOLINT(concurrency-mt-unsafe): hosts set theirs before they start us
+    return std::getenv(
+        name); // NOLINT(concurrency-mt-unsafe): hosts set theirs before they start us
 }
 
 bool isSet(const char* name) {
@@ -105,8 +106,8 @@ SessionEnvironment sessionEnvironment(bool behind) {
 
 std::string SessionEnvironment::value(const std::string& name) const {
     const std::vector<std::string> all = whole();
-    const auto found = std::find_if(all.begin(), all.end(),
-                                    [&](const std::string& entry) { return nameOf(entry) == name; });
+    const auto found = std::find_if(
+        all.begin(), all.end(), [&](const std::string& entry) { return nameOf(entry) == name; });
     return found == all.end() ? "" : found->substr(name.size() + 1);
 }
 

@@ -39,8 +39,7 @@ struct Xcb {
 
     Xcb() {
         const RunTimeLibrary library({"libxcb.so.1"});
-        usable = library.get("xcb_connect", connect) &&
-                 library.get("xcb_disconnect", disconnect) &&
+        usable = library.get("xcb_connect", connect) && library.get("xcb_disconnect", disconnect) &&
                  library.get("xcb_connection_has_error", hasError) &&
                  library.get("xcb_get_setup", setup) &&
                  library.get("xcb_setup_roots_iterator", roots) &&
@@ -125,8 +124,8 @@ struct WindowManager::Connection {
 
     // A window of another machine's process may carry any number.
     bool isOfThisMachine(xcb_window_t window) const {
-        const auto reply = property(window, XCB_ATOM_WM_CLIENT_MACHINE, XCB_ATOM_ANY,
-                                    kMaximumNameWords);
+        const auto reply =
+            property(window, XCB_ATOM_WM_CLIENT_MACHINE, XCB_ATOM_ANY, kMaximumNameWords);
         if (reply == nullptr || reply->type == XCB_ATOM_NONE || machine.empty()) {
             return true;
         }
@@ -198,8 +197,8 @@ uint32_t WindowManager::activeWindow() const {
     return window.empty() ? 0 : window.front();
 }
 
-std::vector<uint32_t> WindowManager::windowsOf(
-    const std::function<bool(uint32_t process)>& isWanted) const {
+std::vector<uint32_t>
+WindowManager::windowsOf(const std::function<bool(uint32_t process)>& isWanted) const {
     std::vector<uint32_t> wanted;
     for (const uint32_t window : connection_->numbers(connection_->root, connection_->clients,
                                                       XCB_ATOM_WINDOW, kMaximumWindows)) {

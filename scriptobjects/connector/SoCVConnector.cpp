@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::string_view kAnyMinorVersion = ".*";
 constexpr std::string_view kWebAddress = "https://"; // opened, not looked for on the disk
-constexpr const char* kHighestMinorVersion = ".99"; // minor versions have two digits at most
+constexpr const char* kHighestMinorVersion = ".99";  // minor versions have two digits at most
 
 constinit std::atomic<ConveyConnector*> gConnector{nullptr};
 
@@ -308,10 +308,9 @@ int32_t ConveyConnector::launchTarget(const SoString& specifier, const SoString&
     }
     uint32_t pid = 0;
     // With no lock held: it sends messages and starts processes.
-    if (!ConveyUtils::Launcher::launch(specifier, info.path, &parameters,
-                                       inFront ? ConveyUtils::Launcher::kInFront
-                                               : ConveyUtils::Launcher::kBehind,
-                                       &pid)) {
+    if (!ConveyUtils::Launcher::launch(
+            specifier, info.path, &parameters,
+            inFront ? ConveyUtils::Launcher::kInFront : ConveyUtils::Launcher::kBehind, &pid)) {
         return 0;
     }
     if (pid != 0) {

@@ -11,9 +11,9 @@
 #include "scriptobjects/convey/SoCVThread.h"
 #include "scriptobjects/convey/SoCVUtils.h"
 #include "scriptobjects/convey/SoCVUtilsCore.h"
-#include "scriptobjects/stream/InterAppStream.h"
 #include "scriptobjects/convey/SoConvey.h"
 #include "scriptobjects/core/SoVector.h"
+#include "scriptobjects/stream/InterAppStream.h"
 
 namespace ScObjects {
 namespace {

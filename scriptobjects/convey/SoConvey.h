@@ -165,8 +165,8 @@ public:
     static int32_t launchTarget(const char* target, const char* parameters, int32_t focus,
                                 ConveyContext* context);
 
-    // Brings an application to the front, as far as it runs and there is a desktop; false when it is
-    // not registered.
+    // Brings an application to the front, as far as it runs and there is a desktop; false when it
+    // is not registered.
     static bool bringToFront(const char* target, ConveyContext* context);
 
     // Lets every instance of a context (null: the current one) process its queues. True when there

@@ -1,0 +1,284 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/fake/Fakes.h"
+#include "scriptobjects/convey/SoCVInstance.h"
+#include "scriptobjects/convey/SoCVLaunchParameters.h"
+#include "scriptobjects/convey/SoCVLauncher.h"
+#include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoCVSpecifier.h"
+#include "scriptobjects/stream/InterAppStream.h"
+#include "tests/support/TableConnector.h"
+
+namespace {
+
+using ScObjects::Convey;
+using ScObjects::InterAppStream;
+using ScObjects::SoString;
+using ScObjects::ConveyUtils::Launcher;
+using Message = Convey::Message;
+using Strings = std::vector<std::string>;
+using testing::ElementsAre;
+
+constexpr const char* kPath = "/apps/other-2.0.app";
+constexpr const char* kPending = "other-2.0#haslaunchparams";
+
+// The layer with processes, files and a desktop that are the test's. They outlive it, because its
+// background thread may be in them to the end.
+class LauncherTest : public testing::Test {
+protected:
+    struct Fakes {
+        platform::FakeProcesses processes;
+        platform::FakeDesktop desktop;
+        platform::FakeFiles files;
+        platform::ScopedReplacement<platform::Processes> processesInForce{processes};
+        platform::ScopedReplacement<platform::Desktop> desktopInForce{desktop};
+        platform::ScopedReplacement<platform::Files> filesInForce{files};
+    };
+
+    LauncherTest() : own("own-1.0", nullptr, true, nullptr) {
+        fakes.files.files[kPath] = "";
+        EXPECT_TRUE(layer.started);
+    }
+    static bool launch(const char* path, const SoString* parameters,
+                       Launcher::Focus focus = Launcher::kInFront, uint32_t* pid = nullptr,
+                       const char* specifier = "other-2.0") {
+        return Launcher::launch(specifier, path, parameters, focus, pid);
+    }
+    // What waits for its target: target, type and body of each message.
+    Strings waiting() {
+        Strings messages;
+        uint64_t position = 0;
+        while (own.data()->outgoing().visitAfter(position, [&](const Message& message) {
+            messages.push_back(std::string(message.getTarget().c_str()) + " " +
+                               message.getType().c_str() + " " + message.getBody().c_str());
+            EXPECT_EQ(message.getSender(), "own-1.0");
+        })) {
+        }
+        return messages;
+    }
+    static bool isPending() { return !InterAppStream::get()->canOpen(kPending, false); }
+
+    Fakes fakes;
+    StartedLayer layer{"own-1.0", {"own-1.0", "other-2.0"}};
+    Convey own;
+};
+
+TEST_F(LauncherTest, startsOpensOrRefuses) {
+    const struct {
+        const char* path;
+        Launcher::Focus focus;
+        bool cannotStart;
+        bool expected;
+        Strings started;
+        Strings wishes;
+        const char* why;
+    } cases[] = {
+        {kPath, Launcher::kInFront, false, true, {kPath}, {}, "a new window comes to the front"},
+        {kPath,
+         Launcher::kBehind,
+         false,
+         true,
+         {std::string(kPath) + " behind"},
+         {"behind 77: 5000"},
+         "the window that has the focus keeps it"},
+        {kPath, static_cast<Launcher::Focus>(7), false, true, {kPath}, {}, "as good as in front"},
+        {kPath, Launcher::kInFront, true, false, {kPath}, {}, "it does not start"},
+        {"", Launcher::kInFront, false, false, {}, {}, "no path"},
+        {"/apps/gone", Launcher::kInFront, false, false, {}, {}, "no file"},
+        {"https://web.example/app",
+         Launcher::kInFront,
+         false,
+         true,
+         {"xdg-open https://web.example/app?sender=own-1.0"},
+         {},
+         "opened, not looked for"},
+        {"HTTPS://web.example/app", Launcher::kInFront, false, false, {}, {}, "that is a path"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.why);
+        platform::FakeProcesses processes;
+        const platform::ScopedReplacement<platform::Processes> inForce(processes);
+        processes.cannotStart = c.cannotStart;
+        fakes.desktop.wishes.clear();
+        uint32_t pid = 99;
+        EXPECT_EQ(launch(c.path, nullptr, c.focus, &pid), c.expected);
+        EXPECT_EQ(pid, c.expected && c.path == kPath ? 5000U : 0U);
+        EXPECT_EQ(processes.started, c.started);
+        EXPECT_EQ(fakes.desktop.wishes, c.wishes);
+        EXPECT_THAT(waiting(), ElementsAre()) << "nothing is queued without parameters";
+        EXPECT_FALSE(isPending());
+    }
+}
+
+TEST_F(LauncherTest, queuesTheParametersThreeWays) {
+    const SoString parameters("-a 1 `rm -rf /` $HOME");
+    EXPECT_TRUE(launch(kPath, &parameters));
+    EXPECT_THAT(waiting(), ElementsAre("other-2.0 LaunchParams -a 1 `rm -rf /` $HOME",
+                                       "other-2.0 Tessaly // LAUNCHPARAMS:own-1.0\n"
+                                       "// -a 1 `rm -rf /` $HOME\n",
+                                       "other#5000 LaunchParams -a 1 `rm -rf /` $HOME"));
+    EXPECT_TRUE(isPending());
+    EXPECT_TRUE(Launcher::isProcessRunning(5000));
+    fakes.processes.running.clear();
+    EXPECT_FALSE(Launcher::isProcessRunning(5000));
+    EXPECT_FALSE(Launcher::isProcessRunning(0));
+}
+
+TEST_F(LauncherTest, aFailedLaunchKeepsNobodyWaiting) {
+    fakes.processes.cannotStart = true;
+    const SoString parameters("-a");
+    EXPECT_FALSE(launch(kPath, &parameters));
+    EXPECT_FALSE(isPending());
+    EXPECT_EQ(waiting().size(), 2U) << "messages stay until their time is up";
+    SoString found("unchanged");
+    EXPECT_TRUE(ScObjects::ConveyUtils::getLaunchParameters("other-2.0", found)) << "at once";
+    EXPECT_EQ(found, "");
+    EXPECT_FALSE(own.incomingMessagePending()) << "nothing of the launch is left";
+}
+
+TEST_F(LauncherTest, theAcknowledgementEndsThePending) {
+    const SoString parameters("-a");
+    EXPECT_TRUE(launch(kPath, &parameters));
+    EXPECT_TRUE(isPending());
+    Convey target("other-2.0", nullptr, false, nullptr); // the script reaches it by its port
+    for (int i = 0; i < 200 && isPending(); ++i) {
+        (void)Convey::pumpOrWait(50);
+    }
+    EXPECT_FALSE(isPending());
+}
+
+TEST_F(LauncherTest, theTimeOutEndsThePending) {
+    static platform::FakeClock clock; // the background thread may be in it at the end
+    const platform::ScopedReplacement<platform::Clock> inForce(clock);
+    const SoString parameters("-a");
+    EXPECT_TRUE(launch(kPath, &parameters));
+    clock.utc += 299'000;
+    while (Convey::pump(ScObjects::kProcessBoth)) {
+    }
+    EXPECT_TRUE(isPending());
+    clock.utc += 2'000;
+    for (int i = 0; i < 200 && isPending(); ++i) {
+        (void)Convey::pumpOrWait(50);
+    }
+    EXPECT_FALSE(isPending());
+}
+
+TEST_F(LauncherTest, aBundleRunsOnce) {
+    fakes.processes.running[6000] = kPath;
+    uint32_t pid = 0;
+    EXPECT_TRUE(launch(kPath, nullptr, Launcher::kInFront, &pid));
+    EXPECT_EQ(pid, 6000U);
+    EXPECT_THAT(fakes.processes.started, ElementsAre());
+    EXPECT_THAT(fakes.desktop.wishes, ElementsAre("front 6000"));
+    EXPECT_TRUE(launch(kPath, nullptr, Launcher::kBehind, &pid));
+    EXPECT_EQ(fakes.desktop.wishes.size(), 1U) << "it stays where it is";
+
+    EXPECT_TRUE(launch(kPath, nullptr, Launcher::kInFront, &pid, "other_2-2.0"));
+    EXPECT_EQ(pid, 5000U) << "an instance is another one";
+
+    fakes.processes.running = {{fakes.processes.number, kPath}};
+    EXPECT_TRUE(launch(kPath, nullptr, Launcher::kInFront, &pid));
+    EXPECT_EQ(pid, 5001U) << "what runs is the caller itself";
+
+    fakes.files.files["/apps/program"] = "";
+    fakes.processes.running = {{6001, "/apps/program"}};
+    EXPECT_TRUE(launch("/apps/program", nullptr, Launcher::kInFront, &pid));
+    EXPECT_EQ(pid, 5002U) << "a program is no bundle";
+}
+
+TEST_F(LauncherTest, bringsWhatRunsToTheFront) {
+    fakes.processes.running[6000] = kPath;
+    Launcher::bringToFront(kPath, static_cast<Launcher::SearchHint>(2));
+    Launcher::bringToFront("/apps/gone", Launcher::kByBundlePath);
+    EXPECT_THAT(fakes.desktop.wishes, ElementsAre());
+    Launcher::bringToFront(kPath, Launcher::kByBundlePath);
+    EXPECT_THAT(fakes.desktop.wishes, ElementsAre("front 6000"));
+    fakes.processes.running[6001] = "/apps/other-2.0"; // where the registry says
+    EXPECT_TRUE(Convey::bringToFront("other", nullptr));
+    EXPECT_EQ(fakes.desktop.wishes.back(), "front 6001");
+    EXPECT_FALSE(Convey::bringToFront("nosuch", nullptr));
+    EXPECT_FALSE(Convey::bringToFront(nullptr, nullptr));
+}
+
+TEST_F(LauncherTest, theRegistryKnowsWhatItLaunched) {
+    const auto launchTarget = [&](const char* target) {
+        return layer.connector->ConveyConnector::launchTarget(target, "-a", true, nullptr);
+    };
+    EXPECT_EQ(launchTarget("other-2.0"), 0) << "it does not lie where it is registered";
+    fakes.files.files["/apps/other-2.0"] = "";
+    EXPECT_FALSE(Convey::targetIsRunning("other-2.0"));
+    EXPECT_EQ(launchTarget("nosuch-1.0"), 0);
+    EXPECT_EQ(launchTarget("other-2.0"), 1);
+    EXPECT_EQ(layer.connector->getProcessID("other-2.0"), 5000U);
+    EXPECT_TRUE(Convey::targetIsRunning("other-2.0")) << "before it has opened anything";
+    fakes.processes.running.clear();
+    EXPECT_FALSE(Convey::targetIsRunning("other-2.0"));
+
+    const int32_t before = Convey::getNumberOfRegisteredApplications();
+    EXPECT_EQ(launchTarget("other_2-2.0"), 1);
+    EXPECT_EQ(launchTarget("other_2-2.0"), 1);
+    EXPECT_EQ(Convey::getNumberOfRegisteredApplications(), before + 1) << "the instance's record";
+    EXPECT_EQ(layer.connector->getProcessID("other_2-2.0"), 5002U);
+    EXPECT_EQ(layer.connector->getProcessID("other-2.0"), 5000U);
+}
+
+// A target whose process is not the one that was started finds its parameters at its launch queue,
+// where the messages behind them must not be lost with it.
+TEST(LaunchQueue, keepsTheMessagesBehindTheParameters) {
+    ScObjects::ConveyConnector::set(new TableConnector({"own-1.0"}, {}));
+    const auto send = [](const InterAppStream& from, const char* type, const char* body) {
+        Message message;
+        message.setTarget("own-1.0");
+        message.setSender("launcher-1.0");
+        message.setType(type);
+        message.setBody(SoString(body));
+        SoString text;
+        return message.writeToString(text) && from.send("own-1.0", text);
+    };
+    std::thread launcher([&] {
+        const InterAppStream pending("own-1.0#haslaunchparams");
+        const InterAppStream stream("launcher-1.0");
+        while (stream.canOpen("own-1.0", false)) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        EXPECT_TRUE(send(stream, "LaunchParams", "-specifier own-1.0 -late"));
+        EXPECT_TRUE(send(stream, "Tessaly", "first"));
+        EXPECT_TRUE(send(stream, "Tessaly", "second"));
+    });
+    while (InterAppStream("probe-1.0").canOpen("own-1.0#haslaunchparams", false)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    // Nobody writes to this process's own queue, so that wait ends after its time of 12 seconds.
+    EXPECT_TRUE(Convey::InitTerm::init("own-1.0", true));
+    launcher.join();
+    EXPECT_EQ(Convey::getLaunchOptions(), "-specifier own-1.0 -late");
+    Strings bodies;
+    class Noting : public Convey::MsgHandler {
+    public:
+        explicit Noting(Strings& bodies) : bodies_(bodies) {}
+        int32_t handleMessage(int, Message& message, SoString*) override {
+            bodies_.emplace_back(message.getBody().c_str());
+            return 0;
+        }
+        SoString getMsgType() const override { return "Tessaly"; }
+
+    private:
+        Strings& bodies_;
+    };
+    {
+        const Convey own("own-1.0", new Noting(bodies), true, nullptr);
+        EXPECT_EQ(own.getAppName(), "own-1.0") << "no instance of it: the name was kept for it";
+        for (int i = 0; i < 200 && bodies.size() < 2; ++i) {
+            (void)Convey::pumpOrWait(50);
+        }
+    }
+    EXPECT_THAT(bodies, ElementsAre("first", "second"));
+    EXPECT_TRUE(Convey::InitTerm::exit());
+    ScObjects::ConveyConnector::InitTerm::exit();
+}
+
+} // namespace

@@ -1,0 +1,191 @@
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <dlfcn.h>
+#include <filesystem>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <memory>
+#include <string>
+#include <sys/stat.h>
+#include <thread>
+#include <vector>
+
+#include "tests/support/Process.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+// Hosts that launch others, on a registry of the test's own. What is launched writes its output to
+// the file "log" and its number to "pids".
+class LaunchTest : public testing::Test {
+protected:
+    LaunchTest() {
+        setenv("XDG_RUNTIME_DIR", folder.file("").c_str(), 1);
+        setenv("HOME", folder.file("").c_str(), 1);
+        setenv("OVREL_CAPS_DB", folder.file("caps.db").c_str(), 1);
+    }
+    ~LaunchTest() override {
+        std::ifstream pids(folder.file("pids"));
+        for (pid_t pid = 0; pids >> pid;) {
+            (void)kill(pid, SIGKILL); // gone already is as well
+        }
+    }
+    static void registerAt(const std::string& specifier, const std::string& path) {
+        const ProcessResult added =
+            runProcess({OVREL_CAPS_TOOL, "add-app", specifier, "--path", path});
+        EXPECT_EQ(added.exitStatus, 0) << added.err;
+    }
+    std::string script(const std::string& name, const std::string& commands) const {
+        std::filesystem::create_directories(std::filesystem::path(folder.file(name)).parent_path());
+        const std::string path = folder.write(
+            name, "#!/bin/sh\necho $$ >> '" + folder.file("pids") + "'\n" + commands + "\n");
+        EXPECT_EQ(chmod(path.c_str(), 0755), 0);
+        return path;
+    }
+    std::string asHost(const std::string& specifier) const {
+        return "exec '" HOST "' " + specifier + " >> '" + folder.file("log") + "' 2>&1";
+    }
+    // The bundle of an application that is a host.
+    std::string bundle(const std::string& name, const std::string& specifier) const {
+        (void)script(name + ".app/Contents/MacOS/" + name, asHost(specifier));
+        return folder.file(name + ".app");
+    }
+    static ProcessResult launch(const std::string& target, const std::string& parameters = "",
+                                const std::string& own = "kivra-7.0") {
+        return runProcess({HOST, own, "--launch", target, "good day", parameters});
+    }
+    std::string log() const { return TemporaryFolder::read(folder.file("log")); }
+    size_t started() const {
+        const std::string pids = TemporaryFolder::read(folder.file("pids"));
+        return static_cast<size_t>(std::count(pids.begin(), pids.end(), '\n'));
+    }
+
+    TemporaryFolder folder;
+};
+
+TEST_F(LaunchTest, aTargetThatDoesNotRunGetsItsParametersAndTheMessage) {
+    registerAt("painter-1.0", bundle("Painter", "painter-1.0"));
+    const ProcessResult first = launch("painter", "-open \"a picture.png\" `touch owned` $(id)");
+    EXPECT_EQ(first.exitStatus, 0) << first.err;
+    EXPECT_THAT(first.out, HasSubstr("result: echo: good day\n"));
+    EXPECT_THAT(log(), HasSubstr("launched with: -specifier painter-1.0 -nostartupscreen -open \"a "
+                                 "picture.png\" `touch owned` $(id)\n"));
+    EXPECT_THAT(log(), HasSubstr("kivra-7.0 Tessaly: good day\n"));
+    EXPECT_FALSE(std::filesystem::exists(folder.file("owned")));
+    EXPECT_THAT(launch("painter").out, HasSubstr("result: echo: good day\n"));
+    EXPECT_EQ(started(), 1U) << "it runs now";
+}
+
+TEST_F(LaunchTest, otherFormsOfApplications) {
+    registerAt("program-1.0", script("program", asHost("program-1.0")));
+    EXPECT_THAT(launch("program-1.0").out, HasSubstr("result: echo: good day\n"));
+    EXPECT_THAT(log(), HasSubstr("launched with: -specifier program-1.0 -nostartupscreen\n"));
+
+    const std::string lister = bundle("Lister", "lister-1.0");
+    std::filesystem::rename(lister + "/Contents/MacOS/Lister", lister + "/Contents/MacOS/start");
+    (void)folder.write("Lister.app/Contents/Info.plist",
+                       "<plist version=\"1.0\"><dict><key>CFBundleExecutable</key>"
+                       "<string>start</string></dict></plist>");
+    registerAt("lister-1.0", lister);
+    EXPECT_THAT(launch("lister-1.0").out, HasSubstr("result: echo: good day\n"));
+
+    registerAt("slow-1.0", script("slow", "sleep 2\n" + asHost("slow-1.0")));
+    EXPECT_THAT(launch("slow-1.0").out, HasSubstr("result: echo: good day\n"));
+
+    if (dlopen("libgio-2.0.so.0", RTLD_LAZY) != nullptr) { // else none can be started
+        const std::string entry =
+            folder.write("entry.desktop", "[Desktop Entry]\nType=Application\nName=Entry\nExec=\"" +
+                                              script("entry", asHost("entry-1.0")) + "\" %U\n");
+        registerAt("entry-1.0", entry);
+        EXPECT_THAT(launch("entry-1.0").out, HasSubstr("result: echo: good day\n"));
+        EXPECT_THAT(log(), HasSubstr("launched with: -specifier entry-1.0 -nostartupscreen\n"));
+    }
+}
+
+TEST_F(LaunchTest, aLaunchThatFailsSaysSoAndKeepsNobodyWaiting) {
+    const std::string notExecutable = folder.write("data", "#!/bin/sh\n");
+    registerAt("gone-1.0", folder.file("Gone.app"));
+    registerAt("data-1.0", notExecutable);
+    for (const char* target : {"gone-1.0", "data-1.0"}) {
+        SCOPED_TRACE(target);
+        const ProcessResult result = launch(target);
+        EXPECT_EQ(result.exitStatus, 1);
+        EXPECT_EQ(result.out, "no answer\n");
+    }
+    EXPECT_THAT(launch("data-1.0").err, HasSubstr("/data: Permission denied\n"));
+    RunningProcess launcher({HOST, "kivra-7.0", "--launch-behind", "data-1.0"});
+    EXPECT_EQ(launcher.readLine(), "not launched");
+    RunningProcess byHand({HOST, "data-1.0"});
+    EXPECT_EQ(byHand.readLine(), "running as data-1.0");
+}
+
+TEST_F(LaunchTest, aTargetThatCrashesHoldsUpNobodyForLong) {
+    registerAt("crash-1.0", script("crash", "exit 1"));
+    RunningProcess launcher({HOST, "kivra-7.0", "--launch-behind", "crash-1.0"});
+    EXPECT_EQ(launcher.readLine(), "launched");
+    launcher.signal(SIGKILL);
+    (void)launcher.finish();
+    // With the launcher the port is gone that says that parameters are waiting.
+    const auto start = std::chrono::steady_clock::now();
+    RunningProcess byHand({HOST, "crash-1.0"});
+    EXPECT_EQ(byHand.readLine(), "running as crash-1.0");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(8));
+}
+
+TEST_F(LaunchTest, opensWebAddresses) {
+    (void)script("bin/xdg-open", "printf '%s|' \"$@\" >> '" + folder.file("opened.new") +
+                                     "'\nmv '" + folder.file("opened.new") + "' '" +
+                                     folder.file("opened") + "'");
+    const ProcessResult added =
+        runProcess({OVREL_CAPS_TOOL, "add-app", "gallery-1.0", "--set",
+                    "ExecutableBasename=https://gallery.ovrel.example/app"});
+    ASSERT_EQ(added.exitStatus, 0) << added.err;
+    setenv("PATH", (folder.file("bin") + ":/usr/bin:/bin").c_str(), 1);
+    RunningProcess launcher({HOST, "kivra-7.0", "--launch-behind", "gallery-1.0"});
+    EXPECT_EQ(launcher.readLine(), "launched");
+    for (int i = 0; i < 1000 && !std::filesystem::exists(folder.file("opened")); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_EQ(TemporaryFolder::read(folder.file("opened")),
+              "https://gallery.ovrel.example/app?sender=kivra-7.0|");
+}
+
+// Two names for one bundle, whose one process launches the other name: a second process.
+TEST_F(LaunchTest, theCallersOwnBundleIsStartedAgain) {
+    const std::string bundle = folder.file("Kivra.app");
+    (void)script("Kivra.app/Contents/MacOS/Kivra",
+                 "exec \"${0%/*}/program\" lumen-2.0 >> '" + folder.file("log") + "' 2>&1");
+    std::filesystem::copy_file(HOST, bundle + "/Contents/MacOS/program");
+    std::filesystem::create_directory_symlink(
+        std::filesystem::path(OVREL_CAPS_LIBRARY).parent_path(),
+        folder.file("ovrel_caps.framework"));
+    registerAt("kivra-7.0", bundle);
+    registerAt("lumen-2.0", bundle);
+    const ProcessResult result = runProcess(
+        {bundle + "/Contents/MacOS/program", "kivra-7.0", "--launch", "lumen-2.0", "good day"});
+    EXPECT_THAT(result.out, HasSubstr("result: echo: good day\n")) << result.err;
+    EXPECT_EQ(started(), 1U);
+}
+
+TEST_F(LaunchTest, tenLaunchersAtOnceAllGetAnAnswer) {
+    registerAt("painter-1.0", bundle("Painter", "painter-1.0"));
+    std::vector<std::unique_ptr<RunningProcess>> launchers;
+    for (int i = 0; i < 10; ++i) {
+        launchers.push_back(std::make_unique<RunningProcess>(
+            std::vector<std::string>{HOST, "launcher" + std::to_string(i) + "-1.0", "--launch",
+                                     "painter-1.0", "good day", "-from " + std::to_string(i)}));
+    }
+    for (const auto& launcher : launchers) {
+        EXPECT_EQ(launcher->finish(), 0);
+        EXPECT_THAT(launcher->rest(), HasSubstr("result: echo: good day\n"));
+    }
+    EXPECT_GE(started(), 1U);
+    EXPECT_THAT(log(), HasSubstr("launched with: -specifier painter-1.0"));
+}
+
+} // namespace

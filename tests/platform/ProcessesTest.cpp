@@ -1,0 +1,263 @@
+#include "platform/Processes.h"
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <functional>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <map>
+#include <string>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+#include "platform/fake/Fakes.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace {
+
+using testing::Contains;
+using testing::HasSubstr;
+using testing::Not;
+
+// Applications that write down how they were started, and stay until they are killed.
+class ProcessesTest : public testing::Test {
+protected:
+    ~ProcessesTest() override {
+        for (const uint32_t number : started) {
+            (void)kill(static_cast<pid_t>(number), SIGKILL); // gone already is as well
+        }
+    }
+    static platform::Processes& processes() { return platform::Processes::own(); }
+
+    uint32_t start(const std::string& path, bool behind = false) {
+        const uint32_t number = processes().startApplication(path, behind);
+        if (number != 0) {
+            started.push_back(number);
+        }
+        return number;
+    }
+    std::string program(const std::string& name, const std::string& commands) const {
+        std::filesystem::create_directories(std::filesystem::path(folder.file(name)).parent_path());
+        const std::string path = folder.write(name, "#!/bin/sh\n" + commands);
+        EXPECT_EQ(chmod(path.c_str(), 0755), 0);
+        return path;
+    }
+    // Writes `lines` to the file "note" when it is complete, then stays.
+    std::string notingProgram(const std::string& name, const std::string& lines) const {
+        const std::string note = folder.file("note");
+        return program(name, "{\n" + lines + "\n} > '" + note + ".new'\nmv '" + note + ".new' '" +
+                                 note + "'\nexec sleep 300\n");
+    }
+    static bool eventually(const std::function<bool()>& holds) {
+        for (int i = 0; i < 1000 && !holds(); ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return holds();
+    }
+    std::string note() const {
+        const std::string path = folder.file("note");
+        EXPECT_TRUE(eventually([&] { return std::filesystem::exists(path); }));
+        std::string text = TemporaryFolder::read(path);
+        std::filesystem::remove(path);
+        return text;
+    }
+
+    TemporaryFolder folder;
+    platform::FakeLog log;
+    platform::ScopedReplacement<platform::Log> logInForce{log};
+    std::vector<uint32_t> started;
+};
+
+TEST_F(ProcessesTest, startsASessionOfItsOwn) {
+    const std::string path =
+        notingProgram("app", "echo $$ $(ps -o ppid=,sid=,tty= -p $$)\nls /proc/$$/fd\npwd\n"
+                             "grep -E '^Sig(Blk|Ign|Cgt)' /proc/$$/status\necho \"$# words\"\nenv");
+    const int left = open("/dev/null", O_RDONLY); // NOLINT: left open at exec on purpose
+    ASSERT_GE(left, 0);
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGUSR1);
+    ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &blocked, nullptr), 0);
+    std::signal(SIGPIPE, SIG_IGN);
+    setenv("NOTIFY_SOCKET", "/of/this/process", 1);
+    setenv("LISTEN_FDS", "3", 1);
+    setenv("KEPT", "for it", 1);
+    const uint32_t number = start(path);
+    ASSERT_NE(number, 0U) << testing::PrintToString(log.lines);
+    const std::string text = note();
+    close(left);
+    const std::string own = std::to_string(number);
+    EXPECT_THAT(text, testing::StartsWith(own + " "));
+    EXPECT_THAT(text, HasSubstr(" " + own + " ?\n")) << "its own session, without terminal";
+    EXPECT_THAT(text, Not(HasSubstr(" " + std::to_string(getpid()) + " ")));
+    EXPECT_THAT(text, HasSubstr("\n0\n1\n")) << "the standard descriptors";
+    EXPECT_THAT(text, Not(HasSubstr("\n" + std::to_string(left) + "\n")));
+    EXPECT_THAT(text, HasSubstr("SigBlk:\t0000000000000000\n"));
+    EXPECT_THAT(text, HasSubstr("SigIgn:\t0000000000000000\n"));
+    EXPECT_THAT(text, HasSubstr("\n" + std::string(std::getenv("HOME")) + "\n"));
+    EXPECT_THAT(text, HasSubstr("\n0 words\n"));
+    EXPECT_THAT(text, HasSubstr("\nKEPT=for it\n"));
+    EXPECT_THAT(text, Not(HasSubstr("NOTIFY_SOCKET")));
+    EXPECT_THAT(text, Not(HasSubstr("LISTEN_FDS")));
+    EXPECT_THAT(text, Not(HasSubstr("DESKTOP_STARTUP_ID")));
+    (void)start(path, true);
+    EXPECT_THAT(note(), HasSubstr("_TIME0\n")) << "toolkits leave the focus where it is";
+}
+
+TEST_F(ProcessesTest, knowsWhatRuns) {
+    const std::string path = notingProgram("app", "echo");
+    const uint32_t number = start(path);
+    (void)note();
+    EXPECT_TRUE(processes().isRunning(number));
+    EXPECT_THAT(processes().find(path), Contains(number)) << "though the script has ended in sleep";
+    EXPECT_THAT(processes().find(folder.file("other")), Not(Contains(number)));
+    ASSERT_EQ(kill(static_cast<pid_t>(number), SIGKILL), 0);
+    EXPECT_TRUE(eventually([&] { return !processes().isRunning(number); }));
+    EXPECT_THAT(processes().find(path), Not(Contains(number)));
+    EXPECT_FALSE(processes().isRunning(0));
+    EXPECT_TRUE(processes().isRunning(processes().ownNumber()));
+
+    const pid_t ended = fork();
+    if (ended == 0) {
+        _exit(0);
+    }
+    EXPECT_TRUE(eventually([&] { return !processes().isRunning(static_cast<uint32_t>(ended)); }))
+        << "it only waits for its parent";
+}
+
+TEST_F(ProcessesTest, saysWhyItDoesNotStart) {
+    const std::string notExecutable = folder.write("data", "#!/bin/sh\n");
+    const std::string noFormat = folder.write("empty", "");
+    ASSERT_EQ(chmod(noFormat.c_str(), 0755), 0);
+    const std::string lost = folder.write("lost", "#!/nonexistent/interpreter\n");
+    ASSERT_EQ(chmod(lost.c_str(), 0755), 0);
+    std::filesystem::create_directories(folder.file("Empty.app"));
+    const struct {
+        std::string path;
+        const char* reason;
+    } cases[] = {
+        {"", "not absolute"},
+        {"sleep", "not absolute"},
+        {folder.file("gone"), "No such file or directory"},
+        {notExecutable, "Permission denied"},
+        {noFormat, "Exec format error"},
+        {lost, "No such file or directory"},
+        {folder.file("Empty.app"), "Contents/MacOS/Empty: No such file or directory"},
+        {folder.file(""), "Permission denied"},
+        {folder.write("broken.desktop", "nothing"), "broken.desktop: "},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.path);
+        log.lines.clear();
+        EXPECT_EQ(start(c.path), 0U);
+        ASSERT_EQ(log.lines.size(), 1U);
+        EXPECT_THAT(log.lines.front(), HasSubstr(c.reason));
+    }
+}
+
+std::string propertyList(const std::string& content) {
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>" + content +
+           "</dict></plist>\n";
+}
+
+TEST_F(ProcessesTest, findsTheProgramOfABundle) {
+    const std::string named = "<key>CFBundleExecutable</key><string>Other &amp; more</string>";
+    const struct {
+        const char* why;
+        std::string list; // empty: none
+        std::string program;
+    } cases[] = {
+        {"no property list", "", "Painter"},
+        {"one that names it", propertyList(named), "Other & more"},
+        {"one that does not", propertyList("<key>CFBundleName</key><string>x</string>"), "Painter"},
+        {"a name that is no text",
+         propertyList("<key>CFBundleExecutable</key><integer>3</integer>"), "Painter"},
+        {"not a property list", "garbage", "Painter"},
+        {"a name that leads out",
+         propertyList("<key>CFBundleExecutable</key><string>../../x</string>"), ""},
+        {"a name that stays", propertyList("<key>CFBundleExecutable</key><string>..</string>"), ""},
+    };
+    const std::string bundle = folder.file("Painter.app");
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.why);
+        std::filesystem::remove_all(bundle);
+        for (const char* name : {"Painter", "Other & more"}) {
+            (void)notingProgram("Painter.app/Contents/MacOS/" + std::string(name),
+                                std::string("echo '") + name + "'");
+        }
+        if (!c.list.empty()) {
+            (void)folder.write("Painter.app/Contents/Info.plist", c.list);
+        }
+        const uint32_t number = start(bundle + "/");
+        EXPECT_EQ(number != 0, !c.program.empty()) << testing::PrintToString(log.lines);
+        if (number != 0) {
+            EXPECT_EQ(note(), c.program + "\n");
+            EXPECT_THAT(processes().find(bundle), Contains(number));
+        }
+    }
+    const std::string script = program("Painter.app/Contents/MacOS/Painter", "sleep 300\n");
+    std::filesystem::remove(bundle + "/Contents/Info.plist");
+    const std::string link = folder.file("Link.app");
+    std::filesystem::create_directory_symlink(bundle, link);
+    const pid_t byHand = fork();
+    if (byHand == 0) {
+        execl(script.c_str(), script.c_str(), nullptr);
+        _exit(1);
+    }
+    EXPECT_TRUE(eventually([&] {
+        const auto found = processes().find(link);
+        return std::find(found.begin(), found.end(), static_cast<uint32_t>(byHand)) != found.end();
+    })) << "it runs in a shell, and was not started here";
+    started.push_back(static_cast<uint32_t>(byHand));
+}
+
+TEST_F(ProcessesTest, startsDesktopEntries) {
+    (void)notingProgram("app", "pwd\nprintf '%s|' \"$0\" \"$@\"\necho\nps -o sid= -p $$\nenv");
+    const std::string entry = folder.write(
+        "painter.desktop",
+        "[Desktop Entry]\nType=Application\nName=Painter of Things\nIcon=brush\nPath=" +
+            folder.file("") + "\nExec=\"" + folder.file("app") +
+            "\" --title %c %i %F \"two words; \\\\$HOME\" 100%% %k\n");
+    const uint32_t number = start(entry);
+    void* const library = dlopen("libgio-2.0.so.0", RTLD_LAZY);
+    if (library == nullptr) { // as on machines whose other architecture lacks it
+        EXPECT_EQ(number, 0U);
+        EXPECT_THAT(log.lines, testing::ElementsAre(HasSubstr("GIO library is not installed")));
+        return;
+    }
+    ASSERT_NE(number, 0U) << testing::PrintToString(log.lines);
+    const std::string text = note();
+    EXPECT_THAT(text, HasSubstr("|--title|Painter of Things|--icon|brush|two words; $HOME|100%|" +
+                                entry + "|\n"));
+    EXPECT_THAT(text, HasSubstr(std::filesystem::path(folder.file("x")).parent_path().string()));
+    EXPECT_THAT(text, testing::ContainsRegex("\n *" + std::to_string(number) + "\n"))
+        << "a session of its own";
+    EXPECT_THAT(text, Not(HasSubstr("NOTIFY_SOCKET")));
+    EXPECT_TRUE(processes().isRunning(number));
+    EXPECT_THAT(processes().find(entry), Contains(number));
+    EXPECT_EQ(start(folder.write("hollow.desktop", "[Desktop Entry]\nType=Application\nName=x\n"
+                                                   "Exec=/nonexistent/program\n")),
+              0U);
+}
+
+TEST_F(ProcessesTest, looksForProgramsOnThePath) {
+    (void)notingProgram("bin/opener", "printf '%s|' \"$@\"");
+    setenv("PATH",
+           (folder.file("gone") + "::relative:" + folder.file("bin") + ":/usr/bin:/bin").c_str(),
+           1);
+    EXPECT_TRUE(processes().startProgram("opener", {"https://a.example/?x=1&y=$(id)", "b c"}));
+    EXPECT_EQ(note(), "https://a.example/?x=1&y=$(id)|b c|");
+    for (const uint32_t number : processes().find(folder.file("bin/opener"))) {
+        started.push_back(number);
+    }
+    EXPECT_FALSE(processes().startProgram("no-such-opener", {}));
+    EXPECT_THAT(log.lines, testing::ElementsAre(HasSubstr("start no-such-opener: No such file")));
+}
+
+} // namespace
