@@ -31,7 +31,7 @@ class EchoHandler : public Convey::MsgHandler {
 public:
     explicit EchoHandler(bool quiet) : quiet_(quiet) {}
     int32_t handleMessage(int /*event*/, Convey::Message& message, SoString* result) override {
-        if (!quiet_) {
+        if (!quiet_ && !(message.getType() == "Processed")) {
             std::printf("%s %s: %s\n", message.getSender().c_str(), message.getType().c_str(),
                         message.getBody().c_str());
             std::fflush(stdout);
