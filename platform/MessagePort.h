@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "platform/Service.h"
 
@@ -63,6 +64,15 @@ struct PortStatistics {
     uint64_t malformed = 0;   // connections closed for what is no text of ours
     uint64_t descriptors = 0; // connections closed for file descriptors in their packets
     uint64_t overLimit = 0;   // connections closed for keeping too much open or half sent
+};
+
+// A port of this user as an observer sees it.
+struct PortDescription {
+    std::string name;          // the end of a long one is a digest
+    uint32_t owner = 0;        // the number of its process, 0 when that cannot be found out
+    bool stale = false;        // nobody owns it: what an owner that died has left
+    int64_t connections = -1;  // open to it, -1 when that cannot be found out, as with the next
+    int64_t waitingBytes = -1; // in its queue, with what the system needs to keep them
 };
 
 enum class SendResult {
@@ -141,6 +151,13 @@ public:
 
     // A wait for ports that these ports have opened; null when the system gives none.
     [[nodiscard]] virtual std::unique_ptr<PortWait> newWait() = 0;
+
+    // The ports of this user, by name. For people: looks at every process of the user.
+    virtual std::vector<PortDescription> list() = 0;
+
+    // Removes what owners that died have left; the number of ports removed. Hinders nobody who is
+    // about to open one of them.
+    virtual size_t removeStale() = 0;
 
     static MessagePorts& own();
 };

@@ -3,6 +3,7 @@
 #include <atomic>
 
 #include "platform/linux/PortFolder.h"
+#include "platform/linux/PortList.h"
 #include "platform/linux/PortReceiver.h"
 #include "platform/linux/PortSender.h"
 #include "platform/linux/PortWaiter.h"
@@ -37,6 +38,10 @@ public:
     }
 
     std::unique_ptr<PortWait> newWait() override { return PortWaiter::make(); }
+
+    std::vector<PortDescription> list() override { return listPorts(); }
+
+    size_t removeStale() override { return removeStalePorts(); }
 
 private:
     struct Sender {

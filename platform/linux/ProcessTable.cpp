@@ -105,6 +105,26 @@ std::vector<std::string> commandLineOf(uint32_t number, size_t maximumWords) {
     return words;
 }
 
+std::map<std::string, uint32_t> openFilesBelow(const std::string& folder) {
+    std::map<std::string, uint32_t> owners;
+    const std::string start = folder + "/";
+    for (const uint32_t number : ownProcesses()) {
+        const std::unique_ptr<DIR, int (*)(DIR*)> open(opendir(procPath(number, "/fd").c_str()),
+                                                       closedir);
+        while (const dirent* entry = open == nullptr ? nullptr : readdir(open.get())) {
+            char path[PATH_MAX];
+            const ssize_t length = readlinkat(dirfd(open.get()), entry->d_name, path, sizeof path);
+            if (length > 0 && static_cast<size_t>(length) < sizeof path) {
+                const std::string_view text(path, static_cast<size_t>(length));
+                if (text.starts_with(start)) {
+                    owners.emplace(text, number);
+                }
+            }
+        }
+    }
+    return owners;
+}
+
 std::string startVariableOf(uint32_t number, const std::string& name) {
     const std::string text = readProc(number, "/environ");
     std::string_view rest(text);

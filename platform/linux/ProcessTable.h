@@ -1,7 +1,7 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -19,6 +19,9 @@ std::string programOfProcess(uint32_t number);
 
 // The words of its command line, at most so many.
 std::vector<std::string> commandLineOf(uint32_t number, size_t maximumWords);
+
+// Which of this user's processes has which file below a folder open, by the file's path.
+std::map<std::string, uint32_t> openFilesBelow(const std::string& folder);
 
 // A variable of the environment that it was started with, empty for none.
 std::string startVariableOf(uint32_t number, const std::string& name);

@@ -1,8 +1,10 @@
 #include "platform/linux/WindowManager.h"
 
+#include <chrono>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <poll.h>
 #include <string>
 #include <unistd.h>
@@ -13,8 +15,9 @@
 namespace platform {
 namespace {
 
-constexpr uint32_t kMaximumWindows = 4096;  // that are looked at
-constexpr uint32_t kFromPager = 2;          // the user's wish: window managers grant it
+constexpr uint32_t kMaximumWindows = 4096; // that are looked at
+constexpr uint32_t kFromPager = 2;         // the user's wish: window managers grant it
+constexpr std::chrono::seconds kTurn{2};
 constexpr uint32_t kMaximumNameWords = 256; // of 4 bytes, of a machine's name
 
 struct Xcb {
@@ -160,7 +163,15 @@ std::unique_ptr<WindowManager> WindowManager::connect() {
         return nullptr;
     }
     int screenNumber = 0;
-    connection->display = xcb.connect(nullptr, &screenNumber);
+    {
+        // One at a time: the library that finds the display's key works in a buffer that all share.
+        static auto* const mutex = new std::timed_mutex;
+        const std::unique_lock<std::timed_mutex> lock(*mutex, kTurn);
+        if (!lock.owns_lock()) {
+            return nullptr; // whoever is in it waits for a server that does not answer
+        }
+        connection->display = xcb.connect(nullptr, &screenNumber);
+    }
     if (xcb.hasError(connection->display) != 0) {
         return nullptr;
     }

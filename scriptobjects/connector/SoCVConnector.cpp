@@ -3,6 +3,7 @@
 #include <atomic>
 #include <limits>
 #include <mutex>
+#include <string>
 #include <string_view>
 
 #include "scriptobjects/connector/SoCVConnectorAppInfo.h"
@@ -31,6 +32,15 @@ struct Retired {
 Retired& retired() {
     static auto* const list = new Retired;
     return *list;
+}
+
+// A registered text as a field of a row: whoever registers is no author of rows.
+SoString inOneLine(const SoString& text) {
+    std::string line(text.view());
+    for (char& c : line) {
+        c = c == '\n' || c == ';' ? ' ' : c;
+    }
+    return SoString(line.c_str());
 }
 
 std::string_view majorVersion(std::string_view version) {
@@ -338,6 +348,39 @@ bool ConveyConnector::bringToFront(const char* specifier, ConveyContext* /*conte
     ConveyUtils::Launcher::bringToFront(ConveyUtils::resolveAlias(info.path),
                                         ConveyUtils::Launcher::kByBundlePath);
     return true;
+}
+
+void ConveyConnector::appendDiagnostics(SoString& out, const SoString& path) const {
+    SoString root = path;
+    root << "/connector";
+    const uint32_t changed = getTimestamp();
+    out << root << ";1;Connector;" << getName() << ";\n";
+    out << root << "/name;0;Name;" << inOneLine(name_) << ";\n";
+    out << root << "/good;0;Readable;" << (isGood() ? "yes" : "no") << ";\n";
+    out << root << "/changed;0;Changed;"
+        << (changed != 0 ? ConveyUtils::getTimeString(&changed) : SoString("undefined")) << ";\n";
+    ObjectLock lock(*this);
+    const CVConnectorAppInfoList& list = *getAppInfoListLocked();
+    SoString apps = root;
+    apps << "/apps";
+    out << apps << ";1;Applications;" << list.count() << ";\n";
+    for (int32_t i = 0; const CVConnectorAppInfo* info = list.get(i); ++i) {
+        const SoString name = inOneLine(info->specifier);
+        out << apps << "/" << name << ";1;" << name << ";" << inOneLine(info->path) << ";\n";
+        out << apps << "/" << name << "/name;0;Display name;" << inOneLine(info->displayName)
+            << ";\n";
+        out << apps << "/" << name << "/process;0;Process;";
+        if (info->processID != 0) {
+            out << info->processID << ";\n";
+        } else {
+            out << "undefined;\n";
+        }
+    }
+    const SoVector<SoString>& groups = groups_->texts();
+    out << root << "/groups;1;Groups;" << groups.count() << ";\n";
+    for (int32_t i = 0; i < groups.count(); ++i) {
+        out << root << "/groups/" << i << ";0;Entry;" << inOneLine(*groups[i]) << ";\n";
+    }
 }
 
 void ConveyConnector::setProcessID(const SoString& specifier, uint32_t pid) {

@@ -151,6 +151,10 @@ public:
     virtual bool removeFromGroup(const SoString& specifier, const SoString& group,
                                  const SoString* detail) = 0;
 
+    // Appends the registry's rows of the diagnostics text below `path`: its kind, its state, and
+    // what it has read.
+    virtual void appendDiagnostics(SoString& out, const SoString& path) const;
+
     // The kind of connector, for example "PCD".
     virtual SoString getName() const = 0;
 

@@ -16,6 +16,8 @@ using Message = Convey::Message;
 using MsgHandler = Convey::MsgHandler;
 using Specifier = Convey::Specifier;
 
+constinit std::atomic<int> gForwarding{0}; // handlers that forward, of all instances
+
 // The canonical text of a name, which is that of a stream.
 SoString streamNameOf(const char* appName) {
     const Specifier specifier(appName, false);
@@ -37,8 +39,18 @@ SoString streamNameOf(const char* appName) {
 
 } // namespace
 
+HandlerSlot::HandlerSlot(MsgHandler* handler)
+    : handler_(handler), forwards_(handler->getMsgType().view().substr(0, 3) == "FWD") {
+    gForwarding.fetch_add(forwards_ ? 1 : 0, std::memory_order_relaxed);
+}
+
 HandlerSlot::~HandlerSlot() {
+    gForwarding.fetch_sub(forwards_ ? 1 : 0, std::memory_order_relaxed);
     delete handler_.load();
+}
+
+bool HandlerSlot::anyForwards() {
+    return gForwarding.load(std::memory_order_relaxed) != 0;
 }
 
 int32_t HandlerSlot::call(int event, Message& message, SoString* result) {

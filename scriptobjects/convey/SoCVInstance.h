@@ -28,7 +28,7 @@ namespace ConveyData {
 // so that a handler may remove itself, and one thread may remove what another is about to call.
 class HandlerSlot {
 public:
-    explicit HandlerSlot(Convey::MsgHandler* handler) : handler_(handler) {}
+    explicit HandlerSlot(Convey::MsgHandler* handler);
     ~HandlerSlot();
     HandlerSlot(const HandlerSlot&) = delete;
     HandlerSlot& operator=(const HandlerSlot&) = delete;
@@ -40,8 +40,13 @@ public:
     // Gives the handler away once no other thread is in it.
     Convey::MsgHandler* release();
 
+    // Whether any handler of this process is registered to forward messages: asked for each
+    // message, and as a rule there is none.
+    static bool anyForwards();
+
 private:
     std::atomic<Convey::MsgHandler*> handler_;
+    const bool forwards_;
     std::mutex mutex_;
     std::condition_variable left_;
     std::vector<std::thread::id> inside_; // the threads in the handler, nested calls twice

@@ -4,6 +4,7 @@
 
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVUtils.h"
+#include "scriptobjects/convey/SoCVUtilsCore.h"
 
 // What the sources of the instance share.
 namespace ScObjects::ConveyData {
@@ -23,8 +24,12 @@ inline bool isEmptyRequest(const Convey::Message& message) {
     return message.getType() == "Tessaly" && !isResponse(message) && message.getBody().isEmpty();
 }
 
+// Records an event with a message, and shows it to who watches events.
 inline void logEvent(const char* label, const Convey::Message& message) {
     ConveyUtils::logMessage(label, message, true);
+    if (ConveyUtils::isForwarding("FWDLOGS")) {
+        (void)ConveyUtils::forwardMessage(message, "FWDLOGS", "/log", label);
+    }
 }
 
 } // namespace ScObjects::ConveyData

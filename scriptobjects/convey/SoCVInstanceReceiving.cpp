@@ -146,6 +146,8 @@ void PrivateData::dispatch(const Message& message) {
     if (code != 0) {
         if (contains(message.getResponseRequest(), "Error")) {
             sendError(message, result.c_str(), code, 0);
+        } else if (ConveyUtils::isForwarding("FWDERRORS")) {
+            (void)ConveyUtils::forwardMessage(message, "FWDERRORS", infoRoot("in"), result);
         }
     } else if (contains(message.getResponseRequest(), "Result")) {
         (void)sendResult(message, result);

@@ -266,6 +266,9 @@ void PrivateData::sendError(const Message& request, const char* text, int32_t co
         (void)waitForResponse(request, waitSeconds);
     }
     logEvent(text, request);
+    if (ConveyUtils::isForwarding("FWDERRORS")) {
+        (void)ConveyUtils::forwardMessage(request, "FWDERRORS", "/errors", text);
+    }
 }
 
 void PrivateData::processOutgoing(bool inBackground) {

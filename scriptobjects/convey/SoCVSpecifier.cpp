@@ -121,6 +121,32 @@ LocaleChoice chooseExact(const std::vector<SoString>& registrations, double vers
 constexpr int32_t kStatusSeconds = 2;
 constexpr int kSenderNames = 10;
 
+// Where the fix-up that is under way on this thread is explained, null for nowhere.
+constinit thread_local SoVector<SoString>* gExplanation = nullptr;
+
+class ExplanationScope {
+public:
+    explicit ExplanationScope(SoVector<SoString>& steps) { gExplanation = &steps; }
+    ~ExplanationScope() { gExplanation = nullptr; }
+    ExplanationScope(const ExplanationScope&) = delete;
+    ExplanationScope& operator=(const ExplanationScope&) = delete;
+};
+
+SoString orNone(const SoString& text) {
+    return text.isEmpty() ? SoString("none") : text;
+}
+
+// Notes a step of the fix-up that was asked for, not of those that it needs for other texts.
+template <class... Parts>
+void note(const Parts&... parts) {
+    if (gExplanation != nullptr && fixUpDepth == 1) {
+        auto line = std::make_unique<SoString>();
+        (void)(*line << ... << parts);
+        gExplanation->append(line.get());
+        (void)line.release(); // the list's now
+    }
+}
+
 // Whether the process that was launched for the application still runs.
 bool isProcessOf(const Convey::Specifier& specifier) {
     const ConveyConnector* const connector = ConveyConnector::get();
@@ -281,6 +307,11 @@ bool Convey::Specifier::setGroup(const SoString& group) {
     return !isEmpty();
 }
 
+Convey::Specifier Convey::Specifier::explain(const char* text, SoVector<SoString>& steps) {
+    const ExplanationScope scope(steps);
+    return Specifier(text, true);
+}
+
 bool Convey::Specifier::isFixUpUnderWay() {
     return fixUpDepth > 0;
 }
@@ -318,8 +349,12 @@ bool Convey::Specifier::completeFromContext(const CVSpecifierParts& parts) {
     const SoString appName = toSoString(parts.appName);
     const SoString preferredApp = connector->findPreferredApp(own, appName, group);
     if (preferredApp.isEmpty() || preferredApp == *this) {
+        note("the caller, ", own, ", prefers no version of it by its group or version \"", group,
+             "\"");
         return false;
     }
+    note("the caller, ", own, ", goes with ", preferredApp, " by its group or version \"", group,
+         "\"");
     replaceBy(preferredApp, toSoString(parts.instance), toSoString(parts.suffix));
     return true;
 }
@@ -334,6 +369,7 @@ void Convey::Specifier::fixUp(bool useContext) {
     const SoString ownInstance = toSoString(parts.instance);
     const SoString ownSuffix = toSoString(parts.suffix);
     const std::vector<SoString> registrations = registrationsOf(app);
+    note("registrations of \"", app, "\": ", static_cast<uint32_t>(registrations.size()));
 
     if (!app.isEmpty() && parts.version.empty()) {
         if (useContext && outermost && completeFromContext(parts)) {
@@ -348,31 +384,42 @@ void Convey::Specifier::fixUp(bool useContext) {
                 registration.setSuffix(ownSuffix);
             }
             if (registration.isRunning()) {
+                note("no version is asked for, and ", registration, " runs");
                 assign(registration.c_str(), registration.length());
                 return;
             }
         }
+        note("no version is asked for, and none of them runs");
     }
     if (!parts.locale.empty() || registrations.empty()) {
+        note(registrations.empty() ? "nothing to complete it to: it stays as it is"
+                                   : "a locale is asked for: it stays as it is");
         return; // an explicit locale is what it is
     }
     const double version = parseNumber(parts.version);
     LocaleChoice choice;
     if (parts.version.find('.') != std::string_view::npos) {
+        note("exactly version ", toSoString(parts.version), " is asked for");
         choice = chooseExact(registrations, version);
     } else if (parts.version.empty()) {
+        note("the highest version counts");
         choice = chooseByRange(registrations, 0.0, kHighestVersion);
     } else {
+        note("the highest version of ", toSoString(parts.version), " counts");
         choice = chooseByRange(registrations, version, version + 1.0);
     }
+    note("in the user's locale or without one: ", orNone(choice.same),
+         "; in another: ", orNone(choice.other));
     if (!choice.same.isEmpty() && !choice.other.isEmpty() &&
         versionNumber(choice.other) > versionNumber(choice.same)) {
         choice.same = SoString();
     }
     const SoString& chosen = choice.same.isEmpty() ? choice.other : choice.same;
     if (chosen.isEmpty()) {
+        note("none fits: it stays as it is");
         return;
     }
+    note("chosen: ", chosen);
     assign(chosen.c_str(), chosen.length());
     if (!ownInstance.isEmpty() && instance() != ownInstance) {
         setInstance(ownInstance);

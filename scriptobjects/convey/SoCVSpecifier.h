@@ -5,6 +5,7 @@
 #include "scriptobjects/convey/SoConvey.h"
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoString.h"
+#include "scriptobjects/core/SoVector.h"
 
 namespace ScObjects {
 
@@ -50,6 +51,10 @@ public:
     // While one fix-up is under way, those that it needs for other texts do without the context,
     // so that it cannot call itself for ever. May ask other processes whether they run.
     void fixUp(bool useContext);
+
+    // What `Specifier(text, true)` becomes, and why: appends a line for each step that was decided
+    // to `steps`, whose owner deletes them. For people: the wording is not fixed.
+    static Specifier explain(const char* text, SoVector<SoString>& steps);
 
     // True while the calling thread is inside `fixUp`. The caller's own specifier and its group
     // are then only lower-cased: completing them needs the answer that is being worked out.

@@ -9,6 +9,7 @@
 #include "scriptobjects/convey/SoCVSetupThread.h"
 #include "scriptobjects/convey/SoCVThread.h"
 #include "scriptobjects/convey/SoCVUtils.h"
+#include "scriptobjects/stream/InterAppStream.h"
 
 namespace ScObjects {
 namespace {
@@ -104,10 +105,26 @@ int32_t ThreadInfoMsgHandler::handleMessage(int /*event*/, Convey::Message& mess
 
 int32_t ThreadForwardMsgHandler::handleMessage(int /*event*/, Convey::Message& message,
                                                SoString* /*result*/) {
+    const ConveyContext* const context = ConveyContext::currentContextNow();
+    const auto main = context == nullptr ? nullptr : context->pinMain();
+    const InterAppStream* const stream = main == nullptr ? nullptr : InterAppStream::get();
+    if (stream == nullptr) {
+        return 1;
+    }
     message.setTarget(observer_);
+    message.setSender(main->appName());
     message.setType(key_);
     message.setTimeout(kForwardedSeconds);
-    return Convey::sendThroughMainInstance(message) ? 0 : 1;
+    message.setSerialNumber(message.getNextSerialNumber(nullptr));
+    SoString text;
+    if (message.writeToString(text) && stream->send(observer_, text, 0)) {
+        return 0;
+    }
+    if (stream->canOpen(observer_, false)) { // nobody is there any more
+        (void)context->getThread()->setKeyValuePair(key_, SoString());
+        (void)main->deleteHandler(this);
+    }
+    return 1;
 }
 
 } // namespace ScObjects

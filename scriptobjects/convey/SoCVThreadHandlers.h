@@ -60,7 +60,8 @@ private:
 };
 
 // Registered with the main instance under one of the forwarding keys: sends what it is given to the
-// observer, when that runs.
+// observer, which must keep up: nobody waits for it, and what it does not take is dropped. Goes
+// when the observer has gone.
 class ThreadForwardMsgHandler : public ThreadMsgHandler {
 public:
     ThreadForwardMsgHandler(const SoString& observer, const SoString& key)

@@ -38,7 +38,7 @@ SoString stringOf(std::string_view text) {
 } // namespace
 
 bool isForwarding(const char* handlerType) {
-    return observerOf(handlerType) != nullptr;
+    return ConveyData::HandlerSlot::anyForwards() && observerOf(handlerType) != nullptr;
 }
 
 bool forwardMessage(const Convey::Message& message, const SoString& handlerType,

@@ -372,6 +372,11 @@ void Convey::getDiagnostics(SoString& out, bool formattedText) {
             for (int32_t i = 0; const auto instance = context->pinNth(i); ++i) {
                 instance->appendDiagnostics(rows, root);
             }
+            if (const ConveyConnector* connector = ConveyConnector::get()) {
+                SoString own("/");
+                own << getSharedAppName();
+                connector->appendDiagnostics(rows, own);
+            }
         }
         out = formattedText ? formatted(rows) : rows;
         return true;

@@ -1,0 +1,193 @@
+#include "platform/linux/PortList.h"
+
+#include <algorithm>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <linux/sock_diag.h>
+#include <linux/unix_diag.h>
+#include <map>
+#include <netinet/tcp.h>
+#include <set>
+#include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "platform/linux/Descriptor.h"
+#include "platform/linux/PortFolder.h"
+#include "platform/linux/ProcessTable.h"
+
+namespace platform {
+namespace {
+
+constexpr size_t kAnswerBytes = 1 << 15; // what the kernel writes at a time
+
+// What waits at the sockets of one path.
+struct Fill {
+    int64_t connections = 0;
+    int64_t bytes = 0;
+};
+
+// Adds what the kernel says of one socket.
+void addSocket(const nlmsghdr* header, std::map<std::string, Fill>& fills) {
+    const auto* const message = static_cast<const unix_diag_msg*>(NLMSG_DATA(header));
+    std::string path;
+    unix_diag_rqlen queue{};
+    auto left = static_cast<int>(header->nlmsg_len - NLMSG_LENGTH(sizeof *message));
+    for (const rtattr* attribute = reinterpret_cast<const rtattr*>(message + 1);
+         RTA_OK(attribute, left); attribute = RTA_NEXT(attribute, left)) {
+        const auto* const data = static_cast<const char*>(RTA_DATA(attribute));
+        if (attribute->rta_type == UNIX_DIAG_NAME) {
+            path.assign(data, strnlen(data, RTA_PAYLOAD(attribute)));
+        } else if (attribute->rta_type == UNIX_DIAG_RQLEN &&
+                   RTA_PAYLOAD(attribute) >= sizeof queue) {
+            std::memcpy(&queue, data, sizeof queue);
+        }
+    }
+    if (!path.empty()) {
+        Fill& fill = fills[path];
+        if (message->udiag_state == TCP_ESTABLISHED) {
+            ++fill.connections;
+            fill.bytes += queue.udiag_rqueue;
+        }
+    }
+}
+
+// All sockets of this machine that have a path; false when the kernel does not say.
+bool readFills(std::map<std::string, Fill>& fills) {
+    const Descriptor socket(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
+    struct {
+        nlmsghdr header;
+        unix_diag_req body;
+    } request{};
+    request.header.nlmsg_len = sizeof request;
+    request.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
+    request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    request.body.sdiag_family = AF_UNIX;
+    request.body.udiag_states = ~0U;
+    request.body.udiag_show = UDIAG_SHOW_NAME | UDIAG_SHOW_RQLEN;
+    if (!socket || send(socket.get(), &request, sizeof request, 0) < 0) {
+        return false;
+    }
+    alignas(nlmsghdr) char answer[kAnswerBytes];
+    for (;;) {
+        const ssize_t length =
+            uninterrupted([&] { return recv(socket.get(), answer, sizeof answer, 0); });
+        if (length <= 0) {
+            return false;
+        }
+        auto left = static_cast<unsigned>(length);
+        for (const auto* header = reinterpret_cast<const nlmsghdr*>(answer); NLMSG_OK(header, left);
+             header = NLMSG_NEXT(header, left)) {
+            if (header->nlmsg_type == NLMSG_DONE) {
+                return true;
+            }
+            if (header->nlmsg_type == NLMSG_ERROR) {
+                return false;
+            }
+            addSocket(header, fills);
+        }
+    }
+}
+
+int valueOf(char digit) {
+    return digit >= '0' && digit <= '9'   ? digit - '0'
+           : digit >= 'A' && digit <= 'F' ? digit - 'A' + 10
+                                          : -1;
+}
+
+// The port's name that a file name stands for.
+std::string portNameOf(const std::string& file) {
+    std::string name;
+    for (size_t i = 0; i < file.size(); ++i) {
+        const int high = file[i] == '%' && i + 2 < file.size() ? valueOf(file[i + 1]) : -1;
+        const int low = high >= 0 ? valueOf(file[i + 2]) : -1;
+        if (low >= 0) {
+            name += static_cast<char>(high * 16 + low);
+            i += 2;
+        } else {
+            name += file[i];
+        }
+    }
+    return name;
+}
+
+// The names of the ports that have a file in the folder, without ending.
+std::set<std::string> fileNames(const PortFolder& folder) {
+    std::set<std::string> names;
+    const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(folder.path().c_str()), closedir);
+    while (const dirent* entry = entries == nullptr ? nullptr : readdir(entries.get())) {
+        const std::string_view name(entry->d_name);
+        for (const std::string_view ending : {kSocketEnding, kLockEnding}) {
+            if (name.size() > ending.size() && name.ends_with(ending)) {
+                names.emplace(name.substr(0, name.size() - ending.size()));
+            }
+        }
+    }
+    return names;
+}
+
+// Becomes the owner for a moment, so that nobody else does while the files are removed.
+bool removeIfStale(const PortFolder& folder, const std::string& file) {
+    const std::string lockFile = file + kLockEnding;
+    const Descriptor lock(openat(folder.fd(), lockFile.c_str(),
+                                 O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+                                 S_IRUSR | S_IWUSR));
+    struct flock whole {};
+    whole.l_type = F_WRLCK;
+    whole.l_whence = SEEK_SET;
+    struct stat opened {};
+    struct stat named {};
+    if (!lock || fcntl(lock.get(), F_OFD_SETLK, &whole) != 0 || fstat(lock.get(), &opened) != 0 ||
+        fstatat(folder.fd(), lockFile.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0 ||
+        opened.st_ino != named.st_ino || opened.st_dev != named.st_dev) {
+        return false; // somebody owns it, or has removed it meanwhile
+    }
+    (void)unlinkat(folder.fd(), (file + kSocketEnding).c_str(), 0); // it may have none
+    return unlinkat(folder.fd(), lockFile.c_str(), 0) == 0;
+}
+
+} // namespace
+
+std::vector<PortDescription> listPorts() {
+    std::vector<PortDescription> ports;
+    PortFolder folder;
+    if (folder.open(PortFolder::Use::ifThere) != PortFolder::State::usable) {
+        return ports;
+    }
+    const std::map<std::string, uint32_t> owners = openFilesBelow(folder.path());
+    std::map<std::string, Fill> fills;
+    const bool known = readFills(fills);
+    for (const std::string& file : fileNames(folder)) {
+        PortDescription port;
+        port.name = portNameOf(file);
+        port.stale = !isPortOwned(folder, file);
+        const std::string path = folder.path() + "/" + file;
+        const auto owner = owners.find(path + kLockEnding);
+        port.owner = port.stale || owner == owners.end() ? 0 : owner->second;
+        // A socket whose path is long is bound by way of a descriptor, under another path.
+        const auto fill = fills.find(path + kSocketEnding);
+        if (known && fill != fills.end()) {
+            port.connections = fill->second.connections;
+            port.waitingBytes = fill->second.bytes;
+        }
+        ports.push_back(std::move(port));
+    }
+    return ports;
+}
+
+size_t removeStalePorts() {
+    PortFolder folder;
+    if (folder.open(PortFolder::Use::ifThere) != PortFolder::State::usable) {
+        return 0;
+    }
+    size_t removed = 0;
+    for (const std::string& file : fileNames(folder)) {
+        removed += removeIfStale(folder, file) ? 1 : 0;
+    }
+    return removed;
+}
+
+} // namespace platform

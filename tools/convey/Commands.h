@@ -1,0 +1,79 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tools/convey/Output.h"
+
+// The commands of the tool. Each starts the layer, does one thing and gives the exit status; throws
+// Failure, with what to tell the person.
+namespace convey_tool {
+
+struct ListOptions {
+    bool running = false; // only those that run
+    bool names = false;   // nothing but the specifiers
+};
+Exit list(const Output& output, const ListOptions& options);
+
+Exit resolve(const Output& output, const std::string& specifier);
+
+struct PingOptions {
+    std::string specifier;
+    std::string key;
+    int32_t timeoutSeconds = 2;
+    int count = 1;
+    double intervalSeconds = 1;
+};
+Exit ping(const Output& output, const PingOptions& options);
+
+struct SendOptions {
+    std::string specifier;
+    std::string type = "Tessaly";
+    std::vector<std::string> headers; // NAME=VALUE
+    std::string body;                 // "-": what standard input gives
+    uint32_t waitSeconds = 10;        // 0: no reply is asked for
+    bool launch = false;
+};
+Exit send(const Output& output, const SendOptions& options);
+
+struct LaunchOptions {
+    std::string specifier;
+    std::string parameters;
+    bool behind = false;
+    uint32_t waitSeconds = 15; // for the target to take its parameters
+};
+Exit launch(const Output& output, const LaunchOptions& options);
+
+Exit front(const Output& output, const std::string& specifier);
+
+struct WaitOptions {
+    std::string specifier;
+    bool untilRunning = true;
+    double timeoutSeconds = 30;
+};
+Exit wait(const Output& output, const WaitOptions& options);
+
+struct DiagnoseOptions {
+    std::string specifier; // empty: the tool itself
+    bool raw = false;
+    bool watch = false;
+    std::string htmlFile;
+    int32_t timeoutSeconds = 5;
+};
+Exit diagnose(const Output& output, const DiagnoseOptions& options);
+
+struct MonitorOptions {
+    std::string specifier;
+    bool errors = false;
+    bool logs = false;
+};
+Exit monitor(const Output& output, const MonitorOptions& options);
+
+struct PortsOptions {
+    bool clean = false;
+};
+Exit ports(const Output& output, const PortsOptions& options);
+
+} // namespace convey_tool

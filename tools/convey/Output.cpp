@@ -1,0 +1,113 @@
+#include "tools/convey/Output.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <ostream>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace convey_tool {
+namespace {
+
+constexpr int kNarrowest = 20; // columns that are left for the last one at least
+
+bool isContinuation(char c) {
+    return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
+}
+
+size_t width(const std::string& text) {
+    return static_cast<size_t>(
+        std::count_if(text.begin(), text.end(), [](char c) { return !isContinuation(c); }));
+}
+
+std::string cut(const std::string& text, size_t columns) {
+    if (width(text) <= columns) {
+        return text;
+    }
+    size_t end = 0;
+    for (size_t shown = 0; end < text.size(); ++end) {
+        if (!isContinuation(text[end]) && ++shown == columns) {
+            break;
+        }
+    }
+    return text.substr(0, end) + "…";
+}
+
+const char* codeOf(Style style) {
+    switch (style) {
+    case Style::heading:
+        return "\x1b[1m";
+    case Style::good:
+        return "\x1b[32m";
+    case Style::bad:
+        return "\x1b[31m";
+    case Style::dim:
+        return "\x1b[2m";
+    default:
+        return "";
+    }
+}
+
+} // namespace
+
+std::string Output::show(const std::string& text, Style style) const {
+    std::string shown = text;
+    for (char& c : shown) {
+        const auto byte = static_cast<unsigned char>(c);
+        c = byte < 0x20 || byte == 0x7f ? '?' : c;
+    }
+    return colour && style != Style::plain ? codeOf(style) + shown + "\x1b[0m" : shown;
+}
+
+void Output::print(const Json& value, bool inOneLine) const {
+    // Invalid UTF-8 becomes U+FFFD: what others say must not make the output fail.
+    out << value.dump(inOneLine ? -1 : 2, ' ', false, Json::error_handler_t::replace) << std::endl;
+}
+
+Output standardOutput(std::ostream& out, std::ostream& err) {
+    Output output{out, err};
+    if (isatty(STDOUT_FILENO) != 0) {
+        const char* const noColour = std::getenv("NO_COLOR"); // NOLINT(concurrency-mt-unsafe)
+        const char* const terminal = std::getenv("TERM");     // NOLINT(concurrency-mt-unsafe)
+        output.colour = (noColour == nullptr || *noColour == '\0') &&
+                        (terminal == nullptr || std::string(terminal) != "dumb");
+        winsize size{};
+        if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0) {
+            output.columns = size.ws_col;
+        }
+    }
+    return output;
+}
+
+void Table::print(const Output& output) const {
+    std::vector<size_t> widths;
+    for (const auto& row : rows_) {
+        widths.resize(std::max(widths.size(), row.size()));
+        for (size_t i = 0; i < row.size(); ++i) {
+            widths[i] = std::max(widths[i], width(row[i]));
+        }
+    }
+    size_t before = 0;
+    for (size_t i = 0; i + 1 < widths.size(); ++i) {
+        before += widths[i] + 2;
+    }
+    const auto columns = static_cast<size_t>(std::max(output.columns, 0));
+    const size_t last =
+        columns == 0 ? SIZE_MAX : std::max<size_t>(columns - std::min(columns, before), kNarrowest);
+    bool isHeading = true;
+    for (const auto& row : rows_) {
+        std::string line;
+        for (size_t i = 0; i < row.size(); ++i) {
+            line += i + 1 == row.size() ? cut(row[i], last) : row[i];
+            if (i + 1 < row.size()) {
+                line.append(widths[i] - width(row[i]) + 2, ' ');
+            }
+        }
+        line.resize(line.find_last_not_of(' ') + 1);
+        output.out << output.show(line, isHeading ? Style::heading : Style::plain) << '\n';
+        isHeading = false;
+    }
+    output.out.flush();
+}
+
+} // namespace convey_tool

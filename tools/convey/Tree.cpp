@@ -1,0 +1,85 @@
+#include "tools/convey/Tree.h"
+
+#include <ostream>
+#include <string_view>
+
+#include "scriptobjects/convey/SoCVUtilsCore.h"
+
+namespace convey_tool {
+namespace {
+
+using ScObjects::SoString;
+
+constexpr size_t kDeepest = 64;
+
+bool isBelow(const std::string& path, const std::string& parent) {
+    return path.size() > parent.size() && path.compare(0, parent.size(), parent) == 0 &&
+           path[parent.size()] == '/';
+}
+
+void printNodes(const Output& output, const std::vector<Node>& nodes, const std::string& margin) {
+    for (size_t i = 0; i < nodes.size(); ++i) {
+        const Node& node = nodes[i];
+        const bool isLast = i + 1 == nodes.size();
+        output.out << margin << (isLast ? "└─ " : "├─ ")
+                   << output.show(node.label, node.isHeading ? Style::heading : Style::plain);
+        if (!node.value.empty()) {
+            output.out << (node.isHeading ? ": " : " = ")
+                       << output.show(node.value,
+                                      node.value == "undefined" ? Style::dim : Style::plain);
+        }
+        output.out << '\n';
+        printNodes(output, node.children, margin + (isLast ? "   " : "│  "));
+    }
+}
+
+} // namespace
+
+Node readTree(const std::string& rows) {
+    Node root;
+    std::vector<Node*> open{&root}; // from the root to the node that was added last
+    std::string_view rest(rows);
+    while (!rest.empty()) {
+        const size_t end = rest.find('\n');
+        const SoString row(rest.data(), static_cast<int32_t>(std::min(end, rest.size())));
+        rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
+        SoString path;
+        SoString label;
+        SoString value;
+        bool isHeading = false;
+        if (!ScObjects::ConveyUtils::parseInfoLine(row, path, label, value, isHeading)) {
+            continue;
+        }
+        Node node{std::string(path.view()),
+                  std::string(label.view()),
+                  std::string(value.view()),
+                  isHeading,
+                  {}};
+        while (open.size() > 1 &&
+               (open.size() > kDeepest || !isBelow(node.path, open.back()->path))) {
+            open.pop_back();
+        }
+        open.back()->children.push_back(std::move(node));
+        open.push_back(&open.back()->children.back());
+    }
+    return root;
+}
+
+void printTree(const Output& output, const Node& root) {
+    printNodes(output, root.children, "");
+    output.out.flush();
+}
+
+Json treeAsJson(const Node& node) {
+    Json children = Json::array();
+    for (const Node& child : node.children) {
+        children.push_back(treeAsJson(child));
+    }
+    return {{"path", node.path},
+            {"label", node.label},
+            {"value", node.value},
+            {"heading", node.isHeading},
+            {"children", std::move(children)}};
+}
+
+} // namespace convey_tool

@@ -1,0 +1,5 @@
+#include "tools/convey/Tool.h"
+
+int main(int argc, char** argv) {
+    return conveyToolMain(argc, argv);
+}
