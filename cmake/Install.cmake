@@ -4,7 +4,8 @@
 # they lie with it in lib/convey, and bin/ holds links, which the programs resolve. All paths between
 # them are relative: an installation may be staged (DESTDIR) or moved.
 set(CONVEY_PROGRAM_INSTALL_DIR ${CMAKE_INSTALL_LIBDIR}/convey)
-install(TARGETS KivraConveyCmd RUNTIME DESTINATION ${CONVEY_PROGRAM_INSTALL_DIR} COMPONENT tools)
+install(TARGETS KivraConveyCmd convey_program
+    RUNTIME DESTINATION ${CONVEY_PROGRAM_INSTALL_DIR} COMPONENT tools)
 install(TARGETS ovrel_caps
     LIBRARY DESTINATION ${CONVEY_PROGRAM_INSTALL_DIR}/ovrel_caps.framework COMPONENT runtime)
 install(TARGETS ovrel-caps RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
@@ -14,15 +15,25 @@ install(TARGETS convey EXPORT ConveyTargets
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/convey)
 install(FILES caps/include/ovrel_caps.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 
-file(RELATIVE_PATH CONVEY_LINK_TARGET
-    ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR}/convey/KivraConveyCmd)
+file(RELATIVE_PATH CONVEY_LINK_FOLDER
+    ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR}/convey)
 install(CODE "
     set(folder \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}\")
-    message(STATUS \"Installing: \$ENV{DESTDIR}\${folder}/KivraConveyCmd\")
     file(MAKE_DIRECTORY \"\$ENV{DESTDIR}\${folder}\")
-    file(CREATE_LINK \"${CONVEY_LINK_TARGET}\" \"\$ENV{DESTDIR}\${folder}/KivraConveyCmd\" SYMBOLIC)
-    list(APPEND CMAKE_INSTALL_MANIFEST_FILES \"\${folder}/KivraConveyCmd\")
+    foreach(program KivraConveyCmd convey)
+        message(STATUS \"Installing: \$ENV{DESTDIR}\${folder}/\${program}\")
+        file(CREATE_LINK \"${CONVEY_LINK_FOLDER}/\${program}\"
+            \"\$ENV{DESTDIR}\${folder}/\${program}\" SYMBOLIC)
+        list(APPEND CMAKE_INSTALL_MANIFEST_FILES \"\${folder}/\${program}\")
+    endforeach()
 " COMPONENT tools)
+
+install(FILES tools/convey/completion/convey.bash RENAME convey
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
+install(FILES tools/convey/completion/_convey
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT tools)
+install(FILES tools/convey/completion/convey.fish
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT tools)
 
 # find_package(Convey): the layer needs nothing of its users but a compiler.
 include(CMakePackageConfigHelpers)
@@ -33,3 +44,10 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/ConveyConfigVersion.cmake
     COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/ConveyConfigVersion.cmake
     DESTINATION ${CONVEY_CMAKE_DIR} COMPONENT dev)
+
+# pkg-config convey: found where the file lies, wherever that is moved to.
+file(RELATIVE_PATH CONVEY_PC_PREFIX
+    ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+configure_file(cmake/convey.pc.in convey.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/convey.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
