@@ -1,6 +1,6 @@
 #include "platform/linux/PortList.h"
 
-#include <algorithm>
+#include <climits>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
@@ -14,6 +14,7 @@
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 #include "platform/linux/Descriptor.h"
 #include "platform/linux/PortFolder.h"
@@ -30,11 +31,17 @@ struct Fill {
     int64_t bytes = 0;
 };
 
+// A socket's file: by the end of the path that it was bound to, which may have led through links or
+// a descriptor, and the number of the file.
+using SocketFile = std::pair<std::string, uint64_t>;
+using Fills = std::map<SocketFile, Fill>;
+
 // Adds what the kernel says of one socket.
-void addSocket(const nlmsghdr* header, std::map<std::string, Fill>& fills) {
+void addSocket(const nlmsghdr* header, Fills& fills) {
     const auto* const message = static_cast<const unix_diag_msg*>(NLMSG_DATA(header));
     std::string path;
     unix_diag_rqlen queue{};
+    unix_diag_vfs file{};
     auto left = static_cast<int>(header->nlmsg_len - NLMSG_LENGTH(sizeof *message));
     for (const rtattr* attribute = reinterpret_cast<const rtattr*>(message + 1);
          RTA_OK(attribute, left); attribute = RTA_NEXT(attribute, left)) {
@@ -44,10 +51,12 @@ void addSocket(const nlmsghdr* header, std::map<std::string, Fill>& fills) {
         } else if (attribute->rta_type == UNIX_DIAG_RQLEN &&
                    RTA_PAYLOAD(attribute) >= sizeof queue) {
             std::memcpy(&queue, data, sizeof queue);
+        } else if (attribute->rta_type == UNIX_DIAG_VFS && RTA_PAYLOAD(attribute) >= sizeof file) {
+            std::memcpy(&file, data, sizeof file);
         }
     }
     if (!path.empty()) {
-        Fill& fill = fills[path];
+        Fill& fill = fills[{path.substr(path.rfind('/') + 1), file.udiag_vfs_ino}];
         if (message->udiag_state == TCP_ESTABLISHED) {
             ++fill.connections;
             fill.bytes += queue.udiag_rqueue;
@@ -56,7 +65,7 @@ void addSocket(const nlmsghdr* header, std::map<std::string, Fill>& fills) {
 }
 
 // All sockets of this machine that have a path; false when the kernel does not say.
-bool readFills(std::map<std::string, Fill>& fills) {
+bool readFills(Fills& fills) {
     const Descriptor socket(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
     struct {
         nlmsghdr header;
@@ -67,7 +76,7 @@ bool readFills(std::map<std::string, Fill>& fills) {
     request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
     request.body.sdiag_family = AF_UNIX;
     request.body.udiag_states = ~0U;
-    request.body.udiag_show = UDIAG_SHOW_NAME | UDIAG_SHOW_RQLEN;
+    request.body.udiag_show = UDIAG_SHOW_NAME | UDIAG_SHOW_RQLEN | UDIAG_SHOW_VFS;
     if (!socket || send(socket.get(), &request, sizeof request, 0) < 0) {
         return false;
     }
@@ -129,6 +138,15 @@ std::set<std::string> fileNames(const PortFolder& folder) {
     return names;
 }
 
+std::string realPath(const PortFolder& folder) {
+    char path[PATH_MAX];
+    const std::string link = "/proc/self/fd/" + std::to_string(folder.fd());
+    const ssize_t length = readlink(link.c_str(), path, sizeof path);
+    return length > 0 && static_cast<size_t>(length) < sizeof path
+               ? std::string(path, static_cast<size_t>(length))
+               : folder.path();
+}
+
 // Becomes the owner for a moment, so that nobody else does while the files are removed.
 bool removeIfStale(const PortFolder& folder, const std::string& file) {
     const std::string lockFile = file + kLockEnding;
@@ -157,21 +175,22 @@ std::vector<PortDescription> listPorts() {
     if (folder.open(PortFolder::Use::ifThere) != PortFolder::State::usable) {
         return ports;
     }
-    const std::map<std::string, uint32_t> owners = openFilesBelow(folder.path());
-    std::map<std::string, Fill> fills;
+    const std::map<std::string, uint32_t> owners = openFilesBelow(realPath(folder));
+    Fills fills;
     const bool known = readFills(fills);
     for (const std::string& file : fileNames(folder)) {
         PortDescription port;
         port.name = portNameOf(file);
         port.stale = !isPortOwned(folder, file);
-        const std::string path = folder.path() + "/" + file;
-        const auto owner = owners.find(path + kLockEnding);
+        const auto owner = owners.find(realPath(folder) + "/" + file + kLockEnding);
         port.owner = port.stale || owner == owners.end() ? 0 : owner->second;
-        // A socket whose path is long is bound by way of a descriptor, under another path.
-        const auto fill = fills.find(path + kSocketEnding);
-        if (known && fill != fills.end()) {
-            port.connections = fill->second.connections;
-            port.waitingBytes = fill->second.bytes;
+        const std::string socket = file + kSocketEnding;
+        struct stat status {};
+        if (known && fstatat(folder.fd(), socket.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
+            // The kernel tells 32 bits of the number.
+            const auto fill = fills.find({socket, static_cast<uint32_t>(status.st_ino)});
+            port.connections = fill == fills.end() ? 0 : fill->second.connections;
+            port.waitingBytes = fill == fills.end() ? 0 : fill->second.bytes;
         }
         ports.push_back(std::move(port));
     }

@@ -220,7 +220,7 @@ bool PortReceiver::listen() {
         return refuse("listen at");
     }
     // Tells those who watch the folder that the port is there: the file itself was too early.
-    (void)fchmodat(folder_.fd(), file.c_str(), S_IRUSR | S_IWUSR, 0);
+    (void)!fchmodat(folder_.fd(), file.c_str(), S_IRUSR | S_IWUSR, 0);
     listener_ = std::move(listener);
     events_ = std::move(events);
     return true;

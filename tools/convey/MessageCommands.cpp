@@ -368,26 +368,23 @@ Exit send(const Output& output, const SendOptions& options) {
         replies.watch(session.instance(), serial);
     }
     const bool delivered = session.instance().send(message, options.launch, 0, nullptr);
-    const bool queued = !delivered && session.instance().outgoingMessagePending();
-    if (delivered || queued) {
-        replies.note(delivered ? "sent" : "queued", Style::plain);
-    } else if (!isAsking || !options.launch) {
-        replies.note("not sent", Style::bad);
-    }
-    // One second more than the time-out, which is what tells that it is over.
+    // A target that was launched counts as running before it has opened anything.
+    const bool queued = !delivered && options.launch && target.isRunning();
+    replies.note(delivered ? "sent" : queued ? "queued" : "not sent",
+                 delivered || queued ? Style::plain : Style::bad);
+    // A little more than the time-out, which is what tells that it is over.
     const auto end = steady_clock::now() + std::chrono::seconds(options.waitSeconds + 2);
-    while ((queued && session.instance().outgoingMessagePending()) ||
-           (isAsking && !replies.hasEnded())) {
-        if (Session::isEnding() || steady_clock::now() >= end) {
-            break;
-        }
+    const auto isDone = [&] {
+        return isAsking ? replies.hasEnded()
+                        : !queued || !session.instance().outgoingMessagePending();
+    };
+    while (!isDone() && !Session::isEnding() && steady_clock::now() < end) {
         Session::pumpFor(20);
     }
-    const bool isHandedOver = delivered || (queued && !session.instance().outgoingMessagePending());
-    if (isAsking && isHandedOver && !replies.hasEnded()) {
-        replies.note("no answer", Style::bad);
+    if (!isDone()) {
+        replies.note(isAsking ? "no answer" : "still queued", Style::bad);
     }
-    return isHandedOver && replies.isGood() && (!isAsking || replies.hasEnded()) ? kDone : kNo;
+    return isDone() && replies.isGood() && (delivered || queued) ? kDone : kNo;
 }
 
 Exit monitor(const Output& output, const MonitorOptions& options) {

@@ -1,0 +1,288 @@
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/support/Process.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+using Json = nlohmann::json;
+
+// The tool on the sample registry, beside a host that runs as lumen.
+class ConveyToolTest : public testing::Test {
+protected:
+    ConveyToolTest() {
+        setenv("XDG_RUNTIME_DIR", folder.file("").c_str(), 1);
+        setenv("HOME", folder.file("").c_str(), 1);
+        setenv("OVREL_CAPS_DB", folder.file("caps.db").c_str(), 1);
+        setenv("LC_ALL", "en_US.UTF-8", 1);
+        const ProcessResult filled = runProcess({OVREL_CAPS_TOOL, "import", SAMPLE_REGISTRY});
+        EXPECT_EQ(filled.exitStatus, 0) << filled.err;
+        lumen = std::make_unique<RunningProcess>(
+            std::vector<std::string>{HOST, "lumen-2.5-en_us", "--quiet"});
+        EXPECT_EQ(lumen->readLine(), "running as lumen-2.5-en_us");
+    }
+    static ProcessResult tool(std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), CONVEY_PROGRAM);
+        return runProcess(arguments);
+    }
+    static Json json(std::vector<std::string> arguments) {
+        arguments.emplace_back("--json");
+        return Json::parse(tool(arguments).out);
+    }
+
+    TemporaryFolder folder;
+    std::unique_ptr<RunningProcess> lumen;
+};
+
+TEST_F(ConveyToolTest, answersByItsExitStatus) {
+    const struct {
+        std::vector<std::string> arguments;
+        int status;
+        const char* out;
+        const char* err;
+    } cases[] = {
+        {{"ping", "lumen"}, 0, "lumen-2.5-en_us: ECHO_RESPONSE time=", ""},
+        {{"ping", "viewer"}, 1, "viewer-1.0: ISNOTRUNNING\n", ""},
+        {{"ping", "nosuch"}, 1, "nosuch: ISNOTINSTALLED\n", ""},
+        {{"ping", "allRunningApps", "--count", "2", "--interval", "0"},
+         0,
+         "--- allRunningApps: 2 asked, 2 answered\nround trip min/median/max = ",
+         ""},
+        {{"ping", "lumen", "--key", "STATUS"}, 0, "time=", ""},
+        {{"ping", "lumen", "--count", "0"}, 2, "", "--count"},
+        {{"resolve", "lumen"}, 0, "lumen-2.5-en_us\n", ""},
+        {{"resolve", "lumen-2.0"}, 0, "exactly version 2.0 is asked for\n", ""},
+        {{"resolve", "nosuch"}, 1, "nothing to complete it to", ""},
+        {{"send", "lumen", "--body", "hi"}, 0, "sent\nreceived\nresult: echo: hi\nprocessed\n", ""},
+        {{"send", "lumen", "--body", "fail"}, 1, "error: failed as asked\n", ""},
+        {{"send", "lumen", "--body", "hi", "--wait", "0"}, 0, "sent\n", ""},
+        {{"send", "viewer", "--body", "hi"}, 1, "not sent\nerror: ERROR: LAUNCHING IS", ""},
+        {{"send", "viewer", "--body", "hi", "--launch"}, 1, "COULD NOT BE LAUNCHED\n", ""},
+        {{"send", "lumen", "--header", "nothing"}, 2, "", "\"nothing\" is no NAME=VALUE"},
+        {{"launch", "viewer", "-open", "x"}, 1, "", "viewer-1.0 could not be launched"},
+        {{"launch", "nosuch"}, 1, "", "nosuch is not installed"},
+        {{"launch", "lumen"}, 0, "lumen-2.5-en_us runs already\n", ""},
+        {{"front", "lumen"}, 0, "", ""},
+        {{"front", "viewer"}, 1, "", "viewer-1.0 does not run"},
+        {{"wait", "lumen"}, 0, "lumen-2.5-en_us is running\n", ""},
+        {{"wait", "lumen", "--until", "gone", "--timeout", "0"}, 1, "is running\n", ""},
+        {{"wait", "lumen", "--until", "soon"}, 2, "", "--until"},
+        {{"diagnose", "viewer"}, 1, "", "viewer-1.0: ISNOTRUNNING"},
+        {{"diagnose", "lumen", "--html", "/nonexistent/page"}, 3, "", "cannot write"},
+        {{"monitor", "viewer"}, 1, "", "viewer-1.0: ISNOTRUNNING"},
+        {{"--version"}, 0, "convey 2.0.0\n", ""},
+        {{"send", "--help"}, 0, "--launch", ""},
+        {{}, 2, "", "subcommand is required"},
+        {{"nothing"}, 2, "", ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::PrintToString(c.arguments));
+        const ProcessResult result = tool(c.arguments);
+        EXPECT_EQ(result.exitStatus, c.status);
+        EXPECT_THAT(result.out, HasSubstr(c.out));
+        EXPECT_THAT(result.err, HasSubstr(c.err));
+        EXPECT_THAT(result.out, Not(HasSubstr("\x1b"))) << "no terminal, no colour";
+    }
+    setenv("OVREL_CAPS_DB", folder.file("gone.db").c_str(), 1);
+    const ProcessResult without = tool({"list"});
+    EXPECT_EQ(without.exitStatus, 3);
+    EXPECT_THAT(without.err, HasSubstr("there is no database of installed products"));
+}
+
+TEST_F(ConveyToolTest, speaksJson) {
+    const Json running = json({"list", "--running"});
+    ASSERT_EQ(running.size(), 1U);
+    EXPECT_EQ(running[0]["specifier"], "lumen-2.5-en_us");
+    EXPECT_EQ(running[0]["languages"], "fr_FR,ja_JP");
+    EXPECT_EQ(json({"list"}).size(), 7U);
+    EXPECT_EQ(json({"resolve", "kivra"})["path"], "/opt/ovrel/Kivra 7/Kivra.app");
+    EXPECT_EQ(json({"ping", "lumen"})["answer"], "ECHO_RESPONSE");
+    EXPECT_EQ(json({"wait", "lumen"})["state"], "running");
+    const Json tree = json({"diagnose", "lumen"});
+    EXPECT_EQ(tree["children"].back()["label"], "Connector");
+    std::istringstream lines(tool({"send", "lumen", "--body", "hi", "--json"}).out);
+    std::vector<std::string> events;
+    for (std::string line; std::getline(lines, line);) {
+        events.push_back(Json::parse(line)["event"]);
+    }
+    EXPECT_THAT(events, testing::ElementsAre("sent", "received", "result", "processed"));
+    const Json all = json({"ports"});
+    ASSERT_EQ(all["ports"].size(), 3U) << all;
+    EXPECT_EQ(all["ports"][0]["name"], "lumen-2.5-en_us");
+    EXPECT_EQ(all["ports"][0]["process"], lumen->pid());
+    EXPECT_EQ(all["ports"][0]["waitingBytes"], 0);
+}
+
+TEST_F(ConveyToolTest, showsWhatWaitsAndRemovesWhatIsStale) {
+    lumen->signal(SIGSTOP);
+    RunningProcess sender({SEND, "lumen-2.5-en_us", "--from", "sender-1.0", "--count", "3"});
+    EXPECT_EQ(sender.finish(), 0);
+    // A sender that has ended is no connection, but what it has sent still waits.
+    for (const auto& port : json({"ports"})["ports"]) {
+        if (port["name"] == "lumen-2.5-en_us") {
+            EXPECT_EQ(port["process"], lumen->pid());
+            EXPECT_TRUE(port.contains("waitingBytes"));
+        }
+    }
+    lumen->signal(SIGKILL);
+    (void)lumen->finish();
+    const ProcessResult seen = tool({"ports"});
+    EXPECT_THAT(seen.out, testing::ContainsRegex("stale +[0-9?]+ +[0-9?]+ +lumen-2.5-en_us\n"));
+    EXPECT_THAT(seen.err, HasSubstr("3 stale ports; --clean removes them"));
+    lumen =
+        std::make_unique<RunningProcess>(std::vector<std::string>{HOST, "kivra-7.0", "--quiet"});
+    EXPECT_EQ(lumen->readLine(), "running as kivra-7.0");
+    EXPECT_THAT(tool({"ports", "--clean"}).out, HasSubstr("3 stale ports removed\n"));
+    EXPECT_EQ(json({"ports"})["ports"].size(), 3U) << "those of the host that runs";
+    EXPECT_EQ(tool({"ping", "kivra"}).exitStatus, 0);
+}
+
+TEST_F(ConveyToolTest, monitorsAConversation) {
+    auto monitor = std::make_unique<RunningProcess>(
+        std::vector<std::string>{CONVEY_PROGRAM, "monitor", "lumen", "--json"});
+    const auto isForwarding = [] {
+        return !json({"ping", "lumen", "--key", "FWDMESSAGES"})["answer"]
+                    .get<std::string>()
+                    .empty();
+    };
+    for (int i = 0; i < 200 && !isForwarding(); ++i) {
+    }
+    ASSERT_TRUE(isForwarding());
+    const ProcessResult asked =
+        runProcess({HOST, "kivra-7.0", "--ask", "lumen-2.5-en_us", "what is\nthe time?"});
+    EXPECT_THAT(asked.out, HasSubstr("result: echo: what is")) << "a conversation of two others";
+    std::vector<std::string> events;
+    while (events.empty() || events.back() != "processed") {
+        const Json event = Json::parse(monitor->readLine());
+        if (event["type"] == "Tessaly") {
+            EXPECT_EQ(event["sender"], "kivra-7.0");
+            EXPECT_EQ(event["text"], "what is");
+            EXPECT_EQ(event["size"], "17 bytes");
+            events.push_back(event["event"]);
+        }
+    }
+    EXPECT_THAT(events, testing::ElementsAre("added", "picked", "processed"));
+    monitor->signal(SIGINT);
+    EXPECT_EQ(monitor->finish(), 0);
+    EXPECT_FALSE(isForwarding()) << "it has taken its forwarding back";
+
+    monitor = std::make_unique<RunningProcess>(
+        std::vector<std::string>{CONVEY_PROGRAM, "monitor", "lumen"});
+    for (int i = 0; i < 200 && !isForwarding(); ++i) {
+    }
+    monitor->signal(SIGKILL);
+    (void)monitor->finish();
+    EXPECT_TRUE(isForwarding());
+    EXPECT_EQ(tool({"send", "lumen", "--body", "anything"}).exitStatus, 0);
+    for (int i = 0; i < 200 && isForwarding(); ++i) {
+    }
+    EXPECT_FALSE(isForwarding()) << "the target sees that nobody is there";
+}
+
+TEST_F(ConveyToolTest, monitorsErrorsAndSteps) {
+    for (const char* option : {"--errors", "--logs"}) {
+        RunningProcess monitor({CONVEY_PROGRAM, "monitor", "lumen", option, "--json"});
+        const char* const key = std::string(option) == "--errors" ? "FWDERRORS" : "FWDLOGS";
+        for (int i = 0; i < 200; ++i) {
+            if (!json({"ping", "lumen", "--key", key})["answer"].get<std::string>().empty()) {
+                break;
+            }
+        }
+        (void)tool({"send", "lumen", "--body", "fail"});
+        Json event;
+        do { // the answers are steps too, and may come before
+            event = Json::parse(monitor.readLine());
+        } while (event["text"] != "fail");
+        EXPECT_EQ(event["event"],
+                  std::string(option) == "--errors" ? "failed as asked" : "RECEIVE");
+        monitor.signal(SIGINT);
+        EXPECT_EQ(monitor.finish(), 0);
+    }
+}
+
+TEST_F(ConveyToolTest, completesInBash) {
+    const struct {
+        const char* words;
+        int current;
+        const char* expected;
+    } cases[] = {
+        {"convey di", 1, "diagnose\n"},
+        {"convey ping lu", 2, "lumen-2.0-en_us\nlumen-2.5-en_us\n"},
+        {"convey ping all", 2, "allRunningApps\n"},
+        {"convey wait lumen --until g", 4, "gone\n"},
+        {"convey monitor --e", 2, "--errors\n"},
+        {"convey --json resolve kivrat", 3, "kivratool-7.0\n"},
+    };
+    for (const auto& c : cases) {
+        const ProcessResult result = runProcess(
+            {"/bin/bash", "-c",
+             std::string("PATH='") + std::filesystem::path(CONVEY_PROGRAM).parent_path().string() +
+                 "':$PATH; . '" BASH_COMPLETION "'; COMP_WORDS=(" + c.words + "); COMP_CWORD=" +
+                 std::to_string(c.current) + "; _convey; printf '%s\\n' \"${COMPREPLY[@]}\""});
+        EXPECT_EQ(result.out, c.expected) << c.words << result.err;
+    }
+}
+
+// What differs from one run to the next.
+std::string normalised(std::string line) {
+    for (const auto& [pattern, by] :
+         {std::pair("[0-9]+\\.[0-9]{3}", "N.NNN"), std::pair("convey[0-9]+-", "conveyN-"),
+          std::pair("[0-9]{2}:[0-9]{2}:[0-9]{2}", "HH:MM:SS"),
+          std::pair("process [0-9]+", "process N"), std::pair("^[0-9]+ +", "N ")}) {
+        line = std::regex_replace(line, std::regex(pattern), by);
+    }
+    return line;
+}
+
+// Each command of the README's session, with what it shows there.
+TEST_F(ConveyToolTest, theReadmeShowsWhatHappens) {
+    const std::string readme = TemporaryFolder::read(README);
+    const size_t start = readme.find("```\n$ convey ");
+    ASSERT_NE(start, std::string::npos);
+    std::istringstream session(
+        readme.substr(start + 4, readme.find("```\n", start + 4) - start - 4));
+    std::string command;
+    std::string expected;
+    int commands = 0;
+    const auto check = [&] {
+        if (command.empty()) {
+            return;
+        }
+        ++commands;
+        const ProcessResult result =
+            runProcess({"/bin/sh", "-c",
+                        "PATH='" + std::filesystem::path(CONVEY_PROGRAM).parent_path().string() +
+                            "':$PATH; export PATH; " + command + " 2>&1"});
+        std::istringstream lines(result.out);
+        std::string shown;
+        for (std::string line; std::getline(lines, line);) {
+            shown += normalised(line) + "\n";
+        }
+        EXPECT_EQ(shown, expected) << command;
+        expected.clear();
+    };
+    for (std::string line; std::getline(session, line);) {
+        if (line.compare(0, 2, "$ ") == 0) {
+            check();
+            command = line.substr(2);
+        } else if (!line.empty()) {
+            expected += normalised(line) + "\n";
+        }
+    }
+    check();
+    EXPECT_GE(commands, 4);
+}
+
+} // namespace
