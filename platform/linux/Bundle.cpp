@@ -61,7 +61,7 @@ std::string textInPropertyList(const std::string& content, const char* key) {
     }
     std::string value;
     if (root != nullptr && lists.typeOf(root) == PLIST_DICT) {
-        const plist_t item = lists.item(root, key);
+        void* const item = lists.item(root, key);
         if (item != nullptr && lists.typeOf(item) == PLIST_STRING) {
             uint64_t valueLength = 0;
             const char* const text = lists.text(item, &valueLength);

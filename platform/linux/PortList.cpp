@@ -36,15 +36,25 @@ struct Fill {
 using SocketFile = std::pair<std::string, uint64_t>;
 using Fills = std::map<SocketFile, Fill>;
 
+// The record behind one of `length` bytes in a block of which `left` bytes are left.
+template <class Record>
+const Record* recordBehind(const Record* record, size_t length, unsigned& left) {
+    constexpr size_t kAlignment = 4; // of both kinds
+    const size_t step = (length + kAlignment - 1) / kAlignment * kAlignment;
+    left = step < left ? left - static_cast<unsigned>(step) : 0;
+    const void* const next = reinterpret_cast<const char*>(record) + step;
+    return static_cast<const Record*>(next);
+}
+
 // Adds what the kernel says of one socket.
 void addSocket(const nlmsghdr* header, Fills& fills) {
     const auto* const message = static_cast<const unix_diag_msg*>(NLMSG_DATA(header));
     std::string path;
     unix_diag_rqlen queue{};
     unix_diag_vfs file{};
-    auto left = static_cast<int>(header->nlmsg_len - NLMSG_LENGTH(sizeof *message));
-    for (const rtattr* attribute = reinterpret_cast<const rtattr*>(message + 1);
-         RTA_OK(attribute, left); attribute = RTA_NEXT(attribute, left)) {
+    auto left = static_cast<unsigned>(header->nlmsg_len - NLMSG_LENGTH(sizeof *message));
+    for (const auto* attribute = reinterpret_cast<const rtattr*>(message + 1);
+         RTA_OK(attribute, left); attribute = recordBehind(attribute, attribute->rta_len, left)) {
         const auto* const data = static_cast<const char*>(RTA_DATA(attribute));
         if (attribute->rta_type == UNIX_DIAG_NAME) {
             path.assign(data, strnlen(data, RTA_PAYLOAD(attribute)));
@@ -127,6 +137,7 @@ std::string portNameOf(const std::string& file) {
 std::set<std::string> fileNames(const PortFolder& folder) {
     std::set<std::string> names;
     const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(folder.path().c_str()), closedir);
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the folder is this call's own
     while (const dirent* entry = entries == nullptr ? nullptr : readdir(entries.get())) {
         const std::string_view name(entry->d_name);
         for (const std::string_view ending : {kSocketEnding, kLockEnding}) {

@@ -114,7 +114,7 @@ void becomeSession() {
     }
     sigset_t none;
     sigemptyset(&none);
-    (void)sigprocmask(SIG_SETMASK, &none, nullptr);
+    (void)pthread_sigmask(SIG_SETMASK, &none, nullptr);
 }
 
 uint32_t startProcess(const std::string& path, const std::vector<std::string>& arguments,

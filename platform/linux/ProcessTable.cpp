@@ -73,7 +73,7 @@ std::vector<uint32_t> ownProcesses() {
     if (folder == nullptr) {
         return numbers;
     }
-    while (const dirent* entry = readdir(folder.get())) {
+    while (const dirent* entry = readdir(folder.get())) { // NOLINT(concurrency-mt-unsafe): own
         const std::string_view name(entry->d_name);
         uint32_t number = 0;
         const auto end = std::from_chars(name.data(), name.data() + name.size(), number);
@@ -111,6 +111,7 @@ std::map<std::string, uint32_t> openFilesBelow(const std::string& folder) {
     for (const uint32_t number : ownProcesses()) {
         const std::unique_ptr<DIR, int (*)(DIR*)> open(opendir(procPath(number, "/fd").c_str()),
                                                        closedir);
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): the folder is this call's own
         while (const dirent* entry = open == nullptr ? nullptr : readdir(open.get())) {
             char path[PATH_MAX];
             const ssize_t length = readlinkat(dirfd(open.get()), entry->d_name, path, sizeof path);

@@ -40,8 +40,8 @@ constexpr const char* kOwn[] = {"_",
                                 "XDG_ACTIVATION_TOKEN"};
 
 const char* variable(const char* name) {
-    return std::getenv(
-        name); // NOLINT(concurrency-mt-unsafe): hosts set theirs before they start us
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): hosts set theirs before they start the layer
+    return std::getenv(name);
 }
 
 bool isSet(const char* name) {

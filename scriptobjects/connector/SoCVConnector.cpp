@@ -363,7 +363,7 @@ void ConveyConnector::appendDiagnostics(SoString& out, const SoString& path) con
     const CVConnectorAppInfoList& list = *getAppInfoListLocked();
     SoString apps = root;
     apps << "/apps";
-    out << apps << ";1;Applications;" << list.count() << ";\n";
+    out << apps << (list.count() != 0 ? ";1;" : ";0;") << "Applications;" << list.count() << ";\n";
     for (int32_t i = 0; const CVConnectorAppInfo* info = list.get(i); ++i) {
         const SoString name = inOneLine(info->specifier);
         out << apps << "/" << name << ";1;" << name << ";" << inOneLine(info->path) << ";\n";
@@ -377,7 +377,8 @@ void ConveyConnector::appendDiagnostics(SoString& out, const SoString& path) con
         }
     }
     const SoVector<SoString>& groups = groups_->texts();
-    out << root << "/groups;1;Groups;" << groups.count() << ";\n";
+    out << root << (groups.count() != 0 ? "/groups;1;" : "/groups;0;") << "Groups;"
+        << groups.count() << ";\n";
     for (int32_t i = 0; i < groups.count(); ++i) {
         out << root << "/groups/" << i << ";0;Entry;" << inOneLine(*groups[i]) << ";\n";
     }

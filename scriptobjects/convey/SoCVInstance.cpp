@@ -168,8 +168,8 @@ void PrivateData::appendDiagnostics(SoString& out, const SoString& path) const {
     for (const auto& queue : queues) {
         SoString queuePath = root;
         queuePath << queue.leaf;
-        out << queuePath << ";1;" << queue.label << ";"
-            << static_cast<uint32_t>(queue.queue.count()) << ";\n";
+        const auto count = static_cast<uint32_t>(queue.queue.count());
+        out << queuePath << (count != 0 ? ";1;" : ";0;") << queue.label << ";" << count << ";\n";
         (void)queue.queue.appendDiagnostics(out, queuePath);
     }
     size_t handlers = 0;

@@ -94,7 +94,7 @@ function add(parent, node, depth) {
     value.textContent = node.value;
     line.append(folds ? ': ' : ' = ', value);
   }
-  if (isQueue(node)) {
+  if (isQueue(node) && +node.value > 0) {
     line.append(bar('queue', +node.value / longest, node.value + ' messages'));
   }
   if (node.label === 'Timestamp') {
@@ -144,6 +144,14 @@ function search(wanted) {
   document.getElementById('found').textContent = wanted === '' ? '' : found + ' rows';
 }
 document.getElementById('search').oninput = event => search(event.target.value);
+// page.html#unfold and page.html#search=TEXT open it so.
+const wish = decodeURIComponent(location.hash.slice(1));
+if (wish === 'unfold') {
+  setAll(true);
+} else if (wish.startsWith('search=')) {
+  document.getElementById('search').value = wish.slice(7);
+  search(wish.slice(7));
+}
 </script>
 </body>
 </html>

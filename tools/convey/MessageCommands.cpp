@@ -370,7 +370,9 @@ Exit send(const Output& output, const SendOptions& options) {
     const bool delivered = session.instance().send(message, options.launch, 0, nullptr);
     // A target that was launched counts as running before it has opened anything.
     const bool queued = !delivered && options.launch && target.isRunning();
-    replies.note(delivered ? "sent" : queued ? "queued" : "not sent",
+    replies.note(delivered ? "sent"
+                 : queued  ? "queued"
+                           : "not sent",
                  delivered || queued ? Style::plain : Style::bad);
     // A little more than the time-out, which is what tells that it is over.
     const auto end = steady_clock::now() + std::chrono::seconds(options.waitSeconds + 2);

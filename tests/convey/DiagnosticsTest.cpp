@@ -1,0 +1,122 @@
+#include <gtest/gtest.h>
+#include <string>
+
+#include "platform/fake/Fakes.h"
+#include "scriptobjects/convey/SoCVMessage.h"
+#include "tests/support/TableConnector.h"
+
+namespace {
+
+using ScObjects::Convey;
+using ScObjects::SoString;
+
+// The whole text for a state that a test writes down, on a clock that stands still.
+TEST(Diagnostics, describeAWholeState) {
+    static platform::FakeClock clock; // the background thread may be in them at the end
+    static platform::FakeProcesses processes;
+    const platform::ScopedReplacement<platform::Clock> clockInForce(clock);
+    const platform::ScopedReplacement<platform::Processes> processesInForce(processes);
+    StartedLayer layer("own-1.0", {"own-1.0", "other-2.0"}, {"suite/7.0/own-1.*"});
+    ASSERT_TRUE(layer.started);
+    Convey own("own-1.0", nullptr, true, nullptr);
+    const Convey other("other-2.0", nullptr, false, nullptr);
+    layer.connector->setProcessID("other-2.0", 815);
+    Convey::Message message;
+    message.setTarget("other-2.0");
+    message.setSerialNumber(42);
+    message.setTimeout(30);
+    message.setResponseRequest("Result");
+    message.setHeader("Colour", "red");
+    message.setBody(SoString("one\ntwo"));
+    ASSERT_TRUE(own.send(message, false, 0, nullptr));
+
+    const char* const expected = R"(/own-1.0/context;1;Info;;
+/own-1.0/name;0;Name;own-1.0;
+/own-1.0/status;0;Status;UNDEFINED;
+/own-1.0/group;0;Group;suite;
+/own-1.0/path;0;Path;/apps/own-1.0;
+/own-1.0/version;0;Version;2.0;
+/own-1.0/build;0;Build;ES 4.5.6;
+/own-1.0/nextsnr;0;Next serial number;2;
+/own-1.0/logging;0;Logging:;OFF;
+/own-1.0/now;0;Now;00:16:40;
+/own-1.0/messages;1;Messages;;
+/own-1.0/messages/version;0;Message Version;2.05;
+/own-1.0/messages/authentication;0;Authentication;ON;
+/own-1.0/messages/digest;0;Digest;ON;
+/own-1.0/thread;1;Thread;own-1.0#thread;
+/own-1.0/thread/avgpump;0;Avg. pump interval;0ms;
+/own-1.0/thread/lastpump;0;Last pump;0ms ago;
+/own-1.0/thread/ping;1;Ping;8;
+/own-1.0/thread/ping/ECHO_REQUEST;1;ECHO_REQUEST;ECHO_RESPONSE;
+/own-1.0/thread/ping/ECHO_REQUEST/timeout;0;Timeout;undefined;
+/own-1.0/thread/ping/ECHO_REQUEST/msghandler;0;Handler;undefined;
+/own-1.0/thread/ping/STATUS;1;STATUS;IDLE;
+/own-1.0/thread/ping/STATUS/timeout;0;Timeout;undefined;
+/own-1.0/thread/ping/STATUS/msghandler;0;Handler;undefined;
+/own-1.0/thread/ping/MAIN;1;MAIN;;
+/own-1.0/thread/ping/MAIN/timeout;0;Timeout;undefined;
+/own-1.0/thread/ping/MAIN/msghandler;0;Handler;installed;
+/own-1.0/thread/ping/LAUNCHED;1;LAUNCHED;;
+/own-1.0/thread/ping/LAUNCHED/timeout;0;Timeout;undefined;
+/own-1.0/thread/ping/LAUNCHED/msghandler;0;Handler;installed;
+/own-1.0/thread/ping/DIAGNOSTICS;1;DIAGNOSTICS;;
+/own-1.0/thread/ping/DIAGNOSTICS/timeout;0;Timeout;undefined;
+/own-1.0/thread/ping/DIAGNOSTICS/msghandler;0;Handler;installed;
+/own-1.0/thread/ping/INFO;1;INFO;;
+/own-1.0/thread/ping/INFO/timeout;0;Timeout;undefined;
+/own-1.0/thread/ping/INFO/msghandler;0;Handler;installed;
+/own-1.0/thread/ping/LAUNCHPARAMS;1;LAUNCHPARAMS;;
+/own-1.0/thread/ping/LAUNCHPARAMS/timeout;0;Timeout;undefined;
+/own-1.0/thread/ping/LAUNCHPARAMS/msghandler;0;Handler;undefined;
+/own-1.0/thread/ping/SETUPTIME;1;SETUPTIME;thread=0ms, (synchronous setup);
+/own-1.0/thread/ping/SETUPTIME/timeout;0;Timeout;undefined;
+/own-1.0/thread/ping/SETUPTIME/msghandler;0;Handler;undefined;
+/own-1.0/instances;1;Instances;2;
+/own-1.0/instances/own-1.0;1;Instance;own-1.0;
+/own-1.0/instances/own-1.0/stream;0;Stream;own-1.0;
+/own-1.0/instances/own-1.0/in;0;Incoming;0;
+/own-1.0/instances/own-1.0/out;0;Outgoing;0;
+/own-1.0/instances/own-1.0/handlers;0;Handlers;0;
+/own-1.0/instances/other-2.0;1;Instance;other-2.0;
+/own-1.0/instances/other-2.0/stream;0;Stream;other-2.0;
+/own-1.0/instances/other-2.0/in;1;Incoming;1;
+/own-1.0/instances/other-2.0/in/msg42;1;msg[00:16:40];00000042;
+/own-1.0/instances/other-2.0/in/msg42/version;0;@CV>Version;2.05;
+/own-1.0/instances/other-2.0/in/msg42/target;0;Target;other-2.0;
+/own-1.0/instances/other-2.0/in/msg42/sender;0;Sender;own-1.0;
+/own-1.0/instances/other-2.0/in/msg42/senderid;0;Sender-ID;localhost:mac4711;
+/own-1.0/instances/other-2.0/in/msg42/timeout;0;Timeout;30;
+/own-1.0/instances/other-2.0/in/msg42/type;0;Type;Tessaly;
+/own-1.0/instances/other-2.0/in/msg42/request;0;Response-Request;Result Processed
+/own-1.0/instances/other-2.0/in/msg42/headers;1;Headers;;
+/own-1.0/instances/other-2.0/in/msg42/headers/Colour;0;Colour;red;
+/own-1.0/instances/other-2.0/in/msg42/timestamp;0;Timestamp;00:16:40;
+/own-1.0/instances/other-2.0/in/msg42/serialnumber;0;Serial-Number;42;
+/own-1.0/instances/other-2.0/in/msg42/received;0;Received;undefined;
+/own-1.0/instances/other-2.0/in/msg42/result;0;Result;undefined;
+/own-1.0/instances/other-2.0/in/msg42/error;0;Error;undefined;
+/own-1.0/instances/other-2.0/in/msg42/body;1;Body;7 bytes;
+/own-1.0/instances/other-2.0/in/msg42/body/text;0;Text;one
+/own-1.0/instances/other-2.0/out;0;Outgoing;0;
+/own-1.0/instances/other-2.0/handlers;0;Handlers;0;
+/own-1.0/connector;1;Connector;table;
+/own-1.0/connector/name;0;Name;test;
+/own-1.0/connector/good;0;Readable;yes;
+/own-1.0/connector/changed;0;Changed;undefined;
+/own-1.0/connector/apps;1;Applications;2;
+/own-1.0/connector/apps/own-1.0;1;own-1.0;/apps/own-1.0;
+/own-1.0/connector/apps/own-1.0/name;0;Display name;;
+/own-1.0/connector/apps/own-1.0/process;0;Process;undefined;
+/own-1.0/connector/apps/other-2.0;1;other-2.0;/apps/other-2.0;
+/own-1.0/connector/apps/other-2.0/name;0;Display name;;
+/own-1.0/connector/apps/other-2.0/process;0;Process;815;
+/own-1.0/connector/groups;1;Groups;1;
+/own-1.0/connector/groups/0;0;Entry;suite/7.0/own-1.*;
+)";
+    SoString text;
+    Convey::getDiagnostics(text, false);
+    EXPECT_EQ(std::string(text.c_str()), expected);
+}
+
+} // namespace
