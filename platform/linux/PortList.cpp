@@ -98,8 +98,8 @@ bool readFills(Fills& fills) {
             return false;
         }
         auto left = static_cast<unsigned>(length);
-        for (const auto* header = reinterpret_cast<const nlmsghdr*>(answer); NLMSG_OK(header, left);
-             header = NLMSG_NEXT(header, left)) {
+        for (const auto* header = static_cast<const nlmsghdr*>(static_cast<const void*>(answer));
+             NLMSG_OK(header, left); header = recordBehind(header, header->nlmsg_len, left)) {
             if (header->nlmsg_type == NLMSG_DONE) {
                 return true;
             }

@@ -360,7 +360,7 @@ Exit send(const Output& output, const SendOptions& options) {
     message.setBody(SoString(bodyOf(options).c_str()));
     const bool isAsking = options.waitSeconds != 0;
     message.setResponseRequest(isAsking ? "Received Result Error Timeout Processed" : "");
-    message.setTimeout(static_cast<int32_t>(options.waitSeconds));
+    message.setTimeout(options.waitSeconds);
     const uint32_t serial = message.getNextSerialNumber(nullptr);
     message.setSerialNumber(serial);
     Replies replies(output, message);

@@ -20,8 +20,9 @@ volatile std::sig_atomic_t gEnding = 0;
 } // namespace
 
 Session::Session() {
-    std::signal(SIGINT, [](int) { gEnding = 1; });
-    std::signal(SIGTERM, [](int) { gEnding = 1; });
+    for (const int number : {SIGINT, SIGTERM}) {
+        (void)std::signal(number, [](int) { gEnding = 1; }); // both can be handled
+    }
     // With its number, so that any number of them can run at once.
     const std::string name = "convey" + std::to_string(platform::Processes::system().ownNumber()) +
                              "-" + Convey::kVersion;
@@ -59,7 +60,7 @@ void Session::pumpFor(int64_t milliseconds) {
 }
 
 Convey::Specifier completed(const std::string& text) {
-    const Convey::Specifier specifier(text.c_str(), true);
+    Convey::Specifier specifier(text.c_str(), true);
     if (specifier.isEmpty() || specifier.appName().isEmpty()) {
         throw Failure(kUsage, "\"" + text + "\" is no specifier");
     }
