@@ -1,9 +1,11 @@
 // The streams whose names are made of specifiers, which the streams themselves know nothing of.
 #include <memory>
 #include <new>
+#include <string_view>
 
 #include "scriptobjects/convey/SoCVLaunchParameters.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
+#include "scriptobjects/convey/SoCVUtilsCore.h"
 #include "scriptobjects/stream/InterAppStream.h"
 
 namespace ScObjects {
@@ -102,6 +104,15 @@ InterAppStream* ConveyUtils::createNextAvailableInterAppStream(const SoString& n
     } catch (const std::bad_alloc&) {
         return nullptr;
     }
+}
+
+SoString ConveyUtils::getStreamName(const SoString& portName) {
+    const std::string_view prefix = BaseInterAppStream::kPortNamePrefix;
+    std::string_view name = portName.view();
+    if (name.substr(0, prefix.size()) == prefix) {
+        name.remove_prefix(prefix.size());
+    }
+    return SoString(name.data(), static_cast<int32_t>(name.size()));
 }
 
 void ConveyUtils::keepStreamFor(std::unique_ptr<InterAppStream> stream) {

@@ -32,6 +32,9 @@ bool isForwarding(const char* handlerType);
 // version and locale of the specifier.
 SO_EXPORT SoString getLaunchMsgQueueName(const SoString& specifier);
 
+// The name of the stream that a port belongs to; the port's own when it belongs to none.
+SO_EXPORT SoString getStreamName(const SoString& portName);
+
 // Splits a row of the diagnostics text into its path, label and value; `isHeading` is true for a
 // row that has others below it. False, and nothing changed, for what is no row.
 SO_EXPORT bool parseInfoLine(const SoString& row, SoString& path, SoString& label, SoString& value,

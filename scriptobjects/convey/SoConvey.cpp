@@ -311,6 +311,11 @@ bool Convey::bringToFront(const char* target, ConveyContext* context) {
     });
 }
 
+uint32_t Convey::getProcessID(const char* target) {
+    return askConnector(
+        0U, [target](const ConveyConnector& c) { return c.getProcessID(Specifier(target, true)); });
+}
+
 bool Convey::pump(EnabledOperations operations, ConveyContext* context) {
     if (context == nullptr) {
         context = ConveySetupThread::isSetupThreadRunning() ? nullptr

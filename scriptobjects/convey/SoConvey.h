@@ -169,6 +169,10 @@ public:
     // is not registered.
     static bool bringToFront(const char* target, ConveyContext* context);
 
+    // The number of the process in which an application was launched by this one, or reported to
+    // run; 0 when unknown.
+    static uint32_t getProcessID(const char* target);
+
     // Lets every instance of a context (null: the current one) process its queues. True when there
     // was a message. False at once while the layer is being set up.
     static bool pump(EnabledOperations operations, ConveyContext* context = nullptr);

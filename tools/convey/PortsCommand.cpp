@@ -2,16 +2,14 @@
 #include <ostream>
 
 #include "platform/MessagePort.h"
-#include "scriptobjects/stream/BaseInterAppStream.h"
+#include "scriptobjects/convey/SoCVUtilsCore.h"
 #include "tools/convey/Commands.h"
 
 namespace convey_tool {
 namespace {
 
-// The name without what all ports of the layer begin with.
 std::string streamName(const std::string& port) {
-    const std::string prefix = ScObjects::BaseInterAppStream::kPortNamePrefix;
-    return port.compare(0, prefix.size(), prefix) == 0 ? port.substr(prefix.size()) : port;
+    return std::string(ScObjects::ConveyUtils::getStreamName(port.c_str()).view());
 }
 
 std::string orUnknown(int64_t number) {

@@ -5,14 +5,13 @@
 
 #include "cmd/HostProductInfoFromCapsLib.h"
 #include "platform/Locale.h"
-#include "scriptobjects/connector/SoCVConnector.h"
+#include "scriptobjects/convey/SoCVContext.h"
 #include "tools/convey/Commands.h"
 #include "tools/convey/Session.h"
 
 namespace convey_tool {
 
 using ScObjects::Convey;
-using ScObjects::ConveyConnector;
 using ScObjects::SoString;
 using ScObjects::SoVector;
 
@@ -75,7 +74,7 @@ std::string orDash(const std::string& text) {
 }
 
 void requireRegistry() {
-    if (ConveyConnector::get() == nullptr) {
+    if (Convey::getSharedContext()->getConnector() == nullptr) {
         throw Failure(kNoLayer, "there is no database of installed products; ovrel-caps makes one");
     }
 }
@@ -167,7 +166,7 @@ Exit launch(const Output& output, const LaunchOptions& options) {
         Session::pumpFor(20);
     }
     const bool taken = !session.instance().outgoingMessagePending();
-    const uint32_t process = ConveyConnector::get()->getProcessID(target);
+    const uint32_t process = Convey::getProcessID(target.c_str());
     if (output.json) {
         output.print({{"specifier", toStd(target)},
                       {"ranBefore", ranBefore},
