@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <climits>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -62,6 +63,41 @@ struct Xcb {
         static const auto* const xcb = new Xcb;
         return *xcb;
     }
+};
+
+// One thread connects at a time: the library that finds the display's key works in a buffer that
+// all share.
+class Turn {
+public:
+    Turn() {
+        State& s = state();
+        std::unique_lock<std::mutex> lock(s.mutex);
+        isOurs_ = s.free.wait_for(lock, kTurn, [&s] { return !s.taken; });
+        s.taken = true;
+    }
+    ~Turn() {
+        if (isOurs_) {
+            State& s = state();
+            const std::lock_guard<std::mutex> guard(s.mutex);
+            s.taken = false;
+            s.free.notify_one();
+        }
+    }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+    bool isOurs() const { return isOurs_; }
+
+private:
+    struct State {
+        std::mutex mutex;
+        std::condition_variable free;
+        bool taken = false;
+    };
+    static State& state() {
+        static auto* const state = new State;
+        return *state;
+    }
+    bool isOurs_ = false;
 };
 
 struct FreeReply {
@@ -164,11 +200,9 @@ std::unique_ptr<WindowManager> WindowManager::connect() {
     }
     int screenNumber = 0;
     {
-        // One at a time: the library that finds the display's key works in a buffer that all share.
-        static auto* const mutex = new std::timed_mutex;
-        const std::unique_lock<std::timed_mutex> lock(*mutex, kTurn);
-        if (!lock.owns_lock()) {
-            return nullptr; // whoever is in it waits for a server that does not answer
+        const Turn turn;
+        if (!turn.isOurs()) {
+            return nullptr; // whoever has it waits for a server that does not answer
         }
         connection->display = xcb.connect(nullptr, &screenNumber);
     }
