@@ -19,7 +19,8 @@ namespace platform {
 // Any other path is a program. All are absolute.
 //
 // Porting contract: starting waits until the new program is loaded or could not be, nothing else
-// blocks. No text reaches a shell. Threads: any.
+// blocks. The calling process may be told of a child of its own that has ended. No text reaches a
+// shell. Threads: any.
 class Processes : public Service<Processes> {
 public:
     virtual ~Processes() = default;
