@@ -130,7 +130,8 @@ TEST_F(ConveyToolTest, showsWhatWaitsAndRemovesWhatIsStale) {
     RunningProcess sender({SEND, "lumen-2.5-en_us", "--from", "sender-1.0", "--count", "3"});
     EXPECT_EQ(sender.finish(), 0);
     // A sender that has ended is no connection, but what it has sent still waits.
-    for (const auto& port : json({"ports"})["ports"]) {
+    const Json seenPorts = json({"ports"});
+    for (const auto& port : seenPorts["ports"]) {
         if (port["name"] == "lumen-2.5-en_us") {
             EXPECT_EQ(port["process"], lumen->pid());
             EXPECT_TRUE(port.contains("waitingBytes"));
