@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 #include <memory>
-#include <random>
 #include <string>
-#include <vector>
 
 #include "platform/fake/Fakes.h"
 #include "scriptobjects/convey/SoCVMessageQueue.h"
@@ -214,76 +212,6 @@ TEST_F(MessageQueueTest, writesTheRowsOfItsMessages) {
     EXPECT_EQ(queue.appendDiagnostics(rows, "/log/x"), 1);
     EXPECT_NE(rows.view().find(";Headers;(no headers);\n"), std::string_view::npos);
     EXPECT_NE(rows.view().find("/body;0;Body;(empty);\n"), std::string_view::npos);
-}
-
-TEST_F(MessageQueueTest, agreesWithAModel) {
-    const unsigned seed = std::random_device()();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
-    struct Modelled {
-        std::string body;
-        bool watcher;
-        uint32_t result;
-        int64_t deadline; // 0: none
-    };
-    std::vector<Modelled> model;
-    MessageQueue queue;
-    int64_t now = 1'000'000;
-    const auto expire = [&] {
-        std::erase_if(model,
-                      [&](const Modelled& m) { return m.deadline != 0 && now >= m.deadline; });
-    };
-    for (int step = 0; step < 20'000; ++step) {
-        const auto serial = static_cast<uint32_t>(random() % 3);
-        switch (random() % 5) {
-        case 0:
-        case 1: {
-            const bool watcher = random() % 3 == 0;
-            const auto timeout = static_cast<int32_t>(random() % 20) - 1;
-            const bool endless = timeout < 0;
-            const int32_t seconds = timeout == 0 ? 600 : timeout;
-            if (timeout == 0 && watcher) {
-                break; // expires at once: see above
-            }
-            const std::string body = std::to_string(step);
-            ASSERT_TRUE(
-                queue.append(make(body.c_str(), watcher ? "Ignore" : "query", timeout, serial)));
-            model.push_back({body, watcher, serial, endless ? 0 : now + seconds});
-            break;
-        }
-        case 2: {
-            // Only what the taking comes across is retired; the rest is, too, sooner or later.
-            expire();
-            std::vector<Modelled> aside;
-            std::string expected = "-";
-            while (!model.empty() && expected == "-") {
-                const Modelled front = model.front();
-                model.erase(model.begin());
-                if (front.watcher && front.result == serial) {
-                    aside.push_back(front);
-                } else {
-                    expected = front.body;
-                }
-            }
-            model.insert(model.end(), aside.begin(), aside.end());
-            ASSERT_EQ(next(queue, serial), expected);
-            break;
-        }
-        case 3:
-            now += random() % 3;
-            clock.utc = now * 1000;
-            break;
-        default:
-            expire();
-            queue.removeExpiredMessages();
-            std::string expected;
-            for (const Modelled& m : model) {
-                expected += m.body + " ";
-            }
-            ASSERT_EQ(rest(queue), expected);
-            ASSERT_EQ(queue.isEmpty(), model.empty());
-        }
-    }
 }
 
 } // namespace

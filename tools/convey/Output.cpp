@@ -51,10 +51,15 @@ const char* codeOf(Style style) {
 } // namespace
 
 std::string Output::show(const std::string& text, Style style) const {
-    std::string shown = text;
-    for (char& c : shown) {
-        const auto byte = static_cast<unsigned char>(c);
-        c = byte < 0x20 || byte == 0x7f ? '?' : c;
+    std::string shown;
+    shown.reserve(text.size());
+    for (size_t i = 0; i < text.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : 0);
+        // U+0080 to U+009F steer some terminals as well.
+        const bool isSecondRange = byte == 0xC2 && next >= 0x80 && next < 0xA0;
+        i += isSecondRange ? 1 : 0;
+        shown += byte < 0x20 || byte == 0x7f || isSecondRange ? '?' : text[i];
     }
     return colour && style != Style::plain ? codeOf(style) + shown + "\x1b[0m" : shown;
 }
