@@ -114,7 +114,9 @@ public:
     virtual ~PortWait() = default;
 
     // From now on a text that arrives at `port` ends a wait, until the port is gone. A text that
-    // was there before ends one wait, and no further one until another arrives.
+    // was there before ends one wait, and no further one until another arrives. That somebody has
+    // removed what makes the port known to others is reported during a wait, where the system can
+    // tell.
     virtual void add(const LocalPort& port) = 0;
 
     // Whether a port that somebody opens ends a wait too, as far as the system can tell.
@@ -148,6 +150,10 @@ public:
     // Sends to one name from several threads go one after another.
     virtual SendResult send(const std::string& name, std::string_view text,
                             int64_t timeoutMilliseconds) = 0;
+
+    // Gives back what sending keeps for later (connections), as far as no thread is sending. The
+    // next send makes it anew; nothing that was delivered is lost.
+    virtual void closeConnections() = 0;
 
     // A wait for ports that these ports have opened; null when the system gives none.
     [[nodiscard]] virtual std::unique_ptr<PortWait> newWait() = 0;

@@ -249,6 +249,8 @@ public:
         return SendResult::delivered;
     }
 
+    void closeConnections() override {} // there are none
+
     std::unique_ptr<PortWait> newWait() override { return std::make_unique<Wait>(*this); }
 
     std::vector<PortDescription> list() override {

@@ -37,6 +37,8 @@ public:
         return sender().send(name, text, timeoutMilliseconds);
     }
 
+    void closeConnections() override { sender().closeIdle(); }
+
     std::unique_ptr<PortWait> newWait() override { return PortWaiter::make(); }
 
     std::vector<PortDescription> list() override { return listPorts(); }

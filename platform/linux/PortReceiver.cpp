@@ -101,6 +101,17 @@ public:
         port->removeFiles();
     }
 
+    std::vector<std::string> lostFiles() {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        std::vector<std::string> files;
+        for (const PortReceiver* port : ports_) {
+            if (!ended_ && !port->holdsLockFile()) {
+                files.push_back(port->lockPath());
+            }
+        }
+        return files;
+    }
+
 private:
     void end() {
         const std::lock_guard<std::mutex> guard(mutex_);
@@ -129,6 +140,18 @@ std::unique_ptr<PortReceiver> PortReceiver::open(const std::string& name) {
     }
     std::unique_ptr<PortReceiver> port(new PortReceiver(std::move(folder), portFileName(name)));
     return OpenPorts::instance().open(port.get()) ? std::move(port) : nullptr;
+}
+
+std::string PortReceiver::lockPath() const {
+    return folder_.path() + "/" + fileName_ + kLockEnding;
+}
+
+void PortReceiver::reportLost() {
+    for (const std::string& file : OpenPorts::instance().lostFiles()) {
+        Log::system().problem(file +
+                              " was removed: no other process finds this port until this one "
+                              "is started again");
+    }
 }
 
 PortReceiver::~PortReceiver() {

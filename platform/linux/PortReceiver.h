@@ -29,6 +29,13 @@ public:
     // Readable when something has arrived; to be waited for, not to be read.
     int events() const { return events_.get(); }
 
+    // The file whose lock says that the name is owned.
+    std::string lockPath() const;
+
+    // Reports the ports of this process whose files somebody has removed: who is connected can go
+    // on, but nobody finds them any more. Threads: any.
+    static void reportLost();
+
 private:
     struct Connection {
         PortDescriptor socket;

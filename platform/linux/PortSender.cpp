@@ -9,6 +9,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <thread>
+#include <vector>
 
 #include "platform/Log.h"
 #include "platform/linux/PortDescriptor.h"
@@ -328,6 +329,19 @@ void PortSender::forget(const std::string& name, const std::shared_ptr<Connectio
     if (found != cache_.end() && found->second.connection == connection &&
         connection.use_count() == 2) {
         cache_.erase(found);
+    }
+}
+
+void PortSender::closeIdle() {
+    std::vector<std::shared_ptr<Connection>> closed; // outside of the lock
+    const std::lock_guard<std::mutex> guard(mutex_);
+    for (auto i = cache_.begin(); i != cache_.end();) {
+        if (i->second.connection.use_count() == 1) {
+            closed.push_back(std::move(i->second.connection));
+            i = cache_.erase(i);
+        } else {
+            ++i;
+        }
     }
 }
 

@@ -22,6 +22,8 @@ public:
     PortSender& operator=(const PortSender&) = delete;
 
     SendResult send(const std::string& name, std::string_view text, int64_t timeoutMilliseconds);
+    // Closes the connections that no thread is using.
+    void closeIdle();
 
 private:
     class Connection;

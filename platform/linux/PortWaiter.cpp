@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
@@ -17,7 +18,7 @@ namespace {
 
 constexpr uint64_t kPort = 0;
 constexpr uint64_t kWake = 1;
-constexpr uint64_t kNames = 2;
+constexpr uint64_t kFiles = 2;
 constexpr int kEventsAtOnce = 16;
 constexpr int64_t kLongestMilliseconds = 3'600'000; // what an int holds
 
@@ -52,26 +53,58 @@ bool PortWaiter::watch(int fd, uint64_t kind) const {
     return epoll_ctl(events_.get(), EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
+// Every change of the file's state, the removal of its last name among them, is an event.
+bool PortWaiter::watchFile(const std::string& path, int& number) {
+    if (!files_) {
+        PortDescriptor files(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+        if (!files || !watch(files.get(), kFiles)) {
+            return false;
+        }
+        files_ = std::move(files);
+    }
+    number = inotify_add_watch(files_.get(), path.c_str(), IN_ATTRIB);
+    return number >= 0;
+}
+
 void PortWaiter::add(const LocalPort& port) {
-    (void)watch(static_cast<const PortReceiver&>(port).events(), kPort); // else it is polled
+    const auto& receiver = static_cast<const PortReceiver&>(port);
+    (void)watch(receiver.events(), kPort); // else it is polled
+    const std::lock_guard<std::mutex> guard(mutex_);
+    int number = -1;                              // the watch ends with the file
+    (void)watchFile(receiver.lockPath(), number); // else the loss of the file shows later
 }
 
 void PortWaiter::watchNames(bool on) {
     const std::lock_guard<std::mutex> guard(mutex_);
-    if (on == static_cast<bool>(names_)) {
+    if (on == (names_ >= 0)) {
         return;
     }
-    names_.reset();
+    if (!on) {
+        (void)inotify_rm_watch(files_.get(), names_); // gone already when the folder is
+        names_ = -1;
+        return;
+    }
     PortFolder folder;
-    if (!on || folder.open(PortFolder::Use::ifThere) != PortFolder::State::usable) {
-        return;
-    }
-    PortDescriptor names(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    if (names && inotify_add_watch(names.get(), folder.path().c_str(), IN_ATTRIB) >= 0 &&
-        watch(names.get(), kNames)) {
-        names_ = std::move(names);
+    if (folder.open(PortFolder::Use::ifThere) == PortFolder::State::usable &&
+        watchFile(folder.path(), names_)) {
         wake(); // for a name that came before the watch
     }
+}
+
+// True when something has happened to the file of a port.
+bool PortWaiter::readFileEvents() {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    bool ofPorts = false;
+    alignas(inotify_event) char block[4096];
+    for (ssize_t bytes; (bytes = read(files_.get(), block, sizeof block)) > 0;) {
+        for (ssize_t at = 0; at < bytes;) {
+            inotify_event event{};
+            std::memcpy(&event, block + at, sizeof event);
+            at += static_cast<ssize_t>(sizeof event + event.len);
+            ofPorts = ofPorts || event.wd != names_;
+        }
+    }
+    return ofPorts;
 }
 
 void PortWaiter::wake() {
@@ -91,9 +124,8 @@ bool PortWaiter::wait(int64_t timeoutMilliseconds) {
         const uint64_t kind = events[i].data.u64;
         if (kind == kWake) {
             drain(wakes_.get());
-        } else if (kind == kNames) {
-            const std::lock_guard<std::mutex> guard(mutex_);
-            drain(names_.get());
+        } else if (kind == kFiles && readFileEvents()) {
+            PortReceiver::reportLost();
         }
     }
     return count > 0;

@@ -3,13 +3,15 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <string>
 
 #include "platform/MessagePort.h"
 #include "platform/linux/PortDescriptor.h"
 
 namespace platform {
 
-// Waits for the events of ports, for a call of `wake` and for new files in the port folder.
+// Waits for the events of ports, for a call of `wake` and for new files in the port folder. Notices
+// when the files of a port are removed by somebody else.
 class PortWaiter final : public PortWait {
 public:
     // Null when the system gives no descriptors.
@@ -23,11 +25,14 @@ public:
 private:
     PortWaiter(PortDescriptor events, PortDescriptor wakes);
     bool watch(int fd, uint64_t kind) const;
+    bool watchFile(const std::string& path, int& watch);
+    bool readFileEvents();
 
     const PortDescriptor events_;
     const PortDescriptor wakes_;
-    std::mutex mutex_; // guards what follows
-    PortDescriptor names_;
+    std::mutex mutex_;     // guards what follows
+    PortDescriptor files_; // inotify; missing where the system gives no more of them
+    int names_ = -1;       // its watch on the folder, while names are watched
 };
 
 } // namespace platform

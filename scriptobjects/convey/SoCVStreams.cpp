@@ -3,6 +3,7 @@
 #include <new>
 #include <string_view>
 
+#include "platform/MessagePort.h"
 #include "scriptobjects/convey/SoCVLaunchParameters.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/convey/SoCVUtilsCore.h"
@@ -131,6 +132,7 @@ void InterAppStream::InitTerm::init(const SoString& specifier) {
 void InterAppStream::InitTerm::exit() {
     KeptStream::instance().set(nullptr);
     ProcessStream::instance().set(nullptr);
+    platform::MessagePorts::system().closeConnections(); // kept for the next message until now
 }
 
 InterAppStream* InterAppStream::get() {

@@ -15,6 +15,7 @@ public:
         // Makes the process's stream, named after the specifier with the suffix "ping", in place of
         // the one that was. There is none afterwards when no such name is free.
         static void init(const SoString& specifier);
+        // Also closes the connections that sending has kept open.
         static void exit();
     };
 

@@ -1,0 +1,420 @@
+// Ten processes that talk, while they are killed, stopped and continued at random moments,
+// strangers to the protocol write to their ports, and the database is replaced and taken away below
+// them. Afterwards the journals must agree: what was acknowledged was handled, nothing was handled
+// twice, no process was stuck, and nothing is left behind. Usage: soak [SECONDS [PROCESSES [SEED]]]
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <random>
+#include <set>
+#include <sstream>
+#include <string>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "tests/soak/Journal.h"
+#include "tests/support/Process.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace {
+
+using Time = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+// Sending to a target that takes nothing may wait for ten seconds; the rest is a busy machine.
+constexpr milliseconds kLongestSilence{20'000};
+constexpr milliseconds kUntilEnd{60'000};
+constexpr int64_t kHeapGrowthBytes = 256 << 10; // tables of what was seen are bounded, not empty
+
+struct Worker {
+    pid_t pid = -1;
+    bool stopped = false;
+    Time::time_point continueAt;
+    uint64_t beats = 0;
+    Time::time_point lastBeat;
+};
+
+class Soak {
+public:
+    Soak(unsigned count, unsigned seed) : workers_(count), seed_(seed), random_(seed) {
+        setenv("XDG_RUNTIME_DIR", folder_.file("run").c_str(), 1);
+        setenv("HOME", folder_.file("home").c_str(), 1);
+        setenv("OVREL_CAPS_DB", database_.c_str(), 1);
+        for (const char* name : {"run", "home"}) {
+            std::filesystem::create_directory(folder_.file(name));
+            std::filesystem::permissions(folder_.file(name), std::filesystem::perms::owner_all);
+        }
+        for (unsigned i = 0; i < count; ++i) {
+            const ProcessResult added =
+                runProcess({OVREL_CAPS_TOOL, "add-app", "soak" + std::to_string(i) + "-1.0",
+                            "--path", SOAK_WORKER});
+            if (added.exitStatus != 0) {
+                throw std::runtime_error("the database is not made: " + added.err);
+            }
+        }
+        std::filesystem::copy_file(database_, folder_.file("copy.db"));
+        const int file = open(folder_.file("states").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        if (ftruncate(file, sizeof(soak::States)) != 0) {
+            throw std::runtime_error("no shared page");
+        }
+        states_ = static_cast<soak::States*>(
+            mmap(nullptr, sizeof(soak::States), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0));
+        close(file);
+    }
+    ~Soak() {
+        for (const Worker& worker : workers_) {
+            if (worker.pid > 0) {
+                kill(worker.pid, SIGKILL);
+                waitpid(worker.pid, nullptr, 0);
+            }
+        }
+    }
+    Soak(const Soak&) = delete;
+    Soak& operator=(const Soak&) = delete;
+
+    int run(milliseconds duration) {
+        for (unsigned i = 0; i < workers_.size(); ++i) {
+            start(i);
+        }
+        const auto end = Time::now() + duration;
+        while (Time::now() < end && violations_.size() < 100) {
+            std::this_thread::sleep_for(milliseconds(20));
+            look();
+            if (upTo(9) == 0) { // about five times a second
+                disturb();
+            }
+        }
+        finish();
+        judge();
+        report(duration);
+        return violations_.empty() ? 0 : 1;
+    }
+
+private:
+    unsigned upTo(unsigned most) { return static_cast<unsigned>(random_() % (most + 1)); }
+    std::string journal(unsigned index) const {
+        return folder_.file("journal." + std::to_string(index));
+    }
+    void violation(const std::string& text) { violations_.push_back(text); }
+
+    void start(unsigned index) {
+        const std::string words[] = {SOAK_WORKER,
+                                     folder_.file("states"),
+                                     journal(index),
+                                     std::to_string(index),
+                                     std::to_string(workers_.size()),
+                                     std::to_string(seed_ + ++starts_)};
+        Worker& worker = workers_[index];
+        worker = {};
+        worker.lastBeat = Time::now();
+        worker.beats = (*states_)[index].beats.load();
+        worker.pid = fork();
+        if (worker.pid == 0) {
+            std::vector<char*> arguments;
+            for (const std::string& word : words) {
+                arguments.push_back(const_cast<char*>(word.c_str()));
+            }
+            arguments.push_back(nullptr);
+            execv(SOAK_WORKER, arguments.data());
+            _exit(127);
+        }
+    }
+
+    // Sees who is silent, who has ended, and who has been stopped for long enough.
+    void look() {
+        const auto now = Time::now();
+        for (unsigned i = 0; i < workers_.size(); ++i) {
+            Worker& worker = workers_[i];
+            int status = 0;
+            if (waitpid(worker.pid, &status, WNOHANG) == worker.pid) {
+                violation("worker " + std::to_string(i) + " ended by itself, status " +
+                          std::to_string(status));
+                start(i);
+                continue;
+            }
+            if (worker.stopped && now >= worker.continueAt) {
+                kill(worker.pid, SIGCONT);
+                worker.stopped = false;
+                worker.lastBeat = now;
+            }
+            const uint64_t beats = (*states_)[i].beats.load();
+            if (worker.stopped || beats != worker.beats) {
+                worker.beats = beats;
+                worker.lastBeat = now;
+            }
+            const auto silence = std::chrono::duration_cast<milliseconds>(now - worker.lastBeat);
+            longestSilence_ = std::max(longestSilence_, silence);
+            if (silence > kLongestSilence) {
+                violation("worker " + std::to_string(i) + " is stuck");
+                kill(worker.pid, SIGKILL);
+                waitpid(worker.pid, nullptr, 0);
+                start(i);
+            }
+        }
+    }
+
+    void disturb() {
+        const unsigned index = upTo(static_cast<unsigned>(workers_.size()) - 1);
+        Worker& worker = workers_[index];
+        switch (upTo(9)) {
+        case 0:
+            kill(worker.pid, SIGKILL);
+            waitpid(worker.pid, nullptr, 0);
+            ++kills_;
+            start(index);
+            break;
+        case 1:
+        case 2:
+        case 3:
+        case 4:
+            if (!worker.stopped) {
+                kill(worker.pid, SIGSTOP);
+                worker.stopped = true;
+                worker.continueAt = Time::now() + milliseconds(10 + upTo(3000));
+                ++stops_;
+            }
+            break;
+        case 5:
+            changeDatabase();
+            break;
+        default:
+            writeGarbage(index);
+        }
+    }
+
+    void changeDatabase() {
+        ++databaseChanges_;
+        switch (upTo(2)) {
+        case 0: { // replaced
+            const std::string next = folder_.file("next.db");
+            std::filesystem::copy_file(folder_.file("copy.db"), next);
+            std::filesystem::rename(next, database_);
+            break;
+        }
+        case 1: // gone for a moment
+            std::filesystem::rename(database_, folder_.file("away.db"));
+            std::this_thread::sleep_for(milliseconds(upTo(100)));
+            std::filesystem::rename(folder_.file("away.db"), database_);
+            break;
+        default: // written by a packager
+            (void)runProcess({OVREL_CAPS_TOOL, "add-app",
+                              "other-" + std::to_string(upTo(99)) + ".0", "--path", "/opt/other"});
+        }
+    }
+
+    // A process of the same user that does not keep to the protocol, and dies in the middle.
+    void writeGarbage(unsigned index) {
+        ++garbage_;
+        const pid_t child = fork();
+        if (child == 0) {
+            const int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+            sockaddr_un address{};
+            address.sun_family = AF_UNIX;
+            const std::string path =
+                folder_.file("run/convey/soak" + std::to_string(index) + "-1.0" +
+                             (upTo(1) == 0 ? ".socket" : "%23thread.socket"));
+            path.copy(address.sun_path, sizeof address.sun_path - 1);
+            alarm(5); // its victim may be stopped
+            if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+                unsigned char packet[2000];
+                for (unsigned i = upTo(20); i > 0; --i) {
+                    for (unsigned char& byte : packet) {
+                        byte = static_cast<unsigned char>(random_());
+                    }
+                    // The head of a packet of ours: version, a kind, and a length in the clouds.
+                    const unsigned char head[] = {
+                        'C', 'V', 'M', 'P', 1, static_cast<unsigned char>(upTo(2)), 0, 0};
+                    if (upTo(1) == 0) {
+                        std::copy(std::begin(head), std::end(head), packet);
+                        std::fill(packet + 11, packet + 16, static_cast<unsigned char>(0));
+                    }
+                    if (send(fd, packet, upTo(sizeof packet), MSG_NOSIGNAL) < 0) {
+                        break;
+                    }
+                }
+            }
+            _exit(0);
+        }
+        waitpid(child, nullptr, 0);
+    }
+
+    void finish() {
+        const auto end = Time::now() + kUntilEnd;
+        for (const Worker& worker : workers_) {
+            kill(worker.pid, SIGCONT);
+            kill(worker.pid, SIGTERM);
+        }
+        for (unsigned i = 0; i < workers_.size(); ++i) {
+            Worker& worker = workers_[i];
+            int status = 0;
+            pid_t ended = 0;
+            while ((ended = waitpid(worker.pid, &status, WNOHANG)) == 0 && Time::now() < end) {
+                std::this_thread::sleep_for(milliseconds(20));
+            }
+            if (ended == 0) {
+                violation("worker " + std::to_string(i) + " does not end");
+                continue; // killed by the destructor
+            }
+            worker.pid = -1;
+            if (status != 0) {
+                violation("worker " + std::to_string(i) + " ended with status " +
+                          std::to_string(status));
+            }
+        }
+        std::error_code error;
+        for (const auto& entry :
+             std::filesystem::directory_iterator(folder_.file("run/convey"), error)) {
+            violation("left behind: " + entry.path().filename().string());
+        }
+    }
+
+    void judge() {
+        std::map<std::string, int> handled;
+        std::set<std::string> acknowledged;
+        for (unsigned i = 0; i < workers_.size(); ++i) {
+            std::ifstream lines(journal(i));
+            for (std::string line; std::getline(lines, line);) {
+                std::istringstream words(line);
+                std::string kind;
+                std::string id;
+                words >> kind >> id;
+                ++events_[kind];
+                if (kind == "H") {
+                    ++handled[id];
+                } else if (kind == "A") {
+                    acknowledged.insert(id);
+                } else if (kind == "X" || kind == "S") {
+                    violation((kind == "X" ? "damaged: " : "never heard of again: ") + id);
+                }
+            }
+        }
+        for (const auto& [id, times] : handled) {
+            if (times != 1) {
+                violation("handled " + std::to_string(times) + " times: " + id);
+            }
+        }
+        for (const std::string& id : acknowledged) {
+            if (handled.count(id) == 0) {
+                violation("acknowledged, and not handled: " + id);
+            }
+        }
+        judgeResources();
+    }
+
+    // After each stop of the layer a process must be as it was after the first one.
+    void judgeResources() {
+        for (unsigned i = 0; i < workers_.size(); ++i) {
+            std::ifstream lines(journal(i));
+            int64_t first[3] = {-1, -1, -1};
+            int64_t last[3] = {-1, -1, -1};
+            uint64_t life = 0;
+            for (std::string line; std::getline(lines, line);) {
+                std::istringstream words(line);
+                std::string kind;
+                int64_t now[3];
+                words >> kind;
+                if (kind == "P") { // another process
+                    life = 0;
+                } else if (kind == "C" && words >> now[0] >> now[1] >> now[2]) {
+                    // The first life fills what is made once and kept.
+                    if (++life == 2) {
+                        std::copy(std::begin(now), std::end(now), first);
+                    } else if (life > 2) {
+                        std::copy(std::begin(now), std::end(now), last);
+                        compare(i, first, last);
+                    }
+                }
+            }
+        }
+    }
+    void compare(unsigned index, const int64_t (&first)[3], const int64_t (&last)[3]) {
+        ++comparisons_;
+        heapGrowth_ = std::max(heapGrowth_, last[2] - first[2]);
+        if (last[0] != first[0] || last[1] != first[1] || last[2] - first[2] > kHeapGrowthBytes) {
+            violation("worker " + std::to_string(index) + " holds " + std::to_string(last[0]) +
+                      " descriptors, " + std::to_string(last[1]) + " threads, " +
+                      std::to_string(last[2]) + " bytes; after its second life " +
+                      std::to_string(first[0]) + ", " + std::to_string(first[1]) + ", " +
+                      std::to_string(first[2]));
+        }
+    }
+
+    void report(milliseconds duration) {
+        uint64_t sent = 0;
+        uint64_t refused = 0;
+        for (const soak::WorkerState& state : *states_) {
+            sent += state.sent.load();
+            refused += state.refused.load();
+        }
+        if (events_["A"] == 0 || comparisons_ == 0) {
+            violation("nothing was acknowledged or compared: the run proves nothing");
+        }
+        std::printf("%lld s, %zu processes, seed %u\n",
+                    static_cast<long long>(duration.count() / 1000), workers_.size(), seed_);
+        std::printf("disturbances: %u kills, %u stops, %u hostile connections, %u changes of the "
+                    "database\n",
+                    kills_, stops_, garbage_, databaseChanges_);
+        std::printf("requests: %llu sent, %llu refused at once; %d handled, %d results, %d "
+                    "time-outs, %d errors, %d answers to a predecessor\n",
+                    static_cast<unsigned long long>(sent), static_cast<unsigned long long>(refused),
+                    events_["H"], events_["A"], events_["T"], events_["E"], events_["Z"]);
+        std::printf("longest silence of a process that was not stopped: %lld ms\n",
+                    static_cast<long long>(longestSilence_.count()));
+        std::printf("lives of the layer: %d; compared: %d, most heap kept beyond the second: %lld "
+                    "bytes\n",
+                    events_["C"], comparisons_, static_cast<long long>(heapGrowth_));
+        for (const std::string& text : violations_) {
+            std::printf("VIOLATION %s\n", text.c_str());
+        }
+        std::printf("%zu violations\n", violations_.size());
+    }
+
+    const TemporaryFolder folder_;
+    const std::string database_ = folder_.file("caps.db");
+    std::vector<Worker> workers_;
+    const unsigned seed_;
+    std::mt19937 random_;
+    soak::States* states_ = nullptr;
+    unsigned starts_ = 0;
+    unsigned kills_ = 0;
+    unsigned stops_ = 0;
+    unsigned garbage_ = 0;
+    unsigned databaseChanges_ = 0;
+    milliseconds longestSilence_{0};
+    std::map<std::string, int> events_;
+    int comparisons_ = 0;
+    int64_t heapGrowth_ = 0;
+    std::vector<std::string> violations_;
+};
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const auto number = [&](int i, unsigned usual) {
+        return argc > i ? static_cast<unsigned>(std::strtoul(argv[i], nullptr, 10)) : usual;
+    };
+    const unsigned count = number(2, 10);
+    if (count < 2 || count > soak::kMaximumWorkers) {
+        std::fprintf(stderr, "usage: soak [SECONDS [PROCESSES [SEED]]], 2 to %zu processes\n",
+                     soak::kMaximumWorkers);
+        return 2;
+    }
+    try {
+        return Soak(count, number(3, std::random_device()()))
+            .run(std::chrono::seconds(number(1, 600)));
+    } catch (const std::exception& problem) {
+        std::fprintf(stderr, "soak: %s\n", problem.what());
+        return 2;
+    }
+}
