@@ -18,6 +18,13 @@ struct Database::State {
 
     std::mutex mutex;   // guards what follows
     bool stale = false; // a change was seen and could not be read yet
+    // Of the domain data and of the products. A file that was put in the place of another may have
+    // been made in the same second: what is told then must differ all the same.
+    struct ModTime {
+        uint32_t told = 0;
+        uint32_t read = 0;
+        bool replaced = false;
+    } modTimes[2];
     std::unique_ptr<Store> store;
     std::unordered_map<int32_t, std::shared_ptr<const DomainSnapshot>> domains;
     std::shared_ptr<const ProductSnapshot> products;
@@ -88,6 +95,11 @@ Status Database::refreshLocked() {
     std::unique_ptr<Store> store;
     const Status status = openLocked(store);
     if (status == Status::ok) {
+        if (!store->isOnFileOf(*state_->store)) {
+            for (State::ModTime& time : state_->modTimes) {
+                time.replaced = true;
+            }
+        }
         state_->store = std::move(store);
         state_->stale = false;
         state_->domains.clear();
@@ -126,11 +138,23 @@ Status Database::products(bool refresh, std::shared_ptr<const ProductSnapshot>& 
 
 Status Database::modTimes(bool ofProducts, uint32_t& out) {
     const std::lock_guard<std::mutex> lock(state_->mutex);
-    const Status status = refreshLocked();
+    Status status = refreshLocked();
+    uint32_t time = 0;
+    if (status == Status::ok) {
+        status = ofProducts ? state_->store->productModTime(time)
+                            : state_->store->domainModTime(time);
+    }
     if (status != Status::ok) {
         return status;
     }
-    return ofProducts ? state_->store->productModTime(out) : state_->store->domainModTime(out);
+    State::ModTime& state = state_->modTimes[ofProducts ? 1 : 0];
+    if (state.replaced || time != state.read) {
+        state.told = time == state.told ? time + 1 : time;
+        state.read = time;
+        state.replaced = false;
+    }
+    out = state.told;
+    return Status::ok;
 }
 
 // Through a connection of its own: reading sessions keep theirs read-only.

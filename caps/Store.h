@@ -156,6 +156,9 @@ public:
     // place.
     bool changed();
 
+    // Whether both were opened on one and the same file, not one in the place of the other.
+    bool isOnFileOf(const Store& other) const;
+
     // Reads rows in one read transaction; the three scans are in the order of registration. For
     // readers that keep the data in a form of their own. A row whose texts are over the limits, or
     // that belongs to nothing, is passed over. The views are good inside the call.

@@ -251,6 +251,10 @@ Status Store::domainModTime(uint32_t& out) {
     return modTime("domain", out);
 }
 
+bool Store::isOnFileOf(const Store& other) const {
+    return impl_->fingerprint.sameFile(other.impl_->fingerprint);
+}
+
 bool Store::changed() {
     const Fingerprint now = Fingerprint::of(impl_->path);
     if (impl_->immutable) {

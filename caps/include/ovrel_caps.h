@@ -157,7 +157,9 @@ CAPS_EXPORT capsStatus capsGetPayloadDataKeys(capsiSession* session, const char*
 CAPS_EXPORT capsStatus capsGetPayloadData(capsiSession* session, const char* payload,
                                           capsDomain domain, const char* key, const char** value);
 
-// When products, and when domain data, were last changed. Looks into the database at every call.
+// When products, and when domain data, were last changed. Looks into the database at every call. A
+// caller that compares sees every change: when another file was put in the place of the first, with
+// the same time in it, the answer is one second later.
 CAPS_EXPORT capsStatus capsGetLastModTime(capsiSession* session, uint32_t* time);
 CAPS_EXPORT capsStatus pcdGetLastModTime(capsiSession* session, uint32_t* time);
 

@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <string>
 #include <thread>
 #include <vector>
@@ -210,10 +211,27 @@ TEST_F(OvrelCapsTest, followsADatabaseThatIsReplaced) {
                   caps::Status::ok);
         ASSERT_EQ(replacement->setDomainData(1, "/replaced", "k", "v"), caps::Status::ok);
     }
-    store.reset();
-    for (const char* suffix : {"", "-wal", "-shm"}) {
-        std::filesystem::rename(other + suffix, path + suffix);
+    // As if both had been made in one and the same second.
+    for (const std::string& file : {path, other}) {
+        sqlite3* connection = nullptr;
+        ASSERT_EQ(sqlite3_open(file.c_str(), &connection), SQLITE_OK);
+        ASSERT_EQ(sqlite3_exec(connection, "UPDATE modification SET time = 7", nullptr, nullptr,
+                               nullptr),
+                  SQLITE_OK);
+        sqlite3_close(connection);
     }
+    uint32_t before = 0;
+    uint32_t after = 0;
+    ASSERT_EQ(BOUND(pcdGetLastModTime)(session, &before), CAPS_OK);
+    store.reset();
+    for (const char* suffix : {"-wal", "-shm"}) {
+        std::filesystem::remove(path + suffix);
+    }
+    std::filesystem::rename(other, path);
+    ASSERT_EQ(BOUND(pcdGetLastModTime)(session, &after), CAPS_OK);
+    EXPECT_NE(after, before);
+    ASSERT_EQ(BOUND(pcdGetLastModTime)(session, &before), CAPS_OK);
+    EXPECT_EQ(after, before) << "and stands still";
     const char** list = nullptr;
     ASSERT_EQ(BOUND(pcdGetDomainDataSubdomains)(session, 1, &list), CAPS_OK);
     EXPECT_EQ(texts(list), (Texts{"/replaced"}));
