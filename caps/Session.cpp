@@ -141,8 +141,8 @@ Status Database::modTimes(bool ofProducts, uint32_t& out) {
     Status status = refreshLocked();
     uint32_t time = 0;
     if (status == Status::ok) {
-        status = ofProducts ? state_->store->productModTime(time)
-                            : state_->store->domainModTime(time);
+        status =
+            ofProducts ? state_->store->productModTime(time) : state_->store->domainModTime(time);
     }
     if (status != Status::ok) {
         return status;

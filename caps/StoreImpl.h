@@ -38,6 +38,8 @@ struct Fingerprint {
     }
 };
 
+constexpr int kCheckpointWaitMilliseconds = 200; // a walk takes a fraction of that
+
 // What SQLite's codes, extended ones too, mean to a caller.
 Status statusOf(int sqliteCode);
 
@@ -66,7 +68,16 @@ struct Store::Impl {
     std::unordered_map<std::string_view, std::unique_ptr<Statement>> statements;
 
     ~Impl() {
-        statements.clear();                 // before their connection
+        statements.clear(); // before their connection
+        if (connection != nullptr && access != Store::Access::read) {
+            // Moves what was written from the file beside the database into it, also while others
+            // have it open: whoever replaces or copies the database then takes all of it, and
+            // leaves nothing that would be applied to another one. A reader in the middle of a walk
+            // hinders that; the next writer does it then.
+            (void)sqlite3_busy_timeout(connection, kCheckpointWaitMilliseconds);
+            (void)sqlite3_wal_checkpoint_v2(connection, nullptr, SQLITE_CHECKPOINT_TRUNCATE,
+                                            nullptr, nullptr);
+        }
         (void)sqlite3_close_v2(connection); // never fails in this form
     }
 

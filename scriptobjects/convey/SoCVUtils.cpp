@@ -13,6 +13,7 @@
 #include "platform/Files.h"
 #include "platform/Frameworks.h"
 #include "platform/Locale.h"
+#include "platform/Log.h"
 #include "platform/Processes.h"
 #include "platform/Random.h"
 #include "scriptobjects/core/SoThread.h"
@@ -73,7 +74,12 @@ private:
         const std::string file = folder + "/" + name_;
         std::string content;
         auto reading = files.readOwn(file, kMaximumIdentifierFile, content);
-        if (reading == platform::Files::Reading::missing && files.makeFolder(folder, kFolderMode)) {
+        if (reading == platform::Files::Reading::missing) {
+            if (!files.makeFolder(folder, kFolderMode)) {
+                platform::Log::system().problem("cannot make the folder " + folder +
+                                                ": messages carry no digest");
+                return SoString();
+            }
             uint8_t bytes[kIdentifierBytes];
             if (!platform::Random::system().fill(bytes, sizeof bytes)) {
                 return SoString();

@@ -215,9 +215,9 @@ TEST_F(OvrelCapsTest, followsADatabaseThatIsReplaced) {
     for (const std::string& file : {path, other}) {
         sqlite3* connection = nullptr;
         ASSERT_EQ(sqlite3_open(file.c_str(), &connection), SQLITE_OK);
-        ASSERT_EQ(sqlite3_exec(connection, "UPDATE modification SET time = 7", nullptr, nullptr,
-                               nullptr),
-                  SQLITE_OK);
+        ASSERT_EQ(
+            sqlite3_exec(connection, "UPDATE modification SET time = 7", nullptr, nullptr, nullptr),
+            SQLITE_OK);
         sqlite3_close(connection);
     }
     uint32_t before = 0;

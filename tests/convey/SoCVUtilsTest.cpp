@@ -99,6 +99,7 @@ TEST_F(HomeTest, withoutAHomeThereIsNoIdentifierAndNoDigest) {
     setenv("HOME", "/nonexistent", 1);
     EXPECT_EQ(Utils::getUserID(), "");
     EXPECT_EQ(Utils::getMD5(SoString("x")), "");
+    EXPECT_FALSE(log.lines.empty()) << "somebody must be told";
     unsetenv("HOME");
     EXPECT_EQ(Utils::getUserID(), "");
 }

@@ -18,43 +18,9 @@
 #include <vector>
 
 #include "platform/fake/Fakes.h"
-#include "tests/support/TemporaryFolder.h"
+#include "tests/platform/PortFixture.h"
 
 namespace {
-
-using platform::LocalPort;
-using platform::MessagePorts;
-using platform::PortText;
-using platform::SendResult;
-
-constexpr int64_t kGenerous = 20'000; // milliseconds; nothing here takes as long
-constexpr const char* kName = "\\\\.\\port\\app-1.0#ping";
-
-std::string takeOne(LocalPort& port) {
-    PortText text;
-    return port.wait(kGenerous, false) && port.take(text) ? std::string(text.view())
-                                                          : std::string("(nothing)");
-}
-
-std::vector<std::string> takeAll(LocalPort& port) {
-    std::vector<std::string> texts;
-    PortText text;
-    while (port.take(text)) {
-        texts.emplace_back(text.view());
-    }
-    return texts;
-}
-
-// Runs `body` in a child and gives its exit status, 255 when a signal ended it.
-int inChild(const std::function<int()>& body) {
-    const pid_t child = fork();
-    if (child == 0) {
-        _exit(body());
-    }
-    int status = 0;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 255;
-}
 
 // What a message port promises, kept by the real ones and by the fake.
 void keepsTheContract(MessagePorts& ports) {
@@ -133,72 +99,6 @@ TEST(FakeMessagePorts, keepTheContract) {
     EXPECT_FALSE(ports.isFree("x"));
 }
 
-// The real ports, in a folder of the test's own.
-class MessagePortTest : public testing::Test {
-protected:
-    MessagePortTest() { setenv("XDG_RUNTIME_DIR", runtime.file("").c_str(), 1); }
-
-    std::string folder() const { return runtime.file("convey"); }
-    std::string fileOf(const char* ending) const {
-        for (const auto& entry : std::filesystem::directory_iterator(folder())) {
-            if (entry.path().extension() == ending) {
-                return entry.path();
-            }
-        }
-        return "(none)";
-    }
-    size_t files() const {
-        return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(folder()),
-                                                 std::filesystem::directory_iterator()));
-    }
-
-    // A socket connected to the only port, as a peer that keeps no rule would have it.
-    int rawConnection() const {
-        const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        // By way of the folder, whose path may be long.
-        const int directory = ::open(folder().c_str(), O_PATH | O_CLOEXEC);
-        const std::string path = "/proc/self/fd/" + std::to_string(directory) + "/" +
-                                 std::filesystem::path(fileOf(".socket")).filename().string();
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
-        const int connected =
-            connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-        close(directory);
-        EXPECT_EQ(connected, 0) << path;
-        return fd;
-    }
-    // A packet's header: kind 1 for a whole text, 2 for an announced one.
-    static std::string header(char kind, uint64_t length) {
-        std::string bytes = {'C', 'V', 'M', 'P', 1, kind, 0, 0};
-        for (int i = 0; i < 8; ++i) {
-            bytes += static_cast<char>(length >> (8 * i));
-        }
-        return bytes;
-    }
-    static std::string packet(const std::string& text) { return header(1, text.size()) + text; }
-    static bool sendRaw(int fd, const std::string& bytes) {
-        return send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
-               static_cast<ssize_t>(bytes.size());
-    }
-    static bool isClosed(int fd) {
-        timeval limit = {5, 0};
-        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-        char byte;
-        return recv(fd, &byte, 1, 0) == 0;
-    }
-    static size_t openDescriptors() {
-        return static_cast<size_t>(
-            std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                          std::filesystem::directory_iterator()));
-    }
-
-    TemporaryFolder runtime;
-    platform::FakeLog log;
-    platform::ScopedReplacement<platform::Log> logInForce{log};
-    MessagePorts& ports = MessagePorts::own();
-};
-
 TEST_F(MessagePortTest, keepsTheContract) {
     keepsTheContract(ports);
     EXPECT_EQ(files(), 0U) << "every port has removed its files";
@@ -222,91 +122,6 @@ TEST_F(MessagePortTest, carriesTextsOfEverySize) {
         sender.join();
         EXPECT_TRUE(received == text) << size << " bytes sent, " << received.size() << " received";
     }
-}
-
-TEST_F(MessagePortTest, survivesGarbage) {
-    const auto port = ports.open(kName);
-    ASSERT_NE(port, nullptr);
-    std::string wrongMagic = packet("text");
-    wrongMagic[0] = 'X';
-    std::string wrongVersion = packet("text");
-    wrongVersion[4] = 2;
-    std::string reserved = packet("text");
-    reserved[7] = 1;
-    const struct {
-        std::string bytes;
-        const char* why;
-    } cases[] = {
-        {"x", "too short for a header"},
-        {std::string(15, '\0'), "one byte too short"},
-        {wrongMagic, "another protocol"},
-        {wrongVersion, "another version"},
-        {reserved, "a byte that has no meaning yet"},
-        {header(0, 4) + "text", "no kind"},
-        {header(3, 4) + "text", "no kind"},
-        {header(1, 5) + "text", "longer than what is there"},
-        {header(1, 3) + "text", "shorter than what is there"},
-        {header(1, UINT64_MAX) + "text", "a forged length"},
-        {header(1, 65537) + std::string(65537, 'x'), "larger than a whole text may be"},
-        {header(2, 0), "announces nothing"},
-        {header(2, MessagePorts::kMaximumTextBytes + 1), "announces too much"},
-        {header(2, UINT64_MAX), "announces too much"},
-        {header(2, 4) + "text", "an announcement comes alone"},
-    };
-    uint64_t closed = 0;
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.why);
-        const int fd = rawConnection();
-        EXPECT_TRUE(sendRaw(fd, packet("before")));
-        EXPECT_TRUE(sendRaw(fd, c.bytes));
-        EXPECT_EQ(takeOne(*port), "before") << "what was well sent arrives";
-        EXPECT_FALSE(port->wait(0, false));
-        EXPECT_TRUE(isClosed(fd));
-        EXPECT_EQ(port->statistics().malformed, ++closed);
-        close(fd);
-    }
-    // Parts that are more than was announced.
-    const int fd = rawConnection();
-    EXPECT_TRUE(sendRaw(fd, header(2, 100'000)) && sendRaw(fd, std::string(99'999, 'x')) &&
-                sendRaw(fd, "xx"));
-    EXPECT_FALSE(port->wait(0, false));
-    EXPECT_TRUE(isClosed(fd));
-    EXPECT_EQ(port->statistics().malformed, ++closed);
-    close(fd);
-    EXPECT_EQ(ports.send(kName, "still here", kGenerous), SendResult::delivered);
-    EXPECT_EQ(takeOne(*port), "still here");
-}
-
-TEST_F(MessagePortTest, keepsNoDescriptorThatIsSentAlong) {
-    const auto port = ports.open(kName);
-    ASSERT_NE(port, nullptr);
-    const int fd = rawConnection();
-    const size_t before = openDescriptors();
-    for (const bool inParts : {false, true}) {
-        const int connection = inParts ? rawConnection() : fd;
-        const std::string bytes = inParts ? "part" : packet("text");
-        if (inParts) {
-            EXPECT_TRUE(sendRaw(connection, header(2, 100)));
-        }
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-        iovec piece = {const_cast<char*>(bytes.data()), bytes.size()};
-        msghdr message{};
-        message.msg_iov = &piece;
-        message.msg_iovlen = 1;
-        message.msg_control = control;
-        message.msg_controllen = sizeof control;
-        cmsghdr* const stray = CMSG_FIRSTHDR(&message);
-        stray->cmsg_level = SOL_SOCKET;
-        stray->cmsg_type = SCM_RIGHTS;
-        stray->cmsg_len = CMSG_LEN(sizeof(int));
-        std::memcpy(CMSG_DATA(stray), &connection, sizeof(int));
-        ASSERT_GT(sendmsg(connection, &message, MSG_NOSIGNAL), 0);
-        EXPECT_FALSE(port->wait(0, false));
-        EXPECT_TRUE(isClosed(connection));
-        close(connection);
-    }
-    EXPECT_EQ(port->statistics().descriptors, 2U);
-    EXPECT_EQ(openDescriptors(), before - 1);
 }
 
 TEST_F(MessagePortTest, aSenderThatDiesAnywhereLeavesNoPart) {
@@ -343,45 +158,6 @@ TEST_F(MessagePortTest, aSenderThatDiesAnywhereLeavesNoPart) {
         EXPECT_EQ(received, expected);
         EXPECT_EQ(port->statistics().connections, 0U);
     }
-}
-
-TEST_F(MessagePortTest, boundsWhatOneProcessKeepsOpen) {
-    const auto port = ports.open(kName);
-    ASSERT_NE(port, nullptr);
-    // Many that each send a text and stay: the oldest are closed, and no text is lost by that.
-    std::vector<int> connections;
-    for (int i = 0; i < 200; ++i) {
-        connections.push_back(rawConnection());
-        EXPECT_TRUE(sendRaw(connections.back(), packet(std::to_string(i))));
-    }
-    EXPECT_EQ(takeAll(*port).size(), 200U);
-    EXPECT_LE(port->statistics().connections, 32U);
-    for (const int fd : connections) {
-        close(fd);
-    }
-    connections.clear();
-    EXPECT_FALSE(port->wait(0, false));
-    // Many that announce the largest text and send some of it.
-    for (int i = 0; i < 60; ++i) {
-        connections.push_back(rawConnection());
-        (void)sendRaw(connections.back(), header(2, MessagePorts::kMaximumTextBytes));
-        (void)sendRaw(connections.back(), "begin");
-        EXPECT_FALSE(port->wait(0, false));
-    }
-    EXPECT_LE(port->statistics().connections, 2U) << "as many as two largest texts";
-    EXPECT_EQ(port->statistics().overLimit, 58U);
-    // And small ones, as many as connections.
-    for (int i = 0; i < 60; ++i) {
-        connections.push_back(rawConnection());
-        (void)sendRaw(connections.back(), header(2, 1));
-        EXPECT_FALSE(port->wait(0, false));
-    }
-    EXPECT_LE(port->statistics().connections, 32U);
-    for (const int fd : connections) {
-        close(fd);
-    }
-    EXPECT_EQ(ports.send(kName, "still here", kGenerous), SendResult::delivered);
-    EXPECT_EQ(takeOne(*port), "still here");
 }
 
 TEST_F(MessagePortTest, readsAClosedConnectionBeforeItsSuccessor) {
@@ -620,41 +396,6 @@ TEST_F(MessagePortTest, noDescriptorSurvivesExec) {
     EXPECT_EQ(sockets, 6) << "folder, lock, events, listener, both ends of a connection";
 }
 
-TEST_F(MessagePortTest, refusesAFolderThatIsNotTheUsersAlone) {
-    ASSERT_EQ(mkdir(runtime.file("/elsewhere").c_str(), 0700), 0);
-    ASSERT_EQ(symlink(runtime.file("/elsewhere").c_str(), folder().c_str()), 0);
-    const auto isRefused = [&](const char* why) {
-        log.lines.clear();
-        EXPECT_EQ(ports.open(kName), nullptr) << why;
-        EXPECT_FALSE(ports.isFree(kName)) << why;
-        EXPECT_EQ(ports.send(kName, "x", kGenerous), SendResult::failed) << why;
-        EXPECT_EQ(log.lines.size(), 1U) << why;
-    };
-    isRefused("a link");
-    ASSERT_EQ(unlink(folder().c_str()), 0);
-    runtime.write("convey", "");
-    isRefused("a file");
-    ASSERT_EQ(unlink(folder().c_str()), 0);
-    for (const mode_t mode : {mode_t{0710}, mode_t{0701}, mode_t{0777}}) {
-        ASSERT_EQ(mkdir(folder().c_str(), 0700), 0);
-        ASSERT_EQ(chmod(folder().c_str(), mode), 0);
-        isRefused("open to others");
-        ASSERT_EQ(rmdir(folder().c_str()), 0);
-    }
-    if (getuid() == 0) {
-        ASSERT_EQ(mkdir(folder().c_str(), 0700), 0);
-        ASSERT_EQ(chown(folder().c_str(), 65534, 65534), 0);
-        isRefused("another user's");
-        ASSERT_EQ(rmdir(folder().c_str()), 0);
-    }
-    // Links in the place of a port's files.
-    ASSERT_NE(ports.open(kName), nullptr);
-    const std::string lock = folder() + "/" + "x.lock";
-    ASSERT_EQ(symlink(runtime.write("/target", "kept").c_str(), lock.c_str()), 0);
-    EXPECT_EQ(ports.open("x"), nullptr);
-    EXPECT_EQ(TemporaryFolder::read(runtime.file("/target")), "kept");
-}
-
 TEST_F(MessagePortTest, aDeletedFolderIsMadeAgain) {
     const auto old = ports.open(kName);
     ASSERT_NE(old, nullptr);
@@ -693,60 +434,6 @@ TEST_F(MessagePortTest, waitsWithoutBusyLoopWhileThereAreNoDescriptors) {
     EXPECT_EQ(takeOne(*port), "late");
     EXPECT_EQ(log.lines.size(), 2U);
     close(fd);
-}
-
-TEST_F(MessagePortTest, strangersAreNotHeardAndNotSpokenTo) {
-    if (getuid() != 0) {
-        GTEST_SKIP() << "only root can become another user";
-    }
-    auto port = ports.open(kName);
-    ASSERT_NE(port, nullptr);
-    const auto asNobody = [](const std::function<int()>& body) {
-        return inChild([&] { return setgid(65534) == 0 && setuid(65534) == 0 ? body() : 99; });
-    };
-    EXPECT_EQ(asNobody([&] {
-                  return MessagePorts::own().send(kName, "x", 1000) == SendResult::delivered;
-              }),
-              0)
-        << "the folder is closed to it";
-    // Even when somebody has opened all the doors.
-    for (const std::string& path : {runtime.file(""), folder(), fileOf(".socket")}) {
-        ASSERT_EQ(chmod(path.c_str(), 0777), 0);
-    }
-    EXPECT_EQ(asNobody([&] { return sendRaw(rawConnection(), packet("x")) ? 0 : 1; }), 0);
-    EXPECT_FALSE(port->wait(100, false));
-    EXPECT_EQ(port->statistics().strangers, 1U);
-    EXPECT_EQ(port->statistics().texts, 0U);
-
-    // A stranger that listens at the name while its lock is held.
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    const std::string socketFile = fileOf(".socket");
-    ASSERT_EQ(unlink(socketFile.c_str()), 0);
-    const pid_t stranger = fork();
-    if (stranger == 0) {
-        const int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        socketFile.copy(address.sun_path, sizeof address.sun_path - 1);
-        const bool listens =
-            setuid(65534) == 0 &&
-            bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-            listen(fd, 5) == 0;
-        (void)!write(ready[1], listens ? "y" : "n", 1);
-        pause();
-    }
-    char answer = 0;
-    ASSERT_EQ(read(ready[0], &answer, 1), 1);
-    EXPECT_EQ(answer, 'y');
-    for (const std::string& path : {runtime.file(""), folder()}) {
-        ASSERT_EQ(chmod(path.c_str(), 0700), 0);
-    }
-    EXPECT_EQ(ports.send(kName, "secret", 1000), SendResult::failed);
-    kill(stranger, SIGKILL);
-    waitpid(stranger, nullptr, 0);
-    close(ready[0]);
-    close(ready[1]);
 }
 
 } // namespace

@@ -1,0 +1,188 @@
+// What the system below takes away: disk, home, database, port folder.
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <memory>
+#include <sqlite3.h>
+#include <string>
+#include <sys/stat.h>
+#include <thread>
+#include <vector>
+
+#include "scriptobjects/convey/SoConvey.h"
+#include "tests/support/Process.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace {
+
+using ScObjects::Convey;
+using testing::HasSubstr;
+
+class FaultsTest : public testing::Test {
+protected:
+    FaultsTest() {
+        setenv("XDG_RUNTIME_DIR", folder.file("").c_str(), 1);
+        setenv("HOME", folder.file("").c_str(), 1);
+        setenv("OVREL_CAPS_DB", database.c_str(), 1);
+        add(database, {"kivra-7.0", "lumen-2.0"});
+    }
+    static void add(const std::string& file, const std::vector<std::string>& applications) {
+        for (const std::string& application : applications) {
+            const ProcessResult added =
+                runProcess({OVREL_CAPS_TOOL, "add-app", application, "--path", "/opt/App.app"},
+                           {{"OVREL_CAPS_DB", file}});
+            ASSERT_EQ(added.exitStatus, 0) << added.err;
+        }
+    }
+    // A command as on a disk on which no file can grow beyond so many blocks of 512 bytes.
+    static ProcessResult onAFullDisk(int blocks, std::vector<std::string> command,
+                                     const std::map<std::string, std::string>& environment = {}) {
+        std::vector<std::string> shell = {"/bin/sh", "-c",
+                                          "trap '' XFSZ; ulimit -f " + std::to_string(blocks) +
+                                              "; exec \"$0\" \"$@\""};
+        shell.insert(shell.end(), command.begin(), command.end());
+        return runProcess(shell, environment);
+    }
+    static std::string listing() {
+        const ProcessResult result = runProcess({KIVRA_CONVEY_CMD});
+        EXPECT_EQ(result.exitStatus, 0);
+        return result.out;
+    }
+    template <class Condition>
+    static bool becomes(Condition&& condition) {
+        for (int i = 0; i < 3000; ++i) {
+            if (condition()) {
+                return true;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return false;
+    }
+
+    TemporaryFolder folder;
+    const std::string database = folder.file("caps.db");
+};
+
+TEST_F(FaultsTest, aFullDiskLeavesTheDatabaseAsItWas) {
+    std::string many;
+    for (int i = 0; i < 2000; ++i) {
+        many += "[[application]]\nspecifier = \"filler" + std::to_string(i) +
+                "-1.0\"\nPath = \"/opt/filler/Filler.app\"\n";
+    }
+    const std::string import = folder.write("many.toml", many);
+    const std::string before = listing();
+    const ProcessResult full = onAFullDisk(100, {OVREL_CAPS_TOOL, "import", import});
+    EXPECT_NE(full.exitStatus, 0);
+    EXPECT_EQ(full.signal, 0);
+    EXPECT_THAT(full.err, HasSubstr("caps.db: "));
+    EXPECT_EQ(listing(), before);
+    const ProcessResult checked = runProcess({OVREL_CAPS_TOOL, "list"});
+    EXPECT_EQ(checked.exitStatus, 0) << checked.err;
+    const ProcessResult room = runProcess({OVREL_CAPS_TOOL, "import", import});
+    EXPECT_EQ(room.exitStatus, 0) << "once there is room: " << room.err;
+    EXPECT_THAT(listing(), HasSubstr("filler1999-1.0"));
+}
+
+TEST_F(FaultsTest, withoutAPlaceForIdentifiersMessagesPassAndSomebodyIsTold) {
+    const auto ask = [](const ProcessResult& result) {
+        EXPECT_EQ(result.out, "result: echo: hello\n");
+        EXPECT_EQ(result.exitStatus, 0);
+    };
+    // /proc takes no folders, not even root's.
+    const std::map<std::string, std::string> homes[] = {{{"HOME", "/proc"}}, {}};
+    for (const auto& home : homes) {
+        RunningProcess host({HOST, "lumen-2.0"}, home);
+        ASSERT_EQ(host.readLine(), "running as lumen-2.0");
+        const std::vector<std::string> question = {HOST, "kivra-7.0", "--ask", "lumen", "hello"};
+        const ProcessResult result =
+            home.empty() ? onAFullDisk(0, question) : runProcess(question, home);
+        ask(result);
+        EXPECT_THAT(result.err, HasSubstr(home.empty() ? "/.ovrel/md5: " : "/proc/.ovrel"));
+    }
+    // What could not be written was not left half written.
+    for (const auto& entry : std::filesystem::directory_iterator(folder.file(".ovrel"))) {
+        EXPECT_GE(entry.file_size(), 16U) << entry.path();
+    }
+}
+
+TEST_F(FaultsTest, aDatabaseThatChangesBelowTheLayerIsFollowed) {
+    ASSERT_TRUE(Convey::InitTerm::init("kivra-7.0", true));
+    const auto number = [] {
+        (void)Convey::updateConnectorCache(false);
+        return Convey::getNumberOfRegisteredApplications();
+    };
+    const auto sql = [this](const char* statement) {
+        sqlite3* connection = nullptr;
+        EXPECT_EQ(sqlite3_open(database.c_str(), &connection), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(connection, statement, nullptr, nullptr, nullptr), SQLITE_OK);
+        sqlite3_close(connection);
+    };
+    EXPECT_EQ(number(), 2);
+    add(folder.file("other.db"), {"a-1.0", "b-1.0", "c-1.0"});
+    std::filesystem::rename(folder.file("other.db"), database);
+    EXPECT_EQ(number(), 3) << "replaced";
+    sql("VACUUM");
+    EXPECT_EQ(number(), 3) << "vacuumed";
+    add(database, {"d-1.0"});
+    EXPECT_EQ(number(), 4) << "and changed";
+    std::filesystem::rename(database, folder.file("away.db"));
+    EXPECT_EQ(number(), 4) << "what was read is kept while there is nothing else";
+    std::filesystem::rename(folder.file("away.db"), database);
+    EXPECT_EQ(number(), 4) << "restored";
+    add(folder.file("older.db"), {"e-1.0"});
+    std::filesystem::remove(database);
+    EXPECT_EQ(number(), 4) << "deleted";
+    std::filesystem::rename(folder.file("older.db"), database);
+    EXPECT_EQ(number(), 1) << "restored from another one";
+    std::ofstream(database, std::ios::trunc) << "no database any more";
+    EXPECT_LE(number(), 1) << "spoilt";
+    EXPECT_TRUE(Convey::InitTerm::exit());
+}
+
+TEST_F(FaultsTest, aPortFolderThatIsRemovedIsReportedAndMadeAgain) {
+    const std::string errors = folder.file("errors");
+    const std::string ports = folder.file("convey");
+    const auto running = [] {
+        return runProcess({KIVRA_CONVEY_CMD, "check_running", "lumen-2.0"}).out;
+    };
+    const auto start = [&] {
+        auto host = std::make_unique<RunningProcess>(std::vector<std::string>{
+            "/bin/sh", "-c", "exec \"$0\" lumen-2.0 2>>'" + errors + "'", HOST});
+        EXPECT_EQ(host->readLine(), "running as lumen-2.0");
+        return host;
+    };
+    auto host = start();
+    EXPECT_THAT(running(), HasSubstr("ECHO_RESPONSE"));
+    EXPECT_EQ(TemporaryFolder::read(errors), "");
+    std::filesystem::remove_all(ports);
+    EXPECT_TRUE(becomes([&] {
+        return TemporaryFolder::read(errors).find("lumen-2.0.lock was removed") !=
+               std::string::npos;
+    })) << TemporaryFolder::read(errors);
+    // It waits on, and does not look for its folder all the time.
+    const auto ticks = [&] {
+        std::istringstream status(
+            TemporaryFolder::read("/proc/" + std::to_string(host->pid()) + "/stat"));
+        std::string word;
+        for (int i = 0; i < 13; ++i) {
+            status >> word;
+        }
+        long user = 0;
+        long system = 0;
+        status >> user >> system;
+        return user + system;
+    };
+    const long before = ticks();
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    EXPECT_LT(ticks() - before, sysconf(_SC_CLK_TCK) / 4) << "of a second";
+    EXPECT_THAT(running(), HasSubstr("ISNOTRUNNING"));
+    host->signal(SIGTERM);
+    EXPECT_EQ(host->finish(), 0);
+    host = start();
+    EXPECT_THAT(running(), HasSubstr("ECHO_RESPONSE")) << "recovered at the next start";
+}
+
+} // namespace

@@ -1,0 +1,311 @@
+// Neighbours that keep no rule: other users, and this user's own processes.
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <gtest/gtest.h>
+#include <memory>
+#include <string>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include "tests/platform/PortFixture.h"
+
+namespace {
+
+using PortStrangersTest = MessagePortTest;
+
+TEST_F(PortStrangersTest, survivesGarbage) {
+    const auto port = ports.open(kName);
+    ASSERT_NE(port, nullptr);
+    std::string wrongMagic = packet("text");
+    wrongMagic[0] = 'X';
+    std::string wrongVersion = packet("text");
+    wrongVersion[4] = 2;
+    std::string reserved = packet("text");
+    reserved[7] = 1;
+    const struct {
+        std::string bytes;
+        const char* why;
+    } cases[] = {
+        {"x", "too short for a header"},
+        {std::string(15, '\0'), "one byte too short"},
+        {wrongMagic, "another protocol"},
+        {wrongVersion, "another version"},
+        {reserved, "a byte that has no meaning yet"},
+        {header(0, 4) + "text", "no kind"},
+        {header(3, 4) + "text", "no kind"},
+        {header(1, 5) + "text", "longer than what is there"},
+        {header(1, 3) + "text", "shorter than what is there"},
+        {header(1, UINT64_MAX) + "text", "a forged length"},
+        {header(1, 65537) + std::string(65537, 'x'), "larger than a whole text may be"},
+        {header(2, 0), "announces nothing"},
+        {header(2, MessagePorts::kMaximumTextBytes + 1), "announces too much"},
+        {header(2, UINT64_MAX), "announces too much"},
+        {header(2, 4) + "text", "an announcement comes alone"},
+    };
+    uint64_t closed = 0;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.why);
+        const int fd = rawConnection();
+        EXPECT_TRUE(sendRaw(fd, packet("before")));
+        EXPECT_TRUE(sendRaw(fd, c.bytes));
+        EXPECT_EQ(takeOne(*port), "before") << "what was well sent arrives";
+        EXPECT_FALSE(port->wait(0, false));
+        EXPECT_TRUE(isClosed(fd));
+        EXPECT_EQ(port->statistics().malformed, ++closed);
+        close(fd);
+    }
+    // Parts that are more than was announced.
+    const int fd = rawConnection();
+    EXPECT_TRUE(sendRaw(fd, header(2, 100'000)) && sendRaw(fd, std::string(99'999, 'x')) &&
+                sendRaw(fd, "xx"));
+    EXPECT_FALSE(port->wait(0, false));
+    EXPECT_TRUE(isClosed(fd));
+    EXPECT_EQ(port->statistics().malformed, ++closed);
+    close(fd);
+    EXPECT_EQ(ports.send(kName, "still here", kGenerous), SendResult::delivered);
+    EXPECT_EQ(takeOne(*port), "still here");
+}
+
+TEST_F(PortStrangersTest, keepsNoDescriptorThatIsSentAlong) {
+    const auto port = ports.open(kName);
+    ASSERT_NE(port, nullptr);
+    const int fd = rawConnection();
+    const size_t before = openDescriptors();
+    for (const bool inParts : {false, true}) {
+        const int connection = inParts ? rawConnection() : fd;
+        const std::string bytes = inParts ? "part" : packet("text");
+        if (inParts) {
+            EXPECT_TRUE(sendRaw(connection, header(2, 100)));
+        }
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+        iovec piece = {const_cast<char*>(bytes.data()), bytes.size()};
+        msghdr message{};
+        message.msg_iov = &piece;
+        message.msg_iovlen = 1;
+        message.msg_control = control;
+        message.msg_controllen = sizeof control;
+        cmsghdr* const stray = CMSG_FIRSTHDR(&message);
+        stray->cmsg_level = SOL_SOCKET;
+        stray->cmsg_type = SCM_RIGHTS;
+        stray->cmsg_len = CMSG_LEN(sizeof(int));
+        std::memcpy(CMSG_DATA(stray), &connection, sizeof(int));
+        ASSERT_GT(sendmsg(connection, &message, MSG_NOSIGNAL), 0);
+        EXPECT_FALSE(port->wait(0, false));
+        EXPECT_TRUE(isClosed(connection));
+        close(connection);
+    }
+    EXPECT_EQ(port->statistics().descriptors, 2U);
+    EXPECT_EQ(openDescriptors(), before - 1);
+}
+
+TEST_F(PortStrangersTest, boundsWhatOneProcessKeepsOpen) {
+    const auto port = ports.open(kName);
+    ASSERT_NE(port, nullptr);
+    // Many that each send a text and stay: the oldest are closed, and no text is lost by that.
+    std::vector<int> connections;
+    for (int i = 0; i < 200; ++i) {
+        connections.push_back(rawConnection());
+        EXPECT_TRUE(sendRaw(connections.back(), packet(std::to_string(i))));
+    }
+    EXPECT_EQ(takeAll(*port).size(), 200U);
+    EXPECT_LE(port->statistics().connections, 32U);
+    for (const int fd : connections) {
+        close(fd);
+    }
+    connections.clear();
+    EXPECT_FALSE(port->wait(0, false));
+    // Many that announce the largest text and send some of it.
+    for (int i = 0; i < 60; ++i) {
+        connections.push_back(rawConnection());
+        (void)sendRaw(connections.back(), header(2, MessagePorts::kMaximumTextBytes));
+        (void)sendRaw(connections.back(), "begin");
+        EXPECT_FALSE(port->wait(0, false));
+    }
+    EXPECT_LE(port->statistics().connections, 2U) << "as many as two largest texts";
+    EXPECT_EQ(port->statistics().overLimit, 58U);
+    // And small ones, as many as connections.
+    for (int i = 0; i < 60; ++i) {
+        connections.push_back(rawConnection());
+        (void)sendRaw(connections.back(), header(2, 1));
+        EXPECT_FALSE(port->wait(0, false));
+    }
+    EXPECT_LE(port->statistics().connections, 32U);
+    for (const int fd : connections) {
+        close(fd);
+    }
+    EXPECT_EQ(ports.send(kName, "still here", kGenerous), SendResult::delivered);
+    EXPECT_EQ(takeOne(*port), "still here");
+}
+
+TEST_F(PortStrangersTest, refusesAFolderThatIsNotTheUsersAlone) {
+    ASSERT_EQ(mkdir(runtime.file("/elsewhere").c_str(), 0700), 0);
+    ASSERT_EQ(symlink(runtime.file("/elsewhere").c_str(), folder().c_str()), 0);
+    const auto isRefused = [&](const char* why) {
+        log.lines.clear();
+        EXPECT_EQ(ports.open(kName), nullptr) << why;
+        EXPECT_FALSE(ports.isFree(kName)) << why;
+        EXPECT_EQ(ports.send(kName, "x", kGenerous), SendResult::failed) << why;
+        EXPECT_EQ(log.lines.size(), 1U) << why;
+    };
+    isRefused("a link");
+    ASSERT_EQ(unlink(folder().c_str()), 0);
+    runtime.write("convey", "");
+    isRefused("a file");
+    ASSERT_EQ(unlink(folder().c_str()), 0);
+    for (const mode_t mode : {mode_t{0710}, mode_t{0701}, mode_t{0777}}) {
+        ASSERT_EQ(mkdir(folder().c_str(), 0700), 0);
+        ASSERT_EQ(chmod(folder().c_str(), mode), 0);
+        isRefused("open to others");
+        ASSERT_EQ(rmdir(folder().c_str()), 0);
+    }
+    if (getuid() == 0) {
+        ASSERT_EQ(mkdir(folder().c_str(), 0700), 0);
+        ASSERT_EQ(chown(folder().c_str(), 65534, 65534), 0);
+        isRefused("another user's");
+        ASSERT_EQ(rmdir(folder().c_str()), 0);
+    }
+    // Links in the place of a port's files.
+    ASSERT_NE(ports.open(kName), nullptr);
+    const std::string lock = folder() + "/" + "x.lock";
+    ASSERT_EQ(symlink(runtime.write("/target", "kept").c_str(), lock.c_str()), 0);
+    EXPECT_EQ(ports.open("x"), nullptr);
+    EXPECT_EQ(TemporaryFolder::read(runtime.file("/target")), "kept");
+}
+
+TEST_F(PortStrangersTest, strangersAreNotHeardAndNotSpokenTo) {
+    if (getuid() != 0) {
+        GTEST_SKIP() << "only root can become another user";
+    }
+    auto port = ports.open(kName);
+    ASSERT_NE(port, nullptr);
+    const auto asNobody = [](const std::function<int()>& body) {
+        return inChild([&] { return setgid(65534) == 0 && setuid(65534) == 0 ? body() : 99; });
+    };
+    EXPECT_EQ(asNobody([&] {
+                  return MessagePorts::own().send(kName, "x", 1000) == SendResult::delivered;
+              }),
+              0)
+        << "the folder is closed to it";
+    // Even when somebody has opened all the doors.
+    for (const std::string& path : {runtime.file(""), folder(), fileOf(".socket")}) {
+        ASSERT_EQ(chmod(path.c_str(), 0777), 0);
+    }
+    EXPECT_EQ(asNobody([&] { return sendRaw(rawConnection(), packet("x")) ? 0 : 1; }), 0);
+    EXPECT_FALSE(port->wait(100, false));
+    EXPECT_EQ(port->statistics().strangers, 1U);
+    EXPECT_EQ(port->statistics().texts, 0U);
+
+    // A stranger that listens at the name while its lock is held.
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const std::string socketFile = fileOf(".socket");
+    ASSERT_EQ(unlink(socketFile.c_str()), 0);
+    const pid_t stranger = fork();
+    if (stranger == 0) {
+        const int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        socketFile.copy(address.sun_path, sizeof address.sun_path - 1);
+        const bool listens =
+            setuid(65534) == 0 &&
+            bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+            listen(fd, 5) == 0;
+        (void)!write(ready[1], listens ? "y" : "n", 1);
+        pause();
+    }
+    char answer = 0;
+    ASSERT_EQ(read(ready[0], &answer, 1), 1);
+    EXPECT_EQ(answer, 'y');
+    for (const std::string& path : {runtime.file(""), folder()}) {
+        ASSERT_EQ(chmod(path.c_str(), 0700), 0);
+    }
+    EXPECT_EQ(ports.send(kName, "secret", 1000), SendResult::failed);
+    kill(stranger, SIGKILL);
+    waitpid(stranger, nullptr, 0);
+    close(ready[0]);
+    close(ready[1]);
+}
+
+TEST_F(PortStrangersTest, tenThousandHalfSentTextsHinderNobody) {
+    const auto port = ports.open(kName);
+    ASSERT_NE(port, nullptr);
+    constexpr int kProcesses = 20;
+    constexpr int kHalves = 500;
+    // Each process opens as many connections as it may and leaves a text half sent on each.
+    std::vector<pid_t> processes;
+    int done[2];
+    ASSERT_EQ(pipe(done), 0);
+    for (int p = 0; p < kProcesses; ++p) {
+        const pid_t child = fork();
+        if (child == 0) {
+            for (int i = 0; i < kHalves; ++i) {
+                const int fd = rawConnection();
+                const std::string half(1000, 'h');
+                (void)!(sendRaw(fd, header(2, i % 2 == 0 ? 100'000 : (16U << 20))) &&
+                        sendRaw(fd, half)); // closed already when it is over the bound
+            }
+            (void)!write(done[1], "x", 1);
+            pause();
+        }
+        processes.push_back(child);
+    }
+    // The receiver must serve meanwhile, or the connections would wait in the system's queue.
+    const auto memory = [] {
+        std::ifstream status("/proc/self/statm");
+        size_t pages = 0;
+        size_t resident = 0;
+        status >> pages >> resident;
+        return resident * static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    };
+    const size_t before = memory();
+    int finished = 0;
+    ASSERT_EQ(fcntl(done[0], F_SETFL, O_NONBLOCK), 0);
+    for (int round = 0; finished < kProcesses && round < 10'000; ++round) {
+        EXPECT_FALSE(port->wait(10, false)) << "no half is a text";
+        char marks[kProcesses];
+        const ssize_t more = read(done[0], marks, sizeof marks);
+        finished += more > 0 ? static_cast<int>(more) : 0;
+    }
+    ASSERT_EQ(finished, kProcesses);
+    EXPECT_LE(port->statistics().connections, 512U);
+    EXPECT_GE(port->statistics().overLimit, 1U);
+    EXPECT_LT(memory() - before, size_t{64} << 20) << "memory is given as texts arrive";
+    EXPECT_EQ(ports.send(kName, "a neighbour that behaves", kGenerous), SendResult::delivered);
+    EXPECT_EQ(takeOne(*port), "a neighbour that behaves");
+    for (const pid_t child : processes) {
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+    }
+    EXPECT_FALSE(port->wait(0, false));
+    EXPECT_EQ(port->statistics().connections, 1U) << "the one of the send above";
+    close(done[0]);
+    close(done[1]);
+}
+
+TEST_F(PortStrangersTest, aLinkInThePlaceOfASocketLeadsNowhereElse) {
+    const auto owned = ports.open(kName);
+    ASSERT_NE(owned, nullptr);
+    const std::string socketFile = fileOf(".socket");
+    const std::string kept = runtime.write("/kept", "as it was");
+    ASSERT_EQ(unlink(socketFile.c_str()), 0);
+    ASSERT_EQ(symlink(kept.c_str(), socketFile.c_str()), 0);
+    EXPECT_EQ(ports.send(kName, "x", 0), SendResult::noReceiver);
+    // An owner that died and left a link: the next one puts its own socket there.
+    const std::string stale = folder() + "/next.socket";
+    ASSERT_EQ(symlink(kept.c_str(), stale.c_str()), 0);
+    const auto next = ports.open("next");
+    ASSERT_NE(next, nullptr);
+    EXPECT_TRUE(std::filesystem::is_socket(std::filesystem::symlink_status(stale)));
+    EXPECT_EQ(ports.send("next", "to the owner", kGenerous), SendResult::delivered);
+    EXPECT_EQ(takeOne(*next), "to the owner");
+    EXPECT_EQ(TemporaryFolder::read(kept), "as it was");
+}
+
+} // namespace
