@@ -7,12 +7,13 @@
 
 #include "caps/Schema.h"
 #include "caps/StoreImpl.h"
+#include "limits/Limits.h"
 
 namespace caps {
 namespace {
 
-constexpr int kReaderWaitMilliseconds = 100;  // a tool must not hang on somebody's lock
-constexpr int kWriterWaitMilliseconds = 5000; // writers take turns
+constexpr int kReaderWaitMilliseconds = limits::of("database.read-wait");
+constexpr int kWriterWaitMilliseconds = limits::of("database.write-wait");
 
 // As an address for SQLite, in which these characters have a meaning.
 std::string fileAddress(const std::string& path, const char* options) {

@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include "limits/Limits.h"
+
 struct sqlite3;
 
 namespace caps {
@@ -76,10 +78,10 @@ struct Contents {
 };
 
 // Bounds of what is stored; a longer text is refused with Status::invalidArgument.
-inline constexpr size_t kMaxCodeBytes = 255;        // product and payload codes, keys
-inline constexpr size_t kMaxSubdomainBytes = 512;   // prefix and a specifier of 255 bytes
-inline constexpr size_t kMaxLaunchPathBytes = 1023; // callers hand over areas of 1,024 bytes
-inline constexpr size_t kMaxValueBytes = 65536;
+inline constexpr size_t kMaxCodeBytes = limits::of("database.code");
+inline constexpr size_t kMaxSubdomainBytes = limits::of("database.subdomain");
+inline constexpr size_t kMaxLaunchPathBytes = limits::of("database.launch-path");
+inline constexpr size_t kMaxValueBytes = limits::of("database.value");
 
 // The database file that this user's programs read: $OVREL_CAPS_DB, else
 // $XDG_DATA_HOME/ovrel/caps.db (~/.local/share without the variable), else /var/lib/ovrel/caps.db;

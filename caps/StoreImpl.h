@@ -10,6 +10,7 @@
 
 #include "caps/Sqlite.h"
 #include "caps/Store.h"
+#include "limits/Limits.h"
 
 // What the sources of Store share.
 namespace caps {
@@ -38,7 +39,7 @@ struct Fingerprint {
     }
 };
 
-constexpr int kCheckpointWaitMilliseconds = 200; // a walk takes a fraction of that
+constexpr int kCheckpointWaitMilliseconds = limits::of("database.move-wait");
 
 // What SQLite's codes, extended ones too, mean to a caller.
 Status statusOf(int sqliteCode);

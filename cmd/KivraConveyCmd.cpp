@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "cmd/HostProductInfoFromCapsLib.h"
+#include "limits/Limits.h"
 #include "platform/Locale.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/convey/SoConvey.h"
@@ -17,7 +18,7 @@ constexpr const char* kOwnSpecifier = "kivra-7.0";
 constexpr const char* kCheckCommand = "check_running";
 constexpr const char* kDefaultLocale = "en_US";
 constexpr int kCheckArguments = 3; // the program, the command and the specifier
-constexpr int32_t kCheckTimeoutSeconds = 2;
+constexpr int32_t kCheckTimeoutSeconds = limits::of("check.wait");
 
 void listProducts() {
     std::string fallbackLocale = kDefaultLocale;

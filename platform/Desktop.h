@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <string>
 
+#include "limits/Limits.h"
 #include "platform/Service.h"
 
 namespace platform {
@@ -14,7 +15,7 @@ namespace platform {
 // kMaximumWaitMilliseconds for a desktop that does not answer. Threads: any.
 class Desktop : public Service<Desktop> {
 public:
-    static constexpr int64_t kMaximumWaitMilliseconds = 3000;
+    static constexpr int64_t kMaximumWaitMilliseconds = limits::of("desktop.wait");
 
     virtual ~Desktop() = default;
 

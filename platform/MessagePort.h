@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "limits/Limits.h"
 #include "platform/Service.h"
 
 namespace platform {
@@ -133,7 +134,7 @@ public:
 class MessagePorts : public Service<MessagePorts> {
 public:
     // Longer texts are refused by the sender and by the receiver: 64 MiB of body, and headers.
-    static constexpr size_t kMaximumTextBytes = size_t{65} << 20;
+    static constexpr size_t kMaximumTextBytes = limits::of("port.text");
 
     virtual ~MessagePorts() = default;
 

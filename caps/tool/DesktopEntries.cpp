@@ -8,13 +8,15 @@
 #include <set>
 #include <unistd.h>
 
+#include "limits/Limits.h"
+
 namespace caps::tool {
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr uintmax_t kMaxFileBytes = 1'048'576; // real ones have a few thousand
-constexpr size_t kMaxFiles = 100'000;
+constexpr uintmax_t kMaxFileBytes = limits::of("import.desktop-file");
+constexpr size_t kMaxFiles = limits::of("import.desktop-files");
 
 using Fields = std::map<std::string, std::string>;
 

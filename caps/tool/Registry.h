@@ -8,6 +8,8 @@
 
 #include "caps/Store.h"
 
+#include "limits/Limits.h"
+
 // The registry of applications as it lies in the database's domain data: what a packager says of an
 // application or a group, and how that is written there.
 namespace caps::tool {
@@ -24,7 +26,7 @@ inline constexpr std::string_view kRedirectKey = "RedirectTo";
 inline constexpr std::string_view kBasenameKey = "ExecutableBasename";
 inline constexpr std::string_view kVersionKey = "ConveyVersion";
 inline constexpr std::string_view kConveyCodeKey = "ConveyCode";
-inline constexpr size_t kMaxSpecifierBytes = 255;
+inline constexpr size_t kMaxSpecifierBytes = limits::of("specifier.length");
 
 // What a key's value must look like.
 enum class KeyKind { text, boolean, decimal };

@@ -20,6 +20,8 @@
 #endif
 #include <toml++/toml.h>
 
+#include "limits/Limits.h"
+
 namespace caps::tool {
 namespace {
 
@@ -369,7 +371,7 @@ void writeProduct(std::ostream& out, const Product& product) {
 // The parser goes one call deeper for each part of a dotted key; a key of millions of parts would
 // exhaust the stack.
 void refuseDeepKeys(const std::string& text, const std::string& name) {
-    constexpr int kMaxKeyParts = 1000;
+    constexpr int kMaxKeyParts = limits::of("import.key-parts");
     int dots = 0;
     uint32_t line = 1;
     for (const char c : text) {

@@ -9,6 +9,7 @@
 
 #include "caps/Store.h"
 #include "caps/tool/Registry.h"
+#include "limits/Limits.h"
 
 // The text form of a database: TOML with [[application]], [[group]], [[product]] and [[data]].
 namespace caps::tool {
@@ -25,7 +26,7 @@ struct TomlEntry {
     std::string position; // "FILE:LINE:COLUMN"
 };
 
-inline constexpr size_t kMaxTomlBytes = 67'108'864; // 64 MiB, far above any real registry
+inline constexpr size_t kMaxTomlBytes = limits::of("import.file");
 
 // Reads a whole text; `name` stands for it in errors. Throws TomlError.
 std::vector<TomlEntry> parseToml(std::istream& in, const std::string& name);

@@ -7,13 +7,14 @@
 #include <sstream>
 #include <string_view>
 
+#include "limits/Limits.h"
 #include "platform/Log.h"
 #include "platform/linux/RunTimeLibrary.h"
 
 namespace platform {
 namespace {
 
-constexpr size_t kMaximumPropertyListBytes = 1 << 20; // real ones have a few thousand
+constexpr size_t kMaximumPropertyListBytes = limits::of("bundle.property-list");
 constexpr std::string_view kFolders = "/Contents/MacOS/";
 
 // The functions of the property list library that are needed.

@@ -19,7 +19,7 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 // How long a process may take to show its first window, and a window manager to give it the focus.
-constexpr milliseconds kUntilWindow{20'000};
+constexpr milliseconds kUntilWindow{limits::of("desktop.window")};
 constexpr milliseconds kAfterWindow{700};
 constexpr milliseconds kLook{200}; // when nothing changes
 

@@ -4,10 +4,12 @@
 #include <set>
 #include <unistd.h>
 
+#include "limits/Limits.h"
+
 namespace platform {
 namespace {
 
-constexpr size_t kMaximumLines = 100; // a host's error output is not ours to fill
+constexpr size_t kMaximumLines = limits::of("log.lines");
 
 class LinuxLog final : public Log {
 public:

@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "limits/Limits.h"
 #include "platform/Log.h"
 #include "platform/linux/Descriptor.h"
 
@@ -16,7 +17,7 @@ namespace platform {
 namespace {
 
 // With the ending and "/proc/self/fd/" and a number it fits the 108 bytes of a socket's address.
-constexpr size_t kMaximumFileNameBytes = 80;
+constexpr size_t kMaximumFileNameBytes = limits::of("port.file-name");
 constexpr size_t kDigestBytes = 16; // enough that two names never meet by chance
 
 bool isPlain(char c) {

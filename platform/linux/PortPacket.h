@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "limits/Limits.h"
+
 namespace platform {
 
 // What begins a packet on a port's socket. A small text follows its header in the same packet. A
@@ -14,9 +16,9 @@ struct PortPacket {
     static constexpr size_t kHeaderBytes = 16;
     // A text up to this size goes in one packet; also the room that a receiver has for a packet
     // whose text it does not know yet.
-    static constexpr size_t kMaximumWholeBytes = 65536;
+    static constexpr size_t kMaximumWholeBytes = limits::of("port.packet");
     // The most bytes of a larger text in one packet: more gained nothing where it was measured.
-    static constexpr size_t kMaximumPartBytes = 1048576;
+    static constexpr size_t kMaximumPartBytes = limits::of("port.part");
 
     Kind kind = whole;
     uint64_t length = 0; // of the text

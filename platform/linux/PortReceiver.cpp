@@ -16,6 +16,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "limits/Limits.h"
 #include "platform/Clock.h"
 #include "platform/Log.h"
 #include "platform/linux/Descriptor.h"
@@ -29,12 +30,12 @@ using Time = std::chrono::steady_clock;
 constexpr uint64_t kListener = 0; // among the events; connections are numbered from 1
 
 // A process has one connection to us for each copy of the layer in it.
-constexpr size_t kMaximumConnectionsOfProcess = 32;
+constexpr size_t kMaximumConnectionsOfProcess = limits::of("port.connections.process");
 // Half of the descriptors that a process may open as a rule; the host needs some for itself.
-constexpr size_t kMaximumConnections = 512;
+constexpr size_t kMaximumConnections = limits::of("port.connections");
 // Announced bytes of half-sent texts: two of the largest a process, eight in all.
-constexpr size_t kMaximumHalfSentOfProcess = 2 * MessagePorts::kMaximumTextBytes;
-constexpr size_t kMaximumHalfSent = 8 * MessagePorts::kMaximumTextBytes;
+constexpr size_t kMaximumHalfSentOfProcess = limits::of("port.half-sent.process");
+constexpr size_t kMaximumHalfSent = limits::of("port.half-sent");
 // What one call draws ahead of its caller: some packets of some connections.
 constexpr int kEventsAtOnce = 8;
 constexpr int kPacketsAtOnce = 16;
@@ -42,9 +43,9 @@ constexpr int kAcceptsAtOnce = 64;
 constexpr int kRoundsAtOnce = 64; // more than it takes to see the end of all connections
 // The others are looked at again after so many texts of the same connection.
 constexpr uint32_t kHotRuns = 8;
-constexpr int64_t kListeningPauseMilliseconds = 100;
-constexpr int64_t kLongestSliceMilliseconds = 3'600'000; // what an int holds
-constexpr int kLockAttempts = 1000; // each is lost to another process that came and went
+constexpr int64_t kListeningPauseMilliseconds = limits::of("port.accept-pause");
+constexpr int64_t kLongestSliceMilliseconds = limits::of("port.wait");
+constexpr int kLockAttempts = limits::of("port.claims");
 
 // A busy wait that finds nothing costs more than it can save, so it is given up after some of them,
 // and tried again from time to time.

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "limits/Limits.h"
 #include "platform/Log.h"
 #include "platform/linux/PortDescriptor.h"
 #include "platform/linux/PortFolder.h"
@@ -21,8 +22,8 @@ namespace {
 
 using Time = std::chrono::steady_clock;
 
-constexpr size_t kMaximumConnections = 64; // a process talks to a handful of others
-constexpr int kSendBufferBytes = 4 << 20;  // what makes large texts fast where it was measured
+constexpr size_t kMaximumConnections = limits::of("port.kept");
+constexpr int kSendBufferBytes = 4 << 20; // what makes large texts fast where it was measured
 constexpr size_t kSmallestPartBytes = 4096;
 constexpr size_t kJoinedBytes = 1024;
 // While the system is short of memory, or of places in a target's queue of new connections, there

@@ -10,6 +10,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "limits/Limits.h"
 #include "platform/linux/PortFolder.h"
 #include "platform/linux/PortReceiver.h"
 
@@ -20,7 +21,7 @@ constexpr uint64_t kPort = 0;
 constexpr uint64_t kWake = 1;
 constexpr uint64_t kFiles = 2;
 constexpr int kEventsAtOnce = 16;
-constexpr int64_t kLongestMilliseconds = 3'600'000; // what an int holds
+constexpr int64_t kLongestMilliseconds = limits::of("port.wait");
 
 // Reads until nothing is left; what it was does not matter.
 void drain(int fd) {

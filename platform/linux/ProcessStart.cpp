@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "limits/Limits.h"
 #include "platform/linux/Descriptor.h"
 
 namespace platform {
@@ -13,7 +14,7 @@ namespace {
 
 constexpr int kFirstInherited = 3; // behind the standard ones
 constexpr int kExecFailed = 127;
-constexpr int kMaximumDescriptors = 1 << 20; // looked at where the kernel cannot do it in one call
+constexpr int kMaximumDescriptors = limits::of("process.descriptors");
 
 // What the children tell, on a pipe whose other end exec closes.
 struct Report {

@@ -10,12 +10,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "limits/Limits.h"
 #include "platform/linux/Descriptor.h"
 
 namespace platform {
 namespace {
 
-constexpr size_t kMaximumBytes = 1 << 20; // of a command line or an environment
+constexpr size_t kMaximumBytes = limits::of("process.text");
 
 std::string procPath(uint32_t number, const char* leaf) {
     return "/proc/" + std::to_string(number) + leaf;

@@ -7,6 +7,7 @@
 #include <system_error>
 #include <unistd.h>
 
+#include "limits/Limits.h"
 #include "platform/Files.h"
 #include "platform/Log.h"
 #include "platform/linux/Bundle.h"
@@ -18,7 +19,7 @@
 namespace platform {
 namespace {
 
-constexpr size_t kMaximumKnown = 4096; // processes whose start is remembered
+constexpr size_t kMaximumKnown = limits::of("process.known");
 // An interpreter, an option of its own, the script.
 constexpr size_t kInterpreterWords = 3;
 

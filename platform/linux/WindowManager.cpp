@@ -11,15 +11,16 @@
 #include <unistd.h>
 #include <xcb/xcb.h>
 
+#include "limits/Limits.h"
 #include "platform/linux/RunTimeLibrary.h"
 
 namespace platform {
 namespace {
 
-constexpr uint32_t kMaximumWindows = 4096; // that are looked at
-constexpr uint32_t kFromPager = 2;         // the user's wish: window managers grant it
+constexpr uint32_t kMaximumWindows = limits::of("desktop.windows");
+constexpr uint32_t kFromPager = 2; // the user's wish: window managers grant it
 constexpr std::chrono::seconds kTurn{2};
-constexpr uint32_t kMaximumNameWords = 256; // of 4 bytes, of a machine's name
+constexpr uint32_t kMaximumNameWords = limits::of("desktop.machine-name");
 
 struct Xcb {
     decltype(&xcb_connect) connect = nullptr;

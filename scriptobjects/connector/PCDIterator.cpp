@@ -4,6 +4,7 @@
 #include <memory>
 #include <string_view>
 
+#include "limits/Limits.h"
 #include "scriptobjects/connector/PCDWrapper.h"
 #include "scriptobjects/connector/SoCVConnector.h"
 #include "scriptobjects/connector/SoCVConnectorAppInfo.h"
@@ -27,9 +28,9 @@ constexpr int32_t kRegistryDomain = 1;
 constexpr int32_t kConfigPathDomain = 4;
 constexpr int32_t kGeneralDomain = 0;
 // The configuration file lies this many folders below the folder of its application.
-constexpr int kConfigPathDepth = 5;
+constexpr int kConfigPathDepth = limits::of("registry.config-depth");
 // A product with more names for itself is a damaged or hostile database.
-constexpr uint32_t kMaximumConveyCodes = 10'000;
+constexpr uint32_t kMaximumConveyCodes = limits::of("registry.codes");
 
 constexpr std::string_view kAppPrefix = ConveyConnector::kAppSubdomainPrefix;
 constexpr std::string_view kGroupPrefix = ConveyConnector::kGroupSubdomainPrefix;

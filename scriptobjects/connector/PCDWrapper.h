@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "limits/Limits.h"
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoHeap.h"
 
@@ -33,7 +34,7 @@ public:
     static constexpr int32_t kNothingThere = 8;
     static constexpr int32_t kNoProductSession = 9;
     static constexpr int32_t kReadOnly = 11;
-    static constexpr uint32_t kLaunchPathBytes = 1024; // the area that callers of the library give
+    static constexpr uint32_t kLaunchPathBytes = limits::of("registry.launch-path");
 
     // Loads the library and opens the sessions, never creating a database. `open` false binds the
     // library, for what binding shows, and lets go of it again: such a wrapper is never good.

@@ -1,4 +1,5 @@
 // How an instance receives, and what becomes of what it has received.
+#include "limits/Limits.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVInstanceParts.h"
 #include "scriptobjects/convey/SoCVUtilsCore.h"
@@ -13,8 +14,8 @@ using MsgHandler = Convey::MsgHandler;
 constexpr int32_t kRejected = 53;
 // What the background receives for an instance whose owner does not pump; the rest stays in the
 // system's queue, and holds its senders.
-constexpr int32_t kMaximumReceivedAhead = 10'000;
-constexpr int64_t kMaximumReceivedBytes = int64_t{64} << 20;
+constexpr int32_t kMaximumReceivedAhead = limits::of("queue.incoming.messages");
+constexpr int64_t kMaximumReceivedBytes = limits::of("queue.incoming.bytes");
 constexpr int kTextsAtOnce = 256;
 
 // The kinds that handlers are told.

@@ -3,6 +3,7 @@
 #include <set>
 #include <string>
 
+#include "limits/Limits.h"
 #include "platform/Clock.h"
 #include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVInstance.h"
@@ -20,14 +21,17 @@ using Specifier = Convey::Specifier;
 
 constexpr int32_t kSendFailed = 59;
 constexpr int64_t kPollMilliseconds = 100;
-constexpr int64_t kTargetWaitMilliseconds = 300'000;
+constexpr int64_t kTargetWaitMilliseconds = limits::of("send.target");
 // A message that finds no target is kept alive for this long.
-constexpr uint32_t kQueueSeconds = 600;
-constexpr uint32_t kWatchSeconds = 60; // when the message has no time-out of its own
+constexpr uint32_t kQueueSeconds = limits::of("queue.age");
+constexpr uint32_t kWatchSeconds = limits::of("message.watch");
+// A target that takes nothing must not fill this process's memory.
+constexpr int32_t kMaximumQueued = limits::of("queue.outgoing.messages");
+constexpr int64_t kMaximumQueuedBytes = limits::of("queue.outgoing.bytes");
 // What the background gives a target whose queue is full: nothing, unless the text is larger than a
 // queue and so can only pass with the target's help.
 constexpr int32_t kBackgroundSendMilliseconds = 0;
-constexpr int32_t kBackgroundLargeSendMilliseconds = 1000;
+constexpr int32_t kBackgroundLargeSendMilliseconds = limits::of("send.background");
 constexpr int32_t kLargeTextBytes = 1 << 20;
 
 // A peer that numbers its answers like the request.
@@ -140,6 +144,10 @@ bool PrivateData::deliver(Message& message, const SoString& text, bool mayLaunch
     }
     if (!mayLaunch) {
         sendError(message, "ERROR: LAUNCHING IS SUPPRESSED", kSendFailed, waitSeconds);
+        return false;
+    }
+    if (outgoing_.count() >= kMaximumQueued || outgoing_.bodyBytes() >= kMaximumQueuedBytes) {
+        sendError(message, "ERROR: TOO MANY MESSAGES WAIT", kSendFailed, waitSeconds);
         return false;
     }
     if (!Specifier(target.c_str(), false).isRunning()) {

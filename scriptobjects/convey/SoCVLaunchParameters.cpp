@@ -1,5 +1,6 @@
 #include "scriptobjects/convey/SoCVLaunchParameters.h"
 
+#include "limits/Limits.h"
 #include "platform/Processes.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
@@ -10,8 +11,8 @@ namespace ScObjects::ConveyUtils {
 namespace {
 
 constexpr int32_t kSliceSeconds = 4;
-constexpr int32_t kProcessQueueSeconds = 10;
-constexpr int32_t kLaunchQueueSeconds = 200;
+constexpr int32_t kProcessQueueSeconds = limits::of("launch.process-queue");
+constexpr int32_t kLaunchQueueSeconds = limits::of("launch.queue");
 
 // Waits for the parameters at an open stream.
 bool receiveFrom(InterAppStream& stream, SoString& parameters, int32_t seconds) {

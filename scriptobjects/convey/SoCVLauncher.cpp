@@ -3,6 +3,7 @@
 #include <new>
 #include <string_view>
 
+#include "limits/Limits.h"
 #include "platform/Desktop.h"
 #include "platform/Files.h"
 #include "platform/Processes.h"
@@ -24,7 +25,7 @@ using Message = Convey::Message;
 
 constexpr std::string_view kWebAddress = "https://"; // compared exactly, so HTTPS:// is a path
 constexpr std::string_view kBundleExtension = ".app";
-constexpr uint32_t kLaunchSeconds = 300;
+constexpr uint32_t kLaunchSeconds = limits::of("launch.age");
 constexpr const char* kPendingSuffix = "haslaunchparams";
 
 std::unique_ptr<InterAppStream> pendingPort(const SoString* queueName) {

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <string_view>
 
+#include "limits/Limits.h"
 #include "scriptobjects/convey/SoConvey.h"
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoString.h"
@@ -56,7 +57,7 @@ class SO_EXPORT Convey::Message : public SoLockable {
 public:
     // The user headers that a text may bring: further ones are left out, so that a hostile text
     // cannot hold its reader (each is looked up among those before it).
-    static constexpr int32_t kMaximumReadHeaders = 4096;
+    static constexpr int32_t kMaximumReadHeaders = limits::of("message.headers");
 
     // A message of type "Tessaly", made now, without target, sender, serial numbers or time-out.
     Message();

@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "limits/Limits.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoString.h"
@@ -25,7 +26,7 @@ class SO_EXPORT MessageQueue : public SoLockable {
 public:
     // What a message without a time-out gets, in seconds, so that nothing waits for ever by
     // accident.
-    static constexpr uint32_t kDefaultTimeoutSeconds = 600;
+    static constexpr uint32_t kDefaultTimeoutSeconds = limits::of("message.timeout");
 
     MessageQueue() = default;
     ~MessageQueue() override;

@@ -6,6 +6,7 @@
 #include <limits>
 #include <utility>
 
+#include "limits/Limits.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVMessageGlobals.h"
 #include "scriptobjects/convey/SoCVUtils.h"
@@ -27,7 +28,7 @@ constexpr std::string_view kOldVersionName = "Version";
 constexpr std::string_view kTypeWithoutReplyTyping = "debug";
 
 // What a string can hold; no transport brings as much.
-constexpr uint32_t kMaximumBodyBytes = 0x7FFF0000;
+constexpr uint32_t kMaximumBodyBytes = limits::of("message.body");
 
 // From here on moving a body within its buffer is cheaper than another buffer.
 constexpr size_t kMovedBodyBytes = 65536;

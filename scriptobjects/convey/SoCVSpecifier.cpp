@@ -3,6 +3,7 @@
 #include <cmath>
 #include <vector>
 
+#include "limits/Limits.h"
 #include "scriptobjects/connector/SoCVConnector.h"
 #include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVLauncher.h"
@@ -118,8 +119,8 @@ LocaleChoice chooseExact(const std::vector<SoString>& registrations, double vers
     return choice;
 }
 
-constexpr int32_t kStatusSeconds = 2;
-constexpr int kSenderNames = 10;
+constexpr int32_t kStatusSeconds = limits::of("ping.status");
+constexpr int kSenderNames = limits::of("ping.names");
 
 // Where the fix-up that is under way on this thread is explained, null for nowhere.
 constinit thread_local SoVector<SoString>* gExplanation = nullptr;

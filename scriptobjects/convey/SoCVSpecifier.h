@@ -2,6 +2,7 @@
 
 #include <string_view>
 
+#include "limits/Limits.h"
 #include "scriptobjects/convey/SoConvey.h"
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoString.h"
@@ -33,7 +34,7 @@ struct CVSpecifierParts {
 // Threads: one object in one thread at a time. Nothing is thrown but std::bad_alloc.
 class SO_EXPORT Convey::Specifier : public SoString {
 public:
-    static constexpr size_t kMaximumBytes = 255; // what every peer of the layer accepts
+    static constexpr size_t kMaximumBytes = limits::of("specifier.length");
 
     // `fixUp` true: the text is lower-cased and completed to a registered application (see
     // `fixUp`); false: it is lower-cased only.

@@ -3,6 +3,7 @@
 #include <new>
 #include <string_view>
 
+#include "limits/Limits.h"
 #include "platform/MessagePort.h"
 #include "scriptobjects/convey/SoCVLaunchParameters.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
@@ -14,7 +15,7 @@ namespace {
 
 constexpr const char* kProcessStreamSuffix = "ping";
 constexpr const char* kFallbackName = "interappstream-1.0";
-constexpr int kInstances = 8;
+constexpr int kInstances = limits::of("stream.instances");
 
 // The stream of the process, and the lock that makes it once.
 class ProcessStream : public SoLockable {

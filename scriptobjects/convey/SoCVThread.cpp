@@ -4,6 +4,7 @@
 #include <set>
 #include <string>
 
+#include "limits/Limits.h"
 #include "platform/Clock.h"
 #include "platform/MessagePort.h"
 #include "scriptobjects/convey/SoCVContext.h"
@@ -23,15 +24,15 @@ namespace {
 using Message = Convey::Message;
 using MsgHandler = Convey::MsgHandler;
 
-constexpr int64_t kRoundMilliseconds = 100;
-constexpr int64_t kParkedMilliseconds = 3'600'000;
+constexpr int64_t kRoundMilliseconds = limits::of("thread.round");
+constexpr int64_t kParkedMilliseconds = limits::of("thread.parked");
 constexpr unsigned kSetupPollMilliseconds = 10;
-constexpr int kPingsAtOnce = 256; // then the instances have their turn
-constexpr int32_t kAnswerMilliseconds = 20;
+constexpr int kPingsAtOnce = limits::of("thread.pings");
+constexpr int32_t kAnswerMilliseconds = limits::of("thread.answer.wait");
 // Answers that their askers have not taken yet: a few large ones, or many small ones.
-constexpr size_t kMaximumUnsent = 256;
-constexpr int64_t kMaximumUnsentBytes = 16 << 20;
-constexpr double kLongestAnswerSeconds = 30;
+constexpr size_t kMaximumUnsent = limits::of("thread.unsent.answers");
+constexpr int64_t kMaximumUnsentBytes = limits::of("thread.unsent.bytes");
+constexpr double kLongestAnswerSeconds = limits::of("thread.answer.age");
 constexpr double kIdleIntervals = 10;
 constexpr double kAverageWeight = 0.1; // of the newest interval
 

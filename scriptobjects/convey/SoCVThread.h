@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "limits/Limits.h"
 #include "scriptobjects/convey/SoConvey.h"
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoHeap.h"
@@ -56,7 +57,7 @@ public:
     static constexpr const char* CV_NOERROR = "NOERROR";
 
     // Keys that other processes may set: as many as a table holds.
-    static constexpr size_t kMaximumKeys = 1000;
+    static constexpr size_t kMaximumKeys = limits::of("thread.keys");
 
     // An entry of the table.
     struct PingData {

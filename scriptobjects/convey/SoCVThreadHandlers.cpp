@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 
+#include "limits/Limits.h"
 #include "platform/Processes.h"
 #include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVInstance.h"
@@ -14,7 +15,7 @@
 namespace ScObjects {
 namespace {
 
-constexpr uint32_t kForwardedSeconds = 60; // what an observer has not taken by then is old news
+constexpr uint32_t kForwardedSeconds = limits::of("forward.age");
 
 bool isForwardingKey(const SoString& key) {
     return key == "FWDMESSAGES" || key == "FWDERRORS" || key == "FWDLOGS";

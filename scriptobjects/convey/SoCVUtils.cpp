@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "limits/Limits.h"
 #include "platform/Clock.h"
 #include "platform/Files.h"
 #include "platform/Frameworks.h"
@@ -21,13 +22,13 @@
 namespace ScObjects::ConveyUtils {
 namespace {
 
-constexpr size_t kLocaleBufferBytes = 16; // identifier and terminator: longer ones are not used
+constexpr size_t kLocaleBufferBytes = limits::of("options.locale");
 
 constexpr uint32_t kFolderMode = 0771;
 constexpr size_t kIdentifierBytes = 16;
-constexpr int32_t kMaximumCachedBytes = 40;     // an identifier has 32 characters at most
-constexpr size_t kMaximumIdentifierFile = 4096; // what is larger was not written by us
-constexpr int kMaximumFolderDepth = 64;
+constexpr int32_t kMaximumCachedBytes = limits::of("identifier.length");
+constexpr size_t kMaximumIdentifierFile = limits::of("identifier.file");
+constexpr int kMaximumFolderDepth = limits::of("folders.depth");
 constexpr std::string_view kWordEnds = " =;\"':";
 
 // Upper-case hexadecimal, one or two digits a byte.
@@ -76,6 +77,9 @@ private:
         auto reading = files.readOwn(file, kMaximumIdentifierFile, content);
         if (reading == platform::Files::Reading::missing) {
             if (!files.makeFolder(folder, kFolderMode)) {
+                if (!files.exists(home)) {
+                    return SoString(); // a user without a home folder has less to offer
+                }
                 platform::Log::system().problem("cannot make the folder " + folder +
                                                 ": messages carry no digest");
                 return SoString();

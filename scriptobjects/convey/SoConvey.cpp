@@ -6,6 +6,7 @@
 #include <new>
 #include <string>
 
+#include "limits/Limits.h"
 #include "scriptobjects/connector/PCDConnector.h"
 #include "scriptobjects/connector/SoCVConnector.h"
 #include "scriptobjects/convey/SoCVContext.h"
@@ -23,10 +24,10 @@
 namespace ScObjects {
 namespace {
 
-constexpr size_t kMaximumTargetBytes = 256;
-constexpr size_t kMaximumParameterBytes = 65536;
-constexpr uint32_t kLaunchSeconds = 300;
-constexpr uint32_t kRefreshSeconds = 60;
+constexpr size_t kMaximumTargetBytes = limits::of("launch.target");
+constexpr size_t kMaximumParameterBytes = limits::of("launch.parameters");
+constexpr uint32_t kLaunchSeconds = limits::of("launch.age");
+constexpr uint32_t kRefreshSeconds = limits::of("registry.refresh");
 // This application is launched without parameters and fetches them by itself.
 constexpr const char* kLaunchedWithoutParameters = "docsafe-8.0";
 

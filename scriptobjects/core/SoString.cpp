@@ -9,11 +9,13 @@
 #include <new>
 #include <utility>
 
+#include "limits/Limits.h"
+
 namespace ScObjects {
 namespace {
 
-constexpr int64_t kMaximumLength = std::numeric_limits<int32_t>::max() - SoString::kStep;
-constexpr int32_t kMaximumScannedUnits = 65'536; // of a UTF-16 text without a length
+constexpr int64_t kMaximumLength = limits::of("string.length");
+constexpr int32_t kMaximumScannedUnits = limits::of("string.unmeasured");
 constexpr uint32_t kReplacement = 0xFFFD;
 constexpr int kEncodedBytes = 6; // of the longest code point
 

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "limits/Limits.h"
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoVector.h"
 #include "scriptobjects/stream/BaseInterAppStream.h"
@@ -22,11 +23,11 @@ namespace ScObjects {
 class SO_EXPORT MacInterAppStream : public BaseInterAppStream {
 public:
     // What a send waits at most for a full queue, unless it is told otherwise.
-    static constexpr int32_t kSendTimeoutMilliseconds = 10'000;
+    static constexpr int32_t kSendTimeoutMilliseconds = limits::of("send.wait");
     // `messagePending` draws no more while this much is drawn and not received; a single text may
     // be larger.
-    static constexpr int32_t kMaximumDrawnTexts = 256;
-    static constexpr int64_t kMaximumDrawnBytes = 4 << 20;
+    static constexpr int32_t kMaximumDrawnTexts = limits::of("receive.texts");
+    static constexpr int64_t kMaximumDrawnBytes = limits::of("receive.bytes");
 
     // A text that was drawn from the port: owned by the stream until it is received.
     class SO_EXPORT DataRef : public SoHeap {

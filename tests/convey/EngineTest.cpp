@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "limits/Limits.h"
 #include "platform/fake/Fakes.h"
 #include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVInstance.h"
@@ -291,6 +292,22 @@ TEST_F(EngineTest, queuesForALaunchedTargetInOrder) {
     }
     EXPECT_LT(received.find("\n\nfirst"), received.find("\n\nsecond"));
     EXPECT_LT(received.find("\n\nsecond"), received.find("\n\nthird"));
+}
+
+TEST_F(EngineTest, refusesMessagesWhenTooManyWaitForTheirTargets) {
+    layer.connector->launchResult = 1;
+    Strings calls;
+    Convey own("own-1.0", noting(calls), true, nullptr);
+    for (int64_t i = 0; i < limits::of("queue.outgoing.messages"); ++i) {
+        auto message = std::make_unique<Message>(request("other-2.0", "x"));
+        message->setSender("own-1.0");
+        ASSERT_TRUE(own.data()->outgoing().append(message.release()));
+    }
+    Message message = request("other-2.0", "one more", "Error");
+    EXPECT_FALSE(own.send(message, true, 0, nullptr));
+    EXPECT_EQ(own.data()->outgoing().count(), limits::of("queue.outgoing.messages"));
+    EXPECT_TRUE(own.processIncomingMessage(kAny, true));
+    EXPECT_EQ(calls, Strings{"4 Tessaly ERROR: TOO MANY MESSAGES WAIT"});
 }
 
 TEST_F(EngineTest, aMessageThatFindsNoTargetEndsAfterTenMinutes) {

@@ -118,6 +118,12 @@ TEST_F(ConveyToolTest, speaksJson) {
         events.push_back(Json::parse(line)["event"]);
     }
     EXPECT_THAT(events, testing::ElementsAre("sent", "received", "result", "processed"));
+    const Json bounds = json({"limits"});
+    EXPECT_GE(bounds["limits"].size(), 70U);
+    for (const auto& limit : bounds["limits"]) {
+        EXPECT_GT(limit["value"], 0) << limit;
+        EXPECT_NE(limit["reason"], "") << limit;
+    }
     const Json all = json({"ports"});
     ASSERT_EQ(all["ports"].size(), 3U) << all;
     EXPECT_EQ(all["ports"][0]["name"], "lumen-2.5-en_us");

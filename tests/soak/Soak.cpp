@@ -357,7 +357,8 @@ private:
             sent += state.sent.load();
             refused += state.refused.load();
         }
-        if (events_["A"] == 0 || comparisons_ == 0) {
+        const bool isShort = duration < std::chrono::seconds(30); // too short for third lives
+        if (events_["A"] == 0 || (comparisons_ == 0 && !isShort)) {
             violation("nothing was acknowledged or compared: the run proves nothing");
         }
         std::printf("%lld s, %zu processes, seed %u\n",

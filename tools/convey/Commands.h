@@ -76,4 +76,6 @@ struct PortsOptions {
 };
 Exit ports(const Output& output, const PortsOptions& options);
 
+Exit limits(const Output& output);
+
 } // namespace convey_tool

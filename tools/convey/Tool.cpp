@@ -140,6 +140,9 @@ private:
         auto& listing =
             add("ports", "Show this user's ports", [this] { return ports(output_, ports_); });
         listing.add_flag("--clean", ports_.clean, "Remove what dead processes have left");
+
+        add("limits", "Show every bound of the system, and why it is what it is",
+            [this] { return limits(output_); });
     }
 
     Output& output_;

@@ -3,6 +3,7 @@
 #include <ostream>
 #include <string_view>
 
+#include "limits/Limits.h"
 #include "scriptobjects/convey/SoCVUtilsCore.h"
 
 namespace convey_tool {
@@ -10,7 +11,7 @@ namespace {
 
 using ScObjects::SoString;
 
-constexpr size_t kDeepest = 64;
+constexpr size_t kDeepest = limits::of("tree.depth");
 
 bool isBelow(const std::string& path, const std::string& parent) {
     return path.size() > parent.size() && path.compare(0, parent.size(), parent) == 0 &&

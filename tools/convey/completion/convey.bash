@@ -1,7 +1,7 @@
 # bash completion for convey: commands, their options, and the specifiers of the registry.
 _convey() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-    local commands='list resolve ping send launch front wait diagnose monitor ports'
+    local commands='list resolve ping send launch front wait diagnose monitor ports limits'
     local word command= options=
     for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
         case $word in

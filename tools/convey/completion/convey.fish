@@ -1,5 +1,5 @@
 # fish completion for convey: commands, their options, and the specifiers of the registry.
-set -l commands list resolve ping send launch front wait diagnose monitor ports
+set -l commands list resolve ping send launch front wait diagnose monitor ports limits
 set -l targets resolve ping send launch front wait diagnose monitor
 
 complete -c convey -f
@@ -16,6 +16,7 @@ complete -c convey -n "not __fish_seen_subcommand_from $commands" -a wait -d 'Wa
 complete -c convey -n "not __fish_seen_subcommand_from $commands" -a diagnose -d 'Show its state'
 complete -c convey -n "not __fish_seen_subcommand_from $commands" -a monitor -d 'Show its messages'
 complete -c convey -n "not __fish_seen_subcommand_from $commands" -a ports -d 'Show the ports'
+complete -c convey -n "not __fish_seen_subcommand_from $commands" -a limits -d 'Show every bound'
 complete -c convey -n "__fish_seen_subcommand_from $targets" -a '(convey list --names 2>/dev/null)'
 complete -c convey -n '__fish_seen_subcommand_from ping' -a allRunningApps
 complete -c convey -n '__fish_seen_subcommand_from list' -l running -d 'Only those that run'
