@@ -37,7 +37,7 @@ int64_t Statement::integer(int column) const {
 std::string_view Statement::text(int column) const {
     const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
     if (bytes == nullptr) {
-        return {"", 0}; // callers copy it, which a null pointer is not for
+        return ""; // callers copy it, which a null pointer is not for
     }
     const auto length = static_cast<size_t>(sqlite3_column_bytes(statement_, column));
     return {bytes, strnlen(bytes, length)};
