@@ -268,6 +268,23 @@ TEST_F(CheckRunningTest, everyKindOfReplyCrossesProcesses) {
     EXPECT_TRUE(Convey::InitTerm::exit());
 }
 
+TEST_F(CheckRunningTest, aNameThatAnotherProgramTookFirstStaysWithIt) {
+    // Of the same user: whoever opens a name first has it, and what is sent to it.
+    RunningProcess squatter({RECEIVE, "lumen-2.0-en_us"});
+    EXPECT_EQ(squatter.readLine(), "receiving at lumen-2.0-en_us");
+    RunningProcess late({HOST, "lumen-2.0-en_us"});
+    EXPECT_EQ(late.readLine(), "running as lumen_1-2.0-en_us") << "and the application is told";
+    ASSERT_EQ(runProcess({SEND, "lumen-2.0-en_us", "for lumen"}).exitStatus, 0);
+    EXPECT_THAT(squatter.readLine(), HasSubstr("for lumen"));
+    // The other one can be reached by the name that it got; and by its own again, once it is free.
+    EXPECT_EQ(runProcess({HOST, "kivra-7.0", "--ask", "lumen_1-2.0-en_us", "hello"}).out,
+              "result: echo: hello\n");
+    squatter.signal(SIGTERM);
+    EXPECT_EQ(squatter.finish(), 0);
+    const auto again = host("lumen-2.0-en_us");
+    EXPECT_EQ(check("lumen-2.0-en_us"), "ECHO_RESPONSE");
+}
+
 TEST_F(CheckRunningTest, aFloodedTargetAnswersOthers) {
     std::vector<std::string> arguments = {HOST, "lumen-2.0-en_us", "--quiet"};
     RunningProcess running(arguments);

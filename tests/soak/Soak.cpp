@@ -215,18 +215,20 @@ private:
 
     // A process of the same user that does not keep to the protocol, and dies in the middle.
     void writeGarbage(unsigned index) {
-        ++garbage_;
         const pid_t child = fork();
         if (child == 0) {
             const int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+            bool heard = false;
+            if (chdir(folder_.file("run/convey").c_str()) != 0) { // whose path may be long
+                _exit(1);
+            }
             sockaddr_un address{};
             address.sun_family = AF_UNIX;
-            const std::string path =
-                folder_.file("run/convey/soak" + std::to_string(index) + "-1.0" +
-                             (upTo(1) == 0 ? ".socket" : "%23thread.socket"));
+            const std::string path = randomSocketOf(index);
             path.copy(address.sun_path, sizeof address.sun_path - 1);
             alarm(5); // its victim may be stopped
             if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+                heard = true;
                 unsigned char packet[2000];
                 for (unsigned i = upTo(20); i > 0; --i) {
                     for (unsigned char& byte : packet) {
@@ -244,9 +246,24 @@ private:
                     }
                 }
             }
-            _exit(0);
+            _exit(heard ? 0 : 1);
         }
-        waitpid(child, nullptr, 0);
+        int status = 0;
+        waitpid(child, &status, 0);
+        garbage_ += status == 0 ? 1 : 0; // else its victim was not there
+    }
+
+    // The file name of a port of the worker.
+    std::string randomSocketOf(unsigned index) {
+        std::vector<std::string> sockets;
+        for (const auto& entry : std::filesystem::directory_iterator(".")) {
+            const std::string file = entry.path().filename().string();
+            if (file.find("soak" + std::to_string(index) + "-1.0") != std::string::npos &&
+                file.ends_with(".socket")) {
+                sockets.push_back(file);
+            }
+        }
+        return sockets.empty() ? "none" : sockets[random_() % sockets.size()];
     }
 
     void finish() {
