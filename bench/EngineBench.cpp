@@ -95,6 +95,8 @@ double queueCost(int count) {
 struct Use {
     double switches = 0;
     double ticks = 0;
+    double kilobytes = 0; // resident, and of it what no other process shares
+    double ownKilobytes = 0;
 };
 
 Use useOf(int pid) {
@@ -108,6 +110,14 @@ Use useOf(int pid) {
                     use.switches += std::atof(line.c_str() + 24);
                 }
             }
+        }
+    }
+    std::ifstream memory(folder + "/smaps_rollup");
+    for (std::string line; std::getline(memory, line);) {
+        if (line.rfind("Rss:", 0) == 0) {
+            use.kilobytes = std::atof(line.c_str() + 4);
+        } else if (line.rfind("Private_", 0) == 0) {
+            use.ownKilobytes += std::atof(line.c_str() + line.find(':') + 1);
         }
     }
     std::ifstream stat(folder + "/stat");
@@ -235,6 +245,8 @@ int main(int argc, char** argv) {
         "< 0.1 (the host itself looks for SIGTERM ten times a second) |\n",
         (after.switches - before.switches) / kIdleSeconds,
         (after.ticks - before.ticks) / kIdleSeconds);
+    std::printf("| idle host: memory, of its own | %.1f MiB, %.1f MiB | | | |\n",
+                after.kilobytes / 1024, after.ownKilobytes / 1024);
     wholeProcesses(folder, 5 * rounds);
     return 0;
 }

@@ -26,6 +26,12 @@ using caps::Status;
 using caps::Store;
 
 constexpr const char* kGoalRatio = "3";
+constexpr const char* kShell = "/usr/bin/sqlite3";
+constexpr const char* kSameRows =
+    "SELECT name, key, value FROM subdomain JOIN domain_data ON subdomain = id WHERE domain = 1 "
+    "ORDER BY id, position; SELECT p.code, q.code, launch_path, d.domain, d.key, d.value FROM "
+    "product p JOIN payload q ON q.product = p.id LEFT JOIN payload_data d ON d.payload = q.id "
+    "ORDER BY p.id, q.id, d.position";
 
 void require(Status status) {
     if (status != Status::ok) {
@@ -118,12 +124,18 @@ double compare(const TemporaryFolder& folder, int count, bool withProducts, int 
     std::vector<Times> tool;
     std::vector<Times> bare;
     std::vector<Times> unflushed;
+    std::vector<Times> shell;
+    const bool hasShell = access(kShell, X_OK) == 0;
     for (int i = -2; i < rounds; ++i) { // the first two fill the caches
         const Times toolTime = timeProgram({KIVRA_CONVEY_CMD}, folder.file("tool"));
         const Times bareTime = timeProgram({BARE_LISTING, database}, folder.file("bare"));
         const Times unflushedTime =
             timeProgram({BARE_LISTING, database, "unflushed"}, folder.file("unflushed"));
+        const Times shellTime =
+            hasShell ? timeProgram({kShell, "-readonly", database, kSameRows}, folder.file("shell"))
+                     : Times{};
         if (i >= 0) {
+            shell.push_back(shellTime);
             tool.push_back(toolTime);
             bare.push_back(bareTime);
             unflushed.push_back(unflushedTime);
@@ -135,9 +147,11 @@ double compare(const TemporaryFolder& folder, int count, bool withProducts, int 
     const double toolWall = median(tool, &Times::wallMilliseconds);
     const double bareWall = median(bare, &Times::wallMilliseconds);
     const double unflushedWall = median(unflushed, &Times::wallMilliseconds);
-    std::printf("| %d%s | %.2f ms | %.2f ms | %.2f | %.2f ms | %.2f | %.2f ms |\n", count,
-                withProducts ? " with products" : "", toolWall, bareWall, toolWall / bareWall,
-                unflushedWall, toolWall / unflushedWall, median(tool, &Times::cpuMilliseconds));
+    const double shellWall = median(shell, &Times::wallMilliseconds);
+    std::printf("| %d%s | %.2f ms | %.2f ms | %.2f | %.2f ms | %.2f | %.2f ms | %.2f | %.2f ms |\n",
+                count, withProducts ? " with products" : "", toolWall, bareWall,
+                toolWall / bareWall, unflushedWall, toolWall / unflushedWall, shellWall,
+                hasShell ? toolWall / shellWall : 0, median(tool, &Times::cpuMilliseconds));
     std::fflush(stdout);
     return toolWall;
 }
@@ -155,8 +169,9 @@ int main(int argc, char** argv) {
         const TemporaryFolder folder;
         std::printf("Medians of %d whole processes each, in turn; the goal is a ratio of %s.\n\n",
                     rounds, kGoalRatio);
-        std::printf("| applications | tool | bare | ratio | bare, unflushed | ratio | tool cpu |\n"
-                    "|---|---|---|---|---|---|---|\n");
+        std::printf(
+            "| applications | tool | bare | ratio | bare, unflushed | ratio | sqlite3 shell, "
+            "the same rows | ratio | tool cpu |\n|---|---|---|---|---|---|---|---|---|\n");
         compare(folder, 10, false, rounds);
         const double thousand = compare(folder, 1'000, false, rounds);
         const double tenThousand = compare(folder, 10'000, false, rounds);

@@ -87,6 +87,10 @@ inline constexpr Limit kAll[] = {
     {"port.claims", 1000, "attempts", "at a name; each is lost to a process that came and went"},
     {"log.lines", 100, "lines", "a host's error output is not ours to fill"},
 
+    // Memory
+    {"memory.kept.bytes", 32 * kMiB, "bytes", "of large blocks for the next text; given back when idle"},
+    {"memory.kept.blocks", 16, "blocks", "the same: a text passes through a handful"},
+
     // Home folder
     {"identifier.file", 4096, "bytes", "what is larger was not written by us"},
     {"identifier.length", 40, "bytes", "that is remembered; ours have at most 32"},

@@ -11,6 +11,7 @@
 
 #include "limits/Limits.h"
 #include "platform/Service.h"
+#include "platform/TextMemory.h"
 
 namespace platform {
 
@@ -30,7 +31,7 @@ public:
     // has a whole number of steps, as the strings that take it over have, so that it need not be
     // moved for them.
     [[nodiscard]] bool allocate(size_t size) {
-        auto* block = static_cast<char*>(std::malloc((size / kStep + 1) * kStep));
+        auto* block = static_cast<char*>(TextMemory::allocate((size / kStep + 1) * kStep));
         if (block == nullptr) {
             return false;
         }
@@ -41,7 +42,7 @@ public:
     char* data() { return data_.get(); }
     size_t size() const { return size_; }
     std::string_view view() const { return {data_.get(), size_}; }
-    // The block, now the caller's, to be given back with std::free; null when empty.
+    // The block, now the caller's, to be given back to TextMemory; null when empty.
     char* release() {
         size_ = 0;
         return data_.release();
@@ -50,7 +51,7 @@ public:
 private:
     static constexpr size_t kStep = 128;
     struct Free {
-        void operator()(char* block) const { std::free(block); }
+        void operator()(char* block) const { TextMemory::free(block); }
     };
     std::unique_ptr<char, Free> data_;
     size_t size_ = 0;

@@ -47,9 +47,10 @@ constexpr int64_t kListeningPauseMilliseconds = limits::of("port.accept-pause");
 constexpr int64_t kLongestSliceMilliseconds = limits::of("port.wait");
 constexpr int kLockAttempts = limits::of("port.claims");
 
-// A busy wait that finds nothing costs more than it can save, so it is given up after some of them,
-// and tried again from time to time.
-constexpr auto kSpin = std::chrono::microseconds(30);
+// About what going to sleep and being woken costs, and so what it may save at most. One that finds
+// nothing costs more than it can save, so it is given up after some of them, and tried again from
+// time to time.
+constexpr auto kSpin = std::chrono::microseconds(60);
 constexpr int kFullSpinCredit = 8;
 constexpr int kSpinRest = -64;
 

@@ -7,6 +7,7 @@
 #include "limits/Limits.h"
 #include "platform/Clock.h"
 #include "platform/MessagePort.h"
+#include "platform/TextMemory.h"
 #include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVMessage.h"
@@ -248,6 +249,7 @@ void ConveyThread::run() {
         if (regular) {
             notePump();
             removeExpiredPingData();
+            platform::TextMemory::giveBackWhenIdle();
             nextRound = now() + static_cast<double>(kRoundMilliseconds);
         }
         if (stop_.load() || more) {

@@ -1,7 +1,8 @@
 #include "scriptobjects/core/SoHeap.h"
 
-#include <cstdlib>
 #include <new>
+
+#include "platform/TextMemory.h"
 
 namespace ScObjects {
 
@@ -20,15 +21,15 @@ void SoHeap::operator delete(void* p) noexcept {
 }
 
 void* SoHeap::mallocHeap(size_t bytes) {
-    return std::malloc(bytes);
+    return platform::TextMemory::allocate(bytes);
 }
 
 void* SoHeap::reallocHeap(void* p, size_t bytes) {
-    return std::realloc(p, bytes);
+    return platform::TextMemory::reallocate(p, bytes);
 }
 
 void SoHeap::freeHeap(void* p) {
-    std::free(p);
+    platform::TextMemory::free(p);
 }
 
 } // namespace ScObjects

@@ -1,8 +1,12 @@
 #include <cstdlib>
+#include <cstring>
 #include <gtest/gtest.h>
 #include <map>
 #include <string>
+#include <vector>
 
+#include "limits/Limits.h"
+#include "platform/TextMemory.h"
 #include "platform/fake/Fakes.h"
 
 namespace {
@@ -98,6 +102,42 @@ TEST(Clock, monotonicTimeNeverGoesBack) {
         last = now;
     }
     EXPECT_GT(clock.utcMilliseconds(), int64_t{1'700'000'000'000}) << "milliseconds since 1970";
+}
+
+TEST(TextMemory, keepsLargeBlocksWithinBoundsUntilNobodyUsesThem) {
+    using platform::TextMemory;
+    constexpr size_t kLarge = size_t{1} << 20;
+    const auto bound = static_cast<size_t>(limits::of("memory.kept.bytes"));
+    TextMemory::free(nullptr);
+    void* const small = TextMemory::allocate(1000);
+    TextMemory::free(small);
+    EXPECT_EQ(TextMemory::keptBytes(), 0U);
+    std::vector<void*> blocks;
+    for (int i = 0; i < 100; ++i) {
+        blocks.push_back(TextMemory::allocate(kLarge + static_cast<size_t>(i) * 1000));
+        ASSERT_NE(blocks.back(), nullptr);
+        std::memset(blocks.back(), i, kLarge);
+    }
+    for (void* const block : blocks) {
+        TextMemory::free(block);
+        EXPECT_LE(TextMemory::keptBytes(), bound);
+    }
+    EXPECT_GE(TextMemory::keptBytes(), kLarge);
+    const size_t kept = TextMemory::keptBytes();
+    void* const again = TextMemory::allocate(kLarge);
+    EXPECT_LT(TextMemory::keptBytes(), kept) << "one of those that are kept";
+    void* const tooSmall = TextMemory::allocate(kLarge / 8);
+    EXPECT_GE(TextMemory::keptBytes(), kept - 2 * kLarge) << "a small text takes no large block";
+    void* const grown = TextMemory::reallocate(again, 4 * kLarge);
+    ASSERT_NE(grown, nullptr);
+    TextMemory::free(grown);
+    TextMemory::free(tooSmall);
+    TextMemory::free(TextMemory::allocate(2 * bound));
+    EXPECT_LE(TextMemory::keptBytes(), bound);
+    TextMemory::giveBackWhenIdle(); // used since the last call, which there was not
+    EXPECT_GT(TextMemory::keptBytes(), 0U);
+    TextMemory::giveBackWhenIdle();
+    EXPECT_EQ(TextMemory::keptBytes(), 0U);
 }
 
 TEST(Files, seesFilesFoldersAndNothing) {

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstddef>
+
+namespace platform {
+
+// Memory for texts and what is made of them: the process heap, but for large blocks, some of which
+// are kept when they are given back. Asking the system for a megabyte and giving it back costs more
+// than copying it, and every large message asks for several.
+//
+// Porting contract: blocks are those of the process heap, so that one which was got here may be
+// grown by `reallocate`. A child after fork may use all of it. Threads: any.
+class TextMemory {
+public:
+    // At least `size` bytes, not initialised; null when there is no memory.
+    static void* allocate(size_t size);
+    // The block (null for none) grown or shrunk, content kept, possibly at another place; null when
+    // there is no memory, and the block stays as it is.
+    static void* reallocate(void* block, size_t size);
+    // Null is ignored.
+    static void free(void* block);
+
+    // To be called again and again, far apart: gives all that is kept to the system when no large
+    // block was asked for or given back since the last call.
+    static void giveBackWhenIdle();
+
+    // Bytes that are kept now.
+    static size_t keptBytes();
+};
+
+} // namespace platform
