@@ -371,7 +371,7 @@ TEST_F(ModelTest, instances) {
         models[side].hasHandler = !models[side].hasHandler;
     };
     const auto settle = [&] {
-        for (const size_t side : {0, 1}) { // each notice is seen to have come
+        for (const size_t side : {size_t{0}, size_t{1}}) { // each notice is seen to have come
             if (!models[side].hasHandler) {
                 toggleHandler(side);
             }
