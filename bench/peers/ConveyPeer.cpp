@@ -2,6 +2,7 @@
 // over the port with the check of who is at the other end, read and checked.
 #include <string>
 #include <unistd.h>
+#include <utility>
 
 #include "bench/BareSocket.h"
 #include "bench/peers/Peer.h"
@@ -60,14 +61,14 @@ public:
     }
 
 private:
-    bool give(const SoString& target, const SoString& sender, const SoString& body,
+    bool give(const SoString& target, const SoString& sender, SoString body,
               int32_t patienceMilliseconds = InterAppStream::kSendTimeoutMilliseconds) {
         Convey::Message message;
         message.setTarget(target);
         message.setSender(sender);
         message.setResponseRequest("Received Result");
         message.setSerialNumber(++lastNumber_);
-        message.setBody(body);
+        message.setBody(std::move(body));
         SoString text;
         return message.writeToString(text) && stream_->send(target, text, patienceMilliseconds);
     }

@@ -64,14 +64,20 @@ void writeAll(int fd, const void* bytes, size_t size) {
     }
 }
 
-[[noreturn]] void measure(const Contestant& one, const Size& size, int result) {
-    const std::unique_ptr<Peer> peer = one.make();
+// The other process of a peer, which ends with this one.
+pid_t startServer(Peer& peer) {
     const pid_t server = fork();
     if (server == 0) {
         (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
-        peer->serve();
+        peer.serve();
         _exit(0);
     }
+    return server;
+}
+
+[[noreturn]] void measure(const Contestant& one, const Size& size, int result) {
+    const std::unique_ptr<Peer> peer = one.make();
+    const pid_t server = startServer(*peer);
     const std::string asked = std::string(1, kAnswer) + std::string(size.bytes - 1, 'x');
     const std::string given = std::string(1, kTakeOnly) + std::string(size.bytes - 1, 'x');
     std::vector<double> figures;
@@ -114,12 +120,7 @@ void measureStopped(const Contestant& one, pid_t broker) {
         return;
     }
     const std::unique_ptr<Peer> peer = one.make();
-    const pid_t server = fork();
-    if (server == 0) {
-        (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
-        peer->serve();
-        _exit(0);
-    }
+    const pid_t server = startServer(*peer);
     peer->connect();
     peer->roundTrip(std::string(1, kAnswer));
     kill(server, SIGSTOP);
