@@ -24,6 +24,9 @@ public:
     // block was asked for or given back since the last call.
     static void giveBackWhenIdle();
 
+    // Gives all that is kept to the system now; what is given back later is kept again.
+    static void giveBack();
+
     // Bytes that are kept now.
     static size_t keptBytes();
 };

@@ -55,9 +55,9 @@ public:
         return true;
     }
 
-    void clearWhenIdle() {
+    void clear(bool onlyWhenIdle) {
         const std::unique_lock<std::mutex> lock(mutex_, std::try_to_lock);
-        if (!lock.owns_lock() || std::exchange(usesBefore_, uses_) != uses_) {
+        if (!lock.owns_lock() || (std::exchange(usesBefore_, uses_) != uses_ && onlyWhenIdle)) {
             return;
         }
         while (count_ > 0) {
@@ -114,7 +114,11 @@ void TextMemory::free(void* block) {
 }
 
 void TextMemory::giveBackWhenIdle() {
-    gKept.clearWhenIdle();
+    gKept.clear(true);
+}
+
+void TextMemory::giveBack() {
+    gKept.clear(false);
 }
 
 size_t TextMemory::keptBytes() {

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "limits/Limits.h"
+#include "platform/TextMemory.h"
 #include "scriptobjects/connector/PCDConnector.h"
 #include "scriptobjects/connector/SoCVConnector.h"
 #include "scriptobjects/convey/SoCVContext.h"
@@ -41,6 +42,7 @@ void shutDown() {
     ConveyConnector::InitTerm::exit();
     InterAppStream::InitTerm::exit();
     ConveyUtils::exit();
+    platform::TextMemory::giveBack();
 }
 
 ConveyThread* mainThread() {

@@ -138,6 +138,10 @@ TEST(TextMemory, keepsLargeBlocksWithinBoundsUntilNobodyUsesThem) {
     EXPECT_GT(TextMemory::keptBytes(), 0U);
     TextMemory::giveBackWhenIdle();
     EXPECT_EQ(TextMemory::keptBytes(), 0U);
+    TextMemory::free(TextMemory::allocate(kLarge));
+    EXPECT_GT(TextMemory::keptBytes(), 0U);
+    TextMemory::giveBack();
+    EXPECT_EQ(TextMemory::keptBytes(), 0U) << "at once";
 }
 
 TEST(Files, seesFilesFoldersAndNothing) {
