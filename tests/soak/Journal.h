@@ -15,6 +15,9 @@
 //   E ID          was told of an error
 //   Z ID          got an answer to its predecessor
 //   X ID          what came was not what was sent
+//   U ID          nothing was heard of it, because the watch over its time had been ended by the
+//   answer
+//                 to a predecessor's request of the same number
 //   S ID          nothing was heard of it long after its time
 //   C FDS THREADS HEAP   after the layer was stopped: descriptors, threads, bytes in use
 namespace soak {

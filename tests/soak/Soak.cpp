@@ -384,9 +384,11 @@ private:
                     "database\n",
                     kills_, stops_, garbage_, databaseChanges_);
         std::printf("requests: %llu sent, %llu refused at once; %d handled, %d results, %d "
-                    "time-outs, %d errors, %d answers to a predecessor\n",
+                    "time-outs, %d errors, %d answers to a predecessor, "
+                    "which left %d to their asker's own clock\n",
                     static_cast<unsigned long long>(sent), static_cast<unsigned long long>(refused),
-                    events_["H"], events_["A"], events_["T"], events_["E"], events_["Z"]);
+                    events_["H"], events_["A"], events_["T"], events_["E"], events_["Z"],
+                    events_["U"]);
         std::printf("longest silence of a process that was not stopped: %lld ms\n",
                     static_cast<long long>(longestSilence_.count()));
         std::printf("lives of the layer: %d; compared: %d, most heap kept beyond the second: %lld "

@@ -90,6 +90,9 @@ private:
     struct Pending {
         std::string id;
         int64_t since; // by the worker's own time
+        // What was processed was a request of a predecessor with this number. That has ended the
+        // watch over the time, too.
+        bool unwatched = false;
     };
 
     static std::string nameOf(unsigned index) { return "soak" + std::to_string(index) + "-1.0"; }
@@ -135,7 +138,7 @@ private:
         lastRound_ = now;
         for (auto pending = pending_.begin(); pending != pending_.end();) {
             if (ownTime_ - pending->second.since > kOverdueMilliseconds) {
-                note("S " + pending->second.id);
+                note((pending->second.unwatched ? "U " : "S ") + pending->second.id);
                 pending = pending_.erase(pending);
             } else {
                 ++pending;
@@ -156,7 +159,7 @@ private:
         message.setSerialNumber(message.getNextSerialNumber(nullptr));
         message.setBody(SoString(bodyOf(id, bytes).c_str()));
         const uint32_t serial = message.getSerialNumber();
-        pending_[serial] = {id, ownTime_};
+        pending_[serial] = {id, ownTime_, false};
         if (instance.send(message, false, 0, nullptr)) {
             state_.sent.fetch_add(1);
         } else {
@@ -167,6 +170,7 @@ private:
     }
 
     int32_t handle(int event, Convey::Message& message, SoString* result) {
+        constexpr int kOther = 0;
         constexpr int kRequest = 1;
         constexpr int kResult = 3;
         constexpr int kError = 4;
@@ -195,6 +199,12 @@ private:
                 return 0;
             }
             note((body == "re " + id ? "A " : "X ") + id);
+        } else if (event == kOther) {
+            // Ours ask for results, which come before the word that they were processed.
+            if (pending != pending_.end() && message.getType() == "Processed") {
+                pending->second.unwatched = true;
+            }
+            return 0;
         } else if (event == kTimeout || event == kError) {
             note((event == kTimeout ? "T " : "E ") + id);
             late_[serial] = id; // the result may come all the same
