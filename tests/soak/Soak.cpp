@@ -42,6 +42,7 @@ struct Worker {
     bool stopped = false;
     Time::time_point continueAt;
     uint64_t beats = 0;
+    uint64_t firstBeat = 0; // when it was started
     Time::time_point lastBeat;
 };
 
@@ -118,7 +119,7 @@ private:
         Worker& worker = workers_[index];
         worker = {};
         worker.lastBeat = Time::now();
-        worker.beats = (*states_)[index].beats.load();
+        worker.beats = worker.firstBeat = (*states_)[index].beats.load();
         worker.pid = fork();
         if (worker.pid == 0) {
             std::vector<char*> arguments;
@@ -268,9 +269,13 @@ private:
 
     void finish() {
         const auto end = Time::now() + kUntilEnd;
-        for (const Worker& worker : workers_) {
-            kill(worker.pid, SIGCONT);
-            kill(worker.pid, SIGTERM);
+        for (unsigned i = 0; i < workers_.size(); ++i) {
+            kill(workers_[i].pid, SIGCONT);
+            // One that was started a moment ago cannot be asked to end yet.
+            while ((*states_)[i].beats.load() == workers_[i].firstBeat && Time::now() < end) {
+                std::this_thread::sleep_for(milliseconds(5));
+            }
+            kill(workers_[i].pid, SIGTERM);
         }
         for (unsigned i = 0; i < workers_.size(); ++i) {
             Worker& worker = workers_[i];
