@@ -1,16 +1,40 @@
 #pragma once
 
-#include <istream>
-#include <ostream>
+#include <cstdint>
 #include <string>
-#include <vector>
 
+#include "caps/tool/Context.h"
+#include "caps/tool/Registry.h"
+
+// The commands of the tool. Each opens the database, does one thing and gives the exit status: 0,
+// or 1 when the answer is no. They throw Failure or TomlError, with what to tell the person.
 namespace caps::tool {
 
-// The whole tool: runs the command that `arguments` (without the program's name) give. Results go
-// to `out`, messages to `err`. Returns the exit status: 0, 1 when the command failed, 2 when it was
-// not understood.
-int run(const std::vector<std::string>& arguments, std::istream& in, std::ostream& out,
-        std::ostream& err);
+// Makes an empty database, or brings one up to date.
+int init(Context& context);
+
+// All of a file or nothing; "-" is standard input.
+int importToml(Context& context, const std::string& file);
+int importDesktop(Context& context, const std::string& folder);
+
+int addApplication(Context& context, Application application);
+int removeApplication(Context& context, const std::string& specifier);
+int addProduct(Context& context, const Product& product);
+int removeProduct(Context& context, const std::string& code);
+int addGroup(Context& context, const Group& group);
+int removeGroup(Context& context, const Group& group);
+
+// One value; `name` is a specifier or a subdomain.
+int set(Context& context, int32_t domain, const std::string& name, const std::string& key,
+        const std::string& value);
+int get(Context& context, int32_t domain, const std::string& name, const std::string& key);
+int remove(Context& context, int32_t domain, const std::string& name, const std::string& key);
+
+int list(Context& context);
+int listGroups(Context& context);
+int show(Context& context, const std::string& specifier);
+int exportAll(Context& context);
+// Exit status 1 when there is something to report.
+int check(Context& context);
 
 } // namespace caps::tool

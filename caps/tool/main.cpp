@@ -1,7 +1,7 @@
 #include <exception>
 #include <iostream>
 
-#include "caps/tool/Commands.h"
+#include "caps/tool/Tool.h"
 
 int main(int argc, char** argv) {
     try {

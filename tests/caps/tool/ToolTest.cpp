@@ -7,9 +7,9 @@
 
 #include "caps/Store.h"
 #include "caps/tool/Checks.h"
-#include "caps/tool/Commands.h"
 #include "caps/tool/DesktopEntries.h"
 #include "caps/tool/TomlFile.h"
+#include "caps/tool/Tool.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace {

@@ -1,0 +1,116 @@
+// The commands that read the database and leave it as it is.
+#include <nlohmann/json.hpp>
+
+#include "caps/tool/Checks.h"
+#include "caps/tool/Commands.h"
+#include "caps/tool/Table.h"
+#include "caps/tool/TomlFile.h"
+
+namespace caps::tool {
+
+using Json = nlohmann::ordered_json;
+
+int get(Context& context, int32_t domain, const std::string& name, const std::string& key) {
+    context.open(Store::Access::read);
+    const Subdomain subdomain = context.readSubdomain(domain, name);
+    const std::string* value = find(subdomain.data, key);
+    if (value == nullptr) {
+        throw Failure(subdomain.name + " has no " + key);
+    }
+    context.out << *value << '\n';
+    return 0;
+}
+
+int listGroups(Context& context) {
+    context.open(Store::Access::read);
+    Table table({"NAME", "NUMBER", "APPLICATION"});
+    Json rows = Json::array();
+    for (const KeyValue& entry : context.groupEntries()) {
+        if (const std::optional<Group> group = parseGroup(entry)) {
+            table.add({group->name, group->number, group->pattern});
+            rows.push_back({{"name", group->name},
+                            {"number", group->number},
+                            {"application", group->pattern}});
+        }
+    }
+    context.print(rows, table);
+    return 0;
+}
+
+int list(Context& context) {
+    context.open(Store::Access::read);
+    const Contents contents = context.readAll();
+    Table table({"SPECIFIER", "NAME", "PATH"});
+    Json rows = Json::array();
+    for (const Subdomain& subdomain : contents.subdomains) {
+        if (!isApplicationSubdomain(subdomain)) {
+            continue;
+        }
+        const auto value = [&subdomain](std::string_view key) {
+            const std::string* found = find(subdomain.data, key);
+            return found != nullptr ? *found : std::string();
+        };
+        std::string specifier = value(kSpecifierKey);
+        if (specifier.empty()) {
+            specifier = subdomain.name.substr(kAppPrefix.size());
+        }
+        const std::string redirect = value(kRedirectKey);
+        table.add({specifier, value(kDisplayNameKey),
+                   redirect.empty() ? value(kPathKey) : "-> " + redirect});
+        Json one = {{"specifier", specifier}};
+        for (const KeyValue& entry : subdomain.data) {
+            if (entry.key != kSpecifierKey) {
+                one[entry.key] = entry.value;
+            }
+        }
+        rows.push_back(std::move(one));
+    }
+    context.print(rows, table);
+    return 0;
+}
+
+int show(Context& context, const std::string& specifier) {
+    context.open(Store::Access::read);
+    const Subdomain subdomain = context.readSubdomain(kRegistryDomain, specifier);
+    Table table({"KEY", "VALUE"});
+    Json object = Json::object();
+    for (const KeyValue& entry : subdomain.data) {
+        table.add({entry.key, entry.value});
+        object[entry.key] = entry.value;
+    }
+    context.print(object, table);
+    return 0;
+}
+
+int exportAll(Context& context) {
+    context.open(Store::Access::read);
+    const Contents contents = context.readAll();
+    if (!contents.refused.empty()) { // an export that silently lacks something is no backup
+        throw Failure(contents.refused.front() + " is over its limit and cannot be exported");
+    }
+    writeToml(context.out, contents);
+    return 0;
+}
+
+// Exit status 1 when there is something to report.
+int check(Context& context) {
+    context.open(Store::Access::read);
+    const std::vector<Finding> findings = checkRegistry(context.readAll());
+    Json rows = Json::array();
+    for (const Finding& finding : findings) {
+        rows.push_back({{"where", finding.where}, {"what", finding.what}, {"why", finding.why}});
+    }
+    if (context.json) {
+        context.out << dump(rows) << '\n';
+    } else if (findings.empty()) {
+        context.out << "nothing to report\n";
+    } else {
+        for (const Finding& finding : findings) {
+            context.out << printable(finding.where + ": " + finding.what + "; " + finding.why)
+                        << '\n';
+        }
+    }
+    return findings.empty() ? 0 : 1;
+}
+
+} // namespace caps::tool
