@@ -4,37 +4,13 @@
 #include <string_view>
 
 #include "limits/Limits.h"
+#include "scriptobjects/convey/SoCVWords.h"
 #include "scriptobjects/convey/SoConvey.h"
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoString.h"
 #include "scriptobjects/core/SoThread.h"
 
 namespace ScObjects {
-
-namespace ConveyData {
-
-// No message, or any message.
-inline constexpr uint32_t CV_INVALID_MESSAGE_NUMBER = 0xFFFFFFFF;
-
-// The names of the header lines.
-inline constexpr const char* CV_SENDER = "Sender";
-inline constexpr const char* CV_SENDER_ID = "Sender-ID";
-inline constexpr const char* CV_TARGET = "Target";
-inline constexpr const char* CV_TIMEOUT = "Timeout";
-inline constexpr const char* CV_TYPE = "Type";
-inline constexpr const char* CV_RESPONSE_REQUEST = "Response-Request";
-inline constexpr const char* CV_TIMESTAMP = "Timestamp";
-inline constexpr const char* CV_CONTENT_LENGTH = "Content-Length";
-inline constexpr const char* CV_SERIAL_NUMBER = "Serial-Number";
-inline constexpr const char* CV_RECEIVED = "Received";
-inline constexpr const char* CV_RESULT = "Result";
-inline constexpr const char* CV_ERROR = "Error";
-inline constexpr const char* CV_ERROR_CODE = "Error-Code";
-inline constexpr const char* CV_VERSION = "@CV>Version";
-inline constexpr const char* CV_DIGEST = "@CV>Digest";
-inline constexpr const char* CV_MD5 = "@CV>MD5";
-
-} // namespace ConveyData
 
 // A free-form header of a message: a node of the message's list, owned by the message.
 class SO_EXPORT Convey::Header : public SoHeap {
