@@ -12,30 +12,19 @@
 
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoConvey.h"
-#include "tests/support/Process.h"
-#include "tests/support/TemporaryFolder.h"
+#include "tests/e2e/Scene.h"
 
 namespace {
 
 using testing::HasSubstr;
 
 // The tool and hosts, on a registry of the test's own.
-class CheckRunningTest : public testing::Test {
+class CheckRunningTest : public Scene {
 protected:
     CheckRunningTest() {
-        setenv("XDG_RUNTIME_DIR", folder.file("").c_str(), 1);
-        setenv("HOME", folder.file("").c_str(), 1);
-        setenv("OVREL_CAPS_DB", folder.file("caps.db").c_str(), 1);
         for (const char* application : {"kivra-7.0", "lumen-2.0-en_us", "viewer-1.0"}) {
-            const ProcessResult added = runProcess(
-                {OVREL_CAPS_TOOL, "add-app", application, "--path", "/opt/apps/App.app"});
-            EXPECT_EQ(added.exitStatus, 0) << added.err;
+            add(application);
         }
-    }
-    static std::unique_ptr<RunningProcess> host(const char* specifier) {
-        auto process = std::make_unique<RunningProcess>(std::vector<std::string>{HOST, specifier});
-        EXPECT_EQ(process->readLine(), std::string("running as ") + specifier);
-        return process;
     }
     static std::string check(const char* specifier) {
         const ProcessResult result = runProcess({KIVRA_CONVEY_CMD, "check_running", specifier});
@@ -46,8 +35,6 @@ protected:
         EXPECT_EQ(result.out.substr(0, start.size()), start);
         return result.out.substr(start.size(), result.out.find('\'', start.size()) - start.size());
     }
-
-    TemporaryFolder folder;
 };
 
 TEST_F(CheckRunningTest, saysWhatBecameOfTheTarget) {

@@ -10,8 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/Process.h"
-#include "tests/support/TemporaryFolder.h"
+#include "tests/e2e/Scene.h"
 
 namespace {
 
@@ -20,18 +19,13 @@ using testing::Not;
 using Json = nlohmann::json;
 
 // The tool on the sample registry, beside a host that runs as lumen.
-class ConveyToolTest : public testing::Test {
+class ConveyToolTest : public Scene {
 protected:
     ConveyToolTest() {
-        setenv("XDG_RUNTIME_DIR", folder.file("").c_str(), 1);
-        setenv("HOME", folder.file("").c_str(), 1);
-        setenv("OVREL_CAPS_DB", folder.file("caps.db").c_str(), 1);
         setenv("LC_ALL", "en_US.UTF-8", 1);
         const ProcessResult filled = runProcess({OVREL_CAPS_TOOL, "import", SAMPLE_REGISTRY});
         EXPECT_EQ(filled.exitStatus, 0) << filled.err;
-        lumen = std::make_unique<RunningProcess>(
-            std::vector<std::string>{HOST, "lumen-2.5-en_us", "--quiet"});
-        EXPECT_EQ(lumen->readLine(), "running as lumen-2.5-en_us");
+        lumen = host("lumen-2.5-en_us", {"--quiet"});
     }
     static ProcessResult tool(std::vector<std::string> arguments) {
         arguments.insert(arguments.begin(), CONVEY_PROGRAM);
@@ -42,7 +36,6 @@ protected:
         return Json::parse(tool(arguments).out);
     }
 
-    TemporaryFolder folder;
     std::unique_ptr<RunningProcess> lumen;
 };
 

@@ -14,8 +14,7 @@
 #include "platform/Processes.h"
 #include "platform/linux/WindowManager.h"
 #include "scriptobjects/convey/SoCVLauncher.h"
-#include "tests/support/Process.h"
-#include "tests/support/TemporaryFolder.h"
+#include "tests/e2e/Scene.h"
 
 namespace {
 
@@ -23,7 +22,7 @@ using ScObjects::ConveyUtils::Launcher;
 
 // An X server of the test's own with a real window manager, two applications with a window each.
 // Pictures of what is shown go to the folder $CONVEY_ARTIFACTS, when that is set.
-class DesktopTest : public testing::Test {
+class DesktopTest : public Scene {
 protected:
     void SetUp() override {
         // The server chooses a display that is free and writes its number down.
@@ -54,14 +53,6 @@ protected:
             (void)kill(static_cast<pid_t>(process), SIGKILL);
         }
     }
-    template <class Condition>
-    static bool eventually(Condition holds) {
-        for (int i = 0; i < 1000 && !holds(); ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return holds();
-    }
-
     // Holds for half a second on end: a window that takes the focus is put back a moment later.
     template <class Condition>
     static bool comesToStay(Condition holds) {
@@ -109,7 +100,6 @@ protected:
         EXPECT_GT(std::filesystem::file_size(path), 0U);
     }
 
-    TemporaryFolder folder;
     std::unique_ptr<RunningProcess> server;
     std::unique_ptr<RunningProcess> manager;
     std::unique_ptr<platform::WindowManager> windows;

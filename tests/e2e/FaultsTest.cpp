@@ -13,29 +13,18 @@
 #include <vector>
 
 #include "scriptobjects/convey/SoConvey.h"
-#include "tests/support/Process.h"
-#include "tests/support/TemporaryFolder.h"
+#include "tests/e2e/Scene.h"
 
 namespace {
 
 using ScObjects::Convey;
 using testing::HasSubstr;
 
-class FaultsTest : public testing::Test {
+class FaultsTest : public Scene {
 protected:
     FaultsTest() {
-        setenv("XDG_RUNTIME_DIR", folder.file("").c_str(), 1);
-        setenv("HOME", folder.file("").c_str(), 1);
-        setenv("OVREL_CAPS_DB", database.c_str(), 1);
-        add(database, {"kivra-7.0", "lumen-2.0"});
-    }
-    static void add(const std::string& file, const std::vector<std::string>& applications) {
-        for (const std::string& application : applications) {
-            const ProcessResult added =
-                runProcess({OVREL_CAPS_TOOL, "add-app", application, "--path", "/opt/App.app"},
-                           {{"OVREL_CAPS_DB", file}});
-            ASSERT_EQ(added.exitStatus, 0) << added.err;
-        }
+        add("kivra-7.0");
+        add("lumen-2.0");
     }
     // A command as on a disk on which no file can grow beyond so many blocks of 512 bytes.
     static ProcessResult onAFullDisk(int blocks, std::vector<std::string> command,
@@ -51,19 +40,6 @@ protected:
         EXPECT_EQ(result.exitStatus, 0);
         return result.out;
     }
-    template <class Condition>
-    static bool becomes(Condition&& condition) {
-        for (int i = 0; i < 3000; ++i) {
-            if (condition()) {
-                return true;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return false;
-    }
-
-    TemporaryFolder folder;
-    const std::string database = folder.file("caps.db");
 };
 
 TEST_F(FaultsTest, aFullDiskLeavesTheDatabaseAsItWas) {
@@ -121,18 +97,23 @@ TEST_F(FaultsTest, aDatabaseThatChangesBelowTheLayerIsFollowed) {
         sqlite3_close(connection);
     };
     EXPECT_EQ(number(), 2);
-    add(folder.file("other.db"), {"a-1.0", "b-1.0", "c-1.0"});
+    const auto addTo = [this](const char* file, const char* specifier) {
+        add(specifier, "/opt/App.app", {{"OVREL_CAPS_DB", folder.file(file)}});
+    };
+    for (const char* specifier : {"a-1.0", "b-1.0", "c-1.0"}) {
+        addTo("other.db", specifier);
+    }
     std::filesystem::rename(folder.file("other.db"), database);
     EXPECT_EQ(number(), 3) << "replaced";
     sql("VACUUM");
     EXPECT_EQ(number(), 3) << "vacuumed";
-    add(database, {"d-1.0"});
+    add("d-1.0");
     EXPECT_EQ(number(), 4) << "and changed";
     std::filesystem::rename(database, folder.file("away.db"));
     EXPECT_EQ(number(), 4) << "what was read is kept while there is nothing else";
     std::filesystem::rename(folder.file("away.db"), database);
     EXPECT_EQ(number(), 4) << "restored";
-    add(folder.file("older.db"), {"e-1.0"});
+    addTo("older.db", "e-1.0");
     std::filesystem::remove(database);
     EXPECT_EQ(number(), 4) << "deleted";
     std::filesystem::rename(folder.file("older.db"), database);
@@ -158,7 +139,7 @@ TEST_F(FaultsTest, aPortFolderThatIsRemovedIsReportedAndMadeAgain) {
     EXPECT_THAT(running(), HasSubstr("ECHO_RESPONSE"));
     EXPECT_EQ(TemporaryFolder::read(errors), "");
     std::filesystem::remove_all(ports);
-    EXPECT_TRUE(becomes([&] {
+    EXPECT_TRUE(eventually([&] {
         return TemporaryFolder::read(errors).find("lumen-2.0.lock was removed") !=
                std::string::npos;
     })) << TemporaryFolder::read(errors);

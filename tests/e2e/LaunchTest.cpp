@@ -12,8 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/support/Process.h"
-#include "tests/support/TemporaryFolder.h"
+#include "tests/e2e/Scene.h"
 
 namespace {
 
@@ -22,23 +21,13 @@ using testing::Not;
 
 // Hosts that launch others, on a registry of the test's own. What is launched writes its output to
 // the file "log" and its number to "pids".
-class LaunchTest : public testing::Test {
+class LaunchTest : public Scene {
 protected:
-    LaunchTest() {
-        setenv("XDG_RUNTIME_DIR", folder.file("").c_str(), 1);
-        setenv("HOME", folder.file("").c_str(), 1);
-        setenv("OVREL_CAPS_DB", folder.file("caps.db").c_str(), 1);
-    }
     ~LaunchTest() override {
         std::ifstream pids(folder.file("pids"));
         for (pid_t pid = 0; pids >> pid;) {
             (void)kill(pid, SIGKILL); // gone already is as well
         }
-    }
-    static void registerAt(const std::string& specifier, const std::string& path) {
-        const ProcessResult added =
-            runProcess({OVREL_CAPS_TOOL, "add-app", specifier, "--path", path});
-        EXPECT_EQ(added.exitStatus, 0) << added.err;
     }
     std::string script(const std::string& name, const std::string& commands) const {
         std::filesystem::create_directories(std::filesystem::path(folder.file(name)).parent_path());
@@ -64,12 +53,10 @@ protected:
         const std::string pids = TemporaryFolder::read(folder.file("pids"));
         return static_cast<size_t>(std::count(pids.begin(), pids.end(), '\n'));
     }
-
-    TemporaryFolder folder;
 };
 
 TEST_F(LaunchTest, aTargetThatDoesNotRunGetsItsParametersAndTheMessage) {
-    registerAt("painter-1.0", bundle("Painter", "painter-1.0"));
+    add("painter-1.0", bundle("Painter", "painter-1.0"));
     const ProcessResult first = launch("painter", "-open \"a picture.png\" `touch owned` $(id)");
     EXPECT_EQ(first.exitStatus, 0) << first.err;
     EXPECT_THAT(first.out, HasSubstr("result: echo: good day\n"));
@@ -82,7 +69,7 @@ TEST_F(LaunchTest, aTargetThatDoesNotRunGetsItsParametersAndTheMessage) {
 }
 
 TEST_F(LaunchTest, otherFormsOfApplications) {
-    registerAt("program-1.0", script("program", asHost("program-1.0")));
+    add("program-1.0", script("program", asHost("program-1.0")));
     EXPECT_THAT(launch("program-1.0").out, HasSubstr("result: echo: good day\n"));
     EXPECT_THAT(log(), HasSubstr("launched with: -specifier program-1.0 -nostartupscreen\n"));
 
@@ -91,17 +78,17 @@ TEST_F(LaunchTest, otherFormsOfApplications) {
     (void)folder.write("Lister.app/Contents/Info.plist",
                        "<plist version=\"1.0\"><dict><key>CFBundleExecutable</key>"
                        "<string>start</string></dict></plist>");
-    registerAt("lister-1.0", lister);
+    add("lister-1.0", lister);
     EXPECT_THAT(launch("lister-1.0").out, HasSubstr("result: echo: good day\n"));
 
-    registerAt("slow-1.0", script("slow", "sleep 2\n" + asHost("slow-1.0")));
+    add("slow-1.0", script("slow", "sleep 2\n" + asHost("slow-1.0")));
     EXPECT_THAT(launch("slow-1.0").out, HasSubstr("result: echo: good day\n"));
 
     if (dlopen("libgio-2.0.so.0", RTLD_LAZY) != nullptr) { // else none can be started
         const std::string entry =
             folder.write("entry.desktop", "[Desktop Entry]\nType=Application\nName=Entry\nExec=\"" +
                                               script("entry", asHost("entry-1.0")) + "\" %U\n");
-        registerAt("entry-1.0", entry);
+        add("entry-1.0", entry);
         EXPECT_THAT(launch("entry-1.0").out, HasSubstr("result: echo: good day\n"));
         EXPECT_THAT(log(), HasSubstr("launched with: -specifier entry-1.0 -nostartupscreen\n"));
     }
@@ -109,8 +96,8 @@ TEST_F(LaunchTest, otherFormsOfApplications) {
 
 TEST_F(LaunchTest, aLaunchThatFailsSaysSoAndKeepsNobodyWaiting) {
     const std::string notExecutable = folder.write("data", "#!/bin/sh\n");
-    registerAt("gone-1.0", folder.file("Gone.app"));
-    registerAt("data-1.0", notExecutable);
+    add("gone-1.0", folder.file("Gone.app"));
+    add("data-1.0", notExecutable);
     for (const char* target : {"gone-1.0", "data-1.0"}) {
         SCOPED_TRACE(target);
         const ProcessResult result = launch(target);
@@ -125,7 +112,7 @@ TEST_F(LaunchTest, aLaunchThatFailsSaysSoAndKeepsNobodyWaiting) {
 }
 
 TEST_F(LaunchTest, aTargetThatCrashesHoldsUpNobodyForLong) {
-    registerAt("crash-1.0", script("crash", "exit 1"));
+    add("crash-1.0", script("crash", "exit 1"));
     RunningProcess launcher({HOST, "kivra-7.0", "--launch-behind", "crash-1.0"});
     EXPECT_EQ(launcher.readLine(), "launched");
     launcher.signal(SIGKILL);
@@ -164,8 +151,8 @@ TEST_F(LaunchTest, theCallersOwnBundleIsStartedAgain) {
     std::filesystem::create_directory_symlink(
         std::filesystem::path(OVREL_CAPS_LIBRARY).parent_path(),
         folder.file("ovrel_caps.framework"));
-    registerAt("kivra-7.0", bundle);
-    registerAt("lumen-2.0", bundle);
+    add("kivra-7.0", bundle);
+    add("lumen-2.0", bundle);
     const ProcessResult result = runProcess(
         {bundle + "/Contents/MacOS/program", "kivra-7.0", "--launch", "lumen-2.0", "good day"});
     EXPECT_THAT(result.out, HasSubstr("result: echo: good day\n")) << result.err;
@@ -173,7 +160,7 @@ TEST_F(LaunchTest, theCallersOwnBundleIsStartedAgain) {
 }
 
 TEST_F(LaunchTest, tenLaunchersAtOnceAllGetAnAnswer) {
-    registerAt("painter-1.0", bundle("Painter", "painter-1.0"));
+    add("painter-1.0", bundle("Painter", "painter-1.0"));
     std::vector<std::unique_ptr<RunningProcess>> launchers;
     for (int i = 0; i < 10; ++i) {
         launchers.push_back(std::make_unique<RunningProcess>(

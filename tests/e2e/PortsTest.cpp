@@ -5,15 +5,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <memory>
-#include <random>
 #include <signal.h>
 #include <string>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
-#include "tests/support/Process.h"
-#include "tests/support/TemporaryFolder.h"
+#include "tests/e2e/Scene.h"
 
 namespace {
 
@@ -21,18 +19,8 @@ using testing::HasSubstr;
 using testing::StartsWith;
 
 // The example programs, with a home and a port folder of the test's own.
-class PortsTest : public testing::Test {
+class PortsTest : public Scene {
 protected:
-    PortsTest() {
-        setenv("XDG_RUNTIME_DIR", folder.file("").c_str(), 1);
-        setenv("HOME", folder.file("").c_str(), 1);
-    }
-
-    // Instrumented builds are slower by an order of magnitude; they do a part of the work.
-    static long scaled(long count) {
-        const char* divisor = std::getenv("CONVEY_TEST_DIVISOR");
-        return divisor == nullptr ? count : count / std::max(1L, std::atol(divisor));
-    }
     static std::unique_ptr<RunningProcess> receiver(const char* name,
                                                     const std::vector<std::string>& options,
                                                     const std::string& program = RECEIVE) {
@@ -42,8 +30,6 @@ protected:
         EXPECT_EQ(process->readLine(), std::string("receiving at ") + name);
         return process;
     }
-
-    TemporaryFolder folder;
 };
 
 TEST_F(PortsTest, aMessageReachesAnotherProcess) {
@@ -119,26 +105,6 @@ TEST_F(PortsTest, aStoppedReceiverHoldsItsSenderAndLosesNothing) {
     EXPECT_EQ(counting->finish(), 0);
     EXPECT_EQ(counting->rest(),
               std::to_string(delivered) + " messages of 1 senders, 0 out of order, 0 rejected\n");
-}
-
-TEST_F(PortsTest, aSenderKilledAtAnyMomentLeavesWholeMessagesOnly) {
-    const unsigned seed = std::random_device()();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
-    const auto receiving = receiver("survivor-1.0", {"--summary"});
-    for (int round = 0; round < 20; ++round) {
-        // Messages that take several packets each.
-        const std::unique_ptr<RunningProcess> sender(
-            new RunningProcess({SEND, "survivor-1.0", "--from", "victim_" + std::to_string(round),
-                                "--count", "1000000", "--size", "3000000"}));
-        std::this_thread::sleep_for(std::chrono::milliseconds(random() % 60));
-        sender->signal(SIGKILL);
-        EXPECT_EQ(sender->finish(), -1);
-    }
-    EXPECT_EQ(runProcess({SEND, "survivor-1.0", "--from", "last-1.0"}).exitStatus, 0);
-    receiving->signal(SIGTERM);
-    EXPECT_EQ(receiving->finish(), 0);
-    EXPECT_THAT(receiving->rest(), HasSubstr(" 0 out of order, 0 rejected\n"));
 }
 
 TEST_F(PortsTest, aReceiverKilledInMidMessageEndsItsSender) {

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/Process.h"
+#include "tests/support/TemporaryFolder.h"
+
+// What every test of real processes stands on: a home, a port folder and a registry of its own.
+class Scene : public testing::Test {
+protected:
+    Scene() {
+        setenv("XDG_RUNTIME_DIR", folder.file("").c_str(), 1);
+        setenv("HOME", folder.file("").c_str(), 1);
+        setenv("OVREL_CAPS_DB", database.c_str(), 1);
+    }
+
+    // Registers an application, in the scene's database or another.
+    static void add(const std::string& specifier, const std::string& path = "/opt/apps/App.app",
+                    const std::map<std::string, std::string>& environment = {}) {
+        const ProcessResult added =
+            runProcess({OVREL_CAPS_TOOL, "add-app", specifier, "--path", path}, environment);
+        EXPECT_EQ(added.exitStatus, 0) << added.err;
+    }
+
+    // A running example application.
+    static std::unique_ptr<RunningProcess>
+    host(const std::string& specifier, const std::vector<std::string>& options = {},
+         const std::map<std::string, std::string>& environment = {}) {
+        std::vector<std::string> arguments = {HOST, specifier};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        auto process = std::make_unique<RunningProcess>(arguments, environment);
+        EXPECT_EQ(process->readLine(), "running as " + specifier);
+        return process;
+    }
+
+    // Whether the condition comes to hold within half a minute, looked at every ten milliseconds.
+    template <class Condition>
+    static bool eventually(Condition&& holds) {
+        for (int i = 0; i < 3000 && !holds(); ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return holds();
+    }
+
+    // Instrumented builds are slower by an order of magnitude; they do a part of the work.
+    static long scaled(long count) {
+        const char* divisor = std::getenv("CONVEY_TEST_DIVISOR");
+        return divisor == nullptr ? count : count / std::max(1L, std::atol(divisor));
+    }
+
+    TemporaryFolder folder;
+    const std::string database = folder.file("caps.db");
+};
