@@ -16,7 +16,7 @@
 
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoConvey.h"
-#include "tests/soak/Journal.h"
+#include "soak/Journal.h"
 
 namespace {
 

@@ -23,7 +23,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "tests/soak/Journal.h"
+#include "soak/Journal.h"
 #include "tests/support/Process.h"
 #include "tests/support/TemporaryFolder.h"
 
