@@ -77,12 +77,21 @@ struct PortDescription {
     int64_t waitingBytes = -1; // in its queue, with what the system needs to keep them
 };
 
+// Whether somebody owns a name. Who decides about launching must not take what could not be found
+// out for an absence.
+enum class PortState {
+    free,   // nobody owns it: `open` would succeed now
+    owned,  // somebody does, this process included
+    unknown // could not be found out: no descriptor, no memory, a folder or file that is refused
+};
+
 enum class SendResult {
     delivered,  // the whole text lies in the receiver's queue
     noReceiver, // nobody owns the name, or the owner died
     timedOut,   // the queue stayed full; nothing of the text will arrive
     tooLarge,   // longer than kMaximumTextBytes
-    failed      // the ports cannot be used, or the owner is another user
+    failed      // the ports cannot be used, whether somebody owns the name could not be found out,
+                // or the owner is another user; reported
 };
 
 // The end of a named port that receives. While it exists its process owns the name; with it the
@@ -144,9 +153,16 @@ public:
     // of an owner that died, however it did, is free at once.
     [[nodiscard]] virtual std::unique_ptr<LocalPort> open(const std::string& name) = 0;
 
-    // True when `open` would succeed now. Takes nothing, so that a process that opens the name at
-    // this moment gets it.
-    [[nodiscard]] virtual bool isFree(const std::string& name) = 0;
+    // Whether somebody owns the name. Takes nothing, so that a process that opens the name at this
+    // moment gets it. `unknown` is reported with the system's reason, and `error` receives its
+    // number (errno); 0 with the other answers. A name that cannot be one is `unknown`, too.
+    [[nodiscard]] virtual PortState look(const std::string& name, int& error) = 0;
+
+    // True when nobody owns the name; false also when that could not be found out.
+    [[nodiscard]] bool isFree(const std::string& name) {
+        int error = 0;
+        return look(name, error) == PortState::free;
+    }
 
     // Hands a text to the owner of `name`; at most `timeoutMilliseconds` while its queue is full.
     // Sends to one name from several threads go one after another.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <condition_variable>
 #include <cstring>
 #include <deque>
@@ -223,9 +224,13 @@ public:
         changed_.notify_all();
         return std::make_unique<Port>(*this, name);
     }
-    bool isFree(const std::string& name) override {
+    PortState look(const std::string& name, int& error) override {
         const std::lock_guard<std::mutex> guard(mutex_);
-        return !unusable && !name.empty() && queues_.count(name) == 0;
+        const bool unknown = unusable || name.empty();
+        error = unknown ? EMFILE : 0;
+        return unknown                    ? PortState::unknown
+               : queues_.count(name) == 0 ? PortState::free
+                                          : PortState::owned;
     }
     SendResult send(const std::string& name, std::string_view text, int64_t timeout) override {
         if (text.size() > kMaximumTextBytes) {

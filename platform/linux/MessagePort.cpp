@@ -1,6 +1,7 @@
 #include "platform/MessagePort.h"
 
 #include <atomic>
+#include <cerrno>
 
 #include "platform/linux/PortFolder.h"
 #include "platform/linux/PortList.h"
@@ -17,19 +18,24 @@ public:
         return PortReceiver::open(name);
     }
 
-    bool isFree(const std::string& name) override {
-        if (name.empty() || name.find('\0') != std::string::npos) {
-            return false;
-        }
+    PortState look(const std::string& name, int& error) override {
         PortFolder folder;
-        switch (folder.open(PortFolder::Use::ifThere)) {
-        case PortFolder::State::missing:
-            return true;
-        case PortFolder::State::usable:
-            return !isPortOwned(folder, portFileName(name));
-        default:
-            return false;
+        PortState state = PortState::unknown;
+        errno = EINVAL;
+        if (!name.empty() && name.find('\0') == std::string::npos) {
+            switch (folder.open(PortFolder::Use::ifThere)) {
+            case PortFolder::State::missing:
+                state = PortState::free;
+                break;
+            case PortFolder::State::usable:
+                state = portState(folder, portFileName(name));
+                break;
+            default:
+                break;
+            }
         }
+        error = state == PortState::unknown ? errno : 0;
+        return state;
     }
 
     SendResult send(const std::string& name, std::string_view text,

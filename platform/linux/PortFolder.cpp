@@ -60,26 +60,31 @@ std::string systemReason() {
 
 PortFolder::State PortFolder::open(Use use) {
     path_ = choosePath();
-    const auto refuse = [this](const std::string& reason) {
+    const auto refuse = [this](const std::string& reason, int error) {
         Log::system().problem("cannot use the port folder " + path_ + ": " + reason);
+        errno = error;
         return State::refused;
     };
+    const auto refuseForSystem = [&] {
+        const int error = errno;
+        return refuse(systemReason(), error);
+    };
     if (use == Use::create && mkdir(path_.c_str(), 0700) != 0 && errno != EEXIST) {
-        return refuse(systemReason());
+        return refuseForSystem();
     }
     PortDescriptor folder(::open(path_.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!folder) {
-        return errno == ENOENT ? State::missing : refuse(systemReason());
+        return errno == ENOENT ? State::missing : refuseForSystem();
     }
     struct stat status {};
     if (fstat(folder.get(), &status) != 0) {
-        return refuse(systemReason());
+        return refuseForSystem();
     }
     if (status.st_uid != geteuid()) {
-        return refuse("it belongs to another user");
+        return refuse("it belongs to another user", EPERM);
     }
     if ((status.st_mode & 077) != 0) {
-        return refuse("it is open to other users");
+        return refuse("it is open to other users", EPERM);
     }
     folder_ = std::move(folder);
     return State::usable;
@@ -124,16 +129,27 @@ std::string portFileName(const std::string& portName) {
     return file;
 }
 
-bool isPortOwned(const PortFolder& folder, const std::string& fileName) {
-    const Descriptor file(openat(folder.fd(), (fileName + kLockEnding).c_str(),
-                                 O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+PortState portState(const PortFolder& folder, const std::string& fileName) {
+    const std::string name = fileName + kLockEnding;
+    const auto unknown = [&] {
+        const int error = errno;
+        Log::system().problem("cannot find out who owns " + folder.path() + "/" + name + ": " +
+                              systemReason());
+        errno = error;
+        return PortState::unknown;
+    };
+    const Descriptor file(
+        openat(folder.fd(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!file) {
-        return false;
+        return errno == ENOENT ? PortState::free : unknown();
     }
     struct flock lock {};
     lock.l_type = F_WRLCK;
     lock.l_whence = SEEK_SET;
-    return fcntl(file.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+    if (fcntl(file.get(), F_OFD_GETLK, &lock) != 0) {
+        return unknown();
+    }
+    return lock.l_type == F_UNLCK ? PortState::free : PortState::owned;
 }
 
 bool isOwnPeer(int socket, int32_t& process) {

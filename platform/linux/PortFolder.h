@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include "platform/MessagePort.h"
 #include "platform/linux/PortDescriptor.h"
 
 namespace platform {
@@ -16,7 +17,7 @@ public:
     enum class State { usable, missing, refused };
 
     // Opens the folder: "convey" in the user's runtime folder, or in /tmp with the user's number
-    // when there is none. `refused` is reported.
+    // when there is none. `refused` is reported; errno has the reason.
     State open(Use use);
 
     int fd() const { return folder_.get(); }
@@ -42,8 +43,9 @@ std::string portFileName(const std::string& portName);
 inline constexpr const char* kSocketEnding = ".socket";
 inline constexpr const char* kLockEnding = ".lock";
 
-// True when somebody, this process included, holds the lock of the name. Takes nothing.
-bool isPortOwned(const PortFolder& folder, const std::string& fileName);
+// Whether somebody, this process included, holds the lock of the name. Takes nothing. `unknown` is
+// reported; errno has the reason.
+PortState portState(const PortFolder& folder, const std::string& fileName);
 
 // True when the process at the other end of a connected socket is this user's or root's; `process`
 // receives its number.

@@ -192,7 +192,7 @@ std::vector<PortDescription> listPorts() {
     for (const std::string& file : fileNames(folder)) {
         PortDescription port;
         port.name = portNameOf(file);
-        port.stale = !isPortOwned(folder, file);
+        port.stale = portState(folder, file) == PortState::free;
         const auto owner = owners.find(realPath(folder) + "/" + file + kLockEnding);
         port.owner = port.stale || owner == owners.end() ? 0 : owner->second;
         const std::string socket = file + kSocketEnding;

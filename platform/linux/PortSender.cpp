@@ -140,8 +140,9 @@ SendResult PortSender::Connection::open(const std::string& name, Deadline& deadl
     }
     const std::string file = portFileName(name);
     // Something may keep the socket of a dead owner alive; nobody can keep its lock.
-    if (!isPortOwned(folder, file)) {
-        return SendResult::noReceiver;
+    const PortState owner = portState(folder, file);
+    if (owner != PortState::owned) {
+        return owner == PortState::free ? SendResult::noReceiver : SendResult::failed;
     }
     PortDescriptor socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!socket) {

@@ -135,6 +135,18 @@ bool MacInterAppStream::canOpen(const SoString& name, bool /*flag*/) const {
     return platform::MessagePorts::system().isFree(portName(name));
 }
 
+MacInterAppStream::Presence MacInterAppStream::presenceOf(const SoString& name) const {
+    int error = 0;
+    switch (platform::MessagePorts::system().look(portName(name), error)) {
+    case platform::PortState::free:
+        return Presence::absent;
+    case platform::PortState::owned:
+        return Presence::present;
+    default:
+        return Presence::unknown;
+    }
+}
+
 platform::PortStatistics MacInterAppStream::statistics() const {
     const std::shared_ptr<platform::LocalPort> port = this->port();
     return port != nullptr ? port->statistics() : platform::PortStatistics();

@@ -48,6 +48,12 @@ public:
     bool messagePending() const override;
     bool canOpen(const SoString& name, bool flag) const override;
 
+    // `canOpen` in three answers. Who decides about launching, or tells a person, must not take for
+    // absent what could not be found out (no descriptor left, no memory, a refused folder), which
+    // the ports report by themselves. Threads: any; does not wait.
+    enum class Presence { absent, present, unknown };
+    Presence presenceOf(const SoString& name) const;
+
     // `send` with a time-out of its own; 0 does not wait at all.
     bool send(const SoString& target, const SoString& text, int32_t timeoutMilliseconds) const;
 

@@ -19,6 +19,7 @@
 
 using platform::LocalPort;
 using platform::MessagePorts;
+using platform::PortState;
 using platform::PortText;
 using platform::SendResult;
 
