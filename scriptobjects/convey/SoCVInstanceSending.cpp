@@ -24,7 +24,6 @@ constexpr int64_t kPollMilliseconds = 100;
 constexpr int64_t kTargetWaitMilliseconds = limits::of("send.target");
 // A message that finds no target is kept alive for this long.
 constexpr uint32_t kQueueSeconds = limits::of("queue.age");
-constexpr uint32_t kWatchSeconds = limits::of("message.watch");
 // A target that takes nothing must not fill this process's memory.
 constexpr int32_t kMaximumQueued = limits::of("queue.outgoing.messages");
 constexpr int64_t kMaximumQueuedBytes = limits::of("queue.outgoing.bytes");
@@ -84,20 +83,6 @@ bool PrivateData::send(Message& message, bool mayLaunch, uint32_t waitSeconds,
         return delivered;
     }
     return (delivered || waitForTarget(message)) && waitForResponse(message, waitSeconds);
-}
-
-// Who waits for a reply always learns when the message was processed.
-void PrivateData::requestProcessed(Message& message) const {
-    if (message.getType() == "Ignore" ||
-        (message.getResponseRequest().isEmpty() &&
-         findSlot(SoString(), message.getSerialNumber()) == nullptr)) {
-        return;
-    }
-    if (!contains(message.getResponseRequest(), "Processed") && !(message.getType() == "Debug")) {
-        SoString request = message.getResponseRequest();
-        request << " Processed";
-        message.setResponseRequest(request);
-    }
 }
 
 // Hands the message to an instance of this process; false when none has its target's name.
@@ -179,23 +164,6 @@ bool PrivateData::queueOutgoing(std::unique_ptr<Message> message) {
     return true;
 }
 
-// A watcher in the own queue tells this side that no answer came in time.
-void PrivateData::watchTime(const Message& message) {
-    if (!contains(message.getResponseRequest(), "Timeout") ||
-        message.getUserHeaderValue("TIMEOUT_DETECTOR") == "TARGET") {
-        return;
-    }
-    auto watcher = std::make_unique<Message>();
-    watcher->setTarget(message.getSender());
-    watcher->setSender(message.getSender());
-    watcher->setType("Ignore");
-    watcher->setResponseRequest("Timeout");
-    watcher->setSerialNumber(message.getSerialNumber());
-    const uint32_t timeout = message.getTimeout();
-    watcher->setTimeout(static_cast<int32_t>(timeout) > 0 ? timeout + 1 : kWatchSeconds);
-    accept(std::move(watcher));
-}
-
 bool PrivateData::waitForTarget(const Message& message) {
     const Specifier target(message.getTarget().c_str(), false);
     const int64_t end = monotonicNow() + kTargetWaitMilliseconds;
@@ -207,29 +175,6 @@ bool PrivateData::waitForTarget(const Message& message) {
         ConveyUtils::sleep(static_cast<uint32_t>(std::min(left, kPollMilliseconds)));
     }
     return true;
-}
-
-bool PrivateData::waitForResponse(const Message& message, uint32_t seconds) {
-    if (seconds == 0) {
-        return false;
-    }
-    const int64_t end = monotonicNow() + int64_t{1000} * seconds;
-    const SoString anyType;
-    ConveyContext* const context = this->context();
-    for (;;) {
-        const uint64_t seen = context == nullptr ? 0 : context->activity();
-        Convey::pump(kProcessBoth, nullptr);
-        const auto slot = findSlot(anyType, message.getSerialNumber());
-        if (slot == nullptr || slot->handler() == nullptr ||
-            slot->handler()->getSerialNumber() != message.getSerialNumber()) {
-            return true; // it has run, and is gone
-        }
-        const int64_t left = end - monotonicNow();
-        if (left <= 0 || isClosed() || context == nullptr) {
-            return false;
-        }
-        context->waitForActivity(seen, std::min(left, kPollMilliseconds));
-    }
 }
 
 bool PrivateData::sendResponse(const Message& request, const char* type, Message* response) {
