@@ -26,7 +26,7 @@ Convey::Message request(size_t bodyBytes) {
     message.setHeader("Document", "/home/user/Documents/report.txt");
     message.setHeader("Page", 12L);
     const std::string body(bodyBytes, 'b');
-    message.setBody(SoString(body.data(), static_cast<int32_t>(body.size())));
+    message.setBody(SoString(body));
     return message;
 }
 

@@ -30,7 +30,7 @@ Convey::Message messageOf(size_t textBytes, const char* target, const char* send
     SoString text;
     (void)message.writeToString(text);
     std::string body(textBytes - std::min(textBytes, static_cast<size_t>(text.length())), 'b');
-    message.setBody(SoString(body.data(), static_cast<int32_t>(body.size())));
+    message.setBody(SoString(body));
     return message;
 }
 

@@ -42,7 +42,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     size_t rows = 0;
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
-        const SoString row(line.data(), static_cast<int32_t>(line.size()));
+        const SoString row(line);
         SoString path;
         SoString label;
         SoString value;
@@ -55,7 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         require(!path.isEmpty() && path.view().find(';') == std::string_view::npos);
         const std::string again = std::string(path.view()) + (isHeading ? ";1;" : ";0;") +
                                   std::string(label.view()) + ";" + std::string(value.view()) + ";";
-        const SoString rebuilt(again.data(), static_cast<int32_t>(again.size()));
+        const SoString rebuilt(again);
         SoString path2;
         SoString label2;
         SoString value2;

@@ -52,13 +52,11 @@ public:
         take(answer);
     }
     void sendOnly(const std::string& text) override {
-        if (!give(there_, here_, SoString(text.data(), static_cast<int32_t>(text.size())))) {
+        if (!give(there_, here_, SoString(text))) {
             fail("stream send");
         }
     }
-    bool offer(const std::string& text) override {
-        return give(there_, here_, SoString(text.data(), static_cast<int32_t>(text.size())), 0);
-    }
+    bool offer(const std::string& text) override { return give(there_, here_, SoString(text), 0); }
 
 private:
     bool give(const SoString& target, const SoString& sender, SoString body,

@@ -27,8 +27,7 @@ std::string_view viewOf(const char* text) {
 } // namespace
 
 Convey::Header::Header(std::string_view headerName, std::string_view headerValue)
-    : name(headerName.data(), static_cast<int32_t>(headerName.size())),
-      value(headerValue.data(), static_cast<int32_t>(headerValue.size())) {}
+    : name(headerName), value(headerValue) {}
 
 Convey::Message::Message()
     : type_(kDefaultType), timestamp_(ConveyUtils::getTimeSeconds()), version_(kTextVersion) {}
@@ -84,7 +83,7 @@ void Convey::Message::setHeaderLocked(std::string_view name, std::string_view va
         return;
     }
     if (Header* const header = findHeader(name)) {
-        header->value.assign(value.data(), static_cast<int32_t>(value.size()));
+        header->value.assign(value);
         return;
     }
     auto* const header = new Header(name, value);

@@ -225,9 +225,7 @@ void Convey::Message::readHeadersLocked(ReadState& state) {
 
 void Convey::Message::takeLineLocked(ReadState& state, std::string_view name,
                                      std::string_view value) {
-    const auto assign = [value](SoString& field) {
-        field.assign(value.data(), static_cast<int32_t>(value.size()));
-    };
+    const auto assign = [value](SoString& field) { field.assign(value); };
     static constexpr struct {
         std::string_view name;
         SoString Message::*field;
@@ -259,7 +257,7 @@ void Convey::Message::takeLineLocked(ReadState& state, std::string_view name,
     }
     if (name == kOldVersionName) {
         version_ = kOldVersionPrefix;
-        version_.append(value.data(), static_cast<int32_t>(value.size()));
+        version_.append(value);
         state.newFormat = state.newFormat && !hasOldFormat();
     } else if (name == CV_VERSION) {
         assign(version_);

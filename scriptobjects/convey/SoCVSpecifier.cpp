@@ -27,10 +27,6 @@ bool isDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
-SoString toSoString(std::string_view text) {
-    return SoString(text.data(), static_cast<int32_t>(text.size()));
-}
-
 double versionNumber(const SoString& specifier) {
     return parseNumber(CVSpecifierParts::of(specifier.view()).version);
 }
@@ -244,28 +240,28 @@ Convey::Specifier::Specifier(const char* text, bool fixUpToo) {
 }
 
 SoString Convey::Specifier::appName() const {
-    return toSoString(CVSpecifierParts::of(view()).appName);
+    return SoString(CVSpecifierParts::of(view()).appName);
 }
 
 SoString Convey::Specifier::instance() const {
-    return toSoString(CVSpecifierParts::of(view()).instance);
+    return SoString(CVSpecifierParts::of(view()).instance);
 }
 
 SoString Convey::Specifier::version() const {
-    return toSoString(CVSpecifierParts::of(view()).version);
+    return SoString(CVSpecifierParts::of(view()).version);
 }
 
 SoString Convey::Specifier::locale() const {
-    return toSoString(CVSpecifierParts::of(view()).locale);
+    return SoString(CVSpecifierParts::of(view()).locale);
 }
 
 SoString Convey::Specifier::suffix() const {
-    return toSoString(CVSpecifierParts::of(view()).suffix);
+    return SoString(CVSpecifierParts::of(view()).suffix);
 }
 
 // `parts` may be views into this text, so the new one is built beside it.
 void Convey::Specifier::assignParts(const CVSpecifierParts& parts) {
-    SoString text = toSoString(parts.appName);
+    SoString text(parts.appName);
     const auto add = [&text](char mark, std::string_view part) {
         if (!part.empty()) {
             text << mark;
@@ -347,7 +343,7 @@ bool Convey::Specifier::completeFromContext(const CVSpecifierParts& parts) {
     if (group.isEmpty()) {
         return false;
     }
-    const SoString appName = toSoString(parts.appName);
+    const SoString appName(parts.appName);
     const SoString preferredApp = connector->findPreferredApp(own, appName, group);
     if (preferredApp.isEmpty() || preferredApp == *this) {
         note("the caller, ", own, ", prefers no version of it by its group or version \"", group,
@@ -356,7 +352,7 @@ bool Convey::Specifier::completeFromContext(const CVSpecifierParts& parts) {
     }
     note("the caller, ", own, ", goes with ", preferredApp, " by its group or version \"", group,
          "\"");
-    replaceBy(preferredApp, toSoString(parts.instance), toSoString(parts.suffix));
+    replaceBy(preferredApp, SoString(parts.instance), SoString(parts.suffix));
     return true;
 }
 
@@ -366,9 +362,9 @@ void Convey::Specifier::fixUp(bool useContext) {
     const FixUpScope scope;
     const SoString before = *this; // what the parts below are views into
     const CVSpecifierParts parts = CVSpecifierParts::of(before.view());
-    const SoString app = toSoString(parts.appName);
-    const SoString ownInstance = toSoString(parts.instance);
-    const SoString ownSuffix = toSoString(parts.suffix);
+    const SoString app(parts.appName);
+    const SoString ownInstance(parts.instance);
+    const SoString ownSuffix(parts.suffix);
     const std::vector<SoString> registrations = registrationsOf(app);
     note("registrations of \"", app, "\": ", static_cast<uint32_t>(registrations.size()));
 
@@ -400,13 +396,13 @@ void Convey::Specifier::fixUp(bool useContext) {
     const double version = parseNumber(parts.version);
     LocaleChoice choice;
     if (parts.version.find('.') != std::string_view::npos) {
-        note("exactly version ", toSoString(parts.version), " is asked for");
+        note("exactly version ", parts.version, " is asked for");
         choice = chooseExact(registrations, version);
     } else if (parts.version.empty()) {
         note("the highest version counts");
         choice = chooseByRange(registrations, 0.0, kHighestVersion);
     } else {
-        note("the highest version of ", toSoString(parts.version), " counts");
+        note("the highest version of ", parts.version, " counts");
         choice = chooseByRange(registrations, version, version + 1.0);
     }
     note("in the user's locale or without one: ", orNone(choice.same),

@@ -114,7 +114,7 @@ SoString ConveyUtils::getStreamName(const SoString& portName) {
     if (name.substr(0, prefix.size()) == prefix) {
         name.remove_prefix(prefix.size());
     }
-    return SoString(name.data(), static_cast<int32_t>(name.size()));
+    return SoString(name);
 }
 
 void ConveyUtils::keepStreamFor(std::unique_ptr<InterAppStream> stream) {

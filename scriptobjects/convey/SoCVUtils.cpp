@@ -111,10 +111,6 @@ Identifier& digestIdentifier() {
     return *identifier;
 }
 
-SoString stringOf(const std::string& text) {
-    return SoString(text.data(), static_cast<int32_t>(text.size()));
-}
-
 void walk(const std::string& path, FileFilter& filter, std::set<std::string>& walked, int depth) {
     std::vector<platform::FolderEntry> entries;
     std::string identity;
@@ -125,10 +121,10 @@ void walk(const std::string& path, FileFilter& filter, std::set<std::string>& wa
     for (const platform::FolderEntry& entry : entries) {
         const std::string child = path + "/" + entry.name;
         if (entry.isFolder) {
-            filter.onFolder(stringOf(child));
+            filter.onFolder(SoString(child));
             walk(child, filter, walked, depth + 1);
         } else {
-            filter.onFile(stringOf(child));
+            filter.onFile(SoString(child));
         }
     }
 }
@@ -230,7 +226,7 @@ SoString resolveAlias(const SoString& path) {
     if (path.isEmpty() || !platform::Files::system().resolve(path.c_str(), real)) {
         return path;
     }
-    return stringOf(real);
+    return SoString(real);
 }
 
 SoString getLaunchFolderPath() {

@@ -31,10 +31,6 @@ std::shared_ptr<ConveyData::HandlerSlot> observerOf(const SoString& handlerType)
     return slot;
 }
 
-SoString stringOf(std::string_view text) {
-    return SoString(text.data(), static_cast<int32_t>(text.size()));
-}
-
 } // namespace
 
 bool isForwarding(const char* handlerType) {
@@ -97,10 +93,10 @@ bool parseInfoLine(const SoString& row, SoString& path, SoString& label, SoStrin
     if (!rest.empty() && rest.back() == ';') { // some rows are not closed
         rest.remove_suffix(1);
     }
-    path = stringOf(fields[0]);
+    path = SoString(fields[0]);
     isHeading = fields[1] == "1";
-    label = stringOf(fields[2]);
-    value = stringOf(rest);
+    label = SoString(fields[2]);
+    value = SoString(rest);
     return true;
 }
 

@@ -1,5 +1,6 @@
 #include "scriptobjects/core/SoString.h"
 
+#include <algorithm>
 #include <array>
 #include <cctype>
 #include <charconv>
@@ -7,6 +8,7 @@
 #include <cstring>
 #include <limits>
 #include <new>
+#include <string>
 #include <utility>
 
 #include "limits/Limits.h"
@@ -38,8 +40,17 @@ char* newBuffer(int64_t length) {
     return buffer;
 }
 
-int64_t lengthOf(const char* text, int32_t length) {
-    return length >= 0 ? length : static_cast<int64_t>(std::strlen(text));
+// What a text with a length, or without one, stands for.
+std::string_view viewOf(const char* text, int32_t length) {
+    if (text == nullptr) {
+        return {};
+    }
+    return {text, length >= 0 ? static_cast<size_t>(length) : std::strlen(text)};
+}
+
+// Lengths that a string cannot have are all the same, and never negative.
+int64_t lengthOf(std::string_view text) {
+    return static_cast<int64_t>(std::min<uint64_t>(text.size(), kMaximumLength + 1));
 }
 
 template <class Convert>
@@ -162,13 +173,11 @@ void SoString::reserveFresh(int64_t length) {
     data_[length] = '\0';
 }
 
-SoString::SoString(const char* text, int32_t length) {
-    if (text == nullptr) {
-        text = "";
-        length = 0;
-    }
-    reserveFresh(lengthOf(text, length));
-    std::memcpy(data_, text, static_cast<size_t>(length_));
+SoString::SoString(const char* text, int32_t length) : SoString(viewOf(text, length)) {}
+
+SoString::SoString(std::string_view text) {
+    reserveFresh(lengthOf(text));
+    (void)std::char_traits<char>::copy(data_, text.data(), text.size()); // null when it is empty
 }
 
 SoString::SoString(const SoString& other) : SoHeap(other) {
@@ -226,11 +235,11 @@ SoString& SoString::operator=(SoString&& other) noexcept {
 }
 
 const char* SoString::assign(const char* text, int32_t length) {
-    if (text == nullptr) {
-        text = "";
-        length = 0;
-    }
-    const int64_t bytes = lengthOf(text, length);
+    return assign(viewOf(text, length));
+}
+
+const char* SoString::assign(std::string_view text) {
+    const int64_t bytes = lengthOf(text);
     if (data_ == gEmptyBuffer && bytes == 0) {
         return data_;
     }
@@ -241,30 +250,30 @@ const char* SoString::assign(const char* text, int32_t length) {
         data_ = buffer;
         capacity_ = capacityFor(bytes);
     }
-    std::memmove(data_, text, static_cast<size_t>(bytes));
+    (void)std::char_traits<char>::move(data_, text.data(), text.size());
     length_ = static_cast<int32_t>(bytes);
     data_[length_] = '\0';
     return data_;
 }
 
 void SoString::append(const char* text, int32_t length) {
-    if (text == nullptr) {
+    append(viewOf(text, length));
+}
+
+void SoString::append(std::string_view text) {
+    if (text.empty()) {
         return;
     }
-    const int64_t bytes = lengthOf(text, length);
-    const int64_t newLength = length_ + bytes;
-    if (bytes == 0) {
-        return;
-    }
+    const int64_t newLength = length_ + lengthOf(text);
     if (newLength >= capacity_ || data_ == gEmptyBuffer) {
         char* buffer = newBuffer(newLength);
         std::memcpy(buffer, data_, static_cast<size_t>(length_) + 1);
-        std::memcpy(buffer + length_, text, static_cast<size_t>(bytes)); // may lie in the old one
+        std::memcpy(buffer + length_, text.data(), text.size()); // may lie in the old one
         release();
         data_ = buffer;
         capacity_ = capacityFor(newLength);
     } else {
-        std::memmove(data_ + length_, text, static_cast<size_t>(bytes));
+        std::memmove(data_ + length_, text.data(), text.size());
     }
     length_ = static_cast<int32_t>(newLength);
     data_[length_] = '\0';
@@ -305,7 +314,7 @@ void SoString::adopt(char* heapBuffer, int32_t length) {
 void SoString::append(long n) {
     char digits[std::numeric_limits<uint32_t>::digits10 + 1];
     const auto result = std::to_chars(digits, digits + sizeof digits, static_cast<uint32_t>(n));
-    append(digits, static_cast<int32_t>(result.ptr - digits));
+    append(std::string_view(digits, static_cast<size_t>(result.ptr - digits)));
 }
 
 void SoString::shrink(int32_t n) {
@@ -361,7 +370,12 @@ int32_t SoString::utf16Units() const {
 }
 
 SoString& operator<<(SoString& string, const SoString& text) {
-    string.append(text.c_str(), text.length());
+    string.append(text.view());
+    return string;
+}
+
+SoString& operator<<(SoString& string, std::string_view text) {
+    string.append(text);
     return string;
 }
 

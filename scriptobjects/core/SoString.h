@@ -26,6 +26,7 @@ public:
     explicit SoString(char c);
     SoString(const char* text,
              int32_t length = -1); // NOLINT(google-explicit-constructor): a text is one
+    explicit SoString(std::string_view text);
     // UTF-16 in the machine's byte order, `length` units or, when negative, up to the first zero
     // unit and at most 65,536. Pairs are joined, a lone surrogate becomes the three bytes of its
     // own value.
@@ -39,8 +40,10 @@ public:
 
     // Replaces the content; returns the buffer, good until the next change.
     const char* assign(const char* text, int32_t length = -1);
+    const char* assign(std::string_view text);
 
     void append(const char* text, int32_t length = -1);
+    void append(std::string_view text);
     void append(char c) { append(&c, 1); }
     // The number as an unsigned 32-bit decimal: -1 is written 4294967295.
     void append(long n);
@@ -113,6 +116,7 @@ inline bool operator<(const SoString& a, const SoString& b) {
 // number, half to even.
 SO_EXPORT SoString& operator<<(SoString& string, const SoString& text);
 SO_EXPORT SoString& operator<<(SoString& string, const char* text);
+SO_EXPORT SoString& operator<<(SoString& string, std::string_view text);
 SO_EXPORT SoString& operator<<(SoString& string, char c);
 SO_EXPORT SoString& operator<<(SoString& string, unsigned long n);
 SO_EXPORT SoString& operator<<(SoString& string, long n);

@@ -37,6 +37,7 @@ TEST(SoString, takesBuffersInStepsOf128) {
 TEST(SoString, takesNullAndLengthsAsTheyCome) {
     EXPECT_EQ(text(SoString(static_cast<const char*>(nullptr))), "");
     EXPECT_EQ(text(SoString("", 0)), "");
+    EXPECT_EQ(text(SoString(std::string_view())), "") << "its data is null";
     EXPECT_EQ(text(SoString("abc", 2)), "ab");
     EXPECT_EQ(text(SoString("a\0b", 3)), std::string("a\0b", 3));
     EXPECT_EQ(SoString('\0').length(), 1);
@@ -66,7 +67,7 @@ TEST(SoString, survivesTextsOfItsOwn) {
         string << string; // across a change of buffers
     }
     EXPECT_EQ(string.length(), 15 * 32);
-    string.assign(string.c_str() + 1, 3);
+    string.assign(string.view().substr(1, 3));
     EXPECT_EQ(text(string), "123");
     SoString& same = string;
     string = same;
@@ -134,7 +135,7 @@ TEST(SoString, behavesLikeAModelStringUnderRandomChanges) {
                                 static_cast<char>('a' + below(26)));
         switch (below(5)) {
         case 0:
-            string.append(piece.data(), static_cast<int32_t>(piece.size()));
+            string.append(piece);
             model += piece;
             break;
         case 1:
@@ -229,7 +230,7 @@ TEST(SoString, decodesUtf8WithoutLeavingTheBuffers) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.why);
-        const SoString string(c.bytes.data(), static_cast<int32_t>(c.bytes.size()));
+        const SoString string(c.bytes);
         std::vector<unsigned short> out(2 * c.steps + 1, kGuard);
         string.convertToUtf16(out.data(), c.steps);
         for (size_t i = 0; i < out.size(); ++i) {
@@ -252,7 +253,7 @@ TEST(SoString, writesAsManyUtf16UnitsAsItSays) {
         if (!bytes.empty() && (bytes[0] & 0xC0) == 0x80) {
             bytes[0] = '\xE2'; // a stray byte in front would be all that is tried
         }
-        const SoString string(bytes.data(), static_cast<int32_t>(bytes.size()));
+        const SoString string(bytes);
         // A unit that keeps two different marks was not written.
         std::vector<unsigned short> first(2 * bytes.size() + 4, 0x1111);
         std::vector<unsigned short> second(first.size(), 0x2222);

@@ -55,7 +55,7 @@ TEST_F(InterAppStreamTest, handsOnWhatArrivedInItsOrder) {
     EXPECT_TRUE(stream.isEmpty());
     for (const std::string& text : {std::string("abc\0", 4), std::string("\0\0x\0y", 5),
                                     std::string(), std::string("last")}) {
-        EXPECT_TRUE(stream.send("app", SoString(text.data(), static_cast<int32_t>(text.size()))));
+        EXPECT_TRUE(stream.send("app", SoString(text)));
     }
     EXPECT_FALSE(stream.receive()) << "nobody has looked yet";
     EXPECT_TRUE(stream.messagePending());
