@@ -136,97 +136,109 @@ Status Store::refuse(Status status, std::string reason) {
 
 Status Store::open(const std::string& path, Access access, std::unique_ptr<Store>& out,
                    std::string* error) {
-    std::string reason;
-    const auto give = [error](Status status, const std::string& text) {
-        if (error != nullptr) {
-            *error = text;
-        }
-        return status;
-    };
     if (access == Access::create) {
         std::error_code ignored; // a folder that cannot be made shows when the file is opened
         std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
-    }
-    const Status regular = isRegularDatabase(path, reason);
-    if (regular != Status::ok && !(access == Access::create && regular == Status::noDatabase)) {
-        return give(regular, reason);
     }
     auto impl = std::make_unique<Impl>();
     impl->path = path;
     impl->access = access;
     std::unique_ptr<Store> store(new Store(std::move(impl)));
-    Impl& state = *store->impl_;
-
-    static constexpr int kFlags[] = {SQLITE_OPEN_READONLY, SQLITE_OPEN_READWRITE,
-                                     SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE};
-    const int waitMilliseconds =
-        access == Access::read ? kReaderWaitMilliseconds : kWriterWaitMilliseconds;
-    int64_t applicationId = 0;
-    int code =
-        state.open(fileAddress(path, ""), kFlags[static_cast<int>(access)], waitMilliseconds);
-    if (code == SQLITE_OK) {
-        code = state.readHeader(applicationId);
+    Status status = store->find();
+    if (status == Status::ok) {
+        status = store->connect();
     }
-    const int kind = code & 0xFF;
-    if (access == Access::read && (kind == SQLITE_CANTOPEN || kind == SQLITE_READONLY)) {
-        // What a writer left beside the file belongs to it and cannot be taken into account.
-        for (const char* suffix : {"-wal", "-journal"}) {
-            if (Fingerprint::of(path + suffix).size > 0) {
-                return give(Status::failed, path + suffix + ": may not be used");
-            }
+    if (status == Status::ok) {
+        status = store->recognise();
+    }
+    if (status == Status::ok && access != Access::read) {
+        status = store->migrate();
+    }
+    if (status != Status::ok) {
+        if (error != nullptr) {
+            *error = store->error_;
         }
-        state.immutable = true;
-        state.fingerprint = Fingerprint::of(path);
-        code =
-            state.open(fileAddress(path, "?immutable=1"), SQLITE_OPEN_READONLY, waitMilliseconds);
-        if (code == SQLITE_OK) {
-            code = state.readHeader(applicationId);
-        }
+        return status;
     }
-    if (code != SQLITE_OK) {
-        const Status status = store->fail(code, "cannot be opened");
-        return give(status, store->error_);
-    }
-    if (applicationId == 0 && state.schemaVersion == 0) {
-        // An empty file is one that is about to be made; anything else is not ours.
-        const int64_t tables = state.pragma("SELECT count(*) FROM sqlite_schema", code);
-        if (code != SQLITE_OK || tables != 0) {
-            return give(code != SQLITE_OK ? store->fail(code, "cannot be read") : Status::foreign,
-                        path + ": a database of another application");
-        }
-        if (access == Access::read) {
-            return give(Status::damaged, path + ": the database is empty");
-        }
-    } else if (applicationId != kApplicationId) {
-        return give(Status::foreign, path + ": a database of another application");
-    }
-    if (state.schemaVersion < 0) {
-        return give(Status::damaged, path + ": the schema's version is negative");
-    }
-    if (state.schemaVersion > kSchemaVersion) {
-        return give(Status::newerSchema, path + ": written by a later version of this program");
-    }
-    // Our schema has none; one in a file that was tampered with could compute for ever.
-    const int64_t views =
-        state.pragma("SELECT count(*) FROM sqlite_schema WHERE type = 'view'", code);
-    if (code != SQLITE_OK || views != 0) {
-        return give(code != SQLITE_OK ? store->fail(code, "cannot be read") : Status::damaged,
-                    path + ": the schema is not ours");
-    }
-    if (access != Access::read) {
-        const Status status = store->migrate();
-        if (status != Status::ok) {
-            return give(status, store->error_);
-        }
-    } else if (state.schemaVersion < 1) {
-        return give(Status::damaged, path + ": the database is unfinished");
-    }
-    if (!state.immutable) {
-        state.fingerprint = Fingerprint::of(path);
+    if (!store->impl_->immutable) {
+        store->impl_->fingerprint = Fingerprint::of(path);
     }
     (void)store->changed(); // what is there now is the state to compare with
     out = std::move(store);
     return Status::ok;
+}
+
+// Looks at the file without opening it: opening alone can wait for ever, or make one.
+Status Store::find() {
+    const Status status = isRegularDatabase(impl_->path, error_);
+    return status == Status::noDatabase && impl_->access == Access::create ? Status::ok : status;
+}
+
+// Opens the file and reads its header.
+Status Store::connect() {
+    Impl& state = *impl_;
+    static constexpr int kFlags[] = {SQLITE_OPEN_READONLY, SQLITE_OPEN_READWRITE,
+                                     SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE};
+    const int waitMilliseconds =
+        state.access == Access::read ? kReaderWaitMilliseconds : kWriterWaitMilliseconds;
+    const auto attempt = [&](const char* options, int flags) {
+        const int code = state.open(fileAddress(state.path, options), flags, waitMilliseconds);
+        return code == SQLITE_OK ? state.readHeader() : code;
+    };
+    int code = attempt("", kFlags[static_cast<int>(state.access)]);
+    const int kind = code & 0xFF;
+    if (state.access == Access::read && (kind == SQLITE_CANTOPEN || kind == SQLITE_READONLY)) {
+        // What a writer left beside the file belongs to it and cannot be taken into account.
+        for (const char* suffix : {"-wal", "-journal"}) {
+            if (Fingerprint::of(state.path + suffix).size > 0) {
+                error_ = state.path + suffix + ": may not be used";
+                return Status::failed;
+            }
+        }
+        state.immutable = true;
+        state.fingerprint = Fingerprint::of(state.path);
+        code = attempt("?immutable=1", SQLITE_OPEN_READONLY);
+    }
+    return code == SQLITE_OK ? Status::ok : fail(code, "cannot be opened");
+}
+
+// Judges by the header and the schema whether the file is ours and of a version that we know.
+Status Store::recognise() {
+    Impl& state = *impl_;
+    int code = SQLITE_OK;
+    if (state.applicationId == 0 && state.schemaVersion == 0) {
+        // An empty file is one that is about to be made; anything else is not ours.
+        const int64_t tables = state.pragma("SELECT count(*) FROM sqlite_schema", code);
+        if (code != SQLITE_OK) {
+            return fail(code, "cannot be read");
+        }
+        if (tables == 0 && state.access == Access::read) {
+            return refuse(Status::damaged, "the database is empty");
+        }
+        if (tables != 0) {
+            return refuse(Status::foreign, "a database of another application");
+        }
+    } else if (state.applicationId != kApplicationId) {
+        return refuse(Status::foreign, "a database of another application");
+    }
+    if (state.schemaVersion < 0) {
+        return refuse(Status::damaged, "the schema's version is negative");
+    }
+    if (state.schemaVersion > kSchemaVersion) {
+        return refuse(Status::newerSchema, "written by a later version of this program");
+    }
+    // Our schema has none; one in a file that was tampered with could compute for ever.
+    const int64_t views =
+        state.pragma("SELECT count(*) FROM sqlite_schema WHERE type = 'view'", code);
+    if (code != SQLITE_OK) {
+        return fail(code, "cannot be read");
+    }
+    if (views != 0) {
+        return refuse(Status::damaged, "the schema is not ours");
+    }
+    return state.access == Access::read && state.schemaVersion < 1
+               ? refuse(Status::damaged, "the database is unfinished")
+               : Status::ok;
 }
 
 Status Store::migrate() {
@@ -248,8 +260,7 @@ Status Store::migrate() {
         return fail(code, "cannot be locked for writing");
     }
     // Another process may have done it while we waited.
-    int64_t applicationId = 0;
-    code = state.readHeader(applicationId);
+    code = state.readHeader();
     for (int version = state.schemaVersion; code == SQLITE_OK && version < kSchemaVersion;
          ++version) {
         code = state.execute(kMigrations[static_cast<size_t>(version)]);

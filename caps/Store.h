@@ -193,6 +193,10 @@ private:
     [[nodiscard]] Status checkEntry(std::string_view key, std::string_view value);
     [[nodiscard]] Status visitSubdomains(Statement& subdomains, Visitor& visitor);
     [[nodiscard]] Status modTime(const char* what, uint32_t& out);
+    // The steps of opening.
+    [[nodiscard]] Status find();
+    [[nodiscard]] Status connect();
+    [[nodiscard]] Status recognise();
     [[nodiscard]] Status migrate();
     template <class Work>
     Status inTransaction(Work&& work);

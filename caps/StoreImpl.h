@@ -57,6 +57,7 @@ struct Store::Impl {
     std::string path;
     Access access = Access::read;
     sqlite3* connection = nullptr;
+    int64_t applicationId = 0;
     int schemaVersion = 0;
     // The file may not be locked here (its folder cannot be written): it is read as if nobody
     // wrote, and what was read counts only when the file is still the same afterwards.
@@ -124,7 +125,7 @@ struct Store::Impl {
     }
 
     // Reads the header of the file through SQLite; opening alone does not touch it.
-    int readHeader(int64_t& applicationId) {
+    int readHeader() {
         int code = SQLITE_OK;
         applicationId = pragma("PRAGMA application_id", code);
         if (code == SQLITE_OK) {

@@ -47,6 +47,16 @@ bool isEmpty(const char* text) {
     return text == nullptr || *text == '\0';
 }
 
+// The same of a function that needs a session. `usable` tells whether the other arguments can be
+// used; a missing session is told before a bad argument.
+template <class Body>
+capsStatus answering(const capsiSession* session, bool usable, Body&& body) noexcept {
+    if (session == nullptr) {
+        return CAPS_NO_SESSION;
+    }
+    return usable ? guarded(body) : CAPS_INVALID_ARGUMENT;
+}
+
 capsStatus openSession(capsiSession** session, int32_t mode) noexcept {
     return guarded([&] {
         if (session == nullptr || mode != kReadMode) {
@@ -103,15 +113,9 @@ Status domainOf(capsiSession* session, int32_t number, bool refresh, capsiSessio
     return status;
 }
 
-// Looks a payload up and hands it to `use`.
+// Looks a payload up, which has a name, and hands it to `use`.
 template <class Use>
 Status withPayload(capsiSession* session, const char* payload, Use&& use) {
-    if (session == nullptr) {
-        return Status::noSession;
-    }
-    if (isEmpty(payload)) {
-        return Status::invalidArgument;
-    }
     const Status status = products(session, false);
     if (status != Status::ok) {
         return status;
@@ -120,15 +124,10 @@ Status withPayload(capsiSession* session, const char* payload, Use&& use) {
     return found == nullptr ? Status::nothingThere : use(*found);
 }
 
-// Looks a subdomain up and hands the domain and the subdomain's position to `use`.
+// Looks a subdomain up, which has a name, and hands the domain and the subdomain's position to
+// `use`.
 template <class Use>
 Status withSubdomain(capsiSession* session, int32_t number, const char* subdomain, Use&& use) {
-    if (session == nullptr) {
-        return Status::noSession;
-    }
-    if (isEmpty(subdomain)) {
-        return Status::invalidArgument;
-    }
     capsiSession::Domain* domain = nullptr;
     const Status status = domainOf(session, number, false, domain);
     if (status != Status::ok) {
@@ -165,9 +164,6 @@ const char** list(const char* const* names) {
 
 Status payloadValue(capsiSession* session, const char* payload, capsDomain domain, const char* key,
                     const char** value) {
-    if (key == nullptr || value == nullptr) {
-        return session == nullptr ? Status::noSession : Status::invalidArgument;
-    }
     return withPayload(session, payload, [&](const capsPayload& found) {
         const char* text = session->products->value(found, domain, key);
         if (text == nullptr) {
@@ -179,11 +175,8 @@ Status payloadValue(capsiSession* session, const char* payload, capsDomain domai
 }
 
 template <class Work>
-capsStatus writing(capsiSession* session, Work&& work) noexcept {
-    return guarded([&] {
-        if (session == nullptr) {
-            return Status::noSession;
-        }
+capsStatus writing(capsiSession* session, bool usable, Work&& work) noexcept {
+    return answering(session, usable, [&] {
         const Status status = work(*session->database);
         if (status == Status::ok) {
             session->domains.clear(); // read anew at the next question
@@ -229,10 +222,7 @@ capsStatus capsCloseSession(capsiSession* session) {
 }
 
 capsStatus mdbGetProductIDList(capsiSession* session, const char*** ids) {
-    return guarded([&] {
-        if (session == nullptr || ids == nullptr) {
-            return session == nullptr ? Status::noSession : Status::invalidArgument;
-        }
+    return answering(session, ids != nullptr, [&] {
         const Status status = products(session, true);
         if (status == Status::ok) {
             *ids = list(session->products->productCodes());
@@ -242,10 +232,7 @@ capsStatus mdbGetProductIDList(capsiSession* session, const char*** ids) {
 }
 
 capsStatus mdbGetProduct(capsiSession* session, const char* id, const capsProduct** product) {
-    return guarded([&] {
-        if (session == nullptr || isEmpty(id) || product == nullptr) {
-            return session == nullptr ? Status::noSession : Status::invalidArgument;
-        }
+    return answering(session, !isEmpty(id) && product != nullptr, [&] {
         const Status status = products(session, false);
         if (status != Status::ok) {
             return status;
@@ -261,10 +248,7 @@ capsStatus mdbGetProduct(capsiSession* session, const char* id, const capsProduc
 
 capsStatus mdbGetProductPayloads(capsiSession* session, const capsProduct* product,
                                  const char*** payloads) {
-    return guarded([&] {
-        if (session == nullptr || product == nullptr || payloads == nullptr) {
-            return session == nullptr ? Status::noSession : Status::invalidArgument;
-        }
+    return answering(session, product != nullptr && payloads != nullptr, [&] {
         const Status status = products(session, false);
         if (status != Status::ok) {
             return status;
@@ -282,10 +266,7 @@ capsStatus mdbGetProductPayloads(capsiSession* session, const capsProduct* produ
 }
 
 capsStatus mdbGetPayload(capsiSession* session, const char* id, const capsPayload** payload) {
-    return guarded([&] {
-        if (payload == nullptr) {
-            return session == nullptr ? Status::noSession : Status::invalidArgument;
-        }
+    return answering(session, payload != nullptr && !isEmpty(id), [&] {
         return withPayload(session, id, [payload](const capsPayload& found) {
             *payload = &found;
             return Status::ok;
@@ -295,15 +276,13 @@ capsStatus mdbGetPayload(capsiSession* session, const char* id, const capsPayloa
 
 capsStatus pdbGetPayloadData(capsiSession* session, const char* payload, capsDomain domain,
                              const char* key, const char** value) {
-    return guarded([&] { return payloadValue(session, payload, domain, key, value); });
+    return answering(session, !isEmpty(payload) && key != nullptr && value != nullptr,
+                     [&] { return payloadValue(session, payload, domain, key, value); });
 }
 
 capsStatus pdbGetPayloadDataKeys(capsiSession* session, const char* payload, capsDomain domain,
                                  const char** keys, uint32_t* slots) {
-    return guarded([&] {
-        if (keys == nullptr || slots == nullptr) {
-            return session == nullptr ? Status::noSession : Status::invalidArgument;
-        }
+    return answering(session, keys != nullptr && slots != nullptr && !isEmpty(payload), [&] {
         return withPayload(session, payload, [&](const capsPayload& found) {
             const std::vector<const char*> all = session->products->keys(found, domain);
             if (all.empty()) {
@@ -353,10 +332,7 @@ capsStatus pdbGetAppLaunchPath(const char* payload, char* buffer, uint32_t* size
 
 capsStatus pcdGetDomainDataSubdomains(capsiSession* session, capsDomain domain,
                                       const char*** subdomains) {
-    return guarded([&] {
-        if (session == nullptr || subdomains == nullptr) {
-            return session == nullptr ? Status::noSession : Status::invalidArgument;
-        }
+    return answering(session, subdomains != nullptr, [&] {
         capsiSession::Domain* found = nullptr;
         const Status status = domainOf(session, domain, true, found);
         if (status != Status::ok) {
@@ -372,10 +348,7 @@ capsStatus pcdGetDomainDataSubdomains(capsiSession* session, capsDomain domain,
 
 capsStatus pcdGetDomainDataKeys(capsiSession* session, capsDomain domain, const char* subdomain,
                                 const char*** keys) {
-    return guarded([&] {
-        if (keys == nullptr) {
-            return session == nullptr ? Status::noSession : Status::invalidArgument;
-        }
+    return answering(session, keys != nullptr && !isEmpty(subdomain), [&] {
         return withSubdomain(session, domain, subdomain,
                              [keys](const capsiSession::Domain& found, ptrdiff_t position) {
                                  *keys = list(found.snapshot->keys(position));
@@ -386,10 +359,7 @@ capsStatus pcdGetDomainDataKeys(capsiSession* session, capsDomain domain, const 
 
 capsStatus pcdGetDomainData(capsiSession* session, capsDomain domain, const char* subdomain,
                             const char* key, const char** value) {
-    return guarded([&] {
-        if (key == nullptr || value == nullptr) {
-            return session == nullptr ? Status::noSession : Status::invalidArgument;
-        }
+    return answering(session, key != nullptr && value != nullptr && !isEmpty(subdomain), [&] {
         return withSubdomain(
             session, domain, subdomain, [&](capsiSession::Domain& found, ptrdiff_t position) {
                 const char* text = found.snapshot->value(position, key, found.nextKey);
@@ -404,30 +374,22 @@ capsStatus pcdGetDomainData(capsiSession* session, capsDomain domain, const char
 
 capsStatus pcdSetDomainData(capsiSession* session, capsDomain domain, const char* subdomain,
                             const char* key, const char* value) {
-    if (session != nullptr && (isEmpty(subdomain) || isEmpty(key) || value == nullptr)) {
-        return CAPS_INVALID_ARGUMENT;
-    }
-    return writing(session, [&](Database& database) {
+    const bool usable = !isEmpty(subdomain) && !isEmpty(key) && value != nullptr;
+    return writing(session, usable, [&](Database& database) {
         return database.setDomainData(domain, subdomain, key, value);
     });
 }
 
 capsStatus pcdRemoveDomainData(capsiSession* session, capsDomain domain, const char* subdomain,
                                const char* key) {
-    if (session != nullptr && (isEmpty(subdomain) || isEmpty(key))) {
-        return CAPS_INVALID_ARGUMENT;
-    }
-    return writing(session, [&](Database& database) {
+    return writing(session, !isEmpty(subdomain) && !isEmpty(key), [&](Database& database) {
         return database.removeDomainData(domain, subdomain, key);
     });
 }
 
 capsStatus capsGetCollectionPayloads(capsiSession* session, const char* collection,
                                      int32_t installState, const char*** payloads) {
-    return guarded([&] {
-        if (session == nullptr || isEmpty(collection) || payloads == nullptr) {
-            return session == nullptr ? Status::noSession : Status::invalidArgument;
-        }
+    return answering(session, !isEmpty(collection) && payloads != nullptr, [&] {
         const Status status = products(session, true);
         if (status != Status::ok) {
             return status;
@@ -442,10 +404,7 @@ capsStatus capsGetCollectionPayloads(capsiSession* session, const char* collecti
 }
 
 capsStatus capsGetPayloads(capsiSession* session, int32_t installState, const char*** payloads) {
-    return guarded([&] {
-        if (session == nullptr || payloads == nullptr) {
-            return session == nullptr ? Status::noSession : Status::invalidArgument;
-        }
+    return answering(session, payloads != nullptr, [&] {
         const Status status = products(session, true);
         if (status != Status::ok) {
             return status;
@@ -457,10 +416,7 @@ capsStatus capsGetPayloads(capsiSession* session, int32_t installState, const ch
 
 capsStatus capsGetPayloadDataKeys(capsiSession* session, const char* payload, capsDomain domain,
                                   const char*** keys) {
-    return guarded([&] {
-        if (keys == nullptr) {
-            return session == nullptr ? Status::noSession : Status::invalidArgument;
-        }
+    return answering(session, keys != nullptr && !isEmpty(payload), [&] {
         return withPayload(session, payload, [&](const capsPayload& found) {
             return handOut(session, "keys " + std::to_string(domain) + " of " + payload,
                            session->products->keys(found, domain), keys);
@@ -470,25 +426,18 @@ capsStatus capsGetPayloadDataKeys(capsiSession* session, const char* payload, ca
 
 capsStatus capsGetPayloadData(capsiSession* session, const char* payload, capsDomain domain,
                               const char* key, const char** value) {
-    return guarded([&] { return payloadValue(session, payload, domain, key, value); });
+    return answering(session, !isEmpty(payload) && key != nullptr && value != nullptr,
+                     [&] { return payloadValue(session, payload, domain, key, value); });
 }
 
 capsStatus capsGetLastModTime(capsiSession* session, uint32_t* time) {
-    return guarded([&] {
-        if (session == nullptr || time == nullptr) {
-            return session == nullptr ? Status::noSession : Status::invalidArgument;
-        }
-        return session->database->modTimes(true, *time);
-    });
+    return answering(session, time != nullptr,
+                     [&] { return session->database->modTimes(true, *time); });
 }
 
 capsStatus pcdGetLastModTime(capsiSession* session, uint32_t* time) {
-    return guarded([&] {
-        if (session == nullptr || time == nullptr) {
-            return session == nullptr ? Status::noSession : Status::invalidArgument;
-        }
-        return session->database->modTimes(false, *time);
-    });
+    return answering(session, time != nullptr,
+                     [&] { return session->database->modTimes(false, *time); });
 }
 
 } // extern "C"

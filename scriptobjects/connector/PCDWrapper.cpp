@@ -29,44 +29,59 @@ void* loadLibrary() {
 
 } // namespace
 
+// Every function that is asked for, by its name in the library: each name is written once, and its
+// type is the one that the library's header gives it.
+#define CAPS_FUNCTIONS(USE)                                                                        \
+    USE(pcdOpenSessionNoCreate)                                                                    \
+    USE(pcdCloseSession)                                                                           \
+    USE(pcdGetDomainDataSubdomains)                                                                \
+    USE(pcdGetDomainDataKeys)                                                                      \
+    USE(pcdGetDomainData)                                                                          \
+    USE(pcdSetDomainData)                                                                          \
+    USE(pcdRemoveDomainData)                                                                       \
+    USE(capsOpenSession)                                                                           \
+    USE(capsCloseSession)                                                                          \
+    USE(capsGetCollectionPayloads)                                                                 \
+    USE(capsGetPayloadDataKeys)                                                                    \
+    USE(capsGetPayloadData)                                                                        \
+    USE(capsGetPayloads)                                                                           \
+    USE(capsGetLastModTime)                                                                        \
+    USE(pcdGetLastModTime)                                                                         \
+    USE(pdbGetAppLaunchPath)
+
 struct PCDWrapper::Functions {
-    decltype(&::pcdOpenSessionNoCreate) pcdOpenSessionNoCreate = nullptr;
-    decltype(&::pcdCloseSession) pcdCloseSession = nullptr;
-    decltype(&::pcdGetDomainDataSubdomains) pcdGetDomainDataSubdomains = nullptr;
-    decltype(&::pcdGetDomainDataKeys) pcdGetDomainDataKeys = nullptr;
-    decltype(&::pcdGetDomainData) pcdGetDomainData = nullptr;
-    decltype(&::pcdSetDomainData) pcdSetDomainData = nullptr;
-    decltype(&::pcdRemoveDomainData) pcdRemoveDomainData = nullptr;
-    decltype(&::capsOpenSession) capsOpenSession = nullptr;
-    decltype(&::capsCloseSession) capsCloseSession = nullptr;
-    decltype(&::capsGetCollectionPayloads) capsGetCollectionPayloads = nullptr;
-    decltype(&::capsGetPayloadDataKeys) capsGetPayloadDataKeys = nullptr;
-    decltype(&::capsGetPayloadData) capsGetPayloadData = nullptr;
-    decltype(&::capsGetPayloads) capsGetPayloads = nullptr;
-    decltype(&::capsGetLastModTime) capsGetLastModTime = nullptr;
-    decltype(&::pcdGetLastModTime) pcdGetLastModTime = nullptr;
-    decltype(&::pdbGetAppLaunchPath) pdbGetAppLaunchPath = nullptr;
+#define CAPS_MEMBER(name) decltype(&::name) name = nullptr;
+    CAPS_FUNCTIONS(CAPS_MEMBER)
+#undef CAPS_MEMBER
 
     void bind(void* handle) {
-        using ConveyUtils::SharedLib;
-        SharedLib::getFunction(handle, "pcdOpenSessionNoCreate", pcdOpenSessionNoCreate);
-        SharedLib::getFunction(handle, "pcdCloseSession", pcdCloseSession);
-        SharedLib::getFunction(handle, "pcdGetDomainDataSubdomains", pcdGetDomainDataSubdomains);
-        SharedLib::getFunction(handle, "pcdGetDomainDataKeys", pcdGetDomainDataKeys);
-        SharedLib::getFunction(handle, "pcdGetDomainData", pcdGetDomainData);
-        SharedLib::getFunction(handle, "pcdSetDomainData", pcdSetDomainData);
-        SharedLib::getFunction(handle, "pcdRemoveDomainData", pcdRemoveDomainData);
-        SharedLib::getFunction(handle, "capsOpenSession", capsOpenSession);
-        SharedLib::getFunction(handle, "capsCloseSession", capsCloseSession);
-        SharedLib::getFunction(handle, "capsGetCollectionPayloads", capsGetCollectionPayloads);
-        SharedLib::getFunction(handle, "capsGetPayloadDataKeys", capsGetPayloadDataKeys);
-        SharedLib::getFunction(handle, "capsGetPayloadData", capsGetPayloadData);
-        SharedLib::getFunction(handle, "capsGetPayloads", capsGetPayloads);
-        SharedLib::getFunction(handle, "capsGetLastModTime", capsGetLastModTime);
-        SharedLib::getFunction(handle, "pcdGetLastModTime", pcdGetLastModTime);
-        SharedLib::getFunction(handle, "pdbGetAppLaunchPath", pdbGetAppLaunchPath);
+#define CAPS_BIND(name) ConveyUtils::SharedLib::getFunction(handle, #name, name);
+        CAPS_FUNCTIONS(CAPS_BIND)
+#undef CAPS_BIND
     }
 };
+
+#undef CAPS_FUNCTIONS
+
+template <class Function, class... Arguments>
+int32_t PCDWrapper::call(Function* function, capsiSession* session, int32_t missing,
+                         Arguments... arguments) const {
+    if (!isGood()) {
+        return kNotGood;
+    }
+    return session != nullptr && function != nullptr ? function(session, arguments...) : missing;
+}
+
+template <class Function, class... Arguments>
+int32_t PCDWrapper::list(Function* function, capsiSession* session, int32_t missing,
+                         const char* const*& out, Arguments... arguments) const {
+    const char** names = nullptr;
+    const int32_t status = call(function, session, missing, arguments..., &names);
+    if (status == kSuccess) {
+        out = names;
+    }
+    return status;
+}
 
 PCDWrapper::PCDWrapper(bool open, capsDomain domain)
     : functions_(std::make_unique<Functions>()),
@@ -123,150 +138,70 @@ int32_t PCDWrapper::getLibRefCount() {
 
 int32_t PCDWrapper::pcdGetDomainDataSubdomains(capsDomain domain,
                                                const char* const*& subdomains) const {
-    if (!isGood()) {
-        return kNotGood;
-    }
-    if (domain == 0) {
-        return capsGetCollectionPayloads(kDomainCollection, kInstalled, subdomains);
-    }
-    if (functions_->pcdGetDomainDataSubdomains == nullptr) {
-        return kNotGood;
-    }
-    const char** list = nullptr;
-    const int32_t status = functions_->pcdGetDomainDataSubdomains(database_, domain, &list);
-    if (status == kSuccess) {
-        subdomains = list;
-    }
-    return status;
+    return domain == 0 ? capsGetCollectionPayloads(kDomainCollection, kInstalled, subdomains)
+                       : list(functions_->pcdGetDomainDataSubdomains, database_, kNotGood,
+                              subdomains, domain);
 }
 
 int32_t PCDWrapper::pcdGetDomainDataKeys(capsDomain domain, const char* subdomain,
                                          const char* const*& keys) const {
-    if (!isGood()) {
-        return kNotGood;
-    }
-    if (domain == 0) {
-        return capsGetPayloadDataKeys(subdomain, 0, keys);
-    }
-    if (functions_->pcdGetDomainDataKeys == nullptr) {
-        return kNotGood;
-    }
-    const char** list = nullptr;
-    const int32_t status = functions_->pcdGetDomainDataKeys(database_, domain, subdomain, &list);
-    if (status == kSuccess) {
-        keys = list;
-    }
-    return status;
+    return domain == 0 ? capsGetPayloadDataKeys(subdomain, 0, keys)
+                       : list(functions_->pcdGetDomainDataKeys, database_, kNotGood, keys, domain,
+                              subdomain);
 }
 
 int32_t PCDWrapper::pcdGetDomainData(capsDomain domain, const char* subdomain, const char* key,
                                      const char*& value) const {
-    if (!isGood()) {
-        return kNotGood;
-    }
-    if (domain == 0) {
-        return capsGetPayloadData(subdomain, 0, key, value);
-    }
-    return functions_->pcdGetDomainData != nullptr
-               ? functions_->pcdGetDomainData(database_, domain, subdomain, key, &value)
-               : kNotGood;
+    return domain == 0 ? capsGetPayloadData(subdomain, 0, key, value)
+                       : call(functions_->pcdGetDomainData, database_, kNotGood, domain, subdomain,
+                              key, &value);
 }
 
 int32_t PCDWrapper::pcdSetDomainData(capsDomain domain, const char* subdomain, const char* key,
                                      const char* value) {
-    if (!isGood()) {
-        return kNotGood;
+    if (domain == 0) {
+        return isGood() ? kReadOnly : kNotGood;
     }
-    return domain != 0 && functions_->pcdSetDomainData != nullptr
-               ? functions_->pcdSetDomainData(database_, domain, subdomain, key, value)
-               : kReadOnly;
+    return call(functions_->pcdSetDomainData, database_, kReadOnly, domain, subdomain, key, value);
 }
 
 int32_t PCDWrapper::pcdRemoveDomainData(capsDomain domain, const char* subdomain, const char* key) {
-    if (!isGood()) {
-        return kNotGood;
-    }
-    if (domain == 0) {
+    if (domain == 0 && isGood()) {
         return products_ == nullptr ? kNoProductSession : kReadOnly;
     }
-    return functions_->pcdRemoveDomainData != nullptr
-               ? functions_->pcdRemoveDomainData(database_, domain, subdomain, key)
-               : kNotGood;
+    return call(functions_->pcdRemoveDomainData, database_, kNotGood, domain, subdomain, key);
 }
 
 int32_t PCDWrapper::capsGetCollectionPayloads(const char* collection, int32_t installState,
                                               const char* const*& payloads) const {
-    if (!isGood()) {
-        return kNotGood;
-    }
-    if (products_ == nullptr || functions_->capsGetCollectionPayloads == nullptr) {
-        return kNoProductSession;
-    }
-    const char** list = nullptr;
-    const int32_t status =
-        functions_->capsGetCollectionPayloads(products_, collection, installState, &list);
-    if (status == kSuccess) {
-        payloads = list;
-    }
-    return status;
+    return list(functions_->capsGetCollectionPayloads, products_, kNoProductSession, payloads,
+                collection, installState);
 }
 
 int32_t PCDWrapper::capsGetPayloadDataKeys(const char* payload, capsDomain domain,
                                            const char* const*& keys) const {
-    if (!isGood()) {
-        return kNotGood;
-    }
-    if (products_ == nullptr || functions_->capsGetPayloadDataKeys == nullptr) {
-        return kNoProductSession;
-    }
-    const char** list = nullptr;
-    const int32_t status = functions_->capsGetPayloadDataKeys(products_, payload, domain, &list);
-    if (status == kSuccess) {
-        keys = list;
-    }
-    return status;
+    return list(functions_->capsGetPayloadDataKeys, products_, kNoProductSession, keys, payload,
+                domain);
 }
 
 int32_t PCDWrapper::capsGetPayloadData(const char* payload, capsDomain domain, const char* key,
                                        const char*& value) const {
-    if (!isGood()) {
-        return kNotGood;
-    }
-    return products_ != nullptr && functions_->capsGetPayloadData != nullptr
-               ? functions_->capsGetPayloadData(products_, payload, domain, key, &value)
-               : kNoProductSession;
+    return call(functions_->capsGetPayloadData, products_, kNoProductSession, payload, domain, key,
+                &value);
 }
 
 int32_t PCDWrapper::capsGetPayloads(int32_t installState, const char* const*& payloads) const {
-    if (!isGood()) {
-        return kNotGood;
-    }
-    if (products_ == nullptr || functions_->capsGetPayloads == nullptr) {
-        return kNoProductSession;
-    }
-    const char** list = nullptr;
-    const int32_t status = functions_->capsGetPayloads(products_, installState, &list);
-    if (status == kSuccess) {
-        payloads = list;
-    }
-    return status;
+    return list(functions_->capsGetPayloads, products_, kNoProductSession, payloads, installState);
 }
 
 int32_t PCDWrapper::capsGetLastModTime(uint32_t& time) const {
     time = 0;
-    if (!isGood()) {
-        return kNotGood;
-    }
-    return products_ != nullptr && functions_->capsGetLastModTime != nullptr
-               ? functions_->capsGetLastModTime(products_, &time)
-               : kNoProductSession;
+    return call(functions_->capsGetLastModTime, products_, kNoProductSession, &time);
 }
 
 int32_t PCDWrapper::pcdGetLastModTime(uint32_t& time) const {
     time = 0;
-    return isGood() && functions_->pcdGetLastModTime != nullptr
-               ? functions_->pcdGetLastModTime(database_, &time)
-               : kNotGood;
+    return call(functions_->pcdGetLastModTime, database_, kNotGood, &time);
 }
 
 int32_t PCDWrapper::pdbGetAppLaunchPath(const char* payload, SoString& path) const {

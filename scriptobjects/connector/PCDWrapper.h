@@ -85,6 +85,14 @@ private:
 
     bool openSessions();
     void unload();
+    // Calls a function of the library with a session; `missing` is the status when either is.
+    template <class Function, class... Arguments>
+    int32_t call(Function* function, capsiSession* session, int32_t missing,
+                 Arguments... arguments) const;
+    // The same of a function whose last argument is the list that it hands out.
+    template <class Function, class... Arguments>
+    int32_t list(Function* function, capsiSession* session, int32_t missing,
+                 const char* const*& out, Arguments... arguments) const;
 
     std::unique_ptr<Functions> functions_;
     void* handle_ = nullptr;
