@@ -10,7 +10,7 @@
 namespace ScObjects {
 namespace {
 
-constexpr size_t kFirstBuckets = 64;
+constexpr size_t kFirstPositions = 64;
 
 // The application name as a specifier in lower case has it, without building one.
 uint32_t appNameHash(std::string_view specifier) {
@@ -47,55 +47,47 @@ uint32_t CVPositionIndex::hash(std::string_view text) {
     return value;
 }
 
-void CVPositionIndex::clear() {
-    entries_.clear();
-    buckets_.clear();
-    usedBuckets_ = 0;
+void CVPositionIndex::prepare(uint32_t textHash) {
+    if (next_.size() == next_.capacity()) {
+        next_.reserve(std::max(kFirstPositions, next_.size() * 2));
+    }
+    chains_.try_emplace(textHash); // an empty chain is none for who asks
 }
 
-CVPositionIndex::Bucket* CVPositionIndex::bucketOf(uint32_t textHash) {
-    const size_t mask = buckets_.size() - 1;
-    // The low bits of FNV-1a are its weakest; Fibonacci hashing spreads all of them.
-    for (size_t i = (textHash * 2654435769U) >> 7;; ++i) {
-        Bucket& bucket = buckets_[i & mask];
-        if (bucket.first < 0 || bucket.textHash == textHash) {
-            return &bucket;
-        }
-    }
-}
-
-void CVPositionIndex::grow() {
-    std::vector<Bucket> old(std::max(kFirstBuckets, buckets_.size() * 2));
-    old.swap(buckets_);
-    for (const Bucket& bucket : old) {
-        if (bucket.first >= 0) {
-            *bucketOf(bucket.textHash) = bucket;
-        }
-    }
-}
-
-void CVPositionIndex::add(uint32_t textHash) {
-    if (usedBuckets_ * 2 >= buckets_.size()) {
-        grow();
-    }
-    const auto position = static_cast<int32_t>(entries_.size());
-    entries_.push_back({textHash, -1});
-    Bucket* bucket = bucketOf(textHash);
-    if (bucket->first < 0) {
-        *bucket = {position, position, textHash};
-        ++usedBuckets_;
+void CVPositionIndex::add(uint32_t textHash) noexcept {
+    const auto position = static_cast<int32_t>(next_.size());
+    next_.push_back(-1);
+    Chain& chain = chains_.find(textHash)->second;
+    if (chain.first < 0) {
+        chain.first = position;
     } else {
-        entries_[static_cast<size_t>(bucket->last)].next = position;
-        bucket->last = position;
+        next_[static_cast<size_t>(chain.last)] = position;
     }
+    chain.last = position;
+}
+
+void CVPositionIndex::clear() noexcept {
+    next_.clear();
+    chains_.clear();
 }
 
 int32_t CVPositionIndex::first(uint32_t textHash) const {
-    return buckets_.empty() ? -1 : const_cast<CVPositionIndex*>(this)->bucketOf(textHash)->first;
+    const auto chain = chains_.find(textHash);
+    return chain == chains_.end() ? -1 : chain->second.first;
 }
 
 int32_t CVPositionIndex::after(int32_t position) const {
-    return entries_[static_cast<size_t>(position)].next;
+    return next_[static_cast<size_t>(position)];
+}
+
+void CVConnectorAppInfoList::Indexes::prepare(std::string_view specifier) {
+    bySpecifier.prepare(CVPositionIndex::hash(specifier));
+    byAppName.prepare(appNameHash(specifier));
+}
+
+void CVConnectorAppInfoList::Indexes::add(std::string_view specifier) noexcept {
+    bySpecifier.add(CVPositionIndex::hash(specifier));
+    byAppName.add(appNameHash(specifier));
 }
 
 CVConnectorAppInfoList::CVConnectorAppInfoList() = default;
@@ -104,29 +96,32 @@ CVConnectorAppInfoList::~CVConnectorAppInfoList() {
     clear();
 }
 
-void CVConnectorAppInfoList::indexLocked(const CVConnectorAppInfo& info) {
-    bySpecifier_.add(CVPositionIndex::hash(info.specifier.view()));
-    byAppName_.add(appNameHash(info.specifier.view()));
-}
-
-void CVConnectorAppInfoList::reindexLocked() {
-    bySpecifier_.clear();
-    byAppName_.clear();
+CVConnectorAppInfoList::Indexes
+CVConnectorAppInfoList::indexesWithLocked(int32_t changed, const SoString* specifier) const {
+    Indexes indexes;
     for (int32_t i = 0; i < items_.count(); ++i) {
-        indexLocked(*items_[i]);
+        const SoString* text = i == changed ? specifier : &items_[i]->specifier;
+        if (text != nullptr) {
+            indexes.prepare(text->view());
+            indexes.add(text->view());
+        }
     }
+    return indexes;
 }
 
+// What can fail comes first: a record that was taken into the list and then not into an index would
+// have two owners, the list and whoever hears of the failure.
 void CVConnectorAppInfoList::appendLocked(CVConnectorAppInfo* info) {
+    indexes_.prepare(info->specifier.view());
     items_.append(info);
-    indexLocked(*info);
+    indexes_.add(info->specifier.view());
 }
 
 CVConnectorAppInfo* CVConnectorAppInfoList::findEqualLocked(const CVConnectorAppInfo& info,
                                                             int32_t* index) const {
     // Equal records have equal specifiers.
     const uint32_t hash = CVPositionIndex::hash(info.specifier.view());
-    for (int32_t i = bySpecifier_.first(hash); i >= 0; i = bySpecifier_.after(i)) {
+    for (int32_t i = indexes_.bySpecifier.first(hash); i >= 0; i = indexes_.bySpecifier.after(i)) {
         if (*items_[i] == info) {
             if (index != nullptr) {
                 *index = i;
@@ -162,13 +157,14 @@ bool CVConnectorAppInfoList::update(const CVConnectorAppInfo& info) {
         *lastUpdated_ = info;
         return true;
     }
-    if (CVConnectorAppInfo* found = findLocked(info.specifier, nullptr)) {
-        const bool renamed = found->specifier != info.specifier;
-        *found = info;
-        lastUpdated_ = found;
-        if (renamed) {
-            reindexLocked();
+    int32_t position = -1;
+    if (CVConnectorAppInfo* found = findLocked(info.specifier, &position)) {
+        CVConnectorAppInfo copy(info);
+        if (found->specifier != info.specifier) {
+            indexes_ = indexesWithLocked(position, &info.specifier);
         }
+        *found = std::move(copy);
+        lastUpdated_ = found;
         return true;
     }
     if (info.specifier.isEmpty()) {
@@ -183,7 +179,7 @@ bool CVConnectorAppInfoList::update(const CVConnectorAppInfo& info) {
 CVConnectorAppInfo* CVConnectorAppInfoList::findExactLocked(std::string_view specifier,
                                                             int32_t* index) const {
     const uint32_t hash = CVPositionIndex::hash(specifier);
-    for (int32_t i = bySpecifier_.first(hash); i >= 0; i = bySpecifier_.after(i)) {
+    for (int32_t i = indexes_.bySpecifier.first(hash); i >= 0; i = indexes_.bySpecifier.after(i)) {
         if (items_[i]->specifier.view() == specifier) {
             if (index != nullptr) {
                 *index = i;
@@ -235,8 +231,8 @@ void CVConnectorAppInfoList::clear() {
 
 void CVConnectorAppInfoList::clearWithoutLocking() {
     lastUpdated_ = nullptr;
-    bySpecifier_.clear();
-    byAppName_.clear();
+    indexes_.bySpecifier.clear();
+    indexes_.byAppName.clear();
     while (items_.count() > 0) {
         delete items_.removeAt(items_.count() - 1);
     }
@@ -262,9 +258,10 @@ bool CVConnectorAppInfoList::remove(const CVConnectorAppInfo& info) {
     if (findEqualLocked(info, &index) == nullptr) {
         return false;
     }
+    Indexes indexes = indexesWithLocked(index, nullptr);
     lastUpdated_ = nullptr;
     delete items_.removeAt(index);
-    reindexLocked();
+    indexes_ = std::move(indexes);
     return true;
 }
 
@@ -327,7 +324,7 @@ void CVConnectorAppInfoList::appendSpecifiersOf(const SoString& appName,
                                                 std::vector<SoString>& out) const {
     ObjectLock lock(*this);
     const uint32_t hash = CVPositionIndex::hash(appName.view());
-    for (int32_t i = byAppName_.first(hash); i >= 0; i = byAppName_.after(i)) {
+    for (int32_t i = indexes_.byAppName.first(hash); i >= 0; i = indexes_.byAppName.after(i)) {
         Convey::Specifier registered(items_[i]->specifier.c_str(), false);
         if (CVSpecifierParts::of(registered.view()).appName == appName.view()) {
             out.push_back(std::move(registered));

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "scriptobjects/core/SoExport.h"
@@ -49,32 +50,26 @@ class CVPositionIndex {
 public:
     static uint32_t hash(std::string_view text);
 
-    void clear();
-    // The hash of the text at the next position, counted from 0.
-    void add(uint32_t textHash);
+    // Takes the memory that the next `add` of this hash needs. Throws std::bad_alloc, and nothing
+    // that can be asked for has changed.
+    void prepare(uint32_t textHash);
+    // The hash of the text at the next position, counted from 0; it was prepared.
+    void add(uint32_t textHash) noexcept;
+    void clear() noexcept;
 
-    // The first position at or behind `from` whose text has this hash, -1 when there is none:
-    //     for (int32_t i = index.next(h, 0); i >= 0; i = index.next(h, i + 1))
-    // costs the candidates alone when called in this pattern.
+    // The first position whose text has this hash, and the next one after `position`; -1 when there
+    // is none:
+    //     for (int32_t i = index.first(h); i >= 0; i = index.after(i))
     int32_t first(uint32_t textHash) const;
     int32_t after(int32_t position) const;
 
 private:
-    struct Entry {
-        uint32_t textHash;
-        int32_t next; // the next position with the same hash, -1 at the end
-    };
-    struct Bucket {
+    struct Chain {
         int32_t first = -1;
         int32_t last = -1;
-        uint32_t textHash = 0;
     };
-    Bucket* bucketOf(uint32_t textHash);
-    void grow();
-
-    std::vector<Entry> entries_;
-    std::vector<Bucket> buckets_; // open addressing, a power of two, at most half full
-    size_t usedBuckets_ = 0;
+    std::vector<int32_t> next_; // by position: the next one with the same hash, -1 at the end
+    std::unordered_map<uint32_t, Chain> chains_;
 };
 
 // All registered applications, in the order in which they were registered.
@@ -154,14 +149,22 @@ private:
     bool redirectedPathLocked(const CVConnectorAppInfo& record, SoString& path) const
         SO_REQUIRES(this);
     void appendLocked(CVConnectorAppInfo* info) SO_REQUIRES(this);
-    void indexLocked(const CVConnectorAppInfo& info) SO_REQUIRES(this);
-    void reindexLocked() SO_REQUIRES(this);
 
     SoVector<CVConnectorAppInfo> items_ SO_GUARDED_BY(this);
     // The record that `update` touched last: programs report the same target again and again.
     CVConnectorAppInfo* lastUpdated_ SO_GUARDED_BY(this) = nullptr;
-    CVPositionIndex bySpecifier_ SO_GUARDED_BY(this);
-    CVPositionIndex byAppName_ SO_GUARDED_BY(this);
+    struct Indexes {
+        CVPositionIndex bySpecifier;
+        CVPositionIndex byAppName;
+        // As those of CVPositionIndex.
+        void prepare(std::string_view specifier);
+        void add(std::string_view specifier) noexcept;
+    };
+    // Those of the list as it will be, `changed` under the specifier `specifier` or, without one,
+    // not in it.
+    Indexes indexesWithLocked(int32_t changed, const SoString* specifier) const SO_REQUIRES(this);
+
+    Indexes indexes_ SO_GUARDED_BY(this);
 };
 
 } // namespace ScObjects

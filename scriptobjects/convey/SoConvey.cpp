@@ -450,7 +450,8 @@ bool Convey::updateConnectorCache(bool force) {
     if (ConveyConnector::get() == nullptr && !useConnector("default")) {
         return false;
     }
-    return askConnector(false, [force](ConveyConnector& c) { return c.updateCache(force); });
+    return askConnector(false,
+                        [force](ConveyConnector& c) { return c.isGood() && c.updateCache(force); });
 }
 
 void Convey::setCapsFolder(const SoString& folder) {

@@ -9,6 +9,7 @@
 #include "caps/include/ovrel_caps.h"
 #include "platform/fake/Fakes.h"
 #include "scriptobjects/connector/PCDWrapper.h"
+#include "tests/support/FailingAllocations.h"
 
 using ScObjects::ConveyConnector;
 using ScObjects::PCDConnector;
@@ -217,6 +218,37 @@ TEST_F(PCDConnectorTest, readsEveryFieldOfARegistration) {
     EXPECT_EQ(c->getTimestamp(), 20U);
     EXPECT_FALSE(c->registerApplication(app, "/x", nullptr, true));
     EXPECT_FALSE(c->addToGroup(app, "g", nullptr));
+}
+
+// A record had two owners once: the list, and who heard that its index found no memory.
+TEST_F(PCDConnectorTest, readsTheRegistryWhenMemoryIsThereAgain) {
+    std::string expected;
+    for (int i = 0; i < 40; ++i) {
+        const std::string name = "application" + std::to_string(i);
+        library.entries.push_back({"/ovrel/convey/" + name,
+                                   {{"Path", "/some/where/that/is/long/enough/" + name},
+                                    {"RedirectTo", i % 5 == 4 ? "application0" : ""}}});
+        expected +=
+            name + " /some/where/that/is/long/enough/" + (i % 5 == 4 ? "application0" : name) + "|";
+    }
+    library.entries.push_back({"/ovrel/convey/groups", {{"Group1", "/ovrel/convey/groups/a/1/b"}}});
+    bool failed = true;
+    int number = 0;
+    for (; failed; ++number) {
+        const auto c = connector();
+        ASSERT_NE(c, nullptr);
+        {
+            const FailingAllocation failing(number);
+            try {
+                (void)c->getNumberOfRegisteredApplications();
+                (void)c->updateCache(true);
+            } catch (const std::bad_alloc&) {
+            }
+            failed = FailingAllocation::hasFailed();
+        }
+        ASSERT_EQ(listing(*c), expected) << "after allocation " << number;
+    }
+    EXPECT_GT(number, 200) << "reading takes more allocations than that";
 }
 
 TEST_F(PCDConnectorTest, takesOnlyWhatIsARegistrationWithAPath) {
