@@ -146,21 +146,28 @@ void MessageQueue::noteDeadlineLocked(const Message& message) {
     firstDeadline_ = std::min(firstDeadline_, deadlineOf(message));
 }
 
-void MessageQueue::appendLocked(std::unique_ptr<Message> message) {
+void MessageQueue::appendLocked(std::unique_ptr<Message> message, bool isAnswer) {
     const Message& added = *message;
-    const std::string target(added.getTarget().view());
-    entries_.push_back({lastPosition_ + 1, std::move(message)});
+    Line& line = lines_[std::string(added.getTarget().view())];
+    line.positions.push_back(lastPosition_ + 1);
+    line.bytes += added.getBody().length();
+    entries_.push_back({lastPosition_ + 1, std::move(message), isAnswer});
     ++lastPosition_;
-    ++targets_[target];
     bodyBytes_ += added.getBody().length();
     watchers_ += isWatcher(added) ? 1 : 0;
     noteDeadlineLocked(added);
 }
 
-void MessageQueue::forgetLocked(const Message& message) {
-    const auto target = targets_.find(std::string(message.getTarget().view()));
-    if (target != targets_.end() && --target->second == 0) {
-        targets_.erase(target);
+void MessageQueue::forgetLocked(uint64_t position, const Message& message) {
+    const auto line = lines_.find(std::string(message.getTarget().view()));
+    if (line != lines_.end()) {
+        auto& positions = line->second.positions;
+        // As a rule it is the first or the last.
+        positions.erase(std::lower_bound(positions.begin(), positions.end(), position));
+        line->second.bytes -= message.getBody().length();
+        if (positions.empty()) {
+            lines_.erase(line);
+        }
     }
     bodyBytes_ -= message.getBody().length();
     watchers_ -= isWatcher(message) ? 1 : 0;
@@ -169,12 +176,12 @@ void MessageQueue::forgetLocked(const Message& message) {
 std::unique_ptr<Message> MessageQueue::takeLocked(const Entries::const_iterator& entry) {
     const auto place = entries_.begin() + (entry - entries_.cbegin());
     std::unique_ptr<Message> message = std::move(place->message);
+    forgetLocked(place->position, *message);
     entries_.erase(place);
-    forgetLocked(*message);
     return message;
 }
 
-bool MessageQueue::append(Message* message) {
+bool MessageQueue::append(Message* message, bool isAnswer) {
     if (message == nullptr || message->getSender().isEmpty() || message->getTarget().isEmpty()) {
         return false;
     }
@@ -187,7 +194,7 @@ bool MessageQueue::append(Message* message) {
     Notices notices;
     const ObjectLock guard(*this);
     notices.report(*message, "added", diagnosticsRoot_);
-    appendLocked(std::unique_ptr<Message>(message));
+    appendLocked(std::unique_ptr<Message>(message), isAnswer);
     return true;
 }
 
@@ -208,7 +215,7 @@ Message* MessageQueue::getNextMessage(uint32_t serial) {
         }
     }
     for (auto& watcher : setAside) {
-        appendLocked(std::move(watcher));
+        appendLocked(std::move(watcher), false);
     }
     if (result != nullptr) {
         notices.report(*result, "picked", diagnosticsRoot_);
@@ -253,7 +260,7 @@ void MessageQueue::removeExpiredMessages() {
         Entry entry = std::move(entries_.back());
         entries_.pop_back();
         if (now >= deadlineOf(*entry.message)) {
-            forgetLocked(*entry.message);
+            forgetLocked(entry.position, *entry.message);
             notices.retire(std::move(entry.message), diagnosticsRoot_);
         } else {
             noteDeadlineLocked(*entry.message);
@@ -265,15 +272,9 @@ void MessageQueue::removeExpiredMessages() {
 
 Message* MessageQueue::findMessageForTarget(const SoString& target) const {
     const ObjectLock guard(*this);
-    if (targets_.count(std::string(target.view())) == 0) {
-        return nullptr;
-    }
-    for (const Entry& entry : entries_) {
-        if (entry.message->getTarget() == target) {
-            return entry.message.get();
-        }
-    }
-    return nullptr;
+    const auto line = lines_.find(std::string(target.view()));
+    return line == lines_.end() ? nullptr
+                                : findLocked(line->second.positions.front())->message.get();
 }
 
 MessageQueue::Entries::const_iterator MessageQueue::findLocked(uint64_t position) const {
@@ -305,6 +306,60 @@ bool MessageQueue::drop(uint64_t position) {
     notices.report(*found->message, "picked", diagnosticsRoot_);
     (void)takeLocked(found);
     return true;
+}
+
+bool MessageQueue::visitNextFor(const std::string& target, uint64_t& position,
+                                const std::function<void(const Message&)>& visit) const {
+    const ObjectLock guard(*this);
+    const auto line = lines_.find(target);
+    if (line == lines_.end()) {
+        return false;
+    }
+    const auto& positions = line->second.positions;
+    const auto next = std::upper_bound(positions.begin(), positions.end(), position);
+    if (next == positions.end()) {
+        return false;
+    }
+    position = *next;
+    visit(*findLocked(position)->message);
+    return true;
+}
+
+std::vector<std::string> MessageQueue::targets() const {
+    std::vector<std::string> names;
+    const ObjectLock guard(*this);
+    names.reserve(lines_.size());
+    for (const auto& line : lines_) {
+        names.push_back(line.first);
+    }
+    return names;
+}
+
+MessageQueue::Load MessageQueue::loadOf(const std::string& target) const {
+    const ObjectLock guard(*this);
+    const auto line = lines_.find(target);
+    return line == lines_.end()
+               ? Load{}
+               : Load{static_cast<int32_t>(line->second.positions.size()), line->second.bytes};
+}
+
+int32_t MessageQueue::dropAnswersFor(const std::string& target) {
+    std::vector<std::unique_ptr<Message>> dropped; // deleted when the lock has been given up
+    Notices notices;
+    const ObjectLock guard(*this);
+    const auto line = lines_.find(target);
+    if (line == lines_.end()) {
+        return 0;
+    }
+    const std::deque<uint64_t> positions = line->second.positions;
+    for (const uint64_t position : positions) {
+        const auto entry = findLocked(position);
+        if (entry->isAnswer) {
+            notices.report(*entry->message, "picked", diagnosticsRoot_);
+            dropped.push_back(takeLocked(entry));
+        }
+    }
+    return static_cast<int32_t>(dropped.size());
 }
 
 bool MessageQueue::keep(uint64_t position, uint32_t timestamp, uint32_t timeoutSeconds,

@@ -21,7 +21,7 @@ namespace ScObjects::ConveyData {
 //
 // Owns its messages. Threads: any. Reports and notices are sent when the queue's lock has been
 // given up, so that whoever they reach may use the queue. Appending, taking the oldest and looking
-// for messages of a target take the same time however many there are.
+// for the oldest of a target take the same time however many there are.
 class SO_EXPORT MessageQueue : public SoLockable {
 public:
     // What a message without a time-out gets, in seconds, so that nothing waits for ever by
@@ -39,8 +39,8 @@ public:
     // Adds a message at the end, the queue's from now on. False, and it stays the caller's, for
     // null and for a message without a sender or a target. A missing timestamp becomes now, a
     // time-out of 0 the default, except that a watcher (type "Ignore") without a time-out ends at
-    // once.
-    [[nodiscard]] bool append(Convey::Message* message);
+    // once. `isAnswer`: it is of use to the process that asked, and to no other of its name.
+    [[nodiscard]] bool append(Convey::Message* message, bool isAnswer = false);
 
     // Takes the oldest message that has not expired, the caller's from now on; null without one.
     // Watchers (type "Ignore") that are related to `serial` (all of them for
@@ -64,6 +64,19 @@ public:
     bool visitAfter(uint64_t& position,
                     const std::function<void(const Convey::Message&)>& visit) const;
     bool drop(uint64_t position);
+    // The same pass over the messages of one target: these wait in a line of their own.
+    bool visitNextFor(const std::string& target, uint64_t& position,
+                      const std::function<void(const Convey::Message&)>& visit) const;
+    // The targets that have messages.
+    std::vector<std::string> targets() const;
+    // What waits for one target.
+    struct Load {
+        int32_t messages = 0;
+        int64_t bytes = 0; // of bodies
+    };
+    Load loadOf(const std::string& target) const;
+    // Deletes the answers for a target that is gone; how many there were.
+    int32_t dropAnswersFor(const std::string& target);
     bool keep(uint64_t position, uint32_t timestamp, uint32_t timeoutSeconds, uint32_t queueStamp);
 
     // The path under which the queue's traffic is reported to an observer; empty, as at first: it
@@ -78,24 +91,29 @@ private:
     struct Entry {
         uint64_t position;
         std::unique_ptr<Convey::Message> message;
+        bool isAnswer = false;
+    };
+    // The messages of one target, oldest first.
+    struct Line {
+        std::deque<uint64_t> positions;
+        int64_t bytes = 0;
     };
     // What is to be told to others once the lock is given up.
     class Notices;
     using Entries = std::deque<Entry>;
 
     Entries::const_iterator findLocked(uint64_t position) const SO_REQUIRES(this);
-    void appendLocked(std::unique_ptr<Convey::Message> message) SO_REQUIRES(this);
+    void appendLocked(std::unique_ptr<Convey::Message> message, bool isAnswer) SO_REQUIRES(this);
     std::unique_ptr<Convey::Message> takeLocked(const Entries::const_iterator& entry)
         SO_REQUIRES(this);
-    void forgetLocked(const Convey::Message& message) SO_REQUIRES(this);
+    void forgetLocked(uint64_t position, const Convey::Message& message) SO_REQUIRES(this);
     void noteDeadlineLocked(const Convey::Message& message) SO_REQUIRES(this);
 
     Entries entries_ SO_GUARDED_BY(this); // by position
     uint64_t lastPosition_ SO_GUARDED_BY(this) = 0;
     int64_t bodyBytes_ SO_GUARDED_BY(this) = 0;
     int64_t firstDeadline_ SO_GUARDED_BY(this) = kNoDeadline; // no message expires before it
-    // How many messages each target has.
-    std::unordered_map<std::string, int32_t> targets_ SO_GUARDED_BY(this);
+    std::unordered_map<std::string, Line> lines_ SO_GUARDED_BY(this); // none is empty
     int32_t watchers_ SO_GUARDED_BY(this) = 0;
     SoString diagnosticsRoot_ SO_GUARDED_BY(this);
 

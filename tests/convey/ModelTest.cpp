@@ -72,6 +72,7 @@ struct Queued {
     uint32_t result;
     int64_t deadline; // 0: none
     uint64_t position;
+    bool answer;
 };
 
 TEST_F(ModelTest, queue) {
@@ -101,7 +102,8 @@ TEST_F(ModelTest, queue) {
                            upTo(3),
                            upTo(2),
                            timeout < 0 ? 0 : now + (timeout == 0 ? 600 : timeout),
-                           ++lastPosition};
+                           ++lastPosition,
+                           !watcher && upTo(1) == 0};
         message->setTarget(added.target.c_str());
         message->setSender("me");
         message->setType(watcher ? "Ignore" : "query");
@@ -110,7 +112,7 @@ TEST_F(ModelTest, queue) {
         message->setSerialNumber(added.serial);
         message->setResult(added.result);
         message->setTimeout(static_cast<uint32_t>(timeout));
-        ASSERT_TRUE(queue.append(message.release()));
+        ASSERT_TRUE(queue.append(message.release(), added.answer));
         model.push_back(added);
     };
     const auto take = [&](uint32_t serial) {
@@ -191,11 +193,32 @@ TEST_F(ModelTest, queue) {
             expire();
             queue.removeExpiredMessages();
             const std::string target = "target" + std::to_string(upTo(4));
-            const auto expected = std::find_if(model.begin(), model.end(),
-                                               [&](const Queued& m) { return m.target == target; });
-            const Message* const found = queue.findMessageForTarget(target.c_str());
-            ASSERT_EQ(found == nullptr ? "-" : found->getBody().c_str(),
-                      expected == model.end() ? "-" : expected->body);
+            const auto ofTarget = [&](const Queued& m) { return m.target == target; };
+            if (upTo(9) == 0) {
+                const size_t answers =
+                    std::erase_if(model, [&](const Queued& m) { return m.answer && ofTarget(m); });
+                ASSERT_EQ(queue.dropAnswersFor(target), static_cast<int32_t>(answers));
+            }
+            std::string expected;
+            for (const Queued& m : model) {
+                expected += ofTarget(m) ? m.body + " " : "";
+            }
+            const Message* const first = queue.findMessageForTarget(target.c_str());
+            ASSERT_EQ(first == nullptr ? "" : first->getBody().c_str(),
+                      expected.substr(0, expected.find(' ')));
+            std::string seen;
+            uint64_t position = 0;
+            while (queue.visitNextFor(target, position, [&](const Message& message) {
+                seen += message.getBody().c_str();
+                seen += " ";
+            })) {
+            }
+            ASSERT_EQ(seen, expected);
+            const MessageQueue::Load load = queue.loadOf(target);
+            ASSERT_EQ(load.messages, std::count(seen.begin(), seen.end(), ' '));
+            ASSERT_EQ(load.bytes, static_cast<int64_t>(seen.size()) - load.messages);
+            const std::vector<std::string> targets = queue.targets();
+            ASSERT_EQ(std::count(targets.begin(), targets.end(), target), seen.empty() ? 0 : 1);
             break;
         }
         default: {
