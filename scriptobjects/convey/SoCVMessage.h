@@ -31,8 +31,8 @@ public:
 // as empty. Nothing is thrown but std::bad_alloc.
 class SO_EXPORT Convey::Message : public SoLockable {
 public:
-    // The user headers that a text may bring: further ones are left out, since each costs its
-    // reader a hundred times the three bytes that it may have in the text.
+    // The user headers that a text may bring: further ones are left out, so that a hostile text
+    // cannot hold its reader (each is looked up among those before it).
     static constexpr int32_t kMaximumReadHeaders = limits::of("message.headers");
 
     // A message of type "Tessaly", made now, without target, sender, serial numbers or time-out.
@@ -104,6 +104,14 @@ public:
     // tells those who care.
     bool isRejected() const { return false; }
 
+    // Whether a text said that this message answers another one. Its number is then that one's, and
+    // its type begins with the kind of the answer.
+    bool isReply() const { return isReply_; }
+    // What tells the asking process's life from those before and after it under the same name, in a
+    // request and in what answers it; 0 for none. Handlers have no use for it.
+    uint64_t getAskersLife() const { return askersLife_; }
+    void setAskersLife(uint64_t life) { askersLife_ = life; }
+
     // The switches of the text form; see MessageGlobals.
     static void setAuthentication(bool on);
     static bool getAuthentication();
@@ -127,12 +135,6 @@ public:
     // Replaces `out` by the message as a person reads it, under a heading with `label`. True.
     bool logToString(const char* label, SoString& out, bool withBody) const;
 
-    // Bytes of memory that the message costs whoever keeps it: the object with its lock, the
-    // buffers of its texts and its headers, and what the heap adds to each block. An empty message
-    // that was read costs about 1 KiB. Changes with the message: who charges it to an account keeps
-    // what was charged. Constant time but for the headers.
-    int64_t costBytes() const;
-
     // Appends the message's rows of the diagnostics text under the path `root`.
     void appendDiagnostics(SoString& out, const SoString& root) const;
 
@@ -142,15 +144,12 @@ private:
     bool hasOldFormat() const;
     Header* findHeader(std::string_view name) const;
     void setHeaderLocked(std::string_view name, std::string_view value) SO_REQUIRES(this);
-    Header* addHeaderLocked(std::string_view name, std::string_view value) SO_REQUIRES(this);
     void clearLocked() SO_REQUIRES(this);
     void deleteHeaders();
     const char* readLocked(const char* text, SoString* owner) SO_REQUIRES(this);
     void finishReading();
     void readHeadersLocked(ReadState& state) SO_REQUIRES(this);
     void takeLineLocked(ReadState& state, std::string_view name, std::string_view value)
-        SO_REQUIRES(this);
-    void takeHeaderLocked(ReadState& state, std::string_view name, std::string_view value)
         SO_REQUIRES(this);
     void checkDigest(const ReadState& state);
     void applyReplyTyping();
@@ -171,6 +170,8 @@ private:
     uint32_t received_ = ConveyData::CV_INVALID_MESSAGE_NUMBER;
     uint32_t result_ = ConveyData::CV_INVALID_MESSAGE_NUMBER;
     uint32_t error_ = ConveyData::CV_INVALID_MESSAGE_NUMBER;
+    uint64_t askersLife_ = 0;
+    bool isReply_ = false;
     Header* headers_ = nullptr;
     SoString body_;
     SoString version_;

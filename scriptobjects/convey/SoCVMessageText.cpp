@@ -4,7 +4,6 @@
 #include <charconv>
 #include <cstring>
 #include <limits>
-#include <map>
 #include <utility>
 
 #include "limits/Limits.h"
@@ -34,14 +33,14 @@ constexpr uint32_t kMaximumBodyBytes = limits::of("message.body");
 // From here on moving a body within its buffer is cheaper than another buffer.
 constexpr size_t kMovedBodyBytes = 65536;
 
-// Up to so many headers, looking at each costs less than an index of their names.
-constexpr int32_t kSearchedHeaders = 16;
+constexpr const char* kNotChecked = "NODIGEST";
+constexpr const char* kRejected = "REJECTED";
 
 // User headers of these names are escaped.
-constexpr std::array<std::string_view, 14> kReserved = {
+constexpr std::array<std::string_view, 15> kReserved = {
     CV_SENDER,           CV_SENDER_ID, CV_TARGET,         CV_TIMEOUT,       CV_TYPE,
     CV_RESPONSE_REQUEST, CV_TIMESTAMP, CV_CONTENT_LENGTH, CV_SERIAL_NUMBER, CV_RECEIVED,
-    CV_RESULT,           CV_ERROR,     CV_ERROR_CODE,     CV_VERSION};
+    CV_RESULT,           CV_ERROR,     CV_ERROR_CODE,     CV_VERSION,       CV_LIFE};
 
 bool isReserved(std::string_view name) {
     return std::find(kReserved.begin(), kReserved.end(), name) != kReserved.end();
@@ -62,6 +61,30 @@ public:
 private:
     char text_[std::numeric_limits<int64_t>::digits10 + 2];
     const char* end_;
+};
+
+// The digits of a life of a process, and the life that digits stand for: 0 for what is none.
+class LifeDigits {
+public:
+    static constexpr size_t kCount = 16;
+
+    explicit LifeDigits(uint64_t life) {
+        for (size_t i = kCount; i-- > 0; life >>= 4) {
+            text_[i] = "0123456789abcdef"[life & 15];
+        }
+    }
+    std::string_view view() const { return {text_, kCount}; }
+
+    static uint64_t parse(std::string_view text) {
+        uint64_t life = 0;
+        const char* const end = text.data() + text.size();
+        return text.size() == kCount && std::from_chars(text.data(), end, life, 16).ptr == end
+                   ? life
+                   : 0;
+    }
+
+private:
+    char text_[kCount];
 };
 
 // Two sinks for the same lines: the first tells how much room the second needs, so that a text is
@@ -143,6 +166,9 @@ void Convey::Message::writeHeaderBlock(Sink& sink, uint32_t now, const SoString&
     if (!responseRequest_.isEmpty()) {
         addLine(sink, CV_RESPONSE_REQUEST, responseRequest_.view());
     }
+    if (askersLife_ != 0) {
+        addLine(sink, CV_LIFE, LifeDigits(askersLife_).view());
+    }
     const bool oldFormat = hasOldFormat();
     for (const Header* header = headers_; header != nullptr; header = header->next) {
         if (!oldFormat && isReserved(header->name.view())) {
@@ -205,9 +231,6 @@ struct Convey::Message::ReadState {
     std::string_view md5;
     const char* signedRegion = nullptr;
     int32_t userHeaders = 0;
-    // The message's headers by name, once they are many. Ordered: who knows a hash can write names
-    // that all have the same.
-    std::map<std::string_view, Header*> byName;
 };
 
 void Convey::Message::readHeadersLocked(ReadState& state) {
@@ -266,6 +289,8 @@ void Convey::Message::takeLineLocked(ReadState& state, std::string_view name,
     } else if (name == CV_VERSION) {
         assign(version_);
         state.newFormat = state.newFormat && !hasOldFormat();
+    } else if (name == CV_LIFE) {
+        askersLife_ = LifeDigits::parse(value);
     } else if (name == CV_DIGEST) {
         state.hasDigest = true;
         state.signedRegion = state.position;
@@ -280,30 +305,9 @@ void Convey::Message::takeLineLocked(ReadState& state, std::string_view name,
             name.remove_prefix(kEscape.size());
         }
         if (++state.userHeaders <= kMaximumReadHeaders) {
-            takeHeaderLocked(state, name, value);
+            setHeaderLocked(name, value);
         }
     }
-}
-
-// A repeated name gives the header that is there a new value, as `setHeader` does, and each is
-// found in a time that does not grow with those before it: one text may bring a million headers.
-void Convey::Message::takeHeaderLocked(ReadState& state, std::string_view name,
-                                       std::string_view value) {
-    if (state.userHeaders < kSearchedHeaders || name.empty()) {
-        setHeaderLocked(name, value);
-        return;
-    }
-    if (state.byName.empty()) {
-        for (Header* header = headers_; header != nullptr; header = header->next) {
-            state.byName.emplace(header->name.view(), header);
-        }
-    }
-    if (const auto found = state.byName.find(name); found != state.byName.end()) {
-        found->second->value.assign(value);
-        return;
-    }
-    Header* const header = addHeaderLocked(name, value);
-    state.byName.emplace(header->name.view(), header);
 }
 
 // `owner`, null for none, is the string that `text` lies in and that may be used up.
@@ -314,7 +318,7 @@ const char* Convey::Message::readLocked(const char* text, SoString* owner) {
     if (!target_.isEmpty()) {
         clearLocked();
     }
-    digestState_ = CV_DIGEST_NOT_CHECKED;
+    digestState_ = kNotChecked;
     readHeadersLocked(state);
     // Never behind the end of the text, whatever length was announced.
     const size_t announced = std::min(contentLength_, kMaximumBodyBytes);
@@ -340,7 +344,7 @@ void Convey::Message::checkDigest(const ReadState& state) {
         const std::string_view region(state.signedRegion,
                                       static_cast<size_t>(state.position - state.signedRegion));
         const bool good = ConveyUtils::getMD5({region}).view() == state.md5;
-        digestState_ = good ? "" : CV_DIGEST_REJECTED;
+        digestState_ = good ? "" : kRejected;
     }
 }
 
@@ -352,6 +356,8 @@ void Convey::Message::clearLocked() {
     received_ = CV_INVALID_MESSAGE_NUMBER;
     result_ = CV_INVALID_MESSAGE_NUMBER;
     error_ = CV_INVALID_MESSAGE_NUMBER;
+    askersLife_ = 0;
+    isReply_ = false;
     for (SoString* field : {&target_, &sender_, &type_, &responseRequest_, &body_}) {
         field->shrink(0);
     }
@@ -393,9 +399,16 @@ void Convey::Message::applyReplyTyping() {
         }
         serialNumber_ = reply.number;
         reply.number = CV_INVALID_MESSAGE_NUMBER;
-        const SoString userType = isUserType() ? type_ : SoString();
+        isReply_ = true;
+        // Some peers have put the word in front already, or twice: it stands there once.
+        const std::string_view word = reply.word;
+        const SoString whole = type_;
+        std::string_view userType = isUserType() ? whole.view() : std::string_view();
+        while (userType.starts_with(word)) {
+            userType.remove_prefix(word.size());
+        }
         type_ = reply.word;
-        type_ << userType;
+        type_.append(userType.data(), static_cast<int32_t>(userType.size()));
     }
 }
 

@@ -63,6 +63,10 @@ inline constexpr const char* CV_RESULT = "Result";
 inline constexpr const char* CV_ERROR = "Error";
 inline constexpr const char* CV_ERROR_CODE = "Error-Code";
 inline constexpr const char* CV_VERSION = "@CV>Version";
+// Which life of the asking process a request is of, and what answers it: serial numbers begin with
+// 1 in each, so without it a late answer would pass for one to the successor. 16 hexadecimal
+// digits.
+inline constexpr const char* CV_LIFE = "@CV>Life";
 inline constexpr const char* CV_DIGEST = "@CV>Digest";
 inline constexpr const char* CV_MD5 = "@CV>MD5";
 

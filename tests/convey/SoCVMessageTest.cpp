@@ -1,5 +1,3 @@
-#include <algorithm>
-#include <chrono>
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <random>
@@ -164,6 +162,9 @@ TEST_F(MessageTest, readsWhatTheLinesSay) {
         {"Received:3\n", "Received", 3, 0, "", "1.0", {}, "the number moves"},
         {"Type:Tessaly\nResult:7\n", "Result", 7, 0, "", "1.0", {}, "a system type gives way"},
         {"Type:query\nResult:7\n", "Resultquery", 7, 0, "", "1.0", {}, "a user type follows"},
+        {"Type:Resultquery\nResult:7\n", "Resultquery", 7, 0, "", "1.0", {}, "it stands there"},
+        {"Type:ResultResultquery\nResult:7\n", "Resultquery", 7, 0, "", "1.0", {}, "and once"},
+        {"Type:Resultquery\n", "Resultquery", 0, 0, "", "1.0", {}, "a user type like any other"},
         {"Type:Result\nResult:7\n", "Result", 7, 0, "", "1.0", {}, "it matches already"},
         {"Type:Error\nError:7\n", "Error", 7, 0, "", "1.0", {}, "it matches already"},
         {"Type:\nResult:7\n", "Result", 7, 0, "", "1.0", {}, "the empty type is a user type"},
@@ -186,6 +187,24 @@ TEST_F(MessageTest, readsWhatTheLinesSay) {
     }
     Message message;
     EXPECT_EQ(*message.readFromString(nullptr), '\0');
+}
+
+TEST_F(MessageTest, carriesTheAskersLifePastHandlers) {
+    const uint64_t lives[] = {0, 1, 0xFEDC'BA98'7654'3210};
+    for (const uint64_t life : lives) {
+        Message message = MessageTest::message("x");
+        message.setAskersLife(life);
+        message.setHeader("@CV>Life", "0000000000000007"); // a handler's, and nothing else
+        SoString text;
+        ASSERT_TRUE(message.writeToString(text));
+        Message read;
+        (void)read.readFromString(text.c_str());
+        EXPECT_EQ(read.getAskersLife(), life);
+        EXPECT_EQ(headersOf(read)[0], "@CV>Life=0000000000000007");
+        EXPECT_EQ(Message(read).getAskersLife(), life);
+        (void)read.readFromString("Target:t\n@CV>Life:xyz\n");
+        EXPECT_EQ(read.getAskersLife(), 0U) << "the next message has none";
+    }
 }
 
 TEST_F(MessageTest, readsOneMessageAfterTheOther) {
@@ -317,43 +336,6 @@ TEST_F(MessageTest, writtenMessagesComeBack) {
         EXPECT_EQ(headersOf(back), expected);
         EXPECT_EQ(back.getDigestState(), Message::getCreateDigest() ? "" : "NODIGEST");
     }
-}
-
-TEST_F(MessageTest, readsRepeatedHeadersAsIfTheyWereSetOneByOne) {
-    std::mt19937 random(4711);
-    std::string text;
-    Message expected;
-    for (int i = 0; i < 400; ++i) { // far more than are searched one by one, with most names twice
-        const std::string name = "h" + std::to_string(random() % 200);
-        const std::string value = std::to_string(i);
-        text += name + ":" + value + "\n" + (i % 50 == 0 ? ":no name\n" : "");
-        expected.setHeader(name.c_str(), value.c_str());
-    }
-    Message message;
-    message.readFromString(text.c_str());
-    EXPECT_EQ(headersOf(message), headersOf(expected));
-}
-
-TEST_F(MessageTest, theTimeToReadHeadersGrowsWithTheirBytesOnly) {
-    const auto read = [](int messages, int headers) {
-        std::string text = "Target:t\n";
-        for (int i = 0; i < headers; ++i) {
-            text += "header-with-a-name-" + std::to_string(1'000'000 + i) + ":\n";
-        }
-        const auto start = std::chrono::steady_clock::now();
-        for (int i = 0; i < messages; ++i) {
-            Message message;
-            message.readFromString(text.c_str());
-        }
-        return std::chrono::steady_clock::now() - start;
-    };
-    auto few = read(256, 16);
-    auto many = read(1, Message::kMaximumReadHeaders);
-    for (int i = 0; i < 4; ++i) { // the best of some: other programs run beside
-        few = std::min(few, read(256, 16));
-        many = std::min(many, read(1, Message::kMaximumReadHeaders));
-    }
-    EXPECT_LT(many, 5 * few) << "the same bytes in one message: 256 times as many to search";
 }
 
 TEST_F(MessageTest, aFloodOfHeadersDoesNotHoldItsReader) {
