@@ -1,0 +1,658 @@
+#include "scriptobjects/convey/SoCVConversation.h"
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+#include "limits/Limits.h"
+#include "platform/Clock.h"
+#include "platform/Log.h"
+#include "platform/Random.h"
+#include "scriptobjects/convey/SoCVUtils.h"
+
+namespace ScObjects::ConveyData {
+namespace {
+
+using Message = Convey::Message;
+using MsgHandler = Convey::MsgHandler;
+
+constinit std::atomic<int> gForwarding{0}; // handlers that forward, of all instances
+constinit thread_local int32_t gHandlerDepth = 0;
+constinit thread_local const Conversations::Wait* gInnermostWait = nullptr;
+
+constexpr const char* kHandlerFailedText = "ERROR: HANDLER FAILED";
+
+SoString stringOf(std::string_view text) {
+    return SoString(text.data(), static_cast<int32_t>(text.size()));
+}
+
+// Tells the asker and the log, as far as there is memory left to do it with.
+void reportFailure(const MsgHandler& handler, const char* what, SoString* result) noexcept {
+    try {
+        if (result != nullptr) {
+            *result = kHandlerFailedText;
+        }
+        std::string line = "a handler for messages of type \"";
+        line += handler.getMsgType().view();
+        line += "\" has thrown: ";
+        line += what;
+        platform::Log::system().problem(line);
+    } catch (...) { // NOLINT(bugprone-empty-catch): nothing is left to tell it with
+    }
+}
+
+class Depth {
+public:
+    Depth() { ++gHandlerDepth; }
+    ~Depth() { --gHandlerDepth; }
+    Depth(const Depth&) = delete;
+    Depth& operator=(const Depth&) = delete;
+};
+
+} // namespace
+
+int32_t callHandler(MsgHandler& handler, int event, Message& message, SoString* result) noexcept {
+    const Depth depth;
+    try {
+        return handler.handleMessage(event, message, result);
+    } catch (const std::exception& error) {
+        reportFailure(handler, error.what(), result);
+    } catch (...) {
+        reportFailure(handler, "something that is no std::exception", result);
+    }
+    return CV_HANDLER_FAILED;
+}
+
+int32_t handlerDepth() {
+    return gHandlerDepth;
+}
+
+uint64_t ownLife() {
+    static const uint64_t life = [] {
+        uint64_t number = 0;
+        if (!platform::Random::system().fill(&number, sizeof number)) {
+            number = static_cast<uint64_t>(platform::Clock::system().monotonicMilliseconds());
+        }
+        return number == 0 ? 1 : number;
+    }();
+    return life;
+}
+
+SoString Reply::type() const {
+    SoString text = stringOf(word);
+    text << stringOf(userType);
+    return text;
+}
+
+Reply replyOf(const Message& message) {
+    const std::string_view type = message.getType().view();
+    const struct {
+        Reply::Kind kind;
+        std::string_view word;
+        uint32_t number;
+    } numbered[] = {{Reply::kReceived, CV_TYPE_RECEIVED, message.getReceived()},
+                    {Reply::kResult, CV_TYPE_RESULT, message.getResult()},
+                    {Reply::kError, CV_TYPE_ERROR, message.getError()}};
+    for (const auto& reply : numbered) {
+        const bool begins = type.starts_with(reply.word);
+        if (type == reply.word || reply.number != CV_INVALID_MESSAGE_NUMBER ||
+            (message.isReply() && begins)) {
+            std::string_view rest = type;
+            while (rest.starts_with(reply.word)) { // there are peers that say it twice
+                rest.remove_prefix(reply.word.size());
+            }
+            return {reply.kind, reply.word,
+                    begins || message.isUserType() ? rest : std::string_view()};
+        }
+    }
+    if (type == CV_TYPE_PROCESSED) {
+        return {Reply::kProcessed, CV_TYPE_PROCESSED, {}};
+    }
+    if (type == CV_TYPE_TIMEOUT) {
+        return {Reply::kTimeout, CV_TYPE_TIMEOUT, {}};
+    }
+    return {};
+}
+
+// A handler's visitor, counted in and, whatever happens, out.
+class HandlerSlot::Visit {
+public:
+    explicit Visit(HandlerSlot& slot) : slot_(slot) {
+        const std::lock_guard<std::mutex> guard(slot_.mutex_);
+        handler_ = slot_.handler_.load();
+        if (handler_ != nullptr) {
+            slot_.inside_.push_back(self_);
+        }
+    }
+    ~Visit() {
+        if (handler_ != nullptr) {
+            const std::lock_guard<std::mutex> guard(slot_.mutex_);
+            slot_.inside_.erase(std::find(slot_.inside_.begin(), slot_.inside_.end(), self_));
+            slot_.left_.notify_all();
+        }
+    }
+    Visit(const Visit&) = delete;
+    Visit& operator=(const Visit&) = delete;
+    MsgHandler* handler() const { return handler_; }
+
+private:
+    HandlerSlot& slot_;
+    const std::thread::id self_ = std::this_thread::get_id();
+    MsgHandler* handler_ = nullptr;
+};
+
+HandlerSlot::HandlerSlot(MsgHandler* handler)
+    : handler_(handler),
+      type_(handler->getMsgType().view()),
+      number_(handler->getSerialNumber()),
+      forwards_(type_.starts_with(CV_FORWARD_PREFIX)) {
+    gForwarding.fetch_add(forwards_ ? 1 : 0, std::memory_order_relaxed);
+}
+
+HandlerSlot::~HandlerSlot() {
+    gForwarding.fetch_sub(forwards_ ? 1 : 0, std::memory_order_relaxed);
+    delete handler_.load();
+}
+
+bool HandlerSlot::anyForwards() {
+    return gForwarding.load(std::memory_order_relaxed) != 0;
+}
+
+int32_t HandlerSlot::call(int event, Message& message, SoString* result) {
+    const Visit visit(*this);
+    return visit.handler() == nullptr ? 0 : callHandler(*visit.handler(), event, message, result);
+}
+
+MsgHandler* HandlerSlot::release() {
+    const std::thread::id self = std::this_thread::get_id();
+    std::unique_lock<std::mutex> lock(mutex_);
+    MsgHandler* const handler = handler_.exchange(nullptr);
+    left_.wait(lock, [&] {
+        return std::all_of(inside_.begin(), inside_.end(),
+                           [self](std::thread::id id) { return id == self; });
+    });
+    return handler;
+}
+
+Conversations::Conversations() = default;
+Conversations::~Conversations() = default;
+
+// The table.
+
+Conversation* Conversations::findLocked(uint32_t number) const {
+    const auto found = table_.find(number);
+    return found == table_.end() ? nullptr : found->second.get();
+}
+
+std::shared_ptr<Conversation> Conversations::openLocked(uint32_t number) {
+    std::shared_ptr<Conversation>& conversation = table_[number];
+    if (conversation == nullptr) {
+        try {
+            conversation = std::make_shared<Conversation>(number);
+        } catch (...) {
+            table_.erase(number);
+            throw;
+        }
+    }
+    return conversation;
+}
+
+void Conversations::closeIfDoneLocked(Conversation& conversation) {
+    if (!conversation.isNeeded() && findLocked(conversation.number()) == &conversation) {
+        table_.erase(conversation.number());
+    }
+}
+
+HandlerSlots Conversations::endLocked(Conversation& conversation, Conversation::End end) {
+    if (conversation.end_ == Conversation::End::none) {
+        conversation.end_ = end;
+    }
+    unwatchLocked(conversation);
+    HandlerSlots left;
+    left.swap(conversation.slots_);
+    for (const auto& slot : left) {
+        numbers_.erase(slot->handler());
+    }
+    if (findLocked(conversation.number()) == &conversation) {
+        table_.erase(conversation.number()); // who is in it, or waits for it, keeps it
+    }
+    return left;
+}
+
+HandlerSlots Conversations::end(uint32_t number, Reply::Kind how) {
+    if (number == CV_INVALID_MESSAGE_NUMBER) { // would be all that wait for no message
+        return {};
+    }
+    const ObjectLock guard(*this);
+    Conversation* const conversation = findLocked(number);
+    return conversation == nullptr
+               ? HandlerSlots()
+               : endLocked(*conversation, how == Reply::kTimeout ? Conversation::End::timedOut
+                                                                 : Conversation::End::answered);
+}
+
+HandlerSlots Conversations::close() {
+    const ObjectLock guard(*this);
+    HandlerSlots all;
+    all.swap(forAny_);
+    while (!table_.empty()) {
+        const std::shared_ptr<Conversation> conversation = table_.begin()->second;
+        HandlerSlots left = endLocked(*conversation, Conversation::End::abandoned);
+        all.insert(all.end(), left.begin(), left.end());
+    }
+    numbers_.clear();
+    return all;
+}
+
+// Handlers.
+
+const std::shared_ptr<HandlerSlot>* Conversations::findSlotLocked(std::string_view type,
+                                                                  uint32_t number) const {
+    const HandlerSlots* slots = &forAny_;
+    if (number != CV_INVALID_MESSAGE_NUMBER) {
+        const Conversation* const conversation = findLocked(number);
+        if (conversation == nullptr) {
+            return nullptr;
+        }
+        slots = &conversation->slots_;
+    }
+    const auto found = std::find_if(slots->begin(), slots->end(),
+                                    [type](const auto& slot) { return slot->type() == type; });
+    return found == slots->end() ? nullptr : &*found;
+}
+
+std::shared_ptr<HandlerSlot> Conversations::find(std::string_view type, uint32_t number) const {
+    const ObjectLock guard(*this);
+    if (const auto* const exact = findSlotLocked(type, number)) {
+        return *exact;
+    }
+    if (type.empty() && number != CV_INVALID_MESSAGE_NUMBER) {
+        const Conversation* const conversation = findLocked(number);
+        if (conversation != nullptr && !conversation->slots_.empty()) {
+            return conversation->slots_.back();
+        }
+    } else if (type.empty() && !forAny_.empty()) {
+        return forAny_.back();
+    }
+    const auto* const forAny = findSlotLocked(type, CV_INVALID_MESSAGE_NUMBER);
+    return forAny == nullptr ? nullptr : *forAny;
+}
+
+std::shared_ptr<HandlerSlot> Conversations::handlerFor(const Message& message,
+                                                       const Reply& reply) const {
+    std::string both;
+    if (!reply.userType.empty()) {
+        both = reply.word;
+        both += reply.userType;
+    }
+    const ObjectLock guard(*this);
+    for (const uint32_t number : {message.getSerialNumber(), CV_INVALID_MESSAGE_NUMBER}) {
+        if (reply.kind == Reply::kNone) {
+            if (const auto* const slot = findSlotLocked(message.getType().view(), number)) {
+                return *slot;
+            }
+            continue;
+        }
+        for (const std::string_view type : {reply.word, std::string_view(both)}) {
+            const auto* const slot = type.empty() ? nullptr : findSlotLocked(type, number);
+            if (slot != nullptr) {
+                return *slot;
+            }
+        }
+        if (const auto* const slot = findSlotLocked({}, number)) {
+            return *slot;
+        }
+    }
+    for (const std::string_view type : {std::string_view(CV_TYPE_PLAIN), std::string_view()}) {
+        if (const auto* const slot = findSlotLocked(type, CV_INVALID_MESSAGE_NUMBER)) {
+            return *slot;
+        }
+    }
+    return nullptr;
+}
+
+std::shared_ptr<HandlerSlot> Conversations::add(MsgHandler* handler) {
+    std::unique_ptr<MsgHandler> owned(handler);
+    {
+        const ObjectLock guard(*this);
+        if (numbers_.count(handler) != 0) {
+            (void)owned.release(); // it is registered already
+            return nullptr;
+        }
+    }
+    const auto slot = std::make_shared<HandlerSlot>(handler);
+    (void)owned.release(); // the slot's now
+    const uint32_t number = slot->number();
+    const ObjectLock guard(*this);
+    const std::shared_ptr<Conversation> conversation =
+        number == CV_INVALID_MESSAGE_NUMBER ? nullptr : openLocked(number);
+    HandlerSlots& slots = conversation == nullptr ? forAny_ : conversation->slots_;
+    const auto* const same = findSlotLocked(slot->type(), number);
+    std::shared_ptr<HandlerSlot> replaced = same == nullptr ? nullptr : *same;
+    try {
+        numbers_.emplace(handler, number);
+        slots.push_back(slot);
+    } catch (...) {
+        (void)numbers_.erase(handler);
+        if (conversation != nullptr) {
+            closeIfDoneLocked(*conversation);
+        }
+        throw;
+    }
+    if (replaced != nullptr) {
+        (void)numbers_.erase(replaced->handler());
+        slots.erase(std::find(slots.begin(), slots.end(), replaced));
+    }
+    if (conversation != nullptr) {
+        conversation->hadHandler_ = true;
+    }
+    return replaced;
+}
+
+std::shared_ptr<HandlerSlot> Conversations::takeLocked(const std::shared_ptr<HandlerSlot>& slot) {
+    std::shared_ptr<HandlerSlot> taken;
+    Conversation* const conversation =
+        slot->number() == CV_INVALID_MESSAGE_NUMBER ? nullptr : findLocked(slot->number());
+    if (conversation == nullptr && slot->number() != CV_INVALID_MESSAGE_NUMBER) {
+        return taken;
+    }
+    HandlerSlots& slots = conversation == nullptr ? forAny_ : conversation->slots_;
+    const auto found = std::find(slots.begin(), slots.end(), slot);
+    if (found != slots.end()) {
+        taken = std::move(*found);
+        slots.erase(found);
+        (void)numbers_.erase(taken->handler());
+        if (conversation != nullptr) {
+            closeIfDoneLocked(*conversation);
+        }
+    }
+    return taken;
+}
+
+std::shared_ptr<HandlerSlot> Conversations::take(std::string_view type, uint32_t number) {
+    const ObjectLock guard(*this);
+    const auto slot = find(type, number);
+    return slot == nullptr ? nullptr : takeLocked(slot);
+}
+
+std::shared_ptr<HandlerSlot> Conversations::take(const MsgHandler* handler) {
+    const ObjectLock guard(*this);
+    const auto found = numbers_.find(handler);
+    if (found == numbers_.end()) {
+        return nullptr;
+    }
+    const Conversation* const conversation =
+        found->second == CV_INVALID_MESSAGE_NUMBER ? nullptr : findLocked(found->second);
+    const HandlerSlots& slots = conversation == nullptr ? forAny_ : conversation->slots_;
+    const auto slot = std::find_if(slots.begin(), slots.end(), [handler](const auto& candidate) {
+        return candidate->handler() == handler;
+    });
+    const std::shared_ptr<HandlerSlot> kept = slot == slots.end() ? nullptr : *slot;
+    return kept == nullptr ? nullptr : takeLocked(kept);
+}
+
+HandlerSlots Conversations::takeAll(uint32_t number) {
+    const ObjectLock guard(*this);
+    HandlerSlots taken;
+    Conversation* const conversation =
+        number == CV_INVALID_MESSAGE_NUMBER ? nullptr : findLocked(number);
+    if (number == CV_INVALID_MESSAGE_NUMBER) {
+        taken.swap(forAny_);
+    } else if (conversation != nullptr) {
+        taken.swap(conversation->slots_);
+        closeIfDoneLocked(*conversation);
+    }
+    for (const auto& slot : taken) {
+        (void)numbers_.erase(slot->handler());
+    }
+    return taken;
+}
+
+size_t Conversations::handlerCount() const {
+    const ObjectLock guard(*this);
+    return numbers_.size();
+}
+
+// Turns.
+
+Conversations::Turn::~Turn() {
+    if (conversation_ != nullptr) {
+        table_->leave(*conversation_);
+    }
+}
+
+bool Conversations::enter(const Message& message, bool awaitedOnly, Turn& turn) {
+    turn.reply = replyOf(message);
+    const bool awaitedHere = awaitedOnly && Wait::isAwaitedHere(message);
+    const uint32_t number = message.getSerialNumber();
+    const ObjectLock guard(*this);
+    const auto found = number == CV_INVALID_MESSAGE_NUMBER ? table_.end() : table_.find(number);
+    if (found == table_.end()) {
+        return !awaitedOnly || awaitedHere;
+    }
+    Conversation& conversation = *found->second;
+    const std::string_view type = message.getType().view();
+    if (turn.reply.kind == Reply::kNone && !conversation.requestType_.empty()) {
+        // What has no number of its own on the wire is known by the type that was asked with.
+        for (const auto& [kind, word] :
+             {std::pair(Reply::kProcessed, std::string_view(CV_TYPE_PROCESSED)),
+              std::pair(Reply::kTimeout, std::string_view(CV_TYPE_TIMEOUT))}) {
+            std::string_view rest = type;
+            while (rest.starts_with(word)) {
+                rest.remove_prefix(word.size());
+            }
+            if (rest.size() != type.size() && rest == conversation.requestType_) {
+                turn.reply = {kind, word, rest};
+            }
+        }
+    }
+    // A request of a peer may have a number of ours: it is none of this conversation's.
+    if (turn.reply.kind == Reply::kNone && findSlotLocked(type, number) == nullptr) {
+        return !awaitedOnly || awaitedHere;
+    }
+    if (awaitedOnly && !awaitedHere && conversation.waiting_ == 0) {
+        return false;
+    }
+    const std::thread::id self = std::this_thread::get_id();
+    if (conversation.insideDepth_ != 0 &&
+        (conversation.inside_ != self || conversation.waitingInside_ == 0)) {
+        return false;
+    }
+    conversation.inside_ = self;
+    ++conversation.insideDepth_;
+    turn.table_ = this;
+    turn.conversation_ = found->second;
+    return true;
+}
+
+void Conversations::leave(Conversation& conversation) {
+    const ObjectLock guard(*this);
+    --conversation.insideDepth_;
+    closeIfDoneLocked(conversation);
+}
+
+std::shared_ptr<HandlerSlot> Conversations::handled(const Turn& turn, const Message& message,
+                                                    const std::shared_ptr<HandlerSlot>& slot) {
+    if (slot->number() == CV_INVALID_MESSAGE_NUMBER ||
+        slot->number() != message.getSerialNumber()) {
+        return nullptr;
+    }
+    const ObjectLock guard(*this);
+    if (turn.conversation_ != nullptr && turn.reply.kind != Reply::kTimeout) {
+        turn.conversation_->handlerRan_ = true;
+    }
+    return takeLocked(slot);
+}
+
+// Watchers.
+
+void Conversations::unwatchLocked(Conversation& conversation) {
+    if (!conversation.watched_) {
+        return;
+    }
+    conversation.watched_ = false;
+    const auto second = deadlines_.find(conversation.deadline_);
+    second->second.erase(conversation.deadlinePlace_);
+    if (second->second.empty()) {
+        deadlines_.erase(second);
+    }
+}
+
+void Conversations::unwatch(uint32_t number) {
+    const ObjectLock guard(*this);
+    if (Conversation* const conversation = findLocked(number)) {
+        unwatchLocked(*conversation);
+        closeIfDoneLocked(*conversation);
+    }
+}
+
+void Conversations::watch(const Message& request, const SoString& watcher, uint32_t seconds) {
+    const uint32_t now = ConveyUtils::getTimeSeconds();
+    const auto life = static_cast<int32_t>(seconds);
+    const int64_t deadline = life < 0 ? INT64_MAX : int64_t{now} + life;
+    std::string name(watcher.view());
+    const ObjectLock guard(*this);
+    const std::shared_ptr<Conversation> conversation = openLocked(request.getSerialNumber());
+    if (conversation->watched_ && conversation->deadline_ <= deadline) {
+        return; // the first to end tells of all
+    }
+    unwatchLocked(*conversation);
+    std::list<Conversation*>& second = deadlines_[deadline];
+    second.push_back(conversation.get());
+    conversation->watched_ = true;
+    conversation->watcher_ = std::move(name);
+    conversation->watchedSince_ = now;
+    conversation->watchSeconds_ = seconds;
+    conversation->watchOrder_ = ++lastWatch_;
+    conversation->deadline_ = deadline;
+    conversation->deadlinePlace_ = std::prev(second.end());
+}
+
+namespace {
+
+// A watcher as the diagnostics and observers have always been shown it.
+std::unique_ptr<Message> watcherMessage(const std::string& name, uint32_t number, uint32_t since,
+                                        uint32_t seconds) {
+    auto message = std::make_unique<Message>();
+    message->setTarget(stringOf(name));
+    message->setSender(stringOf(name));
+    message->setType(CV_TYPE_WATCHER);
+    message->setResponseRequest(CV_WANTS_TIMEOUT);
+    message->setSerialNumber(number);
+    message->setTimestamp(since);
+    message->setTimeout(seconds);
+    return message;
+}
+
+} // namespace
+
+std::vector<std::unique_ptr<Message>> Conversations::takeExpired() {
+    const int64_t now = ConveyUtils::getTimeSeconds();
+    std::vector<std::pair<uint64_t, std::unique_ptr<Message>>> expired;
+    {
+        const ObjectLock guard(*this);
+        while (!deadlines_.empty() && deadlines_.begin()->first <= now) {
+            Conversation& conversation = *deadlines_.begin()->second.front();
+            expired.emplace_back(conversation.watchOrder_,
+                                 watcherMessage(conversation.watcher_, conversation.number(),
+                                                conversation.watchedSince_,
+                                                conversation.watchSeconds_));
+            unwatchLocked(conversation);
+            closeIfDoneLocked(conversation);
+        }
+    }
+    std::sort(expired.begin(), expired.end(),
+              [](const auto& a, const auto& b) { return a.first > b.first; });
+    std::vector<std::unique_ptr<Message>> messages;
+    for (auto& [order, message] : expired) {
+        messages.push_back(std::move(message));
+    }
+    return messages;
+}
+
+std::vector<std::unique_ptr<Message>> Conversations::watchers() const {
+    std::map<uint64_t, std::unique_ptr<Message>> ordered;
+    {
+        const ObjectLock guard(*this);
+        for (const auto& [deadline, watched] : deadlines_) {
+            for (const Conversation* const conversation : watched) {
+                ordered.emplace(conversation->watchOrder_,
+                                watcherMessage(conversation->watcher_, conversation->number(),
+                                               conversation->watchedSince_,
+                                               conversation->watchSeconds_));
+            }
+        }
+    }
+    std::vector<std::unique_ptr<Message>> messages;
+    for (auto& [order, message] : ordered) {
+        messages.push_back(std::move(message));
+    }
+    return messages;
+}
+
+bool Conversations::isWatching() const {
+    const ObjectLock guard(*this);
+    return !deadlines_.empty();
+}
+
+// Waits.
+
+void Conversations::noteRequest(const Message& request) {
+    const ObjectLock guard(*this);
+    if (Conversation* const conversation = findLocked(request.getSerialNumber())) {
+        conversation->requestType_ = request.getType().view();
+    }
+}
+
+Conversations::Wait::Wait(Conversations& table, const Message& request)
+    : table_(table),
+      conversation_([&] {
+          const ObjectLock guard(table);
+          auto conversation = table.openLocked(request.getSerialNumber());
+          ++conversation->waiting_;
+          return conversation;
+      }()),
+      asker_(request.getSender().view()),
+      outer_(gInnermostWait) {
+    const ObjectLock guard(table_);
+    inside_ =
+        conversation_->insideDepth_ != 0 && conversation_->inside_ == std::this_thread::get_id();
+    conversation_->waitingInside_ += inside_ ? 1 : 0;
+    gInnermostWait = this;
+}
+
+Conversations::Wait::~Wait() {
+    gInnermostWait = outer_;
+    const ObjectLock guard(table_);
+    --conversation_->waiting_;
+    conversation_->waitingInside_ -= inside_ ? 1 : 0;
+    table_.closeIfDoneLocked(*conversation_);
+}
+
+Conversations::Wait::State Conversations::Wait::state() const {
+    const ObjectLock guard(table_);
+    const Conversation& conversation = *conversation_;
+    if (conversation.insideDepth_ != 0 && !inside_) {
+        return State::open; // not before the handler has returned
+    }
+    if (conversation.end_ != Conversation::End::none) {
+        return conversation.end_ == Conversation::End::answered ? State::answered : State::failed;
+    }
+    if (!conversation.slots_.empty()) {
+        return State::open;
+    }
+    // Handlers that are gone without having been called were taken out by somebody.
+    return conversation.handlerRan_ || !conversation.hadHandler_ ? State::answered : State::failed;
+}
+
+bool Conversations::Wait::isAwaitedHere(const Message& request) {
+    for (const Wait* wait = gInnermostWait; wait != nullptr; wait = wait->outer_) {
+        if (wait->conversation_->number() == request.getSerialNumber() &&
+            wait->asker_ == request.getSender().view()) {
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace ScObjects::ConveyData
