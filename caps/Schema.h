@@ -73,6 +73,13 @@ INSERT INTO modification (what, time) VALUES ('product', unixepoch()), ('domain'
 )" CAPS_TOUCH_ALL(product, "product") CAPS_TOUCH_ALL(payload, "product")
         CAPS_TOUCH_ALL(payload_data, "product") CAPS_TOUCH_ALL(subdomain, "domain")
             CAPS_TOUCH_ALL(domain_data, "domain"),
+    // 3: when a registration was last written, and the file that it comes from (none: by hand)
+    R"(
+ALTER TABLE product ADD COLUMN changed INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE product ADD COLUMN origin TEXT NOT NULL DEFAULT '';
+ALTER TABLE subdomain ADD COLUMN changed INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE domain_data ADD COLUMN origin TEXT NOT NULL DEFAULT '';
+)",
 };
 
 #undef CAPS_TOUCH_ALL
@@ -81,5 +88,7 @@ INSERT INTO modification (what, time) VALUES ('product', unixepoch()), ('domain'
 inline constexpr int kSchemaVersion = static_cast<int>(kMigrations.size());
 // The first version that keeps modification times.
 inline constexpr int kFirstVersionWithTimes = 2;
+// The first version that knows of each registration when it was written and where it comes from.
+inline constexpr int kFirstVersionWithOrigins = 3;
 
 } // namespace caps

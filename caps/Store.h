@@ -34,10 +34,16 @@ enum class Status : int32_t {
 // One word for a person, for example "damaged".
 const char* statusText(Status status);
 
+// Of what is stored, equality compares what it says, not when it was written or by whom: `changed`
+// is in seconds since 1970 (0: unknown), `origin` the file that brought it (empty: it was written
+// by hand).
 struct KeyValue {
     std::string key;
     std::string value;
-    friend bool operator==(const KeyValue&, const KeyValue&) = default;
+    std::string origin{};
+    friend bool operator==(const KeyValue& a, const KeyValue& b) {
+        return a.key == b.key && a.value == b.value;
+    }
 };
 
 struct PayloadValue {
@@ -59,14 +65,21 @@ struct Payload {
 struct Product {
     std::string code;
     std::vector<Payload> payloads;
-    friend bool operator==(const Product&, const Product&) = default;
+    int64_t changed{};
+    std::string origin{};
+    friend bool operator==(const Product& a, const Product& b) {
+        return a.code == b.code && a.payloads == b.payloads;
+    }
 };
 
 struct Subdomain {
     int32_t domain = 1;
     std::string name;
     std::vector<KeyValue> data;
-    friend bool operator==(const Subdomain&, const Subdomain&) = default;
+    int64_t changed{};
+    friend bool operator==(const Subdomain& a, const Subdomain& b) {
+        return a.domain == b.domain && a.name == b.name && a.data == b.data;
+    }
 };
 
 // A whole database, every list in the order of registration.
@@ -142,10 +155,20 @@ public:
     [[nodiscard]] Status removeDomainData(int32_t domain, std::string_view subdomain,
                                           std::string_view key);
     [[nodiscard]] Status removeSubdomain(int32_t domain, std::string_view subdomain);
+    // Removes all keys, and keeps the subdomain's place in the order.
+    [[nodiscard]] Status clearSubdomain(int32_t domain, std::string_view subdomain);
+
+    // The file that what is written from now on comes from; none (at first): by hand.
+    void setOrigin(std::string origin);
+    // When it was written, for who copies a registration; every other change notes the time itself.
+    [[nodiscard]] Status setChanged(int32_t domain, std::string_view subdomain, int64_t time);
+    [[nodiscard]] Status setProductChanged(std::string_view code, int64_t time);
 
     // Products. Adding a code that exists changes nothing: it is invalidArgument.
     [[nodiscard]] Status addProduct(const Product& product);
     [[nodiscard]] Status addPayload(std::string_view product, const Payload& payload);
+    // The same product with other payloads, at its place in the order; nothingThere for a new one.
+    [[nodiscard]] Status replaceProduct(const Product& product);
     [[nodiscard]] Status removeProduct(std::string_view code);
     [[nodiscard]] Status setPayloadData(std::string_view payload, int32_t domain,
                                         std::string_view key, std::string_view value);
@@ -168,11 +191,14 @@ public:
     public:
         virtual ~Visitor() = default;
         virtual void onProduct(std::string_view code);
+        virtual void onWritten(int64_t changed, std::string_view origin); // the same product
         virtual void onPayload(std::string_view code, std::string_view kind,
                                std::string_view launchPath, int32_t installState);
         virtual void onPayloadData(int32_t domain, std::string_view key, std::string_view value);
         virtual void onSubdomain(int32_t domain, std::string_view name);
+        virtual void onSubdomainWritten(int64_t changed); // the same subdomain
         virtual void onDomainData(std::string_view key, std::string_view value);
+        virtual void onOrigin(std::string_view origin); // of the same value, unless by hand
         // What is passed over: `name` (which may be empty or too long) of a `kind` of things.
         virtual void onRefused(std::string_view kind, std::string_view name);
     };

@@ -64,7 +64,8 @@ struct Store::Impl {
     bool immutable = false;
     Fingerprint fingerprint;
     int64_t dataVersion = 0;
-    int depth = 0; // of write transactions
+    int depth = 0;      // of write transactions
+    std::string origin; // of what is written
 
     // Prepared once and kept: an import runs the same few ten thousands of times.
     std::unordered_map<std::string_view, std::unique_ptr<Statement>> statements;

@@ -8,8 +8,11 @@ namespace caps {
 void Store::Visitor::onProduct(std::string_view) {}
 void Store::Visitor::onPayload(std::string_view, std::string_view, std::string_view, int32_t) {}
 void Store::Visitor::onPayloadData(int32_t, std::string_view, std::string_view) {}
+void Store::Visitor::onWritten(int64_t, std::string_view) {}
 void Store::Visitor::onSubdomain(int32_t, std::string_view) {}
+void Store::Visitor::onSubdomainWritten(int64_t) {}
 void Store::Visitor::onDomainData(std::string_view, std::string_view) {}
+void Store::Visitor::onOrigin(std::string_view) {}
 void Store::Visitor::onRefused(std::string_view, std::string_view) {}
 
 namespace {
@@ -27,6 +30,10 @@ struct Collector : Store::Visitor {
     void onProduct(std::string_view code) override {
         contents_.products.push_back({std::string(code), {}});
     }
+    void onWritten(int64_t changed, std::string_view origin) override {
+        contents_.products.back().changed = changed;
+        contents_.products.back().origin = origin;
+    }
     void onPayload(std::string_view code, std::string_view kind, std::string_view launchPath,
                    int32_t installState) override {
         contents_.products.back().payloads.push_back(
@@ -39,8 +46,14 @@ struct Collector : Store::Visitor {
     void onSubdomain(int32_t domain, std::string_view name) override {
         contents_.subdomains.push_back({domain, std::string(name), {}});
     }
+    void onSubdomainWritten(int64_t changed) override {
+        contents_.subdomains.back().changed = changed;
+    }
     void onDomainData(std::string_view key, std::string_view value) override {
         contents_.subdomains.back().data.push_back({std::string(key), std::string(value)});
+    }
+    void onOrigin(std::string_view origin) override {
+        contents_.subdomains.back().data.back().origin = origin;
     }
     void onRefused(std::string_view kind, std::string_view name) override {
         contents_.refused.push_back(std::string(kind) + " " +
@@ -90,8 +103,11 @@ private:
 } // namespace
 
 Status Store::visitSubdomains(Statement& subdomains, Visitor& visitor) {
-    Statement data(impl_->connection,
-                   "SELECT subdomain, key, value FROM domain_data ORDER BY subdomain, position");
+    Statement data(
+        impl_->connection,
+        impl_->schemaVersion < kFirstVersionWithOrigins
+            ? "SELECT subdomain, key, value, '' FROM domain_data ORDER BY subdomain, position"
+            : "SELECT subdomain, key, value, origin FROM domain_data ORDER BY subdomain, position");
     Details details(data);
     int code = SQLITE_ROW;
     while (!details.failed() && (code = subdomains.step()) == SQLITE_ROW) {
@@ -103,11 +119,15 @@ Status Store::visitSubdomains(Statement& subdomains, Visitor& visitor) {
             continue;
         }
         visitor.onSubdomain(static_cast<int32_t>(subdomains.integer(1)), name);
+        visitor.onSubdomainWritten(subdomains.integer(3));
         details.of(id, [&visitor, name](Statement& row) {
             const std::string_view key = row.text(1);
             const std::string_view value = row.text(2);
             if (isReadableName(key, kMaxCodeBytes) && value.size() <= kMaxValueBytes) {
                 visitor.onDomainData(key, value);
+                if (const std::string_view origin = row.text(3); !origin.empty()) {
+                    visitor.onOrigin(origin);
+                }
             } else {
                 visitor.onRefused("key", std::string(name) + " " + std::string(key));
             }
@@ -121,9 +141,12 @@ Status Store::visitSubdomains(Statement& subdomains, Visitor& visitor) {
 
 Status Store::visitDomain(int32_t domain, Visitor& visitor) {
     return inReadTransaction([&] {
-        Statement rows(
-            impl_->connection,
-            "SELECT id, domain, name FROM subdomain NOT INDEXED WHERE domain = ?1 ORDER BY id");
+        Statement rows(impl_->connection,
+                       impl_->schemaVersion < kFirstVersionWithOrigins
+                           ? "SELECT id, domain, name, 0 FROM subdomain NOT INDEXED "
+                             "WHERE domain = ?1 ORDER BY id"
+                           : "SELECT id, domain, name, changed FROM subdomain NOT INDEXED "
+                             "WHERE domain = ?1 ORDER BY id");
         rows.bind(domain);
         return visitSubdomains(rows, visitor);
     });
@@ -131,14 +154,20 @@ Status Store::visitDomain(int32_t domain, Visitor& visitor) {
 
 Status Store::visitAllDomains(Visitor& visitor) {
     return inReadTransaction([&] {
-        Statement rows(impl_->connection, "SELECT id, domain, name FROM subdomain ORDER BY id");
+        Statement rows(impl_->connection,
+                       impl_->schemaVersion < kFirstVersionWithOrigins
+                           ? "SELECT id, domain, name, 0 FROM subdomain ORDER BY id"
+                           : "SELECT id, domain, name, changed FROM subdomain ORDER BY id");
         return visitSubdomains(rows, visitor);
     });
 }
 
 Status Store::visitProducts(Visitor& visitor) {
     return inReadTransaction([&] {
-        Statement products(impl_->connection, "SELECT id, code FROM product ORDER BY id");
+        Statement products(impl_->connection,
+                           impl_->schemaVersion < kFirstVersionWithOrigins
+                               ? "SELECT id, code, 0, '' FROM product ORDER BY id"
+                               : "SELECT id, code, changed, origin FROM product ORDER BY id");
         Statement payloads(impl_->connection,
                            "SELECT p.id, p.code, p.kind, p.launch_path, p.install_state "
                            "FROM payload p WHERE p.product = ?1 ORDER BY p.id");
@@ -152,6 +181,7 @@ Status Store::visitProducts(Visitor& visitor) {
                 continue;
             }
             visitor.onProduct(product);
+            visitor.onWritten(products.integer(2), products.text(3));
             payloads.bind(products.integer(0));
             while ((code = payloads.step()) == SQLITE_ROW) {
                 const std::string_view payload = payloads.text(1);

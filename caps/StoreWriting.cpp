@@ -26,8 +26,10 @@ Status Store::addSubdomain(int32_t domain, std::string_view subdomain) {
         return refuse(Status::invalidArgument, "a subdomain has 1 to 512 bytes");
     }
     return inTransaction([&] {
-        Statement& insert = impl_->prepared("INSERT INTO subdomain (domain, name) VALUES (?1, ?2) "
-                                            "ON CONFLICT DO NOTHING");
+        Statement& insert = impl_->prepared(
+            "INSERT INTO subdomain (domain, name, changed) VALUES (?1, ?2, unixepoch()) "
+            "ON CONFLICT DO UPDATE SET changed = excluded.changed "
+            "WHERE changed <> excluded.changed");
         insert.bind(domain, subdomain);
         return run(insert, "the subdomain cannot be written");
     });
@@ -44,12 +46,13 @@ Status Store::setDomainData(int32_t domain, std::string_view subdomain, std::str
             return status;
         }
         Statement& insert = impl_->prepared(
-            "INSERT INTO domain_data (subdomain, position, key, value) "
+            "INSERT INTO domain_data (subdomain, position, key, value, origin) "
             "SELECT s.id, (SELECT coalesce(max(d.position), 0) + 1 FROM domain_data d "
-            "WHERE d.subdomain = s.id), ?3, ?4 FROM subdomain s "
+            "WHERE d.subdomain = s.id), ?3, ?4, ?5 FROM subdomain s "
             "WHERE s.domain = ?1 AND s.name = ?2 "
-            "ON CONFLICT (subdomain, key) DO UPDATE SET value = excluded.value");
-        insert.bind(domain, subdomain, key, value);
+            "ON CONFLICT (subdomain, key) DO UPDATE SET value = excluded.value, "
+            "origin = excluded.origin");
+        insert.bind(domain, subdomain, key, value, std::string_view(impl_->origin));
         return run(insert, "the value cannot be written");
     });
 }
@@ -60,7 +63,40 @@ Status Store::removeDomainData(int32_t domain, std::string_view subdomain, std::
             impl_->prepared("DELETE FROM domain_data WHERE key = ?3 AND subdomain = "
                             "(SELECT id FROM subdomain WHERE domain = ?1 AND name = ?2)");
         remove.bind(domain, subdomain, key);
-        return runOnSomething(remove, "the value cannot be removed");
+        const Status status = runOnSomething(remove, "the value cannot be removed");
+        return status == Status::ok ? addSubdomain(domain, subdomain) : status; // notes the time
+    });
+}
+
+Status Store::clearSubdomain(int32_t domain, std::string_view subdomain) {
+    return inTransaction([&] {
+        Statement& remove =
+            impl_->prepared("DELETE FROM domain_data WHERE subdomain = "
+                            "(SELECT id FROM subdomain WHERE domain = ?1 AND name = ?2)");
+        remove.bind(domain, subdomain);
+        return run(remove, "the subdomain cannot be emptied");
+    });
+}
+
+void Store::setOrigin(std::string origin) {
+    impl_->origin = std::move(origin);
+}
+
+Status Store::setChanged(int32_t domain, std::string_view subdomain, int64_t time) {
+    return inTransaction([&] {
+        Statement& update = impl_->prepared("UPDATE subdomain SET changed = ?3 WHERE domain = ?1 "
+                                            "AND name = ?2 AND changed <> ?3");
+        update.bind(domain, subdomain, time);
+        return run(update, "the time cannot be written");
+    });
+}
+
+Status Store::setProductChanged(std::string_view code, int64_t time) {
+    return inTransaction([&] {
+        Statement& update =
+            impl_->prepared("UPDATE product SET changed = ?2 WHERE code = ?1 AND changed <> ?2");
+        update.bind(code, time);
+        return run(update, "the time cannot be written");
     });
 }
 
@@ -78,9 +114,31 @@ Status Store::addProduct(const Product& product) {
         return refuse(Status::invalidArgument, "a product's identifier has 1 to 255 bytes");
     }
     return inTransaction([&] {
-        Statement& insert = impl_->prepared("INSERT INTO product (code) VALUES (?1)");
-        insert.bind(std::string_view(product.code));
+        Statement& insert = impl_->prepared(
+            "INSERT INTO product (code, changed, origin) VALUES (?1, unixepoch(), ?2)");
+        insert.bind(std::string_view(product.code), std::string_view(impl_->origin));
         Status status = run(insert, "the product cannot be written");
+        for (const Payload& payload : product.payloads) {
+            if (status == Status::ok) {
+                status = addPayload(product.code, payload);
+            }
+        }
+        return status;
+    });
+}
+
+Status Store::replaceProduct(const Product& product) {
+    return inTransaction([&] {
+        Statement& update = impl_->prepared(
+            "UPDATE product SET changed = unixepoch(), origin = ?2 WHERE code = ?1");
+        update.bind(std::string_view(product.code), std::string_view(impl_->origin));
+        Status status = runOnSomething(update, "the product cannot be written");
+        if (status == Status::ok) {
+            Statement& remove = impl_->prepared("DELETE FROM payload WHERE product = "
+                                                "(SELECT id FROM product WHERE code = ?1)");
+            remove.bind(std::string_view(product.code));
+            status = run(remove, "the payloads cannot be removed");
+        }
         for (const Payload& payload : product.payloads) {
             if (status == Status::ok) {
                 status = addPayload(product.code, payload);

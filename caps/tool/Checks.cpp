@@ -9,17 +9,6 @@
 namespace caps::tool {
 namespace {
 
-// What the layer takes an application's specifier to be.
-std::string effectiveSpecifier(const Subdomain& subdomain) {
-    std::string specifier;
-    for (const KeyValue& entry : subdomain.data) {
-        if (entry.key == kSpecifierKey || entry.key == "ProductCode") {
-            specifier = lowerCase(entry.value);
-        }
-    }
-    return specifier.empty() ? subdomain.name.substr(kAppPrefix.size()) : specifier;
-}
-
 const std::string* redirectOf(const Subdomain& subdomain) {
     const std::string* target = find(subdomain.data, kRedirectKey);
     return target != nullptr && !target->empty() ? target : nullptr;

@@ -51,30 +51,6 @@ std::optional<KeyKind> keyKind(std::string_view key) {
     return found == std::end(kKnownKeys) ? std::nullopt : std::optional(found->kind);
 }
 
-std::string lowerCase(std::string_view text) {
-    std::string lower(text);
-    std::transform(lower.begin(), lower.end(), lower.begin(), [](char c) {
-        return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c;
-    });
-    return lower;
-}
-
-std::string subdomainOf(std::string_view specifier) {
-    return std::string(kAppPrefix) + lowerCase(specifier);
-}
-
-bool isApplicationSubdomain(const Subdomain& subdomain) {
-    return subdomain.domain == kRegistryDomain && subdomain.name.starts_with(kAppPrefix) &&
-           subdomain.name.size() > kAppPrefix.size() &&
-           !(subdomain.name + "/").starts_with(kGroupPrefix);
-}
-
-const std::string* find(const std::vector<KeyValue>& keys, std::string_view key) {
-    const auto found = std::find_if(keys.begin(), keys.end(),
-                                    [key](const KeyValue& entry) { return entry.key == key; });
-    return found == keys.end() ? nullptr : &found->value;
-}
-
 std::optional<std::string> specifierFault(std::string_view specifier) {
     if (specifier.empty()) {
         return "a specifier cannot be empty";
@@ -145,26 +121,6 @@ std::set<std::string> specifiersOfPayloads(const Contents& contents) {
         }
     }
     return specifiers;
-}
-
-std::optional<Group> parseGroup(const KeyValue& entry) {
-    std::string_view value = entry.value;
-    if (!entry.key.starts_with(kGroupKeyPrefix) || !value.starts_with(kGroupPrefix)) {
-        return std::nullopt;
-    }
-    value.remove_prefix(kGroupPrefix.size());
-    const size_t first = value.find('/');
-    const size_t last = value.rfind('/');
-    if (first == last) {
-        return std::nullopt;
-    }
-    return Group{entry.key, std::string(value.substr(0, first)),
-                 std::string(value.substr(first + 1, last - first - 1)),
-                 std::string(value.substr(last + 1))};
-}
-
-std::string groupValue(const Group& group) {
-    return std::string(kGroupPrefix) + group.name + "/" + group.number + "/" + group.pattern;
 }
 
 Status writeApplication(Store& store, const Application& application, bool& replaced) {

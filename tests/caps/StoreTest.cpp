@@ -261,9 +261,9 @@ TEST_F(StoreTest, passesOverRowsThatNoProgramOfOursWrites) {
     { fill(*open(Store::Access::create), sample()); }
     execute("PRAGMA ignore_check_constraints = ON; PRAGMA foreign_keys = OFF;"
             "INSERT INTO subdomain (domain, name) VALUES (1, x'2F620063'), (1, '');"
-            "INSERT INTO domain_data SELECT id, 1, x'6B00FF', x'76FF00' FROM subdomain WHERE "
+            "INSERT INTO domain_data SELECT id, 1, x'6B00FF', x'76FF00', '' FROM subdomain WHERE "
             "domain = 1 AND typeof(name) = 'blob';"
-            "INSERT INTO domain_data VALUES (999, 1, 'of', 'nothing');"
+            "INSERT INTO domain_data VALUES (999, 1, 'of', 'nothing', '');"
             "INSERT INTO subdomain (domain, name) VALUES (1, hex(zeroblob(1000)));"
             "INSERT INTO payload (product, code, kind, launch_path, install_state) VALUES (1, "
             "'{c}', 7, hex(zeroblob(600)), 'many')");
@@ -276,6 +276,37 @@ TEST_F(StoreTest, passesOverRowsThatNoProgramOfOursWrites) {
     EXPECT_EQ(contents.subdomains[3].data[0], (caps::KeyValue{"k", "v\xFF"}));
     EXPECT_EQ(contents.products[0].payloads.size(), 2U);
     EXPECT_EQ(contents.refused.size(), 3U) << "two subdomains and a payload, said so";
+}
+
+TEST_F(StoreTest, knowsOfEachEntryWhenItWasWrittenAndWhereItComesFrom) {
+    const auto store = open(Store::Access::create);
+    store->setOrigin("one.toml");
+    ASSERT_EQ(store->setDomainData(1, "/a", "k", "v"), Status::ok);
+    ASSERT_EQ(store->setDomainData(1, "/a", "l", "v"), Status::ok);
+    ASSERT_EQ(store->addProduct({"P", {{"{p}", "normal", "/p", 4, {}}}}), Status::ok);
+    ASSERT_EQ(store->setChanged(1, "/a", 1000), Status::ok);
+    ASSERT_EQ(store->setProductChanged("P", 1000), Status::ok);
+    Contents before;
+    ASSERT_EQ(store->readAll(before), Status::ok);
+    EXPECT_EQ(before.subdomains[0].changed, 1000);
+    EXPECT_EQ(before.subdomains[0].data[1].origin, "one.toml");
+    EXPECT_EQ(before.products[0].changed, 1000);
+    EXPECT_EQ(before.products[0].origin, "one.toml");
+
+    store->setOrigin("");
+    ASSERT_EQ(store->setDomainData(1, "/a", "k", "by hand"), Status::ok);
+    ASSERT_EQ(store->addSubdomain(1, "/b"), Status::ok);
+    ASSERT_EQ(store->replaceProduct({"P", {}}), Status::ok);
+    ASSERT_EQ(store->clearSubdomain(1, "/b"), Status::ok);
+    Contents after;
+    ASSERT_EQ(store->readAll(after), Status::ok);
+    EXPECT_GT(after.subdomains[0].changed, 1000);
+    EXPECT_EQ(after.subdomains[0].data[0].origin, "");
+    EXPECT_EQ(after.subdomains[0].data[1].origin, "one.toml");
+    EXPECT_GT(after.products[0].changed, 1000);
+    EXPECT_EQ(after.products[0].origin, "");
+    EXPECT_TRUE(after.products[0].payloads.empty());
+    EXPECT_EQ(store->replaceProduct({"Q", {}}), Status::nothingThere);
 }
 
 TEST_F(StoreTest, isReadWhileAWriterWorks) {
