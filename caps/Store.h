@@ -151,6 +151,8 @@ public:
     // the end. Removing the last key keeps the subdomain; removing an absent one is nothingThere.
     [[nodiscard]] Status setDomainData(int32_t domain, std::string_view subdomain,
                                        std::string_view key, std::string_view value);
+    // All keys of a subdomain, in their order.
+    [[nodiscard]] Status writeSubdomain(const Subdomain& subdomain);
     [[nodiscard]] Status addSubdomain(int32_t domain, std::string_view subdomain);
     [[nodiscard]] Status removeDomainData(int32_t domain, std::string_view subdomain,
                                           std::string_view key);
@@ -216,6 +218,8 @@ private:
     [[nodiscard]] Status run(Statement& statement, const char* operation);
     // The same, nothingThere when it changed no row.
     [[nodiscard]] Status runOnSomething(Statement& statement, const char* operation);
+    [[nodiscard]] Status writeValue(int32_t domain, std::string_view subdomain,
+                                    std::string_view key, std::string_view value);
     [[nodiscard]] Status checkEntry(std::string_view key, std::string_view value);
     [[nodiscard]] Status visitSubdomains(Statement& subdomains, Visitor& visitor);
     [[nodiscard]] Status modTime(const char* what, uint32_t& out);

@@ -35,6 +35,20 @@ Status Store::addSubdomain(int32_t domain, std::string_view subdomain) {
     });
 }
 
+// Into a subdomain that is there.
+Status Store::writeValue(int32_t domain, std::string_view subdomain, std::string_view key,
+                         std::string_view value) {
+    Statement& insert =
+        impl_->prepared("INSERT INTO domain_data (subdomain, position, key, value, origin) "
+                        "SELECT s.id, (SELECT coalesce(max(d.position), 0) + 1 FROM domain_data d "
+                        "WHERE d.subdomain = s.id), ?3, ?4, ?5 FROM subdomain s "
+                        "WHERE s.domain = ?1 AND s.name = ?2 "
+                        "ON CONFLICT (subdomain, key) DO UPDATE SET value = excluded.value, "
+                        "origin = excluded.origin");
+    insert.bind(domain, subdomain, key, value, std::string_view(impl_->origin));
+    return run(insert, "the value cannot be written");
+}
+
 Status Store::setDomainData(int32_t domain, std::string_view subdomain, std::string_view key,
                             std::string_view value) {
     if (const Status status = checkEntry(key, value); status != Status::ok) {
@@ -42,18 +56,22 @@ Status Store::setDomainData(int32_t domain, std::string_view subdomain, std::str
     }
     return inTransaction([&] {
         const Status status = addSubdomain(domain, subdomain);
-        if (status != Status::ok) {
-            return status;
+        return status == Status::ok ? writeValue(domain, subdomain, key, value) : status;
+    });
+}
+
+Status Store::writeSubdomain(const Subdomain& subdomain) {
+    return inTransaction([&] {
+        Status status = addSubdomain(subdomain.domain, subdomain.name);
+        for (const KeyValue& entry : subdomain.data) {
+            if (status == Status::ok) {
+                status = checkEntry(entry.key, entry.value);
+            }
+            if (status == Status::ok) {
+                status = writeValue(subdomain.domain, subdomain.name, entry.key, entry.value);
+            }
         }
-        Statement& insert = impl_->prepared(
-            "INSERT INTO domain_data (subdomain, position, key, value, origin) "
-            "SELECT s.id, (SELECT coalesce(max(d.position), 0) + 1 FROM domain_data d "
-            "WHERE d.subdomain = s.id), ?3, ?4, ?5 FROM subdomain s "
-            "WHERE s.domain = ?1 AND s.name = ?2 "
-            "ON CONFLICT (subdomain, key) DO UPDATE SET value = excluded.value, "
-            "origin = excluded.origin");
-        insert.bind(domain, subdomain, key, value, std::string_view(impl_->origin));
-        return run(insert, "the value cannot be written");
+        return status;
     });
 }
 

@@ -108,6 +108,7 @@ inline constexpr Limit kAll[] = {
     {"database.write-wait", 5000, "ms", "writers take turns"},
     {"database.move-wait", 200, "ms", "for readers, before what was written is moved; a walk is shorter"},
     {"import.file", 64 * kMiB, "bytes", "far above any real registry"},
+    {"config.depth", 8, "elements", "inside each other; a configuration has four"},
     {"import.key-parts", 1000, "parts", "of a dotted key: the parser calls itself for each"},
     {"import.desktop-file", kMiB, "bytes", "real ones have a few thousand"},
     {"import.desktop-files", 100'000, "files", "of one folder"},
