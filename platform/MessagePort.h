@@ -117,6 +117,21 @@ public:
     virtual PortStatistics statistics() const = 0;
 };
 
+// Watches one owner of a name, from a text that it took: the system tells at once when that process
+// ends, however it does, so that nobody waits for an answer that cannot come.
+//
+// What the owner sent before its end lies in this process's ports by then: take that first. A watch
+// keeps the connection to the owner open, and belongs to all that sent to the same owner. Threads:
+// any.
+class TargetWatch {
+public:
+    virtual ~TargetWatch() = default;
+
+    // True from when that owner has ended, or has given the name back, on; false while it lives and
+    // while that cannot be found out. A few system calls at most; does not block.
+    [[nodiscard]] virtual bool ended() = 0;
+};
+
 // Waits for several ports, and for the things that a thread that serves them must know of.
 //
 // Porting contract: `wait` may end without reason. Threads: one waits, any may do the rest.
@@ -129,6 +144,11 @@ public:
     // removed what makes the port known to others is reported during a wait, where the system can
     // tell.
     virtual void add(const LocalPort& port) = 0;
+
+    // From now on the end of the watched owner ends a wait, until the watch is gone. An owner that
+    // has closed the connection before, for want of room, is not told any more: so ask `ended`
+    // from time to time as well. To add a watch again does nothing.
+    virtual void add(TargetWatch& watch) = 0;
 
     // Whether a port that somebody opens ends a wait too, as far as the system can tell.
     virtual void watchNames(bool on) = 0;
@@ -165,9 +185,14 @@ public:
     }
 
     // Hands a text to the owner of `name`; at most `timeoutMilliseconds` while its queue is full.
-    // Sends to one name from several threads go one after another.
+    // Sends to one name from several threads go one after another. `taker`, where it is not null,
+    // receives a watch over the owner that took the text, when it was delivered; null without
+    // memory.
     virtual SendResult send(const std::string& name, std::string_view text,
-                            int64_t timeoutMilliseconds) = 0;
+                            int64_t timeoutMilliseconds, std::shared_ptr<TargetWatch>* taker) = 0;
+    SendResult send(const std::string& name, std::string_view text, int64_t timeoutMilliseconds) {
+        return send(name, text, timeoutMilliseconds, nullptr);
+    }
 
     // Gives back what sending keeps for later (connections), as far as no thread is sending. The
     // next send makes it anew; nothing that was delivered is lost.

@@ -220,6 +220,7 @@ public:
             return nullptr;
         }
         queues_[name];
+        ++owners_[name];
         ++changes_;
         changed_.notify_all();
         return std::make_unique<Port>(*this, name);
@@ -232,7 +233,9 @@ public:
                : queues_.count(name) == 0 ? PortState::free
                                           : PortState::owned;
     }
-    SendResult send(const std::string& name, std::string_view text, int64_t timeout) override {
+    using MessagePorts::send;
+    SendResult send(const std::string& name, std::string_view text, int64_t timeout,
+                    std::shared_ptr<TargetWatch>* taker) override {
         if (text.size() > kMaximumTextBytes) {
             return SendResult::tooLarge;
         }
@@ -251,6 +254,9 @@ public:
         queue->second.emplace_back(text);
         ++changes_;
         changed_.notify_all();
+        if (taker != nullptr) {
+            *taker = std::make_shared<Watch>(*this, name, owners_[name]);
+        }
         return SendResult::delivered;
     }
 
@@ -277,6 +283,7 @@ private:
     public:
         explicit Wait(FakeMessagePorts& ports) : ports_(ports) {}
         void add(const LocalPort&) override {}
+        void add(TargetWatch&) override {}
         void watchNames(bool) override {}
         void wake() override {
             const std::lock_guard<std::mutex> guard(ports_.mutex_);
@@ -300,12 +307,28 @@ private:
         bool woken_ = false;
     };
 
+    class Watch : public TargetWatch {
+    public:
+        Watch(FakeMessagePorts& ports, std::string name, uint64_t owner)
+            : ports_(ports), name_(std::move(name)), owner_(owner) {}
+        bool ended() override {
+            const std::lock_guard<std::mutex> guard(ports_.mutex_);
+            return ports_.queues_.count(name_) == 0 || ports_.owners_[name_] != owner_;
+        }
+
+    private:
+        FakeMessagePorts& ports_;
+        const std::string name_;
+        const uint64_t owner_;
+    };
+
     class Port : public LocalPort {
     public:
         Port(FakeMessagePorts& ports, std::string name) : ports_(ports), name_(std::move(name)) {}
         ~Port() override {
             const std::lock_guard<std::mutex> guard(ports_.mutex_);
             ports_.queues_.erase(name_);
+            ++ports_.changes_;
             ports_.changed_.notify_all();
         }
         bool take(PortText& out) override {
@@ -339,7 +362,8 @@ private:
     std::mutex mutex_;
     std::condition_variable changed_;
     std::map<std::string, std::deque<std::string>> queues_;
-    uint64_t changes_ = 0; // texts and names that have come
+    std::map<std::string, uint64_t> owners_; // that a name has had
+    uint64_t changes_ = 0;                   // texts and names that have come
 };
 
 class FakeLog : public Log {

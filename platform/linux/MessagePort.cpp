@@ -38,9 +38,10 @@ public:
         return state;
     }
 
-    SendResult send(const std::string& name, std::string_view text,
-                    int64_t timeoutMilliseconds) override {
-        return sender().send(name, text, timeoutMilliseconds);
+    using MessagePorts::send;
+    SendResult send(const std::string& name, std::string_view text, int64_t timeoutMilliseconds,
+                    std::shared_ptr<TargetWatch>* taker) override {
+        return sender().send(name, text, timeoutMilliseconds, taker);
     }
 
     void closeConnections() override { sender().closeIdle(); }

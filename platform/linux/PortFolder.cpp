@@ -5,7 +5,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <mutex>
 #include <nettle/sha2.h>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -39,17 +41,43 @@ bool isOwnFolder(const std::string& path) {
            status.st_uid == geteuid() && (status.st_mode & 022) == 0;
 }
 
+std::string_view runtimeVariable() {
+    const char* const variable = std::getenv("XDG_RUNTIME_DIR"); // NOLINT(concurrency-mt-unsafe)
+    return variable == nullptr ? "" : variable;
+}
+
 std::string choosePath() {
     const std::string user = std::to_string(geteuid());
     // A process that was started without the variable must still meet the others.
-    const char* variable = std::getenv("XDG_RUNTIME_DIR"); // NOLINT(concurrency-mt-unsafe)
-    for (const std::string& runtime :
-         {std::string(variable == nullptr ? "" : variable), "/run/user/" + user}) {
+    for (const std::string& runtime : {std::string(runtimeVariable()), "/run/user/" + user}) {
         if (!runtime.empty() && runtime.front() == '/' && isOwnFolder(runtime)) {
             return runtime + "/convey";
         }
     }
     return "/tmp/convey-" + user;
+}
+
+// What the folder must be; the reason why it is not.
+const char* faultOf(const struct stat& status) {
+    return status.st_uid != geteuid()    ? "it belongs to another user"
+           : (status.st_mode & 077) != 0 ? "it is open to other users"
+                                         : nullptr;
+}
+
+// The folder that was used last. Nobody waits for the mutex, so that a child whose parent was in
+// here at the fork is not stuck.
+struct KnownFolder {
+    std::mutex mutex;
+    std::string variable;
+    std::string path;
+    std::shared_ptr<const PortDescriptor> folder;
+    dev_t device = 0;
+    ino_t file = 0;
+};
+
+KnownFolder& knownFolder() {
+    static auto* const known = new KnownFolder;
+    return *known;
 }
 
 } // namespace
@@ -59,6 +87,29 @@ std::string systemReason() {
 }
 
 PortFolder::State PortFolder::open(Use use) {
+    KnownFolder& known = knownFolder();
+    const std::unique_lock<std::mutex> lock(known.mutex, std::try_to_lock);
+    struct stat status {};
+    if (lock.owns_lock() && known.folder != nullptr && *known.folder &&
+        known.variable == runtimeVariable() && lstat(known.path.c_str(), &status) == 0 &&
+        status.st_dev == known.device && status.st_ino == known.file &&
+        faultOf(status) == nullptr) {
+        folder_ = known.folder;
+        path_ = known.path;
+        return State::usable;
+    }
+    const State state = openAnew(use);
+    if (lock.owns_lock() && state == State::usable && fstat(fd(), &status) == 0) {
+        known.variable = runtimeVariable();
+        known.path = path_;
+        known.folder = folder_;
+        known.device = status.st_dev;
+        known.file = status.st_ino;
+    }
+    return state;
+}
+
+PortFolder::State PortFolder::openAnew(Use use) {
     path_ = choosePath();
     const auto refuse = [this](const std::string& reason, int error) {
         Log::system().problem("cannot use the port folder " + path_ + ": " + reason);
@@ -69,10 +120,16 @@ PortFolder::State PortFolder::open(Use use) {
         const int error = errno;
         return refuse(systemReason(), error);
     };
-    if (use == Use::create && mkdir(path_.c_str(), 0700) != 0 && errno != EEXIST) {
-        return refuseForSystem();
+    const auto openPath = [this] {
+        return PortDescriptor(::open(path_.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    };
+    PortDescriptor folder = openPath();
+    if (!folder && errno == ENOENT && use == Use::create) {
+        if (mkdir(path_.c_str(), 0700) != 0 && errno != EEXIST) {
+            return refuseForSystem();
+        }
+        folder = openPath();
     }
-    PortDescriptor folder(::open(path_.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!folder) {
         return errno == ENOENT ? State::missing : refuseForSystem();
     }
@@ -80,14 +137,21 @@ PortFolder::State PortFolder::open(Use use) {
     if (fstat(folder.get(), &status) != 0) {
         return refuseForSystem();
     }
-    if (status.st_uid != geteuid()) {
-        return refuse("it belongs to another user", EPERM);
+    if (const char* const fault = faultOf(status)) {
+        return refuse(fault, EPERM);
     }
-    if ((status.st_mode & 077) != 0) {
-        return refuse("it is open to other users", EPERM);
-    }
-    folder_ = std::move(folder);
+    folder_ = std::make_shared<const PortDescriptor>(std::move(folder));
     return State::usable;
+}
+
+bool findIncarnation(const PortFolder& folder, const std::string& socketFile,
+                     PortIncarnation& out) {
+    struct stat status {};
+    if (fstatat(folder.fd(), socketFile.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        return false;
+    }
+    out = {status.st_dev, status.st_ino, status.st_ctim.tv_sec, status.st_ctim.tv_nsec};
+    return true;
 }
 
 PortFolder::Address PortFolder::addressOf(const std::string& file) const {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <memory>
 #include <string>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -10,7 +12,8 @@
 namespace platform {
 
 // The folder in which this user's ports live: of this user only, and no link. Two files a name, a
-// socket and the lock that its owner holds.
+// socket and the lock that its owner holds. The process keeps it open, so that it is looked for
+// once; each `open` makes sure, with one question, that it is still the one at its path.
 class PortFolder {
 public:
     enum class Use { create, ifThere };
@@ -20,7 +23,7 @@ public:
     // when there is none. `refused` is reported; errno has the reason.
     State open(Use use);
 
-    int fd() const { return folder_.get(); }
+    int fd() const { return folder_ == nullptr ? -1 : folder_->get(); }
     const std::string& path() const { return path_; }
 
     // The address of a file in the folder; one that is too long is given by way of the descriptor,
@@ -32,9 +35,24 @@ public:
     Address addressOf(const std::string& file) const;
 
 private:
-    PortDescriptor folder_;
+    State openAnew(Use use);
+
+    std::shared_ptr<const PortDescriptor> folder_; // one for all while the folder stays the same
     std::string path_;
 };
+
+// Which socket is at a name: each owner of the name makes one of its own.
+struct PortIncarnation {
+    uint64_t device = 0;
+    uint64_t file = 0;
+    int64_t seconds = 0; // of its last change: numbers of files are used again
+    int64_t nanoseconds = 0;
+    bool operator==(const PortIncarnation&) const = default;
+};
+
+// False, with the reason in errno, when nothing can be found out or nothing is there.
+[[nodiscard]] bool findIncarnation(const PortFolder& folder, const std::string& socketFile,
+                                   PortIncarnation& out);
 
 // The name of a port's files without ending: the port's name with everything but letters, digits
 // and a few marks escaped, its tail replaced by a digest when it is long.

@@ -1,11 +1,14 @@
 #include "platform/linux/PortSender.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
 #include <linux/sockios.h>
+#include <new>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <thread>
@@ -29,6 +32,7 @@ constexpr size_t kJoinedBytes = 1024;
 // While the system is short of memory, or of places in a target's queue of new connections, there
 // is nothing to wait for but time.
 constexpr auto kPause = std::chrono::milliseconds(1);
+constexpr auto kLookPause = std::chrono::microseconds(limits::of("port.look-pause"));
 
 // The end of a wait, and what is left of it.
 class Deadline {
@@ -58,8 +62,11 @@ bool isGone(int error) {
 
 // One connection, used by one send at a time. Its socket is opened by the first send and again when
 // the target has been replaced by another owner of the name.
-class PortSender::Connection {
+class PortSender::Connection : public std::enable_shared_from_this<Connection> {
 public:
+    explicit Connection(const std::string& name)
+        : name_(name), socketFile_(portFileName(name) + kSocketEnding) {}
+
     // Waits for the other sends to this target; false when the time is up.
     [[nodiscard]] bool takeTurn(Deadline& deadline) {
         std::unique_lock<std::mutex> lock(mutex_);
@@ -78,71 +85,181 @@ public:
     }
 
     // With the turn only.
-    SendResult send(const std::string& name, std::string_view text, Deadline& deadline) {
-        if (brokenOff_ && !closeBrokenOff(deadline)) {
-            return SendResult::timedOut;
-        }
-        for (bool reopened = false;; reopened = true) {
-            const bool fresh = !socket_;
-            if (fresh) {
-                const SendResult opened = open(name, deadline);
-                if (opened != SendResult::delivered) {
-                    return opened;
-                }
-            }
-            const Outcome outcome = text.size() <= PortPacket::kMaximumWholeBytes
-                                        ? sendWhole(text, deadline)
-                                        : sendInParts(text, deadline);
-            if (outcome == Outcome::done) {
-                return SendResult::delivered;
-            }
-            if (outcome == Outcome::timedOut) {
-                return SendResult::timedOut;
-            }
-            socket_.reset();
-            if (outcome == Outcome::failed) {
-                errno = lastError_;
-                Log::system().problem("cannot send to port " + name + ": " + systemReason());
-                return SendResult::failed;
-            }
-            if (fresh || reopened) {
-                return SendResult::noReceiver;
-            }
-        }
-    }
+    SendResult send(std::string_view text, Deadline& deadline);
     bool isOpen() const { return static_cast<bool>(socket_); }
+    std::shared_ptr<Watch> watch();
+
+    // Any thread. True when `owner` is at the other end no more and does not have the name either.
+    bool hasLost(const PortIncarnation& owner);
+    void report(int events, uint64_t kind, const PortIncarnation& owner);
 
 private:
     enum class Outcome { done, gone, timedOut, failed };
 
-    SendResult open(const std::string& name, Deadline& deadline);
+    bool hasSuccessor();
+    SendResult open(Deadline& deadline);
+    void close();
     Outcome sendPacket(const PortPacket* header, std::string_view bytes, Deadline& deadline);
     Outcome sendWhole(std::string_view text, Deadline& deadline);
     Outcome sendInParts(std::string_view text, Deadline& deadline);
     bool closeBrokenOff(Deadline& deadline);
 
+    const std::string name_;
+    const std::string socketFile_;
+
     std::mutex mutex_;
     std::condition_variable turn_;
     bool busy_ = false;
 
-    // What follows belongs to whoever has the turn.
+    // What follows belongs to whoever has the turn. The first three are read by others, too, so
+    // they change with this mutex held only.
+    std::mutex peerMutex_;
     PortDescriptor socket_;
+    PortFolder folder_;
+    PortIncarnation owner_;
+    std::weak_ptr<Watch> watch_;
+    Time::time_point lookedAt_;
     bool brokenOff_ = false; // in the middle of a text that will not be completed
     size_t partBytes_ = kSmallestPartBytes;
     int lastError_ = 0;
 };
 
-SendResult PortSender::Connection::open(const std::string& name, Deadline& deadline) {
+class PortSender::Watch final : public TargetWatch {
+public:
+    Watch(std::shared_ptr<Connection> connection, const PortIncarnation& owner)
+        : connection_(std::move(connection)), owner_(owner) {}
+
+    bool ended() override {
+        if (!ended_.load(std::memory_order_relaxed) && connection_->hasLost(owner_)) {
+            ended_.store(true, std::memory_order_relaxed);
+        }
+        return ended_.load(std::memory_order_relaxed);
+    }
+    void report(int events, uint64_t kind) { connection_->report(events, kind, owner_); }
+    bool isOf(const PortIncarnation& owner) const { return owner_ == owner; }
+
+private:
+    const std::shared_ptr<Connection> connection_; // in use by this, so it stays
+    const PortIncarnation owner_;
+    std::atomic<bool> ended_{false};
+};
+
+void PortSender::report(TargetWatch& watch, int events, uint64_t kind) {
+    static_cast<Watch&>(watch).report(events, kind);
+}
+
+SendResult PortSender::Connection::send(std::string_view text, Deadline& deadline) {
+    if (brokenOff_ && !closeBrokenOff(deadline)) {
+        return SendResult::timedOut;
+    }
+    for (;;) {
+        if (socket_ && hasSuccessor()) {
+            close();
+        }
+        const bool fresh = !socket_;
+        if (fresh) {
+            const SendResult opened = open(deadline);
+            if (opened != SendResult::delivered) {
+                return opened;
+            }
+        }
+        const Outcome outcome = text.size() <= PortPacket::kMaximumWholeBytes
+                                    ? sendWhole(text, deadline)
+                                    : sendInParts(text, deadline);
+        if (outcome == Outcome::done) {
+            return SendResult::delivered;
+        }
+        if (outcome == Outcome::timedOut) {
+            return SendResult::timedOut;
+        }
+        close();
+        if (outcome == Outcome::failed) {
+            errno = lastError_;
+            Log::system().problem("cannot send to port " + name_ + ": " + systemReason());
+            return SendResult::failed;
+        }
+        // The target has ended, which the next attempt finds, or made room for somebody else.
+        if (fresh) {
+            if (deadline.passed()) {
+                return SendResult::timedOut;
+            }
+            std::this_thread::sleep_for(kPause);
+        }
+    }
+}
+
+// Whether the name has another owner by now: something may keep the socket of an owner that has
+// ended open, and what is sent there is lost. To open a port takes longer than the pause between
+// two looks, so an owner that this process can know of is always noticed.
+bool PortSender::Connection::hasSuccessor() {
+    const Time::time_point now = Time::now();
+    if (now - lookedAt_ < kLookPause) {
+        return false;
+    }
+    lookedAt_ = now;
+    PortIncarnation current;
+    return findIncarnation(folder_, socketFile_, current) && !(current == owner_);
+}
+
+void PortSender::Connection::close() {
+    const std::lock_guard<std::mutex> guard(peerMutex_);
+    socket_.reset();
+}
+
+std::shared_ptr<PortSender::Watch> PortSender::Connection::watch() {
+    std::shared_ptr<Watch> watch = watch_.lock();
+    if (watch == nullptr || !watch->isOf(owner_)) {
+        watch = std::make_shared<Watch>(shared_from_this(), owner_);
+        watch_ = watch;
+    }
+    return watch;
+}
+
+bool PortSender::Connection::hasLost(const PortIncarnation& owner) {
+    {
+        const std::lock_guard<std::mutex> guard(peerMutex_);
+        pollfd end = {socket_.get(), POLLRDHUP, 0};
+        if (socket_ && owner == owner_ && poll(&end, 1, 0) == 0) {
+            return false;
+        }
+    }
+    PortFolder folder;
+    const PortFolder::State state = folder.open(PortFolder::Use::ifThere);
+    if (state != PortFolder::State::usable) {
+        return state == PortFolder::State::missing;
+    }
+    PortIncarnation current;
+    if (findIncarnation(folder, socketFile_, current) && !(current == owner)) {
+        return true;
+    }
+    return portState(folder, portFileName(name_)) == PortState::free;
+}
+
+void PortSender::Connection::report(int events, uint64_t kind, const PortIncarnation& owner) {
+    const std::lock_guard<std::mutex> guard(peerMutex_);
+    if (socket_ && owner == owner_) {
+        epoll_event event{};
+        event.events = EPOLLRDHUP | EPOLLET; // of its end alone, and once
+        event.data.u64 = kind;
+        (void)epoll_ctl(events, EPOLL_CTL_ADD, socket_.get(), &event); // there already, or polled
+    }
+}
+
+SendResult PortSender::Connection::open(Deadline& deadline) {
     PortFolder folder;
     const PortFolder::State state = folder.open(PortFolder::Use::ifThere);
     if (state != PortFolder::State::usable) {
         return state == PortFolder::State::missing ? SendResult::noReceiver : SendResult::failed;
     }
-    const std::string file = portFileName(name);
     // Something may keep the socket of a dead owner alive; nobody can keep its lock.
-    const PortState owner = portState(folder, file);
-    if (owner != PortState::owned) {
-        return owner == PortState::free ? SendResult::noReceiver : SendResult::failed;
+    const PortState ownership = portState(folder, portFileName(name_));
+    if (ownership != PortState::owned) {
+        return ownership == PortState::free ? SendResult::noReceiver : SendResult::failed;
+    }
+    // Before the connection is made: a successor that comes between the two is noticed then.
+    PortIncarnation owner;
+    if (!findIncarnation(folder, socketFile_, owner)) {
+        return errno == ENOENT ? SendResult::noReceiver : SendResult::failed;
     }
     PortDescriptor socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!socket) {
@@ -160,7 +277,7 @@ SendResult PortSender::Connection::open(const std::string& name, Deadline& deadl
     partBytes_ = std::clamp(static_cast<size_t>(std::max(bufferBytes, 0)) / 4, kSmallestPartBytes,
                             PortPacket::kMaximumPartBytes);
 
-    const PortFolder::Address address = folder.addressOf(file + kSocketEnding);
+    const PortFolder::Address address = folder.addressOf(socketFile_);
     while (connect(socket.get(), reinterpret_cast<const sockaddr*>(&address.address),
                    address.length) != 0) {
         if (errno == EAGAIN || errno == EINTR) { // its queue of new connections is full
@@ -173,15 +290,19 @@ SendResult PortSender::Connection::open(const std::string& name, Deadline& deadl
         if (errno == ENOENT || errno == ECONNREFUSED) {
             return SendResult::noReceiver;
         }
-        Log::system().problem("cannot connect to port " + name + ": " + systemReason());
+        Log::system().problem("cannot connect to port " + name_ + ": " + systemReason());
         return SendResult::failed;
     }
     int32_t process = 0;
     if (!isOwnPeer(socket.get(), process)) {
-        Log::system().problem("port " + name + " belongs to another user");
+        Log::system().problem("port " + name_ + " belongs to another user");
         return SendResult::failed;
     }
+    const std::lock_guard<std::mutex> guard(peerMutex_);
     socket_ = std::move(socket);
+    folder_ = std::move(folder);
+    owner_ = owner;
+    lookedAt_ = Time::time_point();
     return SendResult::delivered;
 }
 
@@ -269,7 +390,7 @@ PortSender::Connection::Outcome PortSender::Connection::sendInParts(std::string_
     if (outcome == Outcome::timedOut) {
         brokenOff_ = true;
     } else if (outcome != Outcome::done) {
-        socket_.reset(); // the receiver drops the part that it has
+        close(); // the receiver drops the part that it has
     }
     return outcome;
 }
@@ -283,7 +404,7 @@ bool PortSender::Connection::closeBrokenOff(Deadline& deadline) {
         pollfd end = {socket_.get(), 0, 0};
         if (!socket_ || ioctl(socket_.get(), SIOCOUTQ, &unread) != 0 || unread == 0 ||
             poll(&end, 1, 0) > 0) { // only its end is reported
-            socket_.reset();
+            close();
             brokenOff_ = false;
             return true;
         }
@@ -304,7 +425,7 @@ std::shared_ptr<PortSender::Connection> PortSender::connectionTo(const std::stri
     Entry& entry = cache_[name];
     entry.lastUse = ++uses_;
     if (entry.connection == nullptr) {
-        entry.connection = std::make_shared<Connection>();
+        entry.connection = std::make_shared<Connection>(name);
     }
     std::shared_ptr<Connection> found = entry.connection;
     if (cache_.size() > kMaximumConnections) {
@@ -348,7 +469,7 @@ void PortSender::closeIdle() {
 }
 
 SendResult PortSender::send(const std::string& name, std::string_view text,
-                            int64_t timeoutMilliseconds) {
+                            int64_t timeoutMilliseconds, std::shared_ptr<TargetWatch>* taker) {
     if (name.empty() || name.find('\0') != std::string::npos) {
         return SendResult::noReceiver;
     }
@@ -360,7 +481,14 @@ SendResult PortSender::send(const std::string& name, std::string_view text,
     if (!connection->takeTurn(deadline)) {
         return SendResult::timedOut;
     }
-    const SendResult result = connection->send(name, text, deadline);
+    const SendResult result = connection->send(text, deadline);
+    if (taker != nullptr && result == SendResult::delivered) {
+        try {
+            *taker = connection->watch();
+        } catch (const std::bad_alloc&) {
+            taker->reset(); // delivered all the same
+        }
+    }
     const bool open = connection->isOpen();
     connection->giveTurn();
     if (!open) {

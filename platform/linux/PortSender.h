@@ -21,12 +21,18 @@ public:
     PortSender(const PortSender&) = delete;
     PortSender& operator=(const PortSender&) = delete;
 
-    SendResult send(const std::string& name, std::string_view text, int64_t timeoutMilliseconds);
+    // As MessagePorts promises.
+    SendResult send(const std::string& name, std::string_view text, int64_t timeoutMilliseconds,
+                    std::shared_ptr<TargetWatch>* taker);
     // Closes the connections that no thread is using.
     void closeIdle();
 
+    // Lets the end of the watched owner be an event, `kind`, of this epoll descriptor.
+    static void report(TargetWatch& watch, int events, uint64_t kind);
+
 private:
     class Connection;
+    class Watch; // over one owner, by the connection to it
 
     std::shared_ptr<Connection> connectionTo(const std::string& name);
     void forget(const std::string& name, const std::shared_ptr<Connection>& connection);

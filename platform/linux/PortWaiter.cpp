@@ -13,6 +13,7 @@
 #include "limits/Limits.h"
 #include "platform/linux/PortFolder.h"
 #include "platform/linux/PortReceiver.h"
+#include "platform/linux/PortSender.h"
 
 namespace platform {
 namespace {
@@ -20,7 +21,9 @@ namespace {
 constexpr uint64_t kPort = 0;
 constexpr uint64_t kWake = 1;
 constexpr uint64_t kFiles = 2;
+constexpr uint64_t kTarget = 3;
 constexpr int kEventsAtOnce = 16;
+constexpr int64_t kLongestLookAgainMilliseconds = limits::of("port.look-again");
 constexpr int64_t kLongestMilliseconds = limits::of("port.wait");
 
 // Reads until nothing is left; what it was does not matter.
@@ -75,6 +78,10 @@ void PortWaiter::add(const LocalPort& port) {
     (void)watchFile(receiver.lockPath(), number); // else the loss of the file shows later
 }
 
+void PortWaiter::add(TargetWatch& watch) {
+    PortSender::report(watch, events_.get(), kTarget);
+}
+
 void PortWaiter::watchNames(bool on) {
     const std::lock_guard<std::mutex> guard(mutex_);
     if (on == (names_ >= 0)) {
@@ -114,7 +121,14 @@ void PortWaiter::wake() {
 }
 
 bool PortWaiter::wait(int64_t timeoutMilliseconds) {
-    const int64_t timeout = std::clamp<int64_t>(timeoutMilliseconds, 0, kLongestMilliseconds);
+    int64_t timeout = std::clamp<int64_t>(timeoutMilliseconds, 0, kLongestMilliseconds);
+    // The system closes the connections of a process that is killed before it gives its locks back,
+    // so whoever is told of the end looks again shortly after.
+    const bool looksAgain = lookAgain_ > 0 && lookAgain_ <= timeout;
+    if (looksAgain) {
+        timeout = lookAgain_;
+        lookAgain_ = lookAgain_ < kLongestLookAgainMilliseconds ? lookAgain_ * 2 : 0;
+    }
     if (!events_) { // a child after fork
         std::this_thread::sleep_for(std::chrono::milliseconds(timeout));
         return false;
@@ -127,9 +141,11 @@ bool PortWaiter::wait(int64_t timeoutMilliseconds) {
             drain(wakes_.get());
         } else if (kind == kFiles && readFileEvents()) {
             PortReceiver::reportLost();
+        } else if (kind == kTarget) {
+            lookAgain_ = 1;
         }
     }
-    return count > 0;
+    return count > 0 || looksAgain;
 }
 
 } // namespace platform

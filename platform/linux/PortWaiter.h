@@ -18,6 +18,7 @@ public:
     static std::unique_ptr<PortWaiter> make();
 
     void add(const LocalPort& port) override;
+    void add(TargetWatch& watch) override;
     void watchNames(bool on) override;
     void wake() override;
     bool wait(int64_t timeoutMilliseconds) override;
@@ -30,9 +31,10 @@ private:
 
     const PortDescriptor events_;
     const PortDescriptor wakes_;
-    std::mutex mutex_;     // guards what follows
-    PortDescriptor files_; // inotify; missing where the system gives no more of them
-    int names_ = -1;       // its watch on the folder, while names are watched
+    int64_t lookAgain_ = 0; // milliseconds, after the end of a target; of the waiting thread
+    std::mutex mutex_;      // guards what follows
+    PortDescriptor files_;  // inotify; missing where the system gives no more of them
+    int names_ = -1;        // its watch on the folder, while names are watched
 };
 
 } // namespace platform

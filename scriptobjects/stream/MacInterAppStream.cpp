@@ -131,6 +131,14 @@ bool MacInterAppStream::send(const SoString& target, const SoString& text,
                            platform::SendResult::delivered;
 }
 
+bool MacInterAppStream::send(const SoString& target, const SoString& text,
+                             int32_t timeoutMilliseconds,
+                             std::shared_ptr<platform::TargetWatch>& taker) const {
+    return isGood() &&
+           platform::MessagePorts::system().send(portName(target), text.view(), timeoutMilliseconds,
+                                                 &taker) == platform::SendResult::delivered;
+}
+
 bool MacInterAppStream::canOpen(const SoString& name, bool /*flag*/) const {
     return platform::MessagePorts::system().isFree(portName(name));
 }

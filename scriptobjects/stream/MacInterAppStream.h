@@ -12,6 +12,7 @@ namespace platform {
 class LocalPort;
 class PortWait;
 class PortText;
+class TargetWatch;
 struct PortStatistics;
 } // namespace platform
 
@@ -56,6 +57,11 @@ public:
 
     // `send` with a time-out of its own; 0 does not wait at all.
     bool send(const SoString& target, const SoString& text, int32_t timeoutMilliseconds) const;
+
+    // The same; when it is delivered `taker` receives a watch over the process that took it, which
+    // tells the end of that process (`platform::TargetWatch` says how).
+    bool send(const SoString& target, const SoString& text, int32_t timeoutMilliseconds,
+              std::shared_ptr<platform::TargetWatch>& taker) const;
 
     // Waits until there is something to receive, at most `timeoutMilliseconds`; false when the time
     // is up or the stream is not good. `soon`: an answer is expected that is worth a short busy

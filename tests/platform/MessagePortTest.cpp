@@ -69,12 +69,20 @@ void keepsTheContract(MessagePorts& ports) {
     }
     EXPECT_EQ(ports.open(""), nullptr);
 
+    std::shared_ptr<platform::TargetWatch> first;
+    EXPECT_EQ(ports.send(kName, "watched", kGenerous, &first), SendResult::delivered);
+    ASSERT_NE(first, nullptr);
+    EXPECT_FALSE(first->ended());
     port.reset();
+    EXPECT_TRUE(first->ended());
     EXPECT_TRUE(ports.isFree(kName));
     EXPECT_EQ(ports.send(kName, "x", kGenerous), SendResult::noReceiver) << "and at once";
     port = ports.open(kName);
     ASSERT_NE(port, nullptr);
-    EXPECT_EQ(ports.send(kName, "to the next owner", kGenerous), SendResult::delivered);
+    std::shared_ptr<platform::TargetWatch> next;
+    EXPECT_EQ(ports.send(kName, "to the next owner", kGenerous, &next), SendResult::delivered);
+    EXPECT_TRUE(first->ended());
+    EXPECT_FALSE(next->ended()) << "a watch is over one owner";
     EXPECT_EQ(takeOne(*port), "to the next owner");
 
     // A full queue holds its senders; what was delivered arrives, what was not does not.
@@ -262,9 +270,18 @@ TEST_F(MessagePortTest, aNameIsFreeWhenItsOwnerIsKilled) {
     ASSERT_EQ(answer, 'y');
     EXPECT_FALSE(ports.isFree(kName));
     EXPECT_EQ(ports.open(kName), nullptr);
-    EXPECT_EQ(ports.send(kName, "x", kGenerous), SendResult::delivered);
+    const auto wait = ports.newWait();
+    std::shared_ptr<platform::TargetWatch> watch;
+    EXPECT_EQ(ports.send(kName, "x", kGenerous, &watch), SendResult::delivered);
+    ASSERT_NE(watch, nullptr);
+    wait->add(*watch);
+    wait->add(*watch);
+    EXPECT_FALSE(wait->wait(0));
+    EXPECT_FALSE(watch->ended());
     kill(owner, SIGKILL);
+    EXPECT_TRUE(wait->wait(kGenerous)) << "its end ends a wait";
     waitpid(owner, nullptr, 0);
+    EXPECT_TRUE(watch->ended());
     EXPECT_TRUE(ports.isFree(kName));
     EXPECT_EQ(files(), 2U) << "it could not clear away";
     EXPECT_EQ(ports.send(kName, "x", kGenerous), SendResult::noReceiver);
