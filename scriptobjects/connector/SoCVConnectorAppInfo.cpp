@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <memory>
 
+#include "scriptobjects/convey/SoCVMessenger.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
-#include "scriptobjects/convey/SoConvey.h"
 #include "scriptobjects/core/SoNumber.h"
 
 namespace ScObjects {

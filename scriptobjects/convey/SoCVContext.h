@@ -6,7 +6,7 @@
 #include <mutex>
 #include <vector>
 
-#include "scriptobjects/convey/SoConvey.h"
+#include "scriptobjects/convey/SoCVMessenger.h"
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoString.h"
 #include "scriptobjects/core/SoThread.h"

@@ -21,20 +21,7 @@ constinit std::atomic<int> gForwarding{0}; // handlers that forward, of all inst
 // The canonical text of a name, which is that of a stream.
 SoString streamNameOf(const char* appName) {
     const Specifier specifier(appName, false);
-    SoString name = specifier.appName();
-    const struct {
-        const char* mark;
-        SoString part;
-    } parts[] = {{"_", specifier.instance()},
-                 {"-", specifier.version()},
-                 {"-", specifier.locale()},
-                 {"#", specifier.suffix()}};
-    for (const auto& part : parts) {
-        if (!part.part.isEmpty()) {
-            name << part.mark << part.part;
-        }
-    }
-    return name;
+    return CVSpecifierParts::of(specifier.view()).text();
 }
 
 } // namespace

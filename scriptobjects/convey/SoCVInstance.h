@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "scriptobjects/convey/SoCVMessageQueue.h"
-#include "scriptobjects/convey/SoConvey.h"
+#include "scriptobjects/convey/SoCVMessenger.h"
 #include "scriptobjects/core/SoString.h"
 #include "scriptobjects/core/SoThread.h"
 

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "scriptobjects/convey/SoCVMessage.h"
-#include "scriptobjects/convey/SoConvey.h"
+#include "scriptobjects/convey/SoCVMessenger.h"
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoString.h"
 #include "scriptobjects/core/SoVector.h"

@@ -4,8 +4,8 @@
 #include <string_view>
 
 #include "limits/Limits.h"
+#include "scriptobjects/convey/SoCVMessenger.h"
 #include "scriptobjects/convey/SoCVWords.h"
-#include "scriptobjects/convey/SoConvey.h"
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoString.h"
 #include "scriptobjects/core/SoThread.h"

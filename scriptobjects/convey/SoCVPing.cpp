@@ -11,10 +11,10 @@
 #include "platform/Clock.h"
 #include "platform/Random.h"
 #include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoCVMessenger.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/convey/SoCVThread.h"
 #include "scriptobjects/convey/SoCVUtilsCore.h"
-#include "scriptobjects/convey/SoConvey.h"
 #include "scriptobjects/core/SoNumber.h"
 #include "scriptobjects/stream/InterAppStream.h"
 

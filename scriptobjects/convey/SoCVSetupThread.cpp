@@ -7,11 +7,11 @@
 
 #include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVLaunchParameters.h"
+#include "scriptobjects/convey/SoCVMessenger.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/convey/SoCVThread.h"
 #include "scriptobjects/convey/SoCVUtils.h"
 #include "scriptobjects/convey/SoCVUtilsCore.h"
-#include "scriptobjects/convey/SoConvey.h"
 #include "scriptobjects/core/SoVector.h"
 #include "scriptobjects/stream/InterAppStream.h"
 

@@ -1,26 +1,13 @@
 #pragma once
 
-#include <string_view>
-
 #include "limits/Limits.h"
-#include "scriptobjects/convey/SoConvey.h"
+#include "scriptobjects/convey/SoCVMessenger.h"
+#include "scriptobjects/convey/SoCVSpecifierParts.h"
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoString.h"
 #include "scriptobjects/core/SoVector.h"
 
 namespace ScObjects {
-
-// The parts of a specifier's text; views into it.
-struct CVSpecifierParts {
-    std::string_view appName;
-    std::string_view instance;
-    std::string_view version; // begins with a digit when there is one
-    std::string_view locale;  // also holds a group: the field that is no version
-    std::string_view suffix;
-
-    // Splits any text: appname[_instance][-version][-locale][#suffix].
-    static CVSpecifierParts of(std::string_view text);
-};
 
 // The name of one messaging endpoint: `appname[_instance][-version][-locale][#suffix]`, for example
 // "lumen_2-7.0-en_us#ping". The application name ends at the first of '-', '_' and '#'; an '_'

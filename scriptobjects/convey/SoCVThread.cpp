@@ -66,22 +66,9 @@ ConveyThread* ConveyThread::getMainThread() {
 
 SoString ConveyThread::createThreadSpecifier(const SoString& specifier) {
     const Convey::Specifier parsed(specifier.c_str(), false);
-    SoString name;
-    if (parsed.isEmpty()) {
-        return name;
-    }
-    name = parsed.appName();
-    const struct {
-        const char* mark;
-        SoString part;
-    } parts[] = {{"_", parsed.instance()}, {"-", parsed.version()}, {"-", parsed.locale()}};
-    for (const auto& part : parts) {
-        if (!part.part.isEmpty()) {
-            name << part.mark << part.part;
-        }
-    }
-    name << "#thread";
-    return name;
+    return parsed.isEmpty()
+               ? SoString()
+               : CVSpecifierParts::of(parsed.view()).textWithSuffix(ConveyData::CV_SUFFIX_THREAD);
 }
 
 SoString ConveyThread::getSpecifier() const {

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "limits/Limits.h"
-#include "scriptobjects/convey/SoConvey.h"
+#include "scriptobjects/convey/SoCVMessenger.h"
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoHeap.h"
 #include "scriptobjects/core/SoString.h"

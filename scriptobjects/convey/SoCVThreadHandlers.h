@@ -1,7 +1,7 @@
 #pragma once
 
 #include "scriptobjects/convey/SoCVMessage.h"
-#include "scriptobjects/convey/SoConvey.h"
+#include "scriptobjects/convey/SoCVMessenger.h"
 #include "scriptobjects/core/SoString.h"
 
 namespace ScObjects {

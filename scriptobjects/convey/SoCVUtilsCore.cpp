@@ -63,13 +63,9 @@ bool forwardMessage(const Convey::Message& message, const SoString& handlerType,
 
 SoString getLaunchMsgQueueName(const SoString& specifier) {
     const Convey::Specifier parsed(specifier.c_str(), false);
-    SoString name = parsed.appName();
-    for (const SoString& part : {parsed.version(), parsed.locale()}) {
-        if (!part.isEmpty()) {
-            name << "-" << part;
-        }
-    }
-    return name;
+    CVSpecifierParts parts = CVSpecifierParts::of(parsed.view());
+    parts.instance = {};
+    return parts.textWithSuffix({}); // any process of the application may take them
 }
 
 bool parseInfoLine(const SoString& row, SoString& path, SoString& label, SoString& value,

@@ -3,7 +3,7 @@
 #include <cstdint>
 
 #include "scriptobjects/convey/SoCVMessage.h"
-#include "scriptobjects/convey/SoConvey.h"
+#include "scriptobjects/convey/SoCVMessenger.h"
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoString.h"
 

@@ -1,0 +1,158 @@
+// What a specifier asks the registry and other processes about the application that it names.
+#include "limits/Limits.h"
+#include "scriptobjects/connector/SoCVConnector.h"
+#include "scriptobjects/convey/SoCVContext.h"
+#include "scriptobjects/convey/SoCVLauncher.h"
+#include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoCVPing.h"
+#include "scriptobjects/convey/SoCVSetupThread.h"
+#include "scriptobjects/convey/SoCVSpecifier.h"
+#include "scriptobjects/convey/SoCVThread.h"
+#include "scriptobjects/convey/SoCVUtils.h"
+#include "scriptobjects/convey/SoCVUtilsCore.h"
+#include "scriptobjects/stream/InterAppStream.h"
+
+namespace ScObjects {
+namespace {
+
+constexpr int32_t kStatusSeconds = limits::of("ping.status");
+constexpr int kSenderNames = limits::of("ping.names");
+
+ConveyConnector* sharedConnector() {
+    ConveyContext* context = Convey::getSharedContext();
+    return context != nullptr ? context->getConnector() : nullptr;
+}
+
+// Whether the process that was launched for the application still runs.
+bool isProcessOf(const Convey::Specifier& specifier) {
+    const ConveyConnector* const connector = ConveyConnector::get();
+    return connector != nullptr &&
+           ConveyUtils::Launcher::isProcessRunning(connector->getProcessID(specifier));
+}
+
+// Sends a message that nobody answers to see whether somebody owns the name.
+bool probe(const SoString& own, const SoString& target, const char* type, uint32_t serial) {
+    if (own == target) {
+        return true;
+    }
+    const InterAppStream* const stream = InterAppStream::get();
+    if (stream == nullptr || stream->canOpen(target, false)) {
+        return false;
+    }
+    // An answer, if there is one all the same, must not reach anybody.
+    SoString sender;
+    for (int attempt = 0; attempt <= kSenderNames; ++attempt) {
+        sender = own;
+        if (attempt > 0) {
+            sender << "_" << newPingNumber();
+        }
+        sender << "#" << type;
+        if (stream->canOpen(sender, false)) {
+            break;
+        }
+    }
+    Convey::Message message;
+    message.setTarget(target);
+    message.setSender(sender);
+    message.setType(type);
+    message.setSerialNumber(serial);
+    SoString text;
+    if (!stream->isGood() || !message.writeToString(text)) {
+        return false;
+    }
+    // An owner whose queue is full is there all the same, and not worth waiting for.
+    return stream->send(target, text, 0) || !stream->canOpen(target, false);
+}
+
+} // namespace
+
+SoString Convey::Specifier::group(SoString* detail) const {
+    if (detail != nullptr) {
+        detail->shrink(0);
+    }
+    ConveyConnector* connector = sharedConnector();
+    return connector != nullptr ? connector->findGroupForSpecifier(*this, detail) : SoString();
+}
+
+SoString Convey::Specifier::preferred(const SoString& appName,
+                                      const SoString& versionOrGroup) const {
+    ConveyConnector* connector = sharedConnector();
+    if (connector == nullptr) {
+        return *this;
+    }
+    const SoString group = versionOrGroup.isEmpty()
+                               ? connector->findGroupForSpecifier(*this, nullptr)
+                               : versionOrGroup;
+    SoString result;
+    if (!group.isEmpty()) {
+        result = connector->findPreferredApp(*this, appName, group);
+    }
+    return result.isEmpty() ? appName : result;
+}
+
+SoString Convey::Specifier::getApplicationPath(const char* key) const {
+    const ConveyConnector* connector = ConveyConnector::get();
+    return connector != nullptr ? connector->getApplicationPath(*this, key) : SoString();
+}
+
+bool Convey::Specifier::isInstalled() const {
+    return !isEmpty() && !getApplicationPath(c_str()).isEmpty();
+}
+
+bool Convey::Specifier::isRunning() const {
+    if (isEmpty()) {
+        return false;
+    }
+    SoString own;
+    uint32_t serial = 0;
+    ConveyContext* const context =
+        ConveySetupThread::isSetupThreadRunning() ? nullptr : ConveyContext::getCurrentContext();
+    if (context != nullptr) {
+        own = context->getAppSpecifier();
+        serial = context->getNextSerialNumber();
+    } else {
+        own = "Unknown";
+        own << ConveyUtils::getUTCTimeMilliSeconds();
+    }
+    if (own == *this) {
+        return true;
+    }
+    return (suffix().isEmpty() &&
+            (isProcessOf(*this) || probe(own, ConveyThread::createThreadSpecifier(*this),
+                                         ConveyThread::CV_PING, serial))) ||
+           probe(own, *this, ConveyData::CV_TYPE_PLAIN, serial);
+}
+
+bool Convey::Specifier::isBusy() const {
+    const InterAppStream* const stream = InterAppStream::get();
+    return !isEmpty() && stream != nullptr && stream->isGood() &&
+           ConveyUtils::ping(*this, true, ConveyThread::CV_STATUS, newPingNumber(), kStatusSeconds,
+                             nullptr, nullptr) == ConveyThread::CV_BUSY;
+}
+
+SoString Convey::Specifier::status() const {
+    return Thread::ping(c_str(), ConveyThread::CV_STATUS, kStatusSeconds, nullptr);
+}
+
+bool Convey::Specifier::registerApplication(const SoString& path, const SoString* detail,
+                                            bool flag) const {
+    ConveyConnector* connector = sharedConnector();
+    return connector != nullptr && connector->registerApplication(*this, path, detail, flag);
+}
+
+bool Convey::Specifier::unregisterApplication(const SoString* detail) const {
+    ConveyConnector* connector = sharedConnector();
+    return connector != nullptr && connector->unregisterApplication(*this, detail);
+}
+
+bool Convey::Specifier::addToGroup(const SoString& group, const SoString* detail) const {
+    ConveyConnector* connector = sharedConnector();
+    return connector != nullptr && connector->addToGroup(*this, group, detail);
+}
+
+bool Convey::Specifier::removeFromGroup(const SoString& group, const SoString* detail) const {
+    ConveyConnector* connector = sharedConnector();
+    return connector != nullptr && connector->removeFromGroup(*this, group, detail);
+}
+
+} // namespace ScObjects
