@@ -92,7 +92,11 @@ inline constexpr Limit kAll[] = {
     {"port.wait", 3'600'000, "ms", "of one system call; longer waits are several"},
     {"port.accept-pause", 100, "ms", "while the process has no descriptors left"},
     {"port.claims", 1000, "attempts", "at a name; each is lost to a process that came and went"},
-    {"log.lines", 100, "lines", "a host's error output is not ours to fill"},
+    {"log.lines", 20, "lines", "at once: a host's error output is not ours to fill"},
+    {"log.pause", 1000, "ms", "for each further line: as fast as a person reads"},
+    {"log.length", 1000, "bytes", "of a line, that a pipe takes as a whole"},
+    {"log.repeat", 600, "s", "until the same line is written again, if it is still so"},
+    {"log.remembered", 100, "lines", "that are known to have been written"},
 
     // Memory
     {"memory.kept.bytes", 32 * kMiB, "bytes", "of large blocks for the next text; given back when idle"},

@@ -376,6 +376,7 @@ public:
             lines.push_back(line);
         }
     }
+    void problemOfUser(const std::string& line) override { problem(line); }
 
 private:
     std::mutex mutex_;

@@ -15,8 +15,15 @@ namespace {
 
 void report(const char* operation, const std::string& path) {
     const int error = errno;
-    Log::system().problem(std::string("cannot ") + operation + " " + path + ": " +
-                          strerrordesc_np(error));
+    const std::string line =
+        std::string("cannot ") + operation + " " + path + ": " + strerrordesc_np(error);
+    // What this process lacks others may have; a full disk or a home of somebody else's is the same
+    // for all of the user's.
+    if (error == EMFILE || error == ENFILE || error == ENOMEM) {
+        Log::system().problem(line);
+    } else {
+        Log::system().problemOfUser(line);
+    }
 }
 
 bool writeAll(int fd, std::string_view content) {
@@ -82,8 +89,8 @@ public:
         struct stat status {};
         if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
             status.st_uid != geteuid() || status.st_size > static_cast<off_t>(maximumBytes)) {
-            Log::system().problem("refused to read " + path +
-                                  ": not a small file of this user's own");
+            Log::system().problemOfUser("refused to read " + path +
+                                        ": not a small file of this user's own");
             return Reading::refused;
         }
         std::string content(maximumBytes, '\0');

@@ -80,8 +80,8 @@ private:
                 if (!files.exists(home)) {
                     return SoString(); // a user without a home folder has less to offer
                 }
-                platform::Log::system().problem("cannot make the folder " + folder +
-                                                ": messages carry no digest");
+                platform::Log::system().problemOfUser("cannot make the folder " + folder +
+                                                      ": messages carry no digest");
                 return SoString();
             }
             uint8_t bytes[kIdentifierBytes];
