@@ -1,19 +1,28 @@
 #include <exception>
 #include <iostream>
+#include <system_error>
 
 #include "caps/tool/Tool.h"
+#include "platform/StandardStreams.h"
 
 int main(int argc, char** argv) {
-    try {
-        const int status = caps::tool::run(std::vector<std::string>(argv + 1, argv + argc),
-                                           std::cin, std::cout, std::cerr);
-        if (!std::cout.flush()) { // a full disk, or a reader that has gone
-            std::cerr << "ovrel-caps: the output cannot be written\n";
-            return 1;
-        }
-        return status;
-    } catch (const std::exception& error) {
-        std::cerr << "ovrel-caps: " << error.what() << '\n';
+    using platform::StandardStreams;
+    if (!StandardStreams::open()) {
         return 1;
     }
+    int status = 1;
+    try {
+        status = caps::tool::run(std::vector<std::string>(argv + 1, argv + argc), std::cin,
+                                 std::cout, std::cerr);
+    } catch (const std::exception& error) {
+        std::cerr << "ovrel-caps: " << error.what() << '\n';
+    }
+    if (!StandardStreams::finish()) {
+        if (!StandardStreams::readerHasGone()) {
+            std::cerr << "ovrel-caps: the output cannot be written: "
+                      << std::generic_category().message(StandardStreams::failure()) << '\n';
+        }
+        return 1;
+    }
+    return status;
 }

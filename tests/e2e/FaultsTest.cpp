@@ -1,6 +1,7 @@
 // What the system below takes away: disk, home, database, port folder.
 #include <chrono>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
@@ -9,7 +10,9 @@
 #include <sqlite3.h>
 #include <string>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 #include "scriptobjects/convey/SoConvey.h"
@@ -35,6 +38,33 @@ protected:
         shell.insert(shell.end(), command.begin(), command.end());
         return runProcess(shell, environment);
     }
+    // Runs a command with these as its standard output and error and takes them over; the status
+    // that a shell would see.
+    static int runOnto(int out, int err, std::vector<std::string> command,
+                       const char* home = nullptr) {
+        command.insert(command.begin(), {"/usr/bin/timeout", "-s", "KILL", "30"});
+        std::vector<char*> arguments;
+        for (std::string& word : command) {
+            arguments.push_back(word.data());
+        }
+        arguments.push_back(nullptr);
+        const pid_t pid = fork();
+        if (pid == 0) {
+            dup2(out, STDOUT_FILENO);
+            dup2(err, STDERR_FILENO);
+            if (home != nullptr) {
+                setenv("HOME", home, 1);
+            }
+            execv(arguments[0], arguments.data());
+            _exit(127);
+        }
+        close(out);
+        close(err);
+        int status = 0;
+        EXPECT_EQ(waitpid(pid, &status, 0), pid);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    static int openNull() { return open("/dev/null", O_WRONLY | O_CLOEXEC); }
     static std::string listing() {
         const ProcessResult result = runProcess({KIVRA_CONVEY_CMD});
         EXPECT_EQ(result.exitStatus, 0);
@@ -60,6 +90,99 @@ TEST_F(FaultsTest, aFullDiskLeavesTheDatabaseAsItWas) {
     const ProcessResult room = runProcess({OVREL_CAPS_TOOL, "import", import});
     EXPECT_EQ(room.exitStatus, 0) << "once there is room: " << room.err;
     EXPECT_THAT(listing(), HasSubstr("filler1999-1.0"));
+}
+
+TEST_F(FaultsTest, anAnswerIsWrittenOrTheStatusSaysThatItIsNot) {
+    const std::vector<std::vector<std::string>> commands = {
+        {KIVRA_CONVEY_CMD},
+        {KIVRA_CONVEY_CMD, "check_running", "lumen-2.0"},
+        {CONVEY_PROGRAM, "limits"},
+        {CONVEY_PROGRAM, "list", "--json"},
+        {CONVEY_PROGRAM, "--version"},
+        {OVREL_CAPS_TOOL, "list"},
+    };
+    const auto onto = [](const char* redirection, std::vector<std::string> command) {
+        command.insert(command.begin(),
+                       {"/bin/sh", "-c", std::string("exec \"$0\" \"$@\" ") + redirection});
+        return runProcess(command);
+    };
+    for (const auto& command : commands) {
+        const bool forPrograms = command.front() == KIVRA_CONVEY_CMD;
+        for (const char* redirection : {">/dev/full", ">&-", ">&- <&-"}) {
+            SCOPED_TRACE(command.front() + " " + command.back() + " " + redirection);
+            const ProcessResult result = onto(redirection, command);
+            EXPECT_EQ(result.exitStatus, 1);
+            EXPECT_EQ(result.err.empty(), forPrograms) << result.err;
+        }
+        SCOPED_TRACE(command.front() + " " + command.back());
+        EXPECT_EQ(onto(">&- 2>&-", command).exitStatus, 1);
+        EXPECT_EQ(onto("2>&- <&-", command).out, onto("2>/dev/null", command).out);
+        int gone[2];
+        ASSERT_EQ(pipe2(gone, O_CLOEXEC), 0);
+        close(gone[0]);
+        EXPECT_EQ(runOnto(gone[1], openNull(), command), 1) << "nobody reads";
+    }
+}
+
+TEST_F(FaultsTest, aReaderThatTakesItsTimeGetsAllOfAnAnswer) {
+    std::string many;
+    for (int i = 0; i < 500; ++i) {
+        many += "[[application]]\nspecifier = \"filler" + std::to_string(i) +
+                "-1.0\"\nPath = \"/opt/filler/Filler.app\"\n";
+    }
+    ASSERT_EQ(runProcess({OVREL_CAPS_TOOL, "import", folder.write("many.toml", many)}).exitStatus,
+              0);
+    for (const std::vector<std::string>& command :
+         {std::vector<std::string>{KIVRA_CONVEY_CMD}, {CONVEY_PROGRAM, "list", "--json"}}) {
+        int ends[2]; // a pipe whose owner made it non-blocking, as event loops do
+        ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+        ASSERT_EQ(fcntl(ends[1], F_SETFL, O_NONBLOCK), 0);
+        ASSERT_GT(fcntl(ends[1], F_SETPIPE_SZ, 4096), 0);
+        std::string taken;
+        std::thread reader([&] {
+            char block[1000];
+            for (ssize_t bytes = 0; (bytes = read(ends[0], block, sizeof block)) > 0;) {
+                taken.append(block, static_cast<size_t>(bytes));
+                std::this_thread::yield();
+            }
+        });
+        EXPECT_EQ(runOnto(ends[1], openNull(), command), 0);
+        reader.join();
+        close(ends[0]);
+        EXPECT_EQ(taken, runProcess(command).out);
+    }
+}
+
+TEST_F(FaultsTest, aLineForStandardErrorHarmsNobody) {
+    // /proc takes no folders, so whoever needs the identifiers there has something to say.
+    for (const bool full : {false, true}) {
+        SCOPED_TRACE(full ? "a pipe that is full" : "a pipe without reader");
+        int ends[2];
+        ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+        const std::vector<char> filling(65536, 'x');
+        if (full) {
+            ASSERT_EQ(fcntl(ends[1], F_SETFL, O_NONBLOCK), 0);
+            while (write(ends[1], filling.data(), filling.size()) > 0) {
+            }
+            ASSERT_EQ(fcntl(ends[1], F_SETFL, 0), 0);
+        } else {
+            close(ends[0]);
+        }
+        std::filesystem::remove_all(folder.file("convey")); // nobody has said it
+        RunningProcess host({HOST, "lumen-2.0"}, {{"HOME", "/proc"}}, ends[1]);
+        ASSERT_EQ(host.readLine(), "running as lumen-2.0");
+        const ProcessResult asked = runProcess({HOST, "asker-1.0", "--ask", "lumen", "hello"});
+        EXPECT_EQ(asked.out, "result: echo: hello\n") << "the host had to say something";
+        EXPECT_EQ(runOnto(openNull(), dup(ends[1]),
+                          {KIVRA_CONVEY_CMD, "check_running", "lumen-2.0"}, "/proc"),
+                  0);
+        host.signal(SIGTERM);
+        EXPECT_EQ(host.finish(), 0);
+        close(ends[1]);
+        if (full) {
+            close(ends[0]);
+        }
+    }
 }
 
 TEST_F(FaultsTest, withoutAPlaceForIdentifiersMessagesPassAndSomebodyIsTold) {

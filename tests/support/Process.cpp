@@ -114,7 +114,7 @@ ProcessResult runProcess(const std::vector<std::string>& arguments,
 }
 
 RunningProcess::RunningProcess(const std::vector<std::string>& arguments,
-                               const std::map<std::string, std::string>& environment) {
+                               const std::map<std::string, std::string>& environment, int errors) {
     ExecTexts exec(arguments, environment);
     int out[2];
     if (pipe2(out, O_CLOEXEC) != 0) {
@@ -122,7 +122,7 @@ RunningProcess::RunningProcess(const std::vector<std::string>& arguments,
     }
     pid_ = fork();
     if (pid_ == 0) {
-        runChild(exec.argv, exec.envp, out[1], STDERR_FILENO);
+        runChild(exec.argv, exec.envp, out[1], errors);
     }
     close(out[1]);
     out_ = out[0];

@@ -22,8 +22,10 @@ ProcessResult runProcess(const std::vector<std::string>& arguments,
 // a minute if it is still there. Throws std::runtime_error when it cannot be started.
 class RunningProcess {
 public:
+    // Its errors go to this process's, or to the descriptor that is given.
     explicit RunningProcess(const std::vector<std::string>& arguments,
-                            const std::map<std::string, std::string>& environment = {});
+                            const std::map<std::string, std::string>& environment = {},
+                            int errors = 2);
     ~RunningProcess();
     RunningProcess(const RunningProcess&) = delete;
     RunningProcess& operator=(const RunningProcess&) = delete;

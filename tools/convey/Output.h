@@ -13,7 +13,8 @@ using Json = nlohmann::ordered_json;
 // What the tool's exit status says.
 enum Exit : int {
     kDone = 0,    // done, or the answer is yes
-    kNo = 1,      // the answer is no: it does not run, reports an error, does not answer in time
+    kNo = 1,      // the answer is no: it does not run, reports an error, does not answer in time;
+                  // or it could not be written
     kUsage = 2,   // the command line is not understood
     kNoLayer = 3, // the layer or what it needs cannot be used
 };

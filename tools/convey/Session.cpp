@@ -5,6 +5,7 @@
 #include <csignal>
 
 #include "platform/Processes.h"
+#include "platform/StandardStreams.h"
 #include "tools/convey/Output.h"
 
 namespace convey_tool {
@@ -42,7 +43,7 @@ std::string Session::name() const {
 }
 
 bool Session::isEnding() {
-    return gEnding != 0;
+    return gEnding != 0 || platform::StandardStreams::failure() != 0;
 }
 
 void Session::pumpFor(int64_t milliseconds) {

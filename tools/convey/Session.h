@@ -21,7 +21,8 @@ public:
     ScObjects::Convey& instance() { return *instance_; }
     std::string name() const;
 
-    // True when the person or the system wants the tool to end; set by SIGINT and SIGTERM.
+    // True when the person or the system wants the tool to end (SIGINT and SIGTERM), or nobody
+    // reads any more what it says.
     static bool isEnding();
     // Lets messages come in and go out for so long, or until the tool is to end.
     static void pumpFor(int64_t milliseconds);

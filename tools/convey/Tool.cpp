@@ -13,8 +13,9 @@ namespace {
 constexpr const char* kFooter =
     "Exit status: 0 done, or the answer is yes; 1 the answer is no (not running, not installed, "
     "an\n"
-    "error, no answer in time); 2 the command line is not understood; 3 the messaging layer, the\n"
-    "database or a file cannot be used. Results go to standard output, problems to standard error.";
+    "error, no answer in time), or standard output did not take all of it; 2 the command line is\n"
+    "not understood; 3 the messaging layer, the database or a file cannot be used. Results go to\n"
+    "standard output, problems to standard error.";
 
 // The commands with their options. `chosen` is set to the one that the command line names.
 class CommandLine {

@@ -1,5 +1,28 @@
+#include <exception>
+#include <iostream>
+#include <system_error>
+
+#include "platform/StandardStreams.h"
+#include "tools/convey/Output.h"
 #include "tools/convey/Tool.h"
 
 int main(int argc, char** argv) {
-    return conveyToolMain(argc, argv);
+    using platform::StandardStreams;
+    if (!StandardStreams::open()) {
+        return convey_tool::kNoLayer;
+    }
+    int status = convey_tool::kNoLayer;
+    try {
+        status = conveyToolMain(argc, argv);
+    } catch (const std::exception& error) { // without the memory to say it nicely
+        std::cerr << "convey: " << error.what() << std::endl;
+    }
+    if (!StandardStreams::finish()) {
+        if (!StandardStreams::readerHasGone()) {
+            std::cerr << "convey: the output cannot be written: "
+                      << std::generic_category().message(StandardStreams::failure()) << std::endl;
+        }
+        return convey_tool::kNo;
+    }
+    return status;
 }

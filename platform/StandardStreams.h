@@ -1,0 +1,29 @@
+#pragma once
+
+namespace platform {
+
+// The three standard streams of a program, so that what it says on standard output arrives whole or
+// the program knows that it did not. For programs only, never for the layer: the streams are the
+// host's.
+//
+// Porting contract: `open` makes sure that no file that is opened later becomes one of the three;
+// what was closed stays as good as closed, reading and writing it fails. From then on std::cout
+// writes to the descriptor, waits for room also where the descriptor does not, and goes bad for
+// good at the first failure; a reader or a log that has gone is a failure, not a signal. Threads:
+// `open` before there is a second one; the rest as with std::cout.
+class StandardStreams {
+public:
+    // Once, first thing. False when the system has nothing to put in the place of a closed one.
+    [[nodiscard]] static bool open();
+
+    // Writes what std::cout holds: true when all that was ever said has been written.
+    [[nodiscard]] static bool finish();
+
+    // Why not: the system's error number of the first failure, 0 for none.
+    static int failure();
+
+    // True when the reader has gone, which is its own choice and nothing to complain of.
+    static bool readerHasGone();
+};
+
+} // namespace platform

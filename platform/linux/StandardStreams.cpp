@@ -1,0 +1,99 @@
+#include "platform/StandardStreams.h"
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <iostream>
+#include <poll.h>
+#include <streambuf>
+#include <unistd.h>
+
+namespace platform {
+namespace {
+
+constexpr size_t kBufferBytes = 8192; // a few lines of a listing
+
+// Writes to standard output, and nothing more after a failure: what follows a gap would pass for
+// the answer.
+class OutputBuffer final : public std::streambuf {
+public:
+    OutputBuffer() { setp(buffer_.data(), buffer_.data() + buffer_.size()); }
+
+    int failure() const { return failure_; }
+
+protected:
+    int_type overflow(int_type c) override {
+        if (sync() != 0) {
+            return traits_type::eof();
+        }
+        if (!traits_type::eq_int_type(c, traits_type::eof())) {
+            *pptr() = traits_type::to_char_type(c);
+            pbump(1);
+        }
+        return traits_type::not_eof(c);
+    }
+
+    int sync() override {
+        const char* next = pbase();
+        while (failure_ == 0 && next != pptr()) {
+            const ssize_t written = write(STDOUT_FILENO, next, static_cast<size_t>(pptr() - next));
+            if (written >= 0) {
+                next += written;
+            } else if (errno == EAGAIN) {
+                pollfd room = {STDOUT_FILENO, POLLOUT, 0};
+                if (poll(&room, 1, -1) < 0 && errno != EINTR) {
+                    failure_ = errno;
+                }
+            } else if (errno != EINTR) {
+                failure_ = errno;
+            }
+        }
+        setp(buffer_.data(), buffer_.data() + buffer_.size());
+        return failure_ == 0 ? 0 : -1;
+    }
+
+private:
+    std::array<char, kBufferBytes> buffer_;
+    int failure_ = 0;
+};
+
+// Never destroyed: std::cout is flushed at the very end.
+OutputBuffer& outputBuffer() {
+    static auto* const buffer = new OutputBuffer;
+    return *buffer;
+}
+
+} // namespace
+
+bool StandardStreams::open() {
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (fcntl(fd, F_GETFD) >= 0) {
+            continue;
+        }
+        // The other direction than the one it is used in, so that using it fails as before. The
+        // lowest free number is the one that is missing.
+        const int opened = ::open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+        if (opened != fd) {
+            return false;
+        }
+    }
+    (void)std::signal(SIGPIPE, SIG_IGN); // cannot fail for it
+    std::cout.flush();
+    std::cout.rdbuf(&outputBuffer());
+    return true;
+}
+
+bool StandardStreams::finish() {
+    return !std::cout.flush().fail() && outputBuffer().failure() == 0;
+}
+
+int StandardStreams::failure() {
+    return outputBuffer().failure();
+}
+
+bool StandardStreams::readerHasGone() {
+    return failure() == EPIPE;
+}
+
+} // namespace platform
