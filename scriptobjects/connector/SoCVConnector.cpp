@@ -8,7 +8,6 @@
 
 #include "scriptobjects/connector/SoCVConnectorAppInfo.h"
 #include "scriptobjects/connector/SoCVGroups.h"
-#include "scriptobjects/convey/SoCVLauncher.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/convey/SoCVUtils.h"
 #include "scriptobjects/core/SoNumber.h"
@@ -17,8 +16,7 @@ namespace ScObjects {
 namespace {
 
 constexpr std::string_view kAnyMinorVersion = ".*";
-constexpr std::string_view kWebAddress = "https://"; // opened, not looked for on the disk
-constexpr const char* kHighestMinorVersion = ".99";  // minor versions have two digits at most
+constexpr const char* kHighestMinorVersion = ".99"; // minor versions have two digits at most
 
 constinit std::atomic<ConveyConnector*> gConnector{nullptr};
 
@@ -304,31 +302,6 @@ SoString ConveyConnector::getRedirectTo(const SoString& specifier) const {
     return field(specifier, &CVConnectorAppInfo::redirectTo, SoString());
 }
 
-int32_t ConveyConnector::launchTarget(const SoString& specifier, const SoString& parameters,
-                                      bool inFront, ConveyContext* /*context*/) {
-    CVConnectorAppInfo info;
-    if (!findRecord(specifier, info)) {
-        return 0;
-    }
-    if (info.path.view().substr(0, kWebAddress.size()) != kWebAddress) {
-        info.path = ConveyUtils::resolveAlias(info.path);
-        if (!ConveyUtils::fileExists(info.path)) {
-            return 0;
-        }
-    }
-    uint32_t pid = 0;
-    // With no lock held: it sends messages and starts processes.
-    if (!ConveyUtils::Launcher::launch(
-            specifier, info.path, &parameters,
-            inFront ? ConveyUtils::Launcher::kInFront : ConveyUtils::Launcher::kBehind, &pid)) {
-        return 0;
-    }
-    if (pid != 0) {
-        noteLaunched(specifier, pid);
-    }
-    return 1;
-}
-
 void ConveyConnector::noteLaunched(const SoString& specifier, uint32_t pid) {
     ObjectLock lock(*this);
     CVConnectorAppInfoList& list = *getAppInfoListLocked();
@@ -338,16 +311,6 @@ void ConveyConnector::noteLaunched(const SoString& specifier, uint32_t pid) {
         info.processID = pid;
         (void)list.append(new CVConnectorAppInfo(info)); // false only when it is there already
     }
-}
-
-bool ConveyConnector::bringToFront(const char* specifier, ConveyContext* /*context*/) const {
-    CVConnectorAppInfo info;
-    if (!findRecord(specifier, info)) {
-        return false;
-    }
-    ConveyUtils::Launcher::bringToFront(ConveyUtils::resolveAlias(info.path),
-                                        ConveyUtils::Launcher::kByBundlePath);
-    return true;
 }
 
 void ConveyConnector::appendDiagnostics(SoString& out, const SoString& path) const {

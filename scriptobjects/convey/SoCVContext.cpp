@@ -190,6 +190,14 @@ uint32_t ConveyContext::getNextSerialNumber() {
     return number;
 }
 
+// A message's question, answered where the numbers are: messages know nothing of contexts.
+uint32_t Convey::Message::getNextSerialNumber(ConveyContext* context) const {
+    if (context == nullptr) {
+        context = ConveyContext::getCurrentContext();
+    }
+    return context == nullptr ? 0 : context->getNextSerialNumber();
+}
+
 bool ConveyContext::isLogging() const {
     const ObjectLock guard(*this);
     return logging_;

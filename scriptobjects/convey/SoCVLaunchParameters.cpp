@@ -1,5 +1,7 @@
 #include "scriptobjects/convey/SoCVLaunchParameters.h"
 
+#include <memory>
+
 #include "limits/Limits.h"
 #include "platform/Processes.h"
 #include "scriptobjects/convey/SoCVMessage.h"

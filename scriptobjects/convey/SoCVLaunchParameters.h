@@ -1,14 +1,9 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoString.h"
-
-namespace ScObjects {
-class InterAppStream;
-} // namespace ScObjects
 
 namespace ScObjects::ConveyUtils {
 
@@ -23,10 +18,5 @@ SO_EXPORT bool getLaunchParameters(const SoString& specifier, SoString& paramete
 // nothing is pending then.
 SO_EXPORT bool receiveLaunchParams(const SoString& queueName, SoString& parameters,
                                    int32_t seconds);
-
-// Keeps an open stream, null for none, for the instance that asks for its name, in place of the one
-// that was kept before. Messages that came to the launch queue behind the parameters are the
-// instance's; closing the stream would lose them.
-void keepStreamFor(std::unique_ptr<InterAppStream> stream);
 
 } // namespace ScObjects::ConveyUtils

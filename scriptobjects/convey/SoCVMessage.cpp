@@ -5,7 +5,6 @@
 #include <charconv>
 #include <limits>
 
-#include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVMessageGlobals.h"
 #include "scriptobjects/convey/SoCVUtils.h"
 
@@ -130,13 +129,6 @@ SoString Convey::Message::getUserHeaderValue(const char* name) const {
 
 bool Convey::Message::isUserType() const {
     return std::find(kSystemTypes.begin(), kSystemTypes.end(), type_.view()) == kSystemTypes.end();
-}
-
-uint32_t Convey::Message::getNextSerialNumber(ConveyContext* context) const {
-    if (context == nullptr) {
-        context = ConveyContext::getCurrentContext();
-    }
-    return context == nullptr ? 0 : context->getNextSerialNumber();
 }
 
 void Convey::Message::setAuthentication(bool on) {

@@ -2,9 +2,6 @@
 
 #include <atomic>
 
-#include "scriptobjects/connector/SoCVConnector.h"
-#include "scriptobjects/core/SoString.h"
-
 namespace ScObjects::ConveyData {
 namespace {
 
@@ -28,19 +25,6 @@ void MessageGlobals::init() {
 
 void MessageGlobals::exit() {
     gInitialised.store(false, std::memory_order_release);
-}
-
-void MessageGlobals::readRegistry() {
-    bool authentication = true;
-    bool createDigest = true;
-    if (const ConveyConnector* connector = ConveyConnector::get()) {
-        const SoString own = connector->getApplicationSpecifier(-1);
-        authentication = connector->getMessageAuthentication(own);
-        createDigest = connector->getMessageDigest(own);
-    }
-    const ObjectLock guard(*this);
-    authentication_ = authentication;
-    createDigest_ = createDigest;
 }
 
 void MessageGlobals::setAuthentication(bool on) {

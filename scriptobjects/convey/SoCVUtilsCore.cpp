@@ -6,6 +6,7 @@
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/convey/SoCVUtils.h"
+#include "scriptobjects/stream/BaseInterAppStream.h"
 
 namespace ScObjects::ConveyUtils {
 namespace {
@@ -40,7 +41,8 @@ bool isForwarding(const char* handlerType) {
 bool forwardMessage(const Convey::Message& message, const SoString& handlerType,
                     const SoString& root, const SoString& label) {
     const SoString& type = message.getType();
-    if (type == "Debug" || type == "Log" || (type == "Tessaly" && message.getBody().isEmpty())) {
+    if (type == ConveyData::CV_TYPE_DEBUG || type == ConveyData::CV_TYPE_LOG ||
+        (type == ConveyData::CV_TYPE_PLAIN && message.getBody().isEmpty())) {
         return false;
     }
     const auto observer = observerOf(handlerType);
@@ -49,7 +51,7 @@ bool forwardMessage(const Convey::Message& message, const SoString& handlerType,
     }
     const ForwardingScope scope;
     Convey::Message forwarded;
-    forwarded.setHeader("MsgRoot", root.c_str());
+    forwarded.setHeader(ConveyData::CV_MESSAGE_ROOT, root.c_str());
     SoString rows;
     message.appendDiagnostics(rows, root);
     if (!label.isEmpty()) {
@@ -66,6 +68,15 @@ SoString getLaunchMsgQueueName(const SoString& specifier) {
     CVSpecifierParts parts = CVSpecifierParts::of(parsed.view());
     parts.instance = {};
     return parts.textWithSuffix({}); // any process of the application may take them
+}
+
+SoString getStreamName(const SoString& portName) {
+    const std::string_view prefix = BaseInterAppStream::kPortNamePrefix;
+    std::string_view name = portName.view();
+    if (name.substr(0, prefix.size()) == prefix) {
+        name.remove_prefix(prefix.size());
+    }
+    return SoString(name);
 }
 
 bool parseInfoLine(const SoString& row, SoString& path, SoString& label, SoString& value,

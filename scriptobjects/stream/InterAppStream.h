@@ -1,5 +1,7 @@
 #pragma once
 
+#include <memory>
+
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/stream/MacInterAppStream.h"
 
@@ -33,6 +35,11 @@ namespace ConveyUtils {
 // the first of its instances 1 to 8 that is free. Null for an empty name and when none is free.
 // Nothing is thrown. Any thread.
 SO_EXPORT InterAppStream* createNextAvailableInterAppStream(const SoString& name);
+
+// Keeps an open stream, null for none, for the instance that asks for its name, in place of the one
+// that was kept before. Messages that came to the launch queue behind the parameters are the
+// instance's; closing the stream would lose them.
+void keepStreamFor(std::unique_ptr<InterAppStream> stream);
 
 } // namespace ConveyUtils
 

@@ -1,19 +1,16 @@
-// The streams whose names are made of specifiers, which the streams themselves know nothing of.
+#include "scriptobjects/stream/InterAppStream.h"
+
 #include <memory>
 #include <new>
-#include <string_view>
 
 #include "limits/Limits.h"
 #include "platform/MessagePort.h"
-#include "scriptobjects/convey/SoCVLaunchParameters.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
-#include "scriptobjects/convey/SoCVUtilsCore.h"
-#include "scriptobjects/stream/InterAppStream.h"
+#include "scriptobjects/convey/SoCVWords.h"
 
 namespace ScObjects {
 namespace {
 
-constexpr const char* kProcessStreamSuffix = "ping";
 constexpr const char* kFallbackName = "interappstream-1.0";
 constexpr int kInstances = limits::of("stream.instances");
 
@@ -108,15 +105,6 @@ InterAppStream* ConveyUtils::createNextAvailableInterAppStream(const SoString& n
     }
 }
 
-SoString ConveyUtils::getStreamName(const SoString& portName) {
-    const std::string_view prefix = BaseInterAppStream::kPortNamePrefix;
-    std::string_view name = portName.view();
-    if (name.substr(0, prefix.size()) == prefix) {
-        name.remove_prefix(prefix.size());
-    }
-    return SoString(name);
-}
-
 void ConveyUtils::keepStreamFor(std::unique_ptr<InterAppStream> stream) {
     KeptStream::instance().set(std::move(stream));
 }
@@ -126,7 +114,7 @@ InterAppStream::~InterAppStream() = default;
 void InterAppStream::InitTerm::init(const SoString& specifier) {
     ProcessStream::instance().set(nullptr); // its name may be the one that is asked for
     Convey::Specifier name(specifier.c_str(), false);
-    name.setSuffix(kProcessStreamSuffix);
+    name.setSuffix(ConveyData::CV_SUFFIX_PING);
     ProcessStream::instance().set(ConveyUtils::createNextAvailableInterAppStream(name));
 }
 

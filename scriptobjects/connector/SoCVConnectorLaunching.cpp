@@ -1,0 +1,51 @@
+// Launching what is registered: the one thing for which the registry needs the messaging engine.
+#include <string_view>
+
+#include "scriptobjects/connector/SoCVConnector.h"
+#include "scriptobjects/connector/SoCVConnectorAppInfo.h"
+#include "scriptobjects/convey/SoCVLauncher.h"
+#include "scriptobjects/convey/SoCVUtils.h"
+
+namespace ScObjects {
+namespace {
+
+constexpr std::string_view kWebAddress = "https://"; // opened, not looked for on the disk
+
+} // namespace
+
+int32_t ConveyConnector::launchTarget(const SoString& specifier, const SoString& parameters,
+                                      bool inFront, ConveyContext* /*context*/) {
+    CVConnectorAppInfo info;
+    if (!findRecord(specifier, info)) {
+        return 0;
+    }
+    if (info.path.view().substr(0, kWebAddress.size()) != kWebAddress) {
+        info.path = ConveyUtils::resolveAlias(info.path);
+        if (!ConveyUtils::fileExists(info.path)) {
+            return 0;
+        }
+    }
+    uint32_t pid = 0;
+    // With no lock held: it sends messages and starts processes.
+    if (!ConveyUtils::Launcher::launch(
+            specifier, info.path, &parameters,
+            inFront ? ConveyUtils::Launcher::kInFront : ConveyUtils::Launcher::kBehind, &pid)) {
+        return 0;
+    }
+    if (pid != 0) {
+        noteLaunched(specifier, pid);
+    }
+    return 1;
+}
+
+bool ConveyConnector::bringToFront(const char* specifier, ConveyContext* /*context*/) const {
+    CVConnectorAppInfo info;
+    if (!findRecord(specifier, info)) {
+        return false;
+    }
+    ConveyUtils::Launcher::bringToFront(ConveyUtils::resolveAlias(info.path),
+                                        ConveyUtils::Launcher::kByBundlePath);
+    return true;
+}
+
+} // namespace ScObjects
