@@ -174,8 +174,13 @@ Convey* ConveyContext::getNthInstance(int32_t index) {
 }
 
 void ConveyContext::setMainInstance(Convey* instance) {
-    const ObjectLock guard(*this);
-    mainInstance_ = instance;
+    {
+        const ObjectLock guard(*this);
+        mainInstance_ = instance;
+    }
+    if (thread_ != nullptr) {
+        thread_->installForwarding(); // what pings asked for before there was one
+    }
 }
 
 Convey* ConveyContext::getMainInstance() {

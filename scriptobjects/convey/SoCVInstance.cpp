@@ -136,7 +136,7 @@ SoString PrivateData::infoRoot(const char* leaf) const {
 
 void PrivateData::setDiagnosticsRoots() {
     incoming_.setDiagnosticsRoot(infoRoot("in"));
-    outgoing_.setDiagnosticsRoot(infoRoot("out"));
+    outbox_.messages().setDiagnosticsRoot(infoRoot("out"));
 }
 
 void PrivateData::appendDiagnostics(SoString& out, const SoString& path) const {
@@ -151,7 +151,7 @@ void PrivateData::appendDiagnostics(SoString& out, const SoString& path) const {
         const char* leaf;
         const char* label;
         const MessageQueue& queue;
-    } queues[] = {{"/in", "Incoming", incoming_}, {"/out", "Outgoing", outgoing_}};
+    } queues[] = {{"/in", "Incoming", incoming_}, {"/out", "Outgoing", outbox_.messages()}};
     for (const auto& queue : queues) {
         SoString queuePath = root;
         queuePath << queue.leaf;
@@ -335,7 +335,7 @@ bool Convey::processIncomingMessage(uint32_t serialNumber, bool process) {
 
 bool Convey::processOutgoingMessage() {
     const std::shared_ptr<PrivateData> data = data_;
-    data->processOutgoing(false);
+    (void)data->processOutgoing();
     return false;
 }
 

@@ -11,6 +11,7 @@
 
 #include "scriptobjects/convey/SoCVMessageQueue.h"
 #include "scriptobjects/convey/SoCVMessenger.h"
+#include "scriptobjects/convey/SoCVOutbox.h"
 #include "scriptobjects/core/SoString.h"
 #include "scriptobjects/core/SoThread.h"
 
@@ -70,17 +71,22 @@ public:
 
     bool send(Convey::Message& message, bool mayLaunch, uint32_t waitSeconds,
               const SoString* launchParameters);
+    // What nobody waits for: the background's way out. Completes the message like `send`.
+    Delivery post(std::unique_ptr<Convey::Message> message);
     bool sendResult(const Convey::Message& request, const SoString& result);
     bool processIncoming(uint32_t serialNumber, bool process);
     // Draws what has arrived into the queue, within bounds; true when there may be more.
     bool receiveArrived();
     // Queues a complete message until its target can be reached; false when it has no target.
     bool queueOutgoing(std::unique_ptr<Convey::Message> message);
-    // `inBackground`: does not wait for targets that do not take their messages.
-    void processOutgoing(bool inBackground);
+    // A pass over what waits to be sent, which waits for no target; has the courier woken when
+    // there is work for it.
+    Outbox::Left processOutgoing();
+    // The courier's pass.
+    Outbox::Left carryOutgoing();
 
     bool incomingPending() const;
-    bool outgoingPending() const { return !outgoing_.isEmpty(); }
+    bool outgoingPending() const { return !outbox_.messages().isEmpty(); }
 
     Convey::MsgHandler* findHandler(const SoString& type, uint32_t serialNumber) const;
     std::shared_ptr<HandlerSlot> findSlot(const SoString& type, uint32_t serialNumber) const;
@@ -94,7 +100,7 @@ public:
     ConveyContext* context() const { return context_.load(); }
     void setContext(ConveyContext* context) { context_.store(context); }
     MessageQueue& incoming() { return incoming_; }
-    MessageQueue& outgoing() { return outgoing_; }
+    MessageQueue& outgoing() { return outbox_.messages(); }
     void setDiagnosticsRoots();
     void watch(platform::PortWait& wait) const;
     void appendDiagnostics(SoString& out, const SoString& path) const;
@@ -111,11 +117,16 @@ private:
 
     void sendError(const Convey::Message& request, const char* text, int32_t code,
                    uint32_t waitSeconds);
-    bool sendResponse(const Convey::Message& request, const char* type, Convey::Message* response);
+    bool sendResponse(const Convey::Message& request, const char* type,
+                      std::unique_ptr<Convey::Message> response);
     void requestProcessed(Convey::Message& message) const;
     bool deliverLocally(const Convey::Message& message);
-    bool deliver(Convey::Message& message, const SoString& text, bool mayLaunch,
-                 uint32_t waitSeconds, const SoString* launchParameters, bool& queued);
+    Delivery deliver(const Convey::Message& message, const SoString& text, bool mayLaunch,
+                     uint32_t waitSeconds, const SoString* launchParameters);
+    Delivery queueForLaunch(const Convey::Message& message, uint32_t waitSeconds,
+                            const SoString* launchParameters);
+    void complete(Convey::Message& message) const;
+    SoString nameOfAsker(const SoString& name) const;
     void watchTime(const Convey::Message& message);
     bool waitForTarget(const Convey::Message& message);
     bool waitForResponse(const Convey::Message& message, uint32_t seconds);
@@ -131,10 +142,9 @@ private:
     std::shared_ptr<InterAppStream> stream_ SO_GUARDED_BY(this);
     bool registered_ = false; // by the constructor
     MessageQueue incoming_;
-    MessageQueue outgoing_;
+    Outbox outbox_{Outbox::Kind::messages};
     Slots handlers_ SO_GUARDED_BY(this); // oldest first
     SoString appName_ SO_GUARDED_BY(this);
-    std::mutex outgoingTurn_; // one pass over the outgoing queue at a time
     // From the stream to the queue one thread at a time, or messages would overtake each other.
     std::mutex receivingTurn_;
 };

@@ -9,6 +9,9 @@
 // What the sources of the instance share.
 namespace ScObjects::ConveyData {
 
+// The path under which observers of errors get their rows, whatever brought the error about.
+inline constexpr const char* kErrorRoot = "/errors";
+
 inline bool contains(const SoString& text, const char* word) {
     return text.view().find(word) != std::string_view::npos;
 }

@@ -148,7 +148,7 @@ void PrivateData::dispatch(const Message& message) {
         if (contains(message.getResponseRequest(), "Error")) {
             sendError(message, result.c_str(), code, 0);
         } else if (ConveyUtils::isForwarding("FWDERRORS")) {
-            (void)ConveyUtils::forwardMessage(message, "FWDERRORS", infoRoot("in"), result);
+            (void)ConveyUtils::forwardMessage(message, "FWDERRORS", kErrorRoot, result);
         }
     } else if (contains(message.getResponseRequest(), "Result")) {
         (void)sendResult(message, result);

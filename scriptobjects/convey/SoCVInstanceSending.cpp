@@ -1,6 +1,9 @@
 // How an instance sends: within the process, to other processes, and later.
+//
+// Who sends chooses the patience. An owner's `send` may wait for its target, and may launch it.
+// `post` is the way of everything that nobody asked to wait for: acknowledgements, results, errors,
+// notices. It takes what it sends as it is (no launch, no watcher, no request for "Processed").
 #include <algorithm>
-#include <set>
 #include <string>
 
 #include "limits/Limits.h"
@@ -10,7 +13,7 @@
 #include "scriptobjects/convey/SoCVInstanceParts.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/convey/SoCVThread.h"
-#include "scriptobjects/core/SoNumber.h"
+#include "scriptobjects/convey/SoCVWords.h"
 #include "scriptobjects/stream/InterAppStream.h"
 
 namespace ScObjects::ConveyData {
@@ -22,21 +25,17 @@ using Specifier = Convey::Specifier;
 constexpr int32_t kSendFailed = 59;
 constexpr int64_t kPollMilliseconds = 100;
 constexpr int64_t kTargetWaitMilliseconds = limits::of("send.target");
-// A message that finds no target is kept alive for this long.
-constexpr uint32_t kQueueSeconds = limits::of("queue.age");
-// A target that takes nothing must not fill this process's memory.
-constexpr int32_t kMaximumQueued = limits::of("queue.outgoing.messages");
-constexpr int64_t kMaximumQueuedBytes = limits::of("queue.outgoing.bytes");
-// What the background gives a target whose queue is full: nothing, unless the text is larger than a
-// queue and so can only pass with the target's help.
-constexpr int32_t kBackgroundSendMilliseconds = 0;
-constexpr int32_t kBackgroundLargeSendMilliseconds = limits::of("send.background");
-constexpr int32_t kLargeTextBytes = 1 << 20;
 
 // A peer that numbers its answers like the request.
 bool isNewPeer(const Message& message) {
     const SoString version = message.getVersion();
     return !version.isEmpty() && !(version == "1.0");
+}
+
+// Who watches its own time is not told by us.
+bool isUnwantedNotice(const Message& message) {
+    return message.getType() == CV_TYPE_TIMEOUT && !(message.getTarget() == message.getSender()) &&
+           message.getUserHeaderValue(CV_TIMEOUT_DETECTOR) == CV_DETECTOR_SENDER;
 }
 
 int64_t monotonicNow() {
@@ -45,25 +44,28 @@ int64_t monotonicNow() {
 
 } // namespace
 
-bool PrivateData::send(Message& message, bool mayLaunch, uint32_t waitSeconds,
-                       const SoString* launchParameters) {
-    if (isEmptyRequest(message)) {
-        return false;
-    }
-    const Specifier target(message.getTarget().c_str(), true);
-    if (target.isEmpty()) {
-        sendError(message, "ERROR: INVALID SPECIFIER", kSendFailed, waitSeconds);
-        return false;
-    }
-    if (message.getType() == "Timeout" && !(message.getTarget() == message.getSender()) &&
-        message.getUserHeaderValue("TIMEOUT_DETECTOR") == "SENDER") {
-        return false;
-    }
+void PrivateData::complete(Message& message) const {
     if (message.getSerialNumber() == 0) {
         message.setSerialNumber(message.getNextSerialNumber(context()));
     }
     if (message.getSender().isEmpty()) {
         message.setSender(appName());
+    }
+}
+
+bool PrivateData::send(Message& message, bool mayLaunch, uint32_t waitSeconds,
+                       const SoString* launchParameters) {
+    if (isEmptyRequest(message)) {
+        return false;
+    }
+    complete(message); // before anything can fail: the error has to find its way back
+    const Specifier target(message.getTarget().c_str(), true);
+    if (target.isEmpty()) {
+        sendError(message, "ERROR: INVALID SPECIFIER", kSendFailed, waitSeconds);
+        return false;
+    }
+    if (isUnwantedNotice(message)) {
+        return false;
     }
     message.setTarget(target);
     requestProcessed(message);
@@ -72,17 +74,58 @@ bool PrivateData::send(Message& message, bool mayLaunch, uint32_t waitSeconds,
         sendError(message, "ERROR: CAN'T STREAM MESSAGE TO STRING", kSendFailed, waitSeconds);
         return false;
     }
-    bool queued = false;
-    const bool delivered = deliverLocally(message) ||
-                           deliver(message, text, mayLaunch, waitSeconds, launchParameters, queued);
-    if (!delivered && !queued) {
+    const Delivery delivery =
+        deliverLocally(message) ? Delivery::delivered
+                                : deliver(message, text, mayLaunch, waitSeconds, launchParameters);
+    if (delivery == Delivery::refused) {
         return false;
     }
     watchTime(message);
     if (waitSeconds == 0) {
-        return delivered;
+        return delivery == Delivery::delivered;
     }
-    return (delivered || waitForTarget(message)) && waitForResponse(message, waitSeconds);
+    return (delivery == Delivery::delivered || waitForTarget(message)) &&
+           waitForResponse(message, waitSeconds);
+}
+
+// An asker is known by the name of its port, which it has made complete itself. Only a name that
+// nobody has is completed, since that may ask other processes, which may take their time.
+SoString PrivateData::nameOfAsker(const SoString& name) const {
+    const ConveyContext* const context = this->context();
+    if ((context != nullptr && context->pin(name) != nullptr) || !outbox_.isFree(name)) {
+        return name;
+    }
+    const auto stream = this->stream();
+    return stream != nullptr && stream->presenceOf(name) != InterAppStream::Presence::absent
+               ? name
+               : static_cast<const SoString&>(Specifier(name.c_str(), true));
+}
+
+Delivery PrivateData::post(std::unique_ptr<Message> message) {
+    if (isEmptyRequest(*message) || isUnwantedNotice(*message) || message->getTarget().isEmpty()) {
+        return Delivery::refused;
+    }
+    complete(*message);
+    message->setTarget(nameOfAsker(message->getTarget()));
+    if (message->getTarget().isEmpty()) {
+        return Delivery::refused;
+    }
+    if (deliverLocally(*message)) {
+        return Delivery::delivered;
+    }
+    const auto event =
+        ConveyUtils::isForwarding(CV_FORWARD_LOGS) ? std::make_unique<Message>(*message) : nullptr;
+    const auto stream = this->stream();
+    const Delivery delivery = outbox_.post(stream.get(), message);
+    if (delivery == Delivery::queued) {
+        if (const ConveyContext* context = this->context()) {
+            context->getThread()->wake();
+        }
+    }
+    if (event != nullptr && delivery != Delivery::refused) {
+        logEvent(delivery == Delivery::delivered ? "SEND" : "ENQUEUED OUTGOING MESSAGE", *event);
+    }
+    return delivery;
 }
 
 // Hands the message to an instance of this process; false when none has its target's name.
@@ -116,24 +159,34 @@ void PrivateData::accept(std::unique_ptr<Message> message) {
 }
 
 // Hands the text to the target's process, or queues the message until that can be done.
-bool PrivateData::deliver(Message& message, const SoString& text, bool mayLaunch,
-                          uint32_t waitSeconds, const SoString* launchParameters, bool& queued) {
+Delivery PrivateData::deliver(const Message& message, const SoString& text, bool mayLaunch,
+                              uint32_t waitSeconds, const SoString* launchParameters) {
     const SoString& target = message.getTarget();
-    // Behind those that wait for the target already: none is overtaken.
-    if (outgoing_.findMessageForTarget(target) == nullptr) {
-        const auto stream = this->stream();
-        if (stream != nullptr && stream->send(target, text)) {
+    const auto stream = this->stream();
+    const int64_t end = monotonicNow() + InterAppStream::kSendTimeoutMilliseconds;
+    // Behind those that wait for the target already: none is overtaken. What may not be queued
+    // waits for these, too.
+    if (stream != nullptr && (mayLaunch ? outbox_.isFree(target)
+                                        : outbox_.drain(*stream, target, end - monotonicNow()))) {
+        const int64_t left = std::max<int64_t>(end - monotonicNow(), 0);
+        if (stream->send(target, text, static_cast<int32_t>(left))) {
             logEvent("SEND", message);
-            return true;
+            return Delivery::delivered;
         }
     }
     if (!mayLaunch) {
         sendError(message, "ERROR: LAUNCHING IS SUPPRESSED", kSendFailed, waitSeconds);
-        return false;
+        return Delivery::refused;
     }
-    if (outgoing_.count() >= kMaximumQueued || outgoing_.bodyBytes() >= kMaximumQueuedBytes) {
+    return queueForLaunch(message, waitSeconds, launchParameters);
+}
+
+Delivery PrivateData::queueForLaunch(const Message& message, uint32_t waitSeconds,
+                                     const SoString* launchParameters) {
+    const SoString& target = message.getTarget();
+    if (!outbox_.hasRoom()) {
         sendError(message, "ERROR: TOO MANY MESSAGES WAIT", kSendFailed, waitSeconds);
-        return false;
+        return Delivery::refused;
     }
     if (!Specifier(target.c_str(), false).isRunning()) {
         logEvent("TARGET IS NOT RUNNING", message);
@@ -141,23 +194,22 @@ bool PrivateData::deliver(Message& message, const SoString& text, bool mayLaunch
                                  launchParameters != nullptr ? launchParameters->c_str() : "", 0,
                                  context()) != 1) {
             sendError(message, "ERROR: TARGET COULD NOT BE LAUNCHED", kSendFailed, waitSeconds);
-            return false;
+            return Delivery::refused;
         }
         logEvent("LAUNCHING TARGET", message);
     }
-    queued = queueOutgoing(std::make_unique<Message>(message));
-    if (queued) {
-        logEvent("ENQUEUED OUTGOING MESSAGE", message);
-        noteActivity();
+    if (!queueOutgoing(std::make_unique<Message>(message))) {
+        return Delivery::refused;
     }
-    return false;
+    logEvent("ENQUEUED OUTGOING MESSAGE", message);
+    noteActivity();
+    return Delivery::queued;
 }
 
 bool PrivateData::queueOutgoing(std::unique_ptr<Message> message) {
-    if (!outgoing_.append(message.get())) {
+    if (!outbox_.queue(message)) {
         return false;
     }
-    (void)message.release(); // the queue's now
     if (const ConveyContext* context = this->context()) {
         context->getThread()->wake();
     }
@@ -177,12 +229,15 @@ bool PrivateData::waitForTarget(const Message& message) {
     return true;
 }
 
-bool PrivateData::sendResponse(const Message& request, const char* type, Message* response) {
+bool PrivateData::sendResponse(const Message& request, const char* type,
+                               std::unique_ptr<Message> response) {
     if (!contains(request.getResponseRequest(), type)) {
         return false;
     }
-    Message fresh;
-    Message& answer = response != nullptr ? *response : fresh;
+    if (response == nullptr) {
+        response = std::make_unique<Message>();
+    }
+    Message& answer = *response;
     SoString answerType(type);
     if (answer.isUserType()) {
         answerType << request.getType();
@@ -198,87 +253,43 @@ bool PrivateData::sendResponse(const Message& request, const char* type, Message
         answer.setType(request.getType());
         answer.setSerialNumber(request.getNextSerialNumber(context()));
     }
-    return send(answer, false, 0, nullptr);
+    return post(std::move(response)) != Delivery::refused;
 }
 
 bool PrivateData::sendResult(const Message& request, const SoString& result) {
-    Message answer(request);
-    answer.setResult(request.getSerialNumber());
-    answer.setBody(result);
-    return sendResponse(request, "Result", &answer);
+    auto answer = std::make_unique<Message>(request);
+    answer->setResult(request.getSerialNumber());
+    answer->setBody(result);
+    return sendResponse(request, CV_WANTS_RESULT, std::move(answer));
 }
 
 void PrivateData::sendError(const Message& request, const char* text, int32_t code,
                             uint32_t waitSeconds) {
-    Message answer;
-    answer.setError(request.getSerialNumber());
-    answer.setBody(SoString(text));
-    answer.setHeader(CV_ERROR_CODE, static_cast<long>(code));
-    (void)sendResponse(request, "Error", &answer);
-    if (waitSeconds != 0 && findSlot("Error", request.getSerialNumber()) != nullptr) {
+    auto answer = std::make_unique<Message>();
+    answer->setError(request.getSerialNumber());
+    answer->setBody(SoString(text));
+    answer->setHeader(CV_ERROR_CODE, static_cast<long>(code));
+    (void)sendResponse(request, CV_WANTS_ERROR, std::move(answer));
+    if (waitSeconds != 0 && findSlot(CV_TYPE_ERROR, request.getSerialNumber()) != nullptr) {
         (void)waitForResponse(request, waitSeconds);
     }
     logEvent(text, request);
-    if (ConveyUtils::isForwarding("FWDERRORS")) {
-        (void)ConveyUtils::forwardMessage(request, "FWDERRORS", "/errors", text);
+    if (ConveyUtils::isForwarding(CV_FORWARD_ERRORS)) {
+        (void)ConveyUtils::forwardMessage(request, CV_FORWARD_ERRORS, kErrorRoot, text);
     }
 }
 
-void PrivateData::processOutgoing(bool inBackground) {
-    if (outgoing_.isEmpty()) {
-        return;
+Outbox::Left PrivateData::processOutgoing() {
+    const Outbox::Left left = outbox_.pass(stream().get(), Outbox::Carrier::round);
+    const ConveyContext* const context = this->context();
+    if (left.large && context != nullptr) {
+        context->getThread()->wakeCourier();
     }
-    // While another thread makes its pass there is nothing to add to it.
-    const std::unique_lock<std::mutex> turn(outgoingTurn_, std::try_to_lock);
-    if (!turn.owns_lock()) {
-        return;
-    }
-    outgoing_.removeExpiredMessages();
-    std::set<std::string> failedTargets;
-    uint64_t position = 0;
-    for (;;) {
-        const auto stream = this->stream();
-        SoString target;
-        SoString text;
-        bool written = false;
-        uint32_t stamp = 0;
-        uint32_t timeout = 0;
-        const bool found = outgoing_.visitAfter(position, [&](const Message& message) {
-            target = message.getTarget();
-            const SoString queued = message.getUserHeaderValue("QUEUESTAMP");
-            stamp = queued.isEmpty() ? message.getTimestamp() : parseUnsigned32(queued.c_str());
-            timeout = message.getTimeout();
-            written = failedTargets.count(target.c_str()) != 0 || message.writeToString(text);
-        });
-        if (!found) {
-            return;
-        }
-        if (stream == nullptr || !written) {
-            (void)outgoing_.drop(position);
-            continue;
-        }
-        if (failedTargets.count(target.c_str()) == 0) {
-            const int32_t patience = !inBackground ? InterAppStream::kSendTimeoutMilliseconds
-                                     : text.length() > kLargeTextBytes
-                                         ? kBackgroundLargeSendMilliseconds
-                                         : kBackgroundSendMilliseconds;
-            if (stream->send(target, text, patience)) {
-                (void)outgoing_.drop(position);
-                continue;
-            }
-            failedTargets.insert(target.c_str());
-        }
-        // Kept alive while it is young, then given a time at which it ends.
-        const uint32_t now = ConveyUtils::getTimeSeconds();
-        if (now < stamp + kQueueSeconds) {
-            (void)outgoing_.keep(position, now, timeout, stamp);
-        } else {
-            const uint32_t last = timeout == 0               ? 1
-                                  : timeout >= kQueueSeconds ? kQueueSeconds - 1
-                                                             : timeout;
-            (void)outgoing_.keep(position, stamp, last, stamp);
-        }
-    }
+    return left;
+}
+
+Outbox::Left PrivateData::carryOutgoing() {
+    return outbox_.pass(stream().get(), Outbox::Carrier::courier);
 }
 
 } // namespace ScObjects::ConveyData

@@ -154,29 +154,38 @@ void MessageQueue::appendLocked(std::unique_ptr<Message> message, bool isAnswer)
     entries_.push_back({lastPosition_ + 1, std::move(message), isAnswer});
     ++lastPosition_;
     bodyBytes_ += added.getBody().length();
+    if (isAnswer) {
+        ++answers_.messages;
+        answers_.bytes += added.getBody().length();
+    }
     watchers_ += isWatcher(added) ? 1 : 0;
     noteDeadlineLocked(added);
 }
 
-void MessageQueue::forgetLocked(uint64_t position, const Message& message) {
+void MessageQueue::forgetLocked(const Entry& entry) {
+    const Message& message = *entry.message;
     const auto line = lines_.find(std::string(message.getTarget().view()));
     if (line != lines_.end()) {
         auto& positions = line->second.positions;
         // As a rule it is the first or the last.
-        positions.erase(std::lower_bound(positions.begin(), positions.end(), position));
+        positions.erase(std::lower_bound(positions.begin(), positions.end(), entry.position));
         line->second.bytes -= message.getBody().length();
         if (positions.empty()) {
             lines_.erase(line);
         }
     }
     bodyBytes_ -= message.getBody().length();
+    if (entry.isAnswer) {
+        --answers_.messages;
+        answers_.bytes -= message.getBody().length();
+    }
     watchers_ -= isWatcher(message) ? 1 : 0;
 }
 
 std::unique_ptr<Message> MessageQueue::takeLocked(const Entries::const_iterator& entry) {
     const auto place = entries_.begin() + (entry - entries_.cbegin());
+    forgetLocked(*place);
     std::unique_ptr<Message> message = std::move(place->message);
-    forgetLocked(place->position, *message);
     entries_.erase(place);
     return message;
 }
@@ -260,7 +269,7 @@ void MessageQueue::removeExpiredMessages() {
         Entry entry = std::move(entries_.back());
         entries_.pop_back();
         if (now >= deadlineOf(*entry.message)) {
-            forgetLocked(entry.position, *entry.message);
+            forgetLocked(entry);
             notices.retire(std::move(entry.message), diagnosticsRoot_);
         } else {
             noteDeadlineLocked(*entry.message);
@@ -341,6 +350,11 @@ MessageQueue::Load MessageQueue::loadOf(const std::string& target) const {
     return line == lines_.end()
                ? Load{}
                : Load{static_cast<int32_t>(line->second.positions.size()), line->second.bytes};
+}
+
+MessageQueue::Load MessageQueue::answers() const {
+    const ObjectLock guard(*this);
+    return answers_;
 }
 
 int32_t MessageQueue::dropAnswersFor(const std::string& target) {

@@ -75,6 +75,8 @@ public:
         int64_t bytes = 0; // of bodies
     };
     Load loadOf(const std::string& target) const;
+    // All that were appended as answers.
+    Load answers() const;
     // Deletes the answers for a target that is gone; how many there were.
     int32_t dropAnswersFor(const std::string& target);
     bool keep(uint64_t position, uint32_t timestamp, uint32_t timeoutSeconds, uint32_t queueStamp);
@@ -106,12 +108,13 @@ private:
     void appendLocked(std::unique_ptr<Convey::Message> message, bool isAnswer) SO_REQUIRES(this);
     std::unique_ptr<Convey::Message> takeLocked(const Entries::const_iterator& entry)
         SO_REQUIRES(this);
-    void forgetLocked(uint64_t position, const Convey::Message& message) SO_REQUIRES(this);
+    void forgetLocked(const Entry& entry) SO_REQUIRES(this);
     void noteDeadlineLocked(const Convey::Message& message) SO_REQUIRES(this);
 
     Entries entries_ SO_GUARDED_BY(this); // by position
     uint64_t lastPosition_ SO_GUARDED_BY(this) = 0;
     int64_t bodyBytes_ SO_GUARDED_BY(this) = 0;
+    Load answers_ SO_GUARDED_BY(this);
     int64_t firstDeadline_ SO_GUARDED_BY(this) = kNoDeadline; // no message expires before it
     std::unordered_map<std::string, Line> lines_ SO_GUARDED_BY(this); // none is empty
     int32_t watchers_ SO_GUARDED_BY(this) = 0;

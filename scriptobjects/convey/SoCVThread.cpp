@@ -1,7 +1,6 @@
 #include "scriptobjects/convey/SoCVThread.h"
 
 #include <algorithm>
-#include <set>
 #include <string>
 
 #include "limits/Limits.h"
@@ -9,6 +8,8 @@
 #include "platform/MessagePort.h"
 #include "platform/TextMemory.h"
 #include "scriptobjects/convey/SoCVContext.h"
+#include "scriptobjects/convey/SoCVCourier.h"
+#include "scriptobjects/convey/SoCVGuard.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVPing.h"
@@ -17,6 +18,7 @@
 #include "scriptobjects/convey/SoCVThreadHandlers.h"
 #include "scriptobjects/convey/SoCVUtils.h"
 #include "scriptobjects/convey/SoCVUtilsCore.h"
+#include "scriptobjects/convey/SoCVWords.h"
 #include "scriptobjects/stream/InterAppStream.h"
 
 namespace ScObjects {
@@ -24,18 +26,19 @@ namespace {
 
 using Message = Convey::Message;
 using MsgHandler = Convey::MsgHandler;
+using ConveyData::Delivery;
+using ConveyData::Outbox;
 
 constexpr int64_t kRoundMilliseconds = limits::of("thread.round");
 constexpr int64_t kParkedMilliseconds = limits::of("thread.parked");
 constexpr unsigned kSetupPollMilliseconds = 10;
 constexpr int kPingsAtOnce = limits::of("thread.pings");
-constexpr int32_t kAnswerMilliseconds = limits::of("thread.answer.wait");
-// Answers that their askers have not taken yet: a few large ones, or many small ones.
-constexpr size_t kMaximumUnsent = limits::of("thread.unsent.answers");
-constexpr int64_t kMaximumUnsentBytes = limits::of("thread.unsent.bytes");
-constexpr double kLongestAnswerSeconds = limits::of("thread.answer.age");
+// An answer that its asker does not take is kept for as long as that waits itself, within a bound.
+constexpr uint32_t kLongestAnswerSeconds = limits::of("thread.answer.age");
 constexpr double kIdleIntervals = 10;
 constexpr double kAverageWeight = 0.1; // of the newest interval
+
+constexpr std::string_view kThreadSuffix = "#thread"; // ConveyData::CV_SUFFIX_THREAD with its mark
 
 double now() {
     return static_cast<double>(platform::Clock::system().monotonicMilliseconds());
@@ -153,7 +156,10 @@ bool ConveyThread::callHandler(const SoString& key, Message& message, SoString& 
     if (handler == nullptr) {
         return false;
     }
-    (void)handler->handleMessage(1, message, &answer);
+    if (!ConveyData::runForeign("the handler of the ping key " + std::string(key.view()),
+                                [&] { (void)handler->handleMessage(1, message, &answer); })) {
+        answer = CV_HANDLERFAILED;
+    }
     return true;
 }
 
@@ -232,18 +238,20 @@ void ConveyThread::run() {
     double nextRound = now();
     while (!stop_.load()) {
         const bool regular = now() >= nextRound;
-        const bool more = runRound();
+        const Outbox::Left rest = runRound();
         if (regular) {
             notePump();
             removeExpiredPingData();
             platform::TextMemory::giveBackWhenIdle();
             nextRound = now() + static_cast<double>(kRoundMilliseconds);
         }
-        if (stop_.load() || more) {
+        if (stop_.load() || rest.more) {
             continue;
         }
         const auto left = static_cast<int64_t>(nextRound - now());
-        pause(std::clamp<int64_t>(left, 0, kRoundMilliseconds));
+        pause(std::clamp<int64_t>(
+            rest.retryMilliseconds < 0 ? left : std::min(left, rest.retryMilliseconds), 0,
+            kRoundMilliseconds));
     }
 }
 
@@ -256,94 +264,104 @@ void ConveyThread::pause(int64_t milliseconds) {
     }
 }
 
-bool ConveyThread::runRound() {
-    const bool morePings = answerPings();
-    const bool moreMessages = serveInstances();
-    return morePings || moreMessages;
+Outbox::Left ConveyThread::runRound() {
+    Outbox::Left left;
+    left.more = answerPings();
+    left.join(outbox_.pass(stream().get(), Outbox::Carrier::round));
+    left.join(serveInstances());
+    if (left.large) {
+        wakeCourier();
+    }
+    return left;
 }
 
+// Counts messages, not texts: one text may hold any number of them.
 bool ConveyThread::answerPings() {
     const auto stream = this->stream();
-    std::set<std::string> full; // those whose queue is full: in this round they get no more time
-    sendUnsent(*stream, full);
-    for (int pings = 0; pings < kPingsAtOnce; ++pings) {
-        if (!stream->messagePending()) {
-            return false;
-        }
-        (void)stream->receive();
-        const SoString text = stream->getMessages();
-        for (const char* next = text.c_str(); *next != '\0' && !stop_.load();) {
-            Message message;
-            next = message.readFromString(next);
-            const auto handler = handlerFor(CV_MAIN);
-            SoString result;
-            SoString answer;
-            if (handler != nullptr && handler->handleMessage(1, message, &result) == 0 &&
-                !message.getSender().isEmpty() && writeResponse(message, result, answer)) {
-                sendOrKeep(*stream, message, std::move(answer), full);
+    for (int pings = 0; pings < kPingsAtOnce && !stop_.load(); ++pings) {
+        while (nextPing_ >= pings_.length()) {
+            if (!stream->messagePending()) {
+                pings_ = SoString();
+                nextPing_ = 0;
+                return false;
             }
+            (void)stream->receive();
+            pings_ = stream->getMessages();
+            nextPing_ = 0;
         }
+        Message message;
+        nextPing_ = message.readFromString(pings_, nextPing_);
+        answerPing(message);
     }
     return true;
 }
 
-// Answers go one behind the other to each asker. Nobody is waited for longer than a moment; what an
-// asker does not take then is kept for as long as it waits itself, and within a bound.
-void ConveyThread::sendOrKeep(const InterAppStream& stream, const Message& question,
-                              SoString&& answer, std::set<std::string>& full) {
-    const SoString& asker = question.getSender();
-    const std::string name(asker.view());
-    if (full.count(name) == 0 && stream.send(asker, answer, kAnswerMilliseconds)) {
+void ConveyThread::answerPing(Message& message) {
+    // A background thread asks nothing: what comes from one is an answer, and answering that would
+    // go on for ever.
+    if (!message.getUserHeaderValue(kPingNumberHeader).isEmpty() ||
+        message.getSender().view().ends_with(kThreadSuffix)) {
         return;
     }
-    if (stream.canOpen(asker, false)) {
-        return; // it is gone
+    const auto handler = handlerFor(CV_MAIN);
+    SoString result;
+    int32_t code = 1;
+    if (handler != nullptr && !ConveyData::runForeign("the handler of pings", [&] {
+            code = handler->handleMessage(1, message, &result);
+        })) {
+        code = 0;
+        result = CV_HANDLERFAILED;
     }
-    full.insert(name);
-    if (unsentBytes_ + answer.length() <= kMaximumUnsentBytes && unsent_.size() < kMaximumUnsent) {
-        const double seconds =
-            std::clamp(static_cast<double>(question.getTimeout()), 1.0, kLongestAnswerSeconds);
-        unsentBytes_ += answer.length();
-        unsent_.push_back({asker, std::move(answer), now() + 1000 * seconds});
-    }
-}
-
-void ConveyThread::sendUnsent(const InterAppStream& stream, std::set<std::string>& full) {
-    for (auto answer = unsent_.begin(); answer != unsent_.end();) {
-        const std::string name(answer->asker.view());
-        if (full.count(name) == 0 && !stream.send(answer->asker, answer->text, 0) &&
-            now() < answer->deadline && !stream.canOpen(answer->asker, false)) {
-            full.insert(name);
-        }
-        if (full.count(name) != 0 && now() < answer->deadline) {
-            ++answer;
-        } else {
-            unsentBytes_ -= answer->text.length();
-            answer = unsent_.erase(answer);
-        }
+    if (code == 0 && !message.getSender().isEmpty()) {
+        (void)sendResponse(message, result);
     }
 }
 
-bool ConveyThread::serveInstances() {
+Outbox::Left ConveyThread::serveInstances() {
+    Outbox::Left left;
     ConveyContext* const context = context_.load();
     if (context == nullptr) {
-        return false;
+        return left;
     }
-    bool more = false;
     bool waiting = false;
     for (int32_t i = 0; !stop_.load(); ++i) {
         const auto instance = context->pinNth(i);
         if (instance == nullptr) {
             break;
         }
-        more = instance->receiveArrived() || more;
-        instance->processOutgoing(true);
+        left.more = instance->receiveArrived() || left.more;
+        left.join(instance->processOutgoing());
         waiting = waiting || instance->outgoingPending();
     }
     if (wait_ != nullptr) {
         wait_->watchNames(waiting);
     }
-    return more;
+    return left;
+}
+
+void ConveyThread::wakeCourier() {
+    const ObjectLock guard(*this);
+    if (courier_ == nullptr && !stop_.load()) {
+        courier_ = std::make_unique<ConveyCourier>([this] { return carry(); });
+        courier_->start();
+    }
+    if (courier_ != nullptr) {
+        courier_->wake();
+    }
+}
+
+// The courier's round; the milliseconds until the next.
+int64_t ConveyThread::carry() {
+    Outbox::Left left = outbox_.pass(stream().get(), Outbox::Carrier::courier);
+    ConveyContext* const context = context_.load();
+    for (int32_t i = 0; context != nullptr && !stop_.load(); ++i) {
+        const auto instance = context->pinNth(i);
+        if (instance == nullptr) {
+            break;
+        }
+        left.join(instance->carryOutgoing());
+    }
+    return left.retryMilliseconds;
 }
 
 void ConveyThread::watchInstances() {
@@ -365,6 +383,15 @@ void ConveyThread::wake() {
 
 bool ConveyThread::stop() {
     stop_.store(true);
+    std::unique_ptr<ConveyCourier> courier;
+    {
+        const ObjectLock guard(*this);
+        courier = std::move(courier_);
+    }
+    if (courier != nullptr) { // it uses the context, too
+        (void)courier->stop();
+        (void)courier->waitForRunExit();
+    }
     if (isOwnThread()) {
         context_.store(nullptr);
         return false;
@@ -373,25 +400,28 @@ bool ConveyThread::stop() {
     return Thread::stop();
 }
 
-bool ConveyThread::sendResponse(const Message& request, const SoString& value) {
+Delivery ConveyThread::post(std::unique_ptr<Message> message) {
     const auto stream = this->stream();
-    SoString text;
-    return stream != nullptr && writeResponse(request, value, text) &&
-           stream->send(request.getSender(), text, kAnswerMilliseconds);
+    const Delivery delivery = outbox_.post(stream.get(), message);
+    if (delivery == Delivery::queued) {
+        wake();
+    }
+    return delivery;
 }
 
-bool ConveyThread::writeResponse(const Message& request, const SoString& value,
-                                 SoString& text) const {
-    Message answer;
-    answer.setTarget(request.getSender());
-    answer.setSender(getSpecifier());
-    answer.setType(CV_PING);
-    answer.setBody(request.getBody());
-    answer.setHeader(CV_ECHO_REQUEST, value.c_str());
+bool ConveyThread::sendResponse(const Message& request, const SoString& value) {
+    auto answer = std::make_unique<Message>();
+    answer->setTarget(request.getSender());
+    answer->setSender(getSpecifier());
+    answer->setType(CV_PING);
+    answer->setBody(request.getBody());
+    answer->setHeader(CV_ECHO_REQUEST, value.c_str());
     // Which of the asker's questions this answers: it may have asked before and given up.
-    answer.setHeader(kPingNumberHeader, static_cast<unsigned long>(request.getSerialNumber()));
-    answer.setSerialNumber(answer.getNextSerialNumber(context_.load()));
-    return answer.writeToString(text);
+    answer->setHeader(kPingNumberHeader, static_cast<unsigned long>(request.getSerialNumber()));
+    answer->setSerialNumber(answer->getNextSerialNumber(context_.load()));
+    // Kept for as long as its asker waits, within a bound.
+    answer->setTimeout(std::clamp(request.getTimeout(), uint32_t{1}, kLongestAnswerSeconds));
+    return post(std::move(answer)) != Delivery::refused;
 }
 
 SoString ConveyThread::ping(const SoString& target, const SoString& key, int32_t timeoutSeconds,

@@ -2,15 +2,13 @@
 
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <memory>
-#include <set>
-#include <string>
 #include <thread>
 #include <vector>
 
 #include "limits/Limits.h"
 #include "scriptobjects/convey/SoCVMessenger.h"
+#include "scriptobjects/convey/SoCVOutbox.h"
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoHeap.h"
 #include "scriptobjects/core/SoString.h"
@@ -23,6 +21,7 @@ class PortWait;
 namespace ScObjects {
 
 class ConveyContext;
+class ConveyCourier;
 class InterAppStream;
 
 // The background thread of this process: it answers pings from a table of keys and lets messages
@@ -55,6 +54,7 @@ public:
     static constexpr const char* CV_ISNOTINSTALLED = "ISNOTINSTALLED";
     static constexpr const char* CV_ISNOTRUNNING = "ISNOTRUNNING";
     static constexpr const char* CV_NOERROR = "NOERROR";
+    static constexpr const char* CV_HANDLERFAILED = "HANDLERFAILED"; // it threw an exception
 
     // Keys that other processes may set: as many as a table holds.
     static constexpr size_t kMaximumKeys = limits::of("thread.keys");
@@ -101,9 +101,15 @@ public:
     SoString ping(const SoString& target, const SoString& key, int32_t timeoutSeconds,
                   const SoString* parameters) const;
 
-    // Answers a ping with a value; the request's body goes back with it. False when the asker does
-    // not take the answer at once.
+    // Answers a ping with a value; the request's body goes back with it. Nobody waits: what the
+    // asker does not take at once is kept for as long as it waits itself. False when it is gone or
+    // nothing more is kept.
     bool sendResponse(const Convey::Message& request, const SoString& value);
+    // The same for any message, until its time-out.
+    ConveyData::Delivery post(std::unique_ptr<Convey::Message> message);
+
+    // Makes the observers that pings have named observe the main instance, when there is one.
+    void installForwarding();
 
     // Lets messages to instances that were added end the waits of this thread.
     void watchInstances();
@@ -114,10 +120,14 @@ public:
     // The moment this thread was made, in milliseconds since 1970.
     double startTime() const { return startTime_; }
 
+    // There is something for the courier, which is started when there is none.
+    void wakeCourier();
+
     // Appends the thread's rows of the diagnostics text.
     void appendDiagnostics(SoString& out, const SoString& path) const;
 
-    // Asks the thread to end; false on the thread itself, which cannot wait for its own end.
+    // Asks the thread to end; false on the thread itself, which cannot wait for its own end. Waits
+    // for the courier, and so at most for the text that it is about to hand over.
     bool stop() override;
     bool isOwnThread() const { return runner_.load() == std::this_thread::get_id(); }
 
@@ -131,22 +141,14 @@ private:
     PingData* findOrAddLocked(const SoString& key) SO_REQUIRES(this);
     bool openStream();
     std::shared_ptr<InterAppStream> stream() const;
-    // One round: answers pings, receives and sends for the instances; true when there is more.
-    bool runRound();
+    // One round: answers pings, receives and sends for the instances.
+    ConveyData::Outbox::Left runRound();
     bool answerPings();
-    bool writeResponse(const Convey::Message& request, const SoString& value, SoString& text) const;
-    void sendOrKeep(const InterAppStream& stream, const Convey::Message& question,
-                    SoString&& answer, std::set<std::string>& full);
-    void sendUnsent(const InterAppStream& stream, std::set<std::string>& full);
-    bool serveInstances();
+    void answerPing(Convey::Message& message);
+    ConveyData::Outbox::Left serveInstances();
+    int64_t carry();
     void notePump();
     void pause(int64_t milliseconds);
-
-    struct UnsentAnswer {
-        SoString asker;
-        SoString text;
-        double deadline; // milliseconds of the monotonic clock
-    };
 
     std::atomic<ConveyContext*> context_;
     std::atomic<bool> stop_{false};
@@ -158,8 +160,10 @@ private:
     std::vector<PingData> table_ SO_GUARDED_BY(this);
     double averagePump_ SO_GUARDED_BY(this) = 0; // milliseconds, 0 for unknown
     double lastPump_ SO_GUARDED_BY(this) = 0;
-    std::deque<UnsentAnswer> unsent_; // this and the next by the thread itself only
-    int64_t unsentBytes_ = 0;
+    ConveyData::Outbox outbox_{ConveyData::Outbox::Kind::pings}; // answers, and what is forwarded
+    std::unique_ptr<ConveyCourier> courier_ SO_GUARDED_BY(this); // null until it is needed
+    SoString pings_;       // being answered; this and the next by the thread itself only
+    int32_t nextPing_ = 0; // where the next one begins
 };
 
 } // namespace ScObjects

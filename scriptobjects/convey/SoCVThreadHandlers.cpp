@@ -1,5 +1,7 @@
 #include "scriptobjects/convey/SoCVThreadHandlers.h"
 
+#include <algorithm>
+#include <iterator>
 #include <memory>
 #include <string>
 
@@ -17,8 +19,19 @@ namespace {
 
 constexpr uint32_t kForwardedSeconds = limits::of("forward.age");
 
+constexpr const char* kForwardingKeys[] = {
+    ConveyData::CV_FORWARD_MESSAGES, ConveyData::CV_FORWARD_ERRORS, ConveyData::CV_FORWARD_LOGS};
+
 bool isForwardingKey(const SoString& key) {
-    return key == "FWDMESSAGES" || key == "FWDERRORS" || key == "FWDLOGS";
+    return std::any_of(std::begin(kForwardingKeys), std::end(kForwardingKeys),
+                       [&key](const char* forwarding) { return key == forwarding; });
+}
+
+void observe(ConveyData::PrivateData& main, const SoString& key, const SoString& observer) {
+    // An observer of this key that was there before is gone with what is replaced.
+    const std::unique_ptr<Convey::MsgHandler> replaced(
+        observer.isEmpty() ? main.removeHandler(key, ConveyData::CV_INVALID_MESSAGE_NUMBER)
+                           : main.changeHandler(new ThreadForwardMsgHandler(observer, key)));
 }
 
 SoString stringOf(std::string_view text) {
@@ -26,6 +39,17 @@ SoString stringOf(std::string_view text) {
 }
 
 } // namespace
+
+void ConveyThread::installForwarding() {
+    const ConveyContext* const context = context_.load();
+    const auto main = context == nullptr ? nullptr : context->pinMain();
+    for (const char* key : kForwardingKeys) {
+        const SoString observer = main == nullptr ? SoString() : getValueForKey(key);
+        if (!observer.isEmpty()) {
+            observe(*main, key, observer);
+        }
+    }
+}
 
 int32_t ThreadMainMsgHandler::handleMessage(int /*event*/, Convey::Message& message,
                                             SoString* result) {
@@ -47,10 +71,7 @@ int32_t ThreadMainMsgHandler::handleMessage(int /*event*/, Convey::Message& mess
 SoString ThreadMainMsgHandler::setKey(const SoString& key, const SoString& value) const {
     if (isForwardingKey(key)) {
         if (const auto main = context_->pinMain()) {
-            // An observer of this key that was there before is gone with what is replaced.
-            const std::unique_ptr<Convey::MsgHandler> replaced(
-                value.isEmpty() ? main->removeHandler(key, ConveyData::CV_INVALID_MESSAGE_NUMBER)
-                                : main->changeHandler(new ThreadForwardMsgHandler(value, key)));
+            observe(*main, key, value);
         }
     }
     (void)thread_->setKeyValuePair(key, value);
@@ -108,21 +129,22 @@ int32_t ThreadForwardMsgHandler::handleMessage(int /*event*/, Convey::Message& m
                                                SoString* /*result*/) {
     const ConveyContext* const context = ConveyContext::currentContextNow();
     const auto main = context == nullptr ? nullptr : context->pinMain();
-    const InterAppStream* const stream = main == nullptr ? nullptr : InterAppStream::get();
-    if (stream == nullptr) {
+    if (main == nullptr) {
         return 1;
     }
-    message.setTarget(observer_);
-    message.setSender(main->appName());
-    message.setType(key_);
-    message.setTimeout(kForwardedSeconds);
-    message.setSerialNumber(message.getNextSerialNumber(nullptr));
-    SoString text;
-    if (message.writeToString(text) && stream->send(observer_, text, 0)) {
+    auto forwarded = std::make_unique<Convey::Message>(message);
+    forwarded->setTarget(observer_);
+    forwarded->setSender(main->appName());
+    forwarded->setType(key_);
+    forwarded->setTimeout(kForwardedSeconds);
+    forwarded->setSerialNumber(message.getNextSerialNumber(nullptr));
+    ConveyThread* const thread = context->getThread();
+    if (thread->post(std::move(forwarded)) != ConveyData::Delivery::refused) {
         return 0;
     }
-    if (stream->canOpen(observer_, false)) { // nobody is there any more
-        (void)context->getThread()->setKeyValuePair(key_, SoString());
+    const InterAppStream* const stream = InterAppStream::get();
+    if (stream != nullptr && stream->canOpen(observer_, false)) { // nobody is there any more
+        (void)thread->setKeyValuePair(key_, SoString());
         (void)main->deleteHandler(this);
     }
     return 1;

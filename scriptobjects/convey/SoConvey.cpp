@@ -289,7 +289,8 @@ void Convey::set(Convey* instance, ConveyContext* context) {
 bool Convey::sendThroughMainInstance(Message& message) {
     const ConveyContext* const context = ConveyContext::currentContextNow();
     const auto main = context == nullptr ? nullptr : context->pinMain();
-    return main != nullptr && main->send(message, false, 0, nullptr);
+    return main != nullptr &&
+           main->post(std::make_unique<Message>(message)) != ConveyData::Delivery::refused;
 }
 
 bool Convey::targetIsRunning(const char* target) {
@@ -344,7 +345,7 @@ bool Convey::pump(EnabledOperations operations, ConveyContext* context) {
                 }
             }
             if ((operations & kProcessOutgoing) != 0) {
-                instance->processOutgoing(false);
+                (void)instance->processOutgoing();
             }
         }
         setStatus(ConveyThread::CV_IDLE);

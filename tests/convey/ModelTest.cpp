@@ -217,6 +217,9 @@ TEST_F(ModelTest, queue) {
             const MessageQueue::Load load = queue.loadOf(target);
             ASSERT_EQ(load.messages, std::count(seen.begin(), seen.end(), ' '));
             ASSERT_EQ(load.bytes, static_cast<int64_t>(seen.size()) - load.messages);
+            ASSERT_EQ(queue.answers().messages,
+                      std::count_if(model.begin(), model.end(),
+                                    [](const Queued& m) { return m.answer; }));
             const std::vector<std::string> targets = queue.targets();
             ASSERT_EQ(std::count(targets.begin(), targets.end(), target), seen.empty() ? 0 : 1);
             break;

@@ -1,0 +1,40 @@
+#include "scriptobjects/convey/SoCVCourier.h"
+
+#include <chrono>
+
+namespace ScObjects {
+
+void ConveyCourier::wake() {
+    {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        woken_ = true;
+    }
+    changed_.notify_all();
+}
+
+bool ConveyCourier::stop() {
+    {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        stopped_ = true;
+    }
+    changed_.notify_all();
+    return Thread::stop();
+}
+
+void ConveyCourier::run() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (!stopped_) {
+        woken_ = false;
+        lock.unlock();
+        const int64_t milliseconds = carry_();
+        lock.lock();
+        const auto isAwaited = [this] { return woken_ || stopped_; };
+        if (milliseconds < 0) {
+            changed_.wait(lock, isAwaited);
+        } else {
+            (void)changed_.wait_for(lock, std::chrono::milliseconds(milliseconds), isAwaited);
+        }
+    }
+}
+
+} // namespace ScObjects

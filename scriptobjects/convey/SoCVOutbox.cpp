@@ -1,0 +1,386 @@
+#include "scriptobjects/convey/SoCVOutbox.h"
+
+#include <algorithm>
+#include <chrono>
+#include <vector>
+
+#include "limits/Limits.h"
+#include "platform/Clock.h"
+#include "platform/Log.h"
+#include "scriptobjects/convey/SoCVInstanceParts.h"
+#include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoCVUtils.h"
+#include "scriptobjects/convey/SoCVWords.h"
+#include "scriptobjects/core/SoNumber.h"
+#include "scriptobjects/stream/InterAppStream.h"
+
+namespace ScObjects::ConveyData {
+namespace {
+
+using Message = Convey::Message;
+
+constexpr int64_t kPassMilliseconds = limits::of("send.pass");
+constexpr int64_t kLongestPause = limits::of("thread.round");
+constexpr int32_t kLargeMilliseconds = limits::of("send.large");
+// With its header such a text may still be a packet; if not, its parts are few.
+constexpr int32_t kLargeBytes = limits::of("port.packet");
+// A message that finds no target is kept alive for this long.
+constexpr uint32_t kQueueSeconds = limits::of("queue.age");
+
+// A target that takes nothing must not fill this process's memory.
+struct Bounds {
+    int32_t messages;
+    int64_t bytes;
+    bool reachedBy(const MessageQueue::Load& load) const {
+        return load.messages >= messages || load.bytes >= bytes;
+    }
+};
+constexpr Bounds kOwners{limits::of("queue.outgoing.messages"), limits::of("queue.outgoing.bytes")};
+constexpr Bounds kAnswers{limits::of("queue.answers.messages"), limits::of("queue.answers.bytes")};
+constexpr Bounds kShare{limits::of("queue.answers.share.messages"),
+                        limits::of("queue.answers.share.bytes")};
+constexpr Bounds kPings{limits::of("thread.unsent.answers"), limits::of("thread.unsent.bytes")};
+
+int64_t now() {
+    return platform::Clock::system().monotonicMilliseconds();
+}
+
+bool isLogged() {
+    return ConveyUtils::isForwarding(CV_FORWARD_LOGS);
+}
+
+} // namespace
+
+// The right to send from a line, for the life of the object, when there is one.
+class Outbox::Turn {
+public:
+    // At once, when the line is due.
+    Turn(Outbox& outbox, std::string target, Carrier carrier, Left& left)
+        : outbox_(outbox), target_(std::move(target)) {
+        const std::lock_guard<std::mutex> guard(outbox_.mutex_);
+        Line& line = outbox_.lines_[target_];
+        if (outbox_.isDue(line, carrier, now(), left)) {
+            take(line);
+        }
+    }
+    // Whether it is due or not, once no other thread has the turn.
+    Turn(Outbox& outbox, std::string target, int64_t milliseconds)
+        : outbox_(outbox), target_(std::move(target)) {
+        std::unique_lock<std::mutex> lock(outbox_.mutex_);
+        const bool free = outbox_.given_.wait_for(lock, std::chrono::milliseconds(milliseconds),
+                                                  [this] { return !outbox_.lines_[target_].busy; });
+        if (free) {
+            take(outbox_.lines_[target_]);
+        }
+    }
+    ~Turn() {
+        if (line_ != nullptr) {
+            {
+                const std::lock_guard<std::mutex> guard(outbox_.mutex_);
+                line_->busy = false;
+            }
+            outbox_.given_.notify_all();
+        }
+    }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+
+    explicit operator bool() const { return line_ != nullptr; }
+    Line& line() { return *line_; }
+    const std::string& target() const { return target_; }
+
+private:
+    void take(Line& line) {
+        line.busy = true;
+        line_ = &line;
+    }
+
+    Outbox& outbox_;
+    const std::string target_;
+    Line* line_ = nullptr; // stays where it is: a busy line is not forgotten
+};
+
+// The first message of a line, as far as it is wanted.
+struct Outbox::Attempt {
+    bool found = false;
+    bool large = false;
+    bool written = false;
+    uint64_t position = 0;
+    SoString text;
+    std::unique_ptr<Message> event; // a copy for who watches events
+};
+
+void Outbox::Left::join(const Left& other) {
+    more = more || other.more;
+    large = large || other.large;
+    if (other.retryMilliseconds >= 0) {
+        retryMilliseconds = retryMilliseconds < 0
+                                ? other.retryMilliseconds
+                                : std::min(retryMilliseconds, other.retryMilliseconds);
+    }
+}
+
+bool Outbox::isFree(const SoString& target) const {
+    return queue_.loadOf(std::string(target.view())).messages == 0;
+}
+
+// What it answers does not count for an owner: an asker that takes nothing must not keep it from
+// sending to others.
+bool Outbox::hasRoom() const {
+    const MessageQueue::Load answers = queue_.answers();
+    return !kOwners.reachedBy(
+        {queue_.count() - answers.messages, queue_.bodyBytes() - answers.bytes});
+}
+
+// Nothing is refused to who has nothing kept: of many that take nothing, none is left out.
+bool Outbox::mayKeep(const std::string& target) const {
+    const Bounds& bounds = kind_ == Kind::messages ? kAnswers : kPings;
+    return queue_.loadOf(target).messages == 0 || !bounds.reachedBy(queue_.answers());
+}
+
+bool Outbox::isHeldUp(const SoString& asker) const {
+    const MessageQueue::Load own = queue_.loadOf(std::string(asker.view()));
+    const MessageQueue::Load all = queue_.answers();
+    return own.messages != 0 &&
+           (kShare.reachedBy(own) || kAnswers.reachedBy({2 * all.messages, 2 * all.bytes}));
+}
+
+bool Outbox::queue(std::unique_ptr<Message>& message) {
+    if (!queue_.append(message.get())) {
+        return false;
+    }
+    (void)message.release(); // the queue's now
+    return true;
+}
+
+Delivery Outbox::post(const InterAppStream* stream, std::unique_ptr<Message>& message) {
+    if (stream == nullptr) {
+        return Delivery::refused;
+    }
+    const SoString target = message->getTarget();
+    const bool large = message->getBody().length() > kLargeBytes;
+    if (!large && isFree(target)) {
+        SoString text;
+        if (!message->writeToString(text)) {
+            return Delivery::refused;
+        }
+        if (stream->send(target, text, 0)) {
+            return Delivery::delivered;
+        }
+    }
+    if (stream->presenceOf(target) == InterAppStream::Presence::absent) {
+        return Delivery::refused; // it is gone, and nobody else is meant
+    }
+    const std::string name(target.view());
+    if (!mayKeep(name)) {
+        platform::Log::system().problem("answers to " + name +
+                                        " are lost: it takes none, and no more are kept");
+        return Delivery::refused;
+    }
+    if (!queue_.append(message.get(), true)) {
+        return Delivery::refused;
+    }
+    (void)message.release(); // the queue's now
+    noteKept(name, large);
+    return Delivery::queued;
+}
+
+void Outbox::noteKept(const std::string& target, bool large) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    const auto [line, isNew] = lines_.try_emplace(target);
+    if (isNew && !large) { // it has just taken nothing
+        line->second.pause = 1;
+        line->second.retryAt = now() + 1;
+    }
+}
+
+bool Outbox::isDue(const Line& line, Carrier carrier, int64_t now, Left& left) const {
+    if (line.busy) {
+        return false;
+    }
+    if (line.large != (carrier == Carrier::courier)) {
+        left.large = left.large || line.large;
+        return false;
+    }
+    if (line.retryAt > now) {
+        left.join({false, false, line.retryAt - now});
+        return false;
+    }
+    return true;
+}
+
+// Lines whose messages went by other ways: expired, taken back.
+void Outbox::forgetEmptyLines() {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    std::erase_if(lines_, [this](const auto& line) {
+        return !line.second.busy && queue_.loadOf(line.first).messages == 0;
+    });
+}
+
+Outbox::Left Outbox::pass(const InterAppStream* stream, Carrier carrier) {
+    Left left;
+    queue_.removeExpiredMessages();
+    const std::vector<std::string> targets = queue_.targets();
+    forgetEmptyLines();
+    const int64_t end = carrier == Carrier::round ? now() + kPassMilliseconds : INT64_MAX;
+    size_t first = 0;
+    {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        first = first_;
+    }
+    for (size_t i = 0; i < targets.size() && !left.more; ++i) {
+        Turn turn(*this, targets[(first + i) % targets.size()], carrier, left);
+        if (turn) {
+            send(stream, turn, carrier, end, left);
+            left.more = left.more || now() >= end;
+        }
+        if (left.more) {
+            const std::lock_guard<std::mutex> guard(mutex_);
+            first_ = first + i + 1;
+        }
+    }
+    return left;
+}
+
+Outbox::Attempt Outbox::nextOf(Turn& turn, Carrier carrier) {
+    Attempt next;
+    Line& line = turn.line();
+    std::unique_ptr<Message> copy;
+    const bool logged = kind_ == Kind::messages && isLogged();
+    next.found = queue_.visitNextFor(turn.target(), next.position, [&](const Message& message) {
+        next.large = message.getBody().length() > kLargeBytes;
+        if (next.large && carrier == Carrier::round) {
+            return;
+        }
+        if (next.large || logged) {
+            copy = std::make_unique<Message>(message);
+        }
+        if (line.textPosition == next.position) {
+            next.text = line.text;
+            next.written = true;
+        } else if (!next.large) {
+            next.written = message.writeToString(next.text);
+        }
+    });
+    if (next.found && next.large && copy != nullptr) {
+        next.written = copy->writeToString(next.text); // it takes long: not under the queue's lock
+    }
+    if (logged) {
+        next.event = std::move(copy);
+    }
+    return next;
+}
+
+void Outbox::send(const InterAppStream* stream, Turn& turn, Carrier carrier, int64_t end,
+                  Left& left) {
+    Line& line = turn.line();
+    const SoString target(turn.target());
+    for (bool sentAny = false;; sentAny = true) {
+        Attempt next = nextOf(turn, carrier);
+        line.large = next.large;
+        if (!next.found) {
+            return;
+        }
+        if (next.large && carrier == Carrier::round) {
+            left.large = true;
+            return;
+        }
+        if (stream == nullptr || !next.written) {
+            (void)queue_.drop(next.position);
+        } else if (stream->send(target, next.text, next.large ? kLargeMilliseconds : 0)) {
+            (void)queue_.drop(next.position);
+            if (next.event != nullptr) {
+                logEvent("SEND ENQUEUED MESSAGE", *next.event);
+            }
+        } else {
+            if (!next.large) {
+                line.text = std::move(next.text);
+                line.textPosition = next.position;
+            }
+            noteFailure(*stream, turn, sentAny, left);
+            return;
+        }
+        line.text = SoString();
+        line.textPosition = 0;
+        line.pause = line.retryAt = 0;
+        if (now() >= end) {
+            left.more = true;
+            return;
+        }
+    }
+}
+
+// A target that has just taken something takes more in a moment. One that is absent is tried in
+// each pass, since a name that appears is told, and passes are few until then.
+void Outbox::noteFailure(const InterAppStream& stream, Turn& turn, bool sentAny, Left& left) {
+    Line& line = turn.line();
+    if (stream.presenceOf(SoString(turn.target())) == InterAppStream::Presence::absent) {
+        (void)queue_.dropAnswersFor(turn.target()); // whoever has the name next did not ask
+        line.pause = line.retryAt = 0;
+    } else {
+        line.pause = sentAny ? 1 : std::clamp<int64_t>(2 * line.pause, 1, kLongestPause);
+        line.retryAt = now() + line.pause;
+        left.join({false, false, line.pause});
+    }
+    const uint32_t second = ConveyUtils::getTimeSeconds();
+    if (kind_ == Kind::messages && line.requeuedSecond != second) {
+        line.requeuedSecond = second;
+        requeue(turn.target());
+    }
+}
+
+// Kept alive while it is young, then given a time at which it ends.
+void Outbox::requeue(const std::string& target) {
+    const bool logged = isLogged();
+    const uint32_t seconds = ConveyUtils::getTimeSeconds();
+    uint64_t position = 0;
+    for (;;) {
+        uint32_t stamp = 0;
+        uint32_t timeout = 0;
+        std::unique_ptr<Message> event;
+        if (!queue_.visitNextFor(target, position, [&](const Message& message) {
+                const SoString queued = message.getUserHeaderValue(CV_QUEUESTAMP);
+                stamp = queued.isEmpty() ? message.getTimestamp() : parseUnsigned32(queued.c_str());
+                timeout = message.getTimeout();
+                event = logged ? std::make_unique<Message>(message) : nullptr;
+            })) {
+            return;
+        }
+        if (seconds < stamp + kQueueSeconds) {
+            (void)queue_.keep(position, seconds, timeout, stamp);
+        } else {
+            const uint32_t last = timeout == 0               ? 1
+                                  : timeout >= kQueueSeconds ? kQueueSeconds - 1
+                                                             : timeout;
+            (void)queue_.keep(position, stamp, last, stamp);
+        }
+        if (event != nullptr) {
+            logEvent("REQUEUED MESSAGE ", *event);
+        }
+    }
+}
+
+bool Outbox::drain(const InterAppStream& stream, const SoString& target, int64_t milliseconds) {
+    const int64_t end = now() + milliseconds;
+    const auto left = [end] { return std::max<int64_t>(end - now(), 0); };
+    for (bool sentAny = false; !isFree(target); sentAny = true) {
+        Turn turn(*this, std::string(target.view()), left());
+        if (!turn) {
+            return false;
+        }
+        Attempt next = nextOf(turn, Carrier::courier);
+        if (next.found && next.written &&
+            !stream.send(target, next.text, static_cast<int32_t>(left()))) {
+            Left ignored;
+            noteFailure(stream, turn, sentAny, ignored);
+            return isFree(target);
+        }
+        (void)queue_.drop(next.position);
+        if (next.event != nullptr && next.written) {
+            logEvent("SEND ENQUEUED MESSAGE", *next.event);
+        }
+    }
+    return true;
+}
+
+} // namespace ScObjects::ConveyData

@@ -1,0 +1,119 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+#include "scriptobjects/convey/SoCVMessageQueue.h"
+#include "scriptobjects/core/SoExport.h"
+#include "scriptobjects/core/SoString.h"
+
+namespace ScObjects {
+
+class InterAppStream;
+
+namespace ConveyData {
+
+// How far a message came.
+enum class Delivery {
+    refused,   // it goes nowhere: nobody owns the target's name, or nothing more is kept
+    queued,    // it waits for its target, in order, and is sent when that takes it
+    delivered, // it lies in the target's queue
+};
+
+// What waits to be sent to other processes: a line for each target, in order.
+//
+// Who sends chooses the patience. An owner who sends may wait for a target (`drain`, then its own
+// send). Everything else - acknowledgements, results, notices, answers to pings, forwarding and the
+// passes over what was kept - never waits: what a target does not take at once is kept, within
+// bounds, and tried again at growing intervals until it is taken, its time is over or the target is
+// gone. Only a text that does not fit into a packet needs its target's help to pass; the courier
+// (see SoCVCourier.h) carries these, so that whoever else sends waits for none of them.
+//
+// A target that takes nothing holds up what is behind it in its own line, and nothing else.
+//
+// Owns its messages. Threads: any. A line is sent from by one thread at a time; no lock is held
+// while a stream is asked or an observer is told.
+class SO_EXPORT Outbox {
+public:
+    enum class Kind {
+        messages, // of an instance: what finds no target is kept alive for ten minutes
+        pings,    // of the background thread: each ends with its own time-out
+    };
+    // Who makes a pass: the background and the owner's pump wait for nobody; the courier takes the
+    // lines that begin with a large text, and waits a moment for these.
+    enum class Carrier { round, courier };
+
+    // What is left after a pass.
+    struct Left {
+        bool more = false;  // the pass's time was up: there is more that may be sent now
+        bool large = false; // there is work for the courier
+        int64_t retryMilliseconds = -1; // until a line is tried again; -1: none waits for time
+        void join(const Left& other);
+    };
+
+    explicit Outbox(Kind kind) : kind_(kind) {}
+    Outbox(const Outbox&) = delete;
+    Outbox& operator=(const Outbox&) = delete;
+
+    // The background's way out. Takes the message over, and leaves it null, when it is queued.
+    // `stream`: null when there is none, which refuses.
+    Delivery post(const InterAppStream* stream, std::unique_ptr<Convey::Message>& message);
+
+    // The owner's way: makes sure that nothing waits for `target` any more, for at most so many
+    // milliseconds. False when something does.
+    bool drain(const InterAppStream& stream, const SoString& target, int64_t milliseconds);
+    // Whether nothing waits for `target`, so that a send overtakes nothing.
+    bool isFree(const SoString& target) const;
+    // Queues an owner's message for a target that cannot be reached yet. False, and it stays the
+    // caller's, without sender or target.
+    bool queue(std::unique_ptr<Convey::Message>& message);
+    // Whether an owner may queue one more.
+    bool hasRoom() const;
+
+    // Sends what can be sent, in a short time; see Left. Without a stream it is deleted.
+    Left pass(const InterAppStream* stream, Carrier carrier);
+
+    // True while so much is kept for `asker` that its further requests had better wait.
+    bool isHeldUp(const SoString& asker) const;
+
+    // What waits, for diagnostics and for taking messages back.
+    MessageQueue& messages() { return queue_; }
+    const MessageQueue& messages() const { return queue_; }
+
+private:
+    // The state of a line that has messages, or had some a moment ago.
+    struct Line {
+        bool busy = false;  // a thread sends from it: what is below is that thread's
+        bool large = false; // its first text is the courier's
+        int64_t pause = 0;  // milliseconds between attempts, doubled each time
+        int64_t retryAt = 0;
+        uint32_t requeuedSecond = 0;
+        uint64_t textPosition = 0; // of the message that `text` is: written once for many attempts
+        SoString text;
+    };
+    class Turn;
+    struct Attempt;
+
+    bool mayKeep(const std::string& target) const;
+    void noteKept(const std::string& target, bool large);
+    bool isDue(const Line& line, Carrier carrier, int64_t now, Left& left) const;
+    void send(const InterAppStream* stream, Turn& turn, Carrier carrier, int64_t end, Left& left);
+    Attempt nextOf(Turn& turn, Carrier carrier);
+    void noteFailure(const InterAppStream& stream, Turn& turn, bool sentAny, Left& left);
+    void requeue(const std::string& target);
+    void forgetEmptyLines();
+
+    const Kind kind_;
+    MessageQueue queue_;
+    mutable std::mutex mutex_;      // guards the lines; never held while anything else is called
+    std::condition_variable given_; // a turn was given back
+    std::unordered_map<std::string, Line> lines_;
+    size_t first_ = 0; // the line that a pass begins with: each has its turn
+};
+
+} // namespace ConveyData
+} // namespace ScObjects
