@@ -1,26 +1,14 @@
 // The commands that change the database.
 #include <fstream>
-#include <sys/stat.h>
 
 #include "caps/tool/Commands.h"
 #include "caps/tool/DesktopEntries.h"
+#include "caps/tool/Source.h"
 #include "caps/tool/Table.h"
 #include "caps/tool/TomlFile.h"
 
 namespace caps::tool {
 namespace {
-
-std::ifstream openFile(const std::string& file) {
-    struct stat status {};
-    if (stat(file.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
-        throw Failure(file + ": not a file");
-    }
-    std::ifstream stream(file, std::ios::binary);
-    if (!stream) {
-        throw Failure(file + ": cannot be read");
-    }
-    return stream;
-}
 
 Status replaceProduct(Store& store, const Product& product, bool& replaced) {
     const Status status = store.removeProduct(product.code);

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <string>
 
+#include "caps/config/Merge.h"
 #include "caps/tool/Context.h"
 #include "caps/tool/Registry.h"
 
@@ -13,7 +14,12 @@ namespace caps::tool {
 // Makes an empty database, or brings one up to date.
 int init(Context& context);
 
-// All of a file or nothing; "-" is standard input.
+struct ImportOptions {
+    std::string rule; // keep, replace or newer; empty: the file's usual one
+    bool dryRun = false;
+};
+// All of a file or nothing, whatever a registry is kept in; "-" is standard input.
+int import(Context& context, const std::string& file, const ImportOptions& options);
 int importToml(Context& context, const std::string& file);
 int importDesktop(Context& context, const std::string& folder);
 
@@ -30,10 +36,21 @@ int set(Context& context, int32_t domain, const std::string& name, const std::st
 int get(Context& context, int32_t domain, const std::string& name, const std::string& key);
 int remove(Context& context, int32_t domain, const std::string& name, const std::string& key);
 
+struct RemoveOptions {
+    bool yes = false; // it is meant
+    bool dryRun = false;
+};
+// Tells what goes, then removes it.
+int removeEntries(Context& context, const config::Selection& selection,
+                  const RemoveOptions& options);
+
 int list(Context& context);
 int listGroups(Context& context);
 int show(Context& context, const std::string& specifier);
 int exportAll(Context& context);
+int exportXml(Context& context);
+// Exit status 1 when the two differ.
+int diff(Context& context, const std::string& before, const std::string& after);
 // Exit status 1 when there is something to report.
 int check(Context& context);
 

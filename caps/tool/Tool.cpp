@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <functional>
 
+#include "caps/config/Document.h"
 #include "caps/tool/Commands.h"
 #include "caps/tool/TomlFile.h"
 
@@ -119,11 +120,23 @@ private:
     void addWholeDatabase() {
         add("init", "Make an empty database, or bring one up to date",
             [this] { return init(context_); });
-        auto& import = add("import", "Read registrations from a TOML file, all or none",
-                           [this] { return importToml(context_, file_); });
-        import.add_option("FILE", file_, "The file, or - for standard input")->required();
-        add("export", "Write the whole database as TOML for import",
-            [this] { return exportAll(context_); });
+        auto& importing = add("import", "Read registrations from a file, all or none",
+                              [this] { return import(context_, file_, importOptions_); });
+        importing
+            .add_option("FILE", file_,
+                        "TOML, an exported XML document or another database; - for standard input")
+            ->required();
+        importing.add_option("--rule", importOptions_.rule,
+                             "What wins where both have an entry: keep, replace or newer");
+        importing.add_flag("--dry-run", importOptions_.dryRun, "Only tell what would change");
+        auto& exporting = add("export", "Write the whole database as TOML for import", [this] {
+            return asXml_ ? exportXml(context_) : exportAll(context_);
+        });
+        exporting.add_flag("--xml", asXml_, "As an XML document");
+        auto& comparing = addQuery(app_, "diff", "Compare two registries; 1 when they differ",
+                                   [this] { return diff(context_, file_, value_); });
+        comparing.add_option("A", file_, "A database, an XML document or a TOML file")->required();
+        comparing.add_option("B", value_, "Another one")->required();
         auto& desktop =
             add("import-desktop", "Register the applications of a folder of .desktop files",
                 [this] { return importDesktop(context_, file_); });
@@ -188,8 +201,23 @@ private:
             .add_option("VALUE", value_)
             ->required();
         addEntry("get", "Print one value", [this] { return get(context_, domain_, name_, key_); });
-        addEntry("remove", "Remove one value",
-                 [this] { return remove(context_, domain_, name_, key_); });
+        auto& removing =
+            add("remove", "Remove an application, those of a product or a folder, or one value",
+                [this] { return removeWhatIsSaid(); });
+        auto* name = removing.add_option("NAME", name_, "A specifier, or a subdomain");
+        removing.add_option("KEY", key_, "Only this value of it")->needs(name);
+        removing.add_option("--domain", domain_, "The domain's number")->capture_default_str();
+        auto* product = removing.add_option("--product", selection_.product,
+                                            "The product and the applications of its payloads");
+        auto* folder = removing.add_option("--folder", selection_.folder,
+                                           "The applications that lie in the folder");
+        auto* all = removing.add_flag("--all", selection_.all, "All applications and groups");
+        name->excludes(product)->excludes(folder)->excludes(all);
+        product->excludes(folder)->excludes(all);
+        folder->excludes(all);
+        removing.add_flag("--yes", removeOptions_.yes, "Remove all, not only tell what that is")
+            ->needs(all);
+        removing.add_flag("--dry-run", removeOptions_.dryRun, "Only tell what would go");
     }
 
     void addGroups() {
@@ -219,6 +247,18 @@ private:
                  [this] { return check(context_); });
     }
 
+    int removeWhatIsSaid() {
+        if (!key_.empty()) {
+            return remove(context_, domain_, name_, key_);
+        }
+        selection_.specifier = name_;
+        if (name_.empty() && selection_.product.empty() && selection_.folder.empty() &&
+            !selection_.all) {
+            throw CLI::RequiredError("NAME, --product, --folder or --all");
+        }
+        return removeEntries(context_, selection_, removeOptions_);
+    }
+
     Context& context_;
     CLI::App app_{"Reads and writes the installed-product database.", "ovrel-caps"};
     std::function<int()> chosen_;
@@ -228,6 +268,10 @@ private:
     std::string value_;
     int32_t domain_ = kRegistryDomain;
     Group group_;
+    ImportOptions importOptions_;
+    bool asXml_ = false;
+    config::Selection selection_;
+    RemoveOptions removeOptions_;
     ApplicationOptions application_;
     ProductOptions product_;
     std::vector<std::string> pairs_;
@@ -250,6 +294,9 @@ int run(const std::vector<std::string>& arguments, std::istream& in, std::ostrea
         return 2;
     } catch (const Failure& failure) {
         err << "ovrel-caps: " << failure.what() << '\n';
+        return 1;
+    } catch (const config::DocumentError& error) {
+        err << "ovrel-caps: " << error.what() << '\n';
         return 1;
     } catch (const TomlError& error) {
         err << "ovrel-caps: " << error.what() << '\n';
