@@ -8,7 +8,6 @@
 namespace caps {
 namespace {
 
-constexpr const char* kSystemDatabase = "/var/lib/ovrel/caps.db";
 constexpr const char* kUserDatabase = "/ovrel/caps.db";
 
 std::string environment(const char* name) {

@@ -58,4 +58,11 @@ std::string effectiveSpecifier(const Subdomain& subdomain) {
     return specifier.empty() ? subdomain.name.substr(kAppPrefix.size()) : specifier;
 }
 
+std::string originOf(const Subdomain& subdomain) {
+    const bool byHand = subdomain.data.empty() ||
+                        std::any_of(subdomain.data.begin(), subdomain.data.end(),
+                                    [](const KeyValue& entry) { return entry.origin.empty(); });
+    return byHand ? std::string() : subdomain.data.front().origin;
+}
+
 } // namespace caps

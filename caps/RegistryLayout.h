@@ -41,5 +41,8 @@ std::optional<Group> parseGroup(const KeyValue& entry);
 std::string groupValue(const Group& group);
 // What the layer takes an application's specifier to be.
 std::string effectiveSpecifier(const Subdomain& subdomain);
+// The file that an application comes from: that of all its values, none (by hand) as soon as one of
+// them was written by hand.
+std::string originOf(const Subdomain& subdomain);
 
 } // namespace caps

@@ -100,6 +100,8 @@ inline constexpr size_t kMaxValueBytes = limits::of("database.value");
 // $XDG_DATA_HOME/ovrel/caps.db (~/.local/share without the variable), else /var/lib/ovrel/caps.db;
 // the first that exists, or the empty text. A set OVREL_CAPS_DB is never passed over.
 std::string findDatabase();
+// The one of the machine, which packages fill.
+inline constexpr const char* kSystemDatabase = "/var/lib/ovrel/caps.db";
 
 // Where a new database of this user belongs: $OVREL_CAPS_DB, else the user's own place, and
 // /var/lib/ovrel/caps.db for root.

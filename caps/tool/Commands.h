@@ -44,6 +44,10 @@ struct RemoveOptions {
 int removeEntries(Context& context, const config::Selection& selection,
                   const RemoveOptions& options);
 
+// Brings what packages' files say into the system's database, or the one that is named. Exit status
+// 1 when a file could not be read.
+int sync(Context& context, const std::vector<std::string>& folders, bool dryRun);
+
 int list(Context& context);
 int listGroups(Context& context);
 int show(Context& context, const std::string& specifier);

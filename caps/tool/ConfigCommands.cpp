@@ -1,10 +1,13 @@
 // The commands that take, compare and remove whole registries.
+#include <algorithm>
 #include <nlohmann/json.hpp>
+#include <sys/stat.h>
 
 #include "caps/config/Difference.h"
 #include "caps/config/Document.h"
 #include "caps/tool/Checks.h"
 #include "caps/tool/Commands.h"
+#include "caps/tool/DropIns.h"
 #include "caps/tool/Source.h"
 #include "caps/tool/Table.h"
 
@@ -121,6 +124,33 @@ int removeEntries(Context& context, const config::Selection& selection,
     context.out.flush(); // told before it is done
     context.expect(transaction.commit());
     return 0;
+}
+
+int sync(Context& context, const std::vector<std::string>& folders, bool dryRun) {
+    const std::vector<DropIn> files = readDropIns(
+        folders.empty() ? std::vector<std::string>{kPackagesFolder, kAdministratorsFolder}
+                        : folders);
+    if (context.databasePath.empty()) { // whoever runs it: packages are the system's
+        context.databasePath = kSystemDatabase;
+        (void)umask(S_IWGRP | S_IWOTH); // and everybody reads it
+    }
+    context.open(Store::Access::create);
+    Store::Transaction transaction(context.store());
+    context.expect(transaction.begin());
+    const Contents before = context.readAll();
+    std::vector<std::string> remarks;
+    context.expect(applyDropIns(context.store(), files, remarks));
+    tell(context, config::compare(before, context.readAll()));
+    for (const std::string& remark : remarks) {
+        context.err << "ovrel-caps: " << printable(remark) << '\n';
+    }
+    if (!dryRun) {
+        context.expect(transaction.commit());
+    }
+    return std::any_of(files.begin(), files.end(),
+                       [](const DropIn& file) { return !file.fault.empty(); })
+               ? 1
+               : 0;
 }
 
 } // namespace caps::tool

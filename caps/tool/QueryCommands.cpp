@@ -40,7 +40,7 @@ int listGroups(Context& context) {
 int list(Context& context) {
     context.open(Store::Access::read);
     const Contents contents = context.readAll();
-    Table table({"SPECIFIER", "NAME", "PATH"});
+    Table table({"SPECIFIER", "NAME", "PATH", "FROM"});
     Json rows = Json::array();
     for (const Subdomain& subdomain : contents.subdomains) {
         if (!isApplicationSubdomain(subdomain)) {
@@ -55,9 +55,14 @@ int list(Context& context) {
             specifier = subdomain.name.substr(kAppPrefix.size());
         }
         const std::string redirect = value(kRedirectKey);
+        const std::string origin = originOf(subdomain);
         table.add({specifier, value(kDisplayNameKey),
-                   redirect.empty() ? value(kPathKey) : "-> " + redirect});
+                   redirect.empty() ? value(kPathKey) : "-> " + redirect,
+                   origin.empty() ? "by hand" : origin});
         Json one = {{"specifier", specifier}};
+        if (!origin.empty()) {
+            one["origin"] = origin;
+        }
         for (const KeyValue& entry : subdomain.data) {
             if (entry.key != kSpecifierKey) {
                 one[entry.key] = entry.value;

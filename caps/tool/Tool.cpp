@@ -133,6 +133,13 @@ private:
             return asXml_ ? exportXml(context_) : exportAll(context_);
         });
         exporting.add_flag("--xml", asXml_, "As an XML document");
+        auto& syncing =
+            add("sync", "Bring what packages' files register into the system's database",
+                [this] { return sync(context_, folders_, importOptions_.dryRun); });
+        syncing.add_option("--from", folders_,
+                           "A folder of NAME.toml files; one of a later folder replaces its "
+                           "namesake (default: /usr/share/ovrel/caps.d, /etc/ovrel/caps.d)");
+        syncing.add_flag("--dry-run", importOptions_.dryRun, "Only tell what would change");
         auto& comparing = addQuery(app_, "diff", "Compare two registries; 1 when they differ",
                                    [this] { return diff(context_, file_, value_); });
         comparing.add_option("A", file_, "A database, an XML document or a TOML file")->required();
@@ -269,6 +276,7 @@ private:
     int32_t domain_ = kRegistryDomain;
     Group group_;
     ImportOptions importOptions_;
+    std::vector<std::string> folders_;
     bool asXml_ = false;
     config::Selection selection_;
     RemoveOptions removeOptions_;
