@@ -107,7 +107,7 @@ TEST_F(ToolTest, registersAndShows) {
     ASSERT_EQ(run({"add-app", "viewer-1.0", "--redirect", "lumen-2.0"}), 0);
     ASSERT_EQ(run({"list"}), 0);
     EXPECT_EQ(output, "SPECIFIER   NAME       PATH          FROM\n"
-                      "lumen-2.0   L & ?[31m  /opt/L\xC3\xBCmen   by hand\n"
+                      "lumen-2.0   L & ?[31m  /opt/L\xC3\xBCmen    by hand\n"
                       "viewer-1.0             -> lumen-2.0  by hand\n");
     ASSERT_EQ(run({"list", "--json"}), 0);
     EXPECT_EQ(output,
