@@ -8,6 +8,7 @@
 
 #include "scriptobjects/connector/SoCVConnectorAppInfo.h"
 #include "scriptobjects/connector/SoCVGroups.h"
+#include "scriptobjects/convey/SoCVDiagnosticsRows.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/convey/SoCVUtils.h"
 #include "scriptobjects/core/SoNumber.h"
@@ -30,15 +31,6 @@ struct Retired {
 Retired& retired() {
     static auto* const list = new Retired;
     return *list;
-}
-
-// A registered text as a field of a row: whoever registers is no author of rows.
-SoString inOneLine(const SoString& text) {
-    std::string line(text.view());
-    for (char& c : line) {
-        c = c == '\n' || c == ';' ? ' ' : c;
-    }
-    return SoString(line.c_str());
 }
 
 std::string_view majorVersion(std::string_view version) {
@@ -316,34 +308,43 @@ void ConveyConnector::noteLaunched(const SoString& specifier, uint32_t pid) {
 void ConveyConnector::appendDiagnostics(SoString& out, const SoString& path) const {
     SoString root = path;
     root << "/connector";
+    CVDiagnosticsRows rows(out, root);
     const uint32_t changed = getTimestamp();
-    out << root << ";1;Connector;" << getName() << ";\n";
-    out << root << "/name;0;Name;" << inOneLine(name_) << ";\n";
-    out << root << "/good;0;Readable;" << (isGood() ? "yes" : "no") << ";\n";
-    out << root << "/changed;0;Changed;"
-        << (changed != 0 ? ConveyUtils::getTimeString(&changed) : SoString("undefined")) << ";\n";
+    rows.node("", "Connector", getName());
+    rows.leaf("/name", "Name", name_);
+    rows.leaf("/good", "Readable", isGood() ? "yes" : "no");
+    rows.leaf("/changed", "Changed",
+              changed != 0 ? ConveyUtils::getTimeString(&changed) : SoString("undefined"));
     ObjectLock lock(*this);
     const CVConnectorAppInfoList& list = *getAppInfoListLocked();
-    SoString apps = root;
-    apps << "/apps";
-    out << apps << (list.count() != 0 ? ";1;" : ";0;") << "Applications;" << list.count() << ";\n";
-    for (int32_t i = 0; const CVConnectorAppInfo* info = list.get(i); ++i) {
-        const SoString name = inOneLine(info->specifier);
-        out << apps << "/" << name << ";1;" << name << ";" << inOneLine(info->path) << ";\n";
-        out << apps << "/" << name << "/name;0;Display name;" << inOneLine(info->displayName)
-            << ";\n";
-        out << apps << "/" << name << "/process;0;Process;";
-        if (info->processID != 0) {
-            out << info->processID << ";\n";
+    const auto heading = [&rows](int32_t entries, const char* name, const char* label) {
+        if (entries != 0) {
+            rows.node(name, label, entries);
         } else {
-            out << "undefined;\n";
+            rows.leaf(name, label, entries);
+        }
+    };
+    heading(list.count(), "/apps", "Applications");
+    for (int32_t i = 0; const CVConnectorAppInfo* info = list.get(i); ++i) {
+        SoString app("/apps/");
+        app << info->specifier;
+        rows.node(app.view(), info->specifier.view(), info->path);
+        SoString shownName(app);
+        shownName << "/name";
+        rows.leaf(shownName.view(), "Display name", info->displayName);
+        app << "/process";
+        if (info->processID != 0) {
+            rows.leaf(app.view(), "Process", info->processID);
+        } else {
+            rows.undefined(app.view(), "Process");
         }
     }
     const SoVector<SoString>& groups = groups_->texts();
-    out << root << (groups.count() != 0 ? "/groups;1;" : "/groups;0;") << "Groups;"
-        << groups.count() << ";\n";
+    heading(groups.count(), "/groups", "Groups");
     for (int32_t i = 0; i < groups.count(); ++i) {
-        out << root << "/groups/" << i << ";0;Entry;" << inOneLine(*groups[i]) << ";\n";
+        SoString entry("/groups/");
+        entry << i;
+        rows.leaf(entry.view(), "Entry", *groups[i]);
     }
 }
 

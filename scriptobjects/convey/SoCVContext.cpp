@@ -4,6 +4,7 @@
 #include <chrono>
 
 #include "scriptobjects/connector/SoCVConnector.h"
+#include "scriptobjects/convey/SoCVDiagnosticsRows.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVMessageGlobals.h"
@@ -240,19 +241,17 @@ SoString ConveyContext::getSignature() const {
 
 void ConveyContext::appendDiagnostics(SoString& out, const SoString& path) const {
     const Convey::Specifier own(getAppSpecifier().c_str(), false);
-    const auto row = [&](const char* name, const char* label, const SoString& value) {
-        out << path << name << ";0;" << label << ";" << value << ";\n";
-    };
-    out << path << "/context;1;Info;;\n";
-    row("/name", "Name", own);
-    row("/status", "Status", own.status());
+    CVDiagnosticsRows rows(out, path);
+    rows.node("/context", "Info");
+    rows.leaf("/name", "Name", own);
+    rows.leaf("/status", "Status", own.status());
     const SoString group = own.group(nullptr);
     if (!group.isEmpty()) {
-        row("/group", "Group", group);
+        rows.leaf("/group", "Group", group);
     }
-    row("/path", "Path", own.getApplicationPath(nullptr));
-    row("/version", "Version", Convey::kVersion);
-    row("/build", "Build", kBuild);
+    rows.leaf("/path", "Path", own.getApplicationPath(nullptr));
+    rows.leaf("/version", "Version", Convey::kVersion);
+    rows.leaf("/build", "Build", kBuild);
     SoString number;
     bool logging = false;
     {
@@ -260,15 +259,15 @@ void ConveyContext::appendDiagnostics(SoString& out, const SoString& path) const
         number << serialNumber_ + 1;
         logging = logging_;
     }
-    row("/nextsnr", "Next serial number", number);
-    row("/logging", "Logging:", logging ? "ON" : "OFF");
-    row("/now", "Now", ConveyUtils::getTimeString(nullptr));
-    out << path << "/messages;1;Messages;;\n";
-    row("/messages/version", "Message Version", Convey::Message().getVersion());
-    row("/messages/authentication", "Authentication",
-        Convey::Message::getAuthentication() ? "ON" : "OFF");
-    row("/messages/digest", "Digest",
-        ConveyData::MessageGlobals::get()->getCreateDigest() ? "ON" : "OFF");
+    rows.leaf("/nextsnr", "Next serial number", number);
+    rows.leaf("/logging", "Logging:", logging ? "ON" : "OFF");
+    rows.leaf("/now", "Now", ConveyUtils::getTimeString(nullptr));
+    rows.node("/messages", "Messages");
+    rows.leaf("/messages/version", "Message Version", Convey::Message().getVersion());
+    rows.leaf("/messages/authentication", "Authentication",
+              Convey::Message::getAuthentication() ? "ON" : "OFF");
+    rows.leaf("/messages/digest", "Digest",
+              ConveyData::MessageGlobals::get()->getCreateDigest() ? "ON" : "OFF");
 }
 
 uint64_t ConveyContext::activity() const {

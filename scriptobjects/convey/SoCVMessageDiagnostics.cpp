@@ -1,7 +1,8 @@
-// The rows that describe a message: path, level, label and value, each closed by ';'.
+// The rows that describe a message.
 #include <algorithm>
 #include <string>
 
+#include "scriptobjects/convey/SoCVDiagnosticsRows.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVUtils.h"
 
@@ -12,63 +13,69 @@ using namespace ConveyData;
 
 constexpr size_t kShownDigits = 8; // of a serial number, so that rows of one level line up
 
+// A leaf, or the row that says that there is none.
+void addOrUndefined(CVDiagnosticsRows& rows, bool has, const char* name, const char* label,
+                    const SoString& value) {
+    if (has) {
+        rows.leaf(name, label, value);
+    } else {
+        rows.undefined(name, label);
+    }
+}
+
+SoString decimal(uint32_t number) {
+    SoString text;
+    text << number;
+    return text;
+}
+
+void addBody(CVDiagnosticsRows& rows, const SoString& body) {
+    if (body.isEmpty()) {
+        rows.leaf("/body", "Body", "(empty)");
+        return;
+    }
+    rows.node("/body", "Body", static_cast<uint32_t>(body.length()), " bytes");
+    const std::string_view text = body.view();
+    const std::string firstLine(text.substr(0, text.find('\n')));
+    rows.unclosedLeaf("/body/text", "Text", firstLine.c_str()); // up to a zero byte, too
+}
+
 } // namespace
 
 void Convey::Message::appendDiagnostics(SoString& out, const SoString& root) const {
     SoString path = root;
     path << "/msg" << serialNumber_;
-    const auto row = [&](const char* name, const char* label, const SoString& value) {
-        out << path << name << ";0;" << label << ";" << value << ";\n";
-    };
-    const auto undefined = [&](const char* name, const char* label) {
-        out << path << name << ";0;" << label << ";undefined;\n";
-    };
-    const auto number = [](uint32_t value) {
-        SoString text;
-        text << value;
-        return text;
-    };
+    CVDiagnosticsRows rows(out, path);
     const SoString time = ConveyUtils::getTimeString(&timestamp_);
-    const SoString digits = number(serialNumber_);
-    out << path << ";1;msg[" << time << "];";
-    for (size_t i = digits.view().size(); i < kShownDigits; ++i) {
-        out << '0';
-    }
-    out << digits << ";\n";
-    row("/version", CV_VERSION, version_);
-    row("/target", CV_TARGET, target_);
-    row("/sender", CV_SENDER, sender_);
-    row("/senderid", CV_SENDER_ID, ConveyUtils::getSenderID()); // of whoever writes the rows
-    if (timeout_ != 0) {
-        row("/timeout", CV_TIMEOUT, number(timeout_));
+    const SoString digits = decimal(serialNumber_);
+    std::string shown(digits.view());
+    shown.insert(0, kShownDigits - std::min(shown.size(), kShownDigits), '0');
+    SoString heading("msg[");
+    heading << time << "]";
+    rows.node("", heading.view(), shown);
+    rows.leaf("/version", CV_VERSION, version_);
+    rows.leaf("/target", CV_TARGET, target_);
+    rows.leaf("/sender", CV_SENDER, sender_);
+    rows.leaf("/senderid", CV_SENDER_ID, ConveyUtils::getSenderID()); // of whoever writes the rows
+    addOrUndefined(rows, timeout_ != 0, "/timeout", CV_TIMEOUT, decimal(timeout_));
+    addOrUndefined(rows, !type_.isEmpty(), "/type", CV_TYPE, type_);
+    if (!responseRequest_.isEmpty()) {
+        rows.unclosedLeaf("/request", CV_RESPONSE_REQUEST, responseRequest_.view());
     } else {
-        undefined("/timeout", CV_TIMEOUT);
-    }
-    if (!type_.isEmpty()) {
-        row("/type", CV_TYPE, type_);
-    } else {
-        undefined("/type", CV_TYPE);
-    }
-    if (!responseRequest_.isEmpty()) { // readers know this row without a closing ';'
-        out << path << "/request;0;" << CV_RESPONSE_REQUEST << ";" << responseRequest_ << "\n";
-    } else {
-        undefined("/request", CV_RESPONSE_REQUEST);
+        rows.undefined("/request", CV_RESPONSE_REQUEST);
     }
     if (headers_ != nullptr) {
-        out << path << "/headers;1;Headers;;\n";
+        rows.node("/headers", "Headers");
         for (const Header* header = headers_; header != nullptr; header = header->next) {
-            out << path << "/headers/" << header->name << ";0;" << header->name << ";"
-                << header->value << ";\n";
+            SoString name("/headers/");
+            name << header->name;
+            rows.leaf(name.view(), header->name.view(), header->value);
         }
     } else {
-        out << path << "/headers;0;Headers;(no headers);\n";
+        rows.leaf("/headers", "Headers", "(no headers)");
     }
-    if (timestamp_ != 0) {
-        row("/timestamp", CV_TIMESTAMP, time);
-    } else {
-        undefined("/timestamp", CV_TIMESTAMP);
-    }
-    row("/serialnumber", CV_SERIAL_NUMBER, digits);
+    addOrUndefined(rows, timestamp_ != 0, "/timestamp", CV_TIMESTAMP, time);
+    rows.leaf("/serialnumber", CV_SERIAL_NUMBER, digits);
     const struct {
         const char* name;
         const char* label;
@@ -77,20 +84,10 @@ void Convey::Message::appendDiagnostics(SoString& out, const SoString& root) con
                    {"/result", CV_RESULT, result_},
                    {"/error", CV_ERROR, error_}};
     for (const auto& reply : replies) {
-        if (reply.number != CV_INVALID_MESSAGE_NUMBER) {
-            row(reply.name, reply.label, number(reply.number));
-        } else {
-            undefined(reply.name, reply.label);
-        }
+        addOrUndefined(rows, reply.number != CV_INVALID_MESSAGE_NUMBER, reply.name, reply.label,
+                       decimal(reply.number));
     }
-    if (body_.isEmpty()) {
-        out << path << "/body;0;Body;(empty);\n";
-        return;
-    }
-    out << path << "/body;1;Body;" << static_cast<uint32_t>(body_.length()) << " bytes;\n";
-    const std::string_view text = body_.view();
-    const std::string firstLine(text.substr(0, text.find('\n')));
-    out << path << "/body/text;0;Text;" << firstLine.c_str() << "\n"; // without a closing ';' too
+    addBody(rows, body_);
 }
 
 } // namespace ScObjects

@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include "scriptobjects/convey/SoCVContext.h"
+#include "scriptobjects/convey/SoCVDiagnosticsRows.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/convey/SoCVUtils.h"
@@ -56,8 +57,11 @@ bool forwardMessage(const Convey::Message& message, const SoString& handlerType,
     message.appendDiagnostics(rows, root);
     if (!label.isEmpty()) {
         const uint32_t time = message.getTimestamp();
-        rows << root << "/msg" << message.getSerialNumber() << ";1;msg[" << getTimeString(&time)
-             << "];" << label << ";\n";
+        SoString name("/msg");
+        name << message.getSerialNumber();
+        SoString heading("msg[");
+        heading << getTimeString(&time) << "]";
+        CVDiagnosticsRows(rows, root).node(name.view(), heading.view(), label);
     }
     forwarded.setBody(std::move(rows));
     return observer->call(0, forwarded, nullptr) == 0;

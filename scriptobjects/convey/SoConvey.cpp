@@ -11,6 +11,7 @@
 #include "scriptobjects/connector/PCDConnector.h"
 #include "scriptobjects/connector/SoCVConnector.h"
 #include "scriptobjects/convey/SoCVContext.h"
+#include "scriptobjects/convey/SoCVDiagnosticsRows.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVMessageGlobals.h"
 #include "scriptobjects/convey/SoCVSetupThread.h"
@@ -377,7 +378,7 @@ void Convey::getDiagnostics(SoString& out, bool formattedText) {
             context->appendDiagnostics(rows, root);
             context->getThread()->appendDiagnostics(rows, root);
             root << "/instances";
-            rows << root << ";1;Instances;" << context->getNumberOfInstances() << ";\n";
+            CVDiagnosticsRows(rows, root).node("", "Instances", context->getNumberOfInstances());
             for (int32_t i = 0; const auto instance = context->pinNth(i); ++i) {
                 instance->appendDiagnostics(rows, root);
             }

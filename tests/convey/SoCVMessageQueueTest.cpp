@@ -215,6 +215,7 @@ TEST_F(MessageQueueTest, writesTheRowsOfItsMessages) {
     MessageQueue queue;
     Convey::Message* const message = make("one\ntwo");
     message->setSerialNumber(42);
+    message->setHeader("a;\nb", "1;\n/y;1;passes;for a row;");
     message->setHeader("h", "v");
     ASSERT_TRUE(queue.append(message));
     ASSERT_TRUE(queue.append(make("", "Log")));
@@ -232,6 +233,7 @@ TEST_F(MessageQueueTest, writesTheRowsOfItsMessages) {
                     "/x/msg42/request;0;Response-Request;undefined;\n"
                     "/x/msg42/headers;1;Headers;;\n"
                     "/x/msg42/headers/h;0;h;v;\n"
+                    "/x/msg42/headers/a  b;0;a  b;1  /y 1 passes for a row ;\n"
                     "/x/msg42/timestamp;0;Timestamp;13:46:40;\n"
                     "/x/msg42/serialnumber;0;Serial-Number;42;\n"
                     "/x/msg42/received;0;Received;undefined;\n"

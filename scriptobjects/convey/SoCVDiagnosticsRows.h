@@ -1,0 +1,50 @@
+#pragma once
+
+#include <string_view>
+
+#include "scriptobjects/core/SoString.h"
+
+namespace ScObjects {
+
+// Writes rows of the diagnostics text below one path: path, level, label and value, each closed by
+// ';', and a line feed. Level 1 announces rows below, 0 is a leaf.
+//
+// Names, labels and values come from anybody: a line feed or a ';' in one of them becomes a blank,
+// so that no text passes for a row or a field of its own. The root is taken as it is. Appends to
+// the text that it was made with, which must outlive it; one thread. Throws std::bad_alloc only.
+class CVDiagnosticsRows {
+public:
+    CVDiagnosticsRows(SoString& out, const SoString& root) : out_(out), root_(root) {}
+
+    // `name` is the path below the root, with its '/'; empty for the root itself. The value is all
+    // parts behind each other.
+    template <class... Parts>
+    void node(std::string_view name, std::string_view label, const Parts&... value) {
+        add(name, '1', label, joined(value...));
+    }
+    template <class... Parts>
+    void leaf(std::string_view name, std::string_view label, const Parts&... value) {
+        add(name, '0', label, joined(value...));
+    }
+    // A leaf for what has no value.
+    void undefined(std::string_view name, std::string_view label) {
+        add(name, '0', label, SoString("undefined"));
+    }
+    // A leaf without the last ';', which readers know of a few rows.
+    void unclosedLeaf(std::string_view name, std::string_view label, std::string_view value);
+
+private:
+    template <class... Parts>
+    static SoString joined(const Parts&... parts) {
+        SoString text;
+        (void)(text << ... << parts);
+        return text;
+    }
+    void add(std::string_view name, char level, std::string_view label, const SoString& value);
+    void begin(std::string_view name, char level, std::string_view label);
+
+    SoString& out_;
+    const SoString root_;
+};
+
+} // namespace ScObjects
