@@ -6,7 +6,6 @@
 #include "platform/Processes.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
-#include "scriptobjects/convey/SoCVUtilsCore.h"
 #include "scriptobjects/stream/InterAppStream.h"
 
 namespace ScObjects::ConveyUtils {
@@ -41,11 +40,12 @@ bool receiveLaunchParams(const SoString& queueName, SoString& parameters, int32_
 
 bool getLaunchParameters(const SoString& specifier, SoString& parameters) {
     parameters.shrink(0);
-    const SoString appName = Convey::Specifier(specifier.c_str(), false).appName();
+    const Convey::Specifier parsed(specifier.c_str(), false);
+    const SoString appName = parsed.appName();
     if (appName.isEmpty()) {
         return false;
     }
-    const SoString queueName = getLaunchMsgQueueName(specifier);
+    const SoString queueName = CVSpecifierParts::of(parsed.view()).applicationText();
     Convey::Specifier pendingName(queueName.c_str(), false);
     (void)pendingName.setSuffix("haslaunchparams");
     const InterAppStream* const stream = InterAppStream::get();

@@ -51,6 +51,12 @@ SoString CVSpecifierParts::text() const {
     return text;
 }
 
+SoString CVSpecifierParts::applicationText() const {
+    CVSpecifierParts parts = *this;
+    parts.instance = {};
+    return parts.textWithSuffix({});
+}
+
 SoString CVSpecifierParts::textWithSuffix(std::string_view other) const {
     CVSpecifierParts parts = *this;
     parts.suffix = other;

@@ -30,6 +30,9 @@ struct SO_EXPORT CVSpecifierParts {
     SoString text() const;
     // The same with another suffix, or none: the name of another endpoint of the application.
     SoString textWithSuffix(std::string_view suffix) const;
+    // The same without instance and suffix: the name that all processes of the application share,
+    // at which a launched one finds its parameters.
+    SoString applicationText() const;
 };
 
 } // namespace ScObjects

@@ -69,9 +69,7 @@ bool forwardMessage(const Convey::Message& message, const SoString& handlerType,
 
 SoString getLaunchMsgQueueName(const SoString& specifier) {
     const Convey::Specifier parsed(specifier.c_str(), false);
-    CVSpecifierParts parts = CVSpecifierParts::of(parsed.view());
-    parts.instance = {};
-    return parts.textWithSuffix({}); // any process of the application may take them
+    return CVSpecifierParts::of(parsed.view()).applicationText();
 }
 
 SoString getStreamName(const SoString& portName) {
