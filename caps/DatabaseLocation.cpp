@@ -41,6 +41,11 @@ std::string userDatabase() {
     return base + kUserDatabase;
 }
 
+std::string systemDatabase() {
+    const std::string path = environment("OVREL_CAPS_SYSTEM_DB");
+    return path.empty() ? kSystemDatabase : path;
+}
+
 bool exists(const std::string& path) {
     struct stat status {};
     return !path.empty() && stat(path.c_str(), &status) == 0;
@@ -57,7 +62,15 @@ std::string findDatabase() {
     if (exists(path)) {
         return path;
     }
-    return exists(kSystemDatabase) ? kSystemDatabase : "";
+    path = systemDatabase();
+    return exists(path) ? path : "";
+}
+
+std::string databaseBelow(const std::string& path) {
+    const std::string system = systemDatabase();
+    const bool below = environment("OVREL_CAPS_DB").empty() && path != system &&
+                       path == userDatabase() && exists(system);
+    return below ? system : "";
 }
 
 std::string defaultDatabasePath() {
@@ -65,7 +78,7 @@ std::string defaultDatabasePath() {
     if (!path.empty()) {
         return path;
     }
-    return geteuid() == 0 ? kSystemDatabase : userDatabase();
+    return geteuid() == 0 ? systemDatabase() : userDatabase();
 }
 
 } // namespace caps

@@ -1,5 +1,6 @@
 #include "caps/Session.h"
 
+#include <algorithm>
 #include <mutex>
 
 namespace caps {
@@ -23,9 +24,14 @@ struct Database::State {
     struct ModTime {
         uint32_t told = 0;
         uint32_t read = 0;
+        uint32_t readBelow = 0;
         bool replaced = false;
     } modTimes[2];
     std::unique_ptr<Store> store;
+    // The system's below a user's own; null for none, and for one that cannot be read: what is the
+    // user's must not depend on it.
+    std::unique_ptr<Store> below;
+    std::string belowPath;
     std::unordered_map<int32_t, std::shared_ptr<const DomainSnapshot>> domains;
     std::shared_ptr<const ProductSnapshot> products;
 };
@@ -55,6 +61,7 @@ Status Database::acquire(Database*& out) {
     if (status != Status::ok) {
         return status;
     }
+    opened->openBelowLocked();
     opened->state_->users = 1;
     out = opened.release();
     if (gDatabase == nullptr) {
@@ -85,17 +92,32 @@ Status Database::openLocked(std::unique_ptr<Store>& out) {
     return Store::open(state_->path, Store::Access::read, out);
 }
 
+void Database::openBelowLocked() {
+    state_->belowPath = databaseBelow(state_->path);
+    state_->below.reset();
+    if (!state_->belowPath.empty()) {
+        (void)Store::open(state_->belowPath, Store::Access::read, state_->below);
+    }
+}
+
 // Drops what was read when the file has changed; opens the file anew when another one stands in
 // its place.
 Status Database::refreshLocked() {
-    if (!state_->store->changed() && !state_->stale) {
+    const bool belowChanged = databaseBelow(state_->path) != state_->belowPath ||
+                              (state_->below != nullptr && state_->below->changed());
+    if (!state_->store->changed() && !belowChanged && !state_->stale) {
         return Status::ok;
     }
     state_->stale = true;
     std::unique_ptr<Store> store;
     const Status status = openLocked(store);
     if (status == Status::ok) {
-        if (!store->isOnFileOf(*state_->store)) {
+        const std::unique_ptr<Store> below = std::move(state_->below);
+        openBelowLocked();
+        const bool sameBelow = below == nullptr || state_->below == nullptr
+                                   ? below == state_->below
+                                   : state_->below->isOnFileOf(*below);
+        if (!sameBelow || !store->isOnFileOf(*state_->store)) {
             for (State::ModTime& time : state_->modTimes) {
                 time.replaced = true;
             }
@@ -116,7 +138,7 @@ Status Database::domain(int32_t domain, bool refresh, std::shared_ptr<const Doma
     }
     std::shared_ptr<const DomainSnapshot>& snapshot = state_->domains[domain];
     if (snapshot == nullptr) {
-        status = DomainSnapshot::read(*state_->store, domain, snapshot);
+        status = DomainSnapshot::read(*state_->store, state_->below.get(), domain, snapshot);
     }
     if (status == Status::ok) {
         out = snapshot;
@@ -128,7 +150,7 @@ Status Database::products(bool refresh, std::shared_ptr<const ProductSnapshot>& 
     const std::lock_guard<std::mutex> lock(state_->mutex);
     Status status = refresh ? refreshLocked() : Status::ok;
     if (status == Status::ok && state_->products == nullptr) {
-        status = ProductSnapshot::read(*state_->store, state_->products);
+        status = ProductSnapshot::read(*state_->store, state_->below.get(), state_->products);
     }
     if (status == Status::ok) {
         out = state_->products;
@@ -139,18 +161,26 @@ Status Database::products(bool refresh, std::shared_ptr<const ProductSnapshot>& 
 Status Database::modTimes(bool ofProducts, uint32_t& out) {
     const std::lock_guard<std::mutex> lock(state_->mutex);
     Status status = refreshLocked();
+    const auto timeOf = [ofProducts](Store& store, uint32_t& time) {
+        return ofProducts ? store.productModTime(time) : store.domainModTime(time);
+    };
     uint32_t time = 0;
+    uint32_t timeBelow = 0;
     if (status == Status::ok) {
-        status =
-            ofProducts ? state_->store->productModTime(time) : state_->store->domainModTime(time);
+        status = timeOf(*state_->store, time);
+    }
+    if (status == Status::ok && state_->below != nullptr) {
+        status = timeOf(*state_->below, timeBelow);
     }
     if (status != Status::ok) {
         return status;
     }
     State::ModTime& state = state_->modTimes[ofProducts ? 1 : 0];
-    if (state.replaced || time != state.read) {
-        state.told = time == state.told ? time + 1 : time;
+    if (state.replaced || time != state.read || timeBelow != state.readBelow) {
+        const uint32_t later = std::max(time, timeBelow);
+        state.told = later == state.told ? later + 1 : later;
         state.read = time;
+        state.readBelow = timeBelow;
         state.replaced = false;
     }
     out = state.told;

@@ -41,6 +41,7 @@ public:
 private:
     explicit Database(std::string path);
     [[nodiscard]] Status refreshLocked();
+    void openBelowLocked();
     [[nodiscard]] Status openLocked(std::unique_ptr<Store>& out);
     template <class Work>
     Status write(Work&& work);

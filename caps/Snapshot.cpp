@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "caps/Layers.h"
+
 namespace caps {
 namespace {
 
@@ -56,11 +58,62 @@ private:
     DomainSnapshot& target_;
 };
 
-Status DomainSnapshot::read(Store& store, int32_t domain,
+namespace {
+
+Status orNothing(Status status) {
+    return status == Status::nothingThere ? Status::ok : status;
+}
+
+// The domain of both databases, shown to the visitor as if it were one's.
+Status visitLayers(Store& store, Store& below, int32_t domain, Store::Visitor& visitor) {
+    Contents lower;
+    Contents upper;
+    Status status = orNothing(below.readDomain(domain, lower.subdomains));
+    if (status == Status::ok) {
+        status = orNothing(store.readDomain(domain, upper.subdomains));
+    }
+    if (status == Status::ok) {
+        for (const Subdomain& subdomain :
+             layered(std::move(lower), std::move(upper), {}).subdomains) {
+            visitor.onSubdomain(subdomain.domain, subdomain.name);
+            for (const KeyValue& entry : subdomain.data) {
+                visitor.onDomainData(entry.key, entry.value);
+            }
+        }
+    }
+    return status;
+}
+
+Status visitLayers(Store& store, Store& below, Store::Visitor& visitor) {
+    Contents lower;
+    Contents upper;
+    Status status = below.readProducts(lower.products);
+    if (status == Status::ok) {
+        status = store.readProducts(upper.products);
+    }
+    if (status == Status::ok) {
+        for (const Product& product : layered(std::move(lower), std::move(upper), {}).products) {
+            visitor.onProduct(product.code);
+            for (const Payload& payload : product.payloads) {
+                visitor.onPayload(payload.code, payload.kind, payload.launchPath,
+                                  payload.installState);
+                for (const PayloadValue& value : payload.data) {
+                    visitor.onPayloadData(value.domain, value.key, value.value);
+                }
+            }
+        }
+    }
+    return status;
+}
+
+} // namespace
+
+Status DomainSnapshot::read(Store& store, Store* below, int32_t domain,
                             std::shared_ptr<const DomainSnapshot>& out) {
     auto snapshot = std::make_shared<DomainSnapshot>();
     Builder builder(*snapshot);
-    const Status status = store.visitDomain(domain, builder);
+    const Status status = below == nullptr ? store.visitDomain(domain, builder)
+                                           : visitLayers(store, *below, domain, builder);
     if (status == Status::ok) {
         builder.end();
         out = std::move(snapshot);
@@ -142,10 +195,12 @@ private:
     ProductSnapshot& target_;
 };
 
-Status ProductSnapshot::read(Store& store, std::shared_ptr<const ProductSnapshot>& out) {
+Status ProductSnapshot::read(Store& store, Store* below,
+                             std::shared_ptr<const ProductSnapshot>& out) {
     auto snapshot = std::make_shared<ProductSnapshot>();
     Builder builder(*snapshot);
-    const Status status = store.visitProducts(builder);
+    const Status status =
+        below == nullptr ? store.visitProducts(builder) : visitLayers(store, *below, builder);
     if (status == Status::ok) {
         builder.end();
         out = std::move(snapshot);

@@ -41,7 +41,8 @@ private:
 // One domain as it was at one moment, never changed afterwards: readers on any thread share it.
 class DomainSnapshot {
 public:
-    [[nodiscard]] static Status read(Store& store, int32_t domain,
+    // `below`: null, or the database on which `store` lies.
+    [[nodiscard]] static Status read(Store& store, Store* below, int32_t domain,
                                      std::shared_ptr<const DomainSnapshot>& out);
 
     bool isEmpty() const { return entries_.empty(); }
@@ -73,7 +74,8 @@ private:
 // All products as they were at one moment, never changed afterwards.
 class ProductSnapshot {
 public:
-    [[nodiscard]] static Status read(Store& store, std::shared_ptr<const ProductSnapshot>& out);
+    [[nodiscard]] static Status read(Store& store, Store* below,
+                                     std::shared_ptr<const ProductSnapshot>& out);
 
     const char* const* productCodes() const { return productCodes_.data(); }
     // Null when there is none.

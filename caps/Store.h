@@ -103,6 +103,11 @@ std::string findDatabase();
 // The one of the machine, which packages fill.
 inline constexpr const char* kSystemDatabase = "/var/lib/ovrel/caps.db";
 
+// The database that is read below the one at `path`: the system's below a user's own, as long as
+// $OVREL_CAPS_DB does not name one that stands alone; empty for none. $OVREL_CAPS_SYSTEM_DB stands
+// for the system's, for installations that are looked at from outside.
+std::string databaseBelow(const std::string& path);
+
 // Where a new database of this user belongs: $OVREL_CAPS_DB, else the user's own place, and
 // /var/lib/ovrel/caps.db for root.
 std::string defaultDatabasePath();

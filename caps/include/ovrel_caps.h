@@ -11,8 +11,9 @@
 //
 // Database. One SQLite file: $OVREL_CAPS_DB, else $XDG_DATA_HOME/ovrel/caps.db
 // (~/.local/share/ovrel/caps.db without the variable), else /var/lib/ovrel/caps.db, the first that
-// exists; a set OVREL_CAPS_DB is never passed over. No function creates a database. Readers never
-// wait for a writer.
+// exists; a set OVREL_CAPS_DB is never passed over. A user's own database lies over the system's
+// when both exist: readers see both, what is written goes into the upper one. No function creates a
+// database. Readers never wait for a writer.
 //
 // Three kinds of data:
 //  - products and their payloads (mdb: "master", pdb: payload details, caps: collections). A

@@ -1,6 +1,7 @@
 // The commands that read the database and leave it as it is.
 #include <nlohmann/json.hpp>
 
+#include "caps/Layers.h"
 #include "caps/tool/Checks.h"
 #include "caps/tool/Commands.h"
 #include "caps/tool/Table.h"
@@ -37,9 +38,26 @@ int listGroups(Context& context) {
     return 0;
 }
 
-int list(Context& context) {
+namespace {
+
+// What this user's programs read: with the system's registrations below the user's own.
+Contents readLayers(Context& context) {
     context.open(Store::Access::read);
-    const Contents contents = context.readAll();
+    Contents contents = context.readAll();
+    const std::string path = context.databasePath.empty() ? databaseBelow(context.path()) : "";
+    std::unique_ptr<Store> below;
+    Contents lower;
+    if (!path.empty() && Store::open(path, Store::Access::read, below) == Status::ok &&
+        below->readAll(lower) == Status::ok) {
+        contents = layered(std::move(lower), std::move(contents), path);
+    }
+    return contents;
+}
+
+} // namespace
+
+int list(Context& context) {
+    const Contents contents = readLayers(context);
     Table table({"SPECIFIER", "NAME", "PATH", "FROM"});
     Json rows = Json::array();
     for (const Subdomain& subdomain : contents.subdomains) {

@@ -5,6 +5,7 @@
 #include <sqlite3.h>
 #include <string>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 #include "caps/Store.h"
@@ -263,6 +264,72 @@ TEST_F(OvrelCapsTest, servesSessionsOfSeveralThreadsWhileAWriterWorks) {
     for (std::thread& reader : readers) {
         reader.join();
     }
+}
+
+TEST_F(OvrelCapsTest, readsTheUsersDatabaseOverTheSystems) {
+    unsetenv("OVREL_CAPS_DB");
+    setenv("XDG_DATA_HOME", folder.file("data").c_str(), 1);
+    setenv("OVREL_CAPS_SYSTEM_DB", folder.file("system.db").c_str(), 1);
+    std::unique_ptr<caps::Store> system;
+    std::unique_ptr<caps::Store> own;
+    ASSERT_EQ(caps::Store::open(folder.file("system.db"), caps::Store::Access::create, system),
+              caps::Status::ok);
+    ASSERT_EQ(
+        caps::Store::open(folder.file("data/ovrel/caps.db"), caps::Store::Access::create, own),
+        caps::Status::ok);
+    const std::string groups = "/ovrel/convey/groups";
+    const auto write = [](caps::Store& into, const std::string& name, const char* key,
+                          const char* value) {
+        ASSERT_EQ(into.setDomainData(1, name, key, value), caps::Status::ok);
+    };
+    write(*system, "/ovrel/convey/a-1.0", "Path", "/system");
+    write(*system, "/ovrel/convey/Alias", "Specifier", "c-1.0");
+    write(*system, "/ovrel/convey/b-1.0", "Path", "/system");
+    write(*system, groups, "Group1", "of the system");
+    write(*own, groups, "Group1", "of the user");
+    write(*own, "/ovrel/convey/a-1.0", "Path", "/mine");
+    write(*own, "/ovrel/convey/c-1.0", "Path", "/mine");
+    ASSERT_EQ(system->addProduct({"P", {{"{p}", "normal", "/system", 4, {}}}}), caps::Status::ok);
+    ASSERT_EQ(own->addProduct({"Q", {{"{p}", "normal", "/mine", 4, {}}}}), caps::Status::ok);
+
+    capsiSession* session = nullptr;
+    ASSERT_EQ(BOUND(pcdOpenSessionNoCreate)(&session, 1), CAPS_OK);
+    uint32_t before = 0;
+    ASSERT_EQ(BOUND(pcdGetLastModTime)(session, &before), CAPS_OK);
+    const auto names = [&] {
+        const char** list = nullptr;
+        EXPECT_EQ(BOUND(pcdGetDomainDataSubdomains)(session, 1, &list), CAPS_OK);
+        return texts(list);
+    };
+    EXPECT_EQ(names(),
+              (Texts{"/ovrel/convey/b-1.0", groups, "/ovrel/convey/a-1.0", "/ovrel/convey/c-1.0"}));
+    const char* value = nullptr;
+    ASSERT_EQ(BOUND(pcdGetDomainData)(session, 1, "/ovrel/convey/a-1.0", "Path", &value), CAPS_OK);
+    EXPECT_STREQ(value, "/mine");
+    const char** keys = nullptr;
+    ASSERT_EQ(BOUND(pcdGetDomainDataKeys)(session, 1, groups.c_str(), &keys), CAPS_OK);
+    ASSERT_EQ(texts(keys).size(), 2U);
+    ASSERT_EQ(BOUND(pcdGetDomainData)(session, 1, groups.c_str(), keys[1], &value), CAPS_OK);
+    EXPECT_STREQ(value, "of the user") << "the last one wins";
+    char launchPath[1024];
+    uint32_t bytes = sizeof launchPath;
+    ASSERT_EQ(BOUND(pdbGetAppLaunchPath)("{p}", launchPath, &bytes), CAPS_OK);
+    EXPECT_STREQ(launchPath, "/mine");
+
+    write(*system, "/ovrel/convey/d-1.0", "Path", "/system");
+    uint32_t after = 0;
+    ASSERT_EQ(BOUND(pcdGetLastModTime)(session, &after), CAPS_OK);
+    EXPECT_GT(after, before) << "a change below is one";
+    EXPECT_EQ(names().size(), 5U);
+    system.reset();
+    ASSERT_EQ(unlink(folder.file("system.db").c_str()), 0);
+    EXPECT_EQ(names(), (Texts{groups, "/ovrel/convey/a-1.0", "/ovrel/convey/c-1.0"}));
+    EXPECT_EQ(BOUND(pcdCloseSession)(session), CAPS_OK);
+
+    setenv("OVREL_CAPS_DB", path.c_str(), 1);
+    ASSERT_EQ(BOUND(pcdOpenSessionNoCreate)(&session, 1), CAPS_OK);
+    EXPECT_EQ(names(), (Texts{"/s2", "/s1"})) << "one that is named stands alone";
+    EXPECT_EQ(BOUND(pcdCloseSession)(session), CAPS_OK);
 }
 
 } // namespace
