@@ -1,16 +1,19 @@
 #include "caps/Store.h"
 
 #include "caps/StoreImpl.h"
+#include "limits/InWords.h"
 
 namespace caps {
 
 Status Store::checkEntry(std::string_view key, std::string_view value) {
     if (!isName(key, kMaxCodeBytes)) {
-        return refuse(Status::invalidArgument, "a key has 1 to 255 bytes");
+        return refuse(Status::invalidArgument,
+                      "a key has 1 to " + limits::inWords("database.code"));
     }
     if (!isText(value, kMaxValueBytes)) {
-        return refuse(Status::invalidArgument,
-                      "a value has at most 65536 bytes, none of them zero");
+        return refuse(Status::invalidArgument, "a value has at most " +
+                                                   limits::inWords("database.value") +
+                                                   ", none of them zero");
     }
     return Status::ok;
 }
@@ -23,7 +26,8 @@ Status Store::runOnSomething(Statement& statement, const char* operation) {
 
 Status Store::addSubdomain(int32_t domain, std::string_view subdomain) {
     if (!isName(subdomain, kMaxSubdomainBytes)) {
-        return refuse(Status::invalidArgument, "a subdomain has 1 to 512 bytes");
+        return refuse(Status::invalidArgument,
+                      "a subdomain has 1 to " + limits::inWords("database.subdomain"));
     }
     return inTransaction([&] {
         Statement& insert = impl_->prepared(
@@ -129,7 +133,8 @@ Status Store::removeSubdomain(int32_t domain, std::string_view subdomain) {
 
 Status Store::addProduct(const Product& product) {
     if (!isName(product.code, kMaxCodeBytes)) {
-        return refuse(Status::invalidArgument, "a product's identifier has 1 to 255 bytes");
+        return refuse(Status::invalidArgument,
+                      "a product's identifier has 1 to " + limits::inWords("database.code"));
     }
     return inTransaction([&] {
         Statement& insert = impl_->prepared(
@@ -168,11 +173,13 @@ Status Store::replaceProduct(const Product& product) {
 
 Status Store::addPayload(std::string_view product, const Payload& payload) {
     if (!isName(payload.code, kMaxCodeBytes) || !isText(payload.kind, kMaxCodeBytes)) {
-        return refuse(Status::invalidArgument,
-                      "a payload's identifier has 1 to 255 bytes, as has its kind");
+        return refuse(Status::invalidArgument, "a payload's identifier has 1 to " +
+                                                   limits::inWords("database.code") +
+                                                   ", as has its kind");
     }
     if (!isText(payload.launchPath, kMaxLaunchPathBytes)) {
-        return refuse(Status::invalidArgument, "a launch path has at most 1023 bytes");
+        return refuse(Status::invalidArgument,
+                      "a launch path has at most " + limits::inWords("database.launch-path"));
     }
     return inTransaction([&] {
         Statement& insert =

@@ -8,6 +8,7 @@
 
 #include "caps/RegistryLayout.h"
 #include "caps/config/Document.h"
+#include "limits/InWords.h"
 #include "limits/Limits.h"
 
 namespace caps::config {
@@ -21,7 +22,7 @@ public:
 
     Contents read() {
         if (text_.size() > kMaxDocumentBytes) {
-            throw DocumentError(name_ + ": larger than 64 MiB");
+            throw DocumentError(name_ + ": larger than " + limits::inWords("import.file"));
         }
         refuseForbidden(text_, name_);
         const pugi::xml_parse_result result = document_.load_buffer(
@@ -197,7 +198,7 @@ private:
             value = decoded(node, value);
         }
         if (value.size() > kMaxValueBytes) {
-            fail(node, "a value has at most 65536 bytes");
+            fail(node, "a value has at most " + limits::inWords("database.value"));
         }
         return value;
     }

@@ -8,6 +8,7 @@
 #include <set>
 #include <unistd.h>
 
+#include "limits/InWords.h"
 #include "limits/Limits.h"
 
 namespace caps::tool {
@@ -225,7 +226,7 @@ DesktopImport readDesktopFolder(const std::string& folder) {
         if (!fs::is_regular_file(file, error)) {
             reason = "is no file"; // opening a FIFO would wait for ever
         } else if (fs::file_size(file, error) > kMaxFileBytes) {
-            reason = "is larger than 1 MiB";
+            reason = "is larger than " + limits::inWords("import.desktop-file");
         } else if (std::ifstream in(file); in) {
             application = readDesktopEntry(in, file.filename().string(), reason);
         } else {

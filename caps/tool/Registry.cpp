@@ -1,4 +1,5 @@
 #include "caps/tool/Registry.h"
+#include "limits/InWords.h"
 
 #include <algorithm>
 #include <charconv>
@@ -56,7 +57,7 @@ std::optional<std::string> specifierFault(std::string_view specifier) {
         return "a specifier cannot be empty";
     }
     if (specifier.size() > kMaxSpecifierBytes) {
-        return "a specifier has at most 255 bytes";
+        return "a specifier has at most " + limits::inWords("specifier.length");
     }
     if (specifier.find('#') != std::string_view::npos) {
         return "a registered specifier has no suffix ('#')";
@@ -76,7 +77,7 @@ std::optional<std::string> specifierFault(std::string_view specifier) {
 
 std::optional<std::string> valueFault(std::string_view key, std::string_view value) {
     if (value.size() > kMaxValueBytes) {
-        return "a value has at most 65536 bytes";
+        return "a value has at most " + limits::inWords("database.value");
     }
     if (key == kPathKey && value.find('/') == std::string_view::npos) {
         return "a path holds a '/' (a listing would end abnormally at this one)";

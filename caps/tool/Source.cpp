@@ -9,6 +9,7 @@
 
 #include "caps/config/Document.h"
 #include "caps/tool/Context.h"
+#include "limits/InWords.h"
 #include "limits/Limits.h"
 
 namespace caps::tool {
@@ -23,7 +24,7 @@ std::string readWhole(std::istream& in, const std::string& name) {
     while (in.read(block, sizeof block) || in.gcount() > 0) {
         text.append(block, static_cast<size_t>(in.gcount()));
         if (text.size() > kMaxSourceBytes) {
-            throw Failure(name + ": larger than 64 MiB");
+            throw Failure(name + ": larger than " + limits::inWords("import.file"));
         }
     }
     if (in.bad()) {

@@ -20,6 +20,7 @@
 #endif
 #include <toml++/toml.h>
 
+#include "limits/InWords.h"
 #include "limits/Limits.h"
 
 namespace caps::tool {
@@ -139,7 +140,8 @@ public:
     }
     std::string checkedKey(const std::string& key, const toml::node& where) const {
         if (key.empty() || key.size() > kMaxCodeBytes || key.find('\0') != std::string::npos) {
-            fail(where, "a key has 1 to 255 bytes, none of them zero");
+            fail(where,
+                 "a key has 1 to " + limits::inWords("database.code") + ", none of them zero");
         }
         return key;
     }
@@ -150,7 +152,7 @@ public:
                 fail(node, "a text has no zero bytes");
             }
             if (text->get().size() > kMaxValueBytes) {
-                fail(node, "a value has at most 65536 bytes");
+                fail(node, "a value has at most " + limits::inWords("database.value"));
             }
             return text->get();
         }
@@ -228,7 +230,8 @@ Product readProduct(const toml::table& table, const std::string& file) {
         payload.launchPath = payloadReader.text("launch-path", "");
         payload.installState = payloadReader.integer("install-state", payload.installState);
         if (payload.launchPath.size() > kMaxLaunchPathBytes) {
-            reader.fail(*payloadTable->get("launch-path"), "a launch path has at most 1023 bytes");
+            reader.fail(*payloadTable->get("launch-path"),
+                        "a launch path has at most " + limits::inWords("database.launch-path"));
         }
         std::set<std::pair<int32_t, std::string>> said;
         for (const toml::table* dataTable : payloadReader.tables("data")) {
@@ -255,7 +258,8 @@ Subdomain readData(const toml::table& table, const std::string& file) {
                         reader.values("values")};
     reader.expectNothingElse();
     if (subdomain.name.empty() || subdomain.name.size() > kMaxSubdomainBytes) {
-        reader.fail(*table.get("subdomain"), "a subdomain has 1 to 512 bytes");
+        reader.fail(*table.get("subdomain"),
+                    "a subdomain has 1 to " + limits::inWords("database.subdomain"));
     }
     if (isApplicationSubdomain(subdomain)) {
         if (const std::string* path = find(subdomain.data, kPathKey)) {
@@ -381,8 +385,8 @@ void refuseDeepKeys(const std::string& text, const std::string& name) {
         } else if (c == '=') {
             dots = 0; // values may hold any number
         } else if (c == '.' && ++dots > kMaxKeyParts) {
-            throw TomlError(name + ":" + std::to_string(line) +
-                            ":1: more than 1000 dots before a '='");
+            throw TomlError(name + ":" + std::to_string(line) + ":1: more than " +
+                            std::to_string(kMaxKeyParts) + " dots before a '='");
         }
     }
 }
@@ -395,7 +399,7 @@ std::vector<TomlEntry> parseToml(std::istream& in, const std::string& name) {
     while (in.read(block, sizeof block) || in.gcount() > 0) {
         text.append(block, static_cast<size_t>(in.gcount()));
         if (text.size() > kMaxTomlBytes) {
-            throw TomlError(name + ": larger than 64 MiB");
+            throw TomlError(name + ": larger than " + limits::inWords("import.file"));
         }
     }
     if (in.bad()) {

@@ -16,7 +16,7 @@ constexpr int32_t kRejected = 53;
 // system's queue, and holds its senders.
 constexpr int32_t kMaximumReceivedAhead = limits::of("queue.incoming.messages");
 constexpr int64_t kMaximumReceivedBytes = limits::of("queue.incoming.bytes");
-constexpr int kTextsAtOnce = 256;
+constexpr int kTextsAtOnce = limits::of("receive.texts");
 
 // The kinds that handlers are told.
 enum Kind : int { kUserType, kRequest, kReceived, kResult, kError, kTimeout, kLog, kIdle };
