@@ -63,6 +63,8 @@ inline constexpr Limit kAll[] = {
     {"ping.names", 10, "names", "tried for an asker, when others have them"},
     {"check.wait", 2, "s", "of check_running for an answer: programs wait for the tool"},
 
+    {"handler.depth", 32, "handlers", "inside each other; deeper ones hear only what they wait for"},
+
     // Launching
     {"launch.target", 256, "bytes", "a specifier and its end"},
     {"launch.parameters", 65'536, "bytes", "in one packet, and far above any command line"},

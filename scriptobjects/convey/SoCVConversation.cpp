@@ -22,10 +22,6 @@ constinit thread_local const Conversations::Wait* gInnermostWait = nullptr;
 
 constexpr const char* kHandlerFailedText = "ERROR: HANDLER FAILED";
 
-SoString stringOf(std::string_view text) {
-    return SoString(text.data(), static_cast<int32_t>(text.size()));
-}
-
 // Tells the asker and the log, as far as there is memory left to do it with.
 void reportFailure(const MsgHandler& handler, const char* what, SoString* result) noexcept {
     try {
@@ -79,8 +75,8 @@ uint64_t ownLife() {
 }
 
 SoString Reply::type() const {
-    SoString text = stringOf(word);
-    text << stringOf(userType);
+    SoString text = SoString(word);
+    text << SoString(userType);
     return text;
 }
 
@@ -415,10 +411,12 @@ size_t Conversations::handlerCount() const {
 
 // Turns.
 
-Conversations::Turn::~Turn() {
-    if (conversation_ != nullptr) {
-        table_->leave(*conversation_);
+bool Conversations::Turn::leave() {
+    const std::shared_ptr<Conversation> conversation = std::move(conversation_);
+    if (conversation != nullptr) {
+        table_->leave(*conversation);
     }
+    return conversation != nullptr;
 }
 
 bool Conversations::enter(const Message& message, bool awaitedOnly, Turn& turn) {
@@ -528,23 +526,24 @@ void Conversations::watch(const Message& request, const SoString& watcher, uint3
     conversation->deadlinePlace_ = std::prev(second.end());
 }
 
-namespace {
-
-// A watcher as the diagnostics and observers have always been shown it.
-std::unique_ptr<Message> watcherMessage(const std::string& name, uint32_t number, uint32_t since,
-                                        uint32_t seconds) {
+std::unique_ptr<Message> Conversation::watcherMessage() const {
     auto message = std::make_unique<Message>();
-    message->setTarget(stringOf(name));
-    message->setSender(stringOf(name));
+    message->setTarget(SoString(watcher_));
+    message->setSender(SoString(watcher_));
     message->setType(CV_TYPE_WATCHER);
     message->setResponseRequest(CV_WANTS_TIMEOUT);
-    message->setSerialNumber(number);
-    message->setTimestamp(since);
-    message->setTimeout(seconds);
+    message->setSerialNumber(number_);
+    message->setTimestamp(watchedSince_);
+    message->setTimeout(watchSeconds_);
     return message;
 }
 
-} // namespace
+std::unique_ptr<Message> Conversations::watcherOf(uint32_t number) const {
+    const ObjectLock guard(*this);
+    const Conversation* const conversation = findLocked(number);
+    return conversation == nullptr || !conversation->watched_ ? nullptr
+                                                              : conversation->watcherMessage();
+}
 
 std::vector<std::unique_ptr<Message>> Conversations::takeExpired() {
     const int64_t now = ConveyUtils::getTimeSeconds();
@@ -553,10 +552,7 @@ std::vector<std::unique_ptr<Message>> Conversations::takeExpired() {
         const ObjectLock guard(*this);
         while (!deadlines_.empty() && deadlines_.begin()->first <= now) {
             Conversation& conversation = *deadlines_.begin()->second.front();
-            expired.emplace_back(conversation.watchOrder_,
-                                 watcherMessage(conversation.watcher_, conversation.number(),
-                                                conversation.watchedSince_,
-                                                conversation.watchSeconds_));
+            expired.emplace_back(conversation.watchOrder_, conversation.watcherMessage());
             unwatchLocked(conversation);
             closeIfDoneLocked(conversation);
         }
@@ -576,10 +572,7 @@ std::vector<std::unique_ptr<Message>> Conversations::watchers() const {
         const ObjectLock guard(*this);
         for (const auto& [deadline, watched] : deadlines_) {
             for (const Conversation* const conversation : watched) {
-                ordered.emplace(conversation->watchOrder_,
-                                watcherMessage(conversation->watcher_, conversation->number(),
-                                               conversation->watchedSince_,
-                                               conversation->watchSeconds_));
+                ordered.emplace(conversation->watchOrder_, conversation->watcherMessage());
             }
         }
     }

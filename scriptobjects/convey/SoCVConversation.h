@@ -99,6 +99,8 @@ private:
 
     enum class End : uint8_t { none, answered, timedOut, abandoned };
 
+    // The watcher as the diagnostics and observers have always been shown it.
+    std::unique_ptr<Convey::Message> watcherMessage() const;
     bool isNeeded() const {
         return !slots_.empty() || watched_ || insideDepth_ != 0 || waiting_ != 0;
     }
@@ -156,6 +158,8 @@ public:
     // Has `watcher` told after so many seconds (below 0: never) that no answer came.
     void watch(const Convey::Message& request, const SoString& watcher, uint32_t seconds);
     void unwatch(uint32_t number);
+    // The message that the watcher of a number stands for, or null.
+    std::unique_ptr<Convey::Message> watcherOf(uint32_t number) const;
     // The watchers whose time has come, the newest first, as the messages that they stand for.
     std::vector<std::unique_ptr<Convey::Message>> takeExpired();
     // All of them, the oldest first.
@@ -167,9 +171,12 @@ public:
     class Turn {
     public:
         Turn() = default;
-        ~Turn();
+        ~Turn() { (void)leave(); }
         Turn(const Turn&) = delete;
         Turn& operator=(const Turn&) = delete;
+
+        // Ends it; false when there is none.
+        bool leave();
 
         Reply reply;
 

@@ -16,8 +16,6 @@ using Message = Convey::Message;
 using MsgHandler = Convey::MsgHandler;
 using Specifier = Convey::Specifier;
 
-constinit std::atomic<int> gForwarding{0}; // handlers that forward, of all instances
-
 // The canonical text of a name, which is that of a stream.
 SoString streamNameOf(const char* appName) {
     const Specifier specifier(appName, false);
@@ -26,53 +24,12 @@ SoString streamNameOf(const char* appName) {
 
 } // namespace
 
-HandlerSlot::HandlerSlot(MsgHandler* handler)
-    : handler_(handler), forwards_(handler->getMsgType().view().substr(0, 3) == "FWD") {
-    gForwarding.fetch_add(forwards_ ? 1 : 0, std::memory_order_relaxed);
-}
-
-HandlerSlot::~HandlerSlot() {
-    gForwarding.fetch_sub(forwards_ ? 1 : 0, std::memory_order_relaxed);
-    delete handler_.load();
-}
-
-bool HandlerSlot::anyForwards() {
-    return gForwarding.load(std::memory_order_relaxed) != 0;
-}
-
-int32_t HandlerSlot::call(int event, Message& message, SoString* result) {
-    const std::thread::id self = std::this_thread::get_id();
-    MsgHandler* handler = nullptr;
-    {
-        const std::lock_guard<std::mutex> guard(mutex_);
-        handler = handler_.load();
-        if (handler == nullptr) {
-            return 0;
-        }
-        inside_.push_back(self);
-    }
-    const int32_t code = handler->handleMessage(event, message, result);
-    const std::lock_guard<std::mutex> guard(mutex_);
-    inside_.erase(std::find(inside_.begin(), inside_.end(), self));
-    left_.notify_all();
-    return code;
-}
-
-MsgHandler* HandlerSlot::release() {
-    const std::thread::id self = std::this_thread::get_id();
-    std::unique_lock<std::mutex> lock(mutex_);
-    MsgHandler* const handler = handler_.exchange(nullptr);
-    left_.wait(lock, [&] {
-        return std::all_of(inside_.begin(), inside_.end(),
-                           [self](std::thread::id id) { return id == self; });
-    });
-    return handler;
-}
-
 PrivateData::PrivateData(ConveyContext* context, const SoString& streamName)
     : context_(context),
       stream_(ConveyUtils::createNextAvailableInterAppStream(streamName)),
       appName_(stream_ != nullptr ? stream_->getName() : streamName) {
+    incoming_.setListener(this);
+    outgoing().setListener(this);
     if (stream_ == nullptr) {
         return;
     }
@@ -80,7 +37,7 @@ PrivateData::PrivateData(ConveyContext* context, const SoString& streamName)
     if (!own.instance().isEmpty() && !own.isInstalled()) {
         Specifier whole(own);
         whole.setInstance(SoString());
-        registered_ = whole.registerApplication(whole.getApplicationPath(nullptr), nullptr, false);
+        (void)whole.registerApplication(whole.getApplicationPath(nullptr), nullptr, false);
     }
 }
 
@@ -88,13 +45,13 @@ PrivateData::~PrivateData() = default;
 
 void PrivateData::close() {
     closed_.store(true);
+    const HandlerSlots handlers = conversations_.close(); // deleted at the end
     std::shared_ptr<InterAppStream> stream;
-    Slots handlers; // deleted when the lock has been given up
     {
         const ObjectLock guard(*this);
         stream.swap(stream_);
-        handlers.swap(handlers_);
     }
+    noteActivity(); // who waits need not wait any longer
     if (stream != nullptr) {
         stream->close();
     }
@@ -147,65 +104,36 @@ void PrivateData::appendDiagnostics(SoString& out, const SoString& path) const {
     out << root << ";1;Instance;" << name << ";\n";
     out << root << "/stream;0;Stream;" << (stream != nullptr ? stream->getName() : SoString("none"))
         << ";\n";
+    const auto watchers = conversations_.watchers();
     const struct {
         const char* leaf;
         const char* label;
         const MessageQueue& queue;
-    } queues[] = {{"/in", "Incoming", incoming_}, {"/out", "Outgoing", outbox_.messages()}};
+        size_t watchers; // which count as messages that wait
+    } queues[] = {{"/in", "Incoming", incoming_, watchers.size()},
+                  {"/out", "Outgoing", outbox_.messages(), 0}};
     for (const auto& queue : queues) {
         SoString queuePath = root;
         queuePath << queue.leaf;
-        const auto count = static_cast<uint32_t>(queue.queue.count());
+        const auto count =
+            static_cast<uint32_t>(static_cast<size_t>(queue.queue.count()) + queue.watchers);
         out << queuePath << (count != 0 ? ";1;" : ";0;") << queue.label << ";" << count << ";\n";
         (void)queue.queue.appendDiagnostics(out, queuePath);
+        for (size_t i = 0; i < queue.watchers; ++i) {
+            watchers[i]->appendDiagnostics(out, queuePath);
+        }
     }
-    size_t handlers = 0;
-    {
-        const ObjectLock guard(*this);
-        handlers = handlers_.size();
-    }
-    out << root << "/handlers;0;Handlers;" << static_cast<uint32_t>(handlers) << ";\n";
+    out << root << "/handlers;0;Handlers;" << static_cast<uint32_t>(conversations_.handlerCount())
+        << ";\n";
+    out << root << "/predecessor;0;Answers to a predecessor;" << answersToPredecessor_.load()
+        << ";\n";
 }
 
 // Handlers.
 
-PrivateData::Slots::const_iterator PrivateData::findExactlyLocked(const SoString& type,
-                                                                  uint32_t serialNumber) const {
-    // From the newest to the oldest.
-    for (auto i = handlers_.end(); i != handlers_.begin();) {
-        --i;
-        const MsgHandler* handler = (*i)->handler();
-        if (handler != nullptr && handler->getSerialNumber() == serialNumber &&
-            handler->getMsgType() == type) {
-            return i;
-        }
-    }
-    return handlers_.end();
-}
-
-PrivateData::Slots::const_iterator PrivateData::findSlotLocked(const SoString& type,
-                                                               uint32_t serialNumber) const {
-    const auto exact = findExactlyLocked(type, serialNumber);
-    if (exact != handlers_.end()) {
-        return exact;
-    }
-    if (type.isEmpty()) {
-        for (auto i = handlers_.end(); i != handlers_.begin();) {
-            --i;
-            const MsgHandler* handler = (*i)->handler();
-            if (handler != nullptr && handler->getSerialNumber() == serialNumber) {
-                return i;
-            }
-        }
-    }
-    return findExactlyLocked(type, CV_INVALID_MESSAGE_NUMBER);
-}
-
 std::shared_ptr<HandlerSlot> PrivateData::findSlot(const SoString& type,
                                                    uint32_t serialNumber) const {
-    const ObjectLock guard(*this);
-    const auto found = findSlotLocked(type, serialNumber);
-    return found == handlers_.end() ? nullptr : *found;
+    return conversations_.find(type.view(), serialNumber);
 }
 
 MsgHandler* PrivateData::findHandler(const SoString& type, uint32_t serialNumber) const {
@@ -214,69 +142,29 @@ MsgHandler* PrivateData::findHandler(const SoString& type, uint32_t serialNumber
 }
 
 MsgHandler* PrivateData::changeHandler(MsgHandler* handler) {
-    if (handler == nullptr) {
-        return nullptr;
-    }
-    std::shared_ptr<HandlerSlot> replaced;
-    {
-        const ObjectLock guard(*this);
-        const auto found = findExactlyLocked(handler->getMsgType(), handler->getSerialNumber());
-        if (found != handlers_.end()) {
-            if ((*found)->handler() == handler) {
-                return nullptr;
-            }
-            replaced = *found;
-            handlers_.erase(found);
-        }
-        handlers_.push_back(std::make_shared<HandlerSlot>(handler));
-    }
+    const auto replaced = handler == nullptr ? nullptr : conversations_.add(handler);
     return replaced == nullptr ? nullptr : replaced->release();
 }
 
 MsgHandler* PrivateData::removeHandler(const SoString& type, uint32_t serialNumber) {
-    std::shared_ptr<HandlerSlot> removed;
-    {
-        const ObjectLock guard(*this);
-        const auto found = findSlotLocked(type, serialNumber);
-        if (found == handlers_.end()) {
-            return nullptr;
-        }
-        removed = *found;
-        handlers_.erase(found);
+    const auto removed = conversations_.take(type.view(), serialNumber);
+    if (removed == nullptr) {
+        return nullptr;
     }
     noteActivity();
     return removed->release();
 }
 
 bool PrivateData::deleteHandler(const MsgHandler* handler) {
-    std::shared_ptr<HandlerSlot> removed; // deleted when the lock has been given up
-    {
-        const ObjectLock guard(*this);
-        const auto found = std::find_if(handlers_.begin(), handlers_.end(), [&](const auto& slot) {
-            return slot->handler() == handler;
-        });
-        if (handler == nullptr || found == handlers_.end()) {
-            return false;
-        }
-        removed = *found;
-        handlers_.erase(found);
+    const auto removed = conversations_.take(handler);
+    if (removed != nullptr) {
+        noteActivity();
     }
-    noteActivity();
-    return true;
+    return removed != nullptr;
 }
 
 bool PrivateData::deleteHandlers(uint32_t serialNumber) {
-    Slots removed; // deleted when the lock has been given up
-    {
-        const ObjectLock guard(*this);
-        const auto kept = std::stable_partition(
-            handlers_.begin(), handlers_.end(), [serialNumber](const auto& slot) {
-                const MsgHandler* handler = slot->handler();
-                return handler != nullptr && handler->getSerialNumber() != serialNumber;
-            });
-        removed.assign(std::make_move_iterator(kept), std::make_move_iterator(handlers_.end()));
-        handlers_.erase(kept, handlers_.end());
-    }
+    const HandlerSlots removed = conversations_.takeAll(serialNumber);
     if (!removed.empty()) {
         noteActivity();
     }

@@ -2,6 +2,7 @@
 
 #include <string_view>
 
+#include "scriptobjects/convey/SoCVConversation.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVUtils.h"
 #include "scriptobjects/convey/SoCVUtilsCore.h"
@@ -16,15 +17,25 @@ inline bool contains(const SoString& text, const char* word) {
     return text.view().find(word) != std::string_view::npos;
 }
 
-inline bool isResponse(const Convey::Message& message) {
-    return message.getReceived() != CV_INVALID_MESSAGE_NUMBER ||
-           message.getResult() != CV_INVALID_MESSAGE_NUMBER ||
-           message.getError() != CV_INVALID_MESSAGE_NUMBER;
+// Makes `reply` the answer of that type to `request`. New peers are answered under the request's
+// number; those that came before replies had types get the request's type under a number of its
+// own.
+inline void addressReply(const Convey::Message& request, const SoString& type,
+                         Convey::Message& reply, const SoString& sender) {
+    const SoString version = request.getVersion();
+    const bool isNewPeer = !version.isEmpty() && !(version == "1.0");
+    reply.setTarget(request.getSender());
+    reply.setSender(sender);
+    reply.setAskersLife(request.getAskersLife());
+    reply.setType(isNewPeer ? type : request.getType());
+    reply.setSerialNumber(isNewPeer ? request.getSerialNumber()
+                                    : request.getNextSerialNumber(nullptr));
 }
 
 // A request that asks for nothing: it is not sent, and not handled.
 inline bool isEmptyRequest(const Convey::Message& message) {
-    return message.getType() == "Tessaly" && !isResponse(message) && message.getBody().isEmpty();
+    return message.getType() == CV_TYPE_PLAIN && replyOf(message).kind == Reply::kNone &&
+           message.getBody().isEmpty();
 }
 
 // Records an event with a message, and shows it to who watches events.

@@ -1,5 +1,6 @@
 // How an instance receives, and what becomes of what it has received.
 #include "limits/Limits.h"
+#include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVInstanceParts.h"
 #include "scriptobjects/convey/SoCVUtilsCore.h"
@@ -17,48 +18,87 @@ constexpr int32_t kRejected = 53;
 constexpr int32_t kMaximumReceivedAhead = limits::of("queue.incoming.messages");
 constexpr int64_t kMaximumReceivedBytes = limits::of("queue.incoming.bytes");
 constexpr int kTextsAtOnce = limits::of("receive.texts");
+// Handlers that call each other by waiting; deeper ones dispatch only what is waited for.
+constexpr int32_t kDeepestWait = limits::of("handler.depth");
 
 // The kinds that handlers are told.
 enum Kind : int { kUserType, kRequest, kReceived, kResult, kError, kTimeout, kLog, kIdle };
 
-Kind kindOf(const Message& message) {
-    const SoString& type = message.getType();
-    if (type == "Received" || message.getReceived() != CV_INVALID_MESSAGE_NUMBER) {
+Kind kindOf(const Message& message, const Reply& reply) {
+    switch (reply.kind) {
+    case Reply::kReceived:
         return kReceived;
-    }
-    if (type == "Result" || message.getResult() != CV_INVALID_MESSAGE_NUMBER) {
+    case Reply::kResult:
         return kResult;
-    }
-    if (type == "Error" || message.getError() != CV_INVALID_MESSAGE_NUMBER) {
+    case Reply::kError:
         return kError;
+    case Reply::kTimeout:
+        return kTimeout;
+    default:
+        break;
     }
-    if (type.isEmpty() || type == "Tessaly" || type == "Debug") {
+    const SoString& type = message.getType();
+    if (type.isEmpty() || type == CV_TYPE_PLAIN || type == CV_TYPE_DEBUG) {
         return kRequest;
     }
-    if (type == "Timeout") {
-        return kTimeout;
-    }
-    if (type == "Log") {
+    if (type == CV_TYPE_LOG) {
         return kLog;
     }
-    return type == "Idle" ? kIdle : kUserType;
+    return type == CV_TYPE_IDLE ? kIdle : kUserType;
+}
+
+// Replies reach the handler as plain messages, or as those of the user type, that say which kind of
+// reply they are.
+void presentReply(Message& message, const Reply& reply, Kind kind) {
+    const SoString type = reply.userType.empty() ? SoString(CV_TYPE_PLAIN) : reply.type();
+    if (kind == kReceived) {
+        message.setReceived(kind);
+    } else if (kind == kResult) {
+        message.setResult(kind);
+    } else if (kind == kError) {
+        message.setError(kind);
+    } else {
+        return;
+    }
+    message.setType(type);
 }
 
 } // namespace
 
 bool PrivateData::incomingPending() const {
-    if (!incoming_.isEmpty()) {
+    if (!incoming_.isEmpty() || conversations_.isWatching()) {
         return true;
     }
     const auto stream = this->stream();
     return stream != nullptr && (!stream->isEmpty() || stream->messagePending());
 }
 
+// An answer to a process that had this name before is no answer to this one.
+bool PrivateData::isForThisLife(const Message& message) {
+    const uint64_t life = message.getAskersLife();
+    if (life == 0 || life == ownLife() || replyOf(message).kind == Reply::kNone) {
+        return true;
+    }
+    answersToPredecessor_.fetch_add(1, std::memory_order_relaxed);
+    return false;
+}
+
+// What has expired while nobody looked.
+void PrivateData::removeExpired() {
+    for (const auto& watcher : conversations_.takeExpired()) {
+        if (HandlerSlot::anyForwards()) {
+            traffic(*watcher, infoRoot("in"), "timed out");
+        }
+        expired(*watcher);
+    }
+    incoming_.removeExpiredMessages();
+}
+
 void PrivateData::receiveTexts(SoString&& text) {
     for (int32_t next = 0; next < text.length();) {
         auto message = std::make_unique<Message>();
         next = message->readFromString(text, next);
-        if (message->getType() == "Ignore") {
+        if (message->getType() == CV_TYPE_WATCHER || !isForThisLife(*message)) {
             continue;
         }
         (void)sendResponse(*message, "Received", nullptr);
@@ -68,7 +108,7 @@ void PrivateData::receiveTexts(SoString&& text) {
 }
 
 bool PrivateData::receiveArrived() {
-    incoming_.removeExpiredMessages(); // the owner may not pump for long
+    removeExpired(); // the owner may not pump for long
     const auto stream = this->stream();
     for (int texts = 0; stream != nullptr && texts < kTextsAtOnce; ++texts) {
         if (incoming_.count() >= kMaximumReceivedAhead ||
@@ -82,13 +122,10 @@ bool PrivateData::receiveArrived() {
     return stream != nullptr;
 }
 
-bool PrivateData::processIncoming(uint32_t serialNumber, bool process) {
-    incoming_.removeExpiredMessages();
+// Draws all that has arrived into the queue; false when there was nothing, and nothing waits.
+bool PrivateData::receiveAll() {
     const auto stream = this->stream();
     const bool arrived = stream != nullptr && (stream->messagePending() || !stream->isEmpty());
-    if (!arrived && incoming_.isEmpty()) {
-        return false;
-    }
     if (arrived) {
         const std::lock_guard<std::mutex> turn(receivingTurn_);
         (void)stream->receive();
@@ -96,54 +133,57 @@ bool PrivateData::processIncoming(uint32_t serialNumber, bool process) {
             receiveTexts(stream->getMessages());
         }
     }
-    if (!process) {
+    return arrived || !incoming_.isEmpty();
+}
+
+bool PrivateData::processIncoming(uint32_t serialNumber, bool process) {
+    if (isClosed()) {
         return false;
     }
-    const std::unique_ptr<Message> message(incoming_.getNextMessage(serialNumber));
+    removeExpired();
+    if (!receiveAll() || !process) {
+        return false;
+    }
+    // Handlers that wait within handlers must not fill the stack.
+    const bool awaitedOnly = handlerDepth() >= kDeepestWait;
+    Conversations::Turn turn;
+    const struct {
+        Conversations& conversations;
+        Conversations::Turn& turn;
+        bool awaitedOnly;
+    } choice = {conversations_, turn, awaitedOnly};
+    const std::unique_ptr<Message> message =
+        incoming_.takeWanted(serialNumber, [&choice](const Message& candidate) {
+            return choice.conversations.enter(candidate, choice.awaitedOnly, choice.turn);
+        });
     if (message == nullptr || message->getTarget().isEmpty()) {
         return false;
     }
     if (!isEmptyRequest(*message)) {
-        dispatch(*message);
+        dispatch(*message, turn);
     }
-    finish(*message);
+    finish(*message, turn.reply);
+    if (turn.leave()) {
+        noteActivity(); // who waits for its end looks again
+    }
     return true;
 }
 
-void PrivateData::dispatch(const Message& message) {
+void PrivateData::dispatch(const Message& message, Conversations::Turn& turn) {
     Message copy(message);
     if (Message::getAuthentication() && message.isRejected()) {
         sendError(copy, "ERROR: MESSAGE REJECTED", kRejected, 0);
         return;
     }
-    auto slot = findSlot(message.getType(), message.getSerialNumber());
-    if (slot == nullptr) {
-        slot = findSlot("Tessaly", CV_INVALID_MESSAGE_NUMBER);
-    }
+    const auto slot = conversations_.handlerFor(message, turn.reply);
     if (slot == nullptr) {
         return;
     }
-    const Kind kind = kindOf(message);
-    // Replies reach the handler as plain messages that say which kind of reply they are.
-    if (message.getType() == "Received") {
-        copy.setType("Tessaly");
-        copy.setReceived(kReceived);
-    } else if (message.getType() == "Result") {
-        copy.setType("Tessaly");
-        copy.setResult(kResult);
-    } else if (message.getType() == "Error") {
-        copy.setType("Tessaly");
-        copy.setError(kError);
-    }
-    const MsgHandler* const handler = slot->handler();
-    const uint32_t awaited =
-        handler == nullptr ? CV_INVALID_MESSAGE_NUMBER : handler->getSerialNumber();
+    const Kind kind = kindOf(message, turn.reply);
+    presentReply(copy, turn.reply, kind);
     SoString result;
     const int32_t code = slot->call(kind, copy, &result);
-    if (message.getSerialNumber() != CV_INVALID_MESSAGE_NUMBER &&
-        awaited == message.getSerialNumber()) {
-        (void)deleteHandler(slot->handler());
-    }
+    const auto done = conversations_.handled(turn, message, slot); // a handler for one message
     if (code != 0) {
         if (contains(message.getResponseRequest(), "Error")) {
             sendError(message, result.c_str(), code, 0);
@@ -155,29 +195,54 @@ void PrivateData::dispatch(const Message& message) {
     }
 }
 
-void PrivateData::finish(const Message& message) {
-    const SoString& type = message.getType();
-    const uint32_t serial = message.getSerialNumber();
-    if (type == "Ignore") {
+void PrivateData::finish(const Message& message, const Reply& reply) {
+    if (message.getType() == CV_TYPE_WATCHER) {
         return;
     }
-    if (type == "Processed" || type == "Error" || type == "Timeout") {
-        // The answer has come, one way or another: nothing is left to wait for.
-        incoming_.removeTimeoutMessage(serial);
-        if (serial != CV_INVALID_MESSAGE_NUMBER) { // which would be all that wait for no message
-            (void)deleteHandlers(serial);
-        }
-        logEvent(type == "Processed" ? "PROCESSED CLEANUP"
-                 : type == "Error"   ? "PROCESSED ERROR"
-                                     : "PROCESSED TIMEOUT",
-                 message);
-    } else {
-        (void)sendResponse(message, "Processed", nullptr);
+    const char* event = nullptr;
+    switch (reply.kind) {
+    case Reply::kProcessed:
+        event = "PROCESSED CLEANUP";
+        break;
+    case Reply::kError:
+        event = "PROCESSED ERROR";
+        break;
+    case Reply::kTimeout:
+        event = "PROCESSED TIMEOUT";
+        break;
+    default:
+        (void)sendResponse(message, CV_TYPE_PROCESSED, nullptr);
         logEvent("PROCESSED INCOMING MESSAGE", message);
+        break;
     }
-    if (ConveyUtils::isForwarding("FWDMESSAGES")) {
-        (void)ConveyUtils::forwardMessage(message, "FWDMESSAGES", infoRoot("in"), SoString());
+    if (event != nullptr) {
+        // The answer has come, one way or another: nothing is left to wait for.
+        incoming_.removeTimeoutMessage(message.getSerialNumber());
+        const HandlerSlots left = conversations_.end(message.getSerialNumber(), reply.kind);
+        logEvent(event, message);
     }
+    if (ConveyUtils::isForwarding(CV_FORWARD_MESSAGES)) {
+        (void)ConveyUtils::forwardMessage(message, CV_FORWARD_MESSAGES, infoRoot("in"), SoString());
+    }
+}
+
+// What the queues tell.
+
+bool PrivateData::watchesTraffic() const {
+    return ConveyUtils::isForwarding(CV_FORWARD_MESSAGES);
+}
+
+void PrivateData::traffic(const Message& message, const SoString& root, const char* event) {
+    (void)ConveyUtils::forwardMessage(message, CV_FORWARD_MESSAGES, root, event);
+}
+
+void PrivateData::expired(const Message& message) {
+    auto notice = std::make_unique<Message>();
+    addressReply(message, CV_TYPE_TIMEOUT, *notice, message.getTarget());
+    ConveyUtils::logMessage("REMOVING MSG - NOTIFYING SENDER", *notice, true);
+    const ConveyContext* const context = this->context();
+    const auto main = context == nullptr ? nullptr : context->pinMain();
+    (void)(main != nullptr ? *main : *this).post(std::move(notice));
 }
 
 } // namespace ScObjects::ConveyData

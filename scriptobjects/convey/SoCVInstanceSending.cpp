@@ -4,6 +4,7 @@
 // `post` is the way of everything that nobody asked to wait for: acknowledgements, results, errors,
 // notices. It takes what it sends as it is (no launch, no watcher, no request for "Processed").
 #include <algorithm>
+#include <optional>
 #include <string>
 
 #include "limits/Limits.h"
@@ -25,12 +26,6 @@ using Specifier = Convey::Specifier;
 constexpr int32_t kSendFailed = 59;
 constexpr int64_t kPollMilliseconds = 100;
 constexpr int64_t kTargetWaitMilliseconds = limits::of("send.target");
-
-// A peer that numbers its answers like the request.
-bool isNewPeer(const Message& message) {
-    const SoString version = message.getVersion();
-    return !version.isEmpty() && !(version == "1.0");
-}
 
 // Who watches its own time is not told by us.
 bool isUnwantedNotice(const Message& message) {
@@ -74,18 +69,24 @@ bool PrivateData::send(Message& message, bool mayLaunch, uint32_t waitSeconds,
         sendError(message, "ERROR: CAN'T STREAM MESSAGE TO STRING", kSendFailed, waitSeconds);
         return false;
     }
+    // Before it is sent: the answer may be here at once.
+    std::optional<Conversations::Wait> wait;
+    if (waitSeconds != 0) {
+        wait.emplace(conversations_, message);
+    }
+    watchTime(message);
     const Delivery delivery =
         deliverLocally(message) ? Delivery::delivered
                                 : deliver(message, text, mayLaunch, waitSeconds, launchParameters);
     if (delivery == Delivery::refused) {
+        unwatchTime(message.getSerialNumber());
         return false;
     }
-    watchTime(message);
     if (waitSeconds == 0) {
         return delivery == Delivery::delivered;
     }
     return (delivery == Delivery::delivered || waitForTarget(message)) &&
-           waitForResponse(message, waitSeconds);
+           waitForResponse(*wait, waitSeconds);
 }
 
 // An asker is known by the name of its port, which it has made complete itself. Only a name that
@@ -242,17 +243,10 @@ bool PrivateData::sendResponse(const Message& request, const char* type,
     if (answer.isUserType()) {
         answerType << request.getType();
     }
-    answer.setTarget(request.getSender());
-    answer.setSender(request.getTarget().isEmpty() ? appName() : request.getTarget());
     answer.setResponseRequest(SoString());
     answer.setTimeout(0);
-    if (isNewPeer(request)) {
-        answer.setSerialNumber(request.getSerialNumber());
-        answer.setType(answerType);
-    } else {
-        answer.setType(request.getType());
-        answer.setSerialNumber(request.getNextSerialNumber(context()));
-    }
+    addressReply(request, answerType, answer,
+                 request.getTarget().isEmpty() ? appName() : request.getTarget());
     return post(std::move(response)) != Delivery::refused;
 }
 
@@ -271,7 +265,7 @@ void PrivateData::sendError(const Message& request, const char* text, int32_t co
     answer->setHeader(CV_ERROR_CODE, static_cast<long>(code));
     (void)sendResponse(request, CV_WANTS_ERROR, std::move(answer));
     if (waitSeconds != 0 && findSlot(CV_TYPE_ERROR, request.getSerialNumber()) != nullptr) {
-        (void)waitForResponse(request, waitSeconds);
+        (void)waitForResponse(Conversations::Wait(conversations_, request), waitSeconds);
     }
     logEvent(text, request);
     if (ConveyUtils::isForwarding(CV_FORWARD_ERRORS)) {

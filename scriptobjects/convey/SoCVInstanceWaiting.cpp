@@ -21,54 +21,72 @@ int64_t monotonicNow() {
 
 } // namespace
 
-// Who waits for a reply always learns when the message was processed.
-void PrivateData::requestProcessed(Message& message) const {
-    if (message.getType() == "Ignore" ||
-        (message.getResponseRequest().isEmpty() &&
-         findSlot(SoString(), message.getSerialNumber()) == nullptr)) {
+// Who waits for a reply always learns when the message was processed. A reply is not waited for:
+// its number is that of somebody else's request. What asks for replies to this process says which
+// life of it is meant.
+void PrivateData::requestProcessed(Message& message) {
+    if (message.getType() == CV_TYPE_WATCHER || replyOf(message).kind != Reply::kNone) {
         return;
     }
-    if (!contains(message.getResponseRequest(), "Processed") && !(message.getType() == "Debug")) {
+    const bool asks = !message.getResponseRequest().isEmpty() ||
+                      findSlot(SoString(), message.getSerialNumber()) != nullptr;
+    if (asks && !contains(message.getResponseRequest(), CV_WANTS_PROCESSED) &&
+        !(message.getType() == CV_TYPE_DEBUG)) {
         SoString request = message.getResponseRequest();
-        request << " Processed";
+        request << " " << CV_WANTS_PROCESSED;
         message.setResponseRequest(request);
     }
+    const ConveyContext* const context = this->context();
+    const bool comesBackHere = message.getSender() == appName() ||
+                               (context != nullptr && context->pin(message.getSender()) != nullptr);
+    message.setAskersLife(asks && comesBackHere ? ownLife() : 0);
+    if (message.isUserType()) {
+        conversations_.noteRequest(message);
+    }
 }
 
-// A watcher in the own queue tells this side that no answer came in time.
+// This side finds out by itself when no answer came in time.
 void PrivateData::watchTime(const Message& message) {
-    if (!contains(message.getResponseRequest(), "Timeout") ||
-        message.getUserHeaderValue("TIMEOUT_DETECTOR") == "TARGET") {
+    if (!contains(message.getResponseRequest(), CV_WANTS_TIMEOUT) ||
+        message.getUserHeaderValue(CV_TIMEOUT_DETECTOR) == CV_DETECTOR_TARGET) {
         return;
     }
-    auto watcher = std::make_unique<Message>();
-    watcher->setTarget(message.getSender());
-    watcher->setSender(message.getSender());
-    watcher->setType("Ignore");
-    watcher->setResponseRequest("Timeout");
-    watcher->setSerialNumber(message.getSerialNumber());
     const uint32_t timeout = message.getTimeout();
-    watcher->setTimeout(static_cast<int32_t>(timeout) > 0 ? timeout + 1 : kWatchSeconds);
-    accept(std::move(watcher));
+    watchTime(message, static_cast<int32_t>(timeout) > 0 ? timeout + 1 : kWatchSeconds);
 }
 
-bool PrivateData::waitForResponse(const Message& message, uint32_t seconds) {
+void PrivateData::watchTime(const Message& message, uint32_t seconds) {
+    conversations_.watch(message, message.getSender(), seconds);
+    if (HandlerSlot::anyForwards()) {
+        if (const auto watcher = conversations_.watcherOf(message.getSerialNumber())) {
+            traffic(*watcher, infoRoot("in"), "added");
+        }
+    }
+}
+
+void PrivateData::unwatchTime(uint32_t serialNumber) {
+    conversations_.unwatch(serialNumber);
+}
+
+bool PrivateData::waitForResponse(const Conversations::Wait& wait, uint32_t seconds) {
     if (seconds == 0) {
         return false;
     }
     const int64_t end = monotonicNow() + int64_t{1000} * seconds;
-    const SoString anyType;
-    ConveyContext* const context = this->context();
     for (;;) {
-        const uint64_t seen = context == nullptr ? 0 : context->activity();
+        const ConveyContext* before = context();
+        const uint64_t seen = before == nullptr ? 0 : before->activity();
         Convey::pump(kProcessBoth, nullptr);
-        const auto slot = findSlot(anyType, message.getSerialNumber());
-        if (slot == nullptr || slot->handler() == nullptr ||
-            slot->handler()->getSerialNumber() != message.getSerialNumber()) {
-            return true; // it has run, and is gone
+        ConveyContext* const context = this->context();
+        if (isClosed() || context == nullptr) {
+            return false;
+        }
+        const auto state = wait.state();
+        if (state != Conversations::Wait::State::open) {
+            return state == Conversations::Wait::State::answered;
         }
         const int64_t left = end - monotonicNow();
-        if (left <= 0 || isClosed() || context == nullptr) {
+        if (left <= 0) {
             return false;
         }
         context->waitForActivity(seen, std::min(left, kPollMilliseconds));

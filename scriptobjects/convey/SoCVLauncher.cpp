@@ -107,7 +107,7 @@ public:
         if (scriptSerial_ != 0) {
             deleteExactly(sender_, "Timeout", scriptSerial_);
             deleteExactly(sender_, "Received", scriptSerial_);
-            sender_.incoming().removeTimeoutMessage(scriptSerial_);
+            sender_.unwatchTime(scriptSerial_);
         }
     }
 
@@ -129,16 +129,10 @@ private:
     void watch(uint32_t serial, const SoString* queueName) {
         delete sender_.changeHandler(new LaunchTimeoutMsgHandler(key_, serial, queueName));
         delete sender_.changeHandler(new LaunchReceivedMsgHandler(serial));
-        auto watcher = std::make_unique<Message>();
-        watcher->setTarget(name_);
-        watcher->setSender(name_);
-        watcher->setType("Ignore");
-        watcher->setResponseRequest("Timeout");
-        watcher->setSerialNumber(serial);
-        watcher->setTimeout(kLaunchSeconds);
-        if (sender_.incoming().append(watcher.get())) {
-            (void)watcher.release(); // the queue's now
-        }
+        Message watched;
+        watched.setSender(name_);
+        watched.setSerialNumber(serial);
+        sender_.watchTime(watched, kLaunchSeconds);
     }
 
     ConveyContext& context_;
@@ -291,10 +285,10 @@ int32_t LaunchReceivedMsgHandler::handleMessage(int /*event*/, Message& message,
         return 0;
     }
     deleteExactly(*instance, "Timeout", serial_);
-    instance->incoming().removeTimeoutMessage(serial_);
+    instance->unwatchTime(serial_);
     for (const uint32_t companion : companions_) {
         deleteExactly(*instance, "Timeout", companion);
-        instance->incoming().removeTimeoutMessage(companion);
+        instance->unwatchTime(companion);
         dropOutgoing(*instance, companion);
     }
     return 0;

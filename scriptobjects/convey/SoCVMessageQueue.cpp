@@ -4,9 +4,7 @@
 #include <limits>
 #include <utility>
 
-#include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVUtils.h"
-#include "scriptobjects/convey/SoCVUtilsCore.h"
 
 namespace ScObjects::ConveyData {
 namespace {
@@ -16,7 +14,6 @@ using Message = Convey::Message;
 constexpr std::string_view kWatcherType = "Ignore";
 constexpr std::string_view kUnreportedType = "Debug";
 constexpr std::string_view kTimeoutWord = "Timeout";
-constexpr const char* kForwardKey = "FWDMESSAGES";
 constexpr int64_t kNever = INT64_MAX;
 
 bool isWatcher(const Message& message) {
@@ -46,30 +43,11 @@ bool isSelfWatcher(const Message& message, uint32_t serial) {
            message.getTarget() == message.getSender();
 }
 
-// The notice to the sender of an expired message; null when it did not ask for one or watches the
-// time itself.
-std::unique_ptr<Message> noticeFor(const Message& message) {
-    if (message.getResponseRequest().view().find(kTimeoutWord) == std::string_view::npos ||
-        message.getUserHeaderValue("TIMEOUT_DETECTOR") == "SENDER") {
-        return nullptr;
-    }
-    auto notice = std::make_unique<Message>();
-    notice->setTarget(message.getSender());
-    notice->setSender(message.getTarget());
-    const SoString version = message.getVersion();
-    if (!version.isEmpty() && !(version == "1.0")) {
-        notice->setSerialNumber(message.getSerialNumber());
-        notice->setType(SoString(kTimeoutWord.data(), static_cast<int32_t>(kTimeoutWord.size())));
-        if (notice->isUserType()) {
-            SoString type = notice->getType();
-            type << message.getType();
-            notice->setType(type);
-        }
-    } else {
-        notice->setType(message.getType());
-        notice->setSerialNumber(message.getNextSerialNumber(nullptr));
-    }
-    return notice;
+// Whether the sender of an expired message is to be told: it has asked, and does not watch the time
+// itself.
+bool asksForNotice(const Message& message) {
+    return message.getResponseRequest().view().find(kTimeoutWord) != std::string_view::npos &&
+           !(message.getUserHeaderValue(CV_TIMEOUT_DETECTOR) == CV_DETECTOR_SENDER);
 }
 
 } // namespace
@@ -78,29 +56,29 @@ std::unique_ptr<Message> noticeFor(const Message& message) {
 // before the guard.
 class MessageQueue::Notices {
 public:
-    Notices() = default;
+    explicit Notices(Listener* listener) : listener_(listener) {}
     Notices(const Notices&) = delete;
     Notices& operator=(const Notices&) = delete;
     ~Notices() {
         try {
             tell();
-        } catch (const std::bad_alloc&) {
+        } catch (...) {
             return; // nobody to tell it to, and nothing to tell it with
         }
     }
 
     void report(const Message& message, const char* event, const SoString& root) {
-        if (!root.isEmpty() && !(message.getType().view() == kUnreportedType) &&
-            ConveyUtils::isForwarding(kForwardKey)) {
+        if (listener_ != nullptr && !root.isEmpty() &&
+            !(message.getType().view() == kUnreportedType) && listener_->watchesTraffic()) {
             reports_.push_back({std::make_unique<Message>(message), event, root});
         }
     }
     void retire(std::unique_ptr<Message> message, const SoString& root) {
-        if (auto notice = noticeFor(*message)) {
+        const bool isNoticed = asksForNotice(*message);
+        if (isNoticed) {
             report(*message, "timed out", root);
-            notices_.push_back(std::move(notice));
         }
-        retired_.push_back(std::move(message));
+        (isNoticed ? noticed_ : retired_).push_back(std::move(message));
     }
 
 private:
@@ -112,19 +90,22 @@ private:
 
     void tell() {
         for (const Report& report : reports_) {
-            ConveyUtils::forwardMessage(*report.message, kForwardKey, report.root, report.event);
+            listener_->traffic(*report.message, report.root, report.event);
         }
-        for (const auto& notice : notices_) {
-            ConveyUtils::logMessage("REMOVING MSG - NOTIFYING SENDER", *notice, true);
-            Convey::sendThroughMainInstance(*notice);
+        for (const auto& message : noticed_) {
+            if (listener_ != nullptr) {
+                listener_->expired(*message);
+            }
         }
     }
 
+    Listener* const listener_;
     std::vector<Report> reports_;
-    std::vector<std::unique_ptr<Message>> notices_;
+    std::vector<std::unique_ptr<Message>> noticed_;
     std::vector<std::unique_ptr<Message>> retired_;
 };
 
+MessageQueue::Listener::~Listener() = default;
 MessageQueue::~MessageQueue() = default;
 
 bool MessageQueue::isEmpty() const {
@@ -146,20 +127,28 @@ void MessageQueue::noteDeadlineLocked(const Message& message) {
     firstDeadline_ = std::min(firstDeadline_, deadlineOf(message));
 }
 
-void MessageQueue::appendLocked(std::unique_ptr<Message> message, bool isAnswer) {
-    const Message& added = *message;
-    Line& line = lines_[std::string(added.getTarget().view())];
-    line.positions.push_back(lastPosition_ + 1);
-    line.bytes += added.getBody().length();
-    entries_.push_back({lastPosition_ + 1, std::move(message), isAnswer});
-    ++lastPosition_;
-    bodyBytes_ += added.getBody().length();
+// The queue's from the end of the call on: what needs memory comes first.
+void MessageQueue::appendLocked(Message* message, bool isAnswer) {
+    const uint64_t position = lastPosition_ + 1;
+    entries_.push_back({position, nullptr, isAnswer});
+    try {
+        Line& line = lines_[std::string(message->getTarget().view())];
+        line.positions.push_back(position);
+        line.bytes += message->getBody().length();
+    } catch (...) {
+        entries_.pop_back();
+        std::erase_if(lines_, [](const auto& line) { return line.second.positions.empty(); });
+        throw;
+    }
+    entries_.back().message.reset(message);
+    lastPosition_ = position;
+    bodyBytes_ += message->getBody().length();
     if (isAnswer) {
         ++answers_.messages;
-        answers_.bytes += added.getBody().length();
+        answers_.bytes += message->getBody().length();
     }
-    watchers_ += isWatcher(added) ? 1 : 0;
-    noteDeadlineLocked(added);
+    watchers_ += isWatcher(*message) ? 1 : 0;
+    noteDeadlineLocked(*message);
 }
 
 void MessageQueue::forgetLocked(const Entry& entry) {
@@ -200,36 +189,53 @@ bool MessageQueue::append(Message* message, bool isAnswer) {
     if (message->getTimeout() == 0 && !isWatcher(*message)) {
         message->setTimeout(kDefaultTimeoutSeconds);
     }
-    Notices notices;
+    Notices notices(listener_);
     const ObjectLock guard(*this);
     notices.report(*message, "added", diagnosticsRoot_);
-    appendLocked(std::unique_ptr<Message>(message), isAnswer);
+    appendLocked(message, isAnswer);
     return true;
 }
 
-Message* MessageQueue::getNextMessage(uint32_t serial) {
+std::unique_ptr<Message>
+MessageQueue::takeLocked(Notices& notices, uint32_t serial,
+                         const std::function<bool(const Message&)>& wanted) {
     const int64_t now = ConveyUtils::getTimeSeconds();
-    Notices notices;
-    const ObjectLock guard(*this);
     std::vector<std::unique_ptr<Message>> setAside;
     std::unique_ptr<Message> result;
-    while (result == nullptr && !entries_.empty()) {
-        std::unique_ptr<Message> message = takeLocked(entries_.cbegin());
-        if (now >= deadlineOf(*message)) {
-            notices.retire(std::move(message), diagnosticsRoot_);
-        } else if (isWatcher(*message) && isRelated(*message, serial)) {
-            setAside.push_back(std::move(message));
+    for (size_t i = 0; result == nullptr && i < entries_.size();) {
+        const auto entry = entries_.cbegin() + static_cast<std::ptrdiff_t>(i);
+        const Message& message = *entry->message;
+        if (now >= deadlineOf(message)) {
+            notices.retire(takeLocked(entry), diagnosticsRoot_);
+        } else if (isWatcher(message) && isRelated(message, serial)) {
+            setAside.push_back(takeLocked(entry));
+        } else if (wanted(message)) {
+            result = takeLocked(entry);
         } else {
-            result = std::move(message);
+            ++i;
         }
     }
     for (auto& watcher : setAside) {
-        appendLocked(std::move(watcher), false);
+        appendLocked(watcher.get(), false);
+        (void)watcher.release(); // the queue's now
     }
     if (result != nullptr) {
         notices.report(*result, "picked", diagnosticsRoot_);
     }
-    return result.release();
+    return result;
+}
+
+Message* MessageQueue::getNextMessage(uint32_t serial) {
+    Notices notices(listener_);
+    const ObjectLock guard(*this);
+    return takeLocked(notices, serial, [](const Message&) { return true; }).release();
+}
+
+std::unique_ptr<Message>
+MessageQueue::takeWanted(uint32_t serial, const std::function<bool(const Message&)>& wanted) {
+    Notices notices(listener_);
+    const ObjectLock guard(*this);
+    return takeLocked(notices, serial, wanted);
 }
 
 bool MessageQueue::removeMessage(uint32_t serial) {
@@ -257,7 +263,7 @@ void MessageQueue::removeTimeoutMessage(uint32_t serial) {
 
 void MessageQueue::removeExpiredMessages() {
     const int64_t now = ConveyUtils::getTimeSeconds();
-    Notices notices;
+    Notices notices(listener_);
     const ObjectLock guard(*this);
     if (now < firstDeadline_) {
         return; // looking at each of many, each time, would take long
@@ -306,7 +312,7 @@ bool MessageQueue::visitAfter(uint64_t& position,
 }
 
 bool MessageQueue::drop(uint64_t position) {
-    Notices notices;
+    Notices notices(listener_);
     const ObjectLock guard(*this);
     const auto found = findLocked(position);
     if (found == entries_.end() || found->position != position) {
@@ -359,7 +365,7 @@ MessageQueue::Load MessageQueue::answers() const {
 
 int32_t MessageQueue::dropAnswersFor(const std::string& target) {
     std::vector<std::unique_ptr<Message>> dropped; // deleted when the lock has been given up
-    Notices notices;
+    Notices notices(listener_);
     const ObjectLock guard(*this);
     const auto line = lines_.find(target);
     if (line == lines_.end()) {
@@ -378,7 +384,7 @@ int32_t MessageQueue::dropAnswersFor(const std::string& target) {
 
 bool MessageQueue::keep(uint64_t position, uint32_t timestamp, uint32_t timeoutSeconds,
                         uint32_t queueStamp) {
-    Notices notices;
+    Notices notices(listener_);
     const ObjectLock guard(*this);
     const auto found = findLocked(position);
     if (found == entries_.end() || found->position != position) {

@@ -19,17 +19,33 @@ namespace ScObjects::ConveyData {
 // Messages that wait, oldest first: those that were received and those that are to be sent. A
 // message whose time has run out is retired, and its sender told when it asked for that.
 //
-// Owns its messages. Threads: any. Reports and notices are sent when the queue's lock has been
-// given up, so that whoever they reach may use the queue. Appending, taking the oldest and looking
-// for the oldest of a target take the same time however many there are.
+// Owns its messages. Threads: any. Its listener is told when the queue's lock has been given up,
+// and may use the queue. Appending, taking the oldest and looking for the oldest of a target take
+// the same time however many there are.
 class SO_EXPORT MessageQueue : public SoLockable {
 public:
     // What a message without a time-out gets, in seconds, so that nothing waits for ever by
     // accident.
     static constexpr uint32_t kDefaultTimeoutSeconds = limits::of("message.timeout");
 
+    // Who is told what happens in a queue. Nothing that it throws goes any further.
+    class SO_EXPORT Listener {
+    public:
+        virtual ~Listener();
+        // Whether `traffic` is to be called; asked with the queue's lock held.
+        virtual bool watchesTraffic() const = 0;
+        // A message was "added", "picked", "requeued" or has "timed out" in the queue of that root.
+        virtual void traffic(const Convey::Message& message, const SoString& root,
+                             const char* event) = 0;
+        // The time of a message has run out whose sender is to be told.
+        virtual void expired(const Convey::Message& message) = 0;
+    };
+
     MessageQueue() = default;
     ~MessageQueue() override;
+
+    // To be set before the queue is used; not owned, null for none.
+    void setListener(Listener* listener) { listener_ = listener; }
 
     bool isEmpty() const;
     int32_t count() const;
@@ -37,16 +53,21 @@ public:
     int64_t bodyBytes() const;
 
     // Adds a message at the end, the queue's from now on. False, and it stays the caller's, for
-    // null and for a message without a sender or a target. A missing timestamp becomes now, a
-    // time-out of 0 the default, except that a watcher (type "Ignore") without a time-out ends at
-    // once. `isAnswer`: it is of use to the process that asked, and to no other of its name.
+    // null, for a message without a sender or a target, and when memory runs out, which is thrown.
+    // A missing timestamp becomes now, a time-out of 0 the default, except that a watcher (type
+    // "Ignore") without a time-out ends at once. `isAnswer`: it is of use to the process that
+    // asked, and to no other of its name.
     [[nodiscard]] bool append(Convey::Message* message, bool isAnswer = false);
 
     // Takes the oldest message that has not expired, the caller's from now on; null without one.
     // Watchers (type "Ignore") that are related to `serial` (all of them for
     // CV_INVALID_MESSAGE_NUMBER) are passed over and move to the end.
     [[nodiscard]] Convey::Message* getNextMessage(uint32_t serial);
-    // The same, and deletes it; false for CV_INVALID_MESSAGE_NUMBER and without a message.
+    // The same for the oldest that is wanted, which is asked with the queue's lock held.
+    [[nodiscard]] std::unique_ptr<Convey::Message>
+    takeWanted(uint32_t serial, const std::function<bool(const Convey::Message&)>& wanted);
+    // Like `getNextMessage`, and deletes it; false for CV_INVALID_MESSAGE_NUMBER and without a
+    // message.
     bool removeMessage(uint32_t serial);
     // Deletes the watchers that an instance has set to itself for the message with this number.
     void removeTimeoutMessage(uint32_t serial);
@@ -105,7 +126,10 @@ private:
     using Entries = std::deque<Entry>;
 
     Entries::const_iterator findLocked(uint64_t position) const SO_REQUIRES(this);
-    void appendLocked(std::unique_ptr<Convey::Message> message, bool isAnswer) SO_REQUIRES(this);
+    void appendLocked(Convey::Message* message, bool isAnswer) SO_REQUIRES(this);
+    std::unique_ptr<Convey::Message>
+    takeLocked(Notices& notices, uint32_t serial,
+               const std::function<bool(const Convey::Message&)>& wanted) SO_REQUIRES(this);
     std::unique_ptr<Convey::Message> takeLocked(const Entries::const_iterator& entry)
         SO_REQUIRES(this);
     void forgetLocked(const Entry& entry) SO_REQUIRES(this);
@@ -118,6 +142,7 @@ private:
     int64_t firstDeadline_ SO_GUARDED_BY(this) = kNoDeadline; // no message expires before it
     std::unordered_map<std::string, Line> lines_ SO_GUARDED_BY(this); // none is empty
     int32_t watchers_ SO_GUARDED_BY(this) = 0;
+    Listener* listener_ = nullptr;
     SoString diagnosticsRoot_ SO_GUARDED_BY(this);
 
     static constexpr int64_t kNoDeadline = INT64_MAX;
