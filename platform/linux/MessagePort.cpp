@@ -5,6 +5,7 @@
 
 #include "platform/linux/PortFolder.h"
 #include "platform/linux/PortList.h"
+#include "platform/linux/PortName.h"
 #include "platform/linux/PortReceiver.h"
 #include "platform/linux/PortSender.h"
 #include "platform/linux/PortWaiter.h"

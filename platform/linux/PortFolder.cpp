@@ -13,7 +13,6 @@
 
 #include "limits/Limits.h"
 #include "platform/Log.h"
-#include "platform/linux/Descriptor.h"
 
 namespace platform {
 namespace {
@@ -191,29 +190,6 @@ std::string portFileName(const std::string& portName) {
         appendHexadecimal(file, byte);
     }
     return file;
-}
-
-PortState portState(const PortFolder& folder, const std::string& fileName) {
-    const std::string name = fileName + kLockEnding;
-    const auto unknown = [&] {
-        const int error = errno;
-        Log::system().problem("cannot find out who owns " + folder.path() + "/" + name + ": " +
-                              systemReason());
-        errno = error;
-        return PortState::unknown;
-    };
-    const Descriptor file(
-        openat(folder.fd(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (!file) {
-        return errno == ENOENT ? PortState::free : unknown();
-    }
-    struct flock lock {};
-    lock.l_type = F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    if (fcntl(file.get(), F_OFD_GETLK, &lock) != 0) {
-        return unknown();
-    }
-    return lock.l_type == F_UNLCK ? PortState::free : PortState::owned;
 }
 
 bool isOwnPeer(int socket, int32_t& process) {

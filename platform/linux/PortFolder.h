@@ -6,7 +6,6 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include "platform/MessagePort.h"
 #include "platform/linux/PortDescriptor.h"
 
 namespace platform {
@@ -60,10 +59,6 @@ std::string portFileName(const std::string& portName);
 
 inline constexpr const char* kSocketEnding = ".socket";
 inline constexpr const char* kLockEnding = ".lock";
-
-// Whether somebody, this process included, holds the lock of the name. Takes nothing. `unknown` is
-// reported; errno has the reason.
-PortState portState(const PortFolder& folder, const std::string& fileName);
 
 // True when the process at the other end of a connected socket is this user's or root's; `process`
 // receives its number.

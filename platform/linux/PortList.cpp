@@ -18,6 +18,7 @@
 
 #include "platform/linux/Descriptor.h"
 #include "platform/linux/PortFolder.h"
+#include "platform/linux/PortName.h"
 #include "platform/linux/ProcessTable.h"
 
 namespace platform {
@@ -169,7 +170,14 @@ bool removeIfStale(const PortFolder& folder, const std::string& file) {
     whole.l_whence = SEEK_SET;
     struct stat opened {};
     struct stat named {};
-    if (!lock || fcntl(lock.get(), F_OFD_SETLK, &whole) != 0 || fstat(lock.get(), &opened) != 0 ||
+    struct flock second = whole; // of an owner that has ended, whose child keeps the first byte
+    second.l_start = 1;
+    const auto isTaken = [&] {
+        return fcntl(lock.get(), F_OFD_SETLK, &whole) == 0 ||
+               (isOwnerGone(lock.get()) && fcntl(lock.get(), F_OFD_SETLK, &second) == 0 &&
+                isOwnerGone(lock.get()));
+    };
+    if (!lock || !isTaken() || fstat(lock.get(), &opened) != 0 ||
         fstatat(folder.fd(), lockFile.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0 ||
         opened.st_ino != named.st_ino || opened.st_dev != named.st_dev) {
         return false; // somebody owns it, or has removed it meanwhile

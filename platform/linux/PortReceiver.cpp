@@ -11,10 +11,15 @@
 #include <sched.h>
 #include <set>
 #include <sys/epoll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/timerfd.h>
 #include <thread>
+#include <tuple>
 #include <unistd.h>
+#include <unordered_map>
+#include <vector>
 
 #include "limits/Limits.h"
 #include "platform/Clock.h"
@@ -28,11 +33,15 @@ namespace {
 using Time = std::chrono::steady_clock;
 
 constexpr uint64_t kListener = 0; // among the events; connections are numbered from 1
+constexpr uint64_t kTimer = UINT64_MAX;
 
 // A process has one connection to us for each copy of the layer in it.
 constexpr size_t kMaximumConnectionsOfProcess = limits::of("port.connections.process");
 // Half of the descriptors that a process may open as a rule; the host needs some for itself.
 constexpr size_t kMaximumConnections = limits::of("port.connections");
+constexpr int64_t kStalledMilliseconds = limits::of("port.half-sent.stalled");
+constexpr int64_t kHalfSentMilliseconds = limits::of("port.half-sent.age");
+constexpr size_t kProgressBytes = limits::of("port.half-sent.progress");
 // Announced bytes of half-sent texts: two of the largest a process, eight in all.
 constexpr size_t kMaximumHalfSentOfProcess = limits::of("port.half-sent.process");
 constexpr size_t kMaximumHalfSent = limits::of("port.half-sent");
@@ -45,7 +54,6 @@ constexpr int kRoundsAtOnce = 64; // more than it takes to see the end of all co
 constexpr uint32_t kHotRuns = 8;
 constexpr int64_t kListeningPauseMilliseconds = limits::of("port.accept-pause");
 constexpr int64_t kLongestSliceMilliseconds = limits::of("port.wait");
-constexpr int kLockAttempts = limits::of("port.claims");
 
 // About what going to sleep and being woken costs, and so what it may save at most. One that finds
 // nothing costs more than it can save, so it is given up after some of them, and tried again from
@@ -91,7 +99,7 @@ public:
     }
     bool open(PortReceiver* port) {
         const std::lock_guard<std::mutex> guard(mutex_);
-        if (ended_ || !port->lockName()) {
+        if (ended_ || !port->name_.own()) {
             return false;
         }
         ports_.insert(port);
@@ -100,15 +108,19 @@ public:
     void close(PortReceiver* port) {
         const std::lock_guard<std::mutex> guard(mutex_);
         ports_.erase(port);
-        port->removeFiles();
+        giveBack(port);
     }
 
     std::vector<std::string> lostFiles() {
         const std::lock_guard<std::mutex> guard(mutex_);
         std::vector<std::string> files;
-        for (const PortReceiver* port : ports_) {
-            if (!ended_ && !port->holdsLockFile()) {
-                files.push_back(port->lockPath());
+        for (PortReceiver* port : ports_) {
+            const PortName& name = port->name_;
+            const bool locked = name.holdsLockFile();
+            if (!ended_ && (!locked || !name.holdsSocket()) &&
+                !port->lossIsReported_.exchange(true)) {
+                files.push_back(name.folder().path() + "/" +
+                                (locked ? name.socketFile() : name.lockFile()));
             }
         }
         return files;
@@ -118,8 +130,17 @@ private:
     void end() {
         const std::lock_guard<std::mutex> guard(mutex_);
         ended_ = true;
-        for (const PortReceiver* port : ports_) {
-            port->removeFiles();
+        for (PortReceiver* port : ports_) {
+            giveBack(port);
+        }
+    }
+
+    // In this order: what is sent to the name once somebody else may have it must not come here.
+    // A child that was born by the bare system call leaves its parent's port alone.
+    static void giveBack(PortReceiver* port) {
+        if (port->name_.isOwner()) {
+            port->deafen();
+            port->name_.removeFiles();
         }
     }
 
@@ -128,9 +149,8 @@ private:
     bool ended_ = false;
 };
 
-PortReceiver::PortReceiver(PortFolder folder, std::string fileName)
-    : folder_(std::move(folder)),
-      fileName_(std::move(fileName)),
+PortReceiver::PortReceiver(PortFolder folder, const std::string& name)
+    : name_(std::move(folder), name),
       buffer_(new unsigned char[PortPacket::kHeaderBytes + PortPacket::kMaximumWholeBytes]),
       spinCredit_(kFullSpinCredit) {}
 
@@ -140,12 +160,8 @@ std::unique_ptr<PortReceiver> PortReceiver::open(const std::string& name) {
         folder.open(PortFolder::Use::create) != PortFolder::State::usable) {
         return nullptr;
     }
-    std::unique_ptr<PortReceiver> port(new PortReceiver(std::move(folder), portFileName(name)));
+    std::unique_ptr<PortReceiver> port(new PortReceiver(std::move(folder), name));
     return OpenPorts::instance().open(port.get()) ? std::move(port) : nullptr;
-}
-
-std::string PortReceiver::lockPath() const {
-    return folder_.path() + "/" + fileName_ + kLockEnding;
 }
 
 void PortReceiver::reportLost() {
@@ -160,69 +176,23 @@ PortReceiver::~PortReceiver() {
     OpenPorts::instance().close(this);
 }
 
-void PortReceiver::removeFiles() const {
-    // In a child after fork the descriptors are gone and the files are the parent's; files that
-    // somebody has put in the place of ours are theirs.
-    if (lock_ && holdsLockFile()) {
-        (void)unlinkat(folder_.fd(), (fileName_ + kSocketEnding).c_str(), 0);
-        // Last, and while it is still held: whoever opened it before sees that it is gone.
-        (void)unlinkat(folder_.fd(), (fileName_ + kLockEnding).c_str(), 0);
+// Nothing can be sent to this port from now on. The sockets themselves stay: another thread may be
+// reading from them.
+void PortReceiver::deafen() {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    (void)shutdown(listener_.get(), SHUT_RDWR);
+    while (PortDescriptor(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC))) {
     }
-}
-
-// True when the file that is locked is still the one at the name.
-bool PortReceiver::holdsLockFile() const {
-    struct stat locked {};
-    struct stat current {};
-    return fstat(lock_.get(), &locked) == 0 &&
-           fstatat(folder_.fd(), (fileName_ + kLockEnding).c_str(), &current,
-                   AT_SYMLINK_NOFOLLOW) == 0 &&
-           current.st_ino == locked.st_ino && current.st_dev == locked.st_dev;
-}
-
-// Becomes the owner of the name, or not; reports only what is wrong with the folder.
-bool PortReceiver::lockName() {
-    const std::string file = fileName_ + kLockEnding;
-    for (int attempt = 0; attempt < kLockAttempts; ++attempt) {
-        PortDescriptor lock(openat(folder_.fd(), file.c_str(),
-                                   O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
-        struct stat status {};
-        if (!lock || fstat(lock.get(), &status) != 0) {
-            Log::system().problem("cannot open " + folder_.path() + "/" + file + ": " +
-                                  systemReason());
-            return false;
-        }
-        if (!S_ISREG(status.st_mode) || status.st_uid != geteuid()) {
-            Log::system().problem("refused " + folder_.path() + "/" + file +
-                                  ": not a file of this user's own");
-            return false;
-        }
-        // Held by the open file, not by the process: a second port of this process is refused too,
-        // and closing any other descriptor of the file does not release it.
-        struct flock whole {};
-        whole.l_type = F_WRLCK;
-        whole.l_whence = SEEK_SET;
-        if (fcntl(lock.get(), F_OFD_SETLK, &whole) != 0) {
-            if (errno != EAGAIN && errno != EACCES) {
-                Log::system().problem("cannot lock " + folder_.path() + "/" + file + ": " +
-                                      systemReason());
-            }
-            return false;
-        }
-        // An owner that ends removes its file, and a lock on a removed file is worth nothing.
-        lock_ = std::move(lock);
-        if (holdsLockFile()) {
-            return true;
-        }
-        lock_.reset();
+    for (auto& [number, connection] : connections_) {
+        (void)shutdown(connection.socket.get(), SHUT_RDWR);
     }
-    return false;
 }
 
 bool PortReceiver::listen() {
-    const std::string file = fileName_ + kSocketEnding;
+    const PortFolder& folder = name_.folder();
+    const std::string& file = name_.socketFile();
     const auto refuse = [&](const char* what) {
-        Log::system().problem(std::string("cannot ") + what + " " + folder_.path() + "/" + file +
+        Log::system().problem(std::string("cannot ") + what + " " + folder.path() + "/" + file +
                               ": " + systemReason());
         return false;
     };
@@ -231,8 +201,8 @@ bool PortReceiver::listen() {
     if (!listener || !events) {
         return refuse("make the socket");
     }
-    (void)unlinkat(folder_.fd(), file.c_str(), 0); // left by an owner that died
-    const PortFolder::Address address = folder_.addressOf(file);
+    (void)unlinkat(folder.fd(), file.c_str(), 0); // left by an owner that died
+    const PortFolder::Address address = folder.addressOf(file);
     if (bind(listener.get(), reinterpret_cast<const sockaddr*>(&address.address), address.length) !=
         0) {
         return refuse("bind");
@@ -244,8 +214,10 @@ bool PortReceiver::listen() {
         ::listen(listener.get(), SOMAXCONN) != 0) {
         return refuse("listen at");
     }
-    // Tells those who watch the folder that the port is there: the file itself was too early.
-    (void)!fchmodat(folder_.fd(), file.c_str(), S_IRUSR | S_IWUSR, 0);
+    // Tells those who watch the folder that the port is there: the file itself was too early. The
+    // mark keeps cleaners of old files off.
+    (void)!fchmodat(folder.fd(), file.c_str(), S_ISVTX | S_IRUSR | S_IWUSR, 0);
+    name_.noteSocket();
     listener_ = std::move(listener);
     events_ = std::move(events);
     return true;
@@ -272,7 +244,8 @@ PortStatistics PortReceiver::statistics() const {
 // conversation goes to and fro on one. Not so often that the others would have to wait for long.
 bool PortReceiver::readHot(int packets) {
     const auto hot = connections_.find(hot_);
-    if (hot != connections_.end() && !hot->second.mustWait && ++hotRuns_ % kHotRuns != 0) {
+    if (hot != connections_.end() && !hot->second.mustWait && hot->second.waiting == 0 &&
+        ++hotRuns_ % kHotRuns != 0) {
         read(hot, packets);
     }
     return !ready_.empty();
@@ -284,6 +257,9 @@ bool PortReceiver::fill() {
         return true;
     }
     resumeListening();
+    if (tendAt_ != 0 && now() >= tendAt_) {
+        tend();
+    }
     // What is reported first may be new connections, whose texts are then reported, or ends.
     for (int round = 0; round < kRoundsAtOnce; ++round) {
         epoll_event events[kEventsAtOnce];
@@ -303,6 +279,12 @@ void PortReceiver::readEvents(const epoll_event* events, int count, int packets)
             acceptAll();
             continue;
         }
+        if (number == kTimer) {
+            uint64_t times = 0;
+            (void)!::read(timer_.get(), &times, sizeof times);
+            tend();
+            continue;
+        }
         // An earlier event of these may have closed it.
         const auto connection = connections_.find(number);
         if (connection != connections_.end() && olderOnesAreRead(connection)) {
@@ -313,6 +295,10 @@ void PortReceiver::readEvents(const epoll_event* events, int count, int packets)
 
 void PortReceiver::acceptAll() {
     for (int i = 0; i < kAcceptsAtOnce; ++i) {
+        if (connections_.size() >= kMaximumConnections && !makeRoom(0)) {
+            pauseListening(); // what newcomers have sent waits with them
+            return;
+        }
         PortDescriptor socket(
             accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (!socket) {
@@ -327,10 +313,7 @@ void PortReceiver::acceptAll() {
             ++statistics_.strangers;
             continue;
         }
-        if (!makeRoom(process)) {
-            ++statistics_.overLimit;
-            continue;
-        }
+        (void)makeRoom(process); // else all of them wait for room themselves
         admit(std::move(socket), process);
     }
 }
@@ -363,69 +346,99 @@ bool PortReceiver::olderOnesAreRead(Connections::iterator connection) {
     if (!connection->second.mustWait) {
         return true;
     }
-    for (auto older = connections_.begin(); older != connection;) {
-        const auto next = std::next(older);
-        if (older->second.process == connection->second.process && older->second.hungUp) {
-            const uint64_t number = older->first;
-            read(older, kPacketsAtOnce);
+    std::vector<uint64_t> older; // reading one may close others
+    for (auto i = connections_.begin(); i != connection; ++i) {
+        if (i->second.process == connection->second.process && i->second.hungUp) {
+            older.push_back(i->first);
+        }
+    }
+    for (const uint64_t number : older) {
+        const auto found = connections_.find(number);
+        if (found != connections_.end()) {
+            read(found, kPacketsAtOnce);
             if (connections_.count(number) != 0) {
                 return false; // it had more than one call reads
             }
         }
-        older = next;
     }
     connection->second.mustWait = false;
     return true;
 }
 
-// Keeps the number of connections within bounds by closing the one that was quiet the longest, of
-// the process that has too many or of all. No text is lost by that: its sender cannot send any more
-// from the first step on, what it had sent is read in the second, and its next send finds the
-// connection closed and makes a new one. False when all have sent half a text.
+// Keeps the number of connections within bounds, of the process (0: of all) that has a new one, by
+// closing one of the process that has the most: the one that was quiet the longest or, when all of
+// its texts are half sent, the half that has not moved for the longest time. Whoever is new is
+// served. False when no connection can be closed without breaking off one that moves.
 bool PortReceiver::makeRoom(int32_t process) {
-    const auto ofProcess = static_cast<size_t>(
-        std::count_if(connections_.begin(), connections_.end(),
-                      [process](const auto& c) { return c.second.process == process; }));
-    const bool tooManyOfProcess = ofProcess >= kMaximumConnectionsOfProcess;
-    if (!tooManyOfProcess && connections_.size() < kMaximumConnections) {
+    std::map<int32_t, size_t> numbers;
+    for (const auto& [number, c] : connections_) {
+        ++numbers[c.process];
+    }
+    if (process != 0 ? numbers[process] < kMaximumConnectionsOfProcess
+                     : connections_.size() < kMaximumConnections) {
         return true;
     }
-    auto quiet = connections_.end();
+    const int64_t stalled = now() - kStalledMilliseconds;
+    auto chosen = connections_.end();
+    const auto rank = [&](const Connection& c) {
+        return std::tuple(numbers[c.process], !c.isHalf(), -static_cast<int64_t>(c.lastText),
+                          -c.progressAt);
+    };
     for (auto i = connections_.begin(); i != connections_.end(); ++i) {
         const Connection& c = i->second;
-        if (c.part.size() == 0 && (!tooManyOfProcess || c.process == process) &&
-            (quiet == connections_.end() || c.lastText < quiet->second.lastText)) {
-            quiet = i;
+        const bool fits =
+            process != 0 ? c.process == process : !c.isHalf() || c.progressAt <= stalled;
+        if (fits && !isWholeInQueue(c) &&
+            (chosen == connections_.end() || rank(c) > rank(chosen->second))) {
+            chosen = i;
         }
     }
-    if (quiet == connections_.end()) {
+    if (chosen == connections_.end()) {
         return false;
     }
-    (void)shutdown(quiet->second.socket.get(), SHUT_RD);
-    const uint64_t number = quiet->first;
-    while (connections_.count(number) != 0) { // what was sent ends with the sender's buffer
-        read(quiet, kPacketsAtOnce);
-    }
+    readOut(chosen);
     return true;
+}
+
+// Closes a connection. No text is lost by that: its sender cannot send any more from the first step
+// on, what it had sent is read in the second, and its next packet finds the connection closed, so
+// that it makes a new one and sends the text from its beginning.
+void PortReceiver::readOut(Connections::iterator connection) {
+    statistics_.overLimit += connection->second.isHalf() ? 1 : 0;
+    (void)shutdown(connection->second.socket.get(), SHUT_RD);
+    const uint64_t number = connection->first;
+    // What was sent ends with the sender's buffer, or at a text for which there is no room yet.
+    while (connections_.count(number) != 0 && connection->second.waiting == 0) {
+        read(connection, kPacketsAtOnce);
+    }
+    const auto left = connections_.find(number);
+    if (left != connections_.end() && !isWholeInQueue(left->second)) {
+        --waiting_;
+        connections_.erase(left);
+    }
 }
 
 void PortReceiver::read(Connections::iterator connection, int packets) {
     const size_t before = ready_.size();
+    const size_t announcedBefore = announcedBytes_;
     const Reading reading = readPackets(connection->second, packets);
     if (ready_.size() != before) {
         hot_ = connection->first;
         connection->second.lastText = lastText_ = lastText_ + 1;
     }
     if (reading == Reading::closed) {
-        announcedBytes_ -= connection->second.part.size();
+        release(connection->second);
         // Not left to the closing: a child that was not born by fork may hold it open.
         (void)epoll_ctl(events_.get(), EPOLL_CTL_DEL, connection->second.socket.get(), nullptr);
         connections_.erase(connection);
     }
+    if (announcedBytes_ < announcedBefore) {
+        giveRoom(false);
+    }
 }
 
 PortReceiver::Reading PortReceiver::readPackets(Connection& connection, int packets) {
-    for (; packets > 0; --packets) {
+    for (; packets > 0 && connection.waiting == 0; --packets) {
         iovec place = {buffer_.get(), PortPacket::kHeaderBytes + PortPacket::kMaximumWholeBytes};
         if (connection.part.size() != 0) {
             place = {connection.part.data() + connection.received,
@@ -467,8 +480,13 @@ PortReceiver::Reading PortReceiver::readPackets(Connection& connection, int pack
 PortReceiver::Reading PortReceiver::takePacket(Connection& connection, size_t bytes) {
     if (connection.part.size() != 0) {
         connection.received += bytes;
+        connection.progressBytes += bytes;
+        if (connection.progressBytes >= kProgressBytes) {
+            connection.progressAt = now();
+            connection.progressBytes = 0;
+        }
         if (connection.received == connection.part.size()) {
-            announcedBytes_ -= connection.part.size();
+            release(connection);
             ++statistics_.texts;
             statistics_.bytes += connection.part.size();
             ready_.push_back(std::move(connection.part));
@@ -498,27 +516,169 @@ PortReceiver::Reading PortReceiver::takePacket(Connection& connection, size_t by
         ++statistics_.malformed;
         return Reading::closed;
     }
-    if (!startPart(connection, static_cast<size_t>(packet.length))) {
-        ++statistics_.overLimit;
-        return Reading::closed;
+    return startPart(connection, static_cast<size_t>(packet.length));
+}
+
+// Room for an announced text. The system gives memory as it is written to, so an announcement
+// alone costs addresses only; those are counted. Without room the connection waits unread, so that
+// its bytes stay with the sender: they may be a whole text that is delivered for it.
+PortReceiver::Reading PortReceiver::startPart(Connection& connection, size_t length) {
+    if (makeRoomForPart(connection, length, true) && connection.part.allocate(length)) {
+        announcedBytes_ += length;
+        announcedBy_[connection.process] += length;
+        connection.received = 0;
+        connection.progressAt = now();
+        connection.progressBytes = 0;
+        if (tendAt_ == 0) {
+            tendLater(kHalfSentMilliseconds);
+        }
+    } else {
+        // Not left among the events, which would tell its end again and again.
+        (void)epoll_ctl(events_.get(), EPOLL_CTL_DEL, connection.socket.get(), nullptr);
+        connection.waiting = length;
+        connection.progressAt = now();
+        ++waiting_;
+        tendLater(kStalledMilliseconds);
     }
     return Reading::open;
 }
 
-// Room for an announced text. The system gives memory as it is written to, so an announcement
-// alone costs addresses only; those are counted.
-bool PortReceiver::startPart(Connection& connection, size_t length) {
-    size_t ofProcess = length;
-    for (const auto& [number, other] : connections_) {
-        ofProcess += other.process == connection.process ? other.part.size() : 0;
+// True when the text that waits for room is there, and so was delivered for its sender.
+bool PortReceiver::isWholeInQueue(const Connection& connection) {
+    int bytes = 0;
+    return connection.waiting != 0 && ioctl(connection.socket.get(), FIONREAD, &bytes) == 0 &&
+           static_cast<size_t>(bytes) >= connection.waiting;
+}
+
+void PortReceiver::release(const Connection& connection) {
+    const size_t bytes = connection.part.size();
+    if (bytes != 0) {
+        announcedBytes_ -= bytes;
+        const auto found = announcedBy_.find(connection.process);
+        found->second -= bytes;
+        if (found->second == 0) {
+            announcedBy_.erase(found);
+        }
     }
-    if (ofProcess > kMaximumHalfSentOfProcess || announcedBytes_ + length > kMaximumHalfSent ||
-        !connection.part.allocate(length)) {
-        return false;
+}
+
+size_t PortReceiver::announcedBy(int32_t process) const {
+    const auto found = announcedBy_.find(process);
+    return found == announcedBy_.end() ? 0 : found->second;
+}
+
+// Closes stalled halves of the process that has announced the most, or of this one when it has
+// announced too much itself. With `byClosing` only. False when those do not suffice.
+bool PortReceiver::makeRoomForPart(const Connection& connection, size_t length, bool byClosing) {
+    for (;;) {
+        const bool tooMuchOfProcess =
+            announcedBy(connection.process) + length > kMaximumHalfSentOfProcess;
+        if (!tooMuchOfProcess && announcedBytes_ + length <= kMaximumHalfSent) {
+            return true;
+        }
+        const int64_t stalled = now() - kStalledMilliseconds;
+        auto chosen = connections_.end();
+        const auto rank = [&](const Connection& c) {
+            return std::tuple(announcedBy(c.process), -c.progressAt);
+        };
+        for (auto i = connections_.begin(); i != connections_.end() && byClosing && !makesRoom_;
+             ++i) {
+            const Connection& c = i->second;
+            if (&c != &connection && c.part.size() != 0 && c.progressAt <= stalled &&
+                (!tooMuchOfProcess || c.process == connection.process) &&
+                (chosen == connections_.end() || rank(c) > rank(chosen->second))) {
+                chosen = i;
+            }
+        }
+        if (chosen == connections_.end()) {
+            return false;
+        }
+        makesRoom_ = true;
+        readOut(chosen);
+        makesRoom_ = false;
     }
-    announcedBytes_ += connection.part.size();
-    connection.received = 0;
-    return true;
+}
+
+// Reads on from those that waited for room, in the order of their arrival, as far as there is some.
+void PortReceiver::giveRoom(bool byClosing) {
+    if (waiting_ == 0 || makesRoom_) {
+        return;
+    }
+    std::vector<uint64_t> waiting; // making room may close others
+    for (const auto& [number, connection] : connections_) {
+        if (connection.waiting != 0) {
+            waiting.push_back(number);
+        }
+    }
+    for (const uint64_t number : waiting) {
+        const auto found = connections_.find(number);
+        if (found == connections_.end() ||
+            !makeRoomForPart(found->second, found->second.waiting, byClosing)) {
+            continue;
+        }
+        --waiting_;
+        (void)startPart(found->second, std::exchange(found->second.waiting, 0));
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.u64 = number;
+        if (found->second.waiting == 0 &&
+            epoll_ctl(events_.get(), EPOLL_CTL_ADD, found->second.socket.get(), &event) != 0) {
+            found->second.waiting = found->second.part.size(); // tried again
+            release(found->second);
+            found->second.part = PortText();
+            ++waiting_;
+        }
+    }
+}
+
+void PortReceiver::tendLater(int64_t milliseconds) {
+    const int64_t at = now() + milliseconds;
+    if (tendAt_ != 0 && tendAt_ <= at) {
+        return;
+    }
+    tendAt_ = at;
+    if (!timer_) {
+        PortDescriptor timer(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.u64 = kTimer;
+        if (!timer || epoll_ctl(events_.get(), EPOLL_CTL_ADD, timer.get(), &event) != 0) {
+            return; // then the next text that arrives is the occasion
+        }
+        timer_ = std::move(timer);
+    }
+    itimerspec time{};
+    time.it_value.tv_sec = milliseconds / 1000;
+    time.it_value.tv_nsec = milliseconds % 1000 * 1'000'000;
+    (void)timerfd_settime(timer_.get(), 0, &time, nullptr);
+}
+
+// Closes the halves that have been there for too long without progress, and serves those that wait.
+void PortReceiver::tend() {
+    tendAt_ = 0;
+    std::vector<uint64_t> old;
+    bool halves = false;
+    for (const auto& [number, connection] : connections_) {
+        if (connection.isHalf()) {
+            halves = true;
+            if (now() - connection.progressAt >= kHalfSentMilliseconds &&
+                !isWholeInQueue(connection)) {
+                old.push_back(number);
+            }
+        }
+    }
+    for (const uint64_t number : old) {
+        const auto found = connections_.find(number);
+        if (found != connections_.end()) {
+            readOut(found);
+        }
+    }
+    giveRoom(true);
+    if (waiting_ > 0) {
+        tendLater(kStalledMilliseconds);
+    } else if (halves) {
+        tendLater(kHalfSentMilliseconds / 4);
+    }
 }
 
 // New connections stay in the system's queue meanwhile; being told of them without end would keep
@@ -528,6 +688,7 @@ void PortReceiver::pauseListening() {
     event.data.u64 = kListener;
     if (epoll_ctl(events_.get(), EPOLL_CTL_MOD, listener_.get(), &event) == 0) {
         listenAgain_ = now() + kListeningPauseMilliseconds;
+        tendLater(kListeningPauseMilliseconds); // who waits for several ports is told, too
         listeningPaused_.store(true, std::memory_order_relaxed);
     }
 }

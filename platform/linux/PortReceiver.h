@@ -8,10 +8,11 @@
 #include <mutex>
 #include <string>
 #include <sys/epoll.h>
+#include <unordered_map>
 
 #include "platform/MessagePort.h"
 #include "platform/linux/PortDescriptor.h"
-#include "platform/linux/PortFolder.h"
+#include "platform/linux/PortName.h"
 
 namespace platform {
 
@@ -29,53 +30,62 @@ public:
     // Readable when something has arrived; to be waited for, not to be read.
     int events() const { return events_.get(); }
 
-    // The file whose lock says that the name is owned.
-    std::string lockPath() const;
+    // The port's two files, to be watched by `reportLost`.
+    const PortName& name() const { return name_; }
 
-    // Reports the ports of this process whose files somebody has removed: who is connected can go
-    // on, but nobody finds them any more. Threads: any.
+    // Reports, once each, the ports of this process of which somebody has removed a file: who is
+    // connected can go on, but nobody finds them any more. Threads: any.
     static void reportLost();
 
 private:
     struct Connection {
         PortDescriptor socket;
         int32_t process = 0;
-        uint64_t lastText = 0; // counts the texts of all connections
-        bool hungUp = false;   // its sender has closed it; what it sent comes before what ...
-        bool mustWait = false; // ... a newer connection of the same process brings
-        PortText part;         // the text of which some packets have arrived
-        size_t received = 0;   // bytes of it
+        uint64_t lastText = 0;    // counts the texts of all connections
+        bool hungUp = false;      // its sender has closed it; what it sent comes before what ...
+        bool mustWait = false;    // ... a newer connection of the same process brings
+        PortText part;            // the text of which some packets have arrived
+        size_t received = 0;      // bytes of it
+        size_t waiting = 0;       // bytes announced, for which there is no room yet; it is not read
+        int64_t progressAt = 0;   // when so much had arrived, ...
+        size_t progressBytes = 0; // ... since then
+        bool isHalf() const { return part.size() != 0 || waiting != 0; }
     };
     // By the order of arrival.
     using Connections = std::map<uint64_t, Connection>;
     enum class Reading { open, closed };
 
-    PortReceiver(PortFolder folder, std::string fileName);
+    PortReceiver(PortFolder folder, const std::string& name);
 
     class OpenPorts;
 
-    void removeFiles() const;
-    bool lockName();
-    bool holdsLockFile() const;
     bool listen();
+    void deafen();
     bool fill();
     void acceptAll();
     void admit(PortDescriptor socket, int32_t process);
     bool makeRoom(int32_t process);
+    void readOut(Connections::iterator connection);
     bool readHot(int packets);
     void readEvents(const epoll_event* events, int count, int packets);
     void read(Connections::iterator connection, int packets);
     Reading readPackets(Connection& connection, int packets);
     Reading takePacket(Connection& connection, size_t bytes);
-    bool startPart(Connection& connection, size_t length);
+    Reading startPart(Connection& connection, size_t length);
+    bool makeRoomForPart(const Connection& connection, size_t length, bool byClosing);
+    static bool isWholeInQueue(const Connection& connection);
+    void release(const Connection& connection);
+    size_t announcedBy(int32_t process) const;
+    void giveRoom(bool byClosing);
+    void tendLater(int64_t milliseconds);
+    void tend();
     bool olderOnesAreRead(Connections::iterator connection);
     void pauseListening();
     void resumeListening();
     bool spin();
 
-    const PortFolder folder_;
-    const std::string fileName_;
-    PortDescriptor lock_;
+    PortName name_;
+    std::atomic<bool> lossIsReported_{false};
     PortDescriptor listener_;
     PortDescriptor events_;
 
@@ -87,6 +97,11 @@ private:
     uint32_t hotRuns_ = 0;
     int64_t listenAgain_ = 0; // when new connections are accepted again, while that is paused
     size_t announcedBytes_ = 0;
+    std::unordered_map<int32_t, size_t> announcedBy_; // the same, of each process
+    size_t waiting_ = 0;                              // connections that wait for room for a text
+    bool makesRoom_ = false; // so that making room for one does not ask for room for others
+    int64_t tendAt_ = 0;     // when halves are looked at, while there are any
+    PortDescriptor timer_;   // reports that time; missing where the system gives none
     std::deque<PortText> ready_;
     const std::unique_ptr<unsigned char[]> buffer_;
     PortStatistics statistics_;

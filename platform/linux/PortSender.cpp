@@ -18,6 +18,7 @@
 #include "platform/Log.h"
 #include "platform/linux/PortDescriptor.h"
 #include "platform/linux/PortFolder.h"
+#include "platform/linux/PortName.h"
 #include "platform/linux/PortPacket.h"
 
 namespace platform {
@@ -111,11 +112,10 @@ private:
     std::condition_variable turn_;
     bool busy_ = false;
 
-    // What follows belongs to whoever has the turn. The first three are read by others, too, so
+    // What follows belongs to whoever has the turn. The first two are read by others, too, so
     // they change with this mutex held only.
     std::mutex peerMutex_;
     PortDescriptor socket_;
-    PortFolder folder_;
     PortIncarnation owner_;
     std::weak_ptr<Watch> watch_;
     Time::time_point lookedAt_;
@@ -197,8 +197,10 @@ bool PortSender::Connection::hasSuccessor() {
         return false;
     }
     lookedAt_ = now;
+    PortFolder folder; // perhaps another one by now
     PortIncarnation current;
-    return findIncarnation(folder_, socketFile_, current) && !(current == owner_);
+    return folder.open(PortFolder::Use::ifThere) == PortFolder::State::usable &&
+           findIncarnation(folder, socketFile_, current) && !(current == owner_);
 }
 
 void PortSender::Connection::close() {
@@ -300,7 +302,6 @@ SendResult PortSender::Connection::open(Deadline& deadline) {
     }
     const std::lock_guard<std::mutex> guard(peerMutex_);
     socket_ = std::move(socket);
-    folder_ = std::move(folder);
     owner_ = owner;
     lookedAt_ = Time::time_point();
     return SendResult::delivered;

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "limits/Limits.h"
+#include "platform/Clock.h"
 #include "platform/linux/PortFolder.h"
 #include "platform/linux/PortReceiver.h"
 #include "platform/linux/PortSender.h"
@@ -23,6 +24,7 @@ constexpr uint64_t kWake = 1;
 constexpr uint64_t kFiles = 2;
 constexpr uint64_t kTarget = 3;
 constexpr int kEventsAtOnce = 16;
+constexpr int64_t kWatchAfterMilliseconds = limits::of("port.watch-after");
 constexpr int64_t kLongestLookAgainMilliseconds = limits::of("port.look-again");
 constexpr int64_t kLongestMilliseconds = limits::of("port.wait");
 
@@ -74,8 +76,27 @@ void PortWaiter::add(const LocalPort& port) {
     const auto& receiver = static_cast<const PortReceiver&>(port);
     (void)watch(receiver.events(), kPort); // else it is polled
     const std::lock_guard<std::mutex> guard(mutex_);
-    int number = -1;                              // the watch ends with the file
-    (void)watchFile(receiver.lockPath(), number); // else the loss of the file shows later
+    const std::string folder = receiver.name().folder().path() + "/";
+    unwatched_.push_back(folder + receiver.name().lockFile());
+    unwatched_.push_back(folder + receiver.name().socketFile());
+    if (watchAt_ == 0) {
+        watchAt_ = Clock::own().monotonicMilliseconds() + kWatchAfterMilliseconds;
+    }
+}
+
+// The end of a process with a watch takes the system 15 milliseconds, so one that lives for a
+// moment makes none.
+void PortWaiter::watchFiles() {
+    {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        watchAt_ = 0;
+        for (const std::string& file : unwatched_) {
+            int number = -1;               // the watch ends with the file
+            (void)watchFile(file, number); // else its loss shows later
+        }
+        unwatched_.clear();
+    }
+    PortReceiver::reportLost(); // before there was a watch
 }
 
 void PortWaiter::add(TargetWatch& watch) {
@@ -124,6 +145,14 @@ bool PortWaiter::wait(int64_t timeoutMilliseconds) {
     int64_t timeout = std::clamp<int64_t>(timeoutMilliseconds, 0, kLongestMilliseconds);
     // The system closes the connections of a process that is killed before it gives its locks back,
     // so whoever is told of the end looks again shortly after.
+    if (watchAt_ != 0) {
+        const int64_t left = watchAt_ - Clock::own().monotonicMilliseconds();
+        if (left <= 0) {
+            watchFiles();
+        } else {
+            timeout = std::min(timeout, left);
+        }
+    }
     const bool looksAgain = lookAgain_ > 0 && lookAgain_ <= timeout;
     if (looksAgain) {
         timeout = lookAgain_;

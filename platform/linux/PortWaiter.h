@@ -1,9 +1,11 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "platform/MessagePort.h"
 #include "platform/linux/PortDescriptor.h"
@@ -28,13 +30,16 @@ private:
     bool watch(int fd, uint64_t kind) const;
     bool watchFile(const std::string& path, int& watch);
     bool readFileEvents();
+    void watchFiles();
 
     const PortDescriptor events_;
     const PortDescriptor wakes_;
+    std::atomic<int64_t> watchAt_{0}; // when the files are watched, 0 when none waits for it
     int64_t lookAgain_ = 0; // milliseconds, after the end of a target; of the waiting thread
     std::mutex mutex_;      // guards what follows
     PortDescriptor files_;  // inotify; missing where the system gives no more of them
-    int names_ = -1;        // its watch on the folder, while names are watched
+    std::vector<std::string> unwatched_; // files of ports, until this process has lived for a while
+    int names_ = -1;                     // its watch on the folder, while names are watched
 };
 
 } // namespace platform

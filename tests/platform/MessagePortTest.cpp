@@ -11,6 +11,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <thread>
@@ -386,7 +387,118 @@ TEST_F(MessagePortTest, aProcessThatEndsWhileItOpensPortsLeavesNoFile) {
     }
 }
 
+// Registered before all else, so that it runs behind the handler that gives the ports back.
+int gEnding[2] = {-1, -1};
+const int kEndingHandler = std::atexit([] {
+    char byte = 'e';
+    if (gEnding[0] >= 0) {
+        (void)!write(gEnding[1], &byte, 1);
+        (void)!read(gEnding[0], &byte, 1);
+        _exit(0);
+    }
+});
+
+// An owner may take seconds for the rest of its end; what is sent meanwhile is its successor's.
+TEST_F(MessagePortTest, whatIsSentWhileAnOwnerEndsGoesToItsSuccessor) {
+    int to[2];
+    int from[2];
+    ASSERT_TRUE(pipe(to) == 0 && pipe(from) == 0);
+    const pid_t owner = fork();
+    if (owner == 0) {
+        gEnding[0] = to[0];
+        gEnding[1] = from[1];
+        const auto port = MessagePorts::own().open(kName);
+        char byte = port != nullptr ? 'y' : 'n';
+        (void)!write(from[1], &byte, 1);
+        (void)!read(to[0], &byte, 1);
+        std::exit(0);
+    }
+    char byte = 0;
+    ASSERT_EQ(read(from[0], &byte, 1), 1);
+    ASSERT_EQ(byte, 'y');
+    std::shared_ptr<platform::TargetWatch> watch;
+    EXPECT_EQ(ports.send(kName, "first", kGenerous, &watch), SendResult::delivered);
+    EXPECT_FALSE(watch->ended());
+    ASSERT_EQ(kEndingHandler, 0);
+    ASSERT_EQ(write(to[1], &byte, 1), 1);
+    ASSERT_EQ(read(from[0], &byte, 1), 1);
+    EXPECT_TRUE(watch->ended());
+    const auto port = ports.open(kName);
+    ASSERT_NE(port, nullptr);
+    EXPECT_EQ(ports.send(kName, "second", kGenerous), SendResult::delivered);
+    EXPECT_EQ(takeAll(*port), std::vector<std::string>{"second"});
+    ASSERT_EQ(write(to[1], &byte, 1), 1);
+    waitpid(owner, nullptr, 0);
+    for (const int fd : {to[0], to[1], from[0], from[1]}) {
+        close(fd);
+    }
+}
+
+// The bare system call gives the handlers of fork no occasion to close what a child must not keep.
+TEST_F(MessagePortTest, aChildOfTheBareSystemCallKeepsNoName) {
+    int ready[2];
+    int end[2];
+    ASSERT_TRUE(pipe(ready) == 0 && pipe(end) == 0);
+    const pid_t owner = fork();
+    if (owner == 0) {
+        const auto port = MessagePorts::own().open(kName);
+        if (syscall(SYS_clone, SIGCHLD, nullptr, nullptr, nullptr, nullptr) == 0) {
+            char byte = port != nullptr ? 'y' : 'n';
+            close(end[1]);
+            (void)!write(ready[1], &byte, 1);
+            (void)!read(end[0], &byte, 1);
+            _exit(0);
+        }
+        pause();
+        _exit(0);
+    }
+    char byte = 0;
+    ASSERT_EQ(read(ready[0], &byte, 1), 1);
+    ASSERT_EQ(byte, 'y');
+    std::shared_ptr<platform::TargetWatch> watch;
+    EXPECT_EQ(ports.send(kName, "to the owner", kGenerous, &watch), SendResult::delivered);
+    EXPECT_FALSE(ports.isFree(kName));
+    kill(owner, SIGKILL);
+    waitpid(owner, nullptr, 0);
+    EXPECT_TRUE(ports.isFree(kName));
+    const auto port = ports.open(kName);
+    ASSERT_NE(port, nullptr);
+    EXPECT_EQ(ports.send(kName, "to its successor", kGenerous), SendResult::delivered);
+    EXPECT_TRUE(watch->ended());
+    EXPECT_EQ(takeAll(*port), std::vector<std::string>{"to its successor"});
+    EXPECT_EQ(ports.open(kName), nullptr);
+    for (const int fd : {ready[0], ready[1], end[0], end[1]}) {
+        close(fd);
+    }
+}
+
+TEST_F(MessagePortTest, filesAreKeptFromCleanersAndTheLossOfEitherIsReportedOnce) {
+    for (const char* const ending : {".lock", ".socket"}) {
+        SCOPED_TRACE(ending);
+        const auto port = ports.open(kName);
+        ASSERT_NE(port, nullptr);
+        struct stat status {};
+        ASSERT_EQ(stat(fileOf(ending).c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 07777, mode_t{01600}) << "the mark that cleaners respect";
+        const auto wait = ports.newWait();
+        wait->add(*port);
+        (void)wait->wait(0);
+        EXPECT_TRUE(log.lines.empty());
+        ASSERT_EQ(unlink(fileOf(ending).c_str()), 0);
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (log.lines.empty() && std::chrono::steady_clock::now() < end) {
+            (void)wait->wait(100);
+        }
+        (void)wait->wait(0);
+        ASSERT_EQ(log.lines.size(), 1U);
+        EXPECT_NE(log.lines[0].find("was removed"), std::string::npos);
+        log.lines.clear();
+        std::filesystem::remove_all(folder());
+    }
+}
+
 TEST_F(MessagePortTest, noDescriptorSurvivesExec) {
+    ports.closeConnections(); // of other tests: their numbers would be used again
     std::set<int> inherited;
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
         std::error_code error; // the iterator's own is gone when it is done
