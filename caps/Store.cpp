@@ -186,8 +186,11 @@ Status Store::connect() {
         return code == SQLITE_OK ? state.readHeader() : code;
     };
     int code = attempt("", kFlags[static_cast<int>(state.access)]);
+    // The files beside the database cannot be made: its folder is not ours to write, or the disk is
+    // full.
     const int kind = code & 0xFF;
-    if (state.access == Access::read && (kind == SQLITE_CANTOPEN || kind == SQLITE_READONLY)) {
+    if (state.access == Access::read && (kind == SQLITE_CANTOPEN || kind == SQLITE_READONLY ||
+                                         kind == SQLITE_FULL || kind == SQLITE_IOERR)) {
         // What a writer left beside the file belongs to it and cannot be taken into account.
         for (const char* suffix : {"-wal", "-journal"}) {
             if (Fingerprint::of(state.path + suffix).size > 0) {

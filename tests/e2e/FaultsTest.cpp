@@ -92,6 +92,45 @@ TEST_F(FaultsTest, aFullDiskLeavesTheDatabaseAsItWas) {
     EXPECT_THAT(listing(), HasSubstr("filler1999-1.0"));
 }
 
+TEST_F(FaultsTest, onAFullDiskARegistryIsReadAsItStands) {
+    const std::string before = listing();
+    // 20 KB are left: too few for the file through which readers and writers agree.
+    std::filesystem::remove(database + "-shm");
+    EXPECT_EQ(onAFullDisk(40, {KIVRA_CONVEY_CMD}).out, before);
+    EXPECT_THAT(onAFullDisk(40, {KIVRA_CONVEY_CMD, "check_running", "lumen-2.0"}).out,
+                HasSubstr("'ISNOTRUNNING'"));
+    EXPECT_EQ(onAFullDisk(40, {OVREL_CAPS_TOOL, "list", "--json"}).exitStatus, 0);
+    const std::vector<std::string> ownMounts = {"/usr/bin/unshare", "-m", "true"};
+    if (geteuid() != 0 || runProcess(ownMounts).exitStatus != 0) {
+        return; // only root can fill a disk of its own
+    }
+    std::filesystem::create_directory(folder.file("disk"));
+    const ProcessResult full = runProcess(
+        {"/usr/bin/unshare", "-m", "/bin/sh", "-c",
+         "mount -t tmpfs -o size=1M none \"$1/disk\" && cp \"$1/caps.db\" \"$1/disk\" && "
+         "{ cat /dev/zero >\"$1/disk/filling\"; truncate -s -20K \"$1/disk/filling\"; } "
+         "2>/dev/null; OVREL_CAPS_DB=\"$1/disk/caps.db\" exec \"$0\"",
+         KIVRA_CONVEY_CMD, folder.file("")});
+    EXPECT_EQ(full.out, before) << full.err;
+}
+
+TEST_F(FaultsTest, whoHasNoDescriptorsLeftDoesNotSayThatNobodyRuns) {
+    const auto running = host("lumen-2.0");
+    for (const char* descriptors : {"9", "11", "13", "18", "25"}) {
+        SCOPED_TRACE(descriptors);
+        const ProcessResult checked = runProcess(
+            {"/bin/sh", "-c", std::string("ulimit -n ") + descriptors + "; exec \"$0\" \"$@\"",
+             KIVRA_CONVEY_CMD, "check_running", "lumen-2.0"});
+        if (checked.out.find("'ECHO_RESPONSE'") == std::string::npos) {
+            EXPECT_THAT(checked.out,
+                        testing::AnyOf("", HasSubstr("'UNDEFINED'"),
+                                       HasSubstr("'NOINTERAPPSTREAM'"), HasSubstr("'Timeout'")));
+            EXPECT_EQ(checked.exitStatus, checked.out.empty() ? 1 : 0);
+            EXPECT_THAT(checked.err, HasSubstr("Too many open files"));
+        }
+    }
+}
+
 TEST_F(FaultsTest, anAnswerIsWrittenOrTheStatusSaysThatItIsNot) {
     const std::vector<std::vector<std::string>> commands = {
         {KIVRA_CONVEY_CMD},
