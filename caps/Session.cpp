@@ -88,6 +88,11 @@ void Database::release(Database* database) {
     }
 }
 
+Database::Paths Database::paths() const {
+    const std::lock_guard<std::mutex> lock(state_->mutex);
+    return {state_->path, state_->belowPath};
+}
+
 Status Database::openLocked(std::unique_ptr<Store>& out) {
     return Store::open(state_->path, Store::Access::read, out);
 }

@@ -24,6 +24,11 @@ public:
     // What the process has open already, or null; to be given back too.
     static Database* acquireOpen();
 
+    struct Paths {
+        std::string own;
+        std::string below; // empty for none
+    };
+    Paths paths() const;
     // The newest state of a domain or of the products when `refresh` is set or nothing was read
     // yet, else what was read last.
     [[nodiscard]] Status domain(int32_t domain, bool refresh,
@@ -72,4 +77,5 @@ struct capsiSession {
     // Lists that are made for a question, kept by the question so that asking again costs nothing
     // new. Dropped with the snapshot that they point into.
     std::map<std::string, std::vector<const char*>> lists;
+    std::string configuration; // what was told of it last
 };

@@ -6,7 +6,7 @@
 set(CONVEY_PROGRAM_INSTALL_DIR ${CMAKE_INSTALL_LIBDIR}/convey)
 install(TARGETS KivraConveyCmd convey_program
     RUNTIME DESTINATION ${CONVEY_PROGRAM_INSTALL_DIR} COMPONENT tools)
-install(TARGETS ovrel_caps
+install(TARGETS ovrel_caps ovrel_caps_config
     LIBRARY DESTINATION ${CONVEY_PROGRAM_INSTALL_DIR}/ovrel_caps.framework COMPONENT runtime)
 install(TARGETS ovrel-caps RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
 install(TARGETS convey EXPORT ConveyTargets

@@ -164,6 +164,24 @@ CAPS_EXPORT capsStatus capsGetPayloadData(capsiSession* session, const char* pay
 CAPS_EXPORT capsStatus capsGetLastModTime(capsiSession* session, uint32_t* time);
 CAPS_EXPORT capsStatus pcdGetLastModTime(capsiSession* session, uint32_t* time);
 
+// The registry as a whole. A part of its own: callers bind these functions one by one, and an older
+// library has none of them. The version of the part; 0 when what it needs is not installed, and the
+// others then return CAPS_NOT_LOADED.
+CAPS_EXPORT int32_t capsConfigVersion(void);
+// The registry as an XML document (docs/registry.rng), or of one application with `specifier`,
+// which may be empty. The text belongs to the session, until the next of these functions; it says
+// what is wrong unless the status is CAPS_OK: CAPS_INVALID_ARGUMENT for texts that XML cannot hold.
+CAPS_EXPORT capsStatus capsConfigExport(capsiSession* session, const char* specifier,
+                                        const char** text);
+// Takes the entries of `source` into the upper database, in one transaction: a document (it begins
+// with '<'), or the path of one or of a database. `rule` ("keep", "replace", "newer") says what
+// wins where both have an entry. `text`, unless null, says what is wrong: CAPS_INVALID_ARGUMENT for
+// a document with a fault, with its line and column.
+CAPS_EXPORT capsStatus capsConfigImport(capsiSession* session, const char* source, const char* rule,
+                                        const char** text);
+// Removes every application and every group of the upper database; CAPS_NOTHING_THERE without any.
+CAPS_EXPORT capsStatus capsConfigRemoveAll(capsiSession* session, const char** text);
+
 #ifdef __cplusplus
 }
 #endif

@@ -4,6 +4,7 @@
 #include <mutex>
 #include <string_view>
 
+#include "platform/Log.h"
 #include "scriptobjects/connector/PCDIterator.h"
 #include "scriptobjects/connector/PCDWrapper.h"
 #include "scriptobjects/connector/SoCVConnectorAppInfo.h"
@@ -30,6 +31,18 @@ struct CapsFolder {
 CapsFolder& capsFolder() {
     static auto* const folder = new CapsFolder;
     return *folder;
+}
+
+// True for a success; else says why not.
+bool told(int32_t status, const SoString& text, const char* what) {
+    if (status != PCDWrapper::kSuccess) {
+        std::string line = std::string("the registry cannot be ") + what + ": ";
+        line += text.isEmpty() ? "the database library has no part for configurations, or the "
+                                 "database is not open"
+                               : text.c_str();
+        platform::Log::own().problem(line);
+    }
+    return status == PCDWrapper::kSuccess;
 }
 
 } // namespace
@@ -110,6 +123,33 @@ bool PCDConnector::addToGroup(const SoString&, const SoString&, const SoString*)
 
 bool PCDConnector::removeFromGroup(const SoString&, const SoString&, const SoString*) {
     return false;
+}
+
+SoString PCDConnector::getConnectorConfig(const SoString& specifier) const {
+    ObjectLock lock(*this);
+    SoString text;
+    return told(wrapper_->exportConfig(specifier, text), text, "exported") ? text : SoString();
+}
+
+bool PCDConnector::importFrom(const SoString& source) {
+    ObjectLock lock(*this);
+    SoString text;
+    if (!told(wrapper_->importConfig(source, "keep", text), text, "imported")) {
+        return false;
+    }
+    clearCache();
+    return true;
+}
+
+bool PCDConnector::removeAll() {
+    ObjectLock lock(*this);
+    SoString text;
+    const int32_t status = wrapper_->removeAllConfig(text);
+    if (status == PCDWrapper::kNothingThere || !told(status, text, "removed")) {
+        return false;
+    }
+    clearCache();
+    return true;
 }
 
 bool PCDConnector::skipImport(const CVConnectorAppInfo& info) const {

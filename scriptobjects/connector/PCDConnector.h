@@ -51,6 +51,10 @@ public:
     bool removeFromGroup(const SoString& specifier, const SoString& group,
                          const SoString* detail) override;
 
+    SoString getConnectorConfig(const SoString& specifier) const override;
+    bool importFrom(const SoString& source) override;
+    bool removeAll() override;
+
     // True when a record need not be taken over from another connector: its specifier is here
     // already, or nothing has been read here.
     [[nodiscard]] bool skipImport(const CVConnectorAppInfo& info) const;

@@ -47,7 +47,10 @@ void* loadLibrary() {
     USE(capsGetPayloads)                                                                           \
     USE(capsGetLastModTime)                                                                        \
     USE(pcdGetLastModTime)                                                                         \
-    USE(pdbGetAppLaunchPath)
+    USE(pdbGetAppLaunchPath)                                                                       \
+    USE(capsConfigExport)                                                                          \
+    USE(capsConfigImport)                                                                          \
+    USE(capsConfigRemoveAll)
 
 struct PCDWrapper::Functions {
 #define CAPS_MEMBER(name) decltype(&::name) name = nullptr;
@@ -216,6 +219,29 @@ int32_t PCDWrapper::pdbGetAppLaunchPath(const char* payload, SoString& path) con
         // The library is another program's code: its text ends where the buffer ends at the latest.
         path.assign(buffer, static_cast<int32_t>(strnlen(buffer, sizeof buffer)));
     }
+    return status;
+}
+
+int32_t PCDWrapper::exportConfig(const SoString& specifier, SoString& text) const {
+    const char* told = "";
+    const int32_t status =
+        call(functions_->capsConfigExport, database_, kNotGood, specifier.c_str(), &told);
+    text = told;
+    return status;
+}
+
+int32_t PCDWrapper::importConfig(const SoString& source, const char* rule, SoString& text) {
+    const char* told = "";
+    const int32_t status =
+        call(functions_->capsConfigImport, database_, kNotGood, source.c_str(), rule, &told);
+    text = told;
+    return status;
+}
+
+int32_t PCDWrapper::removeAllConfig(SoString& text) {
+    const char* told = "";
+    const int32_t status = call(functions_->capsConfigRemoveAll, database_, kNotGood, &told);
+    text = told;
     return status;
 }
 

@@ -80,6 +80,12 @@ public:
     // The launch path of an installed payload; `path` is empty unless the status is 0.
     int32_t pdbGetAppLaunchPath(const char* payload, SoString& path) const;
 
+    // The registry as a whole; 1 where the library has no such part. `text` is the document, or
+    // what is wrong. An empty specifier is all of it.
+    int32_t exportConfig(const SoString& specifier, SoString& text) const;
+    int32_t importConfig(const SoString& source, const char* rule, SoString& text);
+    int32_t removeAllConfig(SoString& text);
+
 private:
     struct Functions;
 

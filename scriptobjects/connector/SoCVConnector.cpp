@@ -199,6 +199,33 @@ SoString ConveyConnector::findGroupForSpecifier(const SoString& specifier, SoStr
     return entry->name;
 }
 
+SoString ConveyConnector::findSpecifierInGroup(const SoString& appName, const SoString& group) {
+    SoString candidate;
+    {
+        ObjectLock lock(*this);
+        (void)getAppInfoListLocked();
+        const CVGroupEntry* entry = groups_->findMember(group, appName.lowercase(),
+                                                        -std::numeric_limits<double>::infinity(),
+                                                        std::numeric_limits<double>::infinity());
+        if (entry != nullptr) {
+            candidate = entry->pattern;
+        }
+    }
+    return candidate.isEmpty() ? candidate : resolveSpecifier(*this, candidate);
+}
+
+SoString ConveyConnector::getConnectorConfig(const SoString&) const {
+    return SoString();
+}
+
+bool ConveyConnector::importFrom(const SoString&) {
+    return false;
+}
+
+bool ConveyConnector::removeAll() {
+    return false;
+}
+
 bool ConveyConnector::isGood() const {
     return true;
 }
@@ -388,6 +415,28 @@ void ConveyConnector::appendSpecifiersOf(const SoString& appName,
 bool ConveyConnector::hasRecordOrNoList(const SoString& specifier) const {
     ObjectLock lock(*this);
     return appInfoList_ == nullptr || appInfoList_->find(specifier, nullptr) != nullptr;
+}
+
+// Every record without what runs, and every group entry, one after the other: taken under one lock
+// at a time, so that two threads may compare the same two connectors in either direction.
+void ConveyConnector::copyContents(std::vector<CVConnectorAppInfo>& records,
+                                   std::vector<SoString>& groups) const {
+    ObjectLock lock(*this);
+    const CVConnectorAppInfoList& list = *getAppInfoListLocked();
+    for (int32_t i = 0; const CVConnectorAppInfo* info = list.get(i); ++i) {
+        records.push_back(*info);
+    }
+    for (int32_t i = 0; i < groups_->texts().count(); ++i) {
+        groups.push_back(*groups_->texts()[i]);
+    }
+}
+
+bool ConveyConnector::isEqual(const ConveyConnector& other) const {
+    std::vector<CVConnectorAppInfo> records[2];
+    std::vector<SoString> groups[2];
+    copyContents(records[0], groups[0]);
+    other.copyContents(records[1], groups[1]);
+    return records[0] == records[1] && groups[0] == groups[1];
 }
 
 bool parseEntry(const SoString& entry, SoString& name, SoString& number, SoString& pattern) {

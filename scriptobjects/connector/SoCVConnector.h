@@ -92,6 +92,10 @@ public:
     // `detail`, when given, receives the number as it is written. Empty for none.
     virtual SoString findGroupForSpecifier(const SoString& specifier, SoString* detail);
 
+    // The installed application that the last entry of `group` (a name, or a number) names for the
+    // application `appName`; empty where the group has none, or it is not installed.
+    virtual SoString findSpecifierInGroup(const SoString& appName, const SoString& group);
+
     // True when the registry can be read.
     [[nodiscard]] virtual bool isGood() const;
 
@@ -158,6 +162,24 @@ public:
     // The kind of connector, for example "PCD".
     virtual SoString getName() const = 0;
 
+    // The registry as an XML document (docs/registry-moving.md), or of one application with
+    // `specifier`. Empty where the connector has none, which the base has not; why is told once on
+    // standard error.
+    virtual SoString getConnectorConfig(const SoString& specifier) const;
+
+    // Takes over, in one transaction, what is not here already: of a document (it begins with '<'),
+    // or of the path of one or of a database. False, with nothing changed and the reason on
+    // standard error, when that cannot be done; the base never can.
+    virtual bool importFrom(const SoString& source);
+
+    // Removes every application and every group for good, in one transaction; false when there are
+    // none or they may not be removed. The base never can.
+    virtual bool removeAll();
+
+    // True when both have the same records and the same group entries, in the same order. What runs
+    // is not compared.
+    virtual bool isEqual(const ConveyConnector& other) const;
+
     // Reads the registry again. The base: with `force` at once, true when that could be done;
     // without, nothing and false. A concrete connector looks first whether anything has changed.
     virtual bool updateCache(bool force);
@@ -180,6 +202,8 @@ protected:
 
 private:
     CVConnectorAppInfoList* getAppInfoListLocked() const SO_REQUIRES(this);
+    void copyContents(std::vector<CVConnectorAppInfo>& records,
+                      std::vector<SoString>& groups) const;
     bool findRecord(const SoString& specifier, CVConnectorAppInfo& out) const;
     void noteLaunched(const SoString& specifier, uint32_t pid);
     template <class Field>

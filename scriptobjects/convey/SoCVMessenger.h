@@ -205,8 +205,18 @@ public:
     static SoString getSharedAppName();
 
     // Changes the registry's connector ("" and "default": the installed-product database) or, with
-    // "refresh", has it read anew.
+    // "refresh", has it read anew. "removeAll" removes every application and every group for good;
+    // false when there are none or they may not be removed.
     static bool useConnector(const SoString& name);
+
+    // The registry of the connector `name` (empty and "default": the process's) as an XML document,
+    // or that of one application with `specifier`. Empty when it has none. Any thread.
+    static SoString getConnectorConfig(const SoString& name, const SoString& specifier);
+
+    // Takes into the process's registry what it does not have yet, all or nothing, of the connector
+    // `name`; a name with a '/' is the path of an exported document or of a database, one that
+    // begins with '<' is a document. False when that cannot be done. Any thread.
+    static bool importFromConnector(const SoString& name);
 
     // Reads the registry anew when it has changed, or when `force` is set. True when it has been
     // or will be read anew.

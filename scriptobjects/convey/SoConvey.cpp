@@ -432,6 +432,9 @@ bool Convey::useConnector(const SoString& name) {
             current->clearCache();
             return true;
         }
+        if (current != nullptr && name == "removeAll") {
+            return current->removeAll();
+        }
         const SoString type = name.isEmpty() || name == "default" ? SoString("PCD") : name;
         if (current != nullptr && current->getName() == type) {
             return true;
@@ -445,6 +448,32 @@ bool Convey::useConnector(const SoString& name) {
         Message::setAuthentication(connector->getMessageAuthentication(own));
         Message::setCreateDigest(connector->getMessageDigest(own));
         return true;
+    });
+}
+
+SoString Convey::getConnectorConfig(const SoString& name, const SoString& specifier) {
+    return guarded(SoString(), [&] {
+        const ConveyConnector* const current = ConveyConnector::get();
+        if (current != nullptr &&
+            (name.isEmpty() || name == "default" || name == current->getName())) {
+            return current->getConnectorConfig(specifier);
+        }
+        const std::unique_ptr<ConveyConnector> other(
+            ConveyUtils::createConnector(getSharedAppName(), name));
+        return other == nullptr ? SoString() : other->getConnectorConfig(specifier);
+    });
+}
+
+bool Convey::importFromConnector(const SoString& name) {
+    return guarded(false, [&] {
+        ConveyConnector* const current = ConveyConnector::get();
+        if (current == nullptr || name.isEmpty()) {
+            return false;
+        }
+        const bool isSource =
+            *name.c_str() == '<' || name.view().find('/') != std::string_view::npos;
+        const SoString source = isSource ? name : getConnectorConfig(name, SoString());
+        return !source.isEmpty() && current->importFrom(source);
     });
 }
 
