@@ -21,6 +21,11 @@ public:
     // does not tell.
     virtual std::string mainBundleFolder() const = 0;
 
+    // Where the frameworks of this installation lie when the program lies elsewhere, first choice
+    // first: beside the layer's own library, in the folder "convey" there, and in the folder that
+    // the build was made for. Absolute paths, links resolved.
+    virtual std::vector<std::string> installedFolders() const = 0;
+
     // Loads the library of the bundle folder `bundlePath` (absolute). Returns a handle for the two
     // calls below, to be given back with `unload`, or null when there is no such bundle or its
     // library does not load.
@@ -35,10 +40,10 @@ public:
     static Frameworks& own();
 };
 
-// Where a framework that is asked for by its name alone may lie, first choice first: in the main
-// bundle's Contents/Frameworks, in its Frameworks, and beside the program or application.
-// Empty without a main bundle.
-std::vector<std::string> frameworkCandidates(const std::string& mainBundleFolder,
-                                             const std::string& name);
+// Where a framework that is asked for by its name alone may lie, first choice first: in the folder
+// that the environment names ($CONVEY_CAPS_FOLDER), and there only; else in the main bundle's
+// Contents/Frameworks, in its Frameworks, beside the program or application, and in the folders of
+// the installation. Each path once.
+std::vector<std::string> frameworkCandidates(const Frameworks& frameworks, const std::string& name);
 
 } // namespace platform

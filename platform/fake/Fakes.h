@@ -397,11 +397,13 @@ public:
     using Functions = std::map<std::string, void*>;
 
     std::string folder = "/fake/program";
+    std::vector<std::string> installed;
     std::map<std::string, Functions> bundles; // by absolute path
     bool loadFails = false;
     int loaded = 0; // handles given out and not given back
 
     std::string mainBundleFolder() const override { return folder; }
+    std::vector<std::string> installedFolders() const override { return installed; }
 
     void* load(const std::string& bundlePath) override {
         const auto found = bundles.find(bundlePath);

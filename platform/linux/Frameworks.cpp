@@ -1,6 +1,8 @@
 #include "platform/Frameworks.h"
 
+#include <algorithm>
 #include <climits>
+#include <cstdlib>
 #include <dlfcn.h>
 #include <string_view>
 #include <unistd.h>
@@ -45,6 +47,20 @@ public:
         return folder;
     }
 
+    std::vector<std::string> installedFolders() const override {
+        std::vector<std::string> folders;
+        static constexpr char kOfThisLibrary = 0;
+        Dl_info info{};
+        char path[PATH_MAX];
+        // The path is relative where a program that holds the layer itself was started by one.
+        if (dladdr(&kOfThisLibrary, &info) != 0 && realpath(info.dli_fname, path) != nullptr) {
+            folders.push_back(folderOf(path));
+            folders.push_back(folders.back() + "/convey");
+        }
+        folders.emplace_back(CONVEY_INSTALLED_FRAMEWORKS);
+        return folders;
+    }
+
     void* load(const std::string& bundlePath) override {
         if (bundlePath.empty() || bundlePath.front() != '/') {
             return nullptr;
@@ -67,15 +83,32 @@ public:
 
 } // namespace
 
-std::vector<std::string> frameworkCandidates(const std::string& mainBundleFolder,
+std::vector<std::string> frameworkCandidates(const Frameworks& frameworks,
                                              const std::string& name) {
-    if (mainBundleFolder.empty() || name.empty()) {
+    if (name.empty()) {
         return {};
     }
-    const bool isApp = mainBundleFolder.ends_with(".app");
-    return {mainBundleFolder + "/Contents/Frameworks/" + name,
-            mainBundleFolder + "/Frameworks/" + name,
-            (isApp ? folderOf(mainBundleFolder) : mainBundleFolder) + "/" + name};
+    // Code is loaded from there: not for a program that has more rights than who starts it.
+    if (const char* folder = secure_getenv("CONVEY_CAPS_FOLDER");
+        folder != nullptr && *folder != '\0') {
+        return {std::string(folder) + "/" + name};
+    }
+    std::vector<std::string> paths;
+    const auto add = [&](const std::string& folder) {
+        std::string path = folder + "/" + name;
+        if (std::find(paths.begin(), paths.end(), path) == paths.end()) {
+            paths.push_back(std::move(path));
+        }
+    };
+    if (const std::string bundle = frameworks.mainBundleFolder(); !bundle.empty()) {
+        add(bundle + "/Contents/Frameworks");
+        add(bundle + "/Frameworks");
+        add(bundle.ends_with(".app") ? folderOf(bundle) : bundle);
+    }
+    for (const std::string& folder : frameworks.installedFolders()) {
+        add(folder);
+    }
+    return paths;
 }
 
 Frameworks& Frameworks::own() {

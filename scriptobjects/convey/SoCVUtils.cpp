@@ -313,15 +313,18 @@ void* SharedLib::loadPCDLibrary(const char* name) {
         return nullptr;
     }
     platform::Frameworks& frameworks = platform::Frameworks::system();
-    if (*name == '/') {
-        return frameworks.load(name);
-    }
-    for (const std::string& path :
-         platform::frameworkCandidates(frameworks.mainBundleFolder(), name)) {
+    const std::vector<std::string> paths = *name == '/'
+                                               ? std::vector<std::string>{name}
+                                               : platform::frameworkCandidates(frameworks, name);
+    std::string tried;
+    for (const std::string& path : paths) {
         if (void* handle = frameworks.load(path)) {
             return handle;
         }
+        tried += (tried.empty() ? "" : ", ") + path;
     }
+    // Without it no application is known: who has installed half of the system must hear of it.
+    platform::Log::system().problem("no database library: tried " + tried);
     return nullptr;
 }
 

@@ -111,8 +111,10 @@ SO_EXPORT void logMessage(const SoString& prefix, const Convey::Message& message
 class SO_EXPORT SharedLib {
 public:
     // Loads the framework `name`: a full path when it begins with '/', else a name that is looked
-    // for in the running program's Contents/Frameworks, in its Frameworks and beside it. A handle
-    // to be given back with `unloadPCDLibrary`, or null.
+    // for in $CONVEY_CAPS_FOLDER when that is set; else in the running program's
+    // Contents/Frameworks, in its Frameworks, beside it, beside the layer's own library, in the
+    // folder "convey" there, and where the build was installed. A handle to be given back with
+    // `unloadPCDLibrary`, or null; a process says once on standard error what was tried in vain.
     static void* loadPCDLibrary(const char* name);
     static void* loadPCDLibraryUTF8(const SoString& name);
 

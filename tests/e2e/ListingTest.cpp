@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -153,11 +154,18 @@ TEST_F(ListingTest, isEmptyWithoutTheDatabaseLibrary) {
     add("kivra-7.0", "/opt/k/K.app");
     std::filesystem::copy_file(KIVRA_CONVEY_CMD, folder.file("KivraConveyCmd"));
     program = folder.file("KivraConveyCmd");
-    expectListing(kEmptyListing);
+    const auto expectNone = [this] {
+        const auto result = run();
+        EXPECT_EQ(result.out, kEmptyListing);
+        EXPECT_EQ(result.err.find("convey: no database library: tried " + folder.file("")), 0U)
+            << result.err;
+        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << "said once";
+    };
+    expectNone();
     const std::string framework = folder.file("Frameworks/ovrel_caps.framework");
     std::filesystem::create_directories(framework);
     folder.write("Frameworks/ovrel_caps.framework/ovrel_caps", "no library");
-    expectListing(kEmptyListing);
+    expectNone();
     std::filesystem::copy_file(OVREL_CAPS_LIBRARY, framework + "/ovrel_caps",
                                std::filesystem::copy_options::overwrite_existing);
     EXPECT_NE(run().out, kEmptyListing) << "found in the program's Frameworks";

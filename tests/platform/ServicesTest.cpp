@@ -84,13 +84,37 @@ TEST(Frameworks, realAndFakeKeepTheContract) {
     EXPECT_EQ(fake.loaded, 0);
 }
 
-TEST(Frameworks, areLookedForInsideTheBundleAndBesideIt) {
+TEST(Frameworks, areLookedForInTheBundleThenWhereTheLayerIsInstalled) {
     using Paths = std::vector<std::string>;
-    EXPECT_EQ(platform::frameworkCandidates("/opt/bin", "f"),
-              (Paths{"/opt/bin/Contents/Frameworks/f", "/opt/bin/Frameworks/f", "/opt/bin/f"}));
-    EXPECT_EQ(platform::frameworkCandidates("/opt/X.app", "f"),
-              (Paths{"/opt/X.app/Contents/Frameworks/f", "/opt/X.app/Frameworks/f", "/opt/f"}));
-    EXPECT_TRUE(platform::frameworkCandidates("", "f").empty());
+    const struct {
+        const char* bundle;
+        Paths installed;
+        const char* environment;
+        Paths expected;
+    } cases[] = {
+        {"/opt/bin",
+         {"/usr/lib", "/opt/bin", "/usr/lib/convey"},
+         "",
+         {"/opt/bin/Contents/Frameworks/f", "/opt/bin/Frameworks/f", "/opt/bin/f", "/usr/lib/f",
+          "/usr/lib/convey/f"}},
+        {"/opt/X.app",
+         {},
+         nullptr,
+         {"/opt/X.app/Contents/Frameworks/f", "/opt/X.app/Frameworks/f", "/opt/f"}},
+        {"", {"/usr/lib"}, nullptr, {"/usr/lib/f"}},
+        {"/opt/bin", {"/usr/lib"}, "/mine", {"/mine/f"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.bundle);
+        platform::FakeFrameworks fake;
+        fake.folder = c.bundle;
+        fake.installed = c.installed;
+        if (c.environment != nullptr) {
+            setenv("CONVEY_CAPS_FOLDER", c.environment, 1);
+        }
+        EXPECT_EQ(platform::frameworkCandidates(fake, "f"), c.expected);
+        unsetenv("CONVEY_CAPS_FOLDER");
+    }
 }
 
 TEST(Clock, monotonicTimeNeverGoesBack) {
