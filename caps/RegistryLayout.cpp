@@ -12,6 +12,32 @@ std::string lowerCase(std::string_view text) {
     return lower;
 }
 
+bool isUtf8(std::string_view text) {
+    for (size_t i = 0; i < text.size();) {
+        const auto first = static_cast<unsigned char>(text[i]);
+        const size_t length = first < 0x80   ? 1
+                              : first < 0xC2 ? 0
+                              : first < 0xE0 ? 2
+                              : first < 0xF0 ? 3
+                              : first < 0xF5 ? 4
+                                             : 0;
+        if (length == 0 || length > text.size() - i) {
+            return false;
+        }
+        for (size_t j = 1; j < length; ++j) {
+            const auto next = static_cast<unsigned char>(text[i + j]);
+            // The second byte tells overlong forms, surrogates and what is beyond the last one.
+            const unsigned low = j > 1 ? 0x80 : first == 0xE0 ? 0xA0 : first == 0xF0 ? 0x90 : 0x80;
+            const unsigned high = j > 1 ? 0xBF : first == 0xED ? 0x9F : first == 0xF4 ? 0x8F : 0xBF;
+            if (next < low || next > high) {
+                return false;
+            }
+        }
+        i += length;
+    }
+    return true;
+}
+
 std::string subdomainOf(std::string_view specifier) {
     return std::string(kAppPrefix) + lowerCase(specifier);
 }

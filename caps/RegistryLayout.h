@@ -32,6 +32,8 @@ struct Group {
 };
 
 std::string lowerCase(std::string_view text);
+// True for text that everybody can read: no overlong forms, no surrogates.
+bool isUtf8(std::string_view text);
 std::string subdomainOf(std::string_view specifier);
 // True for the subdomain of an application, not of the groups.
 bool isApplicationSubdomain(const Subdomain& subdomain);

@@ -14,7 +14,8 @@ struct Finding {
     std::string why; // what it does to whoever reads the registry
 };
 
-// All findings, in the order of registration.
-std::vector<Finding> checkRegistry(const Contents& contents);
+// All findings, in the order of registration; what a listing shows is told for a user of `locale`.
+// Takes time in proportion to the entries.
+std::vector<Finding> checkRegistry(const Contents& contents, const std::string& locale = "en_us");
 
 } // namespace caps::tool

@@ -1,4 +1,5 @@
 // The commands that read the database and leave it as it is.
+#include <cstdlib>
 #include <nlohmann/json.hpp>
 
 #include "caps/Layers.h"
@@ -10,6 +11,23 @@
 namespace caps::tool {
 
 using Json = nlohmann::ordered_json;
+
+namespace {
+
+// The user's locale as the layer knows it, which decides between registrations of one version.
+std::string userLocale() {
+    for (const char* name : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
+        const char* const value = std::getenv(name); // NOLINT(concurrency-mt-unsafe): one thread
+        if (value != nullptr && *value != '\0') {
+            const std::string_view text(value);
+            const std::string_view identifier = text.substr(0, text.find_first_of(".@"));
+            return identifier.find('_') != std::string_view::npos ? lowerCase(identifier) : "en_us";
+        }
+    }
+    return "en_us";
+}
+
+} // namespace
 
 int get(Context& context, int32_t domain, const std::string& name, const std::string& key) {
     context.open(Store::Access::read);
@@ -118,7 +136,7 @@ int exportAll(Context& context) {
 // Exit status 1 when there is something to report.
 int check(Context& context) {
     context.open(Store::Access::read);
-    const std::vector<Finding> findings = checkRegistry(context.readAll());
+    const std::vector<Finding> findings = checkRegistry(context.readAll(), userLocale());
     Json rows = Json::array();
     for (const Finding& finding : findings) {
         rows.push_back({{"where", finding.where}, {"what", finding.what}, {"why", finding.why}});

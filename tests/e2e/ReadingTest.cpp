@@ -1,0 +1,177 @@
+#include <gtest/gtest.h>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "caps/Reading.h"
+#include "caps/RegistryLayout.h"
+#include "caps/Store.h"
+#include "scriptobjects/connector/PCDConnector.h"
+#include "scriptobjects/convey/SoCVSpecifier.h"
+#include "scriptobjects/convey/SoConvey.h"
+#include "tests/support/TemporaryFolder.h"
+
+// What the database's tool says of a registry, beside what the layer makes of it through the
+// library itself.
+namespace {
+
+using caps::Reading;
+using caps::Status;
+using caps::Store;
+using ScObjects::Convey;
+using ScObjects::ConveyConnector;
+
+class RandomRegistry {
+public:
+    explicit RandomRegistry(uint32_t seed) : random_(seed) {}
+
+    // Few words, so that specifiers, redirects, groups and payloads meet each other.
+    void fill(Store& store, int applications) {
+        std::vector<std::string> specifiers;
+        for (int i = 0; i < applications; ++i) {
+            specifiers.push_back(specifier());
+        }
+        for (int i = 0; i < 3; ++i) {
+            const std::string code = "{P" + std::to_string(i) + "}";
+            caps::Payload payload{
+                code, "normal", one({"", "/opt/P.App/Contents/MacOS/P", "/opt/bin/p"}), 4, {}};
+            if (chance(2)) {
+                payload.data.push_back({one({"0", "4"}) == "0" ? 0 : 4, "PYLConfigPath",
+                                        one({"/opt/P/a/b/c/d/x.xml", "/opt/P", "x.xml", ""})});
+            }
+            if (chance(4)) {
+                EXPECT_EQ(store.addProduct({"product" + code, {payload}}), Status::ok);
+            }
+            std::string key = "ConveyCode";
+            for (int n = 1; n < 4; ++n) {
+                if (chance(8)) { // else a gap
+                    set(store, code, key, caps::lowerCase("/ovrel/convey/" + one(specifiers)));
+                }
+                key = "ConveyCode" + std::to_string(n);
+            }
+            if (chance(3)) {
+                set(store, code, "PYLConfigPath", "/etc/p/1/2/3/4/5.xml");
+            }
+        }
+        for (int i = 0; i < applications; ++i) {
+            application(store, specifiers, static_cast<size_t>(i));
+        }
+        for (int i = 0; i < 4; ++i) {
+            set(store, "/ovrel/convey/groups", one({"Group", "x"}) + std::to_string(i),
+                "/ovrel/convey/groups/" + one({"7.0", "suite", "g"}) + "/" + one({"7", "8", "x"}) +
+                    "/" + one({one(specifiers), "doc-7.*", "kivra-7.*", "lumen"}));
+        }
+    }
+
+private:
+    bool chance(int outOfTen) { return std::uniform_int_distribution(0, 9)(random_) < outOfTen; }
+    std::string one(const std::vector<std::string>& words) {
+        return words[std::uniform_int_distribution<size_t>(0, words.size() - 1)(random_)];
+    }
+    std::string specifier() {
+        return one({"kivra", "doc", "Doc", "lumen", "a", "x_2", ""}) +
+               one({"", "-7", "-7.0", "-7.00", "-7.50", "-8.1", "-7.", "-0x8.0"}) +
+               one({"", "", "", "-en_us", "-de_de", "-EN_US"}) + one({"", "", "", "#1", "#"});
+    }
+    static void set(Store& store, const std::string& subdomain, const std::string& key,
+                    const std::string& value) {
+        EXPECT_EQ(store.setDomainData(1, subdomain, key, value), Status::ok);
+    }
+    void application(Store& store, const std::vector<std::string>& specifiers, size_t position) {
+        const std::string subdomain =
+            "/ovrel/convey/" +
+            (chance(3) ? specifiers[position] : std::to_string(position) + one({"", "A", "-7.0"}));
+        EXPECT_EQ(store.addSubdomain(1, subdomain), Status::ok);
+        for (int i = 0; i < 5; ++i) {
+            switch (std::uniform_int_distribution(0, 8)(random_)) {
+            case 0:
+            case 1:
+                set(store, subdomain, one({"Specifier", "ProductCode"}),
+                    chance(9) ? specifiers[position] : "");
+                break;
+            case 2:
+            case 3:
+                set(store, subdomain, "Path", one({"/a/b", "/c/D.app", "none", "", "/é'\x01"}));
+                break;
+            case 4:
+                set(store, subdomain, "RedirectTo",
+                    one({one(specifiers), one(specifiers) + "#9", "nobody", ""}));
+                break;
+            case 5:
+                set(store, subdomain, "ExecutableBasename",
+                    one({"prog", "https://x.ovrel.example/", "https://evil.example/", ""}));
+                break;
+            case 6:
+                set(store, subdomain, "ExecutableExtensionMac", one({"", "bin"}));
+                break;
+            case 7:
+                set(store, subdomain, "ConveyVersion", one({"2.0", "2", "nan", "x"}));
+                break;
+            default:
+                set(store, subdomain, one({"IsShellTool", "MessageDigest", "DisplayName"}),
+                    one({"true", "True"}));
+            }
+        }
+    }
+
+    std::mt19937 random_;
+};
+
+TEST(Reading, isThatOfTheLayerForTenThousandRandomRegistrations) {
+    constexpr int kRegistries = 100;
+    constexpr int kApplications = 100;
+    const TemporaryFolder folder;
+    ScObjects::PCDConnector::setCapsFolder(OVREL_CAPS_FOLDER);
+    setenv("LC_ALL", "de_DE.UTF-8", 1);
+    int registrations = 0;
+    int ignored = 0;
+    int withoutPath = 0;
+    int others = 0;
+    for (uint32_t seed = 1; seed <= kRegistries; ++seed) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        const std::string database = folder.file(std::to_string(seed) + ".db");
+        std::unique_ptr<Store> store;
+        ASSERT_EQ(Store::open(database, Store::Access::create, store), Status::ok);
+        {
+            Store::Transaction transaction(*store);
+            ASSERT_EQ(transaction.begin(), Status::ok);
+            RandomRegistry(seed).fill(*store, kApplications);
+            ASSERT_EQ(transaction.commit(), Status::ok);
+        }
+        caps::Contents contents;
+        ASSERT_EQ(store->readAll(contents), Status::ok);
+        store.reset();
+        const Reading reading(contents, "de_de");
+
+        setenv("OVREL_CAPS_DB", database.c_str(), 1);
+        ScObjects::PCDConnector::setCapsFolder(OVREL_CAPS_FOLDER);
+        ConveyConnector::InitTerm::init("kivra-7.0");
+        ASSERT_TRUE(Convey::InitTerm::init("kivra-7.0", true));
+        ASSERT_EQ(Convey::getNumberOfRegisteredApplications(),
+                  static_cast<int32_t>(reading.records().size()));
+        for (size_t i = 0; i < reading.records().size(); ++i) {
+            const Reading::Record& record = reading.records()[i];
+            const std::string specifier =
+                Convey::getApplicationSpecifier(static_cast<int32_t>(i)).c_str();
+            ASSERT_EQ(record.specifier, specifier) << i;
+            const Reading::Record* const shown = reading.shown(record);
+            ASSERT_EQ(
+                shown != nullptr ? shown->path : "",
+                Convey::Specifier(specifier.c_str(), true).getApplicationPath(nullptr).c_str())
+                << specifier << " of " << record.subdomain->name;
+            withoutPath += shown == nullptr || shown->path.find('/') == std::string::npos ? 1 : 0;
+            others += shown != nullptr && shown != &record ? 1 : 0;
+        }
+        registrations += static_cast<int>(reading.records().size() + reading.ignored().size());
+        ignored += static_cast<int>(reading.ignored().size());
+        Convey::InitTerm::exit();
+        ConveyConnector::InitTerm::exit();
+    }
+    // The generator must not lose what it is there to find.
+    EXPECT_GT(registrations, 8000);
+    EXPECT_GT(ignored, 500);
+    EXPECT_GT(withoutPath, 500);
+    EXPECT_GT(others, 500);
+}
+
+} // namespace
