@@ -26,7 +26,7 @@ inline constexpr Limit kAll[] = {
 
     // Messages
     {"message.body", 0x7FFF'0000, "bytes", "a header that announces more is not believed"},
-    {"message.headers", 4096, "headers", "read of one message; each costs a search for its name"},
+    {"message.headers", 4096, "headers", "read of one message; each costs a hundred times its bytes"},
     {"message.timeout", 600, "s", "for who gives none: nothing waits for ever by accident"},
     {"message.watch", 60, "s", "until a time-out is told for a message without one of its own"},
     {"queue.age", 600, "s", "that a message for an absent target is kept alive"},

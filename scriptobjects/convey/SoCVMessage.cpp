@@ -11,13 +11,23 @@
 namespace ScObjects {
 namespace {
 
-constexpr const char* kDefaultType = "Tessaly";
+using namespace ConveyData;
+
 constexpr const char* kTextVersion = "2.05";
 
 // The types that the layer gives a meaning to.
 constexpr std::array<std::string_view, 12> kSystemTypes = {
-    kDefaultType, "Debug",   "Receive", "Received", "Result",    "Error",
-    "Idle",       "Timeout", "Log",     "Ignore",   "Processed", "Launched"};
+    CV_TYPE_PLAIN,  CV_TYPE_DEBUG,   CV_TYPE_RECEIVE,   CV_TYPE_RECEIVED,
+    CV_TYPE_RESULT, CV_TYPE_ERROR,   CV_TYPE_IDLE,      CV_TYPE_TIMEOUT,
+    CV_TYPE_LOG,    CV_TYPE_WATCHER, CV_TYPE_PROCESSED, CV_TYPE_LAUNCHED};
+
+// What the heap adds to a block, and the blocks of a message's lock.
+constexpr int64_t kBlockBytes = 16;
+constexpr int64_t kLockBytes = 96;
+
+int64_t costOf(const SoString& text) {
+    return text.heapBytes() == 0 ? 0 : text.heapBytes() + kBlockBytes;
+}
 
 std::string_view viewOf(const char* text) {
     return text == nullptr ? std::string_view() : std::string_view(text);
@@ -29,13 +39,13 @@ Convey::Header::Header(std::string_view headerName, std::string_view headerValue
     : name(headerName), value(headerValue) {}
 
 Convey::Message::Message()
-    : type_(kDefaultType), timestamp_(ConveyUtils::getTimeSeconds()), version_(kTextVersion) {}
+    : type_(CV_TYPE_PLAIN), timestamp_(ConveyUtils::getTimeSeconds()), version_(kTextVersion) {}
 
 Convey::Message::Message(const Message& other)
     : target_(other.target_),
       sender_(other.sender_),
       timeout_(other.timeout_),
-      type_(other.type_.isEmpty() ? SoString(kDefaultType) : other.type_),
+      type_(other.type_.isEmpty() ? SoString(CV_TYPE_PLAIN) : other.type_),
       responseRequest_(other.responseRequest_),
       timestamp_(other.timestamp_),
       contentLength_(other.contentLength_),
@@ -51,7 +61,7 @@ Convey::Message::Message(const Message& other)
     const ObjectLock guard(*this);
     try {
         for (const Header* header = other.headers_; header != nullptr; header = header->next) {
-            setHeaderLocked(header->name.view(), header->value.view());
+            (void)addHeaderLocked(header->name.view(), header->value.view()); // names differ
         }
     } catch (...) {
         deleteHeaders();
@@ -87,9 +97,14 @@ void Convey::Message::setHeaderLocked(std::string_view name, std::string_view va
         header->value.assign(value);
         return;
     }
+    (void)addHeaderLocked(name, value);
+}
+
+Convey::Header* Convey::Message::addHeaderLocked(std::string_view name, std::string_view value) {
     auto* const header = new Header(name, value);
     header->next = headers_;
     headers_ = header;
+    return header;
 }
 
 void Convey::Message::setHeader(const char* name, const char* value) {
@@ -125,6 +140,19 @@ void Convey::Message::removeHeader(const char* name) {
 SoString Convey::Message::getUserHeaderValue(const char* name) const {
     const Header* const header = findHeader(viewOf(name));
     return header == nullptr ? SoString() : header->value;
+}
+
+int64_t Convey::Message::costBytes() const {
+    int64_t bytes = static_cast<int64_t>(sizeof(Message)) + kBlockBytes + kLockBytes;
+    for (const SoString* text :
+         {&target_, &sender_, &type_, &responseRequest_, &body_, &version_, &digestState_}) {
+        bytes += costOf(*text);
+    }
+    for (const Header* header = headers_; header != nullptr; header = header->next) {
+        bytes += static_cast<int64_t>(sizeof(Header)) + kBlockBytes + costOf(header->name) +
+                 costOf(header->value);
+    }
+    return bytes;
 }
 
 bool Convey::Message::isUserType() const {

@@ -31,8 +31,8 @@ public:
 // as empty. Nothing is thrown but std::bad_alloc.
 class SO_EXPORT Convey::Message : public SoLockable {
 public:
-    // The user headers that a text may bring: further ones are left out, so that a hostile text
-    // cannot hold its reader (each is looked up among those before it).
+    // The user headers that a text may bring: further ones are left out, since each costs its
+    // reader a hundred times the three bytes that it may have in the text.
     static constexpr int32_t kMaximumReadHeaders = limits::of("message.headers");
 
     // A message of type "Tessaly", made now, without target, sender, serial numbers or time-out.
@@ -135,6 +135,12 @@ public:
     // Replaces `out` by the message as a person reads it, under a heading with `label`. True.
     bool logToString(const char* label, SoString& out, bool withBody) const;
 
+    // Bytes of memory that the message costs whoever keeps it: the object with its lock, the
+    // buffers of its texts and its headers, and what the heap adds to each block. An empty message
+    // that was read costs about 1 KiB. Changes with the message: who charges it to an account keeps
+    // what was charged. Constant time but for the headers.
+    int64_t costBytes() const;
+
     // Appends the message's rows of the diagnostics text under the path `root`.
     void appendDiagnostics(SoString& out, const SoString& root) const;
 
@@ -144,12 +150,15 @@ private:
     bool hasOldFormat() const;
     Header* findHeader(std::string_view name) const;
     void setHeaderLocked(std::string_view name, std::string_view value) SO_REQUIRES(this);
+    Header* addHeaderLocked(std::string_view name, std::string_view value) SO_REQUIRES(this);
     void clearLocked() SO_REQUIRES(this);
     void deleteHeaders();
     const char* readLocked(const char* text, SoString* owner) SO_REQUIRES(this);
     void finishReading();
     void readHeadersLocked(ReadState& state) SO_REQUIRES(this);
     void takeLineLocked(ReadState& state, std::string_view name, std::string_view value)
+        SO_REQUIRES(this);
+    void takeHeaderLocked(ReadState& state, std::string_view name, std::string_view value)
         SO_REQUIRES(this);
     void checkDigest(const ReadState& state);
     void applyReplyTyping();

@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cstring>
 #include <limits>
+#include <map>
 #include <utility>
 
 #include "limits/Limits.h"
@@ -33,8 +34,8 @@ constexpr uint32_t kMaximumBodyBytes = limits::of("message.body");
 // From here on moving a body within its buffer is cheaper than another buffer.
 constexpr size_t kMovedBodyBytes = 65536;
 
-constexpr const char* kNotChecked = "NODIGEST";
-constexpr const char* kRejected = "REJECTED";
+// Up to so many headers, looking at each costs less than an index of their names.
+constexpr int32_t kSearchedHeaders = 16;
 
 // User headers of these names are escaped.
 constexpr std::array<std::string_view, 15> kReserved = {
@@ -231,6 +232,9 @@ struct Convey::Message::ReadState {
     std::string_view md5;
     const char* signedRegion = nullptr;
     int32_t userHeaders = 0;
+    // The message's headers by name, once they are many. Ordered: who knows a hash can write names
+    // that all have the same.
+    std::map<std::string_view, Header*> byName;
 };
 
 void Convey::Message::readHeadersLocked(ReadState& state) {
@@ -305,9 +309,30 @@ void Convey::Message::takeLineLocked(ReadState& state, std::string_view name,
             name.remove_prefix(kEscape.size());
         }
         if (++state.userHeaders <= kMaximumReadHeaders) {
-            setHeaderLocked(name, value);
+            takeHeaderLocked(state, name, value);
         }
     }
+}
+
+// A repeated name gives the header that is there a new value, as `setHeader` does, and each is
+// found in a time that does not grow with those before it: one text may bring a million headers.
+void Convey::Message::takeHeaderLocked(ReadState& state, std::string_view name,
+                                       std::string_view value) {
+    if (state.userHeaders < kSearchedHeaders || name.empty()) {
+        setHeaderLocked(name, value);
+        return;
+    }
+    if (state.byName.empty()) {
+        for (Header* header = headers_; header != nullptr; header = header->next) {
+            state.byName.emplace(header->name.view(), header);
+        }
+    }
+    if (const auto found = state.byName.find(name); found != state.byName.end()) {
+        found->second->value.assign(value);
+        return;
+    }
+    Header* const header = addHeaderLocked(name, value);
+    state.byName.emplace(header->name.view(), header);
 }
 
 // `owner`, null for none, is the string that `text` lies in and that may be used up.
@@ -318,7 +343,7 @@ const char* Convey::Message::readLocked(const char* text, SoString* owner) {
     if (!target_.isEmpty()) {
         clearLocked();
     }
-    digestState_ = kNotChecked;
+    digestState_ = CV_DIGEST_NOT_CHECKED;
     readHeadersLocked(state);
     // Never behind the end of the text, whatever length was announced.
     const size_t announced = std::min(contentLength_, kMaximumBodyBytes);
@@ -344,7 +369,7 @@ void Convey::Message::checkDigest(const ReadState& state) {
         const std::string_view region(state.signedRegion,
                                       static_cast<size_t>(state.position - state.signedRegion));
         const bool good = ConveyUtils::getMD5({region}).view() == state.md5;
-        digestState_ = good ? "" : kRejected;
+        digestState_ = good ? "" : CV_DIGEST_REJECTED;
     }
 }
 

@@ -211,6 +211,10 @@ SoString::~SoString() {
     release();
 }
 
+int32_t SoString::heapBytes() const {
+    return data_ == gEmptyBuffer ? 0 : capacity_;
+}
+
 void SoString::release() {
     if (data_ != gEmptyBuffer) {
         freeHeap(data_);

@@ -86,6 +86,8 @@ public:
     const char* c_str() const { return data_; }
     int32_t length() const { return length_; }
     int32_t capacity() const { return capacity_; } // bytes of the buffer
+    // Bytes that the string holds of the heap: its capacity, or 0 when it was never written to.
+    int32_t heapBytes() const;
     bool isEmpty() const { return length_ == 0; }
     // The bytes up to the length, good until the next change.
     std::string_view view() const { return {data_, static_cast<size_t>(length_)}; }
