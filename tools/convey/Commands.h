@@ -33,7 +33,8 @@ struct SendOptions {
     std::string type = "Tessaly";
     std::vector<std::string> headers; // NAME=VALUE
     std::string body;                 // "-": what standard input gives
-    uint32_t waitSeconds = 10;        // 0: no reply is asked for
+    bool hasBody = false;
+    uint32_t waitSeconds = 10; // 0: no reply is asked for
     bool launch = false;
 };
 Exit send(const Output& output, const SendOptions& options);
@@ -65,11 +66,30 @@ struct DiagnoseOptions {
 Exit diagnose(const Output& output, const DiagnoseOptions& options);
 
 struct MonitorOptions {
-    std::string specifier;
+    std::vector<std::string> specifiers;
+    bool all = false;
     bool errors = false;
     bool logs = false;
+    std::vector<std::string> match; // FIELD=PATTERN,...
+    bool headers = false;
+    bool bodies = false;
+    uint64_t count = 0;        // 0: without end
+    double timeoutSeconds = 0; // 0: without end
+    std::string captureFile;
 };
 Exit monitor(const Output& output, const MonitorOptions& options);
+
+struct KeyOptions {
+    std::string specifier;
+    std::string name;
+    std::string value;
+    bool hasValue = false;
+    bool watch = false;
+    double intervalSeconds = 1;
+    int32_t timeoutSeconds = 5;
+};
+Exit keys(const Output& output, const KeyOptions& options);
+Exit key(const Output& output, const KeyOptions& options);
 
 struct PortsOptions {
     bool clean = false;

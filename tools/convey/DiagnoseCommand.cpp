@@ -29,7 +29,8 @@ std::string rowsOf(const std::string& target, int32_t timeoutSeconds) {
     std::string rows = toStd(Convey::Thread::ping(target.c_str(), ConveyThread::CV_DIAGNOSTICS,
                                                   timeoutSeconds, nullptr));
     if (rows.empty() || rows.front() != '/') { // rows begin with a path, other answers with a word
-        throw Failure(kNo, target + ": " + (rows.empty() ? "no answer" : rows));
+        throw Failure(kNo, target + ": " + (rows.empty() ? "no answer" : rows),
+                      {{"specifier", target}});
     }
     return rows;
 }

@@ -1,6 +1,7 @@
 #include "tools/convey/Output.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <ostream>
 #include <sys/ioctl.h>
@@ -9,7 +10,9 @@
 namespace convey_tool {
 namespace {
 
-constexpr int kNarrowest = 20; // columns that are left for the last one at least
+constexpr size_t kNarrowest = 4; // no column is cut below this
+
+std::atomic<bool> gHasPrinted{false};
 
 bool isContinuation(char c) {
     return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
@@ -66,12 +69,25 @@ std::string Output::show(const std::string& text, Style style) const {
 
 void Output::print(const Json& value, bool inOneLine) const {
     // Invalid UTF-8 becomes U+FFFD: what others say must not make the output fail.
-    out << value.dump(inOneLine ? -1 : 2, ' ', false, Json::error_handler_t::replace) << std::endl;
+    gHasPrinted = true;
+    out << value.dump(inOneLine || !isTerminal ? -1 : 2, ' ', false, Json::error_handler_t::replace)
+        << std::endl;
+}
+
+bool Output::hasPrinted() {
+    return gHasPrinted;
+}
+
+void Output::note(const std::string& text) const {
+    if (!quiet) {
+        err << "convey: " << show(text) << std::endl;
+    }
 }
 
 Output standardOutput(std::ostream& out, std::ostream& err) {
     Output output{out, err};
-    if (isatty(STDOUT_FILENO) != 0) {
+    output.isTerminal = isatty(STDOUT_FILENO) != 0;
+    if (output.isTerminal) {
         const char* const noColour = std::getenv("NO_COLOR"); // NOLINT(concurrency-mt-unsafe)
         const char* const terminal = std::getenv("TERM");     // NOLINT(concurrency-mt-unsafe)
         output.colour = (noColour == nullptr || *noColour == '\0') &&
@@ -92,23 +108,34 @@ void Table::print(const Output& output) const {
             widths[i] = std::max(widths[i], width(row[i]));
         }
     }
-    size_t before = 0;
-    for (size_t i = 0; i + 1 < widths.size(); ++i) {
-        before += widths[i] + 2;
+    size_t sum = widths.empty() ? 0 : 2 * (widths.size() - 1);
+    for (const size_t each : widths) {
+        sum += each;
     }
     const auto columns = static_cast<size_t>(std::max(output.columns, 0));
-    const size_t last =
-        columns == 0 ? SIZE_MAX : std::max<size_t>(columns - std::min(columns, before), kNarrowest);
+    while (columns != 0 && sum > columns) {
+        size_t& widest = *std::max_element(widths.begin(), widths.end());
+        if (widest <= kNarrowest) {
+            break;
+        }
+        --widest;
+        --sum;
+    }
     bool isHeading = true;
     for (const auto& row : rows_) {
         std::string line;
         for (size_t i = 0; i < row.size(); ++i) {
-            line += i + 1 == row.size() ? cut(row[i], last) : row[i];
+            const std::string shown = cut(row[i], widths[i]);
+            line += shown;
             if (i + 1 < row.size()) {
-                line.append(widths[i] - width(row[i]) + 2, ' ');
+                line.append(widths[i] - width(shown) + 2, ' ');
             }
         }
         line.resize(line.find_last_not_of(' ') + 1);
+        if (isHeading && !output.legend) {
+            isHeading = false;
+            continue;
+        }
         output.out << output.show(line, isHeading ? Style::heading : Style::plain) << '\n';
         isHeading = false;
     }

@@ -52,7 +52,7 @@ Exit ports(const Output& output, const PortsOptions& options) {
     if (options.clean) {
         output.out << removed << " stale ports removed\n";
     } else if (stale != 0) {
-        output.err << "convey: " << stale << " stale ports; --clean removes them\n";
+        output.note(std::to_string(stale) + " stale ports; --clean removes them");
     }
     return kDone;
 }

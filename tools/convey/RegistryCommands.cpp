@@ -1,12 +1,15 @@
 // What concerns registered applications and whether they run.
 #include <chrono>
+#include <iomanip>
+#include <map>
 #include <ostream>
-#include <thread>
+#include <sstream>
 
 #include "cmd/HostProductInfoFromCapsLib.h"
 #include "platform/Locale.h"
 #include "scriptobjects/convey/SoCVContext.h"
 #include "tools/convey/Commands.h"
+#include "tools/convey/Model.h"
 #include "tools/convey/Session.h"
 
 namespace convey_tool {
@@ -17,7 +20,7 @@ using ScObjects::SoVector;
 
 namespace {
 
-constexpr auto kPoll = std::chrono::milliseconds(50);
+constexpr int64_t kPollMilliseconds = 50;
 
 struct Application {
     std::string specifier;
@@ -27,6 +30,8 @@ struct Application {
     std::string path;
     std::string languages;
     bool runs = false;
+    uint32_t process = 0; // 0: not known
+    std::string program;
 };
 
 std::string languagesAt(const std::string& path) {
@@ -45,6 +50,8 @@ std::string languagesAt(const std::string& path) {
 
 std::vector<Application> applications(const ListOptions& options) {
     std::vector<Application> result;
+    const std::map<std::string, uint32_t> owners =
+        options.names ? std::map<std::string, uint32_t>() : portOwners();
     const int32_t count = Convey::getNumberOfRegisteredApplications();
     for (int32_t i = 0; i < count; ++i) {
         const Convey::Specifier specifier(Convey::getApplicationSpecifier(i).c_str(), false);
@@ -64,6 +71,11 @@ std::vector<Application> applications(const ListOptions& options) {
             application.path = toStd(specifier.getApplicationPath(nullptr));
             application.languages = languagesAt(application.path);
         }
+        const auto owner = owners.find(application.specifier);
+        if (owner != owners.end() && application.runs) {
+            application.process = owner->second;
+            application.program = lookAt(owner->second).program;
+        }
         result.push_back(std::move(application));
     }
     return result;
@@ -73,19 +85,13 @@ std::string orDash(const std::string& text) {
     return text.empty() ? "-" : text;
 }
 
-void requireRegistry() {
-    if (Convey::getSharedContext()->getConnector() == nullptr) {
-        throw Failure(kNoLayer, "there is no database of installed products; ovrel-caps makes one");
-    }
-}
-
 } // namespace
 
 Exit list(const Output& output, const ListOptions& options) {
     const Session session;
     requireRegistry();
     const std::vector<Application> all = applications(options);
-    if (options.names) {
+    if (options.names && !output.json) {
         for (const Application& application : all) {
             output.out << output.show(application.specifier) << '\n';
         }
@@ -94,6 +100,10 @@ Exit list(const Output& output, const ListOptions& options) {
     if (output.json) {
         Json json = Json::array();
         for (const Application& application : all) {
+            if (options.names) {
+                json.push_back(application.specifier);
+                continue;
+            }
             json.push_back({{"specifier", application.specifier},
                             {"name", application.name},
                             {"version", application.version},
@@ -101,14 +111,21 @@ Exit list(const Output& output, const ListOptions& options) {
                             {"path", application.path},
                             {"languages", application.languages},
                             {"running", application.runs}});
+            if (application.process != 0) {
+                json.back()["process"] = application.process;
+                json.back()["program"] = application.program;
+            }
         }
         output.print(json);
         return kDone;
     }
-    Table table({"SPECIFIER", "NAME", "VERSION", "LOCALE", "RUNS", "LANGUAGES", "PATH"});
+    Table table({"SPECIFIER", "NAME", "RUNS", "PROGRAM", "LANGUAGES", "PATH"});
     for (const Application& application : all) {
-        table.add({application.specifier, orDash(application.name), orDash(application.version),
-                   orDash(application.locale), application.runs ? "yes" : "no",
+        table.add({application.specifier, orDash(application.name),
+                   application.process != 0 ? std::to_string(application.process)
+                   : application.runs       ? "yes"
+                                            : "no",
+                   orDash(application.program.substr(application.program.rfind('/') + 1)),
                    application.languages, orDash(application.path)});
     }
     table.print(output);
@@ -150,13 +167,14 @@ Exit resolve(const Output& output, const std::string& specifier) {
 Exit launch(const Output& output, const LaunchOptions& options) {
     Session session;
     requireRegistry();
-    const Convey::Specifier target = completed(options.specifier);
+    const Convey::Specifier target = known(options.specifier);
     const bool ranBefore = target.isRunning();
+    Json json = {
+        {"specifier", toStd(target)}, {"ranBefore", ranBefore}, {"parameters", options.parameters}};
     const int32_t result = Convey::launchTarget(target.c_str(), options.parameters.c_str(),
                                                 options.behind ? 1 : 0, nullptr);
     if (result != 1) {
-        throw Failure(kNo, toStd(target) + (target.isInstalled() ? " could not be launched"
-                                                                 : " is not installed"));
+        throw Failure(kNo, toStd(target) + " could not be launched", json);
     }
     // What it is given must be handed over before this process ends.
     using std::chrono::steady_clock;
@@ -167,23 +185,26 @@ Exit launch(const Output& output, const LaunchOptions& options) {
     }
     const bool taken = !session.instance().outgoingMessagePending();
     const uint32_t process = Convey::getProcessID(target.c_str());
-    if (output.json) {
-        output.print({{"specifier", toStd(target)},
-                      {"ranBefore", ranBefore},
-                      {"process", process},
-                      {"parametersTaken", taken}});
-    } else if (ranBefore) {
-        output.out << output.show(toStd(target)) << " runs already\n";
-    } else {
-        output.out << "launched " << output.show(toStd(target));
-        if (process != 0) {
-            output.out << ", process " << process;
-        }
-        output.out << '\n';
+    json["process"] = process;
+    json["parametersTaken"] = taken && !ranBefore;
+    if (!output.json) {
+        output.out << (ranBefore ? "" : "launched ") << output.show(toStd(target))
+                   << (ranBefore      ? " runs already"
+                       : process != 0 ? ", process " + std::to_string(process)
+                                      : "")
+                   << std::endl;
+    }
+    if (ranBefore && !options.parameters.empty()) {
+        throw Failure(kNo, toStd(target) + " runs already and takes no parameters", json);
     }
     if (!taken) {
-        throw Failure(kNo, toStd(target) + " has not taken its parameters within " +
-                               std::to_string(options.waitSeconds) + " seconds");
+        throw Failure(kNo,
+                      toStd(target) + " has not taken its parameters within " +
+                          std::to_string(options.waitSeconds) + " seconds; --wait waits longer",
+                      json);
+    }
+    if (output.json) {
+        output.print(json);
     }
     return kDone;
 }
@@ -191,14 +212,18 @@ Exit launch(const Output& output, const LaunchOptions& options) {
 Exit front(const Output& output, const std::string& specifier) {
     const Session session;
     requireRegistry();
-    const Convey::Specifier target = completed(specifier);
+    const Convey::Specifier target = known(specifier);
     const bool installed = Convey::bringToFront(target.c_str(), nullptr);
     const bool runs = target.isRunning();
-    if (output.json) {
-        output.print({{"specifier", toStd(target)}, {"installed", installed}, {"running", runs}});
-    }
+    const Json json = {{"specifier", toStd(target)}, {"installed", installed}, {"running", runs}};
     if (!installed || !runs) {
-        throw Failure(kNo, toStd(target) + (installed ? " does not run" : " is not installed"));
+        throw Failure(kNo,
+                      toStd(target) + (installed ? " does not run; convey launch launches it"
+                                                 : " is not installed"),
+                      json);
+    }
+    if (output.json) {
+        output.print(json);
     }
     return kDone;
 }
@@ -211,19 +236,27 @@ Exit wait(const Output& output, const WaitOptions& options) {
     const auto end = start + std::chrono::duration<double>(options.timeoutSeconds);
     bool reached = target.isRunning() == options.untilRunning;
     while (!reached && steady_clock::now() < end && !Session::isEnding()) {
-        std::this_thread::sleep_for(kPoll);
+        Session::pumpFor(kPollMilliseconds);
         reached = target.isRunning() == options.untilRunning;
     }
     const char* const state = reached == options.untilRunning ? "running" : "gone";
+    const double seconds = std::chrono::duration<double>(steady_clock::now() - start).count();
+    const Json json = {{"specifier", toStd(target)},
+                       {"until", options.untilRunning ? "running" : "gone"},
+                       {"state", state},
+                       {"seconds", seconds}};
+    if (!reached) {
+        std::ostringstream text;
+        text << "waited " << std::setprecision(3) << seconds << " s for " << toStd(target)
+             << (options.untilRunning ? " to run; it does not" : " to go; it still runs");
+        throw Failure(kNo, text.str(), json);
+    }
     if (output.json) {
-        output.print(
-            {{"specifier", toStd(target)},
-             {"state", state},
-             {"seconds", std::chrono::duration<double>(steady_clock::now() - start).count()}});
+        output.print(json);
     } else {
         output.out << output.show(toStd(target)) << " is " << state << '\n';
     }
-    return reached ? kDone : kNo;
+    return kDone;
 }
 
 } // namespace convey_tool

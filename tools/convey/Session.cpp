@@ -1,11 +1,19 @@
 #include "tools/convey/Session.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
+#include <iostream>
+#include <semaphore.h>
+#include <thread>
+#include <unistd.h>
 
+#include "caps/Store.h"
 #include "platform/Processes.h"
 #include "platform/StandardStreams.h"
+#include "scriptobjects/convey/SoCVContext.h"
 #include "tools/convey/Output.h"
 
 namespace convey_tool {
@@ -14,16 +22,61 @@ using ScObjects::Convey;
 
 namespace {
 
-constexpr int64_t kLookMilliseconds = 100; // how soon the wish to end is seen
+constexpr int64_t kLookMilliseconds = 20; // how soon the wish to end is seen
+// What a command has to end by itself, and then the process: together less than a person notices.
+constexpr auto kGrace = std::chrono::milliseconds(50);
+constexpr auto kLastGrace = std::chrono::milliseconds(30);
+constexpr int kSignalStatus = 128; // and the signal's number, as shells say it
 
-volatile std::sig_atomic_t gEnding = 0;
+volatile std::sig_atomic_t gEnding = 0; // the signal
+sem_t gWanted;
+std::atomic<bool> gFinishing{false};
 
 } // namespace
 
-Session::Session() {
-    for (const int number : {SIGINT, SIGTERM}) {
-        (void)std::signal(number, [](int) { gEnding = 1; }); // both can be handled
+void Ending::listen(const bool& inJson) {
+    if (sem_init(&gWanted, 0, 0) != 0) {
+        return; // never, for 0
     }
+    std::thread([&inJson] {
+        while (sem_wait(&gWanted) != 0) {
+        }
+        std::this_thread::sleep_for(kGrace);
+        if (gFinishing.exchange(true)) {
+            return;
+        }
+        if (inJson && !Output::hasPrinted()) {
+            static constexpr char kDocument[] = "{\"error\":\"interrupted\",\"status\":130}\n";
+            (void)!write(STDOUT_FILENO, kDocument, sizeof kDocument - 1); // no more can be done
+        }
+        // Another thread may hold what the end of the process wants, such as a full standard
+        // output.
+        std::thread([] {
+            std::this_thread::sleep_for(kLastGrace);
+            _exit(kSignalStatus + gEnding);
+        }).detach();
+        std::exit(kSignalStatus + gEnding); // which gives the ports back
+    }).detach();
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+        (void)std::signal(number, [](int signal) { // all can be handled
+            gEnding = signal;
+            (void)sem_post(&gWanted);
+        });
+    }
+}
+
+bool Ending::isAsked() {
+    return gEnding != 0 || platform::StandardStreams::failure() != 0;
+}
+
+void Ending::finish(int status) {
+    while (gFinishing.exchange(true)) {
+        std::this_thread::sleep_for(kGrace); // the other thread ends the process meanwhile
+    }
+    std::exit(gEnding != 0 ? kSignalStatus + gEnding : status);
+}
+
+Session::Session() {
     // With its number, so that any number of them can run at once.
     const std::string name = "convey" + std::to_string(platform::Processes::system().ownNumber()) +
                              "-" + Convey::kVersion;
@@ -40,10 +93,6 @@ Session::~Session() {
 
 std::string Session::name() const {
     return toStd(instance_->getAppName());
-}
-
-bool Session::isEnding() {
-    return gEnding != 0 || platform::StandardStreams::failure() != 0;
 }
 
 void Session::pumpFor(int64_t milliseconds) {
@@ -66,6 +115,33 @@ Convey::Specifier completed(const std::string& text) {
         throw Failure(kUsage, "\"" + text + "\" is no specifier");
     }
     return specifier;
+}
+
+Convey::Specifier known(const std::string& text) {
+    Convey::Specifier target = completed(text);
+    if (!target.isInstalled() && !target.isRunning()) {
+        requireRegistry();
+        throw Failure(kNo, toStd(target) +
+                               " is not installed; convey list shows what is, ovrel-caps add-app "
+                               "registers it");
+    }
+    return target;
+}
+
+void requireRegistry() {
+    const ScObjects::ConveyContext* const context = Convey::getSharedContext();
+    if (context != nullptr && context->getConnector() != nullptr) {
+        return;
+    }
+    const std::string path = caps::findDatabase();
+    std::unique_ptr<caps::Store> store;
+    std::string reason = "its library ovrel_caps.framework is not found beside the program";
+    if (path.empty()) {
+        reason = "there is none at " + caps::defaultDatabasePath() + "; ovrel-caps makes one";
+    } else {
+        (void)caps::Store::open(path, caps::Store::Access::read, store, &reason);
+    }
+    throw Failure(kNoLayer, "there is no database of installed products: " + reason);
 }
 
 } // namespace convey_tool

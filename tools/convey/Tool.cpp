@@ -1,11 +1,15 @@
 #include "tools/convey/Tool.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <functional>
 #include <iostream>
+#include <numeric>
+#include <utility>
 
 #include "scriptobjects/convey/SoConvey.h"
 #include "tools/convey/Commands.h"
+#include "tools/convey/Session.h"
 
 namespace convey_tool {
 namespace {
@@ -13,9 +17,9 @@ namespace {
 constexpr const char* kFooter =
     "Exit status: 0 done, or the answer is yes; 1 the answer is no (not running, not installed, "
     "an\n"
-    "error, no answer in time), or standard output did not take all of it; 2 the command line is\n"
-    "not understood; 3 the messaging layer, the database or a file cannot be used. Results go to\n"
-    "standard output, problems to standard error.";
+    "error, no answer in time); 2 the command line is not understood; 3 the messaging layer, the\n"
+    "database, a file or standard output cannot be used; 130 interrupted. Results go to standard\n"
+    "output, problems to standard error.";
 
 // The commands with their options. `chosen` is set to the one that the command line names.
 class CommandLine {
@@ -26,14 +30,25 @@ public:
         app_.set_version_flag("--version",
                               std::string("convey ") + ScObjects::Convey::kVersion + ".0");
         app_.fallthrough();
-        app_.add_flag("--json", output_.json, "Print JSON");
+        addCommonOptions(app_);
         addRegistryCommands();
         addMessageCommands();
         addDiagnosis();
     }
 
     CLI::App& app() { return app_; }
-    const std::function<Exit()>& chosen() const { return chosen_; }
+
+    // Takes the command line apart and runs what it names. Throws CLI::ParseError and Failure.
+    Exit run(std::vector<std::string> words) {
+        takeLaunchParameters(words);
+        requireCommand(words);
+        std::reverse(words.begin(), words.end()); // as the parser wants them
+        app_.parse(words);
+        if (output_.quiet) {
+            output_.out.rdbuf(nullptr); // which takes nothing
+        }
+        return chosen_();
+    }
 
 private:
     using Subcommand = CLI::App;
@@ -43,6 +58,81 @@ private:
         command->callback([this, run = std::move(run)] { chosen_ = run; });
         return *command;
     }
+    void addCommonOptions(CLI::App& app) {
+        app.add_flag("--json", output_.json, "Print one JSON document, also when it fails");
+        app.add_flag("-q,--quiet", output_.quiet, "Print nothing but problems");
+        app.add_flag("!--no-legend", output_.legend, "Leave out headings and sums");
+    }
+    // An option behind one that wants a value is not that value.
+    static std::string isNoOption(const std::string& value) {
+        return value.size() > 1 && value[0] == '-'
+                   ? "\"" + value + "\" is an option; write ./" + value + " for a file of that name"
+                   : "";
+    }
+
+    // The word of the command, or the number of words when there is none.
+    static size_t commandIn(const std::vector<std::string>& words) {
+        const auto isWord = [](const std::string& word) { return word.empty() || word[0] != '-'; };
+        return static_cast<size_t>(std::find_if(words.begin(), words.end(), isWord) -
+                                   words.begin());
+    }
+
+    // What stands behind the specifier of `launch` is the application's, whatever it looks like.
+    void takeLaunchParameters(std::vector<std::string>& words) {
+        size_t i = commandIn(words);
+        if (i == words.size() || words[i] != "launch") {
+            return;
+        }
+        for (++i; i < words.size() && words[i].size() > 1 && words[i][0] == '-'; ++i) {
+            if (words[i] == "--") {
+                ++i;
+                break;
+            }
+            i += words[i] == "--wait" ? 1 : 0;
+        }
+        for (size_t word = i + 1; word < words.size(); ++word) {
+            launch_.parameters += (launch_.parameters.empty() ? "" : " ") + words[word];
+        }
+        words.resize(std::min(words.size(), i + 1));
+    }
+
+    void requireCommand(const std::vector<std::string>& words) const {
+        const size_t at = commandIn(words);
+        if (at == words.size()) {
+            return; // --help, --version, or nothing: the parser's own
+        }
+        std::string nearest;
+        size_t least = words[at].size() / 2 + 1; // farther ones are no slips
+        for (const CLI::App* command : app_.get_subcommands(nullptr)) {
+            const size_t far = distance(words[at], command->get_name());
+            if (far == 0) {
+                return;
+            }
+            if (far < least) {
+                least = far;
+                nearest = command->get_name();
+            }
+        }
+        throw Failure(kUsage, "there is no command \"" + words[at] + "\"" +
+                                  (nearest.empty() ? "" : "; did you mean " + nearest + "?") +
+                                  " convey --help lists them");
+    }
+
+    // How many letters must be put in, left out or changed.
+    static size_t distance(const std::string& from, const std::string& to) {
+        std::vector<size_t> row(to.size() + 1);
+        std::iota(row.begin(), row.end(), size_t{0});
+        for (size_t i = 0; i < from.size(); ++i) {
+            size_t corner = std::exchange(row[0], i + 1);
+            for (size_t j = 0; j < to.size(); ++j) {
+                const size_t changed = corner + (from[i] == to[j] ? 0 : 1);
+                corner = row[j + 1];
+                row[j + 1] = std::min({changed, row[j] + 1, corner + 1});
+            }
+        }
+        return row.back();
+    }
+
     static void addSpecifier(Subcommand& command, std::string& specifier, const char* what) {
         command.add_option("SPECIFIER", specifier, what)->required();
     }
@@ -57,18 +147,10 @@ private:
                               [this] { return resolve(output_, specifier_); });
         addSpecifier(resolving, specifier_, "For example lumen");
 
-        auto& launching = add(
-            "launch", "Launch an application that does not run; further words are its parameters",
-            nullptr);
-        launching.callback([this, &launching] {
-            for (const std::string& word : launching.remaining()) {
-                launch_.parameters += (launch_.parameters.empty() ? "" : " ") + word;
-            }
-            chosen_ = [this] { return launch(output_, launch_); };
-        });
-        // Parameters look like options, and are the target's.
-        launching.fallthrough(false)->allow_extras();
-        launching.add_flag("--json", output_.json, "Print JSON");
+        auto& launching = add("launch",
+                              "Launch an application that does not run; what stands behind the "
+                              "specifier are its parameters, word by word",
+                              [this] { return launch(output_, launch_); });
         addSpecifier(launching, launch_.specifier, "The application");
         launching.add_flag("--behind", launch_.behind, "Do not bring it to the front");
         launching
@@ -96,7 +178,8 @@ private:
         auto& asking = add("ping", "Ask whether an application runs, and how fast it answers",
                            [this] { return ping(output_, ping_); });
         addSpecifier(asking, ping_.specifier, "The application, or allRunningApps");
-        asking.add_option("--key", ping_.key, "The key to ask for, for example STATUS or INFO");
+        asking.add_option("--key", ping_.key, "The key to ask for, for example STATUS or INFO")
+            ->check(isNoOption);
         asking.add_option("--timeout", ping_.timeoutSeconds, "Seconds for an answer")
             ->check(CLI::Range(1, 3600))
             ->capture_default_str();
@@ -113,18 +196,62 @@ private:
         sending.add_option("--type", send_.type, "Its type")->capture_default_str();
         sending.add_option("--header", send_.headers, "NAME=VALUE, as often as wanted")
             ->allow_extra_args(false);
-        sending.add_option("--body", send_.body, "Its text; - reads standard input");
+        sending.add_option_function<std::string>(
+            "--body",
+            [this](const std::string& body) {
+                send_.body = body;
+                send_.hasBody = true;
+            },
+            "Its text; - reads standard input");
         sending.add_option("--wait", send_.waitSeconds, "Seconds for replies; 0 asks for none")
             ->check(CLI::Range(0, 86400))
             ->capture_default_str();
         sending.add_flag("--launch", send_.launch, "Launch the target when it does not run");
 
-        auto& watching =
-            add("monitor", "Show the messages that an application handles, as they come",
-                [this] { return monitor(output_, monitor_); });
-        addSpecifier(watching, monitor_.specifier, "The application");
+        auto& watching = add("monitor", "Show the messages that applications handle, as they come",
+                             [this] { return monitor(output_, monitor_); });
+        watching.add_option("SPECIFIER", monitor_.specifiers, "The applications");
+        watching.add_flag("--all", monitor_.all, "All that run, and those that start later");
         watching.add_flag("--errors", monitor_.errors, "What fails");
         watching.add_flag("--logs", monitor_.logs, "Each step of each message");
+        watching
+            .add_option("--match", monitor_.match,
+                        "type=,from=,to=,header=NAME[=VALUE]: patterns that all must hold")
+            ->allow_extra_args(false)
+            ->check(isNoOption);
+        watching.add_flag("--headers", monitor_.headers, "With their headers");
+        watching.add_flag("--bodies", monitor_.bodies, "With their whole bodies");
+        watching.add_option("--count", monitor_.count, "End after so many");
+        watching.add_option("--timeout", monitor_.timeoutSeconds, "End after so many seconds");
+        watching.add_option("--capture", monitor_.captureFile, "Record them, for convey report")
+            ->check(isNoOption);
+        addKeys();
+    }
+
+    void addKeys() {
+        auto& listing = add("keys", "Show an application's ping keys and the types it handles",
+                            [this] { return keys(output_, key_); });
+        addSpecifier(listing, key_.specifier, "The application");
+        auto& one =
+            add("key", "Read, set or follow one ping key", [this] { return key(output_, key_); });
+        addSpecifier(one, key_.specifier, "The application");
+        one.add_option("NAME", key_.name, "The key")->required();
+        one.add_option_function<std::string>(
+            "VALUE",
+            [this](const std::string& value) {
+                key_.value = value;
+                key_.hasValue = true;
+            },
+            "Its new value");
+        one.add_flag("--watch", key_.watch, "Again and again, whenever it changes");
+        one.add_option("--interval", key_.intervalSeconds, "Seconds between two looks")
+            ->check(CLI::Range(0.01, 3600.0))
+            ->capture_default_str();
+        for (Subcommand* command : {&listing, &one}) {
+            command->add_option("--timeout", key_.timeoutSeconds, "Seconds for an answer")
+                ->check(CLI::Range(1, 3600))
+                ->capture_default_str();
+        }
     }
 
     void addDiagnosis() {
@@ -133,7 +260,8 @@ private:
         diagnosing.add_option("SPECIFIER", diagnose_.specifier, "The application; none: this tool");
         diagnosing.add_flag("--raw", diagnose_.raw, "The rows as they are");
         diagnosing.add_flag("--watch", diagnose_.watch, "Again and again, until Ctrl-C");
-        diagnosing.add_option("--html", diagnose_.htmlFile, "Write a page that folds and searches");
+        diagnosing.add_option("--html", diagnose_.htmlFile, "Write a page that folds and searches")
+            ->check(isNoOption);
         diagnosing.add_option("--timeout", diagnose_.timeoutSeconds, "Seconds for an answer")
             ->check(CLI::Range(1, 3600))
             ->capture_default_str();
@@ -158,6 +286,7 @@ private:
     WaitOptions wait_;
     DiagnoseOptions diagnose_;
     MonitorOptions monitor_;
+    KeyOptions key_;
     PortsOptions ports_;
 };
 
@@ -166,19 +295,35 @@ private:
 
 int conveyToolMain(int argc, char** argv) {
     using namespace convey_tool;
-    Output output = standardOutput(std::cout, std::cerr);
+    std::ostream results(std::cout.rdbuf());
+    static Output output = standardOutput(results, std::cerr); // until the end of the process
     CommandLine commandLine(output);
+    // An error of the command line is told in JSON as well, wherever the option stands.
+    const std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
+    output.json = std::find(words.begin(), words.end(), "--json") != words.end();
+    Ending::listen(output.json);
+    const auto fail = [](Exit status, const std::string& text, Json document) {
+        if (output.json) {
+            document["error"] = text;
+            document["status"] = static_cast<int>(status);
+            output.print(document);
+        } else if (!text.empty()) {
+            output.err << "convey: " << output.show(text) << std::endl;
+        }
+        return status;
+    };
+    int status = kNoLayer;
     try {
-        commandLine.app().parse(argc, argv);
-        return commandLine.chosen()();
+        status = commandLine.run(words);
+    } catch (const CLI::Success& wish) { // help and version are no errors
+        status = commandLine.app().exit(wish, results, std::cerr);
     } catch (const CLI::ParseError& error) {
-        const int status = commandLine.app().exit(error, std::cout, std::cerr);
-        return status == 0 ? kDone : kUsage;
+        status = fail(kUsage, std::string(error.what()) + "; convey --help explains", {});
     } catch (const Failure& failure) {
-        std::cerr << "convey: " << output.show(failure.what()) << std::endl;
-        return failure.status;
+        status = fail(failure.status, failure.what(), failure.details);
     } catch (const std::exception& error) {
-        std::cerr << "convey: " << output.show(error.what()) << std::endl;
-        return kNoLayer;
+        status = fail(kNoLayer, error.what(), {});
     }
+    results.flush();
+    return status;
 }

@@ -4,6 +4,7 @@
 
 #include "platform/StandardStreams.h"
 #include "tools/convey/Output.h"
+#include "tools/convey/Session.h"
 #include "tools/convey/Tool.h"
 
 int main(int argc, char** argv) {
@@ -22,7 +23,7 @@ int main(int argc, char** argv) {
             std::cerr << "convey: the output cannot be written: "
                       << std::generic_category().message(StandardStreams::failure()) << std::endl;
         }
-        return convey_tool::kNo;
+        status = convey_tool::kNoLayer;
     }
-    return status;
+    convey_tool::Ending::finish(status);
 }
