@@ -1,16 +1,21 @@
 #include "scriptobjects/convey/SoCVUtilsCore.h"
 
+#include <string>
 #include <string_view>
 
+#include "limits/Limits.h"
 #include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVDiagnosticsRows.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
+#include "scriptobjects/convey/SoCVThread.h"
 #include "scriptobjects/convey/SoCVUtils.h"
 #include "scriptobjects/stream/BaseInterAppStream.h"
 
 namespace ScObjects::ConveyUtils {
 namespace {
+
+constexpr size_t kForwardedBodyBytes = limits::of("forward.body");
 
 // What an observer's own message brings about is not forwarded, or it would be without end.
 constinit thread_local bool gForwarding = false;
@@ -31,6 +36,23 @@ std::shared_ptr<ConveyData::HandlerSlot> observerOf(const SoString& handlerType)
     }
     auto slot = main->findSlot(handlerType, ConveyData::CV_INVALID_MESSAGE_NUMBER);
     return slot;
+}
+
+// Whether the observer has asked for more of the body than its first line.
+bool wantsBodies() {
+    const ConveyContext* const context = ConveyContext::currentContextNow();
+    const ConveyThread* const thread = context == nullptr ? nullptr : context->getThread();
+    return thread != nullptr && !thread->getValueForKey("FWDBODIES").isEmpty();
+}
+
+// A row is a line: a line feed is written as "\\n", and a backslash twice so that both can be told.
+std::string inOneLine(std::string_view text) {
+    std::string line;
+    line.reserve(text.size());
+    for (const char c : text) {
+        line += c == '\n' ? "\\n" : c == '\\' ? "\\\\" : std::string(1, c);
+    }
+    return line;
 }
 
 } // namespace
@@ -55,6 +77,10 @@ bool forwardMessage(const Convey::Message& message, const SoString& handlerType,
     forwarded.setHeader(ConveyData::CV_MESSAGE_ROOT, root.c_str());
     SoString rows;
     message.appendDiagnostics(rows, root);
+    if (!message.getBody().isEmpty() && wantsBodies()) {
+        rows << root << "/msg" << message.getSerialNumber() << "/body/whole;0;Whole;"
+             << inOneLine(message.getBody().view().substr(0, kForwardedBodyBytes)).c_str() << ";\n";
+    }
     if (!label.isEmpty()) {
         const uint32_t time = message.getTimestamp();
         SoString name("/msg");

@@ -1,7 +1,9 @@
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <memory>
@@ -49,6 +51,9 @@ TEST_F(ConveyToolTest, answersByItsExitStatus) {
         {{"ping", "lumen"}, 0, "lumen-2.5-en_us: ECHO_RESPONSE time=", ""},
         {{"ping", "viewer"}, 1, "viewer-1.0: ISNOTRUNNING\n", ""},
         {{"ping", "nosuch"}, 1, "nosuch: ISNOTINSTALLED\n", ""},
+        {{"ping", "lumen", "--key", "LAUNCHPARAMS"}, 0, "lumen-2.5-en_us: (empty) time=", ""},
+        {{"ping", "lumen", "--key", "--json"}, 2, "{\"error\":\"--key: \\\"--json", ""},
+        {{"ping", "lumen", "--quiet"}, 0, nullptr, ""},
         {{"ping", "allRunningApps", "--count", "2", "--interval", "0"},
          0,
          "--- allRunningApps: 2 asked, 2 answered\nround trip min/median/max = ",
@@ -59,39 +64,114 @@ TEST_F(ConveyToolTest, answersByItsExitStatus) {
         {{"resolve", "lumen-2.0"}, 0, "exactly version 2.0 is asked for\n", ""},
         {{"resolve", "nosuch"}, 1, "nothing to complete it to", ""},
         {{"send", "lumen", "--body", "hi"}, 0, "sent\nreceived\nresult: echo: hi\nprocessed\n", ""},
+        {{"send", "lumen", "--body", "one\ntwo"},
+         0,
+         "result:\n  echo: one\n  two\nprocessed\n",
+         ""},
+        {{"send", "lumen", "--body", "hi", "--type", "Foo"}, 0, "result: echo: hi\n", ""},
+        {{"send", "lumen"}, 2, nullptr, "the body is missing: --body TEXT, or --body -"},
+        {{"send", "nosuch", "--body", "hi"}, 1, nullptr, "nosuch is not installed; convey list"},
         {{"send", "lumen", "--body", "fail"}, 1, "error: failed as asked\n", ""},
         {{"send", "lumen", "--body", "hi", "--wait", "0"}, 0, "sent\n", ""},
-        {{"send", "viewer", "--body", "hi"}, 1, "not sent\nerror: ERROR: LAUNCHING IS", ""},
+        {{"send", "viewer", "--body", "hi"}, 1, nullptr, "viewer-1.0 does not run; --launch"},
         {{"send", "viewer", "--body", "hi", "--launch"}, 1, "COULD NOT BE LAUNCHED\n", ""},
-        {{"send", "lumen", "--header", "nothing"}, 2, "", "\"nothing\" is no NAME=VALUE"},
+        {{"send", "lumen", "--body", "", "--header", "nothing"},
+         2,
+         "",
+         "\"nothing\" is no NAME=VALUE"},
         {{"launch", "viewer", "-open", "x"}, 1, "", "viewer-1.0 could not be launched"},
         {{"launch", "nosuch"}, 1, "", "nosuch is not installed"},
         {{"launch", "lumen"}, 0, "lumen-2.5-en_us runs already\n", ""},
+        {{"launch", "lumen", "--help"}, 1, "runs already", "takes no parameters"},
+        {{"launch", "--json", "--", "lumen", "-x", "--behind", "--json", "--", "-open y"},
+         1,
+         "\"parameters\":\"-x --behind --json -- -open y\"",
+         ""},
+        {{"launch", "--wait", "3", "--help"}, 0, "Usage: convey launch", ""},
         {{"front", "lumen"}, 0, "", ""},
         {{"front", "viewer"}, 1, "", "viewer-1.0 does not run"},
         {{"wait", "lumen"}, 0, "lumen-2.5-en_us is running\n", ""},
-        {{"wait", "lumen", "--until", "gone", "--timeout", "0"}, 1, "is running\n", ""},
+        {{"wait", "lumen", "--until", "gone", "--timeout", "0"},
+         1,
+         nullptr,
+         "to go; it still runs"},
+        {{"wait", "viewer", "--timeout", "0.1"}, 1, nullptr, "for viewer-1.0 to run; it does not"},
         {{"wait", "lumen", "--until", "soon"}, 2, "", "--until"},
         {{"diagnose", "viewer"}, 1, "", "viewer-1.0: ISNOTRUNNING"},
         {{"diagnose", "lumen", "--html", "/nonexistent/page"}, 3, "", "cannot write"},
+        {{"diagnose", "lumen", "--html", "--raw"}, 2, nullptr, "\"--raw\" is an option"},
         {{"monitor", "viewer"}, 1, "", "viewer-1.0: ISNOTRUNNING"},
+        {{"monitor", "lumen", "--match", "size=3"}, 2, nullptr, "not \"size=3\""},
+        {{"monitor"}, 2, nullptr, "or --all"},
+        {{"monitor", "lumen", "--count", "1", "--timeout", "0.1"}, 1, "", "watching lumen-2.5"},
+        {{"key", "lumen", "MOOD", "-good"}, 2, "", ""},
+        {{"key", "lumen", "MOOD", "good"}, 0, "good\n", ""},
+        {{"key", "lumen", "MOOD"}, 0, "good\n", ""},
+        {{"keys", "lumen"}, 0, "MOOD          value        good\n", ""},
+        {{"ports", "--no-legend"}, 0, "  lumen-2.5-en_us#ping\n", ""},
         {{"--version"}, 0, "convey 2.0.0\n", ""},
         {{"send", "--help"}, 0, "--launch", ""},
         {{}, 2, "", "subcommand is required"},
-        {{"nothing"}, 2, "", ""},
+        {{"nothing"}, 2, nullptr, "no command \"nothing\" convey --help"},
+        {{"lst"}, 2, nullptr, "no command \"lst\"; did you mean list?"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::PrintToString(c.arguments));
         const ProcessResult result = tool(c.arguments);
         EXPECT_EQ(result.exitStatus, c.status);
-        EXPECT_THAT(result.out, HasSubstr(c.out));
+        EXPECT_THAT(result.out, c.out == nullptr ? testing::Matcher<std::string>("")
+                                                 : testing::Matcher<std::string>(HasSubstr(c.out)));
         EXPECT_THAT(result.err, HasSubstr(c.err));
         EXPECT_THAT(result.out, Not(HasSubstr("\x1b"))) << "no terminal, no colour";
     }
-    setenv("OVREL_CAPS_DB", folder.file("gone.db").c_str(), 1);
-    const ProcessResult without = tool({"list"});
-    EXPECT_EQ(without.exitStatus, 3);
-    EXPECT_THAT(without.err, HasSubstr("there is no database of installed products"));
+    const std::string text = folder.file("text");
+    std::ofstream(text) << "a text";
+    const std::pair<std::string, const char*> unreadable[] = {
+        {folder.file("gone.db"), "there is no such database"}, {text, "file is not a database"}};
+    for (const auto& [file, reason] : unreadable) {
+        setenv("OVREL_CAPS_DB", file.c_str(), 1);
+        const ProcessResult without = tool({"list"});
+        EXPECT_EQ(without.exitStatus, 3);
+        EXPECT_THAT(without.err, testing::AllOf(HasSubstr(file), HasSubstr(reason)));
+    }
+}
+
+// Whatever it waits for, and whether anybody answers.
+TEST_F(ConveyToolTest, endsAtOnceWhenItIsInterrupted) {
+    auto viewer = host("viewer-1.0", {"--quiet"});
+    viewer->signal(SIGSTOP);
+    const std::vector<std::string> commands[] = {
+        {"ping", "viewer", "--timeout", "20"},
+        {"ping", "lumen", "--count", "1000"},
+        {"diagnose", "viewer", "--timeout", "20"},
+        {"diagnose", "lumen", "--watch"},
+        {"send", "viewer", "--body", "x", "--wait", "20"},
+        {"monitor", "viewer"},
+        {"monitor", "lumen"},
+        {"key", "viewer", "STATUS", "--timeout", "20", "--json"},
+        {"wait", "docsafe"},
+    };
+    for (auto command : commands) {
+        SCOPED_TRACE(testing::PrintToString(command));
+        command.insert(command.begin(), CONVEY_PROGRAM);
+        RunningProcess running(command);
+        const auto ports = [number = std::to_string(running.pid())] {
+            const Json all = json({"ports"});
+            return std::count_if(all["ports"].begin(), all["ports"].end(), [&](const auto& port) {
+                return port["name"].template get<std::string>().find(number) != std::string::npos;
+            });
+        };
+        ASSERT_TRUE(eventually([&] { return ports() >= 3; }));
+        const auto start = std::chrono::steady_clock::now();
+        running.signal(SIGINT);
+        EXPECT_EQ(running.finish(), 130);
+        // A tenth of a second on a machine with nothing else to do.
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+        EXPECT_EQ(ports(), 0) << "it has given its ports back";
+        if (command.back() == "--json") {
+            EXPECT_EQ(Json::parse(running.rest())["error"], "interrupted");
+        }
+    }
 }
 
 TEST_F(ConveyToolTest, speaksJson) {
@@ -105,10 +185,31 @@ TEST_F(ConveyToolTest, speaksJson) {
     EXPECT_EQ(json({"wait", "lumen"})["state"], "running");
     const Json tree = json({"diagnose", "lumen"});
     EXPECT_EQ(tree["children"].back()["label"], "Connector");
-    std::istringstream lines(tool({"send", "lumen", "--body", "hi", "--json"}).out);
     std::vector<std::string> events;
-    for (std::string line; std::getline(lines, line);) {
-        events.push_back(Json::parse(line)["event"]);
+    const Json sent = json({"send", "lumen", "--body", "hi"});
+    for (const auto& event : sent["events"]) {
+        events.push_back(event["event"]);
+    }
+    EXPECT_EQ(json({"ping", "lumen", "--count", "2", "--interval", "0"})["answers"].size(), 2U);
+    EXPECT_EQ(json({"list", "--running"})[0]["process"], lumen->pid());
+    // What fails is one document as well, in one line where a program reads.
+    for (const std::vector<std::string>& failing :
+         {std::vector<std::string>{"send", "viewer", "--body", "x"},
+          {"send", "lumen"},
+          {"lst"},
+          {"diagnose", "viewer"},
+          {"launch", "nosuch"},
+          {"front", "viewer"},
+          {"wait", "viewer", "--timeout", "0"},
+          {"monitor", "nosuch"},
+          {"key", "viewer", "A"}}) {
+        auto arguments = failing;
+        arguments.insert(arguments.begin(), "--json");
+        const ProcessResult result = tool(arguments);
+        SCOPED_TRACE(testing::PrintToString(failing) + result.out);
+        EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 1);
+        EXPECT_EQ(Json::parse(result.out)["status"], result.exitStatus);
+        EXPECT_NE(Json::parse(result.out)["error"], "");
     }
     EXPECT_THAT(events, testing::ElementsAre("sent", "received", "result", "processed"));
     const Json bounds = json({"limits"});
@@ -169,13 +270,13 @@ TEST_F(ConveyToolTest, monitorsAConversation) {
         if (event["type"] == "Tessaly") {
             EXPECT_EQ(event["sender"], "kivra-7.0");
             EXPECT_EQ(event["text"], "what is");
-            EXPECT_EQ(event["size"], "17 bytes");
+            EXPECT_EQ(event["size"], 17);
             events.push_back(event["event"]);
         }
     }
     EXPECT_THAT(events, testing::ElementsAre("added", "picked", "processed"));
     monitor->signal(SIGINT);
-    EXPECT_EQ(monitor->finish(), 0);
+    EXPECT_EQ(monitor->finish(), 130);
     EXPECT_FALSE(isForwarding()) << "it has taken its forwarding back";
 
     monitor = std::make_unique<RunningProcess>(
@@ -208,8 +309,43 @@ TEST_F(ConveyToolTest, monitorsErrorsAndSteps) {
         EXPECT_EQ(event["event"],
                   std::string(option) == "--errors" ? "failed as asked" : "RECEIVE");
         monitor.signal(SIGINT);
-        EXPECT_EQ(monitor.finish(), 0);
+        EXPECT_EQ(monitor.finish(), 130);
     }
+}
+
+// Two applications, of whose messages some are shown; what a header calls itself is no field.
+TEST_F(ConveyToolTest, watchesSeveralAndRecordsThem) {
+    const auto viewer = host("viewer-1.0", {"--quiet"});
+    const std::string file = folder.file("capture");
+    RunningProcess monitor({CONVEY_PROGRAM, "monitor", "lumen", "viewer", "--match",
+                            "type=Tess*,to=*", "--match", "header=sender=x", "--count", "10",
+                            "--timeout", "40", "--headers", "--bodies", "--capture", file,
+                            "--json"});
+    for (const char* target : {"lumen", "viewer"}) {
+        ASSERT_TRUE(eventually([&] {
+            return json({"ping", target, "--key", "FWDBODIES"})["answer"] != "";
+        }));
+        (void)tool({"send", target, "--body", "unseen"});
+        (void)tool({"send", target, "--body", "one\ntwo\\n;", "--header", "sender=x", "--header",
+                    "target=forged", "--header", "body=forged"});
+    }
+    EXPECT_EQ(monitor.finish(), 0) << monitor.rest();
+    EXPECT_EQ(monitor.rest(), TemporaryFolder::read(file)) << "the same lines";
+    std::istringstream lines(monitor.rest());
+    std::map<std::string, int> of;
+    for (std::string line; std::getline(lines, line);) {
+        const Json event = Json::parse(line);
+        ++of[event["of"]];
+        EXPECT_THAT(event["sender"].get<std::string>(), testing::StartsWith("convey"));
+        EXPECT_EQ(event["target"], event["of"]);
+        EXPECT_EQ(event["headers"]["target"], "forged");
+        EXPECT_EQ(event["text"], "one");
+        EXPECT_EQ(event["body"], "one\ntwo\\n;");
+        EXPECT_THAT(event["time"].get<std::string>(),
+                    testing::ContainsRegex("^[0-9-]+T[0-9:]+\\.[0-9]{6}Z$"));
+    }
+    EXPECT_THAT(of, testing::ElementsAre(testing::Pair("lumen-2.5-en_us", 5),
+                                         testing::Pair("viewer-1.0", 5)));
 }
 
 TEST_F(ConveyToolTest, completesInBash) {
@@ -236,7 +372,7 @@ TEST_F(ConveyToolTest, completesInBash) {
 }
 
 // The line with N for what differs from one run to the next: times with three decimals, and the
-// numbers of processes, in the tool's own name and at the start of a line, with the blanks behind.
+// numbers of processes, in the tool's own name and in tables, with the blanks behind.
 std::string normalised(const std::string& line) {
     constexpr const char* kDigits = "0123456789";
     std::string out;
@@ -251,7 +387,7 @@ std::string normalised(const std::string& line) {
         if (fraction == end + 4) {
             out += "N.NNN";
             i = fraction;
-        } else if (i == 0 && line[end] == ' ') {
+        } else if ((i == 0 || line[i - 1] == ' ') && end - i > 2 && line[end] == ' ') {
             out += "N ";
             i = line.find_first_not_of(' ', end);
         } else {

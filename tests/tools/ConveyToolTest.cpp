@@ -50,7 +50,8 @@ TEST(Output, fitsTheTerminal) {
     } cases[] = {
         {0, "NAME    PATH\ngrößer  /opt/a/very/long/path/that/does/not/fit\nb       /opt\n"},
         {30, "NAME    PATH\ngrößer  /opt/a/very/long/path…\nb       /opt\n"},
-        {5, "NAME    PATH\ngrößer  /opt/a/very/long/pa…\nb       /opt\n"},
+        {12, "NAME  PATH\ngröß…  /opt…\nb     /opt\n"},
+        {5, "NAME  PATH\ngrö…  /op…\nb     /opt\n"},
     };
     for (const auto& c : cases) {
         std::ostringstream out;

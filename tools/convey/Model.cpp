@@ -35,6 +35,20 @@ bool readRow(std::string_view text, Row& row) {
     return true;
 }
 
+// A value of several lines as it was before it became one line.
+std::string unfolded(const std::string& value) {
+    std::string text;
+    for (size_t i = 0; i < value.size(); ++i) {
+        if (value[i] == '\\' && i + 1 < value.size()) {
+            ++i;
+            text += value[i] == 'n' ? '\n' : value[i];
+        } else {
+            text += value[i];
+        }
+    }
+    return text;
+}
+
 } // namespace
 
 MessageRows readMessage(const std::string& rows, const std::string& root) {
@@ -76,7 +90,7 @@ MessageRows readMessage(const std::string& rows, const std::string& root) {
         } else if (row.path == own + "/body/text") {
             message.text = row.value;
         } else if (row.path == own + "/body/whole") {
-            message.whole = row.value;
+            message.whole = unfolded(row.value);
         } else {
             for (Field& field : first) {
                 if (!field.isSeen && row.path == own + field.leaf) {
