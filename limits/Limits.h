@@ -49,7 +49,6 @@ inline constexpr Limit kAll[] = {
     {"receive.texts", 256, "texts", "drawn at once, then others have their turn"},
     {"receive.bytes", 4 * kMiB, "bytes", "the same; one text may be larger"},
     {"stream.instances", 8, "names", "tried behind one that is taken"},
-    {"forward.body", 1 << 20, "bytes", "of a body that an observer asks for; more is rarely read"},
     {"forward.age", 60, "s", "what an observer has not taken by then is old news"},
 
     // The background thread

@@ -3,7 +3,6 @@
 #include <string>
 #include <string_view>
 
-#include "limits/Limits.h"
 #include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVDiagnosticsRows.h"
 #include "scriptobjects/convey/SoCVInstance.h"
@@ -15,7 +14,7 @@
 namespace ScObjects::ConveyUtils {
 namespace {
 
-constexpr size_t kForwardedBodyBytes = limits::of("forward.body");
+constexpr size_t kForwardedBodyBytes = 1 << 20; // of a body; what is longer is cut
 
 // What an observer's own message brings about is not forwarded, or it would be without end.
 constinit thread_local bool gForwarding = false;

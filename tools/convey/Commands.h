@@ -79,6 +79,20 @@ struct MonitorOptions {
 };
 Exit monitor(const Output& output, const MonitorOptions& options);
 
+struct ReportOptions {
+    std::string file;     // what `monitor --capture` has written
+    std::string htmlFile; // empty: the file's name with .html
+};
+Exit report(const Output& output, const ReportOptions& options);
+
+struct TopOptions {
+    double intervalSeconds = 1;
+    std::string sortBy = "processor";
+};
+// What `sortBy` may be; the first letter of each is its key.
+std::vector<std::string> topKeys();
+Exit top(const Output& output, const TopOptions& options);
+
 struct KeyOptions {
     std::string specifier;
     std::string name;

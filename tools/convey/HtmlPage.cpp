@@ -159,18 +159,21 @@ if (wish === 'unfold') {
 
 } // namespace
 
-std::string htmlPage(const std::string& name, const std::string& time, const Node& root) {
-    const Json data = {{"name", name}, {"time", time}, {"root", treeAsJson(root)}};
-    const std::string json = data.dump(-1, ' ', false, Json::error_handler_t::replace);
-    std::string page = kBeforeData;
-    for (const char c : json) {
+std::string inScript(const Json& data) {
+    std::string text;
+    for (const char c : data.dump(-1, ' ', false, Json::error_handler_t::replace)) {
         if (c == '<') {
-            page += "\\u003c"; // a value must not end the script that holds it
+            text += "\\u003c"; // a value must not end the script that holds it
         } else {
-            page += c;
+            text += c;
         }
     }
-    return page + kBehindData;
+    return text;
+}
+
+std::string htmlPage(const std::string& name, const std::string& time, const Node& root) {
+    return kBeforeData + inScript({{"name", name}, {"time", time}, {"root", treeAsJson(root)}}) +
+           kBehindData;
 }
 
 } // namespace convey_tool

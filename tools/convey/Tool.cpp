@@ -225,6 +225,12 @@ private:
         watching.add_option("--timeout", monitor_.timeoutSeconds, "End after so many seconds");
         watching.add_option("--capture", monitor_.captureFile, "Record them, for convey report")
             ->check(isNoOption);
+        auto& reporting = add("report", "Draw a captured conversation as a page, and its times",
+                              [this] { return report(output_, report_); });
+        reporting.add_option("FILE", report_.file, "What monitor --capture has written")
+            ->required();
+        reporting.add_option("--html", report_.htmlFile, "The page; else FILE.html")
+            ->check(isNoOption);
         addKeys();
     }
 
@@ -266,6 +272,15 @@ private:
             ->check(CLI::Range(1, 3600))
             ->capture_default_str();
 
+        auto& live = add("top", "Show the applications that run, live; q or Ctrl-C ends it",
+                         [this] { return top(output_, top_); });
+        live.add_option("--interval", top_.intervalSeconds, "Seconds between two looks")
+            ->check(CLI::Range(0.1, 3600.0))
+            ->capture_default_str();
+        live.add_option("--sort", top_.sortBy, "By what")
+            ->check(CLI::IsMember(topKeys()))
+            ->capture_default_str();
+
         auto& listing =
             add("ports", "Show this user's ports", [this] { return ports(output_, ports_); });
         listing.add_flag("--clean", ports_.clean, "Remove what dead processes have left");
@@ -286,6 +301,8 @@ private:
     WaitOptions wait_;
     DiagnoseOptions diagnose_;
     MonitorOptions monitor_;
+    ReportOptions report_;
+    TopOptions top_;
     KeyOptions key_;
     PortsOptions ports_;
 };
