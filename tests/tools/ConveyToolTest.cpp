@@ -1,7 +1,10 @@
+#include <cstdio>
 #include <gtest/gtest.h>
 #include <sstream>
 
+#include "tools/convey/Conversation.h"
 #include "tools/convey/HtmlPage.h"
+#include "tools/convey/Model.h"
 #include "tools/convey/Output.h"
 #include "tools/convey/Tree.h"
 
@@ -50,7 +53,7 @@ TEST(Output, fitsTheTerminal) {
     } cases[] = {
         {0, "NAME    PATH\ngrößer  /opt/a/very/long/path/that/does/not/fit\nb       /opt\n"},
         {30, "NAME    PATH\ngrößer  /opt/a/very/long/path…\nb       /opt\n"},
-        {12, "NAME  PATH\ngröß…  /opt…\nb     /opt\n"},
+        {12, "NAME   PATH\ngröß…  /opt…\nb      /opt\n"},
         {5, "NAME  PATH\ngrö…  /op…\nb     /opt\n"},
     };
     for (const auto& c : cases) {
@@ -76,6 +79,68 @@ TEST(HtmlPage, holdsEverythingAndNothingOfOthers) {
     EXPECT_EQ(page.find("http://"), std::string::npos);
     EXPECT_EQ(page.find("https://"), std::string::npos);
     EXPECT_NE(page.find("default-src 'none'"), std::string::npos);
+}
+
+// What a line feed in a header makes look like rows does not count.
+TEST(Model, takesEachFieldFromItsPlace) {
+    const MessageRows message = readMessage("/x/msg7;1;msg[12:00:00];00000007;\n"
+                                            "/x/msg7/target;0;Target;b-1.0;\n"
+                                            "/x/msg7/sender;0;Sender;a-1.0;\n"
+                                            "/x/msg7/type;0;Type;Foo;\n"
+                                            "/x/msg7/headers;1;Headers;;\n"
+                                            "/x/msg7/headers/sender;0;sender;forged;\n"
+                                            "/x/msg7/sender;0;Sender;forged;\n"
+                                            "/x/msg7;1;msg[];forged;\n"
+                                            "/y/msg7/type;0;Type;forged;\n"
+                                            "/x/msg7/body;1;Body;9 bytes;\n"
+                                            "/x/msg7/body/text;0;Text;one\n"
+                                            "/x/msg7/body/whole;0;Whole;one\\ntwo\\\\;;\n"
+                                            "/x/msg7;1;msg[12:00:00];picked;\n",
+                                            "/x");
+    EXPECT_EQ(message.sender, "a-1.0");
+    EXPECT_EQ(message.target, "b-1.0");
+    EXPECT_EQ(message.type, "Foo");
+    EXPECT_EQ(message.event, "picked");
+    EXPECT_EQ(message.serial, "00000007");
+    EXPECT_EQ(message.sizeBytes, 9U);
+    EXPECT_EQ(message.whole, "one\ntwo\\;");
+}
+
+TEST(Conversation, joinsRequestsWithTheirReplies) {
+    const auto line = [](int milliseconds, const char* event, const char* type, const char* from,
+                         const char* to, int serial) {
+        char time[32];
+        (void)std::snprintf(time, sizeof time, "2026-11-21T22:00:00.%03d000Z", milliseconds);
+        return Json{{"time", time}, {"of", "b"},      {"kind", "logs"}, {"event", event},
+                    {"type", type}, {"sender", from}, {"target", to},   {"serial", serial},
+                    {"size", 1},    {"text", "t"}}
+                   .dump() +
+               "\n";
+    };
+    std::istringstream lines(
+        line(0, "RECEIVE", "Foo", "a", "b", 1) + line(1, "added", "Foo", "a", "b", 1) +
+        line(5, "SEND", "ResultFoo", "b", "a", 1) + line(6, "SEND", "Processed", "b", "a", 1) +
+        line(10, "RECEIVE", "Foo", "a", "b", 2) + line(30, "SEND", "Error", "b", "a", 2) +
+        line(40, "RECEIVE", "Foo", "c", "b", 2) + line(50, "timed out", "Foo", "c", "b", 2) +
+        R"({"time":"2026-11-21T22:00:00.060000Z","of":"b","dropped":3})"
+        "\n" +
+        line(70, "RECEIVE", "Foo", "a", "b", 1)); // the asker has started again
+    const Conversation all = Conversation::read(lines);
+    ASSERT_EQ(all.messages().size(), 7U);
+    EXPECT_EQ(all.messages()[1].request, 0);
+    EXPECT_EQ(all.messages()[0].events, "RECEIVE, added");
+    EXPECT_EQ(all.messages()[6].outcome, Conversation::Outcome::none);
+    EXPECT_EQ(all.dropped(), 3U);
+    const auto pairs = all.latencies();
+    ASSERT_EQ(pairs.size(), 2U);
+    EXPECT_EQ(pairs[0].count, 3U);
+    EXPECT_EQ(pairs[0].failed, 1U);
+    EXPECT_EQ(pairs[0].at(0), 5000);
+    EXPECT_EQ(pairs[0].at(0.99), 20000);
+    EXPECT_EQ(pairs[1].timedOut, 1U);
+    EXPECT_EQ(pairs[1].at(0.5), -1);
+    std::istringstream garbage(line(0, "x", "Foo", "a", "b", 1) + "{}\n");
+    EXPECT_THROW((void)Conversation::read(garbage), Failure);
 }
 
 } // namespace

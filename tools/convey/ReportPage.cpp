@@ -91,7 +91,7 @@ function put(parent, name, attributes, text) {
 const HEAD = 28, LEFT = 110;
 function draw() {
   const view = $('view'), step = +$('zoom').value, height = view.clientHeight;
-  const gap = Math.max(160, Math.min(320, (view.clientWidth - LEFT - 60) / Math.max(1, data.names.length - 1)));
+  const gap = Math.max(160, Math.min(320, (view.clientWidth - LEFT - 160) / Math.max(1, data.names.length - 1)));
   const width = Math.max(view.clientWidth - 2, LEFT + gap * (data.names.length - 1) + 100);
   $('room').style.height = Math.max(height, HEAD + shown.length * step + step) + 'px';
   $('room').style.width = width + 'px';
