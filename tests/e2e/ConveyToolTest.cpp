@@ -379,7 +379,11 @@ std::string normalised(const std::string& line) {
     for (size_t i = 0; i < line.size();) {
         const size_t end = std::min(line.find_first_not_of(kDigits, i), line.size());
         if (end == i) {
-            out += line[i++];
+            if (line[i] != ' ' ||
+                !out.ends_with("  ")) { // the longest number sets a column's width
+                out += line[i];
+            }
+            ++i;
             continue;
         }
         const size_t fraction =
