@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 
 #include "scriptobjects/convey/SoCVConversation.h"
@@ -98,6 +99,8 @@ private:
                             const SoString* launchParameters);
     void complete(Convey::Message& message) const;
     SoString nameOfAsker(const SoString& name) const;
+    bool isHeldUp(const Convey::Message& message, std::set<std::string>& heldUp) const;
+    void letHeldUpGoOn(const Outbox::Left& left) const;
     void watchTime(const Convey::Message& message);
     bool waitForTarget(const Convey::Message& message);
     bool waitForResponse(const Conversations::Wait& wait, uint32_t seconds);

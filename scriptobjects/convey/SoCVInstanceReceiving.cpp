@@ -1,4 +1,7 @@
 // How an instance receives, and what becomes of what it has received.
+#include <set>
+#include <string>
+
 #include "limits/Limits.h"
 #include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVInstance.h"
@@ -147,14 +150,18 @@ bool PrivateData::processIncoming(uint32_t serialNumber, bool process) {
     // Handlers that wait within handlers must not fill the stack.
     const bool awaitedOnly = handlerDepth() >= kDeepestWait;
     Conversations::Turn turn;
+    std::set<std::string> heldUp;
     const struct {
         Conversations& conversations;
         Conversations::Turn& turn;
         bool awaitedOnly;
-    } choice = {conversations_, turn, awaitedOnly};
+        const PrivateData& instance;
+        std::set<std::string>& heldUp;
+    } choice = {conversations_, turn, awaitedOnly, *this, heldUp};
     const std::unique_ptr<Message> message =
         incoming_.takeWanted(serialNumber, [&choice](const Message& candidate) {
-            return choice.conversations.enter(candidate, choice.awaitedOnly, choice.turn);
+            return !choice.instance.isHeldUp(candidate, choice.heldUp) &&
+                   choice.conversations.enter(candidate, choice.awaitedOnly, choice.turn);
         });
     if (message == nullptr || message->getTarget().isEmpty()) {
         return false;

@@ -5,6 +5,7 @@
 // notices. It takes what it sends as it is (no launch, no watcher, no request for "Processed").
 #include <algorithm>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "limits/Limits.h"
@@ -279,11 +280,34 @@ Outbox::Left PrivateData::processOutgoing() {
     if (left.large && context != nullptr) {
         context->getThread()->wakeCourier();
     }
+    letHeldUpGoOn(left);
     return left;
 }
 
+// Requests that wait until their asker takes what it is owed are looked at again.
+void PrivateData::letHeldUpGoOn(const Outbox::Left& left) const {
+    if (left.sent && !incoming_.isEmpty()) {
+        noteActivity();
+    }
+}
+
+// A request whose asker takes no answers waits in the queue, so that the answers have a bound; and
+// with it those behind it, also when the asker takes some while the queue is looked through.
+bool PrivateData::isHeldUp(const Message& message, std::set<std::string>& heldUp) const {
+    if (message.getResponseRequest().isEmpty()) {
+        return false;
+    }
+    const std::string asker(message.getSender().view());
+    if (heldUp.count(asker) != 0) {
+        return true;
+    }
+    return outbox_.isHeldUp(message.getSender()) && heldUp.insert(asker).second;
+}
+
 Outbox::Left PrivateData::carryOutgoing() {
-    return outbox_.pass(stream().get(), Outbox::Carrier::courier);
+    const Outbox::Left left = outbox_.pass(stream().get(), Outbox::Carrier::courier);
+    letHeldUpGoOn(left);
+    return left;
 }
 
 } // namespace ScObjects::ConveyData

@@ -113,6 +113,7 @@ struct Outbox::Attempt {
 void Outbox::Left::join(const Left& other) {
     more = more || other.more;
     large = large || other.large;
+    sent = sent || other.sent;
     if (other.retryMilliseconds >= 0) {
         retryMilliseconds = retryMilliseconds < 0
                                 ? other.retryMilliseconds
@@ -203,7 +204,7 @@ bool Outbox::isDue(const Line& line, Carrier carrier, int64_t now, Left& left) c
         return false;
     }
     if (line.retryAt > now) {
-        left.join({false, false, line.retryAt - now});
+        left.join({.retryMilliseconds = line.retryAt - now});
         return false;
     }
     return true;
@@ -289,6 +290,7 @@ void Outbox::send(const InterAppStream* stream, Turn& turn, Carrier carrier, int
             (void)queue_.drop(next.position);
         } else if (stream->send(target, next.text, next.large ? kLargeMilliseconds : 0)) {
             (void)queue_.drop(next.position);
+            left.sent = true;
             if (next.event != nullptr) {
                 logEvent("SEND ENQUEUED MESSAGE", *next.event);
             }
@@ -320,7 +322,7 @@ void Outbox::noteFailure(const InterAppStream& stream, Turn& turn, bool sentAny,
     } else {
         line.pause = sentAny ? 1 : std::clamp<int64_t>(2 * line.pause, 1, kLongestPause);
         line.retryAt = now() + line.pause;
-        left.join({false, false, line.pause});
+        left.join({.retryMilliseconds = line.pause});
     }
     const uint32_t second = ConveyUtils::getTimeSeconds();
     if (kind_ == Kind::messages && line.requeuedSecond != second) {

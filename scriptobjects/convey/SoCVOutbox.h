@@ -51,6 +51,7 @@ public:
     struct Left {
         bool more = false;  // the pass's time was up: there is more that may be sent now
         bool large = false; // there is work for the courier
+        bool sent = false;  // something went out: who was held up may go on
         int64_t retryMilliseconds = -1; // until a line is tried again; -1: none waits for time
         void join(const Left& other);
     };

@@ -179,6 +179,12 @@ bool ConveySetupThread::isSetupThreadRunning() {
     return s.running;
 }
 
+bool ConveySetupThread::hasRun() {
+    Setup& s = setup();
+    const std::lock_guard<std::mutex> guard(s.mutex);
+    return s.done;
+}
+
 bool ConveySetupThread::syncWithSetupThread() {
     Setup& s = setup();
     std::unique_ptr<ConveySetupThread> ended;

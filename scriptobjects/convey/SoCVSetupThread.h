@@ -22,6 +22,8 @@ public:
     static bool runSetup(const SoString& appSpecifier);
     // True from the start of the setup thread to the end of the setup.
     static bool isSetupThreadRunning();
+    // True from the end of a setup, whether it gave a context or not, to the end of the layer.
+    static bool hasRun();
     // Waits for the end of a setup that is under way. Always true.
     static bool syncWithSetupThread();
     // The end of the layer: the next start begins anew.

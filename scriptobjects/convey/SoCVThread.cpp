@@ -8,8 +8,8 @@
 #include "platform/MessagePort.h"
 #include "platform/TextMemory.h"
 #include "scriptobjects/convey/SoCVContext.h"
+#include "scriptobjects/convey/SoCVConversation.h"
 #include "scriptobjects/convey/SoCVCourier.h"
-#include "scriptobjects/convey/SoCVGuard.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVPing.h"
@@ -156,10 +156,7 @@ bool ConveyThread::callHandler(const SoString& key, Message& message, SoString& 
     if (handler == nullptr) {
         return false;
     }
-    if (!ConveyData::runForeign("the handler of the ping key " + std::string(key.view()),
-                                [&] { (void)handler->handleMessage(1, message, &answer); })) {
-        answer = CV_HANDLERFAILED;
-    }
+    (void)ConveyData::callHandler(*handler, 1, message, &answer);
     return true;
 }
 
@@ -305,14 +302,9 @@ void ConveyThread::answerPing(Message& message) {
     }
     const auto handler = handlerFor(CV_MAIN);
     SoString result;
-    int32_t code = 1;
-    if (handler != nullptr && !ConveyData::runForeign("the handler of pings", [&] {
-            code = handler->handleMessage(1, message, &result);
-        })) {
-        code = 0;
-        result = CV_HANDLERFAILED;
-    }
-    if (code == 0 && !message.getSender().isEmpty()) {
+    const int32_t code =
+        handler == nullptr ? 1 : ConveyData::callHandler(*handler, 1, message, &result);
+    if ((code == 0 || code == ConveyData::CV_HANDLER_FAILED) && !message.getSender().isEmpty()) {
         (void)sendResponse(message, result);
     }
 }

@@ -54,7 +54,6 @@ public:
     static constexpr const char* CV_ISNOTINSTALLED = "ISNOTINSTALLED";
     static constexpr const char* CV_ISNOTRUNNING = "ISNOTRUNNING";
     static constexpr const char* CV_NOERROR = "NOERROR";
-    static constexpr const char* CV_HANDLERFAILED = "HANDLERFAILED"; // it threw an exception
 
     // Keys that other processes may set: as many as a table holds.
     static constexpr size_t kMaximumKeys = limits::of("thread.keys");

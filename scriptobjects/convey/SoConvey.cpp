@@ -204,6 +204,12 @@ bool Convey::InitTerm::init(const SoString& appSpecifier, bool synchronous) {
 bool Convey::InitTerm::exit() {
     (void)ConveySetupThread::syncWithSetupThread();
     ConveyContext* const context = ConveyContext::currentContextNow();
+    if (context == nullptr && ConveySetupThread::hasRun()) {
+        return guarded(false, [] { // it failed, and left the rest of the layer behind
+            shutDown();
+            return true;
+        });
+    }
     if (context == nullptr || context->getThread()->isOwnThread()) {
         return false;
     }
