@@ -710,6 +710,11 @@ TEST(Setup, startsWithoutPortsHomeOrSpecifier) {
     const platform::ScopedReplacement<platform::Log> logInForce(log);
     EXPECT_FALSE(Convey::InitTerm::init("", true));
     EXPECT_EQ(Convey::getSharedContext(), nullptr);
+    EXPECT_FALSE(Convey::InitTerm::exit()) << "nothing to stop";
+    EXPECT_TRUE(Convey::InitTerm::init("", false)) << "is told later";
+    EXPECT_EQ(Convey::getSharedContext(), nullptr);
+    EXPECT_TRUE(Convey::InitTerm::exit()) << "a background setup that failed can be stopped";
+    EXPECT_FALSE(Convey::InitTerm::exit());
     EXPECT_TRUE(Convey::InitTerm::init("own-1.0", true));
     EXPECT_EQ(Convey::Thread::ping("other-1.0", nullptr, 1, nullptr), "NOINTERAPPSTREAM");
     {

@@ -1,0 +1,289 @@
+#include <gtest/gtest.h>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "limits/Limits.h"
+#include "scriptobjects/convey/SoCVContext.h"
+#include "scriptobjects/convey/SoCVInstance.h"
+#include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoCVOutbox.h"
+#include "scriptobjects/convey/SoCVThread.h"
+#include "scriptobjects/stream/InterAppStream.h"
+#include "tests/support/TableConnector.h"
+
+namespace {
+
+using ScObjects::Convey;
+using ScObjects::InterAppStream;
+using ScObjects::SoString;
+using ScObjects::ConveyData::Delivery;
+using ScObjects::ConveyData::Outbox;
+using Message = Convey::Message;
+
+constexpr size_t kAlmostAPacket = 60'000;
+
+// Targets that take nothing are ports of this process that nobody reads.
+class OutboxTest : public testing::Test {
+protected:
+    OutboxTest() : layer("own-1.0", {"own-1.0"}), stream("sender-1.0") {}
+
+    // A message that says which one it is, with so much behind it.
+    static std::unique_ptr<Message> make(const std::string& target, size_t number,
+                                         size_t bytes = 0) {
+        auto message = std::make_unique<Message>();
+        message->setTarget(SoString(target));
+        message->setSender("sender-1.0");
+        message->setType("query");
+        message->setSerialNumber(static_cast<uint32_t>(number + 1));
+        message->setBody(SoString(std::to_string(number) + " " + std::string(bytes, 'x')));
+        return message;
+    }
+    Delivery post(const std::string& target, size_t number, size_t bytes = 0) {
+        auto message = make(target, number, bytes);
+        return outbox.post(&stream, message);
+    }
+    // Reads so many messages, with passes in between: their numbers.
+    std::vector<size_t> read(InterAppStream& target, size_t count) {
+        std::vector<size_t> numbers;
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (numbers.size() < count && std::chrono::steady_clock::now() < end) {
+            (void)outbox.pass(&stream, Outbox::Carrier::round);
+            (void)outbox.pass(&stream, Outbox::Carrier::courier);
+            if (!target.waitForMessage(5, false) || !target.receive()) {
+                continue;
+            }
+            const SoString text = target.getMessages();
+            for (const char* next = text.c_str(); *next != '\0';) {
+                Message message;
+                next = message.readFromString(next);
+                numbers.push_back(std::stoul(message.getBody().c_str()));
+            }
+        }
+        return numbers;
+    }
+    static std::vector<size_t> upTo(size_t count) {
+        std::vector<size_t> numbers(count);
+        for (size_t i = 0; i < count; ++i) {
+            numbers[i] = i;
+        }
+        return numbers;
+    }
+
+    StartedLayer layer;
+    InterAppStream stream;
+    Outbox outbox{Outbox::Kind::messages};
+};
+
+// Small ones would find room where a large one does not: they must not take it.
+TEST_F(OutboxTest, keepsTheOrderOfATargetThatTakesNothing) {
+    InterAppStream target("full-1.0");
+    InterAppStream other("other-1.0");
+    size_t count = 0;
+    while (post("full-1.0", count, kAlmostAPacket) == Delivery::delivered) {
+        ++count;
+    }
+    ++count; // it was queued
+    for (int i = 0; i < 20; ++i) {
+        const size_t bytes = i % 4 == 3 ? kAlmostAPacket : 0;
+        EXPECT_EQ(post("full-1.0", count++, bytes), Delivery::queued);
+        (void)outbox.pass(&stream, Outbox::Carrier::round);
+    }
+    EXPECT_EQ(post("full-1.0", count++, 300'000), Delivery::queued) << "one for the courier";
+    EXPECT_EQ(post("full-1.0", count++), Delivery::queued);
+    EXPECT_EQ(post("other-1.0", 0), Delivery::delivered) << "others are not held up";
+    EXPECT_EQ(read(target, count), upTo(count));
+    EXPECT_TRUE(outbox.messages().isEmpty());
+    EXPECT_EQ(post("full-1.0", 0), Delivery::delivered);
+    // An owner may wait for the line, and for no longer than it says.
+    EXPECT_EQ(read(target, 1), upTo(1));
+    for (count = 0; post("full-1.0", count, kAlmostAPacket) == Delivery::delivered; ++count) {
+    }
+    EXPECT_FALSE(outbox.drain(stream, "full-1.0", 20));
+    std::vector<size_t> numbers;
+    std::thread reader([&] {
+        while (numbers.size() <= count && target.waitForMessage(10'000, false)) {
+            (void)target.receive();
+            Message message;
+            (void)message.readFromString(target.getMessages().c_str());
+            numbers.push_back(std::stoul(message.getBody().c_str()));
+        }
+    });
+    EXPECT_TRUE(outbox.drain(stream, "full-1.0", 10'000));
+    reader.join();
+    EXPECT_EQ(numbers, upTo(count + 1));
+}
+
+TEST_F(OutboxTest, keepsAnswersForWhoIsThereAndWithinBounds) {
+    EXPECT_EQ(post("nobody-1.0", 0), Delivery::refused);
+    auto owners = make("nobody-1.0", 0);
+    EXPECT_TRUE(outbox.queue(owners)) << "an owner's may wait for its target";
+    EXPECT_EQ(owners, nullptr);
+    auto target = std::make_unique<InterAppStream>("full-1.0");
+    while (post("full-1.0", 0, kAlmostAPacket) == Delivery::delivered) {
+    }
+    const auto bytes = [&] { return outbox.messages().answers().bytes; };
+    EXPECT_FALSE(outbox.isHeldUp("full-1.0"));
+    while (!outbox.isHeldUp("full-1.0") && bytes() < 40'000'000) {
+        ASSERT_EQ(post("full-1.0", 0, kAlmostAPacket), Delivery::queued);
+    }
+    EXPECT_NEAR(static_cast<double>(bytes()), limits::of("queue.answers.share.bytes"), 70'000);
+    EXPECT_FALSE(outbox.isHeldUp("other-1.0"));
+    while (post("full-1.0", 0, kAlmostAPacket) == Delivery::queued && bytes() < 400'000'000) {
+    }
+    EXPECT_NEAR(static_cast<double>(bytes()), limits::of("queue.answers.bytes"), 70'000);
+    InterAppStream other("other-1.0");
+    while (post("other-1.0", 0, kAlmostAPacket) == Delivery::delivered) {
+    }
+    EXPECT_EQ(outbox.messages().loadOf("other-1.0").messages, 1) << "nobody is left out";
+    EXPECT_TRUE(outbox.isHeldUp("other-1.0")) << "but all together are too many";
+    EXPECT_TRUE(outbox.hasRoom()) << "for an owner's";
+    for (int64_t i = 1; i < limits::of("queue.outgoing.messages"); ++i) {
+        auto message = make("nobody-1.0", 0);
+        ASSERT_TRUE(outbox.queue(message));
+    }
+    EXPECT_FALSE(outbox.hasRoom());
+    // What a process was owed is of no use to the next one of its name.
+    target.reset();
+    for (int i = 0; i < 100 && outbox.messages().loadOf("full-1.0").messages != 0; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        (void)outbox.pass(&stream, Outbox::Carrier::round);
+    }
+    EXPECT_EQ(outbox.messages().loadOf("full-1.0").messages, 0);
+    EXPECT_EQ(outbox.messages().loadOf("nobody-1.0").messages,
+              limits::of("queue.outgoing.messages"));
+}
+
+// What the engine posts, and how it is told of; the answers to pings with it.
+class WayOutTest : public testing::Test {
+protected:
+    WayOutTest() : layer("own-1.0", {"own-1.0", "other-2.0"}) {}
+
+    // Sends a text to the background thread.
+    void tellThread(InterAppStream& from, const std::string& sender, const char* pair,
+                    const char* number = nullptr) {
+        Message ping;
+        ping.setTarget("own-1.0#thread");
+        ping.setSender(SoString(sender));
+        ping.setType("ping");
+        ping.setHeader("ECHO_REQUEST", pair);
+        if (number != nullptr) {
+            ping.setHeader("Ping-Number", number);
+        }
+        SoString text;
+        EXPECT_TRUE(ping.writeToString(text));
+        EXPECT_TRUE(from.send("own-1.0#thread", text));
+    }
+    static std::string answerTo(InterAppStream& asker, int milliseconds = 10'000) {
+        if (!asker.waitForMessage(milliseconds, false) || !asker.receive()) {
+            return "-";
+        }
+        Message answer;
+        (void)answer.readFromString(asker.getMessages().c_str());
+        return answer.getUserHeaderValue("ECHO_REQUEST").c_str();
+    }
+
+    StartedLayer layer;
+};
+
+class Throwing : public Convey::MsgHandler {
+public:
+    int32_t handleMessage(int, Message&, SoString*) override {
+        throw std::runtime_error("as the test wants it");
+    }
+    SoString getMsgType() const override { return "FWDLOGS"; }
+};
+
+TEST_F(WayOutTest, whatAThreadSaysIsNoQuestion) {
+    InterAppStream peer("peer-1.0#thread");
+    InterAppStream asker("asker-1.0#ping");
+    tellThread(peer, "peer-1.0#thread", "ECHO_RESPONSE");    // of an old peer
+    tellThread(peer, "peer-1.0#thread", "word=set", "7");    // of a new one
+    tellThread(asker, "asker-1.0#ping", "word=answer", "7"); // an answer, whoever sends it
+    tellThread(asker, "asker-1.0#ping", "word");
+    EXPECT_EQ(answerTo(asker), "") << "the first answer, and no key was set";
+    EXPECT_EQ(answerTo(peer, 100), "-");
+}
+
+TEST_F(WayOutTest, handlersThatThrowEndNothing) {
+    Convey own("own-1.0", nullptr, true, nullptr);
+    InterAppStream asker("asker-1.0#ping");
+    EXPECT_TRUE(Convey::Thread::setPingHandler("bad", new Throwing));
+    tellThread(asker, "asker-1.0#ping", "bad");
+    EXPECT_EQ(answerTo(asker), "ERROR: HANDLER FAILED");
+    delete own.changeHandler(new Throwing); // is told events now
+    Message message;
+    message.setTarget("own-1.0");
+    message.setBody(SoString("watched"));
+    message.setType("query");
+    EXPECT_TRUE(own.send(message, false, 0, nullptr));
+    while (Convey::pump(ScObjects::kProcessBoth)) {
+    }
+    EXPECT_FALSE(own.incomingMessagePending());
+    tellThread(asker, "asker-1.0#ping", "STATUS");
+    EXPECT_EQ(answerTo(asker), "IDLE") << "the thread lives";
+}
+
+TEST_F(WayOutTest, observersThatCameBeforeTheMainInstanceAreServed) {
+    InterAppStream observer("observer-1.0");
+    InterAppStream asker("asker-1.0#ping");
+    for (const char* pair : {"FWDLOGS=observer-1.0", "FWDERRORS=observer-1.0"}) {
+        tellThread(asker, "asker-1.0#ping", pair);
+        EXPECT_EQ(answerTo(asker), "observer-1.0");
+    }
+    layer.connector->launchResult = 1;
+    Convey own("own-1.0", nullptr, true, nullptr);
+    Message message;
+    message.setTarget("other-2.0");
+    message.setBody(SoString("late"));
+    message.setType("query");
+    EXPECT_FALSE(own.send(message, true, 0, nullptr));
+    EXPECT_FALSE(own.processOutgoingMessage()); // requeues it, unless the background was first
+    InterAppStream other("other-2.0");
+    Message refused;
+    refused.setTarget("absent-1.0");
+    refused.setBody(SoString("refused"));
+    refused.setType("query");
+    EXPECT_FALSE(own.send(refused, false, 0, nullptr));
+    std::string seen;
+    while ((seen.find("SEND ENQUEUED MESSAGE") == std::string::npos ||
+            seen.find("MsgRoot:/errors") == std::string::npos) &&
+           (observer.receive() || observer.waitForMessage(10'000, false))) {
+        seen += observer.getMessages().c_str();
+    }
+    for (const char* row :
+         {"];ENQUEUED OUTGOING MESSAGE;\n", "];REQUEUED MESSAGE ;\n", "];SEND ENQUEUED MESSAGE;\n",
+          "];ERROR: LAUNCHING IS SUPPRESSED;\n", "MsgRoot:/errors\n"}) {
+        EXPECT_NE(seen.find(row), std::string::npos) << row << " in\n" << seen;
+    }
+    other.close();
+}
+
+// Nobody told it who asks: the error finds its way back all the same.
+TEST_F(WayOutTest, anInvalidTargetIsToldToWhoeverSent) {
+    std::vector<std::string> calls;
+    class Noting : public Convey::MsgHandler {
+    public:
+        explicit Noting(std::vector<std::string>& calls) : calls_(calls) {}
+        int32_t handleMessage(int event, Message& message, SoString*) override {
+            calls_.push_back(std::to_string(event) + " " + message.getBody().c_str());
+            return 0;
+        }
+        SoString getMsgType() const override { return "Tessaly"; }
+
+    private:
+        std::vector<std::string>& calls_;
+    };
+    Convey own("own-1.0", new Noting(calls), true, nullptr);
+    Message message;
+    message.setBody(SoString("x"));
+    message.setType("Tessaly");
+    message.setResponseRequest("Error");
+    EXPECT_FALSE(own.send(message, false, 0, nullptr));
+    while (Convey::pump(ScObjects::kProcessBoth)) {
+    }
+    EXPECT_EQ(calls, std::vector<std::string>{"4 ERROR: INVALID SPECIFIER"});
+}
+
+} // namespace

@@ -1,0 +1,225 @@
+// A process whose askers take no answers: what it owes them must cost nobody else anything.
+#include <csignal>
+#include <fcntl.h>
+#include <functional>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoConvey.h"
+#include "scriptobjects/stream/InterAppStream.h"
+#include "tests/e2e/Scene.h"
+
+namespace {
+
+using ScObjects::Convey;
+using ScObjects::InterAppStream;
+using ScObjects::SoString;
+using Clock = std::chrono::steady_clock;
+
+int64_t millisecondsSince(Clock::time_point start) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+}
+
+// A process that runs `body` and says its last words through a pipe; killed with the object.
+class Child {
+public:
+    explicit Child(const std::function<std::string(Child&)>& body) {
+        int words[2];
+        int goodbye[2];
+        if (pipe2(words, O_CLOEXEC) != 0 || pipe2(goodbye, O_CLOEXEC) != 0) {
+            ADD_FAILURE() << "no pipes";
+            return;
+        }
+        pid_ = fork();
+        words_ = words[pid_ == 0 ? 1 : 0];
+        goodbye_ = goodbye[pid_ == 0 ? 0 : 1];
+        close(words[pid_ == 0 ? 0 : 1]);
+        close(goodbye[pid_ == 0 ? 1 : 0]);
+        if (pid_ == 0) {
+            alarm(120);
+            say(body(*this));
+            _exit(0);
+        }
+    }
+    ~Child() {
+        kill(pid_, SIGKILL);
+        (void)waitpid(pid_, nullptr, 0);
+        close(words_);
+        close(goodbye_);
+    }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    // In the child.
+    void say(const std::string& line) const {
+        const std::string whole = line + "\n";
+        (void)!write(words_, whole.data(), whole.size());
+    }
+    bool isDismissed() const {
+        pollfd_ = {goodbye_, POLLIN, 0};
+        return poll(&pollfd_, 1, 0) > 0;
+    }
+
+    // In the parent: true once it has stopped itself.
+    bool hasStopped() {
+        int status = 0;
+        stopped_ =
+            stopped_ || (waitpid(pid_, &status, WNOHANG | WUNTRACED) == pid_ && WIFSTOPPED(status));
+        return stopped_;
+    }
+    void goOn() const { kill(pid_, SIGCONT); }
+    void dismiss() {
+        close(goodbye_);
+        goodbye_ = -1;
+    }
+    // What it has said, once it has said a line.
+    bool heard(std::string& line) {
+        pollfd_ = {words_, POLLIN, 0};
+        char bytes[256];
+        const ssize_t count =
+            poll(&pollfd_, 1, 0) > 0 ? read(words_, bytes, sizeof bytes) : ssize_t{0};
+        heard_.append(bytes, static_cast<size_t>(std::max<ssize_t>(count, 0)));
+        line = heard_;
+        return !heard_.empty();
+    }
+
+private:
+    pid_t pid_ = -1;
+    int words_ = -1;
+    int goodbye_ = -1;
+    bool stopped_ = false;
+    std::string heard_;
+    mutable pollfd pollfd_{};
+};
+
+// Sends its requests, stops, and counts what it is answered when it goes on.
+std::string ask(const char* name, uint32_t count) {
+    InterAppStream stream(name);
+    for (uint32_t i = 1; i <= count; ++i) {
+        Convey::Message request;
+        request.setTarget("server-1.0");
+        request.setSender(name);
+        request.setType("Tessaly");
+        request.setBody(SoString("give"));
+        request.setResponseRequest("Received Result");
+        request.setSerialNumber(i);
+        SoString text;
+        if (!request.writeToString(text)) {
+            return "cannot write";
+        }
+        while (!stream.send("server-1.0", text)) { // not there yet
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    }
+    raise(SIGSTOP);
+    uint32_t received = 0;
+    uint32_t results = 0;
+    uint32_t misplaced = 0;
+    while (results < count && (stream.receive() || stream.waitForMessage(30'000, false))) {
+        const SoString text = stream.getMessages();
+        for (const char* next = text.c_str(); *next != '\0';) {
+            Convey::Message answer;
+            next = answer.readFromString(next);
+            const bool isResult = answer.getType() == "Result";
+            uint32_t& last = isResult ? results : received;
+            misplaced += answer.getSerialNumber() == ++last ? 0 : 1;
+            misplaced += isResult && received < results ? 1 : 0;
+        }
+    }
+    return std::to_string(received) + " received, " + std::to_string(results) + " results, " +
+           std::to_string(misplaced) + " misplaced";
+}
+
+// Pings until it is dismissed: the longest time that an answer took.
+std::string keepPinging(const Child& self) {
+    if (!Convey::InitTerm::init("viewer-1.0", true)) {
+        return "no layer";
+    }
+    int64_t longest = 0;
+    int other = 0;
+    while (!self.isDismissed()) {
+        const auto start = Clock::now();
+        const SoString answer = Convey::Thread::ping("server-1.0", nullptr, 10, nullptr);
+        if (answer == "ECHO_RESPONSE" || answer == "Timeout") {
+            longest = std::max(longest, millisecondsSince(start));
+        } else {
+            ++other; // before the server is there
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    (void)Convey::InitTerm::exit();
+    return std::to_string(longest);
+}
+
+// The longest time in which the pumping thread got nowhere.
+struct Progress {
+    void note() {
+        longest = std::max(longest, millisecondsSince(last));
+        last = Clock::now();
+    }
+    Clock::time_point last = Clock::now();
+    int64_t longest = 0;
+    long served = 0;
+};
+
+class Server : public Convey::MsgHandler {
+public:
+    explicit Server(Progress& progress) : progress_(progress) {}
+    int32_t handleMessage(int, Convey::Message&, SoString* result) override {
+        *result = SoString(std::string(60'000, 'r').c_str());
+        ++progress_.served;
+        progress_.note();
+        return 0;
+    }
+    SoString getMsgType() const override { return "Tessaly"; }
+
+private:
+    Progress& progress_;
+};
+
+using StoppedPeersTest = Scene;
+
+TEST_F(StoppedPeersTest, whatStoppedAskersAreOwedHoldsUpNobody) {
+    const auto count = static_cast<uint32_t>(scaled(2500));
+    // Before this process has threads.
+    Child asker([count](Child&) { return ask("asker-1.0", count); });
+    Child other([count](Child&) { return ask("other-1.0", count); });
+    Child pinger([](Child& self) { return keepPinging(self); });
+    ASSERT_TRUE(Convey::InitTerm::init("server-1.0", true));
+    Progress progress;
+    auto* const instance = new Convey("server-1.0", new Server(progress), true, nullptr);
+    const auto pump = [&progress] {
+        (void)Convey::pumpOrWait(20);
+        progress.note();
+        return progress.longest < 5'000;
+    };
+    const auto stopped = [&] {
+        const bool first = asker.hasStopped();
+        return other.hasStopped() && first;
+    };
+    while (!stopped() && pump()) {
+    }
+    for (const auto start = Clock::now(); millisecondsSince(start) < 2'000 && pump();) {
+    }
+    EXPECT_GT(progress.served, 0);
+    pinger.dismiss();
+    std::string said;
+    EXPECT_TRUE(eventually([&] { return pinger.heard(said); }));
+    progress.last = Clock::now(); // it waited for the pinger
+    EXPECT_LT(std::atol(said.c_str()), 1'000) << "milliseconds, of a ping: " << said;
+    asker.goOn();
+    const auto start = Clock::now();
+    while (!asker.heard(said) && millisecondsSince(start) < 60'000 && pump()) {
+    }
+    const std::string all = std::to_string(count);
+    EXPECT_EQ(said, all + " received, " + all + " results, 0 misplaced\n");
+    EXPECT_LT(progress.longest, 5'000) << "milliseconds";
+    const auto end = Clock::now();
+    delete instance;
+    EXPECT_TRUE(Convey::InitTerm::exit());
+    EXPECT_LT(millisecondsSince(end), 2'000) << "the other asker is still owed its answers";
+}
+
+} // namespace
