@@ -1,13 +1,12 @@
 #include "scriptobjects/convey/SoCVConversation.h"
 
 #include <algorithm>
-#include <exception>
 #include <utility>
 
 #include "limits/Limits.h"
 #include "platform/Clock.h"
-#include "platform/Log.h"
 #include "platform/Random.h"
+#include "scriptobjects/convey/SoCVGuard.h"
 #include "scriptobjects/convey/SoCVUtils.h"
 
 namespace ScObjects::ConveyData {
@@ -22,21 +21,6 @@ constinit thread_local const Conversations::Wait* gInnermostWait = nullptr;
 
 constexpr const char* kHandlerFailedText = "ERROR: HANDLER FAILED";
 
-// Tells the asker and the log, as far as there is memory left to do it with.
-void reportFailure(const MsgHandler& handler, const char* what, SoString* result) noexcept {
-    try {
-        if (result != nullptr) {
-            *result = kHandlerFailedText;
-        }
-        std::string line = "a handler for messages of type \"";
-        line += handler.getMsgType().view();
-        line += "\" has thrown: ";
-        line += what;
-        platform::Log::system().problem(line);
-    } catch (...) { // NOLINT(bugprone-empty-catch): nothing is left to tell it with
-    }
-}
-
 class Depth {
 public:
     Depth() { ++gHandlerDepth; }
@@ -47,14 +31,19 @@ public:
 
 } // namespace
 
-int32_t callHandler(MsgHandler& handler, int event, Message& message, SoString* result) noexcept {
+int32_t callHandler(MsgHandler& handler, int event, Message& message, SoString* result) {
     const Depth depth;
-    try {
-        return handler.handleMessage(event, message, result);
-    } catch (const std::exception& error) {
-        reportFailure(handler, error.what(), result);
-    } catch (...) {
-        reportFailure(handler, "something that is no std::exception", result);
+    int32_t code = 0;
+    std::string what = "a handler for messages of type \"";
+    what += message.getType().view();
+    what += '"';
+    const bool returned =
+        runForeign(what, [&] { code = handler.handleMessage(event, message, result); });
+    if (returned) {
+        return code;
+    }
+    if (result != nullptr) {
+        *result = kHandlerFailedText;
     }
     return CV_HANDLER_FAILED;
 }

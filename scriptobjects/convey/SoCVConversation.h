@@ -26,7 +26,7 @@ inline constexpr int32_t CV_HANDLER_FAILED = 61;
 // Calls a host's handler. What it throws goes no further: the code is then CV_HANDLER_FAILED, the
 // result a text that says so, and the process logs one line. Any thread, with no lock held.
 int32_t callHandler(Convey::MsgHandler& handler, int event, Convey::Message& message,
-                    SoString* result) noexcept;
+                    SoString* result);
 
 // How many handlers the calling thread is in, each called from within the one before.
 int32_t handlerDepth();

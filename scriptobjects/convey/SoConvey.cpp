@@ -210,7 +210,8 @@ bool Convey::InitTerm::exit() {
             return true;
         });
     }
-    if (context == nullptr || context->getThread()->isOwnThread()) {
+    if (context == nullptr || context->getThread()->isOwnThread() ||
+        ConveyData::handlerDepth() != 0) {
         return false;
     }
     return guarded(false, [] {
