@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "scriptobjects/convey/SoCVContext.h"
+#include "scriptobjects/convey/SoCVInstanceParts.h"
 #include "scriptobjects/convey/SoCVSetupThread.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/convey/SoCVThread.h"
@@ -208,22 +209,23 @@ bool Convey::send(Message& message, bool mayLaunch, uint32_t waitSeconds,
                   const SoString* launchParameters) const {
     // The instance may be gone when a handler that runs meanwhile has deleted it.
     const std::shared_ptr<PrivateData> data = data_;
-    return data->send(message, mayLaunch, waitSeconds, launchParameters);
+    return guarded(false,
+                   [&] { return data->send(message, mayLaunch, waitSeconds, launchParameters); });
 }
 
 bool Convey::sendResult(const Message& request, const SoString& result) const {
     const std::shared_ptr<PrivateData> data = data_;
-    return data->sendResult(request, result);
+    return guarded(false, [&] { return data->sendResult(request, result); });
 }
 
 bool Convey::processIncomingMessage(uint32_t serialNumber, bool process) {
     const std::shared_ptr<PrivateData> data = data_;
-    return data->processIncoming(serialNumber, process);
+    return guarded(false, [&] { return data->processIncoming(serialNumber, process); });
 }
 
 bool Convey::processOutgoingMessage() {
     const std::shared_ptr<PrivateData> data = data_;
-    (void)data->processOutgoing();
+    (void)guarded(false, [&] { return (void)data->processOutgoing(), true; });
     return false;
 }
 
@@ -244,15 +246,15 @@ bool Convey::outgoingMessagePending() const {
 }
 
 bool Convey::removeIncomingMessage(uint32_t serialNumber) {
-    return data_->incoming().removeMessage(serialNumber);
+    return guarded(false, [&] { return data_->incoming().removeMessage(serialNumber); });
 }
 
 SoString Convey::getAppName() const {
-    return data_->appName();
+    return guarded(SoString(), [&] { return data_->appName(); });
 }
 
 void Convey::setAppName(const char* appName) {
-    data_->setAppName(SoString(appName));
+    (void)guarded(false, [&] { return data_->setAppName(SoString(appName)), true; });
 }
 
 Convey::MsgHandler* Convey::findHandler(const SoString& type, uint32_t serialNumber) {
@@ -260,7 +262,8 @@ Convey::MsgHandler* Convey::findHandler(const SoString& type, uint32_t serialNum
 }
 
 Convey::MsgHandler* Convey::changeHandler(MsgHandler* handler) {
-    return data_->changeHandler(handler);
+    return guarded(static_cast<MsgHandler*>(nullptr),
+                   [&] { return data_->changeHandler(handler); });
 }
 
 Convey::MsgHandler* Convey::removeHandler(const SoString& type, uint32_t serialNumber) {
@@ -272,7 +275,7 @@ bool Convey::deleteHandler(const MsgHandler* handler) {
 }
 
 bool Convey::deleteHandlers(uint32_t serialNumber) {
-    return data_->deleteHandlers(serialNumber);
+    return guarded(false, [&] { return data_->deleteHandlers(serialNumber); });
 }
 
 ConveyContext* Convey::getContext() const {
@@ -292,7 +295,7 @@ void Convey::setContext(ConveyContext* context) {
 }
 
 void Convey::appendDiagnostics(SoString& out, const SoString& path) const {
-    data_->appendDiagnostics(out, path);
+    (void)guarded(false, [&] { return data_->appendDiagnostics(out, path), true; });
 }
 
 } // namespace ScObjects

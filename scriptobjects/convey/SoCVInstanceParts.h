@@ -1,5 +1,6 @@
 #pragma once
 
+#include <new>
 #include <string_view>
 
 #include "scriptobjects/convey/SoCVConversation.h"
@@ -12,6 +13,16 @@ namespace ScObjects::ConveyData {
 
 // The path under which observers of errors get their rows, whatever brought the error about.
 inline constexpr const char* kErrorRoot = "/errors";
+
+// The value of `operation`, or `neutral` when memory ran out: nothing is thrown at the host.
+template <class Value, class Operation>
+Value guarded(Value neutral, Operation&& operation) noexcept {
+    try {
+        return operation();
+    } catch (const std::bad_alloc&) {
+        return neutral;
+    }
+}
 
 inline bool contains(const SoString& text, const char* word) {
     return text.view().find(word) != std::string_view::npos;

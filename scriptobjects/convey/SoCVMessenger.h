@@ -58,7 +58,8 @@ public:
         static bool init(const SoString& appSpecifier, bool synchronous);
 
         // Stops the layer and deletes the instances that are left; false when it is not started,
-        // and on the background thread.
+        // on the background thread, and within a handler: the thread that pumps would come back to
+        // what is gone.
         static bool exit();
     };
 
@@ -99,9 +100,13 @@ public:
     // those that wait for their target. Completes the message (target, sender, serial number). True
     // when it was handed over. `mayLaunch`: the target is launched when it does not run, with
     // `launchParameters` (null for none); otherwise the message is not queued. `waitSeconds` not 0:
-    // waits for the reply as well, and is true when the handler registered for the message's serial
-    // number has run. Failures are told to the message's sender as an "Error" message with the
-    // header "Error-Code" 59 when the message asks for errors.
+    // waits for the replies as well, pumping meanwhile. It is then true when the handlers
+    // registered for the message's serial number have run and returned, or "Processed" or "Error"
+    // has come and ended what they waited for (without such handlers there is nothing to wait for);
+    // false when the time is over, "Timeout" came instead, somebody took the handlers out, or the
+    // instance or the layer has ended. Beyond a depth of handlers (`convey limits`, handler.depth)
+    // only messages that are waited for are handled. Failures are told to the message's sender as
+    // an "Error" message with the header "Error-Code" 59 when the message asks for errors.
     bool send(Message& message, bool mayLaunch, uint32_t waitSeconds,
               const SoString* launchParameters) const;
 
@@ -129,8 +134,10 @@ public:
     // type one of any type with the number, else the newest one of the type for any number. Null
     // without one; good until it is removed.
     MsgHandler* findHandler(const SoString& type, uint32_t serialNumber);
-    // Registers a handler, owned from now on, and returns the one of the same type and number that
-    // it replaces, the caller's from now on; null without one, or when it is registered already.
+    // Registers a handler, owned from now on (without memory it is deleted), and returns the one of
+    // the same type and number that it replaces, the caller's from now on; null without one, or
+    // when it is registered already. What it says of its type and number is asked here, once. One
+    // for any number and the empty type is called when there is none for "Tessaly" either.
     [[nodiscard]] MsgHandler* changeHandler(MsgHandler* handler);
     // Takes a handler out and returns it, the caller's from now on; null without one. Waits until
     // no other thread is in it.

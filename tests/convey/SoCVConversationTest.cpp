@@ -1,0 +1,273 @@
+// What becomes of a request: which handler hears which answer, how a wait ends, and that threads,
+// depths and exceptions change nothing about it.
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <gtest/gtest.h>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "limits/Limits.h"
+#include "platform/fake/Fakes.h"
+#include "scriptobjects/convey/SoCVInstance.h"
+#include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/stream/InterAppStream.h"
+#include "tests/support/TableConnector.h"
+
+namespace {
+
+using ScObjects::Convey;
+using ScObjects::InterAppStream;
+using ScObjects::SoString;
+using Message = Convey::Message;
+constexpr uint32_t kAny = ScObjects::ConveyData::CV_INVALID_MESSAGE_NUMBER;
+
+class Handler : public Convey::MsgHandler {
+public:
+    using Body = std::function<int32_t(int, Message&, SoString*)>;
+    Handler(Body body, const char* type, uint32_t serial = kAny)
+        : body_(std::move(body)), type_(type), serial_(serial) {}
+    int32_t handleMessage(int event, Message& message, SoString* result) override {
+        return body_(event, message, result);
+    }
+    SoString getMsgType() const override { return type_; }
+    uint32_t getSerialNumber() const override { return serial_; }
+
+private:
+    const Body body_;
+    const SoString type_;
+    const uint32_t serial_;
+};
+
+class ConversationTest : public testing::Test {
+protected:
+    ConversationTest() : layer("own-1.0", {"own-1.0", "other-2.0"}) {
+        delete other.changeHandler(new Handler(
+            [](int, Message&, SoString* result) {
+                *result = "answer";
+                return 0;
+            },
+            "Tessaly"));
+    }
+    void handle(Handler::Body body, const char* type = "Tessaly", uint32_t serial = kAny) {
+        delete own.changeHandler(new Handler(std::move(body), type, serial));
+    }
+    static Message request(uint32_t serial, const char* replies, const char* type = "Tessaly") {
+        Message message;
+        message.setTarget("other-2.0");
+        message.setType(type);
+        message.setSerialNumber(serial);
+        message.setResponseRequest(replies);
+        message.setBody("question");
+        return message;
+    }
+    static void pumpAll() {
+        while (Convey::pump(ScObjects::kProcessBoth)) {
+        }
+    }
+
+    StartedLayer layer;
+    Convey own{"own-1.0", nullptr, true, nullptr};
+    Convey other{"other-2.0", nullptr, false, nullptr};
+};
+
+TEST_F(ConversationTest, answersOfAnyTypeReachTheirHandlerByOneRule) {
+    const struct {
+        const char* registered;
+        uint32_t serial;
+    } order[] = {{"Result", 5},    {"Resultquery", 5},    {"", 5},
+                 {"Result", kAny}, {"Resultquery", kAny}, {"", kAny}};
+    const struct {
+        const char* lines; // of a peer's text; null: an instance of this process answers
+        const char* seen;
+    } peers[] = {{nullptr, "3 Resultquery 3"},
+                 {"@CV>Version:2.05\nType:Resultquery\n", "3 Resultquery 3"},
+                 {"@CV>Version:2.05\nType:ResultResultquery\n", "3 Resultquery 3"},
+                 {"Type:query\n", "3 Resultquery 3"}};
+    const InterAppStream peer("peer-1.0");
+    for (const auto& answering : peers) {
+        for (size_t first = 0; first < std::size(order); ++first) {
+            SCOPED_TRACE(std::string(answering.lines == nullptr ? "local" : answering.lines) +
+                         order[first].registered);
+            std::string seen;
+            std::string which;
+            for (size_t i = first; i < std::size(order); ++i) {
+                handle(
+                    [&, i](int event, Message& message, SoString*) {
+                        if (event == 3) { // "Received" and "Processed" are for others
+                            seen = std::to_string(event) + " " + message.getType().c_str() + " " +
+                                   std::to_string(message.getResult());
+                            which = std::to_string(i);
+                        }
+                        return 0;
+                    },
+                    order[i].registered, order[i].serial);
+            }
+            if (answering.lines == nullptr) {
+                Message message = request(5, "Result", "query");
+                EXPECT_TRUE(own.send(message, false, 0, nullptr));
+            } else {
+                std::string text = answering.lines;
+                text += "Target:own-1.0\nSender:peer-1.0\nSerial-Number:9\nResult:5\n\n";
+                EXPECT_TRUE(peer.send("own-1.0", SoString(text.c_str())));
+            }
+            const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+            while (seen.empty() && std::chrono::steady_clock::now() < end) {
+                pumpAll();
+            }
+            pumpAll();
+            EXPECT_EQ(seen, answering.seen);
+            EXPECT_EQ(which, std::to_string(first));
+            (void)own.deleteHandlers(5);
+            (void)own.deleteHandlers(kAny);
+        }
+    }
+}
+
+TEST_F(ConversationTest, aHandlerForAnyTypeIsTheDefault) {
+    int calls = 0;
+    handle([&](int event, Message&, SoString*) { return calls += event, 0; }, "");
+    Message message = request(0, "");
+    message.setTarget("own-1.0");
+    EXPECT_TRUE(own.send(message, false, 0, nullptr));
+    pumpAll();
+    EXPECT_EQ(calls, 1);
+}
+
+TEST_F(ConversationTest, aWaitTellsHowItEnded) {
+    const struct {
+        const char* why;
+        std::function<void(uint32_t)> meanwhile; // what the target's handler does
+        bool expected;
+    } cases[] = {
+        {"answered", [](uint32_t) {}, true},
+        {"its handler was taken out", [&](uint32_t n) { (void)own.deleteHandlers(n); }, false},
+        {"timed out",
+         [&](uint32_t n) {
+             Message timeout = request(n, "", "Timeout");
+             timeout.setTarget("own-1.0");
+             EXPECT_TRUE(own.send(timeout, false, 0, nullptr));
+         },
+         false},
+    };
+    uint32_t number = 100;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.why);
+        ++number;
+        int calls = 0;
+        delete other.changeHandler(new Handler(
+            [&](int, Message&, SoString*) {
+                c.meanwhile(number);
+                return 0;
+            },
+            "Tessaly"));
+        handle([&](int, Message&, SoString*) { return ++calls, 0; }, "Result", number);
+        Message message = request(number, "Result");
+        EXPECT_EQ(own.send(message, false, 20, nullptr), c.expected);
+        EXPECT_EQ(calls, c.expected ? 1 : 0);
+        pumpAll();
+    }
+}
+
+TEST_F(ConversationTest, twoThreadsThatPumpDoNotTearOneApart) {
+    std::atomic<bool> stop{false};
+    std::atomic<int> strayed{0};
+    handle([&](int event, Message&, SoString*) { return strayed += event == 3 ? 1 : 0, 0; });
+    std::thread pumping([&] {
+        while (!stop) {
+            (void)Convey::pump(ScObjects::kProcessBoth);
+        }
+    });
+    int unheard = 0;
+    for (uint32_t number = 1; number <= 5000; ++number) {
+        bool heard = false;
+        handle([&](int, Message&, SoString*) { return heard = true, 0; }, "Result", number);
+        Message message = request(number, "Result");
+        unheard += own.send(message, false, 20, nullptr) && heard ? 0 : 1;
+    }
+    stop = true;
+    pumping.join();
+    EXPECT_EQ(unheard, 0);
+    EXPECT_EQ(strayed, 0);
+}
+
+TEST_F(ConversationTest, waitingInHandlersHasADepth) {
+    int64_t depth = 0;
+    int64_t deepest = 0;
+    int handled = 0;
+    handle([&](int event, Message&, SoString*) {
+        if (event != 1) {
+            return 0;
+        }
+        deepest = std::max(deepest, ++depth);
+        ++handled;
+        Message nested = request(0, "Result");
+        nested.setSerialNumber(nested.getNextSerialNumber(nullptr));
+        delete own.changeHandler(new Handler([](int, Message&, SoString*) { return 0; }, "Result",
+                                             nested.getSerialNumber()));
+        EXPECT_TRUE(own.send(nested, false, 20, nullptr)) << "what is waited for still comes";
+        --depth;
+        return 0;
+    });
+    constexpr int kRequests = 500;
+    for (int i = 0; i < kRequests; ++i) {
+        Message message = request(0, "");
+        message.setTarget("own-1.0");
+        ASSERT_TRUE(own.send(message, false, 0, nullptr));
+    }
+    pumpAll();
+    EXPECT_EQ(handled, kRequests);
+    EXPECT_LE(deepest, limits::of("handler.depth"));
+    EXPECT_GT(deepest, 1);
+}
+
+TEST_F(ConversationTest, aHandlerMayThrowAndMayNotEndTheLayer) {
+    platform::FakeLog log;
+    const platform::ScopedReplacement<platform::Log> logInForce(log);
+    bool ended = true;
+    delete other.changeHandler(new Handler(
+        [&](int, Message&, SoString*) -> int32_t {
+            ended = Convey::InitTerm::exit();
+            throw std::runtime_error("no");
+        },
+        "Tessaly"));
+    std::string error;
+    handle(
+        [&](int, Message& message, SoString*) {
+            error = message.getBody().c_str();
+            error += message.getUserHeaderValue("Error-Code").c_str();
+            return 0;
+        },
+        "Error", 7);
+    Message message = request(7, "Error");
+    EXPECT_TRUE(own.send(message, false, 20, nullptr));
+    EXPECT_EQ(error, "ERROR: HANDLER FAILED61");
+    EXPECT_FALSE(ended);
+    delete other.removeHandler("Tessaly", kAny); // would wait for ever for a slot that is not left
+}
+
+TEST_F(ConversationTest, dropsAnswersToAPredecessor) {
+    const InterAppStream peer("peer-1.0");
+    int results = 0;
+    handle([&](int event, Message&, SoString*) { return results += event == 3 ? 1 : 0, 0; });
+    for (const char* life : {"@CV>Life:0123456789abcdef\n", ""}) {
+        std::string text = "@CV>Version:2.05\nTarget:own-1.0\nSender:peer-1.0\n";
+        text += life;
+        text += "Result:5\n\n";
+        EXPECT_TRUE(peer.send("own-1.0", SoString(text.c_str())));
+    }
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (results == 0 && std::chrono::steady_clock::now() < end) {
+        pumpAll();
+    }
+    EXPECT_EQ(results, 1) << "without a mark it is taken as it is";
+    SoString rows;
+    Convey::getDiagnostics(rows, false);
+    EXPECT_NE(rows.view().find("/own-1.0/predecessor;0;Answers to a predecessor;1;"),
+              std::string_view::npos);
+}
+
+} // namespace
