@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "limits/Limits.h"
+#include "platform/fake/Fakes.h"
 #include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVMessage.h"
@@ -91,9 +92,20 @@ TEST_F(OutboxTest, keepsTheOrderOfATargetThatTakesNothing) {
         (void)outbox.pass(&stream, Outbox::Carrier::round);
     }
     EXPECT_EQ(post("full-1.0", count++, 300'000), Delivery::queued) << "one for the courier";
+    std::vector<size_t> early;
+    for (int i = 0; i < 3; ++i) { // now there is room
+        ASSERT_TRUE(target.waitForMessage(10'000, false) && target.receive());
+        Message message;
+        (void)message.readFromString(target.getMessages().c_str());
+        early.push_back(std::stoul(message.getBody().c_str()));
+    }
+    EXPECT_EQ(early, upTo(3));
     EXPECT_EQ(post("full-1.0", count++), Delivery::queued);
     EXPECT_EQ(post("other-1.0", 0), Delivery::delivered) << "others are not held up";
-    EXPECT_EQ(read(target, count), upTo(count));
+    for (const size_t number : read(target, count - early.size())) {
+        early.push_back(number);
+    }
+    EXPECT_EQ(early, upTo(count));
     EXPECT_TRUE(outbox.messages().isEmpty());
     EXPECT_EQ(post("full-1.0", 0), Delivery::delivered);
     // An owner may wait for the line, and for no longer than it says.
@@ -113,6 +125,45 @@ TEST_F(OutboxTest, keepsTheOrderOfATargetThatTakesNothing) {
     EXPECT_TRUE(outbox.drain(stream, "full-1.0", 10'000));
     reader.join();
     EXPECT_EQ(numbers, upTo(count + 1));
+}
+
+// Ports that take nothing for so many sends, whatever room there is.
+struct MoodyPorts : platform::FakeMessagePorts {
+    using FakeMessagePorts::send;
+    platform::SendResult send(const std::string& name, std::string_view text, int64_t timeout,
+                              std::shared_ptr<platform::TargetWatch>* taker) override {
+        return failures > 0 && failures-- > 0 ? platform::SendResult::timedOut
+                                              : FakeMessagePorts::send(name, text, timeout, taker);
+    }
+    int failures = 0;
+};
+
+TEST_F(OutboxTest, aTargetThatHasJustFailedIsLeftAlone) {
+    static MoodyPorts ports; // the background thread may be in it at the end
+    const platform::ScopedReplacement<platform::MessagePorts> inForce(ports);
+    const InterAppStream sender("moody-1.0");
+    InterAppStream target("full-1.0");
+    ports.failures = 1;
+    for (size_t i = 0; i < 3; ++i) {
+        auto message = make("full-1.0", i);
+        EXPECT_EQ(outbox.post(&sender, message), Delivery::queued);
+    }
+    ports.failures = 1;
+    while (ports.failures == 1) {
+        (void)outbox.pass(&sender, Outbox::Carrier::round);
+    }
+    EXPECT_FALSE(target.messagePending()) << "none behind the one that failed";
+    std::vector<size_t> numbers;
+    for (size_t i = 0; i < 3; ++i) {
+        while (!target.messagePending()) {
+            (void)outbox.pass(&sender, Outbox::Carrier::round);
+        }
+        ASSERT_TRUE(target.receive());
+        Message message;
+        (void)message.readFromString(target.getMessages().c_str());
+        numbers.push_back(std::stoul(message.getBody().c_str()));
+    }
+    EXPECT_EQ(numbers, upTo(3));
 }
 
 TEST_F(OutboxTest, keepsAnswersForWhoIsThereAndWithinBounds) {
