@@ -11,15 +11,14 @@
 //   P             another process writes from here on
 //   H ID          handled a request (before it is answered)
 //   A ID          got the result
-//   T ID          was told that the time is over
+//   T ID TARGET SENT NOW   was told that the time of its request to that worker is over
 //   E ID          was told of an error
 //   Z ID          got an answer to its predecessor
 //   X ID          what came was not what was sent
-//   U ID          nothing was heard of it, because the watch over its time had been ended by the
-//   answer
-//                 to a predecessor's request of the same number
 //   S ID          nothing was heard of it long after its time
+//   B NOW, D NOW  a life of the layer begins, and is about to end
 //   C FDS THREADS HEAP   after the layer was stopped: descriptors, threads, bytes in use
+// Times are milliseconds of the machine's monotonic clock.
 namespace soak {
 
 inline constexpr uint32_t kTimeoutSeconds = 5;

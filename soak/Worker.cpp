@@ -89,10 +89,9 @@ private:
     };
     struct Pending {
         std::string id;
+        unsigned target;
+        int64_t sent;  // by the clock of the machine
         int64_t since; // by the worker's own time
-        // What was processed was a request of a predecessor with this number. That has ended the
-        // watch over the time, too.
-        bool unwatched = false;
     };
 
     static std::string nameOf(unsigned index) { return "soak" + std::to_string(index) + "-1.0"; }
@@ -111,6 +110,7 @@ private:
             std::fprintf(stderr, "%s: the layer does not start\n", nameOf(index_).c_str());
             return false;
         }
+        note("B " + std::to_string(milliseconds()));
         {
             Convey instance(nameOf(index_).c_str(), new Handler(*this), true, nullptr);
             const int64_t end = milliseconds() + 1500 + upTo(2500);
@@ -124,6 +124,7 @@ private:
             while (!pending_.empty()) {
                 round();
             }
+            note("D " + std::to_string(milliseconds()));
         }
         late_.clear();
         return Convey::InitTerm::exit();
@@ -138,7 +139,7 @@ private:
         lastRound_ = now;
         for (auto pending = pending_.begin(); pending != pending_.end();) {
             if (ownTime_ - pending->second.since > kOverdueMilliseconds) {
-                note((pending->second.unwatched ? "U " : "S ") + pending->second.id);
+                note("S " + pending->second.id);
                 pending = pending_.erase(pending);
             } else {
                 ++pending;
@@ -159,18 +160,18 @@ private:
         message.setSerialNumber(message.getNextSerialNumber(nullptr));
         message.setBody(SoString(bodyOf(id, bytes).c_str()));
         const uint32_t serial = message.getSerialNumber();
-        pending_[serial] = {id, ownTime_, false};
+        const Pending request{id, target, milliseconds(), ownTime_};
+        pending_[serial] = request;
         if (instance.send(message, false, 0, nullptr)) {
             state_.sent.fetch_add(1);
         } else {
             state_.refused.fetch_add(1);
-            late_[serial] = id; // should it have been handled all the same
+            late_[serial] = request; // should it have been handled all the same
             pending_.erase(serial);
         }
     }
 
     int32_t handle(int event, Convey::Message& message, SoString* result) {
-        constexpr int kOther = 0;
         constexpr int kRequest = 1;
         constexpr int kResult = 3;
         constexpr int kError = 4;
@@ -189,25 +190,24 @@ private:
         if (pending == pending_.end() && late == late_.end()) {
             return 0;
         }
-        const std::string id = pending != pending_.end() ? pending->second.id : late->second;
+        const Pending request = pending != pending_.end() ? pending->second : late->second;
+        const std::string& id = request.id;
         if (event == kResult) {
-            // Numbers begin anew with each process: an answer to a predecessor of this name may
-            // have the number of a request of ours. That is why ours say what they answer.
+            // Numbers begin anew with each process: ours say what they answer, so that an answer to
+            // a predecessor of this name is told from a wrong one.
             const std::string own = "re " + std::to_string(index_) + ".";
             if (body != "re " + id && body.starts_with(own)) {
                 note("Z " + body.substr(3));
                 return 0;
             }
             note((body == "re " + id ? "A " : "X ") + id);
-        } else if (event == kOther) {
-            // Ours ask for results, which come before the word that they were processed.
-            if (pending != pending_.end() && message.getType() == "Processed") {
-                pending->second.unwatched = true;
-            }
-            return 0;
-        } else if (event == kTimeout || event == kError) {
-            note((event == kTimeout ? "T " : "E ") + id);
-            late_[serial] = id; // the result may come all the same
+        } else if (event == kTimeout) {
+            note("T " + id + " " + std::to_string(request.target) + " " +
+                 std::to_string(request.sent) + " " + std::to_string(milliseconds()));
+            late_[serial] = request; // the result may come all the same
+        } else if (event == kError) {
+            note("E " + id);
+            late_[serial] = request;
         } else {
             return 0;
         }
@@ -223,7 +223,7 @@ private:
     const unsigned count_;
     std::mt19937 random_;
     std::map<uint32_t, Pending> pending_; // by serial number
-    std::map<uint32_t, std::string> late_;
+    std::map<uint32_t, Pending> late_;
     uint64_t lastNumber_ = 0;
     int64_t ownTime_ = 0; // milliseconds
     int64_t lastRound_ = milliseconds();
