@@ -13,6 +13,7 @@
 #include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVDiagnosticsRows.h"
 #include "scriptobjects/convey/SoCVInstance.h"
+#include "scriptobjects/convey/SoCVLaunching.h"
 #include "scriptobjects/convey/SoCVMessageGlobals.h"
 #include "scriptobjects/convey/SoCVSetupThread.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
@@ -28,10 +29,7 @@ namespace {
 
 constexpr size_t kMaximumTargetBytes = limits::of("launch.target");
 constexpr size_t kMaximumParameterBytes = limits::of("launch.parameters");
-constexpr uint32_t kLaunchSeconds = limits::of("launch.age");
 constexpr uint32_t kRefreshSeconds = limits::of("registry.refresh");
-// This application is launched without parameters and fetches them by itself.
-constexpr const char* kLaunchedWithoutParameters = "docsafe-8.0";
 
 constinit std::atomic<uint32_t> gLastRefresh{0}; // seconds since 1970
 
@@ -54,77 +52,6 @@ void setStatus(const char* status) {
     if (ConveyThread* thread = mainThread()) {
         (void)thread->setKeyValuePair(ConveyThread::CV_STATUS, status);
     }
-}
-
-// The parameters of an application that is being launched, as it finds them.
-SoString launchParametersFor(const Convey::Specifier& target, const char* parameters) {
-    SoString text("-specifier ");
-    text << target << " -nostartupscreen";
-    const SoString instance = target.instance();
-    if (!instance.isEmpty()) {
-        text << " -instance " << instance;
-    }
-    if (parameters != nullptr && *parameters != '\0') {
-        text << " " << parameters;
-    }
-    return text;
-}
-
-SoString pathOf(const Convey::Specifier& target, const SoString& own) {
-    SoString path = target.getApplicationPath(own.c_str());
-    if (path.isEmpty()) {
-        Convey::Specifier whole(target);
-        (void)whole.setInstance(SoString());
-        path = whole.getApplicationPath(own.c_str());
-    }
-    return path;
-}
-
-// Queues the parameters for the target, which fetches them when it starts.
-void queueLaunchParameters(ConveyContext& context, ConveyData::PrivateData& main,
-                           const Convey::Specifier& target, const SoString& parameters) {
-    auto message = std::make_unique<Convey::Message>();
-    message->setTarget(ConveyUtils::getLaunchMsgQueueName(target));
-    message->setSender(main.appName());
-    message->setType("LaunchParams");
-    message->setSerialNumber(context.getNextSerialNumber());
-    message->setTimeout(kLaunchSeconds);
-    message->setBody(parameters);
-    (void)main.queueOutgoing(std::move(message)); // it has a target and a sender
-}
-
-int32_t launch(const char* targetText, const char* parameters, int32_t focus,
-               ConveyContext& context) {
-    const auto main = context.pinMain();
-    Convey::Specifier target(targetText, true);
-    if (main == nullptr || target.isEmpty() || context.pin(target) != nullptr) {
-        return 0;
-    }
-    (void)target.setSuffix(SoString());
-    if (target.isRunning()) {
-        return 1;
-    }
-    ConveyConnector* const connector = ConveyConnector::get();
-    if (connector == nullptr || pathOf(target, context.getAppSpecifier()).isEmpty()) {
-        return 0;
-    }
-    const SoString text = launchParametersFor(target, parameters);
-    Convey::Specifier keyName(target);
-    (void)keyName.setInstance(SoString());
-    SoString key("LAUNCHPARAMS:");
-    key << keyName;
-    ConveyThread* const thread = context.getThread();
-    (void)thread->setKeyValuePair(key, text);
-    (void)thread->setTimeout(key, kLaunchSeconds);
-    const bool withoutParameters = target == kLaunchedWithoutParameters ||
-                                   text.view().find("-noparam") != std::string_view::npos;
-    queueLaunchParameters(context, *main, target, text);
-    const int32_t result = connector->launchTarget(target, withoutParameters ? SoString() : text,
-                                                   focus == 0, &context);
-    if (result != 1) {
-        (void)thread->setKeyValuePair(key, SoString());
-    }
-    return result;
 }
 
 // The rows as text for people: a heading for each group, indented by its depth.
@@ -312,9 +239,9 @@ int32_t Convey::launchTarget(const char* target, const char* parameters, int32_t
         return 0;
     }
     context = context != nullptr ? context : ConveyContext::getCurrentContext();
-    return context == nullptr
-               ? 0
-               : guarded(0, [&] { return launch(target, parameters, focus, *context); });
+    return context == nullptr ? 0 : guarded(0, [&] {
+        return ConveyData::launch(target, parameters, focus, *context);
+    });
 }
 
 bool Convey::bringToFront(const char* target, ConveyContext* context) {
