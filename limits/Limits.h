@@ -49,6 +49,7 @@ inline constexpr Limit kAll[] = {
     {"receive.texts", 256, "texts", "drawn at once, then others have their turn"},
     {"receive.bytes", 4 * kMiB, "bytes", "the same; one text may be larger"},
     {"stream.instances", 8, "names", "tried behind one that is taken"},
+    {"forward.body", kMiB, "bytes", "of a body that an observer asked for; what is longer is cut"},
     {"forward.age", 60, "s", "what an observer has not taken by then is old news"},
 
     // The background thread

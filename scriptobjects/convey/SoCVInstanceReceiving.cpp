@@ -118,6 +118,7 @@ bool PrivateData::receiveArrived() {
             incoming_.bodyBytes() >= kMaximumReceivedBytes || !stream->messagePending()) {
             return false;
         }
+        const ConveyUtils::DelayedForwarding delayed; // an observer may receive, too
         const std::lock_guard<std::mutex> turn(receivingTurn_);
         (void)stream->receive();
         receiveTexts(stream->getMessages());
@@ -130,6 +131,7 @@ bool PrivateData::receiveAll() {
     const auto stream = this->stream();
     const bool arrived = stream != nullptr && (stream->messagePending() || !stream->isEmpty());
     if (arrived) {
+        const ConveyUtils::DelayedForwarding delayed; // an observer may receive, too
         const std::lock_guard<std::mutex> turn(receivingTurn_);
         (void)stream->receive();
         while (!stream->isEmpty()) {

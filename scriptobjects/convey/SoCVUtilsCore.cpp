@@ -2,7 +2,9 @@
 
 #include <string>
 #include <string_view>
+#include <utility>
 
+#include "limits/Limits.h"
 #include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVDiagnosticsRows.h"
 #include "scriptobjects/convey/SoCVInstance.h"
@@ -14,10 +16,11 @@
 namespace ScObjects::ConveyUtils {
 namespace {
 
-constexpr size_t kForwardedBodyBytes = 1 << 20; // of a body; what is longer is cut
+constexpr size_t kForwardedBodyBytes = limits::of("forward.body");
 
 // What an observer's own message brings about is not forwarded, or it would be without end.
 constinit thread_local bool gForwarding = false;
+constinit thread_local DelayedForwarding* gDelayed = nullptr;
 
 class ForwardingScope {
 public:
@@ -71,8 +74,8 @@ bool forwardMessage(const Convey::Message& message, const SoString& handlerType,
     if (observer == nullptr) {
         return false;
     }
-    const ForwardingScope scope;
-    Convey::Message forwarded;
+    auto made = std::make_unique<Convey::Message>();
+    Convey::Message& forwarded = *made;
     forwarded.setHeader(ConveyData::CV_MESSAGE_ROOT, root.c_str());
     SoString rows;
     message.appendDiagnostics(rows, root);
@@ -89,7 +92,32 @@ bool forwardMessage(const Convey::Message& message, const SoString& handlerType,
         CVDiagnosticsRows(rows, root).node(name.view(), heading.view(), label);
     }
     forwarded.setBody(std::move(rows));
+    if (gDelayed != nullptr) {
+        gDelayed->keep(observer, std::move(made));
+        return true;
+    }
+    const ForwardingScope scope;
     return observer->call(0, forwarded, nullptr) == 0;
+}
+
+DelayedForwarding::DelayedForwarding() : outer_(gDelayed) {
+    gDelayed = outer_ != nullptr ? outer_ : this;
+}
+
+DelayedForwarding::~DelayedForwarding() {
+    gDelayed = outer_;
+    if (kept_.empty()) {
+        return;
+    }
+    const ForwardingScope scope;
+    for (const Kept& kept : kept_) {
+        (void)kept.observer->call(0, *kept.message, nullptr);
+    }
+}
+
+void DelayedForwarding::keep(std::shared_ptr<ConveyData::HandlerSlot> observer,
+                             std::unique_ptr<Convey::Message> forwarded) {
+    kept_.push_back({std::move(observer), std::move(forwarded)});
 }
 
 SoString getLaunchMsgQueueName(const SoString& specifier) {

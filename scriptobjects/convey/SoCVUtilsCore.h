@@ -1,11 +1,17 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
+#include <vector>
 
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVMessenger.h"
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoString.h"
+
+namespace ScObjects::ConveyData {
+class HandlerSlot;
+} // namespace ScObjects::ConveyData
 
 // Services of the messaging engine that belong to no one class. Threads: any.
 namespace ScObjects::ConveyUtils {
@@ -27,6 +33,28 @@ SO_EXPORT bool forwardMessage(const Convey::Message& message, const SoString& ha
                               const SoString& root, const SoString& label);
 // Whether there is such an observer, and it may be told.
 bool isForwarding(const char* handlerType);
+
+// As long as one lives, what its thread forwards is kept; its end hands it to the observers, which
+// are handlers of the host and may do anything, receiving included. Declared before a lock under
+// which messages are forwarded.
+class DelayedForwarding {
+public:
+    DelayedForwarding();
+    ~DelayedForwarding();
+    DelayedForwarding(const DelayedForwarding&) = delete;
+    DelayedForwarding& operator=(const DelayedForwarding&) = delete;
+
+    void keep(std::shared_ptr<ConveyData::HandlerSlot> observer,
+              std::unique_ptr<Convey::Message> forwarded);
+
+private:
+    struct Kept {
+        std::shared_ptr<ConveyData::HandlerSlot> observer;
+        std::unique_ptr<Convey::Message> message;
+    };
+    DelayedForwarding* const outer_; // which keeps all, when there is one
+    std::vector<Kept> kept_;
+};
 
 // The name of the queue at which a launched application finds its parameters: application name,
 // version and locale of the specifier.

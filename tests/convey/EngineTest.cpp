@@ -615,6 +615,33 @@ TEST_F(EngineTest, forwardsWhatItHandlesToAnObserver) {
     EXPECT_EQ(own.findHandler("FWDMESSAGES", kAny), nullptr);
 }
 
+// What observes is a handler as any other: no lock of the layer is held while it runs.
+TEST_F(EngineTest, anObserverOfWhatArrivesMayReceive) {
+    Strings handled;
+    Convey own("own-1.0", noting(handled), true, nullptr);
+    Strings labels;
+    (void)own.changeHandler(new Handler(
+        [&](int, Message& message, SoString*) {
+            const std::string rows(message.getBody().view());
+            labels.push_back(rows.find("];RECEIVE;") != std::string::npos ? "RECEIVE" : "");
+            return Convey::pump(ScObjects::kProcessBoth) ? 0 : 1;
+        },
+        "FWDLOGS"));
+    const InterAppStream peer("peer-1.0");
+    for (const char* body : {"first", "second"}) {
+        Message message = request("own-1.0", body);
+        message.setSender("peer-1.0");
+        SoString text;
+        EXPECT_TRUE(message.writeToString(text));
+        EXPECT_TRUE(peer.send("own-1.0", text));
+    }
+    for (int i = 0; i < 200 && handled.size() < 2; ++i) {
+        (void)Convey::pumpOrWait(50);
+    }
+    EXPECT_THAT(handled, testing::ElementsAre("1 Tessaly first", "1 Tessaly second"));
+    EXPECT_THAT(labels, testing::Contains("RECEIVE"));
+}
+
 TEST_F(EngineTest, describesItself) {
     Convey own("own-1.0", nullptr, true, nullptr);
     SoString text;
