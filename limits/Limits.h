@@ -64,6 +64,7 @@ inline constexpr Limit kAll[] = {
     {"ping.names", 10, "names", "tried for an asker, when others have them"},
     {"check.wait", 2, "s", "of check_running for an answer: programs wait for the tool"},
 
+    {"exit.wait", 400, "ms", "of the layer's end for calls of other threads; most end at once"},
     {"handler.depth", 32, "handlers", "inside each other; deeper ones hear only what they wait for"},
 
     // Launching

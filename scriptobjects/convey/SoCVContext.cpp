@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 
+#include "limits/Limits.h"
 #include "scriptobjects/connector/SoCVConnector.h"
 #include "scriptobjects/convey/SoCVDiagnosticsRows.h"
 #include "scriptobjects/convey/SoCVInstance.h"
@@ -21,8 +22,35 @@ constinit std::atomic<uint32_t> gLastSerialNumber{1}; // handed out by any conte
 constinit std::atomic<bool> gFirstCallSeen{false};
 
 constexpr const char* kBuild = "ES 4.5.6";
+constexpr std::chrono::milliseconds kVisitorsMilliseconds{limits::of("exit.wait")};
+
+// How many calls of hosts are in the layer: of all threads, and of this one.
+constinit std::atomic<int32_t> gVisits{0};
+constinit thread_local int32_t gOwnVisits = 0;
+
+// Whether the calls of other threads have ended in time.
+bool othersHaveLeft() {
+    const auto end = std::chrono::steady_clock::now() + kVisitorsMilliseconds;
+    while (gVisits.load() != gOwnVisits) {
+        if (std::chrono::steady_clock::now() >= end) {
+            return false;
+        }
+        ConveyUtils::sleep(1);
+    }
+    return true;
+}
 
 } // namespace
+
+ConveyContext::Visit::Visit() {
+    gVisits.fetch_add(1);
+    ++gOwnVisits;
+}
+
+ConveyContext::Visit::~Visit() {
+    --gOwnVisits;
+    gVisits.fetch_sub(1);
+}
 
 ConveyContext::ConveyContext(const SoString& appSpecifier)
     : serialNumber_(gLastSerialNumber.load()),
@@ -30,19 +58,25 @@ ConveyContext::ConveyContext(const SoString& appSpecifier)
     thread_->start();
 }
 
-ConveyContext::~ConveyContext() {
+bool ConveyContext::end() {
     // Without a lock: the thread may need each of them to come to its end.
-    if (thread_->stop()) {
+    const bool stopped = thread_->stop();
+    if (stopped) {
         (void)thread_->waitForRunExit();
-        thread_.reset();
-    } else {
+    }
+    while (Convey* instance = getNthInstance(0)) {
+        instance->endWithContext(); // which removes it
+    }
+    noteActivity(); // who waits for some has nothing to wait for any more
+    return stopped;
+}
+
+ConveyContext::~ConveyContext() {
+    if (!end()) {
         (void)thread_.release(); // this is its own thread, which ends by itself
     }
     ConveyContext* self = this;
     gCurrentContext.compare_exchange_strong(self, nullptr);
-    while (Convey* instance = getNthInstance(0)) {
-        delete instance; // which removes itself
-    }
 }
 
 ConveyContext* ConveyContext::currentContextNow() {
@@ -62,7 +96,7 @@ ConveyContext* ConveyContext::getCurrentContext() {
 }
 
 void ConveyContext::setCurrentContext(ConveyContext* context) {
-    ConveyContext* const old = currentContextNow();
+    ConveyContext* old = currentContextNow();
     if (old == context) {
         return;
     }
@@ -74,6 +108,11 @@ void ConveyContext::setCurrentContext(ConveyContext* context) {
     // The old one stays the current one while it ends, as its instances may need one.
     if (context != nullptr) {
         gCurrentContext.store(context, std::memory_order_release);
+    }
+    // Who waits for an answer is woken by the end of its instance, and comes by the context on its
+    // way out.
+    if (old != nullptr && context == nullptr && old->end() && !othersHaveLeft()) {
+        old = nullptr; // a handler that does not return keeps it
     }
     delete old;
     gCurrentContext.store(context, std::memory_order_release);

@@ -21,8 +21,9 @@ class ConveyThread;
 // messages. One context at a time is the current one; the start of the layer makes it, the end of
 // the layer deletes it.
 //
-// Owns its thread and its instances: the destructor stops the one, without holding a lock, and
-// deletes the others. Threads: any.
+// Owns its thread and the instances that were made by `new`: its end stops the one, without holding
+// a lock, and deletes the others; instances that live elsewhere are closed and stay their owners'.
+// Threads: any.
 class SO_EXPORT ConveyContext : public SoLockable {
 public:
     // `appSpecifier`: the specifier of this application. Starts the background thread.
@@ -35,8 +36,10 @@ public:
     static ConveyContext* currentContextNow();
 
     // Makes `context` (owned from now on; null for none) the current one and deletes the one that
-    // was, after `context` has taken over its instances. The same context again changes nothing. No
-    // other thread may be using the old one.
+    // was, after `context` has taken over its instances. The same context again changes nothing.
+    // Without a new one, calls of other threads that wait in the old one end; one that does
+    // not, being in a handler, say (`convey limits`, exit.wait), keeps the old one's memory. No
+    // other thread may be using the old one otherwise.
     static void setCurrentContext(ConveyContext* context);
 
     // Takes over the instances, the main instance and the count of another context, which keeps
@@ -72,7 +75,16 @@ public:
     // Appends the context's rows of the diagnostics text.
     void appendDiagnostics(SoString& out, const SoString& path) const;
 
-    // For the layer's own parts: instances that stay usable while others delete them.
+    // For the layer's own parts: a call of a host into the layer, for as long as it lasts. The
+    // contexts that it may have met outlive it.
+    class Visit {
+    public:
+        Visit();
+        ~Visit();
+        Visit(const Visit&) = delete;
+        Visit& operator=(const Visit&) = delete;
+    };
+    // The same: instances that stay usable while others delete them.
     std::shared_ptr<ConveyData::PrivateData> pin(const SoString& appName) const;
     std::shared_ptr<ConveyData::PrivateData> pinMain() const;
     std::shared_ptr<ConveyData::PrivateData> pinNth(int32_t index) const;
@@ -84,6 +96,9 @@ public:
     void waitForActivity(uint64_t seen, int64_t milliseconds);
 
 private:
+    // Stops the thread and parts with the instances; true when the thread has ended.
+    bool end();
+
     uint32_t serialNumber_ SO_GUARDED_BY(this);
     SoVector<Convey> instances_ SO_GUARDED_BY(this);
     Convey* mainInstance_ SO_GUARDED_BY(this) = nullptr;

@@ -1,6 +1,9 @@
 #include "scriptobjects/convey/SoCVInstance.h"
 
 #include <algorithm>
+#include <functional>
+#include <map>
+#include <mutex>
 
 #include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVInstanceParts.h"
@@ -174,6 +177,64 @@ bool PrivateData::deleteHandlers(uint32_t serialNumber) {
 
 // The face.
 
+namespace {
+
+// The blocks of memory in which `new` has made instances: what stands elsewhere is not ours to
+// delete.
+struct Blocks {
+    std::mutex mutex;
+    std::map<const void*, size_t, std::less<>> bytes;
+};
+
+Blocks& blocks() {
+    static auto* const all = new Blocks; // instances may end later than static objects
+    return *all;
+}
+
+bool isInBlock(const void* place) {
+    const std::lock_guard<std::mutex> guard(blocks().mutex);
+    auto block = blocks().bytes.upper_bound(place);
+    if (block == blocks().bytes.begin()) {
+        return false;
+    }
+    --block;
+    return std::less<>()(
+        place, static_cast<const void*>(static_cast<const char*>(block->first) + block->second));
+}
+
+} // namespace
+
+void* Convey::operator new(size_t bytes) {
+    void* const block = SoHeap::operator new(bytes);
+    try {
+        const std::lock_guard<std::mutex> guard(blocks().mutex);
+        blocks().bytes.emplace(block, bytes);
+    } catch (...) {
+        SoHeap::operator delete(block);
+        throw;
+    }
+    return block;
+}
+
+void Convey::operator delete(void* p) noexcept {
+    if (p != nullptr) {
+        const std::lock_guard<std::mutex> guard(blocks().mutex);
+        (void)blocks().bytes.erase(p);
+    }
+    SoHeap::operator delete(p);
+}
+
+void Convey::endWithContext() {
+    if (isInBlock(this)) {
+        delete this;
+        return;
+    }
+    if (ConveyContext* context = data_->context()) {
+        context->removeInstance(this);
+    }
+    data_->close();
+}
+
 Convey::Convey(const char* appName, MsgHandler* handler, bool isMain, ConveyContext* context)
     : data_([&] {
           ConveySetupThread::syncWithSetupThread();
@@ -208,22 +269,26 @@ Convey::~Convey() {
 bool Convey::send(Message& message, bool mayLaunch, uint32_t waitSeconds,
                   const SoString* launchParameters) const {
     // The instance may be gone when a handler that runs meanwhile has deleted it.
+    const ConveyContext::Visit visit;
     const std::shared_ptr<PrivateData> data = data_;
     return guarded(false,
                    [&] { return data->send(message, mayLaunch, waitSeconds, launchParameters); });
 }
 
 bool Convey::sendResult(const Message& request, const SoString& result) const {
+    const ConveyContext::Visit visit;
     const std::shared_ptr<PrivateData> data = data_;
     return guarded(false, [&] { return data->sendResult(request, result); });
 }
 
 bool Convey::processIncomingMessage(uint32_t serialNumber, bool process) {
+    const ConveyContext::Visit visit;
     const std::shared_ptr<PrivateData> data = data_;
     return guarded(false, [&] { return data->processIncoming(serialNumber, process); });
 }
 
 bool Convey::processOutgoingMessage() {
+    const ConveyContext::Visit visit;
     const std::shared_ptr<PrivateData> data = data_;
     (void)guarded(false, [&] { return (void)data->processOutgoing(), true; });
     return false;
@@ -284,7 +349,7 @@ ConveyContext* Convey::getContext() const {
 
 void Convey::setContext(ConveyContext* context) {
     ConveyContext* const old = data_->context();
-    if (context == nullptr || context == old) {
+    if (context == nullptr || context == old || data_->isClosed()) {
         return;
     }
     if (old != nullptr) {

@@ -63,7 +63,7 @@ public:
     Outbox::Left carryOutgoing();
 
     bool incomingPending() const;
-    bool outgoingPending() const { return !outbox_.messages().isEmpty(); }
+    bool outgoingPending() const { return !isClosed() && !outbox_.messages().isEmpty(); }
 
     Convey::MsgHandler* findHandler(const SoString& type, uint32_t serialNumber) const;
     std::shared_ptr<HandlerSlot> findSlot(const SoString& type, uint32_t serialNumber) const;

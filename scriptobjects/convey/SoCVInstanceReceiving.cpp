@@ -69,6 +69,9 @@ void presentReply(Message& message, const Reply& reply, Kind kind) {
 } // namespace
 
 bool PrivateData::incomingPending() const {
+    if (isClosed()) {
+        return false; // what it has is nobody's any more
+    }
     if (!incoming_.isEmpty() || conversations_.isWatching()) {
         return true;
     }

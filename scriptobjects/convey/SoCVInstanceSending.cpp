@@ -51,7 +51,7 @@ void PrivateData::complete(Message& message) const {
 
 bool PrivateData::send(Message& message, bool mayLaunch, uint32_t waitSeconds,
                        const SoString* launchParameters) {
-    if (isEmptyRequest(message)) {
+    if (isClosed() || isEmptyRequest(message)) {
         return false;
     }
     complete(message); // before anything can fail: the error has to find its way back

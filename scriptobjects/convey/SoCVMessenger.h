@@ -26,8 +26,11 @@ enum EnabledOperations : int32_t {
 // receives them at a port of its own and hands them to handlers. Its static operations are the
 // layer as a host program sees it: start and stop, and questions about the registered applications.
 //
-// An instance belongs to a context, which deletes it at the end of the layer if its owner has not
-// done so. It owns its queues, its stream and the handlers registered with it. Handlers run on the
+// An instance belongs to a context. At the end of the layer the context deletes it when it was made
+// by `new` and its owner has not done so; one that lives on the stack or in another object is
+// closed instead: it has no context any more, its operations do nothing and give neutral values,
+// also when the layer is started again, and its owner destroys it when it likes. It owns its
+// queues, its stream and the handlers registered with it. Handlers run on the
 // thread that pumps, with no lock of the layer held: they may send, ping, add and remove handlers
 // and delete their own instance.
 //
@@ -57,9 +60,9 @@ public:
         // is no failure: there is less to offer then.
         static bool init(const SoString& appSpecifier, bool synchronous);
 
-        // Stops the layer and deletes the instances that are left; false when it is not started,
-        // on the background thread, and within a handler: the thread that pumps would come back to
-        // what is gone.
+        // Stops the layer and deletes or closes the instances that are left; false when it is not
+        // started, on the background thread, and within a handler: the thread that pumps would come
+        // back to what is gone. Other threads that wait in `send` or pump return.
         static bool exit();
     };
 
@@ -95,6 +98,12 @@ public:
     Convey(const char* appName, MsgHandler* handler, bool isMain, ConveyContext* context);
     // Gives the name back at once; messages that wait are dropped.
     ~Convey() override;
+
+    // Notes what is made by `new`, which the layer's end deletes; throws like that of SoHeap.
+    static void* operator new(size_t bytes);
+    static void* operator new(size_t, void* place) noexcept { return place; }
+    static void operator delete(void* p) noexcept;
+    static void operator delete(void*, void*) noexcept {}
 
     // Sends a message: to an instance of this process, over the target's port, or into the queue of
     // those that wait for their target. Completes the message (target, sender, serial number). True
@@ -148,7 +157,7 @@ public:
     bool deleteHandlers(uint32_t serialNumber);
 
     ConveyContext* getContext() const;
-    // Moves the instance to another context; null is ignored.
+    // Moves the instance to another context; null is ignored, and one that was closed stays so.
     void setContext(ConveyContext* context);
 
     // Appends the instance's rows of the diagnostics text.
@@ -234,8 +243,10 @@ public:
     static void setCapsFolder(const SoString& folder);
     static SoString getCapsFolder();
 
-    // For the layer's own parts: the shared state of the instance, and a message sent by the main
-    // instance, if there is one.
+    // For the layer's own parts: the end of its context, which deletes or closes it.
+    void endWithContext();
+    // The same: the shared state of the instance, and a message sent by the main instance, if there
+    // is one.
     const std::shared_ptr<ConveyData::PrivateData>& data() const { return data_; }
     static bool sendThroughMainInstance(Message& message);
 

@@ -256,6 +256,7 @@ uint32_t Convey::getProcessID(const char* target) {
 }
 
 bool Convey::pump(EnabledOperations operations, ConveyContext* context) {
+    const ConveyContext::Visit visit;
     if (context == nullptr) {
         context = ConveySetupThread::isSetupThreadRunning() ? nullptr
                                                             : ConveyContext::getCurrentContext();
@@ -289,6 +290,7 @@ bool Convey::pump(EnabledOperations operations, ConveyContext* context) {
 }
 
 bool Convey::pumpOrWait(uint32_t milliseconds, ConveyContext* context) {
+    const ConveyContext::Visit visit;
     ConveyContext* const current =
         context != nullptr ? context : ConveyContext::getCurrentContext();
     if (current == nullptr) {

@@ -44,7 +44,7 @@ private:
 
 class ConversationTest : public testing::Test {
 protected:
-    ConversationTest() : layer("own-1.0", {"own-1.0", "other-2.0"}) {
+    ConversationTest() : layer("own-1.0", {"own-1.0", "other-2.0", "third-3.0"}) {
         delete other.changeHandler(new Handler(
             [](int, Message&, SoString* result) {
                 *result = "answer";
@@ -170,6 +170,104 @@ TEST_F(ConversationTest, aWaitTellsHowItEnded) {
         EXPECT_EQ(calls, c.expected ? 1 : 0);
         pumpAll();
     }
+}
+
+// Whoever ends them, a wait ends with its instance and with the layer, and at once.
+TEST_F(ConversationTest, aWaitEndsWithItsInstanceAndWithTheLayer) {
+    InterAppStream silent("third-3.0"); // takes requests, and answers none
+    auto* asker = new Convey("own-1.0", nullptr, false, nullptr);
+    Convey local("own-1.0", nullptr, false, nullptr);
+    const struct {
+        const char* why;
+        std::function<Convey*()> asking;
+        std::function<void()> meanwhile;
+    } cases[] = {
+        {"a handler deletes the instance", [&] { return asker; },
+         [&] {
+             handle([&](int, Message&, SoString*) { return delete asker, 0; });
+             Message message = request(0, "");
+             message.setTarget("own-1.0");
+             EXPECT_TRUE(own.send(message, false, 0, nullptr));
+         }},
+        {"another thread deletes it",
+         [&] { return asker = new Convey("own-1.0", nullptr, false, nullptr); },
+         [&] { delete asker; }},
+        {"the layer ends, and with it the instance",
+         [] { return new Convey("own-1.0", nullptr, false, nullptr); },
+         [] { EXPECT_TRUE(Convey::InitTerm::exit()); }},
+        {"the layer has ended before", [&] { return &local; }, [] {}},
+    };
+    uint32_t number = 100;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.why);
+        Convey* const instance = c.asking();
+        delete instance->changeHandler(
+            new Handler([](int, Message&, SoString*) { return 0; }, "Result", ++number));
+        bool answered = true;
+        std::atomic<bool> isOver{false};
+        const auto start = std::chrono::steady_clock::now();
+        std::thread asking([&] {
+            Message message = request(number, "Result");
+            message.setTarget("third-3.0");
+            answered = instance->send(message, false, 60, nullptr);
+            isOver = true;
+        });
+        while (!silent.messagePending() && !isOver) {
+            std::this_thread::yield();
+        }
+        if (!isOver) {
+            (void)silent.receive();
+        }
+        c.meanwhile();
+        asking.join();
+        EXPECT_FALSE(answered);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+    }
+}
+
+TEST_F(ConversationTest, anInstanceThatIsNotOnTheHeapOutlivesTheLayer) {
+    class Host { // what is part of something else is not its own block of memory
+    public:
+        Convey instance{"own-1.0", nullptr, false, nullptr};
+    };
+    auto host = std::make_unique<Host>();
+    std::atomic<int> deleted{0};
+    class Derived : public Convey {
+    public:
+        explicit Derived(std::atomic<int>& deleted)
+            : Convey("own-1.0", nullptr, false, nullptr), deleted_(deleted) {}
+        ~Derived() override { ++deleted_; }
+
+    private:
+        std::atomic<int>& deleted_;
+    };
+    const Derived local(deleted);
+    (void)new Derived(deleted);
+    Message waiting = request(0, "");
+    waiting.setTarget("own-1.0");
+    EXPECT_TRUE(own.send(waiting, false, 0, nullptr));
+    EXPECT_TRUE(own.messagePending());
+    EXPECT_TRUE(Convey::InitTerm::exit());
+    EXPECT_EQ(deleted, 1) << "what nobody else owns";
+    for (const bool again : {false, true}) {
+        if (again) {
+            EXPECT_TRUE(Convey::InitTerm::init("own-1.0", true));
+            own.setContext(Convey::getSharedContext());
+        }
+        Message message = request(0, "Result Timeout Error");
+        EXPECT_FALSE(own.send(message, true, 1, nullptr));
+        EXPECT_FALSE(own.processIncomingMessage(Convey::kAnySerialNumber, true));
+        EXPECT_FALSE(own.processOutgoingMessage());
+        EXPECT_FALSE(own.messagePending());
+        EXPECT_EQ(own.getContext(), nullptr);
+        EXPECT_EQ(own.getAppName(), "own-1.0");
+        handle([](int, Message&, SoString*) { return 0; });
+        EXPECT_NE(own.findHandler("Tessaly", kAny), nullptr);
+        EXPECT_TRUE(own.deleteHandlers(kAny));
+        host.reset();
+    }
+    const Convey successor("own-1.0", nullptr, true, nullptr);
+    EXPECT_EQ(successor.getAppName(), "own-1.0") << "the name is free";
 }
 
 TEST_F(ConversationTest, twoThreadsThatPumpDoNotTearOneApart) {
