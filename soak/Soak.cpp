@@ -56,6 +56,7 @@ struct Span {
 // What happened to one of the names: when it was stopped or without a process, and when it lived.
 struct History {
     std::vector<Span> disturbed;
+    std::vector<int64_t> kills;
     std::vector<Span> lives;
 
     bool wasDisturbed(const Span& span) const {
@@ -217,6 +218,7 @@ private:
         case 0:
             endStop(index);
             histories_[index].disturbed.push_back({monotonicNow(), monotonicNow()});
+            histories_[index].kills.push_back(monotonicNow());
             kill(worker.pid, SIGKILL);
             waitpid(worker.pid, nullptr, 0);
             ++kills_;
@@ -371,7 +373,7 @@ private:
                                              : "an answer to a predecessor: ") +
                               id);
                 } else if (kind == "B" || kind == "D") {
-                    noteLife(histories_[i].lives, kind == "B", std::stoll(id));
+                    noteLife(histories_[i], kind == "B", std::stoll(id));
                 }
             }
         }
@@ -382,31 +384,32 @@ private:
         }
         for (const auto& [kind, ids] : told) {
             for (const auto& [id, times] : ids) {
-                if (times != 1) {
-                    violation("told " + std::to_string(times) + " times (" + kind + "): " + id);
+                // A time that has run out at both ends at once may be told by both.
+                if (kind == "A" && times != 1) {
+                    violation("answered " + std::to_string(times) + " times: " + id);
                 }
                 if (kind == "A" && handled.count(id) == 0) {
                     violation("acknowledged, and not handled: " + id);
                 }
             }
         }
-        judgeTimeouts();
+        judgeTimeouts(handled);
         judgeResources();
     }
 
-    // A life of a process that was killed has no end of its own: it ends with the kill, which is a
-    // disturbance.
-    static void noteLife(std::vector<Span>& lives, bool begins, int64_t time) {
+    // A life of a process that was killed has no end of its own: it ends with the kill.
+    static void noteLife(History& history, bool begins, int64_t time) {
         if (begins) {
-            lives.push_back({time, INT64_MAX});
-        } else if (!lives.empty()) {
-            lives.back().until = time;
+            const auto kill = std::lower_bound(history.kills.begin(), history.kills.end(), time);
+            history.lives.push_back({time, kill == history.kills.end() ? INT64_MAX : *kill});
+        } else if (!history.lives.empty()) {
+            history.lives.back().until = time;
         }
     }
 
     // The time of a request runs out only when one of the two was killed or stopped meanwhile, or
     // when the target's layer ended before it surely came to the request.
-    void judgeTimeouts() {
+    void judgeTimeouts(const std::map<std::string, int>& handled) {
         for (unsigned i = 0; i < workers_.size(); ++i) {
             std::ifstream lines(journal(i));
             for (std::string line; std::getline(lines, line);) {
@@ -420,8 +423,10 @@ private:
                 }
                 if (!histories_[i].wasDisturbed(span) && !histories_[target].wasDisturbed(span) &&
                     histories_[target].livedThroughout({span.from, span.from + kSurelyHandled})) {
-                    violation("timed out between two that ran: " + id + " to " +
-                              std::to_string(target) + ", sent at " + std::to_string(span.from));
+                    violation(
+                        "timed out between two that ran: " + id + " to " + std::to_string(target) +
+                        (handled.count(id) != 0 ? ", handled" : ", not handled") + ", sent at " +
+                        std::to_string(span.from) + ", told at " + std::to_string(span.until));
                 }
             }
         }
