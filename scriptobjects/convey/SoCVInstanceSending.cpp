@@ -13,6 +13,8 @@
 #include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVInstanceParts.h"
+#include "scriptobjects/convey/SoCVLaunching.h"
+#include "scriptobjects/convey/SoCVResolution.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/convey/SoCVThread.h"
 #include "scriptobjects/convey/SoCVWords.h"
@@ -185,16 +187,19 @@ Delivery PrivateData::deliver(const Message& message, const SoString& text, bool
 
 Delivery PrivateData::queueForLaunch(const Message& message, uint32_t waitSeconds,
                                      const SoString* launchParameters) {
-    const SoString& target = message.getTarget();
     if (!outbox_.hasRoom()) {
         sendError(message, "ERROR: TOO MANY MESSAGES WAIT", kSendFailed, waitSeconds);
         return Delivery::refused;
     }
-    if (!Specifier(target.c_str(), false).isRunning()) {
+    CVResolution target = CVResolution::ofCompleted(message.getTarget());
+    if (!target.isRunning()) {
         logEvent("TARGET IS NOT RUNNING", message);
-        if (Convey::launchTarget(target.c_str(),
-                                 launchParameters != nullptr ? launchParameters->c_str() : "", 0,
-                                 context()) != 1) {
+        ConveyContext* const own = this->context();
+        ConveyContext* const context = own != nullptr ? own : ConveyContext::getCurrentContext();
+        if (context == nullptr ||
+            ConveyUtils::launchResolved(
+                target, launchParameters != nullptr ? launchParameters->c_str() : "", 0,
+                *context) != 1) {
             sendError(message, "ERROR: TARGET COULD NOT BE LAUNCHED", kSendFailed, waitSeconds);
             return Delivery::refused;
         }

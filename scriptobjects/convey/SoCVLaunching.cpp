@@ -1,6 +1,8 @@
 #include "scriptobjects/convey/SoCVLaunching.h"
 
+#include <cstring>
 #include <memory>
+#include <new>
 #include <string_view>
 
 #include "limits/Limits.h"
@@ -8,17 +10,26 @@
 #include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoCVResolution.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/convey/SoCVThread.h"
 #include "scriptobjects/convey/SoCVUtilsCore.h"
 #include "scriptobjects/convey/SoCVWords.h"
 
-namespace ScObjects::ConveyData {
+namespace ScObjects {
 namespace {
 
+constexpr size_t kMaximumTargetBytes = limits::of("launch.target");
+constexpr size_t kMaximumParameterBytes = limits::of("launch.parameters");
 constexpr uint32_t kLaunchSeconds = limits::of("launch.age");
 // This application is launched without parameters and fetches them by itself.
 constexpr const char* kLaunchedWithoutParameters = "docsafe-8.0";
+// What a caller writes into the parameters to have it so for any application.
+constexpr std::string_view kNoParameters = "-noparam";
+
+bool isTooLong(const char* parameters) {
+    return parameters != nullptr && std::strlen(parameters) > kMaximumParameterBytes;
+}
 
 // The parameters of an application that is being launched, as it finds them.
 SoString launchParametersFor(const Convey::Specifier& target, const char* parameters) {
@@ -45,31 +56,30 @@ SoString pathOf(const Convey::Specifier& target, const SoString& own) {
 }
 
 // Queues the parameters for the target, which fetches them when it starts.
-void queueLaunchParameters(ConveyContext& context, PrivateData& main,
+void queueLaunchParameters(ConveyContext& context, ConveyData::PrivateData& main,
                            const Convey::Specifier& target, const SoString& parameters) {
     auto message = std::make_unique<Convey::Message>();
     message->setTarget(ConveyUtils::getLaunchMsgQueueName(target));
     message->setSender(main.appName());
-    message->setType(CV_TYPE_LAUNCH_PARAMETERS);
+    message->setType(ConveyData::CV_TYPE_LAUNCH_PARAMETERS);
     message->setSerialNumber(context.getNextSerialNumber());
     message->setTimeout(kLaunchSeconds);
     message->setBody(parameters);
     (void)main.queueOutgoing(std::move(message)); // it has a target and a sender
 }
 
-} // namespace
-
-int32_t launch(const char* targetText, const char* parameters, int32_t focus,
+int32_t launch(const CVResolution& resolution, const char* parameters, int32_t focus,
                ConveyContext& context) {
     const auto main = context.pinMain();
-    Convey::Specifier target(targetText, true);
-    if (main == nullptr || target.isEmpty() || context.pin(target) != nullptr) {
+    if (main == nullptr || isTooLong(parameters) || resolution.specifier().isEmpty() ||
+        context.pin(resolution.specifier()) != nullptr) {
         return 0;
     }
-    (void)target.setSuffix(SoString());
-    if (target.isRunning()) {
+    CVResolution application = resolution.withoutSuffix();
+    if (application.isRunning()) {
         return 1;
     }
+    const Convey::Specifier& target = application.specifier();
     ConveyConnector* const connector = ConveyConnector::get();
     if (connector == nullptr || pathOf(target, context.getAppSpecifier()).isEmpty()) {
         return 0;
@@ -83,7 +93,7 @@ int32_t launch(const char* targetText, const char* parameters, int32_t focus,
     (void)thread->setKeyValuePair(key, text);
     (void)thread->setTimeout(key, kLaunchSeconds);
     const bool withoutParameters = target == kLaunchedWithoutParameters ||
-                                   text.view().find("-noparam") != std::string_view::npos;
+                                   text.view().find(kNoParameters) != std::string_view::npos;
     queueLaunchParameters(context, *main, target, text);
     const int32_t result = connector->launchTarget(target, withoutParameters ? SoString() : text,
                                                    focus == 0, &context);
@@ -93,4 +103,23 @@ int32_t launch(const char* targetText, const char* parameters, int32_t focus,
     return result;
 }
 
-} // namespace ScObjects::ConveyData
+} // namespace
+
+int32_t ConveyUtils::launchNamed(const char* target, const char* parameters, int32_t focus,
+                                 ConveyContext& context) {
+    if (std::strlen(target) > kMaximumTargetBytes || isTooLong(parameters)) {
+        return 0; // before anything is asked of the registry
+    }
+    return launchResolved(CVResolution(target), parameters, focus, context);
+}
+
+int32_t ConveyUtils::launchResolved(const CVResolution& resolution, const char* parameters,
+                                    int32_t focus, ConveyContext& context) {
+    try {
+        return launch(resolution, parameters, focus, context);
+    } catch (const std::bad_alloc&) {
+        return 0; // the sender's message gets its error instead of an exception
+    }
+}
+
+} // namespace ScObjects

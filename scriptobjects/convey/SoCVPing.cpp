@@ -12,9 +12,11 @@
 #include "platform/Random.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVMessenger.h"
+#include "scriptobjects/convey/SoCVResolution.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/convey/SoCVThread.h"
 #include "scriptobjects/convey/SoCVUtilsCore.h"
+#include "scriptobjects/convey/SoCVWords.h"
 #include "scriptobjects/core/SoNumber.h"
 #include "scriptobjects/stream/InterAppStream.h"
 
@@ -23,8 +25,6 @@ namespace {
 
 using Message = Convey::Message;
 
-constexpr const char* kAllTargets = "allRunningApps";
-constexpr const char* kTimeout = "Timeout";
 // A target that owns its name and does not listen yet is asked again after this.
 constexpr auto kRetryPause = std::chrono::milliseconds(5);
 
@@ -71,7 +71,7 @@ public:
         friend class PingExchange;
 
         bool isAnsweredBy(const Message& message) const {
-            const SoString number = message.getUserHeaderValue(kPingNumberHeader);
+            const SoString number = message.getUserHeaderValue(ConveyData::CV_PING_NUMBER);
             return !answered_ && message.getSender() == destination_ &&
                    (number.isEmpty() || parseUnsigned32(number.c_str()) == number_);
         }
@@ -173,11 +173,30 @@ SoString withoutSuffix(const SoString& name) {
     return SoString(text.data(), static_cast<int32_t>(std::min(text.find('#'), text.size())));
 }
 
+// Whether nobody owns the port of the target's background thread.
+bool isThreadAbsent(const InterAppStream& stream, const CVResolution& target,
+                    const SoString& destination) {
+    switch (target.specifier().suffix().isEmpty() ? target.presence() : CVPresence::unknown) {
+    case CVPresence::absent:
+        return true;
+    case CVPresence::thread:
+        return false;
+    default: // of the other ways to run, none says that it answers pings
+        return stream.canOpen(destination, false);
+    }
+}
+
+// A name that nobody has completed, or one that is registered without a path, may stand for another
+// registration that has one.
+bool isInstalled(const Convey::Specifier& target) {
+    return target.isInstalled() || Convey::Specifier(target.c_str(), true).isInstalled();
+}
+
 // Asks one target; the answer, or why there is none.
-SoString askOne(InterAppStream& stream, Message& message, const SoString& target,
+SoString askOne(InterAppStream& stream, Message& message, const CVResolution& target,
                 int32_t timeoutSeconds) {
     const int64_t end = now() + int64_t{1000} * std::max(timeoutSeconds, 0);
-    const SoString destination = ConveyThread::createThreadSpecifier(target);
+    const SoString destination = ConveyThread::createThreadSpecifier(target.specifier());
     if (destination.isEmpty()) {
         return SoString(ConveyThread::CV_INVALIDSPEC);
     }
@@ -190,10 +209,9 @@ SoString askOne(InterAppStream& stream, Message& message, const SoString& target
     if (!message.writeToString(text)) {
         return SoString(ConveyThread::CV_MSGTOSTRINGERROR);
     }
-    if (stream.canOpen(destination, false)) { // nobody owns it
-        return SoString(Convey::Specifier(target.c_str(), true).isInstalled()
-                            ? ConveyThread::CV_ISNOTRUNNING
-                            : ConveyThread::CV_ISNOTINSTALLED);
+    if (isThreadAbsent(stream, target, destination)) {
+        return SoString(isInstalled(target.specifier()) ? ConveyThread::CV_ISNOTRUNNING
+                                                        : ConveyThread::CV_ISNOTINSTALLED);
     }
     PingExchange::Question question(PingExchange::instance(), stream, destination,
                                     message.getSerialNumber());
@@ -209,7 +227,7 @@ SoString askOne(InterAppStream& stream, Message& message, const SoString& target
         return SoString(ConveyThread::CV_UNDEFINED);
     }
     SoString answer;
-    return question.await(end, answer) ? answer : SoString(kTimeout);
+    return question.await(end, answer) ? answer : SoString(ConveyData::CV_PING_TIMEOUT);
 }
 
 bool isAnswer(const SoString& result) {
@@ -220,6 +238,22 @@ bool isAnswer(const SoString& result) {
         }
     }
     return true;
+}
+
+// The question, but for its target.
+Message newQuestion(const InterAppStream& stream, bool request, const SoString& key,
+                    uint32_t serialNumber, int32_t timeoutSeconds, const SoString* parameters) {
+    Message message;
+    message.setSender(stream.getName());
+    message.setType(ConveyThread::CV_PING);
+    message.setSerialNumber(serialNumber);
+    message.setTimeout(static_cast<uint32_t>(timeoutSeconds));
+    message.setHeader(request ? ConveyThread::CV_ECHO_REQUEST : ConveyThread::CV_ECHO_RESPONSE,
+                      key.isEmpty() ? ConveyThread::CV_ECHO_REQUEST : key.c_str());
+    if (parameters != nullptr && !parameters->isEmpty()) {
+        message.setBody(*parameters);
+    }
+    return message;
 }
 
 } // namespace
@@ -233,6 +267,16 @@ uint32_t newPingNumber() {
     return next.fetch_add(1) & 0x7FFFFFFF; // never the number that stands for none
 }
 
+SoString ConveyUtils::pingResolved(const CVResolution& target, const SoString& key,
+                                   int32_t timeoutSeconds, const SoString* parameters) {
+    InterAppStream* const stream = InterAppStream::get();
+    if (stream == nullptr || !stream->isGood()) {
+        return SoString(ConveyThread::CV_NOINTERAPPSTREAM);
+    }
+    Message message = newQuestion(*stream, true, key, newPingNumber(), timeoutSeconds, parameters);
+    return askOne(*stream, message, target, timeoutSeconds);
+}
+
 SoString ConveyUtils::ping(const SoString& target, bool request, const SoString& key,
                            uint32_t serialNumber, int32_t timeoutSeconds,
                            const SoString* parameters, int32_t* answered) {
@@ -244,21 +288,12 @@ SoString ConveyUtils::ping(const SoString& target, bool request, const SoString&
     if (stream == nullptr || !stream->isGood()) {
         return result;
     }
-    Message message;
-    message.setSender(stream->getName());
-    message.setType(ConveyThread::CV_PING);
-    message.setSerialNumber(serialNumber);
-    message.setTimeout(static_cast<uint32_t>(timeoutSeconds));
-    message.setHeader(request ? ConveyThread::CV_ECHO_REQUEST : ConveyThread::CV_ECHO_RESPONSE,
-                      key.isEmpty() ? ConveyThread::CV_ECHO_REQUEST : key.c_str());
-    if (parameters != nullptr && !parameters->isEmpty()) {
-        message.setBody(*parameters);
-    }
-    const bool all = target == kAllTargets;
+    Message message = newQuestion(*stream, request, key, serialNumber, timeoutSeconds, parameters);
+    const bool all = target == kPingAll;
     const int32_t targets = all ? Convey::getNumberOfRegisteredApplications() : 1;
     for (int32_t i = 0; i < targets; ++i) {
-        result = askOne(*stream, message, all ? Convey::getApplicationSpecifier(i) : target,
-                        timeoutSeconds);
+        const SoString name = all ? Convey::getApplicationSpecifier(i) : target;
+        result = askOne(*stream, message, CVResolution::ofCompleted(name), timeoutSeconds);
         if (answered != nullptr && isAnswer(result)) {
             ++*answered;
         }

@@ -5,6 +5,7 @@
 
 #include "scriptobjects/connector/SoCVConnector.h"
 #include "scriptobjects/convey/SoCVContext.h"
+#include "scriptobjects/convey/SoCVResolution.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/convey/SoCVUtils.h"
 #include "scriptobjects/core/SoNumber.h"
@@ -172,6 +173,9 @@ public:
     ~FixUpScope() { --fixUpDepth; }
     FixUpScope(const FixUpScope&) = delete;
     FixUpScope& operator=(const FixUpScope&) = delete;
+
+private:
+    const CVFindings findings_; // its steps may ask for one application more than once
 };
 
 Convey::Specifier Convey::Specifier::explain(const char* text, SoVector<SoString>& steps) {

@@ -5,6 +5,7 @@
 #include "scriptobjects/convey/SoCVLauncher.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVPing.h"
+#include "scriptobjects/convey/SoCVResolution.h"
 #include "scriptobjects/convey/SoCVSetupThread.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/convey/SoCVThread.h"
@@ -64,6 +65,34 @@ bool probe(const SoString& own, const SoString& target, const char* type, uint32
     return stream->send(target, text, 0) || !stream->canOpen(target, false);
 }
 
+CVPresence lookFor(const Convey::Specifier& target) {
+    SoString own;
+    uint32_t serial = 0;
+    ConveyContext* const context =
+        ConveySetupThread::isSetupThreadRunning() ? nullptr : ConveyContext::getCurrentContext();
+    if (context != nullptr) {
+        own = context->getAppSpecifier();
+        serial = context->getNextSerialNumber();
+    } else {
+        own = "Unknown";
+        own << ConveyUtils::getUTCTimeMilliSeconds();
+    }
+    if (own == target) {
+        return CVPresence::own;
+    }
+    if (target.suffix().isEmpty()) {
+        if (isProcessOf(target)) {
+            return CVPresence::process;
+        }
+        if (probe(own, ConveyThread::createThreadSpecifier(target), ConveyThread::CV_PING,
+                  serial)) {
+            return CVPresence::thread;
+        }
+    }
+    return probe(own, target, ConveyData::CV_TYPE_PLAIN, serial) ? CVPresence::endpoint
+                                                                 : CVPresence::absent;
+}
+
 } // namespace
 
 SoString Convey::Specifier::group(SoString* detail) const {
@@ -103,24 +132,12 @@ bool Convey::Specifier::isRunning() const {
     if (isEmpty()) {
         return false;
     }
-    SoString own;
-    uint32_t serial = 0;
-    ConveyContext* const context =
-        ConveySetupThread::isSetupThreadRunning() ? nullptr : ConveyContext::getCurrentContext();
-    if (context != nullptr) {
-        own = context->getAppSpecifier();
-        serial = context->getNextSerialNumber();
-    } else {
-        own = "Unknown";
-        own << ConveyUtils::getUTCTimeMilliSeconds();
+    CVPresence presence = CVFindings::of(*this);
+    if (presence == CVPresence::unknown) {
+        presence = lookFor(*this);
+        CVFindings::note(*this, presence);
     }
-    if (own == *this) {
-        return true;
-    }
-    return (suffix().isEmpty() &&
-            (isProcessOf(*this) || probe(own, ConveyThread::createThreadSpecifier(*this),
-                                         ConveyThread::CV_PING, serial))) ||
-           probe(own, *this, ConveyData::CV_TYPE_PLAIN, serial);
+    return presence != CVPresence::absent;
 }
 
 bool Convey::Specifier::isBusy() const {

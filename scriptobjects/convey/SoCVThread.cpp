@@ -296,7 +296,7 @@ bool ConveyThread::answerPings() {
 void ConveyThread::answerPing(Message& message) {
     // A background thread asks nothing: what comes from one is an answer, and answering that would
     // go on for ever.
-    if (!message.getUserHeaderValue(kPingNumberHeader).isEmpty() ||
+    if (!message.getUserHeaderValue(ConveyData::CV_PING_NUMBER).isEmpty() ||
         message.getSender().view().ends_with(kThreadSuffix)) {
         return;
     }
@@ -409,7 +409,8 @@ bool ConveyThread::sendResponse(const Message& request, const SoString& value) {
     answer->setBody(request.getBody());
     answer->setHeader(CV_ECHO_REQUEST, value.c_str());
     // Which of the asker's questions this answers: it may have asked before and given up.
-    answer->setHeader(kPingNumberHeader, static_cast<unsigned long>(request.getSerialNumber()));
+    answer->setHeader(ConveyData::CV_PING_NUMBER,
+                      static_cast<unsigned long>(request.getSerialNumber()));
     answer->setSerialNumber(answer->getNextSerialNumber(context_.load()));
     // Kept for as long as its asker waits, within a bound.
     answer->setTimeout(std::clamp(request.getTimeout(), uint32_t{1}, kLongestAnswerSeconds));

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstring>
 #include <new>
 #include <string>
 
@@ -15,6 +14,8 @@
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVLaunching.h"
 #include "scriptobjects/convey/SoCVMessageGlobals.h"
+#include "scriptobjects/convey/SoCVPing.h"
+#include "scriptobjects/convey/SoCVResolution.h"
 #include "scriptobjects/convey/SoCVSetupThread.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/convey/SoCVThread.h"
@@ -27,10 +28,7 @@
 namespace ScObjects {
 namespace {
 
-constexpr size_t kMaximumTargetBytes = limits::of("launch.target");
-constexpr size_t kMaximumParameterBytes = limits::of("launch.parameters");
 constexpr uint32_t kRefreshSeconds = limits::of("registry.refresh");
-
 constinit std::atomic<uint32_t> gLastRefresh{0}; // seconds since 1970
 
 // What `InitTerm::init` has started, in the reverse order.
@@ -189,8 +187,9 @@ SoString Convey::Thread::ping(const char* target, const char* key, int32_t timeo
             return SoString();
         }
         const SoString name(target);
-        const SoString whole = name == "allRunningApps" ? name : Specifier(target, true);
-        return thread->ping(whole, SoString(key), timeoutSeconds, parameters);
+        return name == kPingAll ? thread->ping(name, SoString(key), timeoutSeconds, parameters)
+                                : ConveyUtils::pingResolved(CVResolution(target), SoString(key),
+                                                            timeoutSeconds, parameters);
     });
 }
 
@@ -229,18 +228,14 @@ bool Convey::sendThroughMainInstance(Message& message) {
 }
 
 bool Convey::targetIsRunning(const char* target) {
-    return guarded(false, [target] { return Specifier(target, true).isRunning(); });
+    return guarded(false, [target] { return CVResolution(target).isRunning(); });
 }
 
 int32_t Convey::launchTarget(const char* target, const char* parameters, int32_t focus,
                              ConveyContext* context) {
-    if (target == nullptr || std::strlen(target) > kMaximumTargetBytes ||
-        (parameters != nullptr && std::strlen(parameters) > kMaximumParameterBytes)) {
-        return 0;
-    }
     context = context != nullptr ? context : ConveyContext::getCurrentContext();
-    return context == nullptr ? 0 : guarded(0, [&] {
-        return ConveyData::launch(target, parameters, focus, *context);
+    return target == nullptr || context == nullptr ? 0 : guarded(0, [&] {
+        return ConveyUtils::launchNamed(target, parameters, focus, *context);
     });
 }
 
