@@ -28,12 +28,16 @@ install(CODE "
     endforeach()
 " COMPONENT tools)
 
-install(FILES tools/convey/completion/convey.bash RENAME convey
-    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
-install(FILES tools/convey/completion/_convey
-    DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT tools)
-install(FILES tools/convey/completion/convey.fish
-    DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT tools)
+foreach(completion tools/convey/completion/convey caps/tool/completion/ovrel-caps)
+    cmake_path(GET completion FILENAME program)
+    cmake_path(GET completion PARENT_PATH folder)
+    install(FILES ${completion}.bash RENAME ${program}
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
+    install(FILES ${folder}/_${program}
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT tools)
+    install(FILES ${completion}.fish
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT tools)
+endforeach()
 
 # find_package(Convey): the layer needs nothing of its users but a compiler.
 include(CMakePackageConfigHelpers)

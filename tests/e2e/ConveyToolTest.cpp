@@ -360,13 +360,21 @@ TEST_F(ConveyToolTest, completesInBash) {
         {"convey wait lumen --until g", 4, "gone\n"},
         {"convey monitor --e", 2, "--errors\n"},
         {"convey --json resolve kivrat", 3, "kivratool-7.0\n"},
+        {"ovrel-caps diff --j", 2, "--json\n"},
+        {"ovrel-caps show kivra-", 2, "kivra-7.0\n"},
+        {"ovrel-caps import FILE --rule n", 4, "newer\n"},
+        {"ovrel-caps group add suite 7.0 vi", 5, "viewer-1.0\n"},
+        // What is registered in the database that the line names: none there.
+        {"ovrel-caps --database /nowhere/caps.db get kivra", 4, "\n"},
     };
     for (const auto& c : cases) {
+        const bool isCaps = std::string_view(c.words).starts_with("ovrel-caps");
         const ProcessResult result = runProcess(
             {"/bin/bash", "-c",
              std::string("PATH='") + std::filesystem::path(CONVEY_PROGRAM).parent_path().string() +
-                 "':$PATH; . '" BASH_COMPLETION "'; COMP_WORDS=(" + c.words + "); COMP_CWORD=" +
-                 std::to_string(c.current) + "; _convey; printf '%s\\n' \"${COMPREPLY[@]}\""});
+                 "':$PATH; . '" + (isCaps ? CAPS_BASH_COMPLETION : BASH_COMPLETION) +
+                 "'; COMP_WORDS=(" + c.words + "); COMP_CWORD=" + std::to_string(c.current) + "; " +
+                 (isCaps ? "_ovrel_caps" : "_convey") + "; printf '%s\\n' \"${COMPREPLY[@]}\""});
         EXPECT_EQ(result.out, c.expected) << c.words << result.err;
     }
 }
