@@ -7,6 +7,7 @@
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVUtils.h"
 #include "scriptobjects/convey/SoCVUtilsCore.h"
+#include "scriptobjects/convey/SoCVWords.h"
 
 // What the sources of the instance share.
 namespace ScObjects::ConveyData {
@@ -52,8 +53,8 @@ inline bool isEmptyRequest(const Convey::Message& message) {
 // Records an event with a message, and shows it to who watches events.
 inline void logEvent(const char* label, const Convey::Message& message) {
     ConveyUtils::logMessage(label, message, true);
-    if (ConveyUtils::isForwarding("FWDLOGS")) {
-        (void)ConveyUtils::forwardMessage(message, "FWDLOGS", "/log", label);
+    if (ConveyUtils::isForwarding(CV_FORWARD_LOGS)) {
+        (void)ConveyUtils::forwardMessage(message, CV_FORWARD_LOGS, "/log", label);
     }
 }
 

@@ -7,6 +7,7 @@
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVInstanceParts.h"
 #include "scriptobjects/convey/SoCVUtilsCore.h"
+#include "scriptobjects/convey/SoCVWords.h"
 #include "scriptobjects/stream/InterAppStream.h"
 
 namespace ScObjects::ConveyData {
@@ -107,7 +108,7 @@ void PrivateData::receiveTexts(SoString&& text) {
         if (message->getType() == CV_TYPE_WATCHER || !isForThisLife(*message)) {
             continue;
         }
-        (void)sendResponse(*message, "Received", nullptr);
+        (void)sendResponse(*message, CV_WANTS_RECEIVED, nullptr);
         logEvent("RECEIVE", *message);
         accept(std::move(message));
     }
@@ -197,12 +198,12 @@ void PrivateData::dispatch(const Message& message, Conversations::Turn& turn) {
     const int32_t code = slot->call(kind, copy, &result);
     const auto done = conversations_.handled(turn, message, slot); // a handler for one message
     if (code != 0) {
-        if (contains(message.getResponseRequest(), "Error")) {
+        if (contains(message.getResponseRequest(), CV_WANTS_ERROR)) {
             sendError(message, result.c_str(), code, 0);
-        } else if (ConveyUtils::isForwarding("FWDERRORS")) {
-            (void)ConveyUtils::forwardMessage(message, "FWDERRORS", kErrorRoot, result);
+        } else if (ConveyUtils::isForwarding(CV_FORWARD_ERRORS)) {
+            (void)ConveyUtils::forwardMessage(message, CV_FORWARD_ERRORS, kErrorRoot, result);
         }
-    } else if (contains(message.getResponseRequest(), "Result")) {
+    } else if (contains(message.getResponseRequest(), CV_WANTS_RESULT)) {
         (void)sendResult(message, result);
     }
 }

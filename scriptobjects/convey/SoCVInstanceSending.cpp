@@ -140,13 +140,13 @@ bool PrivateData::deliverLocally(const Message& message) {
     if (receiver == nullptr) {
         return false;
     }
-    if (contains(message.getResponseRequest(), "Received")) {
+    if (contains(message.getResponseRequest(), CV_WANTS_RECEIVED)) {
         auto received = std::make_unique<Message>(message);
         received->setTarget(message.getSender());
         received->setSender(message.getTarget());
         received->setResponseRequest(SoString());
         received->setTimeout(0);
-        received->setType("Received");
+        received->setType(CV_TYPE_RECEIVED);
         const std::shared_ptr<PrivateData> sender = context->pin(message.getSender());
         (sender != nullptr ? *sender : *this).accept(std::move(received));
     }

@@ -14,6 +14,7 @@
 #include "scriptobjects/convey/SoCVThread.h"
 #include "scriptobjects/convey/SoCVUtils.h"
 #include "scriptobjects/convey/SoCVUtilsCore.h"
+#include "scriptobjects/convey/SoCVWords.h"
 #include "scriptobjects/stream/InterAppStream.h"
 
 namespace ScObjects {
@@ -75,16 +76,17 @@ public:
     void begin(const SoString& specifier, const SoString& params) {
         const SoString queueName = ConveyUtils::getLaunchMsgQueueName(specifier);
         // All have a target and a sender, so none is refused.
-        (void)sender_.queueOutgoing(newMessage(queueName, "LaunchParams", params));
+        (void)sender_.queueOutgoing(
+            newMessage(queueName, ConveyData::CV_TYPE_LAUNCH_PARAMETERS, params));
 
-        process_ = newMessage(SoString(), "LaunchParams", params);
+        process_ = newMessage(SoString(), ConveyData::CV_TYPE_LAUNCH_PARAMETERS, params);
         processTarget_ = Convey::Specifier(specifier.c_str(), false).appName();
         processTarget_ << "#";
 
         SoString script("// ");
         script << key_ << "\n// " << params << "\n";
-        auto message = newMessage(specifier, "Tessaly", script);
-        message->setResponseRequest("Received");
+        auto message = newMessage(specifier, ConveyData::CV_TYPE_PLAIN, script);
+        message->setResponseRequest(ConveyData::CV_WANTS_RECEIVED);
         scriptSerial_ = message->getSerialNumber();
         watch(scriptSerial_, &queueName);
         (void)sender_.queueOutgoing(std::move(message));
@@ -105,8 +107,8 @@ public:
     // Nobody will come for the parameters: a target that is started by hand must not wait for them.
     void abandon() {
         if (scriptSerial_ != 0) {
-            deleteExactly(sender_, "Timeout", scriptSerial_);
-            deleteExactly(sender_, "Received", scriptSerial_);
+            deleteExactly(sender_, ConveyData::CV_TYPE_TIMEOUT, scriptSerial_);
+            deleteExactly(sender_, ConveyData::CV_TYPE_RECEIVED, scriptSerial_);
             sender_.unwatchTime(scriptSerial_);
         }
     }
@@ -264,7 +266,7 @@ void LaunchTimeoutMsgHandler::removePingKey() const {
 int32_t LaunchTimeoutMsgHandler::handleMessage(int /*event*/, Message& message, SoString* result) {
     removePingKey();
     if (const auto instance = receiverOf(message)) {
-        deleteExactly(*instance, "Received", serial_);
+        deleteExactly(*instance, ConveyData::CV_TYPE_RECEIVED, serial_);
     }
     if (result != nullptr) {
         *result = ConveyThread::CV_LAUNCHED;
@@ -284,10 +286,10 @@ int32_t LaunchReceivedMsgHandler::handleMessage(int /*event*/, Message& message,
     if (instance == nullptr) {
         return 0;
     }
-    deleteExactly(*instance, "Timeout", serial_);
+    deleteExactly(*instance, ConveyData::CV_TYPE_TIMEOUT, serial_);
     instance->unwatchTime(serial_);
     for (const uint32_t companion : companions_) {
-        deleteExactly(*instance, "Timeout", companion);
+        deleteExactly(*instance, ConveyData::CV_TYPE_TIMEOUT, companion);
         instance->unwatchTime(companion);
         dropOutgoing(*instance, companion);
     }

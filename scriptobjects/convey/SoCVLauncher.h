@@ -6,6 +6,7 @@
 
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVMessenger.h"
+#include "scriptobjects/convey/SoCVWords.h"
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoString.h"
 #include "scriptobjects/core/SoVector.h"
@@ -65,7 +66,7 @@ public:
 
     // Nobody received the message: stops waiting for that.
     int32_t handleMessage(int event, Convey::Message& message, SoString* result) override;
-    SoString getMsgType() const override { return "Timeout"; }
+    SoString getMsgType() const override { return ConveyData::CV_TYPE_TIMEOUT; }
     uint32_t getSerialNumber() const override { return serial_; }
 
 private:
@@ -85,7 +86,7 @@ public:
     void addCompanions(const SoVector<uint32_t>& companions);
 
     int32_t handleMessage(int event, Convey::Message& message, SoString* result) override;
-    SoString getMsgType() const override { return "Received"; }
+    SoString getMsgType() const override { return ConveyData::CV_TYPE_RECEIVED; }
     uint32_t getSerialNumber() const override { return serial_; }
 
 private:

@@ -5,19 +5,17 @@
 #include <utility>
 
 #include "scriptobjects/convey/SoCVUtils.h"
+#include "scriptobjects/convey/SoCVWords.h"
 
 namespace ScObjects::ConveyData {
 namespace {
 
 using Message = Convey::Message;
 
-constexpr std::string_view kWatcherType = "Ignore";
-constexpr std::string_view kUnreportedType = "Debug";
-constexpr std::string_view kTimeoutWord = "Timeout";
 constexpr int64_t kNever = INT64_MAX;
 
 bool isWatcher(const Message& message) {
-    return message.getType().view() == kWatcherType;
+    return message.getType() == CV_TYPE_WATCHER;
 }
 
 // The second at which the message expires; 0 for one that has expired from the start.
@@ -39,14 +37,14 @@ bool isRelated(const Message& message, uint32_t serial) {
 
 bool isSelfWatcher(const Message& message, uint32_t serial) {
     return message.getSerialNumber() == serial && static_cast<int32_t>(message.getTimeout()) > 0 &&
-           isWatcher(message) && message.getResponseRequest().view() == kTimeoutWord &&
+           isWatcher(message) && message.getResponseRequest() == CV_WANTS_TIMEOUT &&
            message.getTarget() == message.getSender();
 }
 
 // Whether the sender of an expired message is to be told: it has asked, and does not watch the time
 // itself.
 bool asksForNotice(const Message& message) {
-    return message.getResponseRequest().view().find(kTimeoutWord) != std::string_view::npos &&
+    return message.getResponseRequest().view().find(CV_WANTS_TIMEOUT) != std::string_view::npos &&
            !(message.getUserHeaderValue(CV_TIMEOUT_DETECTOR) == CV_DETECTOR_SENDER);
 }
 
@@ -69,7 +67,7 @@ public:
 
     void report(const Message& message, const char* event, const SoString& root) {
         if (listener_ != nullptr && !root.isEmpty() &&
-            !(message.getType().view() == kUnreportedType) && listener_->watchesTraffic()) {
+            !(message.getType().view() == CV_TYPE_DEBUG) && listener_->watchesTraffic()) {
             reports_.push_back({std::make_unique<Message>(message), event, root});
         }
     }
@@ -393,7 +391,7 @@ bool MessageQueue::keep(uint64_t position, uint32_t timestamp, uint32_t timeoutS
     Message& message = *found->message;
     message.setTimestamp(timestamp);
     message.setTimeout(timeoutSeconds);
-    message.setHeader("QUEUESTAMP", static_cast<unsigned long>(queueStamp));
+    message.setHeader(CV_QUEUESTAMP, static_cast<unsigned long>(queueStamp));
     noteDeadlineLocked(message);
     notices.report(message, "requeued", diagnosticsRoot_);
     return true;
@@ -409,7 +407,7 @@ int32_t MessageQueue::appendDiagnostics(SoString& out, const SoString& path) con
     int32_t written = 0;
     const ObjectLock guard(*this);
     for (const Entry& entry : entries_) {
-        if ((entry.message->getType() == "Log") == wantsLogs) {
+        if ((entry.message->getType() == CV_TYPE_LOG) == wantsLogs) {
             entry.message->appendDiagnostics(out, path);
             ++written;
         }

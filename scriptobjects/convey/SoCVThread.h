@@ -9,6 +9,7 @@
 #include "limits/Limits.h"
 #include "scriptobjects/convey/SoCVMessenger.h"
 #include "scriptobjects/convey/SoCVOutbox.h"
+#include "scriptobjects/convey/SoCVWords.h"
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoHeap.h"
 #include "scriptobjects/core/SoString.h"
@@ -46,7 +47,8 @@ public:
     static constexpr const char* CV_LAUNCHED = "LAUNCHED";
     static constexpr const char* CV_LAUNCHPARAMS = "LAUNCHPARAMS";
     static constexpr const char* CV_SETUPTIME = "SETUPTIME";
-    static constexpr const char* CV_PING = "ping"; // the type of pings and their answers
+    static constexpr const char* CV_PING =
+        ConveyData::CV_TYPE_PING; // the type of pings and their answers
     static constexpr const char* CV_NOINTERAPPSTREAM = "NOINTERAPPSTREAM";
     static constexpr const char* CV_INVALIDSPEC = "INVALIDSPEC";
     static constexpr const char* CV_UNDEFINED = "UNDEFINED";

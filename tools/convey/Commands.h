@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "scriptobjects/convey/SoCVWords.h"
 #include "tools/convey/Output.h"
 
 // The commands of the tool. Each starts the layer, does one thing and gives the exit status; throws
@@ -30,7 +31,7 @@ Exit ping(const Output& output, const PingOptions& options);
 
 struct SendOptions {
     std::string specifier;
-    std::string type = "Tessaly";
+    std::string type = ScObjects::ConveyData::CV_TYPE_PLAIN;
     std::vector<std::string> headers; // NAME=VALUE
     std::string body;                 // "-": what standard input gives
     bool hasBody = false;

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoCVWords.h"
 #include "tools/convey/Asking.h"
 #include "tools/convey/Commands.h"
 #include "tools/convey/Session.h"
@@ -109,15 +110,16 @@ public:
     explicit Replies(const Output& output) : output_(output) {}
 
     void watch(Convey& instance, uint32_t serial, const std::string& type) {
+        using namespace ScObjects::ConveyData;
         const struct {
             const char* type;
             bool ends;
             bool isGood;
-        } kinds[] = {{"Received", false, true},
-                     {"Result", false, true},
-                     {"Error", true, false},
-                     {"Timeout", true, false},
-                     {"Processed", true, true}};
+        } kinds[] = {{CV_TYPE_RECEIVED, false, true},
+                     {CV_TYPE_RESULT, false, true},
+                     {CV_TYPE_ERROR, true, false},
+                     {CV_TYPE_TIMEOUT, true, false},
+                     {CV_TYPE_PROCESSED, true, true}};
         for (const auto& kind : kinds) {
             // Replies to a message of a user's type carry that behind their own.
             for (const std::string& name : {std::string(kind.type), kind.type + type}) {
