@@ -71,6 +71,14 @@ struct History {
     }
 };
 
+// A request whose asker was told that its time is over.
+struct Timeout {
+    unsigned asker;
+    std::string id;
+    unsigned target;
+    Span span; // from when it was sent until when that was told
+};
+
 struct Worker {
     pid_t pid = -1;
     bool stopped = false;
@@ -354,7 +362,8 @@ private:
 
     void judge() {
         std::map<std::string, int> handled;
-        std::map<std::string, std::map<std::string, int>> told; // by the kind of the line
+        std::map<std::string, int> answered;
+        std::vector<Timeout> timeouts;
         for (unsigned i = 0; i < workers_.size(); ++i) {
             std::ifstream lines(journal(i));
             for (std::string line; std::getline(lines, line);) {
@@ -365,8 +374,12 @@ private:
                 ++events_[kind];
                 if (kind == "H") {
                     ++handled[id];
-                } else if (kind == "A" || kind == "T" || kind == "E") {
-                    ++told[kind][id];
+                } else if (kind == "A") {
+                    ++answered[id];
+                } else if (kind == "T") {
+                    Timeout timeout{i, id, 0, {}};
+                    words >> timeout.target >> timeout.span.from >> timeout.span.until;
+                    timeouts.push_back(timeout);
                 } else if (kind == "X" || kind == "S" || kind == "Z") {
                     violation((kind == "X"   ? "damaged: "
                                : kind == "S" ? "never heard of again: "
@@ -382,18 +395,15 @@ private:
                 violation("handled " + std::to_string(times) + " times: " + id);
             }
         }
-        for (const auto& [kind, ids] : told) {
-            for (const auto& [id, times] : ids) {
-                // A time that has run out at both ends at once may be told by both.
-                if (kind == "A" && times != 1) {
-                    violation("answered " + std::to_string(times) + " times: " + id);
-                }
-                if (kind == "A" && handled.count(id) == 0) {
-                    violation("acknowledged, and not handled: " + id);
-                }
+        for (const auto& [id, times] : answered) {
+            if (times != 1) {
+                violation("answered " + std::to_string(times) + " times: " + id);
+            }
+            if (handled.count(id) == 0) {
+                violation("acknowledged, and not handled: " + id);
             }
         }
-        judgeTimeouts(handled);
+        judgeTimeouts(timeouts, handled);
         judgeResources();
     }
 
@@ -409,26 +419,20 @@ private:
 
     // The time of a request runs out only when one of the two was killed or stopped meanwhile, or
     // when the target's layer ended before it surely came to the request.
-    void judgeTimeouts(const std::map<std::string, int>& handled) {
-        for (unsigned i = 0; i < workers_.size(); ++i) {
-            std::ifstream lines(journal(i));
-            for (std::string line; std::getline(lines, line);) {
-                std::istringstream words(line);
-                std::string kind;
-                std::string id;
-                unsigned target = 0;
-                Span span{};
-                if (!(words >> kind >> id >> target >> span.from >> span.until) || kind != "T") {
-                    continue;
-                }
-                if (!histories_[i].wasDisturbed(span) && !histories_[target].wasDisturbed(span) &&
-                    histories_[target].livedThroughout({span.from, span.from + kSurelyHandled})) {
-                    violation(
-                        "timed out between two that ran: " + id + " to " + std::to_string(target) +
-                        (handled.count(id) != 0 ? ", handled" : ", not handled") + ", sent at " +
-                        std::to_string(span.from) + ", told at " + std::to_string(span.until));
-                }
+    void judgeTimeouts(const std::vector<Timeout>& timeouts,
+                       const std::map<std::string, int>& handled) {
+        for (const Timeout& timeout : timeouts) {
+            const Span& span = timeout.span;
+            const History& target = histories_.at(timeout.target);
+            if (histories_[timeout.asker].wasDisturbed(span) || target.wasDisturbed(span) ||
+                !target.livedThroughout({span.from, span.from + kSurelyHandled})) {
+                continue;
             }
+            violation("timed out between two that ran: " + timeout.id + " to " +
+                      std::to_string(timeout.target) +
+                      (handled.count(timeout.id) != 0 ? ", handled" : ", not handled") +
+                      ", sent at " + std::to_string(span.from) + ", told at " +
+                      std::to_string(span.until));
         }
     }
 

@@ -53,6 +53,7 @@ void* loadLibrary() {
     USE(capsConfigRemoveAll)
 
 struct PCDWrapper::Functions {
+// NOLINTNEXTLINE(bugprone-macro-parentheses): it names the member
 #define CAPS_MEMBER(name) decltype(&::name) name = nullptr;
     CAPS_FUNCTIONS(CAPS_MEMBER)
 #undef CAPS_MEMBER

@@ -549,6 +549,7 @@ std::vector<std::unique_ptr<Message>> Conversations::takeExpired() {
     std::sort(expired.begin(), expired.end(),
               [](const auto& a, const auto& b) { return a.first > b.first; });
     std::vector<std::unique_ptr<Message>> messages;
+    messages.reserve(expired.size());
     for (auto& [order, message] : expired) {
         messages.push_back(std::move(message));
     }
@@ -566,6 +567,7 @@ std::vector<std::unique_ptr<Message>> Conversations::watchers() const {
         }
     }
     std::vector<std::unique_ptr<Message>> messages;
+    messages.reserve(ordered.size());
     for (auto& [order, message] : ordered) {
         messages.push_back(std::move(message));
     }

@@ -26,7 +26,7 @@ constexpr int kTextsAtOnce = limits::of("receive.texts");
 constexpr int32_t kDeepestWait = limits::of("handler.depth");
 
 // The kinds that handlers are told.
-enum Kind : int { kUserType, kRequest, kReceived, kResult, kError, kTimeout, kLog, kIdle };
+enum Kind : uint8_t { kUserType, kRequest, kReceived, kResult, kError, kTimeout, kLog, kIdle };
 
 Kind kindOf(const Message& message, const Reply& reply) {
     switch (reply.kind) {
