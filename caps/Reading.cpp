@@ -485,7 +485,7 @@ std::optional<std::string> Reading::preferred(std::string_view appName) const {
     }
     major.remove_suffix(kAnyMinorVersion.size());
     const double limit = number(std::string(major) + ".99");
-    const std::optional<std::string> result =
+    std::optional<std::string> result =
         highest(parts.appName, limit, parts.locale.empty() ? locale_ : parts.locale);
     if (!result) {
         return std::nullopt;
