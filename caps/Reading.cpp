@@ -514,6 +514,34 @@ const std::vector<std::string>& Reading::registrationsOf(std::string_view appNam
     return found == byApp_.end() ? kNobody : found->second;
 }
 
+// The registration of the highest version that `asked` allows, null for none. One in another locale
+// counts when its version is higher: a newer application is worth a foreign language.
+const std::string* Reading::chooseVersion(const std::vector<std::string>& registrations,
+                                          std::string_view asked) const {
+    const double version = number(asked);
+    const bool exactly = asked.find('.') != std::string_view::npos;
+    double lowest = asked.empty() ? 0.0 : version;
+    const double limit = asked.empty() ? kHighestVersion : version + 1.0;
+    const std::string* same = nullptr;
+    const std::string* other = nullptr;
+    for (const std::string& registration : registrations) {
+        const Parts its = Parts::of(registration);
+        const double itsVersion = number(its.version);
+        const bool serves = its.locale.empty() || its.locale == locale_;
+        if (exactly ? itsVersion == version : itsVersion >= lowest && itsVersion < limit) {
+            (serves ? same : other) = &registration;
+            lowest = itsVersion;
+            if (exactly && serves) {
+                break;
+            }
+        }
+    }
+    if (same != nullptr && other != nullptr && versionNumber(*other) > versionNumber(*same)) {
+        same = nullptr;
+    }
+    return same != nullptr ? same : other;
+}
+
 // The specifier that the layer takes an incomplete one for.
 std::string Reading::completed(const std::string& text, bool withCaller) const {
     const Parts parts = Parts::of(text);
@@ -543,28 +571,7 @@ std::string Reading::completed(const std::string& text, bool withCaller) const {
     if (!parts.locale.empty() || registrations.empty()) {
         return text;
     }
-    const double version = number(parts.version);
-    const bool exactly = parts.version.find('.') != std::string_view::npos;
-    double lowest = parts.version.empty() ? 0.0 : version;
-    const double limit = parts.version.empty() ? kHighestVersion : version + 1.0;
-    const std::string* same = nullptr;
-    const std::string* other = nullptr;
-    for (const std::string& registration : registrations) {
-        const Parts its = Parts::of(registration);
-        const double itsVersion = number(its.version);
-        const bool serves = its.locale.empty() || its.locale == locale_;
-        if (exactly ? itsVersion == version : itsVersion >= lowest && itsVersion < limit) {
-            (serves ? same : other) = &registration;
-            lowest = itsVersion;
-            if (exactly && serves) {
-                break;
-            }
-        }
-    }
-    if (same != nullptr && other != nullptr && versionNumber(*other) > versionNumber(*same)) {
-        same = nullptr;
-    }
-    const std::string* const chosen = same != nullptr ? same : other;
+    const std::string* const chosen = chooseVersion(registrations, parts.version);
     if (chosen == nullptr) {
         return text;
     }

@@ -65,6 +65,8 @@ private:
     const Record* exact(std::string_view specifier) const;
     bool isLister(std::string_view specifier) const;
     const std::vector<std::string>& registrationsOf(std::string_view appName) const;
+    const std::string* chooseVersion(const std::vector<std::string>& registrations,
+                                     std::string_view asked) const;
     std::string completed(const std::string& text, bool withCaller) const;
     std::optional<std::string> preferred(std::string_view appName) const;
     std::optional<std::string> highest(std::string_view appName, double limit,

@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "scriptobjects/convey/SoCVContext.h"
+#include "scriptobjects/convey/SoCVDiagnosticsRows.h"
 #include "scriptobjects/convey/SoCVInstanceParts.h"
 #include "scriptobjects/convey/SoCVSetupThread.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
@@ -105,9 +106,9 @@ void PrivateData::appendDiagnostics(SoString& out, const SoString& path) const {
     SoString root = path;
     root << "/" << name;
     const auto stream = this->stream();
-    out << root << ";1;Instance;" << name << ";\n";
-    out << root << "/stream;0;Stream;" << (stream != nullptr ? stream->getName() : SoString("none"))
-        << ";\n";
+    CVDiagnosticsRows rows(out, root);
+    rows.node("", "Instance", name);
+    rows.leaf("/stream", "Stream", stream != nullptr ? stream->getName() : SoString("none"));
     const auto watchers = conversations_.watchers();
     const struct {
         const char* leaf;
@@ -121,16 +122,18 @@ void PrivateData::appendDiagnostics(SoString& out, const SoString& path) const {
         queuePath << queue.leaf;
         const auto count =
             static_cast<uint32_t>(static_cast<size_t>(queue.queue.count()) + queue.watchers);
-        out << queuePath << (count != 0 ? ";1;" : ";0;") << queue.label << ";" << count << ";\n";
+        if (count != 0) {
+            rows.node(queue.leaf, queue.label, count);
+        } else { // readers take a node for one that has rows below
+            rows.leaf(queue.leaf, queue.label, count);
+        }
         (void)queue.queue.appendDiagnostics(out, queuePath);
         for (size_t i = 0; i < queue.watchers; ++i) {
             watchers[i]->appendDiagnostics(out, queuePath);
         }
     }
-    out << root << "/handlers;0;Handlers;" << static_cast<uint32_t>(conversations_.handlerCount())
-        << ";\n";
-    out << root << "/predecessor;0;Answers to a predecessor;" << answersToPredecessor_.load()
-        << ";\n";
+    rows.leaf("/handlers", "Handlers", static_cast<uint32_t>(conversations_.handlerCount()));
+    rows.leaf("/predecessor", "Answers to a predecessor", answersToPredecessor_.load());
 }
 
 // Handlers.

@@ -10,6 +10,7 @@
 #include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVConversation.h"
 #include "scriptobjects/convey/SoCVCourier.h"
+#include "scriptobjects/convey/SoCVDiagnosticsRows.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVPing.h"
@@ -427,28 +428,38 @@ SoString ConveyThread::ping(const SoString& target, const SoString& key, int32_t
                              nullptr);
 }
 
+// Keys and values are what pings have set them to; the rows clean both.
+void ConveyThread::appendEntry(CVDiagnosticsRows& rows, const PingData& data, uint32_t seconds) {
+    const std::string name = "/" + std::string(data.key.view());
+    rows.node(name, data.key.view(), data.value);
+    if (data.expiry != 0) {
+        rows.leaf(name + "/timeout", "Timeout", "in ",
+                  data.expiry > seconds ? data.expiry - seconds : 0, " secs at ",
+                  ConveyUtils::getTimeString(&data.expiry));
+    } else {
+        rows.undefined(name + "/timeout", "Timeout");
+    }
+    if (data.handler != nullptr) {
+        rows.leaf(name + "/msghandler", "Handler", "installed");
+    } else {
+        rows.undefined(name + "/msghandler", "Handler");
+    }
+}
+
 void ConveyThread::appendDiagnostics(SoString& out, const SoString& path) const {
     SoString root = path;
     root << "/thread";
     const uint32_t seconds = ConveyUtils::getTimeSeconds();
     const ObjectLock guard(*this);
-    out << root << ";1;Thread;" << specifier_ << ";\n";
-    out << root << "/avgpump;0;Avg. pump interval;" << averagePump_ << "ms;\n";
-    out << root << "/lastpump;0;Last pump;" << (lastPump_ > 0 ? now() - lastPump_ : 0.0)
-        << "ms ago;\n";
+    CVDiagnosticsRows rows(out, root);
+    rows.node("", "Thread", specifier_);
+    rows.leaf("/avgpump", "Avg. pump interval", averagePump_, "ms");
+    rows.leaf("/lastpump", "Last pump", lastPump_ > 0 ? now() - lastPump_ : 0.0, "ms ago");
+    rows.node("/ping", "Ping", static_cast<uint32_t>(table_.size()));
     root << "/ping";
-    out << root << ";1;Ping;" << static_cast<uint32_t>(table_.size()) << ";\n";
+    CVDiagnosticsRows entries(out, root);
     for (const PingData& data : table_) {
-        out << root << "/" << data.key << ";1;" << data.key << ";" << data.value << ";\n";
-        out << root << "/" << data.key << "/timeout;0;Timeout;";
-        if (data.expiry != 0) {
-            out << "in " << (data.expiry > seconds ? data.expiry - seconds : 0) << " secs at "
-                << ConveyUtils::getTimeString(&data.expiry) << ";\n";
-        } else {
-            out << "undefined;\n";
-        }
-        out << root << "/" << data.key << "/msghandler;0;Handler;"
-            << (data.handler != nullptr ? "installed;\n" : "undefined;\n");
+        appendEntry(entries, data, seconds);
     }
 }
 

@@ -23,6 +23,7 @@ namespace ScObjects {
 
 class ConveyContext;
 class ConveyCourier;
+class CVDiagnosticsRows;
 class InterAppStream;
 
 // The background thread of this process: it answers pings from a table of keys and lets messages
@@ -140,6 +141,7 @@ private:
     PingData* findLocked(const SoString& key) SO_REQUIRES(this);
     const PingData* findLocked(const SoString& key) const SO_REQUIRES(this);
     PingData* findOrAddLocked(const SoString& key) SO_REQUIRES(this);
+    static void appendEntry(CVDiagnosticsRows& rows, const PingData& data, uint32_t seconds);
     bool openStream();
     std::shared_ptr<InterAppStream> stream() const;
     // One round: answers pings, receives and sends for the instances.

@@ -34,10 +34,6 @@ void observe(ConveyData::PrivateData& main, const SoString& key, const SoString&
                            : main.changeHandler(new ThreadForwardMsgHandler(observer, key)));
 }
 
-SoString stringOf(std::string_view text) {
-    return SoString(text.data(), static_cast<int32_t>(text.size()));
-}
-
 } // namespace
 
 void ConveyThread::installForwarding() {
@@ -59,7 +55,7 @@ int32_t ThreadMainMsgHandler::handleMessage(int /*event*/, Convey::Message& mess
         const std::string_view text = request.view();
         const size_t mark = text.find('=');
         answer = mark != std::string_view::npos
-                     ? setKey(stringOf(text.substr(0, mark)), stringOf(text.substr(mark + 1)))
+                     ? setKey(SoString(text.substr(0, mark)), SoString(text.substr(mark + 1)))
                      : answerKey(request, message);
     }
     if (result != nullptr) {

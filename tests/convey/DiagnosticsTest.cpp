@@ -119,6 +119,15 @@ TEST(Diagnostics, describeAWholeState) {
     SoString text;
     Convey::getDiagnostics(text, false);
     EXPECT_EQ(std::string(text.c_str()), expected);
+
+    // Other processes choose keys and values, by a ping.
+    EXPECT_TRUE(Convey::Thread::setPingValue("k;1\n/k", "v;\n/own-1.0/name;0;Name;false;"));
+    Convey::getDiagnostics(text, false);
+    const std::string rows = text.c_str();
+    EXPECT_NE(rows.find("\n/own-1.0/thread/ping/k 1 /k;1;k 1 /k;v  /own-1.0/name 0 Name false ;\n"),
+              std::string::npos)
+        << rows;
+    EXPECT_EQ(rows.find("\n/own-1.0/name;0;Name;false"), std::string::npos) << "passes for a row";
 }
 
 } // namespace
