@@ -191,6 +191,7 @@ Delivery PrivateData::queueForLaunch(const Message& message, uint32_t waitSecond
         sendError(message, "ERROR: TOO MANY MESSAGES WAIT", kSendFailed, waitSeconds);
         return Delivery::refused;
     }
+    // Looked for anew, since the attempt to send may have taken seconds; and once for both.
     CVResolution target = CVResolution::ofCompleted(message.getTarget());
     if (!target.isRunning()) {
         logEvent("TARGET IS NOT RUNNING", message);

@@ -47,7 +47,7 @@ SoString launchParametersFor(const Convey::Specifier& target, const char* parame
 
 SoString pathOf(const Convey::Specifier& target, const SoString& own) {
     SoString path = target.getApplicationPath(own.c_str());
-    if (path.isEmpty()) {
+    if (path.isEmpty()) { // instances share the path of their application
         Convey::Specifier whole(target);
         (void)whole.setInstance(SoString());
         path = whole.getApplicationPath(own.c_str());
@@ -94,10 +94,11 @@ int32_t launch(const CVResolution& resolution, const char* parameters, int32_t f
     (void)thread->setTimeout(key, kLaunchSeconds);
     const bool withoutParameters = target == kLaunchedWithoutParameters ||
                                    text.view().find(kNoParameters) != std::string_view::npos;
+    // Before it is started: it may look for them in its queue at once.
     queueLaunchParameters(context, *main, target, text);
     const int32_t result = connector->launchTarget(target, withoutParameters ? SoString() : text,
                                                    focus == 0, &context);
-    if (result != 1) {
+    if (result != 1) { // one that is started by hand must not find them
         (void)thread->setKeyValuePair(key, SoString());
     }
     return result;

@@ -200,7 +200,8 @@ SoString askOne(InterAppStream& stream, Message& message, const CVResolution& ta
     if (destination.isEmpty()) {
         return SoString(ConveyThread::CV_INVALIDSPEC);
     }
-    // The endpoints of one process differ in their suffixes.
+    // The endpoints of one process differ in their suffixes. A process that asked itself could wait
+    // on the thread that has to answer.
     if (withoutSuffix(destination) == withoutSuffix(stream.getName())) {
         return SoString(ConveyThread::CV_UNDEFINED);
     }
@@ -213,6 +214,7 @@ SoString askOne(InterAppStream& stream, Message& message, const CVResolution& ta
         return SoString(isInstalled(target.specifier()) ? ConveyThread::CV_ISNOTRUNNING
                                                         : ConveyThread::CV_ISNOTINSTALLED);
     }
+    // Before it is sent: another thread may read the answer at once, and must find who waits.
     PingExchange::Question question(PingExchange::instance(), stream, destination,
                                     message.getSerialNumber());
     bool sent = stream.send(destination, text, leftOf(end));

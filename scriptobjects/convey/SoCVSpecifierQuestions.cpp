@@ -65,6 +65,8 @@ bool probe(const SoString& own, const SoString& target, const char* type, uint32
     return stream->send(target, text, 0) || !stream->canOpen(target, false);
 }
 
+// The process number comes before the port: an application that was launched a moment ago lives
+// and has no port yet, and must not be launched again.
 CVPresence lookFor(const Convey::Specifier& target) {
     SoString own;
     uint32_t serial = 0;
@@ -74,7 +76,7 @@ CVPresence lookFor(const Convey::Specifier& target) {
         own = context->getAppSpecifier();
         serial = context->getNextSerialNumber();
     } else {
-        own = "Unknown";
+        own = "Unknown"; // the setup asks, too, and waiting for its own end would never end
         own << ConveyUtils::getUTCTimeMilliSeconds();
     }
     if (own == target) {
