@@ -88,7 +88,7 @@ public:
         pugi::xml_node declaration = document_.append_child(pugi::node_declaration);
         addAttribute(declaration, "version") = "1.0";
         addAttribute(declaration, "encoding") = "UTF-8";
-        pugi::xml_node root = append(document_, "registry");
+        pugi::xml_node root = append(document_.root(), "registry");
         addAttribute(root, "xmlns") = kNamespace;
         addAttribute(root, "version") = kDocumentVersion;
         for (const Product& product : contents.products) {

@@ -154,7 +154,7 @@ Contents readSource(const std::string& file, std::istream& in) {
                                         : contentsOf(parseToml(source, name));
 }
 
-Contents contentsOf(std::vector<TomlEntry> entries) {
+Contents contentsOf(const std::vector<TomlEntry>& entries) {
     Collector collector;
     for (const TomlEntry& entry : entries) {
         std::visit([&collector](const auto& content) { collector.add(content); }, entry.content);

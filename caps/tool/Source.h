@@ -24,6 +24,6 @@ std::ifstream openFile(const std::string& file);
 Contents readSource(const std::string& file, std::istream& in);
 
 // What the entries of a text say, as if they were imported into an empty database.
-Contents contentsOf(std::vector<TomlEntry> entries);
+Contents contentsOf(const std::vector<TomlEntry>& entries);
 
 } // namespace caps::tool
