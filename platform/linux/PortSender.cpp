@@ -482,6 +482,9 @@ SendResult PortSender::send(const std::string& name, std::string_view text,
     if (!connection->takeTurn(deadline)) {
         return SendResult::timedOut;
     }
+    // Given back also when memory runs out on the way: all who send here would wait for it.
+    const std::unique_ptr<Connection, void (*)(Connection*)> turn(
+        connection.get(), [](Connection* taken) { taken->giveTurn(); });
     const SendResult result = connection->send(text, deadline);
     if (taker != nullptr && result == SendResult::delivered) {
         try {
@@ -490,9 +493,7 @@ SendResult PortSender::send(const std::string& name, std::string_view text,
             taker->reset(); // delivered all the same
         }
     }
-    const bool open = connection->isOpen();
-    connection->giveTurn();
-    if (!open) {
+    if (!connection->isOpen()) {
         forget(name, connection); // names that nobody owns must not fill the cache
     }
     return result;
