@@ -216,17 +216,23 @@ HandlerSlots Conversations::end(uint32_t number, Reply::Kind how) {
                                                                  : Conversation::End::answered);
 }
 
-HandlerSlots Conversations::close() {
-    const ObjectLock guard(*this);
-    HandlerSlots all;
-    all.swap(forAny_);
-    while (!table_.empty()) {
-        const std::shared_ptr<Conversation> conversation = table_.begin()->second;
-        HandlerSlots left = endLocked(*conversation, Conversation::End::abandoned);
-        all.insert(all.end(), left.begin(), left.end());
+// Needs no memory: it is what destructors call.
+void Conversations::close() {
+    HandlerSlots forAny; // deleted without the lock, as those of each conversation
+    Table ended;
+    {
+        const ObjectLock guard(*this);
+        forAny.swap(forAny_);
+        ended.swap(table_);
+        for (const auto& slot : forAny) {
+            numbers_.erase(slot->handler());
+        }
     }
-    numbers_.clear();
-    return all;
+    for (const auto& [number, conversation] : ended) {
+        HandlerSlots left;
+        const ObjectLock guard(*this);
+        left = endLocked(*conversation, Conversation::End::abandoned);
+    }
 }
 
 // Handlers.

@@ -195,8 +195,8 @@ public:
     // The one end of a conversation: "Processed", "Error" or "Timeout" has come. Returns the
     // handlers that are left.
     HandlerSlots end(uint32_t number, Reply::Kind how);
-    // The end of all.
-    HandlerSlots close();
+    // The end of all; deletes the handlers.
+    void close();
 
     // Somebody's wait for the answers to a request: made before the request is sent, so that the
     // answer is not missed.

@@ -7,6 +7,7 @@
 
 #include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVDiagnosticsRows.h"
+#include "scriptobjects/convey/SoCVGuard.h"
 #include "scriptobjects/convey/SoCVInstanceParts.h"
 #include "scriptobjects/convey/SoCVSetupThread.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
@@ -50,7 +51,6 @@ PrivateData::~PrivateData() = default;
 
 void PrivateData::close() {
     closed_.store(true);
-    const HandlerSlots handlers = conversations_.close(); // deleted at the end
     std::shared_ptr<InterAppStream> stream;
     {
         const ObjectLock guard(*this);
@@ -61,6 +61,7 @@ void PrivateData::close() {
         stream->close();
     }
     context_.store(nullptr);
+    conversations_.close(); // last: it calls the destructors of handlers
 }
 
 std::shared_ptr<InterAppStream> PrivateData::stream() const {
@@ -230,6 +231,58 @@ void Convey::operator delete(void* p) noexcept {
 void Convey::endWithContext() {
     if (isInBlock(this)) {
         delete this;
+    } else {
+        close();
+    }
+}
+
+// A call of the face. The instance may be gone when a handler that runs meanwhile has deleted
+// it, and has nothing behind its face when memory ran out as it was made.
+template <class Value, class Operation>
+static Value onData(const std::shared_ptr<PrivateData>& shared, Value neutral,
+                    Operation&& operation) noexcept {
+    const ConveyContext::Visit visit;
+    const std::shared_ptr<PrivateData> data = shared;
+    return data == nullptr ? std::move(neutral)
+                           : guarded(std::move(neutral), [&] { return operation(*data); });
+}
+
+Convey::Convey(const char* appName, MsgHandler* handler, bool isMain, ConveyContext* context)
+    : data_(guarded(std::shared_ptr<PrivateData>(), [&] {
+          ConveySetupThread::syncWithSetupThread();
+          if (context == nullptr && ConveyContext::getCurrentContext() == nullptr) {
+              (void)InitTerm::init(appName, true);
+          }
+          return std::make_shared<PrivateData>(
+              context != nullptr ? context : ConveyContext::getCurrentContext(),
+              streamNameOf(appName));
+      })) {
+    std::unique_ptr<MsgHandler> owned(handler);
+    const bool isWhole = onData(data_, false, [&](PrivateData& data) {
+        if (ConveyContext* const owner = data.context()) {
+            owner->appendInstance(this);
+            if (isMain) {
+                owner->setMainInstance(this);
+            }
+        }
+        data.setDiagnosticsRoots();
+        if (handler != nullptr) {
+            delete data.changeHandler(owned.release());
+            (void)runForeign("the initialization of a handler", [&] { handler->initialize(this); });
+        }
+        return true;
+    });
+    if (!isWhole) {
+        close();
+    }
+}
+
+Convey::~Convey() {
+    close();
+}
+
+void Convey::close() {
+    if (data_ == nullptr) {
         return;
     }
     if (ConveyContext* context = data_->context()) {
@@ -238,63 +291,26 @@ void Convey::endWithContext() {
     data_->close();
 }
 
-Convey::Convey(const char* appName, MsgHandler* handler, bool isMain, ConveyContext* context)
-    : data_([&] {
-          ConveySetupThread::syncWithSetupThread();
-          if (context == nullptr && ConveyContext::getCurrentContext() == nullptr) {
-              (void)InitTerm::init(appName, true);
-          }
-          return std::make_shared<PrivateData>(
-              context != nullptr ? context : ConveyContext::getCurrentContext(),
-              streamNameOf(appName));
-      }()) {
-    ConveyContext* const owner = data_->context();
-    if (owner != nullptr) {
-        owner->appendInstance(this);
-        if (isMain) {
-            owner->setMainInstance(this);
-        }
-    }
-    data_->setDiagnosticsRoots();
-    if (handler != nullptr) {
-        delete changeHandler(handler);
-        handler->initialize(this);
-    }
-}
-
-Convey::~Convey() {
-    if (ConveyContext* context = data_->context()) {
-        context->removeInstance(this);
-    }
-    data_->close();
-}
-
 bool Convey::send(Message& message, bool mayLaunch, uint32_t waitSeconds,
                   const SoString* launchParameters) const {
-    // The instance may be gone when a handler that runs meanwhile has deleted it.
-    const ConveyContext::Visit visit;
-    const std::shared_ptr<PrivateData> data = data_;
-    return guarded(false,
-                   [&] { return data->send(message, mayLaunch, waitSeconds, launchParameters); });
+    return onData(data_, false, [&](PrivateData& data) {
+        return data.send(message, mayLaunch, waitSeconds, launchParameters);
+    });
 }
 
 bool Convey::sendResult(const Message& request, const SoString& result) const {
-    const ConveyContext::Visit visit;
-    const std::shared_ptr<PrivateData> data = data_;
-    return guarded(false, [&] { return data->sendResult(request, result); });
+    return onData(data_, false,
+                  [&](PrivateData& data) { return data.sendResult(request, result); });
 }
 
 bool Convey::processIncomingMessage(uint32_t serialNumber, bool process) {
-    const ConveyContext::Visit visit;
-    const std::shared_ptr<PrivateData> data = data_;
-    return guarded(false, [&] { return data->processIncoming(serialNumber, process); });
+    return onData(data_, false,
+                  [&](PrivateData& data) { return data.processIncoming(serialNumber, process); });
 }
 
 bool Convey::processOutgoingMessage() {
-    const ConveyContext::Visit visit;
-    const std::shared_ptr<PrivateData> data = data_;
-    (void)guarded(false, [&] { return (void)data->processOutgoing(), true; });
-    return false;
+    return onData(data_, false,
+                  [](PrivateData& data) { return (void)data.processOutgoing(), false; });
 }
 
 bool Convey::messagePending() const {
@@ -306,64 +322,74 @@ bool Convey::messagePending() const {
 }
 
 bool Convey::incomingMessagePending() const {
-    return data_->incomingPending();
+    return onData(data_, false, [](PrivateData& data) { return data.incomingPending(); });
 }
 
 bool Convey::outgoingMessagePending() const {
-    return data_->outgoingPending();
+    return onData(data_, false, [](PrivateData& data) { return data.outgoingPending(); });
 }
 
 bool Convey::removeIncomingMessage(uint32_t serialNumber) {
-    return guarded(false, [&] { return data_->incoming().removeMessage(serialNumber); });
+    return onData(data_, false,
+                  [&](PrivateData& data) { return data.incoming().removeMessage(serialNumber); });
 }
 
 SoString Convey::getAppName() const {
-    return guarded(SoString(), [&] { return data_->appName(); });
+    return onData(data_, SoString(), [](PrivateData& data) { return data.appName(); });
 }
 
 void Convey::setAppName(const char* appName) {
-    (void)guarded(false, [&] { return data_->setAppName(SoString(appName)), true; });
+    (void)onData(data_, false,
+                 [&](PrivateData& data) { return data.setAppName(SoString(appName)), true; });
 }
 
 Convey::MsgHandler* Convey::findHandler(const SoString& type, uint32_t serialNumber) {
-    return data_->findHandler(type, serialNumber);
+    return onData(data_, static_cast<MsgHandler*>(nullptr),
+                  [&](PrivateData& data) { return data.findHandler(type, serialNumber); });
 }
 
 Convey::MsgHandler* Convey::changeHandler(MsgHandler* handler) {
-    return guarded(static_cast<MsgHandler*>(nullptr),
-                   [&] { return data_->changeHandler(handler); });
+    std::unique_ptr<MsgHandler> owned(handler);
+    return onData(data_, static_cast<MsgHandler*>(nullptr),
+                  [&](PrivateData& data) { return data.changeHandler(owned.release()); });
 }
 
 Convey::MsgHandler* Convey::removeHandler(const SoString& type, uint32_t serialNumber) {
-    return data_->removeHandler(type, serialNumber);
+    return onData(data_, static_cast<MsgHandler*>(nullptr),
+                  [&](PrivateData& data) { return data.removeHandler(type, serialNumber); });
 }
 
 bool Convey::deleteHandler(const MsgHandler* handler) {
-    return data_->deleteHandler(handler);
+    return onData(data_, false, [&](PrivateData& data) { return data.deleteHandler(handler); });
 }
 
 bool Convey::deleteHandlers(uint32_t serialNumber) {
-    return guarded(false, [&] { return data_->deleteHandlers(serialNumber); });
+    return onData(data_, false,
+                  [&](PrivateData& data) { return data.deleteHandlers(serialNumber); });
 }
 
 ConveyContext* Convey::getContext() const {
-    return data_->context();
+    return data_ == nullptr ? nullptr : data_->context();
 }
 
 void Convey::setContext(ConveyContext* context) {
-    ConveyContext* const old = data_->context();
-    if (context == nullptr || context == old || data_->isClosed()) {
-        return;
-    }
-    if (old != nullptr) {
-        old->removeInstance(this);
-    }
-    data_->setContext(context);
-    context->appendInstance(this);
+    (void)onData(data_, false, [&](PrivateData& data) {
+        ConveyContext* const old = data.context();
+        if (context == nullptr || context == old || data.isClosed()) {
+            return false;
+        }
+        context->appendInstance(this); // first: it may fail
+        if (old != nullptr) {
+            old->removeInstance(this);
+        }
+        data.setContext(context);
+        return true;
+    });
 }
 
 void Convey::appendDiagnostics(SoString& out, const SoString& path) const {
-    (void)guarded(false, [&] { return data_->appendDiagnostics(out, path), true; });
+    (void)onData(data_, false,
+                 [&](PrivateData& data) { return data.appendDiagnostics(out, path), true; });
 }
 
 } // namespace ScObjects

@@ -94,7 +94,7 @@ public:
     // now on, null for none) installed; `isMain` makes it the context's main instance. `context`
     // null: the current one, for which the layer is started if need be. When the name has an owner,
     // the first of its instances that is free is taken. Without any the instance works within the
-    // process only.
+    // process only; when memory runs out it is closed from the start, and the handler deleted.
     Convey(const char* appName, MsgHandler* handler, bool isMain, ConveyContext* context);
     // Gives the name back at once; messages that wait are dropped.
     ~Convey() override;
@@ -251,7 +251,9 @@ public:
     static bool sendThroughMainInstance(Message& message);
 
 private:
-    const std::shared_ptr<ConveyData::PrivateData> data_;
+    void close();
+
+    const std::shared_ptr<ConveyData::PrivateData> data_; // null when there was no memory for it
 };
 
 } // namespace ScObjects

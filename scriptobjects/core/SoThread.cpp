@@ -35,11 +35,7 @@ bool removeUser() {
 
 } // namespace
 
-struct SoLock::LockData : SoHeap {
-    std::recursive_mutex mutex;
-};
-
-SoLock::SoLock() : data_(std::make_unique<LockData>()) {
+SoLock::SoLock() {
     addUser();
 }
 
@@ -49,19 +45,19 @@ SoLock::~SoLock() {
 
 // The analysis sees the capability, not the mutex that implements it.
 void SoLock::acquire() SO_NO_THREAD_SAFETY_ANALYSIS {
-    data_->mutex.lock();
+    data_.mutex.lock();
 }
 
 void SoLock::release() SO_NO_THREAD_SAFETY_ANALYSIS {
-    data_->mutex.unlock();
+    data_.mutex.unlock();
 }
 
-SoLockable::SoLockable() : lock_(std::make_unique<SoLock>()) {}
+SoLockable::SoLockable() = default;
 
 SoLockable::~SoLockable() = default;
 
 ObjectLock::ObjectLock(const SoLockable& object) SO_NO_THREAD_SAFETY_ANALYSIS
-    : lock_(*object.lock_) {
+    : lock_(object.lock_) {
     lock_.acquire();
 }
 

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoHeap.h"
@@ -25,8 +26,11 @@ public:
     void release() SO_RELEASE();
 
 private:
-    struct LockData;
-    std::unique_ptr<LockData> data_;
+    // In place: an object that has a lock is made without memory of the lock's own.
+    struct LockData {
+        std::recursive_mutex mutex;
+    };
+    LockData data_;
 };
 
 // An object with a lock of its own, which guards the object's state. Its operations take the lock
@@ -40,7 +44,7 @@ public:
 
 private:
     friend class ObjectLock;
-    std::unique_ptr<SoLock> lock_;
+    mutable SoLock lock_;
 };
 
 // Holds the lock of an object for the life of a block. One guard per object and function.

@@ -15,6 +15,7 @@
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/stream/InterAppStream.h"
+#include "tests/support/FailingAllocations.h"
 #include "tests/support/TableConnector.h"
 
 namespace {
@@ -345,6 +346,101 @@ TEST_F(ConversationTest, aHandlerMayThrowAndMayNotEndTheLayer) {
     EXPECT_EQ(error, "ERROR: HANDLER FAILED61");
     EXPECT_FALSE(ended);
     delete other.removeHandler("Tessaly", kAny); // would wait for ever for a slot that is not left
+}
+
+// Each allocation of each operation fails once: nothing is thrown, no handler is lost or deleted
+// twice, and the operation works again when there is memory.
+TEST_F(ConversationTest, noOperationThrowsWhenMemoryRunsOut) {
+    std::atomic<int> handlers{0};
+    class Counted : public Convey::MsgHandler {
+    public:
+        explicit Counted(std::atomic<int>& count) : count_(count) { ++count_; }
+        ~Counted() override { --count_; }
+        int32_t handleMessage(int, Message&, SoString*) override { return 0; }
+        SoString getMsgType() const override {
+            return "a type that does not fit into a small text";
+        }
+        void initialize(Convey*) override { ++initialized; }
+        int initialized = 0;
+
+    private:
+        std::atomic<int>& count_;
+    };
+    const auto counted = [&] { return new Counted(handlers); };
+    const SoString type("a type that does not fit into a small text");
+    Message local = request(0, "Received Result Timeout Error");
+    local.setTarget("own-1.0");
+    Message port = local;
+    port.setTarget("third-3.0");
+    std::unique_ptr<Convey::MsgHandler> handler;
+    InterAppStream third("third-3.0");
+    const auto fresh = [](const Message& message) {
+        auto copy = std::make_unique<Message>(message);
+        copy->setSerialNumber(0);
+        return copy;
+    };
+    std::unique_ptr<Message> sent;
+    bool done = false; // whether the operation did what it is for
+    const struct {
+        const char* name;
+        std::function<void()> prepare;
+        std::function<void()> operation;
+    } cases[] = {
+        {"constructor", [&] { handler.reset(counted()); },
+         [&] {
+             auto* const given = handler.release();
+             Convey instance("own-1.0", given, false, nullptr);
+             done = instance.getContext() != nullptr && instance.findHandler(type, kAny) == given;
+         }},
+        {"changeHandler", [&] { handler.reset(counted()); },
+         [&] {
+             auto* const given = handler.release();
+             delete own.changeHandler(given);
+             done = own.findHandler(type, kAny) == given;
+         }},
+        {"removeHandler", [&] { delete own.changeHandler(counted()); },
+         [&] { handler.reset(own.removeHandler(type, kAny)), done = handler != nullptr; }},
+        {"deleteHandler", [&] { delete own.changeHandler(counted()); },
+         [&] { done = own.deleteHandler(own.findHandler(type, kAny)); }},
+        {"deleteHandlers", [&] { delete own.changeHandler(counted()); },
+         [&] { done = own.deleteHandlers(kAny); }},
+        {"send within the process", [&] { sent = fresh(local); },
+         [&] { done = own.send(*sent, false, 0, nullptr); }},
+        {"send through a port", [&] { sent = fresh(port); },
+         [&] { done = own.send(*sent, false, 0, nullptr); }},
+        {"sendResult", [&] { sent = fresh(port), sent->setSender("third-3.0"); },
+         [&] { done = own.sendResult(*sent, type); }},
+        {"pump",
+         [&] {
+             sent = fresh(request(0, "Received Result Timeout Error"));
+             EXPECT_TRUE(own.send(*sent, false, 0, nullptr));
+         },
+         [&] { done = Convey::pump(ScObjects::kProcessBoth); }},
+        {"getAppName", [] {}, [&] { done = own.getAppName() == "own-1.0"; }},
+    };
+    for (const auto& c : cases) {
+        bool failed = true;
+        for (int number = 0; failed; ++number) {
+            SCOPED_TRACE(std::string(c.name) + " " + std::to_string(number));
+            c.prepare();
+            done = false;
+            {
+                const FailingAllocation failing(number);
+                EXPECT_NO_THROW(c.operation());
+                failed = FailingAllocation::hasFailed();
+            }
+            EXPECT_TRUE(failed || done);
+            ASSERT_LT(number, 5000);
+            handler.reset();
+            (void)own.deleteHandlers(kAny);
+            EXPECT_EQ(handlers, 0) << "every handler is deleted, once";
+            while (third.messagePending()) {
+                (void)third.receive();
+                (void)third.getMessages();
+            }
+            pumpAll();
+        }
+    }
 }
 
 TEST_F(ConversationTest, dropsAnswersToAPredecessor) {
