@@ -128,6 +128,49 @@ TEST_F(ConversationTest, answersOfAnyTypeReachTheirHandlerByOneRule) {
     }
 }
 
+// What peers, new and old, say of a request of the type "query" with the number 5.
+TEST_F(ConversationTest, whatIsSaidOfARequestOfAUserTypeReachesItsAsker) {
+    const struct {
+        const char* handler;
+        const char* type;
+        const char* numbers;
+        int event;
+    } cases[] = {
+        {"Error", "Errorquery", "Serial-Number:9\nError:5\n", 4},
+        {"Error", "ErrorErrorquery", "Serial-Number:9\nError:5\n", 4},
+        {"Errorquery", "Errorquery", "Serial-Number:9\nError:5\n", 4},
+        {"Error", "query", "Serial-Number:9\nError:5\n", 4},
+        {"Received", "Receivedquery", "Serial-Number:9\nReceived:5\n", 2},
+        {"Received", "ReceivedReceivedquery", "Serial-Number:9\nReceived:5\n", 2},
+        {"Receivedquery", "query", "Serial-Number:9\nReceived:5\n", 2},
+        {"Processed", "Processedquery", "Serial-Number:5\n", 0},
+        {"Processed", "ProcessedProcessedquery", "Serial-Number:5\n", 0},
+        {"Timeout", "Timeoutquery", "Serial-Number:5\n", 5},
+        {"Timeout", "TimeoutTimeoutquery", "Serial-Number:5\n", 5},
+    };
+    const InterAppStream peer("third-3.0");
+    for (const char* version : {"@CV>Version:2.05\n", ""}) {
+        for (const auto& c : cases) {
+            SCOPED_TRACE(std::string(version) + c.handler + " for " + c.type);
+            int heard = -1;
+            handle([&](int event, Message&, SoString*) { return heard = event, 0; }, c.handler, 5);
+            Message message = request(5, "", "query");
+            message.setTarget("third-3.0");
+            EXPECT_TRUE(own.send(message, false, 0, nullptr));
+            std::string text = version;
+            text += std::string("Type:") + c.type + "\n";
+            text += std::string("Target:own-1.0\nSender:third-3.0\n") + c.numbers + "\n";
+            EXPECT_TRUE(peer.send("own-1.0", SoString(text.c_str())));
+            const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+            while (heard < 0 && std::chrono::steady_clock::now() < end) {
+                pumpAll();
+            }
+            EXPECT_EQ(heard, c.event);
+            (void)own.deleteHandlers(5);
+        }
+    }
+}
+
 TEST_F(ConversationTest, aHandlerForAnyTypeIsTheDefault) {
     int calls = 0;
     handle([&](int event, Message&, SoString*) { return calls += event, 0; }, "");
