@@ -91,6 +91,51 @@ double queueCost(int count) {
     return secondsSince(start) / count * 1e9;
 }
 
+// Seconds for so many requests that are all sent before the first is answered, each with a handler
+// of its own for the answer or none.
+double inFlight(Convey& instance, int count, const char* replies, bool handlers) {
+    const auto start = Time::now();
+    for (int i = 0; i < count; ++i) {
+        Convey::Message message;
+        message.setTarget("kivra-7.0");
+        message.setBody("question");
+        message.setResponseRequest(replies);
+        message.setTimeout(600);
+        message.setSerialNumber(message.getNextSerialNumber(nullptr));
+        if (handlers) {
+            auto* const handler = new AnswerHandler;
+            handler->serial = message.getSerialNumber();
+            delete instance.changeHandler(handler);
+        }
+        if (!instance.send(message, false, 0, nullptr)) {
+            fail("send");
+        }
+    }
+    while (Convey::pump(ScObjects::kProcessBoth)) {
+    }
+    return secondsSince(start);
+}
+
+// Costs that must not grow with what is in flight already.
+void manyInFlight(int rounds) {
+    Convey instance("viewer-1.0", nullptr, true, nullptr);
+    const Convey answering("kivra-7.0", nullptr, false, nullptr);
+    std::vector<double> without;
+    std::vector<double> with;
+    std::vector<double> half;
+    std::vector<double> whole;
+    for (int i = 0; i < rounds; ++i) {
+        without.push_back(1e3 * inFlight(instance, 20'000, "Result", false));
+        with.push_back(1e3 * inFlight(instance, 20'000, "Result Timeout", false));
+        half.push_back(1e3 * inFlight(instance, 5000, "Result", true));
+        whole.push_back(1e3 * inFlight(instance, 10'000, "Result", true));
+    }
+    row("20,000 requests in flight, with time-outs", median(with), "ms", median(without), "without",
+        median(with) / median(without), "<= 1.3");
+    row("10,000 requests with a handler each", median(whole), "ms", median(half), "of 5,000",
+        median(whole) / median(half), "<= 2.2");
+}
+
 // What a process has used: times that it gave up a processor, and ticks of one.
 struct Use {
     double switches = 0;
@@ -231,6 +276,7 @@ int main(int argc, char** argv) {
         bare = bareRoundTrip();
         row("request and result", result, "us", bare, "bare round trip", result / bare, "<= 5");
     }
+    manyInFlight(rounds);
     (void)Convey::InitTerm::exit();
     std::vector<double> few;
     std::vector<double> many;
