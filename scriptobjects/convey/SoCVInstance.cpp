@@ -242,6 +242,7 @@ template <class Value, class Operation>
 static Value onData(const std::shared_ptr<PrivateData>& shared, Value neutral,
                     Operation&& operation) noexcept {
     const ConveyContext::Visit visit;
+    // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): it keeps the state alive
     const std::shared_ptr<PrivateData> data = shared;
     return data == nullptr ? std::move(neutral)
                            : guarded(std::move(neutral), [&] { return operation(*data); });
