@@ -1,5 +1,8 @@
 #include "scriptobjects/convey/SoCVUtilsCore.h"
 
+#include <deque>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -20,7 +23,7 @@ constexpr size_t kForwardedBodyBytes = limits::of("forward.body");
 
 // What an observer's own message brings about is not forwarded, or it would be without end.
 constinit thread_local bool gForwarding = false;
-constinit thread_local DelayedForwarding* gDelayed = nullptr;
+constinit thread_local int gDelays = 0; // the DelayedForwarding of this thread
 
 class ForwardingScope {
 public:
@@ -29,6 +32,46 @@ public:
     ForwardingScope(const ForwardingScope&) = delete;
     ForwardingScope& operator=(const ForwardingScope&) = delete;
 };
+
+// What is forwarded and has not reached its observer yet. Several threads forward what happens to
+// one message, which is of use only in the order in which it happened.
+struct Forwards {
+    struct Kept {
+        std::shared_ptr<ConveyData::HandlerSlot> observer;
+        std::unique_ptr<Convey::Message> message;
+    };
+    std::mutex mutex;
+    std::deque<Kept> kept;
+    bool isBusy = false; // a thread is calling an observer
+};
+
+Forwards& forwards() {
+    static auto* const all = new Forwards; // never destroyed: threads outlive main
+    return *all;
+}
+
+// Calls the observers, unless another thread does: that one comes to what is left.
+void handOver() {
+    Forwards& all = forwards();
+    for (;;) {
+        Forwards::Kept next;
+        {
+            const std::lock_guard<std::mutex> guard(all.mutex);
+            if (all.isBusy || all.kept.empty()) {
+                return;
+            }
+            all.isBusy = true;
+            next = std::move(all.kept.front());
+            all.kept.pop_front();
+        }
+        {
+            const ForwardingScope scope;
+            (void)next.observer->call(0, *next.message, nullptr);
+        }
+        const std::lock_guard<std::mutex> guard(all.mutex);
+        all.isBusy = false;
+    }
+}
 
 std::shared_ptr<ConveyData::HandlerSlot> observerOf(const SoString& handlerType) {
     const ConveyContext* context = gForwarding ? nullptr : ConveyContext::currentContextNow();
@@ -92,32 +135,25 @@ bool forwardMessage(const Convey::Message& message, const SoString& handlerType,
         CVDiagnosticsRows(rows, root).node(name.view(), heading.view(), label);
     }
     forwarded.setBody(std::move(rows));
-    if (gDelayed != nullptr) {
-        gDelayed->keep(observer, std::move(made));
-        return true;
+    {
+        Forwards& all = forwards();
+        const std::lock_guard<std::mutex> guard(all.mutex);
+        all.kept.push_back({observer, std::move(made)});
     }
-    const ForwardingScope scope;
-    return observer->call(0, forwarded, nullptr) == 0;
+    if (gDelays == 0) {
+        handOver();
+    }
+    return true;
 }
 
-DelayedForwarding::DelayedForwarding() : outer_(gDelayed) {
-    gDelayed = outer_ != nullptr ? outer_ : this;
+DelayedForwarding::DelayedForwarding() {
+    ++gDelays;
 }
 
 DelayedForwarding::~DelayedForwarding() {
-    gDelayed = outer_;
-    if (kept_.empty()) {
-        return;
+    if (--gDelays == 0) {
+        handOver();
     }
-    const ForwardingScope scope;
-    for (const Kept& kept : kept_) {
-        (void)kept.observer->call(0, *kept.message, nullptr);
-    }
-}
-
-void DelayedForwarding::keep(std::shared_ptr<ConveyData::HandlerSlot> observer,
-                             std::unique_ptr<Convey::Message> forwarded) {
-    kept_.push_back({std::move(observer), std::move(forwarded)});
 }
 
 SoString getLaunchMsgQueueName(const SoString& specifier) {

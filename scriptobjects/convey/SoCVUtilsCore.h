@@ -1,17 +1,11 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
-#include <vector>
 
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVMessenger.h"
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoString.h"
-
-namespace ScObjects::ConveyData {
-class HandlerSlot;
-} // namespace ScObjects::ConveyData
 
 // Services of the messaging engine that belong to no one class. Threads: any.
 namespace ScObjects::ConveyUtils {
@@ -27,8 +21,9 @@ SO_EXPORT SoString ping(const SoString& target, bool request, const SoString& ke
 
 // Hands a message to the observer that is registered with the main instance for `handlerType`
 // ("FWDMESSAGES", "FWDERRORS", "FWDLOGS"), as rows under the path `root`, with `label` saying what
-// happened to it. False without an observer, for messages of type "Debug" and "Log", for empty ones
-// and for what an observer's own messages bring about.
+// happened to it. Observers are called one after the other in the order of what is forwarded, by
+// whichever thread comes to it. False without an observer, for messages of type "Debug" and "Log",
+// for empty ones and for what an observer's own messages bring about.
 SO_EXPORT bool forwardMessage(const Convey::Message& message, const SoString& handlerType,
                               const SoString& root, const SoString& label);
 // Whether there is such an observer, and it may be told.
@@ -43,17 +38,6 @@ public:
     ~DelayedForwarding();
     DelayedForwarding(const DelayedForwarding&) = delete;
     DelayedForwarding& operator=(const DelayedForwarding&) = delete;
-
-    void keep(std::shared_ptr<ConveyData::HandlerSlot> observer,
-              std::unique_ptr<Convey::Message> forwarded);
-
-private:
-    struct Kept {
-        std::shared_ptr<ConveyData::HandlerSlot> observer;
-        std::unique_ptr<Convey::Message> message;
-    };
-    DelayedForwarding* const outer_; // which keeps all, when there is one
-    std::vector<Kept> kept_;
 };
 
 // The name of the queue at which a launched application finds its parameters: application name,

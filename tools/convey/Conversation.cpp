@@ -1,10 +1,13 @@
 #include "tools/convey/Conversation.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <ctime>
+#include <iomanip>
 #include <map>
 #include <set>
+#include <sstream>
 #include <tuple>
 
 namespace convey_tool {
@@ -14,17 +17,18 @@ using Key = std::tuple<std::string, std::string, uint64_t, std::string>;
 
 int64_t microsecondsOf(const std::string& time) {
     std::tm parts{};
-    int micros = 0;
+    std::istringstream in(time);
+    char point = 0;
+    std::string fraction(6, '0');
     char zone = 0;
-    if (std::sscanf(time.c_str(), "%d-%d-%dT%d:%d:%d.%6d%c", &parts.tm_year, &parts.tm_mon,
-                    &parts.tm_mday, &parts.tm_hour, &parts.tm_min, &parts.tm_sec, &micros,
-                    &zone) != 8 ||
-        zone != 'Z') {
+    in >> std::get_time(&parts, "%Y-%m-%dT%H:%M:%S") >> point;
+    in.read(fraction.data(), static_cast<std::streamsize>(fraction.size()));
+    in >> zone;
+    if (!in || point != '.' || zone != 'Z' ||
+        fraction.find_first_not_of("0123456789") != std::string::npos) {
         throw Failure(kNoLayer, "\"" + time + "\" is no time");
     }
-    parts.tm_year -= 1900;
-    parts.tm_mon -= 1;
-    return int64_t{timegm(&parts)} * 1'000'000 + micros;
+    return int64_t{timegm(&parts)} * 1'000'000 + std::stoll(fraction);
 }
 
 // The kind of a reply, empty for a request. Behind it a user's type may stand.
@@ -44,7 +48,7 @@ int64_t Conversation::Latency::at(double share) const {
         return -1;
     }
     const auto last = static_cast<double>(microseconds.size() - 1);
-    return microseconds[static_cast<size_t>(share * last + 0.5)];
+    return microseconds[static_cast<size_t>(std::lround(share * last))];
 }
 
 Conversation Conversation::read(std::istream& lines) {

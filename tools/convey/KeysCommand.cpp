@@ -14,7 +14,7 @@ using ScObjects::ConveyThread;
 namespace {
 
 std::string ask(const std::string& target, const std::string& key, int32_t timeoutSeconds) {
-    const std::string answer =
+    std::string answer =
         toStd(Convey::Thread::ping(target.c_str(), key.c_str(), timeoutSeconds, nullptr));
     if (isNoAnswer(answer)) {
         throw Failure(kNo, target + ": " + answer, {{"specifier", target}, {"answer", answer}});
