@@ -649,7 +649,7 @@ void PortReceiver::tendLater(int64_t milliseconds) {
     }
     itimerspec time{};
     time.it_value.tv_sec = milliseconds / 1000;
-    time.it_value.tv_nsec = milliseconds % 1000 * 1'000'000;
+    time.it_value.tv_nsec = static_cast<long>(milliseconds % 1000 * 1'000'000);
     (void)timerfd_settime(timer_.get(), 0, &time, nullptr);
 }
 
