@@ -55,7 +55,8 @@ void Ending::listen(const bool& inJson) {
             std::this_thread::sleep_for(kLastGrace);
             _exit(kSignalStatus + gEnding);
         }).detach();
-        std::exit(kSignalStatus + gEnding); // which gives the ports back
+        // Gives the ports back.
+        std::exit(kSignalStatus + gEnding); // NOLINT(concurrency-mt-unsafe): one thread comes here
     }).detach();
     for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
         (void)std::signal(number, [](int signal) { // all can be handled
@@ -73,6 +74,7 @@ void Ending::finish(int status) {
     while (gFinishing.exchange(true)) {
         std::this_thread::sleep_for(kGrace); // the other thread ends the process meanwhile
     }
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): one thread comes here
     std::exit(gEnding != 0 ? kSignalStatus + gEnding : status);
 }
 

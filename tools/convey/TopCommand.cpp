@@ -195,7 +195,8 @@ std::string padded(const std::string& text, int width) {
 class Screen {
 public:
     explicit Screen(bool colour) {
-        (void)std::setlocale(LC_ALL, ""); // else names show as bytes
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): before others run; else names show as bytes
+        (void)std::setlocale(LC_ALL, "");
         (void)initscr();
         (void)cbreak();
         (void)noecho();
@@ -234,10 +235,10 @@ public:
                 row += "  " + output.show(lines[i].program);
             }
             const bool isBad = lines[i].state == "silent" || lines[i].state == "stopped";
-            put(static_cast<int>(i) + 2, row,
-                !isBad       ? A_NORMAL
-                : hasColour_ ? COLOR_PAIR(1)
-                             : A_REVERSE);
+            const chtype look = !isBad       ? A_NORMAL
+                                : hasColour_ ? static_cast<chtype>(COLOR_PAIR(1))
+                                             : A_REVERSE;
+            put(static_cast<int>(i) + 2, row, static_cast<int>(look));
         }
         (void)refresh();
     }
