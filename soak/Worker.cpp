@@ -1,6 +1,7 @@
 // One of the processes that talk: sends requests to random others, answers theirs, and starts and
 // stops the layer every few seconds.
 // Usage: soak_worker STATES JOURNAL INDEX COUNT SEED
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -27,7 +28,7 @@ using Time = std::chrono::steady_clock;
 constexpr int64_t kOverdueMilliseconds = 20'000; // far behind the time-out, and its watcher's
 constexpr size_t kMaximumPending = 64;
 
-volatile std::sig_atomic_t gEnd = 0;
+std::atomic<int> gEnd{0}; // lock-free, so that a handler on any thread may set it
 
 int64_t milliseconds() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Time::now().time_since_epoch())
