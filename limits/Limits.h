@@ -79,6 +79,8 @@ inline constexpr Limit kAll[] = {
     {"desktop.machine-name", 256, "words", "of 4 bytes, of the machine that a window is of"},
     {"process.descriptors", 1 << 20, "descriptors", "closed in a child, where no call closes all"},
     {"process.text", kMiB, "bytes", "of a command line or an environment that is read"},
+    {"process.interpreter-line", 256, "bytes", "of a script's first line; the kernel reads no more"},
+    {"process.interpreter-words", 16, "words", "of a command line, up to a script; options come first"},
     {"process.known", 4096, "processes", "whose start is remembered"},
     {"bundle.property-list", kMiB, "bytes", "real ones have a few thousand"},
 

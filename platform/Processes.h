@@ -33,8 +33,10 @@ public:
     // started or asked about here.
     virtual bool isRunning(uint32_t number) = 0;
 
-    // The running processes of this user whose bundle, program or desktop entry is `path`, in no
-    // order; one that was started through links or by way of an interpreter counts.
+    // The running processes of this user that run the program `path`, or the program of the bundle,
+    // or were started by the desktop entry, in no order. A script is run by its interpreter, a
+    // program also after another file has taken its place, and links are followed. Who has the file
+    // open, or runs another program of the bundle, does not count.
     virtual std::vector<uint32_t> find(const std::string& path) const = 0;
 
     // Starts the application; its number, or 0 when it could not be started, which is reported.

@@ -8,7 +8,6 @@
 #include <string_view>
 
 #include "limits/Limits.h"
-#include "platform/Log.h"
 #include "platform/linux/RunTimeLibrary.h"
 
 namespace platform {
@@ -77,19 +76,19 @@ std::string textInPropertyList(const std::string& content, const char* key) {
 
 } // namespace
 
-std::string programOfBundle(const std::string& bundle) {
+std::string programOfBundle(const std::string& bundle, std::string& remark) {
     const size_t start = bundle.rfind('/') + 1;
     std::string name =
         bundle.substr(start, bundle.size() - start - std::string_view(kBundleExtension).size());
     const std::string content = readFile(bundle + "/Contents/Info.plist");
     if (!content.empty() && !PropertyLists::instance().usable) {
-        Log::system().problem("read " + bundle + "/Contents/Info.plist: libplist is not installed");
+        remark = "its Info.plist is not read: libplist is not installed";
     } else if (!content.empty()) {
         const std::string given = textInPropertyList(content, "CFBundleExecutable");
         name = given.empty() ? name : given;
     }
     if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos) {
-        Log::system().problem("start " + bundle + ": its program \"" + name + "\" is no file name");
+        remark = "its program \"" + name + "\" is no file name";
         return {};
     }
     return bundle + std::string(kFolders) + name;

@@ -37,6 +37,14 @@ std::string readProc(uint32_t number, const char* leaf) {
     return text;
 }
 
+std::string linkOf(uint32_t number, const char* leaf) {
+    char path[PATH_MAX];
+    const ssize_t length = readlink(procPath(number, leaf).c_str(), path, sizeof path);
+    return length > 0 && static_cast<size_t>(length) < sizeof path
+               ? std::string(path, static_cast<size_t>(length))
+               : std::string();
+}
+
 // The first word of a text, which loses it.
 std::string_view takeUpTo(std::string_view& text, char end) {
     const size_t length = text.find(end);
@@ -89,11 +97,11 @@ std::vector<uint32_t> ownProcesses() {
 }
 
 std::string programOfProcess(uint32_t number) {
-    char path[PATH_MAX];
-    const ssize_t length = readlink(procPath(number, "/exe").c_str(), path, sizeof path);
-    return length > 0 && static_cast<size_t>(length) < sizeof path
-               ? std::string(path, static_cast<size_t>(length))
-               : std::string();
+    return linkOf(number, "/exe");
+}
+
+std::string workingFolderOf(uint32_t number) {
+    return linkOf(number, "/cwd");
 }
 
 std::vector<std::string> commandLineOf(uint32_t number, size_t maximumWords) {

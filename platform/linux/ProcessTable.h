@@ -14,8 +14,12 @@ uint64_t processStartTime(uint32_t number);
 // The running processes of this user.
 std::vector<uint32_t> ownProcesses();
 
-// The program that a process runs, links resolved; empty when that cannot be found out.
+// The program that a process runs, links resolved; empty when that cannot be found out. One whose
+// file has gone or was replaced ends in " (deleted)".
 std::string programOfProcess(uint32_t number);
+
+// The folder that it works in; empty when that cannot be found out.
+std::string workingFolderOf(uint32_t number);
 
 // The words of its command line, at most so many.
 std::vector<std::string> commandLineOf(uint32_t number, size_t maximumWords);

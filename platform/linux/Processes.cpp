@@ -14,14 +14,13 @@
 #include "platform/linux/DesktopEntry.h"
 #include "platform/linux/ProcessStart.h"
 #include "platform/linux/ProcessTable.h"
+#include "platform/linux/RunningProgram.h"
 #include "platform/linux/SessionEnvironment.h"
 
 namespace platform {
 namespace {
 
 constexpr size_t kMaximumKnown = limits::of("process.known");
-// An interpreter, an option of its own, the script.
-constexpr size_t kInterpreterWords = 3;
 
 std::string withoutSlashes(std::string path) {
     while (path.size() > 1 && path.back() == '/') {
@@ -33,25 +32,6 @@ std::string withoutSlashes(std::string path) {
 std::string resolved(const std::string& path) {
     std::string real;
     return Files::own().resolve(path, real) ? real : path;
-}
-
-// Whether the process runs `program`, or a script that lies there.
-bool runsProgram(uint32_t number, const std::string& program) {
-    const std::string running = programOfProcess(number);
-    if (running == program) {
-        return true;
-    }
-    const std::vector<std::string> words = commandLineOf(number, kInterpreterWords);
-    for (size_t i = 1; i < words.size(); ++i) {
-        if (!words[i].empty() && words[i].front() == '/' &&
-            (words[i] == program || resolved(words[i]) == program)) {
-            return true;
-        }
-        if (words[i].empty() || words[i].front() != '-') {
-            break; // behind the script come the script's own words
-        }
-    }
-    return false;
 }
 
 class LinuxProcesses final : public Processes {
@@ -72,21 +52,13 @@ public:
         const std::string given = withoutSlashes(path);
         const std::string real = resolved(given);
         const bool isEntry = given.ends_with(kDesktopEntryExtension);
-        const bool isBundle = given.ends_with(kBundleExtension);
-        const std::string inBundle = real + "/";
+        std::string remark; // of what cannot be started, and so does not run
+        const RunningProgram program(
+            given.ends_with(kBundleExtension) ? programOfBundle(resolved(given), remark) : given);
         std::vector<uint32_t> found;
         for (const uint32_t number : ownProcesses()) {
-            bool matches = false;
-            if (isEntry) {
-                matches = startVariableOf(number, "GIO_LAUNCHED_DESKTOP_FILE") == given &&
-                          startVariableOf(number, "GIO_LAUNCHED_DESKTOP_FILE_PID") ==
-                              std::to_string(number);
-            } else if (isBundle) {
-                matches = programOfProcess(number).starts_with(inBundle) ||
-                          runsScriptIn(number, inBundle);
-            } else {
-                matches = runsProgram(number, real);
-            }
+            const bool matches =
+                isEntry ? wasStartedByEntry(number, given) : program.isRunBy(number);
             if ((matches || wasStartedFrom(number, given)) && processStartTime(number) != 0) {
                 found.push_back(number);
             }
@@ -129,14 +101,9 @@ public:
     }
 
 private:
-    static bool runsScriptIn(uint32_t number, const std::string& folder) {
-        const std::vector<std::string> words = commandLineOf(number, kInterpreterWords);
-        for (size_t i = 1; i < words.size(); ++i) {
-            if (!words[i].empty() && words[i].front() == '/') {
-                return resolved(words[i]).starts_with(folder);
-            }
-        }
-        return false;
+    static bool wasStartedByEntry(uint32_t number, const std::string& entry) {
+        return startVariableOf(number, "GIO_LAUNCHED_DESKTOP_FILE") == entry &&
+               startVariableOf(number, "GIO_LAUNCHED_DESKTOP_FILE_PID") == std::to_string(number);
     }
 
     static uint32_t startGiven(const std::string& path, bool behind, std::string& reason) {
@@ -148,10 +115,15 @@ private:
         if (path.ends_with(kDesktopEntryExtension)) {
             return startDesktopEntry(path, environment, reason);
         }
-        const std::string program = path.ends_with(kBundleExtension) ? programOfBundle(path) : path;
+        std::string remark;
+        const std::string program =
+            path.ends_with(kBundleExtension) ? programOfBundle(path, remark) : path;
         if (program.empty()) {
-            reason = "it names no program";
+            reason = remark;
             return 0;
+        }
+        if (!remark.empty()) {
+            Log::system().problem("start " + path + ": " + remark);
         }
         int error = 0;
         const uint32_t number =

@@ -204,21 +204,84 @@ TEST_F(ProcessesTest, findsTheProgramOfABundle) {
             EXPECT_THAT(processes().find(bundle), Contains(number));
         }
     }
-    const std::string script = program("Painter.app/Contents/MacOS/Painter", "sleep 300\n");
-    std::filesystem::remove(bundle + "/Contents/Info.plist");
-    const std::string link = folder.file("Link.app");
-    std::filesystem::create_directory_symlink(bundle, link);
-    const pid_t byHand = fork();
-    if (byHand == 0) {
-        (void)setpgid(0, 0);
-        execl(script.c_str(), script.c_str(), nullptr);
-        _exit(1);
+}
+
+TEST_F(ProcessesTest, onlyAProgramOfItsOwnMakesABundleRun) {
+    const std::string folderOfPrograms = folder.file("Clock.app/Contents/MacOS/");
+    std::filesystem::create_directories(folderOfPrograms);
+    const std::string clock = folderOfPrograms + "Clock";
+    const std::string helper = folderOfPrograms + "Helper";
+    const std::string replacement = folderOfPrograms + "Clock.new";
+    for (const std::string& path : {clock, helper, replacement}) {
+        std::filesystem::copy_file("/bin/sleep", path);
     }
-    EXPECT_TRUE(eventually([&] {
-        const auto found = processes().find(link);
-        return std::find(found.begin(), found.end(), static_cast<uint32_t>(byHand)) != found.end();
-    })) << "it runs in a shell, and was not started here";
-    EXPECT_EQ(kill(-byHand, SIGKILL), 0) << "the shell and what it waits for";
+    const std::string notes = folder.write("Clock.app/Contents/notes.txt", "tick\n");
+    const std::string shell = program("Shell.app/Contents/MacOS/Shell", "sleep 300\n");
+    (void)program("Env.app/Contents/MacOS/Env", "");
+    const std::string env =
+        folder.write("Env.app/Contents/MacOS/Env", "#!/usr/bin/env -S sh -e\nsleep 300\n");
+    std::filesystem::create_directory_symlink(folder.file("Shell.app"), folder.file("Link.app"));
+    struct Case {
+        const char* why;
+        std::vector<std::string> command;
+        const char* bundle;
+        bool runs;
+    };
+    const auto sees = [&](const Case& c) {
+        const pid_t number = fork();
+        if (number == 0) {
+            (void)setsid(); // what a shell waits for ends with it
+            (void)chdir(folder.file("Shell.app").c_str());
+            (void)dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
+            std::vector<char*> words;
+            for (const std::string& word : c.command) {
+                words.push_back(const_cast<char*>(word.c_str()));
+            }
+            words.push_back(nullptr);
+            execv(words[0], words.data());
+            _exit(1);
+        }
+        // Until the child has become the command, which is what its first word then says.
+        const std::string commandLine = "/proc/" + std::to_string(number) + "/cmdline";
+        const std::string last = c.command.back() + '\0';
+        EXPECT_TRUE(eventually([&] { return TemporaryFolder::read(commandLine).ends_with(last); }))
+            << c.why;
+        started.push_back(static_cast<uint32_t>(number));
+        const auto finds = [&] {
+            const auto found = processes().find(folder.file(c.bundle));
+            return std::find(found.begin(), found.end(), static_cast<uint32_t>(number)) !=
+                   found.end();
+        };
+        EXPECT_EQ(finds(), c.runs) << c.why;
+        if (c.why == std::string("its program")) {
+            std::filesystem::rename(replacement, clock);
+            EXPECT_TRUE(finds()) << "another file was put in its place";
+        }
+        EXPECT_EQ(kill(-number, SIGKILL), 0);
+    };
+    const std::string tail = "/usr/bin/tail";
+    const Case cases[] = {
+        {"its program", {clock, "300"}, "Clock.app", true},
+        {"a helper that lies beside it", {helper, "300"}, "Clock.app", false},
+        {"who reads a file of the bundle", {tail, "-f", notes}, "Clock.app", false},
+        {"who reads the program", {tail, "-f", clock}, "Clock.app", false},
+        {"a script", {shell}, "Shell.app", true},
+        {"a script through a link", {shell}, "Link.app", true},
+        {"a script as a person types it",
+         {"/bin/sh", "-e", "Contents/MacOS/Shell"},
+         "Shell.app",
+         true},
+        {"a script that looks for its interpreter", {env}, "Env.app", true},
+        {"an editor of the script", {tail, shell, "-f"}, "Shell.app", false},
+        {"an editor of the other script", {tail, env, "-f"}, "Env.app", false},
+        {"its interpreter with another script",
+         {"/bin/sh", "-c", "sleep 300; :", shell},
+         "Shell.app",
+         false},
+    };
+    for (const Case& c : cases) {
+        sees(c);
+    }
 }
 
 TEST_F(ProcessesTest, startsDesktopEntries) {
