@@ -20,7 +20,8 @@ struct Database::State {
     std::mutex mutex;   // guards what follows
     bool stale = false; // a change was seen and could not be read yet
     // Of the domain data and of the products. A file that was put in the place of another may have
-    // been made in the same second: what is told then must differ all the same.
+    // been made in the same second, and one of the first version keeps no times: what is told of a
+    // change must differ all the same.
     struct ModTime {
         uint32_t told = 0;
         uint32_t read = 0;
@@ -122,7 +123,9 @@ Status Database::refreshLocked() {
         const bool sameBelow = below == nullptr || state_->below == nullptr
                                    ? below == state_->below
                                    : state_->below->isOnFileOf(*below);
-        if (!sameBelow || !store->isOnFileOf(*state_->store)) {
+        const bool timesTell =
+            store->keepsTimes() && (state_->below == nullptr || state_->below->keepsTimes());
+        if (!timesTell || !sameBelow || !store->isOnFileOf(*state_->store)) {
             for (State::ModTime& time : state_->modTimes) {
                 time.replaced = true;
             }
@@ -182,8 +185,7 @@ Status Database::modTimes(bool ofProducts, uint32_t& out) {
     }
     State::ModTime& state = state_->modTimes[ofProducts ? 1 : 0];
     if (state.replaced || time != state.read || timeBelow != state.readBelow) {
-        const uint32_t later = std::max(time, timeBelow);
-        state.told = later == state.told ? later + 1 : later;
+        state.told = std::max({time, timeBelow, state.told + 1});
         state.read = time;
         state.readBelow = timeBelow;
         state.replaced = false;

@@ -153,6 +153,8 @@ public:
     [[nodiscard]] Status readProducts(std::vector<Product>& out);
     [[nodiscard]] Status productModTime(uint32_t& out);
     [[nodiscard]] Status domainModTime(uint32_t& out);
+    // False for a database of the first version: its times are always 0.
+    bool keepsTimes() const;
 
     // Domain data. Setting a key again keeps its place in the order; a new subdomain or key goes to
     // the end. Removing the last key keeps the subdomain; removing an absent one is nothingThere.

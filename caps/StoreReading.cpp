@@ -258,7 +258,7 @@ Status Store::readProducts(std::vector<Product>& out) {
 }
 
 Status Store::modTime(const char* what, uint32_t& out) {
-    if (impl_->schemaVersion < kFirstVersionWithTimes) {
+    if (!keepsTimes()) {
         out = 0; // unknown
         return Status::ok;
     }
@@ -271,6 +271,10 @@ Status Store::modTime(const char* what, uint32_t& out) {
     }
     out = static_cast<uint32_t>(statement.integer(0));
     return Status::ok;
+}
+
+bool Store::keepsTimes() const {
+    return impl_->schemaVersion >= kFirstVersionWithTimes;
 }
 
 Status Store::productModTime(uint32_t& out) {

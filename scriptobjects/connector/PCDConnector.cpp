@@ -40,7 +40,7 @@ bool told(int32_t status, const SoString& text, const char* what) {
         line += text.isEmpty() ? "the database library has no part for configurations, or the "
                                  "database is not open"
                                : text.c_str();
-        platform::Log::own().problem(line);
+        platform::Log::system().problem(line);
     }
     return status == PCDWrapper::kSuccess;
 }
@@ -81,6 +81,7 @@ SoString PCDConnector::getName() const {
 bool PCDConnector::initLists(CVConnectorAppInfoList& list, SoVector<SoString>& groups) {
     PCDInitLists walk(list, groups);
     const bool complete = walk.run(*wrapper_);
+    filled_ = true;
     productModTime_ = walk.productModTime();
     domainModTime_ = walk.domainModTime();
     return complete;
@@ -88,7 +89,7 @@ bool PCDConnector::initLists(CVConnectorAppInfoList& list, SoVector<SoString>& g
 
 bool PCDConnector::updateCache(bool force) {
     ObjectLock lock(*this);
-    if (productModTime_ == 0) {
+    if (!filled_) {
         return false;
     }
     bool changed = false;

@@ -72,6 +72,9 @@ private:
     const bool master_;
     const DomainKey key_;
     const std::unique_ptr<PCDWrapper> wrapper_ SO_PT_GUARDED_BY(this);
+    // Whether a list was ever asked for. The times do not tell: they are 0 after a reading that
+    // found no database, and in databases of the first version.
+    bool filled_ SO_GUARDED_BY(this) = false;
     // As of the last reading, 0 when unknown.
     uint32_t productModTime_ SO_GUARDED_BY(this) = 0;
     uint32_t domainModTime_ SO_GUARDED_BY(this) = 0;

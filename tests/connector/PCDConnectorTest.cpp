@@ -358,6 +358,20 @@ TEST_F(PCDConnectorTest, isEmptyOrAbsentWhateverTheLibraryLacks) {
     EXPECT_EQ(ScObjects::ConveyUtils::createConnector("test", "other"), nullptr);
 }
 
+TEST_F(PCDConnectorTest, hasNoConfigurationsWithALibraryOfBeforeThem) {
+    library.entries = {{"/ovrel/convey/aa", {{"Path", "/a/a"}}}};
+    platform::FakeLog log;
+    const platform::ScopedReplacement<platform::Log> logInForce{log};
+    const auto c = connector();
+    EXPECT_STREQ(c->getConnectorConfig("").c_str(), "");
+    EXPECT_FALSE(c->importFrom("<registry/>"));
+    EXPECT_FALSE(c->removeAll());
+    ASSERT_EQ(log.lines.size(), 3U) << "each says why";
+    EXPECT_EQ(log.lines.back(), "the registry cannot be removed: the database library has no part "
+                                "for configurations, or the database is not open");
+    EXPECT_EQ(listing(*c), "aa /a/a|");
+}
+
 TEST_F(PCDConnectorTest, isNamedByItsKindAndDomain) {
     const struct {
         bool master;

@@ -1,7 +1,10 @@
+#include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <string>
 
+#include "caps/Schema.h"
 #include "caps/Store.h"
 #include "scriptobjects/connector/PCDConnector.h"
 #include "scriptobjects/convey/SoConvey.h"
@@ -66,6 +69,71 @@ TEST(WholeRegistry, isExportedTakenOverComparedAndRemoved) {
     EXPECT_EQ(process->getNumberOfRegisteredApplications(), 0);
     EXPECT_FALSE(Convey::useConnector("removeAll")) << "nothing is left to remove";
     ConveyConnector::InitTerm::exit();
+}
+
+// An administrator moves the database away and back; one of the first version keeps no times.
+TEST(WholeRegistry, followsAFileThatComesBackAndOneOfTheFirstVersion) {
+    const TemporaryFolder folder;
+    PCDConnector::setCapsFolder(PROGRAMS);
+    const std::string path = folder.file("caps.db");
+    {
+        sqlite3* connection = nullptr;
+        ASSERT_EQ(sqlite3_open(path.c_str(), &connection), SQLITE_OK);
+        const std::string script =
+            std::string(caps::kMigrations[0]) +
+            "PRAGMA user_version = 1; PRAGMA application_id = " +
+            std::to_string(caps::kApplicationId) +
+            "; INSERT INTO subdomain (domain, name) VALUES (1, '/ovrel/convey/old-1.0');"
+            "INSERT INTO domain_data (subdomain, key, value, position) SELECT id, 'Path', '/old', "
+            "1 FROM "
+            "subdomain";
+        char* error = nullptr;
+        ASSERT_EQ(sqlite3_exec(connection, script.c_str(), nullptr, nullptr, &error), SQLITE_OK)
+            << error;
+        sqlite3_close(connection);
+    }
+    setenv("OVREL_CAPS_DB", path.c_str(), 1);
+    PCDConnector connector("own-1.0", true, PCDConnector::kIvorDomain);
+    const auto sees = [&connector] {
+        std::string text;
+        for (int32_t i = 0; i < connector.getNumberOfRegisteredApplications(); ++i) {
+            const SoString specifier = connector.getApplicationSpecifier(i);
+            text += connector.getApplicationPath(specifier, nullptr).c_str();
+        }
+        return text;
+    };
+    EXPECT_EQ(sees(), "/old");
+    const auto execute = [&path](const char* sql) {
+        sqlite3* connection = nullptr;
+        ASSERT_EQ(sqlite3_open(path.c_str(), &connection), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(connection, sql, nullptr, nullptr, nullptr), SQLITE_OK);
+        sqlite3_close(connection);
+    };
+    for (const char* value : {"/first", "/second", "/third"}) { // by a program of that time
+        execute((std::string("UPDATE domain_data SET value = '") + value + "'").c_str());
+        EXPECT_TRUE(connector.updateCache(false)) << value;
+        EXPECT_EQ(sees(), value);
+        EXPECT_FALSE(connector.updateCache(false)) << "nothing changed since";
+    }
+    const std::string away = folder.file("away.db");
+    for (int round = 0; round < 2; ++round) { // then again, brought up to date
+        std::filesystem::rename(path, away);
+        EXPECT_FALSE(connector.updateCache(false));
+        EXPECT_EQ(sees(), "/third") << "what was read stays, unless it is asked for anew";
+        EXPECT_TRUE(connector.updateCache(true));
+        EXPECT_EQ(sees(), "");
+        std::filesystem::rename(away, path);
+        EXPECT_TRUE(connector.updateCache(false)) << "it is back";
+        EXPECT_EQ(sees(), "/third");
+        std::unique_ptr<Store> store;
+        ASSERT_EQ(Store::open(path, Store::Access::write, store), Status::ok);
+        EXPECT_EQ(connector.updateCache(false), round == 0) << "a new version is a change";
+        EXPECT_EQ(sees(), "/third");
+        store.reset();
+        for (const char* suffix : {"-wal", "-shm"}) {
+            std::filesystem::remove(path + suffix);
+        }
+    }
 }
 
 } // namespace
