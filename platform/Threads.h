@@ -9,6 +9,9 @@ namespace platform {
 // Starts threads. Mutexes, conditions and sleeps are the standard library's; only the start can
 // fail, and a test must be able to make it.
 //
+// A signal that is meant for the process never runs its handler on such a thread, and never ends
+// the process because of it: a host decides about its signals by what its own threads block.
+//
 // Porting contract: does not block, starts at once. Threads: any.
 class Threads : public Service<Threads> {
 public:

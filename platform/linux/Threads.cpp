@@ -1,14 +1,37 @@
 #include "platform/Threads.h"
 
+#include <csignal>
 #include <new>
+#include <pthread.h>
 #include <system_error>
 
 namespace platform {
 namespace {
 
+// What a thread is started under, it keeps. Faults of the thread itself stay its own, and so does
+// what a profiler measures by.
+class BlockedSignals {
+public:
+    BlockedSignals() {
+        sigset_t blocked;
+        sigfillset(&blocked);
+        for (const int own : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS, SIGPROF}) {
+            sigdelset(&blocked, own);
+        }
+        (void)pthread_sigmask(SIG_BLOCK, &blocked, &before_);
+    }
+    ~BlockedSignals() { (void)pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    BlockedSignals(const BlockedSignals&) = delete;
+    BlockedSignals& operator=(const BlockedSignals&) = delete;
+
+private:
+    sigset_t before_{};
+};
+
 class LinuxThreads final : public Threads {
 public:
     bool start(std::thread& out, void (*entry)(void*), void* argument) override {
+        const BlockedSignals blocked;
         try {
             out = std::thread(entry, argument);
             return true;

@@ -1,0 +1,124 @@
+#include "platform/MainLoop.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <iterator>
+#include <mutex>
+#include <poll.h>
+#include <pthread.h>
+#include <string>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <utility>
+
+#include "platform/Log.h"
+#include "platform/linux/Descriptor.h"
+#include "platform/linux/PortDescriptor.h"
+
+namespace platform {
+namespace {
+
+void reportFailure(const char* call) {
+    const int error = errno; // building the line may change it
+    Log::system().problem(std::string("Convey: ") + call + ": " + std::strerror(error));
+}
+
+class EventSignal final : public PollSignal {
+public:
+    explicit EventSignal(PortDescriptor event) : event_(std::move(event)) {}
+
+    int descriptor() const override { return event_.get(); }
+
+    // The mark and the descriptor change together: of a raise and a lower at the same moment the
+    // later would otherwise be lost on one of the two.
+    void raise() override {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        if (!std::exchange(raised_, true)) {
+            (void)eventfd_write(event_.get(), 1); // cannot be full: it is 0 or 1
+        }
+    }
+
+    bool lower() override {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        if (!std::exchange(raised_, false)) {
+            return false;
+        }
+        eventfd_t count = 0;
+        (void)eventfd_read(event_.get(), &count);
+        return true;
+    }
+
+private:
+    // A child after fork must not take the parent's messages away by reading them as seen.
+    const PortDescriptor event_;
+    std::mutex mutex_;
+    bool raised_ = false; // under mutex_
+};
+
+// What asks a process to end, blocked for the thread so that only the descriptor tells of it.
+class SignalRequests final : public EndRequests {
+public:
+    SignalRequests(const sigset_t& requests, Descriptor descriptor)
+        : requests_(std::move(descriptor)) {
+        (void)pthread_sigmask(SIG_BLOCK, &requests, &before_);
+    }
+    ~SignalRequests() override { (void)pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    SignalRequests(const SignalRequests&) = delete;
+    SignalRequests& operator=(const SignalRequests&) = delete;
+
+    int wait(const PollSignal& signal) override {
+        for (;;) {
+            pollfd watched[] = {{requests_.get(), POLLIN, 0}, {signal.descriptor(), POLLIN, 0}};
+            if (uninterrupted([&] { return poll(watched, std::size(watched), -1); }) < 0) {
+                return SIGTERM; // no memory to wait with: better the end than a busy wait
+            }
+            signalfd_siginfo request{};
+            if (watched[0].revents != 0 &&
+                read(requests_.get(), &request, sizeof request) == sizeof request) {
+                return static_cast<int>(request.ssi_signo);
+            }
+            if (watched[1].revents != 0) {
+                return 0;
+            }
+        }
+    }
+
+private:
+    const Descriptor requests_;
+    sigset_t before_{};
+};
+
+class LinuxMainLoops final : public MainLoops {
+public:
+    std::unique_ptr<PollSignal> newSignal() override {
+        PortDescriptor event(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+        if (!event) {
+            reportFailure("eventfd");
+            return nullptr;
+        }
+        return std::make_unique<EventSignal>(std::move(event));
+    }
+
+    std::unique_ptr<EndRequests> takeEndRequests() override {
+        sigset_t requests;
+        sigemptyset(&requests);
+        sigaddset(&requests, SIGINT);
+        sigaddset(&requests, SIGTERM);
+        Descriptor descriptor(signalfd(-1, &requests, SFD_CLOEXEC | SFD_NONBLOCK));
+        if (!descriptor) {
+            reportFailure("signalfd");
+            return nullptr;
+        }
+        return std::make_unique<SignalRequests>(requests, std::move(descriptor));
+    }
+};
+
+} // namespace
+
+MainLoops& MainLoops::own() {
+    static auto* const loops = new LinuxMainLoops;
+    return *loops;
+}
+
+} // namespace platform
