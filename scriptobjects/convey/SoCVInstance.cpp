@@ -9,6 +9,7 @@
 #include "scriptobjects/convey/SoCVDiagnosticsRows.h"
 #include "scriptobjects/convey/SoCVGuard.h"
 #include "scriptobjects/convey/SoCVInstanceParts.h"
+#include "scriptobjects/convey/SoCVPollSignal.h"
 #include "scriptobjects/convey/SoCVSetupThread.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/convey/SoCVThread.h"
@@ -88,6 +89,13 @@ void PrivateData::watch(platform::PortWait& wait) const {
 void PrivateData::noteActivity() const {
     if (ConveyContext* context = this->context()) {
         context->noteActivity();
+    }
+    remindHost();
+}
+
+void PrivateData::remindHost() const {
+    if (PollSignal::isWatched() && !isClosed() && !incoming_.isEmpty()) {
+        PollSignal::raise();
     }
 }
 

@@ -63,6 +63,8 @@ public:
     Outbox::Left carryOutgoing();
 
     bool incomingPending() const;
+    // Raises the signal of the host's main loop when a message is there to be handled.
+    void remindHost() const;
     bool outgoingPending() const { return !isClosed() && !outbox_.messages().isEmpty(); }
 
     Convey::MsgHandler* findHandler(const SoString& type, uint32_t serialNumber) const;

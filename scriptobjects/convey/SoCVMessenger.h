@@ -197,6 +197,25 @@ public:
     // `milliseconds`, and pumps again. For hosts without a loop of their own.
     static bool pumpOrWait(uint32_t milliseconds, ConveyContext* context = nullptr);
 
+    // A descriptor for the main loop of the host, one for the whole process: readable when a pump
+    // has something to do (a message has come in or its time is over, another thread has sent one
+    // to an instance of this process), and not otherwise; when it is readable,
+    // `pump(kProcessBoth)`. The host computes no time: what is due is seen to by the background
+    // thread. It stays the layer's, good until the process ends, also while the layer is stopped
+    // and started again; it may be watched for reading by any means, and nothing else. -1 when the
+    // system gives none.
+    static int32_t getPollDescriptor();
+
+    // Pumps until `quit` is called (0), the process is asked to end by SIGTERM or SIGINT (the
+    // number of that), or the layer has ended or cannot wait (-1): for hosts without a loop of
+    // their own, asleep until something happens. A host that blocks the two signals at its start
+    // loses none that comes before `run`, and has them blocked in its other threads, as they must
+    // be; threads of the layer block them.
+    static int32_t run();
+    // Ends `run`, or the next call of it when none is under way, when the handler that runs has
+    // returned. Any thread, not from a handler of signals.
+    static void quit();
+
     // The state of the layer as rows, or as text for people.
     static void getDiagnostics(SoString& out, bool formatted);
 

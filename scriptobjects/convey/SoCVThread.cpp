@@ -14,6 +14,7 @@
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVPing.h"
+#include "scriptobjects/convey/SoCVPollSignal.h"
 #include "scriptobjects/convey/SoCVSetupThread.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/convey/SoCVThreadHandlers.h"
@@ -241,6 +242,7 @@ void ConveyThread::run() {
             notePump();
             removeExpiredPingData();
             platform::TextMemory::giveBackWhenIdle();
+            remindHost();
             nextRound = now() + static_cast<double>(kRoundMilliseconds);
         }
         if (stop_.load() || rest.more) {
@@ -330,6 +332,19 @@ Outbox::Left ConveyThread::serveInstances() {
         wait_->watchNames(waiting);
     }
     return left;
+}
+
+// Messages that nobody might handle when they were looked at, and whose hindrance has gone.
+void ConveyThread::remindHost() const {
+    const ConveyContext* const context =
+        ConveyData::PollSignal::isWatched() ? context_.load() : nullptr;
+    for (int32_t i = 0; context != nullptr && !stop_.load(); ++i) {
+        const auto instance = context->pinNth(i);
+        if (instance == nullptr) {
+            return;
+        }
+        instance->remindHost();
+    }
 }
 
 void ConveyThread::wakeCourier() {

@@ -149,6 +149,7 @@ private:
     bool answerPings();
     void answerPing(Convey::Message& message);
     ConveyData::Outbox::Left serveInstances();
+    void remindHost() const;
     int64_t carry();
     void notePump();
     void pause(int64_t milliseconds);

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "limits/Limits.h"
+#include "platform/MainLoop.h"
 #include "platform/TextMemory.h"
 #include "scriptobjects/connector/PCDConnector.h"
 #include "scriptobjects/connector/SoCVConnector.h"
@@ -15,6 +16,7 @@
 #include "scriptobjects/convey/SoCVLaunching.h"
 #include "scriptobjects/convey/SoCVMessageGlobals.h"
 #include "scriptobjects/convey/SoCVPing.h"
+#include "scriptobjects/convey/SoCVPollSignal.h"
 #include "scriptobjects/convey/SoCVResolution.h"
 #include "scriptobjects/convey/SoCVSetupThread.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
@@ -30,6 +32,7 @@ namespace {
 
 constexpr uint32_t kRefreshSeconds = limits::of("registry.refresh");
 constinit std::atomic<uint32_t> gLastRefresh{0}; // seconds since 1970
+constinit std::atomic<bool> gQuit{false};        // for `run`
 
 // What `InitTerm::init` has started, in the reverse order.
 void shutDown() {
@@ -40,6 +43,7 @@ void shutDown() {
     InterAppStream::InitTerm::exit();
     ConveyUtils::exit();
     platform::TextMemory::giveBack();
+    ConveyData::PollSignal::raise(); // who sleeps in `run` has nothing to wait for any more
 }
 
 ConveyThread* mainThread() {
@@ -268,6 +272,8 @@ bool Convey::pump(EnabledOperations operations, ConveyContext* context) {
             }
         }
         setStatus(ConveyThread::CV_PUMPING);
+        // Before one looks: what arrives from now on raises it again.
+        (void)ConveyData::PollSignal::lower();
         bool processed = false;
         for (int32_t i = 0; const auto instance = context->pinNth(i); ++i) {
             if ((operations & kProcessIncoming) != 0) {
@@ -280,6 +286,13 @@ bool Convey::pump(EnabledOperations operations, ConveyContext* context) {
             }
         }
         setStatus(ConveyThread::CV_IDLE);
+        // What this pump has handled may have come in while it ran. What is left is for the next
+        // one, unless this one could handle nothing: then its hindrance tells when it goes.
+        if (ConveyData::PollSignal::lower() || processed) {
+            for (int32_t i = 0; const auto instance = context->pinNth(i); ++i) {
+                instance->remindHost();
+            }
+        }
         return processed;
     });
 }
@@ -297,6 +310,38 @@ bool Convey::pumpOrWait(uint32_t milliseconds, ConveyContext* context) {
     }
     current->waitForActivity(seen, milliseconds);
     return pump(kProcessBoth, current);
+}
+
+int32_t Convey::getPollDescriptor() {
+    return guarded(-1, [] {
+        const platform::PollSignal* const signal = ConveyData::PollSignal::get();
+        return signal == nullptr ? -1 : signal->descriptor();
+    });
+}
+
+int32_t Convey::run() {
+    return guarded(-1, [] {
+        platform::PollSignal* const signal = ConveyData::PollSignal::get();
+        const auto requests = platform::MainLoops::system().takeEndRequests();
+        int32_t request = signal == nullptr || requests == nullptr ? -1 : 0;
+        while (request == 0) {
+            (void)pump(kProcessBoth, nullptr);
+            // Behind the pump, which lowers the signal that came with them.
+            if (gQuit.exchange(false)) {
+                return 0;
+            }
+            if (ConveyContext::getCurrentContext() == nullptr) {
+                return -1;
+            }
+            request = requests->wait(*signal);
+        }
+        return request;
+    });
+}
+
+void Convey::quit() {
+    gQuit.store(true);
+    ConveyData::PollSignal::raise();
 }
 
 void Convey::getDiagnostics(SoString& out, bool formattedText) {
