@@ -89,9 +89,7 @@ int answerUntilTheEnd(const Convey& instance) {
         std::printf("launched with: %s\n", options.c_str());
     }
     std::fflush(stdout);
-    while (gEnd == 0) {
-        (void)Convey::pumpOrWait(100); // looks for SIGTERM ten times a second
-    }
+    (void)Convey::run(); // until SIGTERM or SIGINT
     return 0;
 }
 
@@ -142,8 +140,17 @@ int main(int argc, char** argv) {
         std::fputs(kUsage, stderr);
         return 2;
     }
-    std::signal(SIGTERM, [](int) { gEnd = 1; });
-    std::signal(SIGINT, [](int) { gEnd = 1; });
+    if (argc == 2 || std::strcmp(argv[2], "--quiet") == 0) {
+        // What asks for the end before `run` waits for it, is to be kept until then.
+        sigset_t requests;
+        sigemptyset(&requests);
+        sigaddset(&requests, SIGTERM);
+        sigaddset(&requests, SIGINT);
+        sigprocmask(SIG_BLOCK, &requests, nullptr);
+    } else {
+        std::signal(SIGTERM, [](int) { gEnd = 1; });
+        std::signal(SIGINT, [](int) { gEnd = 1; });
+    }
     if (!Convey::InitTerm::init(argv[1], true)) {
         std::fprintf(stderr, "host: the layer does not start as %s\n", argv[1]);
         return 1;
