@@ -262,10 +262,10 @@ SoString ConveyContext::getAppSpecifier() const {
     if (main == nullptr && thread_ == nullptr) {
         return SoString();
     }
-    // Completing the own specifier needs the answer that a fix-up under way is working out.
-    Convey::Specifier own(main != nullptr ? main->appName().c_str()
-                                          : thread_->getSpecifier().c_str(),
-                          main == nullptr && !Convey::Specifier::isFixUpUnderWay());
+    // As it stands, which is the name of its port: the start has completed it. Completed once more
+    // "doc-7" would become the "doc-7.50" that it is not.
+    Convey::Specifier own(
+        main != nullptr ? main->appName().c_str() : thread_->getSpecifier().c_str(), false);
     own.setSuffix(SoString());
     return own;
 }

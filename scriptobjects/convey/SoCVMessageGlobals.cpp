@@ -9,11 +9,16 @@ constinit std::atomic<bool> gInitialised{false};
 
 } // namespace
 
-MessageGlobals* MessageGlobals::get() {
+MessageGlobals* MessageGlobals::object() {
     static auto* const globals = new MessageGlobals;
+    return globals;
+}
+
+MessageGlobals* MessageGlobals::get() {
+    MessageGlobals* const globals = object();
     // Several threads may come here first together: each reads the same registry.
     if (!gInitialised.load(std::memory_order_acquire)) {
-        globals->readRegistry();
+        globals->readRegistry(startName());
         gInitialised.store(true, std::memory_order_release);
     }
     return globals;
@@ -24,12 +29,16 @@ void MessageGlobals::init() {
 }
 
 void MessageGlobals::exit() {
+    MessageGlobals* const globals = object();
+    const ObjectLock guard(*globals);
+    globals->authenticationIsSet_ = globals->createDigestIsSet_ = false;
     gInitialised.store(false, std::memory_order_release);
 }
 
 void MessageGlobals::setAuthentication(bool on) {
     const ObjectLock guard(*this);
     authentication_ = on;
+    authenticationIsSet_ = true;
 }
 
 bool MessageGlobals::getAuthentication() const {
@@ -40,6 +49,7 @@ bool MessageGlobals::getAuthentication() const {
 void MessageGlobals::setCreateDigest(bool on) {
     const ObjectLock guard(*this);
     createDigest_ = on;
+    createDigestIsSet_ = true;
 }
 
 bool MessageGlobals::getCreateDigest() const {

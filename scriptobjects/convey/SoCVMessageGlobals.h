@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "scriptobjects/core/SoExport.h"
+#include "scriptobjects/core/SoString.h"
 #include "scriptobjects/core/SoThread.h"
 
 namespace ScObjects::ConveyData {
@@ -10,8 +11,10 @@ namespace ScObjects::ConveyData {
 // The process-wide switches of the message text's integrity check: whether texts that are written
 // carry a digest, and whether the digest of texts that are read is compared.
 //
-// Made on first use, with what the registry says of this application and with both on where it says
-// nothing. Threads: any; `init` and `exit` from the thread that starts and stops the layer.
+// Made on first use, with what the registry says of the name that the layer was started with, then,
+// as soon as it is known, of the registration that this stands for; both are on where the registry
+// says nothing. What the host sets stays. Threads: any; `init` and `exit` from the thread that
+// starts and stops the layer.
 class SO_EXPORT MessageGlobals : public SoLockable {
 public:
     // The switches; never null.
@@ -22,6 +25,9 @@ public:
     static void init();
     static void exit();
 
+    // Takes what the registry says of the application `own`, for those that the host has not set.
+    void readRegistry(const SoString& own) SO_EXCLUDES(this);
+
     void setAuthentication(bool on);
     bool getAuthentication() const;
     void setCreateDigest(bool on);
@@ -29,10 +35,13 @@ public:
 
 private:
     MessageGlobals() = default;
-    void readRegistry() SO_EXCLUDES(this);
+    static MessageGlobals* object(); // whatever it says
+    static SoString startName();
 
     bool authentication_ SO_GUARDED_BY(this) = true;
     bool createDigest_ SO_GUARDED_BY(this) = true;
+    bool authenticationIsSet_ SO_GUARDED_BY(this) = false;
+    bool createDigestIsSet_ SO_GUARDED_BY(this) = false;
 };
 
 } // namespace ScObjects::ConveyData

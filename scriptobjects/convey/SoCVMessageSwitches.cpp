@@ -5,17 +5,21 @@
 
 namespace ScObjects::ConveyData {
 
-void MessageGlobals::readRegistry() {
+SoString MessageGlobals::startName() {
+    const ConveyConnector* connector = ConveyConnector::get();
+    return connector == nullptr ? SoString() : connector->getApplicationSpecifier(-1);
+}
+
+void MessageGlobals::readRegistry(const SoString& own) {
     bool authentication = true;
     bool createDigest = true;
     if (const ConveyConnector* connector = ConveyConnector::get()) {
-        const SoString own = connector->getApplicationSpecifier(-1);
         authentication = connector->getMessageAuthentication(own);
         createDigest = connector->getMessageDigest(own);
     }
     const ObjectLock guard(*this);
-    authentication_ = authentication;
-    createDigest_ = createDigest;
+    authentication_ = authenticationIsSet_ ? authentication_ : authentication;
+    createDigest_ = createDigestIsSet_ ? createDigest_ : createDigest;
 }
 
 } // namespace ScObjects::ConveyData

@@ -7,6 +7,7 @@
 
 #include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVLaunchParameters.h"
+#include "scriptobjects/convey/SoCVMessageGlobals.h"
 #include "scriptobjects/convey/SoCVMessenger.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/convey/SoCVThread.h"
@@ -95,6 +96,8 @@ SoString setUp(const SoString& appSpecifier) {
     if (!(specifier == ConveyUtils::getLaunchMsgQueueName(appSpecifier))) {
         ConveyUtils::keepStreamFor(nullptr); // no instance here will have the launch queue's name
     }
+    // Before the first message: an incomplete start name has no registration of its own.
+    ConveyData::MessageGlobals::get()->readRegistry(specifier);
     auto* const context = new ConveyContext(specifier);
     ConveyContext::setCurrentContext(context);
     (void)context->getThread()->setKeyValuePair(ConveyThread::CV_LAUNCHPARAMS, parameters);

@@ -7,6 +7,8 @@
 #include "caps/Schema.h"
 #include "caps/Store.h"
 #include "scriptobjects/connector/PCDConnector.h"
+#include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoCVThread.h"
 #include "scriptobjects/convey/SoConvey.h"
 #include "tests/support/TemporaryFolder.h"
 
@@ -132,6 +134,56 @@ TEST(WholeRegistry, followsAFileThatComesBackAndOneOfTheFirstVersion) {
         store.reset();
         for (const char* suffix : {"-wal", "-shm"}) {
             std::filesystem::remove(path + suffix);
+        }
+    }
+}
+
+// A shell tool is often started by a name without version.
+TEST(WholeRegistry, givesAnIncompleteStartNameWhatItStandsFor) {
+    const TemporaryFolder folder;
+    const std::string path = folder.file("caps.db");
+    std::unique_ptr<Store> store;
+    ASSERT_EQ(Store::open(path, Store::Access::create, store), Status::ok);
+    const auto add = [&store](const std::string& specifier, const char* authentication,
+                              const char* digest) {
+        const std::string name = "/ovrel/convey/" + specifier;
+        EXPECT_EQ(store->setDomainData(1, name, "Path", "/p"), Status::ok);
+        EXPECT_EQ(store->setDomainData(1, name, "MessageAuthentication", authentication),
+                  Status::ok);
+        EXPECT_EQ(store->setDomainData(1, name, "MessageDigest", digest), Status::ok);
+    };
+    add("kivratool-7.0", "false", "false");
+    add("doc-7", "false", "true");
+    add("doc-7.50", "true", "false");
+    setenv("OVREL_CAPS_DB", path.c_str(), 1);
+    const struct {
+        const char* start;
+        const char* name;
+        bool authentication;
+        bool digest;
+    } cases[] = {
+        {"kivratool", "kivratool-7.0", false, false},
+        {"kivratool-7", "kivratool-7.0", false, false},
+        {"kivratool_2", "kivratool_2-7.0", false, false},
+        {"doc-7.0", "doc-7", false, true},
+        {"doc-7", "doc-7.50", true, false},
+        {"unknown-1", "unknown-1", true, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.start);
+        for (const bool hostSets : {false, true}) {
+            PCDConnector::setCapsFolder(PROGRAMS);
+            ASSERT_TRUE(Convey::InitTerm::init(c.start, !hostSets));
+            if (hostSets) { // while the start is under way
+                Convey::Message::setCreateDigest(!c.digest);
+            }
+            EXPECT_EQ(Convey::getSharedAppName(), c.name);
+            EXPECT_EQ(ScObjects::ConveyThread::getMainThread()->getSpecifier(),
+                      (std::string(c.name) + "#thread").c_str())
+                << "the name of its port";
+            EXPECT_EQ(Convey::Message::getAuthentication(), c.authentication);
+            EXPECT_EQ(Convey::Message::getCreateDigest(), c.digest != hostSets);
+            EXPECT_TRUE(Convey::InitTerm::exit());
         }
     }
 }
