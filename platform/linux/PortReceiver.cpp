@@ -295,9 +295,15 @@ void PortReceiver::readEvents(const epoll_event* events, int count, int packets)
 
 void PortReceiver::acceptAll() {
     for (int i = 0; i < kAcceptsAtOnce; ++i) {
-        if (connections_.size() >= kMaximumConnections && !makeRoom(0)) {
-            pauseListening(); // what newcomers have sent waits with them
-            return;
+        if (connections_.size() >= kMaximumConnections) {
+            pollfd newcomer = {listener_.get(), POLLIN, 0};
+            if (poll(&newcomer, 1, 0) <= 0) {
+                return; // nobody is closed for a newcomer that does not come
+            }
+            if (!makeRoom(0)) {
+                pauseListening(); // what newcomers have sent waits with them
+                return;
+            }
         }
         PortDescriptor socket(
             accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
