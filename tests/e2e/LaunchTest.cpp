@@ -135,11 +135,37 @@ TEST_F(LaunchTest, opensWebAddresses) {
     setenv("PATH", (folder.file("bin") + ":/usr/bin:/bin").c_str(), 1);
     RunningProcess launcher({HOST, "kivra-7.0", "--launch-behind", "gallery-1.0"});
     EXPECT_EQ(launcher.readLine(), "launched");
-    for (int i = 0; i < 1000 && !std::filesystem::exists(folder.file("opened")); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    EXPECT_EQ(TemporaryFolder::read(folder.file("opened")),
-              "https://gallery.ovrel.example/app?sender=kivra-7.0|");
+    const auto opened = [this](const std::string& sender) {
+        const std::string path = folder.file("opened");
+        EXPECT_TRUE(eventually([&] { return std::filesystem::exists(path); }));
+        EXPECT_THAT(TemporaryFolder::read(path),
+                    HasSubstr("https://gallery.ovrel.example/app?sender=" + sender));
+        std::filesystem::remove(path);
+    };
+    opened("kivra-7.0|");
+
+    // From the command line, where nobody would come for parameters.
+    const ProcessResult web = runProcess({CONVEY_PROGRAM, "launch", "--wait", "300", "gallery"});
+    EXPECT_EQ(web.exitStatus, 0) << web.err;
+    EXPECT_EQ(web.out, "launched gallery-1.0 in the browser\n");
+    opened("convey");
+    const ProcessResult given = runProcess({CONVEY_PROGRAM, "launch", "gallery", "-open", "x"});
+    EXPECT_EQ(given.exitStatus, 1);
+    EXPECT_THAT(given.err, HasSubstr("takes no parameters"));
+    opened("convey");
+    std::filesystem::remove(folder.file("bin/xdg-open"));
+    setenv("PATH", folder.file("bin").c_str(), 1);
+    EXPECT_EQ(runProcess({CONVEY_PROGRAM, "launch", "gallery"}).exitStatus, 1) << "no browser";
+}
+
+TEST_F(LaunchTest, theToolWaitsForNothingWhenItIsToldSo) {
+    add("deaf-1.0", script("deaf", "exec sleep 300"));
+    const ProcessResult result = runProcess({CONVEY_PROGRAM, "launch", "--wait", "0", "deaf"});
+    EXPECT_EQ(result.exitStatus, 0) << result.err;
+    EXPECT_THAT(result.out, HasSubstr("launched deaf-1.0, process "));
+    add("deaf-2.0", script("deafer", "exec sleep 300"));
+    EXPECT_EQ(runProcess({CONVEY_PROGRAM, "launch", "--wait", "1", "deaf-2.0"}).exitStatus, 1)
+        << "one that waits says that nothing was taken";
 }
 
 // Two names for one bundle, whose one process launches the other name: a second process.

@@ -21,6 +21,7 @@ using ScObjects::SoVector;
 namespace {
 
 constexpr int64_t kPollMilliseconds = 50;
+constexpr std::string_view kWebScheme = "https://";
 
 struct Application {
     std::string specifier;
@@ -176,9 +177,12 @@ Exit launch(const Output& output, const LaunchOptions& options) {
     if (result != 1) {
         throw Failure(kNo, toStd(target) + " could not be launched", json);
     }
-    // What it is given must be handed over before this process ends.
+    // What it is given must be handed over before this process ends. Who opens in a browser takes
+    // nothing.
+    const SoString path = target.getApplicationPath(nullptr);
+    const bool isWeb = path.view().starts_with(kWebScheme);
     using std::chrono::steady_clock;
-    const auto end = steady_clock::now() + std::chrono::seconds(options.waitSeconds);
+    const auto end = steady_clock::now() + std::chrono::seconds(isWeb ? 0 : options.waitSeconds);
     while (session.instance().outgoingMessagePending() && steady_clock::now() < end &&
            !Session::isEnding()) {
         Session::pumpFor(20);
@@ -186,10 +190,11 @@ Exit launch(const Output& output, const LaunchOptions& options) {
     const bool taken = !session.instance().outgoingMessagePending();
     const uint32_t process = Convey::getProcessID(target.c_str());
     json["process"] = process;
-    json["parametersTaken"] = taken && !ranBefore;
+    json["parametersTaken"] = taken && !ranBefore && !isWeb;
     if (!output.json) {
         output.out << (ranBefore ? "" : "launched ") << output.show(toStd(target))
                    << (ranBefore      ? " runs already"
+                       : isWeb        ? " in the browser"
                        : process != 0 ? ", process " + std::to_string(process)
                                       : "")
                    << std::endl;
@@ -197,7 +202,10 @@ Exit launch(const Output& output, const LaunchOptions& options) {
     if (ranBefore && !options.parameters.empty()) {
         throw Failure(kNo, toStd(target) + " runs already and takes no parameters", json);
     }
-    if (!taken) {
+    if (isWeb && !options.parameters.empty()) {
+        throw Failure(kNo, toStd(target) + " opens in the browser and takes no parameters", json);
+    }
+    if (!taken && !isWeb && options.waitSeconds != 0) {
         throw Failure(kNo,
                       toStd(target) + " has not taken its parameters within " +
                           std::to_string(options.waitSeconds) + " seconds; --wait waits longer",
