@@ -99,6 +99,26 @@ Reply replyOf(const Message& message) {
     return {};
 }
 
+Reply replyOf(const Message& message, std::string_view requestType) {
+    const Reply reply = replyOf(message);
+    if (reply.kind != Reply::kNone || requestType.empty()) {
+        return reply;
+    }
+    const std::string_view type = message.getType().view();
+    for (const auto& [kind, word] :
+         {std::pair(Reply::kProcessed, std::string_view(CV_TYPE_PROCESSED)),
+          std::pair(Reply::kTimeout, std::string_view(CV_TYPE_TIMEOUT))}) {
+        std::string_view rest = type;
+        while (rest.starts_with(word)) {
+            rest.remove_prefix(word.size());
+        }
+        if (rest.size() != type.size() && rest == requestType) {
+            return {kind, word, rest};
+        }
+    }
+    return reply;
+}
+
 // A handler's visitor, counted in and, whatever happens, out.
 class HandlerSlot::Visit {
 public:
@@ -425,19 +445,8 @@ bool Conversations::enter(const Message& message, bool awaitedOnly, Turn& turn) 
     }
     Conversation& conversation = *found->second;
     const std::string_view type = message.getType().view();
-    if (turn.reply.kind == Reply::kNone && !conversation.requestType_.empty()) {
-        // What has no number of its own on the wire is known by the type that was asked with.
-        for (const auto& [kind, word] :
-             {std::pair(Reply::kProcessed, std::string_view(CV_TYPE_PROCESSED)),
-              std::pair(Reply::kTimeout, std::string_view(CV_TYPE_TIMEOUT))}) {
-            std::string_view rest = type;
-            while (rest.starts_with(word)) {
-                rest.remove_prefix(word.size());
-            }
-            if (rest.size() != type.size() && rest == conversation.requestType_) {
-                turn.reply = {kind, word, rest};
-            }
-        }
+    if (turn.reply.kind == Reply::kNone) {
+        turn.reply = replyOf(message, conversation.requestType_);
     }
     // A request of a peer may have a number of ours: it is none of this conversation's.
     if (turn.reply.kind == Reply::kNone && findSlotLocked(type, number) == nullptr) {

@@ -48,6 +48,9 @@ struct Reply {
 };
 // Good as long as the message's type is not changed.
 Reply replyOf(const Convey::Message& message);
+// The same for what may answer a request of this user type (empty: none): what old peers answer has
+// no number of its own and is known by the type that was asked with.
+Reply replyOf(const Convey::Message& message, std::string_view requestType);
 
 // A registered handler. It is deleted when it is no longer registered and nobody is in it any more,
 // so that a handler may remove itself, and one thread may remove what another is about to call.

@@ -34,6 +34,8 @@ SoString streamNameOf(const char* appName) {
 PrivateData::PrivateData(ConveyContext* context, const SoString& streamName)
     : context_(context),
       stream_(ConveyUtils::createNextAvailableInterAppStream(streamName)),
+      outbox_(Outbox::Kind::messages,
+              [this](AwaitedRequest&& request) { return beginSending(std::move(request)); }),
       appName_(stream_ != nullptr ? stream_->getName() : streamName) {
     incoming_.setListener(this);
     outgoing().setListener(this);
@@ -62,6 +64,7 @@ void PrivateData::close() {
         stream->close();
     }
     context_.store(nullptr);
+    takers_->close();
     conversations_.close(); // last: it calls the destructors of handlers
 }
 

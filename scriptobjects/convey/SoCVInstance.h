@@ -11,6 +11,7 @@
 #include "scriptobjects/convey/SoCVMessageQueue.h"
 #include "scriptobjects/convey/SoCVMessenger.h"
 #include "scriptobjects/convey/SoCVOutbox.h"
+#include "scriptobjects/convey/SoCVTakers.h"
 #include "scriptobjects/core/SoString.h"
 #include "scriptobjects/core/SoThread.h"
 
@@ -54,6 +55,11 @@ public:
     bool processIncoming(uint32_t serialNumber, bool process);
     // Draws what has arrived into the queue, within bounds; true when there may be more.
     bool receiveArrived();
+    // Tells askers that the process that took their request has ended, once all that it had sent
+    // before has been received.
+    void tellOfEndedTakers();
+    // Every round: takers may have new connections, and some are of no use any more.
+    void tidyTakers();
     // Queues a complete message until its target can be reached; false when it has no target.
     bool queueOutgoing(std::unique_ptr<Convey::Message> message);
     // A pass over what waits to be sent, which waits for no target; has the courier woken when
@@ -95,6 +101,8 @@ private:
                       std::unique_ptr<Convey::Message> response);
     void requestProcessed(Convey::Message& message);
     bool deliverLocally(const Convey::Message& message);
+    std::unique_ptr<Takers::Sending> beginSending(std::optional<AwaitedRequest> request);
+    void watchTaker(platform::TargetWatch& taker) const;
     Delivery deliver(const Convey::Message& message, const SoString& text, bool mayLaunch,
                      uint32_t waitSeconds, const SoString* launchParameters);
     Delivery queueForLaunch(const Convey::Message& message, uint32_t waitSeconds,
@@ -120,8 +128,9 @@ private:
     std::atomic<bool> closed_{false};
     std::shared_ptr<InterAppStream> stream_ SO_GUARDED_BY(this);
     MessageQueue incoming_;
-    Outbox outbox_{Outbox::Kind::messages};
+    Outbox outbox_;
     Conversations conversations_;
+    const std::shared_ptr<Takers> takers_ = std::make_shared<Takers>();
     std::atomic<uint32_t> answersToPredecessor_{0};
     SoString appName_ SO_GUARDED_BY(this);
     // From the stream to the queue one thread at a time, or messages would overtake each other.

@@ -130,6 +130,30 @@ bool PrivateData::receiveArrived() {
     return stream != nullptr;
 }
 
+void PrivateData::tellOfEndedTakers() {
+    if (!takers_->haveEnded()) {
+        return;
+    }
+    (void)receiveArrived();
+    std::vector<AwaitedRequest> lost;
+    {
+        const std::lock_guard<std::mutex> turn(receivingTurn_);
+        const auto stream = this->stream();
+        if (stream == nullptr || !stream->isEmpty() || stream->messagePending()) {
+            return; // the last answers may be in what is not received yet
+        }
+        lost = takers_->takeLost();
+    }
+    for (const AwaitedRequest& request : lost) {
+        sendError(*request.message(), Convey::kTargetEndedText, Convey::kTargetEndedCode, 0);
+    }
+}
+
+void PrivateData::tidyTakers() {
+    takers_->forgetOld();
+    takers_->watchAgain([this](platform::TargetWatch& taker) { watchTaker(taker); });
+}
+
 // Draws all that has arrived into the queue; false when there was nothing, and nothing waits.
 bool PrivateData::receiveAll() {
     const auto stream = this->stream();

@@ -156,6 +156,7 @@ bool PrivateData::deliverLocally(const Message& message) {
 }
 
 void PrivateData::accept(std::unique_ptr<Message> message) {
+    takers_->noteReceived(*message);
     if (incoming_.append(message.get())) {
         (void)message.release(); // the queue's now
         noteActivity();
@@ -172,8 +173,10 @@ Delivery PrivateData::deliver(const Message& message, const SoString& text, bool
     // waits for these, too.
     if (stream != nullptr && (mayLaunch ? outbox_.isFree(target)
                                         : outbox_.drain(*stream, target, end - monotonicNow()))) {
-        const int64_t left = std::max<int64_t>(end - monotonicNow(), 0);
-        if (stream->send(target, text, static_cast<int32_t>(left))) {
+        const auto left = static_cast<int32_t>(std::max<int64_t>(end - monotonicNow(), 0));
+        const auto sending = beginSending(AwaitedRequest::of(message, waitSeconds));
+        if (sending != nullptr ? sending->send(*stream, text, left)
+                               : stream->send(target, text, left)) {
             logEvent("SEND", message);
             return Delivery::delivered;
         }
@@ -183,6 +186,27 @@ Delivery PrivateData::deliver(const Message& message, const SoString& text, bool
         return Delivery::refused;
     }
     return queueForLaunch(message, waitSeconds, launchParameters);
+}
+
+// A request that has no answer yet belongs to the instance that asked. Null for none, and when the
+// asker is not in this process.
+std::unique_ptr<Takers::Sending> PrivateData::beginSending(std::optional<AwaitedRequest> request) {
+    const ConveyContext* const context = this->context();
+    if (!request || context == nullptr) {
+        return nullptr;
+    }
+    const SoString name(request->asker);
+    const auto asker = name == appName() ? shared_from_this() : context->pin(name);
+    return asker == nullptr ? nullptr
+                            : std::make_unique<Takers::Sending>(
+                                  asker->takers_, std::move(*request),
+                                  [this](platform::TargetWatch& taker) { watchTaker(taker); });
+}
+
+void PrivateData::watchTaker(platform::TargetWatch& taker) const {
+    if (const ConveyContext* const context = this->context()) {
+        context->getThread()->watch(taker);
+    }
 }
 
 Delivery PrivateData::queueForLaunch(const Message& message, uint32_t waitSeconds,

@@ -49,6 +49,13 @@ public:
     // For `processIncomingMessage`: the next message whatever its number.
     static constexpr uint32_t kAnySerialNumber = 0xFFFFFFFF;
 
+    // What a request that asked for errors is told, as the body and the header "Error-Code" of an
+    // "Error", when the process that took it ends without having answered: at once, since the
+    // system says so, and once. That process may have handled the request. Not told are requests of
+    // type "Debug", and those whose time-out is over.
+    static constexpr int32_t kTargetEndedCode = 62;
+    static constexpr const char* kTargetEndedText = "ERROR: TARGET HAS ENDED";
+
     // Starts and stops the layer for this process.
     class SO_EXPORT InitTerm {
     public:

@@ -107,7 +107,8 @@ struct Outbox::Attempt {
     bool written = false;
     uint64_t position = 0;
     SoString text;
-    std::unique_ptr<Message> event; // a copy for who watches events
+    std::unique_ptr<Message> event;        // a copy for who watches events
+    std::optional<AwaitedRequest> request; // that its asker is to be told of
 };
 
 void Outbox::Left::join(const Left& other) {
@@ -253,6 +254,7 @@ Outbox::Attempt Outbox::nextOf(Turn& turn, Carrier carrier) {
         if (next.large && carrier == Carrier::round) {
             return;
         }
+        next.request = begin_ ? AwaitedRequest::of(message, 0) : std::nullopt;
         if (next.large || logged) {
             copy = std::make_unique<Message>(message);
         }
@@ -272,6 +274,13 @@ Outbox::Attempt Outbox::nextOf(Turn& turn, Carrier carrier) {
     return next;
 }
 
+bool Outbox::hand(const InterAppStream& stream, Attempt& next, const SoString& target,
+                  int32_t timeoutMilliseconds) const {
+    const auto sending = next.request ? begin_(std::move(*next.request)) : nullptr;
+    return sending != nullptr ? sending->send(stream, next.text, timeoutMilliseconds)
+                              : stream.send(target, next.text, timeoutMilliseconds);
+}
+
 void Outbox::send(const InterAppStream* stream, Turn& turn, Carrier carrier, int64_t end,
                   Left& left) {
     Line& line = turn.line();
@@ -288,7 +297,7 @@ void Outbox::send(const InterAppStream* stream, Turn& turn, Carrier carrier, int
         }
         if (stream == nullptr || !next.written) {
             (void)queue_.drop(next.position);
-        } else if (stream->send(target, next.text, next.large ? kLargeMilliseconds : 0)) {
+        } else if (hand(*stream, next, target, next.large ? kLargeMilliseconds : 0)) {
             (void)queue_.drop(next.position);
             left.sent = true;
             if (next.event != nullptr) {
@@ -372,7 +381,7 @@ bool Outbox::drain(const InterAppStream& stream, const SoString& target, int64_t
         }
         Attempt next = nextOf(turn, Carrier::courier);
         if (next.found && next.written &&
-            !stream.send(target, next.text, static_cast<int32_t>(left()))) {
+            !hand(stream, next, target, static_cast<int32_t>(left()))) {
             Left ignored;
             noteFailure(stream, turn, sentAny, ignored);
             return isFree(target);

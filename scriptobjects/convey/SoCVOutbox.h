@@ -2,12 +2,15 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_map>
 
 #include "scriptobjects/convey/SoCVMessageQueue.h"
+#include "scriptobjects/convey/SoCVTakers.h"
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoString.h"
 
@@ -56,7 +59,10 @@ public:
         void join(const Left& other);
     };
 
-    explicit Outbox(Kind kind) : kind_(kind) {}
+    // `begin` is asked how to send a request whose asker is to know when its taker ends; it may be
+    // empty, and may answer null.
+    using BeginSending = std::function<std::unique_ptr<Takers::Sending>(AwaitedRequest&&)>;
+    explicit Outbox(Kind kind, BeginSending begin = {}) : kind_(kind), begin_(std::move(begin)) {}
     Outbox(const Outbox&) = delete;
     Outbox& operator=(const Outbox&) = delete;
 
@@ -104,11 +110,14 @@ private:
     bool isDue(const Line& line, Carrier carrier, int64_t now, Left& left) const;
     void send(const InterAppStream* stream, Turn& turn, Carrier carrier, int64_t end, Left& left);
     Attempt nextOf(Turn& turn, Carrier carrier);
+    bool hand(const InterAppStream& stream, Attempt& next, const SoString& target,
+              int32_t timeoutMilliseconds) const;
     void noteFailure(const InterAppStream& stream, Turn& turn, bool sentAny, Left& left);
     void requeue(const std::string& target);
     void forgetEmptyLines();
 
     const Kind kind_;
+    const BeginSending begin_;
     MessageQueue queue_;
     mutable std::mutex mutex_;      // guards the lines; never held while anything else is called
     std::condition_variable given_; // a turn was given back

@@ -237,7 +237,7 @@ void ConveyThread::run() {
     double nextRound = now();
     while (!stop_.load()) {
         const bool regular = now() >= nextRound;
-        const Outbox::Left rest = runRound();
+        const Outbox::Left rest = runRound(regular);
         if (regular) {
             notePump();
             removeExpiredPingData();
@@ -264,11 +264,11 @@ void ConveyThread::pause(int64_t milliseconds) {
     }
 }
 
-Outbox::Left ConveyThread::runRound() {
+Outbox::Left ConveyThread::runRound(bool regular) {
     Outbox::Left left;
     left.more = answerPings();
     left.join(outbox_.pass(stream().get(), Outbox::Carrier::round));
-    left.join(serveInstances());
+    left.join(serveInstances(regular));
     if (left.large) {
         wakeCourier();
     }
@@ -312,7 +312,7 @@ void ConveyThread::answerPing(Message& message) {
     }
 }
 
-Outbox::Left ConveyThread::serveInstances() {
+Outbox::Left ConveyThread::serveInstances(bool regular) {
     Outbox::Left left;
     ConveyContext* const context = context_.load();
     if (context == nullptr) {
@@ -325,6 +325,10 @@ Outbox::Left ConveyThread::serveInstances() {
             break;
         }
         left.more = instance->receiveArrived() || left.more;
+        instance->tellOfEndedTakers();
+        if (regular) {
+            instance->tidyTakers();
+        }
         left.join(instance->processOutgoing());
         waiting = waiting || instance->outgoingPending();
     }
@@ -381,6 +385,12 @@ void ConveyThread::watchInstances() {
         newest->watch(*wait_);
     }
     wait_->wake();
+}
+
+void ConveyThread::watch(platform::TargetWatch& taker) {
+    if (wait_ != nullptr) {
+        wait_->add(taker);
+    }
 }
 
 void ConveyThread::wake() {

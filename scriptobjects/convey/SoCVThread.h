@@ -17,6 +17,7 @@
 
 namespace platform {
 class PortWait;
+class TargetWatch;
 } // namespace platform
 
 namespace ScObjects {
@@ -116,6 +117,9 @@ public:
     // Lets messages to instances that were added end the waits of this thread.
     void watchInstances();
 
+    // Has it make a round at once when the process that took a request ends.
+    void watch(platform::TargetWatch& taker);
+
     // Has it make a round at once: something was queued that a port may be opened for any moment.
     void wake();
 
@@ -145,10 +149,10 @@ private:
     bool openStream();
     std::shared_ptr<InterAppStream> stream() const;
     // One round: answers pings, receives and sends for the instances.
-    ConveyData::Outbox::Left runRound();
+    ConveyData::Outbox::Left runRound(bool regular);
     bool answerPings();
     void answerPing(Convey::Message& message);
-    ConveyData::Outbox::Left serveInstances();
+    ConveyData::Outbox::Left serveInstances(bool regular);
     void remindHost() const;
     int64_t carry();
     void notePump();
