@@ -2,6 +2,7 @@
 // two lengths, a process with nothing to do, and whole processes of the tool beside those of a
 // message bus. Arguments: rounds.
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -177,6 +178,55 @@ Use useOf(int pid) {
     return use;
 }
 
+class ErrorHandler : public Convey::MsgHandler {
+public:
+    explicit ErrorHandler(uint32_t serial) : serial_(serial) {}
+    int32_t handleMessage(int, Convey::Message&, SoString*) override { return 0; }
+    SoString getMsgType() const override { return "Error"; }
+    uint32_t getSerialNumber() const override { return serial_; }
+
+private:
+    const uint32_t serial_;
+};
+
+// How long an asker waits for a target that is killed while it has the request, beside the kill of
+// a process until its parent knows.
+void killedTarget(int rounds) {
+    Convey instance("viewer-1.0", nullptr, true, nullptr);
+    std::vector<double> told;
+    std::vector<double> bare;
+    for (int i = 0; i < rounds; ++i) {
+        RunningProcess target({HOST, "kivra-7.0", "--quiet"});
+        (void)target.readLine();
+        target.signal(SIGSTOP); // it takes the request, and does not come to answer it
+        Convey::Message message;
+        message.setTarget("kivra-7.0");
+        message.setBody("question");
+        message.setResponseRequest("Result Error");
+        message.setSerialNumber(message.getNextSerialNumber(nullptr));
+        if (!instance.send(message, false, 0, nullptr)) {
+            fail("send");
+        }
+        const uint32_t number = message.getSerialNumber();
+        delete instance.changeHandler(new ErrorHandler(number));
+        auto start = Time::now();
+        target.signal(SIGKILL);
+        while (instance.findHandler("Error", number) != nullptr) {
+            (void)Convey::pumpOrWait(1000);
+        }
+        told.push_back(1e3 * secondsSince(start));
+        (void)target.finish();
+        RunningProcess other({HOST, "kivra-7.0", "--quiet"});
+        (void)other.readLine();
+        start = Time::now();
+        other.signal(SIGKILL);
+        (void)other.finish();
+        bare.push_back(1e3 * secondsSince(start));
+    }
+    row("told that a killed target has the request", median(told), "ms", median(bare),
+        "kill and wait", median(told) / median(bare), "<= 50 ms");
+}
+
 double wholeProcess(int rounds, const std::vector<std::string>& arguments,
                     const char* expectedOutput = "") {
     return 1e3 * measure(rounds, [&] {
@@ -277,6 +327,7 @@ int main(int argc, char** argv) {
         row("request and result", result, "us", bare, "bare round trip", result / bare, "<= 5");
     }
     manyInFlight(rounds);
+    killedTarget(5 * rounds);
     (void)Convey::InitTerm::exit();
     std::vector<double> few;
     std::vector<double> many;

@@ -1,0 +1,184 @@
+// What an asker is told when the process that took its request ends.
+#include <csignal>
+#include <map>
+
+#include "limits/Limits.h"
+#include "scriptobjects/convey/SoCVInstance.h"
+#include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoConvey.h"
+#include "tests/e2e/Scene.h"
+
+namespace {
+
+using ScObjects::Convey;
+using ScObjects::SoString;
+using Clock = std::chrono::steady_clock;
+
+constexpr const char* kTarget = "target-1.0";
+constexpr uint32_t kOwn = 1'000'000;
+
+// An asker that writes down what it hears of each request.
+class EndedTargetsTest : public Scene {
+protected:
+    EndedTargetsTest() {
+        EXPECT_TRUE(Convey::InitTerm::init("asker-1.0", true));
+        asker = new Convey("asker-1.0", new Listener(*this), true, nullptr);
+    }
+    ~EndedTargetsTest() override { (void)Convey::InitTerm::exit(); }
+
+    static std::unique_ptr<RunningProcess> target() {
+        auto process =
+            std::make_unique<RunningProcess>(std::vector<std::string>{TARGET_PROGRAM, kTarget});
+        EXPECT_EQ(process->readLine(), "running");
+        return process;
+    }
+    static Convey::Message request(uint32_t number, const char* body,
+                                   const char* replies = "Result Error") {
+        Convey::Message message;
+        message.setTarget(kTarget);
+        message.setSender("asker-1.0");
+        message.setSerialNumber(number);
+        message.setResponseRequest(replies);
+        message.setBody(body);
+        return message;
+    }
+    bool ask(uint32_t number, const char* body, const char* replies = "Result Error") const {
+        Convey::Message message = request(number, body, replies);
+        return asker->send(message, false, 0, nullptr);
+    }
+    // Pumps until this has been heard; what has been heard otherwise when it takes too long.
+    bool hears(uint32_t number, const std::string& expected) {
+        return eventually([&] {
+            while (Convey::pump(ScObjects::kProcessBoth)) {
+            }
+            return heard[number] == expected;
+        });
+    }
+
+    class Listener : public Convey::MsgHandler {
+    public:
+        explicit Listener(EndedTargetsTest& test) : test_(test) {}
+        int32_t handleMessage(int event, Convey::Message& message, SoString*) override {
+            const uint32_t number = message.getSerialNumber();
+            test_.order.push_back(number);
+            if (event == 4) {
+                test_.heard[number] += std::string(message.getBody().view()) + " " +
+                                       message.getUserHeaderValue("Error-Code").c_str() + " from " +
+                                       message.getSender().c_str() + ";";
+            } else {
+                test_.heard[number] +=
+                    std::string(message.getType().view()) + message.getBody().c_str() + ";";
+            }
+            return 0;
+        }
+        SoString getMsgType() const override { return "Tessaly"; }
+
+    private:
+        EndedTargetsTest& test_;
+    };
+
+    const std::string ended = "ERROR: TARGET HAS ENDED 62 from target-1.0;";
+    std::map<uint32_t, std::string> heard;
+    std::vector<uint32_t> order;
+    Convey* asker = nullptr; // the layer's
+};
+
+TEST_F(EndedTargetsTest, whoeverHasTheRequestAndHoweverManyAreUnderWay) {
+    const auto count = static_cast<uint32_t>(scaled(200));
+    auto holding = target();
+    ASSERT_TRUE(ask(1, "hold"));
+    ASSERT_EQ(holding->readLine(), "got hold");
+    ASSERT_TRUE(ask(1000, "not told of errors", "Result"));
+    for (uint32_t number = 2; number <= count; ++number) {
+        ASSERT_TRUE(ask(number, "waits in the queue"));
+    }
+    holding->signal(SIGKILL);
+    const auto killed = Clock::now();
+    ASSERT_TRUE(hears(1, ended)) << heard[1];
+    EXPECT_LT(Clock::now() - killed, std::chrono::seconds(5)) << "the time-out is 600 s";
+    (void)holding->finish();
+    // Its successor has nothing to do with them.
+    const auto successor = target();
+    ASSERT_TRUE(ask(1001, "answered"));
+    ASSERT_TRUE(hears(1001, "Tessalyanswer;Processed;")) << heard[1001];
+    for (uint32_t number = 1; number <= count; ++number) {
+        EXPECT_EQ(heard[number], ended) << number << ", once";
+        EXPECT_EQ(order[number - 1], number) << "in the order of sending";
+    }
+    EXPECT_EQ(heard[1000], "");
+}
+
+// Whether the asker pumps meanwhile, waits in its send, or does nothing.
+TEST_F(EndedTargetsTest, whatAnAskerDoesMeanwhileMakesNoDifference) {
+    auto holding = target();
+    const auto kill = [&holding] {
+        EXPECT_EQ(holding->readLine(), "got hold");
+        holding->signal(SIGKILL);
+    };
+    std::thread killing(kill);
+    class OneError : public Listener {
+    public:
+        using Listener::Listener;
+        SoString getMsgType() const override { return "Error"; }
+        uint32_t getSerialNumber() const override { return 1; }
+    };
+    delete asker->changeHandler(new OneError(*this));
+    Convey::Message waiting = request(1, "hold");
+    const auto start = Clock::now();
+    EXPECT_TRUE(asker->send(waiting, false, 60, nullptr));
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(30));
+    killing.join();
+    EXPECT_EQ(heard[1], ended);
+
+    holding = target();
+    ASSERT_TRUE(ask(2, "hold"));
+    kill();
+    EXPECT_TRUE(eventually([&] { return asker->data()->incoming().count() == 1; }))
+        << "nobody pumps: the background has to see it";
+    EXPECT_TRUE(hears(2, ended)) << heard[2];
+
+    // What waits for its target is sent by the background, and watched from then on.
+    (void)holding->finish();
+    auto late = std::make_unique<Convey::Message>(request(3, "hold"));
+    late->setAskersLife(ScObjects::ConveyData::ownLife());
+    ASSERT_TRUE(asker->data()->queueOutgoing(std::move(late)));
+    holding = target();
+    kill();
+    EXPECT_TRUE(hears(3, ended)) << heard[3];
+}
+
+// An answer that was sent is heard, however soon its sender ends: there is no error then.
+TEST_F(EndedTargetsTest, theLastAnswersOfATargetAreHeardInsteadOfAnError) {
+    const auto rounds = static_cast<uint32_t>(scaled(60));
+    for (uint32_t number = 1; number <= rounds; ++number) {
+        SCOPED_TRACE(number);
+        auto answering = target();
+        ASSERT_TRUE(ask(number, "last"));
+        if (number % 2 == 0) { // the background alone receives, and sees the end
+            ASSERT_EQ(answering->finish(), 0);
+        }
+        ASSERT_TRUE(hears(number, "Tessalyanswer;Processed;")) << heard[number];
+        if (number % 2 != 0) {
+            ASSERT_EQ(answering->finish(), 0);
+        }
+    }
+    EXPECT_EQ(order.size(), 2 * rounds);
+
+    // Nor while the answers lie unread in the system's queue, since this side is full.
+    for (int64_t i = 0; i < limits::of("queue.incoming.messages"); ++i) {
+        Convey::Message own = request(0, "to myself", "");
+        own.setTarget("asker-1.0");
+        own.setSerialNumber(kOwn);
+        ASSERT_TRUE(asker->send(own, false, 0, nullptr));
+    }
+    auto answering = target();
+    ASSERT_TRUE(ask(1, "last"));
+    ASSERT_EQ(answering->finish(), 0);
+    for (int pings = 0; pings < 2; ++pings) { // rounds of the background: each ping takes one
+        EXPECT_EQ(runProcess({CONVEY_PROGRAM, "ping", "asker-1.0"}).exitStatus, 0);
+    }
+    heard.clear();
+    ASSERT_TRUE(hears(1, "Tessalyanswer;Processed;")) << heard[1];
+}
+
+} // namespace
