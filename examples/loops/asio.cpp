@@ -1,0 +1,28 @@
+// A program with an asio context that takes part until SIGTERM.
+#include <asio/io_context.hpp>
+#include <asio/signal_set.hpp>
+#include <csignal>
+#include <cstdio>
+
+#include "Greeter.h"
+#include "adapters/ConveyAsio.h"
+
+using ScObjects::Convey;
+
+int main() {
+    if (!Convey::InitTerm::init("asio-1.0", true)) {
+        return 1;
+    }
+    Convey instance("asio-1.0",
+                    new Greeter([](const std::string& body) { std::puts(body.c_str()); }), true,
+                    nullptr);
+    asio::io_context context;
+    asio::signal_set requests(context, SIGTERM);
+    requests.async_wait([&](const asio::error_code&, int) { context.stop(); });
+    const ScObjects::ConveyAsio::Attachment attachment(context);
+    if (!attachment.isGood()) {
+        return 1;
+    }
+    context.run();
+    return Convey::InitTerm::exit() ? 0 : 1;
+}
