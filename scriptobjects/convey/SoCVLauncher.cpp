@@ -48,17 +48,6 @@ void deleteExactly(PrivateData& instance, const char* type, uint32_t serial) {
     }
 }
 
-void dropOutgoing(PrivateData& instance, uint32_t serial) {
-    uint64_t position = 0;
-    uint32_t found = 0;
-    while (instance.outgoing().visitAfter(
-        position, [&found](const Message& message) { found = message.getSerialNumber(); })) {
-        if (found == serial) {
-            (void)instance.outgoing().drop(position);
-        }
-    }
-}
-
 // The instance that a reply is for.
 std::shared_ptr<PrivateData> receiverOf(const Message& message) {
     const ConveyContext* const context = ConveyContext::currentContextNow();
@@ -291,7 +280,7 @@ int32_t LaunchReceivedMsgHandler::handleMessage(int /*event*/, Message& message,
     for (const uint32_t companion : companions_) {
         deleteExactly(*instance, ConveyData::CV_TYPE_TIMEOUT, companion);
         instance->unwatchTime(companion);
-        dropOutgoing(*instance, companion);
+        instance->outgoing().dropNumber(companion);
     }
     return 0;
 }

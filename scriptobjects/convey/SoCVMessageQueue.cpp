@@ -297,23 +297,30 @@ MessageQueue::Entries::const_iterator MessageQueue::findLocked(uint64_t position
     return found;
 }
 
-bool MessageQueue::visitAfter(uint64_t& position,
-                              const std::function<void(const Message&)>& visit) const {
+void MessageQueue::forEach(const std::function<void(const Message&)>& visit) const {
     const ObjectLock guard(*this);
-    const auto found = findLocked(position + 1);
-    if (found == entries_.end()) {
-        return false;
+    for (const Entry& entry : entries_) {
+        visit(*entry.message);
     }
-    position = found->position;
-    visit(*found->message);
-    return true;
 }
 
-bool MessageQueue::drop(uint64_t position) {
+void MessageQueue::dropNumber(uint32_t serial) {
+    Notices notices(listener_);
+    const ObjectLock guard(*this);
+    for (size_t i = entries_.size(); i-- > 0;) {
+        if (entries_[i].message->getSerialNumber() == serial) {
+            notices.report(*entries_[i].message, "picked", diagnosticsRoot_);
+            (void)takeLocked(entries_.cbegin() + static_cast<std::ptrdiff_t>(i));
+        }
+    }
+}
+
+bool MessageQueue::drop(std::string_view target, uint64_t position) {
     Notices notices(listener_);
     const ObjectLock guard(*this);
     const auto found = findLocked(position);
-    if (found == entries_.end() || found->position != position) {
+    if (found == entries_.end() || found->position != position ||
+        found->message->getTarget().view() != target) {
         return false;
     }
     notices.report(*found->message, "picked", diagnosticsRoot_);
@@ -321,10 +328,10 @@ bool MessageQueue::drop(uint64_t position) {
     return true;
 }
 
-bool MessageQueue::visitNextFor(const std::string& target, uint64_t& position,
+bool MessageQueue::visitNextFor(std::string_view target, uint64_t& position,
                                 const std::function<void(const Message&)>& visit) const {
     const ObjectLock guard(*this);
-    const auto line = lines_.find(target);
+    const auto line = lines_.find(std::string(target));
     if (line == lines_.end()) {
         return false;
     }
@@ -348,9 +355,9 @@ std::vector<std::string> MessageQueue::targets() const {
     return names;
 }
 
-MessageQueue::Load MessageQueue::loadOf(const std::string& target) const {
+MessageQueue::Load MessageQueue::loadOf(std::string_view target) const {
     const ObjectLock guard(*this);
-    const auto line = lines_.find(target);
+    const auto line = lines_.find(std::string(target));
     return line == lines_.end()
                ? Load{}
                : Load{static_cast<int32_t>(line->second.positions.size()), line->second.bytes};
@@ -380,12 +387,13 @@ int32_t MessageQueue::dropAnswersFor(const std::string& target) {
     return static_cast<int32_t>(dropped.size());
 }
 
-bool MessageQueue::keep(uint64_t position, uint32_t timestamp, uint32_t timeoutSeconds,
-                        uint32_t queueStamp) {
+bool MessageQueue::keep(std::string_view target, uint64_t position, uint32_t timestamp,
+                        uint32_t timeoutSeconds, uint32_t queueStamp) {
     Notices notices(listener_);
     const ObjectLock guard(*this);
     const auto found = findLocked(position);
-    if (found == entries_.end() || found->position != position) {
+    if (found == entries_.end() || found->position != position ||
+        found->message->getTarget().view() != target) {
         return false;
     }
     Message& message = *found->message;

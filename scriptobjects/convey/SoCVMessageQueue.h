@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -78,16 +79,20 @@ public:
     // the queue changes.
     Convey::Message* findMessageForTarget(const SoString& target) const;
 
-    // A pass over the queue that other threads may change meanwhile: `visitAfter` shows the first
-    // message behind `position`, under the queue's lock, and moves `position` to it; false at the
-    // end. The queue may then drop the message at a position, or keep it with another time;
-    // false when it is gone.
-    bool visitAfter(uint64_t& position,
-                    const std::function<void(const Convey::Message&)>& visit) const;
-    bool drop(uint64_t position);
-    // The same pass over the messages of one target: these wait in a line of their own.
-    bool visitNextFor(const std::string& target, uint64_t& position,
+    // Shows all messages, oldest first, under the queue's lock.
+    void forEach(const std::function<void(const Convey::Message&)>& visit) const;
+    // Deletes those with this serial number.
+    void dropNumber(uint32_t serial);
+
+    // A pass over the messages of one target, which other threads may change meanwhile:
+    // `visitNextFor` shows the first of them behind `position`, under the queue's lock, and moves
+    // `position` to it; false at the end. The queue may then drop the message at a position, or
+    // keep it with another time; false when it is gone.
+    bool visitNextFor(std::string_view target, uint64_t& position,
                       const std::function<void(const Convey::Message&)>& visit) const;
+    bool drop(std::string_view target, uint64_t position);
+    bool keep(std::string_view target, uint64_t position, uint32_t timestamp,
+              uint32_t timeoutSeconds, uint32_t queueStamp);
     // The targets that have messages.
     std::vector<std::string> targets() const;
     // What waits for one target.
@@ -95,12 +100,11 @@ public:
         int32_t messages = 0;
         int64_t bytes = 0; // of bodies
     };
-    Load loadOf(const std::string& target) const;
+    Load loadOf(std::string_view target) const;
     // All that were appended as answers.
     Load answers() const;
     // Deletes the answers for a target that is gone; how many there were.
     int32_t dropAnswersFor(const std::string& target);
-    bool keep(uint64_t position, uint32_t timestamp, uint32_t timeoutSeconds, uint32_t queueStamp);
 
     // The path under which the queue's traffic is reported to an observer; empty, as at first: it
     // is not.

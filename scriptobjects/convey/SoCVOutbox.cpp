@@ -123,7 +123,7 @@ void Outbox::Left::join(const Left& other) {
 }
 
 bool Outbox::isFree(const SoString& target) const {
-    return queue_.loadOf(std::string(target.view())).messages == 0;
+    return queue_.loadOf(target.view()).messages == 0;
 }
 
 // What it answers does not count for an owner: an asker that takes nothing must not keep it from
@@ -141,7 +141,7 @@ bool Outbox::mayKeep(const std::string& target) const {
 }
 
 bool Outbox::isHeldUp(const SoString& asker) const {
-    const MessageQueue::Load own = queue_.loadOf(std::string(asker.view()));
+    const MessageQueue::Load own = queue_.loadOf(asker.view());
     const MessageQueue::Load all = queue_.answers();
     return own.messages != 0 &&
            (kShare.reachedBy(own) || kAnswers.reachedBy({2 * all.messages, 2 * all.bytes}));
@@ -296,9 +296,9 @@ void Outbox::send(const InterAppStream* stream, Turn& turn, Carrier carrier, int
             return;
         }
         if (stream == nullptr || !next.written) {
-            (void)queue_.drop(next.position);
+            (void)queue_.drop(turn.target(), next.position);
         } else if (hand(*stream, next, target, next.large ? kLargeMilliseconds : 0)) {
-            (void)queue_.drop(next.position);
+            (void)queue_.drop(turn.target(), next.position);
             left.sent = true;
             if (next.event != nullptr) {
                 logEvent("SEND ENQUEUED MESSAGE", *next.event);
@@ -358,12 +358,12 @@ void Outbox::requeue(const std::string& target) {
             return;
         }
         if (seconds < stamp + kQueueSeconds) {
-            (void)queue_.keep(position, seconds, timeout, stamp);
+            (void)queue_.keep(target, position, seconds, timeout, stamp);
         } else {
             const uint32_t last = timeout == 0               ? 1
                                   : timeout >= kQueueSeconds ? kQueueSeconds - 1
                                                              : timeout;
-            (void)queue_.keep(position, stamp, last, stamp);
+            (void)queue_.keep(target, position, stamp, last, stamp);
         }
         if (event != nullptr) {
             logEvent("REQUEUED MESSAGE ", *event);
@@ -386,7 +386,7 @@ bool Outbox::drain(const InterAppStream& stream, const SoString& target, int64_t
             noteFailure(stream, turn, sentAny, ignored);
             return isFree(target);
         }
-        (void)queue_.drop(next.position);
+        (void)queue_.drop(turn.target(), next.position);
         if (next.event != nullptr && next.written) {
             logEvent("SEND ENQUEUED MESSAGE", *next.event);
         }

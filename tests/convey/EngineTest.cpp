@@ -318,8 +318,7 @@ TEST_F(EngineTest, aMessageThatFindsNoTargetEndsAfterTenMinutes) {
     auto& queue = own.data()->outgoing();
     const auto state = [&] {
         std::string text;
-        uint64_t position = 0;
-        (void)queue.visitAfter(position, [&](const Message& message) {
+        queue.forEach([&](const Message& message) {
             text = std::to_string(message.getTimestamp()) + " " +
                    std::to_string(message.getTimeout()) + " " +
                    message.getUserHeaderValue("QUEUESTAMP").c_str();

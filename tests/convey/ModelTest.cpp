@@ -134,11 +134,13 @@ TEST_F(ModelTest, queue) {
         queue.removeExpiredMessages();
         // A pass from a random place; what it sees is dropped, kept with a new time, or left.
         uint64_t position = lastPosition == 0 ? 0 : random() % lastPosition;
-        auto expected = std::find_if(model.begin(), model.end(),
-                                     [&](const Queued& m) { return m.position > position; });
+        const std::string target = "target" + std::to_string(upTo(3));
+        auto expected = std::find_if(model.begin(), model.end(), [&](const Queued& m) {
+            return m.position > position && m.target == target;
+        });
         std::string seen = "-";
-        const bool found = queue.visitAfter(
-            position, [&](const Message& message) { seen = message.getBody().c_str(); });
+        const bool found = queue.visitNextFor(
+            target, position, [&](const Message& message) { seen = message.getBody().c_str(); });
         ASSERT_EQ(found, expected != model.end());
         if (!found) {
             return;
@@ -147,12 +149,12 @@ TEST_F(ModelTest, queue) {
         ASSERT_EQ(position, expected->position);
         const uint32_t choice = upTo(2);
         if (choice == 0) {
-            ASSERT_TRUE(queue.drop(position));
-            ASSERT_FALSE(queue.drop(position));
+            ASSERT_TRUE(queue.drop(target, position));
+            ASSERT_FALSE(queue.drop(target, position));
             model.erase(expected);
         } else if (choice == 1 && !expected->watcher) {
             const uint32_t seconds = 1 + upTo(20);
-            ASSERT_TRUE(queue.keep(position, static_cast<uint32_t>(now), seconds, 7));
+            ASSERT_TRUE(queue.keep(target, position, static_cast<uint32_t>(now), seconds, 7));
             expected->deadline = now + seconds;
         }
     };
@@ -223,13 +225,11 @@ TEST_F(ModelTest, queue) {
             queue.removeExpiredMessages();
             std::string seen;
             int64_t bytes = 0;
-            uint64_t position = 0;
-            while (queue.visitAfter(position, [&](const Message& message) {
+            queue.forEach([&](const Message& message) {
                 seen += message.getBody().c_str();
                 seen += " ";
                 bytes += message.getBody().length();
-            })) {
-            }
+            });
             ASSERT_EQ(seen, bodies());
             ASSERT_EQ(queue.count(), static_cast<int32_t>(model.size()));
             ASSERT_EQ(queue.bodyBytes(), bytes);

@@ -51,13 +51,11 @@ protected:
     // What waits for its target: target, type and body of each message.
     Strings waiting() {
         Strings messages;
-        uint64_t position = 0;
-        while (own.data()->outgoing().visitAfter(position, [&](const Message& message) {
+        own.data()->outgoing().forEach([&](const Message& message) {
             messages.push_back(std::string(message.getTarget().c_str()) + " " +
                                message.getType().c_str() + " " + message.getBody().c_str());
             EXPECT_EQ(message.getSender(), "own-1.0");
-        })) {
-        }
+        });
         return messages;
     }
     static bool isPending() { return !InterAppStream::get()->canOpen(kPending, false); }

@@ -35,12 +35,10 @@ protected:
     }
     static std::string rest(MessageQueue& queue) {
         std::string bodies;
-        uint64_t position = 0;
-        while (queue.visitAfter(position, [&](const Convey::Message& message) {
+        queue.forEach([&](const Convey::Message& message) {
             bodies += message.getBody().c_str();
             bodies += ' ';
-        })) {
-        }
+        });
         return bodies;
     }
     void pass(int64_t seconds) { clock.utc += seconds * 1000; }
@@ -191,16 +189,16 @@ TEST_F(MessageQueueTest, aPassSeesWhatOthersLeave) {
     uint64_t position = 0;
     std::string seen;
     const auto see = [&](const Convey::Message& message) { seen += message.getBody().c_str(); };
-    ASSERT_TRUE(queue.visitAfter(position, see));
+    ASSERT_TRUE(queue.visitNextFor("target", position, see));
     EXPECT_EQ(next(queue), "a");
-    EXPECT_FALSE(queue.drop(position)) << "somebody else has taken it";
-    ASSERT_TRUE(queue.visitAfter(position, see));
-    EXPECT_TRUE(queue.keep(position, 1'000'050, 7, 1'000'001));
+    EXPECT_FALSE(queue.drop("target", position)) << "somebody else has taken it";
+    ASSERT_TRUE(queue.visitNextFor("target", position, see));
+    EXPECT_TRUE(queue.keep("target", position, 1'000'050, 7, 1'000'001));
     ASSERT_TRUE(queue.append(make("d")));
-    ASSERT_TRUE(queue.visitAfter(position, see));
-    EXPECT_TRUE(queue.drop(position));
-    ASSERT_TRUE(queue.visitAfter(position, see));
-    EXPECT_FALSE(queue.visitAfter(position, see));
+    ASSERT_TRUE(queue.visitNextFor("target", position, see));
+    EXPECT_TRUE(queue.drop("target", position));
+    ASSERT_TRUE(queue.visitNextFor("target", position, see));
+    EXPECT_FALSE(queue.visitNextFor("target", position, see));
     EXPECT_EQ(seen, "abcd");
     EXPECT_EQ(rest(queue), "b d ");
     pass(56);
