@@ -71,12 +71,14 @@ public:
             reports_.push_back({std::make_unique<Message>(message), event, root});
         }
     }
-    void retire(std::unique_ptr<Message> message, const SoString& root) {
-        const bool isNoticed = asksForNotice(*message);
+    // The place of a message that is about to be retired: made before it leaves the queue, so that
+    // it is not lost when memory runs out.
+    std::unique_ptr<Message>& placeFor(const Message& message, const SoString& root) {
+        const bool isNoticed = asksForNotice(message);
         if (isNoticed) {
-            report(*message, "timed out", root);
+            report(message, "timed out", root);
         }
-        (isNoticed ? noticed_ : retired_).push_back(std::move(message));
+        return (isNoticed ? noticed_ : retired_).emplace_back();
     }
 
 private:
@@ -91,7 +93,7 @@ private:
             listener_->traffic(*report.message, report.root, report.event);
         }
         for (const auto& message : noticed_) {
-            if (listener_ != nullptr) {
+            if (listener_ != nullptr && message != nullptr) {
                 listener_->expired(*message);
             }
         }
@@ -108,12 +110,12 @@ MessageQueue::~MessageQueue() = default;
 
 bool MessageQueue::isEmpty() const {
     const ObjectLock guard(*this);
-    return entries_.empty();
+    return all_.first == nullptr;
 }
 
 int32_t MessageQueue::count() const {
     const ObjectLock guard(*this);
-    return static_cast<int32_t>(entries_.size());
+    return count_;
 }
 
 int64_t MessageQueue::bodyBytes() const {
@@ -121,60 +123,169 @@ int64_t MessageQueue::bodyBytes() const {
     return bodyBytes_;
 }
 
-void MessageQueue::noteDeadlineLocked(const Message& message) {
-    firstDeadline_ = std::min(firstDeadline_, deadlineOf(message));
+// From the newest: as a rule it is one itself.
+template <MessageQueue::Order order>
+void MessageQueue::Chain<order>::insert(Entry& entry) {
+    Entry* before = last;
+    while (before != nullptr && before->position > entry.position) {
+        before = before->links[order].previous;
+    }
+    Entry*& next = before == nullptr ? first : before->links[order].next;
+    Entry*& previous = next == nullptr ? last : next->links[order].previous;
+    entry.links[order] = {before, next};
+    next = previous = &entry;
+}
+
+template <MessageQueue::Order order>
+void MessageQueue::Chain<order>::remove(Entry& entry) {
+    Link& link = entry.links[order];
+    (link.previous == nullptr ? first : link.previous->links[order].next) = link.next;
+    (link.next == nullptr ? last : link.next->links[order].previous) = link.previous;
+    link = {};
+}
+
+void MessageQueue::setDeadlineLocked(Entry& entry) {
+    entry.deadline = deadlineOf(*entry.message);
+    if (entry.deadline < firstDeadline_.load(std::memory_order_relaxed)) {
+        firstDeadline_.store(entry.deadline, std::memory_order_relaxed);
+    }
+}
+
+MessageQueue::Entry& MessageQueue::Pool::take() {
+    if (free_ == nullptr) {
+        blocks_.reserve(blocks_.size() + 1);
+        blocks_.push_back(std::make_unique<Entry[]>(kBlock));
+        for (size_t i = 0; i < kBlock; ++i) {
+            giveBack(blocks_.back()[i]);
+        }
+    }
+    Entry& entry = *free_;
+    free_ = entry.links[ofAll].next;
+    entry.links[ofAll] = {};
+    return entry;
+}
+
+void MessageQueue::Pool::giveBack(Entry& entry) noexcept {
+    entry.links[ofAll] = {nullptr, free_};
+    free_ = &entry;
+}
+
+void MessageQueue::Pool::shrink() noexcept {
+    if (blocks_.size() > 1) {
+        blocks_.resize(1);
+        free_ = nullptr;
+        for (size_t i = 0; i < kBlock; ++i) {
+            giveBack(blocks_.front()[i]);
+        }
+    }
+}
+
+const MessageQueue::Line* MessageQueue::findLineLocked(std::string_view target) const {
+    const auto found = lines_.find(target);
+    return found == lines_.end() ? nullptr : &found->second;
+}
+
+// The first one behind a position.
+MessageQueue::Entry* MessageQueue::findBehind(const Line& line, uint64_t position) {
+    Entry* next = line.visited != nullptr && line.visited->position <= position
+                      ? line.visited
+                      : line.entries.first;
+    while (next != nullptr && next->position <= position) {
+        next = next->links[ofTarget].next;
+    }
+    return next;
+}
+
+MessageQueue::Entry* MessageQueue::findLocked(std::string_view target, uint64_t position) const {
+    const Line* const line = findLineLocked(target);
+    Entry* const found =
+        line == nullptr || position == 0 ? nullptr : findBehind(*line, position - 1);
+    return found == nullptr || found->position != position ? nullptr : found;
+}
+
+// Many in a row are for one target, and a name takes longer to find than to compare.
+MessageQueue::Line& MessageQueue::lineLocked(std::string_view target) {
+    if (newestLine_ == nullptr ||
+        newestLine_->entries.last->message->getTarget().view() != target) {
+        const auto found = lines_.find(target);
+        newestLine_ = found != lines_.end() ? &found->second : &lines_[std::string(target)];
+    }
+    return *newestLine_;
 }
 
 // The queue's from the end of the call on: what needs memory comes first.
-void MessageQueue::appendLocked(Message* message, bool isAnswer) {
-    const uint64_t position = lastPosition_ + 1;
-    entries_.push_back({position, nullptr, isAnswer});
+void MessageQueue::insertLocked(uint64_t position, std::unique_ptr<Message>& message,
+                                bool isAnswer) {
+    Entry& entry = pool_.take();
     try {
-        Line& line = lines_[std::string(message->getTarget().view())];
-        line.positions.push_back(position);
-        line.bytes += message->getBody().length();
+        entry.line = &lineLocked(message->getTarget().view());
     } catch (...) {
-        entries_.pop_back();
-        std::erase_if(lines_, [](const auto& line) { return line.second.positions.empty(); });
+        pool_.giveBack(entry);
+        newestLine_ = nullptr;
+        std::erase_if(lines_,
+                      [](const auto& line) { return line.second.entries.first == nullptr; });
         throw;
     }
-    entries_.back().message.reset(message);
-    lastPosition_ = position;
-    bodyBytes_ += message->getBody().length();
-    if (isAnswer) {
-        ++answers_.messages;
-        answers_.bytes += message->getBody().length();
-    }
-    watchers_ += isWatcher(*message) ? 1 : 0;
-    noteDeadlineLocked(*message);
-}
-
-void MessageQueue::forgetLocked(const Entry& entry) {
-    const Message& message = *entry.message;
-    const auto line = lines_.find(std::string(message.getTarget().view()));
-    if (line != lines_.end()) {
-        auto& positions = line->second.positions;
-        // As a rule it is the first or the last.
-        positions.erase(std::lower_bound(positions.begin(), positions.end(), entry.position));
-        line->second.bytes -= message.getBody().length();
-        if (positions.empty()) {
-            lines_.erase(line);
+    entry.position = position;
+    entry.isAnswer = isAnswer;
+    entry.isWatcher = isWatcher(*message);
+    entry.message = std::move(message);
+    linkLocked(entry);
+    ++count_;
+    const int32_t bytes = entry.message->getBody().length();
+    bodyBytes_ += bytes;
+    for (Load* load : {&entry.line->load, isAnswer ? &answers_ : nullptr}) {
+        if (load != nullptr) {
+            ++load->messages;
+            load->bytes += bytes;
         }
     }
-    bodyBytes_ -= message.getBody().length();
-    if (entry.isAnswer) {
-        --answers_.messages;
-        answers_.bytes -= message.getBody().length();
-    }
-    watchers_ -= isWatcher(message) ? 1 : 0;
+    watchers_ += entry.isWatcher ? 1 : 0;
+    setDeadlineLocked(entry);
 }
 
-std::unique_ptr<Message> MessageQueue::takeLocked(const Entries::const_iterator& entry) {
-    const auto place = entries_.begin() + (entry - entries_.cbegin());
-    forgetLocked(*place);
-    std::unique_ptr<Message> message = std::move(place->message);
-    entries_.erase(place);
+// Needs no memory, as what it is inserted into is there.
+void MessageQueue::linkLocked(Entry& entry) {
+    all_.insert(entry);
+    entry.line->entries.insert(entry);
+}
+
+void MessageQueue::unlinkLocked(Entry& entry) {
+    if (entry.line->visited == &entry) {
+        entry.line->visited = nullptr;
+    }
+    all_.remove(entry);
+    entry.line->entries.remove(entry);
+}
+
+std::unique_ptr<Message> MessageQueue::removeLocked(Entry& entry) {
+    unlinkLocked(entry);
+    std::unique_ptr<Message> message = std::move(entry.message);
+    const int32_t bytes = message->getBody().length();
+    bodyBytes_ -= bytes;
+    for (Load* load : {&entry.line->load, entry.isAnswer ? &answers_ : nullptr}) {
+        if (load != nullptr) {
+            --load->messages;
+            load->bytes -= bytes;
+        }
+    }
+    watchers_ -= entry.isWatcher ? 1 : 0;
+    if (entry.line->entries.first == nullptr) {
+        newestLine_ = newestLine_ == entry.line ? nullptr : newestLine_;
+        lines_.erase(lines_.find(message->getTarget().view()));
+    }
+    pool_.giveBack(entry);
+    if (--count_ == 0) {
+        pool_.shrink();
+    }
     return message;
+}
+
+// Needs no memory: what it is linked into is there.
+void MessageQueue::moveToEndLocked(Entry& entry) {
+    unlinkLocked(entry);
+    entry.position = ++lastPosition_;
+    linkLocked(entry);
 }
 
 bool MessageQueue::append(Message* message, bool isAnswer) {
@@ -190,7 +301,14 @@ bool MessageQueue::append(Message* message, bool isAnswer) {
     Notices notices(listener_);
     const ObjectLock guard(*this);
     notices.report(*message, "added", diagnosticsRoot_);
-    appendLocked(message, isAnswer);
+    std::unique_ptr<Message> owned(message);
+    try {
+        insertLocked(lastPosition_ + 1, owned, isAnswer);
+    } catch (...) {
+        (void)owned.release(); // still the caller's
+        throw;
+    }
+    ++lastPosition_;
     return true;
 }
 
@@ -198,29 +316,22 @@ std::unique_ptr<Message>
 MessageQueue::takeLocked(Notices& notices, uint32_t serial,
                          const std::function<bool(const Message&)>& wanted) {
     const int64_t now = ConveyUtils::getTimeSeconds();
-    std::vector<std::unique_ptr<Message>> setAside;
-    std::unique_ptr<Message> result;
-    for (size_t i = 0; result == nullptr && i < entries_.size();) {
-        const auto entry = entries_.cbegin() + static_cast<std::ptrdiff_t>(i);
-        const Message& message = *entry->message;
-        if (now >= deadlineOf(message)) {
-            notices.retire(takeLocked(entry), diagnosticsRoot_);
-        } else if (isWatcher(message) && isRelated(message, serial)) {
-            setAside.push_back(takeLocked(entry));
+    const uint64_t last = lastPosition_; // watchers that move come behind it
+    for (Entry* next = all_.first; next != nullptr && next->position <= last;) {
+        Entry& entry = *next;
+        next = entry.links[ofAll].next;
+        const Message& message = *entry.message;
+        if (now >= entry.deadline) {
+            auto& place = notices.placeFor(message, diagnosticsRoot_);
+            place = removeLocked(entry);
+        } else if (entry.isWatcher && isRelated(message, serial)) {
+            moveToEndLocked(entry);
         } else if (wanted(message)) {
-            result = takeLocked(entry);
-        } else {
-            ++i;
+            notices.report(message, "picked", diagnosticsRoot_);
+            return removeLocked(entry);
         }
     }
-    for (auto& watcher : setAside) {
-        appendLocked(watcher.get(), false);
-        (void)watcher.release(); // the queue's now
-    }
-    if (result != nullptr) {
-        notices.report(*result, "picked", diagnosticsRoot_);
-    }
-    return result;
+    return nullptr;
 }
 
 Message* MessageQueue::getNextMessage(uint32_t serial) {
@@ -252,65 +363,59 @@ void MessageQueue::removeTimeoutMessage(uint32_t serial) {
     if (watchers_ == 0) {
         return;
     }
-    for (size_t i = entries_.size(); i-- > 0;) {
-        if (isSelfWatcher(*entries_[i].message, serial)) {
-            (void)takeLocked(entries_.cbegin() + static_cast<std::ptrdiff_t>(i));
+    for (Entry* next = all_.first; next != nullptr;) {
+        Entry& entry = *next;
+        next = entry.links[ofAll].next;
+        if (isSelfWatcher(*entry.message, serial)) {
+            (void)removeLocked(entry);
         }
     }
 }
 
 void MessageQueue::removeExpiredMessages() {
     const int64_t now = ConveyUtils::getTimeSeconds();
-    Notices notices(listener_);
-    const ObjectLock guard(*this);
-    if (now < firstDeadline_) {
+    if (now < firstDeadline_.load(std::memory_order_relaxed)) {
         return; // looking at each of many, each time, would take long
     }
-    firstDeadline_ = kNoDeadline;
-    Entries kept;
+    Notices notices(listener_);
+    const ObjectLock guard(*this);
+    int64_t first = kNoDeadline;
     // From the newest to the oldest: their senders are told in that order.
-    while (!entries_.empty()) {
-        Entry entry = std::move(entries_.back());
-        entries_.pop_back();
-        if (now >= deadlineOf(*entry.message)) {
-            forgetLocked(entry);
-            notices.retire(std::move(entry.message), diagnosticsRoot_);
+    for (Entry* next = all_.last; next != nullptr;) {
+        Entry& entry = *next;
+        next = entry.links[ofAll].previous;
+        if (now >= entry.deadline) {
+            auto& place = notices.placeFor(*entry.message, diagnosticsRoot_);
+            place = removeLocked(entry);
         } else {
-            noteDeadlineLocked(*entry.message);
-            kept.push_front(std::move(entry));
+            first = std::min(first, entry.deadline);
         }
     }
-    entries_ = std::move(kept);
+    firstDeadline_.store(first, std::memory_order_relaxed);
 }
 
 Message* MessageQueue::findMessageForTarget(const SoString& target) const {
     const ObjectLock guard(*this);
-    const auto line = lines_.find(std::string(target.view()));
-    return line == lines_.end() ? nullptr
-                                : findLocked(line->second.positions.front())->message.get();
-}
-
-MessageQueue::Entries::const_iterator MessageQueue::findLocked(uint64_t position) const {
-    const auto found = std::lower_bound(
-        entries_.begin(), entries_.end(), position,
-        [](const Entry& entry, uint64_t wanted) { return entry.position < wanted; });
-    return found;
+    const Line* const line = findLineLocked(target.view());
+    return line == nullptr ? nullptr : line->entries.first->message.get();
 }
 
 void MessageQueue::forEach(const std::function<void(const Message&)>& visit) const {
     const ObjectLock guard(*this);
-    for (const Entry& entry : entries_) {
-        visit(*entry.message);
+    for (const Entry* entry = all_.first; entry != nullptr; entry = entry->links[ofAll].next) {
+        visit(*entry->message);
     }
 }
 
 void MessageQueue::dropNumber(uint32_t serial) {
     Notices notices(listener_);
     const ObjectLock guard(*this);
-    for (size_t i = entries_.size(); i-- > 0;) {
-        if (entries_[i].message->getSerialNumber() == serial) {
-            notices.report(*entries_[i].message, "picked", diagnosticsRoot_);
-            (void)takeLocked(entries_.cbegin() + static_cast<std::ptrdiff_t>(i));
+    for (Entry* next = all_.first; next != nullptr;) {
+        Entry& entry = *next;
+        next = entry.links[ofAll].next;
+        if (entry.message->getSerialNumber() == serial) {
+            notices.report(*entry.message, "picked", diagnosticsRoot_);
+            (void)removeLocked(entry);
         }
     }
 }
@@ -318,30 +423,26 @@ void MessageQueue::dropNumber(uint32_t serial) {
 bool MessageQueue::drop(std::string_view target, uint64_t position) {
     Notices notices(listener_);
     const ObjectLock guard(*this);
-    const auto found = findLocked(position);
-    if (found == entries_.end() || found->position != position ||
-        found->message->getTarget().view() != target) {
+    Entry* const found = findLocked(target, position);
+    if (found == nullptr) {
         return false;
     }
     notices.report(*found->message, "picked", diagnosticsRoot_);
-    (void)takeLocked(found);
+    (void)removeLocked(*found);
     return true;
 }
 
 bool MessageQueue::visitNextFor(std::string_view target, uint64_t& position,
                                 const std::function<void(const Message&)>& visit) const {
     const ObjectLock guard(*this);
-    const auto line = lines_.find(std::string(target));
-    if (line == lines_.end()) {
+    const Line* const line = findLineLocked(target);
+    Entry* const next = line == nullptr ? nullptr : findBehind(*line, position);
+    if (next == nullptr) {
         return false;
     }
-    const auto& positions = line->second.positions;
-    const auto next = std::upper_bound(positions.begin(), positions.end(), position);
-    if (next == positions.end()) {
-        return false;
-    }
-    position = *next;
-    visit(*findLocked(position)->message);
+    line->visited = next;
+    position = next->position;
+    visit(*next->message);
     return true;
 }
 
@@ -357,10 +458,8 @@ std::vector<std::string> MessageQueue::targets() const {
 
 MessageQueue::Load MessageQueue::loadOf(std::string_view target) const {
     const ObjectLock guard(*this);
-    const auto line = lines_.find(std::string(target));
-    return line == lines_.end()
-               ? Load{}
-               : Load{static_cast<int32_t>(line->second.positions.size()), line->second.bytes};
+    const Line* const line = findLineLocked(target);
+    return line == nullptr ? Load{} : line->load;
 }
 
 MessageQueue::Load MessageQueue::answers() const {
@@ -372,16 +471,15 @@ int32_t MessageQueue::dropAnswersFor(const std::string& target) {
     std::vector<std::unique_ptr<Message>> dropped; // deleted when the lock has been given up
     Notices notices(listener_);
     const ObjectLock guard(*this);
-    const auto line = lines_.find(target);
-    if (line == lines_.end()) {
-        return 0;
-    }
-    const std::deque<uint64_t> positions = line->second.positions;
-    for (const uint64_t position : positions) {
-        const auto entry = findLocked(position);
-        if (entry->isAnswer) {
-            notices.report(*entry->message, "picked", diagnosticsRoot_);
-            dropped.push_back(takeLocked(entry));
+    const Line* const line = findLineLocked(target);
+    Entry* next = line == nullptr ? nullptr : line->entries.first;
+    while (next != nullptr) {
+        Entry& entry = *next;
+        next = entry.links[ofTarget].next; // the line goes with its last
+        if (entry.isAnswer) {
+            notices.report(*entry.message, "picked", diagnosticsRoot_);
+            auto& place = dropped.emplace_back();
+            place = removeLocked(entry);
         }
     }
     return static_cast<int32_t>(dropped.size());
@@ -391,16 +489,15 @@ bool MessageQueue::keep(std::string_view target, uint64_t position, uint32_t tim
                         uint32_t timeoutSeconds, uint32_t queueStamp) {
     Notices notices(listener_);
     const ObjectLock guard(*this);
-    const auto found = findLocked(position);
-    if (found == entries_.end() || found->position != position ||
-        found->message->getTarget().view() != target) {
+    Entry* const found = findLocked(target, position);
+    if (found == nullptr) {
         return false;
     }
     Message& message = *found->message;
     message.setTimestamp(timestamp);
     message.setTimeout(timeoutSeconds);
     message.setHeader(CV_QUEUESTAMP, static_cast<unsigned long>(queueStamp));
-    noteDeadlineLocked(message);
+    setDeadlineLocked(*found);
     notices.report(message, "requeued", diagnosticsRoot_);
     return true;
 }
@@ -414,9 +511,9 @@ int32_t MessageQueue::appendDiagnostics(SoString& out, const SoString& path) con
     const bool wantsLogs = path.view().substr(0, 4) == "/log";
     int32_t written = 0;
     const ObjectLock guard(*this);
-    for (const Entry& entry : entries_) {
-        if ((entry.message->getType() == CV_TYPE_LOG) == wantsLogs) {
-            entry.message->appendDiagnostics(out, path);
+    for (const Entry* entry = all_.first; entry != nullptr; entry = entry->links[ofAll].next) {
+        if ((entry->message->getType() == CV_TYPE_LOG) == wantsLogs) {
+            entry->message->appendDiagnostics(out, path);
             ++written;
         }
     }

@@ -1,7 +1,7 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <string>
@@ -115,36 +115,89 @@ public:
     int32_t appendDiagnostics(SoString& out, const SoString& path) const;
 
 private:
+    struct Entry;
+    struct Line;
+    // The orders that an entry has a place in.
+    enum Order : uint8_t { ofAll, ofTarget, kOrders };
+    struct Link {
+        Entry* previous = nullptr;
+        Entry* next = nullptr;
+    };
+    // Entries by position. Owns none.
+    template <Order order>
+    struct Chain {
+        Entry* first = nullptr;
+        Entry* last = nullptr;
+        void insert(Entry& entry);
+        void remove(Entry& entry);
+    };
     struct Entry {
-        uint64_t position;
+        uint64_t position = 0;
         std::unique_ptr<Convey::Message> message;
+        int64_t deadline = 0;
         bool isAnswer = false;
+        bool isWatcher = false;
+        Line* line = nullptr; // that of its target
+        Link links[kOrders];
     };
-    // The messages of one target, oldest first.
+    // Owns the entries: a block of the heap for each would cost as much as all else that is done
+    // with it.
+    class Pool {
+    public:
+        Entry& take();
+        void giveBack(Entry& entry) noexcept; // without a message
+        // What was taken has been given back: keeps no more than the least.
+        void shrink() noexcept;
+
+    private:
+        static constexpr size_t kBlock = 32; // entries; about one page
+        std::vector<std::unique_ptr<Entry[]>> blocks_;
+        Entry* free_ = nullptr; // linked by `ofAll`
+    };
+    // The messages of one target.
     struct Line {
-        std::deque<uint64_t> positions;
-        int64_t bytes = 0;
+        Chain<ofTarget> entries;
+        Load load;
+        mutable Entry* visited = nullptr; // the last one: who goes on from there need not look
     };
+    struct Hash {
+        using is_transparent = void;
+        size_t operator()(std::string_view text) const {
+            return std::hash<std::string_view>()(text);
+        }
+    };
+    template <class Value>
+    using ByName = std::unordered_map<std::string, Value, Hash, std::equal_to<>>;
     // What is to be told to others once the lock is given up.
     class Notices;
-    using Entries = std::deque<Entry>;
 
-    Entries::const_iterator findLocked(uint64_t position) const SO_REQUIRES(this);
-    void appendLocked(Convey::Message* message, bool isAnswer) SO_REQUIRES(this);
     std::unique_ptr<Convey::Message>
     takeLocked(Notices& notices, uint32_t serial,
                const std::function<bool(const Convey::Message&)>& wanted) SO_REQUIRES(this);
-    std::unique_ptr<Convey::Message> takeLocked(const Entries::const_iterator& entry)
+    void insertLocked(uint64_t position, std::unique_ptr<Convey::Message>& message, bool isAnswer)
         SO_REQUIRES(this);
-    void forgetLocked(const Entry& entry) SO_REQUIRES(this);
-    void noteDeadlineLocked(const Convey::Message& message) SO_REQUIRES(this);
+    void linkLocked(Entry& entry) SO_REQUIRES(this);
+    void unlinkLocked(Entry& entry) SO_REQUIRES(this);
+    Line& lineLocked(std::string_view target) SO_REQUIRES(this);
+    std::unique_ptr<Convey::Message> removeLocked(Entry& entry) SO_REQUIRES(this);
+    void moveToEndLocked(Entry& entry) SO_REQUIRES(this);
+    const Line* findLineLocked(std::string_view target) const SO_REQUIRES(this);
+    static Entry* findBehind(const Line& line, uint64_t position);
+    Entry* findLocked(std::string_view target, uint64_t position) const SO_REQUIRES(this);
+    void setDeadlineLocked(Entry& entry) SO_REQUIRES(this);
 
-    Entries entries_ SO_GUARDED_BY(this); // by position
+    // Every message is in `all_` and in the line of its target.
+    Pool pool_ SO_GUARDED_BY(this);
+    Chain<ofAll> all_ SO_GUARDED_BY(this);
+    int32_t count_ SO_GUARDED_BY(this) = 0;
+    ByName<Line> lines_ SO_GUARDED_BY(this); // none is empty
+    Line* newestLine_ SO_GUARDED_BY(this) = nullptr;
     uint64_t lastPosition_ SO_GUARDED_BY(this) = 0;
     int64_t bodyBytes_ SO_GUARDED_BY(this) = 0;
     Load answers_ SO_GUARDED_BY(this);
-    int64_t firstDeadline_ SO_GUARDED_BY(this) = kNoDeadline; // no message expires before it
-    std::unordered_map<std::string, Line> lines_ SO_GUARDED_BY(this); // none is empty
+    // No message expires before it. Changes under the lock; read without, since it is asked for
+    // with each message.
+    std::atomic<int64_t> firstDeadline_{kNoDeadline};
     int32_t watchers_ SO_GUARDED_BY(this) = 0;
     Listener* listener_ = nullptr;
     SoString diagnosticsRoot_ SO_GUARDED_BY(this);
