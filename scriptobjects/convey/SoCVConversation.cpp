@@ -617,6 +617,11 @@ Conversations::Wait::Wait(Conversations& table, const Message& request)
     inside_ =
         conversation_->insideDepth_ != 0 && conversation_->inside_ == std::this_thread::get_id();
     conversation_->waitingInside_ += inside_ ? 1 : 0;
+    next_ = table_.newestWait_;
+    if (next_ != nullptr) {
+        next_->previous_ = this;
+    }
+    table_.newestWait_ = this;
     gInnermostWait = this;
 }
 
@@ -625,7 +630,27 @@ Conversations::Wait::~Wait() {
     const ObjectLock guard(table_);
     --conversation_->waiting_;
     conversation_->waitingInside_ -= inside_ ? 1 : 0;
+    (previous_ == nullptr ? table_.newestWait_ : previous_->next_) = next_;
+    if (next_ != nullptr) {
+        next_->previous_ = previous_;
+    }
     table_.closeIfDoneLocked(*conversation_);
+}
+
+std::vector<uint32_t> Conversations::awaitedNumbers() const {
+    std::vector<uint32_t> numbers;
+    for (const Wait* wait = gInnermostWait; wait != nullptr; wait = wait->outer_) {
+        numbers.push_back(wait->conversation_->number());
+    }
+    {
+        const ObjectLock guard(*this);
+        for (const Wait* wait = newestWait_; wait != nullptr; wait = wait->next_) {
+            numbers.push_back(wait->conversation_->number());
+        }
+    }
+    std::sort(numbers.begin(), numbers.end());
+    numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
+    return numbers;
 }
 
 Conversations::Wait::State Conversations::Wait::state() const {

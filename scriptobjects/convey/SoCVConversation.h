@@ -201,6 +201,10 @@ public:
     // The end of all; deletes the handlers.
     void close();
 
+    // The numbers that somebody waits for here, or that the calling thread waits for anywhere; each
+    // once.
+    std::vector<uint32_t> awaitedNumbers() const;
+
     // Somebody's wait for the answers to a request: made before the request is sent, so that the
     // answer is not missed.
     class Wait {
@@ -222,6 +226,10 @@ public:
         const std::string asker_;
         bool inside_ = false;
         const Wait* const outer_; // of the same thread
+        // Those of the same table, under its lock.
+        friend class Conversations;
+        Wait* previous_ = nullptr;
+        Wait* next_ = nullptr;
     };
 
 private:
@@ -244,6 +252,7 @@ private:
     std::unordered_map<const Convey::MsgHandler*, uint32_t> numbers_ SO_GUARDED_BY(this);
     std::map<int64_t, std::list<Conversation*>> deadlines_ SO_GUARDED_BY(this); // by second
     uint64_t lastWatch_ SO_GUARDED_BY(this) = 0;
+    Wait* newestWait_ SO_GUARDED_BY(this) = nullptr;
 };
 
 } // namespace ScObjects::ConveyData

@@ -1,6 +1,7 @@
 // How an instance receives, and what becomes of what it has received.
 #include <set>
 #include <string>
+#include <vector>
 
 #include "limits/Limits.h"
 #include "scriptobjects/convey/SoCVContext.h"
@@ -187,12 +188,21 @@ bool PrivateData::processIncoming(uint32_t serialNumber, bool process) {
         bool awaitedOnly;
         const PrivateData& instance;
         std::set<std::string>& heldUp;
-    } choice = {conversations_, turn, awaitedOnly, *this, heldUp};
-    const std::unique_ptr<Message> message =
-        incoming_.takeWanted(serialNumber, [&choice](const Message& candidate) {
-            return !choice.instance.isHeldUp(candidate, choice.heldUp) &&
-                   choice.conversations.enter(candidate, choice.awaitedOnly, choice.turn);
-        });
+    } call = {conversations_, turn, awaitedOnly, *this, heldUp};
+    MessageQueue::Choice choice;
+    choice.isHeldUp = [&call](const Message& candidate) {
+        return call.instance.isHeldUp(candidate, call.heldUp);
+    };
+    choice.wants = [&call](const Message& candidate) {
+        return call.conversations.enter(candidate, call.awaitedOnly, call.turn);
+    };
+    std::vector<uint32_t> awaited;
+    if (awaitedOnly) { // what nobody waits for is not looked at, however much of it is queued
+        awaited = conversations_.awaitedNumbers();
+        choice.numbers = &awaited;
+    }
+    const MessageQueue::Taken taken = incoming_.takeWanted(serialNumber, choice);
+    const std::unique_ptr<Message>& message = taken.message;
     if (message == nullptr || message->getTarget().isEmpty()) {
         return false;
     }

@@ -324,7 +324,7 @@ void PrivateData::letHeldUpGoOn(const Outbox::Left& left) const {
 // A request whose asker takes no answers waits in the queue, so that the answers have a bound; and
 // with it those behind it, also when the asker takes some while the queue is looked through.
 bool PrivateData::isHeldUp(const Message& message, std::set<std::string>& heldUp) const {
-    if (message.getResponseRequest().isEmpty()) {
+    if (message.getResponseRequest().isEmpty() || outbox_.messages().isEmpty()) {
         return false;
     }
     const std::string asker(message.getSender().view());

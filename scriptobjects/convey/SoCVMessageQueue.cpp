@@ -218,17 +218,19 @@ void MessageQueue::insertLocked(uint64_t position, std::unique_ptr<Message>& mes
                                 bool isAnswer) {
     Entry& entry = pool_.take();
     try {
+        if (numbersKnown_) {
+            (void)numbers_[message->getSerialNumber()];
+        }
         entry.line = &lineLocked(message->getTarget().view());
     } catch (...) {
         pool_.giveBack(entry);
-        newestLine_ = nullptr;
-        std::erase_if(lines_,
-                      [](const auto& line) { return line.second.entries.first == nullptr; });
+        tidyLocked();
         throw;
     }
     entry.position = position;
     entry.isAnswer = isAnswer;
     entry.isWatcher = isWatcher(*message);
+    entry.turn = &ready_;
     entry.message = std::move(message);
     linkLocked(entry);
     ++count_;
@@ -244,10 +246,21 @@ void MessageQueue::insertLocked(uint64_t position, std::unique_ptr<Message>& mes
     setDeadlineLocked(entry);
 }
 
+// What is left of an insertion that ran out of memory.
+void MessageQueue::tidyLocked() {
+    newestLine_ = nullptr;
+    std::erase_if(lines_, [](const auto& line) { return line.second.entries.first == nullptr; });
+    std::erase_if(numbers_, [](const auto& chain) { return chain.second.first == nullptr; });
+}
+
 // Needs no memory, as what it is inserted into is there.
 void MessageQueue::linkLocked(Entry& entry) {
     all_.insert(entry);
     entry.line->entries.insert(entry);
+    entry.turn->insert(entry);
+    if (numbersKnown_) {
+        numbers_.find(entry.message->getSerialNumber())->second.insert(entry);
+    }
 }
 
 void MessageQueue::unlinkLocked(Entry& entry) {
@@ -256,6 +269,10 @@ void MessageQueue::unlinkLocked(Entry& entry) {
     }
     all_.remove(entry);
     entry.line->entries.remove(entry);
+    entry.turn->remove(entry);
+    if (numbersKnown_) {
+        numbers_.find(entry.message->getSerialNumber())->second.remove(entry);
+    }
 }
 
 std::unique_ptr<Message> MessageQueue::removeLocked(Entry& entry) {
@@ -274,8 +291,16 @@ std::unique_ptr<Message> MessageQueue::removeLocked(Entry& entry) {
         newestLine_ = newestLine_ == entry.line ? nullptr : newestLine_;
         lines_.erase(lines_.find(message->getTarget().view()));
     }
+    if (entry.turn != &ready_ && entry.turn->first == nullptr) {
+        heldUp_.erase(heldUp_.find(message->getSender().view()));
+    }
+    const auto number = numbersKnown_ ? numbers_.find(message->getSerialNumber()) : numbers_.end();
+    if (number != numbers_.end() && number->second.first == nullptr) {
+        numbers_.erase(number);
+    }
     pool_.giveBack(entry);
     if (--count_ == 0) {
+        numbersKnown_ = false;
         pool_.shrink();
     }
     return message;
@@ -286,6 +311,37 @@ void MessageQueue::moveToEndLocked(Entry& entry) {
     unlinkLocked(entry);
     entry.position = ++lastPosition_;
     linkLocked(entry);
+}
+
+// Out of the way of who takes, until its sender is held up no more. A watcher stays where all who
+// pass find it.
+void MessageQueue::parkLocked(Entry& entry) {
+    if (entry.turn == &ready_ && !entry.isWatcher) {
+        const std::string_view sender = entry.message->getSender().view();
+        const auto found = heldUp_.find(sender);
+        auto& chain = found != heldUp_.end() ? found->second : heldUp_[std::string(sender)];
+        ready_.remove(entry);
+        entry.turn = &chain;
+        chain.insert(entry);
+    }
+}
+
+void MessageQueue::knowNumbersLocked() {
+    if (numbersKnown_) {
+        return;
+    }
+    try {
+        for (const Entry* entry = all_.first; entry != nullptr; entry = entry->links[ofAll].next) {
+            (void)numbers_[entry->message->getSerialNumber()];
+        }
+    } catch (...) {
+        numbers_.clear();
+        throw;
+    }
+    for (Entry* entry = all_.first; entry != nullptr; entry = entry->links[ofAll].next) {
+        numbers_.find(entry->message->getSerialNumber())->second.insert(*entry);
+    }
+    numbersKnown_ = true;
 }
 
 bool MessageQueue::append(Message* message, bool isAnswer) {
@@ -312,39 +368,91 @@ bool MessageQueue::append(Message* message, bool isAnswer) {
     return true;
 }
 
-std::unique_ptr<Message>
-MessageQueue::takeLocked(Notices& notices, uint32_t serial,
-                         const std::function<bool(const Message&)>& wanted) {
-    const int64_t now = ConveyUtils::getTimeSeconds();
-    const uint64_t last = lastPosition_; // watchers that move come behind it
-    for (Entry* next = all_.first; next != nullptr && next->position <= last;) {
-        Entry& entry = *next;
-        next = entry.links[ofAll].next;
-        const Message& message = *entry.message;
-        if (now >= entry.deadline) {
-            auto& place = notices.placeFor(message, diagnosticsRoot_);
-            place = removeLocked(entry);
-        } else if (entry.isWatcher && isRelated(message, serial)) {
-            moveToEndLocked(entry);
-        } else if (wanted(message)) {
-            notices.report(message, "picked", diagnosticsRoot_);
-            return removeLocked(entry);
+// The messages that a taker looks at, by position: those that are not held up and those of senders
+// that are so no more, or those of some numbers.
+class MessageQueue::Walk {
+public:
+    explicit Walk(Order order) : order_(order) {}
+    void add(Entry* first) { others_.push_back(first); }
+    void addReady(Entry* first) { first_ = first; }
+
+    // Null at the end. The entry before may have been taken out meanwhile, and no other.
+    Entry* next() {
+        Entry** oldest = &first_;
+        for (Entry*& other : others_) {
+            if (other != nullptr && (*oldest == nullptr || other->position < (*oldest)->position)) {
+                oldest = &other;
+            }
+        }
+        Entry* const found = *oldest;
+        if (found != nullptr) {
+            *oldest = found->links[order_].next;
+        }
+        return found;
+    }
+
+private:
+    const Order order_;
+    Entry* first_ = nullptr;
+    std::vector<Entry*> others_;
+};
+
+MessageQueue::Taken MessageQueue::takeLocked(Notices& notices, uint32_t serial,
+                                             const Choice* choice) {
+    const bool byNumber = choice != nullptr && choice->numbers != nullptr;
+    Walk walk(byNumber ? ofNumber : ofTurn);
+    if (byNumber) {
+        knowNumbersLocked();
+        for (const uint32_t number : *choice->numbers) {
+            if (const auto found = numbers_.find(number); found != numbers_.end()) {
+                walk.add(found->second.first);
+            }
+        }
+    } else {
+        walk.addReady(ready_.first);
+        for (const auto& [sender, chain] : heldUp_) {
+            if (choice == nullptr || !choice->isHeldUp(*chain.first->message)) {
+                walk.add(chain.first);
+            }
         }
     }
-    return nullptr;
+    const int64_t now = ConveyUtils::getTimeSeconds();
+    const uint64_t last = lastPosition_; // watchers that move come behind it
+    for (Entry* entry = walk.next(); entry != nullptr && entry->position <= last;
+         entry = walk.next()) {
+        const Message& message = *entry->message;
+        if (now >= entry->deadline) {
+            auto& place = notices.placeFor(message, diagnosticsRoot_);
+            place = removeLocked(*entry);
+        } else if (entry->isWatcher && isRelated(message, serial)) {
+            moveToEndLocked(*entry);
+        } else if (choice != nullptr && choice->isHeldUp(message)) {
+            parkLocked(*entry);
+        } else if (choice == nullptr || choice->wants(message)) {
+            notices.report(message, "picked", diagnosticsRoot_);
+            const uint64_t position = entry->position;
+            const bool isAnswer = entry->isAnswer;
+            return {removeLocked(*entry), position, isAnswer};
+        }
+    }
+    return {};
 }
 
 Message* MessageQueue::getNextMessage(uint32_t serial) {
     Notices notices(listener_);
     const ObjectLock guard(*this);
-    return takeLocked(notices, serial, [](const Message&) { return true; }).release();
+    return takeLocked(notices, serial, nullptr).message.release();
 }
 
-std::unique_ptr<Message>
-MessageQueue::takeWanted(uint32_t serial, const std::function<bool(const Message&)>& wanted) {
+MessageQueue::Taken MessageQueue::takeWanted(uint32_t serial, const Choice& choice) {
     Notices notices(listener_);
     const ObjectLock guard(*this);
-    return takeLocked(notices, serial, wanted);
+    return takeLocked(notices, serial, &choice);
+}
+
+void MessageQueue::putBack(Taken& taken) {
+    const ObjectLock guard(*this);
+    insertLocked(taken.position, taken.message, taken.isAnswer);
 }
 
 bool MessageQueue::removeMessage(uint32_t serial) {

@@ -21,8 +21,8 @@ namespace ScObjects::ConveyData {
 // message whose time has run out is retired, and its sender told when it asked for that.
 //
 // Owns its messages. Threads: any. Its listener is told when the queue's lock has been given up,
-// and may use the queue. Appending, taking the oldest and looking for the oldest of a target take
-// the same time however many there are.
+// and may use the queue. Appending, taking and looking for the oldest of a target take the same
+// time however many there are: who takes some only does not look at the others each time.
 class SO_EXPORT MessageQueue : public SoLockable {
 public:
     // What a message without a time-out gets, in seconds, so that nothing waits for ever by
@@ -64,9 +64,25 @@ public:
     // Watchers (type "Ignore") that are related to `serial` (all of them for
     // CV_INVALID_MESSAGE_NUMBER) are passed over and move to the end.
     [[nodiscard]] Convey::Message* getNextMessage(uint32_t serial);
-    // The same for the oldest that is wanted, which is asked with the queue's lock held.
-    [[nodiscard]] std::unique_ptr<Convey::Message>
-    takeWanted(uint32_t serial, const std::function<bool(const Convey::Message&)>& wanted);
+    // What a taker wants; asked with the queue's lock held, of the older messages first.
+    struct Choice {
+        // Whether the message waits for its sender, and so all for which the answer is yes do that
+        // have the same one: these are not asked about again one by one.
+        std::function<bool(const Convey::Message&)> isHeldUp;
+        std::function<bool(const Convey::Message&)> wants;
+        // Messages of other serial numbers are not looked at; null: of all.
+        const std::vector<uint32_t>* numbers = nullptr;
+    };
+    // A message that was taken, the holder's; none when it is null.
+    struct Taken {
+        std::unique_ptr<Convey::Message> message;
+        uint64_t position = 0;
+        bool isAnswer = false;
+    };
+    // Takes like `getNextMessage` the oldest that is not held up and wanted.
+    [[nodiscard]] Taken takeWanted(uint32_t serial, const Choice& choice);
+    // Returns it to its place. When memory runs out, which is thrown, it stays the caller's.
+    void putBack(Taken& taken);
     // Like `getNextMessage`, and deletes it; false for CV_INVALID_MESSAGE_NUMBER and without a
     // message.
     bool removeMessage(uint32_t serial);
@@ -118,7 +134,7 @@ private:
     struct Entry;
     struct Line;
     // The orders that an entry has a place in.
-    enum Order : uint8_t { ofAll, ofTarget, kOrders };
+    enum Order : uint8_t { ofAll, ofTarget, ofTurn, ofNumber, kOrders };
     struct Link {
         Entry* previous = nullptr;
         Entry* next = nullptr;
@@ -137,7 +153,8 @@ private:
         int64_t deadline = 0;
         bool isAnswer = false;
         bool isWatcher = false;
-        Line* line = nullptr; // that of its target
+        Line* line = nullptr;          // that of its target
+        Chain<ofTurn>* turn = nullptr; // `ready_`, or that of its sender
         Link links[kOrders];
     };
     // Owns the entries: a block of the heap for each would cost as much as all else that is done
@@ -170,10 +187,9 @@ private:
     using ByName = std::unordered_map<std::string, Value, Hash, std::equal_to<>>;
     // What is to be told to others once the lock is given up.
     class Notices;
+    class Walk;
 
-    std::unique_ptr<Convey::Message>
-    takeLocked(Notices& notices, uint32_t serial,
-               const std::function<bool(const Convey::Message&)>& wanted) SO_REQUIRES(this);
+    Taken takeLocked(Notices& notices, uint32_t serial, const Choice* choice) SO_REQUIRES(this);
     void insertLocked(uint64_t position, std::unique_ptr<Convey::Message>& message, bool isAnswer)
         SO_REQUIRES(this);
     void linkLocked(Entry& entry) SO_REQUIRES(this);
@@ -181,17 +197,26 @@ private:
     Line& lineLocked(std::string_view target) SO_REQUIRES(this);
     std::unique_ptr<Convey::Message> removeLocked(Entry& entry) SO_REQUIRES(this);
     void moveToEndLocked(Entry& entry) SO_REQUIRES(this);
+    void parkLocked(Entry& entry) SO_REQUIRES(this);
+    void knowNumbersLocked() SO_REQUIRES(this);
+    void tidyLocked() SO_REQUIRES(this);
     const Line* findLineLocked(std::string_view target) const SO_REQUIRES(this);
     static Entry* findBehind(const Line& line, uint64_t position);
     Entry* findLocked(std::string_view target, uint64_t position) const SO_REQUIRES(this);
     void setDeadlineLocked(Entry& entry) SO_REQUIRES(this);
 
-    // Every message is in `all_` and in the line of its target.
+    // Every message is in `all_`, in the line of its target, and in `ready_` or, once it was found
+    // to be held up, in the chain of its sender.
     Pool pool_ SO_GUARDED_BY(this);
     Chain<ofAll> all_ SO_GUARDED_BY(this);
     int32_t count_ SO_GUARDED_BY(this) = 0;
     ByName<Line> lines_ SO_GUARDED_BY(this); // none is empty
     Line* newestLine_ SO_GUARDED_BY(this) = nullptr;
+    Chain<ofTurn> ready_ SO_GUARDED_BY(this);
+    ByName<Chain<ofTurn>> heldUp_ SO_GUARDED_BY(this); // none is empty
+    // From the first take by number until the queue is empty: as a rule nobody asks for it.
+    std::unordered_map<uint32_t, Chain<ofNumber>> numbers_ SO_GUARDED_BY(this);
+    bool numbersKnown_ SO_GUARDED_BY(this) = false;
     uint64_t lastPosition_ SO_GUARDED_BY(this) = 0;
     int64_t bodyBytes_ SO_GUARDED_BY(this) = 0;
     Load answers_ SO_GUARDED_BY(this);

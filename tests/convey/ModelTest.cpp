@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -60,6 +61,8 @@ protected:
 struct Queued {
     std::string body;
     std::string target;
+    std::string sender;
+    bool wantsAnswer;
     bool watcher;
     bool selfWatcher;
     uint32_t serial;
@@ -91,6 +94,8 @@ TEST_F(ModelTest, queue) {
         auto message = std::make_unique<Message>();
         const Queued added{std::to_string(step),
                            selfWatcher ? "me" : "target" + std::to_string(upTo(3)),
+                           selfWatcher ? "me" : "sender" + std::to_string(upTo(2)),
+                           selfWatcher || upTo(1) == 0,
                            watcher,
                            selfWatcher,
                            upTo(3),
@@ -99,9 +104,10 @@ TEST_F(ModelTest, queue) {
                            ++lastPosition,
                            !watcher && upTo(1) == 0};
         message->setTarget(added.target.c_str());
-        message->setSender("me");
+        message->setSender(added.sender.c_str());
         message->setType(watcher ? "Ignore" : "query");
-        message->setResponseRequest(selfWatcher ? "Timeout" : "");
+        message->setResponseRequest(added.wantsAnswer ? "Timeout" : "");
+        message->setHeader("TIMEOUT_DETECTOR", "SENDER");
         message->setBody(SoString(added.body.c_str()));
         message->setSerialNumber(added.serial);
         message->setResult(added.result);
@@ -128,6 +134,56 @@ TEST_F(ModelTest, queue) {
         }
         const std::unique_ptr<Message> message(queue.getNextMessage(serial));
         ASSERT_EQ(message == nullptr ? "-" : message->getBody().c_str(), expected);
+    };
+    // Of senders that are not held up, of some numbers, and only what is wanted.
+    std::set<std::string> heldUp;
+    const auto takeWanted = [&] {
+        expire();
+        if (const std::string sender = "sender" + std::to_string(upTo(2)); upTo(2) == 0) {
+            heldUp.erase(sender);
+        } else {
+            heldUp.insert(sender);
+        }
+        const uint32_t serial = upTo(3) == 0 ? kAny : upTo(3);
+        const uint32_t unwanted = upTo(4); // of this number
+        std::vector<uint32_t> numbers;
+        for (uint32_t number = 0; number <= 4; ++number) {
+            if (upTo(1) == 0) {
+                numbers.push_back(number);
+            }
+        }
+        MessageQueue::Choice choice;
+        choice.isHeldUp = [&](const Message& m) {
+            return !m.getResponseRequest().isEmpty() && heldUp.count(m.getSender().c_str()) != 0;
+        };
+        choice.wants = [&](const Message& m) { return m.getSerialNumber() != unwanted; };
+        choice.numbers = upTo(1) == 0 ? &numbers : nullptr;
+        const uint64_t last = lastPosition;
+        std::string expected = "-";
+        for (auto m = model.begin(); expected == "-" && m != model.end() && m->position <= last;) {
+            if (choice.numbers != nullptr &&
+                std::find(numbers.begin(), numbers.end(), m->serial) == numbers.end()) {
+                ++m;
+            } else if (m->watcher && (serial == kAny || m->result == serial)) {
+                Queued moved = *m;
+                moved.position = ++lastPosition;
+                m = model.erase(m);
+                const auto next = m - model.begin();
+                model.push_back(moved);
+                m = model.begin() + next;
+            } else if ((m->wantsAnswer && heldUp.count(m->sender) != 0) || m->serial == unwanted) {
+                ++m;
+            } else {
+                expected = m->body;
+            }
+        }
+        MessageQueue::Taken taken = queue.takeWanted(serial, choice);
+        ASSERT_EQ(taken.message == nullptr ? "-" : taken.message->getBody().c_str(), expected);
+        if (taken.message != nullptr && upTo(2) == 0) {
+            queue.putBack(taken);
+        } else {
+            std::erase_if(model, [&](const Queued& m) { return m.body == expected; });
+        }
     };
     const auto visit = [&] {
         expire();
@@ -158,7 +214,7 @@ TEST_F(ModelTest, queue) {
             expected->deadline = now + seconds;
         }
     };
-    const int count = steps(2'000'000);
+    const int count = steps(1'000'000);
     for (int step = 0; step < count && !HasFatalFailure(); ++step) {
         switch (upTo(11)) {
         case 0:
@@ -169,8 +225,10 @@ TEST_F(ModelTest, queue) {
             break;
         case 4:
         case 5:
-        case 6:
             take(upTo(4) == 0 ? kAny : upTo(3));
+            break;
+        case 6:
+            takeWanted();
             break;
         case 7:
             pass(upTo(2));

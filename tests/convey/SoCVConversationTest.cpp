@@ -354,7 +354,7 @@ TEST_F(ConversationTest, waitingInHandlersHasADepth) {
         --depth;
         return 0;
     });
-    constexpr int kRequests = 500;
+    constexpr int kRequests = 5000;
     for (int i = 0; i < kRequests; ++i) {
         Message message = request(0, "");
         message.setTarget("own-1.0");

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/fake/Fakes.h"
 #include "scriptobjects/convey/SoCVMessageQueue.h"
@@ -207,6 +208,55 @@ TEST_F(MessageQueueTest, aPassSeesWhatOthersLeave) {
     pass(1);
     queue.removeExpiredMessages();
     EXPECT_EQ(rest(queue), "d ");
+}
+
+// However much waits for others, or for nobody, who takes something else is not kept by it.
+TEST_F(MessageQueueTest, looksOnceAtWhatIsHeldUpAndAtNothingOfOtherNumbers) {
+    constexpr uint32_t kMany = 5000;
+    MessageQueue queue;
+    uint32_t asked = 0;
+    std::string held = "held-1.0";
+    MessageQueue::Choice choice;
+    choice.isHeldUp = [&](const Convey::Message& message) {
+        return ++asked, message.getSender() == held.c_str();
+    };
+    choice.wants = [&](const Convey::Message&) { return ++asked, true; };
+    const auto append = [&](const char* sender, uint32_t number) {
+        Convey::Message* const message = make(std::to_string(number).c_str());
+        message->setSender(sender);
+        message->setSerialNumber(number);
+        ASSERT_TRUE(queue.append(message));
+    };
+    const auto taken = [&] {
+        const MessageQueue::Taken one = queue.takeWanted(kAny, choice);
+        return one.message == nullptr ? "-" : std::string(one.message->getBody().c_str());
+    };
+    for (uint32_t i = 0; i < kMany; ++i) {
+        append("held-1.0", i);
+    }
+    for (uint32_t i = kMany; i < 2 * kMany; ++i) {
+        append("free-1.0", i);
+        ASSERT_EQ(taken(), std::to_string(i));
+    }
+    EXPECT_LE(asked, 5 * kMany) << "once each, and of a few each time";
+    asked = 0;
+    for (const uint32_t i : {kMany - 1, 7U}) {
+        const std::vector<uint32_t> numbers = {i, 2 * kMany};
+        choice.numbers = &numbers;
+        held = "";
+        EXPECT_EQ(taken(), std::to_string(i));
+        held = "held-1.0";
+        EXPECT_EQ(taken(), "-");
+    }
+    EXPECT_LE(asked, 20U);
+    held = "";
+    choice.numbers = nullptr;
+    append("free-1.0", 0);
+    for (uint32_t i = 0; i < kMany - 2; ++i) {
+        ASSERT_EQ(taken(), std::to_string(i + (i >= 7 ? 1 : 0))) << "in their order";
+    }
+    EXPECT_EQ(taken(), "0");
+    EXPECT_LE(asked, 6 * kMany);
 }
 
 TEST_F(MessageQueueTest, writesTheRowsOfItsMessages) {
