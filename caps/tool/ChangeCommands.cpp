@@ -2,6 +2,7 @@
 #include <fstream>
 
 #include "caps/tool/Commands.h"
+#include "caps/tool/Consequences.h"
 #include "caps/tool/DesktopEntries.h"
 #include "caps/tool/Source.h"
 #include "caps/tool/Table.h"
@@ -41,6 +42,12 @@ Status write(Store& store, const TomlEntry& entry, bool& replaced) {
     return writeData(store, std::get<Subdomain>(entry.content), replaced);
 }
 
+void refuseOtherThanUtf8(const Contents& contents) {
+    if (const auto where = firstThatIsNotUtf8(contents)) {
+        throw Failure(printable(*where) + " is no UTF-8");
+    }
+}
+
 // Refuses an application that nobody could start: no path, and nothing that gives one.
 void requirePath(Context& context, const Application& application) {
     const std::string* basename = find(application.keys, kBasenameKey);
@@ -70,6 +77,7 @@ int importToml(Context& context, const std::string& file) {
     }
     context.open(Store::Access::create);
     context.inTransaction([&] {
+        const Consequences consequences(context);
         Counts counts;
         for (const TomlEntry& entry : entries) {
             bool replaced = false;
@@ -79,6 +87,7 @@ int importToml(Context& context, const std::string& file) {
             }
             counts.count(replaced);
         }
+        consequences.tell();
         context.out << counts.text("entries") << '\n';
     });
     return 0;
@@ -97,21 +106,35 @@ int addApplication(Context& context, Application application) {
     context.open(Store::Access::create);
     context.inTransaction([&] {
         bool replaced = false;
+        // A path of its own leaves nobody without one: the whole registry need not be looked at.
+        const std::optional<Consequences> consequences = find(application.keys, kPathKey) == nullptr
+                                                             ? std::optional<Consequences>(context)
+                                                             : std::nullopt;
         context.expect(writeApplication(context.store(), application, replaced));
         requirePath(context, application);
+        if (consequences) {
+            consequences->tell();
+        }
     });
     return 0;
 }
 
 int removeApplication(Context& context, const std::string& specifier) {
-    refuse(specifierFault(lowerCase(specifier)), specifier);
+    if (isUtf8(specifier)) { // what came in otherwise must go out again
+        refuse(specifierFault(lowerCase(specifier)), specifier);
+    }
     context.open(Store::Access::write);
-    context.expect(context.store().removeSubdomain(kRegistryDomain, subdomainOf(specifier)),
-                   specifier + " is not registered");
+    context.inTransaction([&] {
+        const Consequences consequences(context);
+        context.expect(context.store().removeSubdomain(kRegistryDomain, subdomainOf(specifier)),
+                       specifier + " is not registered");
+        consequences.tell();
+    });
     return 0;
 }
 
 int addProduct(Context& context, const Product& product) {
+    refuseOtherThanUtf8({{product}, {}, {}});
     context.open(Store::Access::create);
     context.inTransaction([&] {
         bool replaced = false;
@@ -122,7 +145,11 @@ int addProduct(Context& context, const Product& product) {
 
 int removeProduct(Context& context, const std::string& code) {
     context.open(Store::Access::write);
-    context.expect(context.store().removeProduct(code), code + " is not registered");
+    context.inTransaction([&] {
+        const Consequences consequences(context);
+        context.expect(context.store().removeProduct(code), code + " is not registered");
+        consequences.tell();
+    });
     return 0;
 }
 
@@ -132,6 +159,7 @@ int set(Context& context, int32_t domain, const std::string& name, const std::st
     if (isApplicationSubdomain(subdomain)) {
         refuse(valueFault(key, value), key);
     }
+    refuseOtherThanUtf8({{}, {{domain, subdomain.name, {{key, value}}}}, {}});
     context.open(Store::Access::write);
     if (subdomain.name != name) { // of an application: a misspelt one must not come to be
         (void)context.readSubdomain(domain, name);
@@ -142,8 +170,12 @@ int set(Context& context, int32_t domain, const std::string& name, const std::st
 
 int remove(Context& context, int32_t domain, const std::string& name, const std::string& key) {
     context.open(Store::Access::write);
-    context.expect(context.store().removeDomainData(domain, subdomainName(name), key),
-                   subdomainName(name) + " has no " + key);
+    context.inTransaction([&] {
+        const Consequences consequences(context);
+        context.expect(context.store().removeDomainData(domain, subdomainName(name), key),
+                       subdomainName(name) + " has no " + key);
+        consequences.tell();
+    });
     return 0;
 }
 
@@ -152,6 +184,7 @@ int addGroup(Context& context, const Group& group) {
         if (part.empty() || part.find('/') != std::string::npos) {
             throw Failure("\"" + part + "\": each part has 1 character or more, and no '/'");
         }
+        refuse(isUtf8(part) ? std::nullopt : std::optional<std::string>("is no UTF-8"), part);
     }
     if (const std::optional<double> number = decimal(group.number); !number || *number <= 0.0) {
         throw Failure("\"" + group.number + "\": the number must be above 0");
@@ -194,12 +227,14 @@ int importDesktop(Context& context, const std::string& folder) {
     }
     context.open(Store::Access::create);
     context.inTransaction([&] {
+        const Consequences consequences(context);
         Counts counts;
         for (const Application& application : found.applications) {
             bool replaced = false;
             context.expect(writeApplication(context.store(), application, replaced));
             counts.count(replaced);
         }
+        consequences.tell();
         context.out << counts.text("applications") << '\n';
     });
     return 0;

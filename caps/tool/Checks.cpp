@@ -51,7 +51,7 @@ public:
 
     std::vector<Finding> run() {
         for (const std::string& refused : contents_.refused) {
-            report(refused, "has no name, or is over its limit", "it is not read");
+            report(refused, "has no name, or is over its limit", "it is not read", Harm::ignored);
         }
         for (const Subdomain& subdomain : contents_.subdomains) {
             checkTexts(subdomain);
@@ -70,8 +70,8 @@ public:
     }
 
 private:
-    void report(std::string where, std::string what, std::string why) {
-        findings_.push_back({std::move(where), std::move(what), std::move(why)});
+    void report(std::string where, std::string what, std::string why, Harm harm = Harm::none) {
+        findings_.push_back({std::move(where), std::move(what), std::move(why), harm});
     }
 
     void checkApplication(const Subdomain& subdomain) {
@@ -80,7 +80,7 @@ private:
             checkValue(specifier, entry);
         }
         if (const auto ignored = ignored_.find(&subdomain); ignored != ignored_.end()) {
-            report(subdomain.name, ignored->second->why, "it is ignored");
+            report(subdomain.name, ignored->second->why, "it is ignored", Harm::ignored);
             return;
         }
         if (const auto fault = specifierFault(specifier)) {
@@ -110,7 +110,7 @@ private:
                                                                         "its specifier"
                                                                       : "")
                        : "the path \"" + path + "\" has no '/'",
-                   "a listing ends abnormally at it");
+                   "a listing ends abnormally at it", Harm::listingEnds);
         }
         if (shown != nullptr && shown != &record) {
             report(record.specifier, "is shown with the path of " + shown->specifier,
@@ -125,7 +125,8 @@ private:
     }
 
     void checkValue(const std::string& specifier, const KeyValue& entry) {
-        if (entry.key == kPathKey || entry.key == kSpecifierKey || entry.key == kRedirectKey) {
+        if (entry.key == kPathKey || entry.key == kSpecifierKey || entry.key == kRedirectKey ||
+            !isUtf8(entry.key) || !isUtf8(entry.value)) {
             return; // judged with the rest of the entry
         }
         if (const auto fault = valueFault(entry.key, entry.value)) {
@@ -190,7 +191,7 @@ private:
         }
         for (const std::string_view left : codes) {
             report(subdomain.name + " " + std::string(left),
-                   "comes behind a gap: there is no " + key, "it is ignored");
+                   "comes behind a gap: there is no " + key, "it is ignored", Harm::ignored);
         }
     }
 
@@ -216,7 +217,7 @@ private:
                                      : applications_.end();
         if (application == applications_.end()) {
             report(subdomain.name + " " + key, "\"" + code + "\" is no registered application",
-                   "it is ignored");
+                   "it is ignored", Harm::ignored);
         } else if (!launches && configures) {
             const std::string* basename = find(application->second->data, kBasenameKey);
             if (basename == nullptr || basename->empty()) {
@@ -266,7 +267,8 @@ private:
         for (const KeyValue& entry : subdomain.data) {
             const std::string where = "group " + entry.key;
             if (!entry.key.starts_with(kGroupKeyPrefix)) {
-                report(where, "the key does not begin with \"Group\"", "it is ignored");
+                report(where, "the key does not begin with \"Group\"", "it is ignored",
+                       Harm::ignored);
                 continue;
             }
             const std::optional<Group> group = parseGroup(entry);
@@ -274,7 +276,7 @@ private:
                 report(where,
                        "\"" + entry.value + "\" is not " + std::string(kGroupPrefix) +
                            "NAME/NUMBER/APPLICATION",
-                       "it is ignored");
+                       "it is ignored", Harm::ignored);
                 continue;
             }
             const std::optional<double> number = decimal(group->number);

@@ -7,6 +7,7 @@
 #include "caps/config/Document.h"
 #include "caps/tool/Checks.h"
 #include "caps/tool/Commands.h"
+#include "caps/tool/Consequences.h"
 #include "caps/tool/DropIns.h"
 #include "caps/tool/Source.h"
 #include "caps/tool/Table.h"
@@ -62,9 +63,13 @@ int import(Context& context, const std::string& file, const ImportOptions& optio
     if (!rule) {
         throw Failure(options.rule + ": the rule is keep, replace or newer");
     }
+    if (const auto where = firstThatIsNotUtf8(incoming)) {
+        throw Failure(file + ": " + printable(*where) + " is no UTF-8");
+    }
     context.open(Store::Access::create);
     Store::Transaction transaction(context.store());
     context.expect(transaction.begin());
+    const Consequences consequences(context);
     const Contents before = options.dryRun ? context.readAll() : Contents();
     config::Merged merged;
     std::string reason;
@@ -74,8 +79,10 @@ int import(Context& context, const std::string& file, const ImportOptions& optio
     }
     if (options.dryRun) {
         tell(context, config::compare(before, context.readAll()));
+        consequences.tell();
         return 0; // and the transaction is rolled back
     }
+    consequences.tell();
     context.expect(transaction.commit());
     context.out << merged.added << " entries added, " << merged.replaced << " replaced, "
                 << merged.kept << " kept, " << merged.skipped << " left out\n";
@@ -111,10 +118,12 @@ int removeEntries(Context& context, const config::Selection& selection,
     Store::Transaction transaction(context.store());
     context.expect(transaction.begin());
     const Contents before = context.readAll();
+    const Consequences consequences(context);
     context.expect(config::removeSelected(context.store(), selection),
                    selection.specifier.empty() ? std::string("there is nothing to remove")
                                                : selection.specifier + " is not registered");
     tell(context, config::compare(before, context.readAll()));
+    consequences.tell();
     if (options.dryRun) {
         return 0;
     }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "caps/Layers.h"
 #include "caps/tool/Registry.h"
 #include "caps/tool/Table.h"
 
@@ -39,6 +40,18 @@ void Context::expect(Status status, const std::string& nothingThere) {
 Contents Context::readAll() {
     Contents contents;
     expect(store_->readAll(contents));
+    return contents;
+}
+
+Contents Context::readLayers() {
+    Contents contents = readAll();
+    const std::string below = databasePath.empty() ? databaseBelow(path_) : "";
+    std::unique_ptr<Store> store;
+    Contents lower;
+    if (!below.empty() && Store::open(below, Store::Access::read, store) == Status::ok &&
+        store->readAll(lower) == Status::ok) {
+        contents = layered(std::move(lower), std::move(contents), below);
+    }
     return contents;
 }
 

@@ -47,6 +47,7 @@ public:
     std::ostream& err;        // messages
     std::string databasePath; // empty: the one that this user's programs read
     bool json = false;
+    bool strict = false; // refuse a change that leaves harm behind
 
     // Opens the database; `path` and `store` are good from then on.
     void open(Store::Access access);
@@ -66,6 +67,8 @@ public:
     }
 
     Contents readAll();
+    // What this user's programs read: with the system's registrations below the user's own.
+    Contents readLayers();
     // The subdomain with the name, or the one of the application with that specifier.
     Subdomain readSubdomain(int32_t domain, const std::string& name);
     // The entries of the groups, none when there is no group.

@@ -1,10 +1,12 @@
 // The commands that read the database and leave it as it is.
 #include <cstdlib>
 #include <nlohmann/json.hpp>
+#include <unordered_map>
 
-#include "caps/Layers.h"
+#include "caps/Reading.h"
 #include "caps/tool/Checks.h"
 #include "caps/tool/Commands.h"
+#include "caps/tool/Registry.h"
 #include "caps/tool/Table.h"
 #include "caps/tool/TomlFile.h"
 
@@ -25,6 +27,28 @@ std::string userLocale() {
         }
     }
     return "en_us";
+}
+
+// The name for people in the user's language, where it was registered.
+std::string nameFor(const Subdomain& subdomain, std::string_view locale) {
+    std::string_view best;
+    size_t fits = 0;
+    for (const KeyValue& entry : subdomain.data) {
+        std::string key = lowerCase(entry.key);
+        if (entry.key == kDisplayNameKey && fits == 0) {
+            best = entry.value;
+        } else if (isLocalizedName(entry.key)) {
+            const std::string of = key.substr(kDisplayNameKey.size() + 1);
+            for (const std::string& wanted :
+                 {std::string(locale.substr(0, locale.find('_'))), std::string(locale)}) {
+                if (of == wanted + "]" && wanted.size() > fits) {
+                    best = entry.value;
+                    fits = wanted.size();
+                }
+            }
+        }
+    }
+    return std::string(best);
 }
 
 } // namespace
@@ -56,46 +80,33 @@ int listGroups(Context& context) {
     return 0;
 }
 
-namespace {
-
-// What this user's programs read: with the system's registrations below the user's own.
-Contents readLayers(Context& context) {
-    context.open(Store::Access::read);
-    Contents contents = context.readAll();
-    const std::string path = context.databasePath.empty() ? databaseBelow(context.path()) : "";
-    std::unique_ptr<Store> below;
-    Contents lower;
-    if (!path.empty() && Store::open(path, Store::Access::read, below) == Status::ok &&
-        below->readAll(lower) == Status::ok) {
-        contents = layered(std::move(lower), std::move(contents), path);
-    }
-    return contents;
-}
-
-} // namespace
-
+// The paths are those that a listing shows: after redirects, from payloads, of web applications.
 int list(Context& context) {
-    const Contents contents = readLayers(context);
+    context.open(Store::Access::read);
+    const Contents contents = context.readLayers();
+    const std::string locale = userLocale();
+    const Reading reading(contents, locale);
+    std::unordered_map<const Subdomain*, const Reading::Record*> records;
+    for (const Reading::Record& record : reading.records()) {
+        records.emplace(record.subdomain, &record);
+    }
     Table table({"SPECIFIER", "NAME", "PATH", "FROM"});
     Json rows = Json::array();
     for (const Subdomain& subdomain : contents.subdomains) {
         if (!isApplicationSubdomain(subdomain)) {
             continue;
         }
-        const auto value = [&subdomain](std::string_view key) {
-            const std::string* found = find(subdomain.data, key);
-            return found != nullptr ? *found : std::string();
-        };
-        std::string specifier = value(kSpecifierKey);
-        if (specifier.empty()) {
-            specifier = subdomain.name.substr(kAppPrefix.size());
-        }
-        const std::string redirect = value(kRedirectKey);
+        const std::string specifier = effectiveSpecifier(subdomain);
+        const auto record = records.find(&subdomain);
+        const Reading::Record* const shown =
+            record == records.end() ? nullptr : reading.shown(*record->second);
+        std::string path = shown == nullptr ? "" : shown->path;
+        const std::string* const redirect = find(subdomain.data, kRedirectKey);
         const std::string origin = originOf(subdomain);
-        table.add({specifier, value(kDisplayNameKey),
-                   redirect.empty() ? value(kPathKey) : "-> " + redirect,
-                   origin.empty() ? "by hand" : origin});
         Json one = {{"specifier", specifier}};
+        if (!path.empty()) {
+            one["shownPath"] = path;
+        }
         if (!origin.empty()) {
             one["origin"] = origin;
         }
@@ -105,6 +116,11 @@ int list(Context& context) {
             }
         }
         rows.push_back(std::move(one));
+        if (redirect != nullptr && !redirect->empty()) {
+            path += (path.empty() ? "-> " : " -> ") + *redirect;
+        }
+        table.add(
+            {specifier, nameFor(subdomain, locale), path, origin.empty() ? "by hand" : origin});
     }
     context.print(rows, table);
     return 0;
@@ -136,7 +152,7 @@ int exportAll(Context& context) {
 // Exit status 1 when there is something to report.
 int check(Context& context) {
     context.open(Store::Access::read);
-    const std::vector<Finding> findings = checkRegistry(context.readAll(), userLocale());
+    const std::vector<Finding> findings = checkRegistry(context.readLayers(), userLocale());
     Json rows = Json::array();
     for (const Finding& finding : findings) {
         rows.push_back({{"where", finding.where}, {"what", finding.what}, {"why", finding.why}});

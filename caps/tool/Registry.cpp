@@ -34,9 +34,44 @@ constexpr KnownKey kKnownKeys[] = {
     {"DeveloperInstallPath", KeyKind::text},
     {kRedirectKey, KeyKind::text},
     {"ExecutablePath", KeyKind::text},
+    {kIconKey, KeyKind::text},
 };
 
+constexpr const char* kNoUtf8 = "is no UTF-8";
+
 } // namespace
+
+std::optional<std::string> firstThatIsNotUtf8(const Contents& contents) {
+    const auto is = [](std::initializer_list<std::string_view> texts) {
+        return std::all_of(texts.begin(), texts.end(), isUtf8);
+    };
+    for (const Product& product : contents.products) {
+        if (!is({product.code})) {
+            return "product " + product.code;
+        }
+        for (const Payload& payload : product.payloads) {
+            if (!is({payload.code, payload.kind, payload.launchPath})) {
+                return "payload " + payload.code + " of " + product.code;
+            }
+            for (const PayloadValue& entry : payload.data) {
+                if (!is({entry.key, entry.value})) {
+                    return "payload " + payload.code + " " + entry.key;
+                }
+            }
+        }
+    }
+    for (const Subdomain& subdomain : contents.subdomains) {
+        if (!is({subdomain.name})) {
+            return subdomain.name;
+        }
+        for (const KeyValue& entry : subdomain.data) {
+            if (!is({entry.key, entry.value})) {
+                return subdomain.name + " " + entry.key;
+            }
+        }
+    }
+    return std::nullopt;
+}
 
 std::optional<double> decimal(std::string_view text) {
     double number = 0.0;
@@ -46,7 +81,16 @@ std::optional<double> decimal(std::string_view text) {
     return whole && std::isfinite(number) ? std::optional(number) : std::nullopt;
 }
 
+bool isLocalizedName(std::string_view key) {
+    const size_t name = kDisplayNameKey.size();
+    return key.starts_with(kDisplayNameKey) && key.size() > name + 2 && key[name] == '[' &&
+           key.ends_with(']');
+}
+
 std::optional<KeyKind> keyKind(std::string_view key) {
+    if (isLocalizedName(key)) {
+        return KeyKind::text;
+    }
     const auto* found = std::find_if(std::begin(kKnownKeys), std::end(kKnownKeys),
                                      [key](const KnownKey& known) { return known.key == key; });
     return found == std::end(kKnownKeys) ? std::nullopt : std::optional(found->kind);
@@ -61,6 +105,9 @@ std::optional<std::string> specifierFault(std::string_view specifier) {
     }
     if (specifier.find('#') != std::string_view::npos) {
         return "a registered specifier has no suffix ('#')";
+    }
+    if (!isUtf8(specifier)) {
+        return kNoUtf8;
     }
     if (specifier.find_first_of("-_") == 0) {
         return "a specifier begins with the application's name";
@@ -78,6 +125,9 @@ std::optional<std::string> specifierFault(std::string_view specifier) {
 std::optional<std::string> valueFault(std::string_view key, std::string_view value) {
     if (value.size() > kMaxValueBytes) {
         return "a value has at most " + limits::inWords("database.value");
+    }
+    if (!isUtf8(key) || !isUtf8(value)) {
+        return kNoUtf8;
     }
     if (key == kPathKey && value.find('/') == std::string_view::npos) {
         return "a path holds a '/' (a listing would end abnormally at this one)";

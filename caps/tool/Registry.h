@@ -17,9 +17,14 @@ namespace caps::tool {
 
 inline constexpr size_t kMaxSpecifierBytes = limits::of("specifier.length");
 
+// What the desktop shows of an application; no reader of the layer knows it.
+inline constexpr std::string_view kIconKey = "Icon";
+
 // What a key's value must look like.
 enum class KeyKind { text, boolean, decimal };
 
+// True for "DisplayName[de]": the name for people in a language.
+bool isLocalizedName(std::string_view key);
 // The kind of a key that registrations have; none for other keys.
 std::optional<KeyKind> keyKind(std::string_view key);
 
@@ -27,6 +32,9 @@ struct Application {
     std::string specifier;      // lower case
     std::vector<KeyValue> keys; // without the specifier's own
 };
+
+// Where the first text is that is no UTF-8, such as a subdomain and its key; none when all are.
+std::optional<std::string> firstThatIsNotUtf8(const Contents& contents);
 
 // The number that the whole text is, or none.
 std::optional<double> decimal(std::string_view text);

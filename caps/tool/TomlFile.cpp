@@ -445,6 +445,9 @@ std::vector<TomlEntry> parseToml(std::istream& in, const std::string& name) {
 }
 
 void writeToml(std::ostream& out, const Contents& contents) {
+    if (const auto where = firstThatIsNotUtf8(contents)) {
+        throw TomlError(*where + " is no UTF-8 and cannot be written as TOML");
+    }
     std::ostringstream text;
     text.imbue(std::locale::classic());
     for (const Product& product : contents.products) {

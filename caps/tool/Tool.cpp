@@ -117,11 +117,20 @@ private:
         return command;
     }
 
+    // A change that may leave others behind without a path.
+    Subcommand& addChange(const char* name, const char* what, std::function<int()> run) {
+        Subcommand& command = add(name, what, std::move(run));
+        command.add_flag("--strict", context_.strict,
+                         "Change nothing when that leaves entries behind that are ignored, or at "
+                         "which a listing ends");
+        return command;
+    }
+
     void addWholeDatabase() {
         add("init", "Make an empty database, or bring one up to date",
             [this] { return init(context_); });
-        auto& importing = add("import", "Read registrations from a file, all or none",
-                              [this] { return import(context_, file_, importOptions_); });
+        auto& importing = addChange("import", "Read registrations from a file, all or none",
+                                    [this] { return import(context_, file_, importOptions_); });
         importing
             .add_option("FILE", file_,
                         "TOML, an exported XML document or another database; - for standard input")
@@ -145,15 +154,16 @@ private:
         comparing.add_option("A", file_, "A database, an XML document or a TOML file")->required();
         comparing.add_option("B", value_, "Another one")->required();
         auto& desktop =
-            add("import-desktop", "Register the applications of a folder of .desktop files",
-                [this] { return importDesktop(context_, file_); });
+            addChange("import-desktop", "Register the applications of a folder of .desktop files",
+                      [this] { return importDesktop(context_, file_); });
         desktop.add_option("FOLDER", file_)->required();
     }
 
     void addApplications() {
-        auto& adding = add("add-app", "Register an application, replacing what was said", [this] {
-            return addApplication(context_, application_.application(name_, pairs_));
-        });
+        auto& adding =
+            addChange("add-app", "Register an application, replacing what was said", [this] {
+                return addApplication(context_, application_.application(name_, pairs_));
+            });
         adding.add_option("SPECIFIER", name_, "For example lumen-2.0-en_us")->required();
         adding.add_option("--path", application_.path, "The application's path");
         adding.add_option("--name", application_.displayName, "The name for people");
@@ -164,8 +174,8 @@ private:
             ->type_name("KEY=VALUE")
             ->allow_extra_args(false);
 
-        auto& removing = add("remove-app", "Remove an application's registration",
-                             [this] { return removeApplication(context_, name_); });
+        auto& removing = addChange("remove-app", "Remove an application's registration",
+                                   [this] { return removeApplication(context_, name_); });
         removing.add_option("SPECIFIER", name_)->required();
     }
 
@@ -188,8 +198,8 @@ private:
             ->type_name("KEY=LANGUAGE")
             ->allow_extra_args(false);
 
-        auto& removing = add("remove-product", "Remove a product and its payloads",
-                             [this] { return removeProduct(context_, name_); });
+        auto& removing = addChange("remove-product", "Remove a product and its payloads",
+                                   [this] { return removeProduct(context_, name_); });
         removing.add_option("PRODUCT", name_)->required();
     }
 
@@ -208,9 +218,9 @@ private:
             .add_option("VALUE", value_)
             ->required();
         addEntry("get", "Print one value", [this] { return get(context_, domain_, name_, key_); });
-        auto& removing =
-            add("remove", "Remove an application, those of a product or a folder, or one value",
-                [this] { return removeWhatIsSaid(); });
+        auto& removing = addChange(
+            "remove", "Remove an application, those of a product or a folder, or one value",
+            [this] { return removeWhatIsSaid(); });
         auto* name = removing.add_option("NAME", name_, "A specifier, or a subdomain");
         removing.add_option("KEY", key_, "Only this value of it")->needs(name);
         removing.add_option("--domain", domain_, "The domain's number")->capture_default_str();
@@ -230,15 +240,15 @@ private:
     void addGroups() {
         CLI::App& group = *app_.add_subcommand("group", "Groups of applications that go together");
         group.require_subcommand(1);
-        const auto addChange = [&](const char* name, const char* what, std::function<int()> run) {
+        const auto addMember = [&](const char* name, const char* what, std::function<int()> run) {
             auto& command = add(group, name, what, std::move(run));
             command.add_option("NAME", group_.name, "The group's name")->required();
             command.add_option("NUMBER", group_.number, "The group's number, above 0")->required();
             command.add_option("APPLICATION", group_.pattern, "For example lumen-2.*")->required();
         };
-        addChange("add", "Put an application into a group",
+        addMember("add", "Put an application into a group",
                   [this] { return addGroup(context_, group_); });
-        addChange("remove", "Take an application out of a group",
+        addMember("remove", "Take an application out of a group",
                   [this] { return removeGroup(context_, group_); });
         addQuery(group, "list", "List the groups", [this] { return listGroups(context_); });
     }

@@ -47,17 +47,18 @@ _ovrel_caps() {
     fi
     case $command in
     '') options='--version' ;;
-    import) options='--rule --dry-run' ;;
+    import) options='--rule --dry-run --strict' ;;
+    import-desktop | remove-app | remove-product) options='--strict' ;;
     export) options='--xml' ;;
     sync) options='--from --dry-run' ;;
     diff | list | show | check | 'group list') options='--json' ;;
-    add-app) options='--path --name --redirect --shell-tool --set' ;;
+    add-app) options='--path --name --redirect --shell-tool --set --strict' ;;
     add-product)
         options='--payload --kind --launch-path --install-state --languages --config-path
             --install-folder --language'
         ;;
     set | get) options='--domain' ;;
-    remove) options='--domain --product --folder --all --yes --dry-run' ;;
+    remove) options='--domain --product --folder --all --yes --dry-run --strict' ;;
     esac
     case $current in
     -*)

@@ -38,6 +38,7 @@ complete -c ovrel-caps -n '__fish_seen_subcommand_from import diff' -r -F
 complete -c ovrel-caps -n '__fish_seen_subcommand_from import-desktop' -x -a '(__fish_complete_directories)'
 complete -c ovrel-caps -n '__fish_seen_subcommand_from import' -l rule -x -a 'keep replace newer' -d 'Which entry wins'
 complete -c ovrel-caps -n '__fish_seen_subcommand_from import sync remove' -l dry-run -d 'Only tell'
+complete -c ovrel-caps -n '__fish_seen_subcommand_from import import-desktop add-app remove-app remove-product remove' -l strict -d 'Refuse what leaves harm'
 complete -c ovrel-caps -n '__fish_seen_subcommand_from export' -l xml -d 'As an XML document'
 complete -c ovrel-caps -n '__fish_seen_subcommand_from sync' -l from -x -a '(__fish_complete_directories)' -d 'A folder of files'
 complete -c ovrel-caps -n '__fish_seen_subcommand_from diff list show check' -l json -d 'Print JSON'

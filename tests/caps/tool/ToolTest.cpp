@@ -106,15 +106,18 @@ TEST_F(ToolTest, registersAndShows) {
               0);
     ASSERT_EQ(run({"add-app", "viewer-1.0", "--redirect", "lumen-2.0"}), 0);
     ASSERT_EQ(run({"list"}), 0);
-    EXPECT_EQ(output, "SPECIFIER   NAME       PATH          FROM\n"
-                      "lumen-2.0   L & ?[31m  /opt/L\xC3\xBCmen    by hand\n"
-                      "viewer-1.0             -> lumen-2.0  by hand\n");
+    EXPECT_EQ(output, "SPECIFIER   NAME       PATH                     FROM\n"
+                      "lumen-2.0   L & ?[31m  /opt/L\xC3\xBCmen               by hand\n"
+                      "viewer-1.0             /opt/L\xC3\xBCmen -> lumen-2.0  by hand\n");
     ASSERT_EQ(run({"list", "--json"}), 0);
-    EXPECT_EQ(output,
-              "[\n  {\n    \"specifier\": \"lumen-2.0\",\n    \"Path\": \"/opt/L\xC3\xBCmen\",\n"
-              "    \"DisplayName\": \"L & \\u001b[31m\",\n    \"IsShellTool\": \"true\",\n"
-              "    \"MessageDigest\": \"false\"\n  },\n  {\n"
-              "    \"specifier\": \"viewer-1.0\",\n    \"RedirectTo\": \"lumen-2.0\"\n  }\n]\n");
+    EXPECT_EQ(
+        output,
+        "[\n  {\n    \"specifier\": \"lumen-2.0\",\n    \"shownPath\": \"/opt/L\xC3\xBCmen\",\n"
+        "    \"Path\": \"/opt/L\xC3\xBCmen\",\n"
+        "    \"DisplayName\": \"L & \\u001b[31m\",\n    \"IsShellTool\": \"true\",\n"
+        "    \"MessageDigest\": \"false\"\n  },\n  {\n"
+        "    \"specifier\": \"viewer-1.0\",\n"
+        "    \"shownPath\": \"/opt/L\xC3\xBCmen\",\n    \"RedirectTo\": \"lumen-2.0\"\n  }\n]\n");
     ASSERT_EQ(run({"set", "lumen-2.0", "DisplayName", "Lumen"}), 0);
     ASSERT_EQ(run({"get", "LUMEN-2.0", "DisplayName"}), 0);
     EXPECT_EQ(output, "Lumen\n");
@@ -310,6 +313,131 @@ TEST_F(ToolTest, findsWhatTheLayerWouldIgnoreOrTripOver) {
     EXPECT_EQ(output, "nothing to report\n");
     ASSERT_EQ(run({"set", "/ovrel/convey/a", "IsShellTool", "true"}), 0);
     EXPECT_EQ(run({"check"}), 1);
+}
+
+TEST_F(ToolTest, listsThePathsThatAListingShows) {
+    setenv("LC_ALL", "de_AT.UTF-8", 1);
+    ASSERT_EQ(
+        run({"import", "-"},
+            "[[application]]\nspecifier = \"web-1.0\"\n"
+            "ExecutableBasename = \"https://w.ovrel.example/a\"\n"
+            "[[product]]\nid = \"P\"\n[[product.payload]]\nid = \"{P}\"\n"
+            "launch-path = \"/opt/Pay.app/Contents/MacOS/Pay\"\n"
+            "[[data]]\nsubdomain = \"{P}\"\nvalues = { ConveyCode = \"/ovrel/convey/pay-1.0\" }\n"
+            "[[application]]\nspecifier = \"pay-1.0\"\nDisplayName = \"Pay\"\n"
+            "\"DisplayName[de]\" = \"Zahl\"\n\"DisplayName[de_CH]\" = \"Zahle\"\n"
+            "[[application]]\nspecifier = \"lost-1.0\"\nRedirectTo = \"nobody\"\n"),
+        0)
+        << errors;
+    ASSERT_EQ(run({"list"}), 0);
+    EXPECT_EQ(output, "SPECIFIER  NAME  PATH                       FROM\n"
+                      "web-1.0          https://w.ovrel.example/a  by hand\n"
+                      "pay-1.0    Zahl  /opt/Pay.app               by hand\n"
+                      "lost-1.0         -> nobody                  by hand\n");
+    unsetenv("LC_ALL");
+}
+
+TEST_F(ToolTest, saysWhatAChangeLeavesBehind) {
+    ASSERT_EQ(run({"add-app", "a-1.0", "--path", "/a/a"}), 0);
+    ASSERT_EQ(run({"add-app", "b-1.0", "--redirect", "a-1.0"}), 0);
+    EXPECT_EQ(errors, "") << "nothing is wrong with that";
+    ASSERT_EQ(run({"add-app", "kept-1.0", "--redirect", "a-1.0", "--path", "/k/k"}), 0);
+    ASSERT_EQ(run({"import", "-"}, "[[product]]\nid = \"P\"\n[[product.payload]]\nid = \"{P}\"\n"
+                                   "launch-path = \"/p/p\"\n[[data]]\nsubdomain = \"{P}\"\n"
+                                   "values = { ConveyCode = \"/ovrel/convey/pay-1.0\" }\n"
+                                   "[[application]]\nspecifier = \"pay-1.0\"\n"),
+              0);
+    EXPECT_EQ(errors, "");
+    const std::string ends = "a listing ends abnormally at it";
+    const struct {
+        std::vector<std::string> command;
+        std::string input;
+        std::vector<std::string> said;
+    } cases[] = {
+        {{"add-app", "c-1.0", "--redirect", "nobody"}, "", {"c-1.0: has no path; " + ends}},
+        {{"remove-app", "a-1.0"},
+         "",
+         {"b-1.0 redirects to a-1.0, which is registered no more",
+          "kept-1.0 redirects to a-1.0, which is registered no more",
+          "b-1.0: has no path; " + ends}},
+        {{"remove", "a-1.0"}, "", {"b-1.0: has no path; " + ends}},
+        {{"remove", "a-1.0", "Path"}, "", {"it is ignored"}},
+        {{"remove-product", "P"}, "", {"pay-1.0: has no path and no redirect, and no payload"}},
+        {{"import", "-"},
+         "[[application]]\nspecifier = \"a-1.0\"\nRedirectTo = \"b-1.0\"\n",
+         {"a-1.0: has no path; " + ends, "b-1.0: has no path; " + ends}},
+        {{"import", "--rule", "replace", "-"},
+         "[[data]]\nsubdomain = \"/ovrel/convey/d-1.0\"\nvalues = { DisplayName = \"D\" }\n",
+         {"d-1.0: has no path and no redirect"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.command[0] + " " + c.command[1]);
+        const Contents before = contents();
+        const std::string whole = database;
+        std::vector<std::string> strictly = c.command;
+        strictly.emplace_back("--strict");
+        EXPECT_EQ(run(strictly, c.input), 1);
+        EXPECT_NE(errors.find("nothing was changed, because of --strict"), std::string::npos);
+        EXPECT_EQ(contents(), before);
+        database = folder.file("copy.db"); // each case begins with the same
+        ASSERT_EQ(run({"import", whole}), 0) << errors;
+        EXPECT_EQ(run(c.command, c.input), 0) << errors;
+        for (const std::string& said : c.said) {
+            EXPECT_NE(errors.find(said), std::string::npos) << errors << "lacks " << said;
+        }
+        EXPECT_NE(contents(), before);
+        for (const char* suffix : {"", "-wal", "-shm"}) {
+            (void)unlink((database + suffix).c_str());
+        }
+        database = whole;
+    }
+}
+
+TEST_F(ToolTest, takesOnlyTextsInUtf8) {
+    ASSERT_EQ(run({"add-app", "a-1.0", "--path", "/a"}), 0);
+    const std::vector<std::string> commands[] = {
+        {"add-app", "b\xff-1.0", "--path", "/b"},
+        {"add-app", "b-1.0", "--path", "/\xff"},
+        {"add-app", "b-1.0", "--path", "/b", "--name", "\xC3"},
+        {"set", "a-1.0", "DisplayName", "\xff"},
+        {"set", "/other", "k\xff", "v"},
+        {"group", "add", "g\xff", "1", "a-1.*"},
+        {"add-product", "\xff"},
+    };
+    const Contents before = contents();
+    for (const auto& command : commands) {
+        EXPECT_EQ(run(command), 1) << command[1];
+        EXPECT_NE(errors.find("is no UTF-8"), std::string::npos) << errors;
+    }
+    EXPECT_EQ(run({"import", "-"}, "[[data]]\nsubdomain = \"s\"\nvalues = { k = \"\xff\" }\n"), 1);
+    EXPECT_EQ(contents(), before);
+
+    // What another program wrote is named, and can be removed.
+    const std::string other = folder.file("other.db");
+    {
+        std::unique_ptr<Store> store;
+        ASSERT_EQ(Store::open(other, Store::Access::create, store), Status::ok);
+        ASSERT_EQ(store->setDomainData(1, "/ovrel/convey/c\xff", "DisplayName", "\xff"),
+                  Status::ok);
+    }
+    EXPECT_EQ(run({"import", other}), 1);
+    EXPECT_NE(errors.find("other.db: /ovrel/convey/c\xff is no UTF-8"), std::string::npos)
+        << errors;
+    database = other;
+    ASSERT_EQ(run({"set", "/ovrel/convey/d", "DisplayName", "D"}), 0);
+    ASSERT_EQ(run({"remove-app", "c\xff"}), 0) << errors;
+    {
+        std::unique_ptr<Store> store;
+        ASSERT_EQ(Store::open(other, Store::Access::write, store), Status::ok);
+        ASSERT_EQ(store->setDomainData(1, "/ovrel/convey/d", "DisplayName", "\xff"), Status::ok);
+    }
+    for (const std::vector<std::string>& command :
+         {std::vector<std::string>{"export"}, {"export", "--xml"}}) {
+        EXPECT_EQ(run(command), 1);
+        EXPECT_NE(errors.find("/ovrel/convey/d"), std::string::npos) << errors;
+        EXPECT_NE(errors.find("DisplayName"), std::string::npos) << errors;
+        EXPECT_EQ(output, "");
+    }
 }
 
 TEST_F(ToolTest, readsDesktopEntriesByTheFormatsRules) {
