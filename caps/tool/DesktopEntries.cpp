@@ -6,6 +6,7 @@
 #include <fstream>
 #include <map>
 #include <set>
+#include <sstream>
 #include <unistd.h>
 
 #include "limits/InWords.h"
@@ -17,6 +18,8 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr uintmax_t kMaxFileBytes = limits::of("import.desktop-file");
+// What the desktop puts in their place is files, icon and name: without them the program starts.
+constexpr std::string_view kFieldCodes = "fFuUickdDnNvm";
 constexpr size_t kMaxFiles = limits::of("import.desktop-files");
 
 using Fields = std::map<std::string, std::string>;
@@ -131,21 +134,22 @@ std::string versionOf(const Fields& fields) {
     return "";
 }
 
-} // namespace
-
-std::string programOf(const std::string& execLine) {
-    const std::string line = unescaped(execLine);
+// The first word by the format's quoting rules, and where it ends; empty for a malformed line.
+std::string firstWord(const std::string& line, size_t& end) {
     const size_t first = line.find_first_not_of(' ');
+    end = line.size();
     if (first == std::string::npos) {
         return "";
     }
     std::string program;
     if (line[first] != '"') {
-        program = line.substr(first, line.find(' ', first) - first);
+        end = std::min(line.find(' ', first), line.size());
+        program = line.substr(first, end - first);
         return program.find_first_of("\"'\\`$<>~|&;*?#()%") == std::string::npos ? program : "";
     }
     for (size_t i = first + 1; i < line.size(); ++i) {
         if (line[i] == '"') {
+            end = i + 1;
             return program;
         }
         if (line[i] == '\\' && i + 1 < line.size()) {
@@ -156,7 +160,50 @@ std::string programOf(const std::string& execLine) {
     return ""; // the quotation does not end
 }
 
-std::optional<Application> readDesktopEntry(std::istream& in, const std::string& fileName,
+bool isTrue(const Fields& fields, const std::string& key) {
+    return field(fields, key) == "true";
+}
+
+// What the registry keeps of a file beside the path. A value that it refuses is left out, but for
+// the name.
+void addKeys(const Fields& fields, Application& application) {
+    const auto add = [&application](const std::string& key, const std::string& value) {
+        if (!value.empty() && !valueFault(key, value)) {
+            application.keys.push_back({key, value});
+        }
+    };
+    add(std::string(kDisplayNameKey), unescaped(field(fields, "Name")));
+    for (const auto& [key, value] : fields) {
+        if (key.starts_with("Name[") && key.ends_with("]")) {
+            add(std::string(kDisplayNameKey) + key.substr(std::string_view("Name").size()),
+                unescaped(value));
+        }
+    }
+    add(std::string(kIconKey), unescaped(field(fields, "Icon")));
+    add("WindowClassName", unescaped(field(fields, "StartupWMClass")));
+}
+
+} // namespace
+
+std::string programOf(const std::string& execLine) {
+    size_t end = 0;
+    return firstWord(unescaped(execLine), end);
+}
+
+bool startsProgramAlone(const std::string& execLine) {
+    const std::string line = unescaped(execLine);
+    size_t end = 0;
+    (void)firstWord(line, end);
+    std::istringstream rest(line.substr(end));
+    for (std::string word; rest >> word;) {
+        if (word.size() != 2 || word[0] != '%' || kFieldCodes.find(word[1]) == std::string::npos) {
+            return false;
+        }
+    }
+    return true;
+}
+
+std::optional<Application> readDesktopEntry(std::istream& in, const std::string& path,
                                             std::string& reason) {
     Fields fields;
     if (!readFields(in, fields, reason)) {
@@ -166,7 +213,7 @@ std::optional<Application> readDesktopEntry(std::istream& in, const std::string&
         reason = "is no application";
         return std::nullopt;
     }
-    if (field(fields, "Hidden") == "true" || field(fields, "NoDisplay") == "true") {
+    if (isTrue(fields, "Hidden") || isTrue(fields, "NoDisplay")) {
         reason = "is hidden";
         return std::nullopt;
     }
@@ -181,14 +228,14 @@ std::optional<Application> readDesktopEntry(std::istream& in, const std::string&
         return std::nullopt;
     }
     const std::string program = programOf(field(fields, "Exec"));
-    const std::string path = program.empty() ? "" : resolved(program);
-    if (path.empty()) {
+    const std::string programPath = program.empty() ? "" : resolved(program);
+    if (programPath.empty()) {
         reason =
             program.empty() ? "has no usable Exec line" : "\"" + program + "\" is not installed";
         return std::nullopt;
     }
     Application application;
-    application.specifier = lowerCase(fs::path(fileName).stem().string());
+    application.specifier = lowerCase(fs::path(path).stem().string());
     for (char& c : application.specifier) {
         c = c == '-' || c == '_' || c == '#' ? '.' : c;
     }
@@ -199,7 +246,17 @@ std::optional<Application> readDesktopEntry(std::istream& in, const std::string&
         reason = *fault;
         return std::nullopt;
     }
-    application.keys = {{std::string(kPathKey), path}, {std::string(kDisplayNameKey), name}};
+    const bool alone = startsProgramAlone(field(fields, "Exec")) && tryExec.empty() &&
+                       !isTrue(fields, "Terminal") && !isTrue(fields, "DBusActivatable");
+    application.keys = {{std::string(kPathKey), alone ? programPath : path}};
+    for (const auto& [key, value] :
+         {std::pair(kPathKey, application.keys.front().value), std::pair(kDisplayNameKey, name)}) {
+        if (const auto fault = valueFault(key, value)) {
+            reason = std::string(key) + ": " + *fault;
+            return std::nullopt;
+        }
+    }
+    addKeys(fields, application);
     return application;
 }
 
@@ -228,7 +285,8 @@ DesktopImport readDesktopFolder(const std::string& folder) {
         } else if (fs::file_size(file, error) > kMaxFileBytes) {
             reason = "is larger than " + limits::inWords("import.desktop-file");
         } else if (std::ifstream in(file); in) {
-            application = readDesktopEntry(in, file.filename().string(), reason);
+            application =
+                readDesktopEntry(in, fs::absolute(file).lexically_normal().string(), reason);
         } else {
             reason = "cannot be read";
         }

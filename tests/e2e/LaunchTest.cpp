@@ -154,8 +154,57 @@ TEST_F(LaunchTest, opensWebAddresses) {
     EXPECT_THAT(given.err, HasSubstr("takes no parameters"));
     opened("convey");
     std::filesystem::remove(folder.file("bin/xdg-open"));
-    setenv("PATH", folder.file("bin").c_str(), 1);
-    EXPECT_EQ(runProcess({CONVEY_PROGRAM, "launch", "gallery"}).exitStatus, 1) << "no browser";
+    EXPECT_EQ(runProcess({CONVEY_PROGRAM, "launch", "gallery"}, {{"PATH", folder.file("bin")}})
+                  .exitStatus,
+              1)
+        << "no browser";
+}
+
+// What more than a program is, is started as the desktop starts it.
+TEST_F(LaunchTest, importedDesktopEntriesStartWhatTheyName) {
+    void* const library = dlopen("libgio-2.0.so.0", RTLD_LAZY);
+    if (library == nullptr) { // as on machines whose other architecture lacks it
+        GTEST_SKIP() << "the GIO library is not installed";
+    }
+    const std::string note = folder.file("note");
+    (void)script("bin/prog", "printf '%s' \"marked $MARK $#\" > " + note + ".new && mv " + note +
+                                 ".new " + note);
+    std::filesystem::create_directory(folder.file("x"));
+    const std::string main =
+        folder.write("x/main.py", "import os, sys\nopen('" + note +
+                                      ".new', 'w').write('python %d' % len(sys.argv))\n"
+                                      "os.rename('" +
+                                      note + ".new', '" + note + "')\n");
+    const struct {
+        const char* name;
+        std::string exec;
+        const char* said;
+    } cases[] = {
+        {"plain", folder.file("bin/prog") + " %U", "marked  0"},
+        {"marked", "env MARK=1 " + folder.file("bin/prog") + " %U", "marked 1 0"},
+        {"interpreted", "python3 " + main + " %F", "python 1"},
+        {"shell",
+         "sh -c \"printf '%%s' 'of a shell' > " + note + ".new && mv " + note + ".new " + note +
+             "\"",
+         "of a shell"},
+    };
+    std::filesystem::create_directory(folder.file("entries"));
+    for (const auto& c : cases) {
+        (void)folder.write(
+            "entries/" + std::string(c.name) + ".desktop",
+            "[Desktop Entry]\nType=Application\nName=N\nX-A-Version=1.0\nExec=" + c.exec + "\n");
+    }
+    const ProcessResult imported =
+        runProcess({OVREL_CAPS_TOOL, "import-desktop", folder.file("entries")});
+    ASSERT_EQ(imported.out, "4 applications added, 0 replaced\n") << imported.err;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const ProcessResult result = runProcess({CONVEY_PROGRAM, "launch", "--wait", "0", c.name});
+        EXPECT_EQ(result.exitStatus, 0) << result.err;
+        EXPECT_TRUE(eventually([&] { return std::filesystem::exists(note); }));
+        EXPECT_EQ(TemporaryFolder::read(note), c.said);
+        std::filesystem::remove(note);
+    }
 }
 
 TEST_F(LaunchTest, theToolWaitsForNothingWhenItIsToldSo) {

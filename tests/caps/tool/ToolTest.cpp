@@ -444,27 +444,41 @@ TEST_F(ToolTest, readsDesktopEntriesByTheFormatsRules) {
     const struct {
         const char* exec;
         const char* program;
-    } execs[] = {{"/bin/cat %U", "/bin/cat"},
-                 {"\"/a b/c\" --x", "/a b/c"},
-                 {"\"/a\\\\$b\" x", "/a$b"},
-                 {"\"unfinished", ""},
-                 {"", ""},
-                 {"$(evil)", ""},
-                 {"  sh  -c x", "sh"},
-                 {"/with\\sblank x", "/with"}};
+        bool alone;
+    } execs[] = {{"/bin/cat %U", "/bin/cat", true},
+                 {"\"/a b/c\"  %i %c", "/a b/c", true},
+                 {"\"/a b/c\" --x", "/a b/c", false},
+                 {"\"/a\\\\$b\" x", "/a$b", false},
+                 {"\"unfinished", "", true},
+                 {"", "", true},
+                 {"$(evil)", "", true},
+                 {"  sh  -c x", "sh", false},
+                 {"env A=1 p %U", "env", false},
+                 {"/bin/cat %%", "/bin/cat", false},
+                 {"/with\\sblank x", "/with", false}};
     for (const auto& c : execs) {
         EXPECT_EQ(caps::tool::programOf(c.exec), c.program) << c.exec;
+        EXPECT_EQ(caps::tool::startsProgramAlone(c.exec), c.alone) << c.exec;
     }
+    const char* const file = "/usr/share/applications/org.x.My-App.desktop";
     const std::string head = "[Desktop Entry]\nType=Application\nName=N\nName[de]=M\n";
     const struct {
         std::string content;
         const char* specifier;
         const char* reason;
+        const char* path = "";
     } entries[] = {
-        {head + "Exec=/bin/sh\nVersion=1.5\n", "org.x.my.app", ""},
-        {head + "Exec=sh\nX-Foo-Version=3.2\n", "org.x.my.app-3.2", ""},
-        {head + "Exec=sh\nX-Desktop-File-Install-Version=0.26\n", "org.x.my.app", ""},
-        {head + "Exec=/bin/sh\n[Desktop Action a]\nHidden=true\n", "org.x.my.app", ""},
+        {head + "Exec=/bin/sh %f\nVersion=1.5\n", "org.x.my.app", "", "/bin/sh"},
+        {head + "Exec=/bin/sh\nX-Foo-Version=3.2\n", "org.x.my.app-3.2", "", "/bin/sh"},
+        {head + "Exec=/bin/sh\nX-Desktop-File-Install-Version=0.26\n", "org.x.my.app", "",
+         "/bin/sh"},
+        {head + "Exec=/bin/sh\n[Desktop Action a]\nHidden=true\n", "org.x.my.app", "", "/bin/sh"},
+        {head + "Exec=/bin/sh -c x\n", "org.x.my.app", "", file},
+        {head + "Exec=/bin/sh\nTerminal=true\n", "org.x.my.app", "", file},
+        {head + "Exec=/bin/sh\nTerminal=false\n", "org.x.my.app", "", "/bin/sh"},
+        {head + "Exec=/bin/sh\nDBusActivatable=true\n", "org.x.my.app", "", file},
+        {head + "Exec=/bin/sh\nTryExec=sh\n", "org.x.my.app", "", file},
+        {"[Desktop Entry]\nType=Application\nName=\xff\nExec=/bin/sh\n", "", "is no UTF-8"},
         {head + "Exec=/nosuch/program\n", "", "not installed"},
         {head + "Exec=/bin/sh\nTryExec=nosuchprogram\n", "", "not installed"},
         {head + "Exec=/bin/sh\nNoDisplay=true\n", "", "hidden"},
@@ -477,11 +491,20 @@ TEST_F(ToolTest, readsDesktopEntriesByTheFormatsRules) {
         SCOPED_TRACE(c.content);
         std::istringstream in(c.content);
         std::string reason;
-        const auto application = caps::tool::readDesktopEntry(in, "org.x.My-App.desktop", reason);
+        const auto application = caps::tool::readDesktopEntry(in, file, reason);
         EXPECT_EQ(application ? application->specifier : "", c.specifier);
         EXPECT_NE(reason.find(c.reason), std::string::npos) << reason;
         EXPECT_EQ(reason.empty(), application.has_value());
+        EXPECT_EQ(application ? application->keys[0].value : "", c.path);
     }
+    std::istringstream in(head + "Exec=/bin/sh\nIcon=brush\nName[fr]=\xff\nStartupWMClass=Win\n");
+    std::string reason;
+    EXPECT_EQ(caps::tool::readDesktopEntry(in, file, reason)->keys,
+              (std::vector<caps::KeyValue>{{"Path", "/bin/sh"},
+                                           {"DisplayName", "N"},
+                                           {"DisplayName[de]", "M"},
+                                           {"Icon", "brush"},
+                                           {"WindowClassName", "Win"}}));
     ASSERT_EQ(run({"import-desktop", EXAMPLE_APPLICATIONS}), 0);
     EXPECT_EQ(output, "2 applications added, 0 replaced\n");
     EXPECT_NE(errors.find("settings.desktop: is hidden"), std::string::npos) << errors;
