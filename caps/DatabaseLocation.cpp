@@ -1,5 +1,6 @@
 #include "caps/Store.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -46,9 +47,12 @@ std::string systemDatabase() {
     return path.empty() ? kSystemDatabase : path;
 }
 
+// What cannot be found out is no absence: opening it then tells the reason. A folder that this user
+// may not enter holds nothing for it.
 bool exists(const std::string& path) {
     struct stat status {};
-    return !path.empty() && stat(path.c_str(), &status) == 0;
+    return !path.empty() && (stat(path.c_str(), &status) == 0 ||
+                             (errno != ENOENT && errno != ENOTDIR && errno != EACCES));
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "caps/Session.h"
 
 #include <algorithm>
+#include <cstring>
 #include <mutex>
 
 namespace caps {
@@ -11,7 +12,28 @@ namespace {
 constinit std::mutex gMutex;
 constinit Database* gDatabase = nullptr;
 
+constexpr size_t kReasonBytes = 1024;
+constinit thread_local char gReason[kReasonBytes] = {};
+
+// Hands a status on; `reason` says why it is none of success.
+Status noting(Status status, const std::string& reason) {
+    if (status != Status::ok && status != Status::nothingThere) {
+        LastFailure::note(reason);
+    }
+    return status;
+}
+
 } // namespace
+
+void LastFailure::note(std::string_view reason) noexcept {
+    const size_t bytes = std::min(reason.size(), kReasonBytes - 1);
+    std::memcpy(gReason, reason.data(), bytes);
+    gReason[bytes] = '\0';
+}
+
+const char* LastFailure::text() noexcept {
+    return gReason;
+}
 
 struct Database::State {
     std::string path;
@@ -33,6 +55,8 @@ struct Database::State {
     // user's must not depend on it.
     std::unique_ptr<Store> below;
     std::string belowPath;
+    Status belowStatus = Status::ok; // why it could not be opened
+    std::string belowReason;
     std::unordered_map<int32_t, std::shared_ptr<const DomainSnapshot>> domains;
     std::shared_ptr<const ProductSnapshot> products;
 };
@@ -95,15 +119,26 @@ Database::Paths Database::paths() const {
 }
 
 Status Database::openLocked(std::unique_ptr<Store>& out) {
-    return Store::open(state_->path, Store::Access::read, out);
+    std::string reason;
+    return noting(Store::open(state_->path, Store::Access::read, out, &reason), reason);
 }
 
 void Database::openBelowLocked() {
     state_->belowPath = databaseBelow(state_->path);
     state_->below.reset();
+    state_->belowStatus = Status::ok;
     if (!state_->belowPath.empty()) {
-        (void)Store::open(state_->belowPath, Store::Access::read, state_->below);
+        state_->belowStatus = Store::open(state_->belowPath, Store::Access::read, state_->below,
+                                          &state_->belowReason);
     }
+}
+
+Status Database::belowStatus() {
+    const std::lock_guard<std::mutex> lock(state_->mutex);
+    // One that went between the look and the opening is not there.
+    return state_->belowStatus == Status::noDatabase
+               ? Status::ok
+               : noting(state_->belowStatus, state_->belowReason);
 }
 
 // Drops what was read when the file has changed; opens the file anew when another one stands in
@@ -138,6 +173,13 @@ Status Database::refreshLocked() {
     return status;
 }
 
+// Hands on what came of reading both databases.
+Status Database::failing(Status status) const {
+    const std::string& own = state_->store->lastError();
+    return noting(status,
+                  own.empty() && state_->below != nullptr ? state_->below->lastError() : own);
+}
+
 Status Database::domain(int32_t domain, bool refresh, std::shared_ptr<const DomainSnapshot>& out) {
     const std::lock_guard<std::mutex> lock(state_->mutex);
     Status status = refresh ? refreshLocked() : Status::ok;
@@ -146,7 +188,8 @@ Status Database::domain(int32_t domain, bool refresh, std::shared_ptr<const Doma
     }
     std::shared_ptr<const DomainSnapshot>& snapshot = state_->domains[domain];
     if (snapshot == nullptr) {
-        status = DomainSnapshot::read(*state_->store, state_->below.get(), domain, snapshot);
+        status =
+            failing(DomainSnapshot::read(*state_->store, state_->below.get(), domain, snapshot));
     }
     if (status == Status::ok) {
         out = snapshot;
@@ -158,7 +201,8 @@ Status Database::products(bool refresh, std::shared_ptr<const ProductSnapshot>& 
     const std::lock_guard<std::mutex> lock(state_->mutex);
     Status status = refresh ? refreshLocked() : Status::ok;
     if (status == Status::ok && state_->products == nullptr) {
-        status = ProductSnapshot::read(*state_->store, state_->below.get(), state_->products);
+        status =
+            failing(ProductSnapshot::read(*state_->store, state_->below.get(), state_->products));
     }
     if (status == Status::ok) {
         out = state_->products;

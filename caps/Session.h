@@ -4,6 +4,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -38,6 +39,8 @@ public:
     [[nodiscard]] Status setDomainData(int32_t domain, const char* subdomain, const char* key,
                                        const char* value);
     [[nodiscard]] Status removeDomainData(int32_t domain, const char* subdomain, const char* key);
+    // Ok, or why a database that is to be read below this one is not.
+    [[nodiscard]] Status belowStatus();
 
     Database(const Database&) = delete;
     Database& operator=(const Database&) = delete;
@@ -47,12 +50,25 @@ private:
     explicit Database(std::string path);
     [[nodiscard]] Status refreshLocked();
     void openBelowLocked();
+    [[nodiscard]] Status failing(Status status) const;
     [[nodiscard]] Status openLocked(std::unique_ptr<Store>& out);
     template <class Work>
     Status write(Work&& work);
 
     struct State;
     std::unique_ptr<State> state_;
+};
+
+} // namespace caps
+
+namespace caps {
+
+// Why the last call of this thread failed, in words; its own area, so that also a failure for want
+// of memory has some. Longer ones are cut.
+class LastFailure {
+public:
+    static void note(std::string_view reason) noexcept;
+    static const char* text() noexcept;
 };
 
 } // namespace caps

@@ -1,6 +1,7 @@
 #include "caps/Sqlite.h"
 
 #include <cstring>
+#include <new>
 #include <sqlite3.h>
 
 namespace caps {
@@ -35,7 +36,11 @@ int64_t Statement::integer(int column) const {
 }
 
 std::string_view Statement::text(int column) const {
+    const bool isNull = sqlite3_column_type(statement_, column) == SQLITE_NULL;
     const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
+    if (bytes == nullptr && !isNull) {
+        throw std::bad_alloc(); // a text that could not be made is not an empty one
+    }
     if (bytes == nullptr) {
         return ""; // callers copy it, which a null pointer is not for
     }

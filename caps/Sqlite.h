@@ -34,6 +34,7 @@ public:
 
     int64_t integer(int column) const;
     // The bytes of a text, up to the first zero byte; empty for NULL. Good until the next step.
+    // Throws std::bad_alloc.
     std::string_view text(int column) const;
 
 private:

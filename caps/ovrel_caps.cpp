@@ -37,8 +37,10 @@ capsStatus guarded(Body&& body) noexcept {
     try {
         return static_cast<capsStatus>(body());
     } catch (const std::bad_alloc&) {
+        caps::LastFailure::note("no memory");
         return CAPS_FAILED;
-    } catch (const std::exception&) { // the standard library's own, for example a length error
+    } catch (const std::exception& error) { // the standard library's own, such as a length error
+        caps::LastFailure::note(error.what());
         return CAPS_FAILED;
     }
 }
@@ -70,6 +72,7 @@ capsStatus openSession(capsiSession** session, int32_t mode) noexcept {
         *session = new (std::nothrow) capsiSession(database);
         if (*session == nullptr) {
             Database::release(database);
+            caps::LastFailure::note("no memory");
             return Status::failed;
         }
         return Status::ok;
@@ -438,6 +441,14 @@ capsStatus capsGetLastModTime(capsiSession* session, uint32_t* time) {
 capsStatus pcdGetLastModTime(capsiSession* session, uint32_t* time) {
     return answering(session, time != nullptr,
                      [&] { return session->database->modTimes(false, *time); });
+}
+
+capsStatus capsGetLowerStatus(capsiSession* session) {
+    return answering(session, true, [&] { return session->database->belowStatus(); });
+}
+
+const char* capsLastFailure(void) {
+    return caps::LastFailure::text();
 }
 
 } // extern "C"

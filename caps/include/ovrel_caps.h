@@ -164,6 +164,16 @@ CAPS_EXPORT capsStatus capsGetPayloadData(capsiSession* session, const char* pay
 CAPS_EXPORT capsStatus capsGetLastModTime(capsiSession* session, uint32_t* time);
 CAPS_EXPORT capsStatus pcdGetLastModTime(capsiSession* session, uint32_t* time);
 
+// Whether the system's database, where a user's own lies over it, takes part in the answers:
+// CAPS_OK also when there is none to be read. Else why not: what is the user's does not depend on
+// it, and what is not found may be registered there.
+CAPS_EXPORT capsStatus capsGetLowerStatus(capsiSession* session);
+// Why the last function that returned CAPS_NO_DATABASE, CAPS_DAMAGED, CAPS_FOREIGN,
+// CAPS_NEWER_SCHEMA, CAPS_BUSY or CAPS_FAILED in this thread did so: a sentence for a person, with
+// the file and the system's reason, or the empty text. Good until this thread's next call. An older
+// library has neither this function nor the one before.
+CAPS_EXPORT const char* capsLastFailure(void);
+
 // The registry as a whole. A part of its own: callers bind these functions one by one, and an older
 // library has none of them. The version of the part; 0 when what it needs is not installed, and the
 // others then return CAPS_NOT_LOADED.
