@@ -31,6 +31,10 @@ public:
     // library does not load.
     virtual void* load(const std::string& bundlePath) = 0;
 
+    // False when there is no such bundle, or none that holds a library: one that was not loaded is
+    // there then, and could not be.
+    virtual bool mayBeThere(const std::string& bundlePath) const = 0;
+
     // Gives the handle back. Functions of the library must not be called afterwards.
     virtual void unload(void* handle) = 0;
 

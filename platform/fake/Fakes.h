@@ -212,11 +212,16 @@ public:
 class FakeMessagePorts : public MessagePorts {
 public:
     bool unusable = false;   // no port can be opened
+    int failures = 0;        // so many names that are free cannot be opened for want of something
     size_t queueBound = 100; // texts that a port holds
 
     std::unique_ptr<LocalPort> open(const std::string& name) override {
         const std::lock_guard<std::mutex> guard(mutex_);
         if (unusable || name.empty() || queues_.count(name) != 0) {
+            return nullptr;
+        }
+        if (failures > 0) {
+            --failures;
             return nullptr;
         }
         queues_[name];
@@ -413,6 +418,10 @@ public:
         }
         ++loaded;
         return &found->second;
+    }
+
+    bool mayBeThere(const std::string& bundlePath) const override {
+        return bundles.contains(bundlePath);
     }
 
     void unload(void* handle) override { loaded -= handle != nullptr ? 1 : 0; }

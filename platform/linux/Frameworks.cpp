@@ -1,6 +1,7 @@
 #include "platform/Frameworks.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <dlfcn.h>
@@ -68,6 +69,12 @@ public:
         const std::string library = libraryOf(bundlePath);
         // Local: the library's own dependencies must not take the place of the host program's.
         return library.empty() ? nullptr : dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL);
+    }
+
+    bool mayBeThere(const std::string& bundlePath) const override {
+        const std::string library = libraryOf(bundlePath);
+        return !library.empty() && (access(library.c_str(), F_OK) == 0 ||
+                                    (errno != ENOENT && errno != ENOTDIR && errno != EACCES));
     }
 
     void unload(void* handle) override {

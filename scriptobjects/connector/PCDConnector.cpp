@@ -45,6 +45,13 @@ bool told(int32_t status, const SoString& text, const char* what) {
     return status == PCDWrapper::kSuccess;
 }
 
+void tellOfFailure(const PCDWrapper& wrapper) {
+    if (!wrapper.isComplete() && *wrapper.reason() != '\0') {
+        platform::Log::system().problem(std::string("the registry cannot be read: ") +
+                                        wrapper.reason());
+    }
+}
+
 } // namespace
 
 PCDConnector::PCDConnector(const SoString& appName, bool master, DomainKey key)
@@ -68,6 +75,12 @@ bool PCDConnector::isGood() const {
     return wrapper_->isGood();
 }
 
+bool PCDConnector::isUnreadable() const {
+    ObjectLock lock(*this);
+    tellOfFailure(*wrapper_);
+    return !wrapper_->isComplete();
+}
+
 SoString PCDConnector::getName() const {
     SoString name(kName);
     if (!master_) {
@@ -80,19 +93,20 @@ SoString PCDConnector::getName() const {
 
 bool PCDConnector::initLists(CVConnectorAppInfoList& list, SoVector<SoString>& groups) {
     PCDInitLists walk(list, groups);
-    const bool complete = walk.run(*wrapper_);
+    const bool complete = walk.run(*wrapper_) && wrapper_->isComplete();
     filled_ = true;
     productModTime_ = walk.productModTime();
     domainModTime_ = walk.domainModTime();
+    tellOfFailure(*wrapper_);
     return complete;
 }
 
 bool PCDConnector::updateCache(bool force) {
     ObjectLock lock(*this);
-    if (!filled_) {
+    bool changed = needsReadingLocked();
+    if (!filled_ && !changed) {
         return false;
     }
-    bool changed = false;
     uint32_t time = 0;
     if (wrapper_->capsGetLastModTime(time) == PCDWrapper::kSuccess && time != productModTime_) {
         productModTime_ = time;
@@ -167,12 +181,22 @@ SoString PCDConnector::getCapsFolder() {
     return capsFolder().path;
 }
 
-ConveyConnector* ConveyUtils::createConnector(const SoString& appName, const SoString& type) {
+ConveyConnector* ConveyUtils::createConnector(const SoString& appName, const SoString& type,
+                                              bool* isUnreadable) {
+    if (isUnreadable != nullptr) {
+        *isUnreadable = false;
+    }
     if (!type.isEmpty() && type != "default" && type != kName) {
         return nullptr;
     }
     auto connector = std::make_unique<PCDConnector>(appName, true, PCDConnector::kIvorDomain);
-    return connector->isGood() ? connector.release() : nullptr;
+    if (connector->isGood()) {
+        return connector.release();
+    }
+    if (isUnreadable != nullptr) {
+        *isUnreadable = connector->isUnreadable();
+    }
+    return nullptr;
 }
 
 } // namespace ScObjects

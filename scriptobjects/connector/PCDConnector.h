@@ -34,6 +34,10 @@ public:
 
     [[nodiscard]] bool isGood() const override;
 
+    // Of a connector that is not good: true, and the reason told on standard error, when there is
+    // something to read and it could not be; false when there is nothing.
+    [[nodiscard]] bool isUnreadable() const;
+
     // "PCD" for the standard connector; "PCD-cache" or "PCD-master" and the domain's suffix for
     // others.
     SoString getName() const override;

@@ -153,6 +153,7 @@ SoString readConfigPath(const PCDWrapper& wrapper, const char* payload) {
 } // namespace
 
 bool PCDIterator::run(PCDWrapper& wrapper) {
+    wrapper.startWalk();
     (void)onStart(wrapper);
     if (!wrapper.isGood()) {
         return false;

@@ -18,13 +18,13 @@ constexpr int32_t kReadMode = 1;
 
 constinit std::atomic<int32_t> gLibRefCount{0};
 
-void* loadLibrary() {
+void* loadLibrary(bool& isThere) {
     SoString path = PCDConnector::getCapsFolder();
     if (path.isEmpty()) {
-        return ConveyUtils::SharedLib::loadPCDLibrary(kFramework);
+        return ConveyUtils::SharedLib::loadPCDLibrary(kFramework, &isThere);
     }
     path << ConveyUtils::getFolderSeparator() << kFramework;
-    return ConveyUtils::SharedLib::loadPCDLibraryUTF8(path);
+    return ConveyUtils::SharedLib::loadPCDLibrary(path.c_str(), &isThere);
 }
 
 } // namespace
@@ -48,6 +48,8 @@ void* loadLibrary() {
     USE(capsGetLastModTime)                                                                        \
     USE(pcdGetLastModTime)                                                                         \
     USE(pdbGetAppLaunchPath)                                                                       \
+    USE(capsGetLowerStatus)                                                                        \
+    USE(capsLastFailure)                                                                           \
     USE(capsConfigExport)                                                                          \
     USE(capsConfigImport)                                                                          \
     USE(capsConfigRemoveAll)
@@ -73,7 +75,8 @@ int32_t PCDWrapper::call(Function* function, capsiSession* session, int32_t miss
     if (!isGood()) {
         return kNotGood;
     }
-    return session != nullptr && function != nullptr ? function(session, arguments...) : missing;
+    return session != nullptr && function != nullptr ? noted(function(session, arguments...))
+                                                     : missing;
 }
 
 template <class Function, class... Arguments>
@@ -88,11 +91,11 @@ int32_t PCDWrapper::list(Function* function, capsiSession* session, int32_t miss
 }
 
 PCDWrapper::PCDWrapper(bool open, capsDomain domain)
-    : functions_(std::make_unique<Functions>()),
-      handle_(loadLibrary()),
-      domain_(domain),
-      open_(open) {
+    : functions_(std::make_unique<Functions>()), domain_(domain), open_(open) {
+    bool isThere = false;
+    handle_ = loadLibrary(isThere);
     if (handle_ == nullptr) {
+        failure_ = isThere ? kFailed : kSuccess; // which has been said
         return;
     }
     ++gLibRefCount;
@@ -113,17 +116,43 @@ PCDWrapper::~PCDWrapper() {
 }
 
 bool PCDWrapper::openSessions() {
-    if (functions_->pcdOpenSessionNoCreate == nullptr ||
-        functions_->pcdOpenSessionNoCreate(&database_, kReadMode) != kSuccess) {
+    if (functions_->pcdOpenSessionNoCreate == nullptr) {
+        return false;
+    }
+    if (noted(functions_->pcdOpenSessionNoCreate(&database_, kReadMode)) != kSuccess) {
         database_ = nullptr;
         return false;
     }
     // The registry works without product data.
     if (functions_->capsOpenSession == nullptr ||
-        functions_->capsOpenSession(&products_, kReadMode) != kSuccess) {
+        noted(functions_->capsOpenSession(&products_, kReadMode)) != kSuccess) {
         products_ = nullptr;
     }
+    opened_ = isComplete();
     return true;
+}
+
+void PCDWrapper::startWalk() {
+    if (opened_) {
+        failure_ = kSuccess;
+    }
+    (void)call(functions_->capsGetLowerStatus, database_, kSuccess); // noted
+}
+
+int32_t PCDWrapper::noted(int32_t status) const {
+    const bool isFailure = status == CAPS_DAMAGED || status == CAPS_FOREIGN ||
+                           status == CAPS_NEWER_SCHEMA || status == CAPS_BUSY ||
+                           status == CAPS_FAILED;
+    if (isFailure && failure_ == kSuccess) {
+        failure_ = status;
+        const char* const reason = functions_->capsLastFailure == nullptr
+                                       ? "its library failed"
+                                       : functions_->capsLastFailure();
+        const size_t bytes = strnlen(reason, sizeof reason_ - 1);
+        std::memcpy(reason_, reason, bytes);
+        reason_[bytes] = '\0';
+    }
+    return status;
 }
 
 // The system counts the loads: the library stays as long as another wrapper holds it.
@@ -215,7 +244,7 @@ int32_t PCDWrapper::pdbGetAppLaunchPath(const char* payload, SoString& path) con
     }
     char buffer[kLaunchPathBytes] = {};
     uint32_t bytes = sizeof buffer;
-    const int32_t status = functions_->pdbGetAppLaunchPath(payload, buffer, &bytes);
+    const int32_t status = noted(functions_->pdbGetAppLaunchPath(payload, buffer, &bytes));
     if (status == kSuccess) {
         // The library is another program's code: its text ends where the buffer ends at the latest.
         path.assign(buffer, static_cast<int32_t>(strnlen(buffer, sizeof buffer)));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 
@@ -34,6 +35,7 @@ public:
     static constexpr int32_t kNothingThere = 8;
     static constexpr int32_t kNoProductSession = 9;
     static constexpr int32_t kReadOnly = 11;
+    static constexpr int32_t kFailed = 12;
     static constexpr uint32_t kLaunchPathBytes = limits::of("registry.launch-path");
 
     // Loads the library and opens the sessions, never creating a database. `open` false binds the
@@ -45,6 +47,14 @@ public:
 
     // True while the library is held and the database open.
     [[nodiscard]] bool isGood() const { return handle_ != nullptr; }
+    // False when the library, the database or a part of it is there and could not be read, since
+    // the last `startWalk`: what was not found may be there all the same. True where there is no
+    // library and where there is no database.
+    [[nodiscard]] bool isComplete() const { return failure_ == kSuccess; }
+    // Why not, for a person; empty when that has been said.
+    const char* reason() const { return reason_; }
+    // Forgets what could not be read before; what could not be opened stays.
+    void startWalk();
     // The domain that the registry is read from.
     capsDomain domain() const { return domain_; }
     // Whether it was made to read the registry.
@@ -87,9 +97,13 @@ public:
     int32_t removeAllConfig(SoString& text);
 
 private:
+    static constexpr size_t kReasonBytes = 1024; // as the library's own
+
     struct Functions;
 
     bool openSessions();
+    // Hands a status on, and keeps the first that is a failure to find out, with its reason.
+    int32_t noted(int32_t status) const;
     void unload();
     // Calls a function of the library with a session; `missing` is the status when either is.
     template <class Function, class... Arguments>
@@ -106,6 +120,9 @@ private:
     capsiSession* products_ = nullptr;
     const capsDomain domain_;
     const bool open_;
+    bool opened_ = false; // all of it
+    mutable int32_t failure_ = kSuccess;
+    mutable char reason_[kReasonBytes] = {};
 };
 
 } // namespace ScObjects

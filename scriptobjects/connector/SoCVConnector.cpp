@@ -3,9 +3,11 @@
 #include <atomic>
 #include <limits>
 #include <mutex>
+#include <new>
 #include <string>
 #include <string_view>
 
+#include "platform/Log.h"
 #include "scriptobjects/connector/SoCVConnectorAppInfo.h"
 #include "scriptobjects/connector/SoCVGroups.h"
 #include "scriptobjects/convey/SoCVDiagnosticsRows.h"
@@ -20,6 +22,7 @@ constexpr std::string_view kAnyMinorVersion = ".*";
 constexpr const char* kHighestMinorVersion = ".99"; // minor versions have two digits at most
 
 constinit std::atomic<ConveyConnector*> gConnector{nullptr};
+constinit std::atomic<bool> gUnreadable{false}; // why there is no connector
 
 // Connectors that were replaced while the layer runs. Never destroyed as an object: threads may
 // outlive main.
@@ -82,7 +85,9 @@ SoString resolveSpecifier(const ConveyConnector& connector, const SoString& text
 
 void ConveyConnector::InitTerm::init(const SoString& appName) {
     if (get() == nullptr) {
-        set(ConveyUtils::createConnector(appName, SoString()));
+        bool isUnreadable = false;
+        set(ConveyUtils::createConnector(appName, SoString(), &isUnreadable));
+        gUnreadable.store(isUnreadable);
     }
 }
 
@@ -119,12 +124,31 @@ CVConnectorAppInfoList* ConveyConnector::getAppInfoListLocked() const {
         auto list = std::make_unique<CVConnectorAppInfoList>();
         auto groups = std::make_unique<CVGroups>();
         // A registry that breaks off gives what was read so far: better some targets than none.
-        (void)const_cast<ConveyConnector*>(this)->initLists(*list, groups->texts());
-        groups->split();
+        try {
+            if (!const_cast<ConveyConnector*>(this)->initLists(*list, groups->texts())) {
+                complete_ = false;
+            }
+            groups->split();
+        } catch (const std::bad_alloc&) { // the next query tries again; this one got no answer
+            complete_ = false;
+            platform::Log::system().problem("the registry cannot be read: no memory");
+            throw;
+        }
         appInfoList_ = std::move(list);
         groups_ = std::move(groups);
     }
     return appInfoList_.get();
+}
+
+bool ConveyConnector::isComplete() const {
+    ObjectLock lock(*this);
+    (void)getAppInfoListLocked();
+    return complete_;
+}
+
+bool ConveyConnector::isRegistryKnown() {
+    const ConveyConnector* const connector = get();
+    return connector == nullptr ? !gUnreadable.load() : connector->isComplete();
 }
 
 bool ConveyConnector::findRecord(const SoString& specifier, CVConnectorAppInfo& out) const {
@@ -388,6 +412,7 @@ void ConveyConnector::clearCache() {
     ObjectLock lock(*this);
     appInfoList_.reset();
     groups_.reset();
+    complete_ = true;
 }
 
 bool ConveyConnector::registerApplication(const SoString&, const SoString&, const SoString*, bool) {

@@ -195,7 +195,19 @@ public:
     // true when none has been read.
     bool hasRecordOrNoList(const SoString& specifier) const;
 
+    // Whether every query since the cache was last dropped has seen the whole registry; reads it
+    // when that has not been done. False when reading broke off or failed in parts: what was not
+    // found may be registered all the same. The next look for changes reads again.
+    [[nodiscard]] bool isComplete() const;
+
+    // The same of the process's connector; without one, false when there is a registry that could
+    // not be opened. Any thread.
+    static bool isRegistryKnown();
+
 protected:
+    // True after a reading that failed.
+    bool needsReadingLocked() const SO_REQUIRES(this) { return !complete_; }
+
     // Fills both empty containers, in the order of registration; false when the registry could not
     // be read to its end. Called under the connector's lock.
     virtual bool initLists(CVConnectorAppInfoList& list, SoVector<SoString>& groups) = 0;
@@ -213,6 +225,7 @@ private:
     // Both are read on first use, which is a query.
     mutable std::unique_ptr<CVConnectorAppInfoList> appInfoList_ SO_GUARDED_BY(this);
     mutable std::unique_ptr<CVGroups> groups_ SO_GUARDED_BY(this);
+    mutable bool complete_ SO_GUARDED_BY(this) = true; // what was read since they were dropped
 };
 
 // Splits a group entry at its first and at its last '/' into the group's name, a number as text and
@@ -224,7 +237,9 @@ namespace ConveyUtils {
 
 // A new connector of the kind `type` ("PCD"; empty and "default" mean it too) for the application
 // `appName`; the caller owns it. Null for another kind or when the registry cannot be opened.
-SO_EXPORT ConveyConnector* createConnector(const SoString& appName, const SoString& type);
+// `isUnreadable`, unless null, tells then whether there is a registry all the same.
+SO_EXPORT ConveyConnector* createConnector(const SoString& appName, const SoString& type,
+                                           bool* isUnreadable = nullptr);
 
 } // namespace ConveyUtils
 

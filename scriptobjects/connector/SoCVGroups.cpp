@@ -48,12 +48,14 @@ void CVGroups::split() {
             continue;
         }
         entry.number = parseNumber(entry.numberText.c_str());
-        const std::string_view pattern = entry.pattern.view();
-        if (isWildcard(pattern) && pattern.find('-') == std::string_view::npos) {
-            withoutVersion_.push_back(entries_.size());
-        }
-        byAppName_[appNameOf(pattern)].push_back(entries_.size());
+        // The entry first: when memory runs out, no position may lead to none.
         entries_.push_back(std::move(entry));
+        const size_t position = entries_.size() - 1;
+        const std::string_view pattern = entries_.back().pattern.view();
+        if (isWildcard(pattern) && pattern.find('-') == std::string_view::npos) {
+            withoutVersion_.push_back(position);
+        }
+        byAppName_[appNameOf(pattern)].push_back(position);
     }
 }
 

@@ -293,6 +293,10 @@ Convey::~Convey() {
     close();
 }
 
+bool Convey::isReachable() const {
+    return data_ != nullptr && data_->isReachable();
+}
+
 void Convey::close() {
     if (data_ == nullptr) {
         return;

@@ -93,6 +93,9 @@ public:
     void watch(platform::PortWait& wait) const;
     void appendDiagnostics(SoString& out, const SoString& path) const;
 
+    // Whether it has a port.
+    bool isReachable() const { return stream() != nullptr; }
+
 private:
     std::shared_ptr<InterAppStream> stream() const;
     void sendError(const Convey::Message& request, const char* text, int32_t code,

@@ -88,7 +88,8 @@ public:
         // Asks the background thread of the application `target` for the value of `key` (null for
         // an echo, "ECHO_RESPONSE") and waits for at most `timeoutSeconds`. Other answers:
         // "NOINTERAPPSTREAM" (this process has no stream), "INVALIDSPEC" (no specifier),
-        // "UNDEFINED" (this process itself, or the request could not be handed over),
+        // "UNDEFINED" (this process itself, the request could not be handed over, or it could not
+        // be found out what is registered or runs),
         // "MSGTOSTRINGERROR", "ISNOTINSTALLED", "ISNOTRUNNING", "NOERROR" (sent, and a time-out
         // below 1 waits for nothing), "Timeout". `parameters` (null for none) go along. The target
         // "allRunningApps" asks every registered application and gives the last answer. Empty
@@ -144,6 +145,9 @@ public:
 
     // The name under which it sends and is reached.
     SoString getAppName() const;
+    // Whether it is reached there by other processes: false when every name was taken or refused,
+    // when there was no memory for it, and once it is closed.
+    [[nodiscard]] bool isReachable() const;
     void setAppName(const char* appName);
 
     // The handler for messages of `type` and of this serial number: one of just these, for an empty
@@ -231,7 +235,13 @@ public:
     // Whether they ask for a start without a picture.
     static bool suppressStartupScreen();
 
-    // The number of registered applications.
+    // Whether the registry could be read to its end, so that what is not in it is not registered;
+    // true also where there is no database and no library for one. False when something is there
+    // and could not be read: standard error says why, and the next look at the registry tries
+    // again.
+    static bool isRegistryKnown();
+
+    // The number of registered applications, as far as they are known.
     static int32_t getNumberOfRegisteredApplications();
 
     // The specifier of the application at `index` (0 to the number less one, in the order of

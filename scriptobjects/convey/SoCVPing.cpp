@@ -10,6 +10,7 @@
 
 #include "platform/Clock.h"
 #include "platform/Random.h"
+#include "scriptobjects/connector/SoCVConnector.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVMessenger.h"
 #include "scriptobjects/convey/SoCVResolution.h"
@@ -211,6 +212,10 @@ SoString askOne(InterAppStream& stream, Message& message, const CVResolution& ta
         return SoString(ConveyThread::CV_MSGTOSTRINGERROR);
     }
     if (isThreadAbsent(stream, target, destination)) {
+        // Completing may have missed the registration that runs.
+        if (!ConveyConnector::isRegistryKnown()) {
+            return SoString(ConveyThread::CV_UNDEFINED);
+        }
         return SoString(isInstalled(target.specifier()) ? ConveyThread::CV_ISNOTRUNNING
                                                         : ConveyThread::CV_ISNOTINSTALLED);
     }

@@ -58,11 +58,9 @@ bool probe(const SoString& own, const SoString& target, const char* type, uint32
     message.setType(type);
     message.setSerialNumber(serial);
     SoString text;
-    if (!stream->isGood() || !message.writeToString(text)) {
-        return false;
-    }
     // An owner whose queue is full is there all the same, and not worth waiting for.
-    return stream->send(target, text, 0) || !stream->canOpen(target, false);
+    return (stream->isGood() && message.writeToString(text) && stream->send(target, text, 0)) ||
+           !stream->canOpen(target, false);
 }
 
 // The process number comes before the port: an application that was launched a moment ago lives

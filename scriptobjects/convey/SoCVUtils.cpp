@@ -309,6 +309,13 @@ void logText(const SoString& /*text*/) {}
 void logMessage(const SoString& /*prefix*/, const Convey::Message& /*message*/, bool /*flag*/) {}
 
 void* SharedLib::loadPCDLibrary(const char* name) {
+    return loadPCDLibrary(name, nullptr);
+}
+
+void* SharedLib::loadPCDLibrary(const char* name, bool* isThere) {
+    if (isThere != nullptr) {
+        *isThere = false;
+    }
     if (name == nullptr || *name == '\0') {
         return nullptr;
     }
@@ -320,6 +327,9 @@ void* SharedLib::loadPCDLibrary(const char* name) {
     for (const std::string& path : paths) {
         if (void* handle = frameworks.load(path)) {
             return handle;
+        }
+        if (isThere != nullptr) {
+            *isThere = *isThere || frameworks.mayBeThere(path);
         }
         tried += (tried.empty() ? "" : ", ") + path;
     }

@@ -115,7 +115,9 @@ public:
     // Contents/Frameworks, in its Frameworks, beside it, beside the layer's own library, in the
     // folder "convey" there, and where the build was installed. A handle to be given back with
     // `unloadPCDLibrary`, or null; a process says once on standard error what was tried in vain.
+    // `isThere`, unless null, tells a library that could not be loaded from one that is missing.
     static void* loadPCDLibrary(const char* name);
+    static void* loadPCDLibrary(const char* name, bool* isThere);
     static void* loadPCDLibraryUTF8(const SoString& name);
 
     // Null is ignored. The library's functions must not be called afterwards.

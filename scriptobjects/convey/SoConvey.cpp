@@ -377,6 +377,10 @@ bool Convey::suppressStartupScreen() {
     return getLaunchOptions().view().find("-nostartupscreen") != std::string_view::npos;
 }
 
+bool Convey::isRegistryKnown() {
+    return guarded(false, [] { return ConveyConnector::isRegistryKnown(); });
+}
+
 int32_t Convey::getNumberOfRegisteredApplications() {
     return askConnector<int32_t>(
         0, [](const ConveyConnector& c) { return c.getNumberOfRegisteredApplications(); });
