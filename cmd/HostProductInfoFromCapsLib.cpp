@@ -36,25 +36,61 @@ CapsProductFunctions bindFunctions(void* library) {
     return f;
 }
 
+// Calls the library, and remembers whether it failed to find something out; that something is not
+// there is no failure.
+class Reader {
+public:
+    explicit Reader(const CapsProductFunctions& bound) : functions(bound) {}
+
+    template <class... Parameters, class... Arguments>
+    int32_t call(capsStatus (*function)(Parameters...), Arguments... arguments) {
+        const int32_t status = function(arguments...);
+        hasFailed_ = hasFailed_ || status == CAPS_DAMAGED || status == CAPS_FOREIGN ||
+                     status == CAPS_NEWER_SCHEMA || status == CAPS_BUSY || status == CAPS_FAILED;
+        return status;
+    }
+    bool hasFailed() const { return hasFailed_; }
+
+    const CapsProductFunctions& functions;
+
+private:
+    bool hasFailed_ = false;
+};
+
 // The value of a key, null when it cannot be read.
-const char* payloadValue(const CapsProductFunctions& functions, capsiSession* session,
-                         const char* payload, capsDomain domain, const char* key) {
+const char* payloadValue(Reader& reader, capsiSession* session, const char* payload,
+                         capsDomain domain, const char* key) {
     const char* value = nullptr;
-    return functions.pdbGetPayloadData(session, payload, domain, key, &value) == CAPS_OK ? value
-                                                                                         : nullptr;
+    return reader.call(reader.functions.pdbGetPayloadData, session, payload, domain, key, &value) ==
+                   CAPS_OK
+               ? value
+               : nullptr;
+}
+
+// The pairs of all keys of a null-terminated list, null for none, that have a value.
+std::string keyPairs(Reader& reader, capsiSession* session, const char* payload,
+                     const char* const* keys) {
+    std::string pairs;
+    for (; keys != nullptr && *keys != nullptr; ++keys) {
+        if (const char* value = payloadValue(reader, session, payload, kLanguageDomain, *keys)) {
+            pairs.append(*keys).append(",").append(value).append(";");
+        }
+    }
+    return pairs;
 }
 
 // The keys of the language domain with a final null; empty when they cannot be read.
-std::vector<const char*> languageKeys(const CapsProductFunctions& functions, capsiSession* session,
-                                      const char* payload) {
+std::vector<const char*> languageKeys(Reader& reader, capsiSession* session, const char* payload) {
     std::vector<const char*> keys(kKeySlots);
     uint32_t slots = kKeySlots;
-    int32_t status =
-        functions.pdbGetPayloadDataKeys(session, payload, kLanguageDomain, keys.data(), &slots);
+    const auto read = [&] {
+        return reader.call(reader.functions.pdbGetPayloadDataKeys, session, payload,
+                           kLanguageDomain, keys.data(), &slots);
+    };
+    int32_t status = read();
     if (status == CAPS_TOO_SMALL && slots > kKeySlots) {
         keys.assign(slots, nullptr);
-        status =
-            functions.pdbGetPayloadDataKeys(session, payload, kLanguageDomain, keys.data(), &slots);
+        status = read();
     }
     if (status != CAPS_OK) {
         return {};
@@ -64,10 +100,10 @@ std::vector<const char*> languageKeys(const CapsProductFunctions& functions, cap
 }
 
 // The folder that holds the application bundle, empty when the payload launches none.
-std::string launchFolder(const CapsProductFunctions& functions, const char* payload) {
+std::string launchFolder(Reader& reader, const char* payload) {
     char buffer[kLaunchPathBytes] = {};
     uint32_t bytes = sizeof buffer;
-    if (functions.pdbGetAppLaunchPath(payload, buffer, &bytes) != CAPS_OK) {
+    if (reader.call(reader.functions.pdbGetAppLaunchPath, payload, buffer, &bytes) != CAPS_OK) {
         return {};
     }
     const std::string path(buffer, strnlen(buffer, sizeof buffer));
@@ -105,63 +141,79 @@ void storeFirst(std::map<std::string, std::string>& table, const std::string& fo
 
 } // namespace
 
+// The walk over the database that fills the tables.
+class CHostProductInfoFromCapsLib::Walk {
+public:
+    Walk(CHostProductInfoFromCapsLib& info, const CapsProductFunctions& functions)
+        : info_(info), reader_(functions) {}
+
+    // False when something could not be read.
+    bool run() {
+        const CapsProductFunctions& f = reader_.functions;
+        capsiSession* products = nullptr;
+        capsiSession* payloads = nullptr;
+        if (reader_.call(f.mdbOpenSessionNoCreate, &products, kReadMode) == CAPS_OK) {
+            if (reader_.call(f.pdbOpenSessionNoCreate, &payloads, kReadMode) == CAPS_OK) {
+                readProducts(products, payloads);
+                (void)f.pdbCloseSession(payloads); // nothing to be done about a failure
+            }
+            (void)f.mdbCloseSession(products);
+        }
+        return !reader_.hasFailed();
+    }
+
+private:
+    void readProducts(capsiSession* products, capsiSession* payloads);
+    void readPayload(capsiSession* session, const char* payload);
+
+    CHostProductInfoFromCapsLib& info_;
+    Reader reader_;
+};
+
 CHostProductInfoFromCapsLib* CHostProductInfoFromCapsLib::getInstance() {
     static auto* const instance = [] {
         using ScObjects::ConveyUtils::SharedLib;
-        void* library = SharedLib::loadPCDLibrary(kFramework);
+        bool isThere = false;
+        void* library = SharedLib::loadPCDLibrary(kFramework, &isThere);
         auto* info = new CHostProductInfoFromCapsLib(bindFunctions(library));
         SharedLib::unloadPCDLibrary(library); // the tables are copies
+        info->complete_ = info->complete_ && (library != nullptr || !isThere);
         return info;
     }();
     return instance;
 }
 
-CHostProductInfoFromCapsLib::CHostProductInfoFromCapsLib(const CapsProductFunctions& functions) {
-    if (!functions.areComplete()) {
-        return;
-    }
-    capsiSession* products = nullptr;
-    capsiSession* payloads = nullptr;
-    if (functions.mdbOpenSessionNoCreate(&products, kReadMode) != CAPS_OK) {
-        return;
-    }
-    if (functions.pdbOpenSessionNoCreate(&payloads, kReadMode) == CAPS_OK) {
-        readProducts(functions, products, payloads);
-        (void)functions.mdbCloseSession(products); // nothing to be done about a failure
-        (void)functions.pdbCloseSession(payloads);
-    } else {
-        (void)functions.mdbCloseSession(products);
-    }
-}
+CHostProductInfoFromCapsLib::CHostProductInfoFromCapsLib(const CapsProductFunctions& functions)
+    : complete_(!functions.areComplete() || Walk(*this, functions).run()) {}
 
-void CHostProductInfoFromCapsLib::readProducts(const CapsProductFunctions& functions,
-                                               capsiSession* products, capsiSession* payloads) {
+void CHostProductInfoFromCapsLib::Walk::readProducts(capsiSession* products,
+                                                     capsiSession* payloads) {
+    const CapsProductFunctions& f = reader_.functions;
     const char** productIDs = nullptr;
-    if (functions.mdbGetProductIDList(products, &productIDs) != CAPS_OK) {
+    if (reader_.call(f.mdbGetProductIDList, products, &productIDs) != CAPS_OK) {
         return;
     }
     for (; productIDs != nullptr && *productIDs != nullptr; ++productIDs) {
         const capsProduct* product = nullptr;
         const char** payloadIDs = nullptr;
-        if (functions.mdbGetProduct(products, *productIDs, &product) != CAPS_OK ||
-            functions.mdbGetProductPayloads(products, product, &payloadIDs) != CAPS_OK) {
+        if (reader_.call(f.mdbGetProduct, products, *productIDs, &product) != CAPS_OK ||
+            reader_.call(f.mdbGetProductPayloads, products, product, &payloadIDs) != CAPS_OK) {
             continue;
         }
         for (; payloadIDs != nullptr && *payloadIDs != nullptr; ++payloadIDs) {
             const capsPayload* payload = nullptr;
-            if (functions.mdbGetPayload(products, *payloadIDs, &payload) == CAPS_OK &&
+            if (reader_.call(f.mdbGetPayload, products, *payloadIDs, &payload) == CAPS_OK &&
                 payload != nullptr && payload->identifier != nullptr && payload->kind != nullptr &&
                 std::strcmp(payload->kind, kNormalKind) == 0) {
-                readPayload(functions, payloads, payload->identifier);
+                readPayload(payloads, payload->identifier);
             }
         }
     }
 }
 
-void CHostProductInfoFromCapsLib::readPayload(const CapsProductFunctions& functions,
-                                              capsiSession* session, const char* payload) {
+void CHostProductInfoFromCapsLib::Walk::readPayload(capsiSession* session, const char* payload) {
     const auto general = [&](const char* key) {
-        return payloadValue(functions, session, payload, kGeneralDomain, key);
+        return payloadValue(reader_, session, payload, kGeneralDomain, key);
     };
     const char* languages = general("installedLanguages");
     const char* configPath = languages != nullptr ? general("PYLConfigPath") : nullptr;
@@ -170,17 +222,16 @@ void CHostProductInfoFromCapsLib::readPayload(const CapsProductFunctions& functi
         return;
     }
     const std::string folder =
-        productFolder(configPath, installFolder, launchFolder(functions, payload));
+        productFolder(configPath, installFolder, launchFolder(reader_, payload));
     if (folder.empty()) {
         return;
     }
-    storeFirst(installedLanguages_, folder, languages);
-    const std::vector<const char*> keys = languageKeys(functions, session, payload);
-    std::string pairs;
-    SerializeDummyLanguageKeys(functions, session, payload, keys.empty() ? nullptr : keys.data(),
-                               pairs);
+    storeFirst(info_.installedLanguages_, folder, languages);
+    const std::vector<const char*> keys = languageKeys(reader_, session, payload);
+    const std::string pairs =
+        keyPairs(reader_, session, payload, keys.empty() ? nullptr : keys.data());
     if (!pairs.empty()) {
-        storeFirst(languageKeyPairs_, folder, pairs);
+        storeFirst(info_.languageKeyPairs_, folder, pairs);
     }
 }
 
@@ -189,12 +240,8 @@ void CHostProductInfoFromCapsLib::SerializeDummyLanguageKeys(const CapsProductFu
                                                              const char* payload,
                                                              const char* const* keys,
                                                              std::string& out) {
-    out.clear();
-    for (; keys != nullptr && *keys != nullptr; ++keys) {
-        if (const char* value = payloadValue(functions, session, payload, kLanguageDomain, *keys)) {
-            out.append(*keys).append(",").append(value).append(";");
-        }
-    }
+    Reader reader(functions);
+    out = keyPairs(reader, session, payload, keys);
 }
 
 void CHostProductInfoFromCapsLib::stringReplace(std::string& text, const std::string& from,

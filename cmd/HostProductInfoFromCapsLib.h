@@ -12,8 +12,8 @@ struct capsiSession;
 struct CapsProductFunctions;
 
 // Answers which languages are installed for the product in a folder. Reads the database once, when
-// it is made, and answers from two tables; every failure is silent and leaves the tables as they
-// are then, so without a database no folder is known.
+// it is made, and answers from two tables; every failure leaves the tables as they are then, so
+// without a database no folder is known.
 //
 // The process-wide instance is never destroyed. Threads: one; the front end has no others.
 class CHostProductInfoFromCapsLib {
@@ -24,6 +24,10 @@ public:
     // Reads through `functions`, whose null pointers count as failures. For the instance above, and
     // for tests with functions of their own.
     explicit CHostProductInfoFromCapsLib(const CapsProductFunctions& functions);
+
+    // False when the database is there and could not be read to its end: a folder that is not known
+    // may have languages all the same.
+    bool isComplete() const { return complete_; }
 
     // Sets `languages` to the languages installed for the product in `folder` (exactly as it is
     // registered), with the product's own language keys translated. False, and `languages` empty,
@@ -41,11 +45,9 @@ public:
     static void stringReplace(std::string& text, const std::string& from, const std::string& to);
 
 private:
-    void readProducts(const CapsProductFunctions& functions, capsiSession* products,
-                      capsiSession* payloads);
-    void readPayload(const CapsProductFunctions& functions, capsiSession* session,
-                     const char* payload);
+    class Walk;
 
     std::map<std::string, std::string> installedLanguages_; // by product folder
     std::map<std::string, std::string> languageKeyPairs_;   // "key,value;..." by product folder
+    bool complete_; // last: the walk that tells fills the tables
 };

@@ -1,6 +1,7 @@
 #include "cmd/KivraConveyCmd.h"
 
 #include <iostream>
+#include <new>
 #include <string_view>
 
 #include "cmd/HostProductInfoFromCapsLib.h"
@@ -16,22 +17,29 @@ namespace {
 
 constexpr const char* kOwnSpecifier = "kivra-7.0";
 constexpr const char* kCheckCommand = "check_running";
+constexpr const char* kNotFoundOut = "UNDEFINED";
 constexpr const char* kDefaultLocale = "en_US";
 constexpr int kCheckArguments = 3; // the program, the command and the specifier
 constexpr int32_t kCheckTimeoutSeconds = limits::of("check.wait");
 
-void listProducts() {
+// True when that is all that is registered.
+bool listProducts() {
     std::string fallbackLocale = kDefaultLocale;
+    const bool isKnown = Convey::isRegistryKnown();
     const int32_t count = Convey::getNumberOfRegisteredApplications();
+    const CHostProductInfoFromCapsLib& products = *CHostProductInfoFromCapsLib::getInstance();
     std::cout << "<products>" << std::endl;
     for (int32_t i = 0; i < count; ++i) {
         const std::string specifier = Convey::getApplicationSpecifier(i).c_str();
+        if (specifier.empty()) {
+            throw std::bad_alloc(); // each has one
+        }
         const std::string path =
             Convey::Specifier(specifier.c_str(), true).getApplicationPath(nullptr).c_str();
         std::string folder = path;
         folder.resize(folder.rfind('/')); // throws without one: see the header
         std::string languages;
-        CHostProductInfoFromCapsLib::getInstance()->LookupInstalledLanguages(folder, languages);
+        products.LookupInstalledLanguages(folder, languages);
         if (languages.empty()) {
             (void)platform::Locale::system().identifier(fallbackLocale); // else it stays
             languages = fallbackLocale;
@@ -42,6 +50,7 @@ void listProducts() {
                   << std::endl;
     }
     std::cout << "</products>" << std::endl;
+    return isKnown && products.isComplete();
 }
 
 } // namespace
@@ -56,14 +65,17 @@ int kivraConveyMain(int argc, char** argv) {
         }
         return 0; // the layer ends with the process
     }
-    listProducts();
+    const bool isWhole = listProducts();
     Convey::InitTerm::exit();
-    return 0;
+    return isWhole ? 0 : 1;
 }
 
 void checkRunning(const std::string& specifier) {
-    const std::string response =
+    std::string response =
         Convey::Thread::ping(specifier.c_str(), nullptr, kCheckTimeoutSeconds, nullptr).c_str();
+    if (response.empty()) { // without memory
+        response = kNotFoundOut;
+    }
     std::cout << "<product specifier='" + toXMLString(specifier) + "' running_response='" +
                      toXMLString(response) + "' />"
               << std::endl;

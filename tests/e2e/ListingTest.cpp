@@ -51,6 +51,25 @@ protected:
         EXPECT_EQ(result.err, "");
     }
 
+    // What was not found may be there all the same: the status says so, and one line why.
+    void expectUnknown(const std::string& reason, const std::string& file) const {
+        SCOPED_TRACE(file);
+        for (const bool checks : {false, true}) {
+            const ProcessResult result =
+                run(checks ? std::vector<std::string>{"check_running", "viewer-1.0"}
+                           : std::vector<std::string>{},
+                    {{"OVREL_CAPS_DB", file}});
+            EXPECT_EQ(result.exitStatus, checks ? 0 : 1);
+            EXPECT_EQ(result.out, checks ? "<product specifier='viewer-1.0' "
+                                           "running_response='UNDEFINED' />\n"
+                                         : kEmptyListing);
+            EXPECT_EQ(result.err.find("convey: the registry cannot be read: " + file + ": "), 0U)
+                << result.err;
+            EXPECT_NE(result.err.find(reason), std::string::npos) << result.err;
+            EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+        }
+    }
+
     TemporaryFolder folder;
     std::string database = folder.file("caps.db");
     std::string program = KIVRA_CONVEY_CMD;
@@ -134,38 +153,47 @@ TEST_F(ListingTest, checksATarget) {
     }
 }
 
-TEST_F(ListingTest, isEmptyWithoutADatabaseThatCanBeRead) {
-    store.reset();
+TEST_F(ListingTest, isEmptyWithoutADatabaseAndSaysWhenOneCannotBeRead) {
     expectListing(kEmptyListing);
+    add("kivra-7.0", "/opt/k/K.app");
+    store.reset();
     expectListing(kEmptyListing, {{"OVREL_CAPS_DB", folder.file("none.db")}});
     EXPECT_FALSE(std::filesystem::exists(folder.file("none.db")));
     expectListing(kEmptyListing, {{"OVREL_CAPS_DB", ""}});
-    expectListing(kEmptyListing, {{"OVREL_CAPS_DB", folder.file("")}});
+    expectUnknown("not a file", folder.file(""));
     const std::string whole = TemporaryFolder::read(database);
     for (const size_t length : {0UL, 1UL, 100UL, 4096UL, 5000UL}) {
-        expectListing(kEmptyListing,
-                      {{"OVREL_CAPS_DB", folder.write("cut.db", whole.substr(0, length))}});
+        expectUnknown("", folder.write("cut.db", whole.substr(0, length)));
     }
-    expectListing(kEmptyListing,
-                  {{"OVREL_CAPS_DB", folder.write("junk.db", std::string(9999, '?'))}});
+    expectUnknown("file is not a database", folder.write("junk.db", std::string(9999, '?')));
+    // A user's own lies over a system's that cannot be read: what is the user's is listed.
+    std::filesystem::create_directories(folder.file("home/.local/share/ovrel"));
+    std::filesystem::copy_file(database, folder.file("home/.local/share/ovrel/caps.db"));
+    const ProcessResult both =
+        run({}, {{"OVREL_CAPS_DB", ""}, {"OVREL_CAPS_SYSTEM_DB", folder.file("junk.db")}});
+    EXPECT_EQ(both.exitStatus, 1);
+    EXPECT_EQ(both.out, "<products>\n<product specifier='kivra-7.0' path='/opt/k/K.app' "
+                        "locale='en_US'/>\n</products>\n");
+    EXPECT_NE(both.err.find("junk.db"), std::string::npos) << both.err;
 }
 
 TEST_F(ListingTest, isEmptyWithoutTheDatabaseLibrary) {
     add("kivra-7.0", "/opt/k/K.app");
     std::filesystem::copy_file(KIVRA_CONVEY_CMD, folder.file("KivraConveyCmd"));
     program = folder.file("KivraConveyCmd");
-    const auto expectNone = [this] {
+    const auto expectNone = [this](int status) {
         const auto result = run();
+        EXPECT_EQ(result.exitStatus, status);
         EXPECT_EQ(result.out, kEmptyListing);
         EXPECT_EQ(result.err.find("convey: no database library: tried " + folder.file("")), 0U)
             << result.err;
         EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << "said once";
     };
-    expectNone();
+    expectNone(0);
     const std::string framework = folder.file("Frameworks/ovrel_caps.framework");
     std::filesystem::create_directories(framework);
     folder.write("Frameworks/ovrel_caps.framework/ovrel_caps", "no library");
-    expectNone();
+    expectNone(1); // one that is there and does not load
     std::filesystem::copy_file(OVREL_CAPS_LIBRARY, framework + "/ovrel_caps",
                                std::filesystem::copy_options::overwrite_existing);
     EXPECT_NE(run().out, kEmptyListing) << "found in the program's Frameworks";
@@ -190,7 +218,7 @@ TEST_F(ListingTest, isWholeWhileAWriterHoldsTheDatabase) {
     EXPECT_NE(run().out, listing);
 }
 
-TEST_F(ListingTest, isEmptyWhileAnotherProgramHasTheDatabaseForItself) {
+TEST_F(ListingTest, saysWhenAnotherProgramHasTheDatabaseForItself) {
     add("kivra-7.0", "/opt/k/K.app");
     store.reset();
     sqlite3* other = nullptr;
@@ -200,7 +228,7 @@ TEST_F(ListingTest, isEmptyWhileAnotherProgramHasTheDatabaseForItself) {
                            "UPDATE domain_data SET value = value",
                            nullptr, nullptr, nullptr),
               SQLITE_OK);
-    expectListing(kEmptyListing);
+    expectUnknown("locked", database);
     sqlite3_close(other);
 }
 
