@@ -3,7 +3,6 @@
 #include <atomic>
 #include <mutex>
 #include <pthread.h>
-#include <set>
 #include <unistd.h>
 #include <utility>
 
@@ -12,61 +11,90 @@ namespace {
 
 constinit std::atomic<uint32_t> gGeneration{1};
 
+} // namespace
+
 // All descriptors of this kind that are open. The lock is held across fork, so that the child finds
-// the set whole.
+// the list whole.
 struct OpenDescriptors {
     std::mutex mutex;
-    std::set<int> numbers;
+    PortDescriptor* first = nullptr;
+
+    void addLocked(PortDescriptor& descriptor) {
+        descriptor.previous_ = nullptr;
+        descriptor.next_ = first;
+        if (first != nullptr) {
+            first->previous_ = &descriptor;
+        }
+        first = &descriptor;
+    }
+    void removeLocked(PortDescriptor& descriptor) {
+        (descriptor.previous_ == nullptr ? first : descriptor.previous_->next_) = descriptor.next_;
+        if (descriptor.next_ != nullptr) {
+            descriptor.next_->previous_ = descriptor.previous_;
+        }
+    }
+    void closeAllLocked() {
+        for (PortDescriptor* open = first; open != nullptr; open = open->next_) {
+            close(open->fd_);
+        }
+        first = nullptr; // what has been in it is of the parent's generation, and stays out
+    }
+
+    static OpenDescriptors& instance();
 };
 
-OpenDescriptors& openDescriptors();
+namespace {
+
+constinit OpenDescriptors gOpen;
 
 void beforeFork() {
-    openDescriptors().mutex.lock();
+    gOpen.mutex.lock();
 }
 
 void afterForkInParent() {
-    openDescriptors().mutex.unlock();
+    gOpen.mutex.unlock();
 }
 
 void afterForkInChild() {
-    OpenDescriptors& open = openDescriptors();
-    for (const int number : open.numbers) {
-        close(number);
-    }
-    open.numbers.clear();
+    gOpen.closeAllLocked();
     gGeneration.fetch_add(1, std::memory_order_relaxed);
-    open.mutex.unlock();
-}
-
-OpenDescriptors& openDescriptors() {
-    static auto* const open = [] {
-        auto* const created = new OpenDescriptors;
-        // Fails only without memory; then children keep what exec would have closed.
-        (void)pthread_atfork(beforeFork, afterForkInParent, afterForkInChild);
-        return created;
-    }();
-    return *open;
+    gOpen.mutex.unlock();
 }
 
 } // namespace
 
-PortDescriptor::PortDescriptor(int fd) : fd_(fd), generation_(generation()) {
+OpenDescriptors& OpenDescriptors::instance() {
+    // Fails only without memory; then children keep what exec would have closed.
+    [[maybe_unused]] static const int registered =
+        pthread_atfork(beforeFork, afterForkInParent, afterForkInChild);
+    return gOpen;
+}
+
+PortDescriptor::PortDescriptor(int fd) noexcept : fd_(fd), generation_(generation()) {
     if (fd_ >= 0) {
-        OpenDescriptors& open = openDescriptors();
+        OpenDescriptors& open = OpenDescriptors::instance();
         const std::lock_guard<std::mutex> guard(open.mutex);
-        open.numbers.insert(fd_);
+        open.addLocked(*this);
     }
 }
 
-PortDescriptor::PortDescriptor(PortDescriptor&& other) noexcept
-    : fd_(std::exchange(other.fd_, -1)), generation_(other.generation_) {}
+PortDescriptor::PortDescriptor(PortDescriptor&& other) noexcept {
+    *this = std::move(other);
+}
 
 PortDescriptor& PortDescriptor::operator=(PortDescriptor&& other) noexcept {
-    if (this != &other) {
-        reset();
-        fd_ = std::exchange(other.fd_, -1);
-        generation_ = other.generation_;
+    if (this == &other) {
+        return *this;
+    }
+    reset();
+    OpenDescriptors& open = OpenDescriptors::instance();
+    const std::lock_guard<std::mutex> guard(open.mutex);
+    const bool isOpen = other.get() >= 0;
+    fd_ = std::exchange(other.fd_, -1);
+    generation_ = other.generation_;
+    if (isOpen) {
+        open.removeLocked(other);
+        open.addLocked(*this);
     }
     return *this;
 }
@@ -82,9 +110,9 @@ int PortDescriptor::get() const {
 void PortDescriptor::reset() {
     if (get() >= 0) {
         // Closed with the lock held: in a child born between the two the number could be another's.
-        OpenDescriptors& open = openDescriptors();
+        OpenDescriptors& open = OpenDescriptors::instance();
         const std::lock_guard<std::mutex> guard(open.mutex);
-        open.numbers.erase(fd_);
+        open.removeLocked(*this);
         close(fd_);
     }
     fd_ = -1;

@@ -6,11 +6,12 @@ namespace platform {
 
 // Owns a file descriptor that a child after fork must not keep: it would hold names and take texts
 // that are the parent's. All of them are closed in the child as it is born, and `get` then gives -1
-// there. Used by one thread at a time.
+// there. Takes no memory: what was opened is never lost for want of it. Used by one thread at a
+// time.
 class PortDescriptor {
 public:
     PortDescriptor() = default;
-    explicit PortDescriptor(int fd);
+    explicit PortDescriptor(int fd) noexcept;
     ~PortDescriptor() { reset(); }
     PortDescriptor(PortDescriptor&& other) noexcept;
     PortDescriptor& operator=(PortDescriptor&& other) noexcept;
@@ -24,8 +25,13 @@ public:
     static uint32_t generation();
 
 private:
+    friend struct OpenDescriptors;
+
     int fd_ = -1;
     uint32_t generation_ = 0;
+    // Of the list of all that are open.
+    PortDescriptor* previous_ = nullptr;
+    PortDescriptor* next_ = nullptr;
 };
 
 } // namespace platform

@@ -32,12 +32,19 @@ void appendHexadecimal(std::string& out, unsigned char byte) {
     out += digits[byte & 0xF];
 }
 
-// A folder that only this user can change: one that others could would let them put their own in
-// the place of ours.
-bool isOwnFolder(const std::string& path) {
+enum class Runtime { own, none, unknown };
+
+// Whether it is a folder that only this user can change: one that others could would let them put
+// their own in the place of ours. `unknown`, with the reason in errno, decides nothing: the others
+// may be there.
+Runtime lookAt(const std::string& path) {
     struct stat status {};
-    return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode) &&
-           status.st_uid == geteuid() && (status.st_mode & 022) == 0;
+    if (stat(path.c_str(), &status) != 0) {
+        return errno == ENOENT || errno == ENOTDIR ? Runtime::none : Runtime::unknown;
+    }
+    return S_ISDIR(status.st_mode) && status.st_uid == geteuid() && (status.st_mode & 022) == 0
+               ? Runtime::own
+               : Runtime::none;
 }
 
 std::string_view runtimeVariable() {
@@ -45,15 +52,23 @@ std::string_view runtimeVariable() {
     return variable == nullptr ? "" : variable;
 }
 
-std::string choosePath() {
+// False, with the reason in errno, when that cannot be found out of the folder that `path` names
+// then.
+bool choosePath(std::string& path) {
     const std::string user = std::to_string(geteuid());
     // A process that was started without the variable must still meet the others.
     for (const std::string& runtime : {std::string(runtimeVariable()), "/run/user/" + user}) {
-        if (!runtime.empty() && runtime.front() == '/' && isOwnFolder(runtime)) {
-            return runtime + "/convey";
+        if (runtime.empty() || runtime.front() != '/') {
+            continue;
+        }
+        const Runtime found = lookAt(runtime);
+        if (found != Runtime::none) {
+            path = runtime + "/convey";
+            return found == Runtime::own;
         }
     }
-    return "/tmp/convey-" + user;
+    path = "/tmp/convey-" + user;
+    return true;
 }
 
 // What the folder must be; the reason why it is not.
@@ -109,7 +124,8 @@ PortFolder::State PortFolder::open(Use use) {
 }
 
 PortFolder::State PortFolder::openAnew(Use use) {
-    path_ = choosePath();
+    const bool isChosen = choosePath(path_);
+    const int choosing = errno;
     const auto refuse = [this](const std::string& reason, int error) {
         Log::system().problem("cannot use the port folder " + path_ + ": " + reason);
         errno = error;
@@ -122,6 +138,10 @@ PortFolder::State PortFolder::openAnew(Use use) {
     const auto openPath = [this] {
         return PortDescriptor(::open(path_.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     };
+    if (!isChosen) {
+        errno = choosing;
+        return refuseForSystem();
+    }
     PortDescriptor folder = openPath();
     if (!folder && errno == ENOENT && use == Use::create) {
         if (mkdir(path_.c_str(), 0700) != 0 && errno != EEXIST) {

@@ -37,10 +37,26 @@ std::string processSpace() {
     return stat("/proc/self/ns/pid", &status) == 0 ? std::to_string(status.st_ino) : "";
 }
 
-bool isAt(const struct stat& opened, const PortFolder& folder, const std::string& file) {
+using Found = PortName::Found;
+
+// What is at a name: the file that was opened, another one or none, or that cannot be found out.
+Found whatIsAt(const struct stat& opened, const PortFolder& folder, const std::string& file) {
     struct stat named {};
-    return fstatat(folder.fd(), file.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
-           named.st_ino == opened.st_ino && named.st_dev == opened.st_dev;
+    if (fstatat(folder.fd(), file.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0) {
+        return errno == ENOENT ? Found::other : Found::unknown;
+    }
+    return named.st_ino == opened.st_ino && named.st_dev == opened.st_dev ? Found::same
+                                                                          : Found::other;
+}
+
+// What stands in the way of the first attempt (memory, a signal) is mostly gone with the second,
+// and what stays behind here stays for good.
+void removeFrom(const PortFolder& folder, const std::string& file) {
+    const auto remove = [&] { return unlinkat(folder.fd(), file.c_str(), 0) == 0; };
+    if (!remove() && errno != ENOENT && !remove() && errno != ENOENT) {
+        Log::system().problem("cannot remove " + folder.path() + "/" + file + ": " +
+                              systemReason());
+    }
 }
 
 } // namespace
@@ -94,6 +110,9 @@ bool PortName::own() {
                                    O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
                                    kLockMode));
         struct stat status {};
+        if (lock && fstat(lock.get(), &status) != 0 && attempt == 0) {
+            continue; // once more, rather than leave a file that nobody owns
+        }
         if (!lock || fstat(lock.get(), &status) != 0) {
             Log::system().problem("cannot open " + folder_.path() + "/" + lockFile_ + ": " +
                                   systemReason());
@@ -114,6 +133,9 @@ bool PortName::own() {
             continue; // an owner has just removed it, and a lock on a removed file is worth nothing
         }
         if (errno != EAGAIN && errno != EACCES) {
+            if (attempt == 0) {
+                continue;
+            }
             Log::system().problem("cannot lock " + folder_.path() + "/" + lockFile_ + ": " +
                                   systemReason());
             return false;
@@ -127,7 +149,7 @@ bool PortName::own() {
         }
         // A child of an owner that has ended holds the file. It keeps it; the name goes on with a
         // new one. Nobody else removes it meanwhile: who would must hold the same lock.
-        if (isAt(status, folder_, lockFile_)) {
+        if (whatIsAt(status, folder_, lockFile_) == Found::same) {
             (void)unlinkat(folder_.fd(), lockFile_.c_str(), 0);
         }
     }
@@ -136,7 +158,7 @@ bool PortName::own() {
 
 bool PortName::takeLock(PortDescriptor lock) {
     lock_ = std::move(lock);
-    if (!holdsLockFile()) {
+    if (whatIsAtLockFile() != Found::same) {
         lock_.reset();
         return false;
     }
@@ -164,28 +186,39 @@ void PortName::noteSocket() {
     }
 }
 
+// The locked file, or what is in its place. Asked once more where it could not be found out: as a
+// rule it then can.
+PortName::Found PortName::whatIsAtLockFile() const {
+    const auto look = [this] {
+        struct stat locked {};
+        return fstat(lock_.get(), &locked) != 0 ? Found::unknown
+                                                : whatIsAt(locked, folder_, lockFile_);
+    };
+    const Found found = look();
+    return found == Found::unknown ? look() : found;
+}
+
 bool PortName::isOwner() const {
     return lock_ && process_ == getpid();
 }
 
 bool PortName::holdsLockFile() const {
-    struct stat locked {};
-    return fstat(lock_.get(), &locked) == 0 && isAt(locked, folder_, lockFile_);
+    return whatIsAtLockFile() != Found::other;
 }
 
 bool PortName::holdsSocket() const {
     struct stat noted {};
     noted.st_dev = socketDevice_;
     noted.st_ino = socketNumber_;
-    return isAt(noted, folder_, socketFile_);
+    return whatIsAt(noted, folder_, socketFile_) != Found::other;
 }
 
 void PortName::removeFiles() const {
     // Files that somebody has put in the place of ours are theirs.
-    if (isOwner() && holdsLockFile()) {
-        (void)unlinkat(folder_.fd(), socketFile_.c_str(), 0);
+    if (isOwner() && whatIsAtLockFile() == Found::same) {
+        removeFrom(folder_, socketFile_);
         // Last, and while it is still held: whoever opened it before sees that it is gone.
-        (void)unlinkat(folder_.fd(), lockFile_.c_str(), 0);
+        removeFrom(folder_, lockFile_);
     }
 }
 

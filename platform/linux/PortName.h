@@ -32,13 +32,17 @@ public:
 
     // True in the process that owns the name: not in its children.
     bool isOwner() const;
-    // True when the file that is locked, and the socket, are still the ones at the name.
+    // False when the file that is locked, or the socket, is known not to be at the name any more.
     bool holdsLockFile() const;
     bool holdsSocket() const;
     // Removes the files, as far as they are this owner's.
     void removeFiles() const;
 
+    // What is at a name.
+    enum class Found { same, other, unknown };
+
 private:
+    Found whatIsAtLockFile() const;
     bool takeLock(PortDescriptor lock);
 
     const PortFolder folder_;
