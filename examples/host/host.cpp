@@ -2,6 +2,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <string>
 
 #include "scriptobjects/convey/SoCVMessage.h"
@@ -113,6 +114,10 @@ int run(int argc, char** argv) {
     const SoString name =
         Convey::getLaunchOptions().isEmpty() ? SoString(argv[1]) : Convey::getSharedAppName();
     Convey instance(name.c_str(), new EchoHandler(is("--quiet", 3)), true, nullptr);
+    if (!instance.isReachable()) {
+        std::fprintf(stderr, "host: no port for %s\n", argv[1]);
+        return 1;
+    }
     if (is("--ask", 5)) {
         return ask(instance, argv[3], argv[4], nullptr);
     }
@@ -151,10 +156,15 @@ int main(int argc, char** argv) {
         std::signal(SIGTERM, [](int) { gEnd = 1; });
         std::signal(SIGINT, [](int) { gEnd = 1; });
     }
-    if (!Convey::InitTerm::init(argv[1], true)) {
-        std::fprintf(stderr, "host: the layer does not start as %s\n", argv[1]);
+    try { // the layer throws nothing; the texts that are made here do, without memory
+        if (!Convey::InitTerm::init(argv[1], true)) {
+            std::fprintf(stderr, "host: the layer does not start as %s\n", argv[1]);
+            return 1;
+        }
+        const int status = run(argc, argv);
+        return Convey::InitTerm::exit() ? status : 1;
+    } catch (const std::bad_alloc&) {
+        std::fputs("host: no memory\n", stderr);
         return 1;
     }
-    const int status = run(argc, argv);
-    return Convey::InitTerm::exit() ? status : 1;
 }

@@ -31,6 +31,17 @@ bool receiveFrom(InterAppStream& stream, SoString& parameters, int32_t seconds) 
     return true;
 }
 
+// What cannot be found out is asked once more, and is then no reason to wait for minutes: standard
+// error has been told.
+bool isLauncherWaiting(const InterAppStream& stream, const SoString& pendingName) {
+    using Presence = InterAppStream::Presence;
+    Presence found = stream.presenceOf(pendingName);
+    if (found == Presence::unknown) {
+        found = stream.presenceOf(pendingName);
+    }
+    return found == Presence::present;
+}
+
 } // namespace
 
 bool receiveLaunchParams(const SoString& queueName, SoString& parameters, int32_t seconds) {
@@ -52,7 +63,7 @@ bool getLaunchParameters(const SoString& specifier, SoString& parameters) {
     if (stream == nullptr) {
         return true; // nothing can have been sent to a process that nothing can be sent to
     }
-    if (stream->canOpen(pendingName, false)) {
+    if (!isLauncherWaiting(*stream, pendingName)) {
         return true;
     }
     SoString processQueue = appName;

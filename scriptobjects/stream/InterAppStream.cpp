@@ -2,8 +2,10 @@
 
 #include <memory>
 #include <new>
+#include <string>
 
 #include "limits/Limits.h"
+#include "platform/Log.h"
 #include "platform/MessagePort.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/convey/SoCVWords.h"
@@ -65,32 +67,49 @@ private:
     std::unique_ptr<InterAppStream> stream_ SO_GUARDED_BY(this);
 };
 
-std::unique_ptr<InterAppStream> goodStream(const SoString& name) {
+// Null when the name has an owner, which `isTaken` tells, or cannot be had for another reason: that
+// is none to go by another name, under which nobody looks for this one.
+std::unique_ptr<InterAppStream> goodStream(const SoString& name, bool& isTaken) {
+    isTaken = false;
     if (auto kept = KeptStream::instance().take(name)) {
         return kept;
     }
-    auto stream = std::make_unique<InterAppStream>(name);
-    return stream->isGood() ? std::move(stream) : nullptr;
+    auto presence = InterAppStream::Presence::absent;
+    // Twice, as an owner can have ended between the attempt and the look.
+    for (int attempt = 0; attempt < 2 && presence == InterAppStream::Presence::absent; ++attempt) {
+        auto stream = std::make_unique<InterAppStream>(name);
+        if (stream->isGood()) {
+            return stream;
+        }
+        presence = stream->presenceOf(name);
+    }
+    isTaken = presence == InterAppStream::Presence::present;
+    return nullptr;
 }
 
 std::unique_ptr<InterAppStream> nextAvailable(const SoString& name) {
     if (name.isEmpty()) {
         return nullptr;
     }
-    if (auto stream = goodStream(name)) {
+    bool isTaken = false;
+    if (auto stream = goodStream(name, isTaken)) {
         return stream;
     }
     Convey::Specifier specifier(name.c_str(), false);
-    if (specifier.isEmpty() || !specifier.instance().isEmpty()) {
+    if (!isTaken || specifier.isEmpty() || !specifier.instance().isEmpty()) {
         return nullptr;
     }
-    for (int instance = 1; instance <= kInstances; ++instance) {
+    for (int instance = 1; isTaken && instance <= kInstances; ++instance) {
         SoString digits;
         digits << instance;
         specifier.setInstance(digits);
-        if (auto stream = goodStream(specifier)) {
+        if (auto stream = goodStream(specifier, isTaken)) {
             return stream;
         }
+    }
+    if (isTaken) {
+        platform::Log::system().problem(std::string(name.c_str()) + " and its instances up to " +
+                                        specifier.c_str() + " are all taken");
     }
     return nullptr;
 }

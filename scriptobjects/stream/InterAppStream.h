@@ -32,8 +32,9 @@ public:
 namespace ConveyUtils {
 
 // A new stream, the caller's, with `name` or, where that has an owner and carries no instance, with
-// the first of its instances 1 to 8 that is free. Null for an empty name and when none is free.
-// Nothing is thrown. Any thread.
+// the first of its instances 1 to 8 that is free. Null for an empty name, when none is free (which
+// standard error is told) and when the name cannot be had though it is free. Nothing is thrown. Any
+// thread.
 SO_EXPORT InterAppStream* createNextAvailableInterAppStream(const SoString& name);
 
 // Keeps an open stream, null for none, for the instance that asks for its name, in place of the one

@@ -37,11 +37,22 @@ TEST_F(InterAppStreamTest, takesTheFirstInstanceOfANameThatIsFree) {
         EXPECT_EQ(streams.back()->getName(), expected);
         EXPECT_FALSE(ports.isFree(port(expected)));
     }
-    EXPECT_EQ(next("app-1.0#x"), nullptr) << "all are taken";
+    platform::FakeLog log;
+    {
+        const platform::ScopedReplacement<platform::Log> replaced(log);
+        EXPECT_EQ(next("app-1.0#x"), nullptr) << "all are taken";
+    }
+    EXPECT_EQ(log.lines, std::vector<std::string>{
+                             "app-1.0#x and its instances up to app_8-1.0#x are all taken"});
     EXPECT_EQ(next("app_2-1.0#x"), nullptr) << "a name with an instance is not numbered";
     streams.erase(streams.begin() + 3);
     EXPECT_EQ(next("app-1.0#x")->getName(), "app_3-1.0#x");
     EXPECT_EQ(next(""), nullptr);
+    // A name that is free and cannot be had is no reason to go by another one.
+    ports.failures = 1;
+    EXPECT_EQ(next("other-1.0")->getName(), "other-1.0");
+    ports.failures = 2;
+    EXPECT_EQ(next("other-1.0"), nullptr);
     EXPECT_EQ(next(std::string(300, 'n').c_str())->getName().length(), 300);
     const Stream longName = next(std::string(300, 'n').c_str());
     EXPECT_EQ(next(std::string(300, 'n').c_str()), nullptr) << "too long to be numbered";

@@ -2,6 +2,7 @@
 // Usage: sweep_relay SPECIFIER TARGET
 #include <csignal>
 #include <cstdio>
+#include <new>
 
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoConvey.h"
@@ -57,12 +58,7 @@ private:
     const char* const target_;
 };
 
-} // namespace
-
-int main(int argc, char** argv) {
-    if (argc != 3) {
-        return 2;
-    }
+int relay(char** argv) {
     std::signal(SIGTERM, [](int) { gEnd = 1; });
     if (!Convey::InitTerm::init(argv[1], true)) {
         return 1;
@@ -70,6 +66,9 @@ int main(int argc, char** argv) {
     {
         auto* const relay = new Relay(argv[2]);
         Convey instance(argv[1], relay, true, nullptr);
+        if (!instance.isReachable()) {
+            return 1;
+        }
         relay->instance = &instance;
         std::printf("running as %s\n", argv[1]);
         std::fflush(stdout);
@@ -78,4 +77,14 @@ int main(int argc, char** argv) {
         }
     }
     return Convey::InitTerm::exit() ? 0 : 1;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return argc == 3 ? relay(argv) : 2;
+    } catch (const std::bad_alloc&) { // of the texts that are made here
+        return 1;
+    }
 }
