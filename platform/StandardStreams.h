@@ -4,7 +4,8 @@ namespace platform {
 
 // The three standard streams of a program, so that what it says on standard output arrives whole or
 // the program knows that it did not. For programs only, never for the layer: the streams are the
-// host's.
+// host's. A program with this library also ends with status 1 and one line, and not by a signal,
+// when memory runs out where nothing can catch it, from before `main` on.
 //
 // Porting contract: `open` makes sure that no file that is opened later becomes one of the three;
 // what was closed stays as good as closed, reading and writing it fails. From then on std::cout

@@ -3,14 +3,45 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
+#include <exception>
 #include <fcntl.h>
 #include <iostream>
+#include <new>
 #include <poll.h>
 #include <streambuf>
+#include <string_view>
 #include <unistd.h>
 
 namespace platform {
 namespace {
+
+constexpr int kStatusWithoutMemory = 1;
+constinit std::terminate_handler gTerminate = nullptr; // what was there before
+
+// Memory can run out where nobody catches it: in the libraries' own start before `main`, in what
+// they have declared to throw nothing, in a thread. A program that then says so and ends is no
+// crash to be looked into. Nothing here takes memory.
+[[noreturn]] void endWithoutMemory() {
+    try {
+        throw; // the one that nobody caught
+    } catch (const std::bad_alloc&) {
+        static constexpr char kReason[] = ": no memory\n";
+        for (const std::string_view text :
+             {std::string_view(program_invocation_short_name), std::string_view(kReason)}) {
+            (void)!write(STDERR_FILENO, text.data(), text.size());
+        }
+        _exit(kStatusWithoutMemory);
+    } catch (...) { // NOLINT(bugprone-empty-catch): a fault of the program, told as such below
+    }
+    gTerminate();
+    std::abort();
+}
+
+// Before the constructors of any library that is written in this language.
+[[gnu::constructor(101)]] void prepareForTheEnd() {
+    gTerminate = std::set_terminate(endWithoutMemory);
+}
 
 constexpr size_t kBufferBytes = 8192; // a few lines of a listing
 
