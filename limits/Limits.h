@@ -99,6 +99,7 @@ inline constexpr Limit kAll[] = {
     {"port.kept", 64, "connections", "kept by a sender; a process talks to a handful of others"},
     {"port.look-pause", 50, "us",
      "between looks for a new owner of a target's name; less than it takes to become one"},
+    {"port.look-folder", 10, "ms", "between looks whether the ports' folder was replaced"},
     {"port.look-again", 32, "ms", "after a target's end was told; ten times what the system needs"},
     {"port.file-name", 80, "bytes", "with its folder in a socket's address; longer ones are digested"},
     {"port.wait", 3'600'000, "ms", "of one system call; longer waits are several"},

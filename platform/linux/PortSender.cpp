@@ -34,6 +34,7 @@ constexpr size_t kJoinedBytes = 1024;
 // is nothing to wait for but time.
 constexpr auto kPause = std::chrono::milliseconds(1);
 constexpr auto kLookPause = std::chrono::microseconds(limits::of("port.look-pause"));
+constexpr auto kFolderLookPause = std::chrono::milliseconds(limits::of("port.look-folder"));
 
 // The end of a wait, and what is left of it.
 class Deadline {
@@ -118,7 +119,9 @@ private:
     PortDescriptor socket_;
     PortIncarnation owner_;
     std::weak_ptr<Watch> watch_;
+    PortFolder folder_; // in which the owner was found
     Time::time_point lookedAt_;
+    Time::time_point folderLookedAt_;
     bool brokenOff_ = false; // in the middle of a text that will not be completed
     size_t partBytes_ = kSmallestPartBytes;
     int lastError_ = 0;
@@ -197,8 +200,15 @@ bool PortSender::Connection::hasSuccessor() {
         return false;
     }
     lookedAt_ = now;
-    PortFolder folder; // perhaps another one by now
+    // One question, in the folder that the owner was found in, answers nearly every look; whether
+    // that is still the user's folder takes several and is asked now and then.
     PortIncarnation current;
+    if (now - folderLookedAt_ < kFolderLookPause &&
+        findIncarnation(folder_, socketFile_, current) && current == owner_) {
+        return false;
+    }
+    folderLookedAt_ = now;
+    PortFolder folder; // perhaps another one by now
     return folder.open(PortFolder::Use::ifThere) == PortFolder::State::usable &&
            findIncarnation(folder, socketFile_, current) && !(current == owner_);
 }
@@ -303,7 +313,8 @@ SendResult PortSender::Connection::open(Deadline& deadline) {
     const std::lock_guard<std::mutex> guard(peerMutex_);
     socket_ = std::move(socket);
     owner_ = owner;
-    lookedAt_ = Time::time_point();
+    folder_ = std::move(folder);
+    lookedAt_ = folderLookedAt_ = Time::time_point();
     return SendResult::delivered;
 }
 

@@ -31,15 +31,20 @@ constexpr size_t kMaximumIdentifierFile = limits::of("identifier.file");
 constexpr int kMaximumFolderDepth = limits::of("folders.depth");
 constexpr std::string_view kWordEnds = " =;\"':";
 
-// Upper-case hexadecimal, one or two digits a byte.
-void appendHexadecimal(SoString& out, const uint8_t* bytes, size_t count) {
+// Upper-case hexadecimal, one or two digits a byte, appended at once: a digest is made of each
+// message, twice.
+template <size_t count>
+void appendHexadecimal(SoString& out, const uint8_t (&bytes)[count]) {
     constexpr const char* digits = "0123456789ABCDEF";
-    for (size_t i = 0; i < count; ++i) {
-        if (bytes[i] >= 0x10) {
-            out.append(digits[bytes[i] >> 4]);
+    char text[2 * count];
+    char* end = text;
+    for (const uint8_t byte : bytes) {
+        if (byte >= 0x10) {
+            *end++ = digits[byte >> 4];
         }
-        out.append(digits[bytes[i] & 0xF]);
+        *end++ = digits[byte & 0xF];
     }
+    out.append(text, static_cast<int32_t>(end - text));
 }
 
 // An identifier of this user, kept in a file of the home folder.
@@ -89,7 +94,7 @@ private:
                 return SoString();
             }
             SoString text;
-            appendHexadecimal(text, bytes, sizeof bytes);
+            appendHexadecimal(text, bytes);
             // When another process was faster, its identifier is the user's.
             (void)files.publish(file, text.view());
             reading = files.readOwn(file, kMaximumIdentifierFile, content);
@@ -182,7 +187,7 @@ SoString getMD5(std::initializer_list<std::string_view> parts) {
     uint8_t digest[MD5_DIGEST_SIZE];
     md5_digest(&context, sizeof digest, digest);
     SoString result;
-    appendHexadecimal(result, digest, sizeof digest);
+    appendHexadecimal(result, digest);
     return result;
 }
 

@@ -10,7 +10,10 @@ namespace ScObjects {
 namespace {
 
 std::string portName(const SoString& streamName) {
-    std::string name(BaseInterAppStream::kPortNamePrefix);
+    constexpr std::string_view prefix = BaseInterAppStream::kPortNamePrefix;
+    std::string name;
+    name.reserve(prefix.size() + streamName.view().size()); // in one block: each send makes one
+    name += prefix;
     name += streamName.view();
     return name;
 }

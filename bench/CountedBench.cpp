@@ -1,0 +1,140 @@
+// One operation so many times, for who counts what it costs: `scripts/check-cost` takes the
+// difference between two counts, which leaves out what is done once. Arguments: operation, times.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "bench/BareSocket.h"
+#include "scriptobjects/convey/SoCVInstance.h"
+#include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoCVMessageQueue.h"
+#include "scriptobjects/stream/InterAppStream.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace {
+
+using bench::fail;
+using ScObjects::Convey;
+using ScObjects::InterAppStream;
+using ScObjects::SoString;
+
+// A message through a queue that holds a thousand, as an instance does it that looks for expired
+// ones each time.
+void queue(int times) {
+    constexpr int kHeld = 1000;
+    ScObjects::ConveyData::MessageQueue queue;
+    std::vector<std::unique_ptr<Convey::Message>> messages;
+    for (int i = 0; i < kHeld; ++i) {
+        messages.push_back(std::make_unique<Convey::Message>());
+        messages.back()->setTarget("target");
+        messages.back()->setSender("sender");
+        messages.back()->setSerialNumber(static_cast<uint32_t>(i));
+    }
+    for (int i = 0; i < times; i += kHeld) {
+        for (auto& message : messages) {
+            if (!queue.append(message.release())) {
+                fail("append");
+            }
+            queue.removeExpiredMessages();
+        }
+        for (auto& message : messages) {
+            message.reset(queue.getNextMessage(Convey::kAnySerialNumber));
+            queue.removeExpiredMessages();
+        }
+    }
+}
+
+// A text of 300 bytes to another port and one back; `built`: and each built and read.
+void roundTrip(int times, bool built) {
+    InterAppStream here("here-1.0");
+    InterAppStream there("there-1.0");
+    Convey::Message message;
+    message.setSender("here-1.0");
+    message.setResponseRequest("Received Result");
+    message.setBody(SoString(std::string(200, 'b').c_str()));
+    for (int i = 0; i < 2 * times; ++i) {
+        const bool forth = i % 2 == 0;
+        message.setTarget(forth ? "there-1.0" : "here-1.0");
+        static SoString text;
+        if (built || i < 1) {
+            text.shrink(0);
+            (void)message.writeToString(text);
+        }
+        InterAppStream& to = forth ? there : here;
+        if (!(forth ? here : there).send(message.getTarget(), text) ||
+            !to.waitForMessage(5000, false) || !to.receive()) {
+            fail("round trip");
+        }
+        const SoString received = to.getMessages();
+        if (built) {
+            Convey::Message read;
+            (void)read.readFromString(received.c_str());
+        }
+    }
+}
+
+class Handler : public Convey::MsgHandler {
+public:
+    Handler(const char* type, uint32_t serial) : type_(type), serial_(serial) {}
+    int32_t handleMessage(int, Convey::Message&, SoString* result) override {
+        *result = "answer";
+        return 0;
+    }
+    SoString getMsgType() const override { return type_; }
+    uint32_t getSerialNumber() const override { return serial_; }
+
+private:
+    const char* const type_;
+    const uint32_t serial_;
+};
+
+// A request within the process and its result.
+void request(int times) {
+    if (!Convey::InitTerm::init("viewer-1.0", true)) {
+        fail("init");
+    }
+    Convey own("viewer-1.0", nullptr, true, nullptr);
+    Convey other("kivra-7.0", nullptr, false, nullptr);
+    delete other.changeHandler(new Handler("Tessaly", Convey::kAnySerialNumber));
+    for (int i = 0; i < times; ++i) {
+        Convey::Message message;
+        message.setTarget("kivra-7.0");
+        message.setBody("question");
+        message.setResponseRequest("Result");
+        message.setSerialNumber(message.getNextSerialNumber(nullptr));
+        delete own.changeHandler(new Handler("Result", message.getSerialNumber()));
+        if (!own.send(message, false, 20, nullptr)) {
+            fail("no result");
+        }
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const TemporaryFolder folder;
+    setenv("XDG_RUNTIME_DIR", folder.file("").c_str(), 1);
+    setenv("HOME", folder.file("").c_str(), 1);
+    setenv("OVREL_CAPS_DB", folder.file("caps.db").c_str(), 1);
+    const std::string operation = argc > 2 ? argv[1] : "";
+    const int times = argc > 2 ? std::atoi(argv[2]) : 0;
+    const bool digest = operation == "built-with-digest";
+    Convey::Message::setCreateDigest(digest);
+    Convey::Message::setAuthentication(digest);
+    if (operation == "queue") {
+        queue(times);
+    } else if (operation == "carried") {
+        roundTrip(times, false);
+    } else if (operation == "built" || digest) {
+        roundTrip(times, true);
+    } else if (operation == "request") {
+        request(times);
+    } else {
+        fail("usage: counted_bench queue|carried|built|built-with-digest|request TIMES");
+    }
+    (void)Convey::InitTerm::exit();
+    return 0;
+}
