@@ -251,7 +251,9 @@ Status Store::migrate() {
     int persist = 1;
     (void)sqlite3_file_control(state.connection, "main", SQLITE_FCNTL_PERSIST_WAL, &persist);
     // Kept, but not with what has long been moved to the database.
-    int code = state.execute("PRAGMA journal_mode = WAL; PRAGMA journal_size_limit = 0");
+    // In memory 32 MiB at most, so that what a large import changes is written once.
+    int code = state.execute("PRAGMA journal_mode = WAL; PRAGMA journal_size_limit = 0; "
+                             "PRAGMA cache_size = -32768");
     if (code != SQLITE_OK) {
         return fail(code, "cannot be prepared for writing");
     }

@@ -227,8 +227,10 @@ private:
     [[nodiscard]] Status run(Statement& statement, const char* operation);
     // The same, nothingThere when it changed no row.
     [[nodiscard]] Status runOnSomething(Statement& statement, const char* operation);
-    [[nodiscard]] Status writeValue(int32_t domain, std::string_view subdomain,
-                                    std::string_view key, std::string_view value);
+    // The row of a subdomain that is there, and a value into it.
+    [[nodiscard]] Status rowOf(int32_t domain, std::string_view subdomain, int64_t& row);
+    [[nodiscard]] Status writeValue(int64_t subdomain, std::string_view key,
+                                    std::string_view value);
     [[nodiscard]] Status checkEntry(std::string_view key, std::string_view value);
     [[nodiscard]] Status visitSubdomains(Statement& subdomains, Visitor& visitor);
     [[nodiscard]] Status modTime(const char* what, uint32_t& out);

@@ -39,17 +39,25 @@ Status Store::addSubdomain(int32_t domain, std::string_view subdomain) {
     });
 }
 
-// Into a subdomain that is there.
-Status Store::writeValue(int32_t domain, std::string_view subdomain, std::string_view key,
-                         std::string_view value) {
+Status Store::rowOf(int32_t domain, std::string_view subdomain, int64_t& row) {
+    Statement& select = impl_->prepared("SELECT id FROM subdomain WHERE domain = ?1 AND name = ?2");
+    select.bind(domain, subdomain);
+    const int code = select.step();
+    row = code == SQLITE_ROW ? select.integer(0) : 0;
+    select.reset();
+    return code == SQLITE_ROW ? Status::ok : fail(code, "the subdomain cannot be read");
+}
+
+// By its row: a statement that reads the tables that it writes (INSERT ... SELECT) would keep what
+// it reads in a table of its own, which costs as much as the rest three times over.
+Status Store::writeValue(int64_t subdomain, std::string_view key, std::string_view value) {
     Statement& insert =
-        impl_->prepared("INSERT INTO domain_data (subdomain, position, key, value, origin) "
-                        "SELECT s.id, (SELECT coalesce(max(d.position), 0) + 1 FROM domain_data d "
-                        "WHERE d.subdomain = s.id), ?3, ?4, ?5 FROM subdomain s "
-                        "WHERE s.domain = ?1 AND s.name = ?2 "
+        impl_->prepared("INSERT INTO domain_data (subdomain, position, key, value, origin) VALUES "
+                        "(?1, (SELECT coalesce(max(position), 0) + 1 FROM domain_data "
+                        "WHERE subdomain = ?1), ?2, ?3, ?4) "
                         "ON CONFLICT (subdomain, key) DO UPDATE SET value = excluded.value, "
                         "origin = excluded.origin");
-    insert.bind(domain, subdomain, key, value, std::string_view(impl_->origin));
+    insert.bind(subdomain, key, value, std::string_view(impl_->origin));
     return run(insert, "the value cannot be written");
 }
 
@@ -59,20 +67,28 @@ Status Store::setDomainData(int32_t domain, std::string_view subdomain, std::str
         return status;
     }
     return inTransaction([&] {
-        const Status status = addSubdomain(domain, subdomain);
-        return status == Status::ok ? writeValue(domain, subdomain, key, value) : status;
+        int64_t row = 0;
+        Status status = addSubdomain(domain, subdomain);
+        if (status == Status::ok) {
+            status = rowOf(domain, subdomain, row);
+        }
+        return status == Status::ok ? writeValue(row, key, value) : status;
     });
 }
 
 Status Store::writeSubdomain(const Subdomain& subdomain) {
     return inTransaction([&] {
+        int64_t row = 0;
         Status status = addSubdomain(subdomain.domain, subdomain.name);
+        if (status == Status::ok) {
+            status = rowOf(subdomain.domain, subdomain.name, row);
+        }
         for (const KeyValue& entry : subdomain.data) {
             if (status == Status::ok) {
                 status = checkEntry(entry.key, entry.value);
             }
             if (status == Status::ok) {
-                status = writeValue(subdomain.domain, subdomain.name, entry.key, entry.value);
+                status = writeValue(row, entry.key, entry.value);
             }
         }
         return status;
