@@ -1,3 +1,4 @@
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -251,6 +252,63 @@ TEST_F(CheckRunningTest, everyKindOfReplyCrossesProcesses) {
             EXPECT_EQ(calls, c.expected);
         }
     }
+    EXPECT_TRUE(Convey::InitTerm::exit());
+}
+
+// One thread pumps while another waits for its answers: each goes to its handler, before the wait
+// ends.
+TEST_F(CheckRunningTest, twoThreadsThatPumpDoNotTearAConversationApart) {
+    using ScObjects::Convey;
+    class Counting : public Convey::MsgHandler {
+    public:
+        Counting(std::atomic<int>& results, const char* type, uint32_t number)
+            : results_(results), type_(type), number_(number) {}
+        int32_t handleMessage(int event, Convey::Message&, ScObjects::SoString*) override {
+            results_ += event == 3 ? 1 : 0;
+            return 0;
+        }
+        ScObjects::SoString getMsgType() const override { return type_; }
+        uint32_t getSerialNumber() const override { return number_; }
+
+    private:
+        std::atomic<int>& results_;
+        const char* const type_;
+        const uint32_t number_;
+    };
+    const auto running = host("lumen-2.0-en_us", {"--quiet"});
+    ASSERT_TRUE(Convey::InitTerm::init("viewer-1.0", true));
+    std::atomic<int> strays{0};
+    int64_t unanswered = 0;
+    int64_t unheard = 0;
+    std::vector<std::atomic<int>> heard(static_cast<size_t>(scaled(20'000)));
+    {
+        auto* const byDefault =
+            new Counting(strays, "Tessaly", ScObjects::ConveyData::CV_INVALID_MESSAGE_NUMBER);
+        Convey instance("viewer-1.0", byDefault, true, nullptr);
+        std::atomic<bool> stop{false};
+        std::thread pumping([&stop] {
+            while (!stop) {
+                (void)Convey::pumpOrWait(10);
+            }
+        });
+        for (std::atomic<int>& answer : heard) {
+            Convey::Message message;
+            message.setTarget("lumen-2.0-en_us");
+            message.setBody("x");
+            message.setResponseRequest("Result");
+            message.setSerialNumber(message.getNextSerialNumber(nullptr));
+            delete instance.changeHandler(
+                new Counting(answer, "Result", message.getSerialNumber()));
+            const bool answered = instance.send(message, false, 20, nullptr);
+            unanswered += answered ? 0 : 1;
+            unheard += answered && answer != 1 ? 1 : 0;
+        }
+        stop = true;
+        pumping.join();
+    }
+    EXPECT_EQ(unanswered, 0);
+    EXPECT_EQ(unheard, 0) << "waits that ended well without the handler";
+    EXPECT_EQ(strays, 0) << "results that went to the default handler";
     EXPECT_TRUE(Convey::InitTerm::exit());
 }
 
