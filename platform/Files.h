@@ -44,8 +44,8 @@ public:
     [[nodiscard]] virtual bool resolve(const std::string& path, std::string& out) const = 0;
 
     // Reads a file that this user keeps for itself. done: `out` is its whole content. missing:
-    // there is none. refused: it is a link, no file, another user's, larger than `maximumBytes`,
-    // or cannot be read.
+    // there is none. refused: it is a link, no file, another user's or in another user's folder,
+    // larger than `maximumBytes`, or cannot be read.
     virtual Reading readOwn(const std::string& path, size_t maximumBytes,
                             std::string& out) const = 0;
 

@@ -86,7 +86,14 @@ public:
             report("read", path);
             return Reading::refused;
         }
+        // Who owns the folder can put another file in this one's place.
         struct stat status {};
+        if (stat(path.substr(0, path.rfind('/') + 1).c_str(), &status) != 0 ||
+            status.st_uid != geteuid()) {
+            Log::system().problemOfUser("refused to read " + path +
+                                        ": its folder is not this user's own");
+            return Reading::refused;
+        }
         if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
             status.st_uid != geteuid() || status.st_size > static_cast<off_t>(maximumBytes)) {
             Log::system().problemOfUser("refused to read " + path +

@@ -30,30 +30,30 @@ void MessageGlobals::init() {
 
 void MessageGlobals::exit() {
     MessageGlobals* const globals = object();
-    const ObjectLock guard(*globals);
+    const std::lock_guard<std::mutex> guard(globals->mutex_);
     globals->authenticationIsSet_ = globals->createDigestIsSet_ = false;
     gInitialised.store(false, std::memory_order_release);
 }
 
 void MessageGlobals::setAuthentication(bool on) {
-    const ObjectLock guard(*this);
+    const std::lock_guard<std::mutex> guard(mutex_);
     authentication_ = on;
     authenticationIsSet_ = true;
 }
 
 bool MessageGlobals::getAuthentication() const {
-    const ObjectLock guard(*this);
+    const std::lock_guard<std::mutex> guard(mutex_);
     return authentication_;
 }
 
 void MessageGlobals::setCreateDigest(bool on) {
-    const ObjectLock guard(*this);
+    const std::lock_guard<std::mutex> guard(mutex_);
     createDigest_ = on;
     createDigestIsSet_ = true;
 }
 
 bool MessageGlobals::getCreateDigest() const {
-    const ObjectLock guard(*this);
+    const std::lock_guard<std::mutex> guard(mutex_);
     return createDigest_;
 }
 

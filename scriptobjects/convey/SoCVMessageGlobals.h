@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <mutex>
 
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoString.h"
@@ -14,8 +15,9 @@ namespace ScObjects::ConveyData {
 // Made on first use, with what the registry says of the name that the layer was started with, then,
 // as soon as it is known, of the registration that this stands for; both are on where the registry
 // says nothing. What the host sets stays. Threads: any; `init` and `exit` from the thread that
-// starts and stops the layer.
-class SO_EXPORT MessageGlobals : public SoLockable {
+// starts and stops the layer. Its lock is not one of the layer's, whose users are counted: it lives
+// for ever.
+class SO_EXPORT MessageGlobals {
 public:
     // The switches; never null.
     static MessageGlobals* get();
@@ -26,7 +28,7 @@ public:
     static void exit();
 
     // Takes what the registry says of the application `own`, for those that the host has not set.
-    void readRegistry(const SoString& own) SO_EXCLUDES(this);
+    void readRegistry(const SoString& own);
 
     void setAuthentication(bool on);
     bool getAuthentication() const;
@@ -38,10 +40,11 @@ private:
     static MessageGlobals* object(); // whatever it says
     static SoString startName();
 
-    bool authentication_ SO_GUARDED_BY(this) = true;
-    bool createDigest_ SO_GUARDED_BY(this) = true;
-    bool authenticationIsSet_ SO_GUARDED_BY(this) = false;
-    bool createDigestIsSet_ SO_GUARDED_BY(this) = false;
+    mutable std::mutex mutex_; // guards what follows
+    bool authentication_ = true;
+    bool createDigest_ = true;
+    bool authenticationIsSet_ = false;
+    bool createDigestIsSet_ = false;
 };
 
 } // namespace ScObjects::ConveyData

@@ -17,7 +17,7 @@ void MessageGlobals::readRegistry(const SoString& own) {
         authentication = connector->getMessageAuthentication(own);
         createDigest = connector->getMessageDigest(own);
     }
-    const ObjectLock guard(*this);
+    const std::lock_guard<std::mutex> guard(mutex_);
     authentication_ = authenticationIsSet_ ? authentication_ : authentication;
     createDigest_ = createDigestIsSet_ ? createDigest_ : createDigest;
 }

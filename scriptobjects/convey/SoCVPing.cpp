@@ -37,6 +37,10 @@ int32_t leftOf(int64_t end) {
     return static_cast<int32_t>(std::clamp<int64_t>(end - now(), 0, INT32_MAX));
 }
 
+int64_t endOf(int32_t timeoutSeconds) {
+    return now() + int64_t{1000} * std::max(timeoutSeconds, 0);
+}
+
 // The answers that arrive at the process's stream, shared out among the threads that wait for them.
 // One of these reads the stream for all.
 class PingExchange {
@@ -195,8 +199,7 @@ bool isInstalled(const Convey::Specifier& target) {
 
 // Asks one target; the answer, or why there is none.
 SoString askOne(InterAppStream& stream, Message& message, const CVResolution& target,
-                int32_t timeoutSeconds) {
-    const int64_t end = now() + int64_t{1000} * std::max(timeoutSeconds, 0);
+                int32_t timeoutSeconds, int64_t end) {
     const SoString destination = ConveyThread::createThreadSpecifier(target.specifier());
     if (destination.isEmpty()) {
         return SoString(ConveyThread::CV_INVALIDSPEC);
@@ -276,12 +279,13 @@ uint32_t newPingNumber() {
 
 SoString ConveyUtils::pingResolved(const CVResolution& target, const SoString& key,
                                    int32_t timeoutSeconds, const SoString* parameters) {
-    InterAppStream* const stream = InterAppStream::get();
+    const int64_t end = endOf(timeoutSeconds);
+    InterAppStream* const stream = InterAppStream::get(leftOf(end));
     if (stream == nullptr || !stream->isGood()) {
         return SoString(ConveyThread::CV_NOINTERAPPSTREAM);
     }
     Message message = newQuestion(*stream, true, key, newPingNumber(), timeoutSeconds, parameters);
-    return askOne(*stream, message, target, timeoutSeconds);
+    return askOne(*stream, message, target, timeoutSeconds, end);
 }
 
 SoString ConveyUtils::ping(const SoString& target, bool request, const SoString& key,
@@ -300,7 +304,8 @@ SoString ConveyUtils::ping(const SoString& target, bool request, const SoString&
     const int32_t targets = all ? Convey::getNumberOfRegisteredApplications() : 1;
     for (int32_t i = 0; i < targets; ++i) {
         const SoString name = all ? Convey::getApplicationSpecifier(i) : target;
-        result = askOne(*stream, message, CVResolution::ofCompleted(name), timeoutSeconds);
+        result = askOne(*stream, message, CVResolution::ofCompleted(name), timeoutSeconds,
+                        endOf(timeoutSeconds));
         if (answered != nullptr && isAnswer(result)) {
             ++*answered;
         }

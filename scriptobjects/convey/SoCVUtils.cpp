@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cstdlib>
 #include <memory>
+#include <mutex>
 #include <nettle/md5.h>
 #include <set>
 #include <string>
@@ -48,12 +49,14 @@ void appendHexadecimal(SoString& out, const uint8_t (&bytes)[count]) {
 }
 
 // An identifier of this user, kept in a file of the home folder.
-class Identifier : public SoLockable {
+// With a lock of its own kind: it lives for ever, and objects with locks of the layer are counted
+// as its users.
+class Identifier {
 public:
     explicit Identifier(const char* name) : name_(name) {}
 
     SoString get() {
-        const ObjectLock guard(*this);
+        const std::lock_guard<std::mutex> guard(mutex_);
         if (!cached_.isEmpty()) {
             return cached_;
         }
@@ -65,7 +68,7 @@ public:
     }
 
     void forget() {
-        const ObjectLock guard(*this);
+        const std::lock_guard<std::mutex> guard(mutex_);
         cached_.shrink(0);
     }
 
@@ -99,11 +102,15 @@ private:
             (void)files.publish(file, text.view());
             reading = files.readOwn(file, kMaximumIdentifierFile, content);
         }
+        if (reading == platform::Files::Reading::done && content.empty()) {
+            platform::Log::system().problemOfUser(file + " is empty: messages carry no digest");
+        }
         return reading == platform::Files::Reading::done ? SoString(content.c_str()) : SoString();
     }
 
     const char* const name_;
-    SoString cached_ SO_GUARDED_BY(this);
+    std::mutex mutex_;
+    SoString cached_; // under the mutex
 };
 
 Identifier& userIdentifier() {
@@ -219,7 +226,8 @@ bool deleteFile(const SoString& path) {
 }
 
 bool createAlias(const SoString& target, const SoString& alias) {
-    if (target.isEmpty() || alias.isEmpty()) {
+    // What a relative one means would depend on where the link lies.
+    if (alias.isEmpty() || target == alias || *target.c_str() != '/' || !fileExists(target)) {
         return false;
     }
     (void)deleteFile(alias); // as a rule there is none

@@ -50,6 +50,7 @@ SO_EXPORT bool rmdir(const SoString& path);
 SO_EXPORT bool deleteFile(const SoString& path);
 
 // Makes `alias` a symbolic link to `target`, in place of the file or link that is there, if any.
+// False, with nothing changed, unless `target` is an absolute path to something else that is there.
 SO_EXPORT bool createAlias(const SoString& target, const SoString& alias);
 
 // The path without links that `path` comes to; `path` itself when it names nothing.

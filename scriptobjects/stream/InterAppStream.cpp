@@ -1,8 +1,11 @@
 #include "scriptobjects/stream/InterAppStream.h"
 
+#include <chrono>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <string>
+#include <thread>
 
 #include "limits/Limits.h"
 #include "platform/Log.h"
@@ -15,9 +18,12 @@ namespace {
 
 constexpr const char* kFallbackName = "interappstream-1.0";
 constexpr int kInstances = limits::of("stream.instances");
+constexpr auto kNamePause = std::chrono::milliseconds(20); // what a short-lived owner lives
+
+std::unique_ptr<InterAppStream> nextAvailable(const SoString& name, bool& allTaken);
 
 // The stream of the process, and the lock that makes it once.
-class ProcessStream : public SoLockable {
+class ProcessStream { // lives for ever, so it must not count as a user of the layer's locks
 public:
     static ProcessStream& instance() {
         static auto* const stream = new ProcessStream;
@@ -26,25 +32,27 @@ public:
 
     void set(InterAppStream* stream) {
         std::unique_ptr<InterAppStream> old; // deleted after the lock is given up
-        const ObjectLock guard(*this);
+        const std::lock_guard<std::mutex> guard(mutex_);
         old.reset(stream_);
         stream_ = stream;
     }
 
-    InterAppStream* getOrMake() {
-        const ObjectLock guard(*this);
+    InterAppStream* getOrMake(bool& allTaken) {
+        allTaken = false;
+        const std::lock_guard<std::mutex> guard(mutex_);
         if (stream_ == nullptr) {
-            stream_ = ConveyUtils::createNextAvailableInterAppStream(kFallbackName);
+            stream_ = nextAvailable(kFallbackName, allTaken).release();
         }
         return stream_;
     }
 
 private:
-    InterAppStream* stream_ SO_GUARDED_BY(this) = nullptr;
+    std::mutex mutex_;
+    InterAppStream* stream_ = nullptr; // under the mutex
 };
 
 // The stream at which launch parameters came, for the instance of its name.
-class KeptStream : public SoLockable {
+class KeptStream {
 public:
     static KeptStream& instance() {
         static auto* const kept = new KeptStream;
@@ -53,18 +61,19 @@ public:
 
     void set(std::unique_ptr<InterAppStream> stream) {
         std::unique_ptr<InterAppStream> old; // deleted after the lock is given up
-        const ObjectLock guard(*this);
+        const std::lock_guard<std::mutex> guard(mutex_);
         old.swap(stream_);
         stream_ = std::move(stream);
     }
 
     std::unique_ptr<InterAppStream> take(const SoString& name) {
-        const ObjectLock guard(*this);
+        const std::lock_guard<std::mutex> guard(mutex_);
         return stream_ != nullptr && stream_->getName() == name ? std::move(stream_) : nullptr;
     }
 
 private:
-    std::unique_ptr<InterAppStream> stream_ SO_GUARDED_BY(this);
+    std::mutex mutex_;
+    std::unique_ptr<InterAppStream> stream_; // under the mutex
 };
 
 // Null when the name has an owner, which `isTaken` tells, or cannot be had for another reason: that
@@ -87,7 +96,9 @@ std::unique_ptr<InterAppStream> goodStream(const SoString& name, bool& isTaken) 
     return nullptr;
 }
 
-std::unique_ptr<InterAppStream> nextAvailable(const SoString& name) {
+// `allTaken` tells whether owners of the names are why there is none.
+std::unique_ptr<InterAppStream> nextAvailable(const SoString& name, bool& allTaken) {
+    allTaken = false;
     if (name.isEmpty()) {
         return nullptr;
     }
@@ -107,18 +118,25 @@ std::unique_ptr<InterAppStream> nextAvailable(const SoString& name) {
             return stream;
         }
     }
-    if (isTaken) {
-        platform::Log::system().problem(std::string(name.c_str()) + " and its instances up to " +
-                                        specifier.c_str() + " are all taken");
-    }
+    allTaken = isTaken;
     return nullptr;
+}
+
+void tellThatAllAreTaken(const char* name) {
+    platform::Log::system().problem(std::string(name) + " and its " + std::to_string(kInstances) +
+                                    " instances are all taken");
 }
 
 } // namespace
 
 InterAppStream* ConveyUtils::createNextAvailableInterAppStream(const SoString& name) {
     try {
-        return nextAvailable(name).release();
+        bool allTaken = false;
+        auto stream = nextAvailable(name, allTaken);
+        if (allTaken) {
+            tellThatAllAreTaken(name.c_str());
+        }
+        return stream.release();
     } catch (const std::bad_alloc&) {
         return nullptr;
     }
@@ -134,7 +152,8 @@ void InterAppStream::InitTerm::init(const SoString& specifier) {
     ProcessStream::instance().set(nullptr); // its name may be the one that is asked for
     Convey::Specifier name(specifier.c_str(), false);
     name.setSuffix(ConveyData::CV_SUFFIX_PING);
-    ProcessStream::instance().set(ConveyUtils::createNextAvailableInterAppStream(name));
+    bool allTaken = false; // `get` tries another name then
+    ProcessStream::instance().set(nextAvailable(name, allTaken).release());
 }
 
 void InterAppStream::InitTerm::exit() {
@@ -144,7 +163,23 @@ void InterAppStream::InitTerm::exit() {
 }
 
 InterAppStream* InterAppStream::get() {
-    return ProcessStream::instance().getOrMake();
+    return get(0);
+}
+
+InterAppStream* InterAppStream::get(int64_t waitMilliseconds) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(waitMilliseconds);
+    for (;;) {
+        bool allTaken = false;
+        InterAppStream* const stream = ProcessStream::instance().getOrMake(allTaken);
+        if (stream != nullptr || !allTaken) {
+            return stream;
+        }
+        if (std::chrono::steady_clock::now() >= end) {
+            tellThatAllAreTaken(kFallbackName);
+            return nullptr;
+        }
+        std::this_thread::sleep_for(kNamePause);
+    }
 }
 
 } // namespace ScObjects

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 #include "scriptobjects/core/SoExport.h"
@@ -27,6 +28,9 @@ public:
     // The process's stream; made now, with a name that says nothing, when there is none. Null when
     // no name is free. Good until `InitTerm::init` or `exit`. Any thread.
     static InterAppStream* get();
+    // The same, and waits so long for a name while all are taken; many processes that live for a
+    // moment may want one at once. Who waits in vain is told on standard error.
+    static InterAppStream* get(int64_t waitMilliseconds);
 };
 
 namespace ConveyUtils {

@@ -87,10 +87,18 @@ TEST_F(HomeTest, whatIsNotTheUsersOwnFileIsRefused) {
     EXPECT_EQ(Utils::getUserID().length(), 41) << "long, given, and not cached";
     home.write("/.ovrel/userid", "");
     EXPECT_EQ(Utils::getUserID(), "") << "empty";
+    EXPECT_EQ(log.lines.back(), file("userid") + " is empty: messages carry no digest");
     if (getuid() == 0) {
         home.write("/.ovrel/userid", "CAFE");
         ASSERT_EQ(chown(file("userid").c_str(), 65534, 65534), 0);
         EXPECT_EQ(Utils::getUserID(), "") << "another user's";
+        ASSERT_EQ(chown(file("userid").c_str(), 0, 0), 0);
+        EXPECT_EQ(Utils::getUserID(), "CAFE");
+        Utils::exit(); // forgets what was read
+        ASSERT_EQ(chown(home.file("/.ovrel").c_str(), 65534, 65534), 0);
+        EXPECT_EQ(Utils::getUserID(), "") << "in another user's folder";
+        EXPECT_EQ(log.lines.back(),
+                  "refused to read " + file("userid") + ": its folder is not this user's own");
     }
     EXPECT_FALSE(log.lines.empty()) << "somebody must be told";
 }
@@ -155,8 +163,13 @@ TEST_F(HomeTest, foldersFilesAndAliases) {
     home.write("alias", "in the way");
     EXPECT_TRUE(Utils::createAlias(folder, alias));
     EXPECT_EQ(Utils::resolveAlias(alias), Utils::resolveAlias(folder));
-    EXPECT_TRUE(Utils::createAlias("/nonexistent", alias)) << "in place of a link";
-    EXPECT_EQ(Utils::resolveAlias(alias), alias) << "leads nowhere";
+    for (const char* leadsNowhere : {"/nonexistent", "relative", ""}) {
+        EXPECT_FALSE(Utils::createAlias(leadsNowhere, alias)) << leadsNowhere;
+    }
+    EXPECT_FALSE(Utils::createAlias(alias, alias));
+    EXPECT_EQ(Utils::resolveAlias(alias), Utils::resolveAlias(folder)) << "still";
+    EXPECT_TRUE(Utils::createAlias(home.file("plain").c_str(), alias)) << "in place of a link";
+    EXPECT_EQ(Utils::resolveAlias(alias), Utils::resolveAlias(home.file("plain").c_str()));
     EXPECT_FALSE(Utils::createAlias(alias, folder)) << "a folder is in the way";
     EXPECT_FALSE(Utils::deleteFile(folder));
     EXPECT_TRUE(Utils::deleteFile(alias));

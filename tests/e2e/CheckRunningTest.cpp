@@ -13,6 +13,7 @@
 
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoConvey.h"
+#include "scriptobjects/core/SoThread.h"
 #include "tests/e2e/Scene.h"
 
 namespace {
@@ -99,12 +100,12 @@ TEST_F(CheckRunningTest, twoHundredToolsAtOnceEndAndLeaveNothing) {
     for (const auto& tool : tools) {
         EXPECT_EQ(tool->finish(), 0);
         answered += tool->rest().find("'ECHO_RESPONSE'") != std::string::npos ? 1 : 0;
-        // A process has at most nine names of either kind to choose from.
+        // A process has at most nine names of either kind to choose from, and waits for one.
         EXPECT_THAT(tool->rest(),
                     testing::AnyOf(HasSubstr("'ECHO_RESPONSE'"), HasSubstr("'NOINTERAPPSTREAM'"),
                                    HasSubstr("'Timeout'")));
     }
-    EXPECT_GT(answered, 0);
+    EXPECT_GE(answered, count - count / 40) << "of " << count;
     EXPECT_EQ(check("lumen-2.0-en_us"), "ECHO_RESPONSE");
     running->signal(SIGTERM);
     EXPECT_EQ(running->finish(), 0);
@@ -154,6 +155,14 @@ TEST_F(CheckRunningTest, pingsToAStoppedTargetKeepTheirTime) {
     EXPECT_TRUE(Convey::targetIsRunning("lumen-2.0-en_us"));
     EXPECT_FALSE(Convey::targetIsRunning("kivra-7.0"));
     EXPECT_TRUE(Convey::InitTerm::exit());
+    // Nothing of the layer is left that counts as its user: the next start's thread is the main
+    // one.
+    std::thread([] {
+        using LayerThread = ScObjects::Thread;
+        EXPECT_TRUE(LayerThread::InitTerm::init());
+        EXPECT_EQ(LayerThread::getCurrentID(), 0U);
+        EXPECT_TRUE(LayerThread::InitTerm::exit());
+    }).join();
 }
 
 TEST_F(CheckRunningTest, applicationsAnswerEachOther) {
@@ -339,10 +348,7 @@ TEST_F(CheckRunningTest, aFloodedTargetAnswersOthers) {
     RunningProcess pings({SEND, "lumen-2.0-en_us#thread", "--from", "pings-1.0", "--type", "ping",
                           "--count", "100000000"});
     for (int i = 0; i < 5; ++i) {
-        const ProcessResult checked =
-            runProcess({KIVRA_CONVEY_CMD, "check_running", "lumen-2.0-en_us"});
-        EXPECT_THAT(checked.out,
-                    testing::AnyOf(HasSubstr("'ECHO_RESPONSE'"), HasSubstr("'Timeout'")));
+        EXPECT_EQ(check("lumen-2.0-en_us"), "ECHO_RESPONSE") << i;
     }
     pings.signal(SIGKILL);
     EXPECT_EQ(pings.finish(), -1);
