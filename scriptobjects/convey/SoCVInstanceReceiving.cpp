@@ -106,6 +106,9 @@ void PrivateData::receiveTexts(SoString&& text) {
     for (int32_t next = 0; next < text.length();) {
         auto message = std::make_unique<Message>();
         next = message->readFromString(text, next);
+        if (message->getDigestState() == CV_DIGEST_REJECTED) {
+            rejected_.fetch_add(1, std::memory_order_relaxed);
+        }
         if (message->getType() == CV_TYPE_WATCHER || !isForThisLife(*message)) {
             continue;
         }

@@ -79,6 +79,7 @@ TEST(Diagnostics, describeAWholeState) {
 /own-1.0/instances/own-1.0/out;0;Outgoing;0;
 /own-1.0/instances/own-1.0/handlers;0;Handlers;0;
 /own-1.0/instances/own-1.0/predecessor;0;Answers to a predecessor;0;
+/own-1.0/instances/own-1.0/rejected;0;REJECTED;0;
 /own-1.0/instances/other-2.0;1;Instance;other-2.0;
 /own-1.0/instances/other-2.0/stream;0;Stream;other-2.0;
 /own-1.0/instances/other-2.0/in;1;Incoming;1;
@@ -102,6 +103,7 @@ TEST(Diagnostics, describeAWholeState) {
 /own-1.0/instances/other-2.0/out;0;Outgoing;0;
 /own-1.0/instances/other-2.0/handlers;0;Handlers;0;
 /own-1.0/instances/other-2.0/predecessor;0;Answers to a predecessor;0;
+/own-1.0/instances/other-2.0/rejected;0;REJECTED;0;
 /own-1.0/connector;1;Connector;table;
 /own-1.0/connector/name;0;Name;test;
 /own-1.0/connector/good;0;Readable;yes;

@@ -471,7 +471,8 @@ TEST_F(ConversationTest, dropsAnswersToAPredecessor) {
     int results = 0;
     handle([&](int event, Message&, SoString*) { return results += event == 3 ? 1 : 0, 0; });
     for (const char* life : {"@CV>Life:0123456789abcdef\n", ""}) {
-        std::string text = "@CV>Version:2.05\nTarget:own-1.0\nSender:peer-1.0\n";
+        std::string text = *life == '\0' ? "@CV>MD5:0123456789ABCDEF0123456789ABCDEF\n" : "";
+        text += "@CV>Version:2.05\nTarget:own-1.0\nSender:peer-1.0\n";
         text += life;
         text += "Result:5\n\n";
         EXPECT_TRUE(peer.send("own-1.0", SoString(text.c_str())));
@@ -485,6 +486,8 @@ TEST_F(ConversationTest, dropsAnswersToAPredecessor) {
     Convey::getDiagnostics(rows, false);
     EXPECT_NE(rows.view().find("/own-1.0/predecessor;0;Answers to a predecessor;1;"),
               std::string_view::npos);
+    EXPECT_NE(rows.view().find("/own-1.0/rejected;0;REJECTED;1;"), std::string_view::npos)
+        << "a digest that does not fit";
 }
 
 } // namespace
