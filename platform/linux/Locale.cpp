@@ -7,6 +7,15 @@
 namespace platform {
 namespace {
 
+// As the identifiers of languages are written, however the variable is.
+char inLowerCase(char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+char inUpperCase(char c) {
+    return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+}
+
 bool isLetter(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
@@ -45,6 +54,9 @@ public:
                 return false; // "C" and "POSIX" among others
             }
             out.assign(text);
+            const auto region = out.begin() + static_cast<ptrdiff_t>(text.find('_'));
+            std::transform(out.begin(), region, out.begin(), inLowerCase);
+            std::transform(region, out.end(), region, inUpperCase);
             return true;
         }
         return false;

@@ -1,8 +1,11 @@
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "limits/Limits.h"
@@ -29,6 +32,8 @@ TEST(Locale, readsLanguageAndRegionFromTheFirstVariableThatIsSet) {
         {nullptr, nullptr, nullptr, ""},
         {"de", nullptr, nullptr, ""},
         {"es_419", nullptr, nullptr, "es_419"},
+        {"DE_de", nullptr, nullptr, "de_DE"},
+        {nullptr, "en_us.utf8", nullptr, "en_US"},
         {"x'/>_US", nullptr, nullptr, ""},
         {"de_", nullptr, nullptr, ""},
         {"_DE", nullptr, nullptr, ""},
@@ -56,6 +61,36 @@ TEST(Locale, readsLanguageAndRegionFromTheFirstVariableThatIsSet) {
     std::string identifier = "untouched";
     EXPECT_FALSE(fake.identifier(identifier));
     EXPECT_EQ(identifier, "untouched");
+}
+
+TEST(Log, escapesWhatSteersATerminalAndWritesNoFasterThanAPersonReads) {
+    platform::Log& log = platform::Log::own();
+    const auto said = [&log](const std::string& line) {
+        testing::internal::CaptureStderr();
+        log.problem(line);
+        return testing::internal::GetCapturedStderr();
+    };
+    EXPECT_EQ(said("a\x1b[2Jb\n\x7f \xc2\x9b \xff \xc3\xa4 \xe2\x82\xac"),
+              "convey: a\\x1b[2Jb\\x0a\\x7f \\xc2\\x9b \\xff \xc3\xa4 \xe2\x82\xac\n");
+    EXPECT_EQ(said("once"), "convey: once\n");
+    EXPECT_EQ(said("once"), "") << "until it has been forgotten";
+    const auto longest = static_cast<size_t>(limits::of("log.length"));
+    EXPECT_LE(said(std::string(100'000, 'x')).size(), longest + 20);
+    // By rate, and not by a count for life: what was left out is counted, and later lines are said.
+    testing::internal::CaptureStderr();
+    for (int i = 0; i < 1000; ++i) {
+        log.problem("line " + std::to_string(i));
+    }
+    const std::string flood = testing::internal::GetCapturedStderr();
+    const auto lines = std::count(flood.begin(), flood.end(), '\n');
+    EXPECT_GT(lines, 0);
+    EXPECT_LE(lines, limits::of("log.lines"));
+    std::string later;
+    for (int i = 0; later.empty() && i < 300; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(limits::of("log.pause") / 10));
+        later = said("later " + std::to_string(i));
+    }
+    EXPECT_NE(later.find(" lines before this were left out)\n"), std::string::npos) << later;
 }
 
 void keepsTheContractOfFrameworks(platform::Frameworks& frameworks, const std::string& bundle,
