@@ -49,15 +49,23 @@ TEST_F(PortsTest, aMessageReachesAnotherProcess) {
 }
 
 TEST_F(PortsTest, processesWithoutTheVariableMeetTheOthers) {
-    const std::string runtime = "/run/user/" + std::to_string(getuid());
-    if (!std::filesystem::is_directory(runtime)) {
-        GTEST_SKIP() << "there is no " << runtime << " here";
+    // With a folder of the user's as a login makes it, in a view of the files that is theirs alone.
+    // Who is not root there is the root of a user namespace that holds nobody else.
+    std::vector<std::string> command = {"/usr/bin/unshare", "-m"};
+    if (geteuid() != 0) {
+        command.push_back("-r");
     }
-    const std::string name = "convey-test-" + std::to_string(getpid());
-    setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
-    const auto receiving = receiver(name.c_str(), {"--count", "1"});
-    EXPECT_EQ(runProcess({SEND, name, "x"}, {{"XDG_RUNTIME_DIR", ""}}).exitStatus, 0);
-    EXPECT_EQ(receiving->finish(), 0);
+    const std::vector<std::string> shell = {
+        "/bin/sh", "-c",
+        "mount -t tmpfs none /run && runtime=/run/user/$(id -u) && mkdir -p -m 700 \"$runtime\" && "
+        "{ XDG_RUNTIME_DIR=$runtime \"$0\" port-1.0 --count 1 & } && "
+        "until [ -e \"$runtime\"/convey/*port-1.0.socket ]; do sleep 0.01; done && "
+        "env -u XDG_RUNTIME_DIR \"$1\" port-1.0 x && wait",
+        RECEIVE, SEND};
+    command.insert(command.end(), shell.begin(), shell.end());
+    const ProcessResult result = runProcess(command);
+    EXPECT_EQ(result.exitStatus, 0) << result.err;
+    EXPECT_THAT(result.out, HasSubstr("x"));
 }
 
 TEST_F(PortsTest, aMillionMessagesOfEightSendersArriveOnceAndInOrder) {
@@ -118,6 +126,7 @@ TEST_F(PortsTest, aReceiverKilledInMidMessageEndsItsSender) {
     }
 }
 
+#ifdef OTHER_WIDTH_PROGRAMS // in the build that knows of another
 TEST_F(PortsTest, a32BitAnd64BitProcessTalk) {
     const std::string other = OTHER_WIDTH_PROGRAMS;
     if (!std::filesystem::exists(other + "/receive")) {
@@ -140,5 +149,6 @@ TEST_F(PortsTest, a32BitAnd64BitProcessTalk) {
         EXPECT_EQ(receiving->rest(), "300 messages of 3 senders, 0 out of order, 0 rejected\n");
     }
 }
+#endif
 
 } // namespace

@@ -132,16 +132,23 @@ Convey::Specifier known(const std::string& text) {
 
 void requireRegistry() {
     const ScObjects::ConveyContext* const context = Convey::getSharedContext();
+    const bool isKnown = Convey::isRegistryKnown();
     if (context != nullptr && context->getConnector() != nullptr) {
-        return;
+        if (isKnown) {
+            return;
+        }
+        // The layer has said why: what is missing may be registered all the same.
+        throw Failure(kNoLayer, "the database of installed products could not be read to its end");
     }
     const std::string path = caps::findDatabase();
     std::unique_ptr<caps::Store> store;
     std::string reason = "its library ovrel_caps.framework is not found beside the program";
     if (path.empty()) {
         reason = "there is none at " + caps::defaultDatabasePath() + "; ovrel-caps makes one";
-    } else {
-        (void)caps::Store::open(path, caps::Store::Access::read, store, &reason);
+    } else if (caps::Store::open(path, caps::Store::Access::read, store, &reason) ==
+                   caps::Status::ok &&
+               !isKnown) {
+        reason = path + ": could not be read a moment ago";
     }
     throw Failure(kNoLayer, "there is no database of installed products: " + reason);
 }
