@@ -90,7 +90,10 @@ int answerUntilTheEnd(const Convey& instance) {
         std::printf("launched with: %s\n", options.c_str());
     }
     std::fflush(stdout);
-    (void)Convey::run(); // until SIGTERM or SIGINT
+    if (Convey::run() < 0) { // else by SIGTERM or SIGINT
+        std::fputs("host: cannot wait for messages\n", stderr);
+        return 1;
+    }
     return 0;
 }
 
