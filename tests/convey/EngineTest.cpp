@@ -21,6 +21,7 @@
 #include "scriptobjects/convey/SoCVUtilsCore.h"
 #include "scriptobjects/stream/InterAppStream.h"
 #include "tests/support/TableConnector.h"
+#include "tests/support/TestHandler.h"
 
 namespace {
 
@@ -34,35 +35,7 @@ using Message = Convey::Message;
 using Strings = std::vector<std::string>;
 constexpr uint32_t kAny = ScObjects::ConveyData::CV_INVALID_MESSAGE_NUMBER;
 
-// A handler that does what a test says.
-class Handler : public Convey::MsgHandler {
-public:
-    using Body = std::function<int32_t(int, Message&, SoString*)>;
-
-    Handler(Body body, const char* type = "Tessaly", uint32_t serial = kAny,
-            std::atomic<int>* alive = nullptr)
-        : body_(std::move(body)), type_(type), serial_(serial), alive_(alive) {
-        if (alive_ != nullptr) {
-            ++*alive_;
-        }
-    }
-    ~Handler() override {
-        if (alive_ != nullptr) {
-            --*alive_;
-        }
-    }
-    int32_t handleMessage(int event, Message& message, SoString* result) override {
-        return body_(event, message, result);
-    }
-    SoString getMsgType() const override { return type_; }
-    uint32_t getSerialNumber() const override { return serial_; }
-
-private:
-    const Body body_;
-    const SoString type_;
-    const uint32_t serial_;
-    std::atomic<int>* const alive_;
-};
+using Handler = TestHandler;
 
 // Notes each call as kind, type and body.
 Handler* noting(Strings& calls, const char* type = "Tessaly", uint32_t serial = kAny) {
@@ -308,6 +281,28 @@ TEST_F(EngineTest, refusesMessagesWhenTooManyWaitForTheirTargets) {
     EXPECT_EQ(own.data()->outgoing().count(), limits::of("queue.outgoing.messages"));
     EXPECT_TRUE(own.processIncomingMessage(kAny, true));
     EXPECT_EQ(calls, Strings{"4 Tessaly ERROR: TOO MANY MESSAGES WAIT"});
+}
+
+TEST_F(EngineTest, leavesWithItsSendersWhatAnOwnerWhoDoesNotPumpHasNoRoomFor) {
+    int64_t handled = 0;
+    Convey own("own-1.0", new Handler([&](int, Message&, SoString*) { return ++handled, 0; }), true,
+               nullptr);
+    const InterAppStream sender("sender-1.0");
+    Message message = request("own-1.0", "x");
+    message.setSender("sender-1.0");
+    SoString text;
+    ASSERT_TRUE(message.writeToString(text));
+    const int64_t bound = limits::of("queue.incoming.messages");
+    int64_t taken = 0;
+    while (taken < 2 * bound && sender.send("own-1.0", text, 1000)) {
+        ++taken;
+    }
+    EXPECT_LT(taken, 2 * bound) << "the last one waited for room";
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (handled < taken && std::chrono::steady_clock::now() < end) {
+        (void)Convey::pumpOrWait(100);
+    }
+    EXPECT_EQ(handled, taken) << "and nothing is lost";
 }
 
 TEST_F(EngineTest, aMessageThatFindsNoTargetEndsAfterTenMinutes) {

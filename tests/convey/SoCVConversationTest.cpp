@@ -17,6 +17,7 @@
 #include "scriptobjects/stream/InterAppStream.h"
 #include "tests/support/FailingAllocations.h"
 #include "tests/support/TableConnector.h"
+#include "tests/support/TestHandler.h"
 
 namespace {
 
@@ -26,22 +27,7 @@ using ScObjects::SoString;
 using Message = Convey::Message;
 constexpr uint32_t kAny = ScObjects::ConveyData::CV_INVALID_MESSAGE_NUMBER;
 
-class Handler : public Convey::MsgHandler {
-public:
-    using Body = std::function<int32_t(int, Message&, SoString*)>;
-    Handler(Body body, const char* type, uint32_t serial = kAny)
-        : body_(std::move(body)), type_(type), serial_(serial) {}
-    int32_t handleMessage(int event, Message& message, SoString* result) override {
-        return body_(event, message, result);
-    }
-    SoString getMsgType() const override { return type_; }
-    uint32_t getSerialNumber() const override { return serial_; }
-
-private:
-    const Body body_;
-    const SoString type_;
-    const uint32_t serial_;
-};
+using Handler = TestHandler;
 
 class ConversationTest : public testing::Test {
 protected:

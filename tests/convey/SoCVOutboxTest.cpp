@@ -1,3 +1,5 @@
+#include <atomic>
+#include <chrono>
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
@@ -13,6 +15,7 @@
 #include "scriptobjects/convey/SoCVThread.h"
 #include "scriptobjects/stream/InterAppStream.h"
 #include "tests/support/TableConnector.h"
+#include "tests/support/TestHandler.h"
 
 namespace {
 
@@ -153,6 +156,14 @@ TEST_F(OutboxTest, aTargetThatHasJustFailedIsLeftAlone) {
         (void)outbox.pass(&sender, Outbox::Carrier::round);
     }
     EXPECT_FALSE(target.messagePending()) << "none behind the one that failed";
+    constexpr int kMany = 1'000'000;
+    ports.failures = kMany;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(100);
+    while (std::chrono::steady_clock::now() < end) {
+        (void)outbox.pass(&sender, Outbox::Carrier::round);
+    }
+    EXPECT_LT(kMany - ports.failures, 50) << "it is asked again after pauses that grow";
+    ports.failures = 0;
     std::vector<size_t> numbers;
     for (size_t i = 0; i < 3; ++i) {
         while (!target.messagePending()) {
@@ -274,6 +285,41 @@ TEST_F(WayOutTest, handlersThatThrowEndNothing) {
     EXPECT_FALSE(own.incomingMessagePending());
     tellThread(asker, "asker-1.0#ping", "STATUS");
     EXPECT_EQ(answerTo(asker), "IDLE") << "the thread lives";
+}
+
+// The background thread, which would send what waits, is held meanwhile.
+TEST_F(WayOutTest, whatAnOwnerSendsDoesNotOvertakeWhatWaits) {
+    layer.connector->launchResult = 1;
+    Convey own("own-1.0", nullptr, true, nullptr);
+    std::atomic<bool> inside{false};
+    std::atomic<bool> leave{false};
+    auto* const holding = new TestHandler([&](int, Message&, SoString*) {
+        for (inside = true; !leave;) {
+            std::this_thread::yield();
+        }
+        return 0;
+    });
+    EXPECT_TRUE(Convey::Thread::setPingHandler("hold", holding));
+    InterAppStream asker("asker-1.0#ping");
+    tellThread(asker, "asker-1.0#ping", "hold");
+    while (!inside) {
+        std::this_thread::yield();
+    }
+    std::unique_ptr<InterAppStream> target;
+    for (const char* body : {"first", "second"}) {
+        Message message;
+        message.setTarget("other-2.0");
+        message.setBody(body);
+        EXPECT_FALSE(own.send(message, true, 0, nullptr)) << body << " is not delivered yet";
+        target = target ? std::move(target) : std::make_unique<InterAppStream>("other-2.0");
+    }
+    leave = true;
+    std::string received;
+    while (received.find("second") == std::string::npos &&
+           (target->receive() || target->waitForMessage(10'000, false))) {
+        received += target->getMessages().c_str();
+    }
+    EXPECT_LT(received.find("\n\nfirst"), received.find("\n\nsecond"));
 }
 
 TEST_F(WayOutTest, observersThatCameBeforeTheMainInstanceAreServed) {
