@@ -121,7 +121,8 @@ private:
     void accept(std::unique_ptr<Convey::Message> message);
     bool isForThisLife(const Convey::Message& message);
     bool receiveAll();
-    void dispatch(const Convey::Message& message, Conversations::Turn& turn);
+    bool handle(MessageQueue::Taken& taken, Conversations::Turn& turn);
+    void dispatch(const Convey::Message& message, Conversations::Turn& turn, bool& called);
     void finish(const Convey::Message& message, const Reply& reply);
     void removeExpired();
     void noteActivity() const;
@@ -136,6 +137,7 @@ private:
     const std::shared_ptr<Takers> takers_ = std::make_shared<Takers>();
     std::atomic<uint32_t> answersToPredecessor_{0};
     std::atomic<uint32_t> rejected_{0}; // texts whose digest does not fit
+    std::atomic<uint32_t> answersLost_{0}; // there was no memory to make them
     SoString appName_ SO_GUARDED_BY(this);
     // From the stream to the queue one thread at a time, or messages would overtake each other.
     std::mutex receivingTurn_;

@@ -18,6 +18,7 @@ using Message = Convey::Message;
 using MsgHandler = Convey::MsgHandler;
 
 constexpr int32_t kRejected = 53;
+constexpr int32_t kOutOfMemory = 63;
 // What the background receives for an instance whose owner does not pump; the rest stays in the
 // system's queue, and holds its senders.
 constexpr int32_t kMaximumReceivedAhead = limits::of("queue.incoming.messages");
@@ -204,22 +205,38 @@ bool PrivateData::processIncoming(uint32_t serialNumber, bool process) {
         awaited = conversations_.awaitedNumbers();
         choice.numbers = &awaited;
     }
-    const MessageQueue::Taken taken = incoming_.takeWanted(serialNumber, choice);
-    const std::unique_ptr<Message>& message = taken.message;
-    if (message == nullptr || message->getTarget().isEmpty()) {
+    MessageQueue::Taken taken = incoming_.takeWanted(serialNumber, choice);
+    if (taken.message == nullptr || taken.message->getTarget().isEmpty()) {
         return false;
     }
-    if (!isEmptyRequest(*message)) {
-        dispatch(*message, turn);
+    const bool handled = handle(taken, turn);
+    // Who waits for its end looks again; not for what went back, or it would look all the time.
+    if (turn.leave() && handled) {
+        noteActivity();
     }
-    finish(*message, turn.reply);
-    if (turn.leave()) {
-        noteActivity(); // who waits for its end looks again
+    return handled;
+}
+
+// What memory does not suffice for is not lost in silence: a message that no handler has seen goes
+// back to its place, which is false, and the asker of one that was handled hears of an error.
+bool PrivateData::handle(MessageQueue::Taken& taken, Conversations::Turn& turn) {
+    const Message& message = *taken.message;
+    bool called = false;
+    const auto attempt = [&](auto&& step) { return guarded(false, [&] { return step(), true; }); };
+    if (!isEmptyRequest(message) && !attempt([&] { dispatch(message, turn, called); })) {
+        if (!called && attempt([&] { incoming_.putBack(taken); })) {
+            return false;
+        }
+        answersLost_.fetch_add(1, std::memory_order_relaxed);
+        (void)attempt([&] { sendError(message, "ERROR: OUT OF MEMORY", kOutOfMemory, 0); });
+    }
+    if (!attempt([&] { finish(message, turn.reply); })) {
+        answersLost_.fetch_add(1, std::memory_order_relaxed);
     }
     return true;
 }
 
-void PrivateData::dispatch(const Message& message, Conversations::Turn& turn) {
+void PrivateData::dispatch(const Message& message, Conversations::Turn& turn, bool& called) {
     Message copy(message);
     if (Message::getAuthentication() && message.isRejected()) {
         sendError(copy, "ERROR: MESSAGE REJECTED", kRejected, 0);
@@ -232,6 +249,7 @@ void PrivateData::dispatch(const Message& message, Conversations::Turn& turn) {
     const Kind kind = kindOf(message, turn.reply);
     presentReply(copy, turn.reply, kind);
     SoString result;
+    called = true;
     const int32_t code = slot->call(kind, copy, &result);
     const auto done = conversations_.handled(turn, message, slot); // a handler for one message
     if (code != 0) {

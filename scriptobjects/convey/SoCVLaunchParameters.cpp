@@ -58,7 +58,7 @@ bool getLaunchParameters(const SoString& specifier, SoString& parameters) {
     }
     const SoString queueName = CVSpecifierParts::of(parsed.view()).applicationText();
     Convey::Specifier pendingName(queueName.c_str(), false);
-    (void)pendingName.setSuffix("haslaunchparams");
+    (void)pendingName.setSuffix(kPendingSuffix);
     const InterAppStream* const stream = InterAppStream::get();
     if (stream == nullptr) {
         return true; // nothing can have been sent to a process that nothing can be sent to

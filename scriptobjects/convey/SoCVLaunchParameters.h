@@ -13,6 +13,9 @@ namespace ScObjects::ConveyUtils {
 // keeps the port "haslaunchparams" of the application for as long. Called once, by the setup.
 SO_EXPORT bool getLaunchParameters(const SoString& specifier, SoString& parameters);
 
+// The suffix of the port that a launcher keeps open while parameters wait for the application.
+inline constexpr const char* kPendingSuffix = "haslaunchparams";
+
 // Waits at the port `queueName` for a message, in slices of 4 seconds until `seconds` are over, and
 // wakes when it arrives; `parameters` is its body. True also when the port cannot be opened, since
 // nothing is pending then.

@@ -9,6 +9,7 @@
 #include "platform/Processes.h"
 #include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVInstance.h"
+#include "scriptobjects/convey/SoCVLaunchParameters.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/convey/SoCVThread.h"
@@ -27,14 +28,13 @@ using Message = Convey::Message;
 constexpr std::string_view kWebAddress = "https://"; // compared exactly, so HTTPS:// is a path
 constexpr std::string_view kBundleExtension = ".app";
 constexpr uint32_t kLaunchSeconds = limits::of("launch.age");
-constexpr const char* kPendingSuffix = "haslaunchparams";
 
 std::unique_ptr<InterAppStream> pendingPort(const SoString* queueName) {
     if (queueName == nullptr) {
         return nullptr;
     }
     Convey::Specifier name(queueName->c_str(), false);
-    (void)name.setSuffix(kPendingSuffix);
+    (void)name.setSuffix(ConveyUtils::kPendingSuffix);
     // Taken when another launch of the application is pending: its port says the same.
     return std::make_unique<InterAppStream>(name);
 }
@@ -58,8 +58,11 @@ std::shared_ptr<PrivateData> receiverOf(const Message& message) {
 class HandOver {
 public:
     HandOver(ConveyContext& context, PrivateData& sender)
-        : context_(context), sender_(sender), name_(sender.appName()), key_("LAUNCHPARAMS:") {
-        key_ << name_;
+        : context_(context),
+          sender_(sender),
+          name_(sender.appName()),
+          key_(ConveyThread::CV_LAUNCHPARAMS) {
+        key_ << ':' << name_;
     }
 
     void begin(const SoString& specifier, const SoString& params) {

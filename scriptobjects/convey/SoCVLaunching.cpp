@@ -87,8 +87,8 @@ int32_t launch(const CVResolution& resolution, const char* parameters, int32_t f
     const SoString text = launchParametersFor(target, parameters);
     Convey::Specifier keyName(target);
     (void)keyName.setInstance(SoString());
-    SoString key("LAUNCHPARAMS:");
-    key << keyName;
+    SoString key(ConveyThread::CV_LAUNCHPARAMS);
+    key << ':' << keyName;
     ConveyThread* const thread = context.getThread();
     (void)thread->setKeyValuePair(key, text);
     (void)thread->setTimeout(key, kLaunchSeconds);

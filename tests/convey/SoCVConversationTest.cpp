@@ -452,6 +452,40 @@ TEST_F(ConversationTest, noOperationThrowsWhenMemoryRunsOut) {
     }
 }
 
+// Whichever allocation fails as a request is handled: it is handled once, now or when there is
+// memory, or its asker hears of an error.
+TEST_F(ConversationTest, aMessageIsNotLostWhenMemoryRunsOut) {
+    bool failed = true;
+    for (uint32_t number = 1; failed; ++number) {
+        SCOPED_TRACE(number);
+        int calls = 0;
+        std::string heard;
+        delete other.changeHandler(new Handler(
+            [&](int, Message&, SoString* result) {
+                *result = "a result that does not fit into a small text";
+                return ++calls, 0;
+            },
+            "Tessaly"));
+        for (const char* type : {"Result", "Error"}) {
+            handle([&heard, type](int, Message&, SoString*) { return heard += type, 0; }, type,
+                   number);
+        }
+        Message message = request(number, "Result Error");
+        ASSERT_TRUE(own.send(message, false, 0, nullptr));
+        {
+            const FailingAllocation failing(static_cast<int>(number) - 1);
+            (void)Convey::pump(ScObjects::kProcessBoth);
+            failed = FailingAllocation::hasFailed();
+        }
+        pumpAll();
+        EXPECT_LE(calls, 1);
+        EXPECT_NE(heard, "");
+        EXPECT_TRUE(calls == 1 || heard == "Error") << heard;
+        ASSERT_LT(number, 5000U);
+        (void)own.deleteHandlers(number);
+    }
+}
+
 TEST_F(ConversationTest, dropsAnswersToAPredecessor) {
     const InterAppStream peer("peer-1.0");
     int results = 0;
