@@ -10,8 +10,12 @@
 #include <sstream>
 #include <tuple>
 
+#include "scriptobjects/convey/SoCVWords.h"
+
 namespace convey_tool {
 namespace {
+
+using namespace ScObjects::ConveyData;
 
 using Key = std::tuple<std::string, std::string, uint64_t, std::string>;
 
@@ -33,7 +37,8 @@ int64_t microsecondsOf(const std::string& time) {
 
 // The kind of a reply, empty for a request. Behind it a user's type may stand.
 std::string replyKind(const std::string& type) {
-    for (const char* kind : {"Received", "Result", "Error", "Timeout", "Processed"}) {
+    for (const char* kind :
+         {CV_TYPE_RECEIVED, CV_TYPE_RESULT, CV_TYPE_ERROR, CV_TYPE_TIMEOUT, CV_TYPE_PROCESSED}) {
         if (type.compare(0, std::string(kind).size(), kind) == 0) {
             return kind;
         }
@@ -51,70 +56,92 @@ int64_t Conversation::Latency::at(double share) const {
     return microseconds[static_cast<size_t>(std::lround(share * last))];
 }
 
+// Puts the events of a capture together, line by line.
+class Conversation::Reader {
+public:
+    explicit Reader(Conversation& all) : all_(all) {}
+
+    void take(const Json& event) {
+        const int64_t time = microsecondsOf(event.at("time"));
+        if (all_.start_.empty()) {
+            all_.start_ = event.at("time");
+            all_.startMicroseconds_ = time;
+        }
+        if (event.contains("dropped")) {
+            all_.dropped_ += event["dropped"].get<uint64_t>();
+            return;
+        }
+        const std::string name = event.at("event");
+        const std::string told = event.at("of").get<std::string>() + " " +
+                                 event.at("kind").get<std::string>() + " " + name;
+        Sent sent;
+        sent.microseconds = time - all_.startMicroseconds_;
+        sent.type = event.at("type");
+        sent.sender = event.at("sender");
+        sent.target = event.at("target");
+        sent.serial = event.at("serial");
+        sent.sizeBytes = event.at("size");
+        sent.text = event.at("text");
+        Sent& message = all_.messages_[indexOf(std::move(sent), told)];
+        message.events += (message.events.empty() ? "" : ", ") + name;
+        if (name == "timed out" && message.outcome == Outcome::none) {
+            message.outcome = Outcome::timedOut;
+        }
+    }
+
+private:
+    // The message that an event is of. What is told again is another message: numbers begin anew
+    // with each process.
+    size_t indexOf(Sent&& sent, const std::string& told) {
+        const Key key{sent.sender, sent.target, sent.serial, sent.type};
+        const auto known = newest_.find(key);
+        if (known != newest_.end() && seen_[known->second].insert(told).second) {
+            return known->second;
+        }
+        const size_t index = all_.messages_.size();
+        newest_[key] = index;
+        seen_[index] = {told};
+        const std::string kind = replyKind(sent.type);
+        sent.isReply = !kind.empty();
+        if (sent.isReply) {
+            answer(sent, kind);
+        } else {
+            requests_[{sent.sender, sent.target, sent.serial}] = index;
+        }
+        all_.messages_.push_back(std::move(sent));
+        return index;
+    }
+
+    void answer(Sent& reply, const std::string& kind) {
+        const auto request = requests_.find({reply.target, reply.sender, reply.serial});
+        if (request == requests_.end()) {
+            return;
+        }
+        reply.request = static_cast<int64_t>(request->second);
+        reply.outcome = kind == CV_TYPE_ERROR     ? Outcome::failed
+                        : kind == CV_TYPE_TIMEOUT ? Outcome::timedOut
+                                                  : Outcome::answered;
+        Sent& asked = all_.messages_[request->second];
+        if (kind != CV_TYPE_RECEIVED && asked.outcome == Outcome::none) {
+            asked.outcome = reply.outcome;
+            asked.answerMicroseconds = reply.microseconds - asked.microseconds;
+        }
+    }
+
+    Conversation& all_;
+    std::map<Key, size_t> newest_;                 // of each message
+    std::map<size_t, std::set<std::string>> seen_; // its events, and who told them
+    std::map<std::tuple<std::string, std::string, uint64_t>, size_t> requests_;
+};
+
 Conversation Conversation::read(std::istream& lines) {
     Conversation all;
-    std::map<Key, size_t> newest;                 // of each message
-    std::map<size_t, std::set<std::string>> seen; // its events, and who told them
-    std::map<std::tuple<std::string, std::string, uint64_t>, size_t> requests;
+    Reader reader(all);
     size_t number = 0;
     for (std::string line; std::getline(lines, line);) {
         ++number;
         try {
-            const Json event = Json::parse(line);
-            const int64_t time = microsecondsOf(event.at("time"));
-            if (all.start_.empty()) {
-                all.start_ = event.at("time");
-                all.startMicroseconds_ = time;
-            }
-            if (event.contains("dropped")) {
-                all.dropped_ += event["dropped"].get<uint64_t>();
-                continue;
-            }
-            const std::string name = event.at("event");
-            const std::string told = event.at("of").get<std::string>() + " " +
-                                     event.at("kind").get<std::string>() + " " + name;
-            Sent sent;
-            sent.microseconds = time - all.startMicroseconds_;
-            sent.type = event.at("type");
-            sent.sender = event.at("sender");
-            sent.target = event.at("target");
-            sent.serial = event.at("serial");
-            sent.sizeBytes = event.at("size");
-            sent.text = event.at("text");
-            const Key key{sent.sender, sent.target, sent.serial, sent.type};
-            const auto known = newest.find(key);
-            // What is told again is another message: numbers begin anew with each process.
-            const bool isNew = known == newest.end() || !seen[known->second].insert(told).second;
-            const size_t index = isNew ? all.messages_.size() : known->second;
-            if (isNew) {
-                newest[key] = index;
-                seen[index] = {told};
-                const std::string kind = replyKind(sent.type);
-                sent.isReply = !kind.empty();
-                if (!sent.isReply) {
-                    requests[{sent.sender, sent.target, sent.serial}] = index;
-                } else if (const auto request =
-                               requests.find({sent.target, sent.sender, sent.serial});
-                           request != requests.end()) {
-                    sent.request = static_cast<int64_t>(request->second);
-                    Sent& asked = all.messages_[request->second];
-                    const Outcome outcome = kind == "Error"     ? Outcome::failed
-                                            : kind == "Timeout" ? Outcome::timedOut
-                                                                : Outcome::answered;
-                    const bool ends = kind != "Received";
-                    if (ends && asked.outcome == Outcome::none) {
-                        asked.outcome = outcome;
-                        asked.answerMicroseconds = sent.microseconds - asked.microseconds;
-                    }
-                    sent.outcome = outcome;
-                }
-                all.messages_.push_back(std::move(sent));
-            }
-            Sent& message = all.messages_[index];
-            message.events += (message.events.empty() ? "" : ", ") + name;
-            if (name == "timed out" && message.outcome == Outcome::none) {
-                message.outcome = Outcome::timedOut;
-            }
+            reader.take(Json::parse(line));
         } catch (const std::exception& error) {
             throw Failure(kNoLayer, "line " + std::to_string(number) +
                                         " is no event of a capture: " + error.what());

@@ -52,6 +52,8 @@ public:
     uint64_t dropped() const { return dropped_; }
 
 private:
+    class Reader;
+
     std::vector<Sent> messages_;
     std::string start_;
     int64_t startMicroseconds_ = 0;

@@ -137,15 +137,15 @@ public:
           // Not the main instance, whose own messages would be forwarded to the same handlers.
           instance_(name.c_str(), nullptr, false, nullptr) {
         if (options.errors) {
-            kinds_.push_back({"FWDERRORS", "errors"});
+            kinds_.push_back({ScObjects::ConveyData::CV_FORWARD_ERRORS, "errors"});
         }
         if (options.logs) {
-            kinds_.push_back({"FWDLOGS", "logs"});
+            kinds_.push_back({ScObjects::ConveyData::CV_FORWARD_LOGS, "logs"});
         }
         if (kinds_.empty()) {
-            kinds_.push_back({"FWDMESSAGES", "messages"});
+            kinds_.push_back({ScObjects::ConveyData::CV_FORWARD_MESSAGES, "messages"});
             if (!options.captureFile.empty()) { // replies are steps only
-                kinds_.push_back({"FWDLOGS", "logs"});
+                kinds_.push_back({ScObjects::ConveyData::CV_FORWARD_LOGS, "logs"});
             }
         }
         if (options.bodies || !options.captureFile.empty()) {
@@ -214,7 +214,8 @@ private:
                             << std::endl;
             }
         }
-        const std::string root = toStd(forwarded.getUserHeaderValue("MsgRoot"));
+        const std::string root =
+            toStd(forwarded.getUserHeaderValue(ScObjects::ConveyData::CV_MESSAGE_ROOT));
         const MessageRows message = readMessage(toStd(forwarded.getBody()), root);
         if (!match_.holds(message) || (options_.count != 0 && events_ >= options_.count)) {
             return;
