@@ -162,6 +162,7 @@ Convey* ConveyContext::findInstance(const SoString& appName) {
     return nullptr;
 }
 
+// A share in it: its owner may delete the instance while the background is about to use it.
 std::shared_ptr<ConveyData::PrivateData> ConveyContext::pin(const SoString& appName) const {
     const ObjectLock guard(*this);
     for (int32_t i = 0; i < instances_.count(); ++i) {
@@ -231,6 +232,8 @@ Convey* ConveyContext::getMainInstance() {
 uint32_t ConveyContext::getNextSerialNumber() {
     const ObjectLock guard(*this);
     const uint32_t number = serialNumber_++;
+    // Kept beyond the context's end: the next one goes on behind it, or an answer to the one before
+    // would find a request of the same number.
     gLastSerialNumber.store(number);
     return number;
 }
@@ -315,6 +318,8 @@ uint64_t ConveyContext::activity() const {
 }
 
 void ConveyContext::noteActivity() {
+    // Under the mutex, although it is a mere number: a waiter that has just compared it and is
+    // about to sleep would miss the notice otherwise.
     {
         const std::lock_guard<std::mutex> guard(activityMutex_);
         ++activity_;

@@ -34,6 +34,8 @@ public:
 int32_t callHandler(MsgHandler& handler, int event, Message& message, SoString* result) {
     const Depth depth;
     int32_t code = 0;
+    // Put together before the call: the handler may change the message, and its type is what a
+    // person who reads the log looks for.
     std::string what = "a handler for messages of type \"";
     what += message.getType().view();
     what += '"';
@@ -53,6 +55,8 @@ int32_t handlerDepth() {
 }
 
 uint64_t ownLife() {
+    // Neither the process's number, which the system gives out again, nor its start, which two
+    // lives may share where clocks are coarse or are set back.
     static const uint64_t life = [] {
         uint64_t number = 0;
         if (!platform::Random::system().fill(&number, sizeof number)) {
@@ -80,6 +84,8 @@ Reply replyOf(const Message& message) {
                     {Reply::kError, CV_TYPE_ERROR, message.getError()}};
     for (const auto& reply : numbered) {
         const bool begins = type.starts_with(reply.word);
+        // A number of a request makes a reply, whatever its type says: peers that came before
+        // replies had types send them under the type of the request.
         if (type == reply.word || reply.number != CV_INVALID_MESSAGE_NUMBER ||
             (message.isReply() && begins)) {
             std::string_view rest = type;
@@ -119,6 +125,8 @@ Reply replyOf(const Message& message, std::string_view requestType) {
     return reply;
 }
 
+// A handler's visitors are known by their threads: who takes a handler out from within it must not
+// wait for itself, so a count would not do.
 // A handler's visitor, counted in and, whatever happens, out.
 class HandlerSlot::Visit {
 public:
@@ -171,6 +179,8 @@ int32_t HandlerSlot::call(int event, Message& message, SoString* result) {
 MsgHandler* HandlerSlot::release() {
     const std::thread::id self = std::this_thread::get_id();
     std::unique_lock<std::mutex> lock(mutex_);
+    // First nobody comes in any more, then those who are in leave: in the other order a busy
+    // handler might never be free.
     MsgHandler* const handler = handler_.exchange(nullptr);
     left_.wait(lock, [&] {
         return std::all_of(inside_.begin(), inside_.end(),
@@ -203,12 +213,15 @@ std::shared_ptr<Conversation> Conversations::openLocked(uint32_t number) {
 }
 
 void Conversations::closeIfDoneLocked(Conversation& conversation) {
+    // Compared by its address: when it has ended with somebody in it, the number may have been
+    // given to another one meanwhile.
     if (!conversation.isNeeded() && findLocked(conversation.number()) == &conversation) {
         table_.erase(conversation.number());
     }
 }
 
 HandlerSlots Conversations::endLocked(Conversation& conversation, Conversation::End end) {
+    // The first end counts: a late "Processed" must not make an answer of a time-out.
     if (conversation.end_ == Conversation::End::none) {
         conversation.end_ = end;
     }
@@ -297,6 +310,8 @@ std::shared_ptr<HandlerSlot> Conversations::handlerFor(const Message& message,
         both += reply.userType;
     }
     const ObjectLock guard(*this);
+    // Those of the number before those of the type: who waits for one message knows more of it than
+    // who takes all of a kind.
     for (const uint32_t number : {message.getSerialNumber(), CV_INVALID_MESSAGE_NUMBER}) {
         if (reply.kind == Reply::kNone) {
             if (const auto* const slot = findSlotLocked(message.getType().view(), number)) {
@@ -325,6 +340,7 @@ std::shared_ptr<HandlerSlot> Conversations::handlerFor(const Message& message,
 std::shared_ptr<HandlerSlot> Conversations::add(MsgHandler* handler) {
     std::unique_ptr<MsgHandler> owned(handler);
     {
+        // Before there is a slot, which would delete it: a host may register a handler twice.
         const ObjectLock guard(*this);
         if (numbers_.count(handler) != 0) {
             (void)owned.release(); // it is registered already
@@ -340,6 +356,7 @@ std::shared_ptr<HandlerSlot> Conversations::add(MsgHandler* handler) {
     HandlerSlots& slots = conversation == nullptr ? forAny_ : conversation->slots_;
     const auto* const same = findSlotLocked(slot->type(), number);
     std::shared_ptr<HandlerSlot> replaced = same == nullptr ? nullptr : *same;
+    // The new one is in before the old one is out: without memory for it the old one stays.
     try {
         numbers_.emplace(handler, number);
         slots.push_back(slot);
@@ -455,6 +472,9 @@ bool Conversations::enter(const Message& message, bool awaitedOnly, Turn& turn) 
     if (awaitedOnly && !awaitedHere && conversation.waiting_ == 0) {
         return false;
     }
+    // Its own thread comes again only from within a wait for this number, which would never end
+    // otherwise; in any other pump of the handler's a later message would be handled before the
+    // first is done.
     const std::thread::id self = std::this_thread::get_id();
     if (conversation.insideDepth_ != 0 &&
         (conversation.inside_ != self || conversation.waitingInside_ == 0)) {
@@ -480,6 +500,7 @@ std::shared_ptr<HandlerSlot> Conversations::handled(const Turn& turn, const Mess
         return nullptr;
     }
     const ObjectLock guard(*this);
+    // A time-out is not the answer that is waited for, although a handler has run: the wait fails.
     if (turn.conversation_ != nullptr && turn.reply.kind != Reply::kTimeout) {
         turn.conversation_->handlerRan_ = true;
     }
@@ -561,6 +582,7 @@ std::vector<std::unique_ptr<Message>> Conversations::takeExpired() {
             closeIfDoneLocked(conversation);
         }
     }
+    // As queues retire their messages from the end, observers have always seen the newest first.
     std::sort(expired.begin(), expired.end(),
               [](const auto& a, const auto& b) { return a.first > b.first; });
     std::vector<std::unique_ptr<Message>> messages;
@@ -669,6 +691,8 @@ Conversations::Wait::State Conversations::Wait::state() const {
     return conversation.handlerRan_ || !conversation.hadHandler_ ? State::answered : State::failed;
 }
 
+// By the asker, too: numbers of two processes meet, and so would a request of a peer pass for the
+// nested one that this thread has sent to another instance of its own.
 bool Conversations::Wait::isAwaitedHere(const Message& request) {
     for (const Wait* wait = gInnermostWait; wait != nullptr; wait = wait->outer_) {
         if (wait->conversation_->number() == request.getSerialNumber() &&

@@ -24,6 +24,8 @@ bool ConveyCourier::stop() {
 void ConveyCourier::run() {
     std::unique_lock<std::mutex> lock(mutex_);
     while (!stopped_) {
+        // Cleared before the pass and not behind it: who wakes it meanwhile has work that this pass
+        // may have gone past already.
         woken_ = false;
         lock.unlock();
         const int64_t milliseconds = carry_();

@@ -53,6 +53,7 @@ PrivateData::PrivateData(ConveyContext* context, const SoString& streamName)
 PrivateData::~PrivateData() = default;
 
 void PrivateData::close() {
+    // First of all: who waits looks at it when it is woken below.
     closed_.store(true);
     std::shared_ptr<InterAppStream> stream;
     {

@@ -136,7 +136,7 @@ private:
     Conversations conversations_;
     const std::shared_ptr<Takers> takers_ = std::make_shared<Takers>();
     std::atomic<uint32_t> answersToPredecessor_{0};
-    std::atomic<uint32_t> rejected_{0}; // texts whose digest does not fit
+    std::atomic<uint32_t> rejected_{0};    // texts whose digest does not fit
     std::atomic<uint32_t> answersLost_{0}; // there was no memory to make them
     SoString appName_ SO_GUARDED_BY(this);
     // From the stream to the queue one thread at a time, or messages would overtake each other.

@@ -75,6 +75,7 @@ bool PrivateData::incomingPending() const {
     if (isClosed()) {
         return false; // what it has is nobody's any more
     }
+    // Watchers count: it is the owner's pump that tells of the time-outs.
     if (!incoming_.isEmpty() || conversations_.isWatching()) {
         return true;
     }
@@ -123,6 +124,8 @@ bool PrivateData::receiveArrived() {
     removeExpired(); // the owner may not pump for long
     const auto stream = this->stream();
     for (int texts = 0; stream != nullptr && texts < kTextsAtOnce; ++texts) {
+        // Asked before each text: it may bring any number of messages, so the bound is exceeded by
+        // one text at most.
         if (incoming_.count() >= kMaximumReceivedAhead ||
             incoming_.bodyBytes() >= kMaximumReceivedBytes || !stream->messagePending()) {
             return false;
@@ -160,6 +163,7 @@ void PrivateData::tidyTakers() {
 }
 
 // Draws all that has arrived into the queue; false when there was nothing, and nothing waits.
+// Without the bounds of the background: who pumps handles what it draws.
 bool PrivateData::receiveAll() {
     const auto stream = this->stream();
     const bool arrived = stream != nullptr && (stream->messagePending() || !stream->isEmpty());
@@ -237,6 +241,8 @@ bool PrivateData::handle(MessageQueue::Taken& taken, Conversations::Turn& turn) 
 }
 
 void PrivateData::dispatch(const Message& message, Conversations::Turn& turn, bool& called) {
+    // Handlers may change what they are given; the answer and "Processed" are made from the request
+    // as it came.
     Message copy(message);
     if (Message::getAuthentication() && message.isRejected()) {
         sendError(copy, "ERROR: MESSAGE REJECTED", kRejected, 0);

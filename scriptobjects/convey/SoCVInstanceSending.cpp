@@ -77,11 +77,15 @@ bool PrivateData::send(Message& message, bool mayLaunch, uint32_t waitSeconds,
     if (waitSeconds != 0) {
         wait.emplace(conversations_, message);
     }
+    // Before it is sent, too: another thread may have the answer before this one goes on, and a
+    // watch that begins behind it would never be ended.
     watchTime(message);
     const Delivery delivery =
         deliverLocally(message) ? Delivery::delivered
                                 : deliver(message, text, mayLaunch, waitSeconds, launchParameters);
     if (delivery == Delivery::refused) {
+        // The caller hears it from the result: a time-out for what was never sent would come on
+        // top.
         unwatchTime(message.getSerialNumber());
         return false;
     }
@@ -133,6 +137,7 @@ Delivery PrivateData::post(std::unique_ptr<Message> message) {
 }
 
 // Hands the message to an instance of this process; false when none has its target's name.
+// Not through its port: a process that sends to itself would wait for itself when that is full.
 bool PrivateData::deliverLocally(const Message& message) {
     ConveyContext* const context = this->context();
     const std::shared_ptr<PrivateData> receiver =
@@ -211,6 +216,7 @@ void PrivateData::watchTaker(platform::TargetWatch& taker) const {
 
 Delivery PrivateData::queueForLaunch(const Message& message, uint32_t waitSeconds,
                                      const SoString* launchParameters) {
+    // Before a process is started for a message that would not be kept for it.
     if (!outbox_.hasRoom()) {
         sendError(message, "ERROR: TOO MANY MESSAGES WAIT", kSendFailed, waitSeconds);
         return Delivery::refused;
@@ -295,6 +301,7 @@ void PrivateData::sendError(const Message& request, const char* text, int32_t co
     answer->setBody(SoString(text));
     answer->setHeader(CV_ERROR_CODE, static_cast<long>(code));
     (void)sendResponse(request, CV_WANTS_ERROR, std::move(answer));
+    // Who waits for an answer has its handler for errors called before `send` returns.
     if (waitSeconds != 0 && findSlot(CV_TYPE_ERROR, request.getSerialNumber()) != nullptr) {
         (void)waitForResponse(Conversations::Wait(conversations_, request), waitSeconds);
     }

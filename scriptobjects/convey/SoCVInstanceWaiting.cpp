@@ -74,6 +74,8 @@ bool PrivateData::waitForResponse(const Conversations::Wait& wait, uint32_t seco
     }
     const int64_t end = monotonicNow() + int64_t{1000} * seconds;
     for (;;) {
+        // Read before the pump: what happens between the pump and the wait then ends the wait at
+        // once. Time-outs are nobody's activity, so no wait is longer than the poll.
         const ConveyContext* before = context();
         const uint64_t seen = before == nullptr ? 0 : before->activity();
         Convey::pump(kProcessBoth, nullptr);

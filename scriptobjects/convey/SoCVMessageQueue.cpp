@@ -20,6 +20,7 @@ bool isWatcher(const Message& message) {
 
 // The second at which the message expires; 0 for one that has expired from the start.
 int64_t deadlineOf(const Message& message) {
+    // Read as a signed number: peers write one below 0 for a message that is to live for ever.
     const auto timeout = static_cast<int32_t>(message.getTimeout());
     if (timeout == 0) {
         return isWatcher(message) ? 0 : kNever;
@@ -171,6 +172,7 @@ void MessageQueue::Pool::giveBack(Entry& entry) noexcept {
 }
 
 void MessageQueue::Pool::shrink() noexcept {
+    // A burst must not cost its memory for ever. Nothing points into the blocks now.
     if (blocks_.size() > 1) {
         blocks_.resize(1);
         free_ = nullptr;
@@ -330,6 +332,7 @@ void MessageQueue::knowNumbersLocked() {
     if (numbersKnown_) {
         return;
     }
+    // First all that needs memory, so that without it nothing is half known; then what cannot fail.
     try {
         for (const Entry* entry = all_.first; entry != nullptr; entry = entry->links[ofAll].next) {
             (void)numbers_[entry->message->getSerialNumber()];
@@ -409,6 +412,8 @@ MessageQueue::Taken MessageQueue::takeLocked(Notices& notices, uint32_t serial,
             }
         }
     } else {
+        // Only the first of each sender is asked about: that is what keeps a take from looking at
+        // all that is held up, each time.
         walk.addReady(ready_.first);
         for (const auto& [sender, chain] : heldUp_) {
             if (choice == nullptr || !choice->isHeldUp(*chain.first->message)) {
@@ -421,6 +426,7 @@ MessageQueue::Taken MessageQueue::takeLocked(Notices& notices, uint32_t serial,
     for (Entry* entry = walk.next(); entry != nullptr && entry->position <= last;
          entry = walk.next()) {
         const Message& message = *entry->message;
+        // Also where expired ones have just been retired: the second may have changed meanwhile.
         if (now >= entry->deadline) {
             auto& place = notices.placeFor(message, diagnosticsRoot_);
             place = removeLocked(*entry);

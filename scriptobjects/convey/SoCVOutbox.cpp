@@ -161,6 +161,8 @@ Delivery Outbox::post(const InterAppStream* stream, std::unique_ptr<Message>& me
     }
     const SoString target = message->getTarget();
     const bool large = message->getBody().length() > kLargeBytes;
+    // Tried before it is asked who is there: as a rule the target takes it, and asking costs as
+    // much as sending.
     if (!large && isFree(target)) {
         SoString text;
         if (!message->writeToString(text)) {
@@ -222,6 +224,8 @@ void Outbox::forgetEmptyLines() {
 Outbox::Left Outbox::pass(const InterAppStream* stream, Carrier carrier) {
     Left left;
     queue_.removeExpiredMessages();
+    // A list of its own: other threads queue and send meanwhile, and no lock is held while a stream
+    // is asked.
     const std::vector<std::string> targets = queue_.targets();
     forgetEmptyLines();
     const int64_t end = carrier == Carrier::round ? now() + kPassMilliseconds : INT64_MAX;
@@ -258,6 +262,7 @@ Outbox::Attempt Outbox::nextOf(Turn& turn, Carrier carrier) {
         if (next.large || logged) {
             copy = std::make_unique<Message>(message);
         }
+        // A target that takes nothing would have the same text written for each attempt.
         if (line.textPosition == next.position) {
             next.text = line.text;
             next.written = true;

@@ -106,6 +106,8 @@ private:
                 changed_.wait_for(lock, std::chrono::milliseconds(left));
                 continue;
             }
+            // One reads for all: an answer that a thread took from the stream for itself would be
+            // lost to the thread that it is for.
             reading_ = true;
             lock.unlock();
             if (question.stream_.waitForMessage(left, true)) {

@@ -266,6 +266,8 @@ void ConveyThread::pause(int64_t milliseconds) {
 
 Outbox::Left ConveyThread::runRound(bool regular) {
     Outbox::Left left;
+    // Pings first, in each round: that a process answers must not depend on what its instances have
+    // to do.
     left.more = answerPings();
     left.join(outbox_.pass(stream().get(), Outbox::Carrier::round));
     left.join(serveInstances(regular));
@@ -401,6 +403,8 @@ void ConveyThread::wake() {
 
 bool ConveyThread::stop() {
     stop_.store(true);
+    // Before the thread itself: while the courier sends a large text it uses the outboxes of
+    // instances that end next.
     std::unique_ptr<ConveyCourier> courier;
     {
         const ObjectLock guard(*this);

@@ -87,6 +87,7 @@ SoString ThreadMainMsgHandler::answerKey(const SoString& key, Convey::Message& m
 
 int32_t ThreadLaunchedMsgHandler::handleMessage(int /*event*/, Convey::Message& /*message*/,
                                                 SoString* result) {
+    // Nothing as long as the setup runs: launchers take the answer for the end of the start.
     if (result != nullptr && !ConveySetupThread::isSetupThreadRunning()) {
         *result = ConveyThread::CV_LAUNCHED;
     }
@@ -95,6 +96,7 @@ int32_t ThreadLaunchedMsgHandler::handleMessage(int /*event*/, Convey::Message& 
 
 int32_t ThreadDiagnosticsMsgHandler::handleMessage(int /*event*/, Convey::Message& message,
                                                    SoString* result) {
+    // In the body: the answer to a ping is a header, which is one line.
     const bool formatted = message.getBody() == "formatted";
     SoString text;
     Convey::getDiagnostics(text, formatted);
@@ -138,6 +140,8 @@ int32_t ThreadForwardMsgHandler::handleMessage(int /*event*/, Convey::Message& m
     if (thread->post(std::move(forwarded)) != ConveyData::Delivery::refused) {
         return 0;
     }
+    // Only when nobody owns the name: one that takes nothing for a while may go on, and would have
+    // to ask again without knowing that it must.
     const InterAppStream* const stream = InterAppStream::get();
     if (stream != nullptr && stream->canOpen(observer_, false)) { // nobody is there any more
         (void)thread->setKeyValuePair(key_, SoString());

@@ -64,6 +64,8 @@ void handOver() {
             next = std::move(all.kept.front());
             all.kept.pop_front();
         }
+        // One thread at a time, since the order is all that makes the events of use, and with no
+        // lock held: an observer may do whatever a handler may.
         {
             const ForwardingScope scope;
             (void)next.observer->call(0, *next.message, nullptr);
