@@ -85,6 +85,7 @@ public:
         static auto* const ports = [] {
             auto* const created = new OpenPorts;
             (void)std::atexit([] { instance().end(); }); // else the files stay
+            (void)std::at_quick_exit([] { instance().removeFilesAtOnce(); });
             // Registered behind the handlers of the descriptors, so that this lock is taken first,
             // as it is when a port is opened.
             (void)pthread_atfork([] { instance().mutex_.lock(); },
@@ -132,6 +133,18 @@ private:
         ended_ = true;
         for (PortReceiver* port : ports_) {
             giveBack(port);
+        }
+    }
+
+    // For an end at any point of the program, also while a thread that will not go on holds a lock:
+    // nobody is waited for.
+    void removeFilesAtOnce() {
+        const std::unique_lock<std::mutex> lock(mutex_, std::try_to_lock);
+        if (lock.owns_lock()) {
+            ended_ = true;
+            for (PortReceiver* port : ports_) {
+                port->name_.removeFiles();
+            }
         }
     }
 

@@ -31,7 +31,7 @@ constinit std::terminate_handler gTerminate = nullptr; // what was there before
              {std::string_view(program_invocation_short_name), std::string_view(kReason)}) {
             (void)!write(STDERR_FILENO, text.data(), text.size());
         }
-        _exit(kStatusWithoutMemory);
+        std::quick_exit(kStatusWithoutMemory); // the files of ports go with the process
     } catch (...) { // NOLINT(bugprone-empty-catch): a fault of the program, told as such below
     }
     gTerminate();
@@ -99,8 +99,8 @@ OutputBuffer& outputBuffer() {
 
 bool StandardStreams::open() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
-        if (fcntl(fd, F_GETFD) >= 0) {
-            continue;
+        if (fcntl(fd, F_GETFD) >= 0 || errno != EBADF) {
+            continue; // open, as far as can be found out
         }
         // The other direction than the one it is used in, so that using it fails as before. The
         // lowest free number is the one that is missing.
