@@ -232,7 +232,7 @@ private:
     [[nodiscard]] Status writeValue(int64_t subdomain, std::string_view key,
                                     std::string_view value);
     [[nodiscard]] Status checkEntry(std::string_view key, std::string_view value);
-    [[nodiscard]] Status visitSubdomains(Statement& subdomains, Visitor& visitor);
+    [[nodiscard]] Status visitSubdomains(Statement& subdomains, bool withOrigins, Visitor& visitor);
     [[nodiscard]] Status modTime(const char* what, uint32_t& out);
     // The steps of opening.
     [[nodiscard]] Status find();

@@ -102,12 +102,14 @@ private:
 
 } // namespace
 
-Status Store::visitSubdomains(Statement& subdomains, Visitor& visitor) {
+// `withOrigins`: the rows have when each was written in their last column, and the values say where
+// they come from. Programs that only read ask for neither, which a large registry shows.
+Status Store::visitSubdomains(Statement& subdomains, bool withOrigins, Visitor& visitor) {
     Statement data(
         impl_->connection,
-        impl_->schemaVersion < kFirstVersionWithOrigins
-            ? "SELECT subdomain, key, value, '' FROM domain_data ORDER BY subdomain, position"
-            : "SELECT subdomain, key, value, origin FROM domain_data ORDER BY subdomain, position");
+        withOrigins
+            ? "SELECT subdomain, key, value, origin FROM domain_data ORDER BY subdomain, position"
+            : "SELECT subdomain, key, value FROM domain_data ORDER BY subdomain, position");
     Details details(data);
     int code = SQLITE_ROW;
     while (!details.failed() && (code = subdomains.step()) == SQLITE_ROW) {
@@ -119,13 +121,16 @@ Status Store::visitSubdomains(Statement& subdomains, Visitor& visitor) {
             continue;
         }
         visitor.onSubdomain(static_cast<int32_t>(subdomains.integer(1)), name);
-        visitor.onSubdomainWritten(subdomains.integer(3));
-        details.of(id, [&visitor, name](Statement& row) {
+        if (withOrigins) {
+            visitor.onSubdomainWritten(subdomains.integer(3));
+        }
+        details.of(id, [&visitor, name, withOrigins](Statement& row) {
             const std::string_view key = row.text(1);
             const std::string_view value = row.text(2);
             if (isReadableName(key, kMaxCodeBytes) && value.size() <= kMaxValueBytes) {
                 visitor.onDomainData(key, value);
-                if (const std::string_view origin = row.text(3); !origin.empty()) {
+                if (const std::string_view origin = withOrigins ? row.text(3) : std::string_view();
+                    !origin.empty()) {
                     visitor.onOrigin(origin);
                 }
             } else {
@@ -141,24 +146,20 @@ Status Store::visitSubdomains(Statement& subdomains, Visitor& visitor) {
 
 Status Store::visitDomain(int32_t domain, Visitor& visitor) {
     return inReadTransaction([&] {
-        Statement rows(impl_->connection,
-                       impl_->schemaVersion < kFirstVersionWithOrigins
-                           ? "SELECT id, domain, name, 0 FROM subdomain NOT INDEXED "
-                             "WHERE domain = ?1 ORDER BY id"
-                           : "SELECT id, domain, name, changed FROM subdomain NOT INDEXED "
-                             "WHERE domain = ?1 ORDER BY id");
+        Statement rows(impl_->connection, "SELECT id, domain, name FROM subdomain NOT INDEXED "
+                                          "WHERE domain = ?1 ORDER BY id");
         rows.bind(domain);
-        return visitSubdomains(rows, visitor);
+        return visitSubdomains(rows, false, visitor);
     });
 }
 
 Status Store::visitAllDomains(Visitor& visitor) {
     return inReadTransaction([&] {
+        const bool withOrigins = impl_->schemaVersion >= kFirstVersionWithOrigins;
         Statement rows(impl_->connection,
-                       impl_->schemaVersion < kFirstVersionWithOrigins
-                           ? "SELECT id, domain, name, 0 FROM subdomain ORDER BY id"
-                           : "SELECT id, domain, name, changed FROM subdomain ORDER BY id");
-        return visitSubdomains(rows, visitor);
+                       withOrigins ? "SELECT id, domain, name, changed FROM subdomain ORDER BY id"
+                                   : "SELECT id, domain, name FROM subdomain ORDER BY id");
+        return visitSubdomains(rows, withOrigins, visitor);
     });
 }
 

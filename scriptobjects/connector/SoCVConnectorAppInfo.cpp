@@ -80,14 +80,17 @@ int32_t CVPositionIndex::after(int32_t position) const {
     return next_[static_cast<size_t>(position)];
 }
 
-void CVConnectorAppInfoList::Indexes::prepare(std::string_view specifier) {
-    bySpecifier.prepare(CVPositionIndex::hash(specifier));
-    byAppName.prepare(appNameHash(specifier));
+CVConnectorAppInfoList::Indexes::Hashes
+CVConnectorAppInfoList::Indexes::prepare(std::string_view specifier) {
+    const Hashes hashes{CVPositionIndex::hash(specifier), appNameHash(specifier)};
+    bySpecifier.prepare(hashes.specifier);
+    byAppName.prepare(hashes.appName);
+    return hashes;
 }
 
-void CVConnectorAppInfoList::Indexes::add(std::string_view specifier) noexcept {
-    bySpecifier.add(CVPositionIndex::hash(specifier));
-    byAppName.add(appNameHash(specifier));
+void CVConnectorAppInfoList::Indexes::add(Hashes hashes) noexcept {
+    bySpecifier.add(hashes.specifier);
+    byAppName.add(hashes.appName);
 }
 
 CVConnectorAppInfoList::CVConnectorAppInfoList() = default;
@@ -102,8 +105,7 @@ CVConnectorAppInfoList::indexesWithLocked(int32_t changed, const SoString* speci
     for (int32_t i = 0; i < items_.count(); ++i) {
         const SoString* text = i == changed ? specifier : &items_[i]->specifier;
         if (text != nullptr) {
-            indexes.prepare(text->view());
-            indexes.add(text->view());
+            indexes.add(indexes.prepare(text->view()));
         }
     }
     return indexes;
@@ -112,9 +114,9 @@ CVConnectorAppInfoList::indexesWithLocked(int32_t changed, const SoString* speci
 // What can fail comes first: a record that was taken into the list and then not into an index would
 // have two owners, the list and whoever hears of the failure.
 void CVConnectorAppInfoList::appendLocked(CVConnectorAppInfo* info) {
-    indexes_.prepare(info->specifier.view());
+    const Indexes::Hashes hashes = indexes_.prepare(info->specifier.view());
     items_.append(info);
-    indexes_.add(info->specifier.view());
+    indexes_.add(hashes);
 }
 
 CVConnectorAppInfo* CVConnectorAppInfoList::findEqualLocked(const CVConnectorAppInfo& info,

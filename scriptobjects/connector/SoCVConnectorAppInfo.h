@@ -156,9 +156,13 @@ private:
     struct Indexes {
         CVPositionIndex bySpecifier;
         CVPositionIndex byAppName;
-        // As those of CVPositionIndex.
-        void prepare(std::string_view specifier);
-        void add(std::string_view specifier) noexcept;
+        struct Hashes {
+            uint32_t specifier;
+            uint32_t appName;
+        };
+        // As those of CVPositionIndex; `add` takes what `prepare` gave.
+        Hashes prepare(std::string_view specifier);
+        void add(Hashes hashes) noexcept;
     };
     // Those of the list as it will be, `changed` under the specifier `specifier` or, without one,
     // not in it.
