@@ -67,8 +67,8 @@ public:
     ConveyThread* getThread() const { return thread_.get(); }
     // The process-wide registry, or null.
     ConveyConnector* getConnector() const;
-    // The specifier of this application without suffix: the main instance's name, else what the
-    // background thread is named after, fixed up.
+    // The specifier of this application without suffix: the main instance's name, else that of the
+    // background thread, as its port has it.
     SoString getAppSpecifier() const;
     // How this process identifies its user; see ConveyUtils::getSignature.
     SoString getSignature() const;
