@@ -36,6 +36,8 @@ int64_t Statement::integer(int column) const {
 }
 
 std::string_view Statement::text(int column) const {
+    // In this order: asking for the text may convert the column, after which its type means
+    // nothing, and the length is that of what the last question made.
     const bool isNull = sqlite3_column_type(statement_, column) == SQLITE_NULL;
     const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
     if (bytes == nullptr && !isNull) {
@@ -45,6 +47,8 @@ std::string_view Statement::text(int column) const {
         return ""; // callers copy it, which a null pointer is not for
     }
     const auto length = static_cast<size_t>(sqlite3_column_bytes(statement_, column));
+    // A row made by hand may hold a zero: what stands behind it cannot leave through a C interface,
+    // and must not make two keys of what is one there.
     return {bytes, strnlen(bytes, length)};
 }
 

@@ -20,7 +20,7 @@ public:
         const auto time = static_cast<time_t>(seconds);
         std::tm local{};
         if (localtime_r(&time, &local) == nullptr) {
-            return {};
+            return {}; // fails only for years that no int holds, and no clock shows
         }
         return {local.tm_hour, local.tm_min, local.tm_sec};
     }
