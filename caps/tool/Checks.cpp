@@ -57,6 +57,8 @@ public:
             checkTexts(subdomain);
             if (isApplicationSubdomain(subdomain)) {
                 checkApplication(subdomain);
+            } else if (const auto ignored = ignored_.find(&subdomain); ignored != ignored_.end()) {
+                report(subdomain.name, ignored->second->why, "it is ignored", Harm::ignored);
             } else if (subdomain.domain == kRegistryDomain && subdomain.name == kGroupsSubdomain) {
                 checkGroups(subdomain);
             } else if (subdomain.domain == kRegistryDomain && subdomain.name.starts_with('{')) {

@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "caps/Reading.h"
 #include "caps/RegistryLayout.h"
 #include "caps/Store.h"
+#include "caps/tool/Checks.h"
 #include "scriptobjects/connector/PCDConnector.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/convey/SoConvey.h"
@@ -149,6 +151,22 @@ TEST(Reading, isThatOfTheLayerForTenThousandRandomRegistrations) {
         ASSERT_TRUE(Convey::InitTerm::init("kivra-7.0", true));
         ASSERT_EQ(Convey::getNumberOfRegisteredApplications(),
                   static_cast<int32_t>(reading.records().size()));
+        // And check tells each: the records without a usable path, and those ignored.
+        std::multiset<std::string> ends;
+        std::multiset<std::string> passedOver;
+        for (const auto& finding : caps::tool::checkRegistry(contents, "de_de")) {
+            if (finding.harm == caps::tool::Harm::listingEnds) {
+                ends.insert(finding.where);
+            } else if (finding.why == "it is ignored" && finding.where.starts_with("/ovrel/")) {
+                passedOver.insert(finding.where);
+            }
+        }
+        std::multiset<std::string> expected;
+        for (const Reading::Ignored& one : reading.ignored()) {
+            expected.insert(one.subdomain->name);
+        }
+        EXPECT_EQ(passedOver, expected);
+        expected.clear();
         for (size_t i = 0; i < reading.records().size(); ++i) {
             const Reading::Record& record = reading.records()[i];
             const std::string specifier =
@@ -159,9 +177,13 @@ TEST(Reading, isThatOfTheLayerForTenThousandRandomRegistrations) {
                 shown != nullptr ? shown->path : "",
                 Convey::Specifier(specifier.c_str(), true).getApplicationPath(nullptr).c_str())
                 << specifier << " of " << record.subdomain->name;
+            if (shown == nullptr || shown->path.find('/') == std::string::npos) {
+                expected.insert(specifier);
+            }
             withoutPath += shown == nullptr || shown->path.find('/') == std::string::npos ? 1 : 0;
             others += shown != nullptr && shown != &record ? 1 : 0;
         }
+        EXPECT_EQ(ends, expected);
         registrations += static_cast<int>(reading.records().size() + reading.ignored().size());
         ignored += static_cast<int>(reading.ignored().size());
         Convey::InitTerm::exit();
