@@ -4,6 +4,7 @@
 #include <chrono>
 
 #include "limits/Limits.h"
+#include "platform/Processes.h"
 #include "scriptobjects/connector/SoCVConnector.h"
 #include "scriptobjects/convey/SoCVDiagnosticsRows.h"
 #include "scriptobjects/convey/SoCVInstance.h"
@@ -310,6 +311,9 @@ void ConveyContext::appendDiagnostics(SoString& out, const SoString& path) const
               Convey::Message::getAuthentication() ? "ON" : "OFF");
     rows.leaf("/messages/digest", "Digest",
               ConveyData::MessageGlobals::get()->getCreateDigest() ? "ON" : "OFF");
+    rows.leaf("/process", "Process", platform::Processes::system().ownNumber());
+    const auto started = static_cast<uint32_t>(thread_->startTime() / 1000);
+    rows.leaf("/started", "Started", ConveyUtils::getTimeString(&started));
 }
 
 uint64_t ConveyContext::activity() const {

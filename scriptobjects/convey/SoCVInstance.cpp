@@ -114,6 +114,27 @@ void PrivateData::setDiagnosticsRoots() {
     outbox_.messages().setDiagnosticsRoot(infoRoot("out"));
 }
 
+namespace {
+
+// How long the oldest message of a queue waits.
+void appendOldest(CVDiagnosticsRows& rows, const MessageQueue& queue, const char* leaf,
+                  const char* label) {
+    const uint32_t now = ConveyUtils::getTimeSeconds();
+    uint32_t oldest = now;
+    bool any = false;
+    queue.forEach([&](const Message& message) {
+        any = true;
+        oldest = std::min(oldest, message.getTimestamp());
+    });
+    if (any) {
+        rows.leaf(leaf, label, now - oldest, "s");
+    } else {
+        rows.undefined(leaf, label);
+    }
+}
+
+} // namespace
+
 void PrivateData::appendDiagnostics(SoString& out, const SoString& path) const {
     const SoString name = appName();
     SoString root = path;
@@ -151,6 +172,9 @@ void PrivateData::appendDiagnostics(SoString& out, const SoString& path) const {
     if (const uint32_t lost = answersLost_.load()) {
         rows.leaf("/lost", "Answers lost for want of memory", lost);
     }
+    occupations_.appendDiagnostics(rows);
+    appendOldest(rows, incoming_, "/oldestin", "Oldest incoming");
+    appendOldest(rows, outbox_.messages(), "/oldestout", "Oldest outgoing");
 }
 
 // Handlers.

@@ -10,6 +10,7 @@
 #include "scriptobjects/convey/SoCVConversation.h"
 #include "scriptobjects/convey/SoCVMessageQueue.h"
 #include "scriptobjects/convey/SoCVMessenger.h"
+#include "scriptobjects/convey/SoCVOccupations.h"
 #include "scriptobjects/convey/SoCVOutbox.h"
 #include "scriptobjects/convey/SoCVTakers.h"
 #include "scriptobjects/core/SoString.h"
@@ -69,6 +70,7 @@ public:
     Outbox::Left carryOutgoing();
 
     bool incomingPending() const;
+    void notePump() { occupations_.notePump(); }
     // Raises the signal of the host's main loop when a message is there to be handled.
     void remindHost() const;
     bool outgoingPending() const { return !isClosed() && !outbox_.messages().isEmpty(); }
@@ -116,7 +118,8 @@ private:
     void letHeldUpGoOn(const Outbox::Left& left) const;
     void watchTime(const Convey::Message& message);
     bool waitForTarget(const Convey::Message& message);
-    bool waitForResponse(const Conversations::Wait& wait, uint32_t seconds);
+    bool waitForResponse(const Conversations::Wait& wait, const Convey::Message& message,
+                         uint32_t seconds);
     void receiveTexts(SoString&& text);
     void accept(std::unique_ptr<Convey::Message> message);
     bool isForThisLife(const Convey::Message& message);
@@ -134,6 +137,7 @@ private:
     MessageQueue incoming_;
     Outbox outbox_;
     Conversations conversations_;
+    Occupations occupations_;
     const std::shared_ptr<Takers> takers_ = std::make_shared<Takers>();
     std::atomic<uint32_t> answersToPredecessor_{0};
     std::atomic<uint32_t> rejected_{0};    // texts whose digest does not fit

@@ -256,7 +256,11 @@ void PrivateData::dispatch(const Message& message, Conversations::Turn& turn, bo
     presentReply(copy, turn.reply, kind);
     SoString result;
     called = true;
-    const int32_t code = slot->call(kind, copy, &result);
+    int32_t code = 0;
+    {
+        const Occupations::Entry handling(occupations_, Occupations::Kind::handling, message);
+        code = slot->call(kind, copy, &result);
+    }
     const auto done = conversations_.handled(turn, message, slot); // a handler for one message
     if (code != 0) {
         if (contains(message.getResponseRequest(), CV_WANTS_ERROR)) {

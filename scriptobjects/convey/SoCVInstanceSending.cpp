@@ -93,7 +93,7 @@ bool PrivateData::send(Message& message, bool mayLaunch, uint32_t waitSeconds,
         return delivery == Delivery::delivered;
     }
     return (delivery == Delivery::delivered || waitForTarget(message)) &&
-           waitForResponse(*wait, waitSeconds);
+           waitForResponse(*wait, message, waitSeconds);
 }
 
 // An asker is known by the name of its port, which it has made complete itself. Only a name that
@@ -303,7 +303,7 @@ void PrivateData::sendError(const Message& request, const char* text, int32_t co
     (void)sendResponse(request, CV_WANTS_ERROR, std::move(answer));
     // Who waits for an answer has its handler for errors called before `send` returns.
     if (waitSeconds != 0 && findSlot(CV_TYPE_ERROR, request.getSerialNumber()) != nullptr) {
-        (void)waitForResponse(Conversations::Wait(conversations_, request), waitSeconds);
+        (void)waitForResponse(Conversations::Wait(conversations_, request), request, waitSeconds);
     }
     logEvent(text, request);
     if (ConveyUtils::isForwarding(CV_FORWARD_ERRORS)) {

@@ -68,10 +68,12 @@ void PrivateData::unwatchTime(uint32_t serialNumber) {
     conversations_.unwatch(serialNumber);
 }
 
-bool PrivateData::waitForResponse(const Conversations::Wait& wait, uint32_t seconds) {
+bool PrivateData::waitForResponse(const Conversations::Wait& wait, const Message& message,
+                                  uint32_t seconds) {
     if (seconds == 0) {
         return false;
     }
+    const Occupations::Entry waiting(occupations_, Occupations::Kind::waiting, message);
     const int64_t end = monotonicNow() + int64_t{1000} * seconds;
     for (;;) {
         // Read before the pump: what happens between the pump and the wait then ends the wait at

@@ -276,6 +276,7 @@ bool Convey::pump(EnabledOperations operations, ConveyContext* context) {
         (void)ConveyData::PollSignal::lower();
         bool processed = false;
         for (int32_t i = 0; const auto instance = context->pinNth(i); ++i) {
+            instance->notePump();
             if ((operations & kProcessIncoming) != 0) {
                 while (instance->processIncoming(kAnySerialNumber, true)) {
                     processed = true;

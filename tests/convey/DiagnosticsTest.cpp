@@ -44,6 +44,8 @@ TEST(Diagnostics, describeAWholeState) {
 /own-1.0/messages/version;0;Message Version;2.05;
 /own-1.0/messages/authentication;0;Authentication;ON;
 /own-1.0/messages/digest;0;Digest;ON;
+/own-1.0/process;0;Process;4711;
+/own-1.0/started;0;Started;00:16:40;
 /own-1.0/thread;1;Thread;own-1.0#thread;
 /own-1.0/thread/avgpump;0;Avg. pump interval;0ms;
 /own-1.0/thread/lastpump;0;Last pump;0ms ago;
@@ -80,6 +82,11 @@ TEST(Diagnostics, describeAWholeState) {
 /own-1.0/instances/own-1.0/handlers;0;Handlers;0;
 /own-1.0/instances/own-1.0/predecessor;0;Answers to a predecessor;0;
 /own-1.0/instances/own-1.0/rejected;0;REJECTED;0;
+/own-1.0/instances/own-1.0/handling;0;Handling;0;
+/own-1.0/instances/own-1.0/waiting;0;Waiting for replies;0;
+/own-1.0/instances/own-1.0/pumped;0;Last pumped;undefined;
+/own-1.0/instances/own-1.0/oldestin;0;Oldest incoming;undefined;
+/own-1.0/instances/own-1.0/oldestout;0;Oldest outgoing;undefined;
 /own-1.0/instances/other-2.0;1;Instance;other-2.0;
 /own-1.0/instances/other-2.0/stream;0;Stream;other-2.0;
 /own-1.0/instances/other-2.0/in;1;Incoming;1;
@@ -104,6 +111,11 @@ TEST(Diagnostics, describeAWholeState) {
 /own-1.0/instances/other-2.0/handlers;0;Handlers;0;
 /own-1.0/instances/other-2.0/predecessor;0;Answers to a predecessor;0;
 /own-1.0/instances/other-2.0/rejected;0;REJECTED;0;
+/own-1.0/instances/other-2.0/handling;0;Handling;0;
+/own-1.0/instances/other-2.0/waiting;0;Waiting for replies;0;
+/own-1.0/instances/other-2.0/pumped;0;Last pumped;undefined;
+/own-1.0/instances/other-2.0/oldestin;0;Oldest incoming;0s;
+/own-1.0/instances/other-2.0/oldestout;0;Oldest outgoing;undefined;
 /own-1.0/connector;1;Connector;table;
 /own-1.0/connector/name;0;Name;test;
 /own-1.0/connector/good;0;Readable;yes;

@@ -1,0 +1,78 @@
+#include "scriptobjects/convey/SoCVOccupations.h"
+
+#include <string>
+
+#include "platform/Clock.h"
+#include "scriptobjects/convey/SoCVDiagnosticsRows.h"
+
+namespace ScObjects::ConveyData {
+namespace {
+
+int64_t now() {
+    return platform::Clock::system().monotonicMilliseconds();
+}
+
+} // namespace
+
+Occupations::Entry::Entry(Occupations& of, Kind kind, const Convey::Message& message)
+    : of_(of), kind_(kind), message_(message), since_(now()) {
+    const ObjectLock guard(of_);
+    next_ = of_.newest_;
+    if (next_ != nullptr) {
+        next_->previous_ = this;
+    }
+    of_.newest_ = this;
+}
+
+// In any order: threads come and go as they like.
+Occupations::Entry::~Entry() {
+    const ObjectLock guard(of_);
+    (previous_ != nullptr ? previous_->next_ : of_.newest_) = next_;
+    if (next_ != nullptr) {
+        next_->previous_ = previous_;
+    }
+}
+
+void Occupations::notePump() {
+    const int64_t time = now();
+    const ObjectLock guard(*this);
+    pumped_ = time;
+}
+
+void Occupations::appendLocked(CVDiagnosticsRows& rows, Kind kind) const {
+    const std::string root = kind == Kind::handling ? "/handling" : "/waiting";
+    const char* const label = kind == Kind::handling ? "Handling" : "Waiting for replies";
+    uint32_t count = 0;
+    for (const Entry* entry = newest_; entry != nullptr; entry = entry->next_) {
+        count += entry->kind_ == kind ? 1 : 0;
+    }
+    if (count == 0) {
+        rows.leaf(root, label, count);
+        return;
+    }
+    rows.node(root, label, count);
+    const int64_t time = now();
+    for (const Entry* entry = newest_; entry != nullptr; entry = entry->next_) {
+        if (entry->kind_ == kind) {
+            const std::string own = root + "/" + std::to_string(--count);
+            rows.node(own, "Message", entry->message_.getSerialNumber());
+            rows.leaf(own + "/type", "Type", entry->message_.getType());
+            rows.leaf(own + "/sender", "Sender", entry->message_.getSender());
+            rows.leaf(own + "/target", "Target", entry->message_.getTarget());
+            rows.leaf(own + "/for", "For", static_cast<uint32_t>(time - entry->since_), "ms");
+        }
+    }
+}
+
+void Occupations::appendDiagnostics(CVDiagnosticsRows& rows) const {
+    const ObjectLock guard(*this);
+    appendLocked(rows, Kind::handling);
+    appendLocked(rows, Kind::waiting);
+    if (pumped_ >= 0) {
+        rows.leaf("/pumped", "Last pumped", static_cast<uint32_t>(now() - pumped_), "ms ago");
+    } else {
+        rows.undefined("/pumped", "Last pumped");
+    }
+}
+
+} // namespace ScObjects::ConveyData
