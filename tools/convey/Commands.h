@@ -62,6 +62,7 @@ struct DiagnoseOptions {
     bool raw = false;
     bool watch = false;
     std::string htmlFile;
+    std::string path; // what the shown rows begin with, below the application's name
     int32_t timeoutSeconds = 5;
 };
 Exit diagnose(const Output& output, const DiagnoseOptions& options);

@@ -1,39 +1,28 @@
 #include <fstream>
 #include <ostream>
+#include <utility>
 
 #include "scriptobjects/convey/SoCVThread.h"
 #include "scriptobjects/convey/SoCVUtils.h"
+#include "scriptobjects/convey/SoCVWords.h"
 #include "tools/convey/Commands.h"
 #include "tools/convey/HtmlPage.h"
+#include "tools/convey/Model.h"
 #include "tools/convey/Session.h"
 #include "tools/convey/Tree.h"
+#include "tools/convey/Verdict.h"
 
 namespace convey_tool {
 
 using ScObjects::Convey;
 using ScObjects::ConveyThread;
+namespace ConveyData = ScObjects::ConveyData;
 using ScObjects::SoString;
 
 namespace {
 
 constexpr int64_t kWatchMilliseconds = 1000;
 constexpr const char* kClear = "\x1b[H\x1b[2J";
-
-// The rows of the target, of this process for none.
-std::string rowsOf(const std::string& target, int32_t timeoutSeconds) {
-    if (target.empty()) {
-        SoString rows;
-        Convey::getDiagnostics(rows, false);
-        return toStd(rows);
-    }
-    std::string rows = toStd(Convey::Thread::ping(target.c_str(), ConveyThread::CV_DIAGNOSTICS,
-                                                  timeoutSeconds, nullptr));
-    if (rows.empty() || rows.front() != '/') { // rows begin with a path, other answers with a word
-        throw Failure(kNo, target + ": " + (rows.empty() ? "no answer" : rows),
-                      {{"specifier", target}});
-    }
-    return rows;
-}
 
 void writePage(const std::string& file, const std::string& name, const Node& tree) {
     std::ofstream page(file, std::ios::binary);
@@ -44,30 +33,153 @@ void writePage(const std::string& file, const std::string& name, const Node& tre
     }
 }
 
+// A step of an application that is asked for by another one's verdict.
+constexpr int32_t kChainSeconds = 2;
+
+// Asks the system and, unless it is stopped, the application itself. Throws Failure for what does
+// not run.
+Subject look(const std::string& target, int32_t timeoutSeconds) {
+    Subject subject;
+    const auto owners = portOwners();
+    const auto owner = owners.find(target);
+    if (owner != owners.end()) {
+        subject.process = owner->second;
+        subject.state = lookAt(subject.process).state;
+        std::ifstream place("/proc/" + std::to_string(subject.process) + "/wchan");
+        std::getline(place, subject.place);
+        if (subject.place == "0") { // it runs, or the system does not tell
+            subject.place.clear();
+        }
+    }
+    if (subject.state == 'T' || subject.state == 't') {
+        return subject;
+    }
+    subject.rows = toStd(Convey::Thread::ping(target.c_str(), ConveyThread::CV_DIAGNOSTICS,
+                                              timeoutSeconds, nullptr));
+    if (subject.rows.empty() || subject.rows.front() != '/') { // rows begin with a path
+        const std::string answer = std::exchange(subject.rows, "");
+        if (subject.process == 0 || answer != ConveyData::CV_TYPE_TIMEOUT) {
+            throw Failure(kNo, target + ": " + (answer.empty() ? "no answer" : answer),
+                          {{"specifier", target}});
+        }
+    }
+    return subject;
+}
+
+Json asJson(const Verdict& verdict) {
+    return {{"word", verdict.word}, {"sentence", verdict.sentence}, {"healthy", verdict.isHealthy}};
+}
+
+// The queues, an instance a line.
+void printQueues(const Output& output, const Node& tree) {
+    Table table({"INSTANCE", "INCOMING", "OLDEST", "OUTGOING", "HANDLING", "WAITING FOR"});
+    for (const InstanceFacts& facts : readInstances(tree)) {
+        table.add({facts.name, std::to_string(facts.incoming),
+                   facts.incoming == 0 ? "-" : forPeople(1000 * facts.oldestSeconds),
+                   std::to_string(facts.outgoing),
+                   facts.handling.empty() ? "-" : forPeople(facts.handling.back().milliseconds),
+                   facts.waiting.empty() ? "-" : facts.waiting.front().target});
+    }
+    table.print(output);
+}
+
+// The rows that begin with a path, below the root that all of them share.
+Node partOf(const Node& tree, const std::string& prefix) {
+    Node part;
+    for (const Node& child : tree.children) {
+        const size_t own = child.path.find('/', 1);
+        const std::string path = own == std::string::npos ? child.path : child.path.substr(own);
+        if (path.compare(0, prefix.size(), prefix) == 0) {
+            part.children.push_back(child);
+        } else if (prefix.compare(0, path.size() + 1, path + "/") == 0) {
+            for (Node& found : partOf(child, prefix).children) {
+                part.children.push_back(std::move(found));
+            }
+        }
+    }
+    return part;
+}
+
+// This tool itself, without a verdict: who asks what it knows.
+void showOwn(const Output& output, const DiagnoseOptions& options, const std::string& name) {
+    SoString own;
+    Convey::getDiagnostics(own, false);
+    const std::string rows = toStd(own);
+    const Node tree = partOf(readTree(rows), options.path);
+    if (!options.htmlFile.empty()) {
+        writePage(options.htmlFile, name, tree);
+    } else if (options.raw) {
+        output.out << rows << std::flush;
+    } else if (output.json) {
+        output.print(treeAsJson(tree), options.watch);
+    } else {
+        printTree(output, tree);
+    }
+}
+
+Exit show(const Output& output, const DiagnoseOptions& options, const std::string& target) {
+    std::string rows;
+    bool isFirst = true;
+    const Verdict verdict = judge(target, [&](const std::string& name) {
+        const bool isOwn = std::exchange(isFirst, false);
+        try {
+            Subject subject = look(name, isOwn ? options.timeoutSeconds : kChainSeconds);
+            rows = isOwn ? subject.rows : rows;
+            return subject;
+        } catch (const Failure&) {
+            if (isOwn) {
+                throw;
+            }
+            return Subject(); // whom it waits for has gone
+        }
+    });
+    const Node tree = partOf(readTree(rows), options.path);
+    if (options.raw) {
+        output.out << rows << std::flush;
+        return kDone;
+    }
+    if (output.json) {
+        Json document = treeAsJson(tree);
+        document["verdict"] = asJson(verdict);
+        output.print(document, options.watch);
+    } else if (!options.htmlFile.empty()) {
+        writePage(options.htmlFile, target, tree);
+    } else {
+        if (options.watch && output.columns != 0) {
+            output.out << kClear;
+        }
+        output.out << output.show(verdict.sentence, verdict.isHealthy ? Style::good : Style::bad)
+                   << "\n";
+        if (!rows.empty()) {
+            output.out << '\n';
+            printQueues(output, readTree(rows));
+        }
+        if (!options.watch && !rows.empty()) {
+            output.out << '\n';
+            printTree(output, tree);
+        }
+        output.out.flush();
+    }
+    return verdict.isHealthy ? kDone : kNo;
+}
+
 } // namespace
 
 Exit diagnose(const Output& output, const DiagnoseOptions& options) {
     const Session session;
     const std::string target = options.specifier.empty() ? "" : toStd(completed(options.specifier));
+    Exit status = kDone;
     do {
-        const std::string rows = rowsOf(target, options.timeoutSeconds);
-        if (options.watch && output.columns != 0) {
-            output.out << kClear;
-        }
-        if (!options.htmlFile.empty()) {
-            writePage(options.htmlFile, target.empty() ? session.name() : target, readTree(rows));
-        } else if (options.raw) {
-            output.out << rows << std::flush;
-        } else if (output.json) {
-            output.print(treeAsJson(readTree(rows)), options.watch);
+        if (target.empty()) {
+            showOwn(output, options, session.name());
         } else {
-            printTree(output, readTree(rows));
+            status = show(output, options, target);
         }
         if (options.watch) {
             Session::pumpFor(kWatchMilliseconds);
         }
     } while (options.watch && !Session::isEnding());
-    return kDone;
+    return status;
 }
 
 } // namespace convey_tool

@@ -265,6 +265,8 @@ private:
                                [this] { return diagnose(output_, diagnose_); });
         diagnosing.add_option("SPECIFIER", diagnose_.specifier, "The application; none: this tool");
         diagnosing.add_flag("--raw", diagnose_.raw, "The rows as they are");
+        diagnosing.add_option("--path", diagnose_.path, "Show the rows below this path only")
+            ->type_name("PREFIX");
         diagnosing.add_flag("--watch", diagnose_.watch, "Again and again, until Ctrl-C");
         diagnosing.add_option("--html", diagnose_.htmlFile, "Write a page that folds and searches")
             ->check(isNoOption);

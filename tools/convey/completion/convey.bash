@@ -39,7 +39,7 @@ _convey() {
     send) options='--type --header --body --wait --launch' ;;
     launch) options='--behind --wait' ;;
     wait) options='--until --timeout' ;;
-    diagnose) options='--raw --watch --html --timeout' ;;
+    diagnose) options='--raw --watch --html --path --timeout' ;;
     monitor) options='--all --errors --logs --match --headers --bodies --count --timeout --capture' ;;
     report) options='--html' ;;
     top) options='--interval --sort' ;;
