@@ -2,6 +2,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
@@ -143,7 +144,6 @@ TEST_F(ConveyToolTest, endsAtOnceWhenItIsInterrupted) {
     const std::vector<std::string> commands[] = {
         {"ping", "viewer", "--timeout", "20"},
         {"ping", "lumen", "--count", "1000"},
-        {"diagnose", "viewer", "--timeout", "20"},
         {"diagnose", "lumen", "--watch"},
         {"send", "viewer", "--body", "x", "--wait", "20"},
         {"monitor", "viewer"},
@@ -172,6 +172,67 @@ TEST_F(ConveyToolTest, endsAtOnceWhenItIsInterrupted) {
             EXPECT_EQ(Json::parse(running.rest())["error"], "interrupted");
         }
     }
+}
+
+TEST_F(ConveyToolTest, saysFirstWhyAnApplicationHangs) {
+    const struct {
+        const char* name; // the application that is told to hang
+        const char* body; // by this; null: it never pumps
+        const char* word;
+        const char* sentence;
+    } cases[] = {
+        {"calm-1.0", "x", "idle", "calm-1.0 is idle and well."},
+        {"held-1.0", "hold", "busy",
+         "held-1.0 is busy: [1-9][0-9]* s in its handler of Tessaly [0-9]+ from .*; "
+         "3 messages wait, the oldest [1-9][0-9]* s\\."},
+        {"asking-1.0", "ask held-1.0 x", "waiting",
+         "asking-1.0 waits [0-9]+ s for an answer of held-1.0 to Tessaly [0-9]+, in its handler "
+         "of Tessaly .* held-1.0 is busy: .*"},
+        {"third-1.0", "ask asking-1.0 ask held-1.0 y", "waiting",
+         "third-1.0 waits .* asking-1.0 waits .* held-1.0 is busy.*"},
+        {"stuck-1.0", "stuck", "stuck", "stuck-1.0 does not pump: its main loop came by .*"},
+        {"never-1.0", nullptr, "unpumped", "never-1.0 does not pump: no loop of it .*"},
+    };
+    std::vector<std::unique_ptr<RunningProcess>> running;
+    const auto send = [](const char* name, const char* body) {
+        EXPECT_EQ(tool({"send", name, "--body", body, "--wait", "0"}).exitStatus, 0) << name;
+    };
+    for (const auto& c : cases) {
+        add(c.name);
+        std::vector<std::string> arguments = {TARGET_PROGRAM, c.name};
+        if (c.body == nullptr) {
+            arguments.emplace_back("never");
+        }
+        running.push_back(std::make_unique<RunningProcess>(arguments));
+        EXPECT_EQ(running.back()->readLine(), "running");
+        if (c.body != nullptr) {
+            send(c.name, c.body);
+            EXPECT_EQ(running.back()->readLine(), std::string("got ") + c.body);
+        }
+    }
+    for (const char* name : {"held-1.0", "stuck-1.0", "never-1.0"}) {
+        send(name, "what waits");
+    }
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Json verdict;
+        const bool healthy = std::string(c.word) == "idle";
+        EXPECT_TRUE(eventually([&] {
+            verdict = json({"diagnose", c.name})["verdict"];
+            return verdict["word"] == c.word &&
+                   (healthy ||
+                    verdict["sentence"].get<std::string>().find(" ms") == std::string::npos);
+        })) << verdict;
+        EXPECT_THAT(verdict["sentence"].get<std::string>(), testing::MatchesRegex(c.sentence));
+        const ProcessResult shown = tool({"diagnose", c.name, "--path", "/name"});
+        EXPECT_EQ(shown.exitStatus, healthy ? 0 : 1);
+        EXPECT_EQ(shown.out.substr(0, std::strlen(c.name)), c.name);
+        EXPECT_THAT(shown.out, testing::AllOf(HasSubstr("INSTANCE"), HasSubstr("Name = "),
+                                              Not(HasSubstr("Connector"))));
+    }
+    running[0]->signal(SIGSTOP);
+    EXPECT_THAT(tool({"diagnose", "calm"}).out,
+                HasSubstr("calm-1.0 is stopped: process " + std::to_string(running[0]->pid())));
 }
 
 TEST_F(ConveyToolTest, speaksJson) {

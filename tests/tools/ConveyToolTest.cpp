@@ -1,5 +1,7 @@
 #include <cstdio>
+#include <cstring>
 #include <gtest/gtest.h>
+#include <map>
 #include <sstream>
 
 #include "tools/convey/Conversation.h"
@@ -7,6 +9,7 @@
 #include "tools/convey/Model.h"
 #include "tools/convey/Output.h"
 #include "tools/convey/Tree.h"
+#include "tools/convey/Verdict.h"
 
 namespace {
 
@@ -41,6 +44,53 @@ TEST(Tree, hangsEachRowOnItsNearestParent) {
     }
     const Node root = readTree(deep); // must neither be slow nor use up the stack
     EXPECT_FALSE(root.children.empty());
+}
+
+// Who waits for whom, by rows as applications write them.
+TEST(Verdict, followsWhoWaitsForWhom) {
+    const auto waitsFor = [](const char* other) {
+        return std::string("/i/instances;1;Instances;1;\n/i/instances/i;1;Instance;i;\n"
+                           "/i/instances/i/waiting;1;Waiting for replies;1;\n"
+                           "/i/instances/i/waiting/0;1;Message;7;\n"
+                           "/i/instances/i/waiting/0/type;0;Type;query;\n"
+                           "/i/instances/i/waiting/0/target;0;Target;") +
+               other + ";\n/i/instances/i/waiting/0/for;0;For;65000ms;\n";
+    };
+    std::map<std::string, Subject> subjects;
+    subjects["a"].rows = waitsFor("b");
+    subjects["b"].rows = waitsFor("c");
+    subjects["c"].rows = waitsFor("a");
+    subjects["own"].rows = waitsFor("own");
+    subjects["of-gone"].rows = waitsFor("gone");
+    subjects["of-silent"].rows = waitsFor("silent");
+    subjects["silent"] = {12, 'D', "folio_wait", ""};
+    const struct {
+        const char* name;
+        const char* word;
+        const char* end;
+    } cases[] = {
+        {"a", "circle", "They wait in a circle: a for b for c for a."},
+        {"own", "circle", "They wait in a circle: own for own."},
+        {"of-gone", "waiting", "gone does not answer, and no process has its port."},
+        {"of-silent", "waiting",
+         "silent does not answer: not even the background thread of process 12 does (state D, in "
+         "folio_wait of the system)."},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::map<std::string, int> looks;
+        const Verdict verdict = judge(c.name, [&](const std::string& name) {
+            EXPECT_EQ(++looks[name], 1) << name;
+            return subjects[name];
+        });
+        EXPECT_EQ(verdict.word, c.word);
+        EXPECT_FALSE(verdict.isHealthy);
+        EXPECT_EQ(verdict.sentence.find(std::string(c.name) + " waits 1 min 5 s for an answer of "),
+                  0U)
+            << verdict.sentence;
+        EXPECT_EQ(verdict.sentence.substr(verdict.sentence.size() - std::strlen(c.end)), c.end)
+            << verdict.sentence;
+    }
 }
 
 TEST(Output, fitsTheTerminal) {
