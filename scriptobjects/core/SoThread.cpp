@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <exception>
 #include <mutex>
 #include <new>
 #include <thread>
@@ -140,6 +141,14 @@ void Thread::body() {
     }
     data_->id = ownID();
     running_ = true;
+    const auto leave = [this] {
+        running_ = false;
+        try {
+            runExit();
+        } catch (...) {
+            error_ = kException;
+        }
+    };
     try {
         runInit();
         run();
@@ -147,13 +156,14 @@ void Thread::body() {
         error_ = kOutOfMemory;
     } catch (...) {
         error_ = kException;
+        // No exception: the body has ended its thread, or another has cancelled it. What unwinds
+        // the thread then may not be kept from it, or the system ends the process.
+        if (std::current_exception() == nullptr) {
+            leave();
+            throw;
+        }
     }
-    running_ = false;
-    try {
-        runExit();
-    } catch (...) {
-        error_ = kException;
-    }
+    leave();
 }
 
 bool Thread::waitForRunExit() {

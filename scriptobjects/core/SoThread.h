@@ -73,7 +73,7 @@ public:
     static constexpr int32_t kNoError = 0;
     static constexpr int32_t kCreationFailed = 32;
     static constexpr int32_t kOutOfMemory = -28; // the body ended by std::bad_alloc
-    static constexpr int32_t kException = -29;   // the body ended by any other exception
+    static constexpr int32_t kException = -29;   // by any other, by pthread_exit or cancelled
 
     // Raises and lowers the count of users of the threads: the one that raises it from 0 is the
     // main thread. Every lock and thread counts as a user.

@@ -5,6 +5,7 @@
 #include <future>
 #include <gtest/gtest.h>
 #include <new>
+#include <pthread.h>
 #include <stdexcept>
 #include <thread>
 
@@ -17,7 +18,7 @@ using ScObjects::Thread;
 
 namespace {
 
-enum class End { normal, outOfMemory, exception, exitThrows };
+enum class End { normal, outOfMemory, exception, exitThrows, threadExit, cancelled };
 
 class Worker : public Thread {
 public:
@@ -47,6 +48,13 @@ protected:
         if (end_ == End::exception) {
             throw std::runtime_error("body");
         }
+        if (end_ == End::threadExit) {
+            pthread_exit(nullptr);
+        }
+        if (end_ == End::cancelled) {
+            (void)pthread_cancel(pthread_self());
+            pthread_testcancel();
+        }
     }
     void runInit() override { initialised = true; }
     void runExit() override {
@@ -68,8 +76,8 @@ TEST(Thread, keepsHowItsBodyEnded) {
     const struct {
         End end;
         int32_t error;
-    } cases[] = {
-        {End::normal, 0}, {End::outOfMemory, -28}, {End::exception, -29}, {End::exitThrows, -29}};
+    } cases[] = {{End::normal, 0},       {End::outOfMemory, -28}, {End::exception, -29},
+                 {End::exitThrows, -29}, {End::threadExit, -29},  {End::cancelled, -29}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.error);
         Worker worker(c.end);
