@@ -9,6 +9,7 @@
 #include "scriptobjects/convey/SoCVDiagnosticsRows.h"
 #include "scriptobjects/convey/SoCVGuard.h"
 #include "scriptobjects/convey/SoCVInstanceParts.h"
+#include "scriptobjects/convey/SoCVOutbox.h"
 #include "scriptobjects/convey/SoCVPollSignal.h"
 #include "scriptobjects/convey/SoCVSetupThread.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"

@@ -14,6 +14,7 @@
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVInstanceParts.h"
 #include "scriptobjects/convey/SoCVLaunching.h"
+#include "scriptobjects/convey/SoCVOutbox.h"
 #include "scriptobjects/convey/SoCVResolution.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/convey/SoCVThread.h"

@@ -13,6 +13,7 @@
 #include "scriptobjects/convey/SoCVDiagnosticsRows.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoCVOutbox.h"
 #include "scriptobjects/convey/SoCVPing.h"
 #include "scriptobjects/convey/SoCVPollSignal.h"
 #include "scriptobjects/convey/SoCVSetupThread.h"
@@ -48,11 +49,14 @@ double now() {
 
 } // namespace
 
+struct ConveyThread::Left : Outbox::Left {};
+
 ConveyThread::ConveyThread(ConveyContext* context, const SoString& appSpecifier)
     : context_(context),
       wait_(platform::MessagePorts::system().newWait()),
       startTime_(ConveyUtils::getUTCTimeMilliSeconds()),
-      specifier_(createThreadSpecifier(appSpecifier)) {
+      specifier_(createThreadSpecifier(appSpecifier)),
+      outbox_(std::make_unique<Outbox>(Outbox::Kind::pings)) {
     (void)setKeyValuePair(CV_ECHO_REQUEST, CV_ECHO_RESPONSE);
     (void)setKeyValuePair(CV_STATUS, CV_IDLE);
     (void)setHandler(CV_MAIN, new ThreadMainMsgHandler(context, this));
@@ -237,7 +241,7 @@ void ConveyThread::run() {
     double nextRound = now();
     while (!stop_.load()) {
         const bool regular = now() >= nextRound;
-        const Outbox::Left rest = runRound(regular);
+        const Left rest = runRound(regular);
         if (regular) {
             notePump();
             removeExpiredPingData();
@@ -264,12 +268,12 @@ void ConveyThread::pause(int64_t milliseconds) {
     }
 }
 
-Outbox::Left ConveyThread::runRound(bool regular) {
-    Outbox::Left left;
+ConveyThread::Left ConveyThread::runRound(bool regular) {
+    Left left;
     // Pings first, in each round: that a process answers must not depend on what its instances have
     // to do.
     left.more = answerPings();
-    left.join(outbox_.pass(stream().get(), Outbox::Carrier::round));
+    left.join(outbox_->pass(stream().get(), Outbox::Carrier::round));
     left.join(serveInstances(regular));
     if (left.large) {
         wakeCourier();
@@ -314,8 +318,8 @@ void ConveyThread::answerPing(Message& message) {
     }
 }
 
-Outbox::Left ConveyThread::serveInstances(bool regular) {
-    Outbox::Left left;
+ConveyThread::Left ConveyThread::serveInstances(bool regular) {
+    Left left;
     ConveyContext* const context = context_.load();
     if (context == nullptr) {
         return left;
@@ -366,7 +370,7 @@ void ConveyThread::wakeCourier() {
 
 // The courier's round; the milliseconds until the next.
 int64_t ConveyThread::carry() {
-    Outbox::Left left = outbox_.pass(stream().get(), Outbox::Carrier::courier);
+    Outbox::Left left = outbox_->pass(stream().get(), Outbox::Carrier::courier);
     ConveyContext* const context = context_.load();
     for (int32_t i = 0; context != nullptr && !stop_.load(); ++i) {
         const auto instance = context->pinNth(i);
@@ -424,7 +428,7 @@ bool ConveyThread::stop() {
 
 Delivery ConveyThread::post(std::unique_ptr<Message> message) {
     const auto stream = this->stream();
-    const Delivery delivery = outbox_.post(stream.get(), message);
+    const Delivery delivery = outbox_->post(stream.get(), message);
     if (delivery == Delivery::queued) {
         wake();
     }

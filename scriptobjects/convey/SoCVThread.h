@@ -8,7 +8,6 @@
 
 #include "limits/Limits.h"
 #include "scriptobjects/convey/SoCVMessenger.h"
-#include "scriptobjects/convey/SoCVOutbox.h"
 #include "scriptobjects/convey/SoCVWords.h"
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoHeap.h"
@@ -21,6 +20,11 @@ class TargetWatch;
 } // namespace platform
 
 namespace ScObjects {
+
+namespace ConveyData {
+enum class Delivery;
+class Outbox;
+} // namespace ConveyData
 
 class ConveyContext;
 class ConveyCourier;
@@ -149,10 +153,11 @@ private:
     bool openStream();
     std::shared_ptr<InterAppStream> stream() const;
     // One round: answers pings, receives and sends for the instances.
-    ConveyData::Outbox::Left runRound(bool regular);
+    struct Left; // what a round has left to do
+    Left runRound(bool regular);
     bool answerPings();
     void answerPing(Convey::Message& message);
-    ConveyData::Outbox::Left serveInstances(bool regular);
+    Left serveInstances(bool regular);
     void remindHost() const;
     int64_t carry();
     void notePump();
@@ -168,7 +173,7 @@ private:
     std::vector<PingData> table_ SO_GUARDED_BY(this);
     double averagePump_ SO_GUARDED_BY(this) = 0; // milliseconds, 0 for unknown
     double lastPump_ SO_GUARDED_BY(this) = 0;
-    ConveyData::Outbox outbox_{ConveyData::Outbox::Kind::pings}; // answers, and what is forwarded
+    const std::unique_ptr<ConveyData::Outbox> outbox_;           // answers, and what is forwarded
     std::unique_ptr<ConveyCourier> courier_ SO_GUARDED_BY(this); // null until it is needed
     SoString pings_;       // being answered; this and the next by the thread itself only
     int32_t nextPing_ = 0; // where the next one begins
