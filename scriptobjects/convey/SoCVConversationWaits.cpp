@@ -1,0 +1,214 @@
+// Who waits for what a conversation brings: the watchers of its time, and those in `send`.
+#include <algorithm>
+#include <utility>
+
+#include "scriptobjects/convey/SoCVConversation.h"
+#include "scriptobjects/convey/SoCVUtils.h"
+#include "scriptobjects/convey/SoCVWords.h"
+
+namespace ScObjects::ConveyData {
+namespace {
+
+using Message = Convey::Message;
+
+constinit thread_local const Conversations::Wait* gInnermostWait = nullptr;
+
+} // namespace
+
+// Watchers.
+
+void Conversations::unwatchLocked(Conversation& conversation) {
+    if (!conversation.watched_) {
+        return;
+    }
+    conversation.watched_ = false;
+    const auto second = deadlines_.find(conversation.deadline_);
+    second->second.erase(conversation.deadlinePlace_);
+    if (second->second.empty()) {
+        deadlines_.erase(second);
+    }
+}
+
+void Conversations::unwatch(uint32_t number) {
+    const ObjectLock guard(*this);
+    if (Conversation* const conversation = findLocked(number)) {
+        unwatchLocked(*conversation);
+        closeIfDoneLocked(*conversation);
+    }
+}
+
+void Conversations::watch(const Message& request, const SoString& watcher, uint32_t seconds) {
+    const uint32_t now = ConveyUtils::getTimeSeconds();
+    const auto life = static_cast<int32_t>(seconds);
+    const int64_t deadline = life < 0 ? INT64_MAX : int64_t{now} + life;
+    std::string name(watcher.view());
+    const ObjectLock guard(*this);
+    const std::shared_ptr<Conversation> conversation = openLocked(request.getSerialNumber());
+    if (conversation->watched_ && conversation->deadline_ <= deadline) {
+        return; // the first to end tells of all
+    }
+    unwatchLocked(*conversation);
+    std::list<Conversation*>& second = deadlines_[deadline];
+    second.push_back(conversation.get());
+    conversation->watched_ = true;
+    conversation->watcher_ = std::move(name);
+    conversation->watchedSince_ = now;
+    conversation->watchSeconds_ = seconds;
+    conversation->watchOrder_ = ++lastWatch_;
+    conversation->deadline_ = deadline;
+    conversation->deadlinePlace_ = std::prev(second.end());
+}
+
+std::unique_ptr<Message> Conversation::watcherMessage() const {
+    auto message = std::make_unique<Message>();
+    message->setTarget(SoString(watcher_));
+    message->setSender(SoString(watcher_));
+    message->setType(CV_TYPE_WATCHER);
+    message->setResponseRequest(CV_WANTS_TIMEOUT);
+    message->setSerialNumber(number_);
+    message->setTimestamp(watchedSince_);
+    message->setTimeout(watchSeconds_);
+    return message;
+}
+
+std::unique_ptr<Message> Conversations::watcherOf(uint32_t number) const {
+    const ObjectLock guard(*this);
+    const Conversation* const conversation = findLocked(number);
+    return conversation == nullptr || !conversation->watched_ ? nullptr
+                                                              : conversation->watcherMessage();
+}
+
+std::vector<std::unique_ptr<Message>> Conversations::takeExpired() {
+    const int64_t now = ConveyUtils::getTimeSeconds();
+    std::vector<std::pair<uint64_t, std::unique_ptr<Message>>> expired;
+    {
+        const ObjectLock guard(*this);
+        while (!deadlines_.empty() && deadlines_.begin()->first <= now) {
+            Conversation& conversation = *deadlines_.begin()->second.front();
+            expired.emplace_back(conversation.watchOrder_, conversation.watcherMessage());
+            unwatchLocked(conversation);
+            closeIfDoneLocked(conversation);
+        }
+    }
+    // As queues retire their messages from the end, observers have always seen the newest first.
+    std::sort(expired.begin(), expired.end(),
+              [](const auto& a, const auto& b) { return a.first > b.first; });
+    std::vector<std::unique_ptr<Message>> messages;
+    messages.reserve(expired.size());
+    for (auto& [order, message] : expired) {
+        messages.push_back(std::move(message));
+    }
+    return messages;
+}
+
+std::vector<std::unique_ptr<Message>> Conversations::watchers() const {
+    std::map<uint64_t, std::unique_ptr<Message>> ordered;
+    {
+        const ObjectLock guard(*this);
+        for (const auto& [deadline, watched] : deadlines_) {
+            for (const Conversation* const conversation : watched) {
+                ordered.emplace(conversation->watchOrder_, conversation->watcherMessage());
+            }
+        }
+    }
+    std::vector<std::unique_ptr<Message>> messages;
+    messages.reserve(ordered.size());
+    for (auto& [order, message] : ordered) {
+        messages.push_back(std::move(message));
+    }
+    return messages;
+}
+
+bool Conversations::isWatching() const {
+    const ObjectLock guard(*this);
+    return !deadlines_.empty();
+}
+
+// Waits.
+
+void Conversations::noteRequest(const Message& request) {
+    const ObjectLock guard(*this);
+    if (Conversation* const conversation = findLocked(request.getSerialNumber())) {
+        conversation->requestType_ = request.getType().view();
+    }
+}
+
+Conversations::Wait::Wait(Conversations& table, const Message& request)
+    : table_(table),
+      conversation_([&] {
+          const ObjectLock guard(table);
+          auto conversation = table.openLocked(request.getSerialNumber());
+          ++conversation->waiting_;
+          return conversation;
+      }()),
+      asker_(request.getSender().view()),
+      outer_(gInnermostWait) {
+    const ObjectLock guard(table_);
+    inside_ =
+        conversation_->insideDepth_ != 0 && conversation_->inside_ == std::this_thread::get_id();
+    conversation_->waitingInside_ += inside_ ? 1 : 0;
+    next_ = table_.newestWait_;
+    if (next_ != nullptr) {
+        next_->previous_ = this;
+    }
+    table_.newestWait_ = this;
+    gInnermostWait = this;
+}
+
+Conversations::Wait::~Wait() {
+    gInnermostWait = outer_;
+    const ObjectLock guard(table_);
+    --conversation_->waiting_;
+    conversation_->waitingInside_ -= inside_ ? 1 : 0;
+    (previous_ == nullptr ? table_.newestWait_ : previous_->next_) = next_;
+    if (next_ != nullptr) {
+        next_->previous_ = previous_;
+    }
+    table_.closeIfDoneLocked(*conversation_);
+}
+
+std::vector<uint32_t> Conversations::awaitedNumbers() const {
+    std::vector<uint32_t> numbers;
+    for (const Wait* wait = gInnermostWait; wait != nullptr; wait = wait->outer_) {
+        numbers.push_back(wait->conversation_->number());
+    }
+    {
+        const ObjectLock guard(*this);
+        for (const Wait* wait = newestWait_; wait != nullptr; wait = wait->next_) {
+            numbers.push_back(wait->conversation_->number());
+        }
+    }
+    std::sort(numbers.begin(), numbers.end());
+    numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
+    return numbers;
+}
+
+Conversations::Wait::State Conversations::Wait::state() const {
+    const ObjectLock guard(table_);
+    const Conversation& conversation = *conversation_;
+    if (conversation.insideDepth_ != 0 && !inside_) {
+        return State::open; // not before the handler has returned
+    }
+    if (conversation.end_ != Conversation::End::none) {
+        return conversation.end_ == Conversation::End::answered ? State::answered : State::failed;
+    }
+    if (!conversation.slots_.empty()) {
+        return State::open;
+    }
+    // Handlers that are gone without having been called were taken out by somebody.
+    return conversation.handlerRan_ || !conversation.hadHandler_ ? State::answered : State::failed;
+}
+
+// By the asker, too: numbers of two processes meet, and so would a request of a peer pass for the
+// nested one that this thread has sent to another instance of its own.
+bool Conversations::Wait::isAwaitedHere(const Message& request) {
+    for (const Wait* wait = gInnermostWait; wait != nullptr; wait = wait->outer_) {
+        if (wait->conversation_->number() == request.getSerialNumber() &&
+            wait->asker_ == request.getSender().view()) {
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace ScObjects::ConveyData
