@@ -1,6 +1,7 @@
 #include "scriptobjects/convey/SoCVConversation.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 #include "limits/Limits.h"
@@ -38,13 +39,18 @@ int32_t callHandler(MsgHandler& handler, int event, Message& message, SoString* 
     std::string what = "a handler for messages of type \"";
     what += message.getType().view();
     what += '"';
-    const bool returned =
-        runForeign(what, [&] { code = handler.handleMessage(event, message, result); });
-    if (returned) {
-        return code;
-    }
-    if (result != nullptr) {
-        *result = kHandlerFailedText;
+    // Nothing leaves from here on, or who called would not know whether the handler has run.
+    try {
+        if (runForeign(what, [&] { code = handler.handleMessage(event, message, result); })) {
+            return code;
+        }
+        if (result != nullptr) {
+            *result = kHandlerFailedText;
+        }
+    } catch (const std::bad_alloc&) { // by saying so; the code says it, too
+        if (result != nullptr) {
+            result->shrink(0);
+        }
     }
     return CV_HANDLER_FAILED;
 }

@@ -255,11 +255,12 @@ void PrivateData::dispatch(const Message& message, Conversations::Turn& turn, bo
     const Kind kind = kindOf(message, turn.reply);
     presentReply(copy, turn.reply, kind);
     SoString result;
-    called = true;
     int32_t code = 0;
     {
         const Occupations::Entry handling(occupations_, Occupations::Kind::handling, message);
+        // What leaves the call was thrown before the handler: nothing that a handler throws does.
         code = slot->call(kind, copy, &result);
+        called = true;
     }
     const auto done = conversations_.handled(turn, message, slot); // a handler for one message
     if (code != 0) {
