@@ -167,8 +167,11 @@ Convey* ConveyContext::findInstance(const SoString& appName) {
 std::shared_ptr<ConveyData::PrivateData> ConveyContext::pin(const SoString& appName) const {
     const ObjectLock guard(*this);
     for (int32_t i = 0; i < instances_.count(); ++i) {
-        if (instances_[i]->getAppName() == appName) {
-            return instances_[i]->data();
+        // Without a copy of the name, which would be empty when memory runs out: the message would
+        // take the way through the port, and what is said after it would overtake it.
+        const auto& data = instances_[i]->data();
+        if (data != nullptr && data->isNamed(appName)) {
+            return data;
         }
     }
     return nullptr;

@@ -80,6 +80,11 @@ SoString PrivateData::appName() const {
     return appName_;
 }
 
+bool PrivateData::isNamed(const SoString& name) const {
+    const ObjectLock guard(*this);
+    return appName_ == name;
+}
+
 void PrivateData::setAppName(const SoString& appName) {
     const ObjectLock guard(*this);
     appName_ = appName;
