@@ -281,10 +281,8 @@ public:
 
     // For the layer's own parts: the end of its context, which deletes or closes it.
     void endWithContext();
-    // The same: the shared state of the instance, and a message sent by the main instance, if there
-    // is one.
+    // The same: the shared state of the instance.
     const std::shared_ptr<ConveyData::PrivateData>& data() const { return data_; }
-    static bool sendThroughMainInstance(Message& message);
 
 private:
     void close();

@@ -225,13 +225,6 @@ void Convey::set(Convey* instance, ConveyContext* context) {
     }
 }
 
-bool Convey::sendThroughMainInstance(Message& message) {
-    const ConveyContext* const context = ConveyContext::currentContextNow();
-    const auto main = context == nullptr ? nullptr : context->pinMain();
-    return main != nullptr &&
-           main->post(std::make_unique<Message>(message)) != ConveyData::Delivery::refused;
-}
-
 bool Convey::targetIsRunning(const char* target) {
     return guarded(false, [target] { return CVResolution(target).isRunning(); });
 }
