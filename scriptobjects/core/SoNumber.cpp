@@ -8,6 +8,7 @@
 namespace ScObjects {
 namespace {
 
+// As isspace says in the "C" locale: the host's locale must not change what a number is.
 bool isBlank(char c) {
     return c == ' ' || (c >= '\t' && c <= '\r');
 }
@@ -46,11 +47,14 @@ double outOfRange(std::string_view number, bool hexadecimal) {
             text.remove_prefix(1);
         }
         const auto result = std::from_chars(text.data(), text.data() + text.size(), exponent);
+        // The exponent is left as it was then. Which end it lies beyond is all that matters.
         if (result.ec == std::errc::result_out_of_range) {
             exponent = text.front() == '-' ? std::numeric_limits<int32_t>::min()
                                            : std::numeric_limits<int32_t>::max();
         }
     }
+    // A hexadecimal digit stands for four of the binary places that the exponent counts. In 64 bits
+    // the places of the longest text and any exponent add up without overflow.
     const std::string_view digits = number.substr(0, mark);
     const auto point = static_cast<int64_t>(std::min(digits.find('.'), digits.size()));
     const auto first = static_cast<int64_t>(digits.find_first_not_of("0."));
@@ -62,6 +66,8 @@ double outOfRange(std::string_view number, bool hexadecimal) {
 } // namespace
 
 double parseNumber(std::string_view text) {
+    // from_chars knows neither blanks nor a plus sign, and strtod, which peers use, follows the
+    // locale.
     const bool negative = takeSign(text);
     if (text.empty() || text.front() == '+' || text.front() == '-') {
         return 0.0; // from_chars would take a second minus sign
@@ -82,6 +88,7 @@ double parseNumber(std::string_view text) {
     if (result.ec == std::errc::invalid_argument) {
         return 0.0;
     }
+    // from_chars does not say which end it was: infinity and zero are told apart here.
     if (result.ec == std::errc::result_out_of_range) {
         value =
             outOfRange(text.substr(0, static_cast<size_t>(result.ptr - text.data())), hexadecimal);
@@ -90,6 +97,8 @@ double parseNumber(std::string_view text) {
 }
 
 uint32_t parseUnsigned32(std::string_view text) {
+    // Not strtoul, whose `unsigned long` is wider on some machines: a number in a message means the
+    // same on all of them.
     const bool negative = takeSign(text);
     constexpr uint64_t kMaximum = std::numeric_limits<uint32_t>::max();
     uint64_t value = 0;
@@ -98,6 +107,8 @@ uint32_t parseUnsigned32(std::string_view text) {
             break;
         }
         value = value * 10 + static_cast<uint64_t>(c - '0');
+        // At each digit, so that 64 bits do however many there are. The sign does not count then,
+        // as with strtoul.
         if (value > kMaximum) {
             return std::numeric_limits<uint32_t>::max();
         }

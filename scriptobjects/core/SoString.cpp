@@ -21,15 +21,19 @@ constexpr int32_t kMaximumScannedUnits = limits::of("string.unmeasured");
 constexpr uint32_t kReplacement = 0xFFFD;
 constexpr int kEncodedBytes = 6; // of the longest code point
 
-// What strings point to until they hold something.
+// What strings point to until they hold something. Half of a registry's texts stay empty, and
+// without this a listing spends a third of its time in the heap for them. All threads share it, so
+// nobody may write to it.
 constinit char gEmptyBuffer[1] = {'\0'};
 
-// The smallest multiple of the step that is above `length`.
+// The smallest multiple of the step that is above `length`. Above, so that the zero byte has room
+// behind a text that fills its step.
 int32_t capacityFor(int64_t length) {
     return static_cast<int32_t>((length + SoString::kStep) / SoString::kStep * SoString::kStep);
 }
 
 char* newBuffer(int64_t length) {
+    // The capacity, a step more than the length at most, must fit into 32 bits, too.
     if (length > kMaximumLength) {
         throw std::bad_alloc();
     }
@@ -56,6 +60,7 @@ int64_t lengthOf(std::string_view text) {
 template <class Convert>
 void convertBytes(char* text, Convert&& convert) {
     for (; *text != '\0'; ++text) {
+        // tolower and toupper are not defined for the negative numbers that a char may be.
         *text = static_cast<char>(convert(static_cast<unsigned char>(*text)));
     }
 }
@@ -103,6 +108,7 @@ int sequenceLength(unsigned char first) {
     if (first < 0xF8) {
         return 4;
     }
+    // The long forms, which EncodeUTF8 writes, are read as well.
     return first < 0xFC ? 5 : 6;
 }
 
@@ -135,6 +141,7 @@ void walkUtf8(const char* text, const char* end, uint32_t steps, Use&& use) {
             continue;
         }
         const uint32_t codePoint = decode(text, length);
+        // In any form: an encoded zero ends a text as a zero byte does, for whoever gets the units.
         if (codePoint == 0) {
             use(0);
             return;
@@ -187,18 +194,22 @@ SoString::SoString(const SoString& other) : SoHeap(other) {
 
 SoString::SoString(SoString&& other) noexcept
     : SoHeap(other), data_(other.data_), length_(other.length_), capacity_(other.capacity_) {
+    // `data_` is never null, and who uses the other again finds an empty string.
     other.data_ = gEmptyBuffer;
     other.length_ = 0;
     other.capacity_ = kStep;
 }
 
 SoString::SoString(const unsigned short* utf16, int32_t length) {
+    // The bound: a text whose end is missing must not be sought through all of the host's memory.
     if (utf16 != nullptr && length < 0) {
         for (length = 0; length < kMaximumScannedUnits && utf16[length] != 0;) {
             ++length;
         }
     }
     const int32_t count = utf16 == nullptr ? 0 : length;
+    // Twice over the units: the first walk tells the size, so that the buffer has the capacity that
+    // every string of this length has.
     char encoded[kEncodedBytes];
     int64_t bytes = 0;
     walkUtf16(utf16, count, [&](uint32_t c) { bytes += EncodeUTF8(c, encoded); });
@@ -229,9 +240,11 @@ SoString& SoString::operator=(const SoString& other) {
 }
 
 SoString& SoString::operator=(SoString&& other) noexcept {
+    // Exchanged, so that nothing needs memory and the other goes on with a buffer of its own.
     std::swap(data_, other.data_);
     std::swap(length_, other.length_);
     std::swap(capacity_, other.capacity_);
+    // Moved into itself it keeps its text.
     if (this != &other) {
         other.shrink(0);
     }
@@ -249,11 +262,13 @@ const char* SoString::assign(std::string_view text) {
     }
     if (capacity_ < bytes + 1 || data_ == gEmptyBuffer) {
         // A text that needs more room than the buffer has does not lie in it.
+        // The new buffer comes before the old one goes: without memory the string stays as it is.
         char* buffer = newBuffer(bytes);
         release();
         data_ = buffer;
         capacity_ = capacityFor(bytes);
     }
+    // Moved, not copied: it may be a part of what this buffer holds.
     (void)std::char_traits<char>::move(data_, text.data(), text.size());
     length_ = static_cast<int32_t>(bytes);
     data_[length_] = '\0';
@@ -268,6 +283,7 @@ void SoString::append(std::string_view text) {
     if (text.empty()) {
         return;
     }
+    // In 64 bits two lengths add up without overflow; newBuffer refuses what is too long.
     const int64_t newLength = length_ + lengthOf(text);
     if (newLength >= capacity_ || data_ == gEmptyBuffer) {
         char* buffer = newBuffer(newLength);
@@ -284,6 +300,7 @@ void SoString::append(std::string_view text) {
 }
 
 char* SoString::extend(int32_t bytes) {
+    // In 64 bits: the sum of two lengths that are allowed may be one that is not.
     const int64_t newLength = static_cast<int64_t>(length_) + bytes;
     if (newLength >= capacity_ || data_ == gEmptyBuffer) {
         char* buffer = newBuffer(newLength);
@@ -299,9 +316,12 @@ char* SoString::extend(int32_t bytes) {
 }
 
 void SoString::adopt(char* heapBuffer, int32_t length) {
+    // Refused before the block is touched: until all has succeeded it is its owner's to free.
     if (length > kMaximumLength) {
         throw std::bad_alloc();
     }
+    // The blocks of the ports have whole steps already, so that this does not move them; a block of
+    // another size becomes what strings expect of their buffers.
     const int32_t capacity = capacityFor(length);
     auto* buffer =
         static_cast<char*>(SoHeap::reallocHeap(heapBuffer, static_cast<size_t>(capacity)));
@@ -316,6 +336,7 @@ void SoString::adopt(char* heapBuffer, int32_t length) {
 }
 
 void SoString::append(long n) {
+    // 32 bits, however wide a `long` is: texts are the same bytes on every machine.
     char digits[std::numeric_limits<uint32_t>::digits10 + 1];
     const auto result = std::to_chars(digits, digits + sizeof digits, static_cast<uint32_t>(n));
     append(std::string_view(digits, static_cast<size_t>(result.ptr - digits)));
@@ -352,6 +373,8 @@ SoString SoString::uppercase() const {
 }
 
 void SoString::makeLowercase() {
+    // What comes here is in lower case as a rule, and then no byte goes through the locale and none
+    // is written.
     char* text = data_;
     while (isSurelyLower(*text)) {
         ++text;
@@ -439,6 +462,7 @@ int32_t EncodeUTF8(uint32_t codePoint, char* out) {
                                                    {0x200000, 0xF0, 4},
                                                    {0x4000000, 0xF8, 5},
                                                    {0x7FFFFFFF, 0xFC, 6}}};
+    // What was replaced above would be beyond the last form: this walk ends.
     const Form* form = forms.data();
     while (codePoint >= form->below) {
         ++form;

@@ -12,7 +12,8 @@
 namespace ScObjects {
 namespace {
 
-// Locks come and go on every thread, so both are atomic.
+// Locks come and go on every thread, so both are atomic. What lives for ever has no lock of this
+// kind: the count would never be 0 again.
 constinit std::atomic<uint32_t> gUsers{0};
 constinit std::atomic<Thread::ID> gMainThread{0};
 
@@ -26,6 +27,8 @@ bool addUser() {
     if (gUsers.fetch_add(1) != 0) {
         return false;
     }
+    // Whoever comes first after the count was 0: when the layer is started again on another thread,
+    // that one is the main thread.
     gMainThread = ownID();
     return true;
 }
@@ -77,6 +80,7 @@ bool Thread::InitTerm::exit() {
 struct Thread::ThreadData : SoHeap {
     enum class Gate { closed, open, abandoned };
 
+    // Not the lock of the object, which is recursive: waiting gives back one level of it only.
     std::mutex gateMutex;
     std::condition_variable gateChanged;
     Gate gate = Gate::closed;
@@ -89,6 +93,8 @@ struct Thread::ThreadData : SoHeap {
     void set(Gate state) {
         {
             const std::lock_guard<std::mutex> lock(gateMutex);
+            // Decided once: a thread that runs is not abandoned, and one that is abandoned never
+            // runs.
             if (gate != Gate::closed) {
                 return;
             }
@@ -105,6 +111,7 @@ struct Thread::ThreadData : SoHeap {
 
     void join() {
         const std::lock_guard<std::mutex> lock(joinMutex);
+        // Whoever comes second finds it joined: joining a thread twice is not allowed.
         if (thread.joinable()) {
             thread.join();
         }
@@ -113,6 +120,8 @@ struct Thread::ThreadData : SoHeap {
 
 Thread::Thread() : data_(std::make_unique<ThreadData>()) {
     addUser();
+    // It waits at the gate: a body that ran now would find an object whose derived part, and with
+    // it `run`, is not there yet.
     data_->created = platform::Threads::system().start(data_->thread, enter, this);
     if (!data_->created) {
         error_ = kCreationFailed;
@@ -121,6 +130,8 @@ Thread::Thread() : data_(std::make_unique<ThreadData>()) {
 
 Thread::~Thread() {
     data_->set(ThreadData::Gate::abandoned); // for a thread that was never released
+    // A std::thread that nobody has joined ends the process when it is destroyed; the gate is open
+    // for it one way or the other, so this does not wait for ever.
     data_->join();
     removeUser();
 }
@@ -139,10 +150,12 @@ void Thread::body() {
     if (!data_->waitUntilOpen()) {
         return;
     }
+    // From here on a wait on the thread itself returns at once, instead of waiting for its own end.
     data_->id = ownID();
     running_ = true;
     const auto leave = [this] {
         running_ = false;
+        // Nothing may leave a thread's first function: an exception that does ends the process.
         try {
             runExit();
         } catch (...) {
