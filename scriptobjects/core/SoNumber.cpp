@@ -66,8 +66,7 @@ double outOfRange(std::string_view number, bool hexadecimal) {
 } // namespace
 
 double parseNumber(std::string_view text) {
-    // from_chars knows neither blanks nor a plus sign, and strtod, which peers use, follows the
-    // locale.
+    // from_chars knows neither blanks nor a plus sign, which strtod takes.
     const bool negative = takeSign(text);
     if (text.empty() || text.front() == '+' || text.front() == '-') {
         return 0.0; // from_chars would take a second minus sign

@@ -16,6 +16,7 @@ bool BaseInterAppStream::isEmpty() const {
 
 SoString BaseInterAppStream::getMessages() {
     const ObjectLock guard(*this);
+    // In one step, so that each text goes to one of the threads that ask.
     return std::exchange(pending_, SoString());
 }
 

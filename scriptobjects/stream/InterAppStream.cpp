@@ -16,6 +16,7 @@
 namespace ScObjects {
 namespace {
 
+// For a process that has named no stream: who sends needs one of its own all the same.
 constexpr const char* kFallbackName = "interappstream-1.0";
 constexpr int kInstances = limits::of("stream.instances");
 constexpr auto kNamePause = std::chrono::milliseconds(20); // what a short-lived owner lives
@@ -40,6 +41,7 @@ public:
     InterAppStream* getOrMake(bool& allTaken) {
         allTaken = false;
         const std::lock_guard<std::mutex> guard(mutex_);
+        // Under the lock: two threads that come first together must not take two names.
         if (stream_ == nullptr) {
             stream_ = nextAvailable(kFallbackName, allTaken).release();
         }
@@ -80,6 +82,7 @@ private:
 // is none to go by another name, under which nobody looks for this one.
 std::unique_ptr<InterAppStream> goodStream(const SoString& name, bool& isTaken) {
     isTaken = false;
+    // Before the name is tried: it would be found taken, by this process itself.
     if (auto kept = KeptStream::instance().take(name)) {
         return kept;
     }
@@ -107,9 +110,12 @@ std::unique_ptr<InterAppStream> nextAvailable(const SoString& name, bool& allTak
         return stream;
     }
     Convey::Specifier specifier(name.c_str(), false);
+    // Who asks for a certain instance means that one, and no other name will do.
     if (!isTaken || specifier.isEmpty() || !specifier.instance().isEmpty()) {
         return nullptr;
     }
+    // A name that could not be had for another reason ends the search: the next would be one under
+    // which nobody looks.
     for (int instance = 1; isTaken && instance <= kInstances; ++instance) {
         SoString digits;
         digits << instance;
@@ -171,6 +177,7 @@ InterAppStream* InterAppStream::get(int64_t waitMilliseconds) {
     for (;;) {
         bool allTaken = false;
         InterAppStream* const stream = ProcessStream::instance().getOrMake(allTaken);
+        // Only names that others give back soon are worth a wait; what else is wrong stays wrong.
         if (stream != nullptr || !allTaken) {
             return stream;
         }
@@ -178,6 +185,7 @@ InterAppStream* InterAppStream::get(int64_t waitMilliseconds) {
             tellThatAllAreTaken(kFallbackName);
             return nullptr;
         }
+        // Nothing announces that a name has been given back.
         std::this_thread::sleep_for(kNamePause);
     }
 }

@@ -33,6 +33,8 @@ MacInterAppStream::DataRef::DataRef(platform::PortText& data) {
     if (length == 0) {
         return;
     }
+    // A sender's terminator would end the text for whoever reads it as one of C, and hide what
+    // follows. As a line feed between two messages it is passed over.
     char* const end = data.data() + length;
     for (char* at = data.data(); at != end; ++at) { // as a rule there is none
         at = static_cast<char*>(std::memchr(at, '\0', static_cast<size_t>(end - at)));
@@ -41,6 +43,8 @@ MacInterAppStream::DataRef::DataRef(platform::PortText& data) {
         }
         *at = '\n';
     }
+    // Not copied: the port's block has the room and the whole steps that a string's buffer has.
+    // When memory runs out it is still the port's.
     text.adopt(data.data(), static_cast<int32_t>(length));
     (void)data.release(); // the string's now
 }
@@ -59,6 +63,8 @@ bool MacInterAppStream::isGood() const {
 }
 
 std::shared_ptr<platform::LocalPort> MacInterAppStream::port() const {
+    // Who waits at the port or asks it something holds a reference, not this lock, so that `close`
+    // waits for nobody.
     const ObjectLock guard(*this);
     return port_;
 }
@@ -88,6 +94,8 @@ bool MacInterAppStream::hasDrawn() const {
 bool MacInterAppStream::draw(int32_t maximumTexts) const {
     const ObjectLock guard(*this);
     platform::PortText received;
+    // The bounds are asked before `take`: what is taken cannot be put back, and what is left in the
+    // system's queue holds its senders back.
     for (; port_ != nullptr && maximumTexts > 0 && drawn_.count() < kMaximumDrawnTexts &&
            drawnBytes_ < kMaximumDrawnBytes && port_->take(received);
          --maximumTexts) {
@@ -104,6 +112,8 @@ bool MacInterAppStream::messagePending() const {
 
 bool MacInterAppStream::waitForMessage(int32_t timeoutMilliseconds, bool soon) const {
     const std::shared_ptr<platform::LocalPort> port = this->port();
+    // What has been drawn is in the port no more and would not end its wait. The wait itself holds
+    // no lock: others receive and close meanwhile.
     return port != nullptr && (hasDrawn() || (port->wait(timeoutMilliseconds, soon) && draw(1)));
 }
 
@@ -148,6 +158,7 @@ bool MacInterAppStream::canOpen(const SoString& name, bool /*flag*/) const {
 
 MacInterAppStream::Presence MacInterAppStream::presenceOf(const SoString& name) const {
     int error = 0;
+    // What could not be found out is told by the ports, with the system's reason.
     switch (platform::MessagePorts::system().look(portName(name), error)) {
     case platform::PortState::free:
         return Presence::absent;
