@@ -65,6 +65,7 @@ PCDConnector::PCDConnector(const SoString& appName, bool master, DomainKey key)
 
 PCDConnector::~PCDConnector() {
     const std::lock_guard<std::mutex> lock(capsFolder().mutex);
+    // A later start that sets no folder must not find that of the one before.
     if (--capsFolder().connectors == 0) {
         capsFolder().path = SoString();
     }
@@ -92,6 +93,8 @@ SoString PCDConnector::getName() const {
 }
 
 bool PCDConnector::initLists(CVConnectorAppInfoList& list, SoVector<SoString>& groups) {
+    // Its times are those of before its first list: what changes during the walk is seen at the
+    // next look.
     PCDInitLists walk(list, groups);
     const bool complete = walk.run(*wrapper_) && wrapper_->isComplete();
     filled_ = true;
@@ -103,11 +106,13 @@ bool PCDConnector::initLists(CVConnectorAppInfoList& list, SoVector<SoString>& g
 
 bool PCDConnector::updateCache(bool force) {
     ObjectLock lock(*this);
+    // After a reading that failed it is read again, though no time may have changed.
     bool changed = needsReadingLocked();
     if (!filled_ && !changed) {
         return false;
     }
     uint32_t time = 0;
+    // Another time, not only a later one: a database may be restored.
     if (wrapper_->capsGetLastModTime(time) == PCDWrapper::kSuccess && time != productModTime_) {
         productModTime_ = time;
         changed = true;
@@ -120,6 +125,8 @@ bool PCDConnector::updateCache(bool force) {
         return false;
     }
     clearCache();
+    // Without force the next query reads: a process that pumps looks here regularly and may never
+    // ask.
     return !force || ConveyConnector::updateCache(true);
 }
 
@@ -142,6 +149,7 @@ bool PCDConnector::removeFromGroup(const SoString&, const SoString&, const SoStr
 
 SoString PCDConnector::getConnectorConfig(const SoString& specifier) const {
     ObjectLock lock(*this);
+    // Under the lock to the end: the sessions serve one thread at a time.
     SoString text;
     return told(wrapper_->exportConfig(specifier, text), text, "exported") ? text : SoString();
 }
@@ -152,6 +160,7 @@ bool PCDConnector::importFrom(const SoString& source) {
     if (!told(wrapper_->importConfig(source, "keep", text), text, "imported")) {
         return false;
     }
+    // What was read before is out of date now, and the times would say so only at the next look.
     clearCache();
     return true;
 }
@@ -160,6 +169,7 @@ bool PCDConnector::removeAll() {
     ObjectLock lock(*this);
     SoString text;
     const int32_t status = wrapper_->removeAllConfig(text);
+    // Nothing to remove is an answer, and nothing that a person must hear of.
     if (status == PCDWrapper::kNothingThere || !told(status, text, "removed")) {
         return false;
     }
@@ -190,6 +200,7 @@ ConveyConnector* ConveyUtils::createConnector(const SoString& appName, const SoS
         return nullptr;
     }
     auto connector = std::make_unique<PCDConnector>(appName, true, PCDConnector::kIvorDomain);
+    // One that is not good is told by its absence: queries then give their neutral values.
     if (connector->isGood()) {
         return connector.release();
     }

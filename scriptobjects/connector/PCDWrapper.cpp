@@ -60,6 +60,8 @@ struct PCDWrapper::Functions {
     CAPS_FUNCTIONS(CAPS_MEMBER)
 #undef CAPS_MEMBER
 
+    // A library of an earlier version has not all of them: those stay null, and who calls them
+    // looks.
     void bind(void* handle) {
 #define CAPS_BIND(name) ConveyUtils::SharedLib::getFunction(handle, #name, name);
         CAPS_FUNCTIONS(CAPS_BIND)
@@ -72,6 +74,7 @@ struct PCDWrapper::Functions {
 template <class Function, class... Arguments>
 int32_t PCDWrapper::call(Function* function, capsiSession* session, int32_t missing,
                          Arguments... arguments) const {
+    // Asked first: the pointers stay as they are when the library goes, and then lead nowhere.
     if (!isGood()) {
         return kNotGood;
     }
@@ -98,6 +101,7 @@ PCDWrapper::PCDWrapper(bool open, capsDomain domain)
         failure_ = isThere ? kFailed : kSuccess; // which has been said
         return;
     }
+    // Here and in `unload` only, beside the handle, so that each load is counted once.
     ++gLibRefCount;
     functions_->bind(handle_);
     if (!open || !openSessions()) {
@@ -106,6 +110,7 @@ PCDWrapper::PCDWrapper(bool open, capsDomain domain)
 }
 
 PCDWrapper::~PCDWrapper() {
+    // The sessions before the library: closing them is its code.
     if (database_ != nullptr && functions_->pcdCloseSession != nullptr) {
         (void)functions_->pcdCloseSession(database_); // nothing to be done about a failure
     }
@@ -120,6 +125,7 @@ bool PCDWrapper::openSessions() {
         return false;
     }
     if (noted(functions_->pcdOpenSessionNoCreate(&database_, kReadMode)) != kSuccess) {
+        // Whatever the library has left there: it is no session, and nobody may close it.
         database_ = nullptr;
         return false;
     }
@@ -128,6 +134,7 @@ bool PCDWrapper::openSessions() {
         noted(functions_->capsOpenSession(&products_, kReadMode)) != kSuccess) {
         products_ = nullptr;
     }
+    // A walk reads again, but it opens nothing: what failed until here stays a failure.
     opened_ = isComplete();
     return true;
 }
@@ -136,10 +143,13 @@ void PCDWrapper::startWalk() {
     if (opened_) {
         failure_ = kSuccess;
     }
+    // A user's database answers without that of the system below it, whose absence from the answers
+    // is seen only by asking.
     (void)call(functions_->capsGetLowerStatus, database_, kSuccess); // noted
 }
 
 int32_t PCDWrapper::noted(int32_t status) const {
+    // No database is no failure: nothing is registered then. These leave open what is.
     const bool isFailure = status == CAPS_DAMAGED || status == CAPS_FOREIGN ||
                            status == CAPS_NEWER_SCHEMA || status == CAPS_BUSY ||
                            status == CAPS_FAILED;
@@ -148,6 +158,8 @@ int32_t PCDWrapper::noted(int32_t status) const {
         const char* const reason = functions_->capsLastFailure == nullptr
                                        ? "its library failed"
                                        : functions_->capsLastFailure();
+        // Copied at once, since the text is good until this thread's next call. The first reason
+        // stays: the failures behind it may be its consequences.
         const size_t bytes = strnlen(reason, sizeof reason_ - 1);
         std::memcpy(reason_, reason, bytes);
         reason_[bytes] = '\0';
@@ -162,6 +174,7 @@ void PCDWrapper::unload() {
     }
     ConveyUtils::SharedLib::unloadPCDLibrary(handle_);
     handle_ = nullptr;
+    // The pointers of `functions_` lead nowhere now; `isGood` keeps everybody from them.
     --gLibRefCount;
 }
 
@@ -256,6 +269,7 @@ int32_t PCDWrapper::exportConfig(const SoString& specifier, SoString& text) cons
     const char* told = "";
     const int32_t status =
         call(functions_->capsConfigExport, database_, kNotGood, specifier.c_str(), &told);
+    // Copied: the library's text is good until the next of these functions.
     text = told;
     return status;
 }

@@ -15,12 +15,14 @@ constexpr std::string_view kWebAddress = "https://"; // opened, not looked for o
 
 int32_t ConveyConnector::launchTarget(const SoString& specifier, const SoString& parameters,
                                       bool inFront, ConveyContext* /*context*/) {
+    // A copy: the records go when the registry has changed, and no lock is held below.
     CVConnectorAppInfo info;
     if (!findRecord(specifier, info)) {
         return 0;
     }
     if (info.path.view().substr(0, kWebAddress.size()) != kWebAddress) {
         info.path = ConveyUtils::resolveAlias(info.path);
+        // A registration can outlive its application, which is better told than tried.
         if (!ConveyUtils::fileExists(info.path)) {
             return 0;
         }

@@ -47,6 +47,7 @@ void CVGroups::split() {
         if (!parseEntry(*texts_[i], entry.name, entry.numberText, entry.pattern)) {
             continue;
         }
+        // Once, on reading: a question compares the numbers of many entries.
         entry.number = parseNumber(entry.numberText.c_str());
         // The entry first: when memory runs out, no position may lead to none.
         entries_.push_back(std::move(entry));
@@ -65,6 +66,9 @@ const CVGroupEntry* CVGroups::findGroupOf(const SoString& key) const {
     const auto look = [&](const Positions& positions) {
         for (const size_t position : positions) {
             const CVGroupEntry& entry = entries_[position];
+            // Only numbers above 0 give a group, so 0 stands for none so far. Each list is in the
+            // order of registration, but one is not behind the other: positions tell the later
+            // entry.
             const double number = best == nullptr ? 0.0 : best->number;
             const bool wins = entry.number > number || (best != nullptr && entry.number == number &&
                                                         position > bestPosition);
@@ -98,6 +102,7 @@ const CVGroupEntry* CVGroups::findMember(const SoString& group, const SoString& 
             continue;
         }
         const CVSpecifierParts parts = CVSpecifierParts::of(entry.pattern.view());
+        // A pattern such as "7.*" counts as 7: a number ends where its digits do.
         double version = parseNumber(parts.version);
         if (version < 0.0) {
             version = highest;
