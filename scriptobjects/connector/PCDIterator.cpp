@@ -106,6 +106,8 @@ bool isMakersAddress(std::string_view text) {
 
 // The application bundle that a launch path leads into, else the launch path.
 SoString bundleOf(const SoString& launchPath) {
+    // Changing case changes no lengths: a place in it is the same place in the path as it is
+    // written.
     const SoString lower = launchPath.lowercase();
     const size_t found = lower.view().find(kProgramFolderInBundle);
     if (found == std::string_view::npos) {
@@ -153,11 +155,15 @@ SoString readConfigPath(const PCDWrapper& wrapper, const char* payload) {
 } // namespace
 
 bool PCDIterator::run(PCDWrapper& wrapper) {
+    // What could not be read at the last walk may be readable by now.
     wrapper.startWalk();
+    // Before anything can fail, as it empties what an earlier walk has filled; and before the list
+    // below, which stays good only until the next list of subdomains or payloads.
     (void)onStart(wrapper);
     if (!wrapper.isGood()) {
         return false;
     }
+    // Before the first list: what changes during the walk makes the times differ at the next look.
     (void)wrapper.capsGetLastModTime(productModTime_); // 0 when it cannot be read
     (void)wrapper.pcdGetLastModTime(domainModTime_);
 
@@ -176,6 +182,7 @@ bool PCDIterator::run(PCDWrapper& wrapper) {
         if (keysStatus != PCDWrapper::kSuccess && keysStatus != PCDWrapper::kNothingThere) {
             return false;
         }
+        // The products' payloads have their subdomains in the same domain.
         if (!std::string_view(*subdomains).starts_with(kAppPrefix)) {
             continue;
         }
@@ -209,6 +216,7 @@ bool PCDIterator::onEndSubDomain(PCDWrapper& wrapper, const SoString& subdomain,
     if (isUnderGroups(subdomain.view())) {
         return true;
     }
+    // A single byte is too short to be a name by itself.
     if (info.specifier.isEmpty() && subdomain.view().size() > kAppPrefix.size() + 1) {
         info.specifier.assign(subdomain.c_str() + kAppPrefix.size());
     }
@@ -221,6 +229,7 @@ bool PCDIterator::onKey(PCDWrapper& wrapper, const SoString& subdomain, const So
     if (inGroups && !key.view().starts_with(ConveyConnector::kGroupKeyPrefix)) {
         return true;
     }
+    // Keys that nobody takes cost no question for their values.
     const KeyRule* rule = inGroups ? nullptr : findRule(key.view());
     if (!inGroups && rule == nullptr) {
         return true;
@@ -235,6 +244,7 @@ bool PCDIterator::onKey(PCDWrapper& wrapper, const SoString& subdomain, const So
         if (std::string_view(value).size() <= kGroupPrefix.size()) {
             return true;
         }
+        // The specifiers that it is compared with are in lower case.
         return onGroupInfo(wrapper, key, SoString(value + kGroupPrefix.size()).lowercase());
     }
     switch (rule->kind) {
@@ -297,6 +307,7 @@ void PCDInitLists::readPayloadJoins(const PCDWrapper& wrapper) {
         return;
     }
     for (; payloads != nullptr && *payloads != nullptr; ++payloads) {
+        // The identifiers of payloads begin with a brace; applications are listed with them.
         const char* payload = *payloads;
         if (*payload != '{') {
             continue;
@@ -304,10 +315,12 @@ void PCDInitLists::readPayloadJoins(const PCDWrapper& wrapper) {
         PayloadJoin join;
         (void)wrapper.pdbGetAppLaunchPath(payload, join.launchPath); // empty when there is none
         join.configPath = readConfigPath(wrapper, payload);
+        // It gives nobody a path, so its codes need not be asked for.
         if (join.launchPath.isEmpty() && join.configPath.isEmpty()) {
             continue;
         }
         SoString key(ConveyConnector::kConveyCodeKey);
+        // The numbers have no gaps: the first code that is missing ends them.
         for (uint32_t n = 1; n <= kMaximumConveyCodes; ++n) {
             const char* code = nullptr;
             if (wrapper.pcdGetDomainData(kRegistryDomain, payload, key.c_str(), code) !=
@@ -323,12 +336,14 @@ void PCDInitLists::readPayloadJoins(const PCDWrapper& wrapper) {
 }
 
 SoString PCDInitLists::pathFromPayloads(const CVConnectorAppInfo& info) const {
+    // A payload names the whole subdomain, in lower case.
     SoString code(ConveyConnector::kAppSubdomainPrefix);
     code << info.specifier.lowercase();
     const auto found = joins_.find(code.c_str());
     if (found == joins_.end()) {
         return SoString();
     }
+    // Several products may bring the same application: the first that leads to a path wins.
     for (const PayloadJoin& join : found->second) {
         if (!join.launchPath.isEmpty()) {
             return bundleOf(join.launchPath);
@@ -361,6 +376,8 @@ bool PCDInitLists::onAppInfo(PCDWrapper&, CVConnectorAppInfo& info) {
     if (info.path.isEmpty() && !joins_.empty()) {
         info.path = pathFromPayloads(info);
     }
+    // Without either nobody could start it. What a redirect leads to is known at the end of the
+    // walk.
     if (!info.path.isEmpty() || !info.redirectTo.isEmpty()) {
         // The walk is done with the record. False when an equal one is there already.
         (void)list_.append(new CVConnectorAppInfo(std::move(info)));
@@ -376,6 +393,7 @@ bool PCDInitLists::onGroupInfo(PCDWrapper&, const SoString&, const SoString& ent
 }
 
 bool PCDInitLists::onEnd(PCDWrapper&) {
+    // Only now, since a redirect may lead to what was registered later.
     (void)list_.resolveRedirectTo(); // whether there was any does not matter here
     return true;
 }

@@ -21,6 +21,8 @@ namespace {
 constexpr std::string_view kAnyMinorVersion = ".*";
 constexpr const char* kHighestMinorVersion = ".99"; // minor versions have two digits at most
 
+// Read by every query without a lock; what was read stays good, since nobody deletes a connector
+// before the end of the layer.
 constinit std::atomic<ConveyConnector*> gConnector{nullptr};
 constinit std::atomic<bool> gUnreadable{false}; // why there is no connector
 
@@ -54,6 +56,7 @@ SoString runningOfSameMajorVersion(const ConveyConnector& connector,
     for (const SoString& text : registrations) {
         Convey::Specifier candidate(text.c_str(), false);
         const SoString candidateVersion = candidate.version();
+        // In this order: looking whether a candidate runs costs it a message.
         if (candidate != specifier && majorVersion(candidateVersion.view()) == major &&
             candidate.isRunning()) {
             return candidate;
@@ -85,6 +88,8 @@ SoString resolveSpecifier(const ConveyConnector& connector, const SoString& text
 
 void ConveyConnector::InitTerm::init(const SoString& appName) {
     if (get() == nullptr) {
+        // Kept, as there is no connector to ask then: who decides about launching must not take
+        // every application for one that is not installed.
         bool isUnreadable = false;
         set(ConveyUtils::createConnector(appName, SoString(), &isUnreadable));
         gUnreadable.store(isUnreadable);
@@ -96,6 +101,8 @@ void ConveyConnector::InitTerm::exit() {
     std::vector<ConveyConnector*> connectors;
     {
         const std::lock_guard<std::mutex> lock(retired().mutex);
+        // Taken out and deleted without the lock, under which no other is taken: the end of a
+        // connector takes some.
         connectors.swap(retired().connectors);
     }
     for (ConveyConnector* connector : connectors) {
@@ -121,6 +128,8 @@ ConveyConnector::~ConveyConnector() = default;
 
 CVConnectorAppInfoList* ConveyConnector::getAppInfoListLocked() const {
     if (appInfoList_ == nullptr) {
+        // Built aside: a reading that throws leaves no half of a registry that passes for all of
+        // it.
         auto list = std::make_unique<CVConnectorAppInfoList>();
         auto groups = std::make_unique<CVGroups>();
         // A registry that breaks off gives what was read so far: better some targets than none.
@@ -156,6 +165,7 @@ bool ConveyConnector::findRecord(const SoString& specifier, CVConnectorAppInfo& 
         return false;
     }
     ObjectLock lock(*this);
+    // Copied under the lock: the record goes with the list when the registry has changed.
     return getAppInfoListLocked()->find(specifier, out, nullptr);
 }
 
@@ -189,6 +199,7 @@ SoString ConveyConnector::findPreferredApp(const SoString& specifier, const SoSt
             candidate = entry->pattern;
         }
     }
+    // The lock has been given up: this may ask other processes whether they run.
     return resolveSpecifier(*this, candidate);
 }
 
@@ -199,10 +210,13 @@ SoString ConveyConnector::findGroupForSpecifier(const SoString& specifier, SoStr
     {
         ObjectLock lock(*this);
         (void)getAppInfoListLocked();
+        // Completing the specifier may ask other processes, which is not worth it without groups.
         if (groups_->isEmpty()) {
             return SoString();
         }
     }
+    // A fix-up asks this for its caller: to complete that here would need the answer that it is
+    // working out.
     const Convey::Specifier full(specifier.c_str(), !Convey::Specifier::isFixUpUnderWay());
     if (full.isEmpty()) {
         return SoString();
@@ -213,6 +227,8 @@ SoString ConveyConnector::findGroupForSpecifier(const SoString& specifier, SoStr
 
     ObjectLock lock(*this);
     (void)getAppInfoListLocked();
+    // The lists may have been dropped while the lock was not held, so they were asked for once
+    // more.
     const CVGroupEntry* entry = groups_->findGroupOf(key);
     if (entry == nullptr) {
         return SoString();
@@ -299,6 +315,7 @@ SoString ConveyConnector::getApplicationPath(const SoString& specifier, const ch
         return SoString();
     }
     Convey::Specifier bare(specifier.c_str(), false);
+    // A suffix names an endpoint, which lies where its application does.
     if (!CVSpecifierParts::of(bare.view()).suffix.empty()) {
         bare.setSuffix(SoString());
     }
@@ -347,6 +364,7 @@ SoString ConveyConnector::getRedirectTo(const SoString& specifier) const {
 
 void ConveyConnector::noteLaunched(const SoString& specifier, uint32_t pid) {
     ObjectLock lock(*this);
+    // One lock over all steps, or the list could be dropped between them.
     CVConnectorAppInfoList& list = *getAppInfoListLocked();
     CVConnectorAppInfo info;
     if (!list.setProcessID(specifier, pid) && list.find(specifier, info, nullptr)) {
@@ -367,7 +385,9 @@ void ConveyConnector::appendDiagnostics(SoString& out, const SoString& path) con
     rows.leaf("/changed", "Changed",
               changed != 0 ? ConveyUtils::getTimeString(&changed) : SoString("undefined"));
     ObjectLock lock(*this);
+    // Held to the end: the records are read where they are, and `clearCache` deletes them.
     const CVConnectorAppInfoList& list = *getAppInfoListLocked();
+    // A node announces rows below it, so what is empty must be a leaf.
     const auto heading = [&rows](int32_t entries, const char* name, const char* label) {
         if (entries != 0) {
             rows.node(name, label, entries);
@@ -412,6 +432,7 @@ void ConveyConnector::clearCache() {
     ObjectLock lock(*this);
     appInfoList_.reset();
     groups_.reset();
+    // Nothing has been read yet, so nothing is missing.
     complete_ = true;
 }
 
@@ -439,6 +460,7 @@ void ConveyConnector::appendSpecifiersOf(const SoString& appName,
 
 bool ConveyConnector::hasRecordOrNoList(const SoString& specifier) const {
     ObjectLock lock(*this);
+    // Not through `getAppInfoListLocked`: the question must not make the connector read.
     return appInfoList_ == nullptr || appInfoList_->find(specifier, nullptr) != nullptr;
 }
 

@@ -51,6 +51,7 @@ uint32_t CVPositionIndex::hash(std::string_view text) {
 }
 
 void CVPositionIndex::prepare(uint32_t textHash) {
+    // `reserve` gives what it is told: one more at a time would move all positions each time.
     if (next_.size() == next_.capacity()) {
         next_.reserve(std::max(kFirstPositions, next_.size() * 2));
     }
@@ -60,6 +61,7 @@ void CVPositionIndex::prepare(uint32_t textHash) {
 void CVPositionIndex::add(uint32_t textHash) noexcept {
     const auto position = static_cast<int32_t>(next_.size());
     next_.push_back(-1);
+    // Neither this nor the line before needs memory: `prepare` has made the room and the chain.
     Chain& chain = chains_.find(textHash)->second;
     if (chain.first < 0) {
         chain.first = position;
@@ -104,6 +106,8 @@ CVConnectorAppInfoList::~CVConnectorAppInfoList() {
 
 CVConnectorAppInfoList::Indexes
 CVConnectorAppInfoList::indexesWithLocked(int32_t changed, const SoString* specifier) const {
+    // Made anew and aside: behind a record that goes all positions change, and as long as this can
+    // fail the index that is in use must be the right one.
     Indexes indexes;
     for (int32_t i = 0; i < items_.count(); ++i) {
         const SoString* text = i == changed ? specifier : &items_[i]->specifier;
@@ -141,6 +145,7 @@ bool CVConnectorAppInfoList::append(CVConnectorAppInfo* info) {
     if (info == nullptr) {
         return false;
     }
+    // The caller has given it away, whatever comes of it.
     std::unique_ptr<CVConnectorAppInfo> owned(info);
     ObjectLock lock(*this);
     if (findEqualLocked(*info, nullptr) != nullptr) {
@@ -159,11 +164,13 @@ bool CVConnectorAppInfoList::isInList(const CVConnectorAppInfo& info) const {
 bool CVConnectorAppInfoList::update(const CVConnectorAppInfo& info) {
     ObjectLock lock(*this);
     if (lastUpdated_ != nullptr && lastUpdated_->specifier == info.specifier) {
+        // Under the same specifier, so no index changes.
         *lastUpdated_ = info;
         return true;
     }
     int32_t position = -1;
     if (CVConnectorAppInfo* found = findLocked(info.specifier, &position)) {
+        // What can fail comes first: the index and the record are then changed together.
         CVConnectorAppInfo copy(info);
         if (found->specifier != info.specifier) {
             indexes_ = indexesWithLocked(position, &info.specifier);
@@ -183,6 +190,8 @@ bool CVConnectorAppInfoList::update(const CVConnectorAppInfo& info) {
 
 CVConnectorAppInfo* CVConnectorAppInfoList::findExactLocked(std::string_view specifier,
                                                             int32_t* index) const {
+    // A chain is in the order of the list, so its first hit is the first registration. The hash
+    // knows no upper case, the comparison does.
     const uint32_t hash = CVPositionIndex::hash(specifier);
     for (int32_t i = indexes_.bySpecifier.first(hash); i >= 0; i = indexes_.bySpecifier.after(i)) {
         if (items_[i]->specifier.view() == specifier) {
@@ -239,6 +248,7 @@ void CVConnectorAppInfoList::clearWithoutLocking() {
     indexes_.bySpecifier.clear();
     indexes_.byAppName.clear();
     while (items_.count() > 0) {
+        // From the end, where nothing has to be moved up.
         delete items_.removeAt(items_.count() - 1);
     }
 }
@@ -263,6 +273,7 @@ bool CVConnectorAppInfoList::remove(const CVConnectorAppInfo& info) {
     if (findEqualLocked(info, &index) == nullptr) {
         return false;
     }
+    // It may fail, and nothing has changed until it has not.
     Indexes indexes = indexesWithLocked(index, nullptr);
     lastUpdated_ = nullptr;
     delete items_.removeAt(index);
@@ -303,6 +314,8 @@ bool CVConnectorAppInfoList::resolveRedirectTo() {
         }
         any = true;
         SoString path;
+        // In any order: the end of a chain keeps its own path, so it does not matter which records
+        // on the way have theirs already.
         if (redirectedPathLocked(record, path)) {
             record.path = path;
         }
@@ -330,6 +343,7 @@ void CVConnectorAppInfoList::appendSpecifiersOf(const SoString& appName,
     ObjectLock lock(*this);
     const uint32_t hash = CVPositionIndex::hash(appName.view());
     for (int32_t i = indexes_.byAppName.first(hash); i >= 0; i = indexes_.byAppName.after(i)) {
+        // A hit is a candidate only: other names may have the same hash.
         Convey::Specifier registered(items_[i]->specifier.c_str(), false);
         if (CVSpecifierParts::of(registered.view()).appName == appName.view()) {
             out.push_back(std::move(registered));
