@@ -3,6 +3,7 @@
 namespace ScObjects {
 namespace {
 
+// They end a field and a row: a foreign text that kept them could bring rows of its own.
 constexpr std::string_view kSeparators = ";\n";
 
 // In pieces: as a rule there is one.

@@ -58,12 +58,14 @@ Convey::Message::Message(const Message& other)
       body_(other.body_),
       version_(other.version_),
       digestState_(other.digestState_) {
+    // Of the copy, which nobody else knows yet: the helper asks for it.
     const ObjectLock guard(*this);
     try {
         for (const Header* header = other.headers_; header != nullptr; header = header->next) {
             (void)addHeaderLocked(header->name.view(), header->value.view()); // names differ
         }
     } catch (...) {
+        // A constructor that throws has no destructor behind it.
         deleteHeaders();
         throw;
     }
@@ -113,6 +115,7 @@ void Convey::Message::setHeader(const char* name, const char* value) {
 }
 
 void Convey::Message::setHeader(const char* name, long value) {
+    // Room for the digit that digits10 leaves out, a sign and the zero byte. `long` has two widths.
     char digits[std::numeric_limits<long>::digits10 + 3];
     *std::to_chars(digits, digits + sizeof digits - 1, value).ptr = '\0';
     setHeader(name, digits);
@@ -127,6 +130,7 @@ void Convey::Message::setHeader(const char* name, unsigned long value) {
 void Convey::Message::removeHeader(const char* name) {
     const std::string_view wanted = viewOf(name);
     const ObjectLock guard(*this);
+    // Along the links, so that the first header needs no case of its own.
     Header** link = &headers_;
     while (*link != nullptr && (*link)->name.view() != wanted) {
         link = &(*link)->next;
@@ -143,6 +147,8 @@ SoString Convey::Message::getUserHeaderValue(const char* name) const {
 }
 
 int64_t Convey::Message::costBytes() const {
+    // With the headers: a text of a few bytes for each costs its keeper a hundred times as much.
+    // Buffers count whole, since a text of one byte holds a step.
     int64_t bytes = static_cast<int64_t>(sizeof(Message)) + kBlockBytes + kLockBytes;
     for (const SoString* text :
          {&target_, &sender_, &type_, &responseRequest_, &body_, &version_, &digestState_}) {

@@ -34,6 +34,7 @@ void addBody(CVDiagnosticsRows& rows, const SoString& body) {
         rows.leaf("/body", "Body", "(empty)");
         return;
     }
+    // The first line only: a row is one, and a body may have megabytes.
     rows.node("/body", "Body", static_cast<uint32_t>(body.length()), " bytes");
     const std::string_view text = body.view();
     const std::string firstLine(text.substr(0, text.find('\n')));
@@ -59,6 +60,7 @@ void Convey::Message::appendDiagnostics(SoString& out, const SoString& root) con
     rows.leaf("/senderid", CV_SENDER_ID, ConveyUtils::getSenderID()); // of whoever writes the rows
     addOrUndefined(rows, timeout_ != 0, "/timeout", CV_TIMEOUT, decimal(timeout_));
     addOrUndefined(rows, !type_.isEmpty(), "/type", CV_TYPE, type_);
+    // Readers know this row without its last mark when it has a value.
     if (!responseRequest_.isEmpty()) {
         rows.unclosedLeaf("/request", CV_RESPONSE_REQUEST, responseRequest_.view());
     } else {
@@ -67,6 +69,7 @@ void Convey::Message::appendDiagnostics(SoString& out, const SoString& root) con
     if (headers_ != nullptr) {
         rows.node("/headers", "Headers");
         for (const Header* header = headers_; header != nullptr; header = header->next) {
+            // Anybody's text in a path: the writer keeps it from ending its field.
             SoString name("/headers/");
             name << header->name;
             rows.leaf(name.view(), header->name.view(), header->value);

@@ -10,6 +10,7 @@ constinit std::atomic<bool> gInitialised{false};
 } // namespace
 
 MessageGlobals* MessageGlobals::object() {
+    // Never destroyed: threads outlive main.
     static auto* const globals = new MessageGlobals;
     return globals;
 }
@@ -18,6 +19,7 @@ MessageGlobals* MessageGlobals::get() {
     MessageGlobals* const globals = object();
     // Several threads may come here first together: each reads the same registry.
     if (!gInitialised.load(std::memory_order_acquire)) {
+        // Before the mark: who finds it set goes by what the registry says.
         globals->readRegistry(startName());
         gInitialised.store(true, std::memory_order_release);
     }
@@ -31,6 +33,7 @@ void MessageGlobals::init() {
 void MessageGlobals::exit() {
     MessageGlobals* const globals = object();
     const std::lock_guard<std::mutex> guard(globals->mutex_);
+    // What a host has set is for one life of the layer.
     globals->authenticationIsSet_ = globals->createDigestIsSet_ = false;
     gInitialised.store(false, std::memory_order_release);
 }

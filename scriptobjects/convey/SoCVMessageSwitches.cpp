@@ -11,13 +11,16 @@ SoString MessageGlobals::startName() {
 }
 
 void MessageGlobals::readRegistry(const SoString& own) {
+    // On for whoever the registry does not know, as for a record that says nothing of them.
     bool authentication = true;
     bool createDigest = true;
     if (const ConveyConnector* connector = ConveyConnector::get()) {
         authentication = connector->getMessageAuthentication(own);
         createDigest = connector->getMessageDigest(own);
     }
+    // Only now: the connector has locks of its own, and may read the whole registry.
     const std::lock_guard<std::mutex> guard(mutex_);
+    // The host may have set them before the registry was read, or while.
     authentication_ = authenticationIsSet_ ? authentication_ : authentication;
     createDigest_ = createDigestIsSet_ ? createDigest_ : createDigest;
 }

@@ -79,6 +79,7 @@ public:
     static uint64_t parse(std::string_view text) {
         uint64_t life = 0;
         const char* const end = text.data() + text.size();
+        // What has another length was not written by a layer, and must not be taken for a life.
         return text.size() == kCount && std::from_chars(text.data(), end, life, 16).ptr == end
                    ? life
                    : 0;
@@ -159,6 +160,7 @@ void Convey::Message::writeHeaderBlock(Sink& sink, uint32_t now, const SoString&
     addLine(sink, CV_SENDER, sender_.view());
     addLine(sink, CV_SENDER_ID, senderID.view());
     if (timeout_ != 0) {
+        // Signed, as below 0 is for ever; readers take it modulo 2^32.
         addLine(sink, CV_TIMEOUT, Digits(static_cast<int32_t>(timeout_)).view());
     }
     if (!type_.isEmpty()) {
@@ -170,6 +172,7 @@ void Convey::Message::writeHeaderBlock(Sink& sink, uint32_t now, const SoString&
     if (askersLife_ != 0) {
         addLine(sink, CV_LIFE, LifeDigits(askersLife_).view());
     }
+    // Readers of the old formats would not take the escape off.
     const bool oldFormat = hasOldFormat();
     for (const Header* header = headers_; header != nullptr; header = header->next) {
         if (!oldFormat && isReserved(header->name.view())) {
@@ -193,11 +196,14 @@ bool Convey::Message::writeToString(SoString& out) const {
     if (target_.isEmpty() || sender_.isEmpty()) {
         return false;
     }
+    // Once for both passes: what is written must have the length that was counted.
     const uint32_t now = ConveyUtils::getTimeSeconds();
     const SoString senderID = ConveyUtils::getSenderID();
     Counter counter;
     writeHeaderBlock(counter, now, senderID);
 
+    // The digest stands in front of what it covers, so the block must be there before it is
+    // written.
     char stackBlock[kStackBlockBytes];
     SoString heapBlock;
     char* const block = counter.bytes() <= sizeof stackBlock
@@ -213,6 +219,7 @@ bool Convey::Message::writeToString(SoString& out) const {
     if (withDigest) {
         addLine(line, CV_MD5, digest.view());
     }
+    // Behind what `out` holds already: a text may have several messages.
     Writer writer(
         out.extend(static_cast<int32_t>(line.bytes() + header.size() + body_.view().size())));
     if (withDigest) {
@@ -250,6 +257,7 @@ void Convey::Message::readHeadersLocked(ReadState& state) {
         const char* const value = *nameEnd == '\0' ? nameEnd : nameEnd + 1;
         const char* const valueEnd = findEnd(value, '\n');
         state.position = *valueEnd == '\0' ? valueEnd : valueEnd + 1;
+        // The position has moved on: what a digest covers begins behind its line.
         takeLineLocked(state, name, {value, static_cast<size_t>(valueEnd - value)});
     }
 }
@@ -308,6 +316,7 @@ void Convey::Message::takeLineLocked(ReadState& state, std::string_view name,
         if (state.newFormat && name.substr(0, kEscape.size()) == kEscape) {
             name.remove_prefix(kEscape.size());
         }
+        // Further ones are passed over: what else the message says still counts.
         if (++state.userHeaders <= kMaximumReadHeaders) {
             takeHeaderLocked(state, name, value);
         }
@@ -324,6 +333,7 @@ void Convey::Message::takeHeaderLocked(ReadState& state, std::string_view name,
     }
     if (state.byName.empty()) {
         for (Header* header = headers_; header != nullptr; header = header->next) {
+            // The keys lie in the headers, which nobody removes while the message's lock is held.
             state.byName.emplace(header->name.view(), header);
         }
     }
@@ -347,14 +357,18 @@ const char* Convey::Message::readLocked(const char* text, SoString* owner) {
     readHeadersLocked(state);
     // Never behind the end of the text, whatever length was announced.
     const size_t announced = std::min(contentLength_, kMaximumBodyBytes);
+    // memchr looks no further than its first hit, and the text ends with a zero byte: it stays
+    // within the text.
     const void* const end = std::memchr(state.position, '\0', announced);
     const size_t length = end == nullptr
                               ? announced
                               : static_cast<size_t>(static_cast<const char*>(end) - state.position);
     const char* const body = state.position;
     state.position += length;
+    // Before the body is moved: the digest covers bytes that lie in the text's buffer.
     checkDigest(state);
     const char* const next = state.position + std::strspn(state.position, "\n");
+    // Only as the last message: what follows would go with the buffer.
     if (owner != nullptr && length >= kMovedBodyBytes && next == owner->c_str() + owner->length()) {
         owner->cut(static_cast<int32_t>(body - owner->c_str()), static_cast<int32_t>(length));
         body_ = std::move(*owner);
@@ -369,6 +383,7 @@ void Convey::Message::checkDigest(const ReadState& state) {
         const std::string_view region(state.signedRegion,
                                       static_cast<size_t>(state.position - state.signedRegion));
         const bool good = ConveyUtils::getMD5({region}).view() == state.md5;
+        // Noted, not refused: whether such a message counts is its handler's decision.
         digestState_ = good ? "" : CV_DIGEST_REJECTED;
     }
 }
@@ -403,6 +418,7 @@ int32_t Convey::Message::readFromString(SoString& text, int32_t offset) {
 }
 
 void Convey::Message::finishReading() {
+    // A time-out counts from the time stamp: without one it would have run out long ago.
     if (timeout_ >= 1 && timestamp_ == 0) {
         timestamp_ = ConveyUtils::getTimeSeconds();
     }
