@@ -7,6 +7,7 @@ Convey::Specifier::Specifier(const char* text, bool fixUpToo) {
         return;
     }
     const size_t bytes = std::string_view(text).size();
+    // Not cut to what is allowed: that would be the name of somebody else.
     if (bytes > kMaximumBytes) {
         return;
     }
@@ -67,6 +68,7 @@ bool Convey::Specifier::setAppName(const SoString& appName) {
 void Convey::Specifier::replaceBy(const SoString& text, const SoString& instance,
                                   const SoString& suffix) {
     assign(text.view());
+    // What was asked for stays: both say which endpoint of the application is meant.
     if (!suffix.isEmpty()) {
         setSuffix(suffix);
     }

@@ -15,6 +15,8 @@ namespace {
 
 constexpr double kHighestVersion = 9999.0; // above every version that is given out
 
+// Of the thread, and not handed down: on the way is the registry, whose functions ask for it and
+// have their arguments given.
 thread_local int fixUpDepth = 0;
 
 double versionNumber(const SoString& specifier) {
@@ -31,6 +33,7 @@ ConveyContext* contextWithConnector() {
 std::vector<SoString> registrationsOf(const SoString& appName) {
     std::vector<SoString> specifiers;
     if (const ConveyConnector* connector = ConveyConnector::get()) {
+        // Copies: whether they run is asked later, with no lock held.
         connector->appendSpecifiersOf(appName, specifiers);
     }
     return specifiers;
@@ -119,6 +122,7 @@ SoString orNone(const SoString& text) {
 template <class... Parts>
 void note(const Parts&... parts) {
     if (gExplanation != nullptr && fixUpDepth == 1) {
+        // Only for who wants an explanation: as a rule no text is put together here.
         auto line = std::make_unique<SoString>();
         (void)(*line << ... << parts);
         gExplanation->append(line.get());
@@ -136,6 +140,7 @@ SoString runningOf(const std::vector<SoString>& registrations, const CVSpecifier
         if (!asked.suffix.empty()) {
             registration.setSuffix(SoString(asked.suffix));
         }
+        // One after the other: a look at one that runs costs it a message.
         if (registration.isRunning()) {
             return registration;
         }
@@ -202,6 +207,7 @@ bool Convey::Specifier::completeFromContext(const CVSpecifierParts& parts) {
     if (context == nullptr) {
         return false;
     }
+    // Not completed: that is what is being worked out.
     const Specifier own(context->getAppSpecifier().c_str(), false);
     if (own.isEmpty()) {
         return false;
@@ -216,6 +222,7 @@ bool Convey::Specifier::completeFromContext(const CVSpecifierParts& parts) {
     }
     const SoString appName(parts.appName);
     const SoString preferredApp = connector->findPreferredApp(own, appName, group);
+    // What changes nothing has decided nothing: the steps behind this one have their turn.
     if (preferredApp.isEmpty() || preferredApp == *this) {
         note("the caller, ", own, ", prefers no version of it by its group or version \"", group,
              "\"");
@@ -229,6 +236,7 @@ bool Convey::Specifier::completeFromContext(const CVSpecifierParts& parts) {
 
 void Convey::Specifier::fixUp(bool useContext) {
     makeLowercase();
+    // Before this one is counted.
     const bool outermost = fixUpDepth == 0;
     const FixUpScope scope;
     const SoString before = *this; // what the parts below are views into
@@ -240,6 +248,7 @@ void Convey::Specifier::fixUp(bool useContext) {
     note("registrations of \"", app, "\": ", static_cast<uint32_t>(registrations.size()));
 
     if (!app.isEmpty() && parts.version.empty()) {
+        // Asking the context may complete other texts; those do without it, so that this ends.
         if (useContext && outermost && completeFromContext(parts)) {
             return;
         }
@@ -282,6 +291,7 @@ bool Convey::Specifier::setVersion(const SoString& newVersion) {
     SoString chosenVersion;
     SoString chosenLocale;
     for (const SoString& text : registrationsOf(app)) {
+        // A registration may itself be incomplete, and then stands for what it is completed to.
         const Specifier registration(text.c_str(), true);
         if (registration.appName() != app || !servesLocale(registration, matching)) {
             continue;

@@ -11,6 +11,7 @@ bool isDigit(char c) {
 
 CVSpecifierParts CVSpecifierParts::of(std::string_view text) {
     CVSpecifierParts parts;
+    // First, since all other marks may stand behind it.
     const size_t hash = text.find('#');
     if (hash != std::string_view::npos) {
         parts.suffix = text.substr(hash + 1);
@@ -18,6 +19,7 @@ CVSpecifierParts CVSpecifierParts::of(std::string_view text) {
     }
     const size_t dash = text.find('-');
     std::string_view name = text.substr(0, dash);
+    // In the name only: locales have an underscore, too.
     const size_t underscore = name.find('_');
     if (underscore != std::string_view::npos) {
         parts.instance = name.substr(underscore + 1);
@@ -28,6 +30,7 @@ CVSpecifierParts CVSpecifierParts::of(std::string_view text) {
         return parts;
     }
     std::string_view fields = text.substr(dash + 1);
+    // A first field without a digit in front is a locale or a group.
     if (!fields.empty() && isDigit(fields.front())) {
         const size_t second = fields.find('-');
         parts.version = fields.substr(0, second);
@@ -40,6 +43,8 @@ CVSpecifierParts CVSpecifierParts::of(std::string_view text) {
 SoString CVSpecifierParts::text() const {
     SoString text(appName);
     const auto add = [&text](char mark, std::string_view part) {
+        // No mark without its part: names are compared byte for byte, so each has one spelling
+        // only.
         if (!part.empty()) {
             text << mark << part;
         }
@@ -53,6 +58,7 @@ SoString CVSpecifierParts::text() const {
 
 SoString CVSpecifierParts::applicationText() const {
     CVSpecifierParts parts = *this;
+    // All processes of the application have this name in common, whichever instances they are.
     parts.instance = {};
     return parts.textWithSuffix({});
 }

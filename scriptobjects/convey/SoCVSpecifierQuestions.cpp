@@ -37,6 +37,8 @@ bool probe(const SoString& own, const SoString& target, const char* type, uint32
         return true;
     }
     const InterAppStream* const stream = InterAppStream::get();
+    // A free name has nobody behind it. One that could not be looked at passes for taken, and the
+    // send below decides.
     if (stream == nullptr || stream->canOpen(target, false)) {
         return false;
     }
@@ -80,6 +82,7 @@ CVPresence lookFor(const Convey::Specifier& target) {
     if (own == target) {
         return CVPresence::own;
     }
+    // Who asks for a certain endpoint learns nothing from others of the application.
     if (target.suffix().isEmpty()) {
         if (isProcessOf(target)) {
             return CVPresence::process;
@@ -133,6 +136,7 @@ bool Convey::Specifier::isRunning() const {
         return false;
     }
     CVPresence presence = CVFindings::of(*this);
+    // Each look at one that runs costs it a message, so a decision looks once for each name.
     if (presence == CVPresence::unknown) {
         presence = lookFor(*this);
         CVFindings::note(*this, presence);

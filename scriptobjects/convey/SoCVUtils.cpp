@@ -57,10 +57,12 @@ public:
 
     SoString get() {
         const std::lock_guard<std::mutex> guard(mutex_);
+        // Under the lock to the end: threads that come first together read one file.
         if (!cached_.isEmpty()) {
             return cached_;
         }
         SoString text = read();
+        // An empty one is asked for again: a home folder can come later.
         if (text.length() >= 1 && text.length() <= kMaximumCachedBytes) {
             cached_ = text;
         }
@@ -82,6 +84,7 @@ private:
         const std::string folder = std::string(home) + "/.ovrel";
         const std::string file = folder + "/" + name_;
         std::string content;
+        // Made only where there is none: what is refused may be another's and is left alone.
         auto reading = files.readOwn(file, kMaximumIdentifierFile, content);
         if (reading == platform::Files::Reading::missing) {
             if (!files.makeFolder(folder, kFolderMode)) {
@@ -126,6 +129,7 @@ Identifier& digestIdentifier() {
 void walk(const std::string& path, FileFilter& filter, std::set<std::string>& walked, int depth) {
     std::vector<platform::FolderEntry> entries;
     std::string identity;
+    // By what the folder is, not by its path: links may lead to it by many.
     if (depth > kMaximumFolderDepth || !platform::Files::system().list(path, entries, identity) ||
         !walked.insert(identity).second) {
         return;
@@ -151,6 +155,7 @@ void exit() {
 }
 
 SoString getSenderID() {
+    // Peers on every system write these words in front of their number.
     char text[32] = "localhost:mac";
     char* const digits = text + std::char_traits<char>::length(text);
     const auto end =
@@ -179,8 +184,11 @@ SoString getMD5(std::initializer_list<std::string_view> parts) {
     if (identifier.isEmpty()) {
         return SoString(); // a digest that is not the user's would pass for one
     }
+    // MD5 because peers compare it. It tells damage and texts from elsewhere; it keeps no program
+    // of this user from forging.
     md5_ctx context;
     md5_init(&context);
+    // In parts, so that header and body need not be put together for this.
     const auto add = [&context](std::string_view text) {
         md5_update(&context, text.size(), reinterpret_cast<const uint8_t*>(text.data()));
     };
@@ -231,6 +239,7 @@ bool createAlias(const SoString& target, const SoString& alias) {
         return false;
     }
     (void)deleteFile(alias); // as a rule there is none
+    // It replaces nothing, so what was there had to go first.
     return platform::Files::system().makeLink(target.c_str(), alias.c_str());
 }
 
@@ -310,6 +319,7 @@ int32_t parseOptions(const SoString& text, SoVector<SoString>& words) {
         if (length != 0) {
             auto word = std::make_unique<SoString>(rest.data(), static_cast<int32_t>(length));
             words.append(word.get());
+            // Only now the list's: appending may find no memory.
             (void)word.release();
         }
         rest.remove_prefix(std::min(length + 1, rest.size()));
@@ -333,6 +343,8 @@ void* SharedLib::loadPCDLibrary(const char* name, bool* isThere) {
         return nullptr;
     }
     platform::Frameworks& frameworks = platform::Frameworks::system();
+    // A path is meant as it is. Names never go to the system's loader, whose search follows the
+    // environment.
     const std::vector<std::string> paths = *name == '/'
                                                ? std::vector<std::string>{name}
                                                : platform::frameworkCandidates(frameworks, name);
@@ -342,6 +354,8 @@ void* SharedLib::loadPCDLibrary(const char* name, bool* isThere) {
             return handle;
         }
         if (isThere != nullptr) {
+            // One that is there and does not load is a registry that could not be read, not an
+            // empty one.
             *isThere = *isThere || frameworks.mayBeThere(path);
         }
         tried += (tried.empty() ? "" : ", ") + path;

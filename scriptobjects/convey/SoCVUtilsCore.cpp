@@ -76,7 +76,9 @@ void handOver() {
 }
 
 std::shared_ptr<ConveyData::HandlerSlot> observerOf(const SoString& handlerType) {
+    // Without waiting for a setup: this is asked in the middle of receiving.
     const ConveyContext* context = gForwarding ? nullptr : ConveyContext::currentContextNow();
+    // Pinned: another thread may delete the instance meanwhile.
     const auto main = context == nullptr ? nullptr : context->pinMain();
     if (main == nullptr) {
         return nullptr;
@@ -105,11 +107,13 @@ std::string inOneLine(std::string_view text) {
 } // namespace
 
 bool isForwarding(const char* handlerType) {
+    // Asked for each message, and as a rule there is no observer.
     return ConveyData::HandlerSlot::anyForwards() && observerOf(handlerType) != nullptr;
 }
 
 bool forwardMessage(const Convey::Message& message, const SoString& handlerType,
                     const SoString& root, const SoString& label) {
+    // A plain message without body is a probe, which asks for nothing.
     const SoString& type = message.getType();
     if (type == ConveyData::CV_TYPE_DEBUG || type == ConveyData::CV_TYPE_LOG ||
         (type == ConveyData::CV_TYPE_PLAIN && message.getBody().isEmpty())) {
@@ -122,6 +126,7 @@ bool forwardMessage(const Convey::Message& message, const SoString& handlerType,
     auto made = std::make_unique<Convey::Message>();
     Convey::Message& forwarded = *made;
     forwarded.setHeader(ConveyData::CV_MESSAGE_ROOT, root.c_str());
+    // Now, not when the observer is called: the message changes and goes on its way meanwhile.
     SoString rows;
     message.appendDiagnostics(rows, root);
     if (!message.getBody().isEmpty() && wantsBodies()) {
@@ -142,6 +147,7 @@ bool forwardMessage(const Convey::Message& message, const SoString& handlerType,
         const std::lock_guard<std::mutex> guard(all.mutex);
         all.kept.push_back({observer, std::move(made)});
     }
+    // This thread may hold a lock otherwise, under which no handler may be called.
     if (gDelays == 0) {
         handOver();
     }
@@ -153,6 +159,7 @@ DelayedForwarding::DelayedForwarding() {
 }
 
 DelayedForwarding::~DelayedForwarding() {
+    // The outermost only: an inner one ends while the lock of the outer is still held.
     if (--gDelays == 0) {
         handOver();
     }
