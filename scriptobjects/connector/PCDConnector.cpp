@@ -45,6 +45,7 @@ bool told(int32_t status, const SoString& text, const char* what) {
     return status == PCDWrapper::kSuccess;
 }
 
+// After each reading that failed, however many there are: the log keeps from repeating a line.
 void tellOfFailure(const PCDWrapper& wrapper) {
     if (!wrapper.isComplete() && *wrapper.reason() != '\0') {
         platform::Log::system().problem(std::string("the registry cannot be read: ") +
@@ -97,6 +98,7 @@ bool PCDConnector::initLists(CVConnectorAppInfoList& list, SoVector<SoString>& g
     // next look.
     PCDInitLists walk(list, groups);
     const bool complete = walk.run(*wrapper_) && wrapper_->isComplete();
+    // Also when nothing was found: a database that comes later is a change worth looking for.
     filled_ = true;
     productModTime_ = walk.productModTime();
     domainModTime_ = walk.domainModTime();

@@ -133,6 +133,7 @@ std::string_view applicationFolder(std::string_view configPath) {
 
 SoString readConfigPath(const PCDWrapper& wrapper, const char* payload) {
     const char* value = nullptr;
+    // An empty value is none: the next place may have one.
     if (wrapper.capsGetPayloadData(payload, kConfigPathDomain, kConfigPathKey, value) ==
             PCDWrapper::kSuccess &&
         value != nullptr && *value != '\0') {
@@ -170,6 +171,7 @@ bool PCDIterator::run(PCDWrapper& wrapper) {
     const char* const* subdomains = nullptr;
     const int32_t status = wrapper.pcdGetDomainDataSubdomains(wrapper.domain(), subdomains);
     if (status != PCDWrapper::kSuccess) {
+        // An empty registry has been read, one that cannot be listed has not.
         return status == PCDWrapper::kNothingThere;
     }
     // One text serves all subdomains, another all keys: their buffers are taken once.
@@ -179,6 +181,8 @@ bool PCDIterator::run(PCDWrapper& wrapper) {
         const char* const* keys = nullptr;
         const int32_t keysStatus =
             wrapper.pcdGetDomainDataKeys(wrapper.domain(), *subdomains, keys);
+        // Not taken for an application without keys: the caller must know that something is
+        // missing.
         if (keysStatus != PCDWrapper::kSuccess && keysStatus != PCDWrapper::kNothingThere) {
             return false;
         }
@@ -187,7 +191,9 @@ bool PCDIterator::run(PCDWrapper& wrapper) {
             continue;
         }
         subdomainText.assign(*subdomains);
+        // A new one for each, since a callback may have moved from the one before.
         CVConnectorAppInfo info;
+        // What the callbacks answer stops nothing: one bad entry must not hide the others.
         (void)onStartSubDomain(wrapper, subdomainText, info);
         for (; keys != nullptr && *keys != nullptr; ++keys) {
             keyText.assign(*keys);
@@ -303,6 +309,7 @@ void PCDInitLists::readPayloadJoins(const PCDWrapper& wrapper) {
         wrapper.isOpened()
             ? wrapper.pcdGetDomainDataSubdomains(kRegistryDomain, payloads)
             : wrapper.capsGetCollectionPayloads(kDomainCollection, kInstalled, payloads);
+    // The wrapper has noted it, and who registers with a path needs no payload.
     if (status != PCDWrapper::kSuccess) {
         return;
     }
@@ -348,6 +355,7 @@ SoString PCDInitLists::pathFromPayloads(const CVConnectorAppInfo& info) const {
         if (!join.launchPath.isEmpty()) {
             return bundleOf(join.launchPath);
         }
+        // A folder alone is no program; the next payload may have a launch path.
         if (info.executableBasename.isEmpty()) {
             continue;
         }

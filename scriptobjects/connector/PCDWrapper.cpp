@@ -104,6 +104,7 @@ PCDWrapper::PCDWrapper(bool open, capsDomain domain)
     // Here and in `unload` only, beside the handle, so that each load is counted once.
     ++gLibRefCount;
     functions_->bind(handle_);
+    // `isGood` looks at the library only, so it is not kept without a database.
     if (!open || !openSessions()) {
         unload();
     }
@@ -255,6 +256,7 @@ int32_t PCDWrapper::pdbGetAppLaunchPath(const char* payload, SoString& path) con
     if (!isGood() || functions_->pdbGetAppLaunchPath == nullptr) {
         return kNotGood;
     }
+    // Cleared: a library that writes nothing gives an empty path.
     char buffer[kLaunchPathBytes] = {};
     uint32_t bytes = sizeof buffer;
     const int32_t status = noted(functions_->pdbGetAppLaunchPath(payload, buffer, &bytes));

@@ -157,6 +157,7 @@ bool ConveyConnector::isComplete() const {
 
 bool ConveyConnector::isRegistryKnown() {
     const ConveyConnector* const connector = get();
+    // Without a connector the start has found out whether there was something to read.
     return connector == nullptr ? !gUnreadable.load() : connector->isComplete();
 }
 
@@ -244,6 +245,7 @@ SoString ConveyConnector::findSpecifierInGroup(const SoString& appName, const So
     {
         ObjectLock lock(*this);
         (void)getAppInfoListLocked();
+        // Entries were put into lower case when they were read.
         const CVGroupEntry* entry = groups_->findMember(group, appName.lowercase(),
                                                         -std::numeric_limits<double>::infinity(),
                                                         std::numeric_limits<double>::infinity());
@@ -294,6 +296,7 @@ SoString ConveyConnector::getDisplayName(const SoString& appName, const SoString
         text << '-' << locale.lowercase();
     }
     CVConnectorAppInfo info;
+    // Completed before the lock is taken, as that may ask other processes.
     if (!findRecord(Convey::Specifier(text.c_str(), true), info)) {
         return SoString();
     }
@@ -421,6 +424,7 @@ void ConveyConnector::appendDiagnostics(SoString& out, const SoString& path) con
 
 void ConveyConnector::setProcessID(const SoString& specifier, uint32_t pid) {
     ObjectLock lock(*this);
+    // Noted in what was read: it goes with the list, as nothing of it is stored.
     (void)getAppInfoListLocked()->setProcessID(specifier, pid); // unknown targets have no record
 }
 

@@ -183,6 +183,7 @@ bool CVConnectorAppInfoList::update(const CVConnectorAppInfo& info) {
         return false;
     }
     auto added = std::make_unique<CVConnectorAppInfo>(info);
+    // Owned here until the list has it: without memory it has not.
     appendLocked(added.get());
     lastUpdated_ = added.release();
     return true;
@@ -244,6 +245,7 @@ void CVConnectorAppInfoList::clear() {
 }
 
 void CVConnectorAppInfoList::clearWithoutLocking() {
+    // It points to one of those that are deleted below.
     lastUpdated_ = nullptr;
     indexes_.bySpecifier.clear();
     indexes_.byAppName.clear();
@@ -325,6 +327,7 @@ bool CVConnectorAppInfoList::resolveRedirectTo() {
 
 bool CVConnectorAppInfoList::setProcessID(const SoString& specifier, uint32_t pid) {
     ObjectLock lock(*this);
+    // Exactly: what an instance runs as is not the process of its application.
     CVConnectorAppInfo* found = findExactLocked(specifier.view(), nullptr);
     if (found == nullptr) {
         return false;

@@ -96,6 +96,7 @@ const CVGroupEntry* CVGroups::findMember(const SoString& group, const SoString& 
     const bool isNumber = (first >= '0' && first <= '9') || first == '.';
     const double number = parseNumber(group.c_str());
     const Positions& positions = found->second;
+    // From the end: of several entries the last registration counts.
     for (auto position = positions.rbegin(); position != positions.rend(); ++position) {
         const CVGroupEntry& entry = entries_[*position];
         if (entry.name != group && !(isNumber && entry.number == number)) {

@@ -103,6 +103,7 @@ void Convey::Message::setHeaderLocked(std::string_view name, std::string_view va
 }
 
 Convey::Header* Convey::Message::addHeaderLocked(std::string_view name, std::string_view value) {
+    // In front: a text has the newest header first, and no walk to the end is needed.
     auto* const header = new Header(name, value);
     header->next = headers_;
     headers_ = header;
@@ -162,6 +163,7 @@ int64_t Convey::Message::costBytes() const {
 }
 
 bool Convey::Message::isUserType() const {
+    // Byte for byte: "debug" is a user type.
     return std::find(kSystemTypes.begin(), kSystemTypes.end(), type_.view()) == kSystemTypes.end();
 }
 

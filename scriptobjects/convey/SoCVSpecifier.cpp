@@ -11,6 +11,7 @@ Convey::Specifier::Specifier(const char* text, bool fixUpToo) {
     if (bytes > kMaximumBytes) {
         return;
     }
+    // Lower case is the one spelling of a name: ports and registrations are compared by bytes.
     assign(text, static_cast<int32_t>(bytes));
     if (fixUpToo) {
         fixUp(true);

@@ -33,6 +33,7 @@ bool isProcessOf(const Convey::Specifier& specifier) {
 
 // Sends a message that nobody answers to see whether somebody owns the name.
 bool probe(const SoString& own, const SoString& target, const char* type, uint32_t serial) {
+    // A process need not send to itself to know that it runs.
     if (own == target) {
         return true;
     }
@@ -92,6 +93,7 @@ CVPresence lookFor(const Convey::Specifier& target) {
             return CVPresence::thread;
         }
     }
+    // Last, for who owns the endpoint and has no background thread.
     return probe(own, target, ConveyData::CV_TYPE_PLAIN, serial) ? CVPresence::endpoint
                                                                  : CVPresence::absent;
 }

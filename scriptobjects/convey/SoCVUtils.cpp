@@ -238,6 +238,8 @@ bool createAlias(const SoString& target, const SoString& alias) {
     if (alias.isEmpty() || target == alias || *target.c_str() != '/' || !fileExists(target)) {
         return false;
     }
+    // Only when the target is known to be there: a link that cannot be made must cost nobody a
+    // file.
     (void)deleteFile(alias); // as a rule there is none
     // It replaces nothing, so what was there had to go first.
     return platform::Files::system().makeLink(target.c_str(), alias.c_str());
@@ -291,6 +293,7 @@ uint32_t getTimeSeconds() {
 }
 
 double getUTCTimeMilliSeconds() {
+    // A double holds whole milliseconds exactly for more years than matter.
     return static_cast<double>(platform::Clock::system().utcMilliseconds());
 }
 
@@ -322,6 +325,7 @@ int32_t parseOptions(const SoString& text, SoVector<SoString>& words) {
             // Only now the list's: appending may find no memory.
             (void)word.release();
         }
+        // With the mark that has ended the word; the last word has none.
         rest.remove_prefix(std::min(length + 1, rest.size()));
     }
     return words.count();

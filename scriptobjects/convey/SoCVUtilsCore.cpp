@@ -54,6 +54,7 @@ Forwards& forwards() {
 void handOver() {
     Forwards& all = forwards();
     for (;;) {
+        // Once more behind each call: who forwards meanwhile leaves it to this thread.
         Forwards::Kept next;
         {
             const std::lock_guard<std::mutex> guard(all.mutex);
@@ -145,6 +146,7 @@ bool forwardMessage(const Convey::Message& message, const SoString& handlerType,
     {
         Forwards& all = forwards();
         const std::lock_guard<std::mutex> guard(all.mutex);
+        // With the slot, which stays usable when the observer is removed meanwhile.
         all.kept.push_back({observer, std::move(made)});
     }
     // This thread may hold a lock otherwise, under which no handler may be called.

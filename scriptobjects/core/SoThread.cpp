@@ -87,6 +87,7 @@ struct Thread::ThreadData : SoHeap {
 
     std::mutex joinMutex; // held while joining: a second waiter waits for the first
     std::thread thread;
+    // 0 is nobody's: until the body begins, every thread that waits may join.
     std::atomic<ID> id{0};
     bool created = false;
 
@@ -154,6 +155,7 @@ void Thread::body() {
     data_->id = ownID();
     running_ = true;
     const auto leave = [this] {
+        // First: the body has ended, whatever runExit takes.
         running_ = false;
         // Nothing may leave a thread's first function: an exception that does ends the process.
         try {
@@ -199,6 +201,7 @@ bool Thread::stop() {
 }
 
 void Thread::sleep(unsigned int milliseconds) {
+    // It sleeps on when a signal has interrupted it.
     std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
 

@@ -20,6 +20,7 @@ SoString BaseInterAppStream::getMessages() {
     return std::exchange(pending_, SoString());
 }
 
+// What names there are only derived classes know: this one promises none.
 bool BaseInterAppStream::canOpen(const SoString& /*name*/, bool /*flag*/) const {
     return false;
 }

@@ -93,6 +93,7 @@ std::unique_ptr<InterAppStream> goodStream(const SoString& name, bool& isTaken) 
         if (stream->isGood()) {
             return stream;
         }
+        // A stream that is not good does not say why: an owner and want of memory look the same.
         presence = stream->presenceOf(name);
     }
     isTaken = presence == InterAppStream::Presence::present;
@@ -143,6 +144,7 @@ InterAppStream* ConveyUtils::createNextAvailableInterAppStream(const SoString& n
             tellThatAllAreTaken(name.c_str());
         }
         return stream.release();
+        // As when the port itself finds no memory: a name that cannot be had.
     } catch (const std::bad_alloc&) {
         return nullptr;
     }

@@ -21,6 +21,8 @@ std::string portName(const SoString& streamName) {
 std::unique_ptr<platform::LocalPort> openPort(const SoString& name) noexcept {
     try {
         return platform::MessagePorts::system().open(portName(name));
+        // A stream without a port is not good, which its owner can see; constructors here throw
+        // nothing.
     } catch (const std::bad_alloc&) {
         return nullptr;
     }
@@ -100,6 +102,7 @@ bool MacInterAppStream::draw(int32_t maximumTexts) const {
            drawnBytes_ < kMaximumDrawnBytes && port_->take(received);
          --maximumTexts) {
         auto data = std::make_unique<DataRef>(received);
+        // Owned here until it is in the list, which may find no memory for it.
         drawn_.append(data.get());
         drawnBytes_ += data.release()->text.length();
     }
