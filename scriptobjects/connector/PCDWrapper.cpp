@@ -85,6 +85,7 @@ int32_t PCDWrapper::call(Function* function, capsiSession* session, int32_t miss
 template <class Function, class... Arguments>
 int32_t PCDWrapper::list(Function* function, capsiSession* session, int32_t missing,
                          const char* const*& out, Arguments... arguments) const {
+    // The caller's output is written on success only, whatever the library does to its own.
     const char** names = nullptr;
     const int32_t status = call(function, session, missing, arguments..., &names);
     if (status == kSuccess) {

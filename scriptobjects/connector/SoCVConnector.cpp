@@ -81,6 +81,7 @@ SoString resolveSpecifier(const ConveyConnector& connector, const SoString& text
     SoString notAbove("-"); // the highest version that is not above
     notAbove.append(major.data(), static_cast<int32_t>(major.size()));
     notAbove << kHighestMinorVersion;
+    // The highest that is registered is the answer only when none of them runs.
     return result.setVersion(notAbove) ? runningOfSameMajorVersion(connector, result) : SoString();
 }
 

@@ -44,6 +44,7 @@ void CVGroups::split() {
     withoutVersion_.clear();
     for (int32_t i = 0; i < texts_.count(); ++i) {
         CVGroupEntry entry;
+        // Passed over: a mistake of one registration must not cost the others their group.
         if (!parseEntry(*texts_[i], entry.name, entry.numberText, entry.pattern)) {
             continue;
         }

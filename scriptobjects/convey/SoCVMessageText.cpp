@@ -304,6 +304,8 @@ void Convey::Message::takeLineLocked(ReadState& state, std::string_view name,
     } else if (name == CV_LIFE) {
         askersLife_ = LifeDigits::parse(value);
     } else if (name == CV_DIGEST) {
+        // Another kind of digest, which is never checked: with it in front a text counts as
+        // unchecked, whatever stands behind it.
         state.hasDigest = true;
         state.signedRegion = state.position;
     } else if (name == CV_MD5) {
@@ -350,6 +352,7 @@ const char* Convey::Message::readLocked(const char* text, SoString* owner) {
     ReadState state;
     state.position = text;
     version_ = kOldestVersion;
+    // Only one that was used before: what the caller has set in a new one stays.
     if (!target_.isEmpty()) {
         clearLocked();
     }

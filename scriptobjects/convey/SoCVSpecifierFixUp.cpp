@@ -213,6 +213,8 @@ bool Convey::Specifier::completeFromContext(const CVSpecifierParts& parts) {
         return false;
     }
     ConveyConnector* connector = context->getConnector();
+    // A version is looked for among the numbers of the groups, so a caller that has one needs no
+    // group of its own.
     SoString group = own.version();
     if (group.isEmpty()) {
         group = connector->findGroupForSpecifier(own, nullptr);

@@ -96,6 +96,8 @@ private:
                 return SoString();
             }
             uint8_t bytes[kIdentifierBytes];
+            // None rather than one that can be guessed: digests of others would pass for the
+            // user's.
             if (!platform::Random::system().fill(bytes, sizeof bytes)) {
                 return SoString();
             }
@@ -192,6 +194,7 @@ SoString getMD5(std::initializer_list<std::string_view> parts) {
     const auto add = [&context](std::string_view text) {
         md5_update(&context, text.size(), reinterpret_cast<const uint8_t*>(text.data()));
     };
+    // The form that peers compare: identifier, '+', text, '+', identifier.
     add(identifier.view());
     add("+");
     for (const std::string_view part : parts) {

@@ -357,6 +357,7 @@ void SoString::cut(int32_t start, int32_t length) {
 }
 
 int SoString::compare(const char* text) const {
+    // It compares unsigned bytes, so the order is the same whatever a char is.
     return std::strcmp(data_, text != nullptr ? text : "");
 }
 

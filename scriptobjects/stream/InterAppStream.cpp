@@ -159,6 +159,7 @@ InterAppStream::~InterAppStream() = default;
 void InterAppStream::InitTerm::init(const SoString& specifier) {
     ProcessStream::instance().set(nullptr); // its name may be the one that is asked for
     Convey::Specifier name(specifier.c_str(), false);
+    // The name without a suffix is for the main instance, which has a stream of its own.
     name.setSuffix(ConveyData::CV_SUFFIX_PING);
     bool allTaken = false; // `get` tries another name then
     ProcessStream::instance().set(nextAvailable(name, allTaken).release());

@@ -124,6 +124,7 @@ bool MacInterAppStream::receive() {
     std::unique_ptr<DataRef> data;
     {
         const ObjectLock guard(*this);
+        // In one step: two threads that receive do not get the same text.
         data.reset(drawn_.removeAt(0));
         if (data != nullptr) {
             drawnBytes_ -= data->text.length();
