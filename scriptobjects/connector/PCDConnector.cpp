@@ -60,6 +60,7 @@ PCDConnector::PCDConnector(const SoString& appName, bool master, DomainKey key)
       master_(master),
       key_(key),
       wrapper_(std::make_unique<PCDWrapper>(master, key < kDomainKeys ? key : kIvorDomain)) {
+    // Only now, as making the wrapper has asked for the folder under this lock.
     const std::lock_guard<std::mutex> lock(capsFolder().mutex);
     ++capsFolder().connectors;
 }
@@ -94,8 +95,8 @@ SoString PCDConnector::getName() const {
 }
 
 bool PCDConnector::initLists(CVConnectorAppInfoList& list, SoVector<SoString>& groups) {
-    // Its times are those of before its first list: what changes during the walk is seen at the
-    // next look.
+    // Its times are those of before the list: what changes during the walk is seen at the next
+    // look.
     PCDInitLists walk(list, groups);
     const bool complete = walk.run(*wrapper_) && wrapper_->isComplete();
     // Also when nothing was found: a database that comes later is a change worth looking for.

@@ -164,7 +164,8 @@ bool PCDIterator::run(PCDWrapper& wrapper) {
     if (!wrapper.isGood()) {
         return false;
     }
-    // Before the first list: what changes during the walk makes the times differ at the next look.
+    // Before the list: registrations that change during the walk make the times differ at the next
+    // look.
     (void)wrapper.capsGetLastModTime(productModTime_); // 0 when it cannot be read
     (void)wrapper.pcdGetLastModTime(domainModTime_);
 
@@ -219,6 +220,7 @@ bool PCDIterator::onStartSubDomain(PCDWrapper&, const SoString&, CVConnectorAppI
 
 bool PCDIterator::onEndSubDomain(PCDWrapper& wrapper, const SoString& subdomain,
                                  CVConnectorAppInfo& info) {
+    // The groups lie below the prefix of the applications and are none.
     if (isUnderGroups(subdomain.view())) {
         return true;
     }

@@ -117,6 +117,7 @@ ConveyConnector* ConveyConnector::get() {
 
 void ConveyConnector::set(ConveyConnector* connector) {
     ConveyConnector* old = gConnector.exchange(connector, std::memory_order_acq_rel);
+    // One that is installed a second time must not be deleted twice.
     if (old != nullptr && old != connector) {
         const std::lock_guard<std::mutex> lock(retired().mutex);
         retired().connectors.push_back(old);

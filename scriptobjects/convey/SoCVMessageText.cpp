@@ -437,6 +437,7 @@ void Convey::Message::applyReplyTyping() {
         const char* word;
         uint32_t& number;
     } replies[] = {{CV_RECEIVED, received_}, {CV_RESULT, result_}, {CV_ERROR, error_}};
+    // In this order: of several that a text has the last counts.
     for (const auto& reply : replies) {
         if (reply.number == CV_INVALID_MESSAGE_NUMBER) {
             continue;
@@ -446,6 +447,7 @@ void Convey::Message::applyReplyTyping() {
         isReply_ = true;
         // Some peers have put the word in front already, or twice: it stands there once.
         const std::string_view word = reply.word;
+        // A copy, since the view below must outlive the change of the type.
         const SoString whole = type_;
         std::string_view userType = isUserType() ? whole.view() : std::string_view();
         while (userType.starts_with(word)) {

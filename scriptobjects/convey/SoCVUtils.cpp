@@ -91,6 +91,8 @@ private:
                 if (!files.exists(home)) {
                     return SoString(); // a user without a home folder has less to offer
                 }
+                // Once for the user: said at each run of a tool it would be in the way of the
+                // answers.
                 platform::Log::system().problemOfUser("cannot make the folder " + folder +
                                                       ": messages carry no digest");
                 return SoString();

@@ -293,6 +293,7 @@ void SoString::append(std::string_view text) {
         data_ = buffer;
         capacity_ = capacityFor(newLength);
     } else {
+        // The text may be a part of this one.
         std::memmove(data_ + length_, text.data(), text.size());
     }
     length_ = static_cast<int32_t>(newLength);

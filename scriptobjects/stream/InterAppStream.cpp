@@ -176,6 +176,7 @@ InterAppStream* InterAppStream::get() {
 }
 
 InterAppStream* InterAppStream::get(int64_t waitMilliseconds) {
+    // By a clock that nobody steps, like every wait inside a call.
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(waitMilliseconds);
     for (;;) {
         bool allTaken = false;
