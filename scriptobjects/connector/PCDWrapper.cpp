@@ -145,8 +145,8 @@ void PCDWrapper::startWalk() {
     if (opened_) {
         failure_ = kSuccess;
     }
-    // A user's database answers without that of the system below it, whose absence from the answers
-    // is seen only by asking.
+    // A user's database answers without that of the system below it: that the latter could not be
+    // read is seen only by asking.
     (void)call(functions_->capsGetLowerStatus, database_, kSuccess); // noted
 }
 

@@ -275,7 +275,7 @@ bool CVConnectorAppInfoList::remove(const CVConnectorAppInfo& info) {
     if (findEqualLocked(info, &index) == nullptr) {
         return false;
     }
-    // It may fail, and nothing has changed until it has not.
+    // This may fail, so nothing is changed before it.
     Indexes indexes = indexesWithLocked(index, nullptr);
     lastUpdated_ = nullptr;
     delete items_.removeAt(index);
