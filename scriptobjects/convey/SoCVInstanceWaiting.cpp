@@ -81,10 +81,13 @@ bool PrivateData::waitForResponse(const Conversations::Wait& wait, const Message
         const ConveyContext* before = context();
         const uint64_t seen = before == nullptr ? 0 : before->activity();
         Convey::pump(kProcessBoth, nullptr);
+        // Asked for anew: a handler in the pump may have ended the instance or moved it to another
+        // context.
         ConveyContext* const context = this->context();
         if (isClosed() || context == nullptr) {
             return false;
         }
+        // Before the time is looked at: an answer that came in the last moment counts.
         const auto state = wait.state();
         if (state != Conversations::Wait::State::open) {
             return state == Conversations::Wait::State::answered;

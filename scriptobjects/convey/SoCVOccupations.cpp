@@ -16,6 +16,8 @@ int64_t now() {
 
 Occupations::Entry::Entry(Occupations& of, Kind kind, const Convey::Message& message)
     : of_(of), kind_(kind), message_(message), since_(now()) {
+    // Linked through the entry itself, which lies on the stack: noting what a thread does needs no
+    // memory, and so cannot fail where memory is what is missing.
     const ObjectLock guard(of_);
     next_ = of_.newest_;
     if (next_ != nullptr) {
@@ -54,6 +56,8 @@ void Occupations::appendLocked(CVDiagnosticsRows& rows, Kind kind) const {
     const int64_t time = now();
     for (const Entry* entry = newest_; entry != nullptr; entry = entry->next_) {
         if (entry->kind_ == kind) {
+            // Counted down, as the newest comes first: the oldest is 0, and keeps its row when
+            // others begin behind it.
             const std::string own = root + "/" + std::to_string(--count);
             rows.node(own, "Message", entry->message_.getSerialNumber());
             rows.leaf(own + "/type", "Type", entry->message_.getType());

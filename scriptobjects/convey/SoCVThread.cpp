@@ -57,6 +57,7 @@ ConveyThread::ConveyThread(ConveyContext* context, const SoString& appSpecifier)
       startTime_(ConveyUtils::getUTCTimeMilliSeconds()),
       specifier_(createThreadSpecifier(appSpecifier)),
       outbox_(std::make_unique<Outbox>(Outbox::Kind::pings)) {
+    // What a ping without a key of its own asks for: it is answered as long as this thread runs.
     (void)setKeyValuePair(CV_ECHO_REQUEST, CV_ECHO_RESPONSE);
     (void)setKeyValuePair(CV_STATUS, CV_IDLE);
     (void)setHandler(CV_MAIN, new ThreadMainMsgHandler(context, this));
@@ -92,6 +93,7 @@ std::shared_ptr<InterAppStream> ConveyThread::stream() const {
 
 // The table.
 
+// Looked through in its order: `locateKey` gives out places in it, and it is short.
 ConveyThread::PingData* ConveyThread::findLocked(const SoString& key) {
     const auto found = std::find_if(table_.begin(), table_.end(),
                                     [&key](const PingData& data) { return data.key == key; });
@@ -108,6 +110,8 @@ ConveyThread::PingData* ConveyThread::findOrAddLocked(const SoString& key) {
     if (PingData* data = findLocked(key)) {
         return data;
     }
+    // Any process of the user may set keys by a ping. A full table still takes new values for the
+    // keys that it has.
     if (key.isEmpty() || table_.size() >= kMaximumKeys) {
         return nullptr;
     }
@@ -138,6 +142,8 @@ int32_t ConveyThread::locateKey(const SoString& key) const {
 }
 
 bool ConveyThread::setHandler(const SoString& key, MsgHandler* handler) {
+    // Also when the table is full, since it is owned from the call on. A destructor is the host's
+    // code: it runs with no lock held.
     std::shared_ptr<MsgHandler> replaced(handler); // deleted when the lock has been given up
     const ObjectLock guard(*this);
     PingData* const data = findOrAddLocked(key);
@@ -179,6 +185,7 @@ void ConveyThread::removeExpiredPingData() {
     const uint32_t seconds = ConveyUtils::getTimeSeconds();
     std::vector<PingData> expired; // deleted when the lock has been given up
     const ObjectLock guard(*this);
+    // From the end, so that taking one out moves none that is still to be looked at.
     for (size_t i = table_.size(); i-- > 0;) {
         if (table_[i].expiry != 0 && table_[i].expiry <= seconds) {
             expired.push_back(std::move(table_[i]));
@@ -193,6 +200,8 @@ bool ConveyThread::isIdle() const {
     if (status == nullptr || !(status->value == CV_IDLE)) {
         return false;
     }
+    // Before the second regular round there is no interval to compare with, and the status alone
+    // counts.
     return averagePump_ <= 0 || lastPump_ <= 0 ||
            now() - lastPump_ <= kIdleIntervals * averagePump_;
 }
@@ -216,6 +225,8 @@ bool ConveyThread::openStream() {
     if (stream_ == nullptr) {
         stream_.reset(ConveyUtils::createNextAvailableInterAppStream(specifier_));
         if (stream_ != nullptr) {
+            // The name that the port has got, which is another instance's where ours was taken:
+            // askers know an answer by the name that they have asked.
             specifier_ = stream_->getName();
             if (wait_ != nullptr) {
                 stream_->watch(*wait_);
@@ -226,6 +237,8 @@ bool ConveyThread::openStream() {
 }
 
 void ConveyThread::run() {
+    // Before any handler can run here: one that ends the layer is on this thread, which must not
+    // wait for itself.
     runner_.store(std::this_thread::get_id());
     if (!openStream()) {
         // Nothing to do any more. It stays until it is stopped, because a thread that has ended and
@@ -240,9 +253,13 @@ void ConveyThread::run() {
     }
     double nextRound = now();
     while (!stop_.load()) {
+        // Rounds that something has woken come in between and leave the regular ones where they
+        // are: a flood must not put off what only time brings.
         const bool regular = now() >= nextRound;
         const Left rest = runRound(regular);
         if (regular) {
+            // Not in the other rounds: blocks that are given back in a busy moment would have to be
+            // fetched again at once.
             notePump();
             removeExpiredPingData();
             platform::TextMemory::giveBackWhenIdle();
@@ -252,6 +269,8 @@ void ConveyThread::run() {
         if (stop_.load() || rest.more) {
             continue;
         }
+        // A line that was refused is tried again sooner than the next round, and never later:
+        // nothing announces that a target has room again.
         const auto left = static_cast<int64_t>(nextRound - now());
         pause(std::clamp<int64_t>(
             rest.retryMilliseconds < 0 ? left : std::min(left, rest.retryMilliseconds), 0,
@@ -275,6 +294,8 @@ ConveyThread::Left ConveyThread::runRound(bool regular) {
     left.more = answerPings();
     left.join(outbox_->pass(stream().get(), Outbox::Carrier::round));
     left.join(serveInstances(regular));
+    // Such a text passes only while its target reads on. Nobody waits for that here, or a stopped
+    // target would keep the process from answering pings.
     if (left.large) {
         wakeCourier();
     }
@@ -284,9 +305,11 @@ ConveyThread::Left ConveyThread::runRound(bool regular) {
 // Counts messages, not texts: one text may hold any number of them.
 bool ConveyThread::answerPings() {
     const auto stream = this->stream();
+    // What the bound leaves of a text stays for the next round, in its order.
     for (int pings = 0; pings < kPingsAtOnce && !stop_.load(); ++pings) {
         while (nextPing_ >= pings_.length()) {
             if (!stream->messagePending()) {
+                // Not kept until the next ping comes: it may have been a large one.
                 pings_ = SoString();
                 nextPing_ = 0;
                 return false;
@@ -309,10 +332,13 @@ void ConveyThread::answerPing(Message& message) {
         message.getSender().view().ends_with(kThreadSuffix)) {
         return;
     }
+    // The host may have put a handler of its own in its place, or none, and then nobody is
+    // answered.
     const auto handler = handlerFor(CV_MAIN);
     SoString result;
     const int32_t code =
         handler == nullptr ? 1 : ConveyData::callHandler(*handler, 1, message, &result);
+    // An asker hears of a handler that threw; any other code says that it gets no answer.
     if ((code == 0 || code == ConveyData::CV_HANDLER_FAILED) && !message.getSender().isEmpty()) {
         (void)sendResponse(message, result);
     }
@@ -320,12 +346,16 @@ void ConveyThread::answerPing(Message& message) {
 
 ConveyThread::Left ConveyThread::serveInstances(bool regular) {
     Left left;
+    // Null once the layer was ended from a handler of this thread: it then goes on to the end of
+    // its loop without one.
     ConveyContext* const context = context_.load();
     if (context == nullptr) {
         return left;
     }
     bool waiting = false;
     for (int32_t i = 0; !stop_.load(); ++i) {
+        // A share of it, by its place: hosts make and delete instances meanwhile. One that is
+        // passed over by that has its turn in the next round.
         const auto instance = context->pinNth(i);
         if (instance == nullptr) {
             break;
@@ -429,6 +459,7 @@ bool ConveyThread::stop() {
 Delivery ConveyThread::post(std::unique_ptr<Message> message) {
     const auto stream = this->stream();
     const Delivery delivery = outbox_->post(stream.get(), message);
+    // It may be in the middle of a whole round's sleep, and the line is due again in a millisecond.
     if (delivery == Delivery::queued) {
         wake();
     }

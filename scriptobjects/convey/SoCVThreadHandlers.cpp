@@ -37,6 +37,8 @@ void observe(ConveyData::PrivateData& main, const SoString& key, const SoString&
 
 } // namespace
 
+// What pings have asked for stays in the table, so that a main instance that comes later, or in the
+// place of another, is observed as well.
 void ConveyThread::installForwarding() {
     const ConveyContext* const context = context_.load();
     const auto main = context == nullptr ? nullptr : context->pinMain();
@@ -54,6 +56,7 @@ int32_t ThreadMainMsgHandler::handleMessage(int /*event*/, Convey::Message& mess
     if (message.getType() == ConveyThread::CV_PING) {
         const SoString request = message.getUserHeaderValue(ConveyThread::CV_ECHO_REQUEST);
         const std::string_view text = request.view();
+        // The first one parts key and value: values such as launch options hold further ones.
         const size_t mark = text.find('=');
         answer = mark != std::string_view::npos
                      ? setKey(SoString(text.substr(0, mark)), SoString(text.substr(mark + 1)))
@@ -66,6 +69,7 @@ int32_t ThreadMainMsgHandler::handleMessage(int /*event*/, Convey::Message& mess
 }
 
 SoString ThreadMainMsgHandler::setKey(const SoString& key, const SoString& value) const {
+    // Without a main instance the key is only kept, until there is one to be observed.
     if (isForwardingKey(key)) {
         if (const auto main = context_->pinMain()) {
             observe(*main, key, value);
@@ -137,6 +141,8 @@ int32_t ThreadForwardMsgHandler::handleMessage(int /*event*/, Convey::Message& m
     forwarded->setType(key_);
     forwarded->setTimeout(kForwardedSeconds);
     forwarded->setSerialNumber(message.getNextSerialNumber(nullptr));
+    // By the thread's outbox: what an observer does not take counts among the answers to pings, and
+    // never keeps the observed instance from sending.
     ConveyThread* const thread = context->getThread();
     if (thread->post(std::move(forwarded)) != ConveyData::Delivery::refused) {
         return 0;
