@@ -62,9 +62,12 @@ void PrivateData::close() {
         stream.swap(stream_);
     }
     noteActivity(); // who waits need not wait any longer
+    // Closed now, and not with the last share in it: calls that are still in here may hold one, and
+    // the name is to be free at once.
     if (stream != nullptr) {
         stream->close();
     }
+    // Behind the notice, which goes by the context.
     context_.store(nullptr);
     takers_->close();
     conversations_.close(); // last: it calls the destructors of handlers
@@ -96,6 +99,8 @@ void PrivateData::watch(platform::PortWait& wait) const {
     }
 }
 
+// Both ways in which a host may wait: threads of its own in the layer, and a main loop at its
+// descriptor.
 void PrivateData::noteActivity() const {
     if (ConveyContext* context = this->context()) {
         context->noteActivity();
@@ -104,6 +109,8 @@ void PrivateData::noteActivity() const {
 }
 
 void PrivateData::remindHost() const {
+    // Only with a message for a handler: a signal that was raised for nothing would have a program
+    // run in which nothing happens.
     if (PollSignal::isWatched() && !isClosed() && !incoming_.isEmpty()) {
         PollSignal::raise();
     }
@@ -197,6 +204,7 @@ MsgHandler* PrivateData::findHandler(const SoString& type, uint32_t serialNumber
 
 MsgHandler* PrivateData::changeHandler(MsgHandler* handler) {
     const auto replaced = handler == nullptr ? nullptr : conversations_.add(handler);
+    // `release` waits until no other thread is in it: what the caller gets it may delete.
     return replaced == nullptr ? nullptr : replaced->release();
 }
 
@@ -205,11 +213,14 @@ MsgHandler* PrivateData::removeHandler(const SoString& type, uint32_t serialNumb
     if (removed == nullptr) {
         return nullptr;
     }
+    // Who waits in `send` for this number sees that its handlers are gone.
     noteActivity();
     return removed->release();
 }
 
 bool PrivateData::deleteHandler(const MsgHandler* handler) {
+    // Nobody is waited for here, so that a handler may delete itself: its slot goes with the last
+    // thread that is in it.
     const auto removed = conversations_.take(handler);
     if (removed != nullptr) {
         noteActivity();
@@ -243,6 +254,8 @@ Blocks& blocks() {
 
 bool isInBlock(const void* place) {
     const std::lock_guard<std::mutex> guard(blocks().mutex);
+    // The block that begins last before the place: an instance may be a base of a larger object and
+    // begin within its block.
     auto block = blocks().bytes.upper_bound(place);
     if (block == blocks().bytes.begin()) {
         return false;
@@ -268,6 +281,7 @@ void* Convey::operator new(size_t bytes) {
 
 void Convey::operator delete(void* p) noexcept {
     if (p != nullptr) {
+        // Before the block goes: another thread may be given the same one as soon as it is free.
         const std::lock_guard<std::mutex> guard(blocks().mutex);
         (void)blocks().bytes.erase(p);
     }
@@ -296,6 +310,7 @@ static Value onData(const std::shared_ptr<PrivateData>& shared, Value neutral,
 
 Convey::Convey(const char* appName, MsgHandler* handler, bool isMain, ConveyContext* context)
     : data_(guarded(std::shared_ptr<PrivateData>(), [&] {
+          // A setup in the background makes the context that this instance is to belong to.
           ConveySetupThread::syncWithSetupThread();
           if (context == nullptr && ConveyContext::getCurrentContext() == nullptr) {
               (void)InitTerm::init(appName, true);
@@ -319,6 +334,8 @@ Convey::Convey(const char* appName, MsgHandler* handler, bool isMain, ConveyCont
         }
         return true;
     });
+    // Without memory for all of it: one that is closed does nothing, where half an instance would
+    // take messages that it cannot handle.
     if (!isWhole) {
         close();
     }
@@ -336,6 +353,7 @@ void Convey::close() {
     if (data_ == nullptr) {
         return;
     }
+    // First, so that nobody finds it any more; then it ends for those who have.
     if (ConveyContext* context = data_->context()) {
         context->removeInstance(this);
     }

@@ -114,6 +114,8 @@ void PrivateData::receiveTexts(SoString&& text) {
         if (message->getType() == CV_TYPE_WATCHER || !isForThisLife(*message)) {
             continue;
         }
+        // Before the queue has it: another thread may handle it at once, and "Processed" must not
+        // come to the asker before "Received".
         (void)sendResponse(*message, CV_WANTS_RECEIVED, nullptr);
         logEvent("RECEIVE", *message);
         accept(std::move(message));
@@ -142,9 +144,12 @@ void PrivateData::tellOfEndedTakers() {
     if (!takers_->haveEnded()) {
         return;
     }
+    // Once more, now that the end is known: what the target sent before it has all arrived.
     (void)receiveArrived();
     std::vector<AwaitedRequest> lost;
     {
+        // With the turn taken no other thread is on its way from the stream to the queue with an
+        // answer.
         const std::lock_guard<std::mutex> turn(receivingTurn_);
         const auto stream = this->stream();
         if (stream == nullptr || !stream->isEmpty() || stream->messagePending()) {
@@ -152,6 +157,7 @@ void PrivateData::tellOfEndedTakers() {
         }
         lost = takers_->takeLost();
     }
+    // With the turn given back: what observers and askers are told of it may have them receive.
     for (const AwaitedRequest& request : lost) {
         sendError(*request.message(), Convey::kTargetEndedText, Convey::kTargetEndedCode, 0);
     }
@@ -190,6 +196,8 @@ bool PrivateData::processIncoming(uint32_t serialNumber, bool process) {
     const bool awaitedOnly = handlerDepth() >= kDeepestWait;
     Conversations::Turn turn;
     std::set<std::string> heldUp;
+    // Captured as one reference, for which the functions need no block of the heap: they are made
+    // for each message that is handled.
     const struct {
         Conversations& conversations;
         Conversations::Turn& turn;
@@ -234,6 +242,8 @@ bool PrivateData::handle(MessageQueue::Taken& taken, Conversations::Turn& turn) 
         answersLost_.fetch_add(1, std::memory_order_relaxed);
         (void)attempt([&] { sendError(message, "ERROR: OUT OF MEMORY", kOutOfMemory, 0); });
     }
+    // Whatever became of it before: without its end a conversation would be waited for until the
+    // time of the wait is up.
     if (!attempt([&] { finish(message, turn.reply); })) {
         answersLost_.fetch_add(1, std::memory_order_relaxed);
     }
@@ -297,6 +307,7 @@ void PrivateData::finish(const Message& message, const Reply& reply) {
     if (event != nullptr) {
         // The answer has come, one way or another: nothing is left to wait for.
         incoming_.removeTimeoutMessage(message.getSerialNumber());
+        // Let go of at the end of the block, with no lock held: their destructors are the host's.
         const HandlerSlots left = conversations_.end(message.getSerialNumber(), reply.kind);
         logEvent(event, message);
     }

@@ -67,6 +67,7 @@ bool PrivateData::send(Message& message, bool mayLaunch, uint32_t waitSeconds,
         return false;
     }
     message.setTarget(target);
+    // Before it is written: what it asks for, and for which life, goes with the text.
     requestProcessed(message);
     SoString text;
     if (!message.writeToString(text)) {
@@ -93,6 +94,8 @@ bool PrivateData::send(Message& message, bool mayLaunch, uint32_t waitSeconds,
     if (waitSeconds == 0) {
         return delivery == Delivery::delivered;
     }
+    // A target that is being launched has a time of its own to appear; the seconds of the caller
+    // are those for its answer.
     return (delivery == Delivery::delivered || waitForTarget(message)) &&
            waitForResponse(*wait, message, waitSeconds);
 }
@@ -122,6 +125,8 @@ Delivery PrivateData::post(std::unique_ptr<Message> message) {
     if (deliverLocally(*message)) {
         return Delivery::delivered;
     }
+    // The message may be the outbox's in a moment, so who looks at events is shown a copy; as a
+    // rule nobody looks.
     const auto event =
         ConveyUtils::isForwarding(CV_FORWARD_LOGS) ? std::make_unique<Message>(*message) : nullptr;
     const auto stream = this->stream();
@@ -146,6 +151,8 @@ bool PrivateData::deliverLocally(const Message& message) {
     if (receiver == nullptr) {
         return false;
     }
+    // Before the message itself: its receiver may be done with it at once, and "Processed" must not
+    // come before "Received".
     if (contains(message.getResponseRequest(), CV_WANTS_RECEIVED)) {
         auto received = std::make_unique<Message>(message);
         received->setTarget(message.getSender());
@@ -162,6 +169,8 @@ bool PrivateData::deliverLocally(const Message& message) {
 }
 
 void PrivateData::accept(std::unique_ptr<Message> message) {
+    // On arrival, and not when the owner handles it: an answer that lies in the queue is there,
+    // even if its sender has ended since.
     takers_->noteReceived(*message);
     if (incoming_.append(message.get())) {
         (void)message.release(); // the queue's now
@@ -174,6 +183,8 @@ Delivery PrivateData::deliver(const Message& message, const SoString& text, bool
                               uint32_t waitSeconds, const SoString* launchParameters) {
     const SoString& target = message.getTarget();
     const auto stream = this->stream();
+    // One end for both steps, so that a caller waits no longer for a target with a line than for
+    // one without.
     const int64_t end = monotonicNow() + InterAppStream::kSendTimeoutMilliseconds;
     // Behind those that wait for the target already: none is overtaken. What may not be queued
     // waits for these, too.
@@ -265,6 +276,7 @@ bool PrivateData::waitForTarget(const Message& message) {
         }
         ConveyUtils::sleep(static_cast<uint32_t>(std::min(left, kPollMilliseconds)));
     }
+    // Also without the target: its message is in the outbox, and the wait for the answer decides.
     return true;
 }
 
@@ -281,6 +293,8 @@ bool PrivateData::sendResponse(const Message& request, const char* type,
     if (answer.isUserType()) {
         answerType << request.getType();
     }
+    // An answer asks for none, or two processes would acknowledge what the other acknowledges for
+    // ever.
     answer.setResponseRequest(SoString());
     answer.setTimeout(0);
     addressReply(request, answerType, answer,

@@ -79,6 +79,7 @@ public:
                 const std::lock_guard<std::mutex> guard(outbox_.mutex_);
                 line_->busy = false;
             }
+            // All of them: they wait for turns of different lines by the one condition.
             outbox_.given_.notify_all();
         }
     }
@@ -122,6 +123,8 @@ void Outbox::Left::join(const Left& other) {
     }
 }
 
+// A message stays in its line until it has been handed over, so that nothing overtakes the one that
+// is being sent at the moment.
 bool Outbox::isFree(const SoString& target) const {
     return queue_.loadOf(target.view()).messages == 0;
 }
@@ -199,6 +202,7 @@ void Outbox::noteKept(const std::string& target, bool large) {
 }
 
 bool Outbox::isDue(const Line& line, Carrier carrier, int64_t now, Left& left) const {
+    // Nobody waits in a pass: who has the turn does the work of this one, too.
     if (line.busy) {
         return false;
     }
@@ -228,6 +232,7 @@ Outbox::Left Outbox::pass(const InterAppStream* stream, Carrier carrier) {
     // is asked.
     const std::vector<std::string> targets = queue_.targets();
     forgetEmptyLines();
+    // The courier's passes have no end of their own, since nobody waits for them.
     const int64_t end = carrier == Carrier::round ? now() + kPassMilliseconds : INT64_MAX;
     size_t first = 0;
     {
@@ -240,6 +245,8 @@ Outbox::Left Outbox::pass(const InterAppStream* stream, Carrier carrier) {
             send(stream, turn, carrier, end, left);
             left.more = left.more || now() >= end;
         }
+        // The next pass begins behind this line: with the same ones first each time, targets that
+        // take much would leave the others without a turn.
         if (left.more) {
             const std::lock_guard<std::mutex> guard(mutex_);
             first_ = first + i + 1;
@@ -309,6 +316,7 @@ void Outbox::send(const InterAppStream* stream, Turn& turn, Carrier carrier, int
                 logEvent("SEND ENQUEUED MESSAGE", *next.event);
             }
         } else {
+            // A large text is not kept: that would double what a target that takes nothing costs.
             if (!next.large) {
                 line.text = std::move(next.text);
                 line.textPosition = next.position;
@@ -338,6 +346,8 @@ void Outbox::noteFailure(const InterAppStream& stream, Turn& turn, bool sentAny,
         line.retryAt = now() + line.pause;
         left.join({.retryMilliseconds = line.pause});
     }
+    // Once a second is enough, as stamps count seconds, while attempts may follow each other by one
+    // millisecond.
     const uint32_t second = ConveyUtils::getTimeSeconds();
     if (kind_ == Kind::messages && line.requeuedSecond != second) {
         line.requeuedSecond = second;
@@ -365,6 +375,8 @@ void Outbox::requeue(const std::string& target) {
         if (seconds < stamp + kQueueSeconds) {
             (void)queue_.keep(target, position, seconds, timeout, stamp);
         } else {
+            // Counted from its first stamp, any of these is over: it ends at the next look by the
+            // way of all that expire, which tells its sender.
             const uint32_t last = timeout == 0               ? 1
                                   : timeout >= kQueueSeconds ? kQueueSeconds - 1
                                                              : timeout;
@@ -384,9 +396,11 @@ bool Outbox::drain(const InterAppStream& stream, const SoString& target, int64_t
         if (!turn) {
             return false;
         }
+        // As the courier, who takes large texts as well: an owner waits for its own.
         Attempt next = nextOf(turn, Carrier::courier);
         if (next.found && next.written &&
             !hand(stream, next, target, static_cast<int32_t>(left()))) {
+            // The line keeps the pause, which the next pass finds there.
             Left ignored;
             noteFailure(stream, turn, sentAny, ignored);
             return isFree(target);

@@ -258,10 +258,10 @@ void ConveyThread::run() {
         const bool regular = now() >= nextRound;
         const Left rest = runRound(regular);
         if (regular) {
-            // Not in the other rounds: blocks that are given back in a busy moment would have to be
-            // fetched again at once.
             notePump();
             removeExpiredPingData();
+            // Not in the other rounds: blocks that are given back in a busy moment would have to be
+            // fetched again at once.
             platform::TextMemory::giveBackWhenIdle();
             remindHost();
             nextRound = now() + static_cast<double>(kRoundMilliseconds);
