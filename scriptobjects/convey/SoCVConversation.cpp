@@ -144,6 +144,7 @@ public:
     }
     ~Visit() {
         if (handler_ != nullptr) {
+            // One place of this thread's: nested calls have one each.
             const std::lock_guard<std::mutex> guard(slot_.mutex_);
             slot_.inside_.erase(std::find(slot_.inside_.begin(), slot_.inside_.end(), self_));
             slot_.left_.notify_all();
@@ -173,6 +174,7 @@ HandlerSlot::~HandlerSlot() {
 }
 
 bool HandlerSlot::anyForwards() {
+    // Without an order: it says whether looking is worth while, and who looks takes the lock.
     return gForwarding.load(std::memory_order_relaxed) != 0;
 }
 
@@ -210,6 +212,7 @@ std::shared_ptr<Conversation> Conversations::openLocked(uint32_t number) {
         try {
             conversation = std::make_shared<Conversation>(number);
         } catch (...) {
+            // An empty place would be found as a conversation that is none.
             table_.erase(number);
             throw;
         }
@@ -267,6 +270,8 @@ void Conversations::close() {
         }
     }
     for (const auto& [number, conversation] : ended) {
+        // Declared before the guard: the handlers of each are deleted when the lock has been given
+        // up, since their destructors are the host's.
         HandlerSlots left;
         const ObjectLock guard(*this);
         left = endLocked(*conversation, Conversation::End::abandoned);
@@ -387,6 +392,7 @@ std::shared_ptr<HandlerSlot> Conversations::takeLocked(const std::shared_ptr<Han
     Conversation* const conversation =
         slot->number() == CV_INVALID_MESSAGE_NUMBER ? nullptr : findLocked(slot->number());
     if (conversation == nullptr && slot->number() != CV_INVALID_MESSAGE_NUMBER) {
+        // It has ended since the slot was found, and its handlers went with it.
         return taken;
     }
     HandlerSlots& slots = conversation == nullptr ? forAny_ : conversation->slots_;
@@ -403,6 +409,7 @@ std::shared_ptr<HandlerSlot> Conversations::takeLocked(const std::shared_ptr<Han
 }
 
 std::shared_ptr<HandlerSlot> Conversations::take(std::string_view type, uint32_t number) {
+    // Held from the look to the taking, or another thread might take the same one between.
     const ObjectLock guard(*this);
     const auto slot = find(type, number);
     return slot == nullptr ? nullptr : takeLocked(slot);
@@ -420,6 +427,7 @@ std::shared_ptr<HandlerSlot> Conversations::take(const MsgHandler* handler) {
     const auto slot = std::find_if(slots.begin(), slots.end(), [handler](const auto& candidate) {
         return candidate->handler() == handler;
     });
+    // A share of its own: the place in which it was found goes when it is taken.
     const std::shared_ptr<HandlerSlot> kept = slot == slots.end() ? nullptr : *slot;
     return kept == nullptr ? nullptr : takeLocked(kept);
 }
@@ -494,6 +502,7 @@ bool Conversations::enter(const Message& message, bool awaitedOnly, Turn& turn) 
 
 void Conversations::leave(Conversation& conversation) {
     const ObjectLock guard(*this);
+    // Who it was is left standing: that counts only while somebody is inside.
     --conversation.insideDepth_;
     closeIfDoneLocked(conversation);
 }

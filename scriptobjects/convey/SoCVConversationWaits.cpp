@@ -22,6 +22,8 @@ void Conversations::unwatchLocked(Conversation& conversation) {
         return;
     }
     conversation.watched_ = false;
+    // Each watch knows its place among those of its second, so that ending one takes the same time
+    // however many there are.
     const auto second = deadlines_.find(conversation.deadline_);
     second->second.erase(conversation.deadlinePlace_);
     if (second->second.empty()) {
@@ -40,6 +42,8 @@ void Conversations::unwatch(uint32_t number) {
 void Conversations::watch(const Message& request, const SoString& watcher, uint32_t seconds) {
     const uint32_t now = ConveyUtils::getTimeSeconds();
     const auto life = static_cast<int32_t>(seconds);
+    // One that never ends has a place as well: it is shown, and ended by an answer, as the others
+    // are.
     const int64_t deadline = life < 0 ? INT64_MAX : int64_t{now} + life;
     std::string name(watcher.view());
     const ObjectLock guard(*this);
@@ -83,6 +87,7 @@ std::vector<std::unique_ptr<Message>> Conversations::takeExpired() {
     std::vector<std::pair<uint64_t, std::unique_ptr<Message>>> expired;
     {
         const ObjectLock guard(*this);
+        // The first second that has not come ends it: what is not over is not looked at.
         while (!deadlines_.empty() && deadlines_.begin()->first <= now) {
             Conversation& conversation = *deadlines_.begin()->second.front();
             expired.emplace_back(conversation.watchOrder_, conversation.watcherMessage());
@@ -144,9 +149,12 @@ Conversations::Wait::Wait(Conversations& table, const Message& request)
       asker_(request.getSender().view()),
       outer_(gInnermostWait) {
     const ObjectLock guard(table_);
+    // Within a handler of its own number the turn is this thread's, and what ends the wait can come
+    // only within that: `enter` and `state` make it an exception.
     inside_ =
         conversation_->insideDepth_ != 0 && conversation_->inside_ == std::this_thread::get_id();
     conversation_->waitingInside_ += inside_ ? 1 : 0;
+    // Linked through the object itself, on the stack: noting a wait needs no memory.
     next_ = table_.newestWait_;
     if (next_ != nullptr) {
         next_->previous_ = this;
@@ -156,6 +164,8 @@ Conversations::Wait::Wait(Conversations& table, const Message& request)
 }
 
 Conversations::Wait::~Wait() {
+    // The waits of a thread end in the reverse order of their beginnings, those of a table in any
+    // order.
     gInnermostWait = outer_;
     const ObjectLock guard(table_);
     --conversation_->waiting_;
@@ -169,6 +179,7 @@ Conversations::Wait::~Wait() {
 
 std::vector<uint32_t> Conversations::awaitedNumbers() const {
     std::vector<uint32_t> numbers;
+    // Without the lock: the chain is this thread's alone.
     for (const Wait* wait = gInnermostWait; wait != nullptr; wait = wait->outer_) {
         numbers.push_back(wait->conversation_->number());
     }
@@ -178,6 +189,8 @@ std::vector<uint32_t> Conversations::awaitedNumbers() const {
             numbers.push_back(wait->conversation_->number());
         }
     }
+    // Each once: a taker that was given one twice would come by its messages twice, and the first
+    // time may take them out.
     std::sort(numbers.begin(), numbers.end());
     numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
     return numbers;

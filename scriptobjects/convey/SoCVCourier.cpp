@@ -13,6 +13,7 @@ void ConveyCourier::wake() {
 }
 
 bool ConveyCourier::stop() {
+    // What is being handed over at present ends by the time that it has itself.
     {
         const std::lock_guard<std::mutex> guard(mutex_);
         stopped_ = true;

@@ -151,6 +151,7 @@ public:
         }
         Entry* const found = *oldest;
         if (found != nullptr) {
+            // Gone on from before it is shown, since who is shown it may take it out or move it.
             *oldest = found->links[order_].next;
         }
         return found;
@@ -197,6 +198,7 @@ MessageQueue::Taken MessageQueue::takeLocked(Notices& notices, uint32_t serial,
         } else if (choice != nullptr && choice->isHeldUp(message)) {
             parkLocked(*entry);
         } else if (choice == nullptr || choice->wants(message)) {
+            // Before it is taken out: without memory for what is to be told of it, it stays.
             notices.report(message, "picked", diagnosticsRoot_);
             const uint64_t position = entry->position;
             const bool isAnswer = entry->isAnswer;
@@ -236,6 +238,8 @@ void MessageQueue::removeTimeoutMessage(uint32_t serial) {
         return;
     }
     const ObjectLock guard(*this);
+    // As a rule there are none, and looking at all messages for each answer would make many
+    // requests dear.
     if (watchers_ == 0) {
         return;
     }
@@ -267,6 +271,8 @@ void MessageQueue::removeExpiredMessages() {
             first = std::min(first, entry.deadline);
         }
     }
+    // The one place where it becomes later. A message that is taken leaves it as it is, which costs
+    // one look for nothing at most.
     firstDeadline_.store(first, std::memory_order_relaxed);
 }
 
@@ -316,6 +322,8 @@ bool MessageQueue::visitNextFor(std::string_view target, uint64_t& position,
     if (next == nullptr) {
         return false;
     }
+    // A pass asks for one after the other: the next call goes on from here instead of from the
+    // first.
     line->visited = next;
     position = next->position;
     visit(*next->message);

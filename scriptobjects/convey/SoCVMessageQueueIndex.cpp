@@ -114,6 +114,7 @@ MessageQueue::Entry* MessageQueue::findLocked(std::string_view target, uint64_t 
 
 // Many in a row are for one target, and a name takes longer to find than to compare.
 MessageQueue::Line& MessageQueue::lineLocked(std::string_view target) {
+    // It has a last message to look at: no line is empty, and this one is forgotten with its line.
     if (newestLine_ == nullptr ||
         newestLine_->entries.last->message->getTarget().view() != target) {
         const auto found = lines_.find(target);
@@ -208,6 +209,7 @@ std::unique_ptr<Message> MessageQueue::removeLocked(Entry& entry) {
         numbers_.erase(number);
     }
     pool_.giveBack(entry);
+    // The index went with the last entry of each number, and the next to ask by one makes it anew.
     if (--count_ == 0) {
         numbersKnown_ = false;
         pool_.shrink();
@@ -228,6 +230,7 @@ void MessageQueue::parkLocked(Entry& entry) {
     if (entry.turn == &ready_ && !entry.isWatcher) {
         const std::string_view sender = entry.message->getSender().view();
         const auto found = heldUp_.find(sender);
+        // The chain first: without memory for it the entry stays where it was.
         auto& chain = found != heldUp_.end() ? found->second : heldUp_[std::string(sender)];
         ready_.remove(entry);
         entry.turn = &chain;

@@ -53,6 +53,7 @@ std::unique_ptr<Message> AwaitedRequest::message() const {
     request->setTarget(SoString(target));
     request->setSerialNumber(number);
     request->setResponseRequest(CV_WANTS_ERROR);
+    // As the request had it: the error is then one for this life of the process.
     request->setAskersLife(ownLife());
     request->setBody("(not kept)"); // who watches errors is shown no empty ones
     if (!type.empty()) {
@@ -116,9 +117,13 @@ uint64_t Takers::begin(AwaitedRequest&& request) {
 bool Takers::taken(uint32_t number, uint64_t place, const std::shared_ptr<TargetWatch>& by) try {
     const ObjectLock guard(*this);
     const auto entry = entries_.find(number);
+    // An answer may be quicker than the sender's return to here. The place tells a later request of
+    // the same number.
     if (entry == entries_.end() || entry->second.request.place != place) {
         return false; // answered already
     }
+    // What is left of this without memory is a taker without requests, which the next round
+    // forgets.
     const auto [taker, isNew] = takers_.try_emplace(by.get());
     taker->second.watch = by;
     taker->second.numbers.push_back(number);
@@ -132,6 +137,7 @@ bool Takers::taken(uint32_t number, uint64_t place, const std::shared_ptr<Target
 void Takers::abandon(uint32_t number, uint64_t place) {
     const ObjectLock guard(*this);
     const auto entry = entries_.find(number);
+    // What has a taker was delivered, and stays until it is answered.
     if (entry != entries_.end() && entry->second.request.place == place &&
         entry->second.taker == nullptr) {
         entries_.erase(entry);
@@ -144,6 +150,8 @@ void Takers::noteReceived(const Message& message) {
     if (entry == entries_.end()) {
         return;
     }
+    // A request of a peer may have the number, too; and "Received" says only that the target has
+    // it, which may end with it unanswered.
     switch (replyOf(message, entry->second.request.type).kind) {
     case Reply::kNone:
     case Reply::kReceived:
@@ -168,6 +176,7 @@ bool Takers::haveEnded() {
     bool ended = false;
     {
         const ObjectLock guard(*this);
+        // As a rule nothing is waited for, and each round of the background comes by.
         if (takers_.empty()) {
             return false;
         }
@@ -179,6 +188,7 @@ bool Takers::haveEnded() {
     for (const auto& watch : watches) {
         if (watch->ended()) {
             ended = true;
+            // Looked for anew: it may have been forgotten while no lock was held.
             const ObjectLock guard(*this);
             const auto taker = takers_.find(watch.get());
             if (taker != takers_.end()) {
@@ -189,6 +199,8 @@ bool Takers::haveEnded() {
     return ended;
 }
 
+// By what `haveEnded` has noted, not by asking once more: a taker that has ended since may have
+// sent answers that nobody has received yet.
 std::vector<AwaitedRequest> Takers::takeLost() {
     std::vector<AwaitedRequest> lost;
     {
@@ -228,6 +240,7 @@ void Takers::forgetOld() {
     const ObjectLock guard(*this);
     for (auto entry = entries_.begin(); entry != entries_.end();) {
         const auto next = std::next(entry);
+        // One that is being sent belongs to its `Sending` until that is over.
         if (entry->second.request.until <= time && entry->second.taker != nullptr) {
             eraseLocked(entry);
         }
