@@ -77,6 +77,7 @@ ConveyContext::~ConveyContext() {
         (void)thread_.release(); // this is its own thread, which ends by itself
     }
     ConveyContext* self = this;
+    // One that a host has made for itself leaves the current one alone.
     gCurrentContext.compare_exchange_strong(self, nullptr);
 }
 
@@ -89,6 +90,8 @@ ConveyContext* ConveyContext::getCurrentContext() {
     if (context != nullptr && gFirstCallSeen.load(std::memory_order_relaxed)) {
         return context;
     }
+    // The first call that finds one takes the setup's thread in, which notes how long the host had
+    // to wait for it. After that nothing is asked but the pointer.
     if (context != nullptr) {
         gFirstCallSeen.store(true, std::memory_order_relaxed);
     }
@@ -124,6 +127,7 @@ void ConveyContext::appendContext(ConveyContext& other) {
     Convey* main = nullptr;
     uint32_t number = 0;
     {
+        // One lock after the other, never both: between two contexts there is no order.
         const ObjectLock guard(other);
         number = other.serialNumber_;
         main = other.mainInstance_;

@@ -11,6 +11,7 @@
 namespace ScObjects::ConveyUtils {
 namespace {
 
+// Waits end with a whole slice: the ten seconds for the queue of the process are twelve.
 constexpr int32_t kSliceSeconds = 4;
 constexpr int32_t kProcessQueueSeconds = limits::of("launch.process-queue");
 constexpr int32_t kLaunchQueueSeconds = limits::of("launch.queue");
@@ -46,6 +47,8 @@ bool isLauncherWaiting(const InterAppStream& stream, const SoString& pendingName
 
 bool receiveLaunchParams(const SoString& queueName, SoString& parameters, int32_t seconds) {
     InterAppStream stream(queueName);
+    // Without a port there is nothing to wait for. That is no failure, which would end the start of
+    // the layer.
     return !stream.isGood() || receiveFrom(stream, parameters, seconds);
 }
 
@@ -66,6 +69,8 @@ bool getLaunchParameters(const SoString& specifier, SoString& parameters) {
     if (!isLauncherWaiting(*stream, pendingName)) {
         return true;
     }
+    // The queue of this process first: what comes there is for no other, while another start of the
+    // application may be at the launch queue.
     SoString processQueue = appName;
     processQueue << "#" << platform::Processes::system().ownNumber();
     if (receiveLaunchParams(processQueue, parameters, kProcessQueueSeconds)) {

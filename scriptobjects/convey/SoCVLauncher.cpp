@@ -80,6 +80,8 @@ public:
         auto message = newMessage(specifier, ConveyData::CV_TYPE_PLAIN, script);
         message->setResponseRequest(ConveyData::CV_WANTS_RECEIVED);
         scriptSerial_ = message->getSerialNumber();
+        // Before it is queued: its acknowledgement may be here at once. From here on the port says
+        // that parameters wait, and the target has not been started yet.
         watch(scriptSerial_, &queueName);
         (void)sender_.queueOutgoing(std::move(message));
     }
@@ -195,6 +197,7 @@ bool Launcher::launch(const SoString& specifier, const SoString& path, const SoS
         if (path.view().substr(0, kWebAddress.size()) == kWebAddress) {
             return openAddress(path, main.get());
         }
+        // Before the start: the target looks for its parameters first of all.
         std::unique_ptr<HandOver> handOver;
         if (params != nullptr && main != nullptr) {
             handOver = std::make_unique<HandOver>(*context, *main);
@@ -247,6 +250,7 @@ LaunchTimeoutMsgHandler::~LaunchTimeoutMsgHandler() {
 void LaunchTimeoutMsgHandler::removePingKey() const {
     try {
         ConveyThread* const thread = ConveyThread::getMainThread();
+        // Only where it stands: to set it empty would make a new one of it.
         if (thread != nullptr && thread->locateKey(key_) >= 0) {
             (void)thread->setKeyValuePair(key_, SoString());
         }

@@ -56,6 +56,8 @@ public:
             exchange_.questions_.push_back(this);
         }
         ~Question() {
+            // The question is on its asker's stack: under the mutex nobody is in it, and from now
+            // on nobody finds it.
             const std::lock_guard<std::mutex> guard(exchange_.mutex_);
             auto& questions = exchange_.questions_;
             questions.erase(std::find(questions.begin(), questions.end(), this));
@@ -77,6 +79,8 @@ public:
 
         bool isAnsweredBy(const Message& message) const {
             const SoString number = message.getUserHeaderValue(ConveyData::CV_PING_NUMBER);
+            // A peer that knows no numbers of questions sends none: its answer goes to the oldest
+            // question to it.
             return !answered_ && message.getSender() == destination_ &&
                    (number.isEmpty() || parseUnsigned32(number.c_str()) == number_);
         }
@@ -163,6 +167,7 @@ private:
                 if (question->answer_ == ConveyThread::CV_SEE_BODY) {
                     question->answer_ = message.getBody();
                 }
+                // And no other: the next question to the same target has its own answer on the way.
                 question->answered_ = true;
                 return;
             }
@@ -228,6 +233,8 @@ SoString askOne(InterAppStream& stream, Message& message, const CVResolution& ta
     PingExchange::Question question(PingExchange::instance(), stream, destination,
                                     message.getSerialNumber());
     bool sent = stream.send(destination, text, leftOf(end));
+    // Who gives no time wants no answer. What comes all the same is dropped before the next
+    // question.
     if (timeoutSeconds < 1) {
         return SoString(sent ? ConveyThread::CV_NOERROR : ConveyThread::CV_UNDEFINED);
     }
@@ -272,6 +279,8 @@ Message newQuestion(const InterAppStream& stream, bool request, const SoString& 
 
 uint32_t newPingNumber() {
     static std::atomic<uint32_t> next([] {
+        // Any number to begin with: a process that had this name before may have left an answer on
+        // its way, with one of its own.
         uint32_t first = 0;
         (void)platform::Random::system().fill(&first, sizeof first); // else all begin with 0
         return first;
@@ -281,6 +290,8 @@ uint32_t newPingNumber() {
 
 SoString ConveyUtils::pingResolved(const CVResolution& target, const SoString& key,
                                    int32_t timeoutSeconds, const SoString* parameters) {
+    // Before the stream: while all names for it are taken one is waited for, in the ping's own
+    // time.
     const int64_t end = endOf(timeoutSeconds);
     InterAppStream* const stream = InterAppStream::get(leftOf(end));
     if (stream == nullptr || !stream->isGood()) {
@@ -306,6 +317,7 @@ SoString ConveyUtils::ping(const SoString& target, bool request, const SoString&
     const int32_t targets = all ? Convey::getNumberOfRegisteredApplications() : 1;
     for (int32_t i = 0; i < targets; ++i) {
         const SoString name = all ? Convey::getApplicationSpecifier(i) : target;
+        // Each has the whole time: a target that does not answer takes none from the others.
         result = askOne(*stream, message, CVResolution::ofCompleted(name), timeoutSeconds,
                         endOf(timeoutSeconds));
         if (answered != nullptr && isAnswer(result)) {

@@ -17,6 +17,7 @@ platform::PollSignal* get() {
     static auto* const making = new std::mutex;
     const std::lock_guard<std::mutex> guard(*making);
     const platform::PollSignal* const made = gSignal.load();
+    // A child after fork finds one without a descriptor, and gets one of its own.
     if (made == nullptr || made->descriptor() < 0) {
         gSignal.store(platform::MainLoops::system().newSignal().release());
         raise(); // what came before somebody asked
@@ -25,10 +26,13 @@ platform::PollSignal* get() {
 }
 
 bool isWatched() {
+    // Asked for each message, so in no order: `get` raises the signal for those who have not seen
+    // it yet.
     return gSignal.load(std::memory_order_relaxed) != nullptr;
 }
 
 void raise() {
+    // By who made it perhaps on another thread: it must be seen whole.
     if (auto* const signal = gSignal.load(std::memory_order_acquire)) {
         signal->raise();
     }

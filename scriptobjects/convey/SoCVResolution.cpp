@@ -10,6 +10,7 @@ constinit thread_local CVFindings* gFindings = nullptr;
 } // namespace
 
 CVFindings::CVFindings() {
+    // Only the outermost keeps anything: what a step has found is to be there for those after it.
     if (gFindings == nullptr) {
         gFindings = this;
     }

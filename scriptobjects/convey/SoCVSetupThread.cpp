@@ -33,6 +33,7 @@ struct Setup {
 };
 
 Setup& setup() {
+    // Never deleted: a setup may still run while the process exits.
     static auto* const instance = new Setup;
     return *instance;
 }
@@ -135,6 +136,7 @@ bool ConveySetupThread::startSetupThread(const SoString& appSpecifier) {
     if (thread->error() != kNoError) {
         return false;
     }
+    // Before it is started: who asks at once has to wait for it.
     s.running = true;
     s.thread = std::move(thread);
     s.thread->start();

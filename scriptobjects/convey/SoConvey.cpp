@@ -132,6 +132,7 @@ bool Convey::InitTerm::init(const SoString& appSpecifier, bool synchronous) {
 }
 
 bool Convey::InitTerm::exit() {
+    // A setup that is under way would put its context in place behind our back.
     (void)ConveySetupThread::syncWithSetupThread();
     ConveyContext* const context = ConveyContext::currentContextNow();
     if (context == nullptr && ConveySetupThread::hasRun()) {
@@ -140,6 +141,8 @@ bool Convey::InitTerm::exit() {
             return true;
         });
     }
+    // Neither from the background thread, which would wait for its own end, nor from within a
+    // handler: it would take the layer away from under its own call.
     if (context == nullptr || context->getThread()->isOwnThread() ||
         ConveyData::handlerDepth() != 0) {
         return false;
@@ -251,6 +254,8 @@ uint32_t Convey::getProcessID(const char* target) {
 bool Convey::pump(EnabledOperations operations, ConveyContext* context) {
     const ConveyContext::Visit visit;
     if (context == nullptr) {
+        // A pump does not wait for a setup in the background, which a host has so that it need not
+        // wait.
         context = ConveySetupThread::isSetupThreadRunning() ? nullptr
                                                             : ConveyContext::getCurrentContext();
     }
@@ -260,6 +265,7 @@ bool Convey::pump(EnabledOperations operations, ConveyContext* context) {
     return guarded(false, [&] {
         const uint32_t now = ConveyUtils::getTimeSeconds();
         uint32_t last = gLastRefresh.load();
+        // Of several threads that pump, one looks.
         if (now - last >= kRefreshSeconds && gLastRefresh.compare_exchange_strong(last, now)) {
             if (ConveyConnector* connector = ConveyConnector::get()) {
                 (void)connector->updateCache(false);
@@ -299,6 +305,7 @@ bool Convey::pumpOrWait(uint32_t milliseconds, ConveyContext* context) {
     if (current == nullptr) {
         return false;
     }
+    // Before the pump: what comes in behind it ends the wait at once.
     const uint64_t seen = current->activity();
     if (pump(kProcessBoth, current)) {
         return true;
@@ -325,6 +332,7 @@ int32_t Convey::run() {
             if (gQuit.exchange(false)) {
                 return 0;
             }
+            // The end of the layer has raised the signal, and nothing will do so again.
             if (ConveyContext::getCurrentContext() == nullptr) {
                 return -1;
             }
@@ -341,6 +349,7 @@ void Convey::quit() {
 
 void Convey::getDiagnostics(SoString& out, bool formattedText) {
     (void)guarded(false, [&] {
+        // Aside, so that the caller's text stays as it was when memory runs out.
         SoString rows;
         const ConveyContext* const context = ConveyContext::getCurrentContext();
         if (context != nullptr) {
@@ -419,6 +428,7 @@ bool Convey::useConnector(const SoString& name) {
         if (connector == nullptr) {
             return false;
         }
+        // The switches of messages stand in the registry, and another one may have others.
         ConveyConnector::set(connector);
         Message::setAuthentication(connector->getMessageAuthentication(own));
         Message::setCreateDigest(connector->getMessageDigest(own));
@@ -445,6 +455,8 @@ bool Convey::importFromConnector(const SoString& name) {
         if (current == nullptr || name.isEmpty()) {
             return false;
         }
+        // A file has a folder in its name and XML begins with its bracket: no connector's name has
+        // either.
         const bool isSource =
             *name.c_str() == '<' || name.view().find('/') != std::string_view::npos;
         const SoString source = isSource ? name : getConnectorConfig(name, SoString());
