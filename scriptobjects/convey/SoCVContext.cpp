@@ -32,6 +32,8 @@ constinit thread_local int32_t gOwnVisits = 0;
 // Whether the calls of other threads have ended in time.
 bool othersHaveLeft() {
     const auto end = std::chrono::steady_clock::now() + kVisitorsMilliseconds;
+    // Looked at from time to time: to be told of it each call of a host would have to give a
+    // notice, for the one end of the layer.
     while (gVisits.load() != gOwnVisits) {
         if (std::chrono::steady_clock::now() >= end) {
             return false;
@@ -56,6 +58,7 @@ ConveyContext::Visit::~Visit() {
 ConveyContext::ConveyContext(const SoString& appSpecifier)
     : serialNumber_(gLastSerialNumber.load()),
       thread_(std::make_unique<ConveyThread>(this, appSpecifier)) {
+    // Here, where all is there that the thread uses.
     thread_->start();
 }
 
@@ -105,6 +108,7 @@ void ConveyContext::setCurrentContext(ConveyContext* context) {
         return;
     }
     if (old != nullptr && context != nullptr) {
+        // Before it is the current one: who finds it by that finds the instances in it.
         context->appendContext(*old);
         const ObjectLock guard(*context);
         gLastSerialNumber.store(context->serialNumber_);
@@ -302,6 +306,7 @@ void ConveyContext::appendDiagnostics(SoString& out, const SoString& path) const
     rows.leaf("/path", "Path", own.getApplicationPath(nullptr));
     rows.leaf("/version", "Version", Convey::kVersion);
     rows.leaf("/build", "Build", kBuild);
+    // Only these are the context's own: what else is written asks other objects, without its lock.
     SoString number;
     bool logging = false;
     {

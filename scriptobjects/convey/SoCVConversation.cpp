@@ -32,6 +32,7 @@ public:
 } // namespace
 
 int32_t callHandler(MsgHandler& handler, int event, Message& message, SoString* result) {
+    // The handlers of pings count as well: the end of the layer is refused in any.
     const Depth depth;
     int32_t code = 0;
     // Put together before the call: the handler may change the message, and its type is what a
@@ -170,6 +171,7 @@ HandlerSlot::HandlerSlot(MsgHandler* handler)
 
 HandlerSlot::~HandlerSlot() {
     gForwarding.fetch_sub(forwards_ ? 1 : 0, std::memory_order_relaxed);
+    // Nobody is in it: who is has a share in the slot.
     delete handler_.load();
 }
 
@@ -357,6 +359,8 @@ std::shared_ptr<HandlerSlot> Conversations::add(MsgHandler* handler) {
             return nullptr;
         }
     }
+    // With no lock held: the slot asks the handler for its type and number, which is the host's
+    // code.
     const auto slot = std::make_shared<HandlerSlot>(handler);
     (void)owned.release(); // the slot's now
     const uint32_t number = slot->number();

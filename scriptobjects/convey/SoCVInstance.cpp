@@ -40,6 +40,7 @@ PrivateData::PrivateData(ConveyContext* context, const SoString& streamName)
       appName_(stream_ != nullptr ? stream_->getName() : streamName) {
     incoming_.setListener(this);
     outgoing().setListener(this);
+    // Without a port it takes part within the process, where it is found by its name.
     if (stream_ == nullptr) {
         return;
     }
@@ -319,6 +320,7 @@ Convey::Convey(const char* appName, MsgHandler* handler, bool isMain, ConveyCont
               context != nullptr ? context : ConveyContext::getCurrentContext(),
               streamNameOf(appName));
       })) {
+    // Owned from the call on, whatever of the rest fails.
     std::unique_ptr<MsgHandler> owned(handler);
     const bool isWhole = onData(data_, false, [&](PrivateData& data) {
         if (ConveyContext* const owner = data.context()) {

@@ -71,6 +71,7 @@ public:
         (void)sender_.queueOutgoing(
             newMessage(queueName, ConveyData::CV_TYPE_LAUNCH_PARAMETERS, params));
 
+        // Its queue has the number of the process in its name, which is not known before the start.
         process_ = newMessage(SoString(), ConveyData::CV_TYPE_LAUNCH_PARAMETERS, params);
         processTarget_ = Convey::Specifier(specifier.c_str(), false).appName();
         processTarget_ << "#";
@@ -173,6 +174,7 @@ uint32_t start(const SoString& specifier, const std::string& path, Launcher::Foc
         return running;
     }
     const bool behind = focus == Launcher::kBehind;
+    // Before the start: what is in front now is what the focus is given back to.
     const uint32_t front = behind ? desktop.frontWindow() : 0;
     const uint32_t started = platform::Processes::system().startApplication(path, behind);
     if (behind && started != 0) {
@@ -199,6 +201,7 @@ bool Launcher::launch(const SoString& specifier, const SoString& path, const SoS
         }
         // Before the start: the target looks for its parameters first of all.
         std::unique_ptr<HandOver> handOver;
+        // They go as messages of the main instance; without one the target starts without them.
         if (params != nullptr && main != nullptr) {
             handOver = std::make_unique<HandOver>(*context, *main);
             handOver->begin(specifier, *params);
@@ -282,6 +285,7 @@ int32_t LaunchReceivedMsgHandler::handleMessage(int /*event*/, Message& message,
     if (instance == nullptr) {
         return 0;
     }
+    // With the handler goes the port that says that parameters wait.
     deleteExactly(*instance, ConveyData::CV_TYPE_TIMEOUT, serial_);
     instance->unwatchTime(serial_);
     for (const uint32_t companion : companions_) {

@@ -75,12 +75,14 @@ int32_t launch(const CVResolution& resolution, const char* parameters, int32_t f
         context.pin(resolution.specifier()) != nullptr) {
         return 0;
     }
+    // Whatever endpoint is meant, what is launched is its application.
     CVResolution application = resolution.withoutSuffix();
     if (application.isRunning()) {
         return 1;
     }
     const Convey::Specifier& target = application.specifier();
     ConveyConnector* const connector = ConveyConnector::get();
+    // Before anything is left for it: who has no path cannot come for it.
     if (connector == nullptr || pathOf(target, context.getAppSpecifier()).isEmpty()) {
         return 0;
     }
@@ -91,6 +93,7 @@ int32_t launch(const CVResolution& resolution, const char* parameters, int32_t f
     key << ':' << keyName;
     ConveyThread* const thread = context.getThread();
     (void)thread->setKeyValuePair(key, text);
+    // It stays as long as the parameters wait, and goes by itself.
     (void)thread->setTimeout(key, kLaunchSeconds);
     const bool withoutParameters = target == kLaunchedWithoutParameters ||
                                    text.view().find(kNoParameters) != std::string_view::npos;

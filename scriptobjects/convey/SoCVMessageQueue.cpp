@@ -54,6 +54,7 @@ public:
     void report(const Message& message, const char* event, const SoString& root) {
         if (listener_ != nullptr && !root.isEmpty() &&
             !(message.getType().view() == CV_TYPE_DEBUG) && listener_->watchesTraffic()) {
+            // A copy: the message may be gone by the time that this is told.
             reports_.push_back({std::make_unique<Message>(message), event, root});
         }
     }
@@ -113,6 +114,7 @@ bool MessageQueue::append(Message* message, bool isAnswer) {
     if (message == nullptr || message->getSender().isEmpty() || message->getTarget().isEmpty()) {
         return false;
     }
+    // Its time runs from there.
     if (message->getTimestamp() == 0) {
         message->setTimestamp(ConveyUtils::getTimeSeconds());
     }
@@ -279,6 +281,7 @@ void MessageQueue::removeExpiredMessages() {
 Message* MessageQueue::findMessageForTarget(const SoString& target) const {
     const ObjectLock guard(*this);
     const Line* const line = findLineLocked(target.view());
+    // No line is empty.
     return line == nullptr ? nullptr : line->entries.first->message.get();
 }
 
@@ -378,6 +381,7 @@ bool MessageQueue::keep(std::string_view target, uint64_t position, uint32_t tim
         return false;
     }
     Message& message = *found->message;
+    // Its time changes and its place does not, so that nothing overtakes it.
     message.setTimestamp(timestamp);
     message.setTimeout(timeoutSeconds);
     message.setHeader(CV_QUEUESTAMP, static_cast<unsigned long>(queueStamp));

@@ -54,6 +54,7 @@ void MessageQueue::Chain<order>::remove(Entry& entry) {
 
 void MessageQueue::setDeadlineLocked(Entry& entry) {
     entry.deadline = deadlineOf(*entry.message);
+    // Under the lock. Who reads it without asks only whether to look, and looks with the lock held.
     if (entry.deadline < firstDeadline_.load(std::memory_order_relaxed)) {
         firstDeadline_.store(entry.deadline, std::memory_order_relaxed);
     }
@@ -107,6 +108,7 @@ MessageQueue::Entry* MessageQueue::findBehind(const Line& line, uint64_t positio
 
 MessageQueue::Entry* MessageQueue::findLocked(std::string_view target, uint64_t position) const {
     const Line* const line = findLineLocked(target);
+    // Positions begin with 1.
     Entry* const found =
         line == nullptr || position == 0 ? nullptr : findBehind(*line, position - 1);
     return found == nullptr || found->position != position ? nullptr : found;
@@ -174,6 +176,7 @@ void MessageQueue::linkLocked(Entry& entry) {
 }
 
 void MessageQueue::unlinkLocked(Entry& entry) {
+    // A pass that was here begins with the first of the line again.
     if (entry.line->visited == &entry) {
         entry.line->visited = nullptr;
     }
@@ -187,6 +190,7 @@ void MessageQueue::unlinkLocked(Entry& entry) {
 
 std::unique_ptr<Message> MessageQueue::removeLocked(Entry& entry) {
     unlinkLocked(entry);
+    // Its names and number are what the indexes are left by below.
     std::unique_ptr<Message> message = std::move(entry.message);
     const int32_t bytes = message->getBody().length();
     bodyBytes_ -= bytes;

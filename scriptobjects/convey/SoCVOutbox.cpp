@@ -58,6 +58,7 @@ public:
     Turn(Outbox& outbox, std::string target, Carrier carrier, Left& left)
         : outbox_(outbox), target_(std::move(target)) {
         const std::lock_guard<std::mutex> guard(outbox_.mutex_);
+        // Made where there is none: it is forgotten again as one that is empty.
         Line& line = outbox_.lines_[target_];
         if (outbox_.isDue(line, carrier, now(), left)) {
             take(line);
@@ -206,6 +207,7 @@ bool Outbox::isDue(const Line& line, Carrier carrier, int64_t now, Left& left) c
     if (line.busy) {
         return false;
     }
+    // What is first in a line says whose it is, so that its order holds whoever sends from it.
     if (line.large != (carrier == Carrier::courier)) {
         left.large = left.large || line.large;
         return false;
@@ -219,6 +221,8 @@ bool Outbox::isDue(const Line& line, Carrier carrier, int64_t now, Left& left) c
 
 // Lines whose messages went by other ways: expired, taken back.
 void Outbox::forgetEmptyLines() {
+    // The lock of the lines first, then the queue's, which its load is asked with: never the other
+    // way round.
     const std::lock_guard<std::mutex> guard(mutex_);
     std::erase_if(lines_, [this](const auto& line) {
         return !line.second.busy && queue_.loadOf(line.first).messages == 0;
@@ -262,6 +266,7 @@ Outbox::Attempt Outbox::nextOf(Turn& turn, Carrier carrier) {
     const bool logged = kind_ == Kind::messages && isLogged();
     next.found = queue_.visitNextFor(turn.target(), next.position, [&](const Message& message) {
         next.large = message.getBody().length() > kLargeBytes;
+        // Neither copied nor written for nothing: the courier does both.
         if (next.large && carrier == Carrier::round) {
             return;
         }

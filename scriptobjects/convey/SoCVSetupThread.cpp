@@ -93,6 +93,7 @@ SoString setUp(const SoString& appSpecifier) {
     if (specifier.isEmpty() || !ConveyUtils::getLaunchParameters(appSpecifier, parameters)) {
         return SoString(ConveyThread::CV_INVALIDSPEC);
     }
+    // Before there is a context: its thread, and so its port, has the name that these give.
     applyOptions(parameters, specifier);
     if (!(specifier == ConveyUtils::getLaunchMsgQueueName(appSpecifier))) {
         ConveyUtils::keepStreamFor(nullptr); // no instance here will have the launch queue's name
@@ -115,6 +116,8 @@ SoString runAndNote(const SoString& appSpecifier) {
     SoString error = setUp(appSpecifier);
     const std::lock_guard<std::mutex> guard(s.mutex);
     s.finish = ConveyUtils::getUTCTimeMilliSeconds();
+    // Also after a failure: what it has left is cleared by the end of the layer, and only then can
+    // there be another start.
     s.done = true;
     s.runner = std::thread::id();
     return error;
@@ -133,6 +136,7 @@ bool ConveySetupThread::startSetupThread(const SoString& appSpecifier) {
         return false;
     }
     auto thread = std::make_unique<ConveySetupThread>(appSpecifier);
+    // One that the system did not make would leave everybody waiting who asks for the context.
     if (thread->error() != kNoError) {
         return false;
     }
@@ -205,6 +209,7 @@ bool ConveySetupThread::syncWithSetupThread() {
         ended = std::move(s.thread); // of several that wait, the first takes it away
     }
     if (ended != nullptr) {
+        // The setup is over, and yet its thread may be on its way out of the object that goes here.
         (void)ended->waitForRunExit();
         saveSetupTime();
     }
@@ -215,6 +220,7 @@ void ConveySetupThread::reset() {
     (void)syncWithSetupThread();
     Setup& s = setup();
     const std::lock_guard<std::mutex> guard(s.mutex);
+    // The wait above has seen to the rest.
     s.done = false;
     s.start = s.finish = s.sync = 0;
 }

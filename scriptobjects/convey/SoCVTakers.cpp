@@ -40,6 +40,7 @@ std::optional<AwaitedRequest> AwaitedRequest::of(const Message& message, uint32_
     if (message.isUserType()) {
         request.type = message.getType().view();
     }
+    // The queue of its target gives a message without a time-out this one.
     const uint32_t timeout = message.getTimeout() == 0 ? kUsualSeconds : message.getTimeout();
     request.until = static_cast<int32_t>(timeout) < 0
                         ? INT64_MAX
@@ -81,6 +82,7 @@ bool Takers::Sending::send(const InterAppStream& stream, const SoString& text,
     if (!stream.send(target_, text, timeoutMilliseconds, taker)) {
         return false;
     }
+    // Watched with no lock held: that goes to the background thread.
     if (taker != nullptr && takers_->taken(number_, place_, taker)) {
         watch_(*taker);
     }
@@ -100,6 +102,7 @@ void Takers::eraseLocked(Entries::iterator entry) {
 uint64_t Takers::begin(AwaitedRequest&& request) {
     const uint32_t number = request.number;
     const ObjectLock guard(*this);
+    // The instance has ended: nobody would take it out again.
     if (closed_) {
         return 0;
     }
@@ -162,6 +165,7 @@ void Takers::noteReceived(const Message& message) {
 }
 
 std::vector<std::shared_ptr<TargetWatch>> Takers::watchesLocked() const {
+    // Shares, so that they can be asked when the lock has been given up.
     std::vector<std::shared_ptr<TargetWatch>> watches;
     for (const auto& [address, taker] : takers_) {
         if (!taker.numbers.empty() && !taker.ended) {

@@ -152,6 +152,7 @@ int32_t ThreadForwardMsgHandler::handleMessage(int /*event*/, Convey::Message& m
     const InterAppStream* const stream = InterAppStream::get();
     if (stream != nullptr && stream->canOpen(observer_, false)) { // nobody is there any more
         (void)thread->setKeyValuePair(key_, SoString());
+        // Within its own call: its slot deletes it when that has returned.
         (void)main->deleteHandler(this);
     }
     return 1;

@@ -43,6 +43,7 @@ void shutDown() {
     ConveyConnector::InitTerm::exit();
     InterAppStream::InitTerm::exit();
     ConveyUtils::exit();
+    // Behind all that may let go of texts as it ends.
     platform::TextMemory::giveBack();
     ConveyData::PollSignal::raise(); // who sleeps in `run` has nothing to wait for any more
 }
@@ -62,6 +63,7 @@ SoString formatted(const SoString& rows) {
     SoString text("Convey Diagnostics\n----------------------\n");
     std::string_view rest = rows.view();
     while (!rest.empty()) {
+        // The last row may come without its line feed.
         const size_t end = std::min(rest.find('\n'), rest.size() - 1) + 1;
         const SoString row(rest.data(), static_cast<int32_t>(end));
         rest.remove_prefix(end);
@@ -112,6 +114,7 @@ Value askConnector(Value neutral, Query&& query) noexcept {
 } // namespace
 
 bool Convey::InitTerm::init(const SoString& appSpecifier, bool synchronous) {
+    // Without waiting for a setup: a layer that is being started counts as started.
     if (ConveyContext::currentContextNow() != nullptr ||
         ConveySetupThread::isSetupThreadRunning()) {
         return false;
@@ -275,6 +278,7 @@ bool Convey::pump(EnabledOperations operations, ConveyContext* context) {
         // Before one looks: what arrives from now on raises it again.
         (void)ConveyData::PollSignal::lower();
         bool processed = false;
+        // With a share of each, as handlers may delete instances, their own among them.
         for (int32_t i = 0; const auto instance = context->pinNth(i); ++i) {
             instance->notePump();
             if ((operations & kProcessIncoming) != 0) {
@@ -299,6 +303,7 @@ bool Convey::pump(EnabledOperations operations, ConveyContext* context) {
 }
 
 bool Convey::pumpOrWait(uint32_t milliseconds, ConveyContext* context) {
+    // The end of the layer keeps the context until this call has left it, wait and all.
     const ConveyContext::Visit visit;
     ConveyContext* const current =
         context != nullptr ? context : ConveyContext::getCurrentContext();
@@ -420,6 +425,7 @@ bool Convey::useConnector(const SoString& name) {
             return current->removeAll();
         }
         const SoString type = name.isEmpty() || name == "default" ? SoString("PCD") : name;
+        // Made anew it would read the whole registry again, to the same end.
         if (current != nullptr && current->getName() == type) {
             return true;
         }
@@ -443,6 +449,7 @@ SoString Convey::getConnectorConfig(const SoString& name, const SoString& specif
             (name.isEmpty() || name == "default" || name == current->getName())) {
             return current->getConnectorConfig(specifier);
         }
+        // For this question only: the process's own stays in use.
         const std::unique_ptr<ConveyConnector> other(
             ConveyUtils::createConnector(getSharedAppName(), name));
         return other == nullptr ? SoString() : other->getConnectorConfig(specifier);
