@@ -162,6 +162,8 @@ Convey* ConveyContext::findInstance(Convey* instance) {
 }
 
 Convey* ConveyContext::findInstance(const SoString& appName) {
+    // The name is compared within this lock, which comes before that of an instance: the other way
+    // round two threads could wait for each other.
     const ObjectLock guard(*this);
     for (int32_t i = 0; i < instances_.count(); ++i) {
         if (instances_[i]->getAppName() == appName) {

@@ -117,6 +117,8 @@ Reply replyOf(const Message& message, std::string_view requestType) {
         return reply;
     }
     const std::string_view type = message.getType().view();
+    // Only these two: the other kinds have a number of their own, by which the first look knows
+    // them whatever their type says.
     for (const auto& [kind, word] :
          {std::pair(Reply::kProcessed, std::string_view(CV_TYPE_PROCESSED)),
           std::pair(Reply::kTimeout, std::string_view(CV_TYPE_TIMEOUT))}) {
@@ -480,6 +482,8 @@ bool Conversations::enter(const Message& message, bool awaitedOnly, Turn& turn) 
     Conversation& conversation = *found->second;
     const std::string_view type = message.getType().view();
     if (turn.reply.kind == Reply::kNone) {
+        // Old peers answer with the word before the type of the request, and only who knows that
+        // can part them.
         turn.reply = replyOf(message, conversation.requestType_);
     }
     // A request of a peer may have a number of ours: it is none of this conversation's.
@@ -513,6 +517,7 @@ void Conversations::leave(Conversation& conversation) {
 
 std::shared_ptr<HandlerSlot> Conversations::handled(const Turn& turn, const Message& message,
                                                     const std::shared_ptr<HandlerSlot>& slot) {
+    // One for any number is there for the next message as well.
     if (slot->number() == CV_INVALID_MESSAGE_NUMBER ||
         slot->number() != message.getSerialNumber()) {
         return nullptr;

@@ -143,6 +143,7 @@ Conversations::Wait::Wait(Conversations& table, const Message& request)
       conversation_([&] {
           const ObjectLock guard(table);
           auto conversation = table.openLocked(request.getSerialNumber());
+          // In the same step, as a conversation that nobody needs goes with the lock.
           ++conversation->waiting_;
           return conversation;
       }()),

@@ -81,6 +81,8 @@ bool getLaunchParameters(const SoString& specifier, SoString& parameters) {
         return true;
     }
     const bool received = receiveFrom(*launchQueue, parameters, kLaunchQueueSeconds);
+    // What came behind the parameters is for the instance that will have this name: with the stream
+    // it would be lost.
     keepStreamFor(std::move(launchQueue));
     return received;
 }

@@ -76,6 +76,7 @@ public:
         processTarget_ = Convey::Specifier(specifier.c_str(), false).appName();
         processTarget_ << "#";
 
+        // All of it comment lines: who runs what it is sent as a script runs nothing.
         SoString script("// ");
         script << key_ << "\n// " << params << "\n";
         auto message = newMessage(specifier, ConveyData::CV_TYPE_PLAIN, script);
@@ -147,6 +148,7 @@ bool openAddress(const SoString& path, const PrivateData* asker) {
     if (asker != nullptr) {
         address += asker->appName().view();
     }
+    // As one argument: no shell reads what the address contains.
     return platform::Processes::system().startProgram("xdg-open", {address});
 }
 

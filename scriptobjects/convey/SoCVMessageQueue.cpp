@@ -52,6 +52,7 @@ public:
     }
 
     void report(const Message& message, const char* event, const SoString& root) {
+        // As a rule nobody watches, and then nothing is copied.
         if (listener_ != nullptr && !root.isEmpty() &&
             !(message.getType().view() == CV_TYPE_DEBUG) && listener_->watchesTraffic()) {
             // A copy: the message may be gone by the time that this is told.
@@ -334,6 +335,7 @@ bool MessageQueue::visitNextFor(std::string_view target, uint64_t& position,
 }
 
 std::vector<std::string> MessageQueue::targets() const {
+    // Names and no lines, which change as soon as the lock is given up.
     std::vector<std::string> names;
     const ObjectLock guard(*this);
     names.reserve(lines_.size());

@@ -119,6 +119,7 @@ MessageQueue::Line& MessageQueue::lineLocked(std::string_view target) {
     // It has a last message to look at: no line is empty, and this one is forgotten with its line.
     if (newestLine_ == nullptr ||
         newestLine_->entries.last->message->getTarget().view() != target) {
+        // Entries point to their lines: what is in the table stays in its place when that grows.
         const auto found = lines_.find(target);
         newestLine_ = found != lines_.end() ? &found->second : &lines_[std::string(target)];
     }

@@ -48,6 +48,7 @@ void Occupations::appendLocked(CVDiagnosticsRows& rows, Kind kind) const {
     for (const Entry* entry = newest_; entry != nullptr; entry = entry->next_) {
         count += entry->kind_ == kind ? 1 : 0;
     }
+    // Readers take a node for one that has rows below it.
     if (count == 0) {
         rows.leaf(root, label, count);
         return;

@@ -68,6 +68,8 @@ public:
     Turn(Outbox& outbox, std::string target, int64_t milliseconds)
         : outbox_(outbox), target_(std::move(target)) {
         std::unique_lock<std::mutex> lock(outbox_.mutex_);
+        // The line is looked up each time: while nobody has its turn it may be forgotten, and made
+        // anew.
         const bool free = outbox_.given_.wait_for(lock, std::chrono::milliseconds(milliseconds),
                                                   [this] { return !outbox_.lines_[target_].busy; });
         if (free) {
@@ -147,6 +149,7 @@ bool Outbox::mayKeep(const std::string& target) const {
 bool Outbox::isHeldUp(const SoString& asker) const {
     const MessageQueue::Load own = queue_.loadOf(asker.view());
     const MessageQueue::Load all = queue_.answers();
+    // Who has nothing kept takes its answers, however much others leave.
     return own.messages != 0 &&
            (kShare.reachedBy(own) || kAnswers.reachedBy({2 * all.messages, 2 * all.bytes}));
 }
@@ -181,6 +184,8 @@ Delivery Outbox::post(const InterAppStream* stream, std::unique_ptr<Message>& me
     }
     const std::string name(target.view());
     if (!mayKeep(name)) {
+        // Said here, since nobody else can: the asker takes nothing, and who answers has not
+        // waited.
         platform::Log::system().problem("answers to " + name +
                                         " are lost: it takes none, and no more are kept");
         return Delivery::refused;

@@ -106,6 +106,8 @@ private:
             if (left <= 0) {
                 return false;
             }
+            // Who reads wakes all others behind each text: one of them may have its answer, or has
+            // to read on.
             if (reading_) {
                 changed_.wait_for(lock, std::chrono::milliseconds(left));
                 continue;
@@ -152,6 +154,7 @@ private:
         for (const char* next = text.c_str(); *next != '\0';) {
             Message message;
             next = message.readFromString(next);
+            // Pings are all that this stream is for: whatever else comes is nobody's.
             if (message.getType() == ConveyThread::CV_PING) {
                 handOver(message);
             }
@@ -164,6 +167,7 @@ private:
         for (Question* question : questions_) {
             if (question->isAnsweredBy(message)) {
                 question->answer_ = message.getUserHeaderValue(ConveyThread::CV_ECHO_REQUEST);
+                // Answers of several lines do not fit into a header, which is one.
                 if (question->answer_ == ConveyThread::CV_SEE_BODY) {
                     question->answer_ = message.getBody();
                 }

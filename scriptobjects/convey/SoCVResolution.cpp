@@ -37,6 +37,7 @@ void CVFindings::note(const SoString& name, CVPresence presence) {
 }
 
 CVResolution::CVResolution(const char* text) : specifier_(nullptr, false) {
+    // A scope of its own, so that what completing finds is still known below.
     const CVFindings findings;
     specifier_ = Convey::Specifier(text, true);
     presence_ = CVFindings::of(specifier_);

@@ -53,6 +53,8 @@ void saveSetupTime() {
         }
         appendMilliseconds(text, "thread=", s.finish - s.start);
         text << ", ";
+        // `left` is how long it had been done when the host came for it, `lost` how long the host
+        // waited.
         if (s.sync == 0) {
             text << "(synchronous setup)";
         } else if (s.sync >= s.finish) {

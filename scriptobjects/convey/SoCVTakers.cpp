@@ -130,6 +130,7 @@ bool Takers::taken(uint32_t number, uint64_t place, const std::shared_ptr<Target
     const auto [taker, isNew] = takers_.try_emplace(by.get());
     taker->second.watch = by;
     taker->second.numbers.push_back(number);
+    // The table leaves it in its place, and a taker that has requests is not forgotten.
     entry->second.taker = &taker->second;
     entry->second.inTaker = std::prev(taker->second.numbers.end());
     return isNew;

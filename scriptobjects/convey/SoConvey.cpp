@@ -348,6 +348,7 @@ int32_t Convey::run() {
 }
 
 void Convey::quit() {
+    // Before the signal: woken in the other order `run` might find nothing and sleep on.
     gQuit.store(true);
     ConveyData::PollSignal::raise();
 }
