@@ -346,6 +346,8 @@ void ConveyContext::noteActivity() {
 }
 
 void ConveyContext::waitForActivity(uint64_t seen, int64_t milliseconds) {
+    // A plain mutex of its own: the object's lock is recursive, and a wait would give up one level
+    // of it only.
     std::unique_lock<std::mutex> lock(activityMutex_);
     activityChanged_.wait_for(lock, std::chrono::milliseconds(milliseconds),
                               [&] { return activity_ != seen; });

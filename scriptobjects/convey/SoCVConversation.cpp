@@ -286,6 +286,7 @@ void Conversations::close() {
 
 const std::shared_ptr<HandlerSlot>* Conversations::findSlotLocked(std::string_view type,
                                                                   uint32_t number) const {
+    // The place of a slot, good under the lock only: who merely looks pays for no share in it.
     const HandlerSlots* slots = &forAny_;
     if (number != CV_INVALID_MESSAGE_NUMBER) {
         const Conversation* const conversation = findLocked(number);
@@ -463,6 +464,7 @@ size_t Conversations::handlerCount() const {
 // Turns.
 
 bool Conversations::Turn::leave() {
+    // Out of the turn first: the destructor comes here again.
     const std::shared_ptr<Conversation> conversation = std::move(conversation_);
     if (conversation != nullptr) {
         table_->leave(*conversation);

@@ -157,6 +157,7 @@ void PrivateData::appendDiagnostics(SoString& out, const SoString& path) const {
     CVDiagnosticsRows rows(out, root);
     rows.node("", "Instance", name);
     rows.leaf("/stream", "Stream", stream != nullptr ? stream->getName() : SoString("none"));
+    // Once for both: their number and their rows are of the same moment.
     const auto watchers = conversations_.watchers();
     const struct {
         const char* leaf;
@@ -262,6 +263,7 @@ bool isInBlock(const void* place) {
         return false;
     }
     --block;
+    // Only this orders addresses of different blocks; the bare operator need not.
     return std::less<>()(
         place, static_cast<const void*>(static_cast<const char*>(block->first) + block->second));
 }
@@ -270,6 +272,8 @@ bool isInBlock(const void* place) {
 
 void* Convey::operator new(size_t bytes) {
     void* const block = SoHeap::operator new(bytes);
+    // A block that is not noted would pass for memory of somebody else's, which nobody deletes:
+    // without memory for the note there is no instance.
     try {
         const std::lock_guard<std::mutex> guard(blocks().mutex);
         blocks().bytes.emplace(block, bytes);

@@ -112,6 +112,7 @@ int64_t MessageQueue::bodyBytes() const {
 }
 
 bool MessageQueue::append(Message* message, bool isAnswer) {
+    // Without both nobody could be told what has become of it.
     if (message == nullptr || message->getSender().isEmpty() || message->getTarget().isEmpty()) {
         return false;
     }
@@ -398,6 +399,7 @@ void MessageQueue::setDiagnosticsRoot(const SoString& root) {
 }
 
 int32_t MessageQueue::appendDiagnostics(SoString& out, const SoString& path) const {
+    // Written with the lock held, since the messages are the queue's.
     const bool wantsLogs = path.view().substr(0, 4) == "/log";
     int32_t written = 0;
     const ObjectLock guard(*this);

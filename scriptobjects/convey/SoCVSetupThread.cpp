@@ -145,6 +145,7 @@ bool ConveySetupThread::startSetupThread(const SoString& appSpecifier) {
     // Before it is started: who asks at once has to wait for it.
     s.running = true;
     s.thread = std::move(thread);
+    // With the mutex held, which its end takes: that comes behind all of this.
     s.thread->start();
     return true;
 }

@@ -186,6 +186,7 @@ bool Takers::haveEnded() {
             return false;
         }
         watches = watchesLocked();
+        // Noted before and not told yet: what had arrived until then was not all.
         ended = std::any_of(takers_.begin(), takers_.end(), [](const auto& taker) {
             return taker.second.ended && !taker.second.numbers.empty();
         });

@@ -402,6 +402,7 @@ void ConveyThread::wakeCourier() {
 int64_t ConveyThread::carry() {
     Outbox::Left left = outbox_->pass(stream().get(), Outbox::Carrier::courier);
     ConveyContext* const context = context_.load();
+    // One courier for all instances: they wait for each other's large texts, and nobody for them.
     for (int32_t i = 0; context != nullptr && !stop_.load(); ++i) {
         const auto instance = context->pinNth(i);
         if (instance == nullptr) {

@@ -37,6 +37,7 @@ constinit std::atomic<bool> gQuit{false};        // for `run`
 
 // What `InitTerm::init` has started, in the reverse order.
 void shutDown() {
+    // First of all: a setup that is under way uses all of the rest.
     ConveySetupThread::reset();
     ScObjects::Thread::InitTerm::exit();
     ConveyData::MessageGlobals::exit();
@@ -127,6 +128,7 @@ bool Convey::InitTerm::init(const SoString& appSpecifier, bool synchronous) {
         ScObjects::Thread::InitTerm::init();
         const bool started = synchronous ? ConveySetupThread::runSetup(appSpecifier)
                                          : ConveySetupThread::startSetupThread(appSpecifier);
+        // The next attempt is to find nothing of this one.
         if (!started) {
             shutDown();
         }
