@@ -46,6 +46,8 @@ bool othersHaveLeft() {
 } // namespace
 
 ConveyContext::Visit::Visit() {
+    // Before the call looks for a context: the end of the layer waits for whoever may have found
+    // one.
     gVisits.fetch_add(1);
     ++gOwnVisits;
 }

@@ -28,6 +28,7 @@ void ConveyCourier::run() {
         // Cleared before the pass and not behind it: who wakes it meanwhile has work that this pass
         // may have gone past already.
         woken_ = false;
+        // A pass may wait for a target, and who wakes this thread waits for nobody.
         lock.unlock();
         const int64_t milliseconds = carry_();
         lock.lock();

@@ -231,6 +231,7 @@ bool PrivateData::deleteHandler(const MsgHandler* handler) {
 }
 
 bool PrivateData::deleteHandlers(uint32_t serialNumber) {
+    // They go with this call, with no lock held.
     const HandlerSlots removed = conversations_.takeAll(serialNumber);
     if (!removed.empty()) {
         noteActivity();

@@ -111,6 +111,8 @@ void PrivateData::receiveTexts(SoString&& text) {
         if (message->getDigestState() == CV_DIGEST_REJECTED) {
             rejected_.fetch_add(1, std::memory_order_relaxed);
         }
+        // A watcher is a message to oneself: one from outside would have a time-out told that
+        // nobody has asked for.
         if (message->getType() == CV_TYPE_WATCHER || !isForThisLife(*message)) {
             continue;
         }

@@ -66,8 +66,8 @@ bool PrivateData::send(Message& message, bool mayLaunch, uint32_t waitSeconds,
     if (isUnwantedNotice(message)) {
         return false;
     }
-    // The complete name, which a port has: the lines of the outbox and the takers of requests go by
-    // it.
+    // The complete name, which an instance and its port have: they are found, and what waits for
+    // them is kept, by just that.
     message.setTarget(target);
     // Before it is written: what it asks for, and for which life, goes with the text.
     requestProcessed(message);

@@ -97,6 +97,7 @@ public:
         process_->setTarget(processTarget_);
         const uint32_t serial = process_->getSerialNumber();
         (void)sender_.queueOutgoing(std::move(process_));
+        // Without a port: that of the script's watch stands for the whole launch.
         watch(serial, nullptr);
     }
 

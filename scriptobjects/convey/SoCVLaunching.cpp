@@ -99,6 +99,8 @@ int32_t launch(const CVResolution& resolution, const char* parameters, int32_t f
                                    text.view().find(kNoParameters) != std::string_view::npos;
     // Before it is started: it may look for them in its queue at once.
     queueLaunchParameters(context, *main, target, text);
+    // By the connector, which remembers the process: it counts as running from now on, before it
+    // has a port.
     const int32_t result = connector->launchTarget(target, withoutParameters ? SoString() : text,
                                                    focus == 0, &context);
     if (result != 1) { // one that is started by hand must not find them

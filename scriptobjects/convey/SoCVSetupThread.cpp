@@ -73,6 +73,7 @@ void applyOptions(const SoString& parameters, Convey::Specifier& specifier) {
     SoVector<SoString> words;
     const int32_t count = ConveyUtils::parseOptions(parameters, words);
     bool applied = false;
+    // The last word has no value behind it, whatever it says.
     for (int32_t i = 0; i + 1 < count && !applied; ++i) {
         if (*words[i] == "-specifier") {
             specifier = Convey::Specifier(words[i + 1]->c_str(), false);
@@ -158,6 +159,7 @@ bool ConveySetupThread::runSetup(const SoString& appSpecifier) {
             return false;
         }
     }
+    // What it says is in the result: without a context it has failed.
     (void)runAndNote(appSpecifier);
     saveSetupTime();
     return ConveyContext::currentContextNow() != nullptr;
@@ -205,6 +207,7 @@ bool ConveySetupThread::syncWithSetupThread() {
         if (s.thread == nullptr || s.runner == std::this_thread::get_id()) {
             return true; // nothing to wait for, or the setup itself, which would wait for itself
         }
+        // Of several that wait the first counts: it was the host's first need of the setup.
         if (s.sync == 0) {
             s.sync = ConveyUtils::getUTCTimeMilliSeconds();
         }

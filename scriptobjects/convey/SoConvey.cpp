@@ -200,6 +200,7 @@ SoString Convey::Thread::ping(const char* target, const char* key, int32_t timeo
             return SoString();
         }
         const SoString name(target);
+        // The word for all applications names none, and is not completed.
         return name == kPingAll ? thread->ping(name, SoString(key), timeoutSeconds, parameters)
                                 : ConveyUtils::pingResolved(CVResolution(target), SoString(key),
                                                             timeoutSeconds, parameters);
@@ -276,6 +277,7 @@ bool Convey::pump(EnabledOperations operations, ConveyContext* context) {
                 (void)connector->updateCache(false);
             }
         }
+        // For who asks from outside: a host that stays in a handler shows as pumping for as long.
         setStatus(ConveyThread::CV_PUMPING);
         // Before one looks: what arrives from now on raises it again.
         (void)ConveyData::PollSignal::lower();
@@ -331,6 +333,8 @@ int32_t Convey::getPollDescriptor() {
 int32_t Convey::run() {
     return guarded(-1, [] {
         platform::PollSignal* const signal = ConveyData::PollSignal::get();
+        // For as long as this runs only: then requests to end mean again what the host has made of
+        // them.
         const auto requests = platform::MainLoops::system().takeEndRequests();
         int32_t request = signal == nullptr || requests == nullptr ? -1 : 0;
         while (request == 0) {
