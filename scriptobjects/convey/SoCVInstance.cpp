@@ -357,6 +357,7 @@ bool Convey::isReachable() const {
 }
 
 void Convey::close() {
+    // There is nothing behind the face when memory ran out as it was made.
     if (data_ == nullptr) {
         return;
     }

@@ -155,6 +155,7 @@ bool openAddress(const SoString& path, const PrivateData* asker) {
 
 // A bundle runs once for the user, except that nobody launches itself by being there.
 uint32_t runningBundle(const SoString& specifier, const std::string& path) {
+    // An instance is wanted beside what runs: that takes a process of its own.
     if (!path.ends_with(kBundleExtension) ||
         !Convey::Specifier(specifier.c_str(), false).instance().isEmpty()) {
         return 0;
@@ -200,6 +201,7 @@ bool Launcher::launch(const SoString& specifier, const SoString& path, const SoS
         ConveyContext* const context = ConveyContext::getCurrentContext();
         const auto main = context == nullptr ? nullptr : context->pinMain();
         if (path.view().substr(0, kWebAddress.size()) == kWebAddress) {
+            // A browser takes it: there is no process that parameters could be for.
             return openAddress(path, main.get());
         }
         // Before the start: the target looks for its parameters first of all.
@@ -250,6 +252,7 @@ LaunchTimeoutMsgHandler::LaunchTimeoutMsgHandler(const SoString& key, uint32_t s
     : key_(key), serial_(serial), port_(pendingPort(queueName)) {}
 
 LaunchTimeoutMsgHandler::~LaunchTimeoutMsgHandler() {
+    // The key says that a launch is pending, as the port does, and goes with it.
     removePingKey();
 }
 
