@@ -17,6 +17,7 @@ constexpr size_t kMaximumPropertyListBytes = limits::of("bundle.property-list");
 constexpr std::string_view kFolders = "/Contents/MacOS/";
 
 // The functions of the property list library that are needed.
+// Taken at run time, so that the layer does not depend on a library that only bundles need.
 struct PropertyLists {
     decltype(&plist_from_xml) fromXml = nullptr;
     decltype(&plist_from_bin) fromBinary = nullptr;
@@ -43,6 +44,8 @@ struct PropertyLists {
 
 std::string readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
+    // One byte more than is allowed tells a file that is too long from one that just fits, without
+    // trusting a size that may change between the question and the reading.
     std::string text(kMaximumPropertyListBytes + 1, '\0');
     in.read(text.data(), static_cast<std::streamsize>(text.size()));
     text.resize(static_cast<size_t>(in.gcount()));
@@ -54,12 +57,15 @@ std::string textInPropertyList(const std::string& content, const char* key) {
     const PropertyLists& lists = PropertyLists::instance();
     const auto length = static_cast<uint32_t>(content.size());
     plist_t root = nullptr;
+    // Both forms are about in the same place; the extension does not tell them apart, the content
+    // does.
     if (lists.isBinary(content.data(), length) != 0) {
         (void)lists.fromBinary(content.data(), length, &root); // root says how it went
     } else {
         (void)lists.fromXml(content.data(), length, &root);
     }
     std::string value;
+    // Whoever made the file decides what is in it: a value of another type than a text is none.
     if (root != nullptr && lists.typeOf(root) == PLIST_DICT) {
         void* const item = lists.item(root, key);
         if (item != nullptr && lists.typeOf(item) == PLIST_STRING) {
@@ -80,6 +86,8 @@ std::string programOfBundle(const std::string& bundle, std::string& remark) {
     const size_t start = bundle.rfind('/') + 1;
     std::string name =
         bundle.substr(start, bundle.size() - start - std::string_view(kBundleExtension).size());
+    // A bundle without the file, or with one that does not say, runs the program of the bundle's
+    // own name.
     const std::string content = readFile(bundle + "/Contents/Info.plist");
     if (!content.empty() && !PropertyLists::instance().usable) {
         remark = "its Info.plist is not read: libplist is not installed";
@@ -87,6 +95,7 @@ std::string programOfBundle(const std::string& bundle, std::string& remark) {
         const std::string given = textInPropertyList(content, "CFBundleExecutable");
         name = given.empty() ? name : given;
     }
+    // The name comes from a file and becomes part of a path: it must not lead out of the bundle.
     if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos) {
         remark = "its program \"" + name + "\" is no file name";
         return {};

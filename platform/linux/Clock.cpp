@@ -29,6 +29,7 @@ public:
 } // namespace
 
 Clock& Clock::own() {
+    // Never destroyed, as all services: threads may still ask while the process ends.
     static auto* const clock = new LinuxClock;
     return *clock;
 }

@@ -25,6 +25,8 @@ constexpr milliseconds kLook{200}; // when nothing changes
 
 // Windows of the process itself, or of a program that a script which was started has started.
 bool belongsTo(uint32_t windowProcess, uint32_t process) {
+    // A launched program is a session of its own, whose number is that of its first process, and
+    // what it starts stays in that session unless it takes the trouble to leave it.
     return windowProcess == process ||
            getsid(static_cast<pid_t>(windowProcess)) == static_cast<pid_t>(process);
 }
@@ -48,6 +50,7 @@ uint32_t askWithinLimit(const std::function<uint32_t(const WindowManager&)>& que
         bool done = false;
         uint32_t value = 0;
     };
+    // Shared: the thread may answer when this call has long returned.
     const auto answer = std::make_shared<Answer>();
     const bool asked = runDetached([answer, question] {
         const auto manager = WindowManager::connect();
@@ -101,6 +104,7 @@ bool isOneOf(uint32_t window, const std::vector<uint32_t>& windows) {
 void holdBehind(const WindowManager& manager, uint32_t process, uint32_t front) {
     auto end = steady_clock::now() + kUntilWindow;
     bool seen = false;
+    // Ends with the display, too, and with a later wish to see the process in front.
     while (steady_clock::now() < end && manager.waitForChange(kLook.count()) &&
            Held::instance().contains(process)) {
         const auto windows =
@@ -135,6 +139,8 @@ public:
                    if (windows.empty()) {
                        return 0;
                    }
+                   // The list goes from the lowest to the topmost: the last is the one that was
+                   // seen last.
                    manager.activate(windows.back());
                    (void)manager.activeWindow(); // the wish has been read when this is answered
                    return 1;
@@ -146,6 +152,7 @@ public:
     }
 
     void keepBehind(uint32_t process, uint32_t frontWindow) override {
+        // Before the thread runs, which ends as soon as the process is not among these.
         Held::instance().add(process);
         // Without a thread the window comes to the front: no reason to fail a launch.
         (void)runDetached([process, frontWindow] {

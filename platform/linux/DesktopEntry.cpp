@@ -14,6 +14,7 @@ namespace {
 // loaded at run time, and its interface is stable, so that its headers, which differ from one
 // architecture to the next, need not be there.
 struct Gio {
+    // As GLib lays it out (GError).
     struct Error {
         uint32_t domain;
         int code;
@@ -45,6 +46,8 @@ struct Gio {
         const RunTimeLibrary gio({"libgio-2.0.so.0"});
         const RunTimeLibrary gobject({"libgobject-2.0.so.0"});
         const RunTimeLibrary glib({"libglib-2.0.so.0"});
+        // The last of these is the youngest: a GIO without it lets nobody say what the child's
+        // standard descriptors are.
         usable = gio.get("g_desktop_app_info_new_from_filename", newFromFilename) &&
                  gio.get("g_app_launch_context_new", newContext) &&
                  gio.get("g_app_launch_context_setenv", setVariable) &&
@@ -68,11 +71,13 @@ uint32_t startDesktopEntry(const std::string& path, const SessionEnvironment& en
         return 0;
     }
     void* const info = gio.newFromFilename(path.c_str());
+    // The library says no more: it also refuses an entry whose TryExec or program is not there.
     if (info == nullptr) {
         reason = "it is no desktop entry of an installed program";
         return 0;
     }
     void* const context = gio.newContext();
+    // The library starts from this process's environment, so it is told the differences only.
     for (const std::string& name : environment.removed) {
         gio.unsetVariable(context, name.c_str());
     }

@@ -14,6 +14,7 @@ namespace platform {
 namespace {
 
 void report(const char* operation, const std::string& path) {
+    // Building the line takes memory and may change it.
     const int error = errno;
     const std::string line =
         std::string("cannot ") + operation + " " + path + ": " + strerrordesc_np(error);
@@ -54,6 +55,7 @@ public:
             return true;
         }
         struct stat status {};
+        // Another process may have been faster, and a link to a folder serves as well as one.
         return errno == EEXIST && stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
     }
 
@@ -100,6 +102,7 @@ public:
                                         ": not a small file of this user's own");
             return Reading::refused;
         }
+        // By reading, not by the size that was told: the file may have grown or shrunk since.
         std::string content(maximumBytes, '\0');
         size_t length = 0;
         while (length < maximumBytes) {
@@ -120,15 +123,20 @@ public:
     }
 
     bool publish(const std::string& path, std::string_view content) override {
+        // In the same folder, since neither a link nor a renaming leaves its file system.
         std::string aside = path + ".XXXXXX";
         const Descriptor file(mkostemp(aside.data(), O_CLOEXEC)); // made with mode 0600
         if (!file) {
             report("write", path);
             return false;
         }
+        // On the disk before it has its name: after a loss of power there is the whole file or
+        // none. A full disk often shows in the writing back only.
         bool published = writeAll(file.get(), content) && fsync(file.get()) == 0;
         if (!published) {
             report("write", path);
+            // Not renamed over what is there: of several processes the first one's content counts
+            // for all.
         } else if (link(aside.c_str(), path.c_str()) != 0) {
             // File systems without hard links can still rename without replacing.
             published = errno != EEXIST && renameat2(AT_FDCWD, aside.c_str(), AT_FDCWD,
@@ -145,6 +153,8 @@ public:
               std::string& identity) const override {
         const std::unique_ptr<DIR, CloseFolder> folder(opendir(path.c_str()));
         struct stat status {};
+        // Of the open folder, so that number and entries are of the same one even when its path has
+        // another by now.
         if (folder == nullptr || fstat(dirfd(folder.get()), &status) != 0) {
             return false;
         }
@@ -153,6 +163,8 @@ public:
             if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) {
                 continue;
             }
+            // File systems need not tell the type with the name; where they do, no question is
+            // asked for it.
             bool isFolder = entry->d_type == DT_DIR;
             if (entry->d_type == DT_LNK || entry->d_type == DT_UNKNOWN) {
                 struct stat target {};

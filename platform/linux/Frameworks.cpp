@@ -12,6 +12,8 @@ namespace platform {
 namespace {
 
 constexpr std::string_view kFrameworkExtension = ".framework";
+// A bundle's program lies this deep in it, and the bundle, not the folder, is what others lie
+// beside.
 constexpr std::string_view kProgramFolderInApp = ".app/Contents/MacOS";
 
 std::string folderOf(const std::string& path) {
@@ -36,6 +38,8 @@ class LinuxFrameworks final : public Frameworks {
 public:
     std::string mainBundleFolder() const override {
         char path[PATH_MAX];
+        // Of the file that runs, not of the first argument, which whoever starts a program chooses.
+        // A path that fills all of the room may have been cut, and a cut path names another file.
         const ssize_t length = readlink("/proc/self/exe", path, sizeof path);
         if (length <= 0 || static_cast<size_t>(length) >= sizeof path) {
             return {};
@@ -50,6 +54,7 @@ public:
 
     std::vector<std::string> installedFolders() const override {
         std::vector<std::string> folders;
+        // Anything that is linked into this library tells where it was loaded from.
         static constexpr char kOfThisLibrary = 0;
         Dl_info info{};
         char path[PATH_MAX];
@@ -63,6 +68,8 @@ public:
     }
 
     void* load(const std::string& bundlePath) override {
+        // A relative name would be looked for along the loader's search path, where anybody's may
+        // lie.
         if (bundlePath.empty() || bundlePath.front() != '/') {
             return nullptr;
         }
@@ -73,6 +80,7 @@ public:
 
     bool mayBeThere(const std::string& bundlePath) const override {
         const std::string library = libraryOf(bundlePath);
+        // What cannot be looked at is no absence: it is loaded then, which tells the reason.
         return !library.empty() && (access(library.c_str(), F_OK) == 0 ||
                                     (errno != ENOENT && errno != ENOTDIR && errno != EACCES));
     }
@@ -107,6 +115,7 @@ std::vector<std::string> frameworkCandidates(const Frameworks& frameworks,
             paths.push_back(std::move(path));
         }
     };
+    // What comes with the program goes before what the machine has.
     if (const std::string bundle = frameworks.mainBundleFolder(); !bundle.empty()) {
         add(bundle + "/Contents/Frameworks");
         add(bundle + "/Frameworks");

@@ -49,6 +49,7 @@ public:
                 continue;
             }
             std::string_view text(value);
+            // The encoding and the variant behind these say nothing about the language.
             text = text.substr(0, text.find_first_of(".@"));
             if (!isIdentifier(text)) {
                 return false; // "C" and "POSIX" among others

@@ -32,6 +32,8 @@ constexpr size_t kMaximumLineBytes = limits::of("log.length");
 // How many bytes from here on are one character of UTF-8; 0 for none.
 size_t characterBytes(std::string_view text) {
     const auto first = static_cast<unsigned char>(text.front());
+    // C0 and C1 could only begin a form that is longer than needed, and what is above F4 lies
+    // beyond the last character.
     const size_t bytes = first < 0x80   ? 1
                          : first < 0xC2 ? 0
                          : first < 0xE0 ? 2
@@ -49,6 +51,7 @@ size_t characterBytes(std::string_view text) {
 // Names and reasons come from others too, and must not steer the terminal or begin a line.
 std::string printable(std::string_view text) {
     constexpr const char* digits = "0123456789abcdef";
+    // Escaped, not left out: who reads it sees that there was something.
     std::string result;
     while (!text.empty() && result.size() < kMaximumLineBytes) {
         const auto first = static_cast<unsigned char>(text.front());
@@ -74,12 +77,14 @@ public:
     WithoutPipeSignal() {
         sigemptyset(&pipe_);
         sigaddset(&pipe_, SIGPIPE);
+        // One that was pending before is not ours to take away: somebody waits for it.
         sigset_t pending;
         sigpending(&pending);
         wasPending_ = sigismember(&pending, SIGPIPE) == 1;
         pthread_sigmask(SIG_BLOCK, &pipe_, &before_);
     }
     ~WithoutPipeSignal() {
+        // Taken while it is still blocked: unblocked first, it would end the process.
         const timespec now{};
         if (!wasPending_) {
             (void)uninterrupted([&] { return sigtimedwait(&pipe_, nullptr, &now); });
@@ -102,10 +107,12 @@ bool writeAtOnce(const std::string& text) {
     if (fstat(STDERR_FILENO, &status) != 0) {
         return false; // closed
     }
+    // A socket cannot be opened again by its path below /proc, but each call may ask not to wait.
     if (S_ISSOCK(status.st_mode)) {
         return send(STDERR_FILENO, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0;
     }
     const WithoutPipeSignal blocked;
+    // Only these make a writer wait for a reader. A file is written at once.
     if (S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode)) {
         // The same pipe or terminal, without waiting. Where that cannot be had (no descriptor left,
         // another user's) a look has to do.
@@ -126,6 +133,7 @@ class LinuxLog final : public Log {
 public:
     void problem(const std::string& line) override {
         try {
+            // Outside of the lock: what others wait for is short.
             const std::string text = printable(line);
             const std::lock_guard<std::mutex> guard(mutex_);
             const int64_t now = Clock::own().monotonicMilliseconds();
@@ -136,6 +144,8 @@ public:
             if (leftOut_ != 0) {
                 whole += " (" + std::to_string(leftOut_) + " lines before this were left out)";
             }
+            // What could not be written is counted, and not remembered as said, so that it is tried
+            // again when it happens again.
             if (!mayWrite(now) || !writeAtOnce(whole + "\n")) {
                 ++leftOut_;
                 return;
@@ -167,6 +177,7 @@ private:
             if (folder.open(PortFolder::Use::create) != PortFolder::State::usable) {
                 return true;
             }
+            // Port files end otherwise, so that no mark passes for one.
             const std::string name = portFileName("said " + line) + ".said";
             const Descriptor mark(openat(folder.fd(), name.c_str(),
                                          O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
@@ -189,6 +200,8 @@ private:
     // So many at once, and then one after each pause.
     bool mayWrite(int64_t now) {
         const int64_t earned = (now - lastEarned_) / kPauseMilliseconds;
+        // Moved only when something was earned: a host that reports more often than that would
+        // otherwise never earn another line.
         if (earned > 0) {
             left_ = std::min(kLinesAtOnce, left_ + earned);
             lastEarned_ = now;

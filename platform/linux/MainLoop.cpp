@@ -69,6 +69,8 @@ public:
 
     int wait(const PollSignal& signal) override {
         for (;;) {
+            // The request to end is looked at first: work that never ceases must not keep a person
+            // from ending the program.
             pollfd watched[] = {{requests_.get(), POLLIN, 0}, {signal.descriptor(), POLLIN, 0}};
             if (uninterrupted([&] { return poll(watched, std::size(watched), -1); }) < 0) {
                 return SIGTERM; // no memory to wait with: better the end than a busy wait
@@ -92,6 +94,7 @@ private:
 class LinuxMainLoops final : public MainLoops {
 public:
     std::unique_ptr<PollSignal> newSignal() override {
+        // Not blocking: a loop that reads it itself, or two of them, must not get stuck here.
         PortDescriptor event(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
         if (!event) {
             reportFailure("eventfd");
@@ -105,6 +108,7 @@ public:
         sigemptyset(&requests);
         sigaddset(&requests, SIGINT);
         sigaddset(&requests, SIGTERM);
+        // Made before the signals are blocked: without it they must go on ending the process.
         Descriptor descriptor(signalfd(-1, &requests, SFD_CLOEXEC | SFD_NONBLOCK));
         if (!descriptor) {
             reportFailure("signalfd");

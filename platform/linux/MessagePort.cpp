@@ -22,9 +22,11 @@ public:
     PortState look(const std::string& name, int& error) override {
         PortFolder folder;
         PortState state = PortState::unknown;
+        // For a name that no port can have; what is asked of the system sets its own.
         errno = EINVAL;
         if (!name.empty() && name.find('\0') == std::string::npos) {
             switch (folder.open(PortFolder::Use::ifThere)) {
+            // Whoever opens a port makes the folder: where there is none, nobody owns anything.
             case PortFolder::State::missing:
                 state = PortState::free;
                 break;
@@ -35,6 +37,8 @@ public:
                 break;
             }
         }
+        // A folder that was refused says nothing about the name: whoever took it for a free one
+        // would launch a second copy of what runs.
         error = state == PortState::unknown ? errno : 0;
         return state;
     }
@@ -55,6 +59,7 @@ public:
 
 private:
     struct Sender {
+        // Which process it is of. Not its number: that a grandchild may have again.
         uint32_t generation = PortDescriptor::generation();
         PortSender sender;
     };

@@ -9,6 +9,7 @@
 namespace platform {
 namespace {
 
+// Compared instead of a process's number, which costs a system call at each use.
 constinit std::atomic<uint32_t> gGeneration{1};
 
 } // namespace
@@ -45,6 +46,8 @@ struct OpenDescriptors {
 
 namespace {
 
+// Ready before any constructor runs and never destroyed: ports may be opened in one of a library
+// and closed at the very end.
 constinit OpenDescriptors gOpen;
 
 void beforeFork() {
@@ -57,6 +60,7 @@ void afterForkInParent() {
 
 void afterForkInChild() {
     gOpen.closeAllLocked();
+    // Alone here: the child has this one thread.
     gGeneration.fetch_add(1, std::memory_order_relaxed);
     gOpen.mutex.unlock();
 }
@@ -89,6 +93,7 @@ PortDescriptor& PortDescriptor::operator=(PortDescriptor&& other) noexcept {
     reset();
     OpenDescriptors& open = OpenDescriptors::instance();
     const std::lock_guard<std::mutex> guard(open.mutex);
+    // One of the parent's is in no list, and its number may be a file of this process by now.
     const bool isOpen = other.get() >= 0;
     fd_ = std::exchange(other.fd_, -1);
     generation_ = other.generation_;

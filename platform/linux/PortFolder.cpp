@@ -21,6 +21,7 @@ namespace {
 constexpr size_t kMaximumFileNameBytes = limits::of("port.file-name");
 constexpr size_t kDigestBytes = 16; // enough that two names never meet by chance
 
+// Fixed by the protocol, so that a peer in another language makes the same names of files.
 bool isPlain(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
            c == '-' || c == '.' || c == '#' || c == '+' || c == '=' || c == ',';
@@ -57,6 +58,8 @@ std::string_view runtimeVariable() {
 bool choosePath(std::string& path) {
     const std::string user = std::to_string(geteuid());
     // A process that was started without the variable must still meet the others.
+    // The same places in the same order as every peer looks: with another choice nobody would be
+    // found.
     for (const std::string& runtime : {std::string(runtimeVariable()), "/run/user/" + user}) {
         if (runtime.empty() || runtime.front() != '/') {
             continue;
@@ -104,6 +107,8 @@ PortFolder::State PortFolder::open(Use use) {
     KnownFolder& known = knownFolder();
     const std::unique_lock<std::mutex> lock(known.mutex, std::try_to_lock);
     struct stat status {};
+    // The path is looked at each time: a folder that was removed and made again is another one,
+    // where the others are now. The descriptor of a parent is none here.
     if (lock.owns_lock() && known.folder != nullptr && *known.folder &&
         known.variable == runtimeVariable() && lstat(known.path.c_str(), &status) == 0 &&
         status.st_dev == known.device && status.st_ino == known.file &&
@@ -135,6 +140,8 @@ PortFolder::State PortFolder::openAnew(Use use) {
         const int error = errno;
         return refuse(systemReason(), error);
     };
+    // Enough to name what is in it and to ask for its owner; nothing more is needed of a folder,
+    // and a link in its place is refused by the system itself.
     const auto openPath = [this] {
         return PortDescriptor(::open(path_.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     };
@@ -144,6 +151,8 @@ PortFolder::State PortFolder::openAnew(Use use) {
     }
     PortDescriptor folder = openPath();
     if (!folder && errno == ENOENT && use == Use::create) {
+        // Another process may have made it between the two; whose it is and how open, is asked
+        // below in any case.
         if (mkdir(path_.c_str(), 0700) != 0 && errno != EEXIST) {
             return refuseForSystem();
         }
@@ -156,6 +165,7 @@ PortFolder::State PortFolder::openAnew(Use use) {
     if (fstat(folder.get(), &status) != 0) {
         return refuseForSystem();
     }
+    // Asked of the open folder: what stands at the path may change behind a look.
     if (const char* const fault = faultOf(status)) {
         return refuse(fault, EPERM);
     }
@@ -180,6 +190,7 @@ PortFolder::Address PortFolder::addressOf(const std::string& file) const {
     if (full.size() >= sizeof result.address.sun_path) {
         full = "/proc/self/fd/" + std::to_string(fd()) + "/" + file;
     }
+    // Never cut in fact: the bound of a file's name is made for this room.
     const size_t bytes = std::min(full.size(), sizeof result.address.sun_path - 1);
     std::memcpy(result.address.sun_path, full.data(), bytes);
     result.length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + bytes + 1);
@@ -196,6 +207,7 @@ std::string portFileName(const std::string& portName) {
             appendHexadecimal(file, static_cast<unsigned char>(c));
         }
     }
+    // Behind the escaping: the bound is one of the bytes that the system sees.
     if (file.size() <= kMaximumFileNameBytes) {
         return file;
     }
@@ -219,6 +231,7 @@ bool isOwnPeer(int socket, int32_t& process) {
         return false;
     }
     process = credentials.pid;
+    // Root may read and stop this process in any case, so refusing it would defend nothing.
     return credentials.uid == geteuid() || credentials.uid == 0;
 }
 

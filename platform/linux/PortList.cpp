@@ -67,6 +67,8 @@ void addSocket(const nlmsghdr* header, Fills& fills) {
         }
     }
     if (!path.empty()) {
+        // Connections have the path of the socket that accepted them; what waits at that one itself
+        // is connections, not bytes.
         Fill& fill = fills[{path.substr(path.rfind('/') + 1), file.udiag_vfs_ino}];
         if (message->udiag_state == TCP_ESTABLISHED) {
             ++fill.connections;
@@ -91,6 +93,8 @@ bool readFills(Fills& fills) {
     if (!socket || send(socket.get(), &request, sizeof request, 0) < 0) {
         return false;
     }
+    // As many blocks as it takes: a dump of a busy machine does not fit in one, and only its end
+    // says that it is whole.
     alignas(nlmsghdr) char answer[kAnswerBytes];
     for (;;) {
         const ssize_t length =
@@ -121,6 +125,7 @@ int valueOf(char digit) {
 // The port's name that a file name stands for.
 std::string portNameOf(const std::string& file) {
     std::string name;
+    // A digest at the end of a long name stays as it is: what it stands for cannot be computed.
     for (size_t i = 0; i < file.size(); ++i) {
         const int high = file[i] == '%' && i + 2 < file.size() ? valueOf(file[i + 1]) : -1;
         const int low = high >= 0 ? valueOf(file[i + 2]) : -1;
@@ -141,6 +146,7 @@ std::set<std::string> fileNames(const PortFolder& folder) {
     // NOLINTNEXTLINE(concurrency-mt-unsafe): the folder is this call's own
     while (const dirent* entry = entries == nullptr ? nullptr : readdir(entries.get())) {
         const std::string_view name(entry->d_name);
+        // Either of the two: what a killed owner or a cleaner of old files left may be one alone.
         for (const std::string_view ending : {kSocketEnding, kLockEnding}) {
             if (name.size() > ending.size() && name.ends_with(ending)) {
                 names.emplace(name.substr(0, name.size() - ending.size()));
@@ -177,11 +183,14 @@ bool removeIfStale(const PortFolder& folder, const std::string& file) {
                (isOwnerGone(lock.get()) && fcntl(lock.get(), F_OFD_SETLK, &second) == 0 &&
                 isOwnerGone(lock.get()));
     };
+    // Compared after the lock was taken: a removed file can still be locked, and a new owner's
+    // would then be removed by its name.
     if (!lock || !isTaken() || fstat(lock.get(), &opened) != 0 ||
         fstatat(folder.fd(), lockFile.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0 ||
         opened.st_ino != named.st_ino || opened.st_dev != named.st_dev) {
         return false; // somebody owns it, or has removed it meanwhile
     }
+    // The socket first, while the lock keeps others from binding their own there.
     (void)unlinkat(folder.fd(), (file + kSocketEnding).c_str(), 0); // it may have none
     return unlinkat(folder.fd(), lockFile.c_str(), 0) == 0;
 }
@@ -194,6 +203,8 @@ std::vector<PortDescription> listPorts() {
     if (folder.open(PortFolder::Use::ifThere) != PortFolder::State::usable) {
         return ports;
     }
+    // The lock does not tell its owner: one that belongs to the open file has no process. Whoever
+    // has the file open is taken for it.
     const std::map<std::string, uint32_t> owners = openFilesBelow(realPath(folder));
     Fills fills;
     const bool known = readFills(fills);

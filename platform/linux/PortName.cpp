@@ -19,6 +19,7 @@ namespace {
 
 constexpr int kLockAttempts = limits::of("port.claims");
 constexpr mode_t kLockMode = S_ISVTX | S_IRUSR | S_IWUSR; // no cleaner of old files takes it away
+// Two numbers of 64 bits and their marks fit.
 constexpr size_t kRecordBytes = 64;
 
 // The first byte is the owner's; what is behind it, that of whoever changes or judges what stands
@@ -45,6 +46,7 @@ Found whatIsAt(const struct stat& opened, const PortFolder& folder, const std::s
     if (fstatat(folder.fd(), file.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0) {
         return errno == ENOENT ? Found::other : Found::unknown;
     }
+    // Numbers of files are good for one file system only.
     return named.st_ino == opened.st_ino && named.st_dev == opened.st_dev ? Found::same
                                                                           : Found::other;
 }
@@ -70,6 +72,7 @@ bool isOwnerGone(int lockFile) {
     pid_t process = 0;
     if (end == std::string_view::npos || blank > end ||
         std::from_chars(record, record + blank, process).ec != std::errc() || process <= 0 ||
+        // One that may not be signalled is there all the same.
         kill(process, 0) == 0 || errno != ESRCH) {
         return false; // it lives, or nobody has said who it is
     }

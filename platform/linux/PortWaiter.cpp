@@ -19,6 +19,7 @@
 namespace platform {
 namespace {
 
+// What an event is of. Of a port it is not told which: all of them are looked at by who waits.
 constexpr uint64_t kPort = 0;
 constexpr uint64_t kWake = 1;
 constexpr uint64_t kFiles = 2;
@@ -47,6 +48,7 @@ std::unique_ptr<PortWaiter> PortWaiter::make() {
         return nullptr;
     }
     std::unique_ptr<PortWaiter> waiter(new PortWaiter(std::move(events), std::move(wakes)));
+    // Without it nobody could end a wait, so there is none.
     return waiter->watch(waiter->wakes_.get(), kWake) ? std::move(waiter) : nullptr;
 }
 
@@ -79,6 +81,7 @@ void PortWaiter::add(const LocalPort& port) {
     const std::string folder = receiver.name().folder().path() + "/";
     unwatched_.push_back(folder + receiver.name().lockFile());
     unwatched_.push_back(folder + receiver.name().socketFile());
+    // The first port decides: later ones are watched with it, at most that much too early.
     if (watchAt_ == 0) {
         watchAt_ = Clock::own().monotonicMilliseconds() + kWatchAfterMilliseconds;
     }
@@ -105,6 +108,8 @@ void PortWaiter::add(TargetWatch& watch) {
 
 void PortWaiter::watchNames(bool on) {
     const std::lock_guard<std::mutex> guard(mutex_);
+    // Only while something is queued for a target that is not there: each file that comes or goes
+    // in the folder would wake every process otherwise.
     if (on == (names_ >= 0)) {
         return;
     }
@@ -128,6 +133,7 @@ bool PortWaiter::readFileEvents() {
     for (ssize_t bytes; (bytes = read(files_.get(), block, sizeof block)) > 0;) {
         for (ssize_t at = 0; at < bytes;) {
             inotify_event event{};
+            // The names behind the events are of no use: who was woken looks for itself.
             std::memcpy(&event, block + at, sizeof event);
             at += static_cast<ssize_t>(sizeof event + event.len);
             ofPorts = ofPorts || event.wd != names_;
@@ -156,6 +162,8 @@ bool PortWaiter::wait(int64_t timeoutMilliseconds) {
     const bool looksAgain = lookAgain_ > 0 && lookAgain_ <= timeout;
     if (looksAgain) {
         timeout = lookAgain_;
+        // Ever more seldom, since the locks follow within milliseconds as a rule, and then no more:
+        // an owner that has them still is no dying one.
         lookAgain_ = lookAgain_ < kLongestLookAgainMilliseconds ? lookAgain_ * 2 : 0;
     }
     if (!events_) { // a child after fork
