@@ -33,6 +33,7 @@ namespace {
 using Time = std::chrono::steady_clock;
 
 constexpr uint64_t kListener = 0; // among the events; connections are numbered from 1
+// Above every number that a connection can reach.
 constexpr uint64_t kTimer = UINT64_MAX;
 
 // A process has one connection to us for each copy of the layer in it.
@@ -103,6 +104,8 @@ public:
         if (ended_ || !port->name_.own()) {
             return false;
         }
+        // With its name and before its socket: whatever of it exists is removed at the end of the
+        // process.
         ports_.insert(port);
         return port->listen();
     }
@@ -193,6 +196,8 @@ PortReceiver::~PortReceiver() {
 // reading from them.
 void PortReceiver::deafen() {
     const std::lock_guard<std::mutex> guard(mutex_);
+    // Those who have connected and were not accepted yet see the end, too, when what they wait at
+    // is taken and closed.
     (void)shutdown(listener_.get(), SHUT_RDWR);
     while (PortDescriptor(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC))) {
     }
@@ -321,6 +326,7 @@ void PortReceiver::acceptAll() {
         PortDescriptor socket(
             accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (!socket) {
+            // The newcomer stays in the queue, and so would its event.
             if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
                 Log::system().problem("cannot accept a connection: " + systemReason());
                 pauseListening();

@@ -55,6 +55,7 @@ private:
     Time::time_point end_;
 };
 
+// The ways in which a socket tells that nobody reads at its other end.
 bool isGone(int error) {
     return error == EPIPE || error == ECONNRESET || error == ENOTCONN || error == ECONNREFUSED ||
            error == EBADF;
@@ -83,6 +84,7 @@ public:
             const std::lock_guard<std::mutex> lock(mutex_);
             busy_ = false;
         }
+        // Without the lock, which the woken one would only run into.
         turn_.notify_one();
     }
 
@@ -159,6 +161,8 @@ SendResult PortSender::Connection::send(std::string_view text, Deadline& deadlin
         if (socket_ && hasSuccessor()) {
             close();
         }
+        // A connection that was kept may have been closed by the target for good reasons, so its
+        // loss says nothing about the target and is tried again at once.
         const bool fresh = !socket_;
         if (fresh) {
             const SendResult opened = open(deadline);
@@ -241,6 +245,7 @@ bool PortSender::Connection::hasLost(const PortIncarnation& owner) {
         return state == PortFolder::State::missing;
     }
     PortIncarnation current;
+    // Asked before the lock: where another owner has the name, that one holds it.
     if (findIncarnation(folder, socketFile_, current) && !(current == owner)) {
         return true;
     }
@@ -278,12 +283,15 @@ SendResult PortSender::Connection::open(Deadline& deadline) {
         Log::system().problem("cannot make a socket: " + systemReason());
         return SendResult::failed;
     }
+    // The first way goes beyond the system's bound, but is for privileged processes only; what the
+    // second asks for is cut to that bound without an error.
     int bufferBytes = kSendBufferBytes;
     if (setsockopt(socket.get(), SOL_SOCKET, SO_SNDBUFFORCE, &bufferBytes, sizeof bufferBytes) !=
         0) {
         (void)setsockopt(socket.get(), SOL_SOCKET, SO_SNDBUF, &bufferBytes, sizeof bufferBytes);
     }
     socklen_t length = sizeof bufferBytes;
+    // What was granted counts, not what was asked for: a packet larger than the buffer is refused.
     (void)getsockopt(socket.get(), SOL_SOCKET, SO_SNDBUF, &bufferBytes, &length);
     // Several packets in flight, so that one is written while another is read.
     partBytes_ = std::clamp(static_cast<size_t>(std::max(bufferBytes, 0)) / 4, kSmallestPartBytes,
@@ -299,12 +307,14 @@ SendResult PortSender::Connection::open(Deadline& deadline) {
             std::this_thread::sleep_for(kPause);
             continue;
         }
+        // The target ended between the look at its lock and here.
         if (errno == ENOENT || errno == ECONNREFUSED) {
             return SendResult::noReceiver;
         }
         Log::system().problem("cannot connect to port " + name_ + ": " + systemReason());
         return SendResult::failed;
     }
+    // A link in the place of the socket may have led to anybody's.
     int32_t process = 0;
     if (!isOwnPeer(socket.get(), process)) {
         Log::system().problem("port " + name_ + " belongs to another user");
@@ -314,6 +324,8 @@ SendResult PortSender::Connection::open(Deadline& deadline) {
     socket_ = std::move(socket);
     owner_ = owner;
     folder_ = std::move(folder);
+    // The next send looks at once: the socket may have changed hands before the connection was
+    // made.
     lookedAt_ = folderLookedAt_ = Time::time_point();
     return SendResult::delivered;
 }
@@ -383,6 +395,8 @@ PortSender::Connection::Outcome PortSender::Connection::sendWhole(std::string_vi
 
 PortSender::Connection::Outcome PortSender::Connection::sendInParts(std::string_view text,
                                                                     Deadline& deadline) {
+    // From here on the receiver expects nothing but the text's bytes on this connection: whatever
+    // stops in the middle leaves a connection that is good for nothing else.
     const PortPacket header{PortPacket::announced, text.size()};
     Outcome outcome = sendPacket(&header, {}, deadline);
     if (outcome != Outcome::done) {
@@ -394,12 +408,14 @@ PortSender::Connection::Outcome PortSender::Connection::sendInParts(std::string_
         if (outcome == Outcome::done) {
             text.remove_prefix(part.size());
         } else if (outcome == Outcome::failed && part.size() > kSmallestPartBytes) {
+            // Kept for the texts that come after, which would meet the same.
             partBytes_ = std::max(part.size() / 2, kSmallestPartBytes);
         } else {
             break;
         }
     }
     if (outcome == Outcome::timedOut) {
+        // The connection stays open for now, see closeBrokenOff.
         brokenOff_ = true;
     } else if (outcome != Outcome::done) {
         close(); // the receiver drops the part that it has
@@ -449,6 +465,8 @@ std::shared_ptr<PortSender::Connection> PortSender::connectionTo(const std::stri
                 oldest = i;
             }
         }
+        // Where all are in use, by sends or by watches over a target, there are more than the bound
+        // for a while.
         if (oldest != cache_.end()) {
             closed = std::move(oldest->second.connection);
             cache_.erase(oldest);
@@ -482,6 +500,7 @@ void PortSender::closeIdle() {
 
 SendResult PortSender::send(const std::string& name, std::string_view text,
                             int64_t timeoutMilliseconds, std::shared_ptr<TargetWatch>* taker) {
+    // A name that nobody can own has no receiver, as for `look`.
     if (name.empty() || name.find('\0') != std::string::npos) {
         return SendResult::noReceiver;
     }

@@ -29,9 +29,12 @@ void report(int pipe, int32_t number, int32_t error) {
 }
 
 void closeOthersAtExec() {
+    // At exec, not now: the pipe must tell whether exec failed. Other libraries of the host open
+    // files without the mark, and these are none of the new program's business.
     if (close_range(kFirstInherited, ~0U, CLOSE_RANGE_CLOEXEC) == 0) {
         return;
     }
+    // Kernels before 5.11 do not know the call with this flag, and some sandboxes refuse it.
     long count = sysconf(_SC_OPEN_MAX);
     count = count < 0 || count > kMaximumDescriptors ? kMaximumDescriptors : count;
     for (int fd = kFirstInherited; fd < count; ++fd) {
@@ -68,6 +71,7 @@ struct Plan {
         }
     }
     closeOthersAtExec();
+    // A home that is not there, as of a system's user, does not keep a program from running.
     if (chdir(plan.folder) != 0 && chdir("/") != 0) {
         report(plan.pipe, 0, errno);
         _exit(kExecFailed);
@@ -84,6 +88,7 @@ struct Plan {
         runProgram(plan);
     }
     report(plan.pipe, child < 0 ? 0 : child, child < 0 ? errno : 0);
+    // Without the exit functions: what the parent has registered is not for its copy to do.
     _exit(0);
 }
 
@@ -147,10 +152,13 @@ uint32_t startProcess(const std::string& path, const std::vector<std::string>& a
     if (between < 0) {
         return 0;
     }
+    // Else the reading below would never come to an end.
     writing.reset();
     // A host that waits for all of its children, or ignores them, may have taken it already.
     (void)uninterrupted([&] { return waitpid(between, nullptr, 0); });
     uint32_t number = 0;
+    // Both children tell, in either order; an exec that worked tells nothing and closes the pipe,
+    // so the end of it is the news that the program runs.
     Report line{};
     while (uninterrupted([&] { return read(reading.get(), &line, sizeof line); }) ==
            static_cast<ssize_t>(sizeof line)) {

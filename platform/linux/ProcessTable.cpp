@@ -22,6 +22,7 @@ std::string procPath(uint32_t number, const char* leaf) {
     return "/proc/" + std::to_string(number) + leaf;
 }
 
+// Files below /proc tell no size, and a process that ends meanwhile ends the reading.
 std::string readProc(uint32_t number, const char* leaf) {
     const Descriptor file(open(procPath(number, leaf).c_str(), O_RDONLY | O_CLOEXEC));
     std::string text;
@@ -63,6 +64,7 @@ uint64_t processStartTime(uint32_t number) {
     }
     std::string_view rest = std::string_view(text).substr(nameEnd + 2);
     const std::string_view state = takeUpTo(rest, ' ');
+    // One that has ended and whose parent has not asked for it yet still has its number.
     if (state == "Z" || state == "X" || state == "x") {
         return 0;
     }
@@ -87,6 +89,8 @@ std::vector<uint32_t> ownProcesses() {
         uint32_t number = 0;
         const auto end = std::from_chars(name.data(), name.data() + name.size(), number);
         struct stat status {};
+        // The folder belongs to who runs the process. Others' processes are no applications of this
+        // user.
         if (end.ec == std::errc() && end.ptr == name.data() + name.size() && number != 0 &&
             fstatat(dirfd(folder.get()), entry->d_name, &status, 0) == 0 &&
             status.st_uid == geteuid()) {

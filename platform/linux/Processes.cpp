@@ -39,6 +39,8 @@ public:
     uint32_t ownNumber() const override { return static_cast<uint32_t>(getpid()); }
 
     bool isRunning(uint32_t number) override {
+        // Numbers are given again; number and time of start together are not. The first look at a
+        // number decides which process it stands for from then on.
         const uint64_t start = number == 0 ? 0 : processStartTime(number);
         if (start == 0) {
             return false;
@@ -51,6 +53,8 @@ public:
     std::vector<uint32_t> find(const std::string& path) const override {
         const std::string given = withoutSlashes(path);
         const std::string real = resolved(given);
+        // An entry may name any program, with any arguments. So its processes are known by the
+        // variables that its starter sets, not by what they run.
         const bool isEntry = given.ends_with(kDesktopEntryExtension);
         std::string remark; // of what cannot be started, and so does not run
         const RunningProgram program(
@@ -59,6 +63,7 @@ public:
         for (const uint32_t number : ownProcesses()) {
             const bool matches =
                 isEntry ? wasStartedByEntry(number, given) : program.isRunBy(number);
+            // Asked at the end: one that has ended meanwhile must not be found.
             if ((matches || wasStartedFrom(number, given)) && processStartTime(number) != 0) {
                 found.push_back(number);
             }
@@ -76,6 +81,7 @@ public:
         }
         const std::lock_guard<std::mutex> guard(mutex_);
         forgetEndedLocked();
+        // Set, not only added: an older process of that number has ended.
         known_[number] = processStartTime(number);
         startedFrom_[number] = given;
         return number;
@@ -89,6 +95,7 @@ public:
         while (!rest.empty()) {
             const size_t end = rest.find(':');
             const std::string program = std::string(rest.substr(0, end)) + "/" + name;
+            // An empty or relative entry of the path stands for where this process happens to be.
             if (program.front() == '/' && access(program.c_str(), X_OK) == 0 &&
                 startProcess(program, arguments, environment.whole(), environment.value("HOME"),
                              error) != 0) {
@@ -102,6 +109,8 @@ public:
 
 private:
     static bool wasStartedByEntry(uint32_t number, const std::string& entry) {
+        // Children inherit the first of these; the second tells them from the process that was
+        // started.
         return startVariableOf(number, "GIO_LAUNCHED_DESKTOP_FILE") == entry &&
                startVariableOf(number, "GIO_LAUNCHED_DESKTOP_FILE_PID") == std::to_string(number);
     }
@@ -122,6 +131,7 @@ private:
             reason = remark;
             return 0;
         }
+        // It starts all the same, perhaps another program than was meant: that is worth a line.
         if (!remark.empty()) {
             Log::system().problem("start " + path + ": " + remark);
         }
@@ -142,6 +152,7 @@ private:
     }
 
     void forgetEndedLocked() {
+        // Looking at all of them costs a file each, so it is done only when there are many.
         if (known_.size() < kMaximumKnown) {
             return;
         }

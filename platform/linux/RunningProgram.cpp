@@ -45,11 +45,15 @@ std::vector<std::string> interpreterLine(const std::string& path) {
 } // namespace
 
 RunningProgram::RunningProgram(const std::string& path) : program_(resolved(path)) {
+    // The kernel runs the interpreter in the place of a script, so a script is never the
+    // executable.
     const std::vector<std::string> words = interpreterLine(program_);
     if (words.empty()) {
         return;
     }
     interpreter_ = resolved(words.front());
+    // It looks for the interpreter along the path and becomes it; which file that is depends on the
+    // path of whoever started it, so only its name is compared.
     if (fileName(words.front()) == "env") {
         for (size_t i = 1; i < words.size() && name_.empty(); ++i) {
             const bool isOption = words[i].front() == '-';
@@ -64,6 +68,7 @@ bool RunningProgram::isRunBy(uint32_t process) const {
     if (running.empty() || running == program_) {
         return !running.empty();
     }
+    // Compared with and without the mark, since a file may be called that way.
     if (running.ends_with(kReplaced)) {
         running.resize(running.size() - kReplaced.size());
     }

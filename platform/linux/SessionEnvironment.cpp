@@ -53,6 +53,7 @@ std::string homeOfUser() {
     passwd entry{};
     passwd* found = nullptr;
     char buffer[4096];
+    // The variant for threads: the other one answers in a buffer that the host may be using.
     if (getpwuid_r(getuid(), &entry, buffer, sizeof buffer, &found) != 0 || found == nullptr) {
         return {};
     }
@@ -113,6 +114,8 @@ std::string SessionEnvironment::value(const std::string& name) const {
 
 std::vector<std::string> SessionEnvironment::whole() const {
     std::vector<std::string> all = added;
+    // What is added goes before what is inherited, each name once: which of two entries of one name
+    // counts is left to whoever reads them.
     for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
         const std::string_view name = nameOf(*entry);
         const auto isName = [&](const std::string& other) { return nameOf(other) == name; };

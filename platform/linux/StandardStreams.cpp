@@ -71,6 +71,8 @@ protected:
             const ssize_t written = write(STDOUT_FILENO, next, static_cast<size_t>(pptr() - next));
             if (written >= 0) {
                 next += written;
+                // Whoever shares the pipe may have set it not to wait; that is no failure of what
+                // is written.
             } else if (errno == EAGAIN) {
                 pollfd room = {STDOUT_FILENO, POLLOUT, 0};
                 if (poll(&room, 1, -1) < 0 && errno != EINTR) {
@@ -98,6 +100,8 @@ OutputBuffer& outputBuffer() {
 } // namespace
 
 bool StandardStreams::open() {
+    // Else the next file that is opened, perhaps the lock of a port, has the number of a standard
+    // stream and is written to by whoever prints.
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
         if (fcntl(fd, F_GETFD) >= 0 || errno != EBADF) {
             continue; // open, as far as can be found out
@@ -109,6 +113,8 @@ bool StandardStreams::open() {
             return false;
         }
     }
+    // That the reader has gone is told by the failure of the next writing, and the program ends by
+    // its own status.
     (void)std::signal(SIGPIPE, SIG_IGN); // cannot fail for it
     std::cout.flush();
     std::cout.rdbuf(&outputBuffer());

@@ -103,10 +103,13 @@ void* TextMemory::allocate(size_t size) {
 }
 
 void* TextMemory::reallocate(void* block, size_t size) {
+    // The system moves the pages of a large block, which no copy of ours could do.
     return std::realloc(block, size);
 }
 
 void TextMemory::free(void* block) {
+    // The heap knows how large its blocks are: nothing is kept beside them, so that any block of
+    // the heap's may be given here.
     const size_t bytes = malloc_usable_size(block); // 0 for null
     if (bytes < kSmallestKept || !gKept.put(block, bytes)) {
         std::free(block);

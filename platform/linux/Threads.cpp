@@ -31,6 +31,9 @@ private:
 class LinuxThreads final : public Threads {
 public:
     bool start(std::thread& out, void (*entry)(void*), void* argument) override {
+        // Handlers of the host, and what ends it by default, are for the host's own threads: a
+        // signal that a thread of the layer took would end the process behind a main loop that
+        // waits for it by a descriptor.
         const BlockedSignals blocked;
         try {
             out = std::thread(entry, argument);

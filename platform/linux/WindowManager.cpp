@@ -22,6 +22,7 @@ constexpr uint32_t kFromPager = 2; // the user's wish: window managers grant it
 constexpr std::chrono::seconds kTurn{2};
 constexpr uint32_t kMaximumNameWords = limits::of("desktop.machine-name");
 
+// Taken at run time: a machine without a display does not have it, and does not need it.
 struct Xcb {
     decltype(&xcb_connect) connect = nullptr;
     decltype(&xcb_disconnect) disconnect = nullptr;
@@ -73,6 +74,8 @@ public:
     Turn() {
         State& s = state();
         std::unique_lock<std::mutex> lock(s.mutex);
+        // Not a mutex that waits with a limit: the thread sanitizer does not know how that is
+        // locked.
         isOurs_ = s.free.wait_for(lock, kTurn, [&s] { return !s.taken; });
         s.taken = true;
     }
@@ -152,6 +155,7 @@ struct WindowManager::Connection {
                                   uint32_t maximum) const {
         const auto reply = property(window, name, type, maximum);
         std::vector<uint32_t> values;
+        // Any program may set a property to anything; only what has the agreed form is taken.
         if (reply != nullptr && reply->type == type && reply->format == 32) {
             values.resize(static_cast<size_t>(xcb.propertyLength(reply.get())) / sizeof(uint32_t));
             if (!values.empty()) {
@@ -166,6 +170,7 @@ struct WindowManager::Connection {
     bool isOfThisMachine(xcb_window_t window) const {
         const auto reply =
             property(window, XCB_ATOM_WM_CLIENT_MACHINE, XCB_ATOM_ANY, kMaximumNameWords);
+        // Windows without the property exist, and as a rule are of this machine.
         if (reply == nullptr || reply->type == XCB_ATOM_NONE || machine.empty()) {
             return true;
         }
@@ -183,9 +188,12 @@ struct WindowManager::Connection {
         event.data.data32[0] = first;
         event.data.data32[1] = second;
         event.data.data32[2] = third;
+        // The size of every event of the protocol.
         char bytes[32];
         static_assert(sizeof event == sizeof bytes);
         std::memcpy(bytes, &event, sizeof bytes);
+        // To the root window, with the mask of what a window manager has asked for: that is how
+        // wishes reach it.
         xcb.sendEvent(display, 0, root,
                       XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY | XCB_EVENT_MASK_SUBSTRUCTURE_REDIRECT,
                       bytes);
@@ -207,6 +215,7 @@ std::unique_ptr<WindowManager> WindowManager::connect() {
         }
         connection->display = xcb.connect(nullptr, &screenNumber);
     }
+    // The library gives an object in any case, which has to be closed even then.
     if (xcb.hasError(connection->display) != 0) {
         return nullptr;
     }
@@ -223,9 +232,13 @@ std::unique_ptr<WindowManager> WindowManager::connect() {
     connection->restack = connection->atom("_NET_RESTACK_WINDOW");
     connection->process = connection->atom("_NET_WM_PID");
     connection->check = connection->atom("_NET_SUPPORTING_WM_CHECK");
+    // Window managers that follow the rules say so by this property. Without one wishes would go
+    // nowhere.
     if (connection->numbers(connection->root, connection->check, XCB_ATOM_WINDOW, 1).empty()) {
         return nullptr;
     }
+    // The manager keeps the lists of windows and the one with the focus as properties of the root,
+    // so its changes are all that there is to wait for.
     const uint32_t events = XCB_EVENT_MASK_PROPERTY_CHANGE;
     xcb.changeAttributes(connection->display, connection->root, XCB_CW_EVENT_MASK, &events);
     (void)xcb.flush(connection->display);
@@ -270,6 +283,8 @@ bool WindowManager::waitForChange(int64_t milliseconds) const {
     const Xcb& xcb = connection_->xcb;
     pollfd connection{xcb.descriptor(connection_->display), POLLIN, 0};
     (void)poll(&connection, 1, static_cast<int>(milliseconds)); // time or event: looked at next
+    // All that is there, since what is in the library's own queue no poll reports. What the events
+    // say is asked for anew.
     while (xcb_generic_event_t* event = xcb.pollForEvent(connection_->display)) {
         std::free(event);
     }
