@@ -13,6 +13,8 @@ constexpr const char* kModule = "ovrel_caps_config";
 
 // The module beside this library; null where it was not installed. Stays loaded.
 decltype(&capsConfigRun) configModule() {
+    // Where this library lies is known only to the loader: programs load it from several places,
+    // and the module of another installation may not fit it.
     Dl_info self{};
     if (dladdr(reinterpret_cast<const void*>(&capsConfigVersion), &self) == 0) {
         return nullptr;
@@ -34,6 +36,7 @@ capsStatus ask(capsiSession* session, CapsConfigRequest::Command command, const 
         return CAPS_INVALID_ARGUMENT;
     }
     try {
+        // Asked for each time: the loader counts, and gives the same module again.
         const auto run = configModule();
         if (run == nullptr) {
             return CAPS_NOT_LOADED;

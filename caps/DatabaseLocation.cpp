@@ -16,6 +16,8 @@ std::string environment(const char* name) {
     return value != nullptr ? value : "";
 }
 
+// A service, or a shell of another user's, may have none in its environment, and the user has one
+// all the same.
 std::string homeFolder() {
     std::string home = environment("HOME");
     if (home.empty() || home.front() != '/') {
@@ -72,6 +74,7 @@ std::string findDatabase() {
 
 std::string databaseBelow(const std::string& path) {
     const std::string system = systemDatabase();
+    // A database that was named stands alone: who names one means that one.
     const bool below = environment("OVREL_CAPS_DB").empty() && path != system &&
                        path == userDatabase() && exists(system);
     return below ? system : "";
@@ -82,6 +85,7 @@ std::string defaultDatabasePath() {
     if (!path.empty()) {
         return path;
     }
+    // What root registers is for everybody; its own home would be read by root alone.
     return geteuid() == 0 ? systemDatabase() : userDatabase();
 }
 

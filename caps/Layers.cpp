@@ -15,9 +15,13 @@ bool isGroups(const Subdomain& subdomain) {
 // The entries of both, each once; a key that both use becomes another one for the top's entry.
 void appendGroups(Subdomain& below, const Subdomain& top) {
     std::set<std::string> values;
+    // Which of two entries says the same is told by the value: keys are only names that must
+    // differ.
     for (const KeyValue& entry : top.data) {
         values.insert(entry.value);
     }
+    // The one below goes, so that the user's stands behind all of the system's, where it counts
+    // more.
     std::erase_if(below.data, [&](const KeyValue& entry) { return values.contains(entry.value); });
     std::set<std::string> keys;
     for (const KeyValue& entry : below.data) {
@@ -43,6 +47,8 @@ public:
         }
         for (const Subdomain& subdomain : contents.subdomains) {
             names_.emplace(subdomain.domain, subdomain.name);
+            // By the specifier, too: a subdomain of another name may register the same application,
+            // and the user's must win there as well.
             if (isApplicationSubdomain(subdomain)) {
                 specifiers_.insert(effectiveSpecifier(subdomain));
             }
@@ -71,6 +77,8 @@ Contents layered(Contents below, Contents top, const std::string& belowPath) {
     const Top known(top);
     Contents both;
     for (Product& product : below.products) {
+        // Payloads are found by their identifiers alone, so one of the user's takes the place of
+        // the one below even in a product that stays.
         std::erase_if(product.payloads,
                       [&](const Payload& payload) { return known.has(payload.code); });
         if (!known.has(product.code)) {
@@ -83,6 +91,8 @@ Contents layered(Contents below, Contents top, const std::string& belowPath) {
             entry.origin = entry.origin.empty() ? belowPath : entry.origin;
         }
         if (isGroups(subdomain)) {
+            // One subdomain holds the groups of all applications, so the two are joined where
+            // others are replaced.
             if (known.groups() != nullptr) {
                 appendGroups(subdomain, *known.groups());
                 merged = true;

@@ -85,11 +85,14 @@ double versionNumber(std::string_view specifier) {
 
 bool isMakersAddress(std::string_view text) {
     constexpr std::string_view kScheme = "https://";
+    // What passes here is opened by a browser when the application is launched.
     if (!text.starts_with(kScheme)) {
         return false;
     }
     text.remove_prefix(kScheme.size());
     const std::string_view host = text.substr(0, text.find('/'));
+    // Letters, digits, '.' and '-' only: with '@' or ':' before it the end of the text would be no
+    // end of a host's name.
     return host.ends_with(".ovrel.example") &&
            host.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
                                   "0123456789.-") == std::string_view::npos;
@@ -174,6 +177,7 @@ struct Reading::Fields {
     // The same for two registrations that are the same record.
     std::string identity() const {
         std::string text;
+        // Each behind its length, so that no two rows of texts make the same whole.
         const auto add = [&text](std::string_view part) {
             text += std::to_string(part.size()) + ":";
             text += part;
@@ -189,6 +193,7 @@ struct Reading::Fields {
         for (const bool flag : flags) {
             text += flag ? '1' : '0';
         }
+        // Zero and negative zero are equal and have other bytes.
         const double unsignedZero = version + 0.0;
         text.append(reinterpret_cast<const char*>(&unsignedZero), sizeof unsignedZero);
         return text;
@@ -197,6 +202,9 @@ struct Reading::Fields {
 
 Reading::Reading(const Contents& contents, std::string locale)
     : contents_(contents), locale_(std::move(locale)) {
+    // In this order: an application without a path takes it from a payload, a redirect may lead to
+    // one that is registered later, and what the listing tool runs as depends on all that are
+    // registered.
     readJoins();
     for (const Subdomain& subdomain : contents.subdomains) {
         if (isApplicationSubdomain(subdomain) ||
@@ -266,6 +274,7 @@ void Reading::readJoins() {
             if (payload->launchPath.size() < kLaunchPathBytes) {
                 join.launchPath = payload->launchPath;
             }
+            // The first of three places that has it, as the layer asks for them.
             take(valueOf(*payload, 4, kConfigPathKey));
         }
         take(caps::find(subdomain.data, kConfigPathKey));
@@ -282,6 +291,8 @@ void Reading::readJoins() {
             }
         }
         std::string key(kConveyCodeKey);
+        // The layer asks for one number after the other, so what stands behind a gap is never
+        // found.
         for (uint32_t n = 1; n <= kMaximumCodes; ++n) {
             const auto code = codes.find(key);
             if (code == codes.end() || code->second->empty()) {
@@ -357,6 +368,7 @@ void Reading::resolveRedirects() {
     std::vector<size_t> chain;
     std::vector<bool> inChain(records_.size(), false);
     for (size_t i = 0; i < records_.size(); ++i) {
+        // Without recursion: a chain may have as many members as there are registrations.
         size_t current = i;
         size_t end = kUnknown;
         chain.clear();
@@ -380,6 +392,8 @@ void Reading::resolveRedirects() {
             chain.push_back(current);
             current = static_cast<size_t>(target - records_.data());
         }
+        // All of a chain have the same end, and those that lead into a circle are as lost as its
+        // members.
         for (const size_t member : chain) {
             ends[member] = end;
             inChain[member] = false;

@@ -6,6 +6,7 @@ namespace caps {
 
 std::string lowerCase(std::string_view text) {
     std::string lower(text);
+    // Letters of ASCII only, in every locale: two processes must agree on what is the same.
     std::transform(lower.begin(), lower.end(), lower.begin(), [](char c) {
         return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c;
     });
@@ -61,6 +62,7 @@ std::optional<Group> parseGroup(const KeyValue& entry) {
     }
     value.remove_prefix(kGroupPrefix.size());
     const size_t first = value.find('/');
+    // The number is what lies between the first and the last mark, as for who reads the registry.
     const size_t last = value.rfind('/');
     if (first == last) {
         return std::nullopt;
@@ -77,6 +79,7 @@ std::string groupValue(const Group& group) {
 std::string effectiveSpecifier(const Subdomain& subdomain) {
     std::string specifier;
     for (const KeyValue& entry : subdomain.data) {
+        // The last one of either counts, as for who reads the registry.
         if (entry.key == kSpecifierKey || entry.key == "ProductCode") {
             specifier = lowerCase(entry.value);
         }
@@ -85,6 +88,8 @@ std::string effectiveSpecifier(const Subdomain& subdomain) {
 }
 
 std::string originOf(const Subdomain& subdomain) {
+    // One value that was written by hand makes the whole entry a person's: no file may take it back
+    // then.
     const bool byHand = subdomain.data.empty() ||
                         std::any_of(subdomain.data.begin(), subdomain.data.end(),
                                     [](const KeyValue& entry) { return entry.origin.empty(); });

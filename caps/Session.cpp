@@ -89,6 +89,8 @@ Status Database::acquire(Database*& out) {
     opened->openBelowLocked();
     opened->state_->users = 1;
     out = opened.release();
+    // With sessions open at another path this one has a database of its own: theirs must not change
+    // under them.
     if (gDatabase == nullptr) {
         gDatabase = out;
     }
@@ -149,10 +151,13 @@ Status Database::refreshLocked() {
     if (!state_->store->changed() && !belowChanged && !state_->stale) {
         return Status::ok;
     }
+    // Set before the attempt: `changed` tells a change once, and one that could not be read yet
+    // must stay due.
     state_->stale = true;
     std::unique_ptr<Store> store;
     const Status status = openLocked(store);
     if (status == Status::ok) {
+        // Kept for the comparison, which asks whether the new one is of the same file.
         const std::unique_ptr<Store> below = std::move(state_->below);
         openBelowLocked();
         const bool sameBelow = below == nullptr || state_->below == nullptr
@@ -165,6 +170,8 @@ Status Database::refreshLocked() {
                 time.replaced = true;
             }
         }
+        // Only now: while the new file cannot be read, what was read of the old one goes on to be
+        // told.
         state_->store = std::move(store);
         state_->stale = false;
         state_->domains.clear();
@@ -229,6 +236,8 @@ Status Database::modTimes(bool ofProducts, uint32_t& out) {
     }
     State::ModTime& state = state_->modTimes[ofProducts ? 1 : 0];
     if (state.replaced || time != state.read || timeBelow != state.readBelow) {
+        // Callers compare for equality with what they were told before, so a change must give a
+        // number that no earlier one had.
         state.told = std::max({time, timeBelow, state.told + 1});
         state.read = time;
         state.readBelow = timeBelow;

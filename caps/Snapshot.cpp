@@ -44,6 +44,7 @@ public:
     }
     void end() {
         endSubdomain();
+        // The lists are handed out in C as they stand, where a null ends a list.
         target_.names_.push_back(nullptr);
     }
 
@@ -127,6 +128,7 @@ ptrdiff_t DomainSnapshot::find(std::string_view name, ptrdiff_t hint) const {
             return i;
         }
     }
+    // A snapshot is shared by the sessions of several threads.
     std::call_once(indexed_, [this] {
         index_.reserve(entries_.size());
         for (size_t i = 0; i < entries_.size(); ++i) {

@@ -7,6 +7,8 @@
 namespace caps {
 
 Statement::Statement(sqlite3* connection, const char* sql) {
+    // Kept until `step`, so that a statement is made, bound and run without three questions in
+    // between.
     failure_ = sqlite3_prepare_v2(connection, sql, -1, &statement_, nullptr);
 }
 
@@ -61,6 +63,7 @@ void Statement::bindOne(int position, int64_t value) {
 void Statement::bindOne(int position, std::string_view value) {
     if (failure_ == SQLITE_OK) {
         const char* bytes = value.empty() ? "" : value.data(); // null would be bound as NULL
+        // Without a copy: what is bound lives until the statement has run.
         failure_ = sqlite3_bind_text64(statement_, position, bytes, value.size(), SQLITE_STATIC,
                                        SQLITE_UTF8);
     }

@@ -43,6 +43,7 @@ Status isRegularDatabase(const std::string& path, std::string& reason) {
         reason = path.empty() ? "no database is registered" : path + ": there is no such database";
         return Status::noDatabase;
     }
+    // Nothing was filled in: the question itself failed, and for another reason than absence.
     if (status.st_ino == 0 && status.st_mode == 0) {
         reason =
             path + ": " + std::strerror(errno); // NOLINT(concurrency-mt-unsafe): glibc's is safe
@@ -78,6 +79,7 @@ Status statusOf(int sqliteCode) {
     case SQLITE_READONLY:
     case SQLITE_PERM:
         return Status::readOnly;
+    // What the caller gave breaks a rule of the schema: nothing is wrong with the file.
     case SQLITE_CONSTRAINT:
     case SQLITE_TOOBIG:
         return Status::invalidArgument;
@@ -199,6 +201,8 @@ Status Store::connect() {
             }
         }
         state.immutable = true;
+        // Before it is read: SQLite takes no locks in this form and sees no change, so only the
+        // comparison tells whether what was read is of one state.
         state.fingerprint = Fingerprint::of(state.path);
         code = attempt("?immutable=1", SQLITE_OPEN_READONLY);
     }
@@ -227,6 +231,7 @@ Status Store::recognise() {
     if (state.schemaVersion < 0) {
         return refuse(Status::damaged, "the schema's version is negative");
     }
+    // Not read as far as it can be understood: what a later version means by it is unknown.
     if (state.schemaVersion > kSchemaVersion) {
         return refuse(Status::newerSchema, "written by a later version of this program");
     }
@@ -260,6 +265,8 @@ Status Store::migrate() {
     if (state.schemaVersion == kSchemaVersion) {
         return Status::ok;
     }
+    // At once for writing: begun for reading, two who migrate at the same time could each wait for
+    // the other, and SQLite would refuse one of them.
     code = state.execute("BEGIN IMMEDIATE");
     if (code != SQLITE_OK) {
         return fail(code, "cannot be locked for writing");
@@ -296,6 +303,7 @@ Store::Transaction::~Transaction() {
     if (outermost) {
         (void)store_.impl_->prepared("ROLLBACK").run();
     } else {
+        // In two steps: SQLite keeps a savepoint that was rolled back to.
         (void)store_.impl_->prepared("ROLLBACK TO inner").run();
         (void)store_.impl_->prepared("RELEASE inner").run();
     }
@@ -323,6 +331,7 @@ Status Store::Transaction::commit() {
     const bool outermost = store_.impl_->depth == 1;
     int code = SQLITE_DONE;
     if (outermost) {
+        // The next transaction counts on from here, see the triggers of the schema.
         code = store_.impl_->prepared("UPDATE modification SET counted = 0").run();
     }
     if (code == SQLITE_DONE) {

@@ -116,6 +116,8 @@ Status Store::visitSubdomains(Statement& subdomains, bool withOrigins, Visitor& 
         const int64_t id = subdomains.integer(0);
         const std::string_view name = subdomains.text(2);
         if (!isReadableName(name, kMaxSubdomainBytes)) {
+            // A name over its limit was written by no program of ours. It is told instead of cut: a
+            // name that was cut would be another one's.
             visitor.onRefused("subdomain", name);
             details.skipTo(id);
             continue;
@@ -146,6 +148,8 @@ Status Store::visitSubdomains(Statement& subdomains, bool withOrigins, Visitor& 
 
 Status Store::visitDomain(int32_t domain, Visitor& visitor) {
     return inReadTransaction([&] {
+        // Not by the index of domains: in the order of the table, as its details are scanned,
+        // nothing is sorted.
         Statement rows(impl_->connection, "SELECT id, domain, name FROM subdomain NOT INDEXED "
                                           "WHERE domain = ?1 ORDER BY id");
         rows.bind(domain);
@@ -292,6 +296,7 @@ bool Store::isOnFileOf(const Store& other) const {
 
 bool Store::changed() {
     const Fingerprint now = Fingerprint::of(impl_->path);
+    // Opened so, SQLite would never see a change of the file.
     if (impl_->immutable) {
         return !(now == impl_->fingerprint);
     }
@@ -299,7 +304,9 @@ bool Store::changed() {
         return true;
     }
     int code = SQLITE_OK;
+    // SQLite raises this number for changes by other connections only; of our own we know.
     const int64_t version = impl_->pragma("PRAGMA data_version", code);
+    // What cannot be asked counts as a change: reading anew then says what is wrong.
     const bool differs = code != SQLITE_OK || version != impl_->dataVersion;
     impl_->dataVersion = version;
     return differs;

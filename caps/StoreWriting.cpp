@@ -42,6 +42,7 @@ Status Store::addSubdomain(int32_t domain, std::string_view subdomain) {
 Status Store::rowOf(int32_t domain, std::string_view subdomain, int64_t& row) {
     Statement& select = impl_->prepared("SELECT id FROM subdomain WHERE domain = ?1 AND name = ?2");
     select.bind(domain, subdomain);
+    // Reset at once, since a statement that stands on a row holds its transaction open.
     const int code = select.step();
     row = code == SQLITE_ROW ? select.integer(0) : 0;
     select.reset();
@@ -122,6 +123,7 @@ void Store::setOrigin(std::string origin) {
 
 Status Store::setChanged(int32_t domain, std::string_view subdomain, int64_t time) {
     return inTransaction([&] {
+        // Without a change the row is not written, so that the modification time stays as well.
         Statement& update = impl_->prepared("UPDATE subdomain SET changed = ?3 WHERE domain = ?1 "
                                             "AND name = ?2 AND changed <> ?3");
         update.bind(domain, subdomain, time);
@@ -166,6 +168,7 @@ Status Store::addProduct(const Product& product) {
     });
 }
 
+// The product's row stays, so that it keeps its place in the order of registration.
 Status Store::replaceProduct(const Product& product) {
     return inTransaction([&] {
         Statement& update = impl_->prepared(
@@ -249,6 +252,7 @@ Status Store::removePayloadData(std::string_view payload, int32_t domain, std::s
 
 Status Store::clear() {
     return inTransaction([&] {
+        // What belongs to these goes with them, by the schema.
         const int code = impl_->execute("DELETE FROM product; DELETE FROM subdomain");
         return code == SQLITE_OK ? Status::ok : fail(code, "cannot be emptied");
     });

@@ -12,6 +12,7 @@
 using caps::Database;
 using caps::Status;
 
+// Programs that were built with the C header compare with its numbers.
 static_assert(static_cast<int32_t>(Status::ok) == CAPS_OK);
 static_assert(static_cast<int32_t>(Status::notLoaded) == CAPS_NOT_LOADED);
 static_assert(static_cast<int32_t>(Status::noDatabase) == CAPS_NO_DATABASE);
@@ -29,6 +30,7 @@ static_assert(offsetof(capsPayload, kind) == 4 * sizeof(void*), "the kind is the
 
 namespace {
 
+// The only one: a session reads, and what it writes goes through a connection of its own.
 constexpr int32_t kReadMode = 1;
 
 // Runs the body of one exported function: no exception crosses into C.
@@ -94,6 +96,7 @@ Status products(capsiSession* session, bool refresh) {
     }
     std::shared_ptr<const caps::ProductSnapshot> snapshot;
     const Status status = session->database->products(refresh, snapshot);
+    // Pointers that were handed out stay good as long as nothing has changed.
     if (status == Status::ok && snapshot != session->products) {
         session->lists.clear();
         session->products = std::move(snapshot);
@@ -226,6 +229,8 @@ capsStatus capsCloseSession(capsiSession* session) {
 
 capsStatus mdbGetProductIDList(capsiSession* session, const char*** ids) {
     return answering(session, ids != nullptr, [&] {
+        // Lists bring the newest state, and all other questions are answered from that: a walk sees
+        // one state from its beginning to its end.
         const Status status = products(session, true);
         if (status == Status::ok) {
             *ids = list(session->products->productCodes());
@@ -291,6 +296,8 @@ capsStatus pdbGetPayloadDataKeys(capsiSession* session, const char* payload, cap
             if (all.empty()) {
                 return Status::nothingThere;
             }
+            // What fits is given in any case, with its end marked; `slots` says what all would
+            // take, the end included.
             const size_t fitting = *slots == 0 ? 0 : std::min<size_t>(all.size(), *slots - 1);
             std::copy_n(all.begin(), fitting, keys);
             if (*slots > 0) {
@@ -308,6 +315,8 @@ capsStatus pdbGetAppLaunchPath(const char* payload, char* buffer, uint32_t* size
         if (isEmpty(payload) || buffer == nullptr || size == nullptr) {
             return Status::invalidArgument;
         }
+        // Without a session of the caller's: what the process has open is asked, else it is opened
+        // for this one question.
         Database* database = Database::acquireOpen();
         Status status = database != nullptr ? Status::ok : Database::acquire(database);
         if (status != Status::ok) {
