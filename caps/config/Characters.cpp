@@ -8,6 +8,7 @@ namespace {
 
 constexpr int kMaxDepth = limits::of("config.depth");
 
+// Those of XML 1.0. The parser takes others, and what it took other programs would refuse.
 bool isCharacter(uint32_t code) {
     return code == '\t' || code == '\n' || code == '\r' || (code >= 0x20 && code <= 0xD7FF) ||
            (code >= 0xE000 && code <= 0xFFFD) || (code >= 0x10000 && code <= 0x10FFFF);
@@ -27,6 +28,7 @@ bool isReference(std::string_view text) {
     }
     const bool hexadecimal = text.starts_with("#x");
     text.remove_prefix(hexadecimal ? 2 : 1);
+    // So many digits of either kind fit 32 bits.
     if (text.empty() || text.size() > 8) {
         return false;
     }
@@ -53,11 +55,13 @@ public:
         position_ = text_.starts_with(mark) ? mark.size() : 0;
         while (position_ < text_.size()) {
             const size_t bytes = characterBytes(text_.substr(position_));
+            // Looked at everywhere, in comments too: a document that holds them anywhere is no XML.
             if (bytes == 0) {
                 fail("not a character of XML in UTF-8");
             }
             const size_t before = position_;
             step(text_[position_]);
+            // A mark that was skipped has moved it further.
             position_ = std::max(position_, before + bytes);
         }
     }
@@ -79,6 +83,8 @@ private:
                 end_ = {};
             }
         } else if (c == '&') {
+            // The parser leaves what it does not know as it stands: the reader would get another
+            // text than was meant.
             if (!isReference(text_.substr(position_ + 1))) {
                 fail("a reference to an entity, of which a configuration has none");
             }
@@ -103,6 +109,7 @@ private:
             fail("a '<' inside of a tag");
         } else if (c == '>') {
             inTag_ = false;
+            // Whether names of opening and closing tags are the same is the parser's to tell.
             depth_ -= closing_ || text_[position_ - 1] == '/' ? 1 : 0;
         }
     }
@@ -115,6 +122,7 @@ private:
         } else if (skip("<?")) {
             end_ = "?>";
         } else if (text_.substr(position_).starts_with("<!")) {
+            // Nobody needs one here, and entities come with it.
             fail("a document type, of which a configuration has none");
         } else {
             closing_ = text_.substr(position_).starts_with("</");

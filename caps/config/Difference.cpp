@@ -22,6 +22,8 @@ struct Item {
 // What has one order of its own: products, payloads, groups, and what lies in the domains.
 using Section = std::vector<Item>;
 
+// Payloads stand apart from their products, so that one that went from one product to another is
+// one change and not a removal and an addition.
 struct Sections {
     Section products;
     Section payloads;
@@ -37,6 +39,7 @@ void addPayloads(Section& out, const Product& product) {
                    {"launch path", payload.launchPath},
                    {"install state", std::to_string(payload.installState)}}};
         for (const PayloadValue& value : payload.data) {
+            // Behind the number of the domain no key is called as one of the fields above.
             item.fields.push_back({std::to_string(value.domain) + " " + value.key, value.value});
         }
         out.push_back(std::move(item));
@@ -51,6 +54,7 @@ void addGroups(Section& out, const Subdomain& groups) {
         Item item =
             group ? Item{"group " + group->name + " " + group->pattern, {{"number", group->number}}}
                   : Item{"group " + entry.key, {{"value", entry.value}}};
+        // Names tell entries apart below, so each must stand once.
         if (const int times = ++met[item.name]; times > 1) {
             item.name += " (" + std::to_string(times) + ")";
         }
@@ -87,6 +91,8 @@ std::vector<bool> outOfOrder(const std::vector<size_t>& positions) {
     std::vector<size_t> ends;                               // of the best series of each length
     std::vector<size_t> before(positions.size(), SIZE_MAX); // each one's predecessor
     for (size_t i = 0; i < positions.size(); ++i) {
+        // Of each length the series whose end is smallest can be continued by the most, so that one
+        // is kept.
         const auto place =
             std::lower_bound(ends.begin(), ends.end(), i, [&](size_t end, size_t one) {
                 return positions[end] < positions[one];

@@ -24,7 +24,10 @@ public:
         if (text_.size() > kMaxDocumentBytes) {
             throw DocumentError(name_ + ": larger than " + limits::inWords("import.file"));
         }
+        // Before the parser, which takes some of it in silence.
         refuseForbidden(text_, name_);
+        // A value of nothing but blanks is kept where it is all that its element holds; between
+        // elements blanks mean nothing.
         const pugi::xml_parse_result result = document_.load_buffer(
             text_.data(), text_.size(),
             pugi::parse_default | pugi::parse_declaration | pugi::parse_ws_pcdata_single,
@@ -81,6 +84,7 @@ private:
         }
         expectOnly(root, {declared.c_str(), "version"});
         const int32_t version = integer(root, "version", 0);
+        // What a later version means is unknown, so nothing of it is taken.
         if (version > kDocumentVersion) {
             fail(root, "written by a later version of this program");
         }
@@ -143,6 +147,7 @@ private:
         }
         const std::string_view digits = found.value();
         int32_t number = 0;
+        // Unlike the parser's own reading of numbers this refuses what stands behind the digits.
         const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), number);
         if (result.ec != std::errc() || result.ptr != digits.data() + digits.size()) {
             fail(node, "\"" + std::string(attribute) + "\" must be a whole number of 32 bits");
@@ -216,6 +221,8 @@ private:
         out.resize(valid ? bytes : 0);
         std::string visible = out;
         for (char& c : visible) {
+            // Control characters and the two of the noncharacters below are why a text is written
+            // so. A zero is none of these: no text of the registry has one.
             c = c > '\0' && c < ' ' ? ' ' : c;
         }
         std::string_view rest = visible;
@@ -319,6 +326,7 @@ private:
             text(node, "key", 1, kMaxCodeBytes), text(node, "group", 0, kMaxCodeBytes),
             text(node, "number", 0, kMaxValueBytes), text(node, "application", 0, kMaxValueBytes)};
         KeyValue entry{group.key, groupValue(group)};
+        // Taken apart again: a '/' in one of the parts would be taken for the mark between them.
         const auto again = parseGroup(entry);
         if (!again || again->name != group.name || again->pattern != group.pattern ||
             entry.value.size() > kMaxValueBytes) {

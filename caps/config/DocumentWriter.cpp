@@ -26,6 +26,7 @@ Fitness fitness(std::string_view text) {
             if (first >= 0x80 && !noncharacter) {
                 return Fitness::notUtf8;
             }
+            // Can be told in base64 as long as the rest is UTF-8.
             worst = Fitness::control;
             bytes = noncharacter ? 3 : 1;
         }
@@ -121,6 +122,8 @@ private:
         setText(addAttribute(element, attribute), text);
     }
     static void setTime(pugi::xml_node& element, int64_t changed) {
+        // A database of an earlier version does not know it, and a longer year would not be read
+        // again.
         if (changed > 0 && changed <= kLastTime) {
             addAttribute(element, "changed") = timeText(changed).c_str();
         }
@@ -187,6 +190,8 @@ private:
         setTime(element, subdomain.changed);
         for (const KeyValue& entry : subdomain.data) {
             const auto group = areGroups ? parseGroup(entry) : std::nullopt;
+            // An attribute has no way to say how it is encoded, so what needs that is written as a
+            // value.
             if (!group || fitness(entry.value) != Fitness::plain) {
                 addValue(element, nullptr, entry.key, entry.value);
                 continue;

@@ -57,11 +57,14 @@ private:
     }
 
     bool isTaken(int64_t there, int64_t incoming) const {
+        // 0 stands for a time that is not known, and is older than nothing.
         return rule_ == Rule::replace || (rule_ == Rule::newer && incoming > there && there != 0);
     }
 
     Status take(const Product& product) {
         for (const Payload& payload : product.payloads) {
+            // Payloads are found by their identifiers alone, so two products cannot have the same
+            // one.
             const auto owner = payloads_.find(payload.code);
             if (owner != payloads_.end() && owner->second->code != product.code) {
                 reason_ = "payload " + payload.code + " belongs to product " + owner->second->code;
@@ -70,6 +73,8 @@ private:
         }
         const auto found = products_.find(product.code);
         if (found != products_.end() &&
+            // What says the same is not written again: its time, and that of the whole, would
+            // change for nothing.
             (*found->second == product || !isTaken(found->second->changed, product.changed))) {
             ++merged_.kept;
             return Status::ok;
@@ -95,6 +100,8 @@ private:
             ++merged_.skipped;
             return Status::ok;
         }
+        // Either may be the same application: the name of the subdomain is not always its
+        // specifier.
         const auto byName = subdomains_.find(nameOf(subdomain));
         const auto bySpecifier = applications_.find(effectiveSpecifier(subdomain));
         const Subdomain* there = byName != subdomains_.end()          ? byName->second
@@ -109,6 +116,8 @@ private:
             return Status::ok;
         }
         ++merged_.replaced;
+        // Under the same name the row stays, and with it its place in the order. Under another name
+        // both would register the application.
         const Status status = there->name == subdomain.name
                                   ? store_.clearSubdomain(there->domain, there->name)
                                   : store_.removeSubdomain(there->domain, there->name);
@@ -132,10 +141,13 @@ private:
         for (const KeyValue& entry : groups.data) {
             const auto known = entries.find(groupName(entry));
             if (known == entries.end()) {
+                // Its own key may belong to another entry here.
                 changes.data.push_back({freeKey(entry.key, keys), entry.value});
                 ++merged_.added;
             } else if (known->second->value != entry.value &&
                        isTaken(there.changed, groups.changed)) {
+                // Under the key that it has here: keys of group entries are names of their lines
+                // only.
                 changes.data.push_back({known->second->key, entry.value});
                 ++merged_.replaced;
             } else {
@@ -188,6 +200,7 @@ bool liesIn(const std::string& path, std::string folder) {
     while (folder.size() > 1 && folder.ends_with('/')) {
         folder.pop_back();
     }
+    // With the mark: a neighbour whose name only begins the same is not meant.
     return path == folder || folder == "/" || path.starts_with(folder + "/");
 }
 

@@ -31,6 +31,7 @@ Status exportAll(const CapsConfigRequest& request, std::string& text) {
     if (status == Status::ok && *request.below != '\0') {
         Contents below;
         std::string unread;
+        // What is the user's own can be exported whether or not the system's can be read.
         if (readAll(request.below, below, unread) == Status::ok) {
             contents = layered(std::move(below), std::move(contents), request.below);
         }
@@ -50,6 +51,7 @@ Status exportAll(const CapsConfigRequest& request, std::string& text) {
 }
 
 Status readSource(const std::string& source, Contents& out, std::string& text) {
+    // A document itself. A path that begins so can be given with its folder.
     if (source.starts_with('<')) {
         out = readDocument(source, "document");
         return Status::ok;
@@ -61,6 +63,7 @@ Status readSource(const std::string& source, Contents& out, std::string& text) {
         text = source + ": cannot be read";
         return Status::failed;
     }
+    // With these bytes every database of SQLite begins.
     if (bytes.starts_with("SQLite format 3")) {
         return readAll(source, out, text);
     }
@@ -76,6 +79,7 @@ Status change(const char* path, std::string& text, Work&& work) {
     if (status != Status::ok) {
         return status;
     }
+    // Ends with its object: whatever fails on the way leaves the database as it was.
     Store::Transaction transaction(*store);
     status = transaction.begin();
     if (status == Status::ok) {
@@ -126,6 +130,7 @@ extern "C" int32_t capsConfigRun(const CapsConfigRequest* request) {
             status = caps::Status::invalidArgument;
             text = error.what();
         }
+        // What went wrong is told this way, too.
         request->give(request->to, text.data(), text.size());
         return static_cast<int32_t>(status);
     } catch (const std::exception&) { // memory
