@@ -11,6 +11,8 @@
 namespace caps::tool {
 namespace {
 
+// By removing and adding, so that it moves to the end of the order, as an application that is
+// imported again does.
 Status replaceProduct(Store& store, const Product& product, bool& replaced) {
     const Status status = store.removeProduct(product.code);
     replaced = status == Status::ok;
@@ -111,6 +113,8 @@ int addApplication(Context& context, Application application) {
                                                              ? std::optional<Consequences>(context)
                                                              : std::nullopt;
         context.expect(writeApplication(context.store(), application, replaced));
+        // Inside of the transaction and after the writing: what is judged is the registry as it
+        // would be, and a refusal takes it back.
         requirePath(context, application);
         if (consequences) {
             consequences->tell();
@@ -199,6 +203,8 @@ int addGroup(Context& context, const Group& group) {
 
 int removeGroup(Context& context, const Group& group) {
     context.open(Store::Access::write);
+    // The layer reads groups in lower case, so entries that differ in their letters' case alone are
+    // the same one.
     const std::string value = lowerCase(groupValue(group));
     context.inTransaction([&] {
         bool found = false;
@@ -222,6 +228,7 @@ int importDesktop(Context& context, const std::string& folder) {
     for (const std::string& skipped : found.skipped) {
         context.err << "ovrel-caps: " << printable(skipped) << '\n';
     }
+    // Before the database is opened, which would make one for nothing.
     if (found.applications.empty()) {
         throw Failure(folder + ": no application found");
     }

@@ -105,6 +105,7 @@ private:
     void checkListing(const Reading::Record& record) {
         const Reading::Record* const shown = reading_.shown(record);
         const std::string path = shown != nullptr ? shown->path : "";
+        // The listing looks for the last '/' of the path without asking whether there is one.
         if (path.find('/') == std::string::npos) {
             report(record.specifier,
                    path.empty()

@@ -58,6 +58,7 @@ int import(Context& context, const std::string& file, const ImportOptions& optio
     if (kind == SourceKind::toml && options.rule.empty() && !options.dryRun) {
         return importToml(context, file);
     }
+    // Read and judged before the database is opened: a file that is refused must not make one.
     const Contents incoming = readSource(file, context.in);
     const auto rule = config::ruleOf(options.rule.empty() ? "replace" : options.rule);
     if (!rule) {
@@ -70,6 +71,8 @@ int import(Context& context, const std::string& file, const ImportOptions& optio
     Store::Transaction transaction(context.store());
     context.expect(transaction.begin());
     const Consequences consequences(context);
+    // A dry run does the work and takes it back: what it tells is what would happen, and no second
+    // way of reckoning that could differ.
     const Contents before = options.dryRun ? context.readAll() : Contents();
     config::Merged merged;
     std::string reason;

@@ -10,6 +10,7 @@
 namespace caps::tool {
 
 std::string dump(const nlohmann::ordered_json& json) {
+    // Texts of the database may be no UTF-8, which the library would otherwise throw for.
     return json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }
 
@@ -45,6 +46,7 @@ Contents Context::readAll() {
 
 Contents Context::readLayers() {
     Contents contents = readAll();
+    // A database that was named on the command line stands alone.
     const std::string below = databasePath.empty() ? databaseBelow(path_) : "";
     std::unique_ptr<Store> store;
     Contents lower;

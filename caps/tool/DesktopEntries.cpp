@@ -106,6 +106,7 @@ bool isProgram(const std::string& path) {
 // The program's path: itself, or the first one on the PATH; empty when there is none.
 std::string resolved(const std::string& program) {
     if (program.find('/') != std::string::npos) {
+        // A relative path would be one from wherever the import was run.
         return program.front() == '/' && isProgram(program) ? program : "";
     }
     const char* value = std::getenv("PATH"); // NOLINT(concurrency-mt-unsafe): one thread
@@ -145,6 +146,7 @@ std::string firstWord(const std::string& line, size_t& end) {
     if (line[first] != '"') {
         end = std::min(line.find(' ', first), line.size());
         program = line.substr(first, end - first);
+        // These have to be quoted: who has not means something else with them, perhaps a shell.
         return program.find_first_of("\"'\\`$<>~|&;*?#()%") == std::string::npos ? program : "";
     }
     for (size_t i = first + 1; i < line.size(); ++i) {
@@ -236,6 +238,7 @@ std::optional<Application> readDesktopEntry(std::istream& in, const std::string&
     }
     Application application;
     application.specifier = lowerCase(fs::path(path).stem().string());
+    // These are the marks between the parts of a specifier.
     for (char& c : application.specifier) {
         c = c == '-' || c == '_' || c == '#' ? '.' : c;
     }
@@ -246,6 +249,8 @@ std::optional<Application> readDesktopEntry(std::istream& in, const std::string&
         reason = *fault;
         return std::nullopt;
     }
+    // The program's own path where that is all there is to it; else the desktop's library has to
+    // read the file again when it is started.
     const bool alone = startsProgramAlone(field(fields, "Exec")) && tryExec.empty() &&
                        !isTrue(fields, "Terminal") && !isTrue(fields, "DBusActivatable");
     application.keys = {{std::string(kPathKey), alone ? programPath : path}};
@@ -275,6 +280,8 @@ DesktopImport readDesktopFolder(const std::string& folder) {
     if (error) {
         result.skipped.push_back(folder + ": " + error.message());
     }
+    // Folders are read in no order, and of two files with the same specifier the first has it: the
+    // same one each time.
     std::sort(files.begin(), files.end());
     std::set<std::string> specifiers;
     for (const fs::path& file : files) {

@@ -39,6 +39,7 @@ public:
         index();
         for (const DropIn& file : files_) {
             if (!file.fault.empty()) {
+                // A file with a mistake must not remove what it brought while it was right.
                 remarks_.push_back(file.fault);
                 kept_.insert(fileName(file.path));
                 continue;
@@ -106,6 +107,8 @@ private:
             tellByHand(what, file);
             return Status::ok;
         }
+        // Nothing is written for what is there already, so that `sync` without a change leaves the
+        // modification times as they are.
         const bool same = *found->second == product && found->second->origin == file.path;
         return same ? Status::ok : store_.replaceProduct(product);
     }
@@ -130,6 +133,7 @@ private:
         if (there == subdomain && origin == file.path) {
             return Status::ok;
         }
+        // The row stays, and with it its place in the order.
         const Status status = store_.clearSubdomain(there.domain, there.name);
         return status == Status::ok ? store_.writeSubdomain(subdomain) : status;
     }
@@ -222,6 +226,8 @@ private:
                 ++removed;
             }
         }
+        // A subdomain that only files filled goes with the last of its values; one that was made
+        // empty by hand stays.
         const bool isEmpty =
             removed != 0 && removed == subdomain.data.size() && !filled(keyOf(subdomain));
         return status == Status::ok && isEmpty
@@ -255,9 +261,13 @@ std::vector<DropIn> readDropIns(const std::vector<std::string>& folders) {
         std::error_code error;
         for (const fs::directory_entry& entry : fs::directory_iterator(folder, error)) {
             if (entry.path().extension() == ".toml") {
+                // The folders come in the order of their rank: a later one's file takes the place
+                // of an earlier one's.
                 paths[entry.path().filename().string()] = entry.path().string();
             }
         }
+        // A folder that cannot be read is not an empty one: all that its files brought would be
+        // removed.
         if (error && error != std::errc::no_such_file_or_directory) {
             throw Failure(folder + ": " + error.message());
         }

@@ -21,6 +21,7 @@ constexpr std::string_view kDatabaseMark = "SQLite format 3";
 std::string readWhole(std::istream& in, const std::string& name) {
     std::string text;
     char block[65536];
+    // Counted while it is read: standard input tells no size beforehand.
     while (in.read(block, sizeof block) || in.gcount() > 0) {
         text.append(block, static_cast<size_t>(in.gcount()));
         if (text.size() > kMaxSourceBytes) {
@@ -111,6 +112,7 @@ private:
 
 std::ifstream openFile(const std::string& file) {
     struct stat status {};
+    // Opening a pipe would wait for a writer that may never come.
     if (stat(file.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
         throw Failure(file + ": not a file");
     }
@@ -123,6 +125,8 @@ std::ifstream openFile(const std::string& file) {
 
 SourceKind kindOf(std::istream& in) {
     const int first = in.peek();
+    // TOML begins neither with '<' nor, here, with the mark of UTF-8, which some editors write
+    // before XML.
     return first == '<' || first == 0xEF ? SourceKind::document : SourceKind::toml;
 }
 

@@ -361,6 +361,8 @@ void writeProduct(std::ostream& out, const Product& product) {
             << "\ninstall-state = " << payload.installState << "\n";
         const PayloadValue* before = nullptr;
         for (const PayloadValue& value : payload.data) {
+            // A new table with each change of the domain, not one a domain: the order of the values
+            // is kept.
             if (before == nullptr || before->domain != value.domain) {
                 out << "[[product.payload.data]]\ndomain = " << value.domain
                     << "\n[product.payload.data.values]\n";
@@ -424,6 +426,8 @@ std::vector<TomlEntry> parseToml(std::istream& in, const std::string& name) {
             placed.push_back({position, {read(*table, name), TableReader::at(name, position)}});
         }
     };
+    // By kind first, since the parser gives each kind as a list of its own; the order of the file,
+    // which is that of the registration, comes back below.
     collect("application", readApplication);
     collect("group", readGroup);
     collect("product", readProduct);
@@ -448,6 +452,7 @@ void writeToml(std::ostream& out, const Contents& contents) {
     if (const auto where = firstThatIsNotUtf8(contents)) {
         throw TomlError(*where + " is no UTF-8 and cannot be written as TOML");
     }
+    // Not to the output at once: an export that is broken off in the middle would pass for one.
     std::ostringstream text;
     text.imbue(std::locale::classic());
     for (const Product& product : contents.products) {

@@ -84,6 +84,8 @@ public:
         sent.text = event.at("text");
         Sent& message = all_.messages_[indexOf(std::move(sent), told)];
         message.events += (message.events.empty() ? "" : ", ") + name;
+        // A reply may have come before: what arrives after the time-out of its request does not
+        // undo it, nor the other way round.
         if (name == "timed out" && message.outcome == Outcome::none) {
             message.outcome = Outcome::timedOut;
         }
@@ -114,6 +116,7 @@ private:
 
     void answer(Sent& reply, const std::string& kind) {
         const auto request = requests_.find({reply.target, reply.sender, reply.serial});
+        // A capture may begin in the middle of a conversation.
         if (request == requests_.end()) {
             return;
         }
@@ -122,6 +125,8 @@ private:
                         : kind == CV_TYPE_TIMEOUT ? Outcome::timedOut
                                                   : Outcome::answered;
         Sent& asked = all_.messages_[request->second];
+        // That a request has been received is no answer to it, and the first of several answers
+        // counts.
         if (kind != CV_TYPE_RECEIVED && asked.outcome == Outcome::none) {
             asked.outcome = reply.outcome;
             asked.answerMicroseconds = reply.microseconds - asked.microseconds;

@@ -246,6 +246,7 @@ Exit send(const Output& output, const SendOptions& options) {
     const bool isAsking = options.waitSeconds != 0;
     message.setResponseRequest(isAsking ? "Received Result Error Timeout Processed" : "");
     message.setTimeout(options.waitSeconds);
+    // Taken beforehand: the handlers of the replies go by it, and stand before the message is sent.
     const uint32_t serial = message.getNextSerialNumber(nullptr);
     message.setSerialNumber(serial);
     Replies replies(output);

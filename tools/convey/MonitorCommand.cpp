@@ -102,6 +102,7 @@ class Forwarding {
 public:
     Forwarding(std::string target, std::string observer, const char* key)
         : target_(std::move(target)), observer_(std::move(observer)), key_(key) {
+        // Setting a key is answered with its value; any other answer says why it was not set.
         const std::string answer = ask(std::string(key_) + "=" + observer_);
         if (answer != observer_) {
             throw Failure(kNo, target_ + ": " + (answer.empty() ? "no answer" : answer));
@@ -250,6 +251,8 @@ private:
 
     void record(const Json& json) {
         if (capture_.is_open()) {
+            // Each line at once: a capture is looked at while it grows, and is whole up to the last
+            // event when this process is killed. What peers wrote may be no UTF-8.
             capture_ << json.dump(-1, ' ', false, Json::error_handler_t::replace) << std::endl;
         }
         if (output_.json) {

@@ -39,6 +39,8 @@ void Ending::listen(const bool& inJson) {
         return; // never, for 0
     }
     std::thread([&inJson] {
+        // A handler of a signal may do little more than raise a semaphore, so a thread does the
+        // rest.
         while (sem_wait(&gWanted) != 0) {
         }
         std::this_thread::sleep_for(kGrace);

@@ -85,6 +85,7 @@ public:
 
 private:
     static double perSecond(int64_t& before, int64_t now, double seconds) {
+        // Counters that went back are those of a new process.
         const double rate = before < 0 || now < before || seconds <= 0
                                 ? -1
                                 : static_cast<double>(now - before) / seconds;
@@ -102,6 +103,7 @@ private:
         History& history = histories_[name];
         const auto now = steady_clock::now();
         const double passed = std::chrono::duration<double>(now - history.at).count();
+        // Less than before is another process under the same name.
         if (history.seconds >= 0 && facts.seconds >= history.seconds) {
             line.processor = 100 * (facts.seconds - history.seconds) / passed;
         }
