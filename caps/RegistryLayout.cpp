@@ -44,6 +44,7 @@ std::string subdomainOf(std::string_view specifier) {
 }
 
 bool isApplicationSubdomain(const Subdomain& subdomain) {
+    // With the mark behind the name: "groups" itself is taken, "groupsoft-1.0" is an application.
     return subdomain.domain == kRegistryDomain && subdomain.name.starts_with(kAppPrefix) &&
            subdomain.name.size() > kAppPrefix.size() &&
            !(subdomain.name + "/").starts_with(kGroupPrefix);

@@ -67,6 +67,8 @@ Status orNothing(Status status) {
 
 // The domain of both databases, shown to the visitor as if it were one's.
 Status visitLayers(Store& store, Store& below, int32_t domain, Store::Visitor& visitor) {
+    // Both are read before anything is shown: what the upper one has decides what is shown of the
+    // lower.
     Contents lower;
     Contents upper;
     Status status = orNothing(below.readDomain(domain, lower.subdomains));
@@ -113,6 +115,7 @@ Status DomainSnapshot::read(Store& store, Store* below, int32_t domain,
                             std::shared_ptr<const DomainSnapshot>& out) {
     auto snapshot = std::make_shared<DomainSnapshot>();
     Builder builder(*snapshot);
+    // With one database the rows go straight into the snapshot, and nothing is held twice.
     const Status status = below == nullptr ? store.visitDomain(domain, builder)
                                            : visitLayers(store, *below, domain, builder);
     if (status == Status::ok) {
@@ -165,6 +168,7 @@ public:
         target_.productCodes_.push_back(text);
         target_.products_.push_back({text});
         target_.payloadRanges_.push_back({target_.payloads_.size(), 0});
+        // Places, not pointers: the list that they are of still grows.
         target_.payloadCodeOffsets_.push_back(target_.payloadCodes_.size());
     }
     void onPayload(std::string_view code, std::string_view kind, std::string_view launchPath,

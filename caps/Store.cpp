@@ -63,6 +63,7 @@ Status isRegularDatabase(const std::string& path, std::string& reason) {
 } // namespace
 
 Status statusOf(int sqliteCode) {
+    // An extended code has the plain one in its lowest byte.
     switch (sqliteCode & 0xFF) {
     case SQLITE_OK:
     case SQLITE_DONE:

@@ -19,6 +19,7 @@ Status Store::checkEntry(std::string_view key, std::string_view value) {
 }
 
 Status Store::runOnSomething(Statement& statement, const char* operation) {
+    // SQLite takes it for success to change no row at all.
     const Status status = run(statement, operation);
     return status == Status::ok && sqlite3_changes(impl_->connection) == 0 ? Status::nothingThere
                                                                            : status;
@@ -30,6 +31,8 @@ Status Store::addSubdomain(int32_t domain, std::string_view subdomain) {
                       "a subdomain has 1 to " + limits::inWords("database.subdomain"));
     }
     return inTransaction([&] {
+        // Whatever is written below a subdomain is a change of it. Within the same second the row
+        // is not written again, which an import would do for each value.
         Statement& insert = impl_->prepared(
             "INSERT INTO subdomain (domain, name, changed) VALUES (?1, ?2, unixepoch()) "
             "ON CONFLICT DO UPDATE SET changed = excluded.changed "

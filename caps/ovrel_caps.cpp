@@ -143,6 +143,7 @@ Status withSubdomain(capsiSession* session, int32_t number, const char* subdomai
     if (found < 0) {
         return Status::nothingThere;
     }
+    // The next question is expected where the last one was answered: a walk asks in order.
     if (found != domain->lastSubdomain) {
         domain->lastSubdomain = found;
         domain->nextKey = 0;
@@ -195,6 +196,7 @@ capsStatus writing(capsiSession* session, bool usable, Work&& work) noexcept {
 
 extern "C" {
 
+// Each part of the interface has names of its own for it; any session serves all of them.
 capsStatus mdbOpenSessionNoCreate(capsiSession** session, int32_t mode) {
     return openSession(session, mode);
 }

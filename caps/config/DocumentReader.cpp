@@ -94,12 +94,14 @@ private:
         return root;
     }
 
+    // An element of another prefix gets no name that is known here.
     std::string nameOf(const pugi::xml_node& node) const {
         const std::string_view name = node.name();
         return name.starts_with(prefix_) ? std::string(name.substr(prefix_.size())) : std::string();
     }
 
     void expectOnly(const pugi::xml_node& node, const Attributes& known) const {
+        // The parser takes an attribute that stands twice.
         std::set<std::string_view> met;
         for (const pugi::xml_attribute& attribute : node.attributes()) {
             const std::string_view name = attribute.name();
@@ -194,6 +196,7 @@ private:
             if (child.type() == pugi::node_element) {
                 fail(child, "a value is a text");
             }
+            // In several pieces where a part of it stands in a CDATA section.
             value += child.value();
         }
         if (const pugi::xml_attribute encoding = node.attribute("encoding")) {

@@ -30,6 +30,8 @@ public:
         for (const Subdomain& subdomain : there_.subdomains) {
             subdomains_.emplace(nameOf(subdomain), &subdomain);
             if (isApplicationSubdomain(subdomain)) {
+                // Of two registrations of one specifier the first counts, as for everybody who
+                // searches.
                 applications_.emplace(effectiveSpecifier(subdomain), &subdomain);
             }
         }
@@ -82,6 +84,8 @@ private:
         ++(found == products_.end() ? merged_.added : merged_.replaced);
         const Status status =
             found == products_.end() ? store_.addProduct(product) : store_.replaceProduct(product);
+        // The time comes with the entry: written as of now, it would pass for newer than where it
+        // came from.
         return status == Status::ok && product.changed > 0
                    ? store_.setProductChanged(product.code, product.changed)
                    : status;

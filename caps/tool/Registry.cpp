@@ -176,6 +176,7 @@ std::set<std::string> specifiersOfPayloads(const Contents& contents) {
 
 Status writeApplication(Store& store, const Application& application, bool& replaced) {
     const std::string subdomain = subdomainOf(application.specifier);
+    // Written anew from the beginning: keys that are not said any more must go.
     Status status = store.removeSubdomain(kRegistryDomain, subdomain);
     if (status != Status::ok && status != Status::nothingThere) {
         return status;

@@ -51,6 +51,7 @@ public:
             std::string_view text(value);
             // The encoding and the variant behind these say nothing about the language.
             text = text.substr(0, text.find_first_of(".@"));
+            // Not the next variable: this one has decided.
             if (!isIdentifier(text)) {
                 return false; // "C" and "POSIX" among others
             }

@@ -96,6 +96,7 @@ PortDescriptor& PortDescriptor::operator=(PortDescriptor&& other) noexcept {
     // One of the parent's is in no list, and its number may be a file of this process by now.
     const bool isOpen = other.get() >= 0;
     fd_ = std::exchange(other.fd_, -1);
+    // Of the process that opened it, whichever moves it.
     generation_ = other.generation_;
     if (isOpen) {
         open.removeLocked(other);

@@ -355,6 +355,7 @@ void PortReceiver::admit(PortDescriptor socket, int32_t process) {
     Connection connection;
     connection.socket = std::move(socket);
     connection.process = process;
+    // As if it had just sent: a newcomer must not be the quietest at once.
     connection.lastText = lastText_;
     // A process that closed one connection before it made this one wants them read in that order.
     for (auto& [olderNumber, older] : connections_) {

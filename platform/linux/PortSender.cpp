@@ -39,6 +39,8 @@ constexpr auto kFolderLookPause = std::chrono::milliseconds(limits::of("port.loo
 // The end of a wait, and what is left of it.
 class Deadline {
 public:
+    // A day at most: the largest number of milliseconds, added to the clock, would be a moment in
+    // the past.
     explicit Deadline(int64_t milliseconds)
         : end_(Time::now() + std::chrono::milliseconds(
                                  std::clamp<int64_t>(milliseconds, 0, int64_t{24} * 3600 * 1000))) {
@@ -240,6 +242,8 @@ bool PortSender::Connection::hasLost(const PortIncarnation& owner) {
         }
     }
     PortFolder folder;
+    // That the connection has ended proves nothing: its owner may have closed it to make room. So
+    // the name is asked.
     const PortFolder::State state = folder.open(PortFolder::Use::ifThere);
     if (state != PortFolder::State::usable) {
         return state == PortFolder::State::missing;

@@ -38,6 +38,7 @@ std::string readProc(uint32_t number, const char* leaf) {
     return text;
 }
 
+// Empty for one that is not this user's to look at, and for a path that may have been cut.
 std::string linkOf(uint32_t number, const char* leaf) {
     char path[PATH_MAX];
     const ssize_t length = readlink(procPath(number, leaf).c_str(), path, sizeof path);
@@ -109,6 +110,7 @@ std::string workingFolderOf(uint32_t number) {
 }
 
 std::vector<std::string> commandLineOf(uint32_t number, size_t maximumWords) {
+    // The kernel ends each word with a zero byte, an empty one, too. A program may write over them.
     const std::string text = readProc(number, "/cmdline");
     std::string_view rest(text);
     std::vector<std::string> words;

@@ -29,6 +29,7 @@ std::string withoutSlashes(std::string path) {
     return path;
 }
 
+// What is not there any more may still run, and is compared as it was given.
 std::string resolved(const std::string& path) {
     std::string real;
     return Files::own().resolve(path, real) ? real : path;
@@ -89,6 +90,8 @@ public:
 
     bool startProgram(const std::string& name, const std::vector<std::string>& arguments) override {
         const SessionEnvironment environment = sessionEnvironment(false);
+        // Of the child's environment, which has a path also where this process was started without
+        // one.
         const std::string folders = environment.value("PATH");
         std::string_view rest(folders);
         int error = ENOENT;

@@ -209,6 +209,7 @@ std::unique_ptr<WindowManager> WindowManager::connect() {
     }
     int screenNumber = 0;
     {
+        // For the connecting alone: whatever is asked afterwards uses nothing that others share.
         const Turn turn;
         if (!turn.isOurs()) {
             return nullptr; // whoever has it waits for a server that does not answer
@@ -263,6 +264,8 @@ WindowManager::windowsOf(const std::function<bool(uint32_t process)>& isWanted) 
                                                       XCB_ATOM_WINDOW, kMaximumWindows)) {
         const auto process =
             connection_->numbers(window, connection_->process, XCB_ATOM_CARDINAL, 1);
+        // Each question goes to the server and back, so the machine is asked for windows that are
+        // wanted only.
         if (!process.empty() && isWanted(process.front()) && connection_->isOfThisMachine(window)) {
             wanted.push_back(window);
         }

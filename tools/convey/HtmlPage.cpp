@@ -3,6 +3,7 @@
 namespace convey_tool {
 namespace {
 
+// One file that fetches nothing, and forbids that itself: what is shown comes from other processes.
 constexpr const char* kBeforeData = R"page(<!DOCTYPE html>
 <html lang="en">
 <head>

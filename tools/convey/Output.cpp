@@ -19,6 +19,7 @@ bool isContinuation(char c) {
 }
 
 size_t width(const std::string& text) {
+    // Of characters, not of bytes: columns of other alphabets stay in line.
     return static_cast<size_t>(
         std::count_if(text.begin(), text.end(), [](char c) { return !isContinuation(c); }));
 }

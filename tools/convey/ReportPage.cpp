@@ -164,6 +164,7 @@ std::string reportPage(const std::string& name, const Conversation& conversation
     Json messages = Json::array();
     for (const Conversation::Sent& sent : conversation.messages()) {
         const size_t from = lane(sent.sender);
+        // Without the names of the fields, which a long capture would repeat for each message.
         messages.push_back({sent.microseconds, sent.type, from, lane(sent.target), sent.serial,
                             sent.sizeBytes, sent.text, sent.events, sent.request,
                             sent.answerMicroseconds, static_cast<int>(sent.outcome),
