@@ -35,6 +35,7 @@ struct Parts {
 
     static Parts of(std::string_view text) {
         Parts parts;
+        // The suffix first: it may hold the marks of the other parts.
         if (const size_t hash = text.find('#'); hash != std::string_view::npos) {
             parts.suffix = text.substr(hash + 1);
             text = text.substr(0, hash);
@@ -318,6 +319,8 @@ void Reading::readApplication(const Subdomain& subdomain) {
                                                      : "has one letter and no \"Specifier\""});
         return;
     }
+    // Filled in before registrations are compared: two are the same record when they come to the
+    // same.
     if (fields.others[0].empty()) { // the window class
         fields.others[0] = Parts::of(specifierOf(fields.specifier)).appName;
     }

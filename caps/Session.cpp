@@ -107,6 +107,7 @@ Database* Database::acquireOpen() {
 
 void Database::release(Database* database) {
     const std::lock_guard<std::mutex> lock(gMutex);
+    // With the lock of all: nobody comes to use it between its last release and its end.
     if (--database->state_->users == 0) {
         if (gDatabase == database) {
             gDatabase = nullptr;
@@ -182,11 +183,13 @@ Status Database::refreshLocked() {
 
 // Hands on what came of reading both databases.
 Status Database::failing(Status status) const {
+    // The upper one's reason goes first: it has none when reading it worked.
     const std::string& own = state_->store->lastError();
     return noting(status,
                   own.empty() && state_->below != nullptr ? state_->below->lastError() : own);
 }
 
+// Reads with the lock held: the connection has none of its own.
 Status Database::domain(int32_t domain, bool refresh, std::shared_ptr<const DomainSnapshot>& out) {
     const std::lock_guard<std::mutex> lock(state_->mutex);
     Status status = refresh ? refreshLocked() : Status::ok;
@@ -250,6 +253,8 @@ Status Database::modTimes(bool ofProducts, uint32_t& out) {
 // Through a connection of its own: reading sessions keep theirs read-only.
 template <class Work>
 Status Database::write(Work&& work) {
+    // Without the lock: a writer may wait for seconds until others let it, and this process's
+    // readers need not.
     std::unique_ptr<Store> writer;
     Status status = Store::open(state_->path, Store::Access::write, writer);
     if (status == Status::ok) {

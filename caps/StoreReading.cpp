@@ -271,6 +271,7 @@ Status Store::modTime(const char* what, uint32_t& out) {
     statement.bind(std::string_view(what));
     const int code = statement.step();
     if (code != SQLITE_ROW) {
+        // The row is made with its table, and no program of ours removes it.
         return code == SQLITE_DONE ? refuse(Status::damaged, "the modification times are missing")
                                    : fail(code, "modification times cannot be read");
     }

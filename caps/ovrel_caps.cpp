@@ -114,6 +114,7 @@ Status domainOf(capsiSession* session, int32_t number, bool refresh, capsiSessio
     std::shared_ptr<const caps::DomainSnapshot> snapshot;
     const Status status = session->database->domain(number, refresh, snapshot);
     if (status == Status::ok && snapshot != domain.snapshot) {
+        // The places that a walk had reached were those of the state before.
         domain = {std::move(snapshot), 0, 0};
     }
     return status;

@@ -26,6 +26,7 @@ void Consequences::tell() const {
     const auto say = [this](const std::string& line) {
         context_.err << "ovrel-caps: " << printable(line) << '\n';
     };
+    // Told even where the application has a path of its own, which no check takes for harm.
     const Reading reading(after);
     for (const Reading::Record& record : reading.records()) {
         if (!record.redirect.empty() && reading.find(record.redirect) == nullptr &&

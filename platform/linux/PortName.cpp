@@ -161,6 +161,7 @@ bool PortName::own() {
 
 bool PortName::takeLock(PortDescriptor lock) {
     lock_ = std::move(lock);
+    // With the lock held: from here on nobody else removes the file.
     if (whatIsAtLockFile() != Found::same) {
         lock_.reset();
         return false;

@@ -311,7 +311,7 @@ SendResult PortSender::Connection::open(Deadline& deadline) {
             std::this_thread::sleep_for(kPause);
             continue;
         }
-        // The target ended between the look at its lock and here.
+        // The target ended between the look at its lock and here, or does not listen yet.
         if (errno == ENOENT || errno == ECONNREFUSED) {
             return SendResult::noReceiver;
         }
@@ -504,7 +504,7 @@ void PortSender::closeIdle() {
 
 SendResult PortSender::send(const std::string& name, std::string_view text,
                             int64_t timeoutMilliseconds, std::shared_ptr<TargetWatch>* taker) {
-    // A name that nobody can own has no receiver, as for `look`.
+    // A name that nobody can own has no receiver.
     if (name.empty() || name.find('\0') != std::string::npos) {
         return SendResult::noReceiver;
     }
