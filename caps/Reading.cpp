@@ -35,7 +35,6 @@ struct Parts {
 
     static Parts of(std::string_view text) {
         Parts parts;
-        // The suffix first: it may hold the marks of the other parts.
         if (const size_t hash = text.find('#'); hash != std::string_view::npos) {
             parts.suffix = text.substr(hash + 1);
             text = text.substr(0, hash);
@@ -86,13 +85,12 @@ double versionNumber(std::string_view specifier) {
 
 bool isMakersAddress(std::string_view text) {
     constexpr std::string_view kScheme = "https://";
-    // What passes here is opened by a browser when the application is launched.
     if (!text.starts_with(kScheme)) {
         return false;
     }
     text.remove_prefix(kScheme.size());
     const std::string_view host = text.substr(0, text.find('/'));
-    // Letters, digits, '.' and '-' only: with '@' or ':' before it the end of the text would be no
+    // What passes is opened by a browser: with '@' or ':' before it the end of the text would be no
     // end of a host's name.
     return host.ends_with(".ovrel.example") &&
            host.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
@@ -275,7 +273,6 @@ void Reading::readJoins() {
             if (payload->launchPath.size() < kLaunchPathBytes) {
                 join.launchPath = payload->launchPath;
             }
-            // The first of three places that has it, as the layer asks for them.
             take(valueOf(*payload, 4, kConfigPathKey));
         }
         take(caps::find(subdomain.data, kConfigPathKey));
@@ -319,8 +316,6 @@ void Reading::readApplication(const Subdomain& subdomain) {
                                                      : "has one letter and no \"Specifier\""});
         return;
     }
-    // Filled in before registrations are compared: two are the same record when they come to the
-    // same.
     if (fields.others[0].empty()) { // the window class
         fields.others[0] = Parts::of(specifierOf(fields.specifier)).appName;
     }
@@ -395,8 +390,6 @@ void Reading::resolveRedirects() {
             chain.push_back(current);
             current = static_cast<size_t>(target - records_.data());
         }
-        // All of a chain have the same end, and those that lead into a circle are as lost as its
-        // members.
         for (const size_t member : chain) {
             ends[member] = end;
             inChain[member] = false;
