@@ -113,6 +113,22 @@ TEST_F(ProcessesTest, startsASessionOfItsOwn) {
     EXPECT_THAT(note(), HasSubstr("_TIME0\n")) << "toolkits leave the focus where it is";
 }
 
+TEST_F(ProcessesTest, givesWhatAHostHasClosed) {
+    const std::string path = notingProgram("app", "ls /proc/$$/fd");
+    int kept[3];
+    for (int fd = 0; fd < 3; ++fd) {
+        kept[fd] = fcntl(fd, F_DUPFD_CLOEXEC, 10);
+        close(fd);
+    }
+    const uint32_t number = start(path);
+    for (int fd = 0; fd < 3; ++fd) {
+        dup2(kept[fd], fd);
+        close(kept[fd]);
+    }
+    ASSERT_NE(number, 0U) << testing::PrintToString(log.lines);
+    EXPECT_THAT(note(), testing::StartsWith("0\n1\n"));
+}
+
 TEST_F(ProcessesTest, knowsWhatRuns) {
     const std::string path = notingProgram("app", "echo");
     const uint32_t number = start(path);
