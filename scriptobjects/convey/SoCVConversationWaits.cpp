@@ -46,21 +46,31 @@ void Conversations::watch(const Message& request, const SoString& watcher, uint3
     // are.
     const int64_t deadline = life < 0 ? INT64_MAX : int64_t{now} + life;
     std::string name(watcher.view());
+    std::list<Conversation*> place{nullptr};
     const ObjectLock guard(*this);
     const std::shared_ptr<Conversation> conversation = openLocked(request.getSerialNumber());
     if (conversation->watched_ && conversation->deadline_ <= deadline) {
         return; // the first to end tells of all
     }
+    // All that can fail, before anything has changed: a second without a conversation would be
+    // looked into when it has come.
+    auto second = deadlines_.end();
+    try {
+        second = deadlines_.try_emplace(deadline).first;
+    } catch (const std::bad_alloc&) {
+        closeIfDoneLocked(*conversation);
+        throw;
+    }
     unwatchLocked(*conversation);
-    std::list<Conversation*>& second = deadlines_[deadline];
-    second.push_back(conversation.get());
+    place.front() = conversation.get();
+    second->second.splice(second->second.end(), place);
     conversation->watched_ = true;
     conversation->watcher_ = std::move(name);
     conversation->watchedSince_ = now;
     conversation->watchSeconds_ = seconds;
     conversation->watchOrder_ = ++lastWatch_;
     conversation->deadline_ = deadline;
-    conversation->deadlinePlace_ = std::prev(second.end());
+    conversation->deadlinePlace_ = std::prev(second->second.end());
 }
 
 std::unique_ptr<Message> Conversation::watcherMessage() const {
@@ -85,12 +95,20 @@ std::unique_ptr<Message> Conversations::watcherOf(uint32_t number) const {
 std::vector<std::unique_ptr<Message>> Conversations::takeExpired() {
     const int64_t now = ConveyUtils::getTimeSeconds();
     std::vector<std::pair<uint64_t, std::unique_ptr<Message>>> expired;
+    std::vector<std::unique_ptr<Message>> messages;
     {
         const ObjectLock guard(*this);
         // The first second that has not come ends it: what is not over is not looked at.
+        const auto end = deadlines_.upper_bound(now);
+        for (auto second = deadlines_.begin(); second != end; ++second) {
+            for (const Conversation* const conversation : second->second) {
+                expired.emplace_back(conversation->watchOrder_, conversation->watcherMessage());
+            }
+        }
+        // From here on nothing fails: a watch that is taken out is told of.
+        messages.reserve(expired.size());
         while (!deadlines_.empty() && deadlines_.begin()->first <= now) {
             Conversation& conversation = *deadlines_.begin()->second.front();
-            expired.emplace_back(conversation.watchOrder_, conversation.watcherMessage());
             unwatchLocked(conversation);
             closeIfDoneLocked(conversation);
         }
@@ -98,8 +116,6 @@ std::vector<std::unique_ptr<Message>> Conversations::takeExpired() {
     // As queues retire their messages from the end, observers have always seen the newest first.
     std::sort(expired.begin(), expired.end(),
               [](const auto& a, const auto& b) { return a.first > b.first; });
-    std::vector<std::unique_ptr<Message>> messages;
-    messages.reserve(expired.size());
     for (auto& [order, message] : expired) {
         messages.push_back(std::move(message));
     }

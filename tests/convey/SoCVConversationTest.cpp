@@ -486,6 +486,33 @@ TEST_F(ConversationTest, aMessageIsNotLostWhenMemoryRunsOut) {
     }
 }
 
+// Whichever allocation fails: a watch is there or not, and one that ends is told of once.
+TEST_F(ConversationTest, noWatchIsHalfMadeOrLostWhenMemoryRunsOut) {
+    ScObjects::ConveyData::Conversations conversations;
+    const Message message = request(5, "Timeout");
+    const auto attempt = [](int number, const std::function<void()>& operation) {
+        const FailingAllocation failing(number);
+        try {
+            operation();
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+        return true;
+    };
+    for (int number = 0;; ++number) {
+        ASSERT_LT(number, 100);
+        const bool made = attempt(number, [&] { conversations.watch(message, "own-1.0", 0); });
+        EXPECT_EQ(conversations.isWatching(), made) << number;
+        size_t told = 0;
+        (void)attempt(number, [&] { told += conversations.takeExpired().size(); });
+        told += conversations.takeExpired().size();
+        ASSERT_EQ(told, made ? 1U : 0U) << number;
+        if (made && number > 20) {
+            break;
+        }
+    }
+}
+
 TEST_F(ConversationTest, dropsAnswersToAPredecessor) {
     const InterAppStream peer("peer-1.0");
     int results = 0;
