@@ -636,23 +636,6 @@ TEST_F(EngineTest, anObserverOfWhatArrivesMayReceive) {
     EXPECT_THAT(labels, testing::Contains("RECEIVE"));
 }
 
-TEST_F(EngineTest, describesItself) {
-    Convey own("own-1.0", nullptr, true, nullptr);
-    SoString text;
-    Convey::getDiagnostics(text, false);
-    for (const char* row :
-         {"/own-1.0/context;1;Info;;\n", "/own-1.0/name;0;Name;own-1.0;\n",
-          "/own-1.0/status;0;Status;UNDEFINED;\n", "/own-1.0/path;0;Path;/apps/own-1.0;\n",
-          "/own-1.0/build;0;Build;ES 4.5.6;\n", "/own-1.0/logging;0;Logging:;OFF;\n",
-          "/own-1.0/messages;1;Messages;;\n", "/own-1.0/instances;1;Instances;1;\n"}) {
-        EXPECT_THAT(text.c_str(), testing::HasSubstr(row));
-    }
-    EXPECT_THAT(text.c_str(), testing::Not(testing::HasSubstr("/group;")));
-    Convey::getDiagnostics(text, true);
-    EXPECT_THAT(text.c_str(), testing::StartsWith("Convey Diagnostics\n----------------------\n\n"
-                                                  "\tInfo: \n\tName = own-1.0\n"));
-}
-
 TEST_F(EngineTest, launchesWithinItsLimits) {
     Convey own("own-1.0", nullptr, true, nullptr);
     const std::string longTarget(257, 'x');

@@ -88,14 +88,15 @@ TEST_F(ModelTest, queue) {
     };
     const auto append = [&](int step) {
         const bool watcher = upTo(2) == 0;
-        const bool selfWatcher = watcher && upTo(1) == 0;
+        const bool self = upTo(2) == 0; // to whoever sent it
+        const bool selfWatcher = watcher && self;
         const auto timeout =
             watcher ? 1 + static_cast<int32_t>(upTo(18)) : static_cast<int32_t>(upTo(19)) - 1;
         auto message = std::make_unique<Message>();
         const Queued added{std::to_string(step),
-                           selfWatcher ? "me" : "target" + std::to_string(upTo(3)),
-                           selfWatcher ? "me" : "sender" + std::to_string(upTo(2)),
-                           selfWatcher || upTo(1) == 0,
+                           self ? "me" : "target" + std::to_string(upTo(3)),
+                           self ? "me" : "sender" + std::to_string(upTo(2)),
+                           self || upTo(1) == 0,
                            watcher,
                            selfWatcher,
                            upTo(3),
@@ -131,6 +132,10 @@ TEST_F(ModelTest, queue) {
         for (Queued& m : aside) {
             m.position = ++lastPosition;
             model.push_back(m);
+        }
+        if (serial != kAny && upTo(3) == 0) {
+            ASSERT_EQ(queue.removeMessage(serial), expected != "-");
+            return;
         }
         const std::unique_ptr<Message> message(queue.getNextMessage(serial));
         ASSERT_EQ(message == nullptr ? "-" : message->getBody().c_str(), expected);
@@ -237,7 +242,7 @@ TEST_F(ModelTest, queue) {
             visit();
             break;
         case 9: {
-            const uint32_t serial = upTo(3);
+            const uint32_t serial = upTo(9) == 0 ? kAny : upTo(3);
             queue.removeTimeoutMessage(serial);
             std::erase_if(model,
                           [&](const Queued& m) { return m.selfWatcher && m.serial == serial; });

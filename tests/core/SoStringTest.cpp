@@ -48,17 +48,6 @@ TEST(SoString, takesNullAndLengthsAsTheyCome) {
     EXPECT_EQ(string.compare(static_cast<const char*>(nullptr)), 0);
 }
 
-TEST(SoString, shrinksOnlyToShorterLengths) {
-    for (const auto& [n, expected] : std::vector<std::pair<int32_t, std::string>>{
-             {5, "abc"}, {3, "abc"}, {-1, "abc"}, {1, "a"}, {0, ""}}) {
-        SCOPED_TRACE(n);
-        SoString string("abc");
-        string.shrink(n);
-        EXPECT_EQ(text(string), expected);
-        EXPECT_EQ(string.c_str()[string.length()], '\0');
-    }
-}
-
 TEST(SoString, survivesTextsOfItsOwn) {
     SoString string("0123456789");
     string.append(string.c_str() + 5);
