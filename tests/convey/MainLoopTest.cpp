@@ -13,6 +13,7 @@
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoConvey.h"
 #include "scriptobjects/stream/InterAppStream.h"
+#include "tests/support/Peers.h"
 #include "tests/support/TableConnector.h"
 
 namespace {
@@ -23,18 +24,11 @@ using Message = Convey::Message;
 
 constexpr int kLong = 30000; // milliseconds that a test waits for what has to come
 
-class Noting : public Convey::MsgHandler {
-public:
-    explicit Noting(std::function<void()> called) : called_(std::move(called)) {}
-    int32_t handleMessage(int /*event*/, Message& /*message*/, SoString* /*result*/) override {
-        called_();
-        return 0;
-    }
-    SoString getMsgType() const override { return "Tessaly"; }
-
-private:
-    const std::function<void()> called_;
-};
+// A handler that only says that it was called.
+TestHandler* telling(std::function<void()> called) {
+    return new TestHandler(
+        [called = std::move(called)](int, Message&, SoString*) { return called(), 0; });
+}
 
 // A host whose main loop is poll.
 class MainLoopTest : public testing::Test {
@@ -69,7 +63,7 @@ protected:
 
     StartedLayer layer;
     std::atomic<int> handled{0};
-    Convey own{"own-1.0", new Noting([this] { ++handled; }), true, nullptr};
+    Convey own{"own-1.0", telling([this] { ++handled; }), true, nullptr};
     const int descriptor;
 };
 
@@ -87,12 +81,8 @@ TEST_F(MainLoopTest, theDescriptorTellsWhenAPumpHasSomethingToDo) {
          [&] {
              Message message;
              message.setTarget("own-1.0");
-             message.setSender("peer-1.0");
-             message.setType("Tessaly");
              message.setBody("x");
-             SoString text;
-             ASSERT_TRUE(message.writeToString(text));
-             EXPECT_TRUE(peer.send("own-1.0", text));
+             EXPECT_TRUE(sendFrom(peer, message));
          }},
         {"its own request runs out of time", // which its handler is told
          [&] { EXPECT_TRUE(send(own, "peer-1.0", "x", "Timeout")); }},
@@ -114,7 +104,7 @@ TEST_F(MainLoopTest, theDescriptorTellsWhenAPumpHasSomethingToDo) {
 TEST_F(MainLoopTest, whatAHandlerSendsOnKeepsItReadableUntilItIsHandled) {
     int forwarded = 0;
     std::unique_ptr<Convey> other;
-    other = std::make_unique<Convey>("other-2.0", new Noting([&] {
+    other = std::make_unique<Convey>("other-2.0", telling([&] {
                                          ++forwarded;
                                          if (forwarded == 1) {
                                              EXPECT_TRUE(send(*other, "own-1.0", "back"));
@@ -126,7 +116,7 @@ TEST_F(MainLoopTest, whatAHandlerSendsOnKeepsItReadableUntilItIsHandled) {
     (void)Convey::pump(ScObjects::kProcessBoth);
     EXPECT_EQ(handled, 0) << "it comes before the other, and has had its turn";
     EXPECT_TRUE(readable(0));
-    delete own.changeHandler(new Noting([&] { EXPECT_TRUE(send(own, "other-2.0", "again")); }));
+    delete own.changeHandler(telling([&] { EXPECT_TRUE(send(own, "other-2.0", "again")); }));
     (void)Convey::pump(ScObjects::kProcessBoth);
     EXPECT_EQ(forwarded, 2) << "in the same turn";
     EXPECT_FALSE(readable(0));

@@ -16,8 +16,8 @@
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/stream/InterAppStream.h"
 #include "tests/support/FailingAllocations.h"
+#include "tests/support/Peers.h"
 #include "tests/support/TableConnector.h"
-#include "tests/support/TestHandler.h"
 
 namespace {
 
@@ -50,10 +50,6 @@ protected:
         message.setResponseRequest(replies);
         message.setBody("question");
         return message;
-    }
-    static void pumpAll() {
-        while (Convey::pump(ScObjects::kProcessBoth)) {
-        }
     }
 
     StartedLayer layer;
@@ -198,6 +194,8 @@ TEST_F(ConversationTest, aWaitTellsHowItEnded) {
         Message message = request(number, "Result");
         EXPECT_EQ(own.send(message, false, 20, nullptr), c.expected);
         EXPECT_EQ(calls, c.expected ? 1 : 0);
+        EXPECT_TRUE(!c.expected || own.findHandler("", number) == nullptr)
+            << "its message has come";
         pumpAll();
     }
 }

@@ -11,6 +11,7 @@
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/stream/InterAppStream.h"
+#include "tests/support/Peers.h"
 #include "tests/support/TableConnector.h"
 
 namespace {
@@ -155,8 +156,7 @@ TEST_F(LauncherTest, theTimeOutEndsThePending) {
     const SoString parameters("-a");
     EXPECT_TRUE(launch(kPath, &parameters));
     clock.utc += 299'000;
-    while (Convey::pump(ScObjects::kProcessBoth)) {
-    }
+    pumpAll();
     EXPECT_TRUE(isPending());
     clock.utc += 2'000;
     for (int i = 0; i < 200 && isPending(); ++i) {
@@ -231,11 +231,9 @@ TEST(LaunchQueue, keepsTheMessagesBehindTheParameters) {
     const auto send = [](const InterAppStream& from, const char* type, const char* body) {
         Message message;
         message.setTarget("own-1.0");
-        message.setSender("launcher-1.0");
         message.setType(type);
         message.setBody(SoString(body));
-        SoString text;
-        return message.writeToString(text) && from.send("own-1.0", text);
+        return sendFrom(from, message);
     };
     std::thread launcher([&] {
         const InterAppStream pending("own-1.0#haslaunchparams");
@@ -260,26 +258,14 @@ TEST(LaunchQueue, keepsTheMessagesBehindTheParameters) {
     launcher.join();
     EXPECT_EQ(Convey::getLaunchOptions(), "-specifier own-1.0 -late");
     Strings bodies;
-    class Noting : public Convey::MsgHandler {
-    public:
-        explicit Noting(Strings& bodies) : bodies_(bodies) {}
-        int32_t handleMessage(int, Message& message, SoString*) override {
-            bodies_.emplace_back(message.getBody().c_str());
-            return 0;
-        }
-        SoString getMsgType() const override { return "Tessaly"; }
-
-    private:
-        Strings& bodies_;
-    };
     {
-        const Convey own("own-1.0", new Noting(bodies), true, nullptr);
+        const Convey own("own-1.0", noting(bodies), true, nullptr);
         EXPECT_EQ(own.getAppName(), "own-1.0") << "no instance of it: the name was kept for it";
         for (int i = 0; i < 200 && bodies.size() < 2; ++i) {
             (void)Convey::pumpOrWait(50);
         }
     }
-    EXPECT_THAT(bodies, ElementsAre("first", "second"));
+    EXPECT_THAT(bodies, ElementsAre("1 Tessaly first", "1 Tessaly second"));
     EXPECT_TRUE(Convey::InitTerm::exit());
     ScObjects::ConveyConnector::InitTerm::exit();
 }

@@ -14,8 +14,8 @@
 #include "scriptobjects/convey/SoCVOutbox.h"
 #include "scriptobjects/convey/SoCVThread.h"
 #include "scriptobjects/stream/InterAppStream.h"
+#include "tests/support/Peers.h"
 #include "tests/support/TableConnector.h"
-#include "tests/support/TestHandler.h"
 
 namespace {
 
@@ -47,6 +47,12 @@ protected:
     Delivery post(const std::string& target, size_t number, size_t bytes = 0) {
         auto message = make(target, number, bytes);
         return outbox.post(&stream, message);
+    }
+    // Of the next message that arrives; SIZE_MAX for none.
+    static size_t nextNumber(InterAppStream& target) {
+        const std::string body = nextMessage(target).getBody().c_str();
+        EXPECT_NE(body, "") << "nothing arrives";
+        return body.empty() ? SIZE_MAX : std::stoul(body);
     }
     // Reads so many messages, with passes in between: their numbers.
     std::vector<size_t> read(InterAppStream& target, size_t count) {
@@ -97,10 +103,7 @@ TEST_F(OutboxTest, keepsTheOrderOfATargetThatTakesNothing) {
     EXPECT_EQ(post("full-1.0", count++, 300'000), Delivery::queued) << "one for the courier";
     std::vector<size_t> early;
     for (int i = 0; i < 3; ++i) { // now there is room
-        ASSERT_TRUE(target.waitForMessage(10'000, false) && target.receive());
-        Message message;
-        (void)message.readFromString(target.getMessages().c_str());
-        early.push_back(std::stoul(message.getBody().c_str()));
+        early.push_back(nextNumber(target));
     }
     EXPECT_EQ(early, upTo(3));
     EXPECT_EQ(post("full-1.0", count++), Delivery::queued);
@@ -118,11 +121,8 @@ TEST_F(OutboxTest, keepsTheOrderOfATargetThatTakesNothing) {
     EXPECT_FALSE(outbox.drain(stream, "full-1.0", 20));
     std::vector<size_t> numbers;
     std::thread reader([&] {
-        while (numbers.size() <= count && target.waitForMessage(10'000, false)) {
-            (void)target.receive();
-            Message message;
-            (void)message.readFromString(target.getMessages().c_str());
-            numbers.push_back(std::stoul(message.getBody().c_str()));
+        while (numbers.size() <= count && (numbers.empty() || numbers.back() != SIZE_MAX)) {
+            numbers.push_back(nextNumber(target));
         }
     });
     EXPECT_TRUE(outbox.drain(stream, "full-1.0", 10'000));
@@ -169,10 +169,7 @@ TEST_F(OutboxTest, aTargetThatHasJustFailedIsLeftAlone) {
         while (!target.messagePending()) {
             (void)outbox.pass(&sender, Outbox::Carrier::round);
         }
-        ASSERT_TRUE(target.receive());
-        Message message;
-        (void)message.readFromString(target.getMessages().c_str());
-        numbers.push_back(std::stoul(message.getBody().c_str()));
+        numbers.push_back(nextNumber(target));
     }
     EXPECT_EQ(numbers, upTo(3));
 }
@@ -222,48 +219,16 @@ class WayOutTest : public testing::Test {
 protected:
     WayOutTest() : layer("own-1.0", {"own-1.0", "other-2.0"}) {}
 
-    // Sends a text to the background thread.
-    void tellThread(InterAppStream& from, const std::string& sender, const char* pair,
-                    const char* number = nullptr) {
-        Message ping;
-        ping.setTarget("own-1.0#thread");
-        ping.setSender(SoString(sender));
-        ping.setType("ping");
-        ping.setHeader("ECHO_REQUEST", pair);
-        if (number != nullptr) {
-            ping.setHeader("Ping-Number", number);
-        }
-        SoString text;
-        EXPECT_TRUE(ping.writeToString(text));
-        EXPECT_TRUE(from.send("own-1.0#thread", text));
-    }
-    static std::string answerTo(InterAppStream& asker, int milliseconds = 10'000) {
-        if (!asker.waitForMessage(milliseconds, false) || !asker.receive()) {
-            return "-";
-        }
-        Message answer;
-        (void)answer.readFromString(asker.getMessages().c_str());
-        return answer.getUserHeaderValue("ECHO_REQUEST").c_str();
-    }
-
     StartedLayer layer;
-};
-
-class Throwing : public Convey::MsgHandler {
-public:
-    int32_t handleMessage(int, Message&, SoString*) override {
-        throw std::runtime_error("as the test wants it");
-    }
-    SoString getMsgType() const override { return "FWDLOGS"; }
 };
 
 TEST_F(WayOutTest, whatAThreadSaysIsNoQuestion) {
     InterAppStream peer("peer-1.0#thread");
     InterAppStream asker("asker-1.0#ping");
-    tellThread(peer, "peer-1.0#thread", "ECHO_RESPONSE");    // of an old peer
-    tellThread(peer, "peer-1.0#thread", "word=set", "7");    // of a new one
-    tellThread(asker, "asker-1.0#ping", "word=answer", "7"); // an answer, whoever sends it
-    tellThread(asker, "asker-1.0#ping", "word");
+    tellThread(peer, "ECHO_RESPONSE");     // of an old peer
+    tellThread(peer, "word=set", "7");     // of a new one
+    tellThread(asker, "word=answer", "7"); // an answer, whoever sends it
+    tellThread(asker, "word");
     EXPECT_EQ(answerTo(asker), "") << "the first answer, and no key was set";
     EXPECT_EQ(answerTo(peer, 100), "-");
 }
@@ -271,19 +236,21 @@ TEST_F(WayOutTest, whatAThreadSaysIsNoQuestion) {
 TEST_F(WayOutTest, handlersThatThrowEndNothing) {
     Convey own("own-1.0", nullptr, true, nullptr);
     InterAppStream asker("asker-1.0#ping");
-    EXPECT_TRUE(Convey::Thread::setPingHandler("bad", new Throwing));
-    tellThread(asker, "asker-1.0#ping", "bad");
+    const TestHandler::Body throws = [](int, Message&, SoString*) -> int32_t {
+        throw std::runtime_error("as the test wants it");
+    };
+    EXPECT_TRUE(Convey::Thread::setPingHandler("bad", new TestHandler(throws)));
+    tellThread(asker, "bad");
     EXPECT_EQ(answerTo(asker), "ERROR: HANDLER FAILED");
-    delete own.changeHandler(new Throwing); // is told events now
+    delete own.changeHandler(new TestHandler(throws, "FWDLOGS")); // is told events now
     Message message;
     message.setTarget("own-1.0");
     message.setBody(SoString("watched"));
     message.setType("query");
     EXPECT_TRUE(own.send(message, false, 0, nullptr));
-    while (Convey::pump(ScObjects::kProcessBoth)) {
-    }
+    pumpAll();
     EXPECT_FALSE(own.incomingMessagePending());
-    tellThread(asker, "asker-1.0#ping", "STATUS");
+    tellThread(asker, "STATUS");
     EXPECT_EQ(answerTo(asker), "IDLE") << "the thread lives";
 }
 
@@ -301,7 +268,7 @@ TEST_F(WayOutTest, whatAnOwnerSendsDoesNotOvertakeWhatWaits) {
     });
     EXPECT_TRUE(Convey::Thread::setPingHandler("hold", holding));
     InterAppStream asker("asker-1.0#ping");
-    tellThread(asker, "asker-1.0#ping", "hold");
+    tellThread(asker, "hold");
     while (!inside) {
         std::this_thread::yield();
     }
@@ -326,7 +293,7 @@ TEST_F(WayOutTest, observersThatCameBeforeTheMainInstanceAreServed) {
     InterAppStream observer("observer-1.0");
     InterAppStream asker("asker-1.0#ping");
     for (const char* pair : {"FWDLOGS=observer-1.0", "FWDERRORS=observer-1.0"}) {
-        tellThread(asker, "asker-1.0#ping", pair);
+        tellThread(asker, pair);
         EXPECT_EQ(answerTo(asker), "observer-1.0");
     }
     layer.connector->launchResult = 1;
@@ -355,32 +322,6 @@ TEST_F(WayOutTest, observersThatCameBeforeTheMainInstanceAreServed) {
         EXPECT_NE(seen.find(row), std::string::npos) << row << " in\n" << seen;
     }
     other.close();
-}
-
-// Nobody told it who asks: the error finds its way back all the same.
-TEST_F(WayOutTest, anInvalidTargetIsToldToWhoeverSent) {
-    std::vector<std::string> calls;
-    class Noting : public Convey::MsgHandler {
-    public:
-        explicit Noting(std::vector<std::string>& calls) : calls_(calls) {}
-        int32_t handleMessage(int event, Message& message, SoString*) override {
-            calls_.push_back(std::to_string(event) + " " + message.getBody().c_str());
-            return 0;
-        }
-        SoString getMsgType() const override { return "Tessaly"; }
-
-    private:
-        std::vector<std::string>& calls_;
-    };
-    Convey own("own-1.0", new Noting(calls), true, nullptr);
-    Message message;
-    message.setBody(SoString("x"));
-    message.setType("Tessaly");
-    message.setResponseRequest("Error");
-    EXPECT_FALSE(own.send(message, false, 0, nullptr));
-    while (Convey::pump(ScObjects::kProcessBoth)) {
-    }
-    EXPECT_EQ(calls, std::vector<std::string>{"4 ERROR: INVALID SPECIFIER"});
 }
 
 } // namespace
