@@ -2,13 +2,13 @@
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 #include <string>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
 #include "caps/Store.h"
+#include "tests/support/Database.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace {
@@ -214,12 +214,7 @@ TEST_F(OvrelCapsTest, followsADatabaseThatIsReplaced) {
     }
     // As if both had been made in one and the same second.
     for (const std::string& file : {path, other}) {
-        sqlite3* connection = nullptr;
-        ASSERT_EQ(sqlite3_open(file.c_str(), &connection), SQLITE_OK);
-        ASSERT_EQ(
-            sqlite3_exec(connection, "UPDATE modification SET time = 7", nullptr, nullptr, nullptr),
-            SQLITE_OK);
-        sqlite3_close(connection);
+        executeSql(file, "UPDATE modification SET time = 7");
     }
     uint32_t before = 0;
     uint32_t after = 0;

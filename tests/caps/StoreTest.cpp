@@ -3,13 +3,12 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <memory>
-#include <sqlite3.h>
 #include <string>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "caps/Schema.h"
+#include "tests/support/Database.h"
 #include "tests/support/TemporaryFolder.h"
 
 using caps::Contents;
@@ -30,13 +29,7 @@ protected:
         return store;
     }
 
-    void execute(const char* sql) {
-        sqlite3* connection = nullptr;
-        ASSERT_EQ(sqlite3_open(path.c_str(), &connection), SQLITE_OK);
-        char* error = nullptr;
-        EXPECT_EQ(sqlite3_exec(connection, sql, nullptr, nullptr, &error), SQLITE_OK) << error;
-        sqlite3_close(connection);
-    }
+    void execute(const char* sql) { executeSql(path, sql); }
 
     static Contents sample() {
         return {{{"P1",
@@ -165,27 +158,6 @@ TEST_F(StoreTest, movesItsTimesForwardOncePerTransaction) {
     EXPECT_GT(domain, last) << "the database keeps the times itself";
 }
 
-TEST_F(StoreTest, bringsAnOlderSchemaUpToDate) {
-    std::filesystem::create_directories(folder.file("sub"));
-    execute((std::string(caps::kMigrations[0]) +
-             "PRAGMA user_version = 1; PRAGMA application_id = " +
-             std::to_string(caps::kApplicationId) +
-             "; INSERT INTO subdomain (domain, name) VALUES (1, '/old')")
-                .c_str());
-    uint32_t time = 99;
-    {
-        const auto reader = open(Store::Access::read);
-        ASSERT_EQ(reader->domainModTime(time), Status::ok);
-        EXPECT_EQ(time, 0U) << "unknown";
-    }
-    const auto writer = open(Store::Access::write);
-    ASSERT_EQ(writer->domainModTime(time), Status::ok);
-    EXPECT_GT(time, 0U);
-    std::vector<caps::Subdomain> domain;
-    ASSERT_EQ(writer->readDomain(1, domain), Status::ok);
-    EXPECT_EQ(domain[0].name, "/old");
-}
-
 TEST_F(StoreTest, saysWhatIsWrongWithAFile) {
     open(Store::Access::read, Status::noDatabase);
     open(Store::Access::write, Status::noDatabase);
@@ -309,40 +281,6 @@ TEST_F(StoreTest, knowsOfEachEntryWhenItWasWrittenAndWhereItComesFrom) {
     EXPECT_EQ(store->replaceProduct({"Q", {}}), Status::nothingThere);
 }
 
-TEST_F(StoreTest, isReadWhileAWriterWorks) {
-    { fill(*open(Store::Access::create), sample()); }
-    const auto writer = open(Store::Access::write);
-    Store::Transaction transaction(*writer);
-    ASSERT_EQ(transaction.begin(), Status::ok);
-    ASSERT_EQ(writer->setDomainData(1, "/new", "k", "v"), Status::ok);
-    const auto reader = open(Store::Access::read);
-    Contents contents;
-    ASSERT_EQ(reader->readAll(contents), Status::ok);
-    EXPECT_EQ(contents, sample()) << "the state before the transaction";
-    ASSERT_EQ(transaction.commit(), Status::ok);
-    ASSERT_EQ(reader->readAll(contents), Status::ok);
-    EXPECT_EQ(contents.subdomains.size(), 4U);
-}
-
-TEST_F(StoreTest, isBusyWhileAnotherProgramHoldsItForItself) {
-    { fill(*open(Store::Access::create), sample()); }
-    sqlite3* other = nullptr;
-    ASSERT_EQ(sqlite3_open(path.c_str(), &other), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(other,
-                           "PRAGMA locking_mode = EXCLUSIVE; BEGIN EXCLUSIVE;"
-                           "UPDATE domain_data SET value = 'x'",
-                           nullptr, nullptr, nullptr),
-              SQLITE_OK);
-    std::unique_ptr<Store> store;
-    Contents contents;
-    Status status = Store::open(path, Store::Access::read, store);
-    if (status == Status::ok) {
-        status = store->readAll(contents);
-    }
-    EXPECT_EQ(status, Status::busy);
-    sqlite3_close(other);
-}
-
 // The system's database belongs to root; everybody reads it.
 TEST_F(StoreTest, isReadByWhoMayNotWriteItsFolder) {
     { fill(*open(Store::Access::create), sample()); }
@@ -374,21 +312,6 @@ TEST_F(StoreTest, isReadByWhoMayNotWriteItsFolder) {
     std::filesystem::permissions(folder.file("sub"), std::filesystem::perms(0555));
     EXPECT_EQ(readAsOther(), 0) << "without them";
     std::filesystem::permissions(folder.file("sub"), std::filesystem::perms(0755));
-}
-
-TEST_F(StoreTest, isLookedForWhereTheUserSaysFirst) {
-    setenv("OVREL_CAPS_DB", "/some/where.db", 1);
-    EXPECT_EQ(caps::findDatabase(), "/some/where.db") << "set, so never passed over";
-    unsetenv("OVREL_CAPS_DB");
-    setenv("XDG_DATA_HOME", folder.file("data").c_str(), 1);
-    setenv("HOME", folder.file("home").c_str(), 1);
-    path = folder.file("data/ovrel/caps.db");
-    { open(Store::Access::create); }
-    EXPECT_EQ(caps::findDatabase(), path);
-    setenv("XDG_DATA_HOME", "relative", 1);
-    path = folder.file("home/.local/share/ovrel/caps.db");
-    { open(Store::Access::create); }
-    EXPECT_EQ(caps::findDatabase(), path) << "a relative XDG_DATA_HOME does not count";
 }
 
 } // namespace

@@ -208,16 +208,4 @@ TEST_F(ProductInfoTest, knowsNothingWithoutEveryFunction) {
     EXPECT_EQ(lookUp(CHostProductInfoFromCapsLib(functions), "/o/P"), "<none>");
 }
 
-TEST(ToXMLString, escapesThreeCharactersOnce) {
-    const struct {
-        const char* text;
-        const char* expected;
-    } cases[] = {{"a&b<c>", "a&amp;b&lt;c&gt;"}, {"&amp;", "&amp;amp;"},
-                 {"it's \"x\"", "it's \"x\""},   {"&lt;", "&amp;lt;"},
-                 {"\xC3\xA4", "\xC3\xA4"},       {"", ""}};
-    for (const auto& c : cases) {
-        EXPECT_EQ(toXMLString(c.text), c.expected);
-    }
-}
-
 } // namespace

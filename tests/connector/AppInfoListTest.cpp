@@ -31,14 +31,6 @@ void fill(CVConnectorAppInfoList& list, std::initializer_list<CVConnectorAppInfo
     }
 }
 
-TEST(AppInfo, asksForAuthenticationAndDigestUnlessToldOtherwise) {
-    const CVConnectorAppInfo info;
-    EXPECT_TRUE(info.messageAuthentication);
-    EXPECT_TRUE(info.messageDigest);
-    EXPECT_EQ(info.conveyVersion, 2.0);
-    EXPECT_STREQ(info.executableExtension.c_str(), "app");
-}
-
 TEST(AppInfo, isEqualWhateverRuns) {
     const CVConnectorAppInfo base = record("a-1.0");
     CVConnectorAppInfo other = base;

@@ -1,7 +1,6 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 #include <string>
 
 #include "caps/Schema.h"
@@ -10,6 +9,7 @@
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVThread.h"
 #include "scriptobjects/convey/SoConvey.h"
+#include "tests/support/Database.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace {
@@ -78,22 +78,13 @@ TEST(WholeRegistry, followsAFileThatComesBackAndOneOfTheFirstVersion) {
     const TemporaryFolder folder;
     PCDConnector::setCapsFolder(PROGRAMS);
     const std::string path = folder.file("caps.db");
-    {
-        sqlite3* connection = nullptr;
-        ASSERT_EQ(sqlite3_open(path.c_str(), &connection), SQLITE_OK);
-        const std::string script =
-            std::string(caps::kMigrations[0]) +
-            "PRAGMA user_version = 1; PRAGMA application_id = " +
-            std::to_string(caps::kApplicationId) +
-            "; INSERT INTO subdomain (domain, name) VALUES (1, '/ovrel/convey/old-1.0');"
-            "INSERT INTO domain_data (subdomain, key, value, position) SELECT id, 'Path', '/old', "
-            "1 FROM "
-            "subdomain";
-        char* error = nullptr;
-        ASSERT_EQ(sqlite3_exec(connection, script.c_str(), nullptr, nullptr, &error), SQLITE_OK)
-            << error;
-        sqlite3_close(connection);
-    }
+    executeSql(path,
+               std::string(caps::kMigrations[0]) +
+                   "PRAGMA user_version = 1; PRAGMA application_id = " +
+                   std::to_string(caps::kApplicationId) +
+                   "; INSERT INTO subdomain (domain, name) VALUES (1, '/ovrel/convey/old-1.0');"
+                   "INSERT INTO domain_data (subdomain, key, value, position) SELECT id, 'Path', "
+                   "'/old', 1 FROM subdomain");
     setenv("OVREL_CAPS_DB", path.c_str(), 1);
     PCDConnector connector("own-1.0", true, PCDConnector::kIvorDomain);
     const auto sees = [&connector] {
@@ -105,14 +96,8 @@ TEST(WholeRegistry, followsAFileThatComesBackAndOneOfTheFirstVersion) {
         return text;
     };
     EXPECT_EQ(sees(), "/old");
-    const auto execute = [&path](const char* sql) {
-        sqlite3* connection = nullptr;
-        ASSERT_EQ(sqlite3_open(path.c_str(), &connection), SQLITE_OK);
-        EXPECT_EQ(sqlite3_exec(connection, sql, nullptr, nullptr, nullptr), SQLITE_OK);
-        sqlite3_close(connection);
-    };
     for (const char* value : {"/first", "/second", "/third"}) { // by a program of that time
-        execute((std::string("UPDATE domain_data SET value = '") + value + "'").c_str());
+        executeSql(path, std::string("UPDATE domain_data SET value = '") + value + "'");
         EXPECT_TRUE(connector.updateCache(false)) << value;
         EXPECT_EQ(sees(), value);
         EXPECT_FALSE(connector.updateCache(false)) << "nothing changed since";
