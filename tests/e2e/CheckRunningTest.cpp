@@ -15,6 +15,7 @@
 #include "scriptobjects/convey/SoConvey.h"
 #include "scriptobjects/core/SoThread.h"
 #include "tests/e2e/Scene.h"
+#include "tests/support/Peers.h"
 
 namespace {
 
@@ -203,29 +204,13 @@ TEST_F(CheckRunningTest, applicationsAnswerEachOther) {
     EXPECT_THAT(waiting.rest(), HasSubstr("no answer"));
 }
 
-// Notes kind, type and body of what arrives.
-class NotingHandler : public ScObjects::Convey::MsgHandler {
-public:
-    explicit NotingHandler(std::vector<std::string>& calls) : calls_(calls) {}
-    int32_t handleMessage(int event, ScObjects::Convey::Message& message,
-                          ScObjects::SoString*) override {
-        calls_.push_back(std::to_string(event) + " " + message.getType().c_str() + " " +
-                         message.getBody().c_str());
-        return 0;
-    }
-    ScObjects::SoString getMsgType() const override { return "Tessaly"; }
-
-private:
-    std::vector<std::string>& calls_;
-};
-
 TEST_F(CheckRunningTest, everyKindOfReplyCrossesProcesses) {
     using ScObjects::Convey;
     const auto running = host("lumen-2.0-en_us");
     ASSERT_TRUE(Convey::InitTerm::init("viewer-1.0", true));
     {
         std::vector<std::string> calls;
-        Convey instance("viewer-1.0", new NotingHandler(calls), true, nullptr);
+        Convey instance("viewer-1.0", noting(calls), true, nullptr);
         const struct {
             const char* body;
             const char* replies;
@@ -268,21 +253,13 @@ TEST_F(CheckRunningTest, everyKindOfReplyCrossesProcesses) {
 // ends.
 TEST_F(CheckRunningTest, twoThreadsThatPumpDoNotTearAConversationApart) {
     using ScObjects::Convey;
-    class Counting : public Convey::MsgHandler {
-    public:
-        Counting(std::atomic<int>& results, const char* type, uint32_t number)
-            : results_(results), type_(type), number_(number) {}
-        int32_t handleMessage(int event, Convey::Message&, ScObjects::SoString*) override {
-            results_ += event == 3 ? 1 : 0;
-            return 0;
-        }
-        ScObjects::SoString getMsgType() const override { return type_; }
-        uint32_t getSerialNumber() const override { return number_; }
-
-    private:
-        std::atomic<int>& results_;
-        const char* const type_;
-        const uint32_t number_;
+    const auto counting = [](std::atomic<int>& results, const char* type,
+                             uint32_t number = Convey::kAnySerialNumber) {
+        return new TestHandler(
+            [&results](int event, Convey::Message&, ScObjects::SoString*) {
+                return results += event == 3 ? 1 : 0, 0;
+            },
+            type, number);
     };
     const auto running = host("lumen-2.0-en_us", {"--quiet"});
     ASSERT_TRUE(Convey::InitTerm::init("viewer-1.0", true));
@@ -291,9 +268,7 @@ TEST_F(CheckRunningTest, twoThreadsThatPumpDoNotTearAConversationApart) {
     int64_t unheard = 0;
     std::vector<std::atomic<int>> heard(static_cast<size_t>(scaled(20'000)));
     {
-        auto* const byDefault =
-            new Counting(strays, "Tessaly", ScObjects::ConveyData::CV_INVALID_MESSAGE_NUMBER);
-        Convey instance("viewer-1.0", byDefault, true, nullptr);
+        Convey instance("viewer-1.0", counting(strays, "Tessaly"), true, nullptr);
         std::atomic<bool> stop{false};
         std::thread pumping([&stop] {
             while (!stop) {
@@ -306,8 +281,7 @@ TEST_F(CheckRunningTest, twoThreadsThatPumpDoNotTearAConversationApart) {
             message.setBody("x");
             message.setResponseRequest("Result");
             message.setSerialNumber(message.getNextSerialNumber(nullptr));
-            delete instance.changeHandler(
-                new Counting(answer, "Result", message.getSerialNumber()));
+            delete instance.changeHandler(counting(answer, "Result", message.getSerialNumber()));
             const bool answered = instance.send(message, false, 20, nullptr);
             unanswered += answered ? 0 : 1;
             unheard += answered && answer != 1 ? 1 : 0;

@@ -7,7 +7,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <memory>
-#include <sqlite3.h>
 #include <string>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -17,6 +16,7 @@
 
 #include "scriptobjects/convey/SoConvey.h"
 #include "tests/e2e/Scene.h"
+#include "tests/support/Database.h"
 
 namespace {
 
@@ -64,6 +64,15 @@ protected:
         EXPECT_EQ(waitpid(pid, &status, 0), pid);
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
+    // A file of so many applications.
+    std::string fillers(int count) const {
+        std::string many;
+        for (int i = 0; i < count; ++i) {
+            many += "[[application]]\nspecifier = \"filler" + std::to_string(i) +
+                    "-1.0\"\nPath = \"/opt/filler/Filler.app\"\n";
+        }
+        return folder.write("many.toml", many);
+    }
     // Only root can fill a disk of its own.
     static bool canMount() {
         return geteuid() == 0 && runProcess({"/usr/bin/unshare", "-m", "true"}).exitStatus == 0;
@@ -77,12 +86,7 @@ protected:
 };
 
 TEST_F(FaultsTest, aFullDiskLeavesTheDatabaseAsItWas) {
-    std::string many;
-    for (int i = 0; i < 2000; ++i) {
-        many += "[[application]]\nspecifier = \"filler" + std::to_string(i) +
-                "-1.0\"\nPath = \"/opt/filler/Filler.app\"\n";
-    }
-    const std::string import = folder.write("many.toml", many);
+    const std::string import = fillers(2000);
     const std::string before = listing();
     const auto expectUnharmed = [this](const std::string& disk) {
         const ProcessResult full = runProcess(
@@ -183,13 +187,7 @@ TEST_F(FaultsTest, anAnswerIsWrittenOrTheStatusSaysThatItIsNot) {
 }
 
 TEST_F(FaultsTest, aReaderThatTakesItsTimeGetsAllOfAnAnswer) {
-    std::string many;
-    for (int i = 0; i < 500; ++i) {
-        many += "[[application]]\nspecifier = \"filler" + std::to_string(i) +
-                "-1.0\"\nPath = \"/opt/filler/Filler.app\"\n";
-    }
-    ASSERT_EQ(runProcess({OVREL_CAPS_TOOL, "import", folder.write("many.toml", many)}).exitStatus,
-              0);
+    ASSERT_EQ(runProcess({OVREL_CAPS_TOOL, "import", fillers(500)}).exitStatus, 0);
     for (const std::vector<std::string>& command :
          {std::vector<std::string>{KIVRA_CONVEY_CMD}, {CONVEY_PROGRAM, "list", "--json"}}) {
         int ends[2]; // a pipe whose owner made it non-blocking, as event loops do
@@ -271,12 +269,6 @@ TEST_F(FaultsTest, aDatabaseThatChangesBelowTheLayerIsFollowed) {
         (void)Convey::updateConnectorCache(false);
         return Convey::getNumberOfRegisteredApplications();
     };
-    const auto sql = [this](const char* statement) {
-        sqlite3* connection = nullptr;
-        EXPECT_EQ(sqlite3_open(database.c_str(), &connection), SQLITE_OK);
-        EXPECT_EQ(sqlite3_exec(connection, statement, nullptr, nullptr, nullptr), SQLITE_OK);
-        sqlite3_close(connection);
-    };
     EXPECT_EQ(number(), 2);
     const auto addTo = [this](const char* file, const char* specifier) {
         add(specifier, "/opt/App.app", {{"OVREL_CAPS_DB", folder.file(file)}});
@@ -286,7 +278,7 @@ TEST_F(FaultsTest, aDatabaseThatChangesBelowTheLayerIsFollowed) {
     }
     std::filesystem::rename(folder.file("other.db"), database);
     EXPECT_EQ(number(), 3) << "replaced";
-    sql("VACUUM");
+    executeSql(database, "VACUUM");
     EXPECT_EQ(number(), 3) << "vacuumed";
     add("d-1.0");
     EXPECT_EQ(number(), 4) << "and changed";

@@ -152,17 +152,6 @@ TEST(Frameworks, areLookedForInTheBundleThenWhereTheLayerIsInstalled) {
     }
 }
 
-TEST(Clock, monotonicTimeNeverGoesBack) {
-    const platform::Clock& clock = platform::Clock::own();
-    int64_t last = clock.monotonicMilliseconds();
-    for (int i = 0; i < 1000; ++i) {
-        const int64_t now = clock.monotonicMilliseconds();
-        ASSERT_GE(now, last);
-        last = now;
-    }
-    EXPECT_GT(clock.utcMilliseconds(), int64_t{1'700'000'000'000}) << "milliseconds since 1970";
-}
-
 TEST(TextMemory, keepsLargeBlocksWithinBoundsUntilNobodyUsesThem) {
     using platform::TextMemory;
     constexpr size_t kLarge = size_t{1} << 20;
@@ -201,19 +190,6 @@ TEST(TextMemory, keepsLargeBlocksWithinBoundsUntilNobodyUsesThem) {
     EXPECT_GT(TextMemory::keptBytes(), 0U);
     TextMemory::giveBack();
     EXPECT_EQ(TextMemory::keptBytes(), 0U) << "at once";
-}
-
-TEST(Files, seesFilesFoldersAndNothing) {
-    platform::FakeFiles fake;
-    fake.files["/proc/self/exe"];
-    fake.folders = {"/"};
-    for (const platform::Files* files :
-         {&platform::Files::own(), static_cast<platform::Files*>(&fake)}) {
-        EXPECT_TRUE(files->exists("/proc/self/exe"));
-        EXPECT_TRUE(files->exists("/"));
-        EXPECT_FALSE(files->exists(""));
-        EXPECT_FALSE(files->exists("/nonexistent"));
-    }
 }
 
 } // namespace
