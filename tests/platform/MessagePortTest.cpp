@@ -192,17 +192,15 @@ TEST_F(MessagePortTest, keepsTheOrderOfEachOfManySenders) {
     constexpr int kTexts = 2000;
     std::vector<pid_t> children;
     for (int sender = 0; sender < kSenders; ++sender) {
-        children.push_back(fork());
-        if (children.back() == 0) {
-            for (int i = 0; i < kTexts; ++i) {
+        children.push_back(startChild([sender] {
+            bool sent = true;
+            for (int i = 0; sent && i < kTexts; ++i) {
                 std::string text = std::to_string(sender) + " " + std::to_string(i);
                 text.resize(i % 500 == 0 ? 200'000 : 40, ' ');
-                if (MessagePorts::own().send(kName, text, kGenerous) != SendResult::delivered) {
-                    _exit(1);
-                }
+                sent = MessagePorts::own().send(kName, text, kGenerous) == SendResult::delivered;
             }
-            _exit(0);
-        }
+            return sent ? 0 : 1;
+        }));
     }
     std::vector<int> next(kSenders, 0);
     for (int i = 0; i < kSenders * kTexts; ++i) {
@@ -213,9 +211,7 @@ TEST_F(MessagePortTest, keepsTheOrderOfEachOfManySenders) {
         ASSERT_EQ(std::strtol(rest, nullptr, 10), next[static_cast<size_t>(sender)]++) << text;
     }
     for (const pid_t child : children) {
-        int status = 1;
-        waitpid(child, &status, 0);
-        EXPECT_EQ(status, 0);
+        EXPECT_EQ(endOf(child), 0);
     }
     EXPECT_FALSE(port->wait(0, false));
 }
@@ -257,18 +253,13 @@ TEST_F(MessagePortTest, largeTextsThatAreBrokenOffDoNotPileUp) {
 }
 
 TEST_F(MessagePortTest, aNameIsFreeWhenItsOwnerIsKilled) {
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    const pid_t owner = fork();
-    if (owner == 0) {
+    const Pipe ready;
+    const pid_t owner = startChild([&] {
         const auto port = ports.open(kName);
-        (void)!write(ready[1], port != nullptr ? "y" : "n", 1);
-        pause();
-        _exit(0);
-    }
-    char answer = 0;
-    ASSERT_EQ(read(ready[0], &answer, 1), 1);
-    ASSERT_EQ(answer, 'y');
+        ready.tell(port != nullptr ? 'y' : 'n');
+        return pause();
+    });
+    ASSERT_EQ(ready.hear(), 'y');
     EXPECT_FALSE(ports.isFree(kName));
     EXPECT_EQ(ports.open(kName), nullptr);
     const auto wait = ports.newWait();
@@ -281,7 +272,7 @@ TEST_F(MessagePortTest, aNameIsFreeWhenItsOwnerIsKilled) {
     EXPECT_FALSE(watch->ended());
     kill(owner, SIGKILL);
     EXPECT_TRUE(wait->wait(kGenerous)) << "its end ends a wait";
-    waitpid(owner, nullptr, 0);
+    EXPECT_EQ(endOf(owner), 255);
     EXPECT_TRUE(watch->ended());
     EXPECT_TRUE(ports.isFree(kName));
     EXPECT_EQ(files(), 2U) << "it could not clear away";
@@ -290,47 +281,38 @@ TEST_F(MessagePortTest, aNameIsFreeWhenItsOwnerIsKilled) {
     ASSERT_NE(port, nullptr);
     EXPECT_EQ(ports.send(kName, "y", kGenerous), SendResult::delivered);
     EXPECT_EQ(takeAll(*port), std::vector<std::string>{"y"});
-    close(ready[0]);
-    close(ready[1]);
 }
 
 TEST_F(MessagePortTest, oneOfFiftyProcessesGetsTheName) {
     for (int round = 0; round < 5; ++round) {
-        int start[2];
-        int results[2];
-        int end[2];
-        ASSERT_TRUE(pipe(start) == 0 && pipe(results) == 0 && pipe(end) == 0);
+        Pipe start;
+        Pipe end;
+        const Pipe results;
         std::vector<pid_t> children;
         for (int i = 0; i < 50; ++i) {
-            children.push_back(fork());
-            if (children.back() == 0) {
-                char byte;
-                close(start[1]);
-                close(end[1]);
-                (void)!read(start[0], &byte, 1); // all begin when the parent closes its end
+            children.push_back(startChild([&, i] {
+                start.endTelling();
+                end.endTelling();
+                (void)start.hear(); // all begin when the parent ends it
                 // Those that only ask must not keep anybody from the name.
                 const bool asked = i % 2 == 0 && !ports.isFree(kName);
                 const auto port = i % 2 == 0 ? nullptr : ports.open(kName);
-                (void)!write(results[1], port != nullptr ? "w" : asked ? "a" : "l", 1);
-                (void)!read(end[0], &byte, 1);
-                _exit(0);
-            }
+                results.tell(port != nullptr ? 'w' : asked ? 'a' : 'l');
+                (void)end.hear();
+                return 0;
+            }));
         }
-        close(start[0]);
-        close(start[1]);
+        start.endTelling();
         int winners = 0;
         for (size_t i = 0; i < children.size(); ++i) {
-            char result = 0;
-            ASSERT_EQ(read(results[0], &result, 1), 1);
+            const char result = results.hear();
+            ASSERT_NE(result, '\0');
             winners += result == 'w' ? 1 : 0;
         }
         EXPECT_EQ(winners, 1) << "round " << round;
-        close(end[1]);
+        end.endTelling();
         for (const pid_t child : children) {
-            waitpid(child, nullptr, 0);
-        }
-        for (const int fd : {results[0], results[1], end[0]}) {
-            close(fd);
+            EXPECT_EQ(endOf(child), 0);
         }
         EXPECT_TRUE(ports.isFree(kName));
     }
@@ -340,20 +322,17 @@ TEST_F(MessagePortTest, aChildAfterForkTakesNothingAndSendsForItself) {
     auto port = ports.open(kName);
     ASSERT_NE(port, nullptr);
     EXPECT_EQ(ports.send(kName, "parent", kGenerous), SendResult::delivered);
-    int end[2];
-    ASSERT_EQ(pipe(end), 0);
-    const pid_t child = fork();
-    if (child == 0) {
+    Pipe end;
+    const pid_t child = startChild([&] {
         PortText text;
         const bool stolen = port->take(text) || port->wait(10, true);
         const bool sent =
             MessagePorts::own().send(kName, "child", kGenerous) == SendResult::delivered;
         port.reset(); // must not remove the parent's files
-        close(end[1]);
-        char byte;
-        (void)!read(end[0], &byte, 1);
-        _exit(!stolen && sent ? 0 : 1);
-    }
+        end.endTelling();
+        (void)end.hear();
+        return !stolen && sent ? 0 : 1;
+    });
     EXPECT_EQ(takeOne(*port), "parent");
     EXPECT_EQ(takeOne(*port), "child");
     EXPECT_EQ(ports.send(kName, "again", kGenerous), SendResult::delivered);
@@ -361,11 +340,8 @@ TEST_F(MessagePortTest, aChildAfterForkTakesNothingAndSendsForItself) {
     port.reset();
     EXPECT_TRUE(ports.isFree(kName)) << "although the child lives";
     EXPECT_EQ(ports.send(kName, "x", kGenerous), SendResult::noReceiver);
-    close(end[0]);
-    close(end[1]);
-    int status = 1;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
+    end.endTelling();
+    EXPECT_EQ(endOf(child), 0);
 }
 
 TEST_F(MessagePortTest, aProcessThatEndsWhileItOpensPortsLeavesNoFile) {
@@ -388,78 +364,62 @@ TEST_F(MessagePortTest, aProcessThatEndsWhileItOpensPortsLeavesNoFile) {
 }
 
 // Registered before all else, so that it runs behind the handler that gives the ports back.
-int gEnding[2] = {-1, -1};
+const Pipe* gEnding = nullptr; // of such an owner: to it, and from it
 const int kEndingHandler = std::atexit([] {
-    char byte = 'e';
-    if (gEnding[0] >= 0) {
-        (void)!write(gEnding[1], &byte, 1);
-        (void)!read(gEnding[0], &byte, 1);
+    if (gEnding != nullptr) {
+        gEnding[1].tell('e');
+        (void)gEnding[0].hear();
         _exit(0);
     }
 });
 
 // An owner may take seconds for the rest of its end; what is sent meanwhile is its successor's.
 TEST_F(MessagePortTest, whatIsSentWhileAnOwnerEndsGoesToItsSuccessor) {
-    int to[2];
-    int from[2];
-    ASSERT_TRUE(pipe(to) == 0 && pipe(from) == 0);
-    const pid_t owner = fork();
-    if (owner == 0) {
-        gEnding[0] = to[0];
-        gEnding[1] = from[1];
+    const Pipe pipes[2];
+    const auto& [to, from] = pipes;
+    const pid_t owner = startChild([&] {
+        gEnding = pipes;
         const auto port = MessagePorts::own().open(kName);
-        char byte = port != nullptr ? 'y' : 'n';
-        (void)!write(from[1], &byte, 1);
-        (void)!read(to[0], &byte, 1);
+        from.tell(port != nullptr ? 'y' : 'n');
+        (void)to.hear();
         std::exit(0);
-    }
-    char byte = 0;
-    ASSERT_EQ(read(from[0], &byte, 1), 1);
-    ASSERT_EQ(byte, 'y');
+        return 0;
+    });
+    ASSERT_EQ(from.hear(), 'y');
     std::shared_ptr<platform::TargetWatch> watch;
     EXPECT_EQ(ports.send(kName, "first", kGenerous, &watch), SendResult::delivered);
     EXPECT_FALSE(watch->ended());
     ASSERT_EQ(kEndingHandler, 0);
-    ASSERT_EQ(write(to[1], &byte, 1), 1);
-    ASSERT_EQ(read(from[0], &byte, 1), 1);
+    to.tell('e');
+    ASSERT_EQ(from.hear(), 'e');
     EXPECT_TRUE(watch->ended());
     const auto port = ports.open(kName);
     ASSERT_NE(port, nullptr);
     EXPECT_EQ(ports.send(kName, "second", kGenerous), SendResult::delivered);
     EXPECT_EQ(takeAll(*port), std::vector<std::string>{"second"});
-    ASSERT_EQ(write(to[1], &byte, 1), 1);
-    waitpid(owner, nullptr, 0);
-    for (const int fd : {to[0], to[1], from[0], from[1]}) {
-        close(fd);
-    }
+    to.tell('e');
+    EXPECT_EQ(endOf(owner), 0);
 }
 
 // The bare system call gives the handlers of fork no occasion to close what a child must not keep.
 TEST_F(MessagePortTest, aChildOfTheBareSystemCallKeepsNoName) {
-    int ready[2];
-    int end[2];
-    ASSERT_TRUE(pipe(ready) == 0 && pipe(end) == 0);
-    const pid_t owner = fork();
-    if (owner == 0) {
+    const Pipe ready;
+    Pipe end;
+    const pid_t owner = startChild([&] {
         const auto port = MessagePorts::own().open(kName);
         if (syscall(SYS_clone, SIGCHLD, nullptr, nullptr, nullptr, nullptr) == 0) {
-            char byte = port != nullptr ? 'y' : 'n';
-            close(end[1]);
-            (void)!write(ready[1], &byte, 1);
-            (void)!read(end[0], &byte, 1);
+            end.endTelling();
+            ready.tell(port != nullptr ? 'y' : 'n');
+            (void)end.hear();
             _exit(0);
         }
-        pause();
-        _exit(0);
-    }
-    char byte = 0;
-    ASSERT_EQ(read(ready[0], &byte, 1), 1);
-    ASSERT_EQ(byte, 'y');
+        return pause();
+    });
+    ASSERT_EQ(ready.hear(), 'y');
     std::shared_ptr<platform::TargetWatch> watch;
     EXPECT_EQ(ports.send(kName, "to the owner", kGenerous, &watch), SendResult::delivered);
     EXPECT_FALSE(ports.isFree(kName));
-    kill(owner, SIGKILL);
-    waitpid(owner, nullptr, 0);
+    EXPECT_EQ(endOf(owner, SIGKILL), 255);
     EXPECT_TRUE(ports.isFree(kName));
     const auto port = ports.open(kName);
     ASSERT_NE(port, nullptr);
@@ -467,9 +427,6 @@ TEST_F(MessagePortTest, aChildOfTheBareSystemCallKeepsNoName) {
     EXPECT_TRUE(watch->ended());
     EXPECT_EQ(takeAll(*port), std::vector<std::string>{"to its successor"});
     EXPECT_EQ(ports.open(kName), nullptr);
-    for (const int fd : {ready[0], ready[1], end[0], end[1]}) {
-        close(fd);
-    }
 }
 
 TEST_F(MessagePortTest, filesAreKeptFromCleanersAndTheLossOfEitherIsReportedOnce) {

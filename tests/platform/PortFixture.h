@@ -1,5 +1,6 @@
 #pragma once
 
+#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
@@ -10,6 +11,7 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include "platform/fake/Fakes.h"
@@ -41,15 +43,50 @@ inline std::vector<std::string> takeAll(LocalPort& port) {
     return texts;
 }
 
-// Runs `body` in a child and gives its exit status, 255 when a signal ended it.
-inline int inChild(const std::function<int()>& body) {
+// Processes tell each other single bytes over it; closed with the object.
+class Pipe {
+public:
+    Pipe() { EXPECT_EQ(pipe(ends_), 0); }
+    ~Pipe() {
+        close(ends_[0]);
+        endTelling();
+    }
+    Pipe(const Pipe&) = delete;
+    Pipe& operator=(const Pipe&) = delete;
+
+    void tell(char byte) const { (void)!write(ends_[1], &byte, 1); }
+    // Waits for one; '\0' when nobody is left who could tell.
+    char hear() const {
+        char byte = '\0';
+        return read(ends_[0], &byte, 1) == 1 ? byte : '\0';
+    }
+    void endTelling() { close(std::exchange(ends_[1], -1)); }
+    // From now on `hear` does not wait.
+    void doNotWait() const { EXPECT_EQ(fcntl(ends_[0], F_SETFL, O_NONBLOCK), 0); }
+
+private:
+    int ends_[2] = {-1, -1};
+};
+
+// A child that does `body` and ends.
+inline pid_t startChild(const std::function<int()>& body) {
     const pid_t child = fork();
     if (child == 0) {
         _exit(body());
     }
+    return child;
+}
+
+// The exit status of a child, 255 when a signal ended it.
+inline int endOf(pid_t child, int signal = 0) {
     int status = 0;
+    (void)kill(child, signal);
     EXPECT_EQ(waitpid(child, &status, 0), child);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 255;
+}
+
+inline int inChild(const std::function<int()>& body) {
+    return endOf(startChild(body));
 }
 
 // The real ports, in a folder of the test's own.

@@ -206,12 +206,10 @@ TEST_F(PortStrangersTest, strangersAreNotHeardAndNotSpokenTo) {
     EXPECT_EQ(port->statistics().texts, 0U);
 
     // A stranger that listens at the name while its lock is held.
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
+    const Pipe ready;
     const std::string socketFile = fileOf(".socket");
     ASSERT_EQ(unlink(socketFile.c_str()), 0);
-    const pid_t stranger = fork();
-    if (stranger == 0) {
+    const pid_t stranger = startChild([&] {
         const int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
@@ -220,20 +218,15 @@ TEST_F(PortStrangersTest, strangersAreNotHeardAndNotSpokenTo) {
             setuid(65534) == 0 &&
             bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
             listen(fd, 5) == 0;
-        (void)!write(ready[1], listens ? "y" : "n", 1);
-        pause();
-    }
-    char answer = 0;
-    ASSERT_EQ(read(ready[0], &answer, 1), 1);
-    EXPECT_EQ(answer, 'y');
+        ready.tell(listens ? 'y' : 'n');
+        return pause();
+    });
+    EXPECT_EQ(ready.hear(), 'y');
     for (const std::string& path : {runtime.file(""), folder()}) {
         ASSERT_EQ(chmod(path.c_str(), 0700), 0);
     }
     EXPECT_EQ(ports.send(kName, "secret", 1000), SendResult::failed);
-    kill(stranger, SIGKILL);
-    waitpid(stranger, nullptr, 0);
-    close(ready[0]);
-    close(ready[1]);
+    EXPECT_EQ(endOf(stranger, SIGKILL), 255);
 }
 
 // What the system took for a sender arrives, whoever has filled the port with halves before.
@@ -249,31 +242,27 @@ TEST_F(PortStrangersTest, roomIsMadeByClosingStalledHalvesAndNeverTheNewcomer) {
         SCOPED_TRACE(c.why);
         const auto port = ports.open(kName);
         ASSERT_NE(port, nullptr);
-        int done[2];
-        int end[2];
-        ASSERT_TRUE(pipe(done) == 0 && pipe(end) == 0);
+        const Pipe done;
+        Pipe end;
         std::vector<pid_t> children;
         for (int p = 0; p < c.processes; ++p) {
-            children.push_back(fork());
-            if (children.back() == 0) {
-                close(end[1]);
+            children.push_back(startChild([&] {
+                end.endTelling();
                 for (int i = 0; i < c.halves; ++i) {
                     if (p + 1 == c.processes && i + 1 == c.halves) { // when the others have stalled
                         usleep(1200 * limits::of("port.half-sent.stalled"));
                     }
                     (void)sendRaw(rawConnection(), header(2, c.announced));
                 }
-                char byte = 'x';
-                (void)!write(done[1], &byte, 1);
-                (void)!read(end[0], &byte, 1);
-                _exit(0);
-            }
+                done.tell('x');
+                (void)end.hear();
+                return 0;
+            }));
         }
-        ASSERT_EQ(fcntl(done[0], F_SETFL, O_NONBLOCK), 0);
+        done.doNotWait();
         for (int finished = 0; finished < c.processes;) {
-            char byte;
             EXPECT_FALSE(port->wait(10, false)) << "no half is a text";
-            finished += read(done[0], &byte, 1) == 1 ? 1 : 0;
+            finished += done.hear() == 'x' ? 1 : 0;
         }
         const auto all = static_cast<uint64_t>(c.processes * c.halves);
         for (int i = 0; i < 500 && port->statistics().connections < all; ++i) {
@@ -295,12 +284,9 @@ TEST_F(PortStrangersTest, roomIsMadeByClosingStalledHalvesAndNeverTheNewcomer) {
         for (int i = 0; i < kNewcomers; ++i) {
             EXPECT_THAT(takeOne(*port).size(), testing::AnyOf(100U, 100'000U)) << i;
         }
-        close(end[1]);
+        end.endTelling();
         for (const pid_t child : children) {
-            waitpid(child, nullptr, 0);
-        }
-        for (const int fd : {done[0], done[1], end[0]}) {
-            close(fd);
+            EXPECT_EQ(endOf(child), 0);
         }
         EXPECT_FALSE(port->wait(0, false));
         EXPECT_EQ(port->statistics().connections, 0U);
@@ -314,21 +300,18 @@ TEST_F(PortStrangersTest, tenThousandHalfSentTextsHinderNobody) {
     constexpr int kHalves = 500;
     // Each process opens as many connections as it may and leaves a text half sent on each.
     std::vector<pid_t> processes;
-    int done[2];
-    ASSERT_EQ(pipe(done), 0);
+    const Pipe done;
     for (int p = 0; p < kProcesses; ++p) {
-        const pid_t child = fork();
-        if (child == 0) {
+        processes.push_back(startChild([&] {
             for (int i = 0; i < kHalves; ++i) {
                 const int fd = rawConnection();
                 const std::string half(1000, 'h');
                 (void)!(sendRaw(fd, header(2, i % 2 == 0 ? 100'000 : (16U << 20))) &&
                         sendRaw(fd, half)); // closed already when it is over the bound
             }
-            (void)!write(done[1], "x", 1);
-            pause();
-        }
-        processes.push_back(child);
+            done.tell('x');
+            return pause();
+        }));
     }
     // The receiver must serve meanwhile, or the connections would wait in the system's queue.
     const auto memory = [] {
@@ -340,12 +323,10 @@ TEST_F(PortStrangersTest, tenThousandHalfSentTextsHinderNobody) {
     };
     const size_t before = memory();
     int finished = 0;
-    ASSERT_EQ(fcntl(done[0], F_SETFL, O_NONBLOCK), 0);
+    done.doNotWait();
     for (int round = 0; finished < kProcesses && round < 10'000; ++round) {
         EXPECT_FALSE(port->wait(10, false)) << "no half is a text";
-        char marks[kProcesses];
-        const ssize_t more = read(done[0], marks, sizeof marks);
-        finished += more > 0 ? static_cast<int>(more) : 0;
+        finished += done.hear() == 'x' ? 1 : 0;
     }
     ASSERT_EQ(finished, kProcesses);
     EXPECT_LE(port->statistics().connections, 512U);
@@ -354,13 +335,10 @@ TEST_F(PortStrangersTest, tenThousandHalfSentTextsHinderNobody) {
     EXPECT_EQ(ports.send(kName, "a neighbour that behaves", kGenerous), SendResult::delivered);
     EXPECT_EQ(takeOne(*port), "a neighbour that behaves");
     for (const pid_t child : processes) {
-        kill(child, SIGKILL);
-        waitpid(child, nullptr, 0);
+        EXPECT_EQ(endOf(child, SIGKILL), 255);
     }
     EXPECT_FALSE(port->wait(0, false));
     EXPECT_EQ(port->statistics().connections, 1U) << "the one of the send above";
-    close(done[0]);
-    close(done[1]);
 }
 
 TEST_F(PortStrangersTest, aLinkInThePlaceOfASocketLeadsNowhereElse) {
