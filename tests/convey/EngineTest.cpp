@@ -543,9 +543,7 @@ TEST_F(EngineTest, anObserverOfWhatArrivesMayReceive) {
     for (const char* body : {"first", "second"}) {
         EXPECT_TRUE(sendFrom(peer, request("own-1.0", body)));
     }
-    for (int i = 0; i < 200 && handled.size() < 2; ++i) {
-        (void)Convey::pumpOrWait(50);
-    }
+    pumpUntil([&] { return handled.size() == 2; });
     EXPECT_THAT(handled, testing::ElementsAre("1 Tessaly first", "1 Tessaly second"));
     EXPECT_THAT(labels, testing::Contains("RECEIVE"));
 }

@@ -97,10 +97,7 @@ TEST_F(ConversationTest, answersOfAnyTypeReachTheirHandlerByOneRule) {
                 text += "Target:own-1.0\nSender:peer-1.0\nSerial-Number:9\nResult:5\n\n";
                 EXPECT_TRUE(peer.send("own-1.0", SoString(text.c_str())));
             }
-            const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-            while (seen.empty() && std::chrono::steady_clock::now() < end) {
-                pumpAll();
-            }
+            pumpUntil([&] { return !seen.empty(); });
             pumpAll();
             EXPECT_EQ(seen, answering.seen);
             EXPECT_EQ(which, std::to_string(first));
@@ -143,10 +140,7 @@ TEST_F(ConversationTest, whatIsSaidOfARequestOfAUserTypeReachesItsAsker) {
             text += std::string("Type:") + c.type + "\n";
             text += std::string("Target:own-1.0\nSender:third-3.0\n") + c.numbers + "\n";
             EXPECT_TRUE(peer.send("own-1.0", SoString(text.c_str())));
-            const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-            while (heard < 0 && std::chrono::steady_clock::now() < end) {
-                pumpAll();
-            }
+            pumpUntil([&] { return heard >= 0; });
             EXPECT_EQ(heard, c.event);
             (void)own.deleteHandlers(5);
         }
@@ -522,10 +516,7 @@ TEST_F(ConversationTest, dropsAnswersToAPredecessor) {
         text += "Result:5\n\n";
         EXPECT_TRUE(peer.send("own-1.0", SoString(text.c_str())));
     }
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (results == 0 && std::chrono::steady_clock::now() < end) {
-        pumpAll();
-    }
+    pumpUntil([&] { return results != 0; });
     EXPECT_EQ(results, 1) << "without a mark it is taken as it is";
     SoString rows;
     Convey::getDiagnostics(rows, false);

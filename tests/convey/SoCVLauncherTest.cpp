@@ -144,9 +144,7 @@ TEST_F(LauncherTest, theAcknowledgementEndsThePending) {
     EXPECT_TRUE(launch(kPath, &parameters));
     EXPECT_TRUE(isPending());
     Convey target("other-2.0", nullptr, false, nullptr); // the script reaches it by its port
-    for (int i = 0; i < 200 && isPending(); ++i) {
-        (void)Convey::pumpOrWait(50);
-    }
+    pumpUntil([] { return !isPending(); });
     EXPECT_FALSE(isPending());
 }
 
@@ -159,9 +157,7 @@ TEST_F(LauncherTest, theTimeOutEndsThePending) {
     pumpAll();
     EXPECT_TRUE(isPending());
     clock.utc += 2'000;
-    for (int i = 0; i < 200 && isPending(); ++i) {
-        (void)Convey::pumpOrWait(50);
-    }
+    pumpUntil([] { return !isPending(); });
     EXPECT_FALSE(isPending());
 }
 
@@ -261,9 +257,7 @@ TEST(LaunchQueue, keepsTheMessagesBehindTheParameters) {
     {
         const Convey own("own-1.0", noting(bodies), true, nullptr);
         EXPECT_EQ(own.getAppName(), "own-1.0") << "no instance of it: the name was kept for it";
-        for (int i = 0; i < 200 && bodies.size() < 2; ++i) {
-            (void)Convey::pumpOrWait(50);
-        }
+        pumpUntil([&] { return bodies.size() == 2; });
     }
     EXPECT_THAT(bodies, ElementsAre("1 Tessaly first", "1 Tessaly second"));
     EXPECT_TRUE(Convey::InitTerm::exit());

@@ -188,11 +188,13 @@ TEST_F(MessageQueueTest, writesTheRowsOfItsMessages) {
     ASSERT_TRUE(queue.append(make("", "Log")));
     platform::FakeProcesses processes;
     const platform::ScopedReplacement<platform::Processes> inForce(processes);
+    processes.number = 4294967295U;
+    message->setTimestamp(86'400 + 3'723);
     SoString rows;
     EXPECT_EQ(queue.appendDiagnostics(rows, "/x"), 1);
     for (const char* row :
-         {"/x/msg42;1;msg[13:46:40];00000042;\n", ";Response-Request;undefined;\n",
-          "/headers/a  b;0;a  b;1  /y 1 passes for a row ;\n"}) {
+         {"/x/msg42;1;msg[01:02:03];00000042;\n", ";Sender-ID;localhost:mac4294967295;\n",
+          ";Response-Request;undefined;\n", "/headers/a  b;0;a  b;1  /y 1 passes for a row ;\n"}) {
         EXPECT_NE(rows.view().find(row), std::string_view::npos) << rows.c_str();
     }
     rows = SoString();

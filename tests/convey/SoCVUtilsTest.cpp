@@ -243,19 +243,4 @@ TEST(Utils, splitsOptionsAtEveryMark) {
     }
 }
 
-TEST(Utils, tellsTheTimeOfDay) {
-    platform::FakeClock clock;
-    const platform::ScopedReplacement<platform::Clock> inForce(clock);
-    clock.utc = int64_t{86'400'000} * 20'000 + 3'723'999;
-    const uint32_t evening = 86'399;
-    EXPECT_EQ(Utils::getTimeString(nullptr), "01:02:03");
-    EXPECT_EQ(Utils::getTimeString(&evening), "23:59:59");
-    EXPECT_EQ(Utils::getTimeSeconds(), 1'728'003'723U);
-    EXPECT_EQ(Utils::getUTCTimeMilliSeconds(), 1'728'003'723'999.0);
-    platform::FakeProcesses processes;
-    const platform::ScopedReplacement<platform::Processes> processesInForce(processes);
-    processes.number = 4294967295U;
-    EXPECT_EQ(Utils::getSenderID(), "localhost:mac4294967295");
-}
-
 } // namespace

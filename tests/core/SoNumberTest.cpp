@@ -15,15 +15,13 @@ using ScObjects::parseUnsigned32;
 
 namespace {
 
-// The tests run in the "C" locale, in which the C library's own strtod is the model.
+// The tests run in the "C" locale, in which the C library's own strtod is the model. What random
+// texts do not hit.
 TEST(SoNumber, readsWhatStrtodReadsInTheCLocale) {
-    const char* cases[] = {"",         "7.0",    "7.5",      "  12",      "+3",
-                           "-2.99",    "--2",    "+-2",      "7.",        ".5",
-                           ".",        "1e3",    "1e",       "1e+",       "0x10",
-                           "0x",       "0x.8p1", "-0x1p-2",  "inf",       "-INF",
-                           "infinity", "nan",    "abc",      "7.0abc",    "1e400",
-                           "-1e400",   "1e-400", "0x1p5000", "0x1p-5000", "99999999999999999999",
-                           "4.9e-324", "7,5",    "7 5",      "\t\n\v9"};
+    const char* cases[] = {"inf",      "-INF",     "infinity",  "nan",
+                           "abc",      "1e400",    "-1e400",    "1e-400",
+                           "7,5",      "0x1p5000", "0x1p-5000", "99999999999999999999",
+                           "4.9e-324", "\t\n\v9"};
     for (const char* text : cases) {
         SCOPED_TRACE(text);
         const double expected = std::strtod(text, nullptr);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <gtest/gtest.h>
 #include <string>
 #include <vector>
 
@@ -25,6 +27,15 @@ inline TestHandler* noting(std::vector<std::string>& calls, const char* type = "
 // Until nothing happens any more.
 inline void pumpAll() {
     while (ScObjects::Convey::pump(ScObjects::kProcessBoth)) {
+    }
+}
+
+// Until this holds, or for twenty seconds.
+template <class Condition>
+void pumpUntil(Condition&& holds) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!holds() && std::chrono::steady_clock::now() < end) {
+        (void)ScObjects::Convey::pumpOrWait(50);
     }
 }
 
