@@ -7,6 +7,7 @@
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoConvey.h"
 #include "tests/e2e/Scene.h"
+#include "tests/support/Peers.h"
 
 namespace {
 
@@ -22,7 +23,7 @@ class EndedTargetsTest : public Scene {
 protected:
     EndedTargetsTest() {
         EXPECT_TRUE(Convey::InitTerm::init("asker-1.0", true));
-        asker = new Convey("asker-1.0", new Listener(*this), true, nullptr);
+        asker = new Convey("asker-1.0", listener("Tessaly"), true, nullptr);
     }
     ~EndedTargetsTest() override { (void)Convey::InitTerm::exit(); }
 
@@ -49,33 +50,26 @@ protected:
     // Pumps until this has been heard; what has been heard otherwise when it takes too long.
     bool hears(uint32_t number, const std::string& expected) {
         return eventually([&] {
-            while (Convey::pump(ScObjects::kProcessBoth)) {
-            }
+            pumpAll();
             return heard[number] == expected;
         });
     }
 
-    class Listener : public Convey::MsgHandler {
-    public:
-        explicit Listener(EndedTargetsTest& test) : test_(test) {}
-        int32_t handleMessage(int event, Convey::Message& message, SoString*) override {
-            const uint32_t number = message.getSerialNumber();
-            test_.order.push_back(number);
+    TestHandler* listener(const char* type, uint32_t serial = Convey::kAnySerialNumber) {
+        const auto hear = [this](int event, Convey::Message& message, SoString*) {
+            std::string& said = heard[message.getSerialNumber()];
+            order.push_back(message.getSerialNumber());
             if (event == 4) {
-                test_.heard[number] += std::string(message.getBody().view()) + " " +
-                                       message.getUserHeaderValue("Error-Code").c_str() + " from " +
-                                       message.getSender().c_str() + ";";
+                said += std::string(message.getBody().view()) + " " +
+                        message.getUserHeaderValue("Error-Code").c_str() + " from " +
+                        message.getSender().c_str() + ";";
             } else {
-                test_.heard[number] +=
-                    std::string(message.getType().view()) + message.getBody().c_str() + ";";
+                said += std::string(message.getType().view()) + message.getBody().c_str() + ";";
             }
             return 0;
-        }
-        SoString getMsgType() const override { return "Tessaly"; }
-
-    private:
-        EndedTargetsTest& test_;
-    };
+        };
+        return new TestHandler(hear, type, serial);
+    }
 
     const std::string ended = "ERROR: TARGET HAS ENDED 62 from target-1.0;";
     std::map<uint32_t, std::string> heard;
@@ -116,13 +110,7 @@ TEST_F(EndedTargetsTest, whatAnAskerDoesMeanwhileMakesNoDifference) {
         holding->signal(SIGKILL);
     };
     std::thread killing(kill);
-    class OneError : public Listener {
-    public:
-        using Listener::Listener;
-        SoString getMsgType() const override { return "Error"; }
-        uint32_t getSerialNumber() const override { return 1; }
-    };
-    delete asker->changeHandler(new OneError(*this));
+    delete asker->changeHandler(listener("Error", 1));
     Convey::Message waiting = request(1, "hold");
     const auto start = Clock::now();
     EXPECT_TRUE(asker->send(waiting, false, 60, nullptr));

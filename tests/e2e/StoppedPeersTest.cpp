@@ -11,6 +11,7 @@
 #include "scriptobjects/convey/SoConvey.h"
 #include "scriptobjects/stream/InterAppStream.h"
 #include "tests/e2e/Scene.h"
+#include "tests/support/TestHandler.h"
 
 namespace {
 
@@ -172,20 +173,14 @@ struct Progress {
     long served = 0;
 };
 
-class Server : public Convey::MsgHandler {
-public:
-    explicit Server(Progress& progress) : progress_(progress) {}
-    int32_t handleMessage(int, Convey::Message&, SoString* result) override {
+TestHandler* server(Progress& progress) {
+    return new TestHandler([&progress](int, Convey::Message&, SoString* result) {
         *result = SoString(std::string(60'000, 'r').c_str());
-        ++progress_.served;
-        progress_.note();
+        ++progress.served;
+        progress.note();
         return 0;
-    }
-    SoString getMsgType() const override { return "Tessaly"; }
-
-private:
-    Progress& progress_;
-};
+    });
+}
 
 using StoppedPeersTest = Scene;
 
@@ -198,7 +193,7 @@ TEST_F(StoppedPeersTest, whatStoppedAskersAreOwedHoldsUpNobody) {
     Child pinger([](Child& self) { return keepPinging(self); });
     ASSERT_TRUE(Convey::InitTerm::init("server-1.0", true));
     Progress progress;
-    auto* const instance = new Convey("server-1.0", new Server(progress), true, nullptr);
+    auto* const instance = new Convey("server-1.0", server(progress), true, nullptr);
     const auto pump = [&progress] {
         (void)Convey::pumpOrWait(20);
         progress.note();
