@@ -133,6 +133,10 @@ Exit show(const Output& output, const DiagnoseOptions& options, const std::strin
             return Subject(); // whom it waits for has gone
         }
     });
+    // Without rows there is nothing to show raw or as a page.
+    if (rows.empty() && (options.raw || !options.htmlFile.empty())) {
+        throw Failure(kNo, verdict.sentence, {{"specifier", target}, {"verdict", asJson(verdict)}});
+    }
     const Node tree = partOf(readTree(rows), options.path);
     if (options.raw) {
         output.out << rows << std::flush;
