@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <iterator>
 #include <mutex>
 #include <poll.h>
@@ -10,6 +9,7 @@
 #include <string>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
+#include <system_error>
 #include <utility>
 
 #include "platform/Log.h"
@@ -21,7 +21,8 @@ namespace {
 
 void reportFailure(const char* call) {
     const int error = errno; // building the line may change it
-    Log::system().problem(std::string("Convey: ") + call + ": " + std::strerror(error));
+    Log::system().problem(std::string("Convey: ") + call + ": " +
+                          std::system_category().message(error));
 }
 
 class EventSignal final : public PollSignal {

@@ -69,8 +69,12 @@ public:
     }
 
     std::unique_ptr<InterAppStream> take(const SoString& name) {
+        std::unique_ptr<InterAppStream> found;
         const std::lock_guard<std::mutex> guard(mutex_);
-        return stream_ != nullptr && stream_->getName() == name ? std::move(stream_) : nullptr;
+        if (stream_ != nullptr && stream_->getName() == name) {
+            found.swap(stream_);
+        }
+        return found;
     }
 
 private:
