@@ -91,6 +91,13 @@ TEST(Verdict, followsWhoWaitsForWhom) {
         EXPECT_EQ(verdict.sentence.substr(verdict.sentence.size() - std::strlen(c.end)), c.end)
             << verdict.sentence;
     }
+    // A wait that has just begun, in a handler that did not: it is not the handler's own work.
+    subjects["just"].rows = waitsFor("gone") + "/i/instances/i/handling;1;In handlers;1;\n"
+                                               "/i/instances/i/handling/0;1;Message;6;\n"
+                                               "/i/instances/i/handling/0/for;0;For;65100ms;\n";
+    subjects["just"].rows.replace(subjects["just"].rows.find("65000"), 5, "600");
+    EXPECT_EQ(judge("just", [&](const std::string& name) { return subjects[name]; }).word,
+              "waiting");
 }
 
 TEST(Output, fitsTheTerminal) {

@@ -133,12 +133,19 @@ private:
         const auto isLong = [](const Occupation& one) {
             return one.milliseconds >= kLongMilliseconds;
         };
-        const auto waiting = std::find_if(facts.waiting.begin(), facts.waiting.end(), isLong);
+        auto waiting = std::find_if(facts.waiting.begin(), facts.waiting.end(), isLong);
         const auto handling = std::find_if(facts.handling.begin(), facts.handling.end(), isLong);
-        // What began last is what the thread is at: a wait within a handler, or a handler of what
-        // came in during a wait.
-        if (waiting != facts.waiting.end() &&
-            (handling == facts.handling.end() || waiting->milliseconds <= handling->milliseconds)) {
+        // What began last is what the thread is at: a wait within a handler, however short, or a
+        // handler of what came in during a wait.
+        if (handling != facts.handling.end()) {
+            const auto within = [&](const Occupation& one) {
+                return one.milliseconds <= handling->milliseconds;
+            };
+            if (waiting == facts.waiting.end() || !within(*waiting)) {
+                waiting = std::find_if(facts.waiting.begin(), facts.waiting.end(), within);
+            }
+        }
+        if (waiting != facts.waiting.end()) {
             verdict = waits(name, facts, *waiting,
                             handling == facts.handling.end() ? nullptr : &*handling);
             return true;
