@@ -208,6 +208,10 @@ public:
     // about to open one of them.
     virtual size_t removeStale() = 0;
 
+    // Where the ports of this process and its peers are found, for people; whether it can be used
+    // or not. Two that name different places do not see each other.
+    virtual std::string place() const = 0;
+
     static MessagePorts& own();
 };
 

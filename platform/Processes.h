@@ -28,6 +28,9 @@ public:
     // The number of the calling process; another one in a child after fork.
     virtual uint32_t ownNumber() const = 0;
 
+    // The file of the calling process's program; empty when the system does not tell.
+    virtual std::string ownProgram() const = 0;
+
     // True while the process with this number runs: false for 0, for one that has ended and waits
     // for its parent, and for another process that was given the number of one that has been
     // started or asked about here.

@@ -164,6 +164,7 @@ public:
     std::vector<std::string> started;        // paths, or a program's name and words
 
     uint32_t ownNumber() const override { return number; }
+    std::string ownProgram() const override { return "/apps/program"; }
     bool isRunning(uint32_t process) override { return running.count(process) != 0; }
     std::vector<uint32_t> find(const std::string& path) const override {
         std::vector<uint32_t> found;
@@ -281,6 +282,7 @@ public:
         return ports;
     }
     size_t removeStale() override { return 0; } // owners here never die
+    std::string place() const override { return "memory"; }
 
 private:
     // Ends with every change of any port.

@@ -57,6 +57,8 @@ public:
 
     size_t removeStale() override { return removeStalePorts(); }
 
+    std::string place() const override { return PortFolder::currentPath(); }
+
 private:
     struct Sender {
         // Which process it is of. Not its number: that a grandchild may have again.

@@ -128,6 +128,12 @@ PortFolder::State PortFolder::open(Use use) {
     return state;
 }
 
+std::string PortFolder::currentPath() {
+    std::string path;
+    (void)choosePath(path); // why it cannot be used is told by who opens it
+    return path;
+}
+
 PortFolder::State PortFolder::openAnew(Use use) {
     const bool isChosen = choosePath(path_);
     const int choosing = errno;

@@ -22,6 +22,9 @@ public:
     // when there is none. `refused` is reported; errno has the reason.
     State open(Use use);
 
+    // The path that `open` would take now; nothing is looked at but what leads to it.
+    static std::string currentPath();
+
     int fd() const { return folder_ == nullptr ? -1 : folder_->get(); }
     const std::string& path() const { return path_; }
 

@@ -1,6 +1,7 @@
 #include "platform/Processes.h"
 
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <mutex>
 #include <string_view>
@@ -38,6 +39,11 @@ std::string resolved(const std::string& path) {
 class LinuxProcesses final : public Processes {
 public:
     uint32_t ownNumber() const override { return static_cast<uint32_t>(getpid()); }
+
+    std::string ownProgram() const override {
+        std::error_code error;
+        return std::filesystem::read_symlink("/proc/self/exe", error).string();
+    }
 
     bool isRunning(uint32_t number) override {
         // Numbers are given again; number and time of start together are not. The first look at a

@@ -4,6 +4,7 @@
 #include <chrono>
 
 #include "limits/Limits.h"
+#include "platform/MessagePort.h"
 #include "platform/Processes.h"
 #include "scriptobjects/connector/SoCVConnector.h"
 #include "scriptobjects/convey/SoCVDiagnosticsRows.h"
@@ -330,6 +331,8 @@ void ConveyContext::appendDiagnostics(SoString& out, const SoString& path) const
     rows.leaf("/process", "Process", platform::Processes::system().ownNumber());
     const auto started = static_cast<uint32_t>(thread_->startTime() / 1000);
     rows.leaf("/started", "Started", ConveyUtils::getTimeString(&started));
+    rows.leaf("/program", "Program", platform::Processes::system().ownProgram().c_str());
+    rows.leaf("/ports", "Port folder", platform::MessagePorts::system().place().c_str());
 }
 
 uint64_t ConveyContext::activity() const {

@@ -190,6 +190,8 @@ void PrivateData::appendDiagnostics(SoString& out, const SoString& path) const {
     occupations_.appendDiagnostics(rows);
     appendOldest(rows, incoming_, "/oldestin", "Oldest incoming");
     appendOldest(rows, outbox_.messages(), "/oldestout", "Oldest outgoing");
+    traffic_.appendDiagnostics(rows, incoming_.dropped() + outbox_.messages().dropped());
+    outbox_.appendDiagnostics(rows);
 }
 
 // Handlers.

@@ -13,6 +13,7 @@
 #include "scriptobjects/convey/SoCVOccupations.h"
 #include "scriptobjects/convey/SoCVOutbox.h"
 #include "scriptobjects/convey/SoCVTakers.h"
+#include "scriptobjects/convey/SoCVTraffic.h"
 #include "scriptobjects/core/SoString.h"
 #include "scriptobjects/core/SoThread.h"
 
@@ -140,6 +141,7 @@ private:
     Outbox outbox_;
     Conversations conversations_;
     Occupations occupations_;
+    Traffic traffic_;
     const std::shared_ptr<Takers> takers_ = std::make_shared<Takers>();
     std::atomic<uint32_t> answersToPredecessor_{0};
     std::atomic<uint32_t> rejected_{0};    // texts whose digest does not fit

@@ -91,8 +91,10 @@ bool PrivateData::send(Message& message, bool mayLaunch, uint32_t waitSeconds,
         // The caller hears it from the result: a time-out for what was never sent would come on
         // top.
         unwatchTime(message.getSerialNumber());
+        traffic_.noteDropped();
         return false;
     }
+    traffic_.noteOut();
     if (waitSeconds == 0) {
         return delivery == Delivery::delivered;
     }
@@ -125,6 +127,7 @@ Delivery PrivateData::post(std::unique_ptr<Message> message) {
         return Delivery::refused;
     }
     if (deliverLocally(*message)) {
+        traffic_.noteOut();
         return Delivery::delivered;
     }
     // The message may be the outbox's in a moment, so who looks at events is shown a copy; as a
@@ -133,6 +136,11 @@ Delivery PrivateData::post(std::unique_ptr<Message> message) {
         ConveyUtils::isForwarding(CV_FORWARD_LOGS) ? std::make_unique<Message>(*message) : nullptr;
     const auto stream = this->stream();
     const Delivery delivery = outbox_.post(stream.get(), message);
+    if (delivery == Delivery::refused) {
+        traffic_.noteDropped();
+    } else {
+        traffic_.noteOut();
+    }
     if (delivery == Delivery::queued) {
         if (const ConveyContext* context = this->context()) {
             context->getThread()->wake();
@@ -174,6 +182,7 @@ void PrivateData::accept(std::unique_ptr<Message> message) {
     // On arrival, and not when the owner handles it: an answer that lies in the queue is there,
     // even if its sender has ended since.
     takers_->noteReceived(*message);
+    traffic_.noteIn(*message);
     if (incoming_.append(message.get())) {
         (void)message.release(); // the queue's now
         noteActivity();
@@ -317,7 +326,9 @@ void PrivateData::sendError(const Message& request, const char* text, int32_t co
     answer->setError(request.getSerialNumber());
     answer->setBody(SoString(text));
     answer->setHeader(CV_ERROR_CODE, static_cast<long>(code));
-    (void)sendResponse(request, CV_WANTS_ERROR, std::move(answer));
+    if (sendResponse(request, CV_WANTS_ERROR, std::move(answer))) {
+        traffic_.noteErrorTold();
+    }
     // Who waits for an answer has its handler for errors called before `send` returns.
     if (waitSeconds != 0 && findSlot(CV_TYPE_ERROR, request.getSerialNumber()) != nullptr) {
         (void)waitForResponse(Conversations::Wait(conversations_, request), request, waitSeconds);

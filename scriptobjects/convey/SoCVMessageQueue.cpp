@@ -195,8 +195,7 @@ MessageQueue::Taken MessageQueue::takeLocked(Notices& notices, uint32_t serial,
         const Message& message = *entry->message;
         // Also where expired ones have just been retired: the second may have changed meanwhile.
         if (now >= entry->deadline) {
-            auto& place = notices.placeFor(message, diagnosticsRoot_);
-            place = removeLocked(*entry);
+            retireLocked(*entry, notices.placeFor(message, diagnosticsRoot_));
         } else if (entry->isWatcher && isRelated(message, serial)) {
             moveToEndLocked(*entry);
         } else if (choice != nullptr && choice->isHeldUp(message)) {
@@ -269,8 +268,7 @@ void MessageQueue::removeExpiredMessages() {
         Entry& entry = *next;
         next = entry.links[ofAll].previous;
         if (now >= entry.deadline) {
-            auto& place = notices.placeFor(*entry.message, diagnosticsRoot_);
-            place = removeLocked(entry);
+            retireLocked(entry, notices.placeFor(*entry.message, diagnosticsRoot_));
         } else {
             first = std::min(first, entry.deadline);
         }
@@ -368,8 +366,7 @@ int32_t MessageQueue::dropAnswersFor(const std::string& target) {
         next = entry.links[ofTarget].next; // the line goes with its last
         if (entry.isAnswer) {
             notices.report(*entry.message, "picked", diagnosticsRoot_);
-            auto& place = dropped.emplace_back();
-            place = removeLocked(entry);
+            retireLocked(entry, dropped.emplace_back());
         }
     }
     return static_cast<int32_t>(dropped.size());

@@ -52,6 +52,9 @@ public:
     int32_t count() const;
     // Bytes of the bodies.
     int64_t bodyBytes() const;
+    // How many have gone without having been taken: their time was over, or nobody wants them any
+    // more. Watchers do not count, and the number wraps.
+    uint32_t dropped() const { return dropped_.load(std::memory_order_relaxed); }
 
     // Adds a message at the end, the queue's from now on. False, and it stays the caller's, for
     // null, for a message without a sender or a target, and when memory runs out, which is thrown.
@@ -196,6 +199,7 @@ private:
     void unlinkLocked(Entry& entry) SO_REQUIRES(this);
     Line& lineLocked(std::string_view target) SO_REQUIRES(this);
     std::unique_ptr<Convey::Message> removeLocked(Entry& entry) SO_REQUIRES(this);
+    void retireLocked(Entry& entry, std::unique_ptr<Convey::Message>& place) SO_REQUIRES(this);
     void moveToEndLocked(Entry& entry) SO_REQUIRES(this);
     void parkLocked(Entry& entry) SO_REQUIRES(this);
     void knowNumbersLocked() SO_REQUIRES(this);
@@ -223,6 +227,7 @@ private:
     // No message expires before it. Changes under the lock; read without, since it is asked for
     // with each message.
     std::atomic<int64_t> firstDeadline_{kNoDeadline};
+    std::atomic<uint32_t> dropped_{0};
     int32_t watchers_ SO_GUARDED_BY(this) = 0;
     Listener* listener_ = nullptr;
     SoString diagnosticsRoot_ SO_GUARDED_BY(this);

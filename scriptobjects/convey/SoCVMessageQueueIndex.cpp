@@ -222,6 +222,13 @@ std::unique_ptr<Message> MessageQueue::removeLocked(Entry& entry) {
     return message;
 }
 
+void MessageQueue::retireLocked(Entry& entry, std::unique_ptr<Message>& place) {
+    if (!entry.isWatcher) {
+        dropped_.fetch_add(1, std::memory_order_relaxed);
+    }
+    place = removeLocked(entry);
+}
+
 // Needs no memory: what it is linked into is there.
 void MessageQueue::moveToEndLocked(Entry& entry) {
     unlinkLocked(entry);

@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <chrono>
+#include <string>
 #include <vector>
 
 #include "limits/Limits.h"
 #include "platform/Clock.h"
 #include "platform/Log.h"
+#include "scriptobjects/convey/SoCVDiagnosticsRows.h"
 #include "scriptobjects/convey/SoCVInstanceParts.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVUtils.h"
@@ -203,7 +205,8 @@ void Outbox::noteKept(const std::string& target, bool large) {
     const auto [line, isNew] = lines_.try_emplace(target);
     if (isNew && !large) { // it has just taken nothing
         line->second.pause = 1;
-        line->second.retryAt = now() + 1;
+        line->second.failingSince = now();
+        line->second.retryAt = line->second.failingSince + 1;
     }
 }
 
@@ -337,6 +340,7 @@ void Outbox::send(const InterAppStream* stream, Turn& turn, Carrier carrier, int
         line.text = SoString();
         line.textPosition = 0;
         line.pause = line.retryAt = 0;
+        noteState(line, 0, false);
         if (now() >= end) {
             left.more = true;
             return;
@@ -344,11 +348,57 @@ void Outbox::send(const InterAppStream* stream, Turn& turn, Carrier carrier, int
     }
 }
 
+void Outbox::noteState(Line& line, int64_t failingSince, bool absent) {
+    if (line.failingSince != failingSince || line.absent != absent) {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        line.failingSince = failingSince;
+        line.absent = absent;
+    }
+}
+
+void Outbox::appendDiagnostics(CVDiagnosticsRows& rows) const {
+    struct Target {
+        std::string name;
+        int64_t milliseconds;
+        bool absent;
+        MessageQueue::Load load;
+    };
+    std::vector<Target> failing;
+    {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        for (const auto& [name, line] : lines_) {
+            const MessageQueue::Load load = queue_.loadOf(name);
+            if (line.failingSince != 0 && load.messages != 0) {
+                failing.push_back({name, now() - line.failingSince, line.absent, load});
+            }
+        }
+    }
+    std::sort(failing.begin(), failing.end(),
+              [](const Target& a, const Target& b) { return a.milliseconds > b.milliseconds; });
+    const auto count = static_cast<uint32_t>(failing.size());
+    if (failing.empty()) { // readers take a node for one that has rows below
+        rows.leaf("/blocked", "Targets that take nothing", count);
+        return;
+    }
+    rows.node("/blocked", "Targets that take nothing", count);
+    for (size_t i = 0; i < failing.size(); ++i) {
+        const std::string own = "/blocked/" + std::to_string(i);
+        const Target& target = failing[i];
+        rows.node(own, "Target", target.name.c_str());
+        rows.leaf(own + "/for", "For", static_cast<uint32_t>(target.milliseconds), "ms");
+        rows.leaf(own + "/messages", "Messages", static_cast<uint32_t>(target.load.messages));
+        rows.leaf(own + "/reason", "Reason", target.absent ? "does not run" : "is full");
+    }
+}
+
 // A target that has just taken something takes more in a moment. One that is absent is tried in
 // each pass, since a name that appears is told, and passes are few until then.
 void Outbox::noteFailure(const InterAppStream& stream, Turn& turn, bool sentAny, Left& left) {
     Line& line = turn.line();
-    if (stream.presenceOf(SoString(turn.target())) == InterAppStream::Presence::absent) {
+    const bool absent =
+        stream.presenceOf(SoString(turn.target())) == InterAppStream::Presence::absent;
+    noteState(line, line.failingSince == 0 || sentAny ? now() : line.failingSince, absent);
+    if (absent) {
         (void)queue_.dropAnswersFor(turn.target()); // whoever has the name next did not ask
         line.pause = line.retryAt = 0;
     } else {

@@ -16,6 +16,7 @@
 
 namespace ScObjects {
 
+class CVDiagnosticsRows;
 class InterAppStream;
 
 namespace ConveyData {
@@ -87,6 +88,9 @@ public:
     // True while so much is kept for `asker` that its further requests had better wait.
     bool isHeldUp(const SoString& asker) const;
 
+    // The targets that take nothing: since when, and how many messages wait for them.
+    void appendDiagnostics(CVDiagnosticsRows& rows) const;
+
     // What waits, for diagnostics and for taking messages back.
     MessageQueue& messages() { return queue_; }
     const MessageQueue& messages() const { return queue_; }
@@ -98,6 +102,10 @@ private:
         bool large = false; // its first text is the courier's
         int64_t pause = 0;  // milliseconds between attempts, doubled each time
         int64_t retryAt = 0;
+        // Since when it takes nothing, 0 while it does, and whether nobody has its name; changed
+        // under the mutex by who has the turn, for others to read.
+        int64_t failingSince = 0;
+        bool absent = false;
         uint32_t requeuedSecond = 0;
         uint64_t textPosition = 0; // of the message that `text` is: written once for many attempts
         SoString text;
@@ -112,6 +120,7 @@ private:
     Attempt nextOf(Turn& turn, Carrier carrier);
     bool hand(const InterAppStream& stream, Attempt& next, const SoString& target,
               int32_t timeoutMilliseconds) const;
+    void noteState(Line& line, int64_t failingSince, bool absent);
     void noteFailure(const InterAppStream& stream, Turn& turn, bool sentAny, Left& left);
     void requeue(const std::string& target);
     void forgetEmptyLines();

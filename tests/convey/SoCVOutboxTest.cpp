@@ -1,5 +1,6 @@
 #include <atomic>
 #include <chrono>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
@@ -9,6 +10,7 @@
 #include "limits/Limits.h"
 #include "platform/fake/Fakes.h"
 #include "scriptobjects/convey/SoCVContext.h"
+#include "scriptobjects/convey/SoCVDiagnosticsRows.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVOutbox.h"
@@ -47,6 +49,12 @@ protected:
     Delivery post(const std::string& target, size_t number, size_t bytes = 0) {
         auto message = make(target, number, bytes);
         return outbox.post(&stream, message);
+    }
+    std::string rows() const {
+        SoString text;
+        ScObjects::CVDiagnosticsRows rows(text, "/x");
+        outbox.appendDiagnostics(rows);
+        return text.c_str();
     }
     // Of the next message that arrives; SIZE_MAX for none.
     static size_t nextNumber(InterAppStream& target) {
@@ -101,6 +109,11 @@ TEST_F(OutboxTest, keepsTheOrderOfATargetThatTakesNothing) {
         (void)outbox.pass(&stream, Outbox::Carrier::round);
     }
     EXPECT_EQ(post("full-1.0", count++, 300'000), Delivery::queued) << "one for the courier";
+    EXPECT_THAT(rows(), testing::MatchesRegex("/x/blocked;1;Targets that take nothing;1;\n"
+                                              "/x/blocked/0;1;Target;full-1.0;\n"
+                                              "/x/blocked/0/for;0;For;[0-9]+ms;\n"
+                                              "/x/blocked/0/messages;0;Messages;22;\n"
+                                              "/x/blocked/0/reason;0;Reason;is full;\n"));
     std::vector<size_t> early;
     for (int i = 0; i < 3; ++i) { // now there is room
         early.push_back(nextNumber(target));
@@ -113,6 +126,7 @@ TEST_F(OutboxTest, keepsTheOrderOfATargetThatTakesNothing) {
     }
     EXPECT_EQ(early, upTo(count));
     EXPECT_TRUE(outbox.messages().isEmpty());
+    EXPECT_EQ(rows(), "/x/blocked;0;Targets that take nothing;0;\n");
     EXPECT_EQ(post("full-1.0", 0), Delivery::delivered);
     // An owner may wait for the line, and for no longer than it says.
     EXPECT_EQ(read(target, 1), upTo(1));
