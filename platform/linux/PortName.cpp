@@ -113,10 +113,11 @@ bool PortName::own() {
                                    O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
                                    kLockMode));
         struct stat status {};
-        if (lock && fstat(lock.get(), &status) != 0 && attempt == 0) {
+        const bool isKnown = lock && fstat(lock.get(), &status) == 0;
+        if (lock && !isKnown && attempt == 0) {
             continue; // once more, rather than leave a file that nobody owns
         }
-        if (!lock || fstat(lock.get(), &status) != 0) {
+        if (!isKnown) {
             Log::system().problem("cannot open " + folder_.path() + "/" + lockFile_ + ": " +
                                   systemReason());
             return false;
