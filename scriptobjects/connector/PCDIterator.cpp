@@ -158,16 +158,16 @@ SoString readConfigPath(const PCDWrapper& wrapper, const char* payload) {
 bool PCDIterator::run(PCDWrapper& wrapper) {
     // What could not be read at the last walk may be readable by now.
     wrapper.startWalk();
+    // Before anything is read: what changes during the walk makes the times differ at the next
+    // look.
+    (void)wrapper.capsGetLastModTime(productModTime_); // 0 when it cannot be read
+    (void)wrapper.pcdGetLastModTime(domainModTime_);
     // Before anything can fail, as it empties what an earlier walk has filled; and before the list
     // below, which stays good only until the next list of subdomains or payloads.
     (void)onStart(wrapper);
     if (!wrapper.isGood()) {
         return false;
     }
-    // Before the list: registrations that change during the walk make the times differ at the next
-    // look.
-    (void)wrapper.capsGetLastModTime(productModTime_); // 0 when it cannot be read
-    (void)wrapper.pcdGetLastModTime(domainModTime_);
 
     const char* const* subdomains = nullptr;
     const int32_t status = wrapper.pcdGetDomainDataSubdomains(wrapper.domain(), subdomains);

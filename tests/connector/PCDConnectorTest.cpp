@@ -1,5 +1,6 @@
 #include "scriptobjects/connector/PCDConnector.h"
 
+#include <functional>
 #include <gtest/gtest.h>
 #include <map>
 #include <memory>
@@ -31,6 +32,7 @@ struct Library {
     std::string failingKeys;                        // of this subdomain
     uint32_t productTime = 10;
     uint32_t domainTime = 20;
+    std::function<void()> afterLaunchPath; // another program's change in the middle of a walk
     int openSessions = 0;
     std::vector<const char*> list;
     std::map<std::string, std::vector<const char*>> keys;
@@ -117,6 +119,9 @@ int32_t launchPath(const char* payload, char* buffer, uint32_t* size) {
         return CAPS_NOTHING_THERE;
     }
     found->second.copy(buffer, found->second.size());
+    if (gLibrary->afterLaunchPath) {
+        gLibrary->afterLaunchPath();
+    }
     return CAPS_OK;
 }
 
@@ -325,6 +330,22 @@ TEST_F(PCDConnectorTest, seesThatTheDatabaseHasChanged) {
         EXPECT_FALSE(c->updateCache(false));
     }
     EXPECT_TRUE(c->updateCache(true));
+}
+
+TEST_F(PCDConnectorTest, seesWhatChangesWhileItReads) {
+    library.entries = {{"/ovrel/convey/aa", {{"Specifier", "aa"}}},
+                       {"{P}", {{"ConveyCode", "/ovrel/convey/aa"}}}};
+    library.launchPaths = {{"{P}", "/a/a"}};
+    library.afterLaunchPath = [this] {
+        library.afterLaunchPath = nullptr;
+        library.launchPaths["{P}"] = "/b/b";
+        ++library.productTime;
+    };
+    const auto c = connector();
+    EXPECT_EQ(listing(*c), "aa /a/a|");
+    EXPECT_TRUE(c->updateCache(false));
+    EXPECT_EQ(listing(*c), "aa /b/b|");
+    EXPECT_FALSE(c->updateCache(false));
 }
 
 TEST_F(PCDConnectorTest, keepsWhatWasReadBeforeAFailure) {
