@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <limits>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -57,6 +58,7 @@ struct Plan {
     const char* path;
     char* const* arguments;
     char* const* environment;
+    char* number; // in the environment, where the child writes its own
     const char* folder;
     int null; // a descriptor of /dev/null
     int pipe;
@@ -71,7 +73,20 @@ Descriptor behindStandard(int fd) {
                                          : std::move(owned);
 }
 
+// Decimal, with a zero byte behind it, where there is room for any number.
+void writeNumber(char* out, uint32_t number) {
+    char* end = out + 1;
+    for (uint32_t rest = number / 10; rest != 0; rest /= 10) {
+        ++end;
+    }
+    *end = '\0';
+    for (; end != out; number /= 10) {
+        *--end = static_cast<char>('0' + number % 10);
+    }
+}
+
 [[noreturn]] void runProgram(const Plan& plan) {
+    writeNumber(plan.number, static_cast<uint32_t>(getpid()));
     becomeSession();
     for (int fd = 0; fd < kFirstInherited; ++fd) {
         if (dup2(plan.null, fd) < 0) {
@@ -150,8 +165,12 @@ uint32_t startProcess(const std::string& path, const std::vector<std::string>& a
     std::vector<std::string> words{path};
     words.insert(words.end(), arguments.begin(), arguments.end());
     const std::vector<char*> argv = pointersTo(words);
-    const std::vector<char*> envp = pointersTo(environment);
-    const Plan plan{path.c_str(),   argv.data(), envp.data(),
+    std::string number = std::string(kStartedNumber) + "=";
+    const size_t numberStart = number.size();
+    number.append(std::numeric_limits<uint32_t>::digits10 + 1, ' ');
+    std::vector<char*> envp = pointersTo(environment);
+    envp.insert(envp.end() - 1, number.data());
+    const Plan plan{path.c_str(),   argv.data(), envp.data(),  number.data() + numberStart,
                     folder.c_str(), null.get(),  writing.get()};
     pid_t between = -1;
     {
@@ -169,7 +188,7 @@ uint32_t startProcess(const std::string& path, const std::vector<std::string>& a
     writing.reset();
     // A host that waits for all of its children, or ignores them, may have taken it already.
     (void)uninterrupted([&] { return waitpid(between, nullptr, 0); });
-    uint32_t number = 0;
+    uint32_t started = 0;
     // Both children tell, in either order; an exec that worked tells nothing and closes the pipe,
     // so the end of it is the news that the program runs.
     Report line{};
@@ -178,13 +197,13 @@ uint32_t startProcess(const std::string& path, const std::vector<std::string>& a
         if (line.number == 0) {
             error = line.error;
         } else {
-            number = static_cast<uint32_t>(line.number);
+            started = static_cast<uint32_t>(line.number);
         }
     }
-    if (error == 0 && number == 0) {
+    if (error == 0 && started == 0) {
         error = ECHILD; // killed before it could say why
     }
-    return error == 0 ? number : 0;
+    return error == 0 ? started : 0;
 }
 
 } // namespace platform

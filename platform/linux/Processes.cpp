@@ -61,17 +61,20 @@ public:
         const std::string given = withoutSlashes(path);
         const std::string real = resolved(given);
         // An entry may name any program, with any arguments. So its processes are known by the
-        // variables that its starter sets, not by what they run.
+        // variables that its starter sets alone, not by what they run.
         const bool isEntry = given.ends_with(kDesktopEntryExtension);
         std::string remark; // of what cannot be started, and so does not run
         const RunningProgram program(
             given.ends_with(kBundleExtension) ? programOfBundle(resolved(given), remark) : given);
         std::vector<uint32_t> found;
         for (const uint32_t number : ownProcesses()) {
-            const bool matches =
-                isEntry ? wasStartedByEntry(number, given) : program.isRunBy(number);
+            const bool matches = isEntry
+                                     ? wasStarted(number, given, "GIO_LAUNCHED_DESKTOP_FILE",
+                                                  "GIO_LAUNCHED_DESKTOP_FILE_PID")
+                                     : program.isRunBy(number) ||
+                                           wasStarted(number, given, kStartedFrom, kStartedNumber);
             // Asked at the end: one that has ended meanwhile must not be found.
-            if ((matches || wasStartedFrom(number, given)) && processStartTime(number) != 0) {
+            if ((matches || wasStartedHere(number, given)) && processStartTime(number) != 0) {
                 found.push_back(number);
             }
         }
@@ -117,11 +120,12 @@ public:
     }
 
 private:
-    static bool wasStartedByEntry(uint32_t number, const std::string& entry) {
-        // Children inherit the first of these; the second tells them from the process that was
-        // started.
-        return startVariableOf(number, "GIO_LAUNCHED_DESKTOP_FILE") == entry &&
-               startVariableOf(number, "GIO_LAUNCHED_DESKTOP_FILE_PID") == std::to_string(number);
+    // By whatever process, and also when what it runs does not tell, as after a script that ends in
+    // an exec. Children inherit the path; the number tells them from the process that was started.
+    static bool wasStarted(uint32_t number, const std::string& path, const char* pathVariable,
+                           const char* numberVariable) {
+        return startVariableOf(number, pathVariable) == path &&
+               startVariableOf(number, numberVariable) == std::to_string(number);
     }
 
     static uint32_t startGiven(const std::string& path, bool behind, std::string& reason) {
@@ -129,10 +133,11 @@ private:
             reason = "the path is not absolute";
             return 0;
         }
-        const SessionEnvironment environment = sessionEnvironment(behind);
+        SessionEnvironment environment = sessionEnvironment(behind);
         if (path.ends_with(kDesktopEntryExtension)) {
             return startDesktopEntry(path, environment, reason);
         }
+        environment.added.push_back(std::string(kStartedFrom) + "=" + path);
         std::string remark;
         const std::string program =
             path.ends_with(kBundleExtension) ? programOfBundle(path, remark) : path;
@@ -151,8 +156,8 @@ private:
         return number;
     }
 
-    // Also when what it runs does not tell, as after a script that ends in an exec.
-    bool wasStartedFrom(uint32_t number, const std::string& path) const {
+    // In the moment of an exec a process has no variables that could be asked for.
+    bool wasStartedHere(uint32_t number, const std::string& path) const {
         const std::lock_guard<std::mutex> guard(mutex_);
         const auto started = startedFrom_.find(number);
         const auto start = known_.find(number);

@@ -8,6 +8,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "platform/linux/ProcessStart.h"
+
 extern char** environ; // NOLINT(readability-redundant-declaration): POSIX leaves it to its users
 
 namespace platform {
@@ -16,6 +18,8 @@ namespace {
 // Meant for the process that has them: its terminal, its service manager, its own start.
 constexpr const char* kOwn[] = {"_",
                                 "COLUMNS",
+                                kStartedFrom,
+                                kStartedNumber,
                                 "DESKTOP_AUTOSTART_ID",
                                 "DESKTOP_STARTUP_ID",
                                 "GIO_LAUNCHED_DESKTOP_FILE",

@@ -5,6 +5,9 @@
 
 namespace platform {
 
+// The variable that names the path from which a process was started.
+constexpr const char* kStartedFrom = "CONVEY_STARTED_FROM";
+
 // What an application that this process starts changes in this process's environment: the names of
 // the variables that concern this process alone, and "NAME=value" of those that a desktop session
 // has and this process lacks.

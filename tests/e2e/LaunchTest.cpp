@@ -217,6 +217,19 @@ TEST_F(LaunchTest, theToolWaitsForNothingWhenItIsToldSo) {
     const ProcessResult result = runProcess({CONVEY_PROGRAM, "launch", "--wait", "0", "deaf"});
     EXPECT_EQ(result.exitStatus, 0) << result.err;
     EXPECT_THAT(result.out, HasSubstr("launched deaf-1.0, process "));
+    // A bundle whose script has become another program is still known, to each process.
+    (void)script("Deaf.app/Contents/MacOS/Deaf", "exec sleep 300");
+    add("bundle-1.0", folder.file("Deaf.app"));
+    const std::vector<std::string> launching = {CONVEY_PROGRAM, "launch", "--wait", "0", "bundle"};
+    const std::string first = runProcess(launching).out;
+    EXPECT_THAT(first, HasSubstr("launched bundle-1.0, process "));
+    const std::string process =
+        "/proc/" + std::to_string(std::stoul(first.substr(first.rfind(' ') + 1)));
+    EXPECT_TRUE(eventually([&] {
+        return TemporaryFolder::read(process + "/comm") == "sleep\n" &&
+               TemporaryFolder::read(process + "/environ").find("Deaf.app") != std::string::npos;
+    })) << "the script has become another program";
+    EXPECT_EQ(runProcess(launching).out, first) << "it is not started again";
     add("deaf-2.0", script("deafer", "exec sleep 300"));
     EXPECT_EQ(runProcess({CONVEY_PROGRAM, "launch", "--wait", "1", "deaf-2.0"}).exitStatus, 1)
         << "one that waits says that nothing was taken";

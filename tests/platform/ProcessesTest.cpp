@@ -130,11 +130,17 @@ TEST_F(ProcessesTest, givesWhatAHostHasClosed) {
 }
 
 TEST_F(ProcessesTest, knowsWhatRuns) {
-    const std::string path = notingProgram("app", "echo");
+    const std::string path = notingProgram("app", "sleep 300 & echo $!");
     const uint32_t number = start(path);
-    (void)note();
+    const auto child = static_cast<uint32_t>(std::stoul(note()));
+    started.push_back(child);
     EXPECT_TRUE(processes().isRunning(number));
-    EXPECT_THAT(processes().find(path), Contains(number)) << "though the script has ended in sleep";
+    for (const uint32_t shell : {number, child}) {
+        const std::string program = "/proc/" + std::to_string(shell) + "/comm";
+        EXPECT_TRUE(eventually([&] { return TemporaryFolder::read(program) == "sleep\n"; }));
+    }
+    EXPECT_THAT(processes().find(path), testing::ElementsAre(number))
+        << "though the script has ended in sleep, and not its child";
     EXPECT_THAT(processes().find(folder.file("other")), Not(Contains(number)));
     ASSERT_EQ(kill(static_cast<pid_t>(number), SIGKILL), 0);
     EXPECT_TRUE(eventually([&] { return !processes().isRunning(number); }));
