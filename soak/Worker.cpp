@@ -173,12 +173,9 @@ private:
     }
 
     int32_t handle(int event, Convey::Message& message, SoString* result) {
-        constexpr int kRequest = 1;
-        constexpr int kResult = 3;
-        constexpr int kError = 4;
-        constexpr int kTimeout = 5;
+        using namespace ScObjects::ConveyData;
         const std::string body(message.getBody().view());
-        if (event == kRequest) {
+        if (event == CV_EVENT_REQUEST) {
             const std::string id = body.substr(0, body.find(' '));
             const size_t bytes = std::strtoul(body.c_str() + id.size(), nullptr, 10);
             note((body == bodyOf(id, bytes) ? "H " : "X ") + id);
@@ -193,7 +190,7 @@ private:
         }
         const Pending request = pending != pending_.end() ? pending->second : late->second;
         const std::string& id = request.id;
-        if (event == kResult) {
+        if (event == CV_EVENT_RESULT) {
             // Numbers begin anew with each process: ours say what they answer, so that an answer to
             // a predecessor of this name is told from a wrong one.
             const std::string own = "re " + std::to_string(index_) + ".";
@@ -202,11 +199,11 @@ private:
                 return 0;
             }
             note((body == "re " + id ? "A " : "X ") + id);
-        } else if (event == kTimeout) {
+        } else if (event == CV_EVENT_TIMEOUT) {
             note("T " + id + " " + std::to_string(request.target) + " " +
                  std::to_string(request.sent) + " " + std::to_string(milliseconds()));
             late_[serial] = request; // the result may come all the same
-        } else if (event == kError) {
+        } else if (event == CV_EVENT_ERROR) {
             note("E " + id);
             late_[serial] = request;
         } else {

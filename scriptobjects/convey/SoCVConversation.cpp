@@ -19,8 +19,6 @@ using MsgHandler = Convey::MsgHandler;
 constinit std::atomic<int> gForwarding{0}; // handlers that forward, of all instances
 constinit thread_local int32_t gHandlerDepth = 0;
 
-constexpr const char* kHandlerFailedText = "ERROR: HANDLER FAILED";
-
 class Depth {
 public:
     Depth() { ++gHandlerDepth; }
@@ -46,14 +44,14 @@ int32_t callHandler(MsgHandler& handler, int event, Message& message, SoString* 
             return code;
         }
         if (result != nullptr) {
-            *result = kHandlerFailedText;
+            *result = CV_ERROR_HANDLER_FAILED;
         }
     } catch (const std::bad_alloc&) { // by saying so; the code says it, too
         if (result != nullptr) {
             result->shrink(0);
         }
     }
-    return CV_HANDLER_FAILED;
+    return CV_CODE_HANDLER_FAILED;
 }
 
 int32_t handlerDepth() {

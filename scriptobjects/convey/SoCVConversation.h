@@ -20,11 +20,8 @@
 
 namespace ScObjects::ConveyData {
 
-// What an asker is told with the error "ERROR: HANDLER FAILED": the handler has thrown.
-inline constexpr int32_t CV_HANDLER_FAILED = 61;
-
-// Calls a host's handler. What it throws goes no further: the code is then CV_HANDLER_FAILED, the
-// result a text that says so, and the process logs one line. Any thread, with no lock held.
+// Calls a host's handler. What it throws goes no further: the code is then CV_CODE_HANDLER_FAILED,
+// the result a text that says so, and the process logs one line. Any thread, with no lock held.
 int32_t callHandler(Convey::MsgHandler& handler, int event, Convey::Message& message,
                     SoString* result);
 

@@ -27,7 +27,6 @@ namespace {
 using Message = Convey::Message;
 using Specifier = Convey::Specifier;
 
-constexpr int32_t kSendFailed = 59;
 constexpr int64_t kPollMilliseconds = 100;
 constexpr int64_t kTargetWaitMilliseconds = limits::of("send.target");
 
@@ -60,7 +59,7 @@ bool PrivateData::send(Message& message, bool mayLaunch, uint32_t waitSeconds,
     complete(message); // before anything can fail: the error has to find its way back
     const Specifier target(message.getTarget().c_str(), true);
     if (target.isEmpty()) {
-        sendError(message, "ERROR: INVALID SPECIFIER", kSendFailed, waitSeconds);
+        sendError(message, CV_ERROR_INVALID_SPECIFIER, CV_CODE_NOT_SENT, waitSeconds);
         return false;
     }
     if (isUnwantedNotice(message)) {
@@ -73,7 +72,7 @@ bool PrivateData::send(Message& message, bool mayLaunch, uint32_t waitSeconds,
     requestProcessed(message);
     SoString text;
     if (!message.writeToString(text)) {
-        sendError(message, "ERROR: CAN'T STREAM MESSAGE TO STRING", kSendFailed, waitSeconds);
+        sendError(message, CV_ERROR_NO_TEXT, CV_CODE_NOT_SENT, waitSeconds);
         return false;
     }
     // Before it is sent: the answer may be here at once.
@@ -210,7 +209,7 @@ Delivery PrivateData::deliver(const Message& message, const SoString& text, bool
         }
     }
     if (!mayLaunch) {
-        sendError(message, "ERROR: LAUNCHING IS SUPPRESSED", kSendFailed, waitSeconds);
+        sendError(message, CV_ERROR_NOT_LAUNCHED, CV_CODE_NOT_SENT, waitSeconds);
         return Delivery::refused;
     }
     return queueForLaunch(message, waitSeconds, launchParameters);
@@ -241,7 +240,7 @@ Delivery PrivateData::queueForLaunch(const Message& message, uint32_t waitSecond
                                      const SoString* launchParameters) {
     // Before a process is started for a message that would not be kept for it.
     if (!outbox_.hasRoom()) {
-        sendError(message, "ERROR: TOO MANY MESSAGES WAIT", kSendFailed, waitSeconds);
+        sendError(message, CV_ERROR_TOO_MANY_WAIT, CV_CODE_NOT_SENT, waitSeconds);
         return Delivery::refused;
     }
     // Looked for anew, since the attempt to send may have taken seconds; and once for both.
@@ -254,7 +253,7 @@ Delivery PrivateData::queueForLaunch(const Message& message, uint32_t waitSecond
             ConveyUtils::launchResolved(
                 target, launchParameters != nullptr ? launchParameters->c_str() : "", 0,
                 *context) != 1) {
-            sendError(message, "ERROR: TARGET COULD NOT BE LAUNCHED", kSendFailed, waitSeconds);
+            sendError(message, CV_ERROR_LAUNCH_FAILED, CV_CODE_NOT_SENT, waitSeconds);
             return Delivery::refused;
         }
         logEvent("LAUNCHING TARGET", message);

@@ -195,8 +195,8 @@ public:
     // Called once when the handler is installed with a new instance. Does nothing.
     virtual void initialize(Convey* instance);
 
-    // Handles a message. `event` tells its kind (see the instance), `result`, null for none, takes
-    // the text to answer with. 0 for success, else an error code for the sender.
+    // Handles a message. `event` tells its kind (`CV_EVENT_...` in SoCVWords.h), `result`, null for
+    // none, takes the text to answer with. 0 for success, else an error code for the sender.
     virtual int32_t handleMessage(int event, Message& message, SoString* result) = 0;
 
     // The type that it handles; empty for any.

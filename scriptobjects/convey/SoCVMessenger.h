@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "scriptobjects/convey/SoCVWords.h"
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoString.h"
 #include "scriptobjects/core/SoThread.h"
@@ -43,6 +44,11 @@ public:
     class Message;    // SoCVMessage.h
     class Header;     // SoCVMessage.h
     class MsgHandler; // SoCVMessage.h
+    class Reply;      // SoCVReply.h
+    class Messenger;  // this and the next three: SoCVMessaging.h
+    class Request;
+    class Pending;
+    class Outcome;
 
     // The layer's own version, as registrations and messages give it.
     static constexpr const char* kVersion = "2.0";
@@ -53,8 +59,8 @@ public:
     // "Error", when the process that took it ends without having answered: at once, since the
     // system says so, and once. That process may have handled the request. Not told are requests of
     // type "Debug", and those whose time-out is over.
-    static constexpr int32_t kTargetEndedCode = 62;
-    static constexpr const char* kTargetEndedText = "ERROR: TARGET HAS ENDED";
+    static constexpr int32_t kTargetEndedCode = ConveyData::CV_CODE_TARGET_ENDED;
+    static constexpr const char* kTargetEndedText = ConveyData::CV_ERROR_TARGET_ENDED;
 
     // Starts and stops the layer for this process.
     class SO_EXPORT InitTerm {

@@ -339,7 +339,8 @@ void ConveyThread::answerPing(Message& message) {
     const int32_t code =
         handler == nullptr ? 1 : ConveyData::callHandler(*handler, 1, message, &result);
     // An asker hears of a handler that threw; any other code says that it gets no answer.
-    if ((code == 0 || code == ConveyData::CV_HANDLER_FAILED) && !message.getSender().isEmpty()) {
+    if ((code == 0 || code == ConveyData::CV_CODE_HANDLER_FAILED) &&
+        !message.getSender().isEmpty()) {
         (void)sendResponse(message, result);
     }
 }

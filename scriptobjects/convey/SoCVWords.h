@@ -3,8 +3,9 @@
 #include <cstdint>
 
 // The words that messages are made of and that peers compare byte for byte: message types, kinds of
-// reply, the names of header lines and what they may hold. A word of the wire stands here and
-// nowhere else.
+// reply, the names of header lines and what they may hold; and what handlers and askers are told:
+// events, and errors with their codes. Each stands here and nowhere else. docs/messages.md says
+// when which of them comes.
 namespace ScObjects::ConveyData {
 
 // No message, or any message.
@@ -91,6 +92,57 @@ inline constexpr const char* CV_FORWARD_PREFIX = "FWD";
 inline constexpr const char* CV_FORWARD_MESSAGES = "FWDMESSAGES";
 inline constexpr const char* CV_FORWARD_ERRORS = "FWDERRORS";
 inline constexpr const char* CV_FORWARD_LOGS = "FWDLOGS";
+
+// What a handler is told of a message as its `event`.
+//
+// A message of a type of the applications' own. "Processed" comes as one, too.
+inline constexpr int32_t CV_EVENT_USER = 0;
+// A request of type "Tessaly" or "Debug", or of none.
+inline constexpr int32_t CV_EVENT_REQUEST = 1;
+// The replies to a request: taken, the result, an error (the body is its text), the time is over.
+inline constexpr int32_t CV_EVENT_RECEIVED = 2;
+inline constexpr int32_t CV_EVENT_RESULT = 3;
+inline constexpr int32_t CV_EVENT_ERROR = 4;
+inline constexpr int32_t CV_EVENT_TIMEOUT = 5;
+// Messages of type "Log" and "Idle".
+inline constexpr int32_t CV_EVENT_LOG = 6;
+inline constexpr int32_t CV_EVENT_IDLE = 7;
+
+// What an "Error" says in its header "Error-Code", and the texts that are the layer's own. Every
+// other code, and its text, is what the target's handler gave; the layer gives 50 to 69 only.
+//
+// The target refuses the message.
+inline constexpr int32_t CV_CODE_REJECTED = 53;
+inline constexpr const char* CV_ERROR_REJECTED = "ERROR: MESSAGE REJECTED";
+// It was not sent, by the asker's own layer: the target's name is no specifier; the message has no
+// text; the target does not run, or has not taken it in time, and may not be launched; it could not
+// be launched; too much waits for absent targets already.
+inline constexpr int32_t CV_CODE_NOT_SENT = 59;
+inline constexpr const char* CV_ERROR_INVALID_SPECIFIER = "ERROR: INVALID SPECIFIER";
+inline constexpr const char* CV_ERROR_NO_TEXT = "ERROR: CAN'T STREAM MESSAGE TO STRING";
+inline constexpr const char* CV_ERROR_NOT_LAUNCHED = "ERROR: LAUNCHING IS SUPPRESSED";
+inline constexpr const char* CV_ERROR_LAUNCH_FAILED = "ERROR: TARGET COULD NOT BE LAUNCHED";
+inline constexpr const char* CV_ERROR_TOO_MANY_WAIT = "ERROR: TOO MANY MESSAGES WAIT";
+// The target's handler has thrown.
+inline constexpr int32_t CV_CODE_HANDLER_FAILED = 61;
+inline constexpr const char* CV_ERROR_HANDLER_FAILED = "ERROR: HANDLER FAILED";
+// The process that took the request has ended without an answer; it may have handled it.
+inline constexpr int32_t CV_CODE_TARGET_ENDED = 62;
+inline constexpr const char* CV_ERROR_TARGET_ENDED = "ERROR: TARGET HAS ENDED";
+// Memory ran out: as a rule no handler has seen the request.
+inline constexpr int32_t CV_CODE_OUT_OF_MEMORY = 63;
+inline constexpr const char* CV_ERROR_OUT_OF_MEMORY = "ERROR: OUT OF MEMORY";
+
+// The target's handler has let go of its reply.
+inline constexpr int32_t CV_CODE_NOT_ANSWERED = 64;
+inline constexpr const char* CV_ERROR_NOT_ANSWERED = "ERROR: NOT ANSWERED";
+// The target owes this asker, or all, more replies than it keeps.
+inline constexpr int32_t CV_CODE_TOO_MANY_OWED = 65;
+inline constexpr const char* CV_ERROR_TOO_MANY_OWED = "ERROR: TOO MANY REPLIES ARE OWED";
+// Nothing in the target takes messages of this type: it said "Processed" and nothing before that.
+// Told by the asker's own layer to those who ask by `Convey::Request`.
+inline constexpr int32_t CV_CODE_NOT_HANDLED = 66;
+inline constexpr const char* CV_ERROR_NOT_HANDLED = "ERROR: NOBODY HANDLES THIS TYPE";
 
 // The suffixes by which the endpoints of one process differ: its background thread, and the stream
 // at which its questions are answered.
