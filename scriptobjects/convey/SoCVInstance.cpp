@@ -55,7 +55,8 @@ PrivateData::PrivateData(ConveyContext* context, const SoString& streamName)
 PrivateData::~PrivateData() = default;
 
 void PrivateData::close() {
-    // First of all: who waits looks at it when it is woken below.
+    owed_.close(); // while there is a way out for the answers
+    // Who waits looks at it when it is woken below.
     closed_.store(true);
     std::shared_ptr<InterAppStream> stream;
     {
@@ -188,6 +189,7 @@ void PrivateData::appendDiagnostics(SoString& out, const SoString& path) const {
         rows.leaf("/lost", "Answers lost for want of memory", lost);
     }
     occupations_.appendDiagnostics(rows);
+    owed_.appendDiagnostics(rows);
     appendOldest(rows, incoming_, "/oldestin", "Oldest incoming");
     appendOldest(rows, outbox_.messages(), "/oldestout", "Oldest outgoing");
     traffic_.appendDiagnostics(rows, incoming_.dropped() + outbox_.messages().dropped());

@@ -12,6 +12,7 @@
 #include "scriptobjects/convey/SoCVMessenger.h"
 #include "scriptobjects/convey/SoCVOccupations.h"
 #include "scriptobjects/convey/SoCVOutbox.h"
+#include "scriptobjects/convey/SoCVOwedReplies.h"
 #include "scriptobjects/convey/SoCVTakers.h"
 #include "scriptobjects/convey/SoCVTraffic.h"
 #include "scriptobjects/core/SoString.h"
@@ -34,6 +35,7 @@ namespace ConveyData {
 // another instance is called; the queues and the conversations have their own.
 class PrivateData : public SoLockable,
                     public MessageQueue::Listener,
+                    public OwedReply::Giver,
                     public std::enable_shared_from_this<PrivateData> {
 public:
     // Opens the stream for `streamName`, or for one of its instances.
@@ -44,8 +46,11 @@ public:
     void traffic(const Convey::Message& message, const SoString& root, const char* event) override;
     void expired(const Convey::Message& message) override;
 
-    // Gives the name back and forgets messages and handlers. The rest of the life of the object is
-    // that of the calls that are still in it.
+    void giveOwed(const OwedReply& reply, const Convey::Message& request, int32_t code,
+                  const SoString& text) noexcept override;
+
+    // Answers the replies that are owed, gives the name back and forgets messages and handlers. The
+    // rest of the life of the object is that of the calls that are still in it.
     void close();
     bool isClosed() const { return closed_.load(); }
 
@@ -128,7 +133,10 @@ private:
     bool isForThisLife(const Convey::Message& message);
     bool receiveAll();
     bool handle(MessageQueue::Taken& taken, Conversations::Turn& turn);
-    void dispatch(const Convey::Message& message, Conversations::Turn& turn, bool& called);
+    void dispatch(MessageQueue::Taken& taken, Conversations::Turn& turn, bool& called);
+    void answer(const Convey::Message& request, int32_t code, const SoString& text);
+    void answerLost(const Convey::Message& request);
+    void finishSurely(const Convey::Message& message, const Reply& reply);
     void finish(const Convey::Message& message, const Reply& reply);
     void removeExpired();
     void noteActivity() const;
@@ -142,6 +150,7 @@ private:
     Conversations conversations_;
     Occupations occupations_;
     Traffic traffic_;
+    OwedReplies owed_;
     const std::shared_ptr<Takers> takers_ = std::make_shared<Takers>();
     std::atomic<uint32_t> answersToPredecessor_{0};
     std::atomic<uint32_t> rejected_{0};    // texts whose digest does not fit

@@ -17,8 +17,6 @@ namespace {
 using Message = Convey::Message;
 using MsgHandler = Convey::MsgHandler;
 
-constexpr int32_t kRejected = 53;
-constexpr int32_t kOutOfMemory = 63;
 // What the background receives for an instance whose owner does not pump; the rest stays in the
 // system's queue, and holds its senders.
 constexpr int32_t kMaximumReceivedAhead = limits::of("queue.incoming.messages");
@@ -27,46 +25,51 @@ constexpr int kTextsAtOnce = limits::of("receive.texts");
 // Handlers that call each other by waiting; deeper ones dispatch only what is waited for.
 constexpr int32_t kDeepestWait = limits::of("handler.depth");
 
-// The kinds that handlers are told.
-enum Kind : uint8_t { kUserType, kRequest, kReceived, kResult, kError, kTimeout, kLog, kIdle };
-
-Kind kindOf(const Message& message, const Reply& reply) {
+// What the handler is told.
+int32_t eventOf(const Message& message, const Reply& reply) {
     switch (reply.kind) {
     case Reply::kReceived:
-        return kReceived;
+        return CV_EVENT_RECEIVED;
     case Reply::kResult:
-        return kResult;
+        return CV_EVENT_RESULT;
     case Reply::kError:
-        return kError;
+        return CV_EVENT_ERROR;
     case Reply::kTimeout:
-        return kTimeout;
+        return CV_EVENT_TIMEOUT;
     default:
         break;
     }
     const SoString& type = message.getType();
     if (type.isEmpty() || type == CV_TYPE_PLAIN || type == CV_TYPE_DEBUG) {
-        return kRequest;
+        return CV_EVENT_REQUEST;
     }
     if (type == CV_TYPE_LOG) {
-        return kLog;
+        return CV_EVENT_LOG;
     }
-    return type == CV_TYPE_IDLE ? kIdle : kUserType;
+    return type == CV_TYPE_IDLE ? CV_EVENT_IDLE : CV_EVENT_USER;
 }
 
 // Replies reach the handler as plain messages, or as those of the user type, that say which kind of
 // reply they are.
-void presentReply(Message& message, const Reply& reply, Kind kind) {
+void presentReply(Message& message, const Reply& reply, int32_t event) {
     const SoString type = reply.userType.empty() ? SoString(CV_TYPE_PLAIN) : reply.type();
-    if (kind == kReceived) {
-        message.setReceived(kind);
-    } else if (kind == kResult) {
-        message.setResult(kind);
-    } else if (kind == kError) {
-        message.setError(kind);
+    const auto number = static_cast<uint32_t>(event);
+    if (event == CV_EVENT_RECEIVED) {
+        message.setReceived(number);
+    } else if (event == CV_EVENT_RESULT) {
+        message.setResult(number);
+    } else if (event == CV_EVENT_ERROR) {
+        message.setError(number);
     } else {
         return;
     }
     message.setType(type);
+}
+
+// Runs a step; false when memory ran out in it.
+template <class Step>
+bool attempt(Step&& step) {
+    return guarded(false, [&] { return step(), true; });
 }
 
 } // namespace
@@ -234,56 +237,93 @@ bool PrivateData::processIncoming(uint32_t serialNumber, bool process) {
 // What memory does not suffice for is not lost in silence: a message that no handler has seen goes
 // back to its place, which is false, and the asker of one that was handled hears of an error.
 bool PrivateData::handle(MessageQueue::Taken& taken, Conversations::Turn& turn) {
-    const Message& message = *taken.message;
     bool called = false;
-    const auto attempt = [&](auto&& step) { return guarded(false, [&] { return step(), true; }); };
-    if (!isEmptyRequest(message) && !attempt([&] { dispatch(message, turn, called); })) {
+    if (!isEmptyRequest(*taken.message) && !attempt([&] { dispatch(taken, turn, called); })) {
         if (!called && attempt([&] { incoming_.putBack(taken); })) {
             return false;
         }
-        answersLost_.fetch_add(1, std::memory_order_relaxed);
-        (void)attempt([&] { sendError(message, "ERROR: OUT OF MEMORY", kOutOfMemory, 0); });
+        answerLost(*taken.message);
     }
-    // Whatever became of it before: without its end a conversation would be waited for until the
-    // time of the wait is up.
-    if (!attempt([&] { finish(message, turn.reply); })) {
-        answersLost_.fetch_add(1, std::memory_order_relaxed);
+    // Not when the handler has taken the reply over: the end then comes with that.
+    if (taken.message != nullptr) {
+        finishSurely(*taken.message, turn.reply);
     }
     return true;
 }
 
-void PrivateData::dispatch(const Message& message, Conversations::Turn& turn, bool& called) {
+void PrivateData::answerLost(const Message& request) {
+    answersLost_.fetch_add(1, std::memory_order_relaxed);
+    (void)attempt([&] { sendError(request, CV_ERROR_OUT_OF_MEMORY, CV_CODE_OUT_OF_MEMORY, 0); });
+}
+
+// Whatever became of it before: without its end a conversation would be waited for until the time
+// of the wait is up.
+void PrivateData::finishSurely(const Message& message, const Reply& reply) {
+    if (!attempt([&] { finish(message, reply); })) {
+        answersLost_.fetch_add(1, std::memory_order_relaxed);
+    }
+}
+
+void PrivateData::giveOwed(const OwedReply& reply, const Message& request, int32_t code,
+                           const SoString& text) noexcept {
+    owed_.remove(reply);
+    if (!attempt([&] { answer(request, code, text); })) {
+        answerLost(request);
+    }
+    finishSurely(request, {});
+}
+
+void PrivateData::answer(const Message& request, int32_t code, const SoString& text) {
+    if (code != 0) {
+        if (contains(request.getResponseRequest(), CV_WANTS_ERROR)) {
+            sendError(request, text.c_str(), code, 0);
+        } else if (ConveyUtils::isForwarding(CV_FORWARD_ERRORS)) {
+            (void)ConveyUtils::forwardMessage(request, CV_FORWARD_ERRORS, kErrorRoot, text);
+        }
+    } else if (contains(request.getResponseRequest(), CV_WANTS_RESULT)) {
+        (void)sendResult(request, text);
+    }
+}
+
+void PrivateData::dispatch(MessageQueue::Taken& taken, Conversations::Turn& turn, bool& called) {
+    const Message& message = *taken.message;
     // Handlers may change what they are given; the answer and "Processed" are made from the request
     // as it came.
     Message copy(message);
     if (Message::getAuthentication() && message.isRejected()) {
-        sendError(copy, "ERROR: MESSAGE REJECTED", kRejected, 0);
+        sendError(copy, CV_ERROR_REJECTED, CV_CODE_REJECTED, 0);
         return;
     }
     const auto slot = conversations_.handlerFor(message, turn.reply);
     if (slot == nullptr) {
         return;
     }
-    const Kind kind = kindOf(message, turn.reply);
-    presentReply(copy, turn.reply, kind);
+    const int32_t event = eventOf(message, turn.reply);
+    presentReply(copy, turn.reply, event);
     SoString result;
     int32_t code = 0;
+    // Only what asks for a reply can have it later.
+    const OwedReply::Call call(turn.reply.kind == Reply::kNone ? weak_from_this()
+                                                               : std::weak_ptr<PrivateData>());
     {
         const Occupations::Entry handling(occupations_, Occupations::Kind::handling, message);
         // What leaves the call was thrown before the handler: nothing that a handler throws does.
-        code = slot->call(kind, copy, &result);
+        code = slot->call(event, copy, &result);
         called = true;
     }
     const auto done = conversations_.handled(turn, message, slot); // a handler for one message
-    if (code != 0) {
-        if (contains(message.getResponseRequest(), CV_WANTS_ERROR)) {
-            sendError(message, result.c_str(), code, 0);
-        } else if (ConveyUtils::isForwarding(CV_FORWARD_ERRORS)) {
-            (void)ConveyUtils::forwardMessage(message, CV_FORWARD_ERRORS, kErrorRoot, result);
+    if (const auto& reply = call.taken()) {
+        const auto kept =
+            code != 0 ? OwedReplies::Kept::answered : owed_.keep(reply, taken.message);
+        if (kept == OwedReplies::Kept::kept) {
+            return;
         }
-    } else if (contains(message.getResponseRequest(), CV_WANTS_RESULT)) {
-        (void)sendResult(message, result);
+        if (kept == OwedReplies::Kept::refused) {
+            (void)reply->give(CV_CODE_TOO_MANY_OWED, CV_ERROR_TOO_MANY_OWED);
+        }
+        reply->takeGiven(code, result);
     }
+    answer(message, code, result);
 }
 
 void PrivateData::finish(const Message& message, const Reply& reply) {

@@ -1,7 +1,9 @@
 #pragma once
 
-// All that an application needs: the layer itself (`Convey`), its messages and handlers, and the
-// specifiers by which it names others. The header of each says what its operations do.
+// All that an application needs: the layer itself (`Convey`), its messages, handlers and replies,
+// and the specifiers by which it names others. The header of
+// each says what its operations do.
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVMessenger.h"
+#include "scriptobjects/convey/SoCVReply.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
