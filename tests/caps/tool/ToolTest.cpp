@@ -311,8 +311,15 @@ TEST_F(ToolTest, findsWhatTheLayerWouldIgnoreOrTripOver) {
     ASSERT_EQ(run({"init"}), 0);
     EXPECT_EQ(run({"check"}), 0);
     EXPECT_EQ(output, "nothing to report\n");
+    EXPECT_EQ(run({"check", "--json"}), 0);
+    EXPECT_EQ(output, "[]\n");
     ASSERT_EQ(run({"set", "/ovrel/convey/a", "IsShellTool", "true"}), 0);
     EXPECT_EQ(run({"check"}), 1);
+    EXPECT_EQ(output, "/ovrel/convey/a: has one letter and no \"Specifier\"; it is ignored\n");
+    EXPECT_EQ(run({"check", "--json"}), 1);
+    EXPECT_EQ(output, "[\n  {\n    \"where\": \"/ovrel/convey/a\",\n"
+                      "    \"what\": \"has one letter and no \\\"Specifier\\\"\",\n"
+                      "    \"why\": \"it is ignored\"\n  }\n]\n");
 }
 
 TEST_F(ToolTest, listsThePathsThatAListingShows) {
@@ -347,7 +354,13 @@ TEST_F(ToolTest, saysWhatAChangeLeavesBehind) {
                                    "values = { ConveyCode = \"/ovrel/convey/pay-1.0\" }\n"
                                    "[[application]]\nspecifier = \"pay-1.0\"\n"),
               0);
+    ASSERT_EQ(run({"import", "-"}, "[[data]]\nsubdomain = \"/ovrel/convey/foo\"\n"
+                                   "values = { Specifier = \"bar-1.0\", Path = \"/f/f\" }\n"),
+              0);
+    ASSERT_EQ(run({"add-app", "baz-1.0", "--redirect", "bar-1.0"}), 0);
     EXPECT_EQ(errors, "");
+    (void)folder.write("foo.desktop",
+                       "[Desktop Entry]\nType=Application\nName=Foo\nExec=/bin/sh\n");
     const std::string ends = "a listing ends abnormally at it";
     const struct {
         std::vector<std::string> command;
@@ -366,6 +379,10 @@ TEST_F(ToolTest, saysWhatAChangeLeavesBehind) {
         {{"import", "-"},
          "[[application]]\nspecifier = \"a-1.0\"\nRedirectTo = \"b-1.0\"\n",
          {"a-1.0: has no path; " + ends, "b-1.0: has no path; " + ends}},
+        {{"import-desktop", folder.file("")},
+         "",
+         {"baz-1.0 redirects to bar-1.0, which is registered no more",
+          "baz-1.0: has no path; " + ends}},
         {{"import", "--rule", "replace", "-"},
          "[[data]]\nsubdomain = \"/ovrel/convey/d-1.0\"\nvalues = { DisplayName = \"D\" }\n",
          {"d-1.0: has no path and no redirect"}},
