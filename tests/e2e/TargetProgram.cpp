@@ -1,13 +1,18 @@
 // An application that tells each request that it gets on its output. Bodies are orders: "hold"
 // stays in the handler for ever, "ask TARGET BODY" asks another and waits for its answer, "stuck"
 // lets the main loop come by no more, "last" answers and ends the process at once, without the
-// layer's end; every other is answered. Usage: target_program SPECIFIER [never], which never pumps
-#include <cstdio>
+// layer's end. "drop" lets go of its reply, "throw" throws, "keep" keeps it until "give", which has
+// another thread answer all that are kept; "end" ends the application, lets another thread answer
+// what is kept, and tells what came of it. Every other is answered.
+// Usage: target_program SPECIFIER [never], which never pumps
 #include <cstdlib>
+#include <optional>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
-#include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoConvey.h"
 
 namespace {
@@ -15,7 +20,8 @@ namespace {
 using ScObjects::Convey;
 using ScObjects::SoString;
 
-constexpr uint32_t kSeconds = 60; // longer than a test looks
+constexpr std::chrono::seconds kTime{60}; // longer than a test looks
+bool gEnd = false;
 bool gLast = false;
 bool gStuck = false;
 
@@ -23,65 +29,78 @@ void say(const std::string& line) {
     (void)!write(STDOUT_FILENO, (line + "\n").c_str(), line.size() + 1);
 }
 
-// What an answer is waited for by.
-class AnswerHandler : public Convey::MsgHandler {
-public:
-    explicit AnswerHandler(uint32_t number) : number_(number) {}
-    int32_t handleMessage(int, Convey::Message&, SoString*) override { return 0; }
-    SoString getMsgType() const override { return "Result"; }
-    uint32_t getSerialNumber() const override { return number_; }
+// On a thread of its own; how many were not too late.
+int answerAll(std::vector<Convey::Reply>& kept) {
+    int given = 0;
+    std::thread([&] {
+        for (Convey::Reply& reply : kept) {
+            given += reply.result("kept answer") ? 1 : 0;
+        }
+    }).join();
+    kept.clear();
+    return given;
+}
 
-private:
-    const uint32_t number_;
-};
-
-class Handler : public Convey::MsgHandler {
-public:
-    int32_t handleMessage(int event, Convey::Message& message, SoString* result) override {
-        constexpr int kRequest = 1;
-        if (event != kRequest) {
-            return 0;
-        }
-        const std::string body(message.getBody().view());
-        say("got " + body);
-        while (body == "hold") {
-            sleep(1);
-        }
-        if (body.compare(0, 4, "ask ") == 0) {
-            const size_t end = body.find(' ', 4);
-            Convey::Message question;
-            question.setTarget(body.substr(4, end - 4).c_str());
-            question.setBody(body.substr(end + 1).c_str());
-            question.setResponseRequest("Result");
-            question.setSerialNumber(question.getNextSerialNumber(nullptr));
-            delete Convey::get()->changeHandler(new AnswerHandler(question.getSerialNumber()));
-            (void)Convey::get()->send(question, false, kSeconds, nullptr);
-        }
-        gLast = body == "last";
-        gStuck = body == "stuck";
-        *result = "answer";
-        return 0;
+void handle(const Convey::Messenger& own, std::vector<Convey::Reply>& kept,
+            const Convey::Message& message, Convey::Reply reply) {
+    const std::string body(message.getBody().view());
+    if (body == "keep") { // without a word: a test keeps thousands
+        kept.push_back(std::move(reply));
+        return;
     }
-    SoString getMsgType() const override { return "Tessaly"; }
-};
+    say("got " + body);
+    while (body == "hold") {
+        sleep(1);
+    }
+    if (body == "drop") {
+        return;
+    }
+    if (body == "throw") {
+        throw std::runtime_error("as asked");
+    }
+    if (body == "give") {
+        (void)answerAll(kept);
+    } else if (body.compare(0, 4, "ask ") == 0) {
+        const size_t end = body.find(' ', 4);
+        (void)own.request(body.substr(4, end - 4).c_str(), body.substr(end + 1).c_str())
+            .timeout(kTime)
+            .wait();
+    }
+    gEnd = body == "end";
+    gLast = body == "last";
+    gStuck = body == "stuck";
+    (void)reply.result("answer");
+}
 
 } // namespace
 
 int main(int argc, char** argv) {
     const bool never = argc == 3 && std::string(argv[2]) == "never";
-    if ((argc != 2 && !never) || !Convey::InitTerm::init(argv[1], true)) {
+    if (argc != 2 && !never) {
         return 1;
     }
-    const Convey instance(argv[1], new Handler, true, nullptr);
+    std::vector<Convey::Reply> kept;
+    std::optional<Convey::Messenger> own(std::in_place, argv[1]);
+    if (!own->isReachable()) {
+        return 1;
+    }
+    own->on(ScObjects::ConveyData::CV_TYPE_PLAIN,
+            [&](const Convey::Message& message, Convey::Reply reply) {
+                handle(*own, kept, message, std::move(reply));
+            });
     say("running");
     if (never) {
-        sleep(kSeconds);
+        sleep(static_cast<unsigned>(kTime.count()));
     }
-    while (!gLast) {
+    while (!gLast && !gEnd) {
         if (gStuck) {
-            sleep(kSeconds);
+            sleep(static_cast<unsigned>(kTime.count()));
         }
         (void)Convey::pumpOrWait(1000);
+    }
+    if (gEnd) {
+        own.reset(); // and the layer with it
+        say("too late: " + std::to_string(answerAll(kept)));
     }
     _exit(0);
 }
