@@ -349,7 +349,7 @@ int convey_request_set_launch(convey_request* request, const char* parameters) {
 
 int convey_request_set_timeout(convey_request* request, unsigned int milliseconds) {
     return request == nullptr ? 0 : done([&] {
-        request->request.timeout(std::chrono::milliseconds(milliseconds));
+        request->request.within(std::chrono::milliseconds(milliseconds));
     });
 }
 

@@ -354,7 +354,7 @@ Convey::Request& Convey::Request::header(const char* name, const SoString& value
     return *this;
 }
 
-Convey::Request& Convey::Request::timeout(std::chrono::milliseconds time) {
+Convey::Request& Convey::Request::within(std::chrono::milliseconds time) {
     constexpr int64_t most = INT32_MAX - kWatchSlackSeconds;
     const int64_t seconds =
         std::clamp<int64_t>(time.count() / 1000 + (time.count() % 1000 > 0 ? 1 : 0), 0, most);

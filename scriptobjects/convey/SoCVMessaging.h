@@ -103,9 +103,10 @@ public:
     Request& type(const SoString& type);
     // A header for the target; the last value of a name counts.
     Request& header(const char* name, const SoString& value);
-    // Until the outcome is `kTimeout`, in whole seconds, rounded up; without, and for 0, 60. It is
-    // told one or two seconds later, when the target can have told nothing any more.
-    Request& timeout(std::chrono::milliseconds time);
+    // The time-out (by a name that no macro of curses has): when the outcome is `kTimeout`, in
+    // whole seconds, rounded up; without, and for 0, 60. It is told one or two seconds later, when
+    // the target can have told nothing any more.
+    Request& within(std::chrono::milliseconds time);
     // Has the target launched with these parameters when it does not run.
     Request& launch(const SoString& parameters = SoString());
 

@@ -139,7 +139,7 @@ TEST_F(MessagingTest, everyRequestHasOneOutcome) {
               "error 64 ERROR: NOT ANSWERED")
         << "the function for plain messages is that for all without one";
     const InterAppStream silent("silent-1.0");
-    EXPECT_EQ(shown(asker.request("silent-1.0", "x").timeout(std::chrono::milliseconds(1)).wait()),
+    EXPECT_EQ(shown(asker.request("silent-1.0", "x").within(std::chrono::milliseconds(1)).wait()),
               "timeout 0 ");
     auto future = asker.request("other-2.0", "keep").future();
     pumpUntil([&] { return kept.isOpen(); });

@@ -63,7 +63,7 @@ void handle(const Convey::Messenger& own, std::vector<Convey::Reply>& kept,
     } else if (body.compare(0, 4, "ask ") == 0) {
         const size_t end = body.find(' ', 4);
         (void)own.request(body.substr(4, end - 4).c_str(), body.substr(end + 1).c_str())
-            .timeout(kTime)
+            .within(kTime)
             .wait();
     }
     gEnd = body == "end";
