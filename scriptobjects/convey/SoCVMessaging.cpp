@@ -442,7 +442,9 @@ std::future<Outcome> Convey::Request::future() {
 Outcome Convey::Request::wait() {
     const uint32_t most = seconds_ + kWatchSlackSeconds;
     const int64_t end = monotonicNow() + int64_t{1000} * most;
-    const auto asked = ask(most);
+    // Sending with a wait shows in the diagnostics, and goes on in any depth of handlers; but for a
+    // target that is being launched it waits by a time of its own, which may be far longer.
+    const auto asked = ask(mayLaunch_ ? 0 : most);
     return asked != nullptr ? asked->pumpUntilTold(end)
                             : Outcome(Outcome::kError, CV_CODE_OUT_OF_MEMORY, SoString());
 }

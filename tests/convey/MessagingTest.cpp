@@ -1,5 +1,6 @@
 // Replies that are given later, and the messenger, within one process.
 #include <atomic>
+#include <coroutine>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <memory>
@@ -9,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "adapters/ConveyAwait.h"
 #include "scriptobjects/convey/SoConvey.h"
 #include "tests/support/FailingAllocations.h"
 #include "tests/support/Peers.h"
@@ -174,6 +176,48 @@ TEST_F(MessagingTest, functionsOfManyKindsAnswer) {
     const Outcome outcome = future.get();
     ASSERT_NE(outcome.message(), nullptr);
     EXPECT_EQ(outcome.message()->getUserHeaderValue("Page"), "12") << "given back";
+}
+
+// A coroutine that runs until it awaits, and then on its own.
+struct Task {
+    struct promise_type {
+        Task get_return_object() {
+            return {std::coroutine_handle<promise_type>::from_promise(*this)};
+        }
+        static std::suspend_never initial_suspend() noexcept { return {}; }
+        static std::suspend_always final_suspend() noexcept { return {}; }
+        static void return_void() {}
+        static void unhandled_exception() { std::terminate(); }
+    };
+    std::coroutine_handle<promise_type> handle;
+};
+
+Task askTwice(Convey::Messenger& asker, const char* second, Strings& heard) {
+    for (const char* target : {"other-2.0", second}) {
+        heard.push_back(shown(co_await asker.request(target, target).type("echo")));
+    }
+    heard.push_back(shown(co_await asker.request(second, ""))); // told within the sending
+}
+
+TEST_F(MessagingTest, coroutinesAwaitRequests) {
+    Reply kept;
+    other->on("echo", [](const Message& request) { return request.getBody(); });
+    Strings heard;
+    const Task task = askTwice(asker, "absent-1.0", heard);
+    EXPECT_TRUE(heard.empty());
+    pumpUntil([&] { return task.handle.done(); });
+    task.handle.destroy();
+    EXPECT_EQ(heard, (Strings{"result 0 other-2.0", "not running 59 ERROR: LAUNCHING IS SUPPRESSED",
+                              "refused 59 ERROR: CAN'T STREAM MESSAGE TO STRING"}));
+    // One that is destroyed while it awaits is not gone on with.
+    heard.clear();
+    other->on("echo", [&](const Message&, Reply reply) { kept = std::move(reply); });
+    const Task cancelled = askTwice(asker, "absent-1.0", heard);
+    pumpUntil([&] { return kept.isOpen(); });
+    cancelled.handle.destroy();
+    EXPECT_TRUE(kept.result("too late"));
+    pumpAll();
+    EXPECT_TRUE(heard.empty());
 }
 
 // What a peer sends without being asked must not pass for the end of a request.
