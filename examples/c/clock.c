@@ -7,8 +7,7 @@
 #include <string.h>
 #include <time.h>
 
-static void answer(const convey_message *request, convey_reply *reply, void *data)
-{
+static void answer(const convey_message* request, convey_reply* reply, void* data) {
     char text[32];
     const time_t now = time(NULL);
     const size_t length = strftime(text, sizeof text, "%H:%M:%S", localtime(&now));
@@ -22,12 +21,11 @@ static void answer(const convey_message *request, convey_reply *reply, void *dat
     }
 }
 
-static int ask(convey_application *clock, char **argv, int argc)
-{
-    static const char *const kinds[] = {"result",        "error",   "timeout",  "not running",
+static int ask(convey_application* clock, char** argv, int argc) {
+    static const char* const kinds[] = {"result",        "error",   "timeout",  "not running",
                                         "not installed", "refused", "cancelled"};
-    convey_request *const request = convey_request_new(clock, argv[2], argv[3], strlen(argv[3]));
-    convey_outcome *outcome;
+    convey_request* const request = convey_request_new(clock, argv[2], argv[3], strlen(argv[3]));
+    convey_outcome* outcome;
     int kind;
     if (argc == 5) {
         (void)convey_request_set_type(request, argv[4]);
@@ -40,9 +38,8 @@ static int ask(convey_application *clock, char **argv, int argc)
     return kind == CONVEY_RESULT ? 0 : 1;
 }
 
-int main(int argc, char **argv)
-{
-    convey_application *clock;
+int main(int argc, char** argv) {
+    convey_application* clock;
     sigset_t requests; /* to end: kept for convey_run, before any thread is started */
     int status = 0;
     sigemptyset(&requests);

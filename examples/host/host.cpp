@@ -1,11 +1,12 @@
 // An application that takes part in messaging and does nothing else. See usage below.
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <new>
 #include <string>
+#include <utility>
 
-#include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoConvey.h"
 
 namespace {
@@ -24,67 +25,49 @@ constexpr const char* kUsage =
     "With --ask it sends one request instead, and prints what comes back; --launch has the target\n"
     "launched for it if need be. --launch-behind and --front launch and raise a target.\n";
 
-constexpr uint32_t kSeconds = 20; // for an answer
+constexpr std::chrono::seconds kTime{20}; // for an answer
 
 volatile std::sig_atomic_t gEnd = 0;
 
-class EchoHandler : public Convey::MsgHandler {
-public:
-    explicit EchoHandler(bool quiet) : quiet_(quiet) {}
-    int32_t handleMessage(int /*event*/, Convey::Message& message, SoString* result) override {
-        if (!quiet_ && !(message.getType() == "Processed")) {
-            std::printf("%s %s: %s\n", message.getSender().c_str(), message.getType().c_str(),
-                        message.getBody().c_str());
-            std::fflush(stdout);
-        }
-        const bool fails = message.getBody() == "fail";
-        if (result != nullptr) {
-            *result = fails ? "failed as asked" : "echo: ";
-            *result << (fails ? SoString() : message.getBody());
-        }
-        return fails ? 7 : 0;
+void answer(bool quiet, const Convey::Message& message, Convey::Reply reply) {
+    if (!quiet) {
+        std::printf("%s %s: %s\n", message.getSender().c_str(), message.getType().c_str(),
+                    message.getBody().c_str());
+        std::fflush(stdout);
     }
-    SoString getMsgType() const override { return "Tessaly"; }
-
-private:
-    const bool quiet_;
-};
-
-// Prints the replies to one message.
-class ReplyHandler : public Convey::MsgHandler {
-public:
-    explicit ReplyHandler(uint32_t serial) : serial_(serial) {}
-    int32_t handleMessage(int event, Convey::Message& message, SoString* /*result*/) override {
-        const char* const kinds[] = {"message", "request", "received", "result",
-                                     "error",   "timeout", "log",      "idle"};
-        std::printf("%s: %s\n", kinds[event], message.getBody().c_str());
-        return 0;
+    if (message.getBody() == "fail") {
+        (void)reply.error(7, "failed as asked");
+        return;
     }
-    SoString getMsgType() const override { return "Result"; }
-    uint32_t getSerialNumber() const override { return serial_; }
-
-private:
-    const uint32_t serial_;
-};
-
-// Sends a request; `parameters` null: only to a target that runs.
-int ask(Convey& instance, const char* target, const char* body, const SoString* parameters) {
-    Convey::Message message;
-    message.setTarget(target);
-    message.setBody(SoString(body));
-    message.setResponseRequest("Result Error");
-    message.setTimeout(kSeconds);
-    message.setSerialNumber(message.getNextSerialNumber(nullptr));
-    delete instance.changeHandler(new ReplyHandler(message.getSerialNumber()));
-    const bool answered = instance.send(message, parameters != nullptr, kSeconds, parameters);
-    if (!answered) {
-        std::printf("no answer\n");
-    }
-    return answered ? 0 : 1;
+    SoString echo("echo: ");
+    echo << message.getBody();
+    (void)reply.result(echo);
 }
 
-int answerUntilTheEnd(const Convey& instance) {
-    std::printf("running as %s\n", instance.getAppName().c_str());
+// Sends a request; `parameters` null: only to a target that runs.
+int ask(const Convey::Messenger& own, const char* target, const char* body,
+        const SoString* parameters) {
+    auto request = own.request(target, body);
+    request.within(kTime);
+    if (parameters != nullptr) {
+        request.launch(*parameters);
+    }
+    const Convey::Outcome outcome = request.wait();
+    switch (outcome.kind()) {
+    case Convey::Outcome::kResult:
+        std::printf("result: %s\n", outcome.text().c_str());
+        return 0;
+    case Convey::Outcome::kError:
+        std::printf("error: %s\n", outcome.text().c_str());
+        return 0;
+    default:
+        std::printf("no answer\n");
+        return 1;
+    }
+}
+
+int answerUntilTheEnd(const Convey::Messenger& own) {
+    std::printf("running as %s\n", own.name().c_str());
     const SoString options = Convey::getLaunchOptions();
     if (!options.isEmpty()) {
         std::printf("launched with: %s\n", options.c_str());
@@ -116,17 +99,21 @@ int run(int argc, char** argv) {
     // One that was launched under another name, as an instance, takes that.
     const SoString name =
         Convey::getLaunchOptions().isEmpty() ? SoString(argv[1]) : Convey::getSharedAppName();
-    Convey instance(name.c_str(), new EchoHandler(is("--quiet", 3)), true, nullptr);
-    if (!instance.isReachable()) {
+    Convey::Messenger own(name.c_str());
+    own.on(ScObjects::ConveyData::CV_TYPE_PLAIN,
+           [quiet = is("--quiet", 3)](const Convey::Message& message, Convey::Reply reply) {
+               answer(quiet, message, std::move(reply));
+           });
+    if (!own.isReachable()) {
         std::fprintf(stderr, "host: no port for %s\n", argv[1]);
         return 1;
     }
     if (is("--ask", 5)) {
-        return ask(instance, argv[3], argv[4], nullptr);
+        return ask(own, argv[3], argv[4], nullptr);
     }
     if (is("--launch", 5) || is("--launch", 6)) {
         const SoString parameters(argc == 6 ? argv[5] : "");
-        return ask(instance, argv[3], argv[4], &parameters);
+        return ask(own, argv[3], argv[4], &parameters);
     }
     if (is("--launch-behind", 4)) {
         return launchBehind(argv[3]);
@@ -135,7 +122,7 @@ int run(int argc, char** argv) {
         return Convey::bringToFront(argv[3], nullptr) ? 0 : 1;
     }
     if (argc == 2 || is("--quiet", 3)) {
-        return answerUntilTheEnd(instance);
+        return answerUntilTheEnd(own);
     }
     std::fputs(kUsage, stderr);
     return 2;

@@ -10,12 +10,8 @@
 using ScObjects::Convey;
 
 int main() {
-    if (!Convey::InitTerm::init("asio-1.0", true)) {
-        return 1;
-    }
-    Convey instance("asio-1.0",
-                    new Greeter([](const std::string& body) { std::puts(body.c_str()); }), true,
-                    nullptr);
+    Convey::Messenger messenger("asio-1.0");
+    greet(messenger, [](const std::string& body) { std::puts(body.c_str()); });
     asio::io_context context;
     asio::signal_set requests(context, SIGTERM);
     requests.async_wait([&](const asio::error_code&, int) { context.stop(); });
@@ -24,5 +20,5 @@ int main() {
         return 1;
     }
     context.run();
-    return Convey::InitTerm::exit() ? 0 : 1;
+    return 0;
 }

@@ -7,12 +7,8 @@
 using ScObjects::Convey;
 
 int main() {
-    if (!Convey::InitTerm::init("glib-1.0", true)) {
-        return 1;
-    }
-    Convey instance("glib-1.0",
-                    new Greeter([](const std::string& body) { std::puts(body.c_str()); }), true,
-                    nullptr);
+    Convey::Messenger messenger("glib-1.0");
+    greet(messenger, [](const std::string& body) { std::puts(body.c_str()); });
     GMainLoop* const loop = g_main_loop_new(nullptr, FALSE);
     if (ScObjects::ConveyGLib::attach() == 0) {
         return 1;
@@ -24,5 +20,5 @@ int main() {
     g_unix_signal_add(SIGTERM, quit, loop);
     g_main_loop_run(loop);
     g_main_loop_unref(loop);
-    return Convey::InitTerm::exit() ? 0 : 1;
+    return 0;
 }

@@ -8,27 +8,24 @@ using ScObjects::Convey;
 
 namespace {
 
-void activate(GtkApplication* application, gpointer /*data*/) {
+void activate(GtkApplication* application, gpointer data) {
     GtkWidget* const window = gtk_application_window_new(application);
     GtkWidget* const label = gtk_label_new("nobody has spoken yet");
     gtk_window_set_title(GTK_WINDOW(window), "gtk-1.0");
     gtk_window_set_default_size(GTK_WINDOW(window), 320, 120);
     gtk_window_set_child(GTK_WINDOW(window), label);
-    delete Convey::get()->changeHandler(new Greeter(
-        [label](const std::string& body) { gtk_label_set_text(GTK_LABEL(label), body.c_str()); }));
+    greet(*static_cast<Convey::Messenger*>(data),
+          [label](const std::string& body) { gtk_label_set_text(GTK_LABEL(label), body.c_str()); });
     gtk_window_present(GTK_WINDOW(window));
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    if (!Convey::InitTerm::init("gtk-1.0", true)) {
-        return 1;
-    }
-    Convey instance("gtk-1.0", nullptr, true, nullptr);
+    Convey::Messenger messenger("gtk-1.0");
     GtkApplication* const application =
         gtk_application_new("example.convey.gtk", G_APPLICATION_NON_UNIQUE);
-    g_signal_connect(application, "activate", G_CALLBACK(activate), nullptr);
+    g_signal_connect(application, "activate", G_CALLBACK(activate), &messenger);
     if (ScObjects::ConveyGLib::attach() == 0) {
         return 1;
     }
@@ -39,5 +36,5 @@ int main(int argc, char** argv) {
     g_unix_signal_add(SIGTERM, quit, application);
     const int status = g_application_run(G_APPLICATION(application), argc, argv);
     g_object_unref(application);
-    return Convey::InitTerm::exit() ? status : 1;
+    return status;
 }

@@ -9,19 +9,16 @@ using ScObjects::Convey;
 
 int main(int argc, char** argv) {
     QCoreApplication application(argc, argv);
-    if (!Convey::InitTerm::init("qt-1.0", true)) {
-        return 1;
-    }
-    Convey instance("qt-1.0", new Greeter([](const std::string& body) {
-                        std::puts(body.c_str());
-                        if (body == "quit") {
-                            QCoreApplication::quit();
-                        }
-                    }),
-                    true, nullptr);
+    Convey::Messenger messenger("qt-1.0");
+    greet(messenger, [](const std::string& body) {
+        std::puts(body.c_str());
+        if (body == "quit") {
+            QCoreApplication::quit();
+        }
+    });
     if (ScObjects::ConveyQt::attach(&application) == nullptr) {
         return 1;
     }
     const int status = QCoreApplication::exec();
-    return Convey::InitTerm::exit() ? status : 1;
+    return status;
 }

@@ -13,17 +13,16 @@ int main() {
     sigaddset(&requests, SIGTERM);
     sigprocmask(SIG_BLOCK, &requests, nullptr); // the loop takes it from a descriptor
     sd_event* event = nullptr;
-    if (!Convey::InitTerm::init("sdevent-1.0", true) || sd_event_default(&event) < 0) {
+    Convey::Messenger messenger("sdevent-1.0");
+    if (sd_event_default(&event) < 0) {
         return 1;
     }
-    Convey instance("sdevent-1.0",
-                    new Greeter([](const std::string& body) { std::puts(body.c_str()); }), true,
-                    nullptr);
+    greet(messenger, [](const std::string& body) { std::puts(body.c_str()); });
     if (ScObjects::ConveySdEvent::attach(event) < 0 ||
         sd_event_add_signal(event, nullptr, SIGTERM, nullptr, nullptr) < 0) { // null: ends the loop
         return 1;
     }
     const int status = sd_event_loop(event);
     sd_event_unref(event);
-    return Convey::InitTerm::exit() ? status : 1;
+    return status;
 }

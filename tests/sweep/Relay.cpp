@@ -1,10 +1,10 @@
 // An application that asks another one from within its handler, and answers with what it was told.
 // Usage: sweep_relay SPECIFIER TARGET
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <new>
 
-#include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoConvey.h"
 
 namespace {
@@ -13,70 +13,28 @@ using ScObjects::Convey;
 using ScObjects::SoString;
 
 volatile std::sig_atomic_t gEnd = 0;
-constexpr uint32_t kSeconds = 2;
-
-class Answer : public Convey::MsgHandler {
-public:
-    Answer(uint32_t serial, SoString& text) : serial_(serial), text_(text) {}
-    int32_t handleMessage(int /*event*/, Convey::Message& message, SoString*) override {
-        text_ << message.getBody();
-        return 0;
-    }
-    SoString getMsgType() const override { return "Result"; }
-    uint32_t getSerialNumber() const override { return serial_; }
-
-private:
-    const uint32_t serial_;
-    SoString& text_;
-};
-
-class Relay : public Convey::MsgHandler {
-public:
-    explicit Relay(const char* target) : target_(target) {}
-    int32_t handleMessage(int /*event*/, Convey::Message& message, SoString* result) override {
-        if (result == nullptr) {
-            return 0;
-        }
-        Convey::Message question;
-        question.setTarget(target_);
-        question.setBody(message.getBody());
-        question.setResponseRequest("Result Error");
-        question.setTimeout(kSeconds);
-        question.setSerialNumber(question.getNextSerialNumber(nullptr));
-        SoString answer("relayed: ");
-        delete instance->changeHandler(new Answer(question.getSerialNumber(), answer));
-        const bool answered = instance->send(question, false, kSeconds, nullptr);
-        delete instance->removeHandler("Result", question.getSerialNumber());
-        *result = answer;
-        return answered ? 0 : 7;
-    }
-    SoString getMsgType() const override { return "Tessaly"; }
-
-    Convey* instance = nullptr;
-
-private:
-    const char* const target_;
-};
+constexpr std::chrono::seconds kTime{2};
 
 int relay(char** argv) {
     std::signal(SIGTERM, [](int) { gEnd = 1; });
-    if (!Convey::InitTerm::init(argv[1], true)) {
+    Convey::Messenger own(argv[1]);
+    if (!own.isReachable()) {
+        std::fputs("relay: no port\n", stderr);
         return 1;
     }
-    {
-        auto* const relay = new Relay(argv[2]);
-        Convey instance(argv[1], relay, true, nullptr);
-        if (!instance.isReachable()) {
-            return 1;
-        }
-        relay->instance = &instance;
-        std::printf("running as %s\n", argv[1]);
-        std::fflush(stdout);
-        while (gEnd == 0) {
-            (void)Convey::pumpOrWait(100);
-        }
+    own.on(ScObjects::ConveyData::CV_TYPE_PLAIN, [&](const Convey::Message& message,
+                                                     Convey::Reply reply) {
+        const Convey::Outcome answer = own.request(argv[2], message.getBody()).within(kTime).wait();
+        SoString relayed("relayed: ");
+        relayed << answer.text();
+        (void)(answer.isResult() ? reply.result(relayed) : reply.error(7, relayed));
+    });
+    std::printf("running as %s\n", argv[1]);
+    std::fflush(stdout);
+    while (gEnd == 0) {
+        (void)Convey::pumpOrWait(100);
     }
-    return Convey::InitTerm::exit() ? 0 : 1;
+    return 0;
 }
 
 } // namespace
@@ -84,7 +42,8 @@ int relay(char** argv) {
 int main(int argc, char** argv) {
     try {
         return argc == 3 ? relay(argv) : 2;
-    } catch (const std::bad_alloc&) { // of the texts that are made here
+    } catch (const std::bad_alloc&) { // of the messenger, and the texts that are made here
+        std::fputs("relay: no memory\n", stderr);
         return 1;
     }
 }
