@@ -45,6 +45,11 @@ public:
     std::atomic<int64_t> utc{1'000'000}; // other threads read what a test sets
     std::atomic<int64_t> monotonic{5'000};
 
+    // Time passes; a test that sets `utc` alone sets the clock.
+    void pass(int64_t milliseconds) {
+        utc += milliseconds;
+        monotonic += milliseconds;
+    }
     int64_t utcMilliseconds() const override { return utc; }
     int64_t monotonicMilliseconds() const override { return monotonic; }
     TimeOfDay localTimeOfDay(int64_t seconds) const override { // a user who lives in UTC

@@ -247,7 +247,7 @@ private:
     HandlerSlots forAny_ SO_GUARDED_BY(this); // oldest first, one for a type
     // The number of each handler, so that one is found by its address.
     std::unordered_map<const Convey::MsgHandler*, uint32_t> numbers_ SO_GUARDED_BY(this);
-    std::map<int64_t, std::list<Conversation*>> deadlines_ SO_GUARDED_BY(this); // by second
+    std::map<int64_t, std::list<Conversation*>> deadlines_ SO_GUARDED_BY(this); // by steady second
     uint64_t lastWatch_ SO_GUARDED_BY(this) = 0;
     Wait* newestWait_ SO_GUARDED_BY(this) = nullptr;
 };

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "scriptobjects/convey/SoCVConversation.h"
+#include "scriptobjects/convey/SoCVSteadyTime.h"
 #include "scriptobjects/convey/SoCVUtils.h"
 #include "scriptobjects/convey/SoCVWords.h"
 
@@ -41,10 +42,11 @@ void Conversations::unwatch(uint32_t number) {
 
 void Conversations::watch(const Message& request, const SoString& watcher, uint32_t seconds) {
     const uint32_t now = ConveyUtils::getTimeSeconds();
+    const int64_t steady = ConveyUtils::getSteadyMilliseconds() / 1000;
     const auto life = static_cast<int32_t>(seconds);
     // One that never ends has a place as well: it is shown, and ended by an answer, as the others
     // are.
-    const int64_t deadline = life < 0 ? INT64_MAX : int64_t{now} + life;
+    const int64_t deadline = life < 0 ? INT64_MAX : steady + life;
     std::string name(watcher.view());
     std::list<Conversation*> place{nullptr};
     const ObjectLock guard(*this);
@@ -93,7 +95,7 @@ std::unique_ptr<Message> Conversations::watcherOf(uint32_t number) const {
 }
 
 std::vector<std::unique_ptr<Message>> Conversations::takeExpired() {
-    const int64_t now = ConveyUtils::getTimeSeconds();
+    const int64_t now = ConveyUtils::getSteadyMilliseconds() / 1000;
     std::vector<std::pair<uint64_t, std::unique_ptr<Message>>> expired;
     std::vector<std::unique_ptr<Message>> messages;
     {

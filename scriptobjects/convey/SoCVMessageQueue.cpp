@@ -4,6 +4,7 @@
 #include <limits>
 #include <utility>
 
+#include "scriptobjects/convey/SoCVSteadyTime.h"
 #include "scriptobjects/convey/SoCVUtils.h"
 #include "scriptobjects/convey/SoCVWords.h"
 
@@ -188,7 +189,7 @@ MessageQueue::Taken MessageQueue::takeLocked(Notices& notices, uint32_t serial,
             }
         }
     }
-    const int64_t now = ConveyUtils::getTimeSeconds();
+    const int64_t now = ConveyUtils::getSteadyMilliseconds();
     const uint64_t last = lastPosition_; // watchers that move come behind it
     for (Entry* entry = walk.next(); entry != nullptr && entry->position <= last;
          entry = walk.next()) {
@@ -256,7 +257,7 @@ void MessageQueue::removeTimeoutMessage(uint32_t serial) {
 }
 
 void MessageQueue::removeExpiredMessages() {
-    const int64_t now = ConveyUtils::getTimeSeconds();
+    const int64_t now = ConveyUtils::getSteadyMilliseconds();
     if (now < firstDeadline_.load(std::memory_order_relaxed)) {
         return; // looking at each of many, each time, would take long
     }
@@ -372,8 +373,31 @@ int32_t MessageQueue::dropAnswersFor(const std::string& target) {
     return static_cast<int32_t>(dropped.size());
 }
 
+int64_t MessageQueue::waitsSince(std::string_view target, uint64_t position, uint32_t queueStamp) {
+    const int64_t steady = ConveyUtils::toSteadyMilliseconds(queueStamp);
+    const ObjectLock guard(*this);
+    Entry* const found = findLocked(target, position);
+    if (found == nullptr) {
+        return steady;
+    }
+    if (found->since == 0) {
+        found->since = steady;
+    }
+    return found->since;
+}
+
 bool MessageQueue::keep(std::string_view target, uint64_t position, uint32_t timestamp,
                         uint32_t timeoutSeconds, uint32_t queueStamp) {
+    return restamp(target, position, timestamp, timeoutSeconds, queueStamp, false);
+}
+
+bool MessageQueue::end(std::string_view target, uint64_t position, uint32_t timestamp,
+                       uint32_t timeoutSeconds) {
+    return restamp(target, position, timestamp, timeoutSeconds, timestamp, true);
+}
+
+bool MessageQueue::restamp(std::string_view target, uint64_t position, uint32_t timestamp,
+                           uint32_t timeoutSeconds, uint32_t queueStamp, bool isOver) {
     Notices notices(listener_);
     const ObjectLock guard(*this);
     Entry* const found = findLocked(target, position);
@@ -386,6 +410,10 @@ bool MessageQueue::keep(std::string_view target, uint64_t position, uint32_t tim
     message.setTimeout(timeoutSeconds);
     message.setHeader(CV_QUEUESTAMP, static_cast<unsigned long>(queueStamp));
     setDeadlineLocked(*found);
+    if (isOver) {
+        found->deadline = kOver;
+        firstDeadline_.store(kOver, std::memory_order_relaxed);
+    }
     notices.report(message, "requeued", diagnosticsRoot_);
     return true;
 }

@@ -112,6 +112,12 @@ public:
     bool drop(std::string_view target, uint64_t position);
     bool keep(std::string_view target, uint64_t position, uint32_t timestamp,
               uint32_t timeoutSeconds, uint32_t queueStamp);
+    // The same, and it is over at the next look.
+    bool end(std::string_view target, uint64_t position, uint32_t timestamp,
+             uint32_t timeoutSeconds);
+    // The steady millisecond since which it waits: that of `queueStamp`, in seconds since 1970, as
+    // the time of day was when this was first asked.
+    int64_t waitsSince(std::string_view target, uint64_t position, uint32_t queueStamp);
     // The targets that have messages.
     std::vector<std::string> targets() const;
     // What waits for one target.
@@ -153,7 +159,8 @@ private:
     struct Entry {
         uint64_t position = 0;
         std::unique_ptr<Convey::Message> message;
-        int64_t deadline = 0;
+        int64_t deadline = 0; // in steady milliseconds, as the next
+        int64_t since = 0;    // of `waitsSince`; 0 before it was asked
         bool isAnswer = false;
         bool isWatcher = false;
         Line* line = nullptr;          // that of its target
@@ -208,6 +215,8 @@ private:
     static Entry* findBehind(const Line& line, uint64_t position);
     Entry* findLocked(std::string_view target, uint64_t position) const SO_REQUIRES(this);
     void setDeadlineLocked(Entry& entry) SO_REQUIRES(this);
+    bool restamp(std::string_view target, uint64_t position, uint32_t timestamp,
+                 uint32_t timeoutSeconds, uint32_t queueStamp, bool isOver);
 
     // Every message is in `all_`, in the line of its target, and in `ready_` or, once it was found
     // to be held up, in the chain of its sender.
@@ -233,6 +242,7 @@ private:
     SoString diagnosticsRoot_ SO_GUARDED_BY(this);
 
     static constexpr int64_t kNoDeadline = INT64_MAX;
+    static constexpr int64_t kOver = INT64_MIN; // before any second
 };
 
 } // namespace ScObjects::ConveyData

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "scriptobjects/convey/SoCVMessageQueue.h"
+#include "scriptobjects/convey/SoCVSteadyTime.h"
 #include "scriptobjects/convey/SoCVWords.h"
 
 namespace ScObjects::ConveyData {
@@ -16,7 +17,8 @@ bool isWatcher(const Message& message) {
     return message.getType() == CV_TYPE_WATCHER;
 }
 
-// The second at which the message expires; 0 for one that has expired from the start.
+// The moment at which the message expires, as the clock is now; 0 for one that has expired
+// from the start.
 int64_t deadlineOf(const Message& message) {
     // Read as a signed number: peers write one below 0 for a message that is to live for ever.
     const auto timeout = static_cast<int32_t>(message.getTimeout());
@@ -26,7 +28,7 @@ int64_t deadlineOf(const Message& message) {
     if (timeout < 0 || message.getTimestamp() == 0) {
         return kNever;
     }
-    return static_cast<int64_t>(message.getTimestamp()) + timeout;
+    return ConveyUtils::toSteadyMilliseconds(int64_t{message.getTimestamp()} + timeout);
 }
 
 } // namespace
@@ -141,6 +143,7 @@ void MessageQueue::insertLocked(uint64_t position, std::unique_ptr<Message>& mes
         throw;
     }
     entry.position = position;
+    entry.since = 0;
     entry.isAnswer = isAnswer;
     entry.isWatcher = isWatcher(*message);
     entry.turn = &ready_;

@@ -11,6 +11,7 @@
 #include "scriptobjects/convey/SoCVDiagnosticsRows.h"
 #include "scriptobjects/convey/SoCVInstanceParts.h"
 #include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoCVSteadyTime.h"
 #include "scriptobjects/convey/SoCVUtils.h"
 #include "scriptobjects/convey/SoCVWords.h"
 #include "scriptobjects/core/SoNumber.h"
@@ -419,6 +420,8 @@ void Outbox::noteFailure(const InterAppStream& stream, Turn& turn, bool sentAny,
 void Outbox::requeue(const std::string& target) {
     const bool logged = isLogged();
     const uint32_t seconds = ConveyUtils::getTimeSeconds();
+    const int64_t steady =
+        ConveyUtils::getSteadyMilliseconds(); // when the time of day is set, nobody ages
     uint64_t position = 0;
     for (;;) {
         uint32_t stamp = 0;
@@ -432,7 +435,7 @@ void Outbox::requeue(const std::string& target) {
             })) {
             return;
         }
-        if (seconds < stamp + kQueueSeconds) {
+        if (steady < queue_.waitsSince(target, position, stamp) + kQueueSeconds * 1000LL) {
             (void)queue_.keep(target, position, seconds, timeout, stamp);
         } else {
             // Counted from its first stamp, any of these is over: it ends at the next look by the
@@ -440,7 +443,7 @@ void Outbox::requeue(const std::string& target) {
             const uint32_t last = timeout == 0               ? 1
                                   : timeout >= kQueueSeconds ? kQueueSeconds - 1
                                                              : timeout;
-            (void)queue_.keep(target, position, stamp, last, stamp);
+            (void)queue_.end(target, position, stamp, last);
         }
         if (event != nullptr) {
             logEvent("REQUEUED MESSAGE ", *event);

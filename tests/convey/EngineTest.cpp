@@ -275,13 +275,13 @@ TEST_F(EngineTest, aMessageThatFindsNoTargetEndsAfterTenMinutes) {
         message->setTimeout(static_cast<uint32_t>(c.timeout));
         ASSERT_TRUE(queue.append(message));
         for (int i = 0; i < 20; ++i) {
-            clock.utc += 29'000;
+            clock.pass(29'000);
             EXPECT_FALSE(own.processOutgoingMessage());
         }
         EXPECT_EQ(state(),
                   "1000580 " + std::to_string(static_cast<uint32_t>(c.timeout)) + " 1000000")
             << "kept alive";
-        clock.utc += 29'000;
+        clock.pass(29'000);
         EXPECT_FALSE(own.processOutgoingMessage());
         EXPECT_EQ(state(), c.last);
         EXPECT_FALSE(own.processOutgoingMessage());

@@ -40,7 +40,7 @@ class ModelTest : public testing::Test {
 protected:
     void pass(uint32_t seconds) {
         now += seconds;
-        clock.utc = now * 1000;
+        clock.pass(int64_t{seconds} * 1000);
     }
     uint32_t upTo(uint32_t most) { return static_cast<uint32_t>(random() % (most + 1)); }
 

@@ -153,10 +153,10 @@ TEST_F(LauncherTest, theTimeOutEndsThePending) {
     const platform::ScopedReplacement<platform::Clock> inForce(clock);
     const SoString parameters("-a");
     EXPECT_TRUE(launch(kPath, &parameters));
-    clock.utc += 299'000;
+    clock.pass(299'000);
     pumpAll();
     EXPECT_TRUE(isPending());
-    clock.utc += 2'000;
+    clock.pass(2'000);
     pumpUntil([] { return !isPending(); });
     EXPECT_FALSE(isPending());
 }
