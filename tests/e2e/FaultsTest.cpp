@@ -263,6 +263,47 @@ TEST_F(FaultsTest, withoutAPlaceForIdentifiersMessagesPassAndSomebodyIsTold) {
     }
 }
 
+// Real processes whose time of day is set while they wait.
+TEST_F(FaultsTest, aClockThatIsSetEndsNoWaitAndProlongsNone) {
+    const std::string clock = folder.file("clock");
+    const std::map<std::string, std::string> environment = {
+        {"LD_PRELOAD", "/usr/$LIB/faketime/libfaketimeMT.so.1"}, // as the loader finds it
+        {"FAKETIME_TIMESTAMP_FILE", clock},
+        {"FAKETIME_NO_CACHE", "1"},
+        {"FAKETIME_DONT_FAKE_MONOTONIC", "1"}};
+    const auto set = [&](const std::string& time) {
+        (void)folder.write("clock.new", time + "\n");
+        std::filesystem::rename(folder.file("clock.new"), clock);
+    };
+    for (const char* step : {"+1d", "-1d"}) {
+        SCOPED_TRACE(step);
+        set("+0");
+        EXPECT_EQ(runProcess({CONVEY_PROGRAM, "--version"}, environment).err, "")
+            << "the library is missing";
+        RunningProcess target({TARGET_PROGRAM, "lumen-2.0"}, environment);
+        ASSERT_EQ(target.readLine(), "running");
+        const auto ask = [&](const char* seconds, const std::string& body) {
+            auto asker = std::make_unique<RunningProcess>(
+                std::vector<std::string>{CONVEY_PROGRAM, "send", "lumen-2.0", "--wait", seconds,
+                                         "--body", body},
+                environment);
+            EXPECT_EQ(asker->readLine(), "sent");
+            EXPECT_EQ(asker->readLine(), "received"); // on its way it ages by the time of day
+            return asker;
+        };
+        const std::string end = folder.file(step);
+        const auto patient = ask("50", "until " + end);
+        EXPECT_EQ(target.readLine(), "got until " + end);
+        const auto impatient = ask("2", "hello");
+        set(step);
+        EXPECT_EQ(impatient->readLine(), "timeout");
+        EXPECT_EQ(impatient->finish(), 1);
+        (void)folder.write(step, "");
+        EXPECT_EQ(patient->finish(), 0);
+        EXPECT_EQ(patient->rest(), "result: answer\nprocessed\n");
+    }
+}
+
 TEST_F(FaultsTest, aDatabaseThatChangesBelowTheLayerIsFollowed) {
     ASSERT_TRUE(Convey::InitTerm::init("kivra-7.0", true));
     const auto number = [] {

@@ -1,10 +1,10 @@
 // An application that tells each request that it gets on its output. Bodies are orders: "hold"
-// stays in the handler for ever, "ask TARGET BODY" asks another and waits for its answer, "stuck"
-// lets the main loop come by no more, "last" answers and ends the process at once, without the
-// layer's end. "drop" lets go of its reply, "throw" throws, "keep" keeps it until "give", which has
-// another thread answer all that are kept; "end" ends the application, lets another thread answer
-// what is kept, and tells what came of it. Every other is answered.
-// Usage: target_program SPECIFIER [never], which never pumps
+// stays in the handler for ever, "until FILE" until that is there, "ask TARGET BODY" asks another
+// and waits for its answer, "stuck" lets the main loop come by no more, "last" answers and ends the
+// process at once, without the layer's end. "drop" lets go of its reply, "throw" throws, "keep"
+// keeps it until "give", which has another thread answer all that are kept; "end" ends the
+// application, lets another thread answer what is kept, and tells what came of it. Every other is
+// answered. Usage: target_program SPECIFIER [never], which never pumps
 #include <cstdlib>
 #include <optional>
 #include <stdexcept>
@@ -51,6 +51,9 @@ void handle(const Convey::Messenger& own, std::vector<Convey::Reply>& kept,
     say("got " + body);
     while (body == "hold") {
         sleep(1);
+    }
+    while (body.compare(0, 6, "until ") == 0 && access(body.c_str() + 6, F_OK) != 0) {
+        usleep(10'000);
     }
     if (body == "drop") {
         return;
