@@ -51,13 +51,13 @@ protected:
         }
     }
     static bool send(const Convey& from, const char* target, const char* body,
-                     const char* replies = "") {
+                     const char* replies = "", uint32_t timeoutSeconds = 60) {
         Message message;
         message.setTarget(target);
         message.setBody(SoString(body));
         message.setType("Tessaly");
         message.setResponseRequest(replies);
-        message.setTimeout(1);
+        message.setTimeout(timeoutSeconds);
         return from.send(message, false, 0, nullptr);
     }
 
@@ -85,7 +85,7 @@ TEST_F(MainLoopTest, theDescriptorTellsWhenAPumpHasSomethingToDo) {
              EXPECT_TRUE(sendFrom(peer, message));
          }},
         {"its own request runs out of time", // which its handler is told
-         [&] { EXPECT_TRUE(send(own, "peer-1.0", "x", "Timeout")); }},
+         [&] { EXPECT_TRUE(send(own, "peer-1.0", "x", "Timeout", 1)); }},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);

@@ -41,12 +41,16 @@ protected:
     }
 
     // Whether the condition comes to hold within half a minute, looked at every ten milliseconds.
+    // Once is enough: what holds at one moment need not at the next.
     template <class Condition>
     static bool eventually(Condition&& holds) {
-        for (int i = 0; i < 3000 && !holds(); ++i) {
+        for (int i = 0; i < 3000; ++i) {
+            if (holds()) {
+                return true;
+            }
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
-        return holds();
+        return false;
     }
 
     // Instrumented builds are slower by an order of magnitude; they do a part of the work.
