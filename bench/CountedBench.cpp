@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "bench/BareSocket.h"
+#include "bench/Handlers.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVMessageQueue.h"
@@ -76,21 +77,6 @@ void roundTrip(int times, bool built) {
     }
 }
 
-class Handler : public Convey::MsgHandler {
-public:
-    Handler(const char* type, uint32_t serial) : type_(type), serial_(serial) {}
-    int32_t handleMessage(int, Convey::Message&, SoString* result) override {
-        *result = "answer";
-        return 0;
-    }
-    SoString getMsgType() const override { return type_; }
-    uint32_t getSerialNumber() const override { return serial_; }
-
-private:
-    const char* const type_;
-    const uint32_t serial_;
-};
-
 // A request within the process and its result.
 void request(int times) {
     if (!Convey::InitTerm::init("viewer-1.0", true)) {
@@ -98,14 +84,14 @@ void request(int times) {
     }
     Convey own("viewer-1.0", nullptr, true, nullptr);
     Convey other("kivra-7.0", nullptr, false, nullptr);
-    delete other.changeHandler(new Handler("Tessaly", Convey::kAnySerialNumber));
+    delete other.changeHandler(new bench::Answering("Tessaly", Convey::kAnySerialNumber));
     for (int i = 0; i < times; ++i) {
         Convey::Message message;
         message.setTarget("kivra-7.0");
         message.setBody("question");
         message.setResponseRequest("Result");
         message.setSerialNumber(message.getNextSerialNumber(nullptr));
-        delete own.changeHandler(new Handler("Result", message.getSerialNumber()));
+        delete own.changeHandler(new bench::Answering("Result", message.getSerialNumber()));
         if (!own.send(message, false, 20, nullptr)) {
             fail("no result");
         }

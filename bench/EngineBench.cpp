@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "bench/BareSocket.h"
+#include "bench/Handlers.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoConvey.h"
@@ -44,14 +45,6 @@ double measure(int count, const std::function<void()>& once) {
     return median(times);
 }
 
-class AnswerHandler : public Convey::MsgHandler {
-public:
-    int32_t handleMessage(int, Convey::Message&, SoString*) override { return 0; }
-    SoString getMsgType() const override { return "Result"; }
-    uint32_t getSerialNumber() const override { return serial; }
-    uint32_t serial = 0;
-};
-
 // One request to a host and its result.
 void request(Convey& instance, const SoString& body) {
     Convey::Message message;
@@ -59,9 +52,7 @@ void request(Convey& instance, const SoString& body) {
     message.setBody(body);
     message.setResponseRequest("Result");
     message.setSerialNumber(message.getNextSerialNumber(nullptr));
-    auto* const handler = new AnswerHandler;
-    handler->serial = message.getSerialNumber();
-    delete instance.changeHandler(handler);
+    delete instance.changeHandler(new Answering("Result", message.getSerialNumber()));
     if (!instance.send(message, false, 20, nullptr)) {
         fail("no result");
     }
@@ -104,9 +95,7 @@ double inFlight(Convey& instance, int count, const char* replies, bool handlers)
         message.setTimeout(600);
         message.setSerialNumber(message.getNextSerialNumber(nullptr));
         if (handlers) {
-            auto* const handler = new AnswerHandler;
-            handler->serial = message.getSerialNumber();
-            delete instance.changeHandler(handler);
+            delete instance.changeHandler(new Answering("Result", message.getSerialNumber()));
         }
         if (!instance.send(message, false, 0, nullptr)) {
             fail("send");
@@ -178,17 +167,6 @@ Use useOf(int pid) {
     return use;
 }
 
-class ErrorHandler : public Convey::MsgHandler {
-public:
-    explicit ErrorHandler(uint32_t serial) : serial_(serial) {}
-    int32_t handleMessage(int, Convey::Message&, SoString*) override { return 0; }
-    SoString getMsgType() const override { return "Error"; }
-    uint32_t getSerialNumber() const override { return serial_; }
-
-private:
-    const uint32_t serial_;
-};
-
 // How long an asker waits for a target that is killed while it has the request, beside the kill of
 // a process until its parent knows.
 void killedTarget(int rounds) {
@@ -208,7 +186,7 @@ void killedTarget(int rounds) {
             fail("send");
         }
         const uint32_t number = message.getSerialNumber();
-        delete instance.changeHandler(new ErrorHandler(number));
+        delete instance.changeHandler(new Answering("Error", number));
         auto start = Time::now();
         target.signal(SIGKILL);
         while (instance.findHandler("Error", number) != nullptr) {

@@ -10,6 +10,7 @@
 
 #include "adapters/ConveyGLib.h"
 #include "bench/BareSocket.h"
+#include "bench/Handlers.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoConvey.h"
 #include "tests/support/TemporaryFolder.h"
@@ -21,23 +22,6 @@ using ScObjects::Convey;
 using ScObjects::SoString;
 
 constexpr int kRequests = 500;
-
-class Handler : public Convey::MsgHandler {
-public:
-    Handler(const char* type, uint32_t serial) : type_(type), serial_(serial) {}
-    int32_t handleMessage(int, Convey::Message&, SoString* result) override {
-        if (result != nullptr) {
-            *result = "answer";
-        }
-        return 0;
-    }
-    SoString getMsgType() const override { return type_; }
-    uint32_t getSerialNumber() const override { return serial_; }
-
-private:
-    const char* const type_;
-    const uint32_t serial_;
-};
 
 struct Loop {
     const char* name;
@@ -70,7 +54,7 @@ double roundTrip(Convey& asker, const char* target) {
         message.setBody("question");
         message.setResponseRequest("Result");
         message.setSerialNumber(message.getNextSerialNumber(nullptr));
-        delete asker.changeHandler(new Handler("Result", message.getSerialNumber()));
+        delete asker.changeHandler(new Answering("Result", message.getSerialNumber()));
         const auto start = Time::now();
         if (!asker.send(message, false, 20, nullptr)) {
             fail("no result");
@@ -94,7 +78,7 @@ int main(int argc, char** argv) {
             if (!Convey::InitTerm::init(loop.name, true)) {
                 fail("init");
             }
-            const Convey instance(loop.name, new Handler("Tessaly", 0xFFFFFFFF), true, nullptr);
+            const Convey instance(loop.name, new Answering("Tessaly", 0xFFFFFFFF), true, nullptr);
             loop.serve();
         }
     }
