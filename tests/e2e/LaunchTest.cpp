@@ -168,8 +168,10 @@ TEST_F(LaunchTest, opensWebAddresses) {
 // What more than a program is, is started as the desktop starts it.
 TEST_F(LaunchTest, importedDesktopEntriesStartWhatTheyName) {
     void* const library = dlopen("libgio-2.0.so.0", RTLD_LAZY);
-    if (library == nullptr) { // as on machines whose other architecture lacks it
-        GTEST_SKIP() << "the GIO library is not installed";
+    if (library == nullptr) {
+        GTEST_SKIP()
+            << "the GIO library of this architecture is not installed: Debian's 32-bit one "
+               "needs the libraries of the same revision as the 64-bit ones";
     }
     const std::string note = folder.file("note");
     (void)script("bin/prog", "printf '%s' \"marked $MARK $#\" > " + note + ".new && mv " + note +

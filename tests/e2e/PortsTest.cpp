@@ -130,7 +130,8 @@ TEST_F(PortsTest, aReceiverKilledInMidMessageEndsItsSender) {
 TEST_F(PortsTest, a32BitAnd64BitProcessTalk) {
     const std::string other = OTHER_WIDTH_PROGRAMS;
     if (!std::filesystem::exists(other + "/receive")) {
-        GTEST_SKIP() << "no programs of another width in '" << other << "'";
+        GTEST_SKIP() << "no programs of another width in '" << other
+                     << "': the preset dev builds them";
     }
     const struct {
         std::string receive;
