@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -285,6 +286,35 @@ TEST_F(MessagingTest, aCancelledRequestIsNeverHeardOfAgain) {
     brief.reset();
     EXPECT_EQ(outcome, "cancelled 0 ");
     EXPECT_FALSE(left.isOpen());
+}
+
+// The answer comes while the handler returns, before, and behind: each time there is one outcome.
+TEST_F(MessagingTest, repliesOfOtherThreadsMeetTheEndOfTheirHandlers) {
+    std::mutex mutex;
+    std::vector<Reply> given;
+    std::atomic<bool> end{false};
+    other->on(CV_TYPE_PLAIN, [&](const Message&, Reply reply) {
+        const std::lock_guard<std::mutex> guard(mutex);
+        given.push_back(std::move(reply));
+    });
+    std::thread worker([&] {
+        while (!end) {
+            std::vector<Reply> mine;
+            {
+                const std::lock_guard<std::mutex> guard(mutex);
+                mine.swap(given);
+            }
+            for (Reply& reply : mine) {
+                EXPECT_TRUE(reply.result("answer"));
+            }
+            std::this_thread::yield();
+        }
+    });
+    for (int i = 0; i < 500; ++i) {
+        ASSERT_EQ(outcomeOf("x"), "result 0 answer") << i;
+    }
+    end = true;
+    worker.join();
 }
 
 TEST_F(MessagingTest, whatIsOwedToOneAskerHasABound) {
