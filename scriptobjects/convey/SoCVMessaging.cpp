@@ -122,7 +122,14 @@ public:
     void send(Message& message, bool mayLaunch, const SoString* parameters, uint32_t waitSeconds);
     void heard(int event, const Message& message);
     void tell(const Outcome& outcome) noexcept;
+    // Nothing will be heard any more: without memory it goes as it is registered.
+    void handlerGone() noexcept {
+        const bool failed = registering_ && !instance_->isClosed();
+        tell(failed ? Outcome(Outcome::kError, CV_CODE_OUT_OF_MEMORY, SoString()) : Outcome());
+    }
     void cancel() noexcept;
+    // Has nothing of it wait any more.
+    void forget() noexcept;
     static void callSafely(const Functions& functions, const Outcome& outcome) noexcept;
     bool isOpen() const {
         const std::lock_guard<std::mutex> guard(mutex_);
@@ -136,11 +143,11 @@ private:
     class Handler;
 
     Outcome::Kind kindOfNotSent(const SoString& text) const;
-    void forget() noexcept;
 
     const std::shared_ptr<PrivateData> instance_;
     uint32_t number_ = CV_INVALID_MESSAGE_NUMBER; // this and the target: fixed before the sending
     SoString target_;
+    std::atomic<bool> registering_{true};
     mutable std::mutex mutex_;
     std::condition_variable toldChanged_;
     State state_ = State::open;
@@ -157,7 +164,7 @@ public:
         : asked_(std::move(asked)), number_(number) {}
     ~Handler() override {
         if (asked_ != nullptr) {
-            asked_->tell(Outcome());
+            asked_->handlerGone();
         }
     }
     Handler(const Handler&) = delete;
@@ -196,6 +203,7 @@ void Asked::send(Message& message, bool mayLaunch, const SoString* parameters,
     target_ = message.getTarget();
     const std::unique_ptr<Convey::MsgHandler> replaced(
         instance_->changeHandler(new Handler(shared_from_this(), number_)));
+    registering_ = false; // it is registered
     (void)instance_->send(message, mayLaunch, waitSeconds, parameters);
     // Its end may have come by before the handler was there.
     if (instance_->isClosed()) {
@@ -282,6 +290,9 @@ void Asked::cancel() noexcept {
 }
 
 void Asked::forget() noexcept {
+    if (number_ == CV_INVALID_MESSAGE_NUMBER) {
+        return; // which would be the handlers for all messages
+    }
     const ConveyContext::Visit visit;
     (void)guarded(false, [this] {
         instance_->unwatchTime(number_);
@@ -413,6 +424,7 @@ std::shared_ptr<Asked> Convey::Request::ask(uint32_t waitSeconds) noexcept {
     } catch (const std::bad_alloc&) {
         if (asked != nullptr) {
             asked->tell(outOfMemory);
+            asked->forget(); // a handler for what was not sent would stay
         } else {
             Asked::callSafely(functions_, outOfMemory);
         }

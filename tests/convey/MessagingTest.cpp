@@ -366,7 +366,10 @@ TEST_F(MessagingTest, withoutMemoryThereIsAnOutcomeAllTheSame) {
             SCOPED_TRACE(std::string(type) + " " + std::to_string(number));
             int told = 0;
             auto request = asker.request("other-2.0", "x");
-            request.type(type).onOutcome([&](const Outcome&) { ++told; });
+            request.type(type).onOutcome([&](const Outcome& how) {
+                // Nobody has cancelled it.
+                told += how.kind() == Outcome::kCancelled ? 100 : 1;
+            });
             Convey::Pending pending;
             {
                 const FailingAllocation failing(number);
