@@ -1,0 +1,379 @@
+"""An application of this process: what answers and asks, in an asyncio loop or without one."""
+
+from __future__ import annotations
+
+import asyncio
+import contextlib
+import inspect
+import logging
+import math
+import os
+import signal
+import threading
+import time
+import weakref
+from collections.abc import AsyncGenerator, Awaitable, Callable, Mapping
+from types import TracebackType
+from typing import Any, TypeVar, Union
+
+from . import _c
+from ._lanes import Lanes
+from ._monitor import Event, Watch
+from ._types import (CODE_HANDLER_FAILED, CODE_NOT_ANSWERED, PLAIN, Answer, Cancelled, ConveyError,
+                     Error, Message, NotInstalled, NotRunning, Refused, Reply, TimedOut, decoded,
+                     encoded, outcome_of)
+
+Result = Union[str, bytes, None]
+Handler = Callable[[Message], Union[Result, Awaitable[Result]]]
+R = TypeVar("R")
+H = TypeVar("H", bound=Handler)
+Loop = asyncio.AbstractEventLoop
+
+_log = logging.getLogger("convey")
+_lanes = Lanes()
+_life = threading.RLock()  # applications begin and end one at a time
+_watching: weakref.WeakKeyDictionary[Loop, int] = weakref.WeakKeyDictionary()
+_PUMP_SECONDS = 0.005  # before the loop gets to do something else
+_PUMP_MILLISECONDS = 100  # how soon Ctrl-C is seen while a request waits without a loop
+
+
+def _begin(specifier: bytes) -> int:
+    with _life:
+        handle: int | None = _c.application_new(specifier)
+        if handle is None:
+            raise ValueError(f"{decoded(specifier)!r} is no specifier")
+        if not _c.application_is_reachable(handle):
+            _c.application_free(handle)
+            raise ConveyError(f"no port for {decoded(specifier)}")
+        return handle
+
+
+def _end(handle: int) -> None:
+    with _life:
+        _c.application_free(handle)
+
+
+def _pump() -> None:
+    end = time.monotonic() + _PUMP_SECONDS
+    while _c.pump() and time.monotonic() < end:
+        pass  # what is left keeps the descriptor readable
+
+
+def _watch(loop: Loop) -> None:
+    loop.add_reader(_c.poll_descriptor(), _pump)
+    _watching[loop] = _watching.get(loop, 0) + 1
+
+
+def _unwatch(loop: Loop) -> None:
+    _watching[loop] -= 1
+    if _watching[loop] == 0:
+        del _watching[loop]
+        if not loop.is_closed():
+            loop.remove_reader(_c.poll_descriptor())
+
+
+class _Asked:
+    """A request from its sending to its outcome. Its handle of the library's ends once: with
+    `end`, or, when that came during the sending, behind that."""
+
+    def __init__(self, tell: Callable[[Answer | ConveyError], None]) -> None:
+        self.tell = tell
+        self._mutex = threading.Lock()
+        self._pending: int | None = None
+        self._ended = False
+
+    def send(self, request: int) -> None:
+        if self._ended:
+            _c.request_free(request)
+            return
+        pending = _c.request_send(request, _outcome_function, _c.keep(self), _c.forget)
+        with self._mutex:
+            if not self._ended:
+                self._pending = pending
+                return
+        _c.pending_cancel(pending)
+
+    def end(self) -> None:
+        with self._mutex:
+            self._ended = True
+            pending, self._pending = self._pending, None
+        if pending is not None:
+            _c.pending_cancel(pending)
+
+
+def _on_outcome(outcome: int | None, number: int) -> None:
+    asked: _Asked | None = _c.kept(number)
+    if asked is not None:
+        asked.tell(outcome_of(outcome))
+
+
+def _on_message(message: int, handle: int, number: int) -> None:
+    reply = Reply(handle)
+    kept = _c.kept(number)
+    application: _Base | None = None if kept is None else kept()
+    if application is not None:  # else the reply ends, and its asker is told
+        application._take(Message._read(message), reply)
+
+
+_outcome_function = _c.OUTCOME_FUNCTION(_on_outcome)
+_message_function = _c.MESSAGE_FUNCTION(_on_message)
+
+
+def _failed(reply: Reply, message: Message, error: BaseException) -> None:
+    """What a handler raises, answers."""
+    if isinstance(error, Error):
+        reply.error(error.code or CODE_NOT_ANSWERED, error.text)
+        return
+    # What went wrong is this process's affair: the asker is told that it did.
+    _log.error("the handler of %r from %s failed", message.type, message.sender, exc_info=error)
+    reply.error(CODE_HANDLER_FAILED, "ERROR: HANDLER FAILED")
+
+
+class _Base:
+    """What an application is with and without a loop: a name, and handlers."""
+
+    def __init__(self, specifier: str) -> None:
+        self._specifier = encoded(specifier, "a specifier")
+        self._handlers: dict[str, Handler] = {}
+        self._handle: int | None = None
+        self._finalizer: weakref.finalize | None = None
+
+    @property
+    def name(self) -> str:
+        """The name under which other processes reach it."""
+        return decoded(_c.application_name(self._open()))
+
+    def on(self, type: str = PLAIN) -> Callable[[H], H]:
+        """Decorates the handler of a type of messages, in place of the one before; that of
+        PLAIN gets those for whose type there is none, too, and "" what is left then. It returns
+        the result, or raises: Error to answer with its code and text, anything else is logged
+        here and answers with code 61."""
+
+        encoded(type, "a type")
+
+        def register(handler: H) -> H:
+            self._handlers[type] = handler
+            if self._handle is not None:
+                self._register(type)
+            return handler
+
+        return register
+
+    def off(self, type: str = PLAIN) -> None:
+        """Takes the handler of a type out; KeyError without one."""
+        del self._handlers[type]
+        if self._handle is not None:
+            _c.application_off(self._handle, encoded(type, "a type"))
+
+    def _open(self) -> int:
+        if self._handle is None:
+            raise Cancelled(f"{decoded(self._specifier)} is not open")
+        return self._handle
+
+    def _opened(self, handle: int) -> None:
+        self._handle = handle
+        # One that nobody closes is closed when it goes, or at the end of the interpreter.
+        self._finalizer = weakref.finalize(self, _end, handle)
+        for type in self._handlers:
+            self._register(type)
+
+    def _register(self, type: str) -> None:
+        if not _c.application_on(self._open(), encoded(type, "a type"), _message_function,
+                                 _c.keep(weakref.ref(self)), _c.forget):
+            raise MemoryError
+
+    def _close(self) -> None:
+        finalizer, self._finalizer, self._handle = self._finalizer, None, None
+        if finalizer is not None:
+            finalizer()
+
+    def _take(self, message: Message, reply: Reply) -> None:
+        raise NotImplementedError
+
+    def _call(self, message: Message, reply: Reply) -> Awaitable[Result] | None:
+        """Calls the handler, which answers; what it leaves to be awaited is returned."""
+        handler = self._handlers.get(message.type) or self._handlers.get(PLAIN) \
+            or self._handlers.get("")
+        if handler is None:  # taken out while this was under way
+            return None
+        message._reply = reply
+        try:
+            result = handler(message)
+            if inspect.isawaitable(result):
+                return result
+            if message._reply is not None:
+                reply.result("" if result is None else result)  # type: ignore[arg-type]
+        except Exception as error:
+            _failed(reply, message, error)
+        finally:
+            message._reply = None
+        return None
+
+    def _request(self, target: bytes, body: str | bytes, type: str, headers: Mapping[str, str],
+                 launch: bool | str, timeout: float | None) -> int:
+        raw = encoded(body, "a body", line=False)
+        request: int | None = _c.request_new(self._open(), target, raw, len(raw))
+        if request is None:
+            raise ValueError("the body is too long, or there is no memory")
+        try:
+            done = _c.request_set_type(request, encoded(type, "a type"))
+            for name, value in headers.items():
+                done = done and _c.request_set_header(
+                    request, encoded(name, "the name of a header"),
+                    encoded(value, f"the header {name!r}"))
+            if launch is not False:
+                done = done and _c.request_set_launch(
+                    request, encoded("" if launch is True else launch, "the parameters"))
+            if timeout is not None:
+                done = done and _c.request_set_timeout(request, min(_ceil(timeout) * 1000, 2**31))
+            if not done:
+                raise MemoryError
+        except BaseException:
+            _c.request_free(request)
+            raise
+        return request
+
+
+def _ceil(seconds: float) -> int:
+    """The layer counts whole seconds."""
+    if not seconds > 0:
+        raise ValueError("a time-out is more than 0 seconds")
+    return math.ceil(min(seconds, 2**20))
+
+
+def _known(target: bytes) -> None:
+    if not _c.is_installed(target):
+        raise NotInstalled(f"{decoded(target)} is not installed")
+
+
+def _applications() -> list[str]:
+    return [decoded(text) for text in _c.applications()]
+
+
+def _resolve(target: bytes) -> str:
+    _known(target)
+    return decoded(_c.resolve(target))
+
+
+def _path(target: bytes) -> str:
+    _known(target)
+    return decoded(_c.path(target))
+
+
+def _ping(target: bytes, key: bytes | None, seconds: int) -> str:
+    answer = decoded(_c.ping(target, key, seconds))
+    ends: dict[str, type[ConveyError]] = {
+        "Timeout": TimedOut, "ISNOTRUNNING": NotRunning, "ISNOTINSTALLED": NotInstalled,
+        "INVALIDSPEC": Refused, "UNDEFINED": Refused, "NOINTERAPPSTREAM": Refused,
+        "MSGTOSTRINGERROR": Refused,
+    }
+    if answer in ends:
+        raise ends[answer](f"{decoded(target)}: {answer}")
+    return answer
+
+
+def _launch(target: bytes, parameters: bytes, behind: bool) -> None:
+    _known(target)
+    if not _c.launch(target, parameters, 1 if behind else 0):
+        raise NotRunning(f"{decoded(target)} could not be launched")
+
+
+def _front(target: bytes) -> None:
+    if not _c.front(target):
+        raise NotInstalled(f"{decoded(target)} is not installed")
+
+
+class BlockingApplication(_Base):
+    """An application without a loop: each operation waits, and messages are handled while a
+    request waits and in `run` and `pump`, on that thread."""
+
+    def request(self, target: str, body: str | bytes, *, type: str = PLAIN,
+                headers: Mapping[str, str] | None = None, launch: bool | str = False,
+                timeout: float | None = None) -> Answer:
+        """As Application.request."""
+        told: list[Answer | ConveyError] = []
+        asked = _Asked(told.append)
+        end = None if timeout is None else time.monotonic() + timeout
+        asked.send(self._request(encoded(target, "a target"), body, type, headers or {}, launch,
+                                 timeout))
+        try:
+            while not told:
+                left = _PUMP_MILLISECONDS if end is None else \
+                    min(_PUMP_MILLISECONDS, math.ceil((end - time.monotonic()) * 1000))
+                if left <= 0:
+                    raise TimedOut("no answer in time")
+                _c.pump_or_wait(left)
+        finally:
+            asked.end()
+        if isinstance(told[0], ConveyError):
+            raise told[0]
+        return told[0]
+
+    def post(self, target: str, body: str | bytes, *, type: str = PLAIN,
+             headers: Mapping[str, str] | None = None) -> bool:
+        """As Application.post."""
+        return bool(_c.request_post(self._request(encoded(target, "a target"), body, type,
+                                                  headers or {}, False, None)))
+
+    def run(self) -> None:
+        """Handles messages until `quit`, or SIGTERM; SIGINT is a KeyboardInterrupt. For the
+        process's main thread."""
+        if _c.run() == signal.SIGINT:
+            raise KeyboardInterrupt
+
+    def quit(self) -> None:
+        """Ends `run`, or its next call. Any thread."""
+        _c.quit()
+
+    def pump(self, timeout: float = 0) -> bool:
+        """Handles what there is, or what comes within so many seconds; True when it did. For a
+        loop of another kind: call it when `fileno` is readable."""
+        return bool(_c.pump_or_wait(math.ceil(timeout * 1000)) if timeout > 0 else _c.pump())
+
+    def fileno(self) -> int:
+        """The descriptor to watch for reading, one for the process."""
+        return int(_c.poll_descriptor())
+
+    def applications(self) -> list[str]:
+        self._open()
+        return _applications()
+
+    def resolve(self, specifier: str) -> str:
+        self._open()
+        return _resolve(encoded(specifier, "a specifier"))
+
+    def path(self, specifier: str) -> str:
+        self._open()
+        return _path(encoded(specifier, "a specifier"))
+
+    def is_running(self, specifier: str) -> bool:
+        self._open()
+        return bool(_c.is_running(encoded(specifier, "a specifier")))
+
+    def ping(self, target: str, key: str | None = None, *, timeout: float = 5) -> str:
+        self._open()
+        return _ping(encoded(target, "a target"), None if key is None else encoded(key, "a key"),
+                     _ceil(timeout))
+
+    def launch(self, target: str, parameters: str = "", *, behind: bool = False) -> None:
+        self._open()
+        _launch(encoded(target, "a target"), encoded(parameters, "the parameters"), behind)
+
+    def front(self, target: str) -> None:
+        self._open()
+        _front(encoded(target, "a target"))
+
+    def diagnostics(self) -> str:
+        self._open()
+        return decoded(_c.diagnostics())
+
+    def close(self) -> None:
+        """Ends it: replies that it owes become errors."""
+        self._close()
+
+    def _take(self, message: Message, reply: Reply) -> None:
+        left = self._call(message, reply)
+        if left is not None:
+            if inspect.iscoroutine(left):
+                left.close()
+            _failed(reply, message, TypeError("a handler that is awaited needs `async with`"))
