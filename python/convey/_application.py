@@ -377,3 +377,199 @@ class BlockingApplication(_Base):
             if inspect.iscoroutine(left):
                 left.close()
             _failed(reply, message, TypeError("a handler that is awaited needs `async with`"))
+
+
+class Application(_Base):
+    """An application, by a specifier such as "diary-1.0". `async with` joins it to the running
+    loop, which then handles its messages; `with` gives a BlockingApplication, for programs
+    without a loop. It belongs to the thread of that loop; handlers run there, too."""
+
+    def __init__(self, specifier: str) -> None:
+        super().__init__(specifier)
+        self._loop: Loop | None = None
+        self._thread = 0
+        self._tasks: set[asyncio.Task[None]] = set()
+        self._blocking: BlockingApplication | None = None
+
+    def __enter__(self) -> BlockingApplication:
+        blocking = BlockingApplication(decoded(self._specifier))
+        blocking._handlers = self._handlers
+        blocking._opened(_begin(self._specifier))
+        self._blocking = blocking
+        return blocking
+
+    def __exit__(self, kind: type[BaseException] | None, error: BaseException | None,
+                 trace: TracebackType | None) -> None:
+        blocking, self._blocking = self._blocking, None
+        if blocking is not None:
+            blocking.close()
+
+    async def __aenter__(self) -> Application:
+        if self._handle is not None:
+            raise RuntimeError("it is open already")
+        loop = asyncio.get_running_loop()
+        # Reads the registry and opens ports.
+        beginning = loop.run_in_executor(None, _begin, self._specifier)
+        try:
+            handle = await asyncio.shield(beginning)
+        except asyncio.CancelledError:
+            beginning.add_done_callback(
+                lambda done: None if done.exception() else _end(done.result()))
+            raise
+        self._loop, self._thread = loop, threading.get_ident()
+        _watch(loop)
+        self._opened(handle)
+        # Else a loop that ends without us would keep the descriptor.
+        self._unwatch = weakref.finalize(self, _unwatch, loop)
+        return self
+
+    async def __aexit__(self, kind: type[BaseException] | None, error: BaseException | None,
+                        trace: TracebackType | None) -> None:
+        await self.close()
+
+    async def close(self) -> None:
+        """Ends it: requests that wait raise Cancelled, handlers that are awaited are cancelled,
+        replies that it owes become errors."""
+        finalizer, self._finalizer, self._handle = self._finalizer, None, None
+        if finalizer is None:
+            return
+        tasks = self._tasks - {asyncio.current_task()}
+        for task in tasks:
+            task.cancel()
+        await asyncio.gather(*tasks, return_exceptions=True)
+        self._unwatch()
+        await asyncio.shield(asyncio.get_running_loop().run_in_executor(None, finalizer))
+
+    async def request(self, target: str, body: str | bytes, *, type: str = PLAIN,
+                      headers: Mapping[str, str] | None = None, launch: bool | str = False,
+                      timeout: float | None = None) -> Answer:
+        """Asks, and gives the result, or raises how it ended. `launch`: True, or with which
+        parameters, launches a target that does not run. `timeout` in seconds; 60 without one.
+        Cancelling the task cancels the request."""
+        loop = self._running()
+        future: asyncio.Future[Answer | ConveyError] = loop.create_future()
+        name = encoded(target, "a target")
+        request = self._request(name, body, type, headers or {}, launch, timeout)
+
+        def tell(outcome: Answer | ConveyError) -> None:
+            self._on_loop(settle, outcome)
+
+        def settle(outcome: Answer | ConveyError) -> None:
+            if not future.done():
+                future.set_result(outcome)
+
+        asked = _Asked(tell)
+        timer = None if timeout is None else \
+            loop.call_later(timeout, settle, TimedOut("no answer in time"))
+        _lanes.add(name, lambda: asked.send(request))
+        try:
+            outcome = await future
+        finally:
+            asked.end()
+            if timer is not None:
+                timer.cancel()
+        if isinstance(outcome, ConveyError):
+            raise outcome
+        return outcome
+
+    async def post(self, target: str, body: str | bytes, *, type: str = PLAIN,
+                   headers: Mapping[str, str] | None = None) -> bool:
+        """Sends without asking for an answer; True when it was handed over."""
+        future: asyncio.Future[bool] = self._running().create_future()
+        name = encoded(target, "a target")
+        request = self._request(name, body, type, headers or {}, False, None)
+
+        def send() -> None:
+            self._on_loop(settle, _c.request_post(request) != 0)
+
+        def settle(done: bool) -> None:
+            if not future.done():
+                future.set_result(done)
+
+        _lanes.add(name, send)
+        return await future
+
+    async def applications(self) -> list[str]:
+        """The specifiers of the registered applications."""
+        return await self._ask(_applications)
+
+    async def resolve(self, specifier: str) -> str:
+        """What a specifier is completed to; NotInstalled when nobody has it."""
+        return await self._ask(_resolve, encoded(specifier, "a specifier"))
+
+    async def path(self, specifier: str) -> str:
+        """The path of an application; NotInstalled without one."""
+        return await self._ask(_path, encoded(specifier, "a specifier"))
+
+    async def is_running(self, specifier: str) -> bool:
+        return bool(await self._ask(_c.is_running, encoded(specifier, "a specifier")))
+
+    async def ping(self, target: str, key: str | None = None, *, timeout: float = 5) -> str:
+        """What the application says of `key`, without one "ECHO_RESPONSE"; answered by a thread
+        of its own, also while it is busy. Raises why it says nothing."""
+        return await self._ask(_ping, encoded(target, "a target"),
+                               None if key is None else encoded(key, "a key"), _ceil(timeout))
+
+    async def launch(self, target: str, parameters: str = "", *, behind: bool = False) -> None:
+        """Launches one that does not run, in front or behind; NotRunning when that fails."""
+        await self._ask(_launch, encoded(target, "a target"),
+                        encoded(parameters, "the parameters"), behind)
+
+    async def front(self, target: str) -> None:
+        """Brings an application to the front, as far as it runs and there is a desktop."""
+        await self._ask(_front, encoded(target, "a target"))
+
+    async def diagnostics(self) -> str:
+        """The state of the layer as text for people."""
+        return decoded(await self._ask(_c.diagnostics))
+
+    async def monitor(self, target: str, *, bodies: bool = False) -> AsyncGenerator[Event, None]:
+        """The messages of another application as they come, until it ends; Refused when it
+        does not forward them, or forwards them to somebody else from then on."""
+        watch = Watch(await self.resolve(target), bodies, self.ping)
+        async with Application(f"monitor{os.getpid()}-2.0") as observer:
+            observer.on("FWDMESSAGES")(watch.take)
+            async with contextlib.aclosing(watch.events(observer.name)) as events:
+                async for event in events:
+                    yield event
+
+    def _running(self) -> Loop:
+        self._open()
+        loop = asyncio.get_running_loop()
+        if loop is not self._loop:
+            raise RuntimeError("it belongs to another loop")
+        return loop
+
+    def _on_loop(self, function: Callable[..., object], *arguments: object) -> None:
+        """Calls it on the thread of the loop: now, when this is that."""
+        if threading.get_ident() == self._thread:
+            function(*arguments)
+        elif self._loop is not None:
+            with contextlib.suppress(RuntimeError):  # the loop has been closed: nobody waits
+                self._loop.call_soon_threadsafe(function, *arguments)
+
+    async def _ask(self, function: Callable[..., R], *arguments: Any) -> R:
+        """What may wait, away from the loop."""
+        return await self._running().run_in_executor(None, function, *arguments)
+
+    def _take(self, message: Message, reply: Reply) -> None:
+        self._on_loop(self._handle_message, message, reply)
+
+    def _handle_message(self, message: Message, reply: Reply) -> None:
+        left = self._call(message, reply)
+        if left is not None and self._loop is not None:
+            task = self._loop.create_task(self._answer(left, message, reply))
+            self._tasks.add(task)
+            task.add_done_callback(self._tasks.discard)
+
+    @staticmethod
+    async def _answer(left: Awaitable[Result], message: Message, reply: Reply) -> None:
+        message._reply = reply
+        try:
+            result = await left
+            if message._reply is not None:
+                reply.result("" if result is None else result)
+        except Exception as error:
+            _failed(reply, message, error)
+        finally:
+            message._reply = None
