@@ -141,6 +141,8 @@ inline constexpr Limit kAll[] = {
     {"import.desktop-files", 100'000, "files", "of one folder"},
 
     // The tool for people
+    {"rows.value", 4096, "bytes", "of a value in diagnostics that were not asked for whole"},
+    {"rows.messages", 64, "messages", "that a queue gives to the diagnostics before its owner has a turn"},
     {"tree.depth", 64, "levels", "of diagnostics: any process may answer with rows"},
 };
 

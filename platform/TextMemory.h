@@ -17,6 +17,8 @@ public:
     // The block (null for none) grown or shrunk, content kept, possibly at another place; null when
     // there is no memory, and the block stays as it is.
     static void* reallocate(void* block, size_t size);
+    // How many bytes the block (null: 0) has room for: at least as many as were asked for.
+    static size_t roomOf(void* block);
     // Null is ignored.
     static void free(void* block);
 

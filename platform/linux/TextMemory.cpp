@@ -107,6 +107,10 @@ void* TextMemory::reallocate(void* block, size_t size) {
     return std::realloc(block, size);
 }
 
+size_t TextMemory::roomOf(void* block) {
+    return malloc_usable_size(block);
+}
+
 void TextMemory::free(void* block) {
     // The heap knows how large its blocks are: nothing is kept beside them, so that any block of
     // the heap's may be given here.

@@ -9,11 +9,25 @@ namespace ScObjects {
 // Writes rows of the diagnostics text below one path: path, level, label and value, each closed by
 // ';', and a line feed. Level 1 announces rows below, 0 is a leaf.
 //
-// Names, labels and values come from anybody: a line feed or a ';' in one of them becomes a blank,
-// so that no text passes for a row or a field of its own. The root is taken as it is. Appends to
-// the text that it was made with, which must outlive it; one thread. Throws std::bad_alloc only.
+// Names, labels and values come from anybody. So that no text passes for a row or a field of its
+// own, and a reader can tell what it was, a line feed is written as \n, a ';' as \3b and a
+// backslash twice. Values of more than `rows.value` bytes (`convey limits`) are cut, and say how
+// long they are. The root is taken as it is. Appends to the text that it was made with, which must
+// outlive it; one thread. Throws std::bad_alloc only.
 class CVDiagnosticsRows {
 public:
+    // While one lives, the values of this thread's rows are whole.
+    class Whole {
+    public:
+        explicit Whole(bool on);
+        ~Whole();
+        Whole(const Whole&) = delete;
+        Whole& operator=(const Whole&) = delete;
+
+    private:
+        const bool before_;
+    };
+
     CVDiagnosticsRows(SoString& out, const SoString& root) : out_(out), root_(root) {}
 
     // `name` is the path below the root, with its '/'; empty for the root itself. The value is all
@@ -40,6 +54,7 @@ private:
         (void)(text << ... << parts);
         return text;
     }
+    void addValue(std::string_view value);
     void add(std::string_view name, char level, std::string_view label, const SoString& value);
     void begin(std::string_view name, char level, std::string_view label);
 

@@ -37,8 +37,8 @@ void addBody(CVDiagnosticsRows& rows, const SoString& body) {
     // The first line only: a row is one, and a body may have megabytes.
     rows.node("/body", "Body", static_cast<uint32_t>(body.length()), " bytes");
     const std::string_view text = body.view();
-    const std::string firstLine(text.substr(0, text.find('\n')));
-    rows.unclosedLeaf("/body/text", "Text", firstLine.c_str()); // up to a zero byte, too
+    const std::string_view line = text.substr(0, text.find('\n'));
+    rows.unclosedLeaf("/body/text", "Text", line.substr(0, line.find('\0'))); // which ends it, too
 }
 
 } // namespace

@@ -13,6 +13,10 @@ namespace {
 
 using Message = Convey::Message;
 
+constexpr size_t kShownAtOnce = limits::of("rows.messages");
+// The same in bodies, which are copied, too: as much as takes about as long.
+constexpr int64_t kShownBytesAtOnce = 64 * limits::kKiB;
+
 bool isWatcher(const Message& message) {
     return message.getType() == CV_TYPE_WATCHER;
 }
@@ -424,17 +428,52 @@ void MessageQueue::setDiagnosticsRoot(const SoString& root) {
 }
 
 int32_t MessageQueue::appendDiagnostics(SoString& out, const SoString& path) const {
-    // Written with the lock held, since the messages are the queue's.
     const bool wantsLogs = path.view().substr(0, 4) == "/log";
     int32_t written = 0;
-    const ObjectLock guard(*this);
-    for (const Entry* entry = all_.first; entry != nullptr; entry = entry->links[ofAll].next) {
-        if ((entry->message->getType() == CV_TYPE_LOG) == wantsLogs) {
-            entry->message->appendDiagnostics(out, path);
+    uint64_t position = 0;
+    for (bool more = true; more;) {
+        // Copies of a few at a time, written without the lock: with all of them under it an owner
+        // with a long queue would stand still as long as somebody looks at it.
+        std::vector<Shown> some;
+        more = copySome(position, wantsLogs, path, some);
+        for (const Shown& one : some) {
+            if (one.message != nullptr) {
+                one.message->appendDiagnostics(out, path);
+            }
+            out << one.rows;
             ++written;
         }
     }
     return written;
+}
+
+bool MessageQueue::copySome(uint64_t& position, bool wantsLogs, const SoString& path,
+                            std::vector<Shown>& some) const {
+    const ObjectLock guard(*this);
+    const Entry* entry = shown_ != nullptr && shown_->position == position ? shown_ : all_.first;
+    while (entry != nullptr && entry->position <= position) {
+        entry = entry->links[ofAll].next;
+    }
+    int64_t bytes = 0;
+    for (; entry != nullptr; entry = entry->links[ofAll].next) {
+        const Message& message = *entry->message;
+        if ((message.getType() == CV_TYPE_LOG) == wantsLogs) {
+            Shown& one = some.emplace_back();
+            const int32_t length = message.getBody().length();
+            if (length > kShownBytesAtOnce) { // to write the little that is shown of it takes less
+                message.appendDiagnostics(one.rows, path);
+            } else {
+                one.message = std::make_unique<Message>(message);
+            }
+            bytes += length;
+        }
+        position = entry->position;
+        shown_ = entry;
+        if (some.size() >= kShownAtOnce || bytes >= kShownBytesAtOnce) {
+            return true;
+        }
+    }
+    return false;
 }
 
 } // namespace ScObjects::ConveyData

@@ -211,6 +211,14 @@ private:
     void parkLocked(Entry& entry) SO_REQUIRES(this);
     void knowNumbersLocked() SO_REQUIRES(this);
     void tidyLocked() SO_REQUIRES(this);
+    // A message for the diagnostics: a copy, or its rows.
+    struct Shown {
+        std::unique_ptr<Convey::Message> message;
+        SoString rows;
+    };
+    // Shows the next ones behind `position`, which moves on; whether there may be more.
+    bool copySome(uint64_t& position, bool wantsLogs, const SoString& path,
+                  std::vector<Shown>& some) const;
     const Line* findLineLocked(std::string_view target) const SO_REQUIRES(this);
     static Entry* findBehind(const Line& line, uint64_t position);
     Entry* findLocked(std::string_view target, uint64_t position) const SO_REQUIRES(this);
@@ -232,6 +240,8 @@ private:
     bool numbersKnown_ SO_GUARDED_BY(this) = false;
     uint64_t lastPosition_ SO_GUARDED_BY(this) = 0;
     int64_t bodyBytes_ SO_GUARDED_BY(this) = 0;
+    // The last one that was shown to the diagnostics: who goes on from there need not look.
+    mutable const Entry* shown_ SO_GUARDED_BY(this) = nullptr;
     Load answers_ SO_GUARDED_BY(this);
     // No message expires before it. Changes under the lock; read without, since it is asked for
     // with each message.

@@ -184,6 +184,7 @@ void MessageQueue::unlinkLocked(Entry& entry) {
     if (entry.line->visited == &entry) {
         entry.line->visited = nullptr;
     }
+    shown_ = shown_ == &entry ? nullptr : shown_;
     all_.remove(entry);
     entry.line->entries.remove(entry);
     entry.turn->remove(entry);

@@ -8,6 +8,7 @@
 #include "limits/Limits.h"
 #include "platform/Processes.h"
 #include "scriptobjects/convey/SoCVContext.h"
+#include "scriptobjects/convey/SoCVDiagnosticsRows.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVOutbox.h"
 #include "scriptobjects/convey/SoCVSetupThread.h"
@@ -103,6 +104,7 @@ int32_t ThreadDiagnosticsMsgHandler::handleMessage(int /*event*/, Convey::Messag
                                                    SoString* result) {
     // In the body: the answer to a ping is a header, which is one line.
     const bool formatted = message.getBody() == "formatted";
+    const CVDiagnosticsRows::Whole whole(message.getBody() == ConveyData::CV_WHOLE);
     SoString text;
     Convey::getDiagnostics(text, formatted);
     message.setBody(std::move(text));

@@ -27,8 +27,8 @@ void Traffic::appendDiagnostics(CVDiagnosticsRows& rows, uint32_t dropped) const
         const char* leaf;
         const char* label;
         uint32_t number;
-    } counts[] = {{"/counts/in", "Came in", in_},
-                  {"/counts/out", "Went out", out_},
+    } counts[] = {{"/counts/in", "Messages in", in_},
+                  {"/counts/out", "Messages out", out_},
                   {"/counts/replies", "Replies that came in", replies_},
                   {"/counts/errors", "Errors among them", errors_},
                   {"/counts/timeouts", "Time-outs among them", timeouts_},

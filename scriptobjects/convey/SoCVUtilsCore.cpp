@@ -95,16 +95,6 @@ bool wantsBodies() {
     return thread != nullptr && !thread->getValueForKey("FWDBODIES").isEmpty();
 }
 
-// A row is a line: a line feed is written as "\\n", and a backslash twice so that both can be told.
-std::string inOneLine(std::string_view text) {
-    std::string line;
-    line.reserve(text.size());
-    for (const char c : text) {
-        line += c == '\n' ? "\\n" : c == '\\' ? "\\\\" : std::string(1, c);
-    }
-    return line;
-}
-
 } // namespace
 
 bool isForwarding(const char* handlerType) {
@@ -129,10 +119,14 @@ bool forwardMessage(const Convey::Message& message, const SoString& handlerType,
     forwarded.setHeader(ConveyData::CV_MESSAGE_ROOT, root.c_str());
     // Now, not when the observer is called: the message changes and goes on its way meanwhile.
     SoString rows;
+    const bool isWhole = wantsBodies();
+    const CVDiagnosticsRows::Whole whole(isWhole);
     message.appendDiagnostics(rows, root);
-    if (!message.getBody().isEmpty() && wantsBodies()) {
-        rows << root << "/msg" << message.getSerialNumber() << "/body/whole;0;Whole;"
-             << inOneLine(message.getBody().view().substr(0, kForwardedBodyBytes)).c_str() << ";\n";
+    if (isWhole && !message.getBody().isEmpty()) {
+        SoString name("/msg");
+        name << message.getSerialNumber() << "/body/whole";
+        CVDiagnosticsRows(rows, root)
+            .leaf(name.view(), "Whole", message.getBody().view().substr(0, kForwardedBodyBytes));
     }
     if (!label.isEmpty()) {
         const uint32_t time = message.getTimestamp();

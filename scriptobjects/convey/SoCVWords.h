@@ -93,6 +93,9 @@ inline constexpr const char* CV_FORWARD_MESSAGES = "FWDMESSAGES";
 inline constexpr const char* CV_FORWARD_ERRORS = "FWDERRORS";
 inline constexpr const char* CV_FORWARD_LOGS = "FWDLOGS";
 
+// In the body of a request for diagnostics: texts are not to be cut.
+inline constexpr const char* CV_WHOLE = "whole";
+
 // What a handler is told of a message as its `event`.
 //
 // A message of a type of the applications' own. "Processed" comes as one, too.

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "limits/Limits.h"
+#include "platform/TextMemory.h"
 
 namespace ScObjects {
 namespace {
@@ -30,6 +31,16 @@ constinit char gEmptyBuffer[1] = {'\0'};
 // behind a text that fills its step.
 int32_t capacityFor(int64_t length) {
     return static_cast<int32_t>((length + SoString::kStep) / SoString::kStep * SoString::kStep);
+}
+
+// A text that has become long by appending goes on growing: with a step more each time it would be
+// copied for every step, and take quadratic time. The room behind it is the block's, not the
+// string's, whose capacity stays that of its length.
+constexpr int32_t kLargeLength = 16 << 10;
+
+int64_t spareFor(int32_t length, int64_t newLength) {
+    return length < kLargeLength ? 0
+                                 : std::clamp<int64_t>(kMaximumLength - newLength, 0, length / 4);
 }
 
 char* newBuffer(int64_t length) {
@@ -275,6 +286,17 @@ const char* SoString::assign(std::string_view text) {
     return data_;
 }
 
+bool SoString::hasRoomFor(int64_t length) {
+    if (data_ == gEmptyBuffer) {
+        return false;
+    }
+    if (length >= capacity_ && length_ >= kLargeLength && length <= kMaximumLength &&
+        static_cast<size_t>(capacityFor(length)) <= platform::TextMemory::roomOf(data_)) {
+        capacity_ = capacityFor(length);
+    }
+    return length < capacity_;
+}
+
 void SoString::append(const char* text, int32_t length) {
     append(viewOf(text, length));
 }
@@ -285,8 +307,8 @@ void SoString::append(std::string_view text) {
     }
     // In 64 bits two lengths add up without overflow; newBuffer refuses what is too long.
     const int64_t newLength = length_ + lengthOf(text);
-    if (newLength >= capacity_ || data_ == gEmptyBuffer) {
-        char* buffer = newBuffer(newLength);
+    if (!hasRoomFor(newLength)) {
+        char* buffer = newBuffer(newLength + spareFor(length_, newLength));
         std::memcpy(buffer, data_, static_cast<size_t>(length_) + 1);
         std::memcpy(buffer + length_, text.data(), text.size()); // may lie in the old one
         release();
@@ -303,8 +325,8 @@ void SoString::append(std::string_view text) {
 char* SoString::extend(int32_t bytes) {
     // In 64 bits: the sum of two lengths that are allowed may be one that is not.
     const int64_t newLength = static_cast<int64_t>(length_) + bytes;
-    if (newLength >= capacity_ || data_ == gEmptyBuffer) {
-        char* buffer = newBuffer(newLength);
+    if (!hasRoomFor(newLength)) {
+        char* buffer = newBuffer(newLength + spareFor(length_, newLength));
         std::memcpy(buffer, data_, static_cast<size_t>(length_));
         release();
         data_ = buffer;

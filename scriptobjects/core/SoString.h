@@ -11,9 +11,10 @@ namespace ScObjects {
 // A growable byte string that holds UTF-8; nothing checks that it does, and lengths count bytes.
 //
 // Owns its buffer, which is always terminated by a zero byte and never null. Buffers have the
-// smallest multiple of 128 bytes above the length; one that was never written to is taken from the
-// heap when it first is, since half of a registry's texts stay empty. A moved-from string is empty.
-// Used by one thread at a time; any number may read one that nobody changes.
+// smallest multiple of 128 bytes above the length, in a larger block once a long one is appended
+// to; one that was never written to is taken from the heap when it first is, since half of a
+// registry's texts stay empty. A moved-from string is empty. Used by one thread at a time; any
+// number may read one that nobody changes.
 //
 // Texts: null counts as "", a negative length means up to the first zero byte, and a text may lie
 // in the string's own buffer. Throws std::bad_alloc, the string unchanged, when memory runs out or
@@ -93,6 +94,7 @@ public:
     std::string_view view() const { return {data_, static_cast<size_t>(length_)}; }
 
 private:
+    bool hasRoomFor(int64_t length);
     void reserveFresh(int64_t length);
     void release();
 

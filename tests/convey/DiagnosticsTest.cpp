@@ -69,8 +69,8 @@ TEST(Diagnostics, describeAWholeState) {
 /own-1.0/instances/own-1.0/oldestin;0;Oldest incoming;undefined;
 /own-1.0/instances/own-1.0/oldestout;0;Oldest outgoing;undefined;
 /own-1.0/instances/own-1.0/counts;1;Messages so far;;
-/own-1.0/instances/own-1.0/counts/in;0;Came in;0;
-/own-1.0/instances/own-1.0/counts/out;0;Went out;1;
+/own-1.0/instances/own-1.0/counts/in;0;Messages in;0;
+/own-1.0/instances/own-1.0/counts/out;0;Messages out;1;
 /own-1.0/instances/own-1.0/counts/replies;0;Replies that came in;0;
 /own-1.0/instances/own-1.0/counts/errors;0;Errors among them;0;
 /own-1.0/instances/own-1.0/counts/timeouts;0;Time-outs among them;0;
@@ -107,8 +107,8 @@ TEST(Diagnostics, describeAWholeState) {
 /own-1.0/instances/other-2.0/oldestin;0;Oldest incoming;0s;
 /own-1.0/instances/other-2.0/oldestout;0;Oldest outgoing;undefined;
 /own-1.0/instances/other-2.0/counts;1;Messages so far;;
-/own-1.0/instances/other-2.0/counts/in;0;Came in;1;
-/own-1.0/instances/other-2.0/counts/out;0;Went out;0;
+/own-1.0/instances/other-2.0/counts/in;0;Messages in;1;
+/own-1.0/instances/other-2.0/counts/out;0;Messages out;0;
 /own-1.0/instances/other-2.0/counts/replies;0;Replies that came in;0;
 /own-1.0/instances/other-2.0/counts/errors;0;Errors among them;0;
 /own-1.0/instances/other-2.0/counts/timeouts;0;Time-outs among them;0;
@@ -156,7 +156,8 @@ TEST(Diagnostics, describeAWholeState) {
     EXPECT_TRUE(Convey::Thread::setPingValue("k;1\n/k", "v;\n/own-1.0/name;0;Name;false;"));
     Convey::getDiagnostics(text, false);
     const std::string rows = text.c_str();
-    EXPECT_NE(rows.find("\n/own-1.0/thread/ping/k 1 /k;1;k 1 /k;v  /own-1.0/name 0 Name false ;\n"),
+    EXPECT_NE(rows.find("\n/own-1.0/thread/ping/k\\3b1\\n/k;1;k\\3b1\\n/k;"
+                        "v\\3b\\n/own-1.0/name\\3b0\\3bName\\3bfalse\\3b;\n"),
               std::string::npos)
         << rows;
     EXPECT_EQ(rows.find("\n/own-1.0/name;0;Name;false"), std::string::npos) << "passes for a row";

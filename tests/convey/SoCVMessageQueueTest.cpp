@@ -1,9 +1,15 @@
+#include <algorithm>
+#include <chrono>
+#include <ctime>
+#include <functional>
+#include <future>
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "platform/fake/Fakes.h"
+#include "scriptobjects/convey/SoCVDiagnosticsRows.h"
 #include "scriptobjects/convey/SoCVMessageQueue.h"
 #include "scriptobjects/convey/SoCVUtils.h"
 
@@ -177,7 +183,7 @@ TEST_F(MessageQueueTest, writesTheRowsOfItsMessages) {
     Convey::Message* const message = make("one\ntwo");
     message->setSerialNumber(42);
     message->setHeader("a;\nb", "1;\n/y;1;passes;for a row;");
-    message->setHeader("h", "v");
+    message->setHeader("long", ("\\" + std::string(4094, 'x') + "ä").c_str());
     ASSERT_TRUE(queue.append(message));
     ASSERT_TRUE(queue.append(make("", "Log")));
     platform::FakeProcesses processes;
@@ -188,13 +194,94 @@ TEST_F(MessageQueueTest, writesTheRowsOfItsMessages) {
     EXPECT_EQ(queue.appendDiagnostics(rows, "/x"), 1);
     for (const char* row :
          {"/x/msg42;1;msg[01:02:03];00000042;\n", ";Sender-ID;localhost:mac4294967295;\n",
-          ";Response-Request;undefined;\n", "/headers/a  b;0;a  b;1  /y 1 passes for a row ;\n"}) {
+          ";Response-Request;undefined;\n",
+          "/headers/a\\3b\\nb;0;a\\3b\\nb;1\\3b\\n/y\\3b1\\3bpasses\\3bfor a row\\3b;\n",
+          "x... (4097 bytes);\n", ";long;\\\\x"}) {
         EXPECT_NE(rows.view().find(row), std::string_view::npos) << rows.c_str();
     }
+    rows = SoString();
+    {
+        const ScObjects::CVDiagnosticsRows::Whole whole(true);
+        EXPECT_EQ(queue.appendDiagnostics(rows, "/x"), 1);
+    }
+    EXPECT_NE(rows.view().find("xä;\n"), std::string_view::npos);
     rows = SoString();
     EXPECT_EQ(queue.appendDiagnostics(rows, "/log/x"), 1);
     EXPECT_NE(rows.view().find(";Headers;(no headers);\n"), std::string_view::npos);
     EXPECT_NE(rows.view().find("/body;0;Body;(empty);\n"), std::string_view::npos);
+}
+
+// Does something while the rows of a message are written, which say the number of the process.
+class HookedProcesses : public platform::FakeProcesses {
+public:
+    std::function<void()> hook;
+    uint32_t ownNumber() const override {
+        hook();
+        return number;
+    }
+};
+
+TEST_F(MessageQueueTest, givesItsOwnerATurnWhileItsRowsAreWritten) {
+    constexpr uint32_t kMessages = 10'000;
+    MessageQueue queue;
+    for (uint32_t i = 0; i < kMessages; ++i) {
+        Convey::Message* const message = make("body");
+        message->setSerialNumber(i + 1);
+        ASSERT_TRUE(queue.append(message));
+    }
+    HookedProcesses processes;
+    const platform::ScopedReplacement<platform::Processes> inForce(processes);
+    // In the middle of it another thread takes half of them, also the one that was shown last.
+    std::future<void> owner;
+    int shown = 0;
+    processes.hook = [&] {
+        if (++shown == kMessages / 4) {
+            owner = std::async(std::launch::async, [&] {
+                for (uint32_t i = 0; i < kMessages / 2; ++i) {
+                    (void)next(queue);
+                }
+            });
+            EXPECT_EQ(owner.wait_for(std::chrono::seconds(10)), std::future_status::ready)
+                << "the owner waits";
+        }
+    };
+    SoString rows;
+    (void)queue.appendDiagnostics(rows, "/x");
+    owner.get();
+    const std::string text(rows.view());
+    const std::string row = "/serialnumber;0;Serial-Number;";
+    uint32_t last = 0;
+    for (size_t at = 0; (at = text.find(row, at)) != std::string::npos;) {
+        at += row.size();
+        const auto number = static_cast<uint32_t>(std::stoul(text.substr(at, 6)));
+        ASSERT_GT(number, last) << "once, and in order";
+        last = number;
+    }
+    EXPECT_EQ(last, kMessages) << "none of those that are left is missing";
+}
+
+// By processor time, which says the same on a busy machine. In quadratic time the ratio is 64.
+TEST_F(MessageQueueTest, writesItsRowsInLinearTime) {
+    const auto nanoseconds = [](uint32_t count) {
+        MessageQueue queue;
+        for (uint32_t i = 0; i < count; ++i) {
+            EXPECT_TRUE(queue.append(make("body")));
+        }
+        const auto now = [] {
+            timespec time{};
+            EXPECT_EQ(clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time), 0);
+            return static_cast<double>(time.tv_sec) * 1e9 + static_cast<double>(time.tv_nsec);
+        };
+        double least = 1e18;
+        for (int i = 0; i < 3; ++i) {
+            SoString rows;
+            const double start = now();
+            (void)queue.appendDiagnostics(rows, "/x");
+            least = std::min(least, now() - start);
+        }
+        return least;
+    };
+    EXPECT_LT(nanoseconds(8000), 32 * nanoseconds(1000));
 }
 
 } // namespace

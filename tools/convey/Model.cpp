@@ -9,45 +9,12 @@
 
 #include "platform/MessagePort.h"
 #include "scriptobjects/convey/SoCVUtilsCore.h"
+#include "tools/convey/Tree.h"
 
 namespace convey_tool {
 namespace {
 
 using ScObjects::SoString;
-
-struct Row {
-    std::string path;
-    std::string label;
-    std::string value;
-    bool isHeading = false;
-};
-
-bool readRow(std::string_view text, Row& row) {
-    SoString path;
-    SoString label;
-    SoString value;
-    if (!ScObjects::ConveyUtils::parseInfoLine(SoString(text), path, label, value, row.isHeading)) {
-        return false;
-    }
-    row.path = path.view();
-    row.label = label.view();
-    row.value = value.view();
-    return true;
-}
-
-// A value of several lines as it was before it became one line.
-std::string unfolded(const std::string& value) {
-    std::string text;
-    for (size_t i = 0; i < value.size(); ++i) {
-        if (value[i] == '\\' && i + 1 < value.size()) {
-            ++i;
-            text += value[i] == 'n' ? '\n' : value[i];
-        } else {
-            text += value[i];
-        }
-    }
-    return text;
-}
 
 } // namespace
 
@@ -90,7 +57,7 @@ MessageRows readMessage(const std::string& rows, const std::string& root) {
         } else if (row.path == own + "/body/text") {
             message.text = row.value;
         } else if (row.path == own + "/body/whole") {
-            message.whole = unfolded(row.value);
+            message.whole = row.value;
         } else {
             for (Field& field : first) {
                 if (!field.isSeen && row.path == own + field.leaf) {

@@ -1,7 +1,9 @@
 #include "tools/convey/Tree.h"
 
+#include <algorithm>
+#include <iterator>
 #include <ostream>
-#include <string_view>
+#include <utility>
 
 #include "limits/Limits.h"
 #include "scriptobjects/convey/SoCVUtilsCore.h"
@@ -12,6 +14,22 @@ namespace {
 using ScObjects::SoString;
 
 constexpr size_t kDeepest = limits::of("tree.depth");
+
+// What does not stand for anything stays: applications of before wrote texts as they were.
+std::string unfolded(std::string_view text) {
+    constexpr std::pair<std::string_view, char> kMarks[] = {
+        {"\\n", '\n'}, {"\\3b", ';'}, {"\\\\", '\\'}};
+    std::string whole;
+    while (!text.empty()) {
+        const auto* const mark =
+            std::find_if(std::begin(kMarks), std::end(kMarks),
+                         [text](const auto& one) { return text.starts_with(one.first); });
+        const bool isMark = mark != std::end(kMarks);
+        whole += isMark ? mark->second : text.front();
+        text.remove_prefix(isMark ? mark->first.size() : 1);
+    }
+    return whole;
+}
 
 bool isBelow(const std::string& path, const std::string& parent) {
     return path.size() > parent.size() && path.compare(0, parent.size(), parent) == 0 &&
@@ -36,26 +54,33 @@ void printNodes(const Output& output, const std::vector<Node>& nodes, const std:
 
 } // namespace
 
+bool readRow(std::string_view text, Row& row) {
+    SoString path;
+    SoString label;
+    SoString value;
+    if (!ScObjects::ConveyUtils::parseInfoLine(SoString(text), path, label, value, row.isHeading)) {
+        return false;
+    }
+    row.path = path.view();
+    row.label = unfolded(label.view());
+    row.value = unfolded(value.view());
+    return true;
+}
+
 Node readTree(const std::string& rows) {
     Node root;
     std::vector<Node*> open{&root}; // from the root to the node that was added last
     std::string_view rest(rows);
     while (!rest.empty()) {
         const size_t end = rest.find('\n');
-        const SoString row(rest.data(), static_cast<int32_t>(std::min(end, rest.size())));
+        Row row;
+        const bool isRow = readRow(rest.substr(0, end), row);
         rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
-        SoString path;
-        SoString label;
-        SoString value;
-        bool isHeading = false;
-        if (!ScObjects::ConveyUtils::parseInfoLine(row, path, label, value, isHeading)) {
+        if (!isRow) {
             continue;
         }
-        Node node{std::string(path.view()),
-                  std::string(label.view()),
-                  std::string(value.view()),
-                  isHeading,
-                  {}};
+        Node node{
+            std::move(row.path), std::move(row.label), std::move(row.value), row.isHeading, {}};
         while (open.size() > 1 &&
                (open.size() > kDeepest || !isBelow(node.path, open.back()->path))) {
             open.pop_back();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tools/convey/Output.h"
@@ -15,6 +16,16 @@ struct Node {
     bool isHeading = false;
     std::vector<Node> children;
 };
+
+// A row of a diagnostics text; label and value as they were before they became part of a row. False
+// for what is none.
+struct Row {
+    std::string path;
+    std::string label;
+    std::string value;
+    bool isHeading = false;
+};
+bool readRow(std::string_view text, Row& row);
 
 // What is no row is left out. A row whose parent has no row hangs on the nearest one that has; the
 // root has no row of its own. At most 64 deep.
