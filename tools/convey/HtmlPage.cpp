@@ -1,162 +1,247 @@
 #include "tools/convey/HtmlPage.h"
 
+#include <ctime>
+#include <unistd.h>
+
+#include "limits/Limits.h"
+#include "tools/convey/Verdict.h"
+
 namespace convey_tool {
 namespace {
 
 // One file that fetches nothing, and forbids that itself: what is shown comes from other processes.
-constexpr const char* kBeforeData = R"page(<!DOCTYPE html>
+constexpr const char* kHead = R"page(<!DOCTYPE html>
 <html lang="en">
 <head>
 <meta charset="utf-8">
 <meta name="viewport" content="width=device-width, initial-scale=1">
 <meta http-equiv="Content-Security-Policy" content="default-src 'none'; style-src 'unsafe-inline'; script-src 'unsafe-inline'">
-<title>Convey diagnostics</title>
 <style>
-:root { color-scheme: light dark; --line: #8885; --bar: #3a7bd5; --old: #d5803a; --mark: #ffd54a; }
-body { font: 14px/1.5 system-ui, sans-serif; margin: 0 auto; max-width: 70rem; padding: 1rem; }
-header { position: sticky; top: 0; background: Canvas; border-bottom: 1px solid var(--line); padding: .5rem 0; z-index: 1; }
-h1 { font-size: 1.2rem; margin: 0 0 .5rem; }
-h1 small { font-weight: normal; opacity: .7; }
-input { font: inherit; padding: .2rem .5rem; width: 20rem; max-width: 60%; }
-button { font: inherit; padding: .2rem .6rem; }
-details { margin-left: 1rem; border-left: 1px solid var(--line); padding-left: .5rem; }
-main > details { margin-left: 0; border: 0; }
-summary { cursor: pointer; }
-summary b { font-weight: 600; }
-.leaf { margin-left: 1rem; padding-left: .5rem; border-left: 1px solid var(--line); overflow-wrap: anywhere; }
-.value { font-family: ui-monospace, monospace; overflow-wrap: anywhere; }
-.undefined { opacity: .5; }
-.bar { display: inline-block; height: .7em; margin-left: .6em; border-radius: .2em; background: var(--bar); vertical-align: baseline; min-width: 2px; }
-.bar.age { background: var(--old); }
-.hidden { display: none; }
-mark { background: var(--mark); color: black; }
-#found { margin-left: .6rem; opacity: .7; }
+:root { color-scheme: light dark; --line: #8885; --request: #2f6fc4; --good: #2e8b57; --failed: #c8362b; --late: #c77700; --mark: #ffd54a; }
+@media (prefers-color-scheme: dark) { :root { --request: #7db2f5; --good: #6fcf97; --failed: #ff8a80; --late: #ffb74d; } }
+body { font: 14px/1.45 system-ui, sans-serif; }
+h1 { font-size: 1.2rem; margin: 0; } h1 small { font-weight: normal; opacity: .75; }
+input[type=search] { font: inherit; width: 18rem; max-width: 100%; box-sizing: border-box; }
+button { font: inherit; }
+table { border-collapse: collapse; }
+td, th { padding: .1rem .7rem .1rem 0; text-align: left; border-bottom: 1px solid var(--line); vertical-align: top; }
+td.n, th.n { text-align: right; font-variant-numeric: tabular-nums; white-space: nowrap; }
+</style>
+<title>)page";
+
+constexpr const char* kBeforeData = R"page(
+<style>
+body { margin: 0 auto; max-width: 76rem; padding: .8rem 1rem; }
+h2 { font-size: 1rem; margin: 1.2rem 0 .3rem; }
+#verdict { margin: .6rem 0; padding: .6rem .8rem; border-left: .4rem solid var(--good); background: #8881; font-size: 1.1rem; overflow-wrap: anywhere; }
+#verdict.bad { border-color: var(--failed); }
+#facts { opacity: .8; overflow-wrap: anywhere; }
+#bar { position: sticky; top: 0; background: Canvas; border-bottom: 1px solid var(--line); padding: .4rem 0; display: flex; flex-wrap: wrap; gap: .4rem .8rem; align-items: center; z-index: 1; }
+.queue { display: grid; grid-template-columns: minmax(7rem, 22rem) minmax(6rem, 1fr) minmax(7rem, auto); gap: 0 .8rem; align-items: center; }
+.queue span { overflow-wrap: anywhere; }
+.track { height: .8em; background: #8883; border-radius: .2em; overflow: hidden; } .track i { display: block; height: 100%; background: var(--request); min-width: 2px; }
+.track i.age { background: var(--late); } .track i.full { background: var(--failed); }
+.wide { overflow-x: auto; }
+#messages tr { cursor: pointer; } #messages td { white-space: nowrap; max-width: 18rem; overflow: hidden; text-overflow: ellipsis; }
+#messages td.text { white-space: normal; min-width: 12rem; overflow-wrap: anywhere; } #messages td.whole { max-width: none; white-space: normal; }
+#tree details { margin-left: 1rem; border-left: 1px solid var(--line); padding-left: .5rem; } #tree > details { margin-left: 0; border: 0; padding: 0; }
+summary { cursor: pointer; } .leaf { margin-left: 1rem; padding-left: .5rem; border-left: 1px solid var(--line); }
+.value { font-family: ui-monospace, monospace; overflow-wrap: anywhere; white-space: pre-wrap; } .hit { background: var(--mark); color: black; }
 </style>
 </head>
 <body>
-<header>
 <h1>Convey diagnostics <small id="of"></small></h1>
-<input id="search" type="search" placeholder="Search rows" aria-label="Search rows" autofocus>
-<button id="unfold" type="button">Unfold all</button>
-<button id="fold" type="button">Fold all</button>
-<span id="found" role="status"></span>
-</header>
-<main id="tree"></main>
+<div id="verdict" role="status"></div>
+<div id="facts"></div>
+<div id="bar">
+<input id="search" type="search" placeholder="Search labels and values" aria-label="Search">
+<button id="open-all" type="button">Unfold all</button><button id="close-all" type="button">Fold all</button>
+<label><input id="empty" type="checkbox"> undefined rows</label>
+<button id="copy" type="button">Copy the rows</button><span id="found" role="status"></span>
+</div>
+<h2>Queues</h2><div id="queues"></div>
+<h2>Messages <small id="shown"></small></h2><div class="wide"><table id="messages"></table></div><button id="more" type="button" hidden>Show more</button>
+<h2>All rows</h2><div id="tree"></div>
 <script type="application/json" id="data">)page";
 
 constexpr const char* kBehindData = R"page(</script>
 <script>
 'use strict';
 const data = JSON.parse(document.getElementById('data').textContent);
-document.getElementById('of').textContent = data.name + ', ' + data.time;
-const tree = document.getElementById('tree');
-const barWidth = 200;
-
-function seconds(text) {
-  const parts = /^(\d+):(\d+):(\d+)$/.exec(text);
-  return parts ? (+parts[1] * 60 + +parts[2]) * 60 + +parts[3] : null;
-}
-// Only the time of day is known: what seems to lie ahead is of yesterday.
-function age(from) {
-  const now = seconds(data.time), then = seconds(from);
-  return now === null || then === null ? null : (now - then + 86400) % 86400;
-}
-function bar(kind, share, title) {
-  const element = document.createElement('span');
-  element.className = 'bar ' + kind;
-  element.style.width = Math.max(2, Math.round(barWidth * Math.min(1, share))) + 'px';
-  element.title = title;
+const $ = id => document.getElementById(id);
+const PAGE = 200; // rows that are drawn at once: any number of messages shows as fast
+const make = (tag, text, kind) => {
+  const element = document.createElement(tag);
+  if (text !== undefined) element.textContent = text;
+  if (kind) element.className = kind;
   return element;
+};
+const leaf = node => node.path.slice(node.path.lastIndexOf('/') + 1);
+const child = (node, name) => node.children.find(c => leaf(c) === name);
+const value = (node, name) => child(node, name)?.value ?? '';
+const branches = data.root.children;
+const own = name => branches.find(node => leaf(node) === name)?.value ?? '';
+$('of').textContent = [data.name, 'process ' + own('process'), own('program'), data.host, data.date + ' ' + data.time,
+  'version ' + own('version')].filter(text => !/^(process |version |)$/.test(text)).join(', ');
+$('verdict').textContent = data.verdict;
+$('verdict').classList.toggle('bad', !data.healthy);
+$('verdict').hidden = !data.verdict;
+$('facts').textContent = ['started ' + own('started'), 'ports in ' + own('ports')].filter(text => !/ $/.test(text)).join(', ');
+
+// Ages. Only the time of day is known: what seems to lie ahead is of the day before.
+const seconds = text => { const p = /^(\d+):(\d+):(\d+)$/.exec(text); return p ? (+p[1] * 60 + +p[2]) * 60 + +p[3] : null; };
+const age = from => { const a = seconds(data.time), b = seconds(from); return a === null || b === null ? null : (a - b + 86400) % 86400; };
+const people = s => s === null ? '' : s < 60 ? s + ' s' : s < 3600 ? Math.floor(s / 60) + ' min ' + s % 60 + ' s' : Math.floor(s / 3600) + ' h ' + Math.floor(s / 60) % 60 + ' min';
+const dated = time => {
+  const day = new Date(data.date + 'T12:00:00Z');
+  if (seconds(time) > seconds(data.time)) day.setUTCDate(day.getUTCDate() - 1);
+  return day.toISOString().slice(0, 10) + ' ' + time;
+};
+
+// Queues against their limits.
+const messages = [];
+function gauge(label, share, text, kind) {
+  const line = make('div', undefined, 'queue'), track = make('div', undefined, 'track'), fill = make('i', undefined, share >= 1 ? 'full' : kind);
+  fill.style.width = Math.min(100, 100 * share) + '%';
+  if (share > 0) track.append(fill);
+  line.append(make('span', label), track, make('span', text));
+  $('queues').append(line);
 }
-let longest = 1;
-(function measure(node) {
-  if (isQueue(node)) longest = Math.max(longest, +node.value);
-  node.children.forEach(measure);
-})(data.root);
-function isQueue(node) {
-  return (node.label === 'Incoming' || node.label === 'Outgoing') && /^\d+$/.test(node.value);
-}
-function add(parent, node, depth) {
-  const folds = node.heading || node.children.length > 0;
-  const element = document.createElement(folds ? 'details' : 'div');
-  const line = folds ? document.createElement('summary') : element;
-  if (folds) {
-    element.open = depth < 2;
-    element.append(line);
-  } else {
-    element.className = 'leaf';
-  }
-  const label = document.createElement(folds ? 'b' : 'span');
-  label.textContent = node.label;
-  line.append(label);
-  if (node.value !== '') {
-    const value = document.createElement('span');
-    value.className = 'value' + (node.value === 'undefined' ? ' undefined' : '');
-    value.textContent = node.value;
-    line.append(folds ? ': ' : ' = ', value);
-  }
-  if (isQueue(node) && +node.value > 0) {
-    line.append(bar('queue', +node.value / longest, node.value + ' messages'));
-  }
-  if (node.label === 'Timestamp') {
-    const old = age(node.value);
-    if (old !== null) {
-      const life = parent.dataset.timeout ? +parent.dataset.timeout : 600;
-      line.append(bar('age', old / life, old + ' of ' + life + ' seconds'));
+for (const instance of branches.find(node => leaf(node) === 'instances')?.children ?? []) {
+  for (const [name, label, limit] of [['in', 'came in', data.incoming], ['out', 'to go out', data.outgoing]]) {
+    const queue = child(instance, name);
+    if (!queue) continue;
+    gauge(instance.value + ', ' + label, +queue.value / limit, queue.value + ' of ' + limit, 'count');
+    let oldest = null;
+    for (const node of queue.children) {
+      if (!/^msg/.test(leaf(node))) continue;
+      const time = value(node, 'timestamp'), old = age(time), body = child(node, 'body');
+      if (old !== null && (oldest === null || old > oldest)) oldest = old;
+      messages.push({node, queue: label, cells: [dated(time), label, value(node, 'type'), value(node, 'sender'), value(node, 'target'),
+        +value(node, 'serialnumber'), people(old), body?.value ?? '', body ? value(body, 'text') : '']});
     }
+    if (oldest !== null) gauge('oldest', oldest / 600, people(oldest) + ' of 10 min', 'age');
   }
-  for (const child of node.children) {
-    if (child.label === 'Timeout' && /^\d+$/.test(child.value)) element.dataset.timeout = child.value;
-  }
-  line.dataset.text = (node.label + ' ' + node.value + ' ' + node.path).toLowerCase();
+}
+
+// Rows: made when they are unfolded, as there may be hundreds of thousands.
+let wanted = '', hits = new Set(), ways = new Set();
+const isHidden = node => node.value === 'undefined' && node.children.length === 0 && !$('empty').checked;
+function addRow(parent, node, open) {
+  if (isHidden(node) || wanted && !hits.has(node) && !ways.has(node) && !hits.has(parent.node)) return;
+  const folds = node.children.length > 0;
+  const element = make(folds ? 'details' : 'div', undefined, folds ? '' : 'leaf');
+  const line = folds ? make('summary') : element;
+  if (folds) element.append(line);
+  line.append(make(folds ? 'b' : 'span', node.label));
+  if (node.value !== '') line.append(folds ? ': ' : ' = ', make('span', node.value, 'value'));
   line.title = node.path;
-  parent.append(element);
-  for (const child of node.children) add(element, child, depth + 1);
-  return element;
-}
-for (const node of data.root.children) add(tree, node, 0);
-
-function setAll(open) {
-  for (const element of tree.querySelectorAll('details')) element.open = open;
-}
-document.getElementById('unfold').onclick = () => setAll(true);
-document.getElementById('fold').onclick = () => setAll(false);
-
-function search(wanted) {
-  wanted = wanted.toLowerCase();
-  let found = 0;
-  // Shows what matches, and what leads there; true when any of it does.
-  function visit(element) {
-    const line = element.tagName === 'DETAILS' ? element.querySelector(':scope > summary') : element;
-    const here = wanted !== '' && line.dataset.text.includes(wanted);
-    let below = false;
-    for (const child of element.querySelectorAll(':scope > details, :scope > .leaf')) {
-      below = visit(child) || below;
-    }
-    found += here ? 1 : 0;
-    line.firstChild.classList.toggle('hit', here);
-    line.style.background = here ? 'var(--mark)' : '';
-    line.style.color = here ? 'black' : '';
-    element.classList.toggle('hidden', wanted !== '' && !here && !below);
-    if (below) element.open = true;
-    return here || below;
+  line.classList.toggle('hit', hits.has(node));
+  element.node = node;
+  if (folds) {
+    const fill = () => { if (element.filled) return; element.filled = true; for (const c of node.children) addRow(element, c, open); };
+    element.ontoggle = () => { if (element.open) fill(); };
+    if (open(node)) { element.open = true; fill(); }
   }
-  for (const element of tree.children) visit(element);
-  document.getElementById('found').textContent = wanted === '' ? '' : found + ' rows';
+  parent.append(element);
 }
-document.getElementById('search').oninput = event => search(event.target.value);
-// page.html#unfold and page.html#search=TEXT open it so.
-const wish = decodeURIComponent(location.hash.slice(1));
-if (wish === 'unfold') {
-  setAll(true);
-} else if (wish.startsWith('search=')) {
-  document.getElementById('search').value = wish.slice(7);
-  search(wish.slice(7));
+function draw(open) {
+  $('tree').replaceChildren();
+  for (const node of branches) addRow($('tree'), node, open);
 }
+const atFirst = () => false;
+
+// The table of messages.
+let chosen = messages, drawn = 0;
+const heads = ['time', 'queue', 'type', 'from', 'to', 'number', 'age', 'size', 'first line'];
+function more() {
+  const end = Math.min(chosen.length, drawn + PAGE);
+  for (; drawn < end; ++drawn) {
+    const message = chosen[drawn], line = $('messages').insertRow();
+    message.cells.forEach((cell, i) => line.append(make('td', cell, i === 5 || i === 6 ? 'n' : i === 8 ? 'text' : '')));
+    line.onclick = () => {
+      if (line.next) { line.next.remove(); line.next = null; return; }
+      line.next = make('tr');
+      const cell = make('td', undefined, 'whole');
+      cell.colSpan = heads.length;
+      for (const c of message.node.children) { cell.node = message.node; const before = wanted; wanted = ''; addRow(cell, c, () => true); wanted = before; }
+      line.next.append(cell);
+      line.after(line.next);
+    };
+  }
+  $('more').hidden = drawn >= chosen.length;
+  $('shown').textContent = chosen.length === 0 ? 'none' : drawn < chosen.length ? 'the first ' + drawn + ' of ' + chosen.length : chosen.length;
+}
+function list() {
+  $('messages').replaceChildren();
+  drawn = 0;
+  if (chosen.length) $('messages').append(...[make('tr')].map(line => { heads.forEach((head, i) => line.append(make('th', head, i === 5 || i === 6 ? 'n' : ''))); return line; }));
+  more();
+}
+$('more').onclick = more;
+
+function search(text) {
+  wanted = text.toLowerCase();
+  hits = new Set(); ways = new Set();
+  if (wanted) (function visit(node) {
+    let found = false;
+    for (const c of node.children) {
+      const here = (c.label + '\n' + c.value).toLowerCase().includes(wanted);
+      if (here) hits.add(c);
+      const below = visit(c);
+      if (below) ways.add(c);
+      found = found || here || below;
+    }
+    return found;
+  })(data.root);
+  chosen = wanted ? messages.filter(m => hits.has(m.node) || ways.has(m.node)) : messages;
+  $('found').textContent = wanted ? hits.size + (hits.size === 1 ? ' row' : ' rows') : '';
+  list();
+  let room = 2000; // unfolded at once; the rest by hand
+  draw(wanted ? node => ways.has(node) && room-- > 0 : atFirst);
+}
+$('search').oninput = event => search(event.target.value);
+$('empty').onchange = () => search($('search').value);
+$('open-all').onclick = () => { let room = 20000; draw(() => room-- > 0); };
+$('close-all').onclick = () => draw(atFirst);
+const escaped = text => text.replace(/[\\;\n]/g, c => ({'\\': '\\\\', ';': '\\3b', '\n': '\\n'})[c]);
+const rows = () => { let text = ''; (function visit(node) { for (const c of node.children) { text += c.path + ';' + (c.heading ? 1 : 0) + ';' + escaped(c.label) + ';' + escaped(c.value) + ';\n'; visit(c); } })(data.root); return text; };
+$('copy').onclick = () => {
+  const area = make('textarea', rows()); // also where a page of a file may not use the clipboard
+  document.body.append(area); area.select(); document.execCommand('copy'); area.remove();
+  $('found').textContent = 'copied';
+};
+// page.html#unfold, #search=TEXT, #undefined and #message=N open it so.
+search('');
+for (const wish of decodeURIComponent(location.hash.slice(1)).split('&')) {
+  if (wish === 'unfold') $('open-all').click();
+  if (wish === 'undefined') $('empty').click();
+  if (wish.startsWith('search=')) { $('search').value = wish.slice(7); search(wish.slice(7)); }
+  if (wish === 'clear') { $('search').value = ''; search(''); }
+  if (wish.startsWith('message=')) $('messages').rows[+wish.slice(8)]?.click();
+  if (wish === 'rows') document.body.append(make('pre', rows()));
+}
+document.body.dataset.scrolled = scrollY;
+document.body.dataset.shown = Math.round(performance.now());
 </script>
 </body>
 </html>
 )page";
+
+std::string hostName() {
+    char name[256] = "";
+    return gethostname(name, sizeof name - 1) == 0 ? name : "";
+}
+
+std::string today() {
+    const std::time_t now = std::time(nullptr);
+    std::tm day{};
+    char text[sizeof "2026-11-22"] = "";
+    if (localtime_r(&now, &day) != nullptr) {
+        (void)std::strftime(text, sizeof text, "%Y-%m-%d", &day); // else it stays empty
+    }
+    return text;
+}
 
 } // namespace
 
@@ -172,8 +257,22 @@ std::string inScript(const Json& data) {
     return text;
 }
 
-std::string htmlPage(const std::string& name, const std::string& time, const Node& root) {
-    return kBeforeData + inScript({{"name", name}, {"time", time}, {"root", treeAsJson(root)}}) +
+std::string pageHead(const std::string& title) {
+    return kHead + title + "</title>";
+}
+
+std::string htmlPage(const std::string& name, const std::string& time, const Node& root,
+                     const Verdict* verdict) {
+    return pageHead("Convey diagnostics") + kBeforeData +
+           inScript({{"name", name},
+                     {"time", time},
+                     {"date", today()},
+                     {"host", hostName()},
+                     {"verdict", verdict == nullptr ? "" : verdict->sentence},
+                     {"healthy", verdict == nullptr || verdict->isHealthy},
+                     {"incoming", limits::of("queue.incoming.messages")},
+                     {"outgoing", limits::of("queue.outgoing.messages")},
+                     {"root", treeAsJson(root)}}) +
            kBehindData;
 }
 

@@ -7,27 +7,15 @@ namespace convey_tool {
 namespace {
 
 // Only what can be seen is drawn: a conversation of any length scrolls as fast as a short one.
-constexpr const char* kBeforeData = R"page(<!DOCTYPE html>
-<html lang="en">
-<head>
-<meta charset="utf-8">
-<meta name="viewport" content="width=device-width, initial-scale=1">
-<meta http-equiv="Content-Security-Policy" content="default-src 'none'; style-src 'unsafe-inline'; script-src 'unsafe-inline'">
-<title>Convey conversation</title>
+constexpr const char* kBeforeData = R"page(
 <style>
-:root { color-scheme: light dark; --line: #8886; --request: #2f6fc4; --reply: #2e8b57; --failed: #c8362b; --late: #c77700; }
-@media (prefers-color-scheme: dark) { :root { --request: #7db2f5; --reply: #6fcf97; --failed: #ff8a80; --late: #ffb74d; } }
-body { font: 14px/1.4 system-ui, sans-serif; margin: 0; padding: .6rem 1rem; display: flex; flex-direction: column; height: 100vh; box-sizing: border-box; }
-h1 { font-size: 1.2rem; margin: 0; } h1 small { font-weight: normal; opacity: .75; }
+body { margin: 0; padding: .6rem 1rem; display: flex; flex-direction: column; height: 100vh; box-sizing: border-box; }
 form { margin: .4rem 0; display: flex; flex-wrap: wrap; gap: .4rem .8rem; align-items: center; }
-input[type=search] { font: inherit; width: 16rem; max-width: 100%; }
 details { max-height: 35vh; overflow: auto; flex: none; }
-table { border-collapse: collapse; } td, th { padding: .1rem .7rem .1rem 0; text-align: left; border-bottom: 1px solid var(--line); }
-td.n, th.n { text-align: right; font-variant-numeric: tabular-nums; }
 #view { flex: 1; min-height: 12rem; overflow: auto; border: 1px solid var(--line); position: relative; }
 #room { position: relative; } svg { position: sticky; top: 0; left: 0; display: block; font: 12px system-ui, sans-serif; }
 svg text { fill: CanvasText; } .life { stroke: var(--line); } .head { fill: Canvas; }
-.request { color: var(--request); } .reply { color: var(--reply); } .failed { color: var(--failed); } .late { color: var(--late); }
+.request { color: var(--request); } .reply { color: var(--good); } .failed { color: var(--failed); } .late { color: var(--late); }
 .arrow { stroke: currentColor; fill: none; stroke-width: 1.5; } .back { stroke-dasharray: 5 3; } .tip { fill: currentColor; } svg text.label { fill: currentColor; }
 .marked { fill: #ffd54a55; } #one { min-height: 1.4em; overflow-wrap: anywhere; }
 </style>
@@ -181,7 +169,7 @@ std::string reportPage(const std::string& name, const Conversation& conversation
                          {"median", pair.at(0.5)},
                          {"p99", pair.at(0.99)}});
     }
-    return kBeforeData +
+    return pageHead("Convey conversation") + kBeforeData +
            inScript({{"name", name},
                      {"start", conversation.start()},
                      {"dropped", conversation.dropped()},
