@@ -63,7 +63,9 @@ TEST(Verdict, followsWhoWaitsForWhom) {
     subjects["own"].rows = waitsFor("own");
     subjects["of-gone"].rows = waitsFor("gone");
     subjects["of-silent"].rows = waitsFor("silent");
-    subjects["silent"] = {12, 'D', "folio_wait", ""};
+    subjects["silent"].process = 12;
+    subjects["silent"].state = 'D';
+    subjects["silent"].place = "folio_wait";
     const struct {
         const char* name;
         const char* word;

@@ -62,10 +62,14 @@ struct DiagnoseOptions {
     bool raw = false;
     bool watch = false;
     std::string htmlFile;
-    std::string path; // what the shown rows begin with, below the application's name
+    bool whole = false; // texts are not cut
+    std::string path;   // what the shown rows begin with, below the application's name
     int32_t timeoutSeconds = 5;
 };
 Exit diagnose(const Output& output, const DiagnoseOptions& options);
+
+// All applications that run, and the installation.
+Exit doctor(const Output& output, int32_t timeoutSeconds);
 
 struct MonitorOptions {
     std::vector<std::string> specifiers;

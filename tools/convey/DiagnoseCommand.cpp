@@ -2,12 +2,10 @@
 #include <ostream>
 #include <utility>
 
-#include "scriptobjects/convey/SoCVThread.h"
 #include "scriptobjects/convey/SoCVUtils.h"
-#include "scriptobjects/convey/SoCVWords.h"
 #include "tools/convey/Commands.h"
 #include "tools/convey/HtmlPage.h"
-#include "tools/convey/Model.h"
+#include "tools/convey/Look.h"
 #include "tools/convey/Session.h"
 #include "tools/convey/Tree.h"
 #include "tools/convey/Verdict.h"
@@ -15,8 +13,6 @@
 namespace convey_tool {
 
 using ScObjects::Convey;
-using ScObjects::ConveyThread;
-namespace ConveyData = ScObjects::ConveyData;
 using ScObjects::SoString;
 
 namespace {
@@ -24,50 +20,14 @@ namespace {
 constexpr int64_t kWatchMilliseconds = 1000;
 constexpr const char* kClear = "\x1b[H\x1b[2J";
 
-void writePage(const std::string& file, const std::string& name, const Node& tree) {
+void writePage(const std::string& file, const std::string& name, const Node& tree,
+               const Verdict* verdict) {
     std::ofstream page(file, std::ios::binary);
-    page << htmlPage(name, toStd(ScObjects::ConveyUtils::getTimeString(nullptr)), tree);
+    page << htmlPage(name, toStd(ScObjects::ConveyUtils::getTimeString(nullptr)), tree, verdict);
     page.close();
     if (!page) {
         throw Failure(kNoLayer, "cannot write " + file);
     }
-}
-
-// A step of an application that is asked for by another one's verdict.
-constexpr int32_t kChainSeconds = 2;
-
-// Asks the system and, unless it is stopped, the application itself. Throws Failure for what does
-// not run.
-Subject look(const std::string& target, int32_t timeoutSeconds) {
-    Subject subject;
-    const auto owners = portOwners();
-    const auto owner = owners.find(target);
-    if (owner != owners.end()) {
-        subject.process = owner->second;
-        subject.state = lookAt(subject.process).state;
-        std::ifstream place("/proc/" + std::to_string(subject.process) + "/wchan");
-        std::getline(place, subject.place);
-        if (subject.place == "0") { // it runs, or the system does not tell
-            subject.place.clear();
-        }
-    }
-    if (subject.state == 'T' || subject.state == 't') {
-        return subject;
-    }
-    subject.rows = toStd(Convey::Thread::ping(target.c_str(), ConveyThread::CV_DIAGNOSTICS,
-                                              timeoutSeconds, nullptr));
-    if (subject.rows.empty() || subject.rows.front() != '/') { // rows begin with a path
-        const std::string answer = std::exchange(subject.rows, "");
-        if (subject.process == 0 || answer != ConveyData::CV_TYPE_TIMEOUT) {
-            throw Failure(kNo, target + ": " + (answer.empty() ? "no answer" : answer),
-                          {{"specifier", target}});
-        }
-    }
-    return subject;
-}
-
-Json asJson(const Verdict& verdict) {
-    return {{"word", verdict.word}, {"sentence", verdict.sentence}, {"healthy", verdict.isHealthy}};
 }
 
 // The queues, an instance a line.
@@ -107,7 +67,7 @@ void showOwn(const Output& output, const DiagnoseOptions& options, const std::st
     const std::string rows = toStd(own);
     const Node tree = partOf(readTree(rows), options.path);
     if (!options.htmlFile.empty()) {
-        writePage(options.htmlFile, name, tree);
+        writePage(options.htmlFile, name, tree, nullptr);
     } else if (options.raw) {
         output.out << rows << std::flush;
     } else if (output.json) {
@@ -119,20 +79,7 @@ void showOwn(const Output& output, const DiagnoseOptions& options, const std::st
 
 Exit show(const Output& output, const DiagnoseOptions& options, const std::string& target) {
     std::string rows;
-    bool isFirst = true;
-    const Verdict verdict = judge(target, [&](const std::string& name) {
-        const bool isOwn = std::exchange(isFirst, false);
-        try {
-            Subject subject = look(name, isOwn ? options.timeoutSeconds : kChainSeconds);
-            rows = isOwn ? subject.rows : rows;
-            return subject;
-        } catch (const Failure&) {
-            if (isOwn) {
-                throw;
-            }
-            return Subject(); // whom it waits for has gone
-        }
-    });
+    const Verdict verdict = judgeRunning(target, options.timeoutSeconds, options.whole, &rows);
     // Without rows there is nothing to show raw or as a page.
     if (rows.empty() && (options.raw || !options.htmlFile.empty())) {
         throw Failure(kNo, verdict.sentence, {{"specifier", target}, {"verdict", asJson(verdict)}});
@@ -147,7 +94,7 @@ Exit show(const Output& output, const DiagnoseOptions& options, const std::strin
         document["verdict"] = asJson(verdict);
         output.print(document, options.watch);
     } else if (!options.htmlFile.empty()) {
-        writePage(options.htmlFile, target, tree);
+        writePage(options.htmlFile, target, tree, &verdict);
     } else {
         if (options.watch && output.columns != 0) {
             output.out << kClear;

@@ -18,6 +18,7 @@
 #include "tools/convey/Model.h"
 #include "tools/convey/Session.h"
 #include "tools/convey/Tree.h"
+#include "tools/convey/Verdict.h"
 
 // A macro of curses that is a word everywhere else.
 #undef timeout
@@ -129,13 +130,21 @@ private:
         std::nth_element(sorted.begin(), sorted.begin() + static_cast<long>(sorted.size() / 2),
                          sorted.end());
         line.milliseconds = sorted[sorted.size() / 2];
-        const Node root = readTree(toStd(Convey::Thread::ping(
-            name.c_str(), ConveyThread::CV_DIAGNOSTICS, kAnswerSeconds, nullptr)));
+        const std::string rows = toStd(Convey::Thread::ping(
+            name.c_str(), ConveyThread::CV_DIAGNOSTICS, kAnswerSeconds, nullptr));
+        const Node root = readTree(rows);
         line.in = sumOf(root, "Incoming");
         line.out = sumOf(root, "Outgoing");
         line.inPerSecond = perSecond(history.received, sumOf(root, "Messages in"), passed);
         line.outPerSecond = perSecond(history.sent, sumOf(root, "Messages out"), passed);
-        line.state = line.in > 0 || line.out > 0 ? "busy" : "idle";
+        // Of its own: whom it waits for has a line, too.
+        line.state = judge(name, [&](const std::string& other) {
+                         Subject subject;
+                         subject.process = process;
+                         subject.state = facts.state;
+                         subject.rows = other == name ? rows : "";
+                         return subject;
+                     }).word;
         return line;
     }
 

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "limits/Limits.h"
+#include "platform/MessagePort.h"
 #include "scriptobjects/convey/SoCVWords.h"
 
 namespace convey_tool {
@@ -13,6 +15,7 @@ constexpr int64_t kLongMilliseconds = 1000;
 // A loop that has something to handle comes by at once.
 constexpr int64_t kUnpumpedMilliseconds = 2000;
 constexpr int64_t kUnsentSeconds = 2;
+constexpr size_t kFullQueue = limits::of("queue.incoming.messages");
 
 int64_t number(const std::string& text) {
     return std::strtoll(text.c_str(), nullptr, 10);
@@ -43,6 +46,17 @@ std::vector<Occupation> readOccupations(const Node& instance, std::string_view l
         }
     }
     return occupations;
+}
+
+// Why it does not know who is installed; empty when it does.
+std::string faultOfRegistry(const Node& rows) {
+    const auto connector = std::find_if(rows.children.begin(), rows.children.end(),
+                                        [](const Node& top) { return leafOf(top) == "connector"; });
+    if (connector == rows.children.end()) {
+        return "has no database of installed products";
+    }
+    return valueOf(*connector, "good") == "no" ? "its database of installed products is not read"
+                                               : "";
 }
 
 size_t countMessages(const Node& instance, std::string_view leaf, std::string* firstTarget) {
@@ -78,7 +92,8 @@ std::string queued(const InstanceFacts& facts) {
         return "";
     }
     return "; " + counted(facts.incoming, "message") + (facts.incoming == 1 ? " waits" : " wait") +
-           ", the oldest " + forPeople(1000 * facts.oldestSeconds);
+           ", the oldest " + forPeople(1000 * facts.oldestSeconds) +
+           (facts.incoming < kFullQueue ? "" : "; its queue is full, and who sends to it waits");
 }
 
 std::string placed(const Subject& subject) {
@@ -102,13 +117,21 @@ public:
         if (subject.rows.empty()) {
             return silent(name, subject);
         }
-        const auto instances = readInstances(readTree(subject.rows));
+        const Node rows = readTree(subject.rows);
+        const auto instances = readInstances(rows);
         for (const InstanceFacts& facts : instances) {
             Verdict verdict;
             if (occupied(name, facts, verdict) || unpumped(name, subject, facts, verdict) ||
                 unsent(name, facts, verdict)) {
                 return verdict;
             }
+        }
+        if (const std::string reason = faultOfRegistry(rows); !reason.empty()) {
+            return {"unregistered",
+                    name + " is well, but " + reason +
+                        ": it finds no application that it is not told of. ovrel-caps check looks "
+                        "at the database, OVREL_CAPS_DB names another one.",
+                    false};
         }
         const bool works = std::any_of(instances.begin(), instances.end(), [](const auto& facts) {
             return !facts.handling.empty() || !facts.waiting.empty() || facts.incoming != 0;
@@ -119,6 +142,22 @@ public:
 
 private:
     static Verdict silent(const std::string& name, const Subject& subject) {
+        if (!subject.elsewhere.empty()) {
+            return {"elsewhere",
+                    name + " runs as process " + std::to_string(subject.process) +
+                        ", but has its ports in " + subject.elsewhere +
+                        ", while this tool and who is started like it look in " +
+                        platform::MessagePorts::system().place() +
+                        ": start both with the same XDG_RUNTIME_DIR.",
+                    false};
+        }
+        if (subject.hasDied) {
+            return {"died",
+                    name + " has died without ending the layer: what waited in its queue is lost. "
+                           "convey launch starts it again, convey ports --clean removes what it "
+                           "has left.",
+                    false};
+        }
         if (subject.process == 0) {
             return {"gone", name + " does not answer, and no process has its port.", false};
         }
@@ -196,7 +235,21 @@ private:
         return true;
     }
 
-    static bool unsent(const std::string& name, const InstanceFacts& facts, Verdict& verdict) {
+    bool unsent(const std::string& name, const InstanceFacts& facts, Verdict& verdict) {
+        if (!facts.blocked.empty() && facts.blocked[0].milliseconds >= 1000 * kUnsentSeconds) {
+            const Blocked& worst = facts.blocked[0];
+            const bool isFull = worst.reason == "is full";
+            verdict = {"unsent",
+                       name + " cannot hand over " + counted(worst.messages, "message") + " to " +
+                           worst.target + ", which " + (isFull ? "takes nothing" : worst.reason) +
+                           ", for " + forPeople(worst.milliseconds) + queued(facts) + ".",
+                       false};
+            // Why it takes nothing is its own verdict, unless that has been said.
+            if (isFull && std::find(chain_.begin(), chain_.end(), worst.target) == chain_.end()) {
+                verdict.sentence += " " + of(worst.target).sentence;
+            }
+            return true;
+        }
         if (facts.outgoing == 0 || facts.oldestOutSeconds < kUnsentSeconds) {
             return false;
         }
@@ -225,6 +278,13 @@ std::vector<InstanceFacts> readInstances(const Node& rows) {
             facts.name = instance.value;
             facts.handling = readOccupations(instance, "handling");
             facts.waiting = readOccupations(instance, "waiting");
+            if (const Node* const blocked = childOf(instance, "blocked")) {
+                for (const Node& one : blocked->children) {
+                    facts.blocked.push_back({one.value, number(valueOf(one, "for")),
+                                             static_cast<size_t>(number(valueOf(one, "messages"))),
+                                             valueOf(one, "reason")});
+                }
+            }
             facts.incoming = countMessages(instance, "in", nullptr);
             facts.outgoing = countMessages(instance, "out", &facts.outgoingTarget);
             facts.oldestSeconds = number(valueOf(instance, "oldestin"));

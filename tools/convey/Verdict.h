@@ -19,12 +19,21 @@ struct Occupation {
     int64_t milliseconds = 0; // so far
 };
 
+// A target that takes nothing.
+struct Blocked {
+    std::string target;
+    int64_t milliseconds = 0; // so far
+    size_t messages = 0;
+    std::string reason; // as the rows have it
+};
+
 // What the rows say of an instance.
 struct InstanceFacts {
     std::string name;
     std::vector<Occupation> handling; // newest first, as the next
     std::vector<Occupation> waiting;
-    size_t incoming = 0; // messages, without those that only watch a time
+    std::vector<Blocked> blocked; // the longest first
+    size_t incoming = 0;          // messages, without those that only watch a time
     size_t outgoing = 0;
     std::string outgoingTarget;      // of the oldest
     int64_t oldestSeconds = 0;       // of those that came in; 0 without
@@ -38,7 +47,9 @@ struct Subject {
     uint32_t process = 0; // 0: unknown
     char state = '?';     // as ProcessFacts has it
     std::string place; // in the system, where its main thread waits; empty when that is not shown
-    std::string rows;  // its diagnostics; empty when it does not answer
+    std::string elsewhere; // the port folder that it uses, when that is not this process's
+    bool hasDied = false;  // and left its ports
+    std::string rows;      // its diagnostics; empty when it does not answer
 };
 
 struct Verdict {
