@@ -267,10 +267,18 @@ private:
         diagnosing.add_flag("--raw", diagnose_.raw, "The rows as they are");
         diagnosing.add_option("--path", diagnose_.path, "Show the rows below this path only")
             ->type_name("PREFIX");
+        diagnosing.add_flag("--whole", diagnose_.whole, "Long texts, too, are shown to their end");
         diagnosing.add_flag("--watch", diagnose_.watch, "Again and again, until Ctrl-C");
         diagnosing.add_option("--html", diagnose_.htmlFile, "Write a page that folds and searches")
             ->check(isNoOption);
         diagnosing.add_option("--timeout", diagnose_.timeoutSeconds, "Seconds for an answer")
+            ->check(CLI::Range(1, 3600))
+            ->capture_default_str();
+
+        auto& examining =
+            add("doctor", "Look at all that runs and at the installation, and say what to do",
+                [this] { return doctor(output_, diagnose_.timeoutSeconds); });
+        examining.add_option("--timeout", diagnose_.timeoutSeconds, "Seconds for each answer")
             ->check(CLI::Range(1, 3600))
             ->capture_default_str();
 

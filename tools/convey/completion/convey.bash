@@ -1,7 +1,7 @@
 # bash completion for convey: commands, their options and values, and the specifiers of the registry.
 _convey() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-    local commands='list resolve ping send launch front wait diagnose monitor report top keys key ports limits'
+    local commands='list resolve ping send launch front wait diagnose doctor monitor report top keys key ports limits'
     local word command= options= values= count=0
     for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
         case $word in
@@ -39,7 +39,8 @@ _convey() {
     send) options='--type --header --body --wait --launch' ;;
     launch) options='--behind --wait' ;;
     wait) options='--until --timeout' ;;
-    diagnose) options='--raw --watch --html --path --timeout' ;;
+    diagnose) options='--raw --whole --watch --html --path --timeout' ;;
+    doctor) options='--timeout' ;;
     monitor) options='--all --errors --logs --match --headers --bodies --count --timeout --capture' ;;
     report) options='--html' ;;
     top) options='--interval --sort' ;;

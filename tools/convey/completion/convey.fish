@@ -1,5 +1,5 @@
 # fish completion for convey: commands, their options, and the specifiers of the registry.
-set -l commands list resolve ping send launch front wait diagnose monitor report top keys key ports limits
+set -l commands list resolve ping send launch front wait diagnose doctor monitor report top keys key ports limits
 set -l targets resolve ping send launch front wait diagnose monitor keys key
 
 complete -c convey -f
@@ -16,6 +16,7 @@ complete -c convey -n "not __fish_seen_subcommand_from $commands" -a launch -d '
 complete -c convey -n "not __fish_seen_subcommand_from $commands" -a front -d 'Bring it to the front'
 complete -c convey -n "not __fish_seen_subcommand_from $commands" -a wait -d 'Wait until it runs or has gone'
 complete -c convey -n "not __fish_seen_subcommand_from $commands" -a diagnose -d 'Show its state'
+complete -c convey -n "not __fish_seen_subcommand_from $commands" -a doctor -d 'Look at everything'
 complete -c convey -n "not __fish_seen_subcommand_from $commands" -a monitor -d 'Show its messages'
 complete -c convey -n "not __fish_seen_subcommand_from $commands" -a report -d 'Draw a captured conversation'
 complete -c convey -n "not __fish_seen_subcommand_from $commands" -a top -d 'Running applications, live'
@@ -28,7 +29,7 @@ complete -c convey -n '__fish_seen_subcommand_from ping' -a allRunningApps
 complete -c convey -n '__fish_seen_subcommand_from list' -l running -d 'Only those that run'
 complete -c convey -n '__fish_seen_subcommand_from list' -l names -d 'Only specifiers'
 complete -c convey -n '__fish_seen_subcommand_from ping' -l key -x -a 'STATUS INFO LAUNCHED LAUNCHPARAMS SETUPTIME DIAGNOSTICS'
-complete -c convey -n '__fish_seen_subcommand_from ping wait diagnose monitor keys key' -l timeout -x -d Seconds
+complete -c convey -n '__fish_seen_subcommand_from ping wait diagnose doctor monitor keys key' -l timeout -x -d Seconds
 complete -c convey -n '__fish_seen_subcommand_from ping monitor' -l count -x -d 'How often'
 complete -c convey -n '__fish_seen_subcommand_from ping top key' -l interval -x -d Seconds
 complete -c convey -n '__fish_seen_subcommand_from send' -l type -x -d Type
@@ -39,6 +40,7 @@ complete -c convey -n '__fish_seen_subcommand_from send' -l launch -d 'Launch it
 complete -c convey -n '__fish_seen_subcommand_from launch' -l behind -d 'Not in front'
 complete -c convey -n '__fish_seen_subcommand_from wait' -l until -x -a 'running gone'
 complete -c convey -n '__fish_seen_subcommand_from diagnose' -l raw -d Rows
+complete -c convey -n '__fish_seen_subcommand_from diagnose' -l whole -d 'Long texts, too'
 complete -c convey -n '__fish_seen_subcommand_from diagnose' -l watch -d 'Again and again'
 complete -c convey -n '__fish_seen_subcommand_from diagnose' -l html -r -F -d Page
 complete -c convey -n '__fish_seen_subcommand_from monitor' -l errors -d 'What fails'

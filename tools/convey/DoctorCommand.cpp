@@ -1,0 +1,256 @@
+// Whether all is well: every application that runs, and the installation.
+#include <algorithm>
+#include <ostream>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "caps/Layers.h"
+#include "caps/Store.h"
+#include "caps/tool/Checks.h"
+#include "limits/Limits.h"
+#include "platform/Locale.h"
+#include "platform/MessagePort.h"
+#include "scriptobjects/connector/SoCVConnector.h"
+#include "scriptobjects/convey/SoCVContext.h"
+#include "scriptobjects/convey/SoCVSpecifier.h"
+#include "scriptobjects/convey/SoCVUtilsCore.h"
+#include "tools/convey/Commands.h"
+#include "tools/convey/Look.h"
+#include "tools/convey/Model.h"
+#include "tools/convey/Session.h"
+
+namespace convey_tool {
+
+using ScObjects::Convey;
+
+namespace {
+
+constexpr size_t kShownFindings = 5; // `ovrel-caps check` has all
+
+enum class Health { good, note, wrong };
+
+// One line: what was looked at, how it is, and what to do when it is not well.
+struct Check {
+    Health health;
+    std::string subject;
+    std::string text;
+    std::string advice;
+};
+
+class Doctor {
+public:
+    explicit Doctor(std::string own) : own_(std::move(own)) {}
+
+    std::vector<Check> examine(int32_t timeoutSeconds) {
+        portFolder();
+        otherFolders();
+        stalePorts();
+        database();
+        framework();
+        for (const auto& [port, process] : portOwners()) {
+            const std::string name = port.substr(0, port.find('#'));
+            if (port.ends_with("#thread") && name != own_ && !Session::isEnding()) {
+                application(name, process, timeoutSeconds);
+            }
+        }
+        return checks_;
+    }
+
+private:
+    void add(Health health, const char* subject, const std::string& text,
+             const std::string& advice = "") {
+        checks_.push_back({health, subject, text, advice});
+    }
+
+    void portFolder() {
+        const std::string place = platform::MessagePorts::system().place();
+        struct stat status {};
+        if (lstat(place.c_str(), &status) != 0) {
+            add(Health::wrong, "port folder", place + " is not there",
+                "set XDG_RUNTIME_DIR to a folder of yours that can be written");
+        } else if (!S_ISDIR(status.st_mode) || status.st_uid != geteuid() ||
+                   (status.st_mode & 077) != 0) {
+            add(Health::wrong, "port folder",
+                place + (S_ISDIR(status.st_mode) && status.st_uid == geteuid()
+                             ? " is open to other users"
+                             : " is no folder of yours"),
+                "chmod 700 " + place + ", or remove it when it is not yours");
+        } else {
+            add(Health::good, "port folder", place + ", yours alone");
+        }
+    }
+
+    // The most confusing case: both run, and neither sees the other.
+    void otherFolders() {
+        const auto here = portOwners();
+        for (const auto& [folder, ports] : portsElsewhere()) {
+            for (const auto& [port, process] : ports) {
+                const std::string name = port.substr(0, port.find('#'));
+                if (port.ends_with("#thread") && here.count(port) == 0 &&
+                    Convey::Specifier(name.c_str(), false).isInstalled()) {
+                    application(name, process, 1);
+                }
+            }
+        }
+    }
+
+    void stalePorts() {
+        const auto ports = platform::MessagePorts::system().list();
+        for (const auto& port : ports) {
+            const std::string name(ScObjects::ConveyUtils::getStreamName(port.name.c_str()).view());
+            if (port.stale && name.ends_with("#thread") && !name.starts_with("convey")) {
+                application(name.substr(0, name.find('#')), 0, 1);
+            }
+        }
+        const auto stale =
+            std::count_if(ports.begin(), ports.end(), [](const auto& port) { return port.stale; });
+        if (stale != 0) {
+            add(Health::note, "ports",
+                std::to_string(stale) + " of processes that have died; what waited there is lost",
+                "convey ports --clean removes them");
+        } else {
+            add(Health::good, "ports", "none of processes that have died");
+        }
+    }
+
+    void database() {
+        const std::string path = caps::findDatabase();
+        std::unique_ptr<caps::Store> store;
+        std::string reason;
+        caps::Contents contents;
+        if (path.empty()) {
+            add(Health::wrong, "database", "there is none at " + caps::defaultDatabasePath(),
+                "ovrel-caps import FILE makes one; OVREL_CAPS_DB names another");
+            return;
+        }
+        if (caps::Store::open(path, caps::Store::Access::read, store, &reason) !=
+                caps::Status::ok ||
+            store->readAll(contents) != caps::Status::ok) {
+            add(Health::wrong, "database",
+                path + ": " + (store == nullptr ? reason : store->lastError()),
+                "restore it, or name another by OVREL_CAPS_DB");
+            return;
+        }
+        std::unique_ptr<caps::Store> lower;
+        caps::Contents below;
+        const std::string system = caps::databaseBelow(path);
+        if (!system.empty() &&
+            caps::Store::open(system, caps::Store::Access::read, lower) == caps::Status::ok &&
+            lower->readAll(below) == caps::Status::ok) {
+            contents = caps::layered(std::move(below), std::move(contents), system);
+        }
+        std::string locale = "en_US";
+        (void)platform::Locale::system().identifier(locale); // else it stays
+        const auto findings = caps::tool::checkRegistry(contents, locale);
+        if (findings.empty()) {
+            add(Health::good, "database", path + ", its checks report nothing");
+        }
+        for (size_t i = 0; i < std::min(findings.size(), kShownFindings); ++i) {
+            add(findings[i].harm == caps::tool::Harm::none ? Health::note : Health::wrong,
+                "database", findings[i].where + ": " + findings[i].what + "; " + findings[i].why,
+                i + 1 == kShownFindings && findings.size() > kShownFindings
+                    ? "ovrel-caps check shows all " + std::to_string(findings.size())
+                    : "ovrel-caps check, then mend the registration");
+        }
+    }
+
+    void framework() {
+        const ScObjects::ConveyContext* const context = Convey::getSharedContext();
+        const auto* const connector = context == nullptr ? nullptr : context->getConnector();
+        if (connector == nullptr || !connector->isGood()) {
+            add(Health::wrong, "framework", "ovrel_caps.framework does not open the database",
+                "install it beside the program, or set CONVEY_CAPS_FOLDER");
+        } else {
+            add(Health::good, "framework",
+                "version " + std::string(Convey::kVersion) + ", " +
+                    std::to_string(Convey::getNumberOfRegisteredApplications()) +
+                    " applications registered");
+        }
+    }
+
+    void application(const std::string& name, uint32_t process, int32_t timeoutSeconds) {
+        std::string rows;
+        Verdict verdict;
+        try {
+            verdict = judgeRunning(name, timeoutSeconds, false, &rows);
+        } catch (const Failure& failure) {
+            add(Health::note, "application", failure.what(), "it may have ended just now");
+            return;
+        }
+        add(verdict.isHealthy ? Health::good : Health::wrong, "application", verdict.sentence,
+            verdict.isHealthy ? "" : "convey diagnose " + name);
+        if (process != 0) {
+            checks_.back().text += " (process " + std::to_string(process) + ")";
+        }
+        const Node tree = readTree(rows);
+        for (const Node& row : tree.children) {
+            if (row.path.ends_with("/version") && row.value != Convey::kVersion) {
+                add(Health::note, "version",
+                    name + " has version " + row.value + " of the layer, this tool " +
+                        Convey::kVersion,
+                    "start it again when it was updated");
+            }
+        }
+        for (const InstanceFacts& facts : readInstances(tree)) {
+            limit(facts.name, "came in", facts.incoming, "queue.incoming.messages");
+            limit(facts.name, "are to go out", facts.outgoing, "queue.outgoing.messages");
+        }
+    }
+
+    void limit(const std::string& name, const char* which, size_t count, const char* limit) {
+        const auto* const bound =
+            std::find_if(std::begin(::limits::kAll), std::end(::limits::kAll),
+                         [&](const auto& one) { return one.name == std::string(limit); });
+        if (static_cast<int64_t>(count) >= bound->value) {
+            add(Health::wrong, "limit",
+                name + ": " + std::to_string(count) + " messages that " + which + " wait (" +
+                    limit + ")",
+                "have it pump, or its senders wait for their answers");
+        }
+    }
+
+    const std::string own_;
+    std::vector<Check> checks_;
+};
+
+const char* wordOf(Health health) {
+    return health == Health::good ? "ok" : health == Health::note ? "note" : "WRONG";
+}
+
+} // namespace
+
+Exit doctor(const Output& output, int32_t timeoutSeconds) {
+    const Session session;
+    const std::vector<Check> checks = Doctor(session.name()).examine(timeoutSeconds);
+    const bool isHealthy = std::none_of(checks.begin(), checks.end(), [](const Check& check) {
+        return check.health == Health::wrong;
+    });
+    if (output.json) {
+        Json all = Json::array();
+        for (const Check& check : checks) {
+            all.push_back(
+                {{"subject", check.subject},
+                 {"state", check.health == Health::wrong ? "wrong" : wordOf(check.health)},
+                 {"text", check.text},
+                 {"advice", check.advice}});
+        }
+        output.print({{"healthy", isHealthy}, {"checks", std::move(all)}});
+    } else {
+        for (const Check& check : checks) {
+            const Style style = check.health == Health::wrong  ? Style::bad
+                                : check.health == Health::good ? Style::good
+                                                               : Style::plain;
+            std::string word = wordOf(check.health);
+            word.resize(5, ' ');
+            output.out << output.show(word, style) << "  " << output.show(check.subject) << ": "
+                       << output.show(check.text) << '\n';
+            if (!check.advice.empty()) {
+                output.out << "       -> " << output.show(check.advice) << '\n';
+            }
+        }
+        output.out.flush();
+    }
+    return isHealthy ? kDone : kNo;
+}
+
+} // namespace convey_tool
