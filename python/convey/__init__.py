@@ -15,3 +15,7 @@ __version__ = _c.version().decode()
 def launch_options() -> str:
     """What this process was launched with, empty for nothing; for an open application."""
     return _c.launch_options().decode("utf-8", "surrogateescape")
+
+for _name in __all__:  # which tracebacks and help call them by: where they are to be found
+    if isinstance(globals()[_name], type):
+        globals()[_name].__module__ = __name__
