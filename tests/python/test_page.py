@@ -1,4 +1,5 @@
-"""The sessions of the page on Python, one after the other in a loop, as its reader types them."""
+"""The sessions of the page on Python, one after the other in a loop, as its reader types them; and
+the wheel."""
 
 from __future__ import annotations
 
@@ -8,7 +9,11 @@ import doctest
 import inspect
 import pathlib
 import re
+import shutil
+import subprocess
+import sys
 import types
+import zipfile
 from typing import Any
 
 import pytest
@@ -44,3 +49,16 @@ def test_sessions(echo: object, capsys: pytest.CaptureFixture[str]) -> None:
             assert capsys.readouterr().out + raised == example.want, example.source
 
     asyncio.run(asyncio.wait_for(run(), SECONDS))
+
+
+def test_the_wheel_holds_the_package(tmp_path: pathlib.Path) -> None:
+    source = tmp_path / "python"
+    shutil.copytree(PAGE.parents[1] / "python", source)
+    subprocess.run([sys.executable, "-c", "from setuptools import build_meta\n"
+                    f"build_meta.build_wheel({str(tmp_path)!r})"], cwd=source, check=True,
+                   capture_output=True)
+    (wheel,) = tmp_path.glob("convey-*-py3-none-any.whl")
+    kept = {path.name for path in (PAGE.parents[1] / "python" / "convey").iterdir()
+            if path.is_file()}
+    assert {name.removeprefix("convey/") for name in zipfile.ZipFile(wheel).namelist()
+            if name.startswith("convey/")} == kept  # the marker of types, too
