@@ -41,7 +41,7 @@ void Occupations::notePump() {
     pumped_ = time;
 }
 
-void Occupations::appendLocked(CVDiagnosticsRows& rows, Kind kind) const {
+void Occupations::appendLocked(CVDiagnosticsRows& rows, Kind kind, int64_t time) const {
     const std::string root = kind == Kind::handling ? "/handling" : "/waiting";
     const char* const label = kind == Kind::handling ? "Handling" : "Waiting for replies";
     uint32_t count = 0;
@@ -54,7 +54,6 @@ void Occupations::appendLocked(CVDiagnosticsRows& rows, Kind kind) const {
         return;
     }
     rows.node(root, label, count);
-    const int64_t time = now();
     for (const Entry* entry = newest_; entry != nullptr; entry = entry->next_) {
         if (entry->kind_ == kind) {
             // Counted down, as the newest comes first: the oldest is 0, and keeps its row when
@@ -71,10 +70,12 @@ void Occupations::appendLocked(CVDiagnosticsRows& rows, Kind kind) const {
 
 void Occupations::appendDiagnostics(CVDiagnosticsRows& rows) const {
     const ObjectLock guard(*this);
-    appendLocked(rows, Kind::handling);
-    appendLocked(rows, Kind::waiting);
+    // One moment for all: readers tell by the ages what a thread began last.
+    const int64_t time = now();
+    appendLocked(rows, Kind::handling, time);
+    appendLocked(rows, Kind::waiting, time);
     if (pumped_ >= 0) {
-        rows.leaf("/pumped", "Last pumped", static_cast<uint32_t>(now() - pumped_), "ms ago");
+        rows.leaf("/pumped", "Last pumped", static_cast<uint32_t>(time - pumped_), "ms ago");
     } else {
         rows.undefined("/pumped", "Last pumped");
     }

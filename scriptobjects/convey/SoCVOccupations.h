@@ -48,7 +48,7 @@ public:
     void appendDiagnostics(CVDiagnosticsRows& rows) const;
 
 private:
-    void appendLocked(CVDiagnosticsRows& rows, Kind kind) const SO_REQUIRES(this);
+    void appendLocked(CVDiagnosticsRows& rows, Kind kind, int64_t time) const SO_REQUIRES(this);
 
     Entry* newest_ SO_GUARDED_BY(this) = nullptr;
     int64_t pumped_ SO_GUARDED_BY(this) = -1; // -1: never

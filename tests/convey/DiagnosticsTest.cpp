@@ -3,13 +3,39 @@
 #include <tuple>
 
 #include "platform/fake/Fakes.h"
+#include "scriptobjects/convey/SoCVDiagnosticsRows.h"
 #include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoCVOccupations.h"
 #include "tests/support/TableConnector.h"
 
 namespace {
 
 using ScObjects::Convey;
 using ScObjects::SoString;
+
+// By their ages readers tell what a thread began last, however long the rows take to write.
+TEST(Diagnostics, agesAreOfOneMoment) {
+    class Ticking : public platform::FakeClock {
+    public:
+        int64_t monotonicMilliseconds() const override { return now_++; }
+
+    private:
+        mutable std::atomic<int64_t> now_{5'000};
+    };
+    Ticking clock;
+    const platform::ScopedReplacement<platform::Clock> clockInForce(clock);
+    using ScObjects::ConveyData::Occupations;
+    Occupations occupations;
+    const Convey::Message message;
+    const Occupations::Entry handling(occupations, Occupations::Kind::handling, message);
+    const Occupations::Entry waiting(occupations, Occupations::Kind::waiting, message);
+    SoString text;
+    ScObjects::CVDiagnosticsRows rows(text, "");
+    occupations.appendDiagnostics(rows);
+    EXPECT_NE(text.view().find("/handling/0/for;0;For;2ms;"), std::string_view::npos)
+        << text.c_str();
+    EXPECT_NE(text.view().find("/waiting/0/for;0;For;1ms;"), std::string_view::npos);
+}
 
 // The whole text for a state that a test writes down, on a clock that stands still.
 TEST(Diagnostics, describeAWholeState) {
