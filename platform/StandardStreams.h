@@ -11,10 +11,12 @@ namespace platform {
 // what was closed stays as good as closed, reading and writing it fails. From then on std::cout
 // writes to the descriptor, waits for room also where the descriptor does not, and goes bad for
 // good at the first failure; a reader or a log that has gone is a failure, not a signal. Threads:
-// `open` before there is a second one; the rest as with std::cout.
+// `open` before there is a second one; the rest by the same thread.
 class StandardStreams {
 public:
-    // Once, first thing. False when the system has nothing to put in the place of a closed one.
+    // Once, first thing, on the thread that prints: what it has not flushed when another thread
+    // ends the process is not written. False when the system has nothing to put in the place of a
+    // closed one.
     [[nodiscard]] static bool open();
 
     // Writes what std::cout holds: true when all that was ever said has been written.

@@ -11,6 +11,7 @@
 #include <poll.h>
 #include <streambuf>
 #include <string_view>
+#include <thread>
 #include <unistd.h>
 
 namespace platform {
@@ -46,7 +47,8 @@ constinit std::terminate_handler gTerminate = nullptr; // what was there before
 constexpr size_t kBufferBytes = 8192; // a few lines of a listing
 
 // Writes to standard output, and nothing more after a failure: what follows a gap would pass for
-// the answer.
+// the answer. It is the thread's that has opened it: when another one ends the process, and
+// std::cout is flushed for that, the owner may be in the middle of a text.
 class OutputBuffer final : public std::streambuf {
 public:
     OutputBuffer() { setp(buffer_.data(), buffer_.data() + buffer_.size()); }
@@ -55,7 +57,7 @@ public:
 
 protected:
     int_type overflow(int_type c) override {
-        if (sync() != 0) {
+        if (!isOwners() || sync() != 0) {
             return traits_type::eof();
         }
         if (!traits_type::eq_int_type(c, traits_type::eof())) {
@@ -66,6 +68,9 @@ protected:
     }
 
     int sync() override {
+        if (!isOwners()) {
+            return 0;
+        }
         const char* next = pbase();
         while (failure_ == 0 && next != pptr()) {
             const ssize_t written = write(STDOUT_FILENO, next, static_cast<size_t>(pptr() - next));
@@ -87,6 +92,9 @@ protected:
     }
 
 private:
+    bool isOwners() const { return std::this_thread::get_id() == owner_; }
+
+    const std::thread::id owner_ = std::this_thread::get_id();
     std::array<char, kBufferBytes> buffer_;
     int failure_ = 0;
 };
