@@ -376,7 +376,8 @@ const int kEndingHandler = std::atexit([] {
 // An owner may take seconds for the rest of its end; what is sent meanwhile is its successor's.
 TEST_F(MessagePortTest, whatIsSentWhileAnOwnerEndsGoesToItsSuccessor) {
     const Pipe pipes[2];
-    const auto& [to, from] = pipes;
+    const Pipe& to = pipes[0];
+    const Pipe& from = pipes[1];
     const pid_t owner = startChild([&] {
         gEnding = pipes;
         const auto port = MessagePorts::own().open(kName);
