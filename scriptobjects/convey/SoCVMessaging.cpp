@@ -174,7 +174,9 @@ public:
         if (event == CV_EVENT_RECEIVED) {
             // Nobody has asked for it; and it takes this handler's one call.
             const auto asked = std::exchange(asked_, nullptr);
-            asked->instance_->changeHandler(new Handler(asked, number_));
+            // Its end is that of this handler.
+            const std::unique_ptr<MsgHandler> replaced(
+                asked->instance_->changeHandler(new Handler(asked, number_)));
             return 0;
         }
         try {
