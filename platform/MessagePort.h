@@ -20,9 +20,12 @@ class PortText {
 public:
     PortText() = default;
     PortText(PortText&& other) noexcept
-        : data_(std::move(other.data_)), size_(std::exchange(other.size_, 0)) {}
+        : data_(std::move(other.data_)),
+          size_(std::exchange(other.size_, 0)),
+          process_(other.process_) {}
     PortText& operator=(PortText&& other) noexcept {
         data_ = std::move(other.data_);
+        process_ = other.process_;
         size_ = std::exchange(other.size_, 0);
         return *this;
     }
@@ -42,6 +45,9 @@ public:
     char* data() { return data_.get(); }
     size_t size() const { return size_; }
     std::string_view view() const { return {data_.get(), size_}; }
+    // The number of the process that sent it, as the system says; 0 where it does not.
+    int32_t process() const { return process_; }
+    void setProcess(int32_t process) { process_ = process; }
     // The block, now the caller's, to be given back to TextMemory; null when empty.
     char* release() {
         size_ = 0;
@@ -55,17 +61,19 @@ private:
     };
     std::unique_ptr<char, Free> data_;
     size_t size_ = 0;
+    int32_t process_ = 0;
 };
 
 // What a port has met since it was opened.
 struct PortStatistics {
     uint64_t texts = 0;
-    uint64_t bytes = 0;       // of those texts
-    uint64_t connections = 0; // open now
-    uint64_t strangers = 0;   // connections of other users, closed unheard
-    uint64_t malformed = 0;   // connections closed for what is no text of ours
-    uint64_t descriptors = 0; // connections closed for file descriptors in their packets
-    uint64_t overLimit = 0;   // connections closed for keeping too much open or half sent
+    uint64_t bytes = 0;         // of those texts
+    uint64_t connections = 0;   // open now
+    uint64_t strangers = 0;     // connections of other users, closed unheard
+    uint64_t malformed = 0;     // connections closed for what is no text of ours
+    uint64_t descriptors = 0;   // connections closed for file descriptors in their packets
+    uint64_t withoutMemory = 0; // texts dropped, since there was no memory for them
+    uint64_t overLimit = 0;     // connections closed for keeping too much open or half sent
 };
 
 // A port of this user as an observer sees it.
@@ -108,6 +116,11 @@ public:
 
     // Takes the next text; false when none has arrived. Does not block.
     [[nodiscard]] virtual bool take(PortText& out) = 0;
+
+    // Leaves what this process sends in the system's queue from now on, or takes it again. Texts
+    // that were drawn already are handed on. For who has no room for more of one sender, and goes
+    // on taking from others. No wait ends for what is held back.
+    virtual void hold(int32_t process, bool on) = 0;
 
     // Waits until a text can be taken, at most `timeoutMilliseconds`; false when the time is up.
     // `soon`: the answer is expected within microseconds, so it may be worth a short busy wait

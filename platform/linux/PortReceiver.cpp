@@ -263,7 +263,7 @@ PortStatistics PortReceiver::statistics() const {
 bool PortReceiver::readHot(int packets) {
     const auto hot = connections_.find(hot_);
     if (hot != connections_.end() && !hot->second.mustWait && hot->second.waiting == 0 &&
-        ++hotRuns_ % kHotRuns != 0) {
+        !isHeld(hot->second) && ++hotRuns_ % kHotRuns != 0) {
         read(hot, packets);
     }
     return !ready_.empty();
@@ -305,7 +305,8 @@ void PortReceiver::readEvents(const epoll_event* events, int count, int packets)
         }
         // An earlier event of these may have closed it.
         const auto connection = connections_.find(number);
-        if (connection != connections_.end() && olderOnesAreRead(connection)) {
+        if (connection != connections_.end() && !isHeld(connection->second) &&
+            olderOnesAreRead(connection)) {
             read(connection, packets);
         }
     }
@@ -345,16 +346,13 @@ void PortReceiver::acceptAll() {
 
 void PortReceiver::admit(PortDescriptor socket, int32_t process) {
     const uint64_t number = ++lastNumber_;
-    epoll_event event{};
-    event.events = EPOLLIN;
-    event.data.u64 = number;
-    if (epoll_ctl(events_.get(), EPOLL_CTL_ADD, socket.get(), &event) != 0) {
-        Log::system().problem("cannot watch a connection: " + systemReason());
-        return;
-    }
     Connection connection;
     connection.socket = std::move(socket);
     connection.process = process;
+    if (!watch(number, connection)) {
+        Log::system().problem("cannot watch a connection: " + systemReason());
+        return;
+    }
     // As if it had just sent: a newcomer must not be the quietest at once.
     connection.lastText = lastText_;
     // A process that closed one connection before it made this one wants them read in that order.
@@ -366,6 +364,39 @@ void PortReceiver::admit(PortDescriptor socket, int32_t process) {
         }
     }
     connections_.emplace(number, std::move(connection));
+}
+
+bool PortReceiver::isHeld(const Connection& connection) const {
+    return !held_.empty() && held_.count(connection.process) != 0;
+}
+
+// Lets what arrives there be an event. What is held back must not be one: it would be reported
+// again and again.
+bool PortReceiver::watch(uint64_t number, const Connection& connection) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u64 = number;
+    return isHeld(connection) ||
+           epoll_ctl(events_.get(), EPOLL_CTL_ADD, connection.socket.get(), &event) == 0 ||
+           errno == EEXIST;
+}
+
+void PortReceiver::hold(int32_t process, bool on) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    if (on ? !held_.insert(process).second : held_.erase(process) == 0) {
+        return;
+    }
+    for (auto& [number, connection] : connections_) {
+        if (connection.process != process || connection.waiting != 0) {
+            continue;
+        }
+        connection.progressAt = now(); // it could make none
+        if (on) {
+            (void)epoll_ctl(events_.get(), EPOLL_CTL_DEL, connection.socket.get(), nullptr);
+        } else {
+            (void)watch(number, connection); // it fails without memory of the system's only
+        }
+    }
 }
 
 bool PortReceiver::olderOnesAreRead(Connections::iterator connection) {
@@ -515,6 +546,7 @@ PortReceiver::Reading PortReceiver::takePacket(Connection& connection, size_t by
             release(connection);
             ++statistics_.texts;
             statistics_.bytes += connection.part.size();
+            connection.part.setProcess(connection.process);
             ready_.push_back(std::move(connection.part));
             connection.received = 0;
         }
@@ -528,13 +560,20 @@ PortReceiver::Reading PortReceiver::takePacket(Connection& connection, size_t by
     const size_t textBytes = bytes - PortPacket::kHeaderBytes;
     if (packet.kind == PortPacket::whole) {
         PortText text;
-        if (packet.length != textBytes || !text.allocate(textBytes)) {
+        if (packet.length != textBytes) {
             ++statistics_.malformed;
             return Reading::closed;
+        }
+        if (!text.allocate(textBytes)) { // it counts as delivered for its sender
+            ++statistics_.withoutMemory;
+            Log::system().problem("out of memory: a text was dropped that had arrived at port " +
+                                  name_.socketFile());
+            return Reading::open;
         }
         std::memcpy(text.data(), buffer_.get() + PortPacket::kHeaderBytes, textBytes);
         ++statistics_.texts;
         statistics_.bytes += textBytes;
+        text.setProcess(connection.process);
         ready_.push_back(std::move(text));
         return Reading::open;
     }
@@ -644,11 +683,7 @@ void PortReceiver::giveRoom(bool byClosing) {
         }
         --waiting_;
         (void)startPart(found->second, std::exchange(found->second.waiting, 0));
-        epoll_event event{};
-        event.events = EPOLLIN;
-        event.data.u64 = number;
-        if (found->second.waiting == 0 &&
-            epoll_ctl(events_.get(), EPOLL_CTL_ADD, found->second.socket.get(), &event) != 0) {
+        if (found->second.waiting == 0 && !watch(number, found->second)) {
             found->second.waiting = found->second.part.size(); // tried again
             release(found->second);
             found->second.part = PortText();
@@ -688,7 +723,7 @@ void PortReceiver::tend() {
         if (connection.isHalf()) {
             halves = true;
             if (now() - connection.progressAt >= kHalfSentMilliseconds &&
-                !isWholeInQueue(connection)) {
+                !isWholeInQueue(connection) && !isHeld(connection)) {
                 old.push_back(number);
             }
         }

@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <sys/epoll.h>
 #include <unordered_map>
@@ -25,6 +26,7 @@ public:
 
     bool take(PortText& out) override;
     bool wait(int64_t timeoutMilliseconds, bool soon) override;
+    void hold(int32_t process, bool on) override;
     PortStatistics statistics() const override;
 
     // Readable when something has arrived; to be waited for, not to be read.
@@ -67,6 +69,8 @@ private:
     bool makeRoom(int32_t process);
     void readOut(Connections::iterator connection);
     bool readHot(int packets);
+    bool isHeld(const Connection& connection) const;
+    bool watch(uint64_t number, const Connection& connection);
     void readEvents(const epoll_event* events, int count, int packets);
     void read(Connections::iterator connection, int packets);
     Reading readPackets(Connection& connection, int packets);
@@ -91,6 +95,7 @@ private:
 
     mutable std::mutex mutex_; // guards all that follows
     Connections connections_;
+    std::set<int32_t> held_; // processes whose connections are not read
     uint64_t lastNumber_ = 0;
     uint64_t lastText_ = 0;
     uint64_t hot_ = 0; // the connection that brought the last text, looked at first

@@ -1,5 +1,6 @@
 #include "scriptobjects/stream/MacInterAppStream.h"
 
+#include <algorithm>
 #include <cstring>
 #include <new>
 #include <string>
@@ -30,7 +31,7 @@ std::unique_ptr<platform::LocalPort> openPort(const SoString& name) noexcept {
 
 } // namespace
 
-MacInterAppStream::DataRef::DataRef(platform::PortText& data) {
+MacInterAppStream::DataRef::DataRef(platform::PortText& data) : process(data.process()) {
     const size_t length = data.size();
     if (length == 0) {
         return;
@@ -38,12 +39,8 @@ MacInterAppStream::DataRef::DataRef(platform::PortText& data) {
     // A sender's terminator would end the text for whoever reads it as one of C, and hide what
     // follows. As a line feed between two messages it is passed over.
     char* const end = data.data() + length;
-    for (char* at = data.data(); at != end; ++at) { // as a rule there is none
-        at = static_cast<char*>(std::memchr(at, '\0', static_cast<size_t>(end - at)));
-        if (at == nullptr) {
-            break;
-        }
-        *at = '\n';
+    if (auto* const first = static_cast<char*>(std::memchr(data.data(), '\0', length))) {
+        std::replace(first, end, '\0', '\n');
     }
     // Not copied: the port's block has the room and the whole steps that a string's buffer has.
     // When memory runs out it is still the port's.
@@ -120,7 +117,23 @@ bool MacInterAppStream::waitForMessage(int32_t timeoutMilliseconds, bool soon) c
     return port != nullptr && (hasDrawn() || (port->wait(timeoutMilliseconds, soon) && draw(1)));
 }
 
-bool MacInterAppStream::receive() {
+bool MacInterAppStream::take(SoString& text, int32_t& process) {
+    const std::unique_ptr<DataRef> data = takeDrawn();
+    if (data == nullptr) {
+        return false;
+    }
+    text = std::move(data->text);
+    process = data->process;
+    return true;
+}
+
+void MacInterAppStream::hold(int32_t process, bool on) {
+    if (const std::shared_ptr<platform::LocalPort> port = this->port()) {
+        port->hold(process, on);
+    }
+}
+
+std::unique_ptr<MacInterAppStream::DataRef> MacInterAppStream::takeDrawn() {
     std::unique_ptr<DataRef> data;
     {
         const ObjectLock guard(*this);
@@ -130,6 +143,11 @@ bool MacInterAppStream::receive() {
             drawnBytes_ -= data->text.length();
         }
     }
+    return data;
+}
+
+bool MacInterAppStream::receive() {
+    const std::unique_ptr<DataRef> data = takeDrawn();
     if (data == nullptr || data->text.isEmpty()) {
         return false;
     }

@@ -38,6 +38,7 @@ public:
         ~DataRef() override;
 
         SoString text;
+        const int32_t process; // that sent it, 0 for unknown
     };
 
     explicit MacInterAppStream(const SoString& name, bool flag = true);
@@ -68,6 +69,13 @@ public:
     // wait. One thread at a time should wait, since any of them may take the text.
     bool waitForMessage(int32_t timeoutMilliseconds, bool soon) const;
 
+    // Takes the text that arrived first, as `receive` does, with the number of the process that
+    // sent it (0 where the system does not say). False when none has been drawn.
+    [[nodiscard]] bool take(SoString& text, int32_t& process);
+    // Leaves what this process sends with it from now on, but for what is drawn already, or draws
+    // it again.
+    void hold(int32_t process, bool on);
+
     // Gives the name back at once and drops what was drawn; the stream is not good from now on.
     // Waits for no one, and not for a send that another thread has under way.
     void close();
@@ -80,6 +88,7 @@ public:
 
 private:
     bool hasDrawn() const;
+    std::unique_ptr<DataRef> takeDrawn();
     bool draw(int32_t maximumTexts) const;
 
     std::shared_ptr<platform::LocalPort> port() const;

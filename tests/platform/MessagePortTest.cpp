@@ -216,6 +216,33 @@ TEST_F(MessagePortTest, keepsTheOrderOfEachOfManySenders) {
     EXPECT_FALSE(port->wait(0, false));
 }
 
+TEST_F(MessagePortTest, whatIsHeldBackWaitsAndOthersAreServed) {
+    const auto port = ports.open(kName);
+    ASSERT_NE(port, nullptr);
+    const auto send = [&](const std::string& text) {
+        return ports.send(kName, text, kGenerous) == SendResult::delivered ? 0 : 1;
+    };
+    EXPECT_EQ(send("one"), 0);
+    PortText text;
+    EXPECT_TRUE(port->wait(kGenerous, false) && port->take(text));
+    EXPECT_EQ(text.process(), getpid());
+    port->hold(getpid(), true);
+    for (const std::string& held : {std::string("two"), std::string(100'000, '3')}) {
+        EXPECT_EQ(send(held), 0);
+    }
+    EXPECT_FALSE(port->wait(50, false));
+    EXPECT_FALSE(port->take(text));
+    const pid_t other = startChild([&] { return send("other"); });
+    EXPECT_EQ(endOf(other), 0);
+    EXPECT_TRUE(port->wait(kGenerous, false) && port->take(text));
+    EXPECT_EQ(text.view(), "other");
+    EXPECT_EQ(text.process(), other);
+    EXPECT_FALSE(port->take(text)) << "its end has been read, and nothing of the one that is held";
+    port->hold(getpid(), false);
+    EXPECT_EQ(takeOne(*port), "two");
+    EXPECT_EQ(takeOne(*port), std::string(100'000, '3'));
+}
+
 TEST_F(MessagePortTest, sendersToOneNameTakeTurnsAndDoNotHoldOthers) {
     const auto full = ports.open("full");
     const auto other = ports.open("other");
