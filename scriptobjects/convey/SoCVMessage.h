@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string_view>
 
 #include "limits/Limits.h"
@@ -30,6 +31,8 @@ public:
 // are plain: whoever shares a message between threads agrees on who writes them. Null texts count
 // as empty. Nothing is thrown but std::bad_alloc.
 class SO_EXPORT Convey::Message : public SoLockable {
+    struct ReadState;
+
 public:
     // The user headers that a text may bring: further ones are left out, since each costs its
     // reader a hundred times the three bytes that it may have in the text.
@@ -132,6 +135,29 @@ public:
     // text's buffer, and the text is empty then.
     int32_t readFromString(SoString& text, int32_t offset);
 
+    // Reads the messages of a text in as many steps as its reader likes, so that a text that takes
+    // long keeps nobody waiting. Owns the text. One thread at a time.
+    class SO_EXPORT Reader {
+    public:
+        explicit Reader(SoString&& text);
+        ~Reader();
+        Reader(const Reader&) = delete;
+        Reader& operator=(const Reader&) = delete;
+
+        // Reads on for about `bytes` (above 0); a line or a body may be longer. True when `message`
+        // holds the next message of the text; else it is to be given again, unread.
+        bool read(Message& message, size_t bytes);
+        // True when there is nothing left to read.
+        bool isAtEnd() const { return position_ >= text_.length(); }
+        // Bytes of memory that the text costs.
+        int64_t costBytes() const { return text_.heapBytes(); }
+
+    private:
+        SoString text_;
+        int32_t position_ = 0;             // where the next message begins
+        std::unique_ptr<ReadState> state_; // of the one that is being read
+    };
+
     // Replaces `out` by the message as a person reads it, under a heading with `label`. True.
     bool logToString(const char* label, SoString& out, bool withBody) const;
 
@@ -145,8 +171,6 @@ public:
     void appendDiagnostics(SoString& out, const SoString& root) const;
 
 private:
-    struct ReadState;
-
     bool hasOldFormat() const;
     Header* findHeader(std::string_view name) const;
     void setHeaderLocked(std::string_view name, std::string_view value) SO_REQUIRES(this);
@@ -154,13 +178,16 @@ private:
     void clearLocked() SO_REQUIRES(this);
     void deleteHeaders();
     const char* readLocked(const char* text, SoString* owner) SO_REQUIRES(this);
+    void beginReading() SO_REQUIRES(this);
+    bool readOnLocked(ReadState& state, size_t bytes) SO_REQUIRES(this);
+    const char* takeBodyLocked(const ReadState& state, SoString* owner) SO_REQUIRES(this);
     void finishReading();
-    void readHeadersLocked(ReadState& state) SO_REQUIRES(this);
+    bool readHeadersLocked(ReadState& state, size_t bytes) SO_REQUIRES(this);
     void takeLineLocked(ReadState& state, std::string_view name, std::string_view value)
         SO_REQUIRES(this);
     void takeHeaderLocked(ReadState& state, std::string_view name, std::string_view value)
         SO_REQUIRES(this);
-    void checkDigest(const ReadState& state);
+    bool checkDigest(ReadState& state, size_t bytes);
     void applyReplyTyping();
     int32_t bodyLength() const { return body_.length(); }
     template <class Use>

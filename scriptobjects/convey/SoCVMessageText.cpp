@@ -120,13 +120,17 @@ void addLine(Sink& sink, std::string_view name, std::string_view value) {
     sink.add("\n");
 }
 
-// The next `mark`, or the end of the text. Names and values are a few bytes long: a search that is
-// made for long texts takes more time to begin than this to end.
+// The next `mark`, or the end of the text. Names and values are a few bytes long, as a rule: a
+// search that is made for long texts takes more time to begin than this to end.
 const char* findEnd(const char* text, char mark) {
-    while (*text != mark && *text != '\0') {
-        ++text;
+    constexpr int kFewBytes = 100;
+    for (int i = 0; i < kFewBytes; ++i, ++text) {
+        if (*text == mark || *text == '\0') {
+            return text;
+        }
     }
-    return text;
+    const char marks[] = {mark, '\0'};
+    return text + std::strcspn(text, marks);
 }
 
 // Header blocks up to this size are put together on the stack; ten headers have some 500 bytes.
@@ -232,7 +236,14 @@ bool Convey::Message::writeToString(SoString& out) const {
 
 // How far a text has been read, and what the lines at its front say of those behind them.
 struct Convey::Message::ReadState {
-    const char* position;
+    enum class Part : uint8_t { headers, digest, gap };
+
+    const char* position = nullptr;
+    Part part = Part::headers;
+    const char* body = nullptr; // from the digest on
+    size_t bodyLength = 0;
+    std::unique_ptr<ConveyUtils::MD5> digest; // of what lies before `digestPosition`
+    const char* digestPosition = nullptr;
     bool newFormat = true;
     bool hasDigest = false;
     bool hasMD5 = false;
@@ -244,11 +255,16 @@ struct Convey::Message::ReadState {
     std::map<std::string_view, Header*> byName;
 };
 
-void Convey::Message::readHeadersLocked(ReadState& state) {
+// True when the last line has been read.
+bool Convey::Message::readHeadersLocked(ReadState& state, size_t bytes) {
+    const char* const start = state.position;
     while (*state.position != '\0') {
         if (*state.position == '\n') {
             ++state.position;
-            return;
+            return true;
+        }
+        if (static_cast<size_t>(state.position - start) >= bytes) {
+            return false;
         }
         // What has no colon reaches for that of a later line: there is nothing better to be made
         // of it, and every reader makes the same.
@@ -260,6 +276,7 @@ void Convey::Message::readHeadersLocked(ReadState& state) {
         // The position has moved on: what a digest covers begins behind its line.
         takeLineLocked(state, name, {value, static_cast<size_t>(valueEnd - value)});
     }
+    return true;
 }
 
 void Convey::Message::takeLineLocked(ReadState& state, std::string_view name,
@@ -347,48 +364,110 @@ void Convey::Message::takeHeaderLocked(ReadState& state, std::string_view name,
     state.byName.emplace(header->name.view(), header);
 }
 
-// `owner`, null for none, is the string that `text` lies in and that may be used up.
-const char* Convey::Message::readLocked(const char* text, SoString* owner) {
-    ReadState state;
-    state.position = text;
+void Convey::Message::beginReading() {
     version_ = kOldestVersion;
     // Only one that was used before: what the caller has set in a new one stays.
     if (!target_.isEmpty()) {
         clearLocked();
     }
     digestState_ = CV_DIGEST_NOT_CHECKED;
-    readHeadersLocked(state);
-    // Never behind the end of the text, whatever length was announced.
-    const size_t announced = std::min(contentLength_, kMaximumBodyBytes);
-    // memchr looks no further than its first hit, and the text ends with a zero byte: it stays
-    // within the text.
-    const void* const end = std::memchr(state.position, '\0', announced);
-    const size_t length = end == nullptr
-                              ? announced
-                              : static_cast<size_t>(static_cast<const char*>(end) - state.position);
-    const char* const body = state.position;
-    state.position += length;
+}
+
+// Reads on for about so many bytes; true at the end of the message, whose body is to be taken then.
+bool Convey::Message::readOnLocked(ReadState& state, size_t bytes) {
+    if (state.part == ReadState::Part::headers) {
+        if (!readHeadersLocked(state, bytes)) {
+            return false;
+        }
+        // Never behind the end of the text, whatever length was announced.
+        const size_t announced = std::min(contentLength_, kMaximumBodyBytes);
+        // memchr looks no further than its first hit, and the text ends with a zero byte: it stays
+        // within the text.
+        const void* const end = std::memchr(state.position, '\0', announced);
+        state.bodyLength =
+            end == nullptr ? announced
+                           : static_cast<size_t>(static_cast<const char*>(end) - state.position);
+        state.body = state.position;
+        state.position += state.bodyLength;
+        state.part = ReadState::Part::digest;
+    }
     // Before the body is moved: the digest covers bytes that lie in the text's buffer.
-    checkDigest(state);
-    const char* const next = state.position + std::strspn(state.position, "\n");
+    if (state.part == ReadState::Part::digest) {
+        if (!checkDigest(state, bytes)) {
+            return false;
+        }
+        state.part = ReadState::Part::gap;
+    }
+    for (size_t skipped = 0; *state.position == '\n'; ++state.position, ++skipped) {
+        if (skipped == bytes) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// `owner`, null for none, is the string that the text lies in and that may be used up: null then.
+const char* Convey::Message::takeBodyLocked(const ReadState& state, SoString* owner) {
     // Only as the last message: what follows would go with the buffer.
-    if (owner != nullptr && length >= kMovedBodyBytes && next == owner->c_str() + owner->length()) {
-        owner->cut(static_cast<int32_t>(body - owner->c_str()), static_cast<int32_t>(length));
+    if (owner != nullptr && state.bodyLength >= kMovedBodyBytes &&
+        state.position == owner->c_str() + owner->length()) {
+        owner->cut(static_cast<int32_t>(state.body - owner->c_str()),
+                   static_cast<int32_t>(state.bodyLength));
         body_ = std::move(*owner);
         return nullptr;
     }
-    body_.assign(body, static_cast<int32_t>(length));
-    return next;
+    body_.assign(state.body, static_cast<int32_t>(state.bodyLength));
+    return state.position;
 }
 
-void Convey::Message::checkDigest(const ReadState& state) {
-    if (state.hasMD5 && Message::getAuthentication()) {
-        const std::string_view region(state.signedRegion,
-                                      static_cast<size_t>(state.position - state.signedRegion));
-        const bool good = ConveyUtils::getMD5({region}).view() == state.md5;
-        // Noted, not refused: whether such a message counts is its handler's decision.
-        digestState_ = good ? "" : CV_DIGEST_REJECTED;
+const char* Convey::Message::readLocked(const char* text, SoString* owner) {
+    ReadState state;
+    state.position = text;
+    beginReading();
+    (void)readOnLocked(state, SIZE_MAX);
+    return takeBodyLocked(state, owner);
+}
+
+// True when the digest has been checked, as far as there is one.
+bool Convey::Message::checkDigest(ReadState& state, size_t bytes) {
+    if (!state.hasMD5 || !Message::getAuthentication()) {
+        return true;
     }
+    if (state.digest == nullptr) {
+        state.digest = std::make_unique<ConveyUtils::MD5>();
+        state.digestPosition = state.signedRegion;
+    }
+    const size_t left = static_cast<size_t>(state.position - state.digestPosition);
+    const size_t now = std::min(left, bytes);
+    state.digest->add({state.digestPosition, now});
+    state.digestPosition += now;
+    if (now < left) {
+        return false;
+    }
+    // Noted, not refused: whether such a message counts is its handler's decision.
+    digestState_ = state.digest->finish().view() == state.md5 ? "" : CV_DIGEST_REJECTED;
+    return true;
+}
+
+Convey::Message::Reader::Reader(SoString&& text) : text_(std::move(text)) {}
+
+Convey::Message::Reader::~Reader() = default;
+
+bool Convey::Message::Reader::read(Message& message, size_t bytes) {
+    const ObjectLock guard(message);
+    if (state_ == nullptr) {
+        state_ = std::make_unique<ReadState>();
+        state_->position = text_.c_str() + position_;
+        message.beginReading();
+    }
+    if (!message.readOnLocked(*state_, bytes)) {
+        return false;
+    }
+    const char* const next = message.takeBodyLocked(*state_, &text_);
+    position_ = next == nullptr ? 0 : static_cast<int32_t>(next - text_.c_str());
+    state_.reset();
+    message.finishReading();
+    return true;
 }
 
 void Convey::Message::clearLocked() {

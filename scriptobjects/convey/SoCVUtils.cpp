@@ -184,29 +184,41 @@ SoString getMD5(const SoString& text) {
 }
 
 SoString getMD5(std::initializer_list<std::string_view> parts) {
-    const SoString identifier = digestIdentifier().get();
-    if (identifier.isEmpty()) {
-        return SoString(); // a digest that is not the user's would pass for one
-    }
-    // MD5 because peers compare it. It tells damage and texts from elsewhere; it keeps no program
-    // of this user from forging.
-    md5_ctx context;
-    md5_init(&context);
-    // In parts, so that header and body need not be put together for this.
-    const auto add = [&context](std::string_view text) {
-        md5_update(&context, text.size(), reinterpret_cast<const uint8_t*>(text.data()));
-    };
-    // The form that peers compare: identifier, '+', text, '+', identifier.
-    add(identifier.view());
-    add("+");
+    MD5 digest;
     for (const std::string_view part : parts) {
-        add(part);
+        digest.add(part);
+    }
+    return digest.finish();
+}
+
+struct MD5::State {
+    md5_ctx context{};
+    SoString identifier = digestIdentifier().get();
+};
+
+// MD5 because peers compare it. It tells damage and texts from elsewhere; it keeps no program of
+// this user from forging. The form: identifier, '+', text, '+', identifier.
+MD5::MD5() : state_(std::make_unique<State>()) {
+    md5_init(&state_->context);
+    add(state_->identifier.view());
+    add("+");
+}
+
+MD5::~MD5() = default;
+
+void MD5::add(std::string_view piece) {
+    md5_update(&state_->context, piece.size(), reinterpret_cast<const uint8_t*>(piece.data()));
+}
+
+SoString MD5::finish() {
+    SoString result;
+    if (state_->identifier.isEmpty()) {
+        return result; // a digest that is not the user's would pass for one
     }
     add("+");
-    add(identifier.view());
+    add(state_->identifier.view());
     uint8_t digest[MD5_DIGEST_SIZE];
-    md5_digest(&context, sizeof digest, digest);
-    SoString result;
+    md5_digest(&state_->context, sizeof digest, digest);
     appendHexadecimal(result, digest);
     return result;
 }

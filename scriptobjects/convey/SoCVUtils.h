@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <initializer_list>
+#include <memory>
 #include <string_view>
 
 #include "scriptobjects/convey/SoCVMessenger.h"
@@ -38,6 +39,22 @@ SO_EXPORT SoString getSignature();
 // forgery by this user's own programs. Empty without the identifier.
 SO_EXPORT SoString getMD5(const SoString& text);
 SO_EXPORT SoString getMD5(std::initializer_list<std::string_view> parts);
+// The same of a text that comes piece by piece, since a large one takes long.
+class SO_EXPORT MD5 {
+public:
+    MD5();
+    ~MD5();
+    MD5(const MD5&) = delete;
+    MD5& operator=(const MD5&) = delete;
+
+    void add(std::string_view piece);
+    // The digest; nothing may be added any more.
+    SoString finish();
+
+private:
+    struct State;
+    const std::unique_ptr<State> state_;
+};
 
 // True when `path` names an existing file or folder.
 SO_EXPORT bool fileExists(const SoString& path);
