@@ -1,0 +1,220 @@
+#include "scriptobjects/convey/SoCVArrivals.h"
+
+#include <new>
+#include <utility>
+
+#include "limits/Limits.h"
+#include "platform/Clock.h"
+#include "platform/Log.h"
+#include "scriptobjects/stream/InterAppStream.h"
+
+namespace ScObjects::ConveyData {
+namespace {
+
+using Message = Convey::Message;
+
+constexpr int32_t kMaximumMessages = limits::of("queue.incoming.messages");
+constexpr int64_t kMaximumBytes = limits::of("queue.incoming.bytes");
+constexpr int32_t kMaximumShareMessages = limits::of("queue.incoming.share.messages");
+constexpr int64_t kMaximumShareBytes = limits::of("queue.incoming.share.bytes");
+constexpr int64_t kMaximumUnreadBytes = limits::of("receive.unread");
+// What is read without a look at the clock: a fraction of a millisecond.
+constexpr size_t kStepBytes = limits::of("receive.step");
+
+// Between looks for what others have sent.
+constexpr int kStepsAtOnce = 16;
+
+int64_t now() {
+    return platform::Clock::system().monotonicMilliseconds();
+}
+
+int64_t costOf(const Message::Reader& text) {
+    return text.costBytes() + 1;
+}
+
+} // namespace
+
+bool IncomingAccounts::hasRoom(int32_t process) const {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    const auto own = processes_.find(process);
+    return own == processes_.end() ||
+           (own->second.messages < kMaximumShareMessages &&
+            own->second.bytes < kMaximumShareBytes && all_.messages < kMaximumMessages &&
+            all_.bytes < kMaximumBytes);
+}
+
+IncomingAccounts::Load IncomingAccounts::load() const {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return all_;
+}
+
+void IncomingAccounts::charge(int32_t process, int64_t bytes) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    for (Load* const load : {&processes_[process], &all_}) {
+        ++load->messages;
+        load->bytes += bytes;
+    }
+}
+
+void IncomingAccounts::giveBack(int32_t process, int64_t bytes) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    const auto own = processes_.find(process);
+    for (Load* const load : {&own->second, &all_}) {
+        --load->messages;
+        load->bytes -= bytes;
+    }
+    if (own->second.messages == 0) {
+        processes_.erase(own);
+    }
+}
+
+// A message with its charge.
+class Arrivals::Received : public Message {
+public:
+    Received(std::shared_ptr<IncomingAccounts> accounts, int32_t process)
+        : accounts_(std::move(accounts)), process_(process) {}
+    ~Received() override {
+        if (charged_ != 0) {
+            accounts_->giveBack(process_, charged_);
+        }
+    }
+    Received(const Received&) = delete;
+    Received& operator=(const Received&) = delete;
+
+    void charge() {
+        const int64_t bytes = costBytes();
+        accounts_->charge(process_, bytes);
+        charged_ = bytes;
+    }
+
+private:
+    const std::shared_ptr<IncomingAccounts> accounts_;
+    const int32_t process_;
+    int64_t charged_ = 0;
+};
+
+Arrivals::Arrivals() = default;
+Arrivals::~Arrivals() = default;
+
+// Texts that were drawn belong to somebody whether there is room for them or not; of who has no
+// room for more, no more is drawn.
+void Arrivals::draw(InterAppStream& stream) {
+    SoString text;
+    int32_t process = 0;
+    while (bytes_.load() < kMaximumUnreadBytes && stream.messagePending() &&
+           stream.take(text, process)) {
+        if (text.isEmpty()) {
+            continue;
+        }
+        const auto sender = senders_.try_emplace(process).first;
+        sender->second.texts.push_back(std::make_unique<Message::Reader>(std::move(text)));
+        bytes_.fetch_add(costOf(*sender->second.texts.back()));
+        if (accounts_->hasRoom(process)) {
+            return; // read at once, as a rule
+        }
+        if (process != 0) {
+            hold(stream, sender, true);
+        }
+    }
+}
+
+void Arrivals::hold(InterAppStream& stream, Senders::iterator sender, bool on) {
+    if (sender->second.held != on) {
+        sender->second.held = on;
+        held_.fetch_add(on ? 1 : -1);
+        stream.hold(sender->first, on);
+    }
+}
+
+// The next sender whose message there is room for; with `needed` any.
+Arrivals::Senders::iterator Arrivals::next(bool needed) {
+    auto sender = senders_.upper_bound(last_);
+    for (size_t i = 0; i < senders_.size(); ++i, ++sender) {
+        if (sender == senders_.end()) {
+            sender = senders_.begin();
+        }
+        if (!sender->second.texts.empty() && (needed || accounts_->hasRoom(sender->first))) {
+            last_ = sender->first;
+            return sender;
+        }
+    }
+    return senders_.end();
+}
+
+// A step of reading; the message when it is whole. A text for which memory does not suffice is
+// dropped: who sent it must not end everybody's reading.
+std::unique_ptr<Message> Arrivals::readSome(Senders::iterator sender) {
+    try {
+        return readStep(sender);
+    } catch (const std::bad_alloc&) {
+        sender->second.message = nullptr;
+        drop(sender);
+    }
+    dropped_.fetch_add(1);
+    platform::Log::system().problem("out of memory: a text that had arrived was dropped");
+    return nullptr;
+}
+
+std::unique_ptr<Message> Arrivals::readStep(Senders::iterator sender) {
+    Sender& from = sender->second;
+    Message::Reader& text = *from.texts.front();
+    const int64_t before = costOf(text);
+    if (from.message == nullptr) {
+        from.message = std::make_unique<Received>(accounts_, sender->first);
+    }
+    const bool isWhole = text.read(*from.message, kStepBytes);
+    bytes_.fetch_sub(before - costOf(text)); // its body may have taken the text over
+    if (!isWhole) {
+        return nullptr;
+    }
+    from.message->charge();
+    if (text.isAtEnd()) {
+        drop(sender);
+    }
+    return std::move(from.message);
+}
+
+void Arrivals::drop(Senders::iterator sender) {
+    bytes_.fetch_sub(costOf(*sender->second.texts.front()));
+    sender->second.texts.pop_front();
+}
+
+// Draws again from who has room, and forgets who has nothing here.
+void Arrivals::letGoOn(InterAppStream& stream, bool needed) {
+    for (auto sender = senders_.begin(); sender != senders_.end();) {
+        Sender& from = sender->second;
+        if (from.texts.empty() && (needed || accounts_->hasRoom(sender->first))) {
+            hold(stream, sender, false);
+        }
+        sender = from.held || !from.texts.empty() ? std::next(sender) : senders_.erase(sender);
+    }
+}
+
+Arrivals::Stop Arrivals::read(InterAppStream& stream, int64_t milliseconds, int messages,
+                              bool needed, const Take& take) {
+    const int64_t end = now() + milliseconds;
+    letGoOn(stream, needed);
+    for (int steps = 1;; ++steps) {
+        auto sender = next(false);
+        if (sender == senders_.end() || steps % kStepsAtOnce == 0) {
+            draw(stream);
+            sender = next(false);
+        }
+        if (sender == senders_.end() && needed) {
+            sender = next(true);
+            needed = false;
+        }
+        if (sender == senders_.end()) {
+            return isEmpty() ? Stop::nothing : Stop::full;
+        }
+        if (auto message = readSome(sender)) {
+            --messages;
+            take(std::move(message));
+        }
+        if (messages <= 0 || now() >= end) {
+            return Stop::time;
+        }
+    }
+}
+
+} // namespace ScObjects::ConveyData
