@@ -1,12 +1,16 @@
 #include "scriptobjects/convey/SoCVThread.h"
 
 #include <algorithm>
+#include <new>
 #include <string>
+#include <utility>
 
 #include "limits/Limits.h"
 #include "platform/Clock.h"
+#include "platform/Log.h"
 #include "platform/MessagePort.h"
 #include "platform/TextMemory.h"
+#include "scriptobjects/convey/SoCVArrivals.h"
 #include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVConversation.h"
 #include "scriptobjects/convey/SoCVCourier.h"
@@ -36,6 +40,7 @@ constexpr int64_t kRoundMilliseconds = limits::of("thread.round");
 constexpr int64_t kParkedMilliseconds = limits::of("thread.parked");
 constexpr unsigned kSetupPollMilliseconds = 10;
 constexpr int kPingsAtOnce = limits::of("thread.pings");
+constexpr int64_t kPingMilliseconds = limits::of("receive.time");
 // An answer that its asker does not take is kept for as long as that waits itself, within a bound.
 constexpr uint32_t kLongestAnswerSeconds = limits::of("thread.answer.age");
 constexpr double kIdleIntervals = 10;
@@ -56,7 +61,8 @@ ConveyThread::ConveyThread(ConveyContext* context, const SoString& appSpecifier)
       wait_(platform::MessagePorts::system().newWait()),
       startTime_(ConveyUtils::getUTCTimeMilliSeconds()),
       specifier_(createThreadSpecifier(appSpecifier)),
-      outbox_(std::make_unique<Outbox>(Outbox::Kind::pings)) {
+      outbox_(std::make_unique<Outbox>(Outbox::Kind::pings)),
+      pings_(std::make_unique<ConveyData::Arrivals>()) {
     // What a ping without a key of its own asks for: it is answered as long as this thread runs.
     (void)setKeyValuePair(CV_ECHO_REQUEST, CV_ECHO_RESPONSE);
     (void)setKeyValuePair(CV_STATUS, CV_IDLE);
@@ -115,8 +121,9 @@ ConveyThread::PingData* ConveyThread::findOrAddLocked(const SoString& key) {
     if (key.isEmpty() || table_.size() >= kMaximumKeys) {
         return nullptr;
     }
-    table_.emplace_back();
-    table_.back().key = key;
+    PingData added;
+    added.key = key; // before it is in the table, which must not get a row without a key
+    table_.push_back(std::move(added));
     return &table_.back();
 }
 
@@ -256,10 +263,9 @@ void ConveyThread::run() {
         // Rounds that something has woken come in between and leave the regular ones where they
         // are: a flood must not put off what only time brings.
         const bool regular = now() >= nextRound;
-        const Left rest = runRound(regular);
+        const Left rest = tryRound(regular);
         if (regular) {
             notePump();
-            removeExpiredPingData();
             // Not in the other rounds: blocks that are given back in a busy moment would have to be
             // fetched again at once.
             platform::TextMemory::giveBackWhenIdle();
@@ -287,8 +293,23 @@ void ConveyThread::pause(int64_t milliseconds) {
     }
 }
 
+// A round for which memory does not suffice is given up, and the next one tries again: texts that
+// cost too much are dropped where they are read.
+ConveyThread::Left ConveyThread::tryRound(bool regular) {
+    try {
+        return runRound(regular);
+    } catch (const std::bad_alloc&) {
+        failedRounds_.fetch_add(1);
+    }
+    platform::Log::system().problem("out of memory: a round of the background thread was given up");
+    return {};
+}
+
 ConveyThread::Left ConveyThread::runRound(bool regular) {
     Left left;
+    if (regular) {
+        removeExpiredPingData();
+    }
     // Pings first, in each round: that a process answers must not depend on what its instances have
     // to do.
     left.more = answerPings();
@@ -302,27 +323,14 @@ ConveyThread::Left ConveyThread::runRound(bool regular) {
     return left;
 }
 
-// Counts messages, not texts: one text may hold any number of them.
 bool ConveyThread::answerPings() {
-    const auto stream = this->stream();
-    // What the bound leaves of a text stays for the next round, in its order.
-    for (int pings = 0; pings < kPingsAtOnce && !stop_.load(); ++pings) {
-        while (nextPing_ >= pings_.length()) {
-            if (!stream->messagePending()) {
-                // Not kept until the next ping comes: it may have been a large one.
-                pings_ = SoString();
-                nextPing_ = 0;
-                return false;
-            }
-            (void)stream->receive();
-            pings_ = stream->getMessages();
-            nextPing_ = 0;
+    const auto answer = [this](const std::unique_ptr<Message>& message) {
+        if (!stop_.load()) { // a handler may end the layer, and what the others rely on
+            answerPing(*message);
         }
-        Message message;
-        nextPing_ = message.readFromString(pings_, nextPing_);
-        answerPing(message);
-    }
-    return true;
+    };
+    return pings_->read(*stream(), kPingMilliseconds, kPingsAtOnce, false, answer) ==
+           ConveyData::Arrivals::Stop::time;
 }
 
 void ConveyThread::answerPing(Message& message) {
@@ -520,6 +528,8 @@ void ConveyThread::appendDiagnostics(SoString& out, const SoString& path) const 
     CVDiagnosticsRows rows(out, root);
     rows.node("", "Thread", specifier_);
     rows.leaf("/avgpump", "Avg. pump interval", averagePump_, "ms");
+    rows.leaf("/outofmemory", "Given up for want of memory",
+              failedRounds_.load() + pings_->dropped());
     rows.leaf("/lastpump", "Last pump", lastPump_ > 0 ? now() - lastPump_ : 0.0, "ms ago");
     rows.node("/ping", "Ping", static_cast<uint32_t>(table_.size()));
     root << "/ping";

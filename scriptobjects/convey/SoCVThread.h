@@ -23,6 +23,7 @@ namespace ScObjects {
 
 namespace ConveyData {
 enum class Delivery;
+class Arrivals;
 class Outbox;
 } // namespace ConveyData
 
@@ -155,6 +156,7 @@ private:
     // One round: answers pings, receives and sends for the instances.
     struct Left; // what a round has left to do
     Left runRound(bool regular);
+    Left tryRound(bool regular);
     bool answerPings();
     void answerPing(Convey::Message& message);
     Left serveInstances(bool regular);
@@ -175,8 +177,8 @@ private:
     double lastPump_ SO_GUARDED_BY(this) = 0;
     const std::unique_ptr<ConveyData::Outbox> outbox_;           // answers, and what is forwarded
     std::unique_ptr<ConveyCourier> courier_ SO_GUARDED_BY(this); // null until it is needed
-    SoString pings_;       // being answered; this and the next by the thread itself only
-    int32_t nextPing_ = 0; // where the next one begins
+    std::atomic<uint32_t> failedRounds_{0};                      // for want of memory
+    const std::unique_ptr<ConveyData::Arrivals> pings_;          // by the thread itself only
 };
 
 } // namespace ScObjects

@@ -77,6 +77,7 @@ TEST(Diagnostics, describeAWholeState) {
 /own-1.0/ports;0;Port folder;PORTS;
 /own-1.0/thread;1;Thread;own-1.0#thread;
 /own-1.0/thread/avgpump;0;Avg. pump interval;0ms;
+/own-1.0/thread/outofmemory;0;Given up for want of memory;0;
 /own-1.0/thread/lastpump;0;Last pump;0ms ago;
 /own-1.0/thread/ping;1;Ping;8;
 )";

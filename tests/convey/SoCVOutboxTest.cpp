@@ -1,8 +1,10 @@
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -16,6 +18,7 @@
 #include "scriptobjects/convey/SoCVOutbox.h"
 #include "scriptobjects/convey/SoCVThread.h"
 #include "scriptobjects/stream/InterAppStream.h"
+#include "tests/support/FailingAllocations.h"
 #include "tests/support/Peers.h"
 #include "tests/support/TableConnector.h"
 
@@ -301,6 +304,43 @@ TEST_F(WayOutTest, whatAnOwnerSendsDoesNotOvertakeWhatWaits) {
         received += target->getMessages().c_str();
     }
     EXPECT_LT(received.find("\n\nfirst"), received.find("\n\nsecond"));
+}
+
+// Any allocation of the background thread may fail: a round or a text is lost, and it goes on.
+TEST_F(WayOutTest, memoryThatRunsOutEndsNothing) {
+    class Fails : public Convey::MsgHandler {
+    public:
+        int32_t handleMessage(int, Message& message, SoString*) override {
+            next_.emplace(std::atoi(message.getUserHeaderValue("after").c_str()));
+            return 0;
+        }
+
+    private:
+        std::optional<FailingAllocation> next_; // of the background thread, which alone calls this
+    };
+    Convey own("own-1.0", nullptr, true, nullptr);
+    InterAppStream asker("asker-1.0#ping");
+    EXPECT_TRUE(Convey::Thread::setPingHandler("fail", new Fails));
+    for (int after = 0; after < 40; ++after) {
+        Message ping;
+        ping.setTarget("own-1.0#thread");
+        ping.setSender("asker-1.0#ping");
+        ping.setType("ping");
+        ping.setHeader("ECHO_REQUEST", "fail");
+        ping.setHeader("after", static_cast<long>(after));
+        SoString text;
+        EXPECT_TRUE(ping.writeToString(text));
+        EXPECT_TRUE(asker.send("own-1.0#thread", text));
+        std::string answer;
+        for (int tries = 0; tries < 50 && answer != "IDLE"; ++tries) {
+            tellThread(asker, "STATUS");
+            do {
+                answer = answerTo(asker, 200);
+            } while (answer != "IDLE" && answer != "-");
+        }
+        ASSERT_EQ(answer, "IDLE") << "after " << after << " allocations";
+    }
+    EXPECT_TRUE(Convey::Thread::setPingHandler("fail", nullptr));
 }
 
 TEST_F(WayOutTest, observersThatCameBeforeTheMainInstanceAreServed) {
