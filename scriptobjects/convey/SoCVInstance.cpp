@@ -183,6 +183,7 @@ void PrivateData::appendDiagnostics(SoString& out, const SoString& path) const {
         }
     }
     rows.leaf("/handlers", "Handlers", static_cast<uint32_t>(conversations_.handlerCount()));
+    rows.leaf("/outofmemory", "Texts dropped for want of memory", arrivals_.dropped());
     rows.leaf("/predecessor", "Answers to a predecessor", answersToPredecessor_.load());
     rows.leaf("/rejected", CV_DIGEST_REJECTED, rejected_.load());
     if (const uint32_t lost = answersLost_.load()) {

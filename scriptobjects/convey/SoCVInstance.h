@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 
+#include "scriptobjects/convey/SoCVArrivals.h"
 #include "scriptobjects/convey/SoCVConversation.h"
 #include "scriptobjects/convey/SoCVMessageQueue.h"
 #include "scriptobjects/convey/SoCVMessenger.h"
@@ -128,10 +129,11 @@ private:
     bool waitForTarget(const Convey::Message& message);
     bool waitForResponse(const Conversations::Wait& wait, const Convey::Message& message,
                          uint32_t seconds);
-    void receiveTexts(SoString&& text);
+    bool receive(int messages, bool needed);
+    void receiveMessage(std::unique_ptr<Convey::Message> message);
+    MessageQueue::Taken takeWanted(uint32_t serialNumber, Conversations::Turn& turn);
     void accept(std::unique_ptr<Convey::Message> message);
     bool isForThisLife(const Convey::Message& message);
-    bool receiveAll();
     bool handle(MessageQueue::Taken& taken, Conversations::Turn& turn);
     void dispatch(MessageQueue::Taken& taken, Conversations::Turn& turn, bool& called);
     void answer(const Convey::Message& request, int32_t code, const SoString& text);
@@ -158,6 +160,7 @@ private:
     SoString appName_ SO_GUARDED_BY(this);
     // From the stream to the queue one thread at a time, or messages would overtake each other.
     std::mutex receivingTurn_;
+    Arrivals arrivals_; // of who has that turn
 };
 
 } // namespace ConveyData

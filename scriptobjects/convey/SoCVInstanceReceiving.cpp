@@ -1,9 +1,11 @@
 // How an instance receives, and what becomes of what it has received.
+#include <climits>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "limits/Limits.h"
+#include "platform/Clock.h"
 #include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVInstanceParts.h"
@@ -17,11 +19,8 @@ namespace {
 using Message = Convey::Message;
 using MsgHandler = Convey::MsgHandler;
 
-// What the background receives for an instance whose owner does not pump; the rest stays in the
-// system's queue, and holds its senders.
-constexpr int32_t kMaximumReceivedAhead = limits::of("queue.incoming.messages");
-constexpr int64_t kMaximumReceivedBytes = limits::of("queue.incoming.bytes");
-constexpr int kTextsAtOnce = limits::of("receive.texts");
+constexpr int64_t kReceiveMilliseconds = limits::of("receive.time");
+constexpr int kMessagesAtOnce = limits::of("receive.messages");
 // Handlers that call each other by waiting; deeper ones dispatch only what is waited for.
 constexpr int32_t kDeepestWait = limits::of("handler.depth");
 
@@ -72,6 +71,10 @@ bool attempt(Step&& step) {
     return guarded(false, [&] { return step(), true; });
 }
 
+int64_t monotonicNow() {
+    return platform::Clock::system().monotonicMilliseconds();
+}
+
 } // namespace
 
 bool PrivateData::incomingPending() const {
@@ -83,7 +86,7 @@ bool PrivateData::incomingPending() const {
         return true;
     }
     const auto stream = this->stream();
-    return stream != nullptr && (!stream->isEmpty() || stream->messagePending());
+    return !arrivals_.isEmpty() || (stream != nullptr && stream->messagePending());
 }
 
 // An answer to a process that had this name before is no answer to this one.
@@ -107,42 +110,39 @@ void PrivateData::removeExpired() {
     incoming_.removeExpiredMessages();
 }
 
-void PrivateData::receiveTexts(SoString&& text) {
-    for (int32_t next = 0; next < text.length();) {
-        auto message = std::make_unique<Message>();
-        next = message->readFromString(text, next);
-        if (message->getDigestState() == CV_DIGEST_REJECTED) {
-            rejected_.fetch_add(1, std::memory_order_relaxed);
-        }
-        // A watcher is a message to oneself: one from outside would have a time-out told that
-        // nobody has asked for.
-        if (message->getType() == CV_TYPE_WATCHER || !isForThisLife(*message)) {
-            continue;
-        }
-        // Before the queue has it: another thread may handle it at once, and "Processed" must not
-        // come to the asker before "Received".
-        (void)sendResponse(*message, CV_WANTS_RECEIVED, nullptr);
-        logEvent("RECEIVE", *message);
-        accept(std::move(message));
+void PrivateData::receiveMessage(std::unique_ptr<Message> message) {
+    if (message->getDigestState() == CV_DIGEST_REJECTED) {
+        rejected_.fetch_add(1, std::memory_order_relaxed);
     }
+    // A watcher is a message to oneself: one from outside would have a time-out told that nobody
+    // has asked for.
+    if (message->getType() == CV_TYPE_WATCHER || !isForThisLife(*message)) {
+        return;
+    }
+    // Before the queue has it: another thread may handle it at once, and "Processed" must not come
+    // to the asker before "Received".
+    (void)sendResponse(*message, CV_WANTS_RECEIVED, nullptr);
+    logEvent("RECEIVE", *message);
+    accept(std::move(message));
+}
+
+// Receives for a moment, as far as there is room; true when there is more.
+bool PrivateData::receive(int messages, bool needed) {
+    const auto stream = this->stream();
+    if (stream == nullptr) {
+        return false;
+    }
+    const ConveyUtils::DelayedForwarding delayed; // an observer may receive, too
+    const std::lock_guard<std::mutex> turn(receivingTurn_);
+    return arrivals_.read(*stream, kReceiveMilliseconds, messages, needed,
+                          [this](std::unique_ptr<Message> message) {
+                              receiveMessage(std::move(message));
+                          }) == Arrivals::Stop::time;
 }
 
 bool PrivateData::receiveArrived() {
     removeExpired(); // the owner may not pump for long
-    const auto stream = this->stream();
-    for (int texts = 0; stream != nullptr && texts < kTextsAtOnce; ++texts) {
-        // Asked before each text: it may bring any number of messages, so the bound is exceeded by
-        // one text at most.
-        if (incoming_.count() >= kMaximumReceivedAhead ||
-            incoming_.bodyBytes() >= kMaximumReceivedBytes || !stream->messagePending()) {
-            return false;
-        }
-        const ConveyUtils::DelayedForwarding delayed; // an observer may receive, too
-        const std::lock_guard<std::mutex> turn(receivingTurn_);
-        (void)stream->receive();
-        receiveTexts(stream->getMessages());
-    }
-    return stream != nullptr;
+    return receive(INT_MAX, false);
 }
 
 void PrivateData::tellOfEndedTakers() {
@@ -157,7 +157,7 @@ void PrivateData::tellOfEndedTakers() {
         // answer.
         const std::lock_guard<std::mutex> turn(receivingTurn_);
         const auto stream = this->stream();
-        if (stream == nullptr || !stream->isEmpty() || stream->messagePending()) {
+        if (stream == nullptr || !arrivals_.isEmpty() || stream->messagePending()) {
             return; // the last answers may be in what is not received yet
         }
         lost = takers_->takeLost();
@@ -173,33 +173,12 @@ void PrivateData::tidyTakers() {
     takers_->watchAgain([this](platform::TargetWatch& taker) { watchTaker(taker); });
 }
 
-// Draws all that has arrived into the queue; false when there was nothing, and nothing waits.
-// Without the bounds of the background: who pumps handles what it draws.
-bool PrivateData::receiveAll() {
-    const auto stream = this->stream();
-    const bool arrived = stream != nullptr && (stream->messagePending() || !stream->isEmpty());
-    if (arrived) {
-        const ConveyUtils::DelayedForwarding delayed; // an observer may receive, too
-        const std::lock_guard<std::mutex> turn(receivingTurn_);
-        (void)stream->receive();
-        while (!stream->isEmpty()) {
-            receiveTexts(stream->getMessages());
-        }
-    }
-    return arrived || !incoming_.isEmpty();
-}
-
-bool PrivateData::processIncoming(uint32_t serialNumber, bool process) {
-    if (isClosed()) {
-        return false;
-    }
-    removeExpired();
-    if (!receiveAll() || !process) {
-        return false;
+MessageQueue::Taken PrivateData::takeWanted(uint32_t serialNumber, Conversations::Turn& turn) {
+    if (incoming_.isEmpty()) {
+        return {};
     }
     // Handlers that wait within handlers must not fill the stack.
     const bool awaitedOnly = handlerDepth() >= kDeepestWait;
-    Conversations::Turn turn;
     std::set<std::string> heldUp;
     // Captured as one reference, for which the functions need no block of the heap: they are made
     // for each message that is handled.
@@ -222,7 +201,26 @@ bool PrivateData::processIncoming(uint32_t serialNumber, bool process) {
         awaited = conversations_.awaitedNumbers();
         choice.numbers = &awaited;
     }
-    MessageQueue::Taken taken = incoming_.takeWanted(serialNumber, choice);
+    return incoming_.takeWanted(serialNumber, choice);
+}
+
+bool PrivateData::processIncoming(uint32_t serialNumber, bool process) {
+    if (isClosed()) {
+        return false;
+    }
+    removeExpired();
+    (void)receive(kMessagesAtOnce, false);
+    if (!process) {
+        return false;
+    }
+    Conversations::Turn turn;
+    MessageQueue::Taken taken = takeWanted(serialNumber, turn);
+    // What somebody waits for may lie behind what fills the queue and cannot be handled now.
+    for (const int64_t end = monotonicNow() + kReceiveMilliseconds;
+         taken.message == nullptr && !arrivals_.isEmpty() && monotonicNow() < end;) {
+        (void)receive(1, true);
+        taken = takeWanted(serialNumber, turn);
+    }
     if (taken.message == nullptr || taken.message->getTarget().isEmpty()) {
         return false;
     }

@@ -88,6 +88,7 @@ TEST(Diagnostics, describeAWholeState) {
 /own-1.0/instances/own-1.0/in;0;Incoming;0;
 /own-1.0/instances/own-1.0/out;0;Outgoing;0;
 /own-1.0/instances/own-1.0/handlers;0;Handlers;0;
+/own-1.0/instances/own-1.0/outofmemory;0;Texts dropped for want of memory;0;
 /own-1.0/instances/own-1.0/predecessor;0;Answers to a predecessor;0;
 /own-1.0/instances/own-1.0/rejected;0;REJECTED;0;
 /own-1.0/instances/own-1.0/handling;0;Handling;0;
@@ -126,6 +127,7 @@ TEST(Diagnostics, describeAWholeState) {
 /own-1.0/instances/other-2.0/in/msg42/body/text;0;Text;one
 /own-1.0/instances/other-2.0/out;0;Outgoing;0;
 /own-1.0/instances/other-2.0/handlers;0;Handlers;0;
+/own-1.0/instances/other-2.0/outofmemory;0;Texts dropped for want of memory;0;
 /own-1.0/instances/other-2.0/predecessor;0;Answers to a predecessor;0;
 /own-1.0/instances/other-2.0/rejected;0;REJECTED;0;
 /own-1.0/instances/other-2.0/handling;0;Handling;0;

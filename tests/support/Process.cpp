@@ -4,6 +4,8 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/resource.h>
@@ -175,4 +177,16 @@ int RunningProcess::finish() {
     }
     pid_ = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+double millisecondsBehindMain(int process) {
+    double nanoseconds = 0;
+    const std::string number = std::to_string(process);
+    for (const auto& task : std::filesystem::directory_iterator("/proc/" + number + "/task")) {
+        double one = 0;
+        if (task.path().filename() != number && std::ifstream(task.path() / "schedstat") >> one) {
+            nanoseconds += one;
+        }
+    }
+    return nanoseconds / 1e6;
 }

@@ -12,6 +12,10 @@ struct ProcessResult {
     std::string err;
 };
 
+// What the threads of a process but its first have used of processors, in milliseconds: it does not
+// depend on what else the machine does.
+double millisecondsBehindMain(int process);
+
 // Runs a program to its end, without standard input, with this process's environment and, over it,
 // `environment` (an empty value removes the variable). It is killed, and the result says so by its
 // signal, when it takes longer than a minute. Throws std::runtime_error when it cannot be started.
