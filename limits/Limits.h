@@ -65,6 +65,8 @@ inline constexpr Limit kAll[] = {
     {"thread.round", 100, "ms", "between looks at what nothing announces"},
     {"thread.parked", 3'600'000, "ms", "with nothing to look at; what happens ends the wait"},
     {"thread.keys", 1000, "keys", "of the ping table: any process may add some"},
+    {"thread.key", 65'536, "bytes", "of a key, and of its value"},
+    {"thread.table", 4 * kMiB, "bytes", "of all keys and values"},
     {"thread.pings", 256, "pings", "read at once, then the instances have their turn"},
     {"thread.answer.age", 30, "s", "of an answer that its asker has not taken"},
     {"thread.unsent.answers", 2048, "answers", "kept for askers and observers that take nothing"},

@@ -39,6 +39,8 @@ using ConveyData::Outbox;
 constexpr int64_t kRoundMilliseconds = limits::of("thread.round");
 constexpr int64_t kParkedMilliseconds = limits::of("thread.parked");
 constexpr unsigned kSetupPollMilliseconds = 10;
+constexpr int32_t kMaximumTextBytes = limits::of("thread.key");
+constexpr int64_t kMaximumTableBytes = limits::of("thread.table");
 constexpr int kPingsAtOnce = limits::of("thread.pings");
 constexpr int64_t kPingMilliseconds = limits::of("receive.time");
 // An answer that its asker does not take is kept for as long as that waits itself, within a bound.
@@ -129,7 +131,14 @@ ConveyThread::PingData* ConveyThread::findOrAddLocked(const SoString& key) {
 
 bool ConveyThread::setKeyValuePair(const SoString& key, const SoString& value) {
     const ObjectLock guard(*this);
-    PingData* const data = findOrAddLocked(key);
+    if (key.length() > kMaximumTextBytes || value.length() > kMaximumTextBytes) {
+        return false;
+    }
+    int64_t bytes = int64_t{key.length()} + value.length();
+    for (const PingData& data : table_) {
+        bytes += data.key == key ? 0 : int64_t{data.key.length()} + data.value.length();
+    }
+    PingData* const data = bytes > kMaximumTableBytes ? nullptr : findOrAddLocked(key);
     if (data != nullptr) {
         data->value = value;
     }

@@ -87,7 +87,8 @@ public:
     // The name at which it is reached.
     SoString getSpecifier() const;
 
-    // Sets a value; false for an empty key and when the table is full.
+    // Sets a value; false for an empty key, for one or a value that is too long, and when the table
+    // is full (`convey limits`: thread.key, thread.keys, thread.table).
     bool setKeyValuePair(const SoString& key, const SoString& value);
     SoString getValueForKey(const SoString& key) const;
     // The place of the key in the table, -1 for none. Good until the table changes.

@@ -24,6 +24,11 @@ constexpr uint32_t kForwardedSeconds = limits::of("forward.age");
 constexpr const char* kForwardingKeys[] = {
     ConveyData::CV_FORWARD_MESSAGES, ConveyData::CV_FORWARD_ERRORS, ConveyData::CV_FORWARD_LOGS};
 
+constexpr const char* kOwnKeys[] = {ConveyThread::CV_ECHO_REQUEST, ConveyThread::CV_STATUS,
+                                    ConveyThread::CV_MAIN,         ConveyThread::CV_LAUNCHED,
+                                    ConveyThread::CV_DIAGNOSTICS,  ConveyThread::CV_INFO,
+                                    ConveyThread::CV_LAUNCHPARAMS, ConveyThread::CV_SETUPTIME};
+
 bool isForwardingKey(const SoString& key) {
     return std::any_of(std::begin(kForwardingKeys), std::end(kForwardingKeys),
                        [&key](const char* forwarding) { return key == forwarding; });
@@ -69,14 +74,22 @@ int32_t ThreadMainMsgHandler::handleMessage(int /*event*/, Convey::Message& mess
     return 0;
 }
 
+// The layer's own keys are not for others to set: a peer could make a running application say that
+// it does not run. Answered is what holds then.
 SoString ThreadMainMsgHandler::setKey(const SoString& key, const SoString& value) const {
+    if (std::any_of(std::begin(kOwnKeys), std::end(kOwnKeys),
+                    [&key](const char* own) { return key == own; })) {
+        return thread_->getValueForKey(key);
+    }
+    if (!thread_->setKeyValuePair(key, value)) {
+        return thread_->getValueForKey(key);
+    }
     // Without a main instance the key is only kept, until there is one to be observed.
     if (isForwardingKey(key)) {
         if (const auto main = context_->pinMain()) {
             observe(*main, key, value);
         }
     }
-    (void)thread_->setKeyValuePair(key, value);
     return value;
 }
 

@@ -404,6 +404,30 @@ TEST_F(EngineTest, theTableAnswersPings) {
     EXPECT_TRUE(thread->setTimeout("short", -1));
     thread->removeExpiredPingData();
     EXPECT_EQ(thread->locateKey("short"), -1);
+    SoString longest(std::string(limits::of("thread.key"), 'v').c_str());
+    int64_t large = 0;
+    while (thread->setKeyValuePair(("l" + std::to_string(large)).c_str(), longest)) {
+        ASSERT_LT(++large, limits::of("thread.table"));
+    }
+    EXPECT_EQ(large, limits::of("thread.table") / limits::of("thread.key") - 1) << "with the keys";
+    while (large-- > 0) {
+        EXPECT_TRUE(thread->setTimeout(("l" + std::to_string(large)).c_str(), -1));
+    }
+    thread->removeExpiredPingData();
+    EXPECT_TRUE(thread->setKeyValuePair(longest, "as long"));
+    longest << "v";
+    EXPECT_FALSE(thread->setKeyValuePair(longest, "too long"));
+    EXPECT_FALSE(thread->setKeyValuePair("too long", longest));
+    for (const char* own : {"ECHO_REQUEST", "STATUS", "MAIN", "INFO", "LAUNCHPARAMS"}) {
+        Message ping; // of another process
+        ping.setType("ping");
+        ping.setHeader("ECHO_REQUEST", (std::string(own) + "=ISNOTRUNNING").c_str());
+        const SoString before = thread->getValueForKey(own);
+        SoString answer;
+        EXPECT_EQ(thread->findHandler("MAIN")->handleMessage(1, ping, &answer), 0);
+        EXPECT_EQ(answer, before) << own;
+        EXPECT_EQ(thread->getValueForKey(own), before) << own;
+    }
     size_t keys = 0;
     while (thread->setKeyValuePair(("k" + std::to_string(keys)).c_str(), "v")) {
         ASSERT_LT(++keys, 2 * ConveyThread::kMaximumKeys);
