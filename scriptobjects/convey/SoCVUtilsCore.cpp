@@ -106,7 +106,10 @@ bool forwardMessage(const Convey::Message& message, const SoString& handlerType,
                     const SoString& root, const SoString& label) {
     // A plain message without body is a probe, which asks for nothing.
     const SoString& type = message.getType();
+    // What was forwarded is not forwarded again: observers of each other would never come to an
+    // end.
     if (type == ConveyData::CV_TYPE_DEBUG || type == ConveyData::CV_TYPE_LOG ||
+        type.view().starts_with(ConveyData::CV_FORWARD_PREFIX) ||
         (type == ConveyData::CV_TYPE_PLAIN && message.getBody().isEmpty())) {
         return false;
     }
