@@ -12,6 +12,7 @@
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVMessageQueue.h"
+#include "scriptobjects/convey/SoCVThread.h"
 #include "scriptobjects/stream/InterAppStream.h"
 #include "tests/support/TemporaryFolder.h"
 
@@ -77,6 +78,20 @@ void roundTrip(int times, bool built) {
     }
 }
 
+class Counting : public Convey::MsgHandler {
+public:
+    int32_t handleMessage(int, Convey::Message&, SoString*) override {
+        ++calls_;
+        return 0;
+    }
+    SoString getMsgType() const override { return "Tessaly"; }
+    uint32_t getSerialNumber() const override { return Convey::kAnySerialNumber; }
+    int calls() const { return calls_; }
+
+private:
+    int calls_ = 0;
+};
+
 // A request within the process and its result.
 void request(int times) {
     if (!Convey::InitTerm::init("viewer-1.0", true)) {
@@ -94,6 +109,34 @@ void request(int times) {
         delete own.changeHandler(new bench::Answering("Result", message.getSerialNumber()));
         if (!own.send(message, false, 20, nullptr)) {
             fail("no result");
+        }
+    }
+}
+
+// A message of another process, as it seems, that an instance receives and handles. Without the
+// background thread, which would receive some of them.
+void receive(int times) {
+    if (!Convey::InitTerm::init("kivra-7.0", true) ||
+        !ScObjects::ConveyThread::getMainThread()->stop()) {
+        fail("init");
+    }
+    Convey own("kivra-7.0", nullptr, true, nullptr);
+    auto* const handler = new Counting;
+    delete own.changeHandler(handler);
+    const InterAppStream asker("asker-1.0");
+    Convey::Message message;
+    message.setTarget("kivra-7.0");
+    message.setSender("asker-1.0");
+    message.setType("Tessaly");
+    message.setBody("question");
+    SoString text;
+    (void)message.writeToString(text);
+    for (int i = 0; i < times; ++i) {
+        if (!asker.send("kivra-7.0", text)) {
+            fail("send");
+        }
+        while (handler->calls() == i) {
+            (void)Convey::pump(ScObjects::kProcessBoth);
         }
     }
 }
@@ -118,8 +161,10 @@ int main(int argc, char** argv) {
         roundTrip(times, true);
     } else if (operation == "request") {
         request(times);
+    } else if (operation == "received") {
+        receive(times);
     } else {
-        fail("usage: counted_bench queue|carried|built|built-with-digest|request TIMES");
+        fail("usage: counted_bench queue|carried|built|built-with-digest|request|received TIMES");
     }
     (void)Convey::InitTerm::exit();
     return 0;
