@@ -117,6 +117,11 @@ public:
     // Takes the next text; false when none has arrived. Does not block.
     [[nodiscard]] virtual bool take(PortText& out) = 0;
 
+    // True when the last `take` stopped in the middle of large texts (`convey limits`:
+    // receive.bytes), so that its caller can look after something else. Then there are bytes to be
+    // read at once, and a wait for events ends at once.
+    virtual bool hasMore() const = 0;
+
     // Leaves what this process sends in the system's queue from now on, or takes it again. Texts
     // that were drawn already are handed on. For who has no room for more of one sender, and goes
     // on taking from others. No wait ends for what is held back.

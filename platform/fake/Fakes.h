@@ -363,6 +363,7 @@ private:
             return ports_.changed_.wait_for(lock, std::chrono::milliseconds(timeout),
                                             [this] { return !ports_.queues_[name_].empty(); });
         }
+        bool hasMore() const override { return false; }
         void hold(int32_t, bool) override {} // its texts come from this process
         PortStatistics statistics() const override { return statistics_; }
 

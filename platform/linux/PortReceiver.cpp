@@ -51,6 +51,8 @@ constexpr int kEventsAtOnce = 8;
 constexpr int kPacketsAtOnce = 16;
 constexpr int kAcceptsAtOnce = 64;
 constexpr int kRoundsAtOnce = 64; // more than it takes to see the end of all connections
+// Of large texts; then the caller goes on, since one takes as long as its sender has bytes for it.
+constexpr size_t kPartBytesAtOnce = limits::of("receive.bytes");
 // The others are looked at again after so many texts of the same connection.
 constexpr uint32_t kHotRuns = 8;
 constexpr int64_t kListeningPauseMilliseconds = limits::of("port.accept-pause");
@@ -251,6 +253,15 @@ bool PortReceiver::take(PortText& out) {
     return true;
 }
 
+bool PortReceiver::hasMore() const {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return hasMoreLocked();
+}
+
+bool PortReceiver::hasMoreLocked() const {
+    return partBytesRead_ >= kPartBytesAtOnce;
+}
+
 PortStatistics PortReceiver::statistics() const {
     const std::lock_guard<std::mutex> guard(mutex_);
     PortStatistics result = statistics_;
@@ -271,6 +282,7 @@ bool PortReceiver::readHot(int packets) {
 
 // Draws what has arrived, within bounds; true when a text is ready.
 bool PortReceiver::fill() {
+    partBytesRead_ = 0;
     if (readHot(kPacketsAtOnce)) {
         return true;
     }
@@ -283,7 +295,7 @@ bool PortReceiver::fill() {
         epoll_event events[kEventsAtOnce];
         const int count = epoll_wait(events_.get(), events, kEventsAtOnce, 0);
         readEvents(events, count, kPacketsAtOnce);
-        if (!ready_.empty() || count <= 0) {
+        if (!ready_.empty() || count <= 0 || hasMoreLocked()) {
             break;
         }
     }
@@ -479,6 +491,13 @@ void PortReceiver::read(Connections::iterator connection, int packets) {
     const size_t before = ready_.size();
     const size_t announcedBefore = announcedBytes_;
     const Reading reading = readPackets(connection->second, packets);
+    if (reading == Reading::open && hasMoreLocked()) {
+        // What has been told once is told again: who waits for changes only must not wait now.
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.u64 = connection->first;
+        (void)epoll_ctl(events_.get(), EPOLL_CTL_MOD, connection->second.socket.get(), &event);
+    }
     if (ready_.size() != before) {
         hot_ = connection->first;
         connection->second.lastText = lastText_ = lastText_ + 1;
@@ -530,6 +549,9 @@ PortReceiver::Reading PortReceiver::readPackets(Connection& connection, int pack
         if (inParts && connection.part.size() == 0) {
             break; // memory for the next large text only when this one has been taken
         }
+        if (hasMoreLocked()) {
+            break;
+        }
     }
     return Reading::open;
 }
@@ -538,6 +560,7 @@ PortReceiver::Reading PortReceiver::takePacket(Connection& connection, size_t by
     if (connection.part.size() != 0) {
         connection.received += bytes;
         connection.progressBytes += bytes;
+        partBytesRead_ += bytes;
         if (connection.progressBytes >= kProgressBytes) {
             connection.progressAt = now();
             connection.progressBytes = 0;

@@ -26,6 +26,7 @@ public:
 
     bool take(PortText& out) override;
     bool wait(int64_t timeoutMilliseconds, bool soon) override;
+    bool hasMore() const override;
     void hold(int32_t process, bool on) override;
     PortStatistics statistics() const override;
 
@@ -64,6 +65,7 @@ private:
     bool listen();
     void deafen();
     bool fill();
+    bool hasMoreLocked() const;
     void acceptAll();
     void admit(PortDescriptor socket, int32_t process);
     bool makeRoom(int32_t process);
@@ -108,6 +110,7 @@ private:
     int64_t tendAt_ = 0;     // when halves are looked at, while there are any
     PortDescriptor timer_;   // reports that time; missing where the system gives none
     std::deque<PortText> ready_;
+    size_t partBytesRead_ = 0; // of large texts, since the caller came
     const std::unique_ptr<unsigned char[]> buffer_;
     PortStatistics statistics_;
 

@@ -39,8 +39,10 @@ MacInterAppStream::DataRef::DataRef(platform::PortText& data) : process(data.pro
     // A sender's terminator would end the text for whoever reads it as one of C, and hide what
     // follows. As a line feed between two messages it is passed over.
     char* const end = data.data() + length;
-    if (auto* const first = static_cast<char*>(std::memchr(data.data(), '\0', length))) {
-        std::replace(first, end, '\0', '\n');
+    if (auto* at = static_cast<char*>(std::memchr(data.data(), '\0', length))) {
+        for (; at != end; ++at) { // written always: the compiler takes many at once
+            *at = *at == '\0' ? '\n' : *at;
+        }
     }
     // Not copied: the port's block has the room and the whole steps that a string's buffer has.
     // When memory runs out it is still the port's.
@@ -125,6 +127,11 @@ bool MacInterAppStream::take(SoString& text, int32_t& process) {
     text = std::move(data->text);
     process = data->process;
     return true;
+}
+
+bool MacInterAppStream::hasMore() const {
+    const std::shared_ptr<platform::LocalPort> port = this->port();
+    return port != nullptr && port->hasMore();
 }
 
 void MacInterAppStream::hold(int32_t process, bool on) {

@@ -72,6 +72,9 @@ public:
     // Takes the text that arrived first, as `receive` does, with the number of the process that
     // sent it (0 where the system does not say). False when none has been drawn.
     [[nodiscard]] bool take(SoString& text, int32_t& process);
+    // True when large texts were read in part only, so that nothing else waits for their end: there
+    // is more of them already.
+    bool hasMore() const;
     // Leaves what this process sends with it from now on, but for what is drawn already, or draws
     // it again.
     void hold(int32_t process, bool on);
