@@ -21,6 +21,12 @@ constexpr int64_t kMaximumUnreadBytes = limits::of("receive.unread");
 // What is read without a look at the clock: a fraction of a millisecond.
 constexpr size_t kStepBytes = limits::of("receive.step");
 
+// Processes with nothing here that are not forgotten at once: a conversation comes back.
+constexpr size_t kRemembered = 8;
+
+// Of a text after which its sender waits until it is read.
+constexpr int64_t kLargeBytes = limits::of("receive.large");
+
 // Between looks for what others have sent.
 constexpr int kStepsAtOnce = 16;
 
@@ -37,7 +43,7 @@ int64_t costOf(const Message::Reader& text) {
 bool IncomingAccounts::hasRoom(int32_t process) const {
     const std::lock_guard<std::mutex> guard(mutex_);
     const auto own = processes_.find(process);
-    return own == processes_.end() ||
+    return own == processes_.end() || own->second.messages == 0 ||
            (own->second.messages < kMaximumShareMessages &&
             own->second.bytes < kMaximumShareBytes && all_.messages < kMaximumMessages &&
             all_.bytes < kMaximumBytes);
@@ -63,7 +69,7 @@ void IncomingAccounts::giveBack(int32_t process, int64_t bytes) {
         --load->messages;
         load->bytes -= bytes;
     }
-    if (own->second.messages == 0) {
+    if (own->second.messages == 0 && processes_.size() > kRemembered) {
         processes_.erase(own);
     }
 }
@@ -97,23 +103,36 @@ Arrivals::Arrivals() = default;
 Arrivals::~Arrivals() = default;
 
 // Texts that were drawn belong to somebody whether there is room for them or not; of who has no
-// room for more, no more is drawn.
-void Arrivals::draw(InterAppStream& stream) {
+// room for more, no more is drawn. `look` is whether to ask the stream for what has arrived since
+// it was asked last, which costs a system call: once at first and again behind what may have been
+// all that it draws at once.
+void Arrivals::draw(InterAppStream& stream, Look& look) {
     SoString text;
     int32_t process = 0;
-    while (bytes_.load() < kMaximumUnreadBytes && stream.messagePending() &&
-           stream.take(text, process)) {
+    while (bytes_.load() < kMaximumUnreadBytes) {
+        if (!stream.take(text, process)) {
+            if (!std::exchange(look.isDue, false) || !stream.messagePending()) {
+                return;
+            }
+            continue;
+        }
         if (text.isEmpty()) {
             continue;
         }
         const auto sender = senders_.try_emplace(process).first;
         sender->second.texts.push_back(std::make_unique<Message::Reader>(std::move(text)));
-        bytes_.fetch_add(costOf(*sender->second.texts.back()));
-        if (accounts_->hasRoom(process)) {
-            return; // read at once, as a rule
-        }
-        if (process != 0) {
+        const int64_t bytes = costOf(*sender->second.texts.back());
+        bytes_.fetch_add(bytes);
+        look.bytes += bytes;
+        look.isDue = look.isDue || ++look.texts % kStepsAtOnce == 0 || look.bytes >= kLargeBytes;
+        const bool hasRoom = accounts_->hasRoom(process);
+        // One that takes long is enough: further ones of its sender would use up what there is for
+        // the unread texts of all.
+        if (process != 0 && (!hasRoom || bytes >= kLargeBytes)) {
             hold(stream, sender, true);
+        }
+        if (hasRoom) {
+            return; // read at once, as a rule
         }
     }
 }
@@ -143,19 +162,19 @@ Arrivals::Senders::iterator Arrivals::next(bool needed) {
 
 // A step of reading; the message when it is whole. A text for which memory does not suffice is
 // dropped: who sent it must not end everybody's reading.
-std::unique_ptr<Message> Arrivals::readSome(Senders::iterator sender) {
+std::unique_ptr<Message> Arrivals::readSome(InterAppStream& stream, Senders::iterator sender) {
     try {
-        return readStep(sender);
+        return readStep(stream, sender);
     } catch (const std::bad_alloc&) {
         sender->second.message = nullptr;
-        drop(sender);
+        drop(stream, sender);
     }
     dropped_.fetch_add(1);
     platform::Log::system().problem("out of memory: a text that had arrived was dropped");
     return nullptr;
 }
 
-std::unique_ptr<Message> Arrivals::readStep(Senders::iterator sender) {
+std::unique_ptr<Message> Arrivals::readStep(InterAppStream& stream, Senders::iterator sender) {
     Sender& from = sender->second;
     Message::Reader& text = *from.texts.front();
     const int64_t before = costOf(text);
@@ -169,24 +188,30 @@ std::unique_ptr<Message> Arrivals::readStep(Senders::iterator sender) {
     }
     from.message->charge();
     if (text.isAtEnd()) {
-        drop(sender);
+        drop(stream, sender);
     }
     return std::move(from.message);
 }
 
-void Arrivals::drop(Senders::iterator sender) {
-    bytes_.fetch_sub(costOf(*sender->second.texts.front()));
-    sender->second.texts.pop_front();
+void Arrivals::drop(InterAppStream& stream, Senders::iterator sender) {
+    Sender& from = sender->second;
+    bytes_.fetch_sub(costOf(*from.texts.front()));
+    from.texts.erase(from.texts.begin());
+    // At once: what it has sent meanwhile announces itself to nobody.
+    if (from.held && from.texts.empty() && accounts_->hasRoom(sender->first)) {
+        hold(stream, sender, false);
+    }
 }
 
 // Draws again from who has room, and forgets who has nothing here.
 void Arrivals::letGoOn(InterAppStream& stream, bool needed) {
     for (auto sender = senders_.begin(); sender != senders_.end();) {
         Sender& from = sender->second;
-        if (from.texts.empty() && (needed || accounts_->hasRoom(sender->first))) {
+        if (from.held && from.texts.empty() && (needed || accounts_->hasRoom(sender->first))) {
             hold(stream, sender, false);
         }
-        sender = from.held || !from.texts.empty() ? std::next(sender) : senders_.erase(sender);
+        const bool stays = from.held || !from.texts.empty() || senders_.size() <= kRemembered;
+        sender = stays ? std::next(sender) : senders_.erase(sender);
     }
 }
 
@@ -194,10 +219,14 @@ Arrivals::Stop Arrivals::read(InterAppStream& stream, int64_t milliseconds, int 
                               bool needed, const Take& take) {
     const int64_t end = now() + milliseconds;
     letGoOn(stream, needed);
-    for (int steps = 1;; ++steps) {
-        auto sender = next(false);
-        if (sender == senders_.end() || steps % kStepsAtOnce == 0) {
-            draw(stream);
+    // At first, too: what takes this long may end before its sixteenth step each time, and others
+    // would not be seen until all of it is read.
+    Look look;
+    for (int steps = 0;; ++steps) {
+        look.isDue = look.isDue || steps % kStepsAtOnce == 0;
+        auto sender = steps == 0 ? senders_.end() : next(false);
+        if (sender == senders_.end() || look.isDue) {
+            draw(stream, look);
             sender = next(false);
         }
         if (sender == senders_.end() && needed) {
@@ -207,7 +236,7 @@ Arrivals::Stop Arrivals::read(InterAppStream& stream, int64_t milliseconds, int 
         if (sender == senders_.end()) {
             return isEmpty() ? Stop::nothing : Stop::full;
         }
-        if (auto message = readSome(sender)) {
+        if (auto message = readSome(stream, sender)) {
             --messages;
             take(std::move(message));
         }

@@ -2,11 +2,11 @@
 
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "scriptobjects/convey/SoCVMessage.h"
 
@@ -73,17 +73,22 @@ public:
 private:
     class Received;
     struct Sender {
-        std::deque<std::unique_ptr<Convey::Message::Reader>> texts;
-        std::unique_ptr<Received> message; // that is being read
+        std::vector<std::unique_ptr<Convey::Message::Reader>> texts; // a handful
+        std::unique_ptr<Received> message;                           // that is being read
         bool held = false;
     };
     using Senders = std::map<int32_t, Sender>;
 
-    void draw(InterAppStream& stream);
+    struct Look {
+        bool isDue = true;
+        int texts = 0; // drawn since the reader came
+        int64_t bytes = 0;
+    };
+    void draw(InterAppStream& stream, Look& look);
     Senders::iterator next(bool needed);
-    std::unique_ptr<Convey::Message> readSome(Senders::iterator sender);
-    std::unique_ptr<Convey::Message> readStep(Senders::iterator sender);
-    void drop(Senders::iterator sender);
+    std::unique_ptr<Convey::Message> readSome(InterAppStream& stream, Senders::iterator sender);
+    std::unique_ptr<Convey::Message> readStep(InterAppStream& stream, Senders::iterator sender);
+    void drop(InterAppStream& stream, Senders::iterator sender);
     void hold(InterAppStream& stream, Senders::iterator sender, bool on);
     void letGoOn(InterAppStream& stream, bool needed);
 

@@ -129,7 +129,8 @@ private:
     bool waitForTarget(const Convey::Message& message);
     bool waitForResponse(const Conversations::Wait& wait, const Convey::Message& message,
                          uint32_t seconds);
-    bool receive(int messages, bool needed);
+    void receive(int messages, bool needed);
+    bool receiveInTurn(int messages, bool needed);
     void receiveMessage(std::unique_ptr<Convey::Message> message);
     MessageQueue::Taken takeWanted(uint32_t serialNumber, Conversations::Turn& turn);
     void accept(std::unique_ptr<Convey::Message> message);

@@ -1,7 +1,10 @@
 // How an instance receives, and what becomes of what it has received.
+#include <chrono>
 #include <climits>
+#include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "limits/Limits.h"
@@ -20,6 +23,7 @@ using Message = Convey::Message;
 using MsgHandler = Convey::MsgHandler;
 
 constexpr int64_t kReceiveMilliseconds = limits::of("receive.time");
+constexpr auto kTurnPause = std::chrono::milliseconds(1);
 constexpr int kMessagesAtOnce = limits::of("receive.messages");
 // Handlers that call each other by waiting; deeper ones dispatch only what is waited for.
 constexpr int32_t kDeepestWait = limits::of("handler.depth");
@@ -126,14 +130,18 @@ void PrivateData::receiveMessage(std::unique_ptr<Message> message) {
     accept(std::move(message));
 }
 
+void PrivateData::receive(int messages, bool needed) {
+    const ConveyUtils::DelayedForwarding delayed; // an observer may receive, too
+    const std::lock_guard<std::mutex> turn(receivingTurn_);
+    (void)receiveInTurn(messages, needed);
+}
+
 // Receives for a moment, as far as there is room; true when there is more.
-bool PrivateData::receive(int messages, bool needed) {
+bool PrivateData::receiveInTurn(int messages, bool needed) {
     const auto stream = this->stream();
     if (stream == nullptr) {
         return false;
     }
-    const ConveyUtils::DelayedForwarding delayed; // an observer may receive, too
-    const std::lock_guard<std::mutex> turn(receivingTurn_);
     return arrivals_.read(*stream, kReceiveMilliseconds, messages, needed,
                           [this](std::unique_ptr<Message> message) {
                               receiveMessage(std::move(message));
@@ -141,8 +149,16 @@ bool PrivateData::receive(int messages, bool needed) {
 }
 
 bool PrivateData::receiveArrived() {
-    removeExpired(); // the owner may not pump for long
-    return receive(INT_MAX, false);
+    removeExpired();                              // the owner may not pump for long
+    const ConveyUtils::DelayedForwarding delayed; // an observer may receive, too
+    // A pump that receives takes the turn again and again, as quickly as it gives it back: the
+    // background thread, which has pings to answer, would get it after seconds.
+    const std::unique_lock<std::mutex> turn(receivingTurn_, std::try_to_lock);
+    if (!turn.owns_lock()) {
+        std::this_thread::sleep_for(kTurnPause);
+        return true;
+    }
+    return receiveInTurn(INT_MAX, false);
 }
 
 void PrivateData::tellOfEndedTakers() {
@@ -157,7 +173,8 @@ void PrivateData::tellOfEndedTakers() {
         // answer.
         const std::lock_guard<std::mutex> turn(receivingTurn_);
         const auto stream = this->stream();
-        if (stream == nullptr || !arrivals_.isEmpty() || stream->messagePending()) {
+        if (stream == nullptr || !arrivals_.isEmpty() || stream->messagePending() ||
+            stream->hasMore()) {
             return; // the last answers may be in what is not received yet
         }
         lost = takers_->takeLost();
@@ -209,7 +226,7 @@ bool PrivateData::processIncoming(uint32_t serialNumber, bool process) {
         return false;
     }
     removeExpired();
-    (void)receive(kMessagesAtOnce, false);
+    receive(kMessagesAtOnce, false);
     if (!process) {
         return false;
     }
@@ -218,7 +235,7 @@ bool PrivateData::processIncoming(uint32_t serialNumber, bool process) {
     // What somebody waits for may lie behind what fills the queue and cannot be handled now.
     for (const int64_t end = monotonicNow() + kReceiveMilliseconds;
          taken.message == nullptr && !arrivals_.isEmpty() && monotonicNow() < end;) {
-        (void)receive(1, true);
+        receive(1, true);
         taken = takeWanted(serialNumber, turn);
     }
     if (taken.message == nullptr || taken.message->getTarget().isEmpty()) {

@@ -129,8 +129,8 @@ const char* findEnd(const char* text, char mark) {
             return text;
         }
     }
-    const char marks[] = {mark, '\0'};
-    return text + std::strcspn(text, marks);
+    const char* const found = std::strchr(text, mark);
+    return found != nullptr ? found : text + std::strlen(text);
 }
 
 // Header blocks up to this size are put together on the stack; ten headers have some 500 bytes.
