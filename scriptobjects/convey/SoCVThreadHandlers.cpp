@@ -145,6 +145,10 @@ int32_t ThreadInfoMsgHandler::handleMessage(int /*event*/, Convey::Message& mess
 
 int32_t ThreadForwardMsgHandler::handleMessage(int /*event*/, Convey::Message& message,
                                                SoString* /*result*/) {
+    // From the observer itself, which is observed in turn: they would send it to and fro for ever.
+    if (message.getType().view().starts_with(ConveyData::CV_FORWARD_PREFIX)) {
+        return 0;
+    }
     const ConveyContext* const context = ConveyContext::currentContextNow();
     const auto main = context == nullptr ? nullptr : context->pinMain();
     if (main == nullptr) {

@@ -540,11 +540,24 @@ TEST_F(EngineTest, forwardsWhatItHandlesToAnObserver) {
     Message message = request("own-1.0", "watched", "", "query");
     EXPECT_TRUE(own.send(message, false, 0, nullptr));
     pumpAll();
+    // As one says it that is observed by this process in turn.
+    EXPECT_TRUE(sendFrom(observer, request("own-1.0", "observed", "", "FWDMESSAGES")));
+    EXPECT_TRUE(sendFrom(observer, request("own-1.0", "arrived", "", "query")));
     std::string seen;
-    while (observer.receive() || observer.waitForMessage(200, false)) {
-        seen += observer.getMessages().c_str();
-    }
+    const auto sees = [&](const char* text) {
+        if (observer.messagePending() && observer.receive()) {
+            seen += observer.getMessages().c_str();
+        }
+        return seen.find(text) != std::string::npos;
+    };
+    pumpUntil([&] { return sees(";Text;arrived\n"); });
+    Message last = request("own-1.0", "last", "", "query");
+    EXPECT_TRUE(own.send(last, false, 0, nullptr)); // behind what the others have brought about
+    pumpUntil([&] { return sees(";Text;last\n"); });
+    EXPECT_THAT(seen, testing::Not(testing::HasSubstr("observed")));
     EXPECT_THAT(seen, testing::HasSubstr(";Text;watched\n"));
+    EXPECT_THAT(seen, testing::HasSubstr(";Text;arrived\n"));
+    EXPECT_THAT(seen, testing::HasSubstr(";Text;last\n"));
     EXPECT_THAT(seen, testing::HasSubstr("];added;\n"));
     EXPECT_THAT(seen, testing::HasSubstr("MsgRoot:/own-1.0/instances/own-1.0/in\n"));
     EXPECT_EQ(set("FWDMESSAGES="), "");
