@@ -33,6 +33,7 @@ constexpr size_t kJoinedBytes = 1024;
 // While the system is short of memory, or of places in a target's queue of new connections, there
 // is nothing to wait for but time.
 constexpr auto kPause = std::chrono::milliseconds(1);
+constexpr auto kOpeningTime = std::chrono::milliseconds(limits::of("port.opening"));
 constexpr auto kLookPause = std::chrono::microseconds(limits::of("port.look-pause"));
 constexpr auto kFolderLookPause = std::chrono::milliseconds(limits::of("port.look-folder"));
 
@@ -104,6 +105,7 @@ private:
 
     bool hasSuccessor();
     SendResult open(Deadline& deadline);
+    SendResult openOnce(Deadline& deadline, bool& mayBeStarting);
     void close();
     Outcome sendPacket(const PortPacket* header, std::string_view bytes, Deadline& deadline);
     Outcome sendWhole(std::string_view text, Deadline& deadline);
@@ -266,7 +268,21 @@ void PortSender::Connection::report(int events, uint64_t kind, const PortIncarna
     }
 }
 
+// An owner that is about to start has the name before it listens: who looks just then must not hear
+// that nobody is there.
 SendResult PortSender::Connection::open(Deadline& deadline) {
+    const Time::time_point end = std::min(deadline.end(), Time::now() + kOpeningTime);
+    for (;;) {
+        bool mayBeStarting = false;
+        const SendResult result = openOnce(deadline, mayBeStarting);
+        if (!mayBeStarting || Time::now() >= end) {
+            return result;
+        }
+        std::this_thread::sleep_for(kPause);
+    }
+}
+
+SendResult PortSender::Connection::openOnce(Deadline& deadline, bool& mayBeStarting) {
     PortFolder folder;
     const PortFolder::State state = folder.open(PortFolder::Use::ifThere);
     if (state != PortFolder::State::usable) {
@@ -280,7 +296,8 @@ SendResult PortSender::Connection::open(Deadline& deadline) {
     // Before the connection is made: a successor that comes between the two is noticed then.
     PortIncarnation owner;
     if (!findIncarnation(folder, socketFile_, owner)) {
-        return errno == ENOENT ? SendResult::noReceiver : SendResult::failed;
+        mayBeStarting = errno == ENOENT;
+        return mayBeStarting ? SendResult::noReceiver : SendResult::failed;
     }
     PortDescriptor socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!socket) {
@@ -313,6 +330,7 @@ SendResult PortSender::Connection::open(Deadline& deadline) {
         }
         // The target ended between the look at its lock and here, or does not listen yet.
         if (errno == ENOENT || errno == ECONNREFUSED) {
+            mayBeStarting = true;
             return SendResult::noReceiver;
         }
         Log::system().problem("cannot connect to port " + name_ + ": " + systemReason());

@@ -18,6 +18,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "limits/Limits.h"
 #include "platform/fake/Fakes.h"
 #include "tests/platform/PortFixture.h"
 
@@ -523,6 +524,21 @@ TEST_F(MessagePortTest, aDeletedFolderIsMadeAgain) {
 }
 
 // Who decides about launching must not take ignorance for absence.
+TEST_F(MessagePortTest, anOwnerThatDoesNotListenYetIsWaitedFor) {
+    const auto port = ports.open(kName);
+    ASSERT_NE(port, nullptr);
+    const std::string socket = fileOf(".socket");
+    std::filesystem::rename(socket, socket + ".later"); // as before it has made it
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(ports.send(kName, "x", kGenerous), SendResult::noReceiver);
+    EXPECT_GE(std::chrono::steady_clock::now() - start,
+              std::chrono::milliseconds(limits::of("port.opening")));
+    EXPECT_EQ(ports.send(kName, "x", 0), SendResult::noReceiver) << "who may not wait";
+    std::filesystem::rename(socket + ".later", socket);
+    EXPECT_EQ(ports.send(kName, "x", kGenerous), SendResult::delivered);
+    EXPECT_EQ(takeOne(*port), "x");
+}
+
 TEST_F(MessagePortTest, aShortageOfDescriptorsIsNoAbsence) {
     int error = -1;
     EXPECT_EQ(ports.look(kName, error), PortState::free);
