@@ -3,7 +3,10 @@
 #include <csignal>
 #include <new>
 #include <pthread.h>
+#include <string>
 #include <system_error>
+
+#include "platform/Log.h"
 
 namespace platform {
 namespace {
@@ -38,7 +41,8 @@ public:
         try {
             out = std::thread(entry, argument);
             return true;
-        } catch (const std::system_error&) {
+        } catch (const std::system_error& error) {
+            Log::system().problem(std::string("cannot start a thread: ") + error.code().message());
             return false;
         } catch (const std::bad_alloc&) {
             return false;

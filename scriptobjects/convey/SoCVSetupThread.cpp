@@ -103,7 +103,12 @@ SoString setUp(const SoString& appSpecifier) {
     }
     // Before the first message: an incomplete start name has no registration of its own.
     ConveyData::MessageGlobals::get()->readRegistry(specifier);
-    auto* const context = new ConveyContext(specifier);
+    auto made = std::make_unique<ConveyContext>(specifier);
+    // Without its thread a process would have a port and answer nobody.
+    if (made->getThread()->error() != Thread::kNoError) {
+        return SoString(ConveyThread::CV_NOTHREAD);
+    }
+    ConveyContext* const context = made.release();
     ConveyContext::setCurrentContext(context);
     (void)context->getThread()->setKeyValuePair(ConveyThread::CV_LAUNCHPARAMS, parameters);
     return SoString();

@@ -409,6 +409,10 @@ void ConveyThread::wakeCourier() {
     const ObjectLock guard(*this);
     if (courier_ == nullptr && !stop_.load()) {
         courier_ = std::make_unique<ConveyCourier>([this] { return carry(); });
+        if (courier_->error() != kNoError) { // no thread for it now: tried again in the next round
+            courier_.reset();
+            return;
+        }
         courier_->start();
     }
     if (courier_ != nullptr) {

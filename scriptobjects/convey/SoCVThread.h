@@ -58,6 +58,7 @@ public:
         ConveyData::CV_TYPE_PING; // the type of pings and their answers
     static constexpr const char* CV_NOINTERAPPSTREAM = "NOINTERAPPSTREAM";
     static constexpr const char* CV_INVALIDSPEC = "INVALIDSPEC";
+    static constexpr const char* CV_NOTHREAD = "NOTHREAD"; // the system gives the layer none
     static constexpr const char* CV_UNDEFINED = "UNDEFINED";
     static constexpr const char* CV_MSGTOSTRINGERROR = "MSGTOSTRINGERROR";
     static constexpr const char* CV_ISNOTINSTALLED = "ISNOTINSTALLED";

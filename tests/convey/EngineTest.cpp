@@ -676,6 +676,26 @@ TEST(Setup, startsWithoutPortsHomeOrSpecifier) {
     ScObjects::ConveyConnector::InitTerm::exit();
 }
 
+// A process whose port nobody serves would keep its name from others and answer no ping.
+TEST(Setup, failsWithoutItsThreadAndLeavesTheNameFree) {
+    for (const bool synchronous : {true, false}) {
+        SCOPED_TRACE(synchronous);
+        ScObjects::ConveyConnector::set(new TableConnector({"own-1.0"}, {}));
+        platform::FakeThreads threads;
+        threads.fails = true;
+        {
+            const platform::ScopedReplacement<platform::Threads> inForce(threads);
+            EXPECT_FALSE(Convey::InitTerm::init("own-1.0", synchronous));
+            EXPECT_EQ(Convey::getSharedContext(), nullptr);
+        }
+        EXPECT_TRUE(InterAppStream("own-1.0").canOpen("own-1.0#thread", false));
+        EXPECT_TRUE(Convey::InitTerm::init("own-1.0", synchronous));
+        EXPECT_EQ(Convey::Thread::getPingValue("ECHO_REQUEST"), "ECHO_RESPONSE");
+        EXPECT_TRUE(Convey::InitTerm::exit());
+    }
+    ScObjects::ConveyConnector::InitTerm::exit();
+}
+
 TEST(Setup, aThousandStartsLeaveNothingBehind) {
     const auto entries = [](const char* folder) {
         return std::distance(std::filesystem::directory_iterator(folder),
