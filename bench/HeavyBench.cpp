@@ -89,6 +89,11 @@ std::string longKey() {
     return front + std::string(kBytes - front.size() - 4, 'k') + "=v\n\n";
 }
 
+std::string longBody() {
+    return std::string(kHead) + "Type:ping\nContent-Length:64000000\n\n" +
+           std::string(64'000'000, 'b');
+}
+
 std::string manyKeys() {
     std::string text;
     for (int i = 0; text.size() < kBytes - 100'000; ++i) {
@@ -113,6 +118,7 @@ constexpr struct {
     {"zero bytes", zeroBytes, false},
     {"tiny pings", pings, true},
     {"a ping with a key of so much", longKey, true},
+    {"a ping with a body of so much", longBody, true},
     {"pings that set keys", manyKeys, true},
 };
 

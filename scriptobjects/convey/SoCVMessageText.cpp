@@ -31,6 +31,12 @@ constexpr std::string_view kTypeWithoutReplyTyping = "debug";
 // What a string can hold; no transport brings as much.
 constexpr uint32_t kMaximumBodyBytes = limits::of("message.body");
 
+// What is searched, or copied, at once.
+constexpr size_t kStepBytes = limits::of("receive.step");
+
+// Of a header's name, and of the names, types and numbers that are read: what one step copies.
+constexpr size_t kMaximumNameBytes = limits::of("receive.step");
+
 // From here on moving a body within its buffer is cheaper than another buffer.
 constexpr size_t kMovedBodyBytes = 65536;
 
@@ -120,17 +126,33 @@ void addLine(Sink& sink, std::string_view name, std::string_view value) {
     sink.add("\n");
 }
 
-// The next `mark`, or the end of the text. Names and values are a few bytes long, as a rule: a
-// search that is made for long texts takes more time to begin than this to end.
-const char* findEnd(const char* text, char mark) {
+// The next `mark`, or the end of the text, when it is near. Names and values are a few bytes long,
+// as a rule: a search that is made for long texts takes more time to begin than this to end.
+inline const char* findNearEnd(const char* text, char mark) {
     constexpr int kFewBytes = 100;
     for (int i = 0; i < kFewBytes; ++i, ++text) {
         if (*text == mark || *text == '\0') {
             return text;
         }
     }
-    const char* const found = std::strchr(text, mark);
-    return found != nullptr ? found : text + std::strlen(text);
+    return nullptr;
+}
+
+// The same wherever it is; null when that is not within `bytes`, and then `position` is where to
+// search on.
+const char* findEnd(const char*& position, char mark, size_t& bytes) {
+    for (size_t most = kStepBytes; bytes > 0; bytes -= most) {
+        most = std::min(most, bytes);
+        const size_t length = strnlen(position, most);
+        if (const void* const found = std::memchr(position, mark, length)) {
+            return static_cast<const char*>(found);
+        }
+        position += length;
+        if (length < most) {
+            return position;
+        }
+    }
+    return nullptr;
 }
 
 // Header blocks up to this size are put together on the stack; ten headers have some 500 bytes.
@@ -238,8 +260,33 @@ bool Convey::Message::writeToString(SoString& out) const {
 struct Convey::Message::ReadState {
     enum class Part : uint8_t { headers, digest, gap };
 
-    const char* position = nullptr;
+    const char* position = nullptr; // of the line that is being read
     Part part = Part::headers;
+    const char* searched = nullptr; // as far as this line was; null at its beginning
+    const char* nameEnd = nullptr;  // of this line, when it is known
+    char* copy = nullptr;           // where the rest of a value goes that takes several steps
+    std::string_view uncopied;
+
+    // A value that is too large for one step has its room at once, and its bytes in steps.
+    void assign(SoString& field, std::string_view value) {
+        if (value.size() <= kStepBytes) {
+            field.assign(value);
+            return;
+        }
+        field.shrink(0);
+        copy = field.extend(static_cast<int32_t>(value.size()));
+        uncopied = value;
+    }
+    // True when nothing is left to be copied.
+    bool copyOn(size_t& bytes) {
+        const std::string_view now = uncopied.substr(0, bytes);
+        std::memcpy(copy, now.data(), now.size());
+        copy += now.size();
+        uncopied.remove_prefix(now.size());
+        bytes -= now.size();
+        return uncopied.empty();
+    }
+
     const char* body = nullptr; // from the digest on
     size_t bodyLength = 0;
     std::unique_ptr<ConveyUtils::MD5> digest; // of what lies before `digestPosition`
@@ -255,33 +302,62 @@ struct Convey::Message::ReadState {
     std::map<std::string_view, Header*> byName;
 };
 
-// True when the last line has been read.
+// True when the last line has been read, false when more than `bytes` are needed for that. Lines
+// are counted whole, what is in the middle of a long one by its bytes.
 bool Convey::Message::readHeadersLocked(ReadState& state, size_t bytes) {
-    const char* const start = state.position;
+    if (!state.uncopied.empty() && !state.copyOn(bytes)) {
+        return false;
+    }
     while (*state.position != '\0') {
         if (*state.position == '\n') {
             ++state.position;
             return true;
         }
-        if (static_cast<size_t>(state.position - start) >= bytes) {
+        if (bytes == 0) {
             return false;
         }
         // What has no colon reaches for that of a later line: there is nothing better to be made
         // of it, and every reader makes the same.
-        const char* const nameEnd = findEnd(state.position, ':');
-        const std::string_view name(state.position, static_cast<size_t>(nameEnd - state.position));
+        const char* const line = state.position;
+        const char* from = state.searched == nullptr ? line : state.searched;
+        const char* nameEnd = state.nameEnd;
+        if (nameEnd == nullptr) {
+            nameEnd = findNearEnd(from, ':');
+            if (nameEnd == nullptr && (nameEnd = findEnd(from, ':', bytes)) == nullptr) {
+                state.searched = from;
+                return false;
+            }
+            from = *nameEnd == '\0' ? nameEnd : nameEnd + 1;
+        }
         const char* const value = *nameEnd == '\0' ? nameEnd : nameEnd + 1;
-        const char* const valueEnd = findEnd(value, '\n');
+        const char* valueEnd = findNearEnd(from, '\n');
+        if (valueEnd == nullptr && (valueEnd = findEnd(from, '\n', bytes)) == nullptr) {
+            state.searched = from;
+            state.nameEnd = nameEnd;
+            return false;
+        }
+        state.searched = state.nameEnd = nullptr;
         state.position = *valueEnd == '\0' ? valueEnd : valueEnd + 1;
+        bytes -= std::min(bytes, std::min(kStepBytes, static_cast<size_t>(state.position - line)));
         // The position has moved on: what a digest covers begins behind its line.
-        takeLineLocked(state, name, {value, static_cast<size_t>(valueEnd - value)});
+        takeLineLocked(state, {line, static_cast<size_t>(nameEnd - line)},
+                       {value, static_cast<size_t>(valueEnd - value)});
+        if (!state.uncopied.empty() && !state.copyOn(bytes)) {
+            return false;
+        }
     }
     return true;
 }
 
 void Convey::Message::takeLineLocked(ReadState& state, std::string_view name,
                                      std::string_view value) {
-    const auto assign = [value](SoString& field) { field.assign(value); };
+    // A word of that length is nobody's name and no kind of message, and who answers the message
+    // would have to copy it.
+    const auto assign = [value](SoString& field) {
+        if (value.size() <= kMaximumNameBytes) {
+            field.assign(value);
+        }
+    };
     static constexpr struct {
         std::string_view name;
         SoString Message::*field;
@@ -307,13 +383,13 @@ void Convey::Message::takeLineLocked(ReadState& state, std::string_view name,
     }
     for (const auto& number : numbers) {
         if (name == number.name) {
-            this->*number.field = parseUnsigned32(value);
+            this->*number.field = parseUnsigned32(value.substr(0, kMaximumNameBytes));
             return;
         }
     }
     if (name == kOldVersionName) {
         version_ = kOldVersionPrefix;
-        version_.append(value);
+        version_.append(value.substr(0, kMaximumNameBytes));
         state.newFormat = state.newFormat && !hasOldFormat();
     } else if (name == CV_VERSION) {
         assign(version_);
@@ -346,22 +422,31 @@ void Convey::Message::takeLineLocked(ReadState& state, std::string_view name,
 // found in a time that does not grow with those before it: one text may bring a million headers.
 void Convey::Message::takeHeaderLocked(ReadState& state, std::string_view name,
                                        std::string_view value) {
-    if (state.userHeaders < kSearchedHeaders || name.empty()) {
-        setHeaderLocked(name, value);
+    // A name of that length is what has no colon, and nobody asks for it.
+    if (name.empty() || name.size() > kMaximumNameBytes) {
         return;
     }
-    if (state.byName.empty()) {
-        for (Header* header = headers_; header != nullptr; header = header->next) {
-            // The keys lie in the headers, which nobody removes while the message's lock is held.
+    Header* header = nullptr;
+    if (state.userHeaders < kSearchedHeaders) {
+        header = findHeader(name);
+    } else {
+        if (state.byName.empty()) {
+            for (Header* own = headers_; own != nullptr; own = own->next) {
+                // The keys lie in the headers, which nobody removes while the message's lock is
+                // held.
+                state.byName.emplace(own->name.view(), own);
+            }
+        }
+        const auto found = state.byName.find(name);
+        header = found == state.byName.end() ? nullptr : found->second;
+    }
+    if (header == nullptr) {
+        header = addHeaderLocked(name, {});
+        if (!state.byName.empty()) {
             state.byName.emplace(header->name.view(), header);
         }
     }
-    if (const auto found = state.byName.find(name); found != state.byName.end()) {
-        found->second->value.assign(value);
-        return;
-    }
-    Header* const header = addHeaderLocked(name, value);
-    state.byName.emplace(header->name.view(), header);
+    state.assign(header->value, value);
 }
 
 void Convey::Message::beginReading() {

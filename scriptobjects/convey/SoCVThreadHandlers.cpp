@@ -19,6 +19,7 @@
 namespace ScObjects {
 namespace {
 
+constexpr size_t kMaximumTextBytes = limits::of("thread.key");
 constexpr uint32_t kForwardedSeconds = limits::of("forward.age");
 
 constexpr const char* kForwardingKeys[] = {
@@ -32,6 +33,15 @@ constexpr const char* kOwnKeys[] = {ConveyThread::CV_ECHO_REQUEST, ConveyThread:
 bool isForwardingKey(const SoString& key) {
     return std::any_of(std::begin(kForwardingKeys), std::end(kForwardingKeys),
                        [&key](const char* forwarding) { return key == forwarding; });
+}
+
+// Not copied: any process may send one of any length.
+std::string_view echoRequest(const Convey::Message& message) {
+    const Convey::Header* header = message.getHeaders();
+    while (header != nullptr && header->name.view() != ConveyThread::CV_ECHO_REQUEST) {
+        header = header->next;
+    }
+    return header == nullptr ? std::string_view() : header->value.view();
 }
 
 void observe(ConveyData::PrivateData& main, const SoString& key, const SoString& observer) {
@@ -60,13 +70,15 @@ int32_t ThreadMainMsgHandler::handleMessage(int /*event*/, Convey::Message& mess
                                             SoString* result) {
     SoString answer;
     if (message.getType() == ConveyThread::CV_PING) {
-        const SoString request = message.getUserHeaderValue(ConveyThread::CV_ECHO_REQUEST);
-        const std::string_view text = request.view();
+        const std::string_view text = echoRequest(message);
         // The first one parts key and value: values such as launch options hold further ones.
-        const size_t mark = text.find('=');
-        answer = mark != std::string_view::npos
-                     ? setKey(SoString(text.substr(0, mark)), SoString(text.substr(mark + 1)))
-                     : answerKey(request, message);
+        const size_t mark = std::min(text.find('='), text.size());
+        // Not copied before its length is known: the table would not take what is longer.
+        if (mark <= kMaximumTextBytes) {
+            const SoString key(text.substr(0, mark));
+            answer =
+                mark == text.size() ? answerKey(key, message) : setKey(key, text.substr(mark + 1));
+        }
     }
     if (result != nullptr) {
         *result = answer;
@@ -76,11 +88,15 @@ int32_t ThreadMainMsgHandler::handleMessage(int /*event*/, Convey::Message& mess
 
 // The layer's own keys are not for others to set: a peer could make a running application say that
 // it does not run. Answered is what holds then.
-SoString ThreadMainMsgHandler::setKey(const SoString& key, const SoString& value) const {
+SoString ThreadMainMsgHandler::setKey(const SoString& key, std::string_view text) const {
     if (std::any_of(std::begin(kOwnKeys), std::end(kOwnKeys),
                     [&key](const char* own) { return key == own; })) {
         return thread_->getValueForKey(key);
     }
+    if (text.size() > kMaximumTextBytes) {
+        return thread_->getValueForKey(key);
+    }
+    const SoString value(text);
     if (!thread_->setKeyValuePair(key, value)) {
         return thread_->getValueForKey(key);
     }

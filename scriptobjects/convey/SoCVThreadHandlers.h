@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string_view>
+
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVMessenger.h"
 #include "scriptobjects/core/SoString.h"
@@ -28,7 +30,7 @@ public:
     int32_t handleMessage(int event, Convey::Message& message, SoString* result) override;
 
 private:
-    SoString setKey(const SoString& key, const SoString& value) const;
+    SoString setKey(const SoString& key, std::string_view text) const;
     SoString answerKey(const SoString& key, Convey::Message& message) const;
 
     ConveyContext* const context_;

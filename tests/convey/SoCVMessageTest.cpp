@@ -264,6 +264,46 @@ TEST_F(MessageTest, aLargeBodyTakesOverItsText) {
     EXPECT_EQ(rest.getBody(), "abc");
 }
 
+// Steps of any size end wherever they may: in a name, at its colon, in a value or in its copy.
+TEST_F(MessageTest, isReadInStepsAsAtOnceAndNoStepTakesAll) {
+    std::string text;
+    for (const size_t size :
+         std::initializer_list<size_t>{0, 1, 99, 100, 101, 70'000, 65'536, 200'000}) {
+        const std::string name = "n" + std::to_string(size);
+        text += "Target:t\nSender:s\n" + name + ":" + std::string(size, 'v') + "\n" +
+                std::string(size % 65'000, 'x') + "y:1\n" + name + ":" + std::string(size, 'w') +
+                "\nType:" + std::string(size % 70'000, 'T') + "\nContent-Length:3\n\nabc";
+    }
+    text += "Target:t\nSender:s\n" + std::string(300'000, 'x'); // no colon and no line feed
+    const auto dump = [](const Message& message) {
+        std::string all = written(message);
+        for (const std::string& header : headersOf(message)) {
+            all += "|" + header;
+        }
+        return all;
+    };
+    std::vector<std::string> atOnce;
+    for (const char* next = text.c_str(); *next != '\0';) {
+        Message message;
+        next = message.readFromString(next);
+        atOnce.push_back(dump(message));
+    }
+    ASSERT_EQ(atOnce.size(), 9U);
+    for (const size_t step : std::initializer_list<size_t>{97, 1000, 65'536}) {
+        SCOPED_TRACE(step);
+        Message::Reader reader{SoString(text.c_str())};
+        size_t steps = 0;
+        for (const std::string& expected : atOnce) {
+            Message message;
+            for (++steps; !reader.read(message, step); ++steps) {
+            }
+            EXPECT_TRUE(dump(message) == expected);
+        }
+        EXPECT_TRUE(reader.isAtEnd());
+        EXPECT_GT(steps, text.size() / (step + 65'536));
+    }
+}
+
 TEST_F(MessageTest, digestTellsAChangedByte) {
     Message::setCreateDigest(true);
     const std::string text = written(message("body"));
