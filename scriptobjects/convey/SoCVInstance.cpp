@@ -55,7 +55,11 @@ PrivateData::PrivateData(ConveyContext* context, const SoString& streamName)
 PrivateData::~PrivateData() = default;
 
 void PrivateData::close() {
-    owed_.close(); // while there is a way out for the answers
+    // While there is a way out for the answers.
+    owed_.close([this](const Message& request, int32_t code, const SoString& text) {
+        answer(request, code, text);
+        finishSurely(request, {});
+    });
     // Who waits looks at it when it is woken below.
     closed_.store(true);
     std::shared_ptr<InterAppStream> stream;

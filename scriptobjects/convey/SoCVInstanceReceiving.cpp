@@ -318,8 +318,9 @@ void PrivateData::dispatch(MessageQueue::Taken& taken, Conversations::Turn& turn
     SoString result;
     int32_t code = 0;
     // Only what asks for a reply can have it later.
-    const OwedReply::Call call(turn.reply.kind == Reply::kNone ? weak_from_this()
-                                                               : std::weak_ptr<PrivateData>());
+    const bool isRequest = turn.reply.kind == Reply::kNone;
+    OwedReply::Call call(isRequest ? weak_from_this() : std::weak_ptr<PrivateData>(),
+                         isRequest ? &owed_ : nullptr, message);
     {
         const Occupations::Entry handling(occupations_, Occupations::Kind::handling, message);
         // What leaves the call was thrown before the handler: nothing that a handler throws does.
@@ -327,6 +328,10 @@ void PrivateData::dispatch(MessageQueue::Taken& taken, Conversations::Turn& turn
         called = true;
     }
     const auto done = conversations_.handled(turn, message, slot); // a handler for one message
+    if (!call.end()) {
+        taken.message.reset();
+        return;
+    }
     if (const auto& reply = call.taken()) {
         const auto kept =
             code != 0 ? OwedReplies::Kept::answered : owed_.keep(reply, taken.message);

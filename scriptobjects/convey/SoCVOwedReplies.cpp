@@ -69,13 +69,15 @@ bool OwedReply::keep(std::unique_ptr<Message>& request) {
     return true;
 }
 
-void OwedReply::takeGiven(int32_t& code, SoString& text) {
+bool OwedReply::takeGiven(int32_t& code, SoString& text) {
     const std::lock_guard<std::mutex> guard(mutex_);
-    if (code == 0 && state_ == State::given) {
+    const bool given = state_ == State::given;
+    if (code == 0 && given) {
         code = code_;
         text = std::move(text_);
     }
     state_ = State::given; // whoever has it still comes too late
+    return given;
 }
 
 // Without memory to keep it the call has been answered as a failure: nothing is left to give.
@@ -86,13 +88,23 @@ void OwedReply::endCall() {
     }
 }
 
-OwedReply::Call::Call(std::weak_ptr<Giver> giver)
-    : giver_(std::move(giver)), outer_(gInnermostCall) {
+OwedReply::Call::Call(std::weak_ptr<Giver> giver, OwedReplies* owed, const Message& request)
+    : giver_(std::move(giver)), owed_(owed), request_(request), outer_(gInnermostCall) {
+    if (owed_ != nullptr) {
+        const ObjectLock guard(*owed_);
+        owed_->calls_.push_back(this);
+    }
     gInnermostCall = this;
+}
+
+bool OwedReply::Call::end() {
+    OwedReplies* const owed = std::exchange(owed_, nullptr);
+    return owed == nullptr || owed->remove(*this);
 }
 
 OwedReply::Call::~Call() {
     gInnermostCall = outer_;
+    (void)end(); // as a rule it has
     if (reply_ != nullptr) {
         reply_->endCall();
     }
@@ -104,6 +116,7 @@ std::shared_ptr<OwedReply> OwedReply::Call::take() {
         return nullptr;
     }
     call->reply_ = std::make_shared<OwedReply>(call->giver_);
+    call->shown_ = call->reply_.get();
     return call->reply_;
 }
 
@@ -155,7 +168,46 @@ void OwedReplies::remove(const OwedReply& reply) noexcept {
     }
 }
 
-void OwedReplies::close() noexcept {
+// False when the end of the instance has taken it out.
+bool OwedReplies::remove(const OwedReply::Call& call) noexcept {
+    const ObjectLock guard(*this);
+    const auto found = std::find(calls_.begin(), calls_.end(), &call);
+    if (found == calls_.end()) {
+        return false;
+    }
+    calls_.erase(found);
+    return true;
+}
+
+// Each is taken out and copied under one lock: from then on its handler may return.
+void OwedReplies::answerHandled(const Answer& answer) {
+    for (;;) {
+        std::unique_ptr<Message> request;
+        int32_t code = 0;
+        SoString text;
+        {
+            const ObjectLock guard(*this);
+            if (calls_.empty()) {
+                return;
+            }
+            const OwedReply::Call& call = *calls_.back();
+            calls_.pop_back();
+            request = std::make_unique<Message>(call.request_);
+            OwedReply* const reply = call.shown_;
+            if (reply == nullptr || !reply->takeGiven(code, text)) {
+                code = CV_CODE_TARGET_ENDED;
+                text = CV_ERROR_TARGET_ENDED;
+            }
+        }
+        answer(*request, code, text);
+    }
+}
+
+void OwedReplies::close(const Answer& answer) noexcept {
+    try {
+        answerHandled(answer);
+    } catch (const std::bad_alloc&) { // their askers have their time-outs left
+    }
     Entries owed;
     {
         const ObjectLock guard(*this);

@@ -97,7 +97,7 @@ TEST_F(MessagingTest, aReplyThatIsGivenLaterHoldsBackTheEndOfItsRequest) {
 
 TEST_F(MessagingTest, everyRequestHasOneOutcome) {
     Reply kept;
-    other->on(CV_TYPE_PLAIN, [&](const Message& request, Reply reply) {
+    const auto handle = [&](const Message& request, Reply reply) {
         const std::string body = request.getBody().c_str();
         if (body == "result") {
             (void)reply.result("as asked");
@@ -108,8 +108,13 @@ TEST_F(MessagingTest, everyRequestHasOneOutcome) {
             throw std::runtime_error("as asked");
         } else if (body == "keep") {
             kept = std::move(reply);
+        } else if (body == "end" || body == "answer and end") {
+            (void)(body == "end" || reply.result("the last"));
+            other.reset();
+            (void)reply.result("too late");
         }
-    });
+    };
+    other->on(CV_TYPE_PLAIN, handle);
     const char* const rows[][2] = {
         {"result", "result 0 as asked"},
         {"error", "error 7 as asked"},
@@ -153,6 +158,20 @@ TEST_F(MessagingTest, everyRequestHasOneOutcome) {
     EXPECT_EQ(shown(future.get()), "error 62 ERROR: TARGET HAS ENDED");
     EXPECT_FALSE(kept.result("too late"));
     EXPECT_EQ(outcomeOf("result"), "not running 59 ERROR: LAUNCHING IS SUPPRESSED");
+    // One that ends within a handler, with and without an answer.
+    const char* const ends[][2] = {{"end", "error 62 ERROR: TARGET HAS ENDED"},
+                                   {"answer and end", "result 0 the last"}};
+    for (const auto& [body, expected] : ends) {
+        other.emplace("other-2.0").on(CV_TYPE_PLAIN, handle);
+        EXPECT_EQ(outcomeOf(body), expected) << body;
+    }
+    // And one of the given classes, whose handler has no such reply.
+    auto* const given = new Convey("other-2.0", nullptr, false, nullptr);
+    delete given->changeHandler(new TestHandler([&](int, Message&, SoString*) {
+        delete given;
+        return 0;
+    }));
+    EXPECT_EQ(outcomeOf("x"), "error 62 ERROR: TARGET HAS ENDED");
 }
 
 TEST_F(MessagingTest, functionsOfManyKindsAnswer) {
