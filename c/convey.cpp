@@ -140,13 +140,14 @@ public:
             free_(data_);
         }
     }
+    void freeWith(convey_data_function free) { free_ = free; }
     Data(const Data&) = delete;
     Data& operator=(const Data&) = delete;
     void* get() const { return data_; }
 
 private:
     void* const data_;
-    const convey_data_function free_;
+    convey_data_function free_;
 };
 
 // Null, and the data given back, without memory for the note of it.
@@ -159,6 +160,15 @@ std::shared_ptr<Data> keep(void* data, convey_data_function free) noexcept {
         }
         return nullptr;
     }
+}
+
+Convey::Request::Done telling(convey_outcome_function function, const std::shared_ptr<Data>& kept) {
+    return [function, kept](const Outcome& outcome) {
+        if (function != nullptr) {
+            const convey_outcome how(outcome);
+            function(&how, kept->get());
+        }
+    };
 }
 
 const Convey::Header* headerAt(const convey_message* message, size_t index) {
@@ -352,16 +362,32 @@ int convey_request_set_timeout(convey_request* request, unsigned int millisecond
     });
 }
 
+int convey_request_try_send(convey_request* request, convey_outcome_function function, void* data,
+                            convey_data_function free_data, convey_pending** pending) {
+    if (request == nullptr || pending == nullptr) {
+        return 0;
+    }
+    return guarded(0, [&] {
+        auto handle = std::make_unique<convey_pending>();
+        const auto kept = std::make_shared<Data>(data, nullptr);
+        request->request.onOutcome(telling(function, kept));
+        kept->freeWith(free_data); // from here on nothing throws
+        if (!request->request.trySend(handle->pending)) {
+            kept->freeWith(nullptr);
+            request->request.onOutcome(nullptr);
+            return 0;
+        }
+        *pending = handle.release();
+        delete request;
+        return 1;
+    });
+}
+
 convey_pending* convey_request_send(convey_request* request, convey_outcome_function function,
                                     void* data, convey_data_function free_data) {
     const std::unique_ptr<convey_request> owned(request);
     const auto kept = keep(data, free_data);
-    const auto tell = [function, kept](const Outcome& outcome) {
-        if (function != nullptr) {
-            const convey_outcome how(outcome);
-            function(&how, kept->get());
-        }
-    };
+    const auto tell = telling(function, kept);
     if (owned == nullptr || kept == nullptr) {
         return nullptr;
     }
@@ -407,6 +433,14 @@ void convey_outcome_free(convey_outcome* outcome) {
 int convey_request_post(convey_request* request) {
     const std::unique_ptr<convey_request> owned(request);
     return guarded(0, [&] { return owned != nullptr && owned->request.post() ? 1 : 0; });
+}
+
+int convey_request_try_post(convey_request* request) {
+    if (request == nullptr || !request->request.tryPost()) {
+        return 0;
+    }
+    delete request;
+    return 1;
 }
 
 int convey_outcome_kind(const convey_outcome* outcome) {

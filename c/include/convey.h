@@ -177,6 +177,13 @@ CONVEY_API int convey_request_set_timeout(convey_request *request, unsigned int 
 CONVEY_API convey_pending *convey_request_send(convey_request *request,
                                                convey_outcome_function function, void *data,
                                                convey_data_function free_data);
+/* As convey_request_send when the target takes the request at once, which is nearly always: 1, and
+ * `pending` (not NULL) gets the handle. Else 0, and nothing has happened: the request and `data` are
+ * still the caller's, who goes on with convey_request_send, perhaps on another thread. Waits for
+ * nothing: for threads that must not, as a main loop. Launches nothing. */
+CONVEY_API int convey_request_try_send(convey_request *request, convey_outcome_function function,
+                                       void *data, convey_data_function free_data,
+                                       convey_pending **pending);
 /* Cancels what is still open and ends the handle: the function is not called any more when this
  * returns and is not running (within it this returns at once), and `data` is free. */
 CONVEY_API void convey_pending_cancel(convey_pending *pending);
@@ -191,6 +198,9 @@ CONVEY_API convey_outcome *convey_request_wait(convey_request *request);
 CONVEY_API void convey_outcome_free(convey_outcome *outcome);
 /* Sends without asking for an answer, and ends the request; 1 when it was handed over. */
 CONVEY_API int convey_request_post(convey_request *request);
+/* The same when the target takes it at once. Else 0, and the request is still the caller's, as with
+ * convey_request_try_send. */
+CONVEY_API int convey_request_try_post(convey_request *request);
 
 /* One of CONVEY_RESULT to CONVEY_CANCELLED. */
 CONVEY_API int convey_outcome_kind(const convey_outcome *outcome);

@@ -57,6 +57,9 @@ public:
 
     bool send(Convey::Message& message, bool mayLaunch, uint32_t waitSeconds,
               const SoString* launchParameters);
+    // As `send` for a target that takes the message at once. False when it does not, or when that
+    // cannot be said without waiting: nothing was sent and nobody was told then.
+    bool sendAtOnce(Convey::Message& message);
     // What nobody waits for: the background's way out. Completes the message like `send`.
     Delivery post(std::unique_ptr<Convey::Message> message);
     bool sendResult(const Convey::Message& request, const SoString& result);
@@ -114,6 +117,9 @@ private:
     bool sendResponse(const Convey::Message& request, const char* type,
                       std::unique_ptr<Convey::Message> response);
     void requestProcessed(Convey::Message& message);
+    const char* prepare(Convey::Message& message, SoString& text);
+    bool handOver(const Convey::Message& message, const InterAppStream& stream,
+                  const SoString& text, int32_t timeoutMilliseconds, uint32_t waitSeconds);
     bool deliverLocally(const Convey::Message& message);
     std::unique_ptr<Takers::Sending> beginSending(std::optional<AwaitedRequest> request);
     void watchTaker(platform::TargetWatch& taker) const;

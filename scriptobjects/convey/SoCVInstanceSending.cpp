@@ -29,6 +29,7 @@ using Specifier = Convey::Specifier;
 
 constexpr int64_t kPollMilliseconds = 100;
 constexpr int64_t kTargetWaitMilliseconds = limits::of("send.target");
+constexpr int32_t kPacketBytes = limits::of("port.packet");
 
 // Who watches its own time is not told by us.
 bool isUnwantedNotice(const Message& message) {
@@ -51,28 +52,51 @@ void PrivateData::complete(Message& message) const {
     }
 }
 
-bool PrivateData::send(Message& message, bool mayLaunch, uint32_t waitSeconds,
-                       const SoString* launchParameters) {
+// Completes and writes a message. Null, or why it is not sent: empty when nobody is to be told.
+const char* PrivateData::prepare(Message& message, SoString& text) {
     if (isClosed() || isEmptyRequest(message)) {
-        return false;
+        return "";
     }
     complete(message); // before anything can fail: the error has to find its way back
     const Specifier target(message.getTarget().c_str(), true);
     if (target.isEmpty()) {
-        sendError(message, CV_ERROR_INVALID_SPECIFIER, CV_CODE_NOT_SENT, waitSeconds);
-        return false;
+        return CV_ERROR_INVALID_SPECIFIER;
     }
     if (isUnwantedNotice(message)) {
-        return false;
+        return "";
     }
     // The complete name, which an instance and its port have: they are found, and what waits for
     // them is kept, by just that.
     message.setTarget(target);
     // Before it is written: what it asks for, and for which life, goes with the text.
     requestProcessed(message);
+    return message.writeToString(text) ? nullptr : CV_ERROR_NO_TEXT;
+}
+
+bool PrivateData::sendAtOnce(Message& message) {
     SoString text;
-    if (!message.writeToString(text)) {
-        sendError(message, CV_ERROR_NO_TEXT, CV_CODE_NOT_SENT, waitSeconds);
+    // A text that does not fit into a packet needs its target's help to pass.
+    if (prepare(message, text) != nullptr || text.length() > kPacketBytes) {
+        return false;
+    }
+    watchTime(message); // before it is sent, as below
+    const auto stream = this->stream();
+    if (!deliverLocally(message) && (stream == nullptr || !outbox_.isFree(message.getTarget()) ||
+                                     !handOver(message, *stream, text, 0, 0))) {
+        unwatchTime(message.getSerialNumber());
+        return false;
+    }
+    traffic_.noteOut();
+    return true;
+}
+
+bool PrivateData::send(Message& message, bool mayLaunch, uint32_t waitSeconds,
+                       const SoString* launchParameters) {
+    SoString text;
+    if (const char* const error = prepare(message, text)) {
+        if (*error != '\0') {
+            sendError(message, error, CV_CODE_NOT_SENT, waitSeconds);
+        }
         return false;
     }
     // Before it is sent: the answer may be here at once.
@@ -201,10 +225,7 @@ Delivery PrivateData::deliver(const Message& message, const SoString& text, bool
     if (stream != nullptr && (mayLaunch ? outbox_.isFree(target)
                                         : outbox_.drain(*stream, target, end - monotonicNow()))) {
         const auto left = static_cast<int32_t>(std::max<int64_t>(end - monotonicNow(), 0));
-        const auto sending = beginSending(AwaitedRequest::of(message, waitSeconds));
-        if (sending != nullptr ? sending->send(*stream, text, left)
-                               : stream->send(target, text, left)) {
-            logEvent("SEND", message);
+        if (handOver(message, *stream, text, left, waitSeconds)) {
             return Delivery::delivered;
         }
     }
@@ -213,6 +234,18 @@ Delivery PrivateData::deliver(const Message& message, const SoString& text, bool
         return Delivery::refused;
     }
     return queueForLaunch(message, waitSeconds, launchParameters);
+}
+
+bool PrivateData::handOver(const Message& message, const InterAppStream& stream,
+                           const SoString& text, int32_t timeoutMilliseconds,
+                           uint32_t waitSeconds) {
+    const auto sending = beginSending(AwaitedRequest::of(message, waitSeconds));
+    if (sending != nullptr ? !sending->send(stream, text, timeoutMilliseconds)
+                           : !stream.send(message.getTarget(), text, timeoutMilliseconds)) {
+        return false;
+    }
+    logEvent("SEND", message);
+    return true;
 }
 
 // A request that has no answer yet belongs to the instance that asked. Null for none, and when the

@@ -30,6 +30,7 @@ constexpr uint32_t kUsualSeconds = limits::of("message.watch");
 // The watch of a request ends a second or two behind its time-out.
 constexpr uint32_t kWatchSlackSeconds = 3;
 constexpr uint32_t kPollMilliseconds = 100;
+constexpr const char* kWantsEnd = "Result Error Timeout";
 
 int64_t monotonicNow() {
     return platform::Clock::system().monotonicMilliseconds();
@@ -120,6 +121,8 @@ public:
         : instance_(std::move(instance)), functions_(std::move(functions)) {}
 
     void send(Message& message, bool mayLaunch, const SoString* parameters, uint32_t waitSeconds);
+    // False, and the functions given back, when that would have to wait.
+    bool trySend(Message& message, Functions& functions) noexcept;
     void heard(int event, const Message& message);
     void tell(const Outcome& outcome) noexcept;
     // Nothing will be heard any more: without memory it goes as it is registered.
@@ -128,6 +131,8 @@ public:
         tell(failed ? Outcome(Outcome::kError, CV_CODE_OUT_OF_MEMORY, SoString()) : Outcome());
     }
     void cancel() noexcept;
+    // Ends it untold, unless it was told or is being told. True when it was open.
+    bool withdraw(Functions& functions) noexcept;
     // Has nothing of it wait any more.
     void forget() noexcept;
     static void callSafely(const Functions& functions, const Outcome& outcome) noexcept;
@@ -143,6 +148,7 @@ private:
     class Handler;
 
     Outcome::Kind kindOfNotSent(const SoString& text) const;
+    void begin(Message& message);
 
     const std::shared_ptr<PrivateData> instance_;
     uint32_t number_ = CV_INVALID_MESSAGE_NUMBER; // this and the target: fixed before the sending
@@ -200,17 +206,35 @@ void Asked::send(Message& message, bool mayLaunch, const SoString* parameters,
         tell({Outcome::kRefused, CV_CODE_NOT_SENT, CV_ERROR_NO_TEXT});
         return;
     }
+    begin(message);
+    (void)instance_->send(message, mayLaunch, waitSeconds, parameters);
+    // Its end may have come by before the handler was there.
+    if (instance_->isClosed()) {
+        forget();
+    }
+}
+
+void Asked::begin(Message& message) {
     message.setSerialNumber(message.getNextSerialNumber(instance_->context()));
     number_ = message.getSerialNumber();
     target_ = message.getTarget();
     const std::unique_ptr<Convey::MsgHandler> replaced(
         instance_->changeHandler(new Handler(shared_from_this(), number_)));
     registering_ = false; // it is registered
-    (void)instance_->send(message, mayLaunch, waitSeconds, parameters);
-    // Its end may have come by before the handler was there.
-    if (instance_->isClosed()) {
+}
+
+bool Asked::trySend(Message& message, Functions& functions) noexcept {
+    functions_ = std::exchange(functions, {});
+    const bool sent = guarded(false, [&] {
+        begin(message);
+        return instance_->sendAtOnce(message);
+    });
+    // One that was told meanwhile, of the end of its instance, is over.
+    const bool goesOn = sent || !withdraw(functions);
+    if (!sent || instance_->isClosed()) {
         forget();
     }
+    return goesOn;
 }
 
 // The errors of one's own layer are told by their texts; the words are its own, as the code is.
@@ -277,18 +301,22 @@ void Asked::tell(const Outcome& outcome) noexcept {
 
 void Asked::cancel() noexcept {
     Functions functions; // go without the lock
-    {
-        std::unique_lock<std::mutex> lock(mutex_);
-        if (state_ == State::telling && teller_ != std::this_thread::get_id()) {
-            toldChanged_.wait(lock, [this] { return state_ == State::told; });
-        }
-        if (state_ != State::open) {
-            return;
-        }
-        state_ = State::told;
-        functions = std::exchange(functions_, {});
+    if (withdraw(functions)) {
+        forget();
     }
-    forget();
+}
+
+bool Asked::withdraw(Functions& functions) noexcept {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (state_ == State::telling && teller_ != std::this_thread::get_id()) {
+        toldChanged_.wait(lock, [this] { return state_ == State::told; });
+    }
+    if (state_ != State::open) {
+        return false;
+    }
+    state_ = State::told;
+    functions = std::exchange(functions_, {});
+    return true;
 }
 
 void Asked::forget() noexcept {
@@ -413,7 +441,7 @@ std::shared_ptr<Asked> Convey::Request::ask(uint32_t waitSeconds) noexcept {
     const Outcome outOfMemory(Outcome::kError, CV_CODE_OUT_OF_MEMORY, SoString());
     std::shared_ptr<Asked> asked;
     try {
-        message_.setResponseRequest("Result Error Timeout");
+        message_.setResponseRequest(kWantsEnd);
         message_.setTimeout(seconds_);
         const auto data = state_->instance.data();
         asked = std::make_shared<Asked>(data, std::move(functions_));
@@ -438,6 +466,23 @@ Convey::Pending Convey::Request::send() {
     Pending pending;
     pending.asked_ = ask(0);
     return pending;
+}
+
+bool Convey::Request::trySend(Pending& pending) noexcept {
+    const ConveyContext::Visit visit;
+    std::shared_ptr<Asked> asked;
+    const auto data = state_->instance.data();
+    const bool goesOn = data != nullptr && guarded(false, [&] {
+                            message_.setResponseRequest(kWantsEnd);
+                            message_.setTimeout(seconds_);
+                            asked = std::make_shared<Asked>(data, Functions());
+                            return asked->trySend(message_, functions_);
+                        });
+    if (goesOn) {
+        pending = Pending();
+        pending.asked_ = std::move(asked);
+    }
+    return goesOn;
 }
 
 std::future<Outcome> Convey::Request::future() {
@@ -467,6 +512,15 @@ bool Convey::Request::post() {
     message_.setResponseRequest(SoString());
     return state_->instance.send(message_, mayLaunch_, 0,
                                  mayLaunch_ ? &launchParameters_ : nullptr);
+}
+
+bool Convey::Request::tryPost() noexcept {
+    const ConveyContext::Visit visit;
+    const auto data = state_->instance.data();
+    return data != nullptr && guarded(false, [&] {
+               message_.setResponseRequest(SoString());
+               return data->sendAtOnce(message_);
+           });
 }
 
 // The messenger.

@@ -118,6 +118,10 @@ public:
 
     // Sends, and waits for nothing but the target's port (10 seconds at most).
     [[nodiscard]] Pending send();
+    // Sends when the target takes it at once, which is nearly always, and waits for nothing. False:
+    // it would have to wait, or to be launched, or something is wrong; nothing has happened, and
+    // `send` (perhaps on another thread) goes on. For threads that must not wait, as a main loop.
+    [[nodiscard]] bool trySend(Pending& pending) noexcept;
     // The same; the future is ready when a thread that pumps has the outcome. Who pumps himself
     // must not wait for it. Throws std::bad_alloc when there is no memory for a future.
     [[nodiscard]] std::future<Outcome> future();
@@ -127,6 +131,8 @@ public:
     // Sends without asking for replies. True when it was handed over; one that has to wait for its
     // target to be launched is not yet.
     bool post();
+    // As trySend.
+    [[nodiscard]] bool tryPost() noexcept;
 
 private:
     friend class Messenger;

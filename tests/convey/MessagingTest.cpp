@@ -174,6 +174,51 @@ TEST_F(MessagingTest, everyRequestHasOneOutcome) {
     EXPECT_EQ(outcomeOf("x"), "error 62 ERROR: TARGET HAS ENDED");
 }
 
+// What is sent at once is sent once; what is not can be sent by another way.
+TEST_F(MessagingTest, whatIsNotSentAtOnceIsUntouched) {
+    const std::string large(100'000, 'x');
+    int handled = 0;
+    other->on(CV_TYPE_PLAIN, [&](const Message&) { ++handled; });
+    const struct {
+        const char* target;
+        std::string body;
+        bool expected;
+    } cases[] = {
+        {"other", "x", true}, // within the process
+        {"absent-1.0", "x", false}, {"other-2.0", "", false},     {"", "x", false},
+        {"silent-1.0", "x", true},  {"silent-1.0", large, false},
+    };
+    const InterAppStream silent("silent-1.0");
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.target);
+        std::string outcome = "none";
+        auto request = asker.request(c.target, c.body.c_str());
+        request.onOutcome([&](const Outcome& how) { outcome = shown(how); });
+        Convey::Pending pending;
+        EXPECT_EQ(request.trySend(pending), c.expected);
+        EXPECT_EQ(pending.isOpen(), c.expected);
+        if (c.target == std::string("other")) {
+            pumpUntil([&] { return outcome != "none"; });
+            EXPECT_EQ(outcome, "result 0 ");
+        } else if (c.expected) {
+            EXPECT_TRUE(silent.messagePending());
+        } else {
+            pumpAll();
+            EXPECT_EQ(outcome, "none");
+            if (c.body == large) {
+                continue; // nobody reads it
+            }
+            EXPECT_EQ(shown(request.wait()), outcome); // with the same function
+            EXPECT_THAT(outcome, testing::EndsWith(c.body.empty() ? "TO STRING"
+                                                   : *c.target    ? "SUPPRESSED"
+                                                                  : "SPECIFIER"));
+        }
+        EXPECT_EQ(asker.request(c.target, c.body.c_str()).tryPost(), c.expected);
+    }
+    pumpUntil([&] { return handled == 2; });
+    EXPECT_EQ(handled, 2);
+}
+
 TEST_F(MessagingTest, functionsOfManyKindsAnswer) {
     other->on("nothing", [](const Message&) {});
     other->on("text", [](const Message& request) {
