@@ -82,6 +82,16 @@ class _Asked:
         self._pending: int | None = None
         self._ended = False
 
+    def try_send(self, request: int) -> bool:
+        """False, and the request is still the caller's, when that would have to wait. For the
+        thread that ends it."""
+        handle, number = _c.c_void_p(), _c.keep(self)
+        if _c.request_try_send(request, _outcome_function, number, _c.forget, _c.byref(handle)):
+            self._pending = handle.value
+            return True
+        _c.release(number)
+        return False
+
     def send(self, request: int) -> None:
         if self._ended:
             _c.request_free(request)
@@ -461,7 +471,8 @@ class Application(_Base):
         asked = _Asked(tell)
         timer = None if timeout is None else \
             loop.call_later(timeout, settle, TimedOut("no answer in time"))
-        _lanes.add(name, lambda: asked.send(request))
+        if not (_lanes.is_free(name) and asked.try_send(request)):
+            _lanes.add(name, lambda: asked.send(request))
         try:
             outcome = await future
         finally:
@@ -475,9 +486,12 @@ class Application(_Base):
     async def post(self, target: str, body: str | bytes, *, type: str = PLAIN,
                    headers: Mapping[str, str] | None = None) -> bool:
         """Sends without asking for an answer; True when it was handed over."""
-        future: asyncio.Future[bool] = self._running().create_future()
+        loop = self._running()
         name = encoded(target, "a target")
         request = self._request(name, body, type, headers or {}, False, None)
+        if _lanes.is_free(name) and _c.request_try_post(request):
+            return True
+        future: asyncio.Future[bool] = loop.create_future()
 
         def send() -> None:
             self._on_loop(settle, _c.request_post(request) != 0)

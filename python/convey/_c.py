@@ -10,7 +10,8 @@ from __future__ import annotations
 import ctypes
 import itertools
 from collections.abc import Callable
-from ctypes import c_char_p, c_int, c_size_t, c_uint, c_void_p
+from ctypes import byref as byref, c_void_p as c_void_p
+from ctypes import c_char_p, c_int, c_size_t, c_uint
 from typing import Any
 
 _NAME = "libconvey.so.2"
@@ -72,6 +73,9 @@ request_set_timeout = _bound(_quick, "request_set_timeout", c_int, c_void_p, c_u
 request_send = _bound(_waiting, "request_send", c_void_p, c_void_p, OUTCOME_FUNCTION, c_void_p,
                       DATA_FUNCTION)
 request_post = _bound(_waiting, "request_post", c_int, c_void_p)
+request_try_send = _bound(_waiting, "request_try_send", c_int, c_void_p, OUTCOME_FUNCTION, c_void_p,
+                          DATA_FUNCTION, c_void_p)
+request_try_post = _bound(_waiting, "request_try_post", c_int, c_void_p)
 pending_cancel = _bound(_waiting, "pending_cancel", None, c_void_p)
 
 outcome_kind = _bound(_quick, "outcome_kind", c_int, c_void_p)
@@ -151,8 +155,8 @@ def kept(number: int) -> Any:
     return _kept.get(number)
 
 
-def _forget(number: int) -> None:
+def release(number: int) -> None:
     _kept.pop(number, None)
 
 
-forget = DATA_FUNCTION(_forget)
+forget = DATA_FUNCTION(release)

@@ -1,4 +1,4 @@
-"""Sending away from the loop: handing a message over may wait for its target's port."""
+"""Sending away from the loop, of what its target does not take at once."""
 
 from __future__ import annotations
 
@@ -18,6 +18,10 @@ class Lanes:
         self._threads = ThreadPoolExecutor(_THREADS, "convey-send")
         self._mutex = threading.Lock()
         self._jobs: dict[bytes, deque[Callable[[], None]]] = {}  # of targets that have a thread
+
+    def is_free(self, target: bytes) -> bool:
+        """Whether what is sent now overtakes nothing; for who adds, since that may change it."""
+        return target not in self._jobs
 
     def add(self, target: bytes, job: Callable[[], None]) -> None:
         with self._mutex:

@@ -21,6 +21,7 @@ import pytest
 import convey
 from conftest import PROGRAMS, SECONDS, Start, register
 from convey import _c
+from convey._application import _lanes
 
 
 def in_loop(body: Callable[[convey.Application], Coroutine[Any, Any, None]]) -> None:
@@ -225,18 +226,41 @@ def test_a_process_that_is_killed_ends_what_it_owes(target: Any) -> None:
     in_loop(body)
 
 
-def test_a_stopped_target_holds_up_neither_the_loop_nor_others(echo: Any, target: Any) -> None:
+def test_a_stopped_target_holds_up_neither_the_loop_nor_others(
+        echo: Any, target: Any, monkeypatch: pytest.MonkeyPatch) -> None:
+    by_thread: list[bytes] = []
+    gate = threading.Event()  # none goes before all have been begun
+    add = _lanes.add
+
+    def noted(name: bytes, job: Callable[[], None]) -> None:
+        by_thread.append(name)
+
+        def gated() -> None:
+            gate.wait()
+            job()
+
+        add(name, gated)
+
+    monkeypatch.setattr(_lanes, "add", noted)
+
     async def body(app: convey.Application) -> None:
         target.send_signal(signal.SIGSTOP)
-        # More than its port takes, so that handing over has to wait.
-        stuck = [asyncio.create_task(app.request("target", "x" * 60_000)) for _ in range(200)]
+        # One that goes by a thread, one that its port would take at once, and more than that takes.
+        filling = ["large" + "x" * 100_000, "small"] + [f"{n}{'x' * 60_000}" for n in range(200)]
+        stuck = [asyncio.create_task(app.request("target", text, timeout=SECONDS))
+                 for text in filling]
+        await asyncio.sleep(0)
+        gate.set()
         answers = [await app.request("echo", str(n), timeout=SECONDS) for n in range(20)]
         assert answers == [f"echo: {n}" for n in range(20)]
         assert not all(task.done() for task in stuck)
-        for task in stuck:
-            task.cancel()
-        await asyncio.gather(*stuck, return_exceptions=True)
+        assert set(by_thread) == {b"target"}
         target.send_signal(signal.SIGCONT)
+        for text in filling:  # in their order, whichever way they went
+            assert await asyncio.to_thread(target.stdout.readline) == f"got {text}\n"
+        assert await asyncio.gather(*stuck) == ["answer"] * len(filling)
+        waited = len(by_thread)
+        assert await app.post("target", "posted") and len(by_thread) == waited
 
     in_loop(body)
 
