@@ -162,6 +162,8 @@ CONVEY_API convey_request *convey_request_new(convey_application *application, c
 CONVEY_API void convey_request_free(convey_request *request);
 /* 1, or 0 without memory. */
 CONVEY_API int convey_request_set_type(convey_request *request, const char *type);
+/* The same. What stands behind a line feed would arrive as a header of its own: the caller leaves
+ * them out, and colons out of the name. */
 CONVEY_API int convey_request_set_header(convey_request *request, const char *name,
                                          const char *value);
 /* Has the target launched with these parameters when it does not run. */

@@ -87,7 +87,9 @@ public:
     const SoString& getDigestState() const { return digestState_; }
 
     // Gives the header `name` (compared exactly) this value: the first of that name, or a new one
-    // in front of all others. A null or empty name is ignored.
+    // in front of all others. A null or empty name is ignored. The text of a message has a line for
+    // each header, which ends at a line feed: one in the name or the value, or a colon in the name,
+    // arrives as something else. It is the caller's to leave them out; the body may hold them.
     void setHeader(const char* name, const char* value);
     // The same with the number in decimal.
     void setHeader(const char* name, long value);

@@ -101,7 +101,7 @@ public:
 
     // "Tessaly" without.
     Request& type(const SoString& type);
-    // A header for the target; the last value of a name counts.
+    // A header for the target; the last value of a name counts. Line feeds: `Message::setHeader`.
     Request& header(const char* name, const SoString& value);
     // The time-out (by a name that no macro of curses has): when the outcome is `kTimeout`, in
     // whole seconds, rounded up; without, and for 0, 60. It is told one or two seconds later, when
