@@ -11,6 +11,7 @@ namespace ScObjects::ConveyAsio {
 // from returning; its end lets go. The object ends before its context, and on its thread.
 class Attachment {
 public:
+    // For an `asio::io_context`, or what else has its executor.
     template <class Context>
     explicit Attachment(Context& context) : descriptor_(context) {
         const int descriptor = Convey::getPollDescriptor();

@@ -16,10 +16,12 @@ namespace ScObjects {
 // std::bad_alloc when there is no memory to register.
 class ConveyAwaiter {
 public:
+    // The request lives as long as this.
     explicit ConveyAwaiter(Convey::Request& request) : request_(request) {}
     ConveyAwaiter(const ConveyAwaiter&) = delete;
     ConveyAwaiter& operator=(const ConveyAwaiter&) = delete;
 
+    // What the compiler calls for `co_await`; an outcome is never there before it was asked for.
     static bool await_ready() noexcept { return false; }
 
     // False when the outcome came before the sending had returned, on this thread or another: both
@@ -36,6 +38,7 @@ public:
         return first_.exchange(false);
     }
 
+    // Gives the outcome.
     Convey::Outcome await_resume() { return std::move(*outcome_); }
 
 private:

@@ -16,10 +16,14 @@ namespace ScObjects {
 // A free-form header of a message: a node of the message's list, owned by the message.
 class SO_EXPORT Convey::Header : public SoHeap {
 public:
+    // Copies both.
     Header(std::string_view name, std::string_view value);
 
+    // The one that was set before, null behind the last.
     Header* next = nullptr;
+    // Compared exactly.
     SoString name;
+    // Without line feeds; see `Message::setHeader`.
     SoString value;
 };
 
@@ -46,15 +50,19 @@ public:
     Message& operator=(const Message&) = delete;
     ~Message() override;
 
+    // The specifier of the application that is to have it.
     const SoString& getTarget() const { return target_; }
     void setTarget(const SoString& target) { target_ = target; }
+    // The specifier of who sends it, and gets the replies; empty until it is sent.
     const SoString& getSender() const { return sender_; }
     void setSender(const SoString& sender) { sender_ = sender; }
+    // One of `CV_TYPE_...`, or a type of the applications' own.
     const SoString& getType() const { return type_; }
     void setType(const SoString& type) { type_ = type; }
     // The kinds of reply that the sender wants, named in one text: "Received Result Error".
     const SoString& getResponseRequest() const { return responseRequest_; }
     void setResponseRequest(const SoString& request) { responseRequest_ = request; }
+    // Any text: line feeds, too, and what is no UTF-8. A NUL byte arrives as a line feed.
     const SoString& getBody() const { return body_; }
     void setBody(const SoString& body) { body_ = body; }
     void setBody(SoString&& body) noexcept { body_ = static_cast<SoString&&>(body); }
@@ -71,6 +79,7 @@ public:
     void setTimestamp(uint32_t seconds) { timestamp_ = seconds; }
     // The body's length as a text announced it, which may be more than the text had.
     uint32_t getContentLength() const { return contentLength_; }
+    // The number by which its replies are known, unique in the sending process; 0 for none.
     uint32_t getSerialNumber() const { return serialNumber_; }
     void setSerialNumber(uint32_t number) { serialNumber_ = number; }
     // The serial number of the message that this one acknowledges, carries the result of, or
@@ -141,6 +150,7 @@ public:
     // long keeps nobody waiting. Owns the text. One thread at a time.
     class SO_EXPORT Reader {
     public:
+        // Takes over the text.
         explicit Reader(SoString&& text);
         ~Reader();
         Reader(const Reader&) = delete;

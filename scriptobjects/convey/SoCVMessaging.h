@@ -26,6 +26,7 @@ class MessengerState;
 // How a request ended: one of these, once. A value; copies share the message.
 class SO_EXPORT Convey::Outcome {
 public:
+    // How a request ends.
     enum Kind : int32_t {
         // The target's result: `text` and `message`.
         kResult = 0,
@@ -44,9 +45,11 @@ public:
     };
 
     Outcome() = default; // cancelled
+    // One without a message.
     Outcome(Kind kind, int32_t code, const SoString& text)
         : kind_(kind), code_(code), text_(text) {}
 
+    // How it ended, and whether that is by a result.
     Kind kind() const { return kind_; }
     bool isResult() const { return kind_ == kResult; }
     explicit operator bool() const { return isResult(); }
@@ -71,11 +74,13 @@ private:
 // returns at once). The target is not told. Any thread, one at a time.
 class SO_EXPORT Convey::Pending {
 public:
+    // Of no request, and of that of another, which is left without one.
     Pending() noexcept;
     Pending(Pending&& other) noexcept;
     Pending& operator=(Pending&& other) noexcept;
     ~Pending();
 
+    // Ends it as the destructor does.
     void cancel() noexcept;
     // Lets the request go on without the handle.
     void detach() noexcept;
@@ -93,6 +98,7 @@ private:
 // nothing.
 class SO_EXPORT Convey::Request {
 public:
+    // A function for an outcome.
     using Done = std::function<void(const Outcome&)>;
 
     ~Request();
@@ -165,6 +171,7 @@ private:
 // messengers that start and stop the layer is for one thread at a time.
 class SO_EXPORT Convey::Messenger {
 public:
+    // A function for messages that come in; the reply is its own.
     using Function = std::function<void(const Message&, Reply)>;
 
     // Throws std::bad_alloc when there is no memory for it; else `isReachable` says how it went.
@@ -205,6 +212,8 @@ public:
     // Takes the function of a type out; false without one.
     bool off(const SoString& type);
 
+    // Begins a request of this messenger to a target (a specifier, which is completed). Throws
+    // std::bad_alloc.
     Request request(const SoString& target, const SoString& body) const;
 
     // What it stands on; good as long as the messenger.

@@ -173,6 +173,7 @@ public:
     // The same for all handlers of a serial number; false without any.
     bool deleteHandlers(uint32_t serialNumber);
 
+    // The one that it belongs to, null once it is closed.
     ConveyContext* getContext() const;
     // Moves the instance to another context; null is ignored, and one that was closed stays so.
     void setContext(ConveyContext* context);

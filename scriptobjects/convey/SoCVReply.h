@@ -28,7 +28,7 @@ class OwedReply;
 // Threads: any thread may use and destroy it, one at a time. Nothing is thrown.
 class SO_EXPORT Convey::Reply {
 public:
-    // Void.
+    // Void, and that of another, which is void then.
     Reply() noexcept;
     Reply(Reply&& other) noexcept;
     Reply& operator=(Reply&& other) noexcept;

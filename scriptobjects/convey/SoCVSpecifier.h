@@ -21,12 +21,14 @@ namespace ScObjects {
 // Threads: one object in one thread at a time. Nothing is thrown but std::bad_alloc.
 class SO_EXPORT Convey::Specifier : public SoString {
 public:
+    // A longer text is no specifier.
     static constexpr size_t kMaximumBytes = limits::of("specifier.length");
 
     // `fixUp` true: the text is lower-cased and completed to a registered application (see
     // `fixUp`); false: it is lower-cased only.
     Specifier(const char* text, bool fixUp);
 
+    // Its parts, without the marks between them; empty for what it does not have.
     SoString appName() const;
     SoString instance() const;
     SoString version() const;

@@ -23,6 +23,7 @@ class SO_EXPORT SoString : public SoHeap {
 public:
     static constexpr int32_t kStep = 128; // bytes; headers, specifiers and paths fit one or two
 
+    // Empty, and of a text.
     SoString() noexcept;
     explicit SoString(char c);
     SoString(const char* text,
@@ -32,10 +33,12 @@ public:
     // unit and at most 65,536. Pairs are joined, a lone surrogate becomes the three bytes of its
     // own value.
     explicit SoString(const unsigned short* utf16, int32_t length = -1);
+    // A copy, and what another one was, which is empty then.
     SoString(const SoString& other);
     SoString(SoString&& other) noexcept;
     ~SoString() override;
 
+    // The same for one that is there.
     SoString& operator=(const SoString& other);
     SoString& operator=(SoString&& other) noexcept;
 
@@ -43,6 +46,7 @@ public:
     const char* assign(const char* text, int32_t length = -1);
     const char* assign(std::string_view text);
 
+    // Adds a text at the end.
     void append(const char* text, int32_t length = -1);
     void append(std::string_view text);
     void append(char c) { append(&c, 1); }

@@ -27,10 +27,12 @@ public:
     // Takes slot `i` out and returns what it held; null, and nothing changed, out of range.
     void* removeAt(int32_t i);
 
+    // Slots that are taken.
     int32_t count() const { return count_; }
     int32_t capacity() const { return capacity_; } // slots allocated
 
 protected:
+    // Slot `i`, which must be below the count, and all of them, until the next change.
     void* at(int32_t i) const { return items_[i]; }
     void** items() const { return items_; }
 
@@ -44,6 +46,7 @@ private:
 template <class T>
 class SoVector : public SoVectorBase {
 public:
+    // As of the base.
     void append(T* p) { SoVectorBase::append(p); }
     void remove(const T* p) { SoVectorBase::remove(p); }
     [[nodiscard]] T* removeAt(int32_t i) { return static_cast<T*>(SoVectorBase::removeAt(i)); }
