@@ -146,7 +146,7 @@ class _Base:
         self._specifier = encoded(specifier, "a specifier")
         self._handlers: dict[str, Handler] = {}
         self._handle: int | None = None
-        self._finalizer: weakref.finalize | None = None
+        self._finalizer: Any = None  # a weakref.finalize, which only newer checkers know as generic
 
     @property
     def name(self) -> str:
@@ -208,11 +208,11 @@ class _Base:
             return None
         message._reply = reply
         try:
-            result = handler(message)
+            result: Any = handler(message)
             if inspect.isawaitable(result):
                 return result
             if message._reply is not None:
-                reply.result("" if result is None else result)  # type: ignore[arg-type]
+                reply.result("" if result is None else result)
         except Exception as error:
             _failed(reply, message, error)
         finally:
