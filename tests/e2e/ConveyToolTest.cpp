@@ -17,6 +17,7 @@
 
 namespace {
 
+using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 using Json = nlohmann::json;
@@ -233,6 +234,29 @@ TEST_F(ConveyToolTest, saysFirstWhyAnApplicationHangs) {
     running[0]->signal(SIGSTOP);
     EXPECT_THAT(tool({"diagnose", "calm"}).out,
                 HasSubstr("calm-1.0 is stopped: process " + std::to_string(running[0]->pid())));
+}
+
+// What is wrong with the installation, and what to do.
+TEST_F(ConveyToolTest, examinesTheInstallation) {
+    const auto says = [](const std::string& text, const std::string& advice) {
+        const ProcessResult result = tool({"doctor", "lumen-2.5-en_us"});
+        EXPECT_EQ(result.exitStatus, advice.empty() ? 0 : 1) << result.out;
+        EXPECT_THAT(result.out, HasSubstr(text));
+        EXPECT_THAT(result.out, HasSubstr(advice));
+    };
+    says("lumen-2.5-en_us is idle and well.", "");
+    EXPECT_THAT(tool({"doctor", "docsafe"}).out,
+                AllOf(HasSubstr("docsafe-8.0 does not run\n       -> convey launch docsafe-8.0"),
+                      Not(HasSubstr("lumen"))));
+    const std::string ports = folder.file("convey");
+    std::filesystem::permissions(ports, std::filesystem::perms::all);
+    says("is open to other users", "convey, or remove it");
+    std::filesystem::permissions(ports, std::filesystem::perms::owner_all);
+    setenv("OVREL_CAPS_DB", folder.file("gone.db").c_str(), 1);
+    says("gone.db", "OVREL_CAPS_DB");
+    std::ofstream(folder.file("text")) << "a text";
+    setenv("OVREL_CAPS_DB", folder.file("text").c_str(), 1);
+    says("file is not a database", "restore it");
 }
 
 TEST_F(ConveyToolTest, speaksJson) {

@@ -68,8 +68,12 @@ struct DiagnoseOptions {
 };
 Exit diagnose(const Output& output, const DiagnoseOptions& options);
 
-// All applications that run, and the installation.
-Exit doctor(const Output& output, int32_t timeoutSeconds);
+struct DoctorOptions {
+    std::vector<std::string> specifiers; // empty: all that run
+    int32_t timeoutSeconds = 5;
+};
+// Applications, and the installation.
+Exit doctor(const Output& output, const DoctorOptions& options);
 
 struct MonitorOptions {
     std::vector<std::string> specifiers;

@@ -1,6 +1,8 @@
 // Whether all is well: every application that runs, and the installation.
 #include <algorithm>
+#include <map>
 #include <ostream>
+#include <set>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -39,18 +41,20 @@ struct Check {
 
 class Doctor {
 public:
-    explicit Doctor(std::string own) : own_(std::move(own)) {}
+    // `wanted`: those that are looked at, all when there are none.
+    Doctor(std::string own, std::set<std::string> wanted, int32_t timeoutSeconds)
+        : own_(std::move(own)), wanted_(std::move(wanted)), timeoutSeconds_(timeoutSeconds) {}
 
-    std::vector<Check> examine(int32_t timeoutSeconds) {
+    std::vector<Check> examine() {
         portFolder();
         otherFolders();
         stalePorts();
         database();
         framework();
-        for (const auto& [port, process] : portOwners()) {
-            const std::string name = port.substr(0, port.find('#'));
-            if (port.ends_with("#thread") && name != own_ && !Session::isEnding()) {
-                application(name, process, timeoutSeconds);
+        running();
+        for (const std::string& name : wanted_) {
+            if (seen_.count(name) == 0) {
+                add(Health::note, "application", name + " does not run", "convey launch " + name);
             }
         }
         return checks_;
@@ -86,9 +90,9 @@ private:
         for (const auto& [folder, ports] : portsElsewhere()) {
             for (const auto& [port, process] : ports) {
                 const std::string name = port.substr(0, port.find('#'));
-                if (port.ends_with("#thread") && here.count(port) == 0 &&
+                if (port.ends_with("#thread") && here.count(port) == 0 && isWanted(name) &&
                     Convey::Specifier(name.c_str(), false).isInstalled()) {
-                    application(name, process, 1);
+                    application(name, process, {});
                 }
             }
         }
@@ -98,8 +102,10 @@ private:
         const auto ports = platform::MessagePorts::system().list();
         for (const auto& port : ports) {
             const std::string name(ScObjects::ConveyUtils::getStreamName(port.name.c_str()).view());
-            if (port.stale && name.ends_with("#thread") && !name.starts_with("convey")) {
-                application(name.substr(0, name.find('#')), 0, 1);
+            const std::string target = name.substr(0, name.find('#'));
+            if (port.stale && name.ends_with("#thread") && !name.starts_with("convey") &&
+                isWanted(target)) {
+                application(target, 0, {});
             }
         }
         const auto stale =
@@ -168,11 +174,34 @@ private:
         }
     }
 
-    void application(const std::string& name, uint32_t process, int32_t timeoutSeconds) {
+    bool isWanted(const std::string& name) const {
+        return wanted_.empty() || wanted_.count(name) != 0;
+    }
+
+    void running() {
+        std::map<std::string, uint32_t> processes;
+        std::vector<std::string> names;
+        for (const auto& [port, process] : portOwners()) {
+            const std::string name = port.substr(0, port.find('#'));
+            if (port.ends_with("#thread") && name != own_ && isWanted(name)) {
+                processes[name] = process;
+                names.push_back(name);
+            }
+        }
+        const Subjects subjects = lookAtAll(names, timeoutSeconds_);
+        for (const auto& [name, process] : processes) {
+            if (!Session::isEnding()) {
+                application(name, process, subjects);
+            }
+        }
+    }
+
+    void application(const std::string& name, uint32_t process, const Subjects& subjects) {
         std::string rows;
         Verdict verdict;
+        seen_.insert(name);
         try {
-            verdict = judgeRunning(name, timeoutSeconds, false, &rows);
+            verdict = judgeRunning(name, timeoutSeconds_, false, &rows, subjects);
         } catch (const Failure& failure) {
             add(Health::note, "application", failure.what(), "it may have ended just now");
             return;
@@ -210,6 +239,9 @@ private:
     }
 
     const std::string own_;
+    const std::set<std::string> wanted_;
+    const int32_t timeoutSeconds_;
+    std::set<std::string> seen_;
     std::vector<Check> checks_;
 };
 
@@ -219,9 +251,14 @@ const char* wordOf(Health health) {
 
 } // namespace
 
-Exit doctor(const Output& output, int32_t timeoutSeconds) {
+Exit doctor(const Output& output, const DoctorOptions& options) {
     const Session session;
-    const std::vector<Check> checks = Doctor(session.name()).examine(timeoutSeconds);
+    std::set<std::string> wanted;
+    for (const std::string& specifier : options.specifiers) {
+        wanted.insert(toStd(completed(specifier)));
+    }
+    const std::vector<Check> checks =
+        Doctor(session.name(), std::move(wanted), options.timeoutSeconds).examine();
     const bool isHealthy = std::none_of(checks.begin(), checks.end(), [](const Check& check) {
         return check.health == Health::wrong;
     });

@@ -1,9 +1,12 @@
 #include "tools/convey/Look.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <future>
+#include <mutex>
 #include <sstream>
 #include <utility>
 
@@ -25,6 +28,8 @@ using ScObjects::SoString;
 namespace {
 
 constexpr const char* kThread = "#thread"; // the port that each process has
+// Most answer in a millisecond; each that does not has a thread wait.
+constexpr size_t kLooksAtOnce = 32;
 
 // The name that a file of a port was made of: what is not plain is two digits behind a %.
 std::string portNameOf(const std::string& file) {
@@ -156,13 +161,40 @@ Subject look(const std::string& target, int32_t timeoutSeconds, bool whole) {
                   {{"specifier", target}});
 }
 
+Subjects lookAtAll(const std::vector<std::string>& targets, int32_t timeoutSeconds) {
+    Subjects found;
+    std::mutex mutex; // of `found`
+    std::atomic<size_t> next{0};
+    const auto work = [&] {
+        for (size_t i = 0; (i = next.fetch_add(1)) < targets.size() && !Session::isEnding();) {
+            try {
+                Subject subject = look(targets[i], timeoutSeconds, false);
+                const std::lock_guard<std::mutex> guard(mutex);
+                found.emplace(targets[i], std::move(subject));
+            } catch (const Failure&) { // who asks for its verdict is told then
+            }
+        }
+    };
+    std::vector<std::future<void>> workers;
+    while (workers.size() + 1 < std::min(targets.size(), kLooksAtOnce)) {
+        workers.push_back(std::async(std::launch::async, work));
+    }
+    work();
+    for (auto& worker : workers) {
+        worker.get();
+    }
+    return found;
+}
+
 Verdict judgeRunning(const std::string& target, int32_t timeoutSeconds, bool whole,
-                     std::string* rows) {
+                     std::string* rows, const Subjects& seen) {
     bool isFirst = true;
     return judge(target, [&](const std::string& name) {
         const bool isOwn = std::exchange(isFirst, false);
         try {
-            Subject subject = look(name, timeoutSeconds, isOwn && whole);
+            const auto known = seen.find(name);
+            Subject subject =
+                known != seen.end() ? known->second : look(name, timeoutSeconds, isOwn && whole);
             if (isOwn && rows != nullptr) {
                 *rows = subject.rows;
             }

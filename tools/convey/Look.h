@@ -15,10 +15,16 @@ namespace convey_tool {
 // cut. Throws Failure for what does not run and has left nothing.
 Subject look(const std::string& target, int32_t timeoutSeconds, bool whole);
 
+using Subjects = std::map<std::string, Subject>;
+// Looks at many at once, so that those that do not answer cost one time-out together; without those
+// that `look` throws for.
+Subjects lookAtAll(const std::vector<std::string>& targets, int32_t timeoutSeconds);
+
 // The verdict on an application and on those that it waits for; `rows`, where it is not null,
-// receives what it says of itself. Throws Failure as `look` does.
+// receives what it says of itself. What is in `seen` is not looked at again. Throws Failure as
+// `look` does.
 Verdict judgeRunning(const std::string& target, int32_t timeoutSeconds, bool whole,
-                     std::string* rows);
+                     std::string* rows, const Subjects& seen = {});
 
 Json asJson(const Verdict& verdict);
 

@@ -277,8 +277,9 @@ private:
 
         auto& examining =
             add("doctor", "Look at all that runs and at the installation, and say what to do",
-                [this] { return doctor(output_, diagnose_.timeoutSeconds); });
-        examining.add_option("--timeout", diagnose_.timeoutSeconds, "Seconds for each answer")
+                [this] { return doctor(output_, doctor_); });
+        examining.add_option("SPECIFIER", doctor_.specifiers, "The applications; none: all");
+        examining.add_option("--timeout", doctor_.timeoutSeconds, "Seconds for the answers")
             ->check(CLI::Range(1, 3600))
             ->capture_default_str();
 
@@ -310,6 +311,7 @@ private:
     LaunchOptions launch_;
     WaitOptions wait_;
     DiagnoseOptions diagnose_;
+    DoctorOptions doctor_;
     MonitorOptions monitor_;
     ReportOptions report_;
     TopOptions top_;

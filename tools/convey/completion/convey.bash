@@ -66,7 +66,7 @@ _convey() {
         fi
         mapfile -t COMPREPLY < <(compgen -W "$values" -- "$current")
         ;;
-    resolve | ping | send | launch | front | wait | diagnose | monitor | keys)
+    resolve | ping | send | launch | front | wait | diagnose | doctor | monitor | keys)
         values=$("${COMP_WORDS[0]}" list --names 2>/dev/null)
         [ "$command" = ping ] && values+=' allRunningApps'
         mapfile -t COMPREPLY < <(compgen -W "$values" -- "$current")

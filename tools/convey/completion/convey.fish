@@ -1,6 +1,6 @@
 # fish completion for convey: commands, their options, and the specifiers of the registry.
 set -l commands list resolve ping send launch front wait diagnose doctor monitor report top keys key ports limits
-set -l targets resolve ping send launch front wait diagnose monitor keys key
+set -l targets resolve ping send launch front wait diagnose doctor monitor keys key
 
 complete -c convey -f
 complete -c convey -l json -d 'Print JSON'
