@@ -96,6 +96,10 @@ public:
     bool isOpen() const { return static_cast<bool>(socket_); }
     std::shared_ptr<Watch> watch();
 
+    // With the turn, or when nobody can have it. Whether the target lives and has not read
+    // everything that went here.
+    bool hasUnread() const;
+
     // Any thread. True when `owner` is at the other end no more and does not have the name either.
     bool hasLost(const PortIncarnation& owner);
     void report(int events, uint64_t kind, const PortIncarnation& owner);
@@ -445,15 +449,19 @@ PortSender::Connection::Outcome PortSender::Connection::sendInParts(std::string_
     return outcome;
 }
 
+bool PortSender::Connection::hasUnread() const {
+    int unread = 0;
+    pollfd end = {socket_.get(), 0, 0}; // only its end is reported
+    return socket_ && ioctl(socket_.get(), SIOCOUTQ, &unread) == 0 && unread != 0 &&
+           poll(&end, 1, 0) == 0;
+}
+
 // Closes a connection that a text was broken off on, so that the receiver drops the part, but only
 // when it has read all of that part: for a receiver that reads nothing, each new connection would
 // keep as much again in the system's memory. False when the time is up.
 bool PortSender::Connection::closeBrokenOff(Deadline& deadline) {
     for (;;) {
-        int unread = 0;
-        pollfd end = {socket_.get(), 0, 0};
-        if (!socket_ || ioctl(socket_.get(), SIOCOUTQ, &unread) != 0 || unread == 0 ||
-            poll(&end, 1, 0) > 0) { // only its end is reported
+        if (!hasUnread()) {
             close();
             brokenOff_ = false;
             return true;
@@ -479,16 +487,19 @@ std::shared_ptr<PortSender::Connection> PortSender::connectionTo(const std::stri
     }
     std::shared_ptr<Connection> found = entry.connection;
     if (cache_.size() > kMaximumConnections) {
-        // Not one that a send is using: its next one would overtake what it is sending.
+        // Not one that a send is using: its next one would overtake what it is sending. Nor one
+        // whose target has not read it all: for a target that reads nothing, each new connection
+        // would take, and keep in the system's memory, as much again.
         auto oldest = cache_.end();
         for (auto i = cache_.begin(); i != cache_.end(); ++i) {
             if (i->second.connection.use_count() == 1 &&
-                (oldest == cache_.end() || i->second.lastUse < oldest->second.lastUse)) {
+                (oldest == cache_.end() || i->second.lastUse < oldest->second.lastUse) &&
+                !i->second.connection->hasUnread()) {
                 oldest = i;
             }
         }
-        // Where all are in use, by sends or by watches over a target, there are more than the bound
-        // for a while.
+        // Where all are in use, by sends or by watches over a target, or not read, there are more
+        // than the bound for a while.
         if (oldest != cache_.end()) {
             closed = std::move(oldest->second.connection);
             cache_.erase(oldest);

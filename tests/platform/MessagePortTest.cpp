@@ -258,6 +258,14 @@ TEST_F(MessagePortTest, sendersToOneNameTakeTurnsAndDoNotHoldOthers) {
     waiting.join();
     queued.join();
     EXPECT_EQ(takeOne(*other), "c");
+    // More than are kept connected: the one that reads nothing takes no more on a new connection.
+    for (size_t i = 0; i < 2 * limits::of("port.kept"); ++i) {
+        const std::string name = "many" + std::to_string(i);
+        const auto one = ports.open(name);
+        EXPECT_EQ(ports.send(name, "d", kGenerous), SendResult::delivered);
+        EXPECT_EQ(takeOne(*one), "d");
+    }
+    EXPECT_EQ(ports.send("full", filler, 0), SendResult::timedOut);
 }
 
 TEST_F(MessagePortTest, largeTextsThatAreBrokenOffDoNotPileUp) {
