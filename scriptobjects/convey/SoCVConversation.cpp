@@ -459,6 +459,17 @@ size_t Conversations::handlerCount() const {
     return numbers_.size();
 }
 
+std::vector<std::string> Conversations::handledTypes() const {
+    const ObjectLock guard(*this);
+    std::vector<std::string> types;
+    for (const auto& slot : forAny_) {
+        if (!slot->forwards()) {
+            types.push_back(slot->type());
+        }
+    }
+    return types;
+}
+
 // Turns.
 
 bool Conversations::Turn::leave() {

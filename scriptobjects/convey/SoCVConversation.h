@@ -62,6 +62,7 @@ public:
     // What the handler said of itself when it was registered.
     const std::string& type() const { return type_; }
     uint32_t number() const { return number_; }
+    bool forwards() const { return forwards_; }
 
     // Calls the handler; 0 when it has been released.
     int32_t call(int event, Convey::Message& message, SoString* result);
@@ -152,6 +153,9 @@ public:
     std::shared_ptr<HandlerSlot> handlerFor(const Convey::Message& message,
                                             const Reply& reply) const;
     size_t handlerCount() const;
+    // What the handlers for messages of any number are for, oldest first; empty: for any type.
+    // Without those that only forward to an observer.
+    std::vector<std::string> handledTypes() const;
 
     // The request that those who wait have sent: its type is what tells some of the replies.
     void noteRequest(const Convey::Message& request);

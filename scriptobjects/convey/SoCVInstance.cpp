@@ -152,6 +152,19 @@ void appendOldest(CVDiagnosticsRows& rows, const MessageQueue& queue, const char
     }
 }
 
+// What others may ask of this instance.
+void appendTypes(CVDiagnosticsRows& rows, const std::vector<std::string>& types) {
+    const auto count = static_cast<uint32_t>(types.size());
+    if (types.empty()) { // readers take a node for one that has rows below
+        rows.leaf("/types", "Types with a handler", count);
+        return;
+    }
+    rows.node("/types", "Types with a handler", count);
+    for (size_t i = 0; i < types.size(); ++i) {
+        rows.leaf("/types/" + std::to_string(i), "Type", types[i].empty() ? "any" : types[i]);
+    }
+}
+
 } // namespace
 
 void PrivateData::appendDiagnostics(SoString& out, const SoString& path) const {
@@ -199,6 +212,7 @@ void PrivateData::appendDiagnostics(SoString& out, const SoString& path) const {
     appendOldest(rows, outbox_.messages(), "/oldestout", "Oldest outgoing");
     traffic_.appendDiagnostics(rows, incoming_.dropped() + outbox_.messages().dropped());
     outbox_.appendDiagnostics(rows);
+    appendTypes(rows, conversations_.handledTypes());
 }
 
 // Handlers.

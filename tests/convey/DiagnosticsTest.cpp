@@ -105,6 +105,7 @@ TEST(Diagnostics, describeAWholeState) {
 /own-1.0/instances/own-1.0/counts/told;0;Errors told;0;
 /own-1.0/instances/own-1.0/counts/dropped;0;Dropped;0;
 /own-1.0/instances/own-1.0/blocked;0;Targets that take nothing;0;
+/own-1.0/instances/own-1.0/types;0;Types with a handler;0;
 /own-1.0/instances/other-2.0;1;Instance;other-2.0;
 /own-1.0/instances/other-2.0/stream;0;Stream;other-2.0;
 /own-1.0/instances/other-2.0/in;1;Incoming;1;
@@ -144,6 +145,7 @@ TEST(Diagnostics, describeAWholeState) {
 /own-1.0/instances/other-2.0/counts/told;0;Errors told;0;
 /own-1.0/instances/other-2.0/counts/dropped;0;Dropped;0;
 /own-1.0/instances/other-2.0/blocked;0;Targets that take nothing;0;
+/own-1.0/instances/other-2.0/types;0;Types with a handler;0;
 /own-1.0/connector;1;Connector;table;
 /own-1.0/connector/name;0;Name;test;
 /own-1.0/connector/good;0;Readable;yes;

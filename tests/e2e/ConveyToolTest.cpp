@@ -110,6 +110,7 @@ TEST_F(ConveyToolTest, answersByItsExitStatus) {
         {{"key", "lumen", "MOOD", "good"}, 0, "good\n", ""},
         {{"key", "lumen", "MOOD"}, 0, "good\n", ""},
         {{"keys", "lumen"}, 0, "MOOD          value        good\n", ""},
+        {{"keys", "lumen"}, 0, "\n\nTYPE     INSTANCE\nTessaly  lumen-2.5-en_us\n", ""},
         {{"ports", "--no-legend"}, 0, "  lumen-2.5-en_us#ping\n", ""},
         {{"--version"}, 0, "convey 2.0.0\n", ""},
         {{"send", "--help"}, 0, "--launch", ""},

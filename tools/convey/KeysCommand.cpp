@@ -43,7 +43,7 @@ Exit keys(const Output& output, const KeyOptions& options) {
     const Session session;
     const std::string target = toStd(known(options.specifier));
     const Node root = readTree(ask(target, ConveyThread::CV_DIAGNOSTICS, options.timeoutSeconds));
-    Json json = {{"specifier", target}, {"keys", Json::array()}, {"types", Json::array()}};
+    Json json = {{"specifier", target}, {"keys", Json::array()}, {"types", nullptr}};
     Table table({"KEY", "ANSWERED BY", "VALUE"});
     eachBelow(root, "/thread/ping", [&](const Node& key) {
         bool hasHandler = false;
@@ -57,10 +57,18 @@ Exit keys(const Output& output, const KeyOptions& options) {
     Table types({"TYPE", "INSTANCE"});
     for (const Node& application : root.children) {
         for (const Node& instance : application.children) {
-            eachBelow(instance, "/handlers", [&](const Node& type) {
-                json["types"].push_back({{"type", type.value}, {"instance", instance.label}});
-                types.add({type.value, instance.value});
-            });
+            for (const Node& list : instance.children) {
+                if (list.path == instance.path + "/types") {
+                    if (json["types"].is_null()) { // else an older layer, which does not tell
+                        json["types"] = Json::array();
+                    }
+                    for (const Node& type : list.children) {
+                        json["types"].push_back(
+                            {{"type", type.value}, {"instance", instance.value}});
+                        types.add({type.value, instance.value});
+                    }
+                }
+            }
         }
     }
     if (output.json) {
@@ -68,8 +76,10 @@ Exit keys(const Output& output, const KeyOptions& options) {
         return kDone;
     }
     table.print(output);
-    output.out << '\n';
-    types.print(output);
+    if (!json["types"].is_null()) {
+        output.out << '\n';
+        types.print(output);
+    }
     return kDone;
 }
 
