@@ -3,8 +3,11 @@
 // and waits for its answer, "stuck" lets the main loop come by no more, "last" answers and ends the
 // process at once, without the layer's end. "drop" lets go of its reply, "throw" throws, "keep"
 // keeps it until "give", which has another thread answer all that are kept; "end" ends the
-// application, lets another thread answer what is kept, and tells what came of it. Every other is
-// answered. Usage: target_program SPECIFIER [never], which never pumps
+// application, lets another thread answer what is kept, and tells what came of it. "bounce A B ..."
+// asks A to ask B, and so on round the ring, until handlers are as deep as they may be and all
+// wait; "flood TARGET" sends until it takes no more, and what waits then. Every other is answered.
+// Usage: target_program SPECIFIER [never], which never pumps
+#include <algorithm>
 #include <cstdlib>
 #include <optional>
 #include <stdexcept>
@@ -20,7 +23,7 @@ namespace {
 using ScObjects::Convey;
 using ScObjects::SoString;
 
-constexpr std::chrono::seconds kTime{60}; // longer than a test looks
+constexpr std::chrono::seconds kTime{600}; // longer than a test looks
 bool gEnd = false;
 bool gLast = false;
 bool gStuck = false;
@@ -63,11 +66,25 @@ void handle(const Convey::Messenger& own, std::vector<Convey::Reply>& kept,
     }
     if (body == "give") {
         (void)answerAll(kept);
-    } else if (body.compare(0, 4, "ask ") == 0) {
-        const size_t end = body.find(' ', 4);
-        (void)own.request(body.substr(4, end - 4).c_str(), body.substr(end + 1).c_str())
-            .within(kTime)
-            .wait();
+    }
+    const size_t first = body.find(' ') + 1;
+    const size_t end = std::min(body.find(' ', first), body.size());
+    const std::string order = body.substr(0, first);
+    const std::string target = body.substr(first, end - first);
+    const std::string rest = body.substr(std::min(end + 1, body.size()));
+    if (order == "ask " || order == "bounce ") {
+        const std::string question = order == "ask " ? rest : order + rest + " " + target;
+        (void)own.request(target.c_str(), question.c_str()).within(kTime).wait();
+    } else if (order == "flood ") {
+        const std::string large(60'000, 'x');
+        const auto post = [&] {
+            return own.request(target.c_str(), large.c_str()).launch().post();
+        };
+        while (post()) {
+        }
+        for (int i = 0; i < 200; ++i) { // at once: they wait behind the first
+            (void)post();
+        }
     }
     gEnd = body == "end";
     gLast = body == "last";
