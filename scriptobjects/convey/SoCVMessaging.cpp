@@ -443,7 +443,7 @@ std::shared_ptr<Asked> Convey::Request::ask(uint32_t waitSeconds) noexcept {
     try {
         message_.setResponseRequest(kWantsEnd);
         message_.setTimeout(seconds_);
-        const auto data = state_->instance.data();
+        const auto& data = state_->instance.data();
         asked = std::make_shared<Asked>(data, std::move(functions_));
         if (data == nullptr) { // there was no memory to make the instance
             asked->tell(outOfMemory);
@@ -542,7 +542,15 @@ SoString Convey::Messenger::name() const {
 }
 
 void Convey::Messenger::setFunction(const SoString& type, Function function) {
-    delete state_->instance.changeHandler(new FunctionHandler(type, std::move(function)));
+    auto handler = std::make_unique<FunctionHandler>(type, std::move(function));
+    const ConveyContext::Visit visit;
+    const auto& data = state_->instance.data();
+    // Not by the instance's face, which keeps to itself that there was no memory: an application
+    // would believe that it answers.
+    if (data == nullptr) {
+        throw std::bad_alloc();
+    }
+    delete data->changeHandler(handler.release());
 }
 
 bool Convey::Messenger::off(const SoString& type) {

@@ -188,7 +188,8 @@ public:
     // Has `function` called with each message of the type (CV_TYPE_PLAIN: also those for whose type
     // there is no function; "": what is left then), in place of the one before. It takes
     // `(const Message&, Reply)` and answers when it likes, or `(const Message&)` and returns the
-    // result, or nothing for an empty one. One that throws answers "Error".
+    // result, or nothing for an empty one. One that throws answers "Error". Throws std::bad_alloc
+    // when there is no memory for it; the one before stays then.
     template <class F>
     void on(const SoString& type, F&& function) {
         // Shared, so that what can only be moved is a function, too.

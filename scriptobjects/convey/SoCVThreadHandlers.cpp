@@ -96,7 +96,7 @@ SoString ThreadMainMsgHandler::setKey(const SoString& key, std::string_view text
     if (text.size() > kMaximumTextBytes) {
         return thread_->getValueForKey(key);
     }
-    const SoString value(text);
+    SoString value(text);
     if (!thread_->setKeyValuePair(key, value)) {
         return thread_->getValueForKey(key);
     }

@@ -1,8 +1,10 @@
 #include "scriptobjects/convey/SoCVUtilsCore.h"
 
+#include <atomic>
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -50,8 +52,15 @@ Forwards& forwards() {
     return *all;
 }
 
+// What is asked at the end of each round: making the above takes memory, which a destructor must
+// not need.
+constinit std::atomic<bool> gAnyForwarded{false};
+
 // Calls the observers, unless another thread does: that one comes to what is left.
-void handOver() {
+void handOver() noexcept {
+    if (!gAnyForwarded.load()) {
+        return;
+    }
     Forwards& all = forwards();
     for (;;) {
         // Once more behind each call: who forwards meanwhile leaves it to this thread.
@@ -67,9 +76,10 @@ void handOver() {
         }
         // One thread at a time, since the order is all that makes the events of use, and with no
         // lock held: an observer may do whatever a handler may.
-        {
+        try {
             const ForwardingScope scope;
             (void)next.observer->call(0, *next.message, nullptr);
+        } catch (const std::bad_alloc&) { // the observer misses one
         }
         const std::lock_guard<std::mutex> guard(all.mutex);
         all.isBusy = false;
@@ -145,6 +155,7 @@ bool forwardMessage(const Convey::Message& message, const SoString& handlerType,
         const std::lock_guard<std::mutex> guard(all.mutex);
         // With the slot, which stays usable when the observer is removed meanwhile.
         all.kept.push_back({observer, std::move(made)});
+        gAnyForwarded.store(true);
     }
     // This thread may hold a lock otherwise, under which no handler may be called.
     if (gDelays == 0) {
