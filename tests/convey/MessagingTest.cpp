@@ -357,9 +357,16 @@ TEST_F(MessagingTest, repliesOfOtherThreadsMeetTheEndOfTheirHandlers) {
     std::mutex mutex;
     std::vector<Reply> given;
     std::atomic<bool> end{false};
+    std::atomic<int> answered{0};
+    int i = 0;
     other->on(CV_TYPE_PLAIN, [&](const Message&, Reply reply) {
-        const std::lock_guard<std::mutex> guard(mutex);
-        given.push_back(std::move(reply));
+        {
+            const std::lock_guard<std::mutex> guard(mutex);
+            given.push_back(std::move(reply));
+        }
+        while (i % 2 != 0 && answered <= i) { // surely before the handler returns
+            std::this_thread::yield();
+        }
     });
     std::thread worker([&] {
         while (!end) {
@@ -370,11 +377,12 @@ TEST_F(MessagingTest, repliesOfOtherThreadsMeetTheEndOfTheirHandlers) {
             }
             for (Reply& reply : mine) {
                 EXPECT_TRUE(reply.result("answer"));
+                ++answered;
             }
             std::this_thread::yield();
         }
     });
-    for (int i = 0; i < 500; ++i) {
+    for (; i < 500; ++i) {
         ASSERT_EQ(outcomeOf("x"), "result 0 answer") << i;
     }
     end = true;
