@@ -1,6 +1,7 @@
 // One of the processes that talk: sends requests to random others, answers theirs, and starts and
 // stops the layer every few seconds.
 // Usage: soak_worker STATES JOURNAL INDEX COUNT SEED
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -13,6 +14,7 @@
 #include <random>
 #include <string>
 #include <sys/mman.h>
+#include <thread>
 #include <unistd.h>
 
 #include "scriptobjects/convey/SoCVMessage.h"
@@ -70,13 +72,21 @@ public:
                 return 1;
             }
             note("C " + std::to_string(entriesOf("/proc/self/fd")) + " " +
-                 std::to_string(entriesOf("/proc/self/task")) + " " +
-                 std::to_string(mallinfo2().uordblks));
+                 std::to_string(threads()) + " " + std::to_string(mallinfo2().uordblks));
         }
         return 0;
     }
 
 private:
+    // A thread that has been joined may still be seen for a moment.
+    static size_t threads() {
+        size_t fewest = entriesOf("/proc/self/task");
+        for (int i = 0; i < 5 && fewest > 1; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            fewest = std::min(fewest, entriesOf("/proc/self/task"));
+        }
+        return fewest;
+    }
     class Handler : public Convey::MsgHandler {
     public:
         explicit Handler(Worker& worker) : worker_(worker) {}
