@@ -76,7 +76,7 @@ std::string repeated(const std::string& part, size_t bytes) {
 using HeavyTextsTest = Scene;
 
 TEST_F(HeavyTextsTest, aNeighboursFillIsBoundedAndKeepsNobodyOut) {
-    const auto megabytes = static_cast<size_t>(scaled(4)) << 20;
+    const size_t megabytes = size_t{4} << 20; // eight of these texts fill a share
     const std::string small = "Target:target-1.0\nSender:hog-1.0\nType:x\n\n";
     const std::string many = repeated(small, megabytes / 4);
     const std::string headers =
@@ -121,8 +121,10 @@ TEST_F(HeavyTextsTest, aNeighboursFillIsBoundedAndKeepsNobodyOut) {
         })) << "the other one's message is there, too";
         EXPECT_LE(incoming.count(), limits::of("queue.incoming.share.messages") + 1);
         // The share, as much unread, a text on its way, the rows, and what the heap makes of it.
-        EXPECT_LT((residentKilobytes() - before) / 1024,
-                  static_cast<long>(6 * limits::of("queue.incoming.share.bytes") >> 20));
+        if (scaled(10) == 10) { // a sanitizer keeps memory of its own
+            EXPECT_LT((residentKilobytes() - before) / 1024,
+                      static_cast<long>(6 * limits::of("queue.incoming.share.bytes") >> 20));
+        }
         // Nothing that was delivered is lost.
         const auto end = Clock::now() + std::chrono::seconds(60);
         while (counter->hogs < count && Clock::now() < end) {
