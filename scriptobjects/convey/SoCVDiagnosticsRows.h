@@ -40,6 +40,11 @@ public:
     void leaf(std::string_view name, std::string_view label, const Parts&... value) {
         add(name, '0', label, joined(value...));
     }
+    // The number of rows below: readers take a node for one that has some.
+    void count(std::string_view name, std::string_view label, size_t rowsBelow) {
+        const auto value = static_cast<uint32_t>(rowsBelow);
+        rowsBelow != 0 ? node(name, label, value) : leaf(name, label, value);
+    }
     // A leaf for what has no value.
     void undefined(std::string_view name, std::string_view label) {
         add(name, '0', label, SoString("undefined"));

@@ -154,12 +154,7 @@ void appendOldest(CVDiagnosticsRows& rows, const MessageQueue& queue, const char
 
 // What others may ask of this instance.
 void appendTypes(CVDiagnosticsRows& rows, const std::vector<std::string>& types) {
-    const auto count = static_cast<uint32_t>(types.size());
-    if (types.empty()) { // readers take a node for one that has rows below
-        rows.leaf("/types", "Types with a handler", count);
-        return;
-    }
-    rows.node("/types", "Types with a handler", count);
+    rows.count("/types", "Types with a handler", types.size());
     for (size_t i = 0; i < types.size(); ++i) {
         rows.leaf("/types/" + std::to_string(i), "Type", types[i].empty() ? "any" : types[i]);
     }
@@ -187,13 +182,8 @@ void PrivateData::appendDiagnostics(SoString& out, const SoString& path) const {
     for (const auto& queue : queues) {
         SoString queuePath = root;
         queuePath << queue.leaf;
-        const auto count =
-            static_cast<uint32_t>(static_cast<size_t>(queue.queue.count()) + queue.watchers);
-        if (count != 0) {
-            rows.node(queue.leaf, queue.label, count);
-        } else { // readers take a node for one that has rows below
-            rows.leaf(queue.leaf, queue.label, count);
-        }
+        rows.count(queue.leaf, queue.label,
+                   static_cast<size_t>(queue.queue.count()) + queue.watchers);
         (void)queue.queue.appendDiagnostics(out, queuePath);
         for (size_t i = 0; i < queue.watchers; ++i) {
             watchers[i]->appendDiagnostics(out, queuePath);

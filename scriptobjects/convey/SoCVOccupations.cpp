@@ -48,12 +48,7 @@ void Occupations::appendLocked(CVDiagnosticsRows& rows, Kind kind, int64_t time)
     for (const Entry* entry = newest_; entry != nullptr; entry = entry->next_) {
         count += entry->kind_ == kind ? 1 : 0;
     }
-    // Readers take a node for one that has rows below it.
-    if (count == 0) {
-        rows.leaf(root, label, count);
-        return;
-    }
-    rows.node(root, label, count);
+    rows.count(root, label, count);
     for (const Entry* entry = newest_; entry != nullptr; entry = entry->next_) {
         if (entry->kind_ == kind) {
             // Counted down, as the newest comes first: the oldest is 0, and keeps its row when

@@ -376,12 +376,7 @@ void Outbox::appendDiagnostics(CVDiagnosticsRows& rows) const {
     }
     std::sort(failing.begin(), failing.end(),
               [](const Target& a, const Target& b) { return a.milliseconds > b.milliseconds; });
-    const auto count = static_cast<uint32_t>(failing.size());
-    if (failing.empty()) { // readers take a node for one that has rows below
-        rows.leaf("/blocked", "Targets that take nothing", count);
-        return;
-    }
-    rows.node("/blocked", "Targets that take nothing", count);
+    rows.count("/blocked", "Targets that take nothing", failing.size());
     for (size_t i = 0; i < failing.size(); ++i) {
         const std::string own = "/blocked/" + std::to_string(i);
         const Target& target = failing[i];
