@@ -167,12 +167,8 @@ TEST_F(LaunchTest, opensWebAddresses) {
 
 // What more than a program is, is started as the desktop starts it.
 TEST_F(LaunchTest, importedDesktopEntriesStartWhatTheyName) {
-    void* const library = dlopen("libgio-2.0.so.0", RTLD_LAZY);
-    if (library == nullptr) {
-        GTEST_SKIP()
-            << "the GIO library of this architecture is not installed: Debian's 32-bit one "
-               "needs the libraries of the same revision as the 64-bit ones";
-    }
+    // Not for every architecture: Debian's 32-bit one needs the same revision as the 64-bit one.
+    const bool hasLibrary = dlopen("libgio-2.0.so.0", RTLD_LAZY) != nullptr;
     const std::string note = folder.file("note");
     (void)script("bin/prog", "printf '%s' \"marked $MARK $#\" > " + note + ".new && mv " + note +
                                  ".new " + note);
@@ -186,14 +182,15 @@ TEST_F(LaunchTest, importedDesktopEntriesStartWhatTheyName) {
         const char* name;
         std::string exec;
         const char* said;
+        bool isMore; // than a program
     } cases[] = {
-        {"plain", folder.file("bin/prog") + " %U", "marked  0"},
-        {"marked", "env MARK=1 " + folder.file("bin/prog") + " %U", "marked 1 0"},
-        {"interpreted", "python3 " + main + " %F", "python 1"},
+        {"plain", folder.file("bin/prog") + " %U", "marked  0", false},
+        {"marked", "env MARK=1 " + folder.file("bin/prog") + " %U", "marked 1 0", true},
+        {"interpreted", "python3 " + main + " %F", "python 1", true},
         {"shell",
          "sh -c \"printf '%%s' 'of a shell' > " + note + ".new && mv " + note + ".new " + note +
              "\"",
-         "of a shell"},
+         "of a shell", true},
     };
     std::filesystem::create_directory(folder.file("entries"));
     for (const auto& c : cases) {
@@ -207,6 +204,11 @@ TEST_F(LaunchTest, importedDesktopEntriesStartWhatTheyName) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         const ProcessResult result = runProcess({CONVEY_PROGRAM, "launch", "--wait", "0", c.name});
+        if (!hasLibrary && c.isMore) {
+            EXPECT_EQ(result.exitStatus, 1);
+            EXPECT_THAT(result.err, HasSubstr("the GIO library is not installed"));
+            continue;
+        }
         EXPECT_EQ(result.exitStatus, 0) << result.err;
         EXPECT_TRUE(eventually([&] { return std::filesystem::exists(note); }));
         EXPECT_EQ(TemporaryFolder::read(note), c.said);
