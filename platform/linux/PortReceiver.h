@@ -11,6 +11,7 @@
 #include <sys/epoll.h>
 #include <unordered_map>
 
+#include "limits/Limits.h"
 #include "platform/MessagePort.h"
 #include "platform/linux/PortDescriptor.h"
 #include "platform/linux/PortName.h"
@@ -41,6 +42,14 @@ public:
     static void reportLost();
 
 private:
+    static constexpr uint64_t kListener = 0; // among the events; connections are numbered from 1
+    // Above every number that a connection can reach.
+    static constexpr uint64_t kTimer = UINT64_MAX;
+    // What one call draws ahead of its caller: some packets of some connections.
+    static constexpr int kEventsAtOnce = 8;
+    static constexpr int kPacketsAtOnce = 16;
+    static constexpr int64_t kStalledMilliseconds = limits::of("port.half-sent.stalled");
+
     struct Connection {
         PortDescriptor socket;
         int32_t process = 0;
@@ -62,33 +71,39 @@ private:
 
     class OpenPorts;
 
+    static int64_t now();
+
     bool listen();
     void deafen();
-    bool fill();
+    void pauseListening();
+    void resumeListening();
     bool hasMoreLocked() const;
+    bool spin();
+
+    // Connections.
+    bool fill();
+    bool readHot(int packets);
+    void readEvents(const epoll_event* events, int count, int packets);
     void acceptAll();
     void admit(PortDescriptor socket, int32_t process);
-    bool makeRoom(int32_t process);
-    void readOut(Connections::iterator connection);
-    bool readHot(int packets);
     bool isHeld(const Connection& connection) const;
     bool watch(uint64_t number, const Connection& connection);
-    void readEvents(const epoll_event* events, int count, int packets);
+    bool olderOnesAreRead(Connections::iterator connection);
+    bool makeRoom(int32_t process);
+    void readOut(Connections::iterator connection);
     void read(Connections::iterator connection, int packets);
     Reading readPackets(Connection& connection, int packets);
     Reading takePacket(Connection& connection, size_t bytes);
+
+    // Half-sent texts.
     Reading startPart(Connection& connection, size_t length);
-    bool makeRoomForPart(const Connection& connection, size_t length, bool byClosing);
     static bool isWholeInQueue(const Connection& connection);
     void release(const Connection& connection);
     size_t announcedBy(int32_t process) const;
+    bool makeRoomForPart(const Connection& connection, size_t length, bool byClosing);
     void giveRoom(bool byClosing);
     void tendLater(int64_t milliseconds);
     void tend();
-    bool olderOnesAreRead(Connections::iterator connection);
-    void pauseListening();
-    void resumeListening();
-    bool spin();
 
     PortName name_;
     std::atomic<bool> lossIsReported_{false};
