@@ -103,10 +103,12 @@ function draw() {
     const tip = way === 0 ? a + 4 : b, to = way || -1;
     put(group, 'path', {class: 'tip', d: `M${tip} ${y}l${-8 * to} -4v8z`});
     if (step >= 14) {
-      const late = m[ANSWER] >= 0 ? '  ' + ms(m[ANSWER]) : '';
-      const label = m[TYPE] + ' #' + m[NUMBER] + (m[TEXT] ? ' ' + m[TEXT] : '') + late;
-      const room = Math.max(8, Math.floor(Math.abs(b - a) / 6.6) || 24);
-      put(group, 'text', {class: 'label', x: Math.min(a, b) + 10, y: y - 4}, label.length > room ? label.slice(0, room - 1) + '…' : label);
+      // The time stands before the text, which may be cut.
+      const label = m[TYPE] + ' #' + m[NUMBER] + (m[ANSWER] >= 0 ? ' ' + ms(m[ANSWER]) : '') + (m[TEXT] ? ' ' + m[TEXT] : '');
+      const start = way === 0 ? a + 30 : Math.min(a, b) + 10, room = way === 0 ? gap - 40 : Math.abs(b - a) - 20;
+      const text = put(group, 'text', {class: 'label', x: start, y: y - 4}, label);
+      const needed = text.getComputedTextLength();
+      for (let n = Math.floor(label.length * room / needed); n > 8 && text.getComputedTextLength() > room; --n) text.textContent = label.slice(0, n) + '…';
     }
   }
   put(svg, 'rect', {class: 'head', x: 0, y: 0, width: width, height: HEAD - 4});
@@ -125,7 +127,7 @@ $('view').onscroll = () => requestAnimationFrame(draw);
 onresize = draw;
 for (const id of ['filter', 'replies', 'notices', 'bad']) $(id).oninput = choose;
 $('zoom').oninput = draw;
-const wish = new URLSearchParams(location.hash.slice(1)); // #filter=TEXT&bad=1&at=N
+const wish = new URLSearchParams(location.hash.slice(1)); // #filter=TEXT&bad&open&at=N
 if (wish.has('filter')) $('filter').value = wish.get('filter');
 if (wish.has('bad')) $('bad').checked = true;
 if (wish.has('open')) document.querySelector('details').open = true;
