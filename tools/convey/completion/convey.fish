@@ -42,6 +42,7 @@ complete -c convey -n '__fish_seen_subcommand_from wait' -l until -x -a 'running
 complete -c convey -n '__fish_seen_subcommand_from diagnose' -l raw -d Rows
 complete -c convey -n '__fish_seen_subcommand_from diagnose' -l whole -d 'Long texts, too'
 complete -c convey -n '__fish_seen_subcommand_from diagnose' -l watch -d 'Again and again'
+complete -c convey -n '__fish_seen_subcommand_from diagnose' -l path -x -d 'Rows below'
 complete -c convey -n '__fish_seen_subcommand_from diagnose' -l html -r -F -d Page
 complete -c convey -n '__fish_seen_subcommand_from monitor' -l errors -d 'What fails'
 complete -c convey -n '__fish_seen_subcommand_from monitor' -l logs -d 'Each step'
