@@ -1,0 +1,317 @@
+#include "link/Channel.h"
+
+#include <algorithm>
+
+#include "link/Bounds.h"
+
+namespace convey_link {
+
+uint64_t Channel::queue(MessageHead head, std::string text, int64_t deadline) {
+    const Flow flow(head.source, head.target);
+    std::deque<Queued>& line = flows_[flow];
+    if (line.empty()) {
+        turns_.push_back(flow);
+    }
+    queuedBytes_ += text.size();
+    open_[++lastMessage_] = false;
+    line.push_back({lastMessage_, std::move(head), std::move(text), deadline});
+    return lastMessage_;
+}
+
+void Channel::queueLaunch(const std::string& app, const std::string& parameters) {
+    launches_.push_back({app, parameters});
+}
+
+void Channel::tell(uint64_t message, Outcome outcome, int64_t now) {
+    outcomes_.emplace_back(message, outcome);
+    tellAt_ = std::min(tellAt_, now + bounds::kAcknowledgeMilliseconds);
+}
+
+bool Channel::mayGo() const {
+    return sentBytes_ < bounds::kWindowBytes;
+}
+
+bool Channel::meet(uint64_t otherLife, std::vector<uint64_t>& lost) {
+    if (otherLife == otherLife_) {
+        return false;
+    }
+    const bool isFirst = otherLife_ == 0;
+    otherLife_ = otherLife;
+    sent_.clear();
+    sentBytes_ = 0;
+    lastNumber_ = 0;
+    again_ = SIZE_MAX;
+    repeatAt_ = INT64_MAX;
+    arrived_ = 0;
+    gap_ = false;
+    gapTold_ = UINT64_MAX;
+    acknowledgeAt_ = INT64_MAX;
+    halves_.clear();
+    halfBytes_ = 0;
+    // These were of that life's messages.
+    outcomes_.clear();
+    tellAt_ = INT64_MAX;
+    for (auto& [flow, line] : flows_) {
+        for (Queued& queued : line) {
+            queuedBytes_ += queued.sent;
+            queued.sent = 0;
+        }
+    }
+    for (auto open = open_.begin(); !isFirst && open != open_.end();) {
+        if (open->second) {
+            lost.push_back(open->first);
+            open = open_.erase(open);
+        } else {
+            ++open;
+        }
+    }
+    return true;
+}
+
+void Channel::acknowledge(uint64_t upTo, int64_t now) {
+    if (upTo > lastNumber_) {
+        return; // nothing of ours: somebody plays
+    }
+    size_t count = 0;
+    while (!sent_.empty() && sent_.front().number <= upTo) {
+        sentBytes_ -= sent_.front().cargo.size();
+        sent_.pop_front();
+        ++count;
+    }
+    if (count > 0) {
+        again_ = again_ == SIZE_MAX || again_ < count ? SIZE_MAX : again_ - count;
+        repeatAfter_ = bounds::kRepeatMilliseconds;
+        repeatAt_ = sent_.empty() ? INT64_MAX : now + repeatAfter_;
+    }
+}
+
+void Channel::sendAgain() {
+    if (!sent_.empty()) {
+        again_ = 0;
+        repeatAfter_ = bounds::kRepeatMilliseconds;
+    }
+    if (arrived_ > 0) {
+        acknowledgeAt_ = 0; // the last one may be lost, too
+    }
+}
+
+void Channel::take(const Frame& frame, int64_t now, Arrivals& out) {
+    if (frame.senderLife != otherLife_ || frame.receiverLife != ownLife_) {
+        return;
+    }
+    acknowledge(frame.acknowledged, now);
+    if (frame.kind == FrameKind::acknowledgement) {
+        if (frame.gap && !sent_.empty() && sent_.front().number == frame.acknowledged + 1) {
+            again_ = 0;
+        }
+        return;
+    }
+    if (frame.number != arrived_ + 1) {
+        // One that came before: its acknowledgement may be lost. One from behind a gap: what is
+        // missing is told once, and all behind it comes again.
+        if (frame.number <= arrived_) {
+            acknowledgeAt_ = std::min(acknowledgeAt_, now + bounds::kAcknowledgeMilliseconds);
+        } else if (gapTold_ != arrived_) {
+            gapTold_ = arrived_;
+            gap_ = true;
+            acknowledgeAt_ = now;
+        }
+        return;
+    }
+    arrived_ = frame.number;
+    unacknowledgedBytes_ += frame.part.bytes.size();
+    acknowledgeAt_ = unacknowledgedBytes_ >= bounds::kWindowBytes / 4
+                         ? now
+                         : std::min(acknowledgeAt_, now + bounds::kAcknowledgeMilliseconds);
+    switch (frame.cargo) {
+    case CargoKind::part:
+        takePart(frame.part, now, out);
+        break;
+    case CargoKind::outcomes:
+        for (const auto& ended : frame.outcomes) {
+            if (open_.erase(ended.first) == 1) {
+                out.outcomes.push_back(ended);
+            }
+        }
+        break;
+    case CargoKind::launch:
+        out.launches.push_back({frame.app, frame.parameters});
+        break;
+    }
+}
+
+void Channel::takePart(const Part& part, int64_t now, Arrivals& out) {
+    auto half = halves_.find(part.message);
+    if (part.offset == 0) {
+        if (half != halves_.end() || !part.head) {
+            return;
+        }
+        if (part.bytes.size() == part.total) {
+            out.messages.push_back({part.message, *part.head, std::string(part.bytes)});
+            return;
+        }
+        // A text that is not finished keeps memory: only so many at a time.
+        if (halfBytes_ + part.total > bounds::kKeptBytes) {
+            tell(part.message, Outcome::tooMuch, now);
+            return;
+        }
+        half = halves_.emplace(part.message, Half{*part.head, part.total, {}}).first;
+        halfBytes_ += part.total;
+    }
+    // What is not the next part of a text that has begun belongs to one that was refused.
+    if (half == halves_.end() || half->second.text.size() != part.offset ||
+        half->second.total != part.total) {
+        return;
+    }
+    half->second.text += part.bytes;
+    if (half->second.text.size() == half->second.total) {
+        halfBytes_ -= half->second.total;
+        out.messages.push_back(
+            {part.message, std::move(half->second.head), std::move(half->second.text)});
+        halves_.erase(half);
+    }
+}
+
+std::string Channel::around(const Sent& sent) {
+    acknowledgeAt_ = INT64_MAX;
+    unacknowledgedBytes_ = 0;
+    return encodeAround(sent.cargo, ownLife_, otherLife_, sent.number, arrived_);
+}
+
+std::string Channel::number(std::string cargo, int64_t now) {
+    if (sent_.empty()) {
+        repeatAfter_ = bounds::kRepeatMilliseconds;
+        repeatAt_ = now + repeatAfter_;
+    }
+    sentBytes_ += cargo.size();
+    sent_.push_back({++lastNumber_, std::move(cargo)});
+    return around(sent_.back());
+}
+
+std::string Channel::nextPart(int64_t now, size_t partBytes, std::vector<uint64_t>& expired) {
+    while (!turns_.empty()) {
+        const Flow flow = turns_.front();
+        turns_.pop_front();
+        const auto found = flows_.find(flow);
+        std::deque<Queued>& line = found->second;
+        while (!line.empty() && line.front().sent == 0 && line.front().deadline <= now) {
+            expired.push_back(line.front().message);
+            open_.erase(line.front().message);
+            queuedBytes_ -= line.front().text.size();
+            line.pop_front();
+        }
+        if (line.empty()) {
+            flows_.erase(found);
+            continue;
+        }
+        Queued& queued = line.front();
+        Frame frame;
+        frame.cargo = CargoKind::part;
+        frame.part.message = queued.message;
+        frame.part.total = queued.text.size();
+        frame.part.offset = queued.sent;
+        if (queued.sent == 0) {
+            frame.part.head = queued.head;
+            // A duration travels, since the clocks of two machines differ.
+            frame.part.head->remainingMilliseconds =
+                queued.deadline == INT64_MAX ? -1 : queued.deadline - now;
+        }
+        frame.part.bytes = std::string_view(queued.text).substr(queued.sent, partBytes);
+        std::string cargo = encodeCargo(frame);
+        queued.sent += frame.part.bytes.size();
+        queuedBytes_ -= frame.part.bytes.size();
+        if (queued.sent == queued.text.size()) {
+            open_[queued.message] = true;
+            line.pop_front();
+        }
+        if (line.empty()) {
+            flows_.erase(found);
+        } else {
+            turns_.push_back(flow);
+        }
+        return number(std::move(cargo), now);
+    }
+    return {};
+}
+
+std::string Channel::next(int64_t now, size_t partBytes, std::vector<uint64_t>& expired) {
+    if (otherLife_ == 0) {
+        return {};
+    }
+    if (!sent_.empty() && repeatAt_ <= now) {
+        repeatAfter_ = std::min(2 * repeatAfter_, bounds::kSlowRepeatMilliseconds);
+        again_ = 0;
+    }
+    if (again_ < sent_.size()) {
+        if (again_ == 0) {
+            repeatAt_ = now + repeatAfter_;
+        }
+        const Sent& sent = sent_[again_++];
+        again_ = again_ == sent_.size() ? SIZE_MAX : again_;
+        return around(sent);
+    }
+    const bool tells = mayGo() && tellAt_ <= now;
+    // A bare acknowledgement goes first, since it opens the other's window; outcomes bring one.
+    if (gap_ || (acknowledgeAt_ <= now && !tells)) {
+        Frame frame;
+        frame.kind = FrameKind::acknowledgement;
+        frame.senderLife = ownLife_;
+        frame.receiverLife = otherLife_;
+        frame.acknowledged = arrived_;
+        frame.gap = gap_;
+        gap_ = false;
+        acknowledgeAt_ = INT64_MAX;
+        unacknowledgedBytes_ = 0;
+        return encode(frame);
+    }
+    if (!mayGo()) {
+        return {};
+    }
+    Frame frame;
+    if (tells) {
+        frame.cargo = CargoKind::outcomes;
+        const size_t count = std::min(outcomes_.size(), bounds::kPartBytes / 16);
+        const auto end = outcomes_.begin() + static_cast<std::ptrdiff_t>(count);
+        frame.outcomes.assign(outcomes_.begin(), end);
+        outcomes_.erase(outcomes_.begin(), end);
+        tellAt_ = outcomes_.empty() ? INT64_MAX : now;
+        return number(encodeCargo(frame), now);
+    }
+    if (!launches_.empty()) {
+        frame.cargo = CargoKind::launch;
+        frame.app = std::move(launches_.front().app);
+        frame.parameters = std::move(launches_.front().parameters);
+        launches_.pop_front();
+        return number(encodeCargo(frame), now);
+    }
+    return nextPart(now, partBytes, expired);
+}
+
+void Channel::expire(int64_t now, std::vector<uint64_t>& expired) {
+    for (auto& [flow, line] : flows_) { // an empty line ends with its turn
+        std::erase_if(line, [&](const Queued& queued) {
+            if (queued.sent != 0 || queued.deadline > now) {
+                return false;
+            }
+            expired.push_back(queued.message);
+            open_.erase(queued.message);
+            queuedBytes_ -= queued.text.size();
+            return true;
+        });
+    }
+}
+
+int64_t Channel::due() const {
+    if (otherLife_ == 0) {
+        return INT64_MAX;
+    }
+    if (again_ < sent_.size() || gap_) {
+        return 0;
+    }
+    if (mayGo() && (!launches_.empty() || !turns_.empty())) {
+        return 0;
+    }
+    return std::min({repeatAt_, acknowledgeAt_, mayGo() ? tellAt_ : INT64_MAX});
+}
+
+} // namespace convey_link
