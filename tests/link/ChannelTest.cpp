@@ -1,0 +1,184 @@
+#include "link/Channel.h"
+
+#include <gtest/gtest.h>
+#include <random>
+
+#include "link/Bounds.h"
+
+namespace convey_link {
+namespace {
+
+constexpr int64_t kForever = INT64_MAX;
+
+MessageHead head(const std::string& source, const std::string& target) {
+    MessageHead result;
+    result.source = source;
+    result.target = target;
+    return result;
+}
+
+// Two ends and what is between them, in which time passes only when nothing else can happen.
+class ChannelTest : public testing::Test {
+protected:
+    // Carries a frame over, or does with it what a network may do.
+    void carry(Channel& to, const std::string& bytes, Channel::Arrivals& out) {
+        Frame frame;
+        ASSERT_TRUE(decode(bytes, frame));
+        to.take(frame, now, out);
+    }
+    void meet() {
+        std::vector<uint64_t> lost;
+        (void)left.meet(2, lost);
+        (void)right.meet(1, lost);
+    }
+    // Frames of one end until it has none now.
+    std::vector<std::string> drain(Channel& from, size_t partBytes = 1000) {
+        std::vector<std::string> frames;
+        for (std::string one = from.next(now, partBytes, expired); !one.empty();
+             one = from.next(now, partBytes, expired)) {
+            frames.push_back(std::move(one));
+        }
+        return frames;
+    }
+
+    int64_t now = 1000;
+    Channel left{1};
+    Channel right{2};
+    std::vector<uint64_t> expired;
+};
+
+// The model: what was queued for a pair comes out once, whole and in order, whatever the network
+// loses, doubles or delays.
+TEST_F(ChannelTest, carriesEachMessageOnceAndInOrderOverABadNetwork) {
+    const auto seed = static_cast<unsigned>(testing::UnitTest::GetInstance()->random_seed()) + 1;
+    SCOPED_TRACE(seed);
+    std::mt19937 random(seed);
+    meet();
+    std::map<std::string, std::vector<std::string>> queued;
+    std::map<std::string, std::vector<std::string>> arrived;
+    std::vector<std::string> under[2]; // way: frames on the way to the right, to the left
+    int open = 0;
+    for (int i = 0; i < 200'000 && (i < 300 || open > 0); ++i) {
+        if (i < 300) {
+            const std::string pair = "app" + std::to_string(random() % 3);
+            std::string text(1 + random() % (random() % 4 == 0 ? 20'000 : 300),
+                             static_cast<char>('a' + i % 26));
+            (void)left.queue(head(pair, "target"), text, kForever);
+            queued[pair].push_back(std::move(text));
+            ++open;
+        }
+        for (Channel* from : {&left, &right}) {
+            std::vector<std::string>& way = under[from == &left ? 0 : 1];
+            for (std::string& frame : drain(*from)) {
+                const auto fate = random() % 20;
+                if (fate == 0) {
+                    continue; // lost
+                }
+                if (fate == 1) {
+                    way.push_back(frame); // twice
+                }
+                const size_t place = fate == 2 ? random() % (way.size() + 1) : way.size();
+                way.insert(way.begin() + static_cast<std::ptrdiff_t>(place), std::move(frame));
+            }
+        }
+        for (Channel* to : {&right, &left}) {
+            std::vector<std::string>& way = under[to == &right ? 0 : 1];
+            Channel::Arrivals arrivals;
+            for (const std::string& frame : way) {
+                carry(*to, frame, arrivals);
+            }
+            way.clear();
+            for (Channel::Arrival& message : arrivals.messages) {
+                arrived[message.head.source].push_back(std::move(message.text));
+                to->tell(message.message, Outcome::delivered, now);
+            }
+            open -= static_cast<int>(arrivals.outcomes.size());
+        }
+        now = std::max(now + 1, std::min({left.due(), right.due(), now + 10'000}));
+    }
+    EXPECT_EQ(open, 0) << "messages of which no end was told";
+    EXPECT_EQ(arrived, queued);
+    EXPECT_EQ(left.waitingMessages(), 0U);
+}
+
+TEST_F(ChannelTest, holdsNoSmallTextUpBehindALargeOneOfAnotherPair) {
+    meet();
+    (void)left.queue(head("large", "target"), std::string(1'000'000, 'x'), kForever);
+    (void)left.next(now, 1000, expired); // it has begun
+    (void)left.queue(head("small", "target"), "hello", kForever);
+    Channel::Arrivals arrivals;
+    for (int i = 0; i < 3; ++i) {
+        Frame frame;
+        ASSERT_TRUE(decode(left.next(now, 1000, expired), frame));
+        if (frame.part.head && frame.part.head->source == "small") {
+            return;
+        }
+    }
+    FAIL() << "three parts of the large text went first";
+}
+
+TEST_F(ChannelTest, sendsNoMoreThanTheWindowUntilItIsAcknowledged) {
+    meet();
+    (void)left.queue(head("a", "b"), std::string(3 * bounds::kWindowBytes, 'x'), kForever);
+    size_t bytes = 0;
+    std::vector<std::string> frames = drain(left, bounds::kPartBytes);
+    for (const std::string& frame : frames) {
+        bytes += frame.size();
+    }
+    EXPECT_LE(bytes, bounds::kWindowBytes + 2 * bounds::kPartBytes);
+    Channel::Arrivals arrivals;
+    for (const std::string& frame : frames) {
+        carry(right, frame, arrivals);
+    }
+    for (const std::string& frame : drain(right)) {
+        carry(left, frame, arrivals);
+    }
+    EXPECT_FALSE(drain(left, bounds::kPartBytes).empty());
+}
+
+// Of a life that has ended nobody can know what it did with what it had; the rest waits for the
+// next.
+TEST_F(ChannelTest, givesAnotherLifeOnlyWhatTheFirstCannotHaveDelivered) {
+    meet();
+    const uint64_t sent = left.queue(head("a", "b"), "sent", kForever);
+    (void)drain(left);
+    (void)left.queue(head("c", "b"), std::string(bounds::kWindowBytes + 5000, 'x'), kForever);
+    (void)drain(left); // begun, and not wholly sent
+    std::vector<uint64_t> lost;
+    EXPECT_TRUE(left.meet(3, lost));
+    EXPECT_EQ(lost, std::vector<uint64_t>{sent});
+    Channel other(3);
+    EXPECT_TRUE(other.meet(1, lost));
+    Channel::Arrivals arrivals;
+    for (int i = 0; i < 100 && arrivals.messages.empty(); ++i) {
+        for (const std::string& frame : drain(left, bounds::kPartBytes)) {
+            carry(other, frame, arrivals);
+        }
+        for (const std::string& frame : drain(other)) {
+            carry(left, frame, arrivals);
+        }
+        now += bounds::kRepeatMilliseconds;
+    }
+    ASSERT_EQ(arrivals.messages.size(), 1U);
+    EXPECT_EQ(arrivals.messages[0].head.source, "c");
+    EXPECT_EQ(arrivals.messages[0].text.size(), bounds::kWindowBytes + 5000);
+}
+
+TEST_F(ChannelTest, tellsWhatGrewTooOldBeforeItWasSent) {
+    const uint64_t old = left.queue(head("a", "b"), "old", now + 10);
+    (void)left.queue(head("a", "b"), "new", now + 1000);
+    left.expire(now + 20, expired);
+    EXPECT_EQ(expired, std::vector<uint64_t>{old});
+    now += 20;
+    meet();
+    Channel::Arrivals arrivals;
+    for (const std::string& frame : drain(left)) {
+        carry(right, frame, arrivals);
+    }
+    ASSERT_EQ(arrivals.messages.size(), 1U);
+    EXPECT_EQ(arrivals.messages[0].text, "new");
+    EXPECT_EQ(arrivals.messages[0].head.remainingMilliseconds, 980);
+}
+
+} // namespace
+} // namespace convey_link
