@@ -1,0 +1,224 @@
+#include "link/Text.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+
+#include "link/Bounds.h"
+#include "platform/Processes.h"
+#include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoCVUtils.h"
+#include "scriptobjects/convey/SoCVWords.h"
+
+namespace convey_link {
+namespace {
+
+using namespace ScObjects;
+
+// Lines that are made anew for each way.
+constexpr std::string_view kMade[] = {ConveyData::CV_MD5,       ConveyData::CV_DIGEST,
+                                      ConveyData::CV_TIMESTAMP, ConveyData::CV_CONTENT_LENGTH,
+                                      ConveyData::CV_SENDER_ID};
+// What a reader takes off in front of a user header's name.
+constexpr std::string_view kEscape = "@HDR>";
+
+bool isMade(std::string_view name) {
+    return std::find(std::begin(kMade), std::end(kMade), name) != std::end(kMade);
+}
+
+std::string_view lineEnd(std::string_view& text) {
+    const size_t end = std::min(text.find('\n'), text.size());
+    const std::string_view line = text.substr(0, end);
+    text.remove_prefix(std::min(end + 1, text.size()));
+    return line;
+}
+
+} // namespace
+
+bool Text::read(std::string_view& text, Text& out) {
+    text.remove_prefix(std::min(text.find_first_not_of('\n'), text.size()));
+    out = Text();
+    size_t announced = 0;
+    bool any = false;
+    while (!text.empty()) {
+        const std::string_view line = lineEnd(text);
+        if (line.empty()) {
+            break;
+        }
+        any = true;
+        const size_t colon = std::min(line.find(':'), line.size());
+        const std::string_view name = line.substr(0, colon);
+        const std::string_view value = line.substr(std::min(colon + 1, line.size()));
+        if (name == ConveyData::CV_CONTENT_LENGTH) {
+            announced = static_cast<size_t>(std::max<int64_t>(numberOf(value), 0));
+        } else if (name == ConveyData::CV_TIMESTAMP) {
+            out.timestamp_ = numberOf(value);
+        } else if (!isMade(name) && out.lines_.size() < bounds::kLines) {
+            out.lines_.push_back({std::string(name), std::string(value)});
+        }
+    }
+    out.body_ = text.substr(0, announced);
+    text.remove_prefix(out.body_.size());
+    return any;
+}
+
+std::string_view Text::get(std::string_view name) const {
+    const auto found = std::find_if(lines_.rbegin(), lines_.rend(),
+                                    [name](const Line& line) { return line.name == name; });
+    return found == lines_.rend() ? std::string_view() : std::string_view(found->value);
+}
+
+bool Text::has(std::string_view name) const {
+    return std::any_of(lines_.begin(), lines_.end(),
+                       [name](const Line& line) { return line.name == name; });
+}
+
+void Text::set(std::string_view name, std::string value) {
+    const auto first = std::find_if(lines_.begin(), lines_.end(),
+                                    [name](const Line& line) { return line.name == name; });
+    if (first == lines_.end()) {
+        lines_.push_back({std::string(name), std::move(value)});
+        return;
+    }
+    first->value = std::move(value);
+    lines_.erase(std::remove_if(first + 1, lines_.end(),
+                                [name](const Line& line) { return line.name == name; }),
+                 lines_.end());
+}
+
+void Text::remove(std::string_view name) {
+    std::erase_if(lines_, [name](const Line& line) {
+        return line.name == name || (line.name.starts_with(kEscape) &&
+                                     std::string_view(line.name).substr(kEscape.size()) == name);
+    });
+}
+
+void Text::setBody(std::string body) {
+    ownBody_ = std::move(body);
+    body_ = ownBody_;
+}
+
+std::string Text::writePlain() const {
+    std::string out;
+    out.reserve(body_.size() + 512);
+    for (const Line& line : lines_) {
+        out.append(line.name).append(":").append(line.value).append("\n");
+    }
+    out.append(ConveyData::CV_CONTENT_LENGTH).append(":");
+    out.append(std::to_string(body_.size())).append("\n\n").append(body_);
+    return out;
+}
+
+std::string Text::write() const {
+    std::string head;
+    head.append(ConveyData::CV_SENDER_ID).append(":localhost:mac");
+    head.append(std::to_string(platform::Processes::system().ownNumber())).append("\n");
+    head.append(ConveyData::CV_TIMESTAMP).append(": ");
+    head.append(std::to_string(ConveyUtils::getTimeSeconds())).append("\n");
+    const std::string plain = writePlain();
+    std::string out;
+    if (Convey::Message::getCreateDigest()) {
+        const SoString digest = ConveyUtils::getMD5({head, plain});
+        out.append(ConveyData::CV_MD5).append(":").append(digest.view()).append("\n");
+    }
+    return out.append(head).append(plain);
+}
+
+void normalise(std::string& text) {
+    // Most texts have none, and memchr is as fast as memory.
+    if (std::memchr(text.data(), '\0', text.size()) != nullptr) {
+        std::replace(text.begin(), text.end(), '\0', '\n');
+    }
+}
+
+int64_t numberOf(std::string_view value) {
+    value.remove_prefix(std::min(value.find_first_not_of(' '), value.size()));
+    int64_t number = -1;
+    const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), number);
+    return error == std::errc() && end == value.data() + value.size() ? number : -1;
+}
+
+bool isReply(const Text& message) {
+    if (message.has(ConveyData::CV_RECEIVED) || message.has(ConveyData::CV_RESULT) ||
+        message.has(ConveyData::CV_ERROR)) {
+        return true;
+    }
+    const std::string_view type = message.get(kType);
+    for (const char* word : {ConveyData::CV_TYPE_RECEIVED, ConveyData::CV_TYPE_PROCESSED,
+                             ConveyData::CV_TYPE_TIMEOUT}) {
+        if (type == word) {
+            return true;
+        }
+    }
+    return type.starts_with(ConveyData::CV_FORWARD_PREFIX);
+}
+
+bool isLastReply(const Text& reply, std::string_view wanted) {
+    const std::string_view type = reply.get(kType);
+    if (wanted.find(ConveyData::CV_WANTS_PROCESSED) != std::string_view::npos) {
+        return type == ConveyData::CV_TYPE_PROCESSED || type == ConveyData::CV_TYPE_TIMEOUT;
+    }
+    return type != ConveyData::CV_TYPE_RECEIVED;
+}
+
+int64_t deadlineOf(const Text& message, int64_t now) {
+    const int64_t seconds = numberOf(message.get(kTimeoutLine));
+    if (seconds > INT32_MAX || message.get(kTimeoutLine).starts_with('-')) {
+        return INT64_MAX; // as a signed number below 0: for ever
+    }
+    if (seconds <= 0) {
+        return now + bounds::kMessageMilliseconds;
+    }
+    const int64_t since = message.timestamp();
+    const int64_t age = since < 0 ? 0 : int64_t{ConveyUtils::getTimeSeconds()} - since;
+    return now + 1000 * std::max<int64_t>(seconds - std::max<int64_t>(age, 0), 0);
+}
+
+int64_t setTime(Text& message, int64_t remaining, int64_t now) {
+    if (remaining < 0) {
+        return INT64_MAX;
+    }
+    if (numberOf(message.get(kTimeoutLine)) > 0) {
+        message.set(kTimeoutLine, std::to_string(std::max<int64_t>((remaining + 999) / 1000, 1)));
+    }
+    return now + remaining;
+}
+
+Asked askedBy(const Text& request) {
+    return {std::string(request.get(kSender)), std::string(request.get(kTarget)),
+            std::string(request.get(kSerial)), std::string(request.get(kLife)),
+            std::string(request.get(kWanted))};
+}
+
+std::vector<std::string> failure(const Asked& request, int32_t code, std::string_view text) {
+    std::vector<std::string> replies;
+    const auto reply = [&](const char* type, bool isError) {
+        if (request.wanted.find(type) == std::string::npos) {
+            return;
+        }
+        Text answer;
+        answer.set(ConveyData::CV_VERSION, "2.05");
+        answer.set(kTarget, request.asker);
+        answer.set(kSender, request.target);
+        answer.set(kType, type);
+        if (!request.life.empty()) {
+            answer.set(kLife, request.life);
+        }
+        answer.set(kSerial, request.serial);
+        if (isError) {
+            answer.set("@HDR>" + std::string(ConveyData::CV_ERROR_CODE), std::to_string(code));
+            answer.set(ConveyData::CV_ERROR, request.serial);
+            answer.setBody(std::string(text));
+        }
+        replies.push_back(answer.write());
+    };
+    if (code == 0) {
+        reply(ConveyData::CV_TYPE_TIMEOUT, false);
+    } else {
+        reply(ConveyData::CV_TYPE_ERROR, true);
+    }
+    reply(ConveyData::CV_TYPE_PROCESSED, false);
+    return replies;
+}
+
+} // namespace convey_link

@@ -1,0 +1,95 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace convey_link {
+
+// The lines of one message's text (docs/protocol.md, "Message texts"), to be looked at and changed
+// without reading the body: what a link does not understand passes through it unchanged.
+//
+// Points into the text that it was read from. One thread.
+class Text {
+public:
+    // Reads the first message of `text`, and takes it off there. Line feeds in front are skipped.
+    // False when nothing is left. NUL bytes count as line feeds: `normalise` has turned them.
+    [[nodiscard]] static bool read(std::string_view& text, Text& out);
+    // A text with these lines, in which nothing is yet.
+    Text() = default;
+
+    // The last line of that name, as readers take it; empty without one.
+    std::string_view get(std::string_view name) const;
+    bool has(std::string_view name) const;
+    // One line of that name, in the place of all others of it.
+    void set(std::string_view name, std::string value);
+    void remove(std::string_view name);
+    void setBody(std::string body);
+    std::string_view body() const { return body_; }
+    // Seconds since 1970; -1 without one.
+    int64_t timestamp() const { return timestamp_; }
+
+    // The text, with a timestamp of now; with the digest of this user in front when the layer makes
+    // some.
+    std::string write() const;
+    // Without digest and timestamp: what travels.
+    std::string writePlain() const;
+
+private:
+    struct Line {
+        std::string name;
+        std::string value;
+    };
+    std::vector<Line> lines_;
+    std::string ownBody_;
+    std::string_view body_;
+    int64_t timestamp_ = -1;
+};
+
+// Turns what readers take for the end of a line into one.
+void normalise(std::string& text);
+
+// The number that a line says; -1 for none.
+int64_t numberOf(std::string_view value);
+
+// Header lines that the link reads and writes.
+inline constexpr std::string_view kTarget = "Target";
+inline constexpr std::string_view kSender = "Sender";
+inline constexpr std::string_view kType = "Type";
+inline constexpr std::string_view kTimeoutLine = "Timeout";
+inline constexpr std::string_view kSerial = "Serial-Number";
+inline constexpr std::string_view kWanted = "Response-Request";
+inline constexpr std::string_view kLife = "@CV>Life";
+inline constexpr std::string_view kEcho = "ECHO_REQUEST";
+inline constexpr std::string_view kPingNumber = "Ping-Number";
+// The end of the name of a background thread's port.
+inline constexpr std::string_view kThreadSuffix = "#thread";
+// Says which link vouches for what it delivers: "desk@studio".
+inline constexpr std::string_view kVouch = "Convey-Link";
+
+// True for what answers a request, and for what an observer is forwarded.
+bool isReply(const Text& message);
+// What ends a request of which these replies are wanted.
+bool isLastReply(const Text& reply, std::string_view wanted);
+
+// When the message's time is over, of the steady clock that says `now`: INT64_MAX for never. One
+// without a time-out has the one that the layer gives.
+int64_t deadlineOf(const Text& message, int64_t now);
+// The time that is left, -1 for all, becomes the message's own; its end.
+int64_t setTime(Text& message, int64_t remaining, int64_t now);
+
+// The reply to a request, which says that there is no other: an error with code and text, or (code
+// 0) "Timeout"; then "Processed" when that is wanted. Each is a text of its own; none when nothing
+// of it is wanted.
+struct Asked {
+    std::string asker;  // the name that the request has as sender
+    std::string target; // and as target
+    std::string serial;
+    std::string life;
+    std::string wanted;
+};
+Asked askedBy(const Text& request);
+std::vector<std::string> failure(const Asked& request, int32_t code, std::string_view text);
+
+} // namespace convey_link

@@ -1,0 +1,111 @@
+#include "link/Text.h"
+
+#include <gtest/gtest.h>
+
+#include "scriptobjects/convey/SoCVMessage.h"
+
+namespace convey_link {
+namespace {
+
+using ScObjects::Convey;
+using ScObjects::SoString;
+
+Convey::Message layerReads(const std::string& text) {
+    Convey::Message message;
+    SoString whole(text.c_str());
+    EXPECT_EQ(message.readFromString(whole, 0), whole.length());
+    return message;
+}
+
+TEST(TextTest, changesWhoAMessageIsFromAndNothingElse) {
+    Convey::Message original;
+    original.setTarget("lumen-2.0");
+    original.setSender("diary-1.0");
+    original.setType("query");
+    original.setResponseRequest("Result Error");
+    original.setSerialNumber(7);
+    original.setAskersLife(99);
+    original.setHeader("Target", "mine"); // travels behind a mark
+    original.setHeader("Page", "12");
+    original.setBody("a\n\nb");
+    SoString written;
+    ASSERT_TRUE(original.writeToString(written));
+    std::string whole(written.view());
+    whole += "\n\nTarget:second\nContent-Length:2\n\nhi";
+    std::string_view rest = whole;
+    Text text;
+    ASSERT_TRUE(Text::read(rest, text));
+    EXPECT_EQ(text.get(kTarget), "lumen-2.0");
+    EXPECT_EQ(text.body(), "a\n\nb");
+    text.set(kTarget, "lumen-2.5");
+    text.set(kSender, "diary_1-1.0");
+    const Convey::Message read = layerReads(text.write());
+    EXPECT_EQ(read.getTarget(), "lumen-2.5");
+    EXPECT_EQ(read.getSender(), "diary_1-1.0");
+    EXPECT_EQ(read.getType(), "query");
+    EXPECT_EQ(read.getResponseRequest(), "Result Error");
+    EXPECT_EQ(read.getSerialNumber(), 7U);
+    EXPECT_EQ(read.getAskersLife(), 99U);
+    EXPECT_EQ(read.getUserHeaderValue("Target"), "mine");
+    EXPECT_EQ(read.getUserHeaderValue("Page"), "12");
+    EXPECT_EQ(read.getBody(), "a\n\nb");
+    EXPECT_EQ(read.getDigestState(), "") << "the digest must be this user's";
+    ASSERT_TRUE(Text::read(rest, text));
+    EXPECT_EQ(text.get(kTarget), "second");
+    EXPECT_FALSE(Text::read(rest, text));
+}
+
+// What another machine says must not bring a second line of a name that the link vouches for, in
+// whatever way readers would take it for one.
+TEST(TextTest, leavesNoSecondLineThatAReaderWouldTake) {
+    std::string whole =
+        std::string("Target:a\nSender:x\nSender:y\nConvey-Link:me\n@HDR>Convey-Link:me\n"
+                    "@CV>Version:2.05\nPage:1") +
+        '\0' + "Sender:z\nSender-ID:localhost:mac1\nContent-Length:99\n\nbody";
+    normalise(whole);
+    std::string_view rest = whole;
+    Text text;
+    ASSERT_TRUE(Text::read(rest, text));
+    EXPECT_EQ(text.get(kSender), "z") << "the last counts";
+    text.remove(kVouch);
+    text.set(kSender, "mine");
+    text.set(kVouch, "desk@studio");
+    const Convey::Message read = layerReads(text.write());
+    EXPECT_EQ(read.getSender(), "mine");
+    EXPECT_EQ(read.getUserHeaderValue("Convey-Link"), "desk@studio");
+    EXPECT_EQ(read.getBody(), "body") << "no longer than what is there";
+}
+
+TEST(TextTest, failsARequestWithWhatWasAskedForAndNoMore) {
+    const struct {
+        const char* wanted;
+        int32_t code;
+        std::vector<std::string> types;
+    } cases[] = {
+        {"Result Error Processed", 62, {"Error", "Processed"}},
+        {"Result Error Timeout", 0, {"Timeout"}},
+        {"Result", 62, {}},
+        {"", 0, {}},
+    };
+    for (const auto& one : cases) {
+        std::vector<std::string> types;
+        for (const std::string& reply :
+             failure({"diary-1.0", "lumen-2.0", "5", "00000000000000ff", one.wanted}, one.code,
+                     "ERROR: TARGET HAS ENDED")) {
+            const Convey::Message read = layerReads(reply);
+            types.emplace_back(read.getType().view());
+            EXPECT_EQ(read.getTarget(), "diary-1.0");
+            EXPECT_EQ(read.getSender(), "lumen-2.0");
+            EXPECT_EQ(read.getSerialNumber(), 5U);
+            EXPECT_EQ(read.getAskersLife(), 255U);
+            if (read.getType() == "Error") {
+                EXPECT_EQ(read.getUserHeaderValue("Error-Code"), "62");
+                EXPECT_EQ(read.getBody(), "ERROR: TARGET HAS ENDED");
+            }
+        }
+        EXPECT_EQ(types, one.types) << one.wanted;
+    }
+}
+
+} // namespace
+} // namespace convey_link
