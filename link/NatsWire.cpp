@@ -1,0 +1,280 @@
+// The wire over the NATS client.
+#include <algorithm>
+#include <atomic>
+#include <mutex>
+#include <nats/nats.h>
+#include <utility>
+
+#include "link/Bounds.h"
+#include "link/Frame.h"
+#include "link/Wire.h"
+
+namespace convey_link {
+namespace {
+
+// What is received and not yet taken; windows keep it far below, garbage may not.
+constexpr size_t kQueuedBytes = 256 * bounds::kMiB;
+// Of what the client itself keeps while it is connecting: nothing that it forgets with the process
+// is of use, since all that matters is sent again.
+constexpr int kReconnectBytes = 1;
+constexpr int64_t kPingMilliseconds = 2000;
+constexpr int kPingsOut = 2;
+constexpr int64_t kConnectMilliseconds = 2000;
+constexpr int64_t kReconnectMilliseconds = 500;
+constexpr int64_t kJitterMilliseconds = 200;
+// A server that is stopped holds the link up for so long at most.
+constexpr int64_t kWriteMilliseconds = 2000;
+
+struct Free {
+    void operator()(natsOptions* options) const { natsOptions_Destroy(options); }
+    void operator()(natsConnection* connection) const { natsConnection_Destroy(connection); }
+    void operator()(natsSubscription* subscription) const {
+        natsSubscription_Destroy(subscription);
+    }
+    void operator()(natsMsg* message) const { natsMsg_Destroy(message); }
+};
+template <class Handle>
+using Owned = std::unique_ptr<Handle, Free>;
+
+class NatsWire : public Wire {
+public:
+    NatsWire(const Configuration& configuration, std::function<void()> wake)
+        : wake_(std::move(wake)),
+          prefix_("convey." + configuration.realm + "."),
+          own_(configuration.name) {}
+
+    ~NatsWire() override {
+        closing_ = true;
+        subscriptions_[0].reset();
+        subscriptions_[1].reset();
+        if (connection_ != nullptr) {
+            // What was published last, such as that this link ends.
+            (void)natsConnection_FlushTimeout(connection_.get(), kConnectMilliseconds);
+            natsConnection_Close(connection_.get());
+        }
+        connection_.reset();
+        // Callbacks that are under way end before what they use goes.
+        nats_CloseAndWait(kWriteMilliseconds);
+    }
+
+    bool connect(const Configuration& configuration, std::string& error) {
+        natsOptions* made = nullptr;
+        natsStatus status = natsOptions_Create(&made);
+        const Owned<natsOptions> options(made);
+        const auto set = [&](natsStatus result) { status = status == NATS_OK ? result : status; };
+        std::vector<const char*> servers;
+        for (const std::string& server : configuration.servers) {
+            servers.push_back(server.c_str());
+        }
+        set(natsOptions_SetServers(made, servers.data(), static_cast<int>(servers.size())));
+        set(natsOptions_SetName(made, ("convey-link " + own_).c_str()));
+        set(natsOptions_SetCustomInboxPrefix(made, ("_INBOX_" + own_).c_str()));
+        set(natsOptions_SetNoEcho(made, false));
+        set(natsOptions_SetSendAsap(made, true));
+        set(natsOptions_SetTimeout(made, kConnectMilliseconds));
+        set(natsOptions_SetWriteDeadline(made, kWriteMilliseconds));
+        set(natsOptions_SetPingInterval(made, kPingMilliseconds));
+        set(natsOptions_SetMaxPingsOut(made, kPingsOut));
+        set(natsOptions_SetMaxReconnect(made, -1));
+        set(natsOptions_SetReconnectWait(made, kReconnectMilliseconds));
+        set(natsOptions_SetReconnectJitter(made, kJitterMilliseconds, kJitterMilliseconds));
+        set(natsOptions_SetReconnectBufSize(made, kReconnectBytes));
+        set(natsOptions_SetRetryOnFailedConnect(made, true, onConnected, this));
+        set(natsOptions_SetDisconnectedCB(made, onDisconnected, this));
+        set(natsOptions_SetReconnectedCB(made, onConnected, this));
+        set(natsOptions_SetClosedCB(made, onClosed, this));
+        set(natsOptions_SetErrorHandler(made, onError, this));
+        if (!configuration.user.empty()) {
+            set(natsOptions_SetUserInfo(made, configuration.user.c_str(),
+                                        configuration.password.c_str()));
+        }
+        if (!configuration.credentials.empty()) {
+            set(natsOptions_SetUserCredentialsFromFiles(made, configuration.credentials.c_str(),
+                                                        nullptr));
+        }
+        if (configuration.tls) {
+            secure(configuration, made, set);
+        }
+        if (status != NATS_OK) {
+            error = lastError(status);
+            return false;
+        }
+        natsConnection* connected = nullptr;
+        status = natsConnection_Connect(&connected, made);
+        connection_.reset(connected);
+        if (status != NATS_OK && status != NATS_NOT_YET_CONNECTED) {
+            error = lastError(status);
+            return false;
+        }
+        const std::string all = prefix_ + own_ + ".*";
+        const std::string absent = prefix_ + own_ + ".absent.*";
+        if (!subscribe(all, 0, onFrame) || !subscribe(absent, 1, onAbsent)) {
+            error = "cannot subscribe to " + all;
+            return false;
+        }
+        if (status == NATS_OK) {
+            onConnected(connected, this);
+        } else {
+            push({EventKind::disconnected, {}, lastError(status)});
+        }
+        return true;
+    }
+
+    bool publish(const std::string& link, std::string_view frame) override {
+        if (natsConnection_Status(connection_.get()) != NATS_CONN_STATUS_CONNECTED) {
+            return false;
+        }
+        return natsConnection_PublishRequest(connection_.get(),
+                                             (prefix_ + link + "." + own_).c_str(),
+                                             (prefix_ + own_ + ".absent." + link).c_str(),
+                                             frame.data(),
+                                             static_cast<int>(frame.size())) == NATS_OK;
+    }
+
+    std::vector<Event> take() override {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        queuedBytes_ = 0;
+        return std::exchange(events_, {});
+    }
+
+    size_t maximumFrame() const override {
+        const int64_t most = natsConnection_GetMaxPayload(connection_.get());
+        return most > 0 ? static_cast<size_t>(most) : bounds::kPartBytes;
+    }
+
+private:
+    template <class Set>
+    static void secure(const Configuration& configuration, natsOptions* options, Set& set) {
+        set(natsOptions_SetSecure(options, true));
+        if (!configuration.ca.empty()) {
+            set(natsOptions_LoadCATrustedCertificates(options, configuration.ca.c_str()));
+        }
+        if (!configuration.certificate.empty()) {
+            set(natsOptions_LoadCertificatesChain(options, configuration.certificate.c_str(),
+                                                  configuration.key.c_str()));
+        }
+        if (!configuration.host.empty()) {
+            set(natsOptions_SetExpectedHostname(options, configuration.host.c_str()));
+        }
+    }
+
+    bool subscribe(const std::string& subject, size_t place, natsMsgHandler handler) {
+        natsSubscription* subscription = nullptr;
+        const natsStatus status = natsConnection_Subscribe(&subscription, connection_.get(),
+                                                           subject.c_str(), handler, this);
+        subscriptions_[place].reset(subscription);
+        return status == NATS_OK &&
+               natsSubscription_SetPendingLimits(subscription, -1,
+                                                 static_cast<int>(kQueuedBytes)) == NATS_OK;
+    }
+
+    static std::string lastError(natsStatus status) {
+        natsStatus last = NATS_OK;
+        const char* const text = nats_GetLastError(&last);
+        const std::string name = natsStatus_GetText(status);
+        return text == nullptr || *text == '\0' || last != status ? name : name + ": " + text;
+    }
+
+    void push(Event event) {
+        if (closing_) {
+            return;
+        }
+        {
+            const std::lock_guard<std::mutex> guard(mutex_);
+            if (queuedBytes_ + event.text.size() > kQueuedBytes) {
+                return; // as if the network had lost it
+            }
+            queuedBytes_ += event.text.size();
+            events_.push_back(std::move(event));
+        }
+        wake_();
+    }
+
+    // The last token of a subject, which is the name of a link.
+    static std::string lastToken(const natsMsg* message) {
+        const std::string_view subject = natsMsg_GetSubject(message);
+        return std::string(subject.substr(subject.rfind('.') + 1));
+    }
+
+    static void onFrame(natsConnection*, natsSubscription*, natsMsg* taken, void* self) {
+        const Owned<natsMsg> message(taken);
+        std::string from = lastToken(taken);
+        if (isName(from)) {
+            static_cast<NatsWire*>(self)->push(
+                {EventKind::frame, std::move(from),
+                 std::string(natsMsg_GetData(taken),
+                             static_cast<size_t>(natsMsg_GetDataLength(taken)))});
+        }
+    }
+
+    static void onAbsent(natsConnection*, natsSubscription*, natsMsg* taken, void* self) {
+        const Owned<natsMsg> message(taken);
+        // Only the server says so: anybody may publish an empty message.
+        if (natsMsg_IsNoResponders(taken)) {
+            static_cast<NatsWire*>(self)->push({EventKind::absent, lastToken(taken), {}});
+        }
+    }
+
+    static void onConnected(natsConnection* connection, void* self) {
+        char url[256] = "";
+        (void)natsConnection_GetConnectedUrl(connection, url, sizeof url); // for people only
+        // An address may hold a password.
+        std::string text = url;
+        const size_t scheme = text.find("://");
+        const size_t at = text.find('@');
+        if (scheme != std::string::npos && at != std::string::npos) {
+            text.erase(scheme + 3, at - scheme - 2);
+        }
+        static_cast<NatsWire*>(self)->push({EventKind::connected, {}, text});
+    }
+
+    static std::string reason(natsConnection* connection) {
+        const char* text = nullptr;
+        const natsStatus status = natsConnection_GetLastError(connection, &text);
+        return text != nullptr && *text != '\0' ? text
+               : status == NATS_OK              ? "the connection ended"
+                                                : natsStatus_GetText(status);
+    }
+
+    static void onDisconnected(natsConnection* connection, void* self) {
+        static_cast<NatsWire*>(self)->push({EventKind::disconnected, {}, reason(connection)});
+    }
+
+    static void onClosed(natsConnection* connection, void* self) {
+        static_cast<NatsWire*>(self)->push({EventKind::refused, {}, reason(connection)});
+    }
+
+    static void onError(natsConnection* connection, natsSubscription*, natsStatus status,
+                        void* self) {
+        const char* text = nullptr;
+        (void)natsConnection_GetLastError(connection, &text);
+        std::string what = natsStatus_GetText(status);
+        if (text != nullptr && *text != '\0') {
+            what.append(": ").append(text);
+        }
+        static_cast<NatsWire*>(self)->push({EventKind::noted, {}, what});
+    }
+
+    const std::function<void()> wake_;
+    const std::string prefix_;
+    const std::string own_;
+    Owned<natsConnection> connection_;
+    Owned<natsSubscription> subscriptions_[2];
+    std::atomic<bool> closing_{false};
+    std::mutex mutex_; // guards the events
+    std::vector<Event> events_;
+    size_t queuedBytes_ = 0;
+};
+
+} // namespace
+
+std::unique_ptr<Wire> connectToNats(const Configuration& configuration, std::function<void()> wake,
+                                    std::string& error) {
+    auto wire = std::make_unique<NatsWire>(configuration, std::move(wake));
+    if (!wire->connect(configuration, error)) {
+        return nullptr;
+    }
+    return wire;
+}
+
+} // namespace convey_link
