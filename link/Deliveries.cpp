@@ -1,0 +1,171 @@
+#include "link/Deliveries.h"
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+
+#include "link/Bounds.h"
+#include "platform/Clock.h"
+#include "platform/MessagePort.h"
+#include "scriptobjects/stream/BaseInterAppStream.h"
+
+namespace convey_link {
+namespace {
+
+using platform::SendResult;
+
+// A text that goes in one packet is taken or not, at once.
+constexpr size_t kAtOnceBytes = limits::of("port.packet");
+constexpr int64_t kTryMilliseconds = 1000;
+constexpr auto kPause = std::chrono::milliseconds(50);
+// Targets that take nothing, at one time; those behind them wait for one of the threads.
+constexpr size_t kWorkers = 16;
+
+int64_t now() {
+    return platform::Clock::system().monotonicMilliseconds();
+}
+
+std::string portName(const std::string& target) {
+    return ScObjects::BaseInterAppStream::kPortNamePrefix + target;
+}
+
+} // namespace
+
+Deliveries::Deliveries(platform::MessagePorts& ports, std::function<void()> wake,
+                       std::function<bool(const std::string&)> launch)
+    : ports_(ports), wake_(std::move(wake)), launch_(std::move(launch)) {}
+
+Deliveries::~Deliveries() {
+    {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        stop_ = true;
+        changed_.notify_all();
+    }
+    for (std::thread& worker : workers_) {
+        worker.join();
+    }
+}
+
+void Deliveries::post(const std::string& target, std::string text, int64_t deadline,
+                      bool mayLaunch, uint64_t ticket) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (lines_.count(target) == 0 && text.size() <= kAtOnceBytes) {
+        lock.unlock();
+        Ended ended{ticket, Outcome::delivered, nullptr};
+        const SendResult result =
+            ports_.send(portName(target), text, 0, ticket == 0 ? nullptr : &ended.taker);
+        if (result == SendResult::delivered ||
+            (result == SendResult::noReceiver && !mayLaunch)) {
+            ended.outcome =
+                result == SendResult::delivered ? Outcome::delivered : Outcome::notRunning;
+            lock.lock();
+            if (ticket != 0) {
+                ended_.push_back(std::move(ended));
+            }
+            return;
+        }
+        lock.lock();
+    }
+    if (keptTexts_ >= bounds::kKeptMessages || keptBytes_ + text.size() > bounds::kKeptBytes) {
+        if (ticket != 0) {
+            ended_.push_back({ticket, Outcome::tooMuch, nullptr});
+        }
+        return;
+    }
+    keptBytes_ += text.size();
+    ++keptTexts_;
+    std::deque<Waiting>& line = lines_[target];
+    line.push_back({std::move(text), deadline, mayLaunch, ticket});
+    if (line.size() > 1) {
+        return;
+    }
+    ready_.push_back(target);
+    if (idle_ == 0 && workers_.size() < kWorkers) {
+        workers_.emplace_back([this] { work(); });
+    }
+    changed_.notify_one();
+}
+
+Deliveries::Ended Deliveries::deliver(const std::string& target, const Waiting& waiting) {
+    Ended ended{waiting.ticket, Outcome::expired, nullptr};
+    int64_t launchEnd = 0; // 0: not launched
+    for (int64_t left = waiting.deadline - now(); left > 0; left = waiting.deadline - now()) {
+        switch (ports_.send(portName(target), waiting.text, std::min(left, kTryMilliseconds),
+                            waiting.ticket == 0 ? nullptr : &ended.taker)) {
+        case SendResult::delivered:
+            ended.outcome = Outcome::delivered;
+            return ended;
+        case SendResult::tooLarge:
+            ended.outcome = Outcome::refused;
+            return ended;
+        case SendResult::noReceiver:
+            if (!waiting.mayLaunch) {
+                ended.outcome = Outcome::notRunning;
+                return ended;
+            }
+            if (launchEnd == 0 ? !launch_(target) : launchEnd <= now()) {
+                ended.outcome = Outcome::notLaunched;
+                return ended;
+            }
+            launchEnd = launchEnd == 0 ? now() + bounds::kLaunchMilliseconds : launchEnd;
+            break;
+        default:
+            break; // full, or could not be found out: again
+        }
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (changed_.wait_for(lock, kPause, [this] { return stop_; })) {
+            break;
+        }
+    }
+    return ended;
+}
+
+void Deliveries::work() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (!stop_) {
+        if (ready_.empty()) {
+            ++idle_;
+            changed_.wait(lock, [this] { return stop_ || !ready_.empty(); });
+            --idle_;
+            continue;
+        }
+        const std::string target = std::move(ready_.front());
+        ready_.pop_front();
+        std::deque<Waiting>& line = lines_[target]; // others only push behind its front
+        while (!line.empty() && !stop_) {
+            const Waiting& front = line.front();
+            lock.unlock();
+            Ended ended = deliver(target, front);
+            lock.lock();
+            keptBytes_ -= front.text.size();
+            --keptTexts_;
+            line.pop_front();
+            if (ended.ticket != 0) {
+                ended_.push_back(std::move(ended));
+                lock.unlock();
+                wake_();
+                lock.lock();
+            }
+        }
+        if (line.empty()) {
+            lines_.erase(target);
+        }
+    }
+}
+
+std::vector<Deliveries::Ended> Deliveries::take() {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return std::exchange(ended_, {});
+}
+
+size_t Deliveries::keptBytes() const {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return keptBytes_;
+}
+
+size_t Deliveries::keptTexts() const {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return keptTexts_;
+}
+
+} // namespace convey_link

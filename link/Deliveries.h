@@ -1,0 +1,79 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "link/Frame.h"
+
+namespace platform {
+class MessagePorts;
+class TargetWatch;
+} // namespace platform
+
+namespace convey_link {
+
+// Texts on their way to ports of this machine: a line for each target, in order. A target that
+// takes nothing, takes long or is being launched holds up its own line only.
+//
+// What a target takes at once is handed over in the call; the rest by threads of its own. Threads:
+// `post` and `take` from one.
+class Deliveries {
+public:
+    struct Ended {
+        uint64_t ticket;
+        Outcome outcome;
+        std::shared_ptr<platform::TargetWatch> taker; // of one that was delivered; may be null
+    };
+
+    // `wake` is called from any thread when there is something to take; `launch` starts an
+    // application, from any thread, and is false when that failed.
+    Deliveries(platform::MessagePorts& ports, std::function<void()> wake,
+               std::function<bool(const std::string&)> launch);
+    ~Deliveries();
+    Deliveries(const Deliveries&) = delete;
+    Deliveries& operator=(const Deliveries&) = delete;
+
+    // Hands a text to the owner of the port `target`, until `deadline` (of the steady clock).
+    // `ticket` not 0: its end is to be taken.
+    void post(const std::string& target, std::string text, int64_t deadline, bool mayLaunch,
+              uint64_t ticket);
+    std::vector<Ended> take();
+    size_t keptBytes() const;
+    size_t keptTexts() const;
+
+private:
+    struct Waiting {
+        std::string text;
+        int64_t deadline;
+        bool mayLaunch;
+        uint64_t ticket;
+    };
+
+    Ended deliver(const std::string& target, const Waiting& waiting);
+    void end(Ended ended);
+    void work();
+
+    platform::MessagePorts& ports_;
+    const std::function<void()> wake_;
+    const std::function<bool(const std::string&)> launch_;
+    mutable std::mutex mutex_; // guards what follows
+    std::condition_variable changed_;
+    std::map<std::string, std::deque<Waiting>> lines_; // the front one is being delivered
+    std::deque<std::string> ready_;                    // lines that nobody works at
+    std::vector<Ended> ended_;
+    std::vector<std::thread> workers_;
+    size_t idle_ = 0;
+    size_t keptBytes_ = 0;
+    size_t keptTexts_ = 0;
+    bool stop_ = false;
+};
+
+} // namespace convey_link
