@@ -1,0 +1,168 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "link/Channel.h"
+#include "link/Configuration.h"
+#include "link/Deliveries.h"
+#include "link/Registrations.h"
+#include "link/Text.h"
+#include "link/Wire.h"
+
+namespace platform {
+class LocalPort;
+class MessagePorts;
+class PortWait;
+class TargetWatch;
+} // namespace platform
+
+namespace convey_link {
+
+// The joint of this machine's ports and the other links of a realm: what comes to the ports of used
+// applications goes to their links, what comes from links to the applications that are offered,
+// and what answers goes back.
+//
+// Owns the ports of the used applications and of senders from elsewhere, a channel for each link,
+// and what is known of who is where. One thread calls `step` whenever something may have happened;
+// nothing in it waits but for the registry.
+class Link {
+public:
+    // What it stands on, all of which outlives it.
+    struct Surroundings {
+        Wire& wire;
+        platform::MessagePorts& ports;
+        platform::PortWait& wait; // ended by what arrives at ports
+        Registrations& registrations;
+        std::function<bool(const std::string& app, const std::string& parameters)> launch;
+        std::function<void(const std::string& line)> log;
+        std::function<int64_t()> now; // milliseconds of a steady clock
+    };
+
+    // `life` tells this run from others; not 0.
+    Link(const Configuration& configuration, uint64_t life, const Surroundings& surroundings);
+    // Says goodbye, and removes the registrations.
+    ~Link();
+    Link(const Link&) = delete;
+    Link& operator=(const Link&) = delete;
+
+    // Whether the link must end, since another has its name or the servers refuse it.
+    enum class State { goesOn, nameTaken, refused };
+    State state() const { return state_; }
+
+    // Does what there is to do; the milliseconds until there is something again if nothing happens.
+    // `woken`: something may have happened at the ports or on the wire.
+    int64_t step(bool woken);
+    // Who is there, as JSON.
+    std::string status() const;
+    // Whether that has changed since the last call.
+    bool statusChanged();
+
+    // The stream at which a stub that was started in the place of a used application says so.
+    static constexpr const char* kControlPort = "conveylink-2.0#launch";
+    // The stream from which it asks background threads of this machine.
+    static constexpr const char* kPingPort = "conveylink-2.0#link";
+    // A name that nobody owns, of who wants no answer.
+    static constexpr const char* kLookPort = "conveylink-2.0#look";
+
+private:
+    struct Port;
+    struct Used;
+    struct Alias;
+    struct Peer;
+    struct Outgoing;
+    struct Conversation;
+    struct Owed;
+    struct Ticket;
+    struct AskedPing;
+    struct ForeignPing;
+
+    // Link.cpp: the network, who is where, time.
+    void takeEvents();
+    void connected(const std::string& server);
+    void takeFrame(const std::string& from, const std::string& bytes);
+    void takeClaim(const Frame& frame);
+    bool meet(Peer& peer, const Frame& frame);
+    void takePresence(Peer& peer, const Frame& frame);
+    void lookForOffered();
+    bool isRunning(const std::string& app);
+    void sendPresence(Peer& peer, bool always);
+    void greet(Peer& peer);
+    void leave(Peer& peer, const std::string& why);
+    void setState(Used& used, AppState state, const std::string& why);
+    void openPorts(Used& used);
+    void flush(Peer& peer);
+    int64_t regularly();
+    Peer& peer(const std::string& name);
+    Peer* knownPeer(const std::string& name);
+    Frame frame(FrameKind kind, const Peer* peer) const;
+    bool publish(Peer& peer, const Frame& frame);
+
+    // LinkMessages.cpp: texts.
+    void takeTexts();
+    bool takeFrom(Port& port, const std::function<void(Text&)>& handle);
+    void requestTaken(Used& used, Text& message);
+    void pingTaken(Used& used, Text& message);
+    void replyTaken(Alias& alias, Text& message);
+    void launchTaken(const Text& message);
+    void launch(Used& used, std::string parameters);
+    void pingAnswered(Text& message);
+    void arrived(Peer& peer, Channel::Arrival arrival);
+    void requestArrived(Peer& peer, Channel::Arrival& arrival);
+    void replyArrived(Peer& peer, Channel::Arrival& arrival);
+    void pingArrived(Peer& peer, const MessageHead& head, std::string_view text, int64_t now);
+    void pongArrived(Peer& peer, const MessageHead& head, std::string_view text);
+    void answerPing(const AskedPing& ping, Text& answer);
+    void notRunning(Peer& peer);
+    void sendPong(Peer& peer, const ForeignPing& ping, Outcome outcome, std::string text);
+    void ended(Peer& peer, uint64_t message, Outcome outcome);
+    void lifeEnded(Peer& peer, const std::vector<uint64_t>& lost);
+    void takeDelivered();
+    void tellOfEndedTargets();
+    void fail(const Asked& asked, int32_t code, std::string_view text);
+    Alias* aliasFor(Peer& peer, const std::string& source);
+    std::unique_ptr<platform::LocalPort> open(const std::string& name);
+    bool isOwn(const std::string& name) const;
+    void forget(int64_t now);
+
+    const Configuration& configuration_;
+    const uint64_t life_;
+    Surroundings around_;
+    State state_ = State::goesOn;
+    bool connected_ = false;
+    std::string server_;
+    int64_t joinAt_ = INT64_MAX; // when nobody has the name
+    bool joined_ = false;
+    bool statusChanged_ = true;
+    int64_t regularAt_ = 0;
+    bool lookForNames_ = true;
+    int64_t lookedAt_ = 0;
+
+    std::map<std::string, std::unique_ptr<Peer>> peers_;
+    std::map<std::string, std::unique_ptr<Used>> used_; // by specifier
+    std::map<std::string, std::unique_ptr<Alias>> aliases_; // by the name here
+    std::map<std::pair<std::string, std::string>, std::string> aliasNames_; // link and name there
+    std::unique_ptr<Port> pingPort_;
+    std::unique_ptr<Port> controlPort_;
+
+    std::map<std::pair<std::string, uint64_t>, Outgoing> outgoing_; // link and message
+    std::map<std::pair<std::string, std::string>, Conversation> conversations_; // asker and number
+    std::map<std::pair<std::string, std::string>, int64_t> contacts_; // who wrote to which link
+    std::map<std::pair<std::string, std::string>, Owed> owed_;        // alias and number
+    std::map<uint64_t, Ticket> tickets_;
+    std::map<uint64_t, AskedPing> askedPings_;     // of here, by the number that travels
+    std::map<uint64_t, ForeignPing> foreignPings_; // of elsewhere, by the number used here
+    std::map<std::string, std::shared_ptr<platform::TargetWatch>> watched_; // offered, and running
+    uint64_t lastTicket_ = 0;
+    uint64_t lastPing_ = 0;
+    Deliveries deliveries_; // the last: its threads use what is above
+};
+
+} // namespace convey_link

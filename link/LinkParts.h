@@ -1,0 +1,111 @@
+#pragma once
+
+// What a link consists of; for its own sources.
+#include "link/Bounds.h"
+#include "link/Link.h"
+#include "platform/MessagePort.h"
+
+namespace convey_link {
+
+// A port of this machine, and what holds back those who send to it.
+struct Link::Port {
+    std::unique_ptr<platform::LocalPort> port;
+    size_t waitingBytes = 0; // taken from it and not delivered
+    size_t waitingMessages = 0;
+    bool look = true; // there may be texts, also without a new one
+
+    bool isFull() const {
+        return waitingBytes >= bounds::kWaitingBytes ||
+               waitingMessages >= bounds::kWaitingMessages;
+    }
+};
+
+struct Link::Used {
+    explicit Used(const Use& its) : use(its) {}
+
+    const Use& use;
+    AppState state = AppState::away;
+    bool local = false; // registered here by somebody else
+    bool registered = false;
+    bool told = false; // that the port has an owner here
+    int64_t launchAt = INT64_MAX; // without parameters, if none have come by then
+    int64_t launchEnd = 0;        // until when it is being launched
+    Port requests;
+    Port pings;
+};
+
+struct Link::Alias {
+    std::string name;   // here
+    std::string link;   // of whom
+    std::string remote; // its name there
+    int64_t usedAt = 0;
+    Port port;
+};
+
+struct Link::Peer {
+    Peer(std::string itsName, uint64_t ownLife) : name(std::move(itsName)), channel(ownLife) {}
+
+    const std::string name;
+    Channel channel;
+    bool here = false;
+    bool isUsed = false; // by this link
+    int64_t heardAt = 0;
+    int64_t greetAt = 0;
+    std::vector<std::string> wanted; // the applications that it asks about
+    std::string presence;            // what it was told last
+    uint64_t framesSent = 0;
+    uint64_t framesReceived = 0;
+};
+
+// A message that was given to a channel and of whose end nothing is known yet.
+struct Link::Outgoing {
+    Asked asked;
+    bool isRequest = false;
+    std::string port; // the used application or alias that it was taken from
+    size_t bytes = 0;
+};
+
+// A request of an application here that somebody elsewhere has, or will have.
+struct Link::Conversation {
+    Asked asked;
+    std::string link;
+    uint64_t message = 0;
+    bool delivered = false;
+    int64_t until = 0;
+};
+
+// A request from elsewhere that an application here has.
+struct Link::Owed {
+    Asked asked; // the asker is the alias
+    std::shared_ptr<platform::TargetWatch> taker;
+    int64_t until = 0;
+    bool ended = false; // it has been seen that the taker has ended
+};
+
+// A message from elsewhere that is being delivered.
+struct Link::Ticket {
+    std::string link;
+    uint64_t life = 0; // of that link
+    uint64_t message = 0;
+    bool isRequest = false;
+    Asked asked;
+    int64_t until = 0;
+};
+
+struct Link::AskedPing {
+    std::string link;
+    std::string asker;
+    std::string target;
+    std::string serial;
+    int64_t until = 0;
+};
+
+struct Link::ForeignPing {
+    std::string link;
+    std::string target;
+    std::string source;
+    uint64_t number = 0;
+    int64_t until = 0;
+};
+
+} // namespace convey_link
