@@ -1,0 +1,537 @@
+#include "link/Link.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+#include "link/LinkParts.h"
+#include "scriptobjects/convey/SoCVWords.h"
+#include "scriptobjects/stream/BaseInterAppStream.h"
+
+namespace convey_link {
+namespace {
+
+// How long a name is asked for before it counts as free.
+constexpr int64_t kClaimMilliseconds = 300;
+// Between looks at which of the offered applications run, while much happens.
+constexpr int64_t kLookMilliseconds = 100;
+// Of one link's frames that go out in one step: then the others have their turn.
+constexpr int kFramesAtOnce = 64;
+
+const char* word(AppState state) {
+    switch (state) {
+    case AppState::running:
+        return "runs";
+    case AppState::absent:
+        return "does not run";
+    case AppState::refused:
+        return "not offered";
+    case AppState::away:
+        break;
+    }
+    return "away";
+}
+
+} // namespace
+
+Link::Link(const Configuration& configuration, uint64_t life, const Surroundings& surroundings)
+    : configuration_(configuration),
+      life_(life),
+      around_(surroundings),
+      deliveries_(surroundings.ports, [this] { around_.wait.wake(); },
+                  [this](const std::string& app) { return around_.launch(app, {}); }) {
+    pingPort_ = std::make_unique<Port>();
+    pingPort_->port = open(kPingPort);
+    controlPort_ = std::make_unique<Port>();
+    controlPort_->port = open(kControlPort);
+    around_.wait.watchNames(!configuration.offers.empty());
+    around_.registrations.remove({}); // what one that was killed has left
+    for (const Use& use : configuration.uses) {
+        peer(use.at).isUsed = true;
+        used_.emplace(use.app, std::make_unique<Used>(use));
+    }
+}
+
+Link::~Link() {
+    for (const auto& [name, peer] : peers_) {
+        if (peer->here) {
+            (void)publish(*peer, frame(FrameKind::bye, peer.get())); // else it is seen as silence
+        }
+    }
+    around_.registrations.remove({});
+}
+
+Link::Peer* Link::knownPeer(const std::string& name) {
+    const auto found = peers_.find(name);
+    return found == peers_.end() ? nullptr : found->second.get();
+}
+
+Link::Peer& Link::peer(const std::string& name) {
+    std::unique_ptr<Peer>& peer = peers_[name];
+    if (peer == nullptr) {
+        peer = std::make_unique<Peer>(name, life_);
+    }
+    return *peer;
+}
+
+Frame Link::frame(FrameKind kind, const Peer* peer) const {
+    Frame frame;
+    frame.kind = kind;
+    frame.senderLife = life_;
+    frame.receiverLife = peer == nullptr ? 0 : peer->channel.otherLife();
+    return frame;
+}
+
+bool Link::publish(Peer& peer, const Frame& frame) {
+    ++peer.framesSent;
+    return connected_ && around_.wire.publish(peer.name, encode(frame));
+}
+
+int64_t Link::step(bool woken) {
+    lookForNames_ = lookForNames_ || woken;
+    takeEvents();
+    takeTexts();
+    takeDelivered();
+    const int64_t now = around_.now();
+    int64_t due = regularly();
+    if (!joined_) {
+        return std::max<int64_t>(std::min(due, joinAt_) - now, 0);
+    }
+    for (const auto& [name, peer] : peers_) {
+        if (connected_ && peer->here) {
+            flush(*peer);
+            due = std::min(due, peer->channel.due());
+        }
+    }
+    return std::max<int64_t>(due - around_.now(), 0);
+}
+
+void Link::flush(Peer& peer) {
+    const size_t partBytes =
+        std::min(bounds::kPartBytes, std::max(around_.wire.maximumFrame(), 2 * bounds::kFrameBytes) -
+                                         bounds::kFrameBytes);
+    std::vector<uint64_t> expired;
+    for (int i = 0; i < kFramesAtOnce; ++i) {
+        const std::string next = peer.channel.next(around_.now(), partBytes, expired);
+        if (next.empty()) {
+            break;
+        }
+        ++peer.framesSent;
+        // One that is refused is lost like any other; what is not acknowledged goes again.
+        if (!around_.wire.publish(peer.name, next)) {
+            break;
+        }
+    }
+    for (const uint64_t message : expired) {
+        ended(peer, message, Outcome::expired);
+    }
+}
+
+void Link::takeEvents() {
+    for (const Wire::Event& event : around_.wire.take()) {
+        switch (event.kind) {
+        case Wire::EventKind::frame:
+            takeFrame(event.link, event.text);
+            break;
+        case Wire::EventKind::absent:
+            if (Peer* const peer = knownPeer(event.link)) {
+                leave(*peer, "no responders");
+                notRunning(*peer);
+            }
+            break;
+        case Wire::EventKind::connected:
+            connected(event.text);
+            break;
+        case Wire::EventKind::disconnected:
+            if (connected_ || server_.empty()) {
+                around_.log("disconnected: " + event.text);
+            }
+            connected_ = false;
+            server_ = "-";
+            for (const auto& [name, peer] : peers_) {
+                leave(*peer, "disconnected");
+            }
+            break;
+        case Wire::EventKind::refused:
+            around_.log("refused by the servers: " + event.text);
+            state_ = State::refused;
+            break;
+        case Wire::EventKind::noted:
+            around_.log(event.text);
+            break;
+        }
+    }
+}
+
+void Link::connected(const std::string& server) {
+    around_.log((joined_ ? "reconnected to " : "connected to ") + server);
+    connected_ = true;
+    server_ = server;
+    statusChanged_ = true;
+    Peer& own = peer(configuration_.name);
+    (void)publish(own, frame(FrameKind::claim, nullptr)); // lost: two are found at the next claim
+    const int64_t now = around_.now();
+    if (!joined_) {
+        joinAt_ = now + kClaimMilliseconds;
+    }
+    for (const auto& [name, peer] : peers_) {
+        peer->channel.sendAgain();
+        peer->greetAt = now;
+    }
+}
+
+// Of two that claim a name at once the lower life has it; one that has it keeps it.
+void Link::takeClaim(const Frame& frame) {
+    if (frame.senderLife == life_) {
+        return;
+    }
+    if (frame.kind == FrameKind::claim && (joined_ || life_ < frame.senderLife)) {
+        (void)publish(peer(configuration_.name), this->frame(FrameKind::taken, nullptr));
+    }
+    if (frame.kind == FrameKind::taken && (!joined_ || frame.senderLife < life_)) {
+        state_ = State::nameTaken;
+    } else if (frame.kind == FrameKind::claim && joined_) {
+        around_.log("name \"" + configuration_.name + "\" is used twice in realm \"" +
+                    configuration_.realm + "\": the other one is refused");
+    }
+}
+
+void Link::takeFrame(const std::string& from, const std::string& bytes) {
+    Frame frame;
+    if (!decode(bytes, frame)) {
+        around_.log("refused: bad frame from " + from);
+        return;
+    }
+    if (from == configuration_.name) {
+        takeClaim(frame);
+        return;
+    }
+    if (!joined_) {
+        return;
+    }
+    // Only those that something is used at, or who may use something, cost memory here.
+    Peer* known = knownPeer(from);
+    if (known == nullptr) {
+        if (frame.kind != FrameKind::hello || peers_.size() >= bounds::kLinks) {
+            return;
+        }
+        known = &peer(from);
+    }
+    Peer& peer = *known;
+    ++peer.framesReceived;
+    if (frame.kind == FrameKind::bye) {
+        if (frame.senderLife == peer.channel.otherLife()) {
+            leave(peer, "ended");
+        }
+        return;
+    }
+    if (!meet(peer, frame)) {
+        return;
+    }
+    const int64_t now = around_.now();
+    switch (frame.kind) {
+    case FrameKind::hello:
+        peer.wanted.clear();
+        for (const auto& [app, state] : frame.apps) {
+            peer.wanted.push_back(app);
+        }
+        sendPresence(peer, true);
+        break;
+    case FrameKind::presence:
+        takePresence(peer, frame);
+        break;
+    case FrameKind::cargo:
+    case FrameKind::acknowledgement: {
+        Channel::Arrivals arrivals;
+        peer.channel.take(frame, now, arrivals);
+        for (const auto& [message, outcome] : arrivals.outcomes) {
+            ended(peer, message, outcome);
+        }
+        for (Channel::Arrival& arrival : arrivals.messages) {
+            arrived(peer, std::move(arrival));
+        }
+        for (const Channel::Launch& launch : arrivals.launches) {
+            bool mayLaunch = false;
+            if (configuration_.isOffered(launch.app, from, mayLaunch) && mayLaunch &&
+                !isOwn(launch.app)) {
+                around_.log(launch.app + " is launched for " + from);
+                (void)around_.launch(launch.app, launch.parameters); // reports
+            } else {
+                around_.log("refused: " + from + " may not launch " + launch.app);
+            }
+        }
+        break;
+    }
+    case FrameKind::ping:
+        if (frame.head.kind == MessageKind::ping) {
+            pingArrived(peer, frame.head, frame.text, now);
+        }
+        break;
+    case FrameKind::pong:
+        if (frame.head.kind == MessageKind::pong) {
+            pongArrived(peer, frame.head, frame.text);
+        }
+        break;
+    default:
+        break;
+    }
+}
+
+// Notes that the other link is there; false for a frame of a life that is over.
+bool Link::meet(Peer& peer, const Frame& frame) {
+    const bool greets = frame.kind == FrameKind::hello || frame.kind == FrameKind::presence;
+    if (frame.senderLife != peer.channel.otherLife()) {
+        if (!greets) {
+            return false; // late; or a greeting was lost, and the next one comes
+        }
+        std::vector<uint64_t> lost;
+        const bool hadOne = peer.channel.otherLife() != 0;
+        (void)peer.channel.meet(frame.senderLife, lost);
+        if (hadOne) {
+            lifeEnded(peer, lost);
+        }
+    }
+    peer.heardAt = around_.now();
+    if (!peer.here && greets) {
+        peer.here = true;
+        statusChanged_ = true;
+        around_.log(peer.name + " is here");
+        peer.channel.sendAgain();
+        // It may be new: then it does not know what is wanted of it.
+        if (peer.isUsed && frame.kind == FrameKind::hello) {
+            greet(peer);
+        }
+    }
+    return true;
+}
+
+void Link::leave(Peer& peer, const std::string& why) {
+    if (!peer.here) {
+        return;
+    }
+    peer.here = false;
+    peer.presence.clear();
+    statusChanged_ = true;
+    around_.log(peer.name + " is away: " + why);
+    for (const auto& [app, used] : used_) {
+        if (used->use.at == peer.name) {
+            setState(*used, AppState::away, {});
+        }
+    }
+}
+
+void Link::greet(Peer& peer) {
+    Frame hello = frame(FrameKind::hello, &peer);
+    for (const auto& [app, used] : used_) {
+        if (used->use.at == peer.name) {
+            hello.apps.emplace_back(app, AppState::away);
+        }
+    }
+    (void)publish(peer, hello); // the next one is sent in any case
+    peer.greetAt =
+        around_.now() + (peer.here ? bounds::kHelloMilliseconds : bounds::kAwayMilliseconds);
+}
+
+void Link::takePresence(Peer& peer, const Frame& frame) {
+    for (const auto& [app, state] : frame.apps) {
+        const auto found = used_.find(app);
+        if (found != used_.end() && found->second->use.at == peer.name) {
+            setState(*found->second, state,
+                     state == AppState::refused ? " to " + configuration_.name : std::string());
+        }
+    }
+}
+
+// Whether an application of this machine runs. Its end is watched, and ends the wait.
+bool Link::isRunning(const std::string& app) {
+    const std::string port = ScObjects::BaseInterAppStream::kPortNamePrefix + app;
+    for (const std::string& name : {port + std::string(kThreadSuffix), port}) {
+        int error = 0;
+        if ((name == port && aliases_.count(app) != 0) ||
+            around_.ports.look(name, error) == platform::PortState::free) {
+            continue;
+        }
+        std::shared_ptr<platform::TargetWatch>& watch = watched_[app];
+        if (watch == nullptr || watch->ended()) {
+            // A look, which nobody answers: who takes it is watched.
+            Text look;
+            look.set(kTarget, name.substr(port.size() - app.size()));
+            look.set(kSender, kLookPort);
+            look.set(kType, ScObjects::ConveyData::CV_TYPE_PING);
+            watch.reset();
+            if (around_.ports.send(name, look.write(), 0, &watch) ==
+                    platform::SendResult::delivered &&
+                watch != nullptr) {
+                around_.wait.add(*watch);
+            }
+        }
+        return true;
+    }
+    watched_.erase(app);
+    return false;
+}
+
+void Link::sendPresence(Peer& peer, bool always) {
+    Frame presence = frame(FrameKind::presence, &peer);
+    for (const std::string& app : peer.wanted) {
+        bool mayLaunch = false;
+        AppState state = AppState::refused;
+        // What is used from elsewhere is not passed on: two links could do so in a circle.
+        if (configuration_.isOffered(app, peer.name, mayLaunch) && used_.count(app) == 0) {
+            state = isRunning(app) ? AppState::running : AppState::absent;
+        }
+        presence.apps.emplace_back(app, state);
+    }
+    const std::string bytes = encode(presence);
+    if (always || bytes != peer.presence) {
+        (void)publish(peer, presence); // lost: the next hello is answered again
+        peer.presence = bytes;
+    }
+}
+
+void Link::setState(Used& used, AppState state, const std::string& why) {
+    if (used.state != state) {
+        used.state = state;
+        statusChanged_ = true;
+        if (!used.local) {
+            around_.log(used.use.app + " at " + used.use.at + ": " + word(state) + why);
+        }
+    }
+    openPorts(used);
+}
+
+// The ports are owned while the application may be reached there: without an owner the layer itself
+// says that it does not run, and launches it by its path.
+void Link::openPorts(Used& used) {
+    const bool wanted = used.registered && !used.local &&
+                        (used.state == AppState::running || used.state == AppState::away ||
+                         around_.now() < used.launchEnd);
+    if (!wanted) {
+        used.requests.port.reset();
+        used.pings.port.reset();
+        return;
+    }
+    if (used.requests.port == nullptr) {
+        used.requests.port = open(used.use.app);
+        used.requests.look = true;
+    }
+    if (used.pings.port == nullptr && used.requests.port != nullptr) {
+        used.pings.port = open(used.use.app + std::string(kThreadSuffix));
+        used.pings.look = true;
+    }
+    if (used.requests.port == nullptr || used.pings.port == nullptr) {
+        used.requests.port.reset();
+        if (!used.told) {
+            used.told = true;
+            around_.log(used.use.app + " is not used: its port is owned here");
+        }
+    } else {
+        used.told = false;
+    }
+}
+
+int64_t Link::regularly() {
+    const int64_t now = around_.now();
+    if (!joined_ && connected_ && joinAt_ <= now && state_ == State::goesOn) {
+        joined_ = true;
+        around_.log("ready: " + configuration_.realm + "/" + configuration_.name + " at " +
+                    server_);
+        regularAt_ = 0;
+    }
+    int64_t due = regularAt_;
+    if (lookForNames_ && lookedAt_ + kLookMilliseconds <= now) {
+        lookForOffered();
+        tellOfEndedTargets();
+    } else if (lookForNames_) {
+        due = std::min(due, lookedAt_ + kLookMilliseconds);
+    }
+    for (const auto& [name, peer] : peers_) {
+        if (joined_ && peer->isUsed) {
+            if (peer->greetAt <= now) {
+                greet(*peer);
+            }
+            due = std::min(due, peer->greetAt);
+        }
+    }
+    for (const auto& [app, used] : used_) {
+        if (used->launchAt <= now) {
+            launch(*used, {});
+        }
+        due = std::min(due, used->launchAt);
+    }
+    if (regularAt_ > now) {
+        return due;
+    }
+    const bool anyWaits = !outgoing_.empty() || !owed_.empty() || !askedPings_.empty();
+    regularAt_ = now + (anyWaits ? 1000 : bounds::kHelloMilliseconds);
+    for (const auto& [name, peer] : peers_) {
+        if (peer->here && peer->heardAt + bounds::kSilentMilliseconds <= now) {
+            leave(*peer, "silent for 12 s");
+        }
+    }
+    for (const auto& [app, used] : used_) {
+        const bool local = around_.registrations.isLocal(app);
+        if (local != used->local) {
+            used->local = local;
+            statusChanged_ = true;
+            around_.log(app + (local ? " is not used: registered here" : " is used again"));
+            if (local) {
+                around_.registrations.remove(app);
+                used->registered = false;
+            }
+        }
+        if (!local && !used->registered) {
+            used->registered = around_.registrations.add(app, used->use.at);
+        }
+        openPorts(*used);
+    }
+    lookForOffered();
+    forget(now);
+    return std::min(due, regularAt_);
+}
+
+void Link::lookForOffered() {
+    lookForNames_ = false;
+    lookedAt_ = around_.now();
+    for (const auto& [name, peer] : peers_) {
+        if (peer->here && !peer->wanted.empty()) {
+            sendPresence(*peer, false);
+        }
+    }
+}
+
+bool Link::statusChanged() {
+    return std::exchange(statusChanged_, false);
+}
+
+std::string Link::status() const {
+    using Json = nlohmann::json;
+    Json json = {{"realm", configuration_.realm},
+                 {"name", configuration_.name},
+                 {"connected", connected_},
+                 {"server", server_},
+                 {"links", Json::array()},
+                 {"uses", Json::array()},
+                 {"offers", Json::array()}};
+    for (const auto& [name, peer] : peers_) {
+        if (name != configuration_.name) {
+            json["links"].push_back({{"name", name},
+                                     {"state", peer->here ? "here" : "away"},
+                                     {"sent", peer->framesSent},
+                                     {"received", peer->framesReceived},
+                                     {"waiting_bytes", peer->channel.waitingBytes()}});
+        }
+    }
+    for (const auto& [app, used] : used_) {
+        json["uses"].push_back(
+            {{"app", app},
+             {"at", used->use.at},
+             {"state", used->local ? "registered here" : word(used->state)}});
+    }
+    for (const Offer& offer : configuration_.offers) {
+        json["offers"].push_back(
+            {{"app", offer.app}, {"to", offer.to}, {"launch", offer.launch}});
+    }
+    return json.dump(-1, ' ', true, Json::error_handler_t::replace);
+}
+
+} // namespace convey_link
