@@ -1,0 +1,469 @@
+// What the link does with texts: from ports to links and back.
+#include <algorithm>
+
+#include "link/LinkParts.h"
+#include "platform/Clock.h"
+#include "scriptobjects/convey/SoCVSpecifier.h"
+#include "scriptobjects/convey/SoCVThread.h"
+#include "scriptobjects/convey/SoCVUtils.h"
+#include "scriptobjects/convey/SoCVWords.h"
+#include "scriptobjects/stream/BaseInterAppStream.h"
+
+namespace convey_link {
+namespace {
+
+using namespace ScObjects;
+
+// Taken from one port in a turn: then the others have theirs.
+constexpr int kTurnTexts = 64;
+// For replies that are made here, to askers that are busy.
+constexpr int64_t kFailureMilliseconds = 30'000;
+// For the parameters of a launch.
+constexpr int64_t kParametersMilliseconds = 1500;
+constexpr int kInstances = limits::of("stream.instances");
+
+// A message that only shows that somebody takes it.
+bool isLook(const Text& message) {
+    const std::string_view type = message.get(kType);
+    return (type.empty() || type == ConveyData::CV_TYPE_PLAIN) && message.body().empty();
+}
+
+} // namespace
+
+std::unique_ptr<platform::LocalPort> Link::open(const std::string& name) {
+    auto port = around_.ports.open(BaseInterAppStream::kPortNamePrefix + name);
+    if (port != nullptr) {
+        around_.wait.add(*port);
+    }
+    return port;
+}
+
+// Whether the link itself owns the name: what came by a link must not go on by one.
+bool Link::isOwn(const std::string& name) const {
+    const std::string app = name.substr(0, name.find('#'));
+    return used_.count(app) != 0 || aliases_.count(name) != 0 ||
+           app == std::string(kPingPort).substr(0, std::string_view(kPingPort).find('#'));
+}
+
+bool Link::takeFrom(Port& port, const std::function<void(Text&)>& handle) {
+    if (port.port == nullptr || !port.look) {
+        return false;
+    }
+    for (int i = 0; i < kTurnTexts; ++i) {
+        platform::PortText taken;
+        if (port.isFull()) {
+            return false; // what it has is delivered first; its senders wait
+        }
+        if (!port.port->take(taken)) {
+            return port.port->hasMore();
+        }
+        std::string whole(taken.view());
+        normalise(whole);
+        std::string_view rest = whole;
+        Text message;
+        while (Text::read(rest, message)) {
+            handle(message);
+        }
+    }
+    return true;
+}
+
+void Link::takeTexts() {
+    bool more = takeFrom(*pingPort_, [this](Text& message) { pingAnswered(message); });
+    more = takeFrom(*controlPort_, [this](Text& message) { launchTaken(message); }) || more;
+    for (const auto& [app, used] : used_) {
+        Used& one = *used;
+        more = takeFrom(one.pings, [&](Text& message) { pingTaken(one, message); }) || more;
+        more = takeFrom(one.requests, [&](Text& message) { requestTaken(one, message); }) || more;
+    }
+    for (const auto& [name, alias] : aliases_) {
+        Alias& one = *alias;
+        more = takeFrom(one.port, [&](Text& message) { replyTaken(one, message); }) || more;
+    }
+    if (more) {
+        around_.wait.wake(); // after the others' turn
+    }
+}
+
+void Link::fail(const Asked& asked, int32_t code, std::string_view text) {
+    for (std::string& reply : failure(asked, code, text)) {
+        deliveries_.post(asked.asker, std::move(reply), around_.now() + kFailureMilliseconds,
+                         false, 0);
+    }
+}
+
+void Link::requestTaken(Used& used, Text& message) {
+    const Asked asked = askedBy(message);
+    if (isLook(message) || !isPortName(asked.asker)) {
+        return;
+    }
+    if (message.get(kType) == ConveyData::CV_TYPE_LAUNCH_PARAMETERS) {
+        launch(used, std::string(message.body().substr(0, bounds::kPartBytes / 2)));
+        return;
+    }
+    const bool reply = isReply(message);
+    if (message.has(kVouch) && !reply) {
+        around_.log("refused: " + asked.asker + " to " + asked.target + ": came by a link");
+        fail(asked, ConveyData::CV_CODE_REJECTED, ConveyData::CV_ERROR_REJECTED);
+        return;
+    }
+    const int64_t now = around_.now();
+    if (conversations_.size() >= bounds::kPending) {
+        fail(asked, ConveyData::CV_CODE_NOT_SENT, ConveyData::CV_ERROR_TOO_MANY_WAIT);
+        return;
+    }
+    const int64_t deadline = deadlineOf(message, now);
+    for (const std::string_view line : {kVouch, kSender, kTarget}) {
+        message.remove(line);
+    }
+    MessageHead head;
+    head.kind = reply ? MessageKind::reply : MessageKind::request;
+    head.source = asked.asker;
+    head.target = used.use.app;
+    std::string text = message.writePlain();
+    const size_t bytes = text.size();
+    if (bytes > bounds::kTextBytes) {
+        fail(asked, ConveyData::CV_CODE_REJECTED, ConveyData::CV_ERROR_REJECTED);
+        return;
+    }
+    Peer& to = peer(used.use.at);
+    const uint64_t number = to.channel.queue(std::move(head), std::move(text), deadline);
+    outgoing_[{to.name, number}] = {asked, !reply, used.use.app, bytes};
+    used.requests.waitingBytes += bytes;
+    ++used.requests.waitingMessages;
+    contacts_[{asked.asker, to.name}] = now + bounds::kAliasMilliseconds;
+    if (!reply && !asked.wanted.empty()) {
+        // Kept a while behind its end, since its answer is on the way.
+        const int64_t until = deadline == INT64_MAX ? now + bounds::kAliasMilliseconds
+                                                    : deadline + bounds::kPingMilliseconds;
+        conversations_[{asked.asker, asked.serial}] = {asked, to.name, number, false, until};
+    }
+}
+
+void Link::arrived(Peer& peer, Channel::Arrival arrival) {
+    switch (arrival.head.kind) {
+    case MessageKind::request:
+        requestArrived(peer, arrival);
+        break;
+    case MessageKind::reply:
+        replyArrived(peer, arrival);
+        break;
+    case MessageKind::ping:
+        pingArrived(peer, arrival.head, arrival.text, around_.now());
+        break;
+    case MessageKind::pong:
+        pongArrived(peer, arrival.head, arrival.text);
+        break;
+    }
+}
+
+void Link::requestArrived(Peer& peer, Channel::Arrival& arrival) {
+    const int64_t now = around_.now();
+    const std::string& target = arrival.head.target;
+    bool mayLaunch = false;
+    normalise(arrival.text);
+    std::string_view rest = arrival.text;
+    Text message;
+    const bool readable = Text::read(rest, message);
+    if (!readable || !configuration_.isOffered(target, peer.name, mayLaunch) || isOwn(target) ||
+        isReply(message)) {
+        around_.log("refused: " + arrival.head.source + " at " + peer.name + " to " + target);
+        peer.channel.tell(arrival.message, Outcome::refused, now);
+        return;
+    }
+    Alias* const alias = aliasFor(peer, arrival.head.source);
+    if (alias == nullptr) {
+        peer.channel.tell(arrival.message, Outcome::tooMuch, now);
+        return;
+    }
+    alias->usedAt = now;
+    message.remove(kVouch);
+    message.set(kTarget, target);
+    message.set(kSender, alias->name);
+    message.set(kVouch, peer.name + "@" + configuration_.realm);
+    const int64_t deadline = setTime(message, arrival.head.remainingMilliseconds, now);
+    const uint64_t number = ++lastTicket_;
+    const int64_t until = deadline == INT64_MAX ? now + bounds::kAliasMilliseconds
+                                                : deadline + bounds::kPingMilliseconds;
+    tickets_[number] = {peer.name, peer.channel.otherLife(), arrival.message, true,
+                        askedBy(message), until};
+    deliveries_.post(target, message.write(), deadline, mayLaunch, number);
+}
+
+void Link::replyArrived(Peer& peer, Channel::Arrival& arrival) {
+    const int64_t now = around_.now();
+    normalise(arrival.text);
+    std::string_view rest = arrival.text;
+    Text message;
+    const std::string& asker = arrival.head.target;
+    const auto used = used_.find(arrival.head.source);
+    if (!Text::read(rest, message) || !isReply(message) || used == used_.end() ||
+        used->second->use.at != peer.name || contacts_.count({asker, peer.name}) == 0) {
+        around_.log("refused: " + arrival.head.source + " at " + peer.name + " to " + asker);
+        peer.channel.tell(arrival.message, Outcome::refused, now);
+        return;
+    }
+    message.remove(kVouch);
+    message.set(kTarget, asker);
+    message.set(kSender, arrival.head.source);
+    message.set(kVouch, peer.name + "@" + configuration_.realm);
+    const auto conversation = conversations_.find({asker, std::string(message.get(kSerial))});
+    if (conversation != conversations_.end() &&
+        isLastReply(message, conversation->second.asked.wanted)) {
+        conversations_.erase(conversation);
+    }
+    const int64_t deadline = setTime(message, arrival.head.remainingMilliseconds, now);
+    const uint64_t number = ++lastTicket_;
+    tickets_[number] = {peer.name, peer.channel.otherLife(), arrival.message, false, {}, 0};
+    deliveries_.post(asker, message.write(), deadline, false, number);
+}
+
+// The name under which a sender from elsewhere appears here: its own, or the next instance. One that
+// is registered here belongs to that application also while it does not run.
+Link::Alias* Link::aliasFor(Peer& peer, const std::string& source) {
+    const auto known = aliasNames_.find({peer.name, source});
+    if (known != aliasNames_.end()) {
+        return aliases_.at(known->second).get();
+    }
+    if (aliases_.size() >= bounds::kAliases) {
+        around_.log("refused: too many senders from elsewhere");
+        return nullptr;
+    }
+    const Convey::Specifier own(source.c_str(), false);
+    for (int instance = 0; instance <= kInstances; ++instance) {
+        Convey::Specifier name = own;
+        if (instance > 0 && !name.setInstance(SoString(std::to_string(instance).c_str()))) {
+            break;
+        }
+        const std::string text(name.view());
+        if (!isPortName(text) || isOwn(text) || around_.registrations.isLocal(text)) {
+            continue;
+        }
+        auto alias = std::make_unique<Alias>();
+        alias->port.port = open(text);
+        if (alias->port.port == nullptr) {
+            continue;
+        }
+        alias->name = text;
+        alias->link = peer.name;
+        alias->remote = source;
+        aliasNames_[{peer.name, source}] = text;
+        return (aliases_[text] = std::move(alias)).get();
+    }
+    around_.log("refused: no name is free here for " + source + " at " + peer.name);
+    return nullptr;
+}
+
+void Link::replyTaken(Alias& alias, Text& message) {
+    const int64_t now = around_.now();
+    const Asked asked = askedBy(message);
+    if (isLook(message) || !isPortName(asked.asker)) {
+        return;
+    }
+    alias.usedAt = now;
+    if (!isReply(message)) {
+        around_.log("refused: " + asked.asker + " to " + alias.remote + " at " + alias.link +
+                    ": answers only; to be asked it must be used");
+        fail(asked, ConveyData::CV_CODE_REJECTED, ConveyData::CV_ERROR_REJECTED);
+        return;
+    }
+    const auto owed = owed_.find({alias.name, asked.serial});
+    if (owed != owed_.end() && isLastReply(message, owed->second.asked.wanted)) {
+        owed_.erase(owed);
+    }
+    const int64_t deadline = deadlineOf(message, now);
+    for (const std::string_view line : {kVouch, kSender, kTarget}) {
+        message.remove(line);
+    }
+    MessageHead head;
+    head.kind = MessageKind::reply;
+    head.source = asked.asker;
+    head.target = alias.remote;
+    std::string text = message.writePlain();
+    const size_t bytes = text.size();
+    Peer& to = peer(alias.link);
+    const uint64_t number = to.channel.queue(std::move(head), std::move(text), deadline);
+    outgoing_[{to.name, number}] = {{}, false, alias.name, bytes};
+    alias.port.waitingBytes += bytes;
+    ++alias.port.waitingMessages;
+}
+
+// A stub was started in the place of a used application. Its launcher has left parameters, which
+// come to the application's port as soon as it has an owner.
+void Link::launchTaken(const Text& message) {
+    const auto used = used_.find(std::string(message.get(kType)));
+    if (used != used_.end()) {
+        const int64_t now = around_.now();
+        used->second->launchEnd = now + bounds::kLaunchMilliseconds;
+        used->second->launchAt = now + kParametersMilliseconds;
+        openPorts(*used->second);
+    }
+}
+
+void Link::launch(Used& used, std::string parameters) {
+    used.launchAt = INT64_MAX;
+    // What the layer over there says itself, of the application's name there.
+    const std::string own = "-specifier " + used.use.app + " -nostartupscreen";
+    if (parameters.starts_with(own)) {
+        parameters.erase(0, std::min(own.size() + 1, parameters.size()));
+    }
+    around_.log(used.use.app + " is launched at " + used.use.at);
+    peer(used.use.at).channel.queueLaunch(used.use.app, parameters);
+}
+
+// How a message from here ended at the other link.
+void Link::ended(Peer& peer, uint64_t message, Outcome outcome) {
+    const auto found = outgoing_.find({peer.name, message});
+    if (found == outgoing_.end()) {
+        return; // a ping or its answer
+    }
+    const Outgoing outgoing = std::move(found->second);
+    outgoing_.erase(found);
+    const auto used = used_.find(outgoing.port);
+    const auto alias = aliases_.find(outgoing.port);
+    if (Port* const port = used != used_.end()       ? &used->second->requests
+                           : alias != aliases_.end() ? &alias->second->port
+                                                     : nullptr) {
+        port->waitingBytes -= std::min(port->waitingBytes, outgoing.bytes);
+        port->waitingMessages -= std::min<size_t>(port->waitingMessages, 1);
+    }
+    if (!outgoing.isRequest) {
+        // The asker has gone: nobody here need write to it any more.
+        if (outcome == Outcome::notRunning && alias != aliases_.end()) {
+            aliasNames_.erase({alias->second->link, alias->second->remote});
+            aliases_.erase(alias);
+        }
+        return;
+    }
+    const auto conversation =
+        conversations_.find({outgoing.asked.asker, outgoing.asked.serial});
+    const bool isOpen =
+        conversation != conversations_.end() && conversation->second.message == message;
+    if (outcome == Outcome::delivered) {
+        if (isOpen) {
+            conversation->second.delivered = true;
+        }
+        return;
+    }
+    if (isOpen) {
+        conversations_.erase(conversation);
+    }
+    switch (outcome) {
+    case Outcome::expired:
+        fail(outgoing.asked, 0, {});
+        break;
+    case Outcome::notRunning:
+        fail(outgoing.asked, ConveyData::CV_CODE_NOT_SENT, ConveyData::CV_ERROR_NOT_LAUNCHED);
+        break;
+    case Outcome::notLaunched:
+        fail(outgoing.asked, ConveyData::CV_CODE_NOT_SENT, ConveyData::CV_ERROR_LAUNCH_FAILED);
+        break;
+    case Outcome::tooMuch:
+        fail(outgoing.asked, ConveyData::CV_CODE_NOT_SENT, ConveyData::CV_ERROR_TOO_MANY_WAIT);
+        break;
+    case Outcome::lost:
+        fail(outgoing.asked, ConveyData::CV_CODE_TARGET_ENDED,
+             ConveyData::CV_ERROR_TARGET_ENDED);
+        break;
+    default:
+        fail(outgoing.asked, ConveyData::CV_CODE_REJECTED, ConveyData::CV_ERROR_REJECTED);
+        break;
+    }
+}
+
+// The other link has begun another life: what the one before had may have been handled, and its
+// answers have no way back.
+void Link::lifeEnded(Peer& peer, const std::vector<uint64_t>& lost) {
+    for (const uint64_t message : lost) {
+        ended(peer, message, Outcome::lost);
+    }
+    for (auto one = conversations_.begin(); one != conversations_.end();) {
+        if (one->second.link == peer.name && one->second.delivered) {
+            fail(one->second.asked, ConveyData::CV_CODE_TARGET_ENDED,
+                 ConveyData::CV_ERROR_TARGET_ENDED);
+            one = conversations_.erase(one);
+        } else {
+            ++one;
+        }
+    }
+}
+
+void Link::takeDelivered() {
+    for (Deliveries::Ended& end : deliveries_.take()) {
+        const auto found = tickets_.find(end.ticket);
+        if (found == tickets_.end()) {
+            continue;
+        }
+        const Ticket ticket = std::move(found->second);
+        tickets_.erase(found);
+        Peer* const from = knownPeer(ticket.link);
+        if (from == nullptr || from->channel.otherLife() != ticket.life) {
+            continue;
+        }
+        from->channel.tell(ticket.message, end.outcome, around_.now());
+        if (end.outcome == Outcome::delivered && ticket.isRequest &&
+            !ticket.asked.wanted.empty() && end.taker != nullptr &&
+            owed_.size() < bounds::kPending) {
+            around_.wait.add(*end.taker);
+            owed_[{ticket.asked.asker, ticket.asked.serial}] = {ticket.asked,
+                                                               std::move(end.taker), ticket.until};
+        }
+    }
+}
+
+void Link::forget(int64_t now) {
+    for (const auto& [name, peer] : peers_) {
+        std::vector<uint64_t> expired;
+        peer->channel.expire(now, expired);
+        for (const uint64_t message : expired) {
+            ended(*peer, message, Outcome::expired);
+        }
+    }
+    const auto isOver = [now](const auto& entry) { return entry.second.until <= now; };
+    std::erase_if(conversations_, isOver);
+    std::erase_if(owed_, isOver);
+    std::erase_if(askedPings_, isOver);
+    std::erase_if(foreignPings_, isOver);
+    std::erase_if(contacts_, [now](const auto& entry) { return entry.second <= now; });
+    std::erase_if(aliases_, [&](const auto& entry) {
+        const Alias& alias = *entry.second;
+        if (alias.usedAt + bounds::kAliasMilliseconds > now) {
+            return false;
+        }
+        aliasNames_.erase({alias.link, alias.remote});
+        return true;
+    });
+}
+
+// An application that took a request and ended: its asker hears of it as one on this machine does.
+// What it sent before its end is in the alias's port by the time that the end is seen, so it is
+// told one look later.
+void Link::tellOfEndedTargets() {
+    std::map<platform::TargetWatch*, bool> looked; // many requests have one taker
+    for (auto one = owed_.begin(); one != owed_.end();) {
+        platform::TargetWatch* const taker = one->second.taker.get();
+        const auto known = looked.find(taker);
+        const bool hasEnded = known != looked.end() ? known->second : taker->ended();
+        looked[taker] = hasEnded;
+        if (!hasEnded || !std::exchange(one->second.ended, true)) {
+            lookForNames_ = lookForNames_ || hasEnded;
+            ++one;
+            continue;
+        }
+        const auto alias = aliases_.find(one->second.asked.asker);
+        const Asked asked = one->second.asked;
+        one = owed_.erase(one);
+        if (alias != aliases_.end()) {
+            for (std::string& reply : failure(asked, ConveyData::CV_CODE_TARGET_ENDED,
+                                              ConveyData::CV_ERROR_TARGET_ENDED)) {
+                std::string_view rest = reply;
+                Text message;
+                if (Text::read(rest, message)) {
+                    replyTaken(*alias->second, message);
+                }
+            }
+        }
+    }
+}
+
+} // namespace convey_link
