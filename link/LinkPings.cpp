@@ -1,0 +1,180 @@
+// Pings: asked here and answered there, by nobody else than the process that is asked.
+#include <algorithm>
+
+#include "link/LinkParts.h"
+#include "scriptobjects/convey/SoCVThread.h"
+#include "scriptobjects/convey/SoCVWords.h"
+#include "scriptobjects/stream/BaseInterAppStream.h"
+
+namespace convey_link {
+namespace {
+
+using namespace ScObjects;
+
+// For answers to askers that are busy.
+constexpr int64_t kAnswerMilliseconds = 30'000;
+
+bool isForwarding(std::string_view echo) {
+    return echo.starts_with(ConveyData::CV_FORWARD_PREFIX);
+}
+
+} // namespace
+
+void Link::pingTaken(Used& used, Text& message) {
+    const std::string_view asker = message.get(kSender);
+    if (message.get(kType) != ConveyData::CV_TYPE_PING || !message.has(kEcho) ||
+        !message.get(kPingNumber).empty() || asker.ends_with(kThreadSuffix) ||
+        !isPortName(asker)) {
+        return; // a look, or an answer
+    }
+    const int64_t now = around_.now();
+    Peer& to = peer(used.use.at);
+    if (askedPings_.size() >= bounds::kPings || !connected_) {
+        return; // its asker is told by its own time
+    }
+    const std::string target = used.use.app + std::string(kThreadSuffix);
+    const uint64_t number = ++lastPing_;
+    const int64_t remaining =
+        std::min(deadlineOf(message, now) - now, bounds::kPingMilliseconds);
+    askedPings_[number] = {to.name, std::string(asker), target,
+                           std::string(message.get(kSerial)), now + remaining};
+    const std::string_view echo = message.get(kEcho);
+    const size_t mark = echo.find('=');
+    if (isForwarding(echo) && mark != std::string_view::npos) {
+        contacts_[{std::string(echo.substr(mark + 1)), to.name}] =
+            now + bounds::kAliasMilliseconds;
+    }
+    Frame ping = frame(FrameKind::ping, &to);
+    ping.head = {MessageKind::ping, std::string(asker), target, remaining, number,
+                 Outcome::delivered};
+    for (const std::string_view line : {kVouch, kSender, kTarget, kSerial}) {
+        message.remove(line);
+    }
+    const std::string text = message.writePlain();
+    if (text.size() > bounds::kPartBytes) {
+        (void)to.channel.queue(ping.head, text, now + remaining);
+        return;
+    }
+    ping.text = text;
+    (void)publish(to, ping); // lost: its asker is told by its own time
+}
+
+void Link::pingArrived(Peer& peer, const MessageHead& head, std::string_view text, int64_t now) {
+    bool mayLaunch = false;
+    const std::string app = head.target.substr(0, head.target.find('#'));
+    const ForeignPing ping{peer.name, head.target, head.source, head.pingNumber,
+                           now + bounds::kPingMilliseconds};
+    Text question;
+    std::string whole(text);
+    normalise(whole);
+    std::string_view rest = whole;
+    if (!head.target.ends_with(kThreadSuffix) || isOwn(app) || !Text::read(rest, question) ||
+        !configuration_.isOffered(app, peer.name, mayLaunch)) {
+        sendPong(peer, ping, Outcome::refused, {});
+        return;
+    }
+    const std::string echo(question.get(kEcho));
+    const size_t mark = echo.find('=');
+    if (isForwarding(echo) && mark != std::string::npos && mark + 1 < echo.size()) {
+        // The observer is a name over there: here it is that of its port.
+        Alias* const alias =
+            isPortName(echo.substr(mark + 1)) ? aliasFor(peer, echo.substr(mark + 1)) : nullptr;
+        if (alias == nullptr) {
+            sendPong(peer, ping, Outcome::refused, {});
+            return;
+        }
+        alias->usedAt = now;
+        question.set(kEcho, echo.substr(0, mark + 1) + alias->name);
+    }
+    if (foreignPings_.size() >= bounds::kPings) {
+        return;
+    }
+    const uint64_t number = ++lastPing_ & INT32_MAX;
+    question.set(kTarget, head.target);
+    question.set(kSender, kPingPort);
+    question.set(kSerial, std::to_string(number));
+    question.set(kVouch, peer.name + "@" + configuration_.realm);
+    const std::string port = BaseInterAppStream::kPortNamePrefix + head.target;
+    // One that takes nothing is not waited for: then the asker's time runs out, as it should.
+    if (around_.ports.send(port, question.write(), 0) == platform::SendResult::noReceiver) {
+        sendPong(peer, ping, Outcome::notRunning, {});
+        sendPresence(peer, false);
+        return;
+    }
+    foreignPings_[number] = ping;
+}
+
+void Link::pingAnswered(Text& message) {
+    const int64_t number = numberOf(message.get(kPingNumber));
+    const auto found = foreignPings_.find(static_cast<uint64_t>(number));
+    if (number < 0 || found == foreignPings_.end() ||
+        message.get(kSender) != found->second.target) {
+        return;
+    }
+    const ForeignPing ping = found->second;
+    foreignPings_.erase(found);
+    Peer* const to = knownPeer(ping.link);
+    if (to != nullptr) {
+        for (const std::string_view line : {kVouch, kSender, kTarget, kSerial, kPingNumber}) {
+            message.remove(line);
+        }
+        sendPong(*to, ping, Outcome::delivered, message.writePlain());
+    }
+}
+
+void Link::sendPong(Peer& peer, const ForeignPing& ping, Outcome outcome, std::string text) {
+    Frame pong = frame(FrameKind::pong, &peer);
+    pong.head = {MessageKind::pong, ping.target, ping.source, 0, ping.number, outcome};
+    if (text.size() > bounds::kPartBytes) {
+        (void)peer.channel.queue(pong.head, std::move(text),
+                                 around_.now() + bounds::kPingMilliseconds);
+        return;
+    }
+    pong.text = text;
+    (void)publish(peer, pong); // lost: its asker is told by its own time
+}
+
+void Link::pongArrived(Peer& peer, const MessageHead& head, std::string_view text) {
+    const auto found = askedPings_.find(head.pingNumber);
+    if (found == askedPings_.end() || found->second.link != peer.name) {
+        return;
+    }
+    const AskedPing ping = found->second;
+    askedPings_.erase(found);
+    Text answer;
+    std::string whole(text);
+    normalise(whole);
+    std::string_view rest = whole;
+    if (head.pingOutcome != Outcome::delivered || !Text::read(rest, answer)) {
+        answer = Text();
+        answer.set(kEcho, ConveyThread::CV_ISNOTRUNNING);
+    }
+    answer.set(kVouch, peer.name + "@" + configuration_.realm);
+    answerPing(ping, answer);
+}
+
+void Link::answerPing(const AskedPing& ping, Text& answer) {
+    answer.set(ConveyData::CV_VERSION, "2.05");
+    answer.set(kTarget, ping.asker);
+    answer.set(kSender, ping.target);
+    answer.set(kType, ConveyData::CV_TYPE_PING);
+    answer.set(kPingNumber, ping.serial);
+    answer.set(kSerial, "1");
+    deliveries_.post(ping.asker, answer.write(), around_.now() + kAnswerMilliseconds, false, 0);
+}
+
+// Nobody is there: whoever asked is told at once.
+void Link::notRunning(Peer& peer) {
+    for (auto ping = askedPings_.begin(); ping != askedPings_.end();) {
+        if (ping->second.link != peer.name) {
+            ++ping;
+            continue;
+        }
+        Text answer;
+        answer.set(kEcho, ConveyThread::CV_ISNOTRUNNING);
+        answerPing(ping->second, answer);
+        ping = askedPings_.erase(ping);
+    }
+}
+
+} // namespace convey_link
