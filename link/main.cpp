@@ -1,0 +1,295 @@
+// convey-link: joins this user's Convey to that of other machines, over NATS.
+#include <CLI/CLI.hpp>
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <iostream>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <thread>
+#include <unistd.h>
+
+#include "link/Bounds.h"
+#include "link/Configuration.h"
+#include "link/Link.h"
+#include "link/Registrations.h"
+#include "link/Wire.h"
+#include "platform/Clock.h"
+#include "platform/MessagePort.h"
+#include "platform/Random.h"
+#include "scriptobjects/convey/SoConvey.h"
+#include "scriptobjects/stream/BaseInterAppStream.h"
+
+namespace {
+
+using namespace convey_link;
+using ScObjects::Convey;
+using ScObjects::SoString;
+
+constexpr const char* kProgram = "convey-link";
+constexpr const char* kOwnSpecifier = "conveylink-2.0";
+constexpr const char* kAskersSpecifier = "conveylinkstatus-2.0";
+constexpr const char* kStatusKey = "LINK";
+constexpr int32_t kStatusSeconds = 3;
+
+enum Exit { kDone = 0, kNo = 1, kUsage = 2, kBadFile = 3, kNameTaken = 4, kRefused = 5, kInUse = 6 };
+
+int64_t now() {
+    return platform::Clock::system().monotonicMilliseconds();
+}
+
+void say(const std::string& line) {
+    // One write a line, so that those of several threads do not mix.
+    const std::string whole = std::string(kProgram) + ": " + line + "\n";
+    (void)std::fwrite(whole.data(), 1, whole.size(), stderr);
+}
+
+bool isOwned(const std::string& name) {
+    int error = 0;
+    return platform::MessagePorts::system().look(
+               ScObjects::BaseInterAppStream::kPortNamePrefix + name, error) ==
+           platform::PortState::owned;
+}
+
+// Where the paths of used applications lie: of this user alone, and gone with the session.
+std::string placesFolder() {
+    const char* const set = std::getenv("XDG_RUNTIME_DIR");
+    const std::string users = "/run/user/" + std::to_string(getuid());
+    if (set != nullptr && *set == '/') {
+        return std::string(set) + "/convey-link";
+    }
+    return std::filesystem::is_directory(users) ? users + "/convey-link"
+                                                : "/tmp/convey-link-" + std::to_string(getuid());
+}
+
+int check(const std::string& file) {
+    Configuration configuration;
+    std::vector<std::string> faults;
+    const bool good = readConfiguration(file, configuration, faults);
+    for (const std::string& fault : faults) {
+        std::cout << file << ": " << fault << '\n';
+    }
+    if (!good) {
+        return kNo;
+    }
+    std::cout << "joins realm " << configuration.realm << " as " << configuration.name << '\n';
+    for (const std::string& server : configuration.servers) {
+        std::cout << "server " << server << (configuration.tls ? ", encrypted" : "") << '\n';
+    }
+    if (!configuration.certificate.empty()) {
+        std::cout << "shows the certificate " << configuration.certificate << '\n';
+    }
+    for (const Offer& offer : configuration.offers) {
+        for (const std::string& to : offer.to) {
+            std::cout << "offers " << offer.app << " to " << to
+                      << (offer.launch ? ", which may launch it" : "") << '\n';
+        }
+    }
+    for (const Use& use : configuration.uses) {
+        std::cout << "uses " << use.app << " at " << use.at << '\n';
+    }
+    return kDone;
+}
+
+int status(bool asJson) {
+    (void)Convey::InitTerm::init(kAskersSpecifier, true); // fails only when it has been started
+    const std::string answer(
+        Convey::Thread::ping(kOwnSpecifier, kStatusKey, kStatusSeconds, nullptr).view());
+    Convey::InitTerm::exit();
+    const auto json = nlohmann::json::parse(answer, nullptr, false);
+    if (!json.is_object()) {
+        std::cerr << kProgram << ": no link of this user "
+                  << (answer == "Timeout" ? "answers" : "runs") << '\n';
+        return kNo;
+    }
+    if (asJson) {
+        std::cout << json.dump(2) << '\n';
+        return kDone;
+    }
+    std::cout << json.value("realm", "") << '/' << json.value("name", "")
+              << (json.value("connected", false) ? " at " + json.value("server", "")
+                                                 : std::string(" is not connected"))
+              << '\n';
+    for (const auto& link : json["links"]) {
+        std::cout << "link " << link.value("name", "") << ' ' << link.value("state", "") << '\n';
+    }
+    for (const auto& use : json["uses"]) {
+        std::cout << "use " << use.value("app", "") << " at " << use.value("at", "") << ' '
+                  << use.value("state", "") << '\n';
+    }
+    for (const auto& offer : json["offers"]) {
+        std::cout << "offer " << offer.value("app", "") << " to";
+        for (const auto& to : offer["to"]) {
+            std::cout << ' ' << to.get<std::string>();
+        }
+        std::cout << (offer.value("launch", false) ? ", may be launched" : "") << '\n';
+    }
+    return kDone;
+}
+
+// Started in the place of a used application: the link has it launched over there, with the
+// parameters that wait here.
+int launchInItsPlace(const std::string& app) {
+    Text message;
+    message.set(kTarget, Link::kControlPort);
+    message.set(kSender, app);
+    message.set(kType, app);
+    if (platform::MessagePorts::system().send(
+            std::string(ScObjects::BaseInterAppStream::kPortNamePrefix) + Link::kControlPort,
+            message.write(), kStatusSeconds * 1000) != platform::SendResult::delivered) {
+        say(app + " cannot be launched: no link runs");
+        return kNo;
+    }
+    return kDone;
+}
+
+// Answers the question of `convey-link status`, from the layer's thread.
+class StatusHandler : public Convey::MsgHandler {
+public:
+    static void set(std::string text) {
+        const std::lock_guard<std::mutex> guard(mutex());
+        *StatusHandler::text() = std::move(text);
+    }
+    int32_t handleMessage(int, Convey::Message& message, SoString* result) override {
+        const std::lock_guard<std::mutex> guard(mutex());
+        message.setBody(SoString(text()->c_str()));
+        if (result != nullptr) {
+            *result = "SEE BODY";
+        }
+        return 0;
+    }
+
+private:
+    static std::mutex& mutex() {
+        static auto* const one = new std::mutex; // outlives every thread
+        return *one;
+    }
+    static std::string* text() {
+        static auto* const one = new std::string;
+        return one;
+    }
+};
+
+int run(const std::string& file) {
+    Configuration configuration;
+    std::vector<std::string> faults;
+    if (!readConfiguration(file, configuration, faults)) {
+        for (const std::string& fault : faults) {
+            say(file + ": " + fault);
+        }
+        return kBadFile;
+    }
+    if (isOwned(std::string(kOwnSpecifier) + "#thread")) {
+        say("another link of this user runs");
+        return kInUse;
+    }
+    // Before any thread is made, so that all have them blocked.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    (void)std::signal(SIGPIPE, SIG_IGN);
+    if (!Convey::InitTerm::init(kOwnSpecifier, true)) {
+        say("the layer cannot be started");
+        return kInUse;
+    }
+    Convey::Thread::setPingHandler(kStatusKey, new StatusHandler);
+    platform::MessagePorts& ports = platform::MessagePorts::system();
+    const std::shared_ptr<platform::PortWait> wait = ports.newWait();
+    uint64_t life = 0;
+    if (wait == nullptr || !platform::Random::system().fill(&life, sizeof life)) {
+        say("the system gives no means to wait for ports");
+        return kInUse;
+    }
+    std::atomic<bool> stop{false};
+    std::thread([&stop, wait, signals] {
+        int number = 0;
+        while (sigwait(&signals, &number) != 0) {
+        }
+        stop = true;
+        wait->wake();
+    }).detach();
+    int result = kDone;
+    {
+        std::string error;
+        const std::unique_ptr<Wire> wire =
+            connectToNats(configuration, [wait] { wait->wake(); }, error);
+        if (wire == nullptr) {
+            say("cannot connect: " + error);
+            return kRefused;
+        }
+        std::error_code ignored;
+        DatabaseRegistrations registrations(
+            placesFolder(), std::filesystem::read_symlink("/proc/self/exe", ignored).string());
+        Convey main(kOwnSpecifier, nullptr, true, nullptr); // launches need one
+        const auto launch = [](const std::string& app, const std::string& parameters) {
+            const bool done = Convey::launchTarget(app.c_str(), parameters.c_str(), 0, nullptr) == 1;
+            if (!done) {
+                say(app + " cannot be launched");
+            }
+            return done;
+        };
+        Link link(configuration, life | 1,
+                  {*wire, ports, *wait, registrations, launch, say, now});
+        bool woken = true;
+        int64_t toldAt = 0;
+        while (!stop && link.state() == Link::State::goesOn) {
+            const int64_t due = link.step(woken);
+            if (link.statusChanged() || toldAt + 1000 <= now()) {
+                StatusHandler::set(link.status());
+                toldAt = now();
+            }
+            Convey::pump(ScObjects::kProcessBoth); // the layer's own: launches
+            woken = due > 0 ? wait->wait(due) : true;
+        }
+        if (link.state() == Link::State::nameTaken) {
+            say("name \"" + configuration.name + "\" is used twice in realm \"" +
+                configuration.realm + "\"");
+        }
+        result = link.state() == Link::State::nameTaken ? kNameTaken
+                 : link.state() == Link::State::refused ? kRefused
+                                                        : kDone;
+    }
+    Convey::InitTerm::exit();
+    // The thread that waits for signals is left; nothing that it uses goes.
+    std::_Exit(result);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const std::filesystem::path started = argc > 0 ? argv[0] : kProgram;
+    if (started.filename() != kProgram &&
+        started.parent_path().parent_path().filename().string().starts_with(kProgram)) {
+        return launchInItsPlace(started.filename().string());
+    }
+    CLI::App app("Joins this user's Convey to that of other machines, over NATS.", kProgram);
+    app.set_version_flag("--version", std::string(kProgram) + " " + Convey::kVersion);
+    std::string file;
+    std::string checked;
+    bool asJson = false;
+    app.add_option("FILE", file, "what to join, to offer and to use (man convey-link.toml)");
+    app.add_option("--check", checked, "say what FILE does, or what is wrong with it")
+        ->type_name("FILE");
+    CLI::App* const asks = app.add_subcommand("status", "say who is there");
+    asks->add_flag("--json", asJson, "as JSON");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? kDone : kUsage;
+    }
+    if (asks->parsed()) {
+        return status(asJson);
+    }
+    if (!checked.empty()) {
+        return check(checked);
+    }
+    if (file.empty()) {
+        std::cerr << app.help();
+        return kUsage;
+    }
+    return run(file);
+}
