@@ -1,5 +1,6 @@
 #include "c/include/convey.h"
 
+#include <charconv>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -7,6 +8,7 @@
 #include <new>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -179,6 +181,51 @@ const Convey::Header* headerAt(const convey_message* message, size_t index) {
     return header;
 }
 
+// Texts behind each other in a buffer, each with its NUL, as far as it goes.
+class Copies {
+public:
+    Copies(char* buffer, size_t size) : buffer_(buffer), size_(buffer == nullptr ? 0 : size) {}
+
+    void add(std::string_view text) {
+        put(text.substr(0, text.find('\0'))); // none has one; what comes behind relies on it
+        put(std::string_view("", 1));
+    }
+    void add(int64_t number) {
+        char digits[24];
+        const auto end = std::to_chars(digits, digits + sizeof digits, number).ptr;
+        add(std::string_view(digits, static_cast<size_t>(end - digits)));
+    }
+    void add(const convey_message* message) {
+        if (message == nullptr) {
+            return;
+        }
+        add(int64_t{convey_message_number(message)});
+        add(int64_t{convey_message_timeout(message)});
+        add(int64_t{convey_message_wants_result(message)});
+        add(shown(message).getType().view());
+        add(shown(message).getSender().view());
+        add(shown(message).getTarget().view());
+        add(shown(message).getBody().view());
+        for (const auto* header = headerAt(message, 0); header != nullptr; header = header->next) {
+            add(header->name.view());
+            add(header->value.view());
+        }
+    }
+    size_t length() const { return length_; }
+
+private:
+    void put(std::string_view text) {
+        if (length_ < size_) {
+            text.copy(buffer_ + length_, size_ - length_);
+        }
+        length_ += text.size();
+    }
+
+    char* const buffer_;
+    const size_t size_;
+    size_t length_ = 0;
+};
+
 } // namespace
 
 const char* convey_version(void) {
@@ -304,6 +351,12 @@ const char* convey_message_header_name(const convey_message* message, size_t ind
 const char* convey_message_header_value(const convey_message* message, size_t index) {
     const Convey::Header* const header = headerAt(message, index);
     return header == nullptr ? "" : header->value.c_str();
+}
+
+size_t convey_message_copy(const convey_message* message, char* buffer, size_t size) {
+    Copies copies(buffer, size);
+    copies.add(message);
+    return copies.length();
 }
 
 int convey_reply_result(convey_reply* reply, const char* text, size_t length) {
@@ -457,6 +510,17 @@ const char* convey_outcome_text(const convey_outcome* outcome, size_t* length) {
 
 const convey_message* convey_outcome_message(const convey_outcome* outcome) {
     return outcome == nullptr ? nullptr : shown(outcome->outcome.message());
+}
+
+size_t convey_outcome_copy(const convey_outcome* outcome, char* buffer, size_t size) {
+    Copies copies(buffer, size);
+    const convey_message* const message = convey_outcome_message(outcome);
+    const bool isTwice = message != nullptr && convey_outcome_kind(outcome) == CONVEY_RESULT;
+    copies.add(int64_t{convey_outcome_kind(outcome)});
+    copies.add(int64_t{convey_outcome_code(outcome)});
+    copies.add(isTwice ? std::string_view() : convey_outcome_text(outcome, nullptr));
+    copies.add(message);
+    return copies.length();
 }
 
 convey_list* convey_applications(void) {

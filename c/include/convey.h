@@ -141,6 +141,12 @@ CONVEY_API size_t convey_message_header_count(const convey_message *message);
 CONVEY_API const char *convey_message_header_name(const convey_message *message, size_t index);
 CONVEY_API const char *convey_message_header_value(const convey_message *message, size_t index);
 
+/* All of a message by one call, for languages to which each call is dear. Copies texts that each end
+ * with a NUL into `buffer`, as far as its `size` goes, and gives the bytes of all of them: the number,
+ * the time-out and whether a result is wanted, as digits; type, sender, target and body; name and
+ * value of each header, in the order of above. Later versions put nothing between these. */
+CONVEY_API size_t convey_message_copy(const convey_message *message, char *buffer, size_t size);
+
 /* Replies. Each of these three ends the handle, on any thread. ------------------------------------ */
 
 /* Answers with a result, or with an error of a code but 0. 1, or 0 when that came too late: the
@@ -212,6 +218,10 @@ CONVEY_API int convey_outcome_code(const convey_outcome *outcome);
 CONVEY_API const char *convey_outcome_text(const convey_outcome *outcome, size_t *length);
 /* The reply with its headers, NULL when none came. */
 CONVEY_API const convey_message *convey_outcome_message(const convey_outcome *outcome);
+
+/* All of an outcome by one call, as convey_message_copy: the kind and the code as digits, the text
+ * (empty for a result, which is the body of its message), and what that gives of the message. */
+CONVEY_API size_t convey_outcome_copy(const convey_outcome *outcome, char *buffer, size_t size);
 
 /* Applications of the user. These need an application of one's own, and say nothing without. ------ */
 
