@@ -9,6 +9,7 @@ from __future__ import annotations
 
 import ctypes
 import itertools
+import threading
 from collections.abc import Callable
 from ctypes import byref as byref, c_void_p as c_void_p
 from ctypes import c_char_p, c_int, c_size_t, c_uint
@@ -49,16 +50,7 @@ pump_or_wait = _bound(_waiting, "pump_or_wait", c_int, c_uint)
 run = _bound(_waiting, "run", c_int)
 quit = _bound(_waiting, "quit", None)
 
-message_body = _bound(_quick, "message_body", c_char_p, c_void_p, c_void_p)
-message_type = _bound(_quick, "message_type", c_char_p, c_void_p)
-message_sender = _bound(_quick, "message_sender", c_char_p, c_void_p)
-message_target = _bound(_quick, "message_target", c_char_p, c_void_p)
-message_number = _bound(_quick, "message_number", c_uint, c_void_p)
-message_timeout = _bound(_quick, "message_timeout", c_uint, c_void_p)
-message_wants_result = _bound(_quick, "message_wants_result", c_int, c_void_p)
-message_header_count = _bound(_quick, "message_header_count", c_size_t, c_void_p)
-message_header_name = _bound(_quick, "message_header_name", c_char_p, c_void_p, c_size_t)
-message_header_value = _bound(_quick, "message_header_value", c_char_p, c_void_p, c_size_t)
+_message_copy = _bound(_quick, "message_copy", c_size_t, c_void_p, c_void_p, c_size_t)
 
 reply_result = _bound(_waiting, "reply_result", c_int, c_void_p, c_char_p, c_size_t)
 reply_error = _bound(_waiting, "reply_error", c_int, c_void_p, c_int, c_char_p)
@@ -78,10 +70,7 @@ request_try_send = _bound(_waiting, "request_try_send", c_int, c_void_p, OUTCOME
 request_try_post = _bound(_waiting, "request_try_post", c_int, c_void_p)
 pending_cancel = _bound(_waiting, "pending_cancel", None, c_void_p)
 
-outcome_kind = _bound(_quick, "outcome_kind", c_int, c_void_p)
-outcome_code = _bound(_quick, "outcome_code", c_int, c_void_p)
-outcome_text = _bound(_quick, "outcome_text", c_char_p, c_void_p, c_void_p)
-outcome_message = _bound(_quick, "outcome_message", c_void_p, c_void_p)
+_outcome_copy = _bound(_quick, "outcome_copy", c_size_t, c_void_p, c_void_p, c_size_t)
 
 _applications = _bound(_waiting, "applications", c_void_p)
 _list_count = _bound(_quick, "list_count", c_size_t, c_void_p)
@@ -97,6 +86,45 @@ is_installed = _bound(_waiting, "is_installed", c_int, c_char_p)
 is_running = _bound(_waiting, "is_running", c_int, c_char_p)
 launch = _bound(_waiting, "launch", c_int, c_char_p, c_char_p, c_int)
 front = _bound(_waiting, "front", c_int, c_char_p)
+
+
+class _Buffer:
+    def __init__(self, size: int) -> None:
+        self.size = size
+        array = bytearray(size)
+        self.start = (ctypes.c_char * size).from_buffer(array)
+        self.view = memoryview(array)
+
+
+class _Local(threading.local):
+    """Of each thread: between a copy and its reading another one may go on."""
+
+    def __init__(self) -> None:
+        self.buffer = _Buffer(1 << 16)
+
+
+_local = _Local()
+
+
+def _copied(copy: Callable[..., Any], what: int | None) -> list[str]:
+    """The texts of something, by one call. Peers may write what is no UTF-8: it is kept."""
+    buffer = _local.buffer
+    length = copy(what, buffer.start, buffer.size)
+    if length > buffer.size:
+        buffer = _Buffer(length)
+        copy(what, buffer.start, length)
+    return str(buffer.view[:length], "utf-8", "surrogateescape").split("\0")
+
+
+def message_texts(message: int) -> list[str]:
+    """Number, time-out, whether a result is wanted, type, sender, target and body; then names and
+    values of headers, the sender's last first; and an empty one."""
+    return _copied(_message_copy, message)
+
+
+def outcome_texts(outcome: int | None) -> list[str]:
+    """Kind, code and text, and then what `message_texts` gives; or an empty one."""
+    return _copied(_outcome_copy, outcome)
 
 
 def _taken(text: int | None) -> bytes:
@@ -160,3 +188,4 @@ def release(number: int) -> None:
 
 
 forget = DATA_FUNCTION(release)
+nothing = DATA_FUNCTION(0)

@@ -100,16 +100,12 @@ class Message:
         return reply
 
     @classmethod
-    def _read(cls, message: int) -> Message:
-        headers: dict[str, str] = {}
-        for index in range(_c.message_header_count(message)):
-            # The last value of a name counts, and comes first.
-            headers.setdefault(decoded(_c.message_header_name(message, index)),
-                               decoded(_c.message_header_value(message, index)))
-        return cls(decoded(_c.message_body(message, None)), decoded(_c.message_type(message)),
-                   decoded(_c.message_sender(message)), decoded(_c.message_target(message)),
-                   _c.message_number(message), _c.message_timeout(message),
-                   _c.message_wants_result(message) != 0, headers)
+    def _of(cls, texts: list[str], start: int = 0) -> Message:
+        number, timeout, wants_result, type, sender, target, body = texts[start:start + 7]
+        # The last value of a name counts, and comes first.
+        headers = dict(zip(texts[-3:start + 6:-2], texts[-2:start + 6:-2]))
+        return cls(body, type, sender, target, int(number), int(timeout), wants_result == "1",
+                   headers)
 
 
 class Answer(str):
@@ -149,12 +145,11 @@ class Reply:
 
 def outcome_of(outcome: int | None) -> Answer | ConveyError:
     """What an outcome of the library's is to its asker: the result, or what is raised."""
-    kind, code = _c.outcome_kind(outcome), _c.outcome_code(outcome)
-    text = decoded(_c.outcome_text(outcome, None))
-    reply = _c.outcome_message(outcome)
-    message = None if reply is None else Message._read(reply)
+    texts = _c.outcome_texts(outcome)
+    kind, code, text = int(texts[0]), int(texts[1]), texts[2]
+    message = Message._of(texts, 3) if len(texts) > 4 else None
     if kind == RESULT and message is not None:
-        answer = Answer(text)
+        answer = Answer(message.body)
         answer.message = message
         return answer
     error: ConveyError

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import asyncio
 import contextlib
+import ctypes
 import gc
 import logging
 import os
@@ -127,6 +128,47 @@ def test_a_target_is_launched(registry: None) -> None:
             assert "-open p.png" in (folder / "said").read_text()
         finally:
             os.kill(int((folder / "process").read_text()), signal.SIGTERM)
+
+    in_loop(body)
+
+
+def test_a_message_arrives_whole(registry: None) -> None:
+    """Also by what reads it in one call, whose buffer may be too short."""
+    copies: list[tuple[int, bytes]] = []
+
+    def shorter(message: int, reply: int, data: int) -> None:
+        for size in (0, 1, 40, 4096):
+            buffer = ctypes.create_string_buffer(b"#" * 4096, 4096)
+            copies.append((_c._message_copy(message, buffer, size), buffer.raw))
+        convey.Reply(reply).result("read")
+
+    function = _c.MESSAGE_FUNCTION(shorter)
+
+    async def body(app: convey.Application) -> None:
+        async with convey.Application("clock-1.0") as clock:
+            seen: list[convey.Message] = []
+
+            @clock.on("whole")
+            def answer(message: convey.Message) -> str:
+                seen.append(message)
+                return message.body
+
+            for text in ("x", "ü" * 70_000):  # behind the first buffer's end
+                headers = {"Page": "12", "Mark": "a, b"} if text == "x" else {}
+                result = await app.request("clock-1.0", text, type="whole", headers=headers)
+                got = seen.pop()
+                assert result == text and (got.body, got.type, got.sender, got.target) == \
+                    (text, "whole", "diary-1.0", "clock-1.0")
+                assert got.wants_result and got.timeout == 60 and got.number > 0
+                assert {name: got.headers.get(name) for name in headers} == headers
+                assert result.message.sender == "clock-1.0"
+            assert clock._handle is not None
+            _c.application_on(clock._handle, b"short", function, 0, _c.nothing)
+            await app.request("clock-1.0", "y", type="short")
+            length, whole = copies[-1]
+            for size, (said, raw) in zip((0, 1, 40, 4096), copies):
+                assert said == length and raw[:size] == whole[:size]
+                assert set(raw[min(size, length):]) == {ord("#")}
 
     in_loop(body)
 
