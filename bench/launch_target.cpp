@@ -4,17 +4,16 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <string>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoConvey.h"
 
 namespace {
 
 using ScObjects::Convey;
-using ScObjects::SoString;
 
 bool gReported = false;
 
@@ -23,17 +22,6 @@ void report() {
     const int fifo = open(std::getenv("BENCH_REPORT"), O_WRONLY);
     gReported = write(fifo, &now, sizeof now) == sizeof now;
 }
-
-class Handler : public Convey::MsgHandler {
-public:
-    int32_t handleMessage(int, Convey::Message& message, SoString*) override {
-        if (message.getBody() == "measured") {
-            report();
-        }
-        return 0;
-    }
-    SoString getMsgType() const override { return "Tessaly"; }
-};
 
 int connectBare(const char* name) {
     sockaddr_un address{};
@@ -55,14 +43,14 @@ int main(int argc, char** argv) {
     if (argc > 1) {
         return connectBare(argv[1]);
     }
-    if (!Convey::InitTerm::init("target-1.0", true)) {
-        return 1;
-    }
-    {
-        const Convey instance("target-1.0", new Handler, true, nullptr);
-        while (!gReported) {
-            (void)Convey::pumpOrWait(100);
+    Convey::Messenger target("target-1.0");
+    target.on(ScObjects::ConveyData::CV_TYPE_PLAIN, [](const Convey::Message& message) {
+        if (message.getBody() == "measured") {
+            report();
         }
+        return std::string();
+    });
+    while (!gReported) {
+        (void)Convey::pumpOrWait(100);
     }
-    return Convey::InitTerm::exit() ? 0 : 1;
 }
