@@ -1,6 +1,7 @@
 #include "link/Registrations.h"
 
 #include <filesystem>
+#include <fstream>
 #include <memory>
 
 #include "caps/RegistryLayout.h"
@@ -34,6 +35,15 @@ void report(const std::string& what) {
     platform::Log::system().problem("convey-link: " + what);
 }
 
+// As a word of the shell.
+std::string quoted(const std::string& text) {
+    std::string word = "'";
+    for (const char c : text) {
+        word += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    }
+    return word + "'";
+}
+
 } // namespace
 
 bool DatabaseRegistrations::isLocal(const std::string& app) {
@@ -51,10 +61,16 @@ bool DatabaseRegistrations::add(const std::string& app, const std::string& at) {
     const std::filesystem::path place = std::filesystem::path(folder_) / at / app;
     std::error_code error;
     std::filesystem::create_directories(place.parent_path(), error);
-    std::filesystem::remove(place, error);
-    std::filesystem::create_symlink(program_, place, error);
-    if (error) {
-        report(place.string() + ": " + error.message());
+    // A launcher starts what a link leads to, under the name of that: no link could tell `program_`
+    // which application is meant.
+    std::ofstream script(place);
+    script << "#!/bin/sh\nexec " << quoted(program_) << ' ' << kInPlace << ' ' << quoted(app) << '\n';
+    script.close();
+    if (script.good()) {
+        std::filesystem::permissions(place, std::filesystem::perms::owner_all, error);
+    }
+    if (!script.good() || error) {
+        report(place.string() + " cannot be written");
         return false;
     }
     std::unique_ptr<Store> store;

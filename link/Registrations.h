@@ -20,10 +20,12 @@ public:
     virtual void remove(const std::string& app) = 0;
 };
 
-// In the database that new registrations of this user go to. `program` is what an application's
-// path leads to, in folders below `folder`; whoever starts it there has the link launch it.
+// In the database that new registrations of this user go to. An application's path is a script below
+// `folder`, which starts `program` with `kInPlace` and the application: that has the link launch it.
 class DatabaseRegistrations : public Registrations {
 public:
+    static constexpr const char* kInPlace = "--in-place";
+
     DatabaseRegistrations(std::string folder, std::string program)
         : folder_(std::move(folder)), program_(std::move(program)) {}
     bool isLocal(const std::string& app) override;

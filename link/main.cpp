@@ -261,10 +261,8 @@ int run(const std::string& file) {
 } // namespace
 
 int main(int argc, char** argv) {
-    const std::filesystem::path started = argc > 0 ? argv[0] : kProgram;
-    if (started.filename() != kProgram &&
-        started.parent_path().parent_path().filename().string().starts_with(kProgram)) {
-        return launchInItsPlace(started.filename().string());
+    if (argc > 2 && std::string(argv[1]) == DatabaseRegistrations::kInPlace) {
+        return launchInItsPlace(argv[2]);
     }
     CLI::App app("Joins this user's Convey to that of other machines, over NATS.", kProgram);
     app.set_version_flag("--version", std::string(kProgram) + " " + Convey::kVersion);
