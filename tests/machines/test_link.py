@@ -1,0 +1,106 @@
+"""An application of another machine is as one of this."""
+
+from __future__ import annotations
+
+import re
+import time
+from collections.abc import Iterator
+
+import pytest
+from conftest import LUMEN, OFFER, USE, Pair, knows
+from world import Machine, World, eventually
+
+RESPONSE = "<product specifier='lumen' running_response='{}' />\n"
+
+
+def check(pair: Pair) -> str:
+    return pair.desk.run("KivraConveyCmd", "check_running", "lumen")
+
+
+def test_is_used_as_one_of_this_machine_until_the_link_ends(pair: Pair) -> None:
+    desk, workshop = pair.desk, pair.workshop
+    pair.join()
+    assert LUMEN in desk.run("convey", "list")
+    assert re.search(f"<product specifier='{LUMEN}' path='[^']*workshop[^']*'", desk.run("KivraConveyCmd"))
+    assert check(pair) == RESPONSE.format("ISNOTRUNNING")
+    assert "at workshop" in desk.run("convey-link", "status")
+    # Launched over there, with its parameters.
+    assert "result: echo: hello" in desk.run("host", "diary-1.0", "--launch", "lumen", "hello", "-open my picture.png")
+    log = workshop.home / "lumen.log"
+    eventually("it was launched with its parameters", lambda: log.exists() and
+               "-open my picture.png" in log.read_text(encoding="utf-8"))
+    eventually("it runs", lambda: check(pair) == RESPONSE.format("ECHO_RESPONSE"))
+    assert "ECHO_RESPONSE" in desk.run("convey", "ping", "lumen")
+    assert desk.run("convey", "send", "lumen", "--body", "good day").splitlines()[-3:] == [
+        "received", "result: echo: good day", "processed"]
+    assert "error: failed as asked" in desk.run("convey", "send", "lumen", "--body", "fail", status=1)
+    assert re.search(r"\bconvey\d+-2\.0 Tessaly: good day\n", log.read_text(encoding="utf-8"))
+    assert "idle" in desk.run("convey", "diagnose", "lumen", status=None)
+    assert "STATUS" in desk.run("convey", "keys", "lumen")
+    large = "many words " * (20 * 1024 * 1024 // 11)
+    answer = desk.run("convey", "send", "lumen", "--body", "-", "--wait", "60", text=large)
+    assert f"result: echo: {large}\n" in answer
+    assert pair.desk_link.end() == 0
+    assert "lumen" not in desk.run("convey", "list")
+    assert check(pair) == RESPONSE.format("ISNOTINSTALLED")
+
+
+def test_what_is_said_of_it_is_true(pair: Pair) -> None:
+    pair.join()
+    target = pair.target()
+    eventually("it runs", lambda: knows(pair.desk, "ECHO_RESPONSE"))
+    target.kill()
+    eventually("it has ended", lambda: knows(pair.desk, "ISNOTRUNNING"))
+    target = pair.target()
+    eventually("it runs again", lambda: knows(pair.desk, "ECHO_RESPONSE"))
+    pair.workshop_link.kill()
+    eventually("nobody is there", lambda: knows(pair.desk, "ISNOTRUNNING"))
+    pair.workshop_link = pair.workshop.join(OFFER)
+    eventually("it is back", lambda: knows(pair.desk, "ECHO_RESPONSE"))
+    pair.workshop.cut()
+    begun = time.monotonic()
+    assert knows(pair.desk, "Timeout", "--timeout", "2")
+    assert time.monotonic() - begun < 20  # within the ping's own time, whatever the machine is at
+    pair.workshop.mend()
+    eventually("the network is back", lambda: knows(pair.desk, "ECHO_RESPONSE"))
+
+
+def test_one_of_this_machine_wins(pair: Pair) -> None:
+    pair.desk.add(LUMEN)
+    pair.workshop_link = pair.workshop.join(OFFER)
+    link = pair.desk.join(USE)
+    link.says(f"{LUMEN} is not used: registered here")
+    assert "/opt/apps/App.app" in pair.desk.run("convey", "list")
+    assert link.end() == 0
+    assert "/opt/apps/App.app" in pair.desk.run("convey", "list")
+
+
+@pytest.fixture(scope="module")
+def machine() -> Iterator[Machine]:
+    with World(["desk"], servers=()) as world:
+        yield world["desk"]
+
+
+@pytest.mark.parametrize(("rest", "changes", "said"), [
+    ("", {"name": '"two words"'}, "name"),
+    ("", {"name": '""'}, "name"),
+    ("", {"realm": '"a.b"'}, "realm"),
+    ("", {"servers": "[]"}, "servers"),
+    ("", {"servers": '"tls://n1.example:4222"'}, "servers"),
+    ("", {"servers": '["http://n1.example"]'}, "servers"),
+    ("", {"colour": '"blue"'}, "colour"),
+    ("", {"tls.ca": '"none.pem"'}, "none.pem"),
+    ("[[offer]]\nto = [\"desk\"]\n", {}, "app"),
+    ("[[offer]]\napp = \"lumen-*\"\nto = \"desk\"\n", {}, "to"),
+    ("[[offer]]\napp = \"lumen-*\"\nto = [\"desk\"]\nlaunch = \"yes\"\n", {}, "launch"),
+    ("[[use]]\napp = \"lumen-*\"\nat = \"workshop\"\n", {}, "lumen-*"),
+    ("[[use]]\napp = \"lumen-2.5-en_us\"\n", {}, "at"),
+    (USE + USE, {}, LUMEN),
+    ("[[use]\n", {}, "link.toml"),
+    ("[[use]]\napp = \"\\u0000\"\nat = \"workshop\"\n", {}, "app"),
+])
+def test_a_bad_file_is_refused_with_what_is_wrong(machine: Machine, rest: str, changes: dict[str, str],
+                                                  said: str) -> None:
+    file = machine.configure(rest, **changes)
+    assert said in machine.run("convey-link", "--check", file, status=1)
+    assert said in machine.run("convey-link", file, status=3)
