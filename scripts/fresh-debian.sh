@@ -4,7 +4,7 @@ as_root=()
 [ "$(id -u)" -eq 0 ] || as_root=(sudo)
 
 # fresh_debian RELEASE ROOT: makes one from where this machine gets its own packages. In a folder
-
+# DEBIAN_CACHE it is kept for the next that is wanted.
 fresh_debian() {
     local release=$1 root=$2 kept=${DEBIAN_CACHE:+$DEBIAN_CACHE/$1.tar} mirror own
     own=$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)
