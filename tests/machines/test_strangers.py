@@ -1,0 +1,104 @@
+"""Who has no right to be heard, is not; who talks nonsense, hurts nobody."""
+
+from __future__ import annotations
+
+import shutil
+import sys
+
+from conftest import LUMEN, OFFER, USE, Pair, knows
+from world import HERE, Certificates, Machine, Process, World, eventually
+
+
+def starts(machine: Machine, rest: str = "", **changes: str) -> Process:
+    return machine.start("convey-link", machine.configure(rest, **changes), log="link.log")
+
+
+def by_hand(machine: Machine, *lines: str, server: int = 1) -> str:
+    """What a bare client of the servers is told, with the certificate of this machine."""
+    return machine.run(sys.executable, HERE / "bare.py", machine.door(server), machine.keys(), machine.name,
+                       text="".join(line + "\n" for line in lines))
+
+
+def frame(subject: str, payload: bytes) -> str:
+    text = payload.decode("latin-1").encode("unicode_escape").decode()
+    return f"PUB {subject} {len(payload)}\\r\\n{text}\\r\\n"
+
+
+def test_certificates_that_the_servers_do_not_take(world: World) -> None:
+    desk, workshop, attic = world["desk"], world["workshop"], world["attic"]
+    # Another authority's.
+    folder = desk.home / ".config" / "convey"
+    Certificates(world.folder / "other", None)
+    other = Certificates(folder, Certificates(world.folder / "others"))
+    other.sign("desk", "email:desk@studio")
+    (folder / "desk.key").chmod(0o600)
+    shutil.copy(world.keys.folder / "ca.pem", folder)
+    assert starts(desk).wait() == 5
+    # The authority's, for a user whom no server knows.
+    workshop.keys(user="nobody@studio")
+    assert starts(workshop).wait() == 5
+    # The servers' is of another authority than this link trusts.
+    shutil.copy(world.folder / "others" / "ca.pem", attic.keys())
+    assert starts(attic).wait() == 5
+
+
+def test_a_name_that_is_anothers(pair: Pair) -> None:
+    pair.join()
+    target = pair.target()
+    attic = pair.world["attic"]
+    # By the certificate of the attic: the servers' permissions are against it.
+    link = starts(attic, OFFER, name='"workshop"')
+    link.says("Permissions Violation for .* to \"convey.studio.workshop")
+    link.kill()
+    # By the same certificate, twice.
+    folder = attic.keys()
+    shutil.rmtree(folder)
+    shutil.copytree(pair.workshop.keys(), folder)
+    twin = starts(attic, OFFER, name='"workshop"', **{"tls.cert": '"workshop.pem"', "tls.key": '"workshop.key"'})
+    assert twin.wait() == 4
+    assert 'name "workshop" is used twice in realm "studio"' in twin.said()
+    eventually("the first goes on", lambda: knows(pair.desk, "ECHO_RESPONSE"))
+    assert target.process.poll() is None
+
+
+def test_a_stranger_of_another_realm(pair: Pair) -> None:
+    pair.join()
+    pair.target()
+    attic = pair.world["attic"]
+    attic.keys(user="front@gallery")
+    # As what it is, in its own realm: the realm of the others is another world.
+    link = attic.join(USE, realm='"gallery"', name='"front"', **{"tls.cert": '"attic.pem"', "tls.key": '"attic.key"'})
+    eventually("nobody is there", lambda: knows(attic, "ISNOTRUNNING"))
+    assert link.end() == 0
+    # With the others' realm in its file, and their names by hand.
+    link = starts(attic, USE)
+    link.says("Permissions Violation for .* to \"convey.studio.attic")
+    said = by_hand(attic, "SUB convey.studio.> 1\\r\\n", frame("convey.studio.workshop.desk", b"hello"))
+    assert said.count("Permissions Violation") == 2
+    assert knows(pair.desk, "ECHO_RESPONSE")
+
+
+GARBAGE = [b"", b"\0", b"\xff" * 70, b"hello", b"{}", bytes(range(256)), bytes(200000),
+           b"@CV>Version:2.05\nTarget:lumen-2.5-en_us\nSender:x-1.0\nContent-Length:99999999\n\n"]
+
+
+def test_garbage_on_the_subjects(pair: Pair) -> None:
+    """From one who may speak to the links, but says nothing that they understand."""
+    pair.join()
+    pair.target()
+    eventually("it runs", lambda: knows(pair.desk, "ECHO_RESPONSE"))
+    for payload in GARBAGE:
+        said = by_hand(pair.world["attic"], *(frame(f"convey.studio.{to}.attic", payload)
+                                              for to in ("workshop", "desk") for _ in range(20)))
+        assert "-ERR" not in said, payload
+    pair.workshop_link.says("refused: .*attic")
+    assert knows(pair.desk, "ECHO_RESPONSE")
+    assert pair.workshop_link.process.poll() is None and pair.desk_link.process.poll() is None
+
+
+def test_the_permissions_of_the_example(world: World) -> None:
+    """What each of the realm may not say or hear."""
+    said = by_hand(world["desk"], "SUB convey.studio.workshop.* 1\\r\\n", "SUB convey.> 2\\r\\n", "SUB _INBOX.> 3\\r\\n",
+                   frame("convey.studio.workshop.attic", b"x"), frame("convey.studio.desk.workshop", b"x"),
+                   frame("convey.gallery.front.desk", b"x"), frame("$SYS.REQ.SERVER.PING", b"x"))
+    assert said.count("Permissions Violation") == 7
