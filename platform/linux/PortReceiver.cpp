@@ -171,6 +171,9 @@ PortReceiver::~PortReceiver() {
 // reading from them.
 void PortReceiver::deafen() {
     const std::lock_guard<std::mutex> guard(mutex_);
+    // First, since it is an event for ever from the next step on: a thread that still looks at this
+    // port would do nothing else.
+    (void)epoll_ctl(events_.get(), EPOLL_CTL_DEL, listener_.get(), nullptr);
     // Those who have connected and were not accepted yet see the end, too, when what they wait at
     // is taken and closed.
     (void)shutdown(listener_.get(), SHUT_RDWR);
