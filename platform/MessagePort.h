@@ -171,6 +171,10 @@ public:
     // Whether a port that somebody opens ends a wait too, as far as the system can tell.
     virtual void watchNames(bool on) = 0;
 
+    // False while something that was added, or names that are to be watched, could not be: who
+    // waits must look from time to time.
+    virtual bool tellsAll() const = 0;
+
     // Ends the wait, or the next one when nobody waits.
     virtual void wake() = 0;
 

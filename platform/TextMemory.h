@@ -4,6 +4,8 @@
 
 namespace platform {
 
+class PortWait;
+
 // Memory for texts and what is made of them: the process heap, but for large blocks, some of which
 // are kept when they are given back. Asking the system for a megabyte and giving it back costs more
 // than copying it, and every large message asks for several.
@@ -28,6 +30,10 @@ public:
 
     // Gives all that is kept to the system now; what is given back later is kept again.
     static void giveBack();
+
+    // Who is to be woken by the next block that is kept, since it no longer calls
+    // `giveBackWhenIdle`; null for nobody, which is at once.
+    static void wakeWhenKept(PortWait* keeper);
 
     // Bytes that are kept now.
     static size_t keptBytes();

@@ -297,6 +297,7 @@ private:
         void add(const LocalPort&) override {}
         void add(TargetWatch&) override {}
         void watchNames(bool) override {}
+        bool tellsAll() const override { return false; }
         void wake() override {
             const std::lock_guard<std::mutex> guard(ports_.mutex_);
             woken_ = true;

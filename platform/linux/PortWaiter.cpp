@@ -76,7 +76,9 @@ bool PortWaiter::watchFile(const std::string& path, int& number) {
 
 void PortWaiter::add(const LocalPort& port) {
     const auto& receiver = static_cast<const PortReceiver&>(port);
-    (void)watch(receiver.events(), kPort); // else it is polled
+    if (!watch(receiver.events(), kPort)) {
+        portsMissed_.store(true); // it is polled
+    }
     const std::lock_guard<std::mutex> guard(mutex_);
     const std::string folder = receiver.name().folder().path() + "/";
     unwatched_.push_back(folder + receiver.name().lockFile());
@@ -108,6 +110,7 @@ void PortWaiter::add(TargetWatch& watch) {
 
 void PortWaiter::watchNames(bool on) {
     const std::lock_guard<std::mutex> guard(mutex_);
+    namesMissed_ = on && names_ < 0;
     // Only while something is queued for a target that is not there: each file that comes or goes
     // in the folder would wake every process otherwise.
     if (on == (names_ >= 0)) {
@@ -121,8 +124,14 @@ void PortWaiter::watchNames(bool on) {
     PortFolder folder;
     if (folder.open(PortFolder::Use::ifThere) == PortFolder::State::usable &&
         watchFile(folder.path(), names_)) {
+        namesMissed_ = false;
         wake(); // for a name that came before the watch
     }
+}
+
+bool PortWaiter::tellsAll() const {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return !portsMissed_.load() && !namesMissed_;
 }
 
 // True when something has happened to the file of a port.
@@ -136,6 +145,11 @@ bool PortWaiter::readFileEvents() {
             // The names behind the events are of no use: who was woken looks for itself.
             std::memcpy(&event, block + at, sizeof event);
             at += static_cast<ssize_t>(sizeof event + event.len);
+            if (event.wd == names_ && (event.mask & IN_IGNORED) != 0) {
+                names_ = -1; // the folder is gone: one that is made anew is another
+                namesMissed_ = true;
+                continue;
+            }
             ofPorts = ofPorts || event.wd != names_;
         }
     }

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "limits/Limits.h"
+#include "platform/MessagePort.h"
 
 namespace platform {
 namespace {
@@ -52,7 +53,15 @@ public:
         }
         blocks_[count_++] = {block, bytes};
         bytes_ += bytes;
+        if (PortWait* const keeper = std::exchange(keeper_, nullptr)) {
+            keeper->wake(); // under the mutex: it may end as soon as it is none any more
+        }
         return true;
+    }
+
+    void setKeeper(PortWait* keeper) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        keeper_ = keeper;
     }
 
     void clear(bool onlyWhenIdle) {
@@ -90,6 +99,7 @@ private:
     size_t bytes_ = 0;
     uint64_t uses_ = 0;
     uint64_t usesBefore_ = 0;
+    PortWait* keeper_ = nullptr;
 };
 
 // Used until the process ends, and without a destructor of its own.
@@ -126,6 +136,10 @@ void TextMemory::giveBackWhenIdle() {
 
 void TextMemory::giveBack() {
     gKept.clear(false);
+}
+
+void TextMemory::wakeWhenKept(PortWait* keeper) {
+    gKept.setKeeper(keeper);
 }
 
 size_t TextMemory::keptBytes() {
