@@ -318,9 +318,8 @@ int main(int argc, char** argv) {
     row("a message through a queue of 100,000", median(many), "ns", median(few), "of 1,000",
         median(many) / median(few), "<= 1.5");
     std::printf(
-        "| idle host: wake-ups a second, %% of a processor | %.1f, %.3f | | | <= 11, < 0.1 |\n",
-        (after.switches - before.switches) / kIdleSeconds,
-        (after.ticks - before.ticks) / kIdleSeconds);
+        "| idle host: wake-ups in ten seconds, %% of a processor | %.0f, %.3f | | | 0, 0 |\n",
+        after.switches - before.switches, (after.ticks - before.ticks) / kIdleSeconds);
     std::printf("| idle host: memory, of its own | %.1f MiB, %.1f MiB | | | |\n",
                 after.kilobytes / 1024, after.ownKilobytes / 1024);
     wholeProcesses(folder, 5 * rounds);

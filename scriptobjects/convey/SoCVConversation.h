@@ -166,6 +166,8 @@ public:
     std::unique_ptr<Convey::Message> watcherOf(uint32_t number) const;
     // The watchers whose time has come, the newest first, as the messages that they stand for.
     std::vector<std::unique_ptr<Convey::Message>> takeExpired();
+    // The steady millisecond at which the first one's time comes, INT64_MAX for none.
+    int64_t firstDeadline() const;
     // All of them, the oldest first.
     std::vector<std::unique_ptr<Convey::Message>> watchers() const;
     bool isWatching() const;

@@ -124,6 +124,13 @@ std::vector<std::unique_ptr<Message>> Conversations::takeExpired() {
     return messages;
 }
 
+int64_t Conversations::firstDeadline() const {
+    const ObjectLock guard(*this);
+    return deadlines_.empty() || deadlines_.begin()->first == INT64_MAX
+               ? INT64_MAX
+               : deadlines_.begin()->first * 1000;
+}
+
 std::vector<std::unique_ptr<Message>> Conversations::watchers() const {
     std::map<uint64_t, std::unique_ptr<Message>> ordered;
     {

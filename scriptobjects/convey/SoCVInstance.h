@@ -79,6 +79,10 @@ public:
     // The courier's pass.
     Outbox::Left carryOutgoing();
 
+    // The steady millisecond by which the background thread is to look again when nothing is
+    // announced to it, INT64_MAX for never; 0 while only looking shows what is to be done.
+    int64_t nextLook();
+
     bool incomingPending() const;
     void notePump() { occupations_.notePump(); }
     // Raises the signal of the host's main loop when a message is there to be handled.

@@ -15,6 +15,7 @@
 #include "scriptobjects/convey/SoCVInstanceParts.h"
 #include "scriptobjects/convey/SoCVLaunching.h"
 #include "scriptobjects/convey/SoCVOutbox.h"
+#include "scriptobjects/convey/SoCVPollSignal.h"
 #include "scriptobjects/convey/SoCVResolution.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/convey/SoCVThread.h"
@@ -209,6 +210,9 @@ void PrivateData::accept(std::unique_ptr<Message> message) {
     if (incoming_.append(message.get())) {
         (void)message.release(); // the queue's now
         noteActivity();
+        if (const ConveyContext* const context = this->context()) {
+            context->getThread()->noteDue(PollSignal::isWatched() ? 0 : incoming_.nextDeadline());
+        }
     }
 }
 

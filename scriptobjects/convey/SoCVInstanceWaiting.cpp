@@ -6,6 +6,9 @@
 #include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVInstanceParts.h"
+#include "scriptobjects/convey/SoCVPollSignal.h"
+#include "scriptobjects/convey/SoCVSteadyTime.h"
+#include "scriptobjects/convey/SoCVThread.h"
 
 namespace ScObjects::ConveyData {
 namespace {
@@ -58,11 +61,30 @@ void PrivateData::watchTime(const Message& message) {
 
 void PrivateData::watchTime(const Message& message, uint32_t seconds) {
     conversations_.watch(message, message.getSender(), seconds);
+    if (const ConveyContext* const context = this->context();
+        context != nullptr && static_cast<int32_t>(seconds) >= 0) {
+        context->getThread()->noteDue(ConveyUtils::getSteadyMilliseconds() +
+                                      int64_t{1000} * seconds);
+    }
     if (HandlerSlot::anyForwards()) {
         if (const auto watcher = conversations_.watcherOf(message.getSerialNumber())) {
             traffic(*watcher, infoRoot("in"), "added");
         }
     }
+}
+
+int64_t PrivateData::nextLook() {
+    if (isClosed()) {
+        return INT64_MAX;
+    }
+    // Nothing tells that there is room again for what is held back, that a target's end was not
+    // told, or that a handler may run that the host's main loop was not woken for.
+    if (!arrivals_.isEmpty() || !takers_->isEmpty() ||
+        (PollSignal::isWatched() && !incoming_.isEmpty())) {
+        return 0;
+    }
+    return std::min(
+        {incoming_.firstDeadline(), conversations_.firstDeadline(), outbox_.nextLook()});
 }
 
 void PrivateData::unwatchTime(uint32_t serialNumber) {

@@ -278,9 +278,28 @@ void MessageQueue::removeExpiredMessages() {
             first = std::min(first, entry.deadline);
         }
     }
-    // The one place where it becomes later. A message that is taken leaves it as it is, which costs
-    // one look for nothing at most.
+    // Here and in `firstDeadline` it becomes later. A message that is taken leaves it as it is,
+    // which costs one look for nothing at most.
     firstDeadline_.store(first, std::memory_order_relaxed);
+}
+
+int64_t MessageQueue::firstDeadline() {
+    const ObjectLock guard(*this);
+    int64_t first = kNoDeadline;
+    for (const Entry* entry = all_.first; entry != nullptr; entry = entry->links[ofAll].next) {
+        first = std::min(first, entry->deadline);
+    }
+    firstDeadline_.store(first, std::memory_order_relaxed);
+    return first;
+}
+
+int64_t MessageQueue::oldest() const {
+    const ObjectLock guard(*this);
+    int64_t first = INT64_MAX;
+    for (const Entry* entry = all_.first; entry != nullptr; entry = entry->links[ofAll].next) {
+        first = std::min(first, entry->since);
+    }
+    return first;
 }
 
 Message* MessageQueue::findMessageForTarget(const SoString& target) const {

@@ -93,6 +93,13 @@ public:
     void removeTimeoutMessage(uint32_t serial);
     // Retires all messages whose time has run out.
     void removeExpiredMessages();
+    // The steady millisecond at which the first of them is over, INT64_MAX for none. Looks at each.
+    int64_t firstDeadline();
+    // Not after that moment, at once.
+    int64_t nextDeadline() const { return firstDeadline_.load(std::memory_order_relaxed); }
+    // Since when the first waits of all whose `waitsSince` was asked, INT64_MAX for none; 0 when
+    // it was not asked of one. Looks at each.
+    int64_t oldest() const;
 
     // The oldest message for `target` (compared exactly), the queue's; null without one. Good until
     // the queue changes.

@@ -29,6 +29,8 @@ constexpr int32_t kLargeMilliseconds = limits::of("send.large");
 constexpr int32_t kLargeBytes = limits::of("port.packet");
 // A message that finds no target is kept alive for this long.
 constexpr uint32_t kQueueSeconds = limits::of("queue.age");
+// Before its time is over: it is done once in each second, and seconds may begin late.
+constexpr int64_t kAliveMilliseconds = 2000;
 
 // A target that takes nothing must not fill this process's memory.
 struct Bounds {
@@ -212,8 +214,9 @@ void Outbox::noteKept(const std::string& target, bool large) {
 }
 
 bool Outbox::isDue(const Line& line, Carrier carrier, int64_t now, Left& left) const {
-    // Nobody waits in a pass: who has the turn does the work of this one, too.
+    // Nobody waits in a pass: who has the turn does the work of this one, too, and may leave some.
     if (line.busy) {
+        left.join({.retryMilliseconds = kLongestPause});
         return false;
     }
     // What is first in a line says whose it is, so that its order holds whoever sends from it.
@@ -444,6 +447,17 @@ void Outbox::requeue(const std::string& target) {
             logEvent("REQUEUED MESSAGE ", *event);
         }
     }
+}
+
+int64_t Outbox::nextLook() {
+    if (queue_.isEmpty()) {
+        return INT64_MAX;
+    }
+    const int64_t first = queue_.firstDeadline();
+    const int64_t oldest = queue_.oldest();
+    // 0, at once, for one that was never tried.
+    const int64_t old = oldest == INT64_MAX ? oldest : oldest + int64_t{1000} * kQueueSeconds;
+    return first < kAliveMilliseconds ? 0 : std::min(first - kAliveMilliseconds, old);
 }
 
 bool Outbox::drain(const InterAppStream& stream, const SoString& target, int64_t milliseconds) {

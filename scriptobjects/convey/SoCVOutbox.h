@@ -85,6 +85,10 @@ public:
     // Sends what can be sent, in a short time; see Left. Without a stream it is deleted.
     Left pass(const InterAppStream* stream, Carrier carrier);
 
+    // The steady millisecond by which a pass is needed when nothing else happens than that names
+    // appear: what waits has to be kept alive before its time is over. INT64_MAX for none.
+    int64_t nextLook();
+
     // True while so much is kept for `asker` that its further requests had better wait.
     bool isHeldUp(const SoString& asker) const;
 

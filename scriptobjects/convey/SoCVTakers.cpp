@@ -148,6 +148,11 @@ void Takers::abandon(uint32_t number, uint64_t place) {
     }
 }
 
+bool Takers::isEmpty() const {
+    const ObjectLock guard(*this);
+    return entries_.empty() && takers_.empty();
+}
+
 void Takers::noteReceived(const Message& message) {
     const ObjectLock guard(*this);
     const auto entry = entries_.find(message.getSerialNumber());

@@ -72,6 +72,8 @@ public:
         uint64_t place_ = 0;
     };
 
+    // True when no request and no taker is kept.
+    bool isEmpty() const;
     // A message has come in: what ends its request is noted.
     void noteReceived(const Convey::Message& message);
     // Asks whether takers have ended, a few system calls for each. True when there are some whose

@@ -22,6 +22,7 @@
 #include "scriptobjects/convey/SoCVPollSignal.h"
 #include "scriptobjects/convey/SoCVSetupThread.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
+#include "scriptobjects/convey/SoCVSteadyTime.h"
 #include "scriptobjects/convey/SoCVThreadHandlers.h"
 #include "scriptobjects/convey/SoCVUtils.h"
 #include "scriptobjects/convey/SoCVUtilsCore.h"
@@ -46,7 +47,9 @@ constexpr int64_t kPingMilliseconds = limits::of("receive.time");
 // An answer that its asker does not take is kept for as long as that waits itself, within a bound.
 constexpr uint32_t kLongestAnswerSeconds = limits::of("thread.answer.age");
 constexpr double kIdleIntervals = 10;
-constexpr double kAverageWeight = 0.1; // of the newest interval
+// Rounds in a row without anything to do before none is made: large blocks of memory that are kept
+// need two to be given back.
+constexpr int kQuietRounds = 2;
 
 constexpr std::string_view kThreadSuffix = "#thread"; // ConveyData::CV_SUFFIX_THREAD with its mark
 
@@ -193,6 +196,7 @@ bool ConveyThread::setTimeout(const SoString& key, int32_t seconds) {
     PingData* const data = findLocked(key);
     if (data != nullptr) {
         data->expiry = ConveyUtils::getTimeSeconds() + static_cast<uint32_t>(seconds);
+        noteDue(ConveyUtils::toSteadyMilliseconds(data->expiry));
     }
     return data != nullptr;
 }
@@ -218,20 +222,10 @@ bool ConveyThread::isIdle() const {
     }
     // Before the second regular round there is no interval to compare with, and the status alone
     // counts.
-    return averagePump_ <= 0 || lastPump_ <= 0 ||
-           now() - lastPump_ <= kIdleIntervals * averagePump_;
-}
-
-// The regular rounds only: a busy second must not make the usual interval look short.
-void ConveyThread::notePump() {
     const double time = now();
-    const ObjectLock guard(*this);
-    if (lastPump_ > 0) {
-        const double interval = time - lastPump_;
-        averagePump_ =
-            averagePump_ > 0 ? averagePump_ + kAverageWeight * (interval - averagePump_) : interval;
-    }
-    lastPump_ = time;
+    const double average = rounds_.average(time);
+    const double last = rounds_.last(time);
+    return average <= 0 || last <= 0 || time - last <= kIdleIntervals * average;
 }
 
 // The thread.
@@ -260,7 +254,7 @@ void ConveyThread::run() {
         // Nothing to do any more. It stays until it is stopped, because a thread that has ended and
         // that nobody waits for, as in a process that simply exits, counts as lost.
         while (!stop_.load()) {
-            pause(kParkedMilliseconds);
+            (void)pause(kParkedMilliseconds);
         }
         return;
     }
@@ -268,38 +262,112 @@ void ConveyThread::run() {
         wait(kSetupPollMilliseconds);
     }
     double nextRound = now();
+    Rested rested = Rested::no;
+    int quiet = 0; // regular rounds since something happened
     while (!stop_.load()) {
         // Rounds that something has woken come in between and leave the regular ones where they
         // are: a flood must not put off what only time brings.
-        const bool regular = now() >= nextRound;
+        const bool regular = rested == Rested::due || now() >= nextRound;
         const Left rest = tryRound(regular);
+        const bool isQuiet = regular && !rest.more && !rest.large && rest.retryMilliseconds < 0;
+        quiet = isQuiet ? quiet + 1 : 0;
         if (regular) {
-            notePump();
+            if (rested != Rested::due) {
+                const ObjectLock guard(*this);
+                rounds_.note(now());
+            }
             // Not in the other rounds: blocks that are given back in a busy moment would have to be
             // fetched again at once.
             platform::TextMemory::giveBackWhenIdle();
             remindHost();
             nextRound = now() + static_cast<double>(kRoundMilliseconds);
         }
+        rested = Rested::no;
         if (stop_.load() || rest.more) {
+            continue;
+        }
+        if (quiet >= kQuietRounds && (rested = this->rest()) != Rested::no) {
+            if (rested == Rested::woken) {
+                quiet = 0;
+                const ObjectLock guard(*this);
+                nextRound = rounds_.last(now()) + static_cast<double>(kRoundMilliseconds);
+            }
             continue;
         }
         // A line that was refused is tried again sooner than the next round, and never later:
         // nothing announces that a target has room again.
         const auto left = static_cast<int64_t>(nextRound - now());
-        pause(std::clamp<int64_t>(
+        (void)pause(std::clamp<int64_t>(
             rest.retryMilliseconds < 0 ? left : std::min(left, rest.retryMilliseconds), 0,
             kRoundMilliseconds));
     }
 }
 
-// Waits for something to do; without the means to be woken, for no longer than a round.
-void ConveyThread::pause(int64_t milliseconds) {
-    if (wait_ != nullptr) {
-        (void)wait_->wait(milliseconds);
-    } else {
-        wait(static_cast<unsigned>(std::min(milliseconds, kRoundMilliseconds)));
+// The steady millisecond by which there is to be a round when nothing is announced; 0 while only
+// rounds show what is to be done.
+int64_t ConveyThread::nextLook() const {
+    if (wait_ == nullptr || !wait_->tellsAll() || platform::TextMemory::keptBytes() != 0 ||
+        !pings_->isEmpty() || !outbox_->messages().isEmpty()) {
+        return 0;
     }
+    int64_t next = INT64_MAX;
+    {
+        const ObjectLock guard(*this);
+        for (const PingData& data : table_) {
+            if (data.expiry != 0) {
+                next = std::min(next, ConveyUtils::toSteadyMilliseconds(data.expiry));
+            }
+        }
+    }
+    const ConveyContext* const context = context_.load();
+    for (int32_t i = 0; context != nullptr && next != 0; ++i) {
+        const auto instance = context->pinNth(i);
+        if (instance == nullptr) {
+            break;
+        }
+        next = std::min(next, instance->nextLook());
+    }
+    return next;
+}
+
+// Sleeps until something is announced or due. Nothing is missed: what is added from the first step
+// on finds that it has to wake this thread, and what was there before is looked at in the second.
+ConveyThread::Rested ConveyThread::rest() {
+    restsUntil_.store(INT64_MAX);
+    platform::TextMemory::wakeWhenKept(wait_.get());
+    const int64_t next = nextLook();
+    const int64_t left =
+        next == INT64_MAX ? kParkedMilliseconds : next - ConveyUtils::getSteadyMilliseconds();
+    Rested result = Rested::no;
+    if (left > kRoundMilliseconds && !stop_.load()) {
+        restsUntil_.store(next);
+        {
+            const ObjectLock guard(*this);
+            rounds_.beginRest();
+        }
+        result = pause(std::min(left, kParkedMilliseconds)) ? Rested::woken : Rested::due;
+        const ObjectLock guard(*this);
+        rounds_.endRest(now());
+    }
+    platform::TextMemory::wakeWhenKept(nullptr);
+    restsUntil_.store(kAwake);
+    return result;
+}
+
+void ConveyThread::noteDue(int64_t steadyMilliseconds) {
+    if (steadyMilliseconds < restsUntil_.load()) {
+        wake();
+    }
+}
+
+// Waits for something to do; without the means to be woken, for no longer than a round. False when
+// the time is up.
+bool ConveyThread::pause(int64_t milliseconds) {
+    if (wait_ != nullptr) {
+        return wait_->wait(milliseconds);
+    }
+    wait(static_cast<unsigned>(std::min(milliseconds, kRoundMilliseconds)));
+    return false;
 }
 
 // A round for which memory does not suffice is given up, and the next one tries again: texts that
@@ -450,6 +518,7 @@ void ConveyThread::watch(platform::TargetWatch& taker) {
     if (wait_ != nullptr) {
         wait_->add(taker);
     }
+    noteDue(0); // that it ends is looked for, too
 }
 
 void ConveyThread::wake() {
@@ -540,10 +609,12 @@ void ConveyThread::appendDiagnostics(SoString& out, const SoString& path) const 
     const ObjectLock guard(*this);
     CVDiagnosticsRows rows(out, root);
     rows.node("", "Thread", specifier_);
-    rows.leaf("/avgpump", "Avg. pump interval", averagePump_, "ms");
+    const double time = now();
+    const double last = rounds_.last(time);
+    rows.leaf("/avgpump", "Avg. pump interval", rounds_.average(time), "ms");
     rows.leaf("/outofmemory", "Given up for want of memory",
               failedRounds_.load() + pings_->dropped());
-    rows.leaf("/lastpump", "Last pump", lastPump_ > 0 ? now() - lastPump_ : 0.0, "ms ago");
+    rows.leaf("/lastpump", "Last pump", last > 0 ? time - last : 0.0, "ms ago");
     rows.node("/ping", "Ping", static_cast<uint32_t>(table_.size()));
     root << "/ping";
     CVDiagnosticsRows entries(out, root);

@@ -8,6 +8,7 @@
 
 #include "limits/Limits.h"
 #include "scriptobjects/convey/SoCVMessenger.h"
+#include "scriptobjects/convey/SoCVThreadRounds.h"
 #include "scriptobjects/convey/SoCVWords.h"
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoHeap.h"
@@ -33,8 +34,10 @@ class CVDiagnosticsRows;
 class InterAppStream;
 
 // The background thread of this process: it answers pings from a table of keys and lets messages
-// come in and go out while the host is busy. It runs every 100 milliseconds, and at once when
-// something arrives, when it is stopped, and when a port appears that messages may wait for.
+// come in and go out while the host is busy. It runs at once when something arrives, when it is
+// stopped, and when a port appears that messages may wait for; and every 100 milliseconds as long
+// as there is something that only looking shows. Without that it sleeps until the next moment at
+// which something is due.
 //
 // Owned by its context, which starts and stops it. Owns its stream, the table and the handlers in
 // it. Handlers run on this thread, with no lock of the layer held. Threads: any.
@@ -129,6 +132,10 @@ public:
 
     // Has it make a round at once: something was queued that a port may be opened for any moment.
     void wake();
+    // Something is to be done at that steady millisecond (0: as soon as a round would have been
+    // made) that was not there when it went to sleep: called behind what makes it so. Costs nothing
+    // unless it sleeps for longer.
+    void noteDue(int64_t steadyMilliseconds);
 
     // The moment this thread was made, in milliseconds since 1970.
     double startTime() const { return startTime_; }
@@ -164,8 +171,12 @@ private:
     Left serveInstances(bool regular);
     void remindHost() const;
     int64_t carry();
-    void notePump();
-    void pause(int64_t milliseconds);
+    bool pause(int64_t milliseconds);
+    int64_t nextLook() const;
+    enum class Rested { no, woken, due };
+    Rested rest();
+
+    static constexpr int64_t kAwake = INT64_MIN;
 
     std::atomic<ConveyContext*> context_;
     std::atomic<bool> stop_{false};
@@ -175,8 +186,8 @@ private:
     std::shared_ptr<InterAppStream> stream_ SO_GUARDED_BY(this);
     SoString specifier_ SO_GUARDED_BY(this);
     std::vector<PingData> table_ SO_GUARDED_BY(this);
-    double averagePump_ SO_GUARDED_BY(this) = 0; // milliseconds, 0 for unknown
-    double lastPump_ SO_GUARDED_BY(this) = 0;
+    ConveyData::ThreadRounds rounds_ SO_GUARDED_BY(this);
+    std::atomic<int64_t> restsUntil_{kAwake};                    // in steady milliseconds
     const std::unique_ptr<ConveyData::Outbox> outbox_;           // answers, and what is forwarded
     std::unique_ptr<ConveyCourier> courier_ SO_GUARDED_BY(this); // null until it is needed
     std::atomic<uint32_t> failedRounds_{0};                      // for want of memory

@@ -323,16 +323,26 @@ bool Convey::pumpOrWait(uint32_t milliseconds, ConveyContext* context) {
     return pump(kProcessBoth, current);
 }
 
+// The signal of a host that waits for it: from now on the background thread looks after what waits
+// for that.
+static platform::PollSignal* watchedSignal() {
+    platform::PollSignal* const signal = ConveyData::PollSignal::get();
+    if (ConveyThread* const thread = ConveyThread::getMainThread()) {
+        thread->noteDue(0);
+    }
+    return signal;
+}
+
 int32_t Convey::getPollDescriptor() {
     return guarded(-1, [] {
-        const platform::PollSignal* const signal = ConveyData::PollSignal::get();
+        const platform::PollSignal* const signal = watchedSignal();
         return signal == nullptr ? -1 : signal->descriptor();
     });
 }
 
 int32_t Convey::run() {
     return guarded(-1, [] {
-        platform::PollSignal* const signal = ConveyData::PollSignal::get();
+        platform::PollSignal* const signal = watchedSignal();
         // For as long as this runs only: then requests to end mean again what the host has made of
         // them.
         const auto requests = platform::MainLoops::system().takeEndRequests();

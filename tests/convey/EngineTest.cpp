@@ -18,6 +18,7 @@
 #include "scriptobjects/convey/SoCVSetupThread.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/convey/SoCVThread.h"
+#include "scriptobjects/convey/SoCVThreadRounds.h"
 #include "scriptobjects/convey/SoCVUtilsCore.h"
 #include "scriptobjects/stream/InterAppStream.h"
 #include "tests/support/Peers.h"
@@ -607,6 +608,23 @@ TEST_F(EngineTest, launchesWithinItsLimits) {
     const InterAppStream running("other-2.0");
     EXPECT_EQ(Convey::launchTarget("other-2.0", "", 0, nullptr), 1) << "it runs already";
     EXPECT_EQ(layer.connector->launches.size(), 2U);
+}
+
+TEST(ThreadRounds, thoseThatWereLeftOutCountAsMadeOnTime) {
+    ScObjects::ConveyData::ThreadRounds rounds;
+    EXPECT_EQ(rounds.last(500), 0) << "none was made";
+    rounds.note(1000);
+    EXPECT_EQ(rounds.average(1000), 0);
+    rounds.note(1200); // late
+    EXPECT_EQ(rounds.average(1200), 200);
+    EXPECT_EQ(rounds.last(9999), 1200) << "a thread that hangs shows";
+    rounds.beginRest();
+    EXPECT_EQ(rounds.last(1299), 1200);
+    EXPECT_EQ(rounds.last(1450), 1400);
+    EXPECT_NEAR(rounds.average(1450), 181, 1e-9) << "two of them, a tenth each";
+    rounds.endRest(61'250);
+    EXPECT_EQ(rounds.last(99'999), 61'200);
+    EXPECT_NEAR(rounds.average(99'999), 100, 0.1);
 }
 
 TEST(Setup, runsInTheBackgroundOnce) {
