@@ -204,8 +204,8 @@ private:
     int32_t bodyLength() const { return body_.length(); }
     template <class Use>
     void forEachReply(Use&& use) const;
-    template <class Sink>
-    void writeHeaderBlock(Sink& sink, uint32_t now, const SoString& senderID) const;
+    size_t roomForHeaders() const;
+    char* writeHeaders(char* place) const;
 
     SoString target_;
     SoString sender_;

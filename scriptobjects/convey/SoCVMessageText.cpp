@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "limits/Limits.h"
+#include "platform/Processes.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVMessageGlobals.h"
 #include "scriptobjects/convey/SoCVUtils.h"
@@ -49,26 +50,23 @@ constexpr std::array<std::string_view, 15> kReserved = {
     CV_RESPONSE_REQUEST, CV_TIMESTAMP, CV_CONTENT_LENGTH, CV_SERIAL_NUMBER, CV_RECEIVED,
     CV_RESULT,           CV_ERROR,     CV_ERROR_CODE,     CV_VERSION,       CV_LIFE};
 
+constexpr std::array<bool, 256> kReservedBeginnings = [] {
+    std::array<bool, 256> beginnings{};
+    for (const std::string_view name : kReserved) {
+        beginnings[static_cast<unsigned char>(name.front())] = true;
+    }
+    return beginnings;
+}();
+
 bool isReserved(std::string_view name) {
-    return std::find(kReserved.begin(), kReserved.end(), name) != kReserved.end();
+    return !name.empty() && kReservedBeginnings[static_cast<unsigned char>(name.front())] &&
+           std::find(kReserved.begin(), kReserved.end(), name) != kReserved.end();
 }
 
 // Formats that came before the escape.
 bool isOldFormat(std::string_view version) {
     return version.empty() || version == kOldestVersion || version == "2.0";
 }
-
-// The decimal digits of a number, on the stack.
-class Digits {
-public:
-    template <class Number>
-    explicit Digits(Number number) : end_(std::to_chars(text_, text_ + sizeof text_, number).ptr) {}
-    std::string_view view() const { return {text_, static_cast<size_t>(end_ - text_)}; }
-
-private:
-    char text_[std::numeric_limits<int64_t>::digits10 + 2];
-    const char* end_;
-};
 
 // The digits of a life of a process, and the life that digits stand for: 0 for what is none.
 class LifeDigits {
@@ -95,36 +93,45 @@ private:
     char text_[kCount];
 };
 
-// Two sinks for the same lines: the first tells how much room the second needs, so that a text is
-// written in one piece.
-class Counter {
-public:
-    void add(std::string_view text) { bytes_ += text.size(); }
-    size_t bytes() const { return bytes_; }
-
-private:
-    size_t bytes_ = 0;
-};
-
+// Writes a text where there is room for it: nothing is counted first.
 class Writer {
 public:
     explicit Writer(char* place) : place_(place) {}
+    char* end() const { return place_; }
+
     void add(std::string_view text) {
         std::memcpy(place_, text.data(), text.size());
         place_ += text.size();
     }
+    void add(char c) { *place_++ = c; }
+    // In decimal digits.
+    template <class Number>
+    void addNumber(Number number) {
+        place_ = std::to_chars(place_, place_ + kDigits, number).ptr;
+    }
+    void addLine(std::string_view name, std::string_view value) {
+        add(name);
+        add(':');
+        add(value);
+        add('\n');
+    }
+    template <class Number>
+    void addLine(std::string_view name, Number number) {
+        add(name);
+        add(':');
+        addNumber(number);
+        add('\n');
+    }
+
+    static constexpr size_t kDigits = std::numeric_limits<int64_t>::digits10 + 2;
 
 private:
     char* place_;
 };
 
-template <class Sink>
-void addLine(Sink& sink, std::string_view name, std::string_view value) {
-    sink.add(name);
-    sink.add(":");
-    sink.add(value);
-    sink.add("\n");
-}
+// More than the lines of the format have without their texts and the headers: the longest name,
+// a number, and what sets them apart, for each.
+constexpr size_t kLinesRoom = kReserved.size() * (2 * Writer::kDigits + 4);
 
 // The next `mark`, or the end of the text, when it is near. Names and values are a few bytes long,
 // as a rule: a search that is made for long texts takes more time to begin than this to end.
@@ -178,81 +185,88 @@ void Convey::Message::forEachReply(Use&& use) const {
     }
 }
 
-// All lines from the version to the empty line; the digest covers them and the body.
-template <class Sink>
-void Convey::Message::writeHeaderBlock(Sink& sink, uint32_t now, const SoString& senderID) const {
-    addLine(sink, CV_VERSION, version_.view());
-    addLine(sink, CV_TARGET, target_.view());
-    addLine(sink, CV_SENDER, sender_.view());
-    addLine(sink, CV_SENDER_ID, senderID.view());
+// Room for all lines from the version to the empty line; they need no more.
+size_t Convey::Message::roomForHeaders() const {
+    size_t room = kLinesRoom;
+    for (const SoString* text : {&version_, &target_, &sender_, &type_, &responseRequest_}) {
+        room += text->view().size();
+    }
+    for (const Header* header = headers_; header != nullptr; header = header->next) {
+        room += kEscape.size() + header->name.view().size() + header->value.view().size() + 2;
+    }
+    return room;
+}
+
+// Writes these lines, which the digest covers with the body, and returns their end.
+char* Convey::Message::writeHeaders(char* place) const {
+    Writer writer(place);
+    writer.addLine(CV_VERSION, version_.view());
+    writer.addLine(CV_TARGET, target_.view());
+    writer.addLine(CV_SENDER, sender_.view());
+    writer.add(CV_SENDER_ID);
+    writer.add(':');
+    writer.add(ConveyUtils::kSenderIDPrefix);
+    writer.addNumber(platform::Processes::system().ownNumber());
+    writer.add('\n');
     if (timeout_ != 0) {
         // Signed, as below 0 is for ever; readers take it modulo 2^32.
-        addLine(sink, CV_TIMEOUT, Digits(static_cast<int32_t>(timeout_)).view());
+        writer.addLine(CV_TIMEOUT, static_cast<int32_t>(timeout_));
     }
     if (!type_.isEmpty()) {
-        addLine(sink, CV_TYPE, type_.view());
+        writer.addLine(CV_TYPE, type_.view());
     }
     if (!responseRequest_.isEmpty()) {
-        addLine(sink, CV_RESPONSE_REQUEST, responseRequest_.view());
+        writer.addLine(CV_RESPONSE_REQUEST, responseRequest_.view());
     }
     if (askersLife_ != 0) {
-        addLine(sink, CV_LIFE, LifeDigits(askersLife_).view());
+        writer.addLine(CV_LIFE, LifeDigits(askersLife_).view());
     }
     // Readers of the old formats would not take the escape off.
     const bool oldFormat = hasOldFormat();
     for (const Header* header = headers_; header != nullptr; header = header->next) {
         if (!oldFormat && isReserved(header->name.view())) {
-            sink.add(kEscape);
+            writer.add(kEscape);
         }
-        addLine(sink, header->name.view(), header->value.view());
+        writer.addLine(header->name.view(), header->value.view());
     }
     // The time of writing, behind a blank: readers of all versions skip it.
-    sink.add(CV_TIMESTAMP);
-    sink.add(": ");
-    sink.add(Digits(now).view());
-    sink.add("\n");
-    addLine(sink, CV_SERIAL_NUMBER, Digits(serialNumber_).view());
-    forEachReply(
-        [&sink](const char* name, uint32_t number) { addLine(sink, name, Digits(number).view()); });
-    addLine(sink, CV_CONTENT_LENGTH, Digits(bodyLength()).view());
-    sink.add("\n");
+    writer.add(CV_TIMESTAMP);
+    writer.add(": ");
+    writer.addNumber(ConveyUtils::getTimeSeconds());
+    writer.add('\n');
+    writer.addLine(CV_SERIAL_NUMBER, serialNumber_);
+    forEachReply([&writer](const char* name, uint32_t number) { writer.addLine(name, number); });
+    writer.addLine(CV_CONTENT_LENGTH, bodyLength());
+    writer.add('\n');
+    return writer.end();
 }
 
 bool Convey::Message::writeToString(SoString& out) const {
     if (target_.isEmpty() || sender_.isEmpty()) {
         return false;
     }
-    // Once for both passes: what is written must have the length that was counted.
-    const uint32_t now = ConveyUtils::getTimeSeconds();
-    const SoString senderID = ConveyUtils::getSenderID();
-    Counter counter;
-    writeHeaderBlock(counter, now, senderID);
-
-    // The digest stands in front of what it covers, so the block must be there before it is
-    // written.
+    // Beside `out`: what they need is known when they are written, and the digest, which stands in
+    // front of what it covers, after that.
     char stackBlock[kStackBlockBytes];
     SoString heapBlock;
-    char* const block = counter.bytes() <= sizeof stackBlock
-                            ? stackBlock
-                            : heapBlock.extend(static_cast<int32_t>(counter.bytes()));
-    Writer blockWriter(block);
-    writeHeaderBlock(blockWriter, now, senderID);
-    const std::string_view header(block, counter.bytes());
-
-    const bool withDigest = getCreateDigest();
-    const SoString digest = withDigest ? ConveyUtils::getMD5({header, body_.view()}) : SoString();
-    Counter line;
-    if (withDigest) {
-        addLine(line, CV_MD5, digest.view());
+    const size_t room = roomForHeaders();
+    char* const block =
+        room <= sizeof stackBlock ? stackBlock : heapBlock.extend(static_cast<int32_t>(room));
+    const std::string_view header(block, static_cast<size_t>(writeHeaders(block) - block));
+    const std::string_view body = body_.view();
+    SoString digest;
+    size_t digestBytes = 0;
+    if (getCreateDigest()) {
+        digest = ConveyUtils::getMD5({header, body});
+        digestBytes = std::string_view(CV_MD5).size() + digest.view().size() + 2;
     }
     // Behind what `out` holds already: a text may have several messages.
-    Writer writer(
-        out.extend(static_cast<int32_t>(line.bytes() + header.size() + body_.view().size())));
-    if (withDigest) {
-        addLine(writer, CV_MD5, digest.view());
+    Writer writer(out.extend(static_cast<int32_t>(digestBytes + header.size() + body.size())));
+    if (digestBytes != 0) {
+        writer.addLine(CV_MD5, digest.view());
     }
     writer.add(header);
-    writer.add(body_.view());
+    writer.add(body);
     return true;
 }
 

@@ -159,12 +159,9 @@ void exit() {
 }
 
 SoString getSenderID() {
-    // Peers on every system write these words in front of their number.
-    char text[32] = "localhost:mac";
-    char* const digits = text + std::char_traits<char>::length(text);
-    const auto end =
-        std::to_chars(digits, text + sizeof text, platform::Processes::system().ownNumber());
-    return SoString(text, static_cast<int32_t>(end.ptr - text));
+    SoString text(kSenderIDPrefix);
+    text << platform::Processes::system().ownNumber();
+    return text;
 }
 
 SoString getUserID() {

@@ -25,6 +25,7 @@ SO_EXPORT SoString getCurrentLocale();
 
 // How this process signs the messages that it sends: "localhost:mac" and its process id.
 SO_EXPORT SoString getSenderID();
+inline constexpr std::string_view kSenderIDPrefix = "localhost:mac";
 
 // The user's identifier: 16 random bytes, made when it is first asked for and kept in the file
 // ".ovrel/userid" of the home folder; the same in all processes of the user. Empty without a home
