@@ -134,6 +134,9 @@ void Link::takeEvents() {
             break;
         case Wire::EventKind::absent:
             if (Peer* const peer = knownPeer(event.link)) {
+                if (peer->isUsed && !peer->here && !std::exchange(peer->absenceTold, true)) {
+                    around_.log(peer->name + " is away: no responders");
+                }
                 leave(*peer, "no responders");
                 notRunning(*peer);
             }
@@ -167,8 +170,7 @@ void Link::connected(const std::string& server) {
     connected_ = true;
     server_ = server;
     statusChanged_ = true;
-    Peer& own = peer(configuration_.name);
-    (void)publish(own, frame(FrameKind::claim, nullptr)); // lost: two are found at the next claim
+    claimAt_ = 0;
     const int64_t now = around_.now();
     if (!joined_) {
         joinAt_ = now + kClaimMilliseconds;
@@ -293,6 +295,7 @@ bool Link::meet(Peer& peer, const Frame& frame) {
     peer.heardAt = around_.now();
     if (!peer.here && greets) {
         peer.here = true;
+        peer.absenceTold = true; // from now on each change is
         statusChanged_ = true;
         around_.log(peer.name + " is here");
         peer.channel.sendAgain();
@@ -396,6 +399,9 @@ void Link::setState(Used& used, AppState state, const std::string& why) {
             around_.log(used.use.app + " at " + used.use.at + ": " + word(state) + why);
         }
     }
+    if (state == AppState::running) {
+        used.launchEnd = 0;
+    }
     openPorts(used);
 }
 
@@ -437,7 +443,12 @@ int64_t Link::regularly() {
                     server_);
         regularAt_ = 0;
     }
-    int64_t due = regularAt_;
+    if (connected_ && claimAt_ <= now) {
+        // One may be lost: so it is said again, and two that meet later are found as well.
+        (void)publish(peer(configuration_.name), frame(FrameKind::claim, nullptr));
+        claimAt_ = now + (joined_ ? bounds::kHelloMilliseconds : kClaimMilliseconds / 3);
+    }
+    int64_t due = std::min(regularAt_, connected_ ? claimAt_ : INT64_MAX);
     if (lookForNames_ && lookedAt_ + kLookMilliseconds <= now) {
         lookForOffered();
         tellOfEndedTargets();
@@ -507,8 +518,10 @@ std::string Link::status() const {
     using Json = nlohmann::json;
     Json json = {{"realm", configuration_.realm},
                  {"name", configuration_.name},
-                 {"connected", connected_},
+                 {"connected", connected_ && joined_},
                  {"server", server_},
+                 {"requests_here", owed_.size()},
+                 {"requests_elsewhere", conversations_.size()},
                  {"links", Json::array()},
                  {"uses", Json::array()},
                  {"offers", Json::array()}};

@@ -140,6 +140,7 @@ private:
     std::string server_;
     int64_t joinAt_ = INT64_MAX; // when nobody has the name
     bool joined_ = false;
+    int64_t claimAt_ = 0;
     bool statusChanged_ = true;
     int64_t regularAt_ = 0;
     bool lookForNames_ = true;

@@ -98,7 +98,9 @@ void Link::requestTaken(Used& used, Text& message) {
         return;
     }
     if (message.get(kType) == ConveyData::CV_TYPE_LAUNCH_PARAMETERS) {
-        launch(used, std::string(message.body().substr(0, bounds::kPartBytes / 2)));
+        if (used.launchAt != INT64_MAX) { // a launcher leaves them in more than one place
+            launch(used, std::string(message.body().substr(0, bounds::kPartBytes / 2)));
+        }
         return;
     }
     const bool reply = isReply(message);

@@ -48,7 +48,8 @@ struct Link::Peer {
     const std::string name;
     Channel channel;
     bool here = false;
-    bool isUsed = false; // by this link
+    bool isUsed = false;      // by this link
+    bool absenceTold = false; // of one that was never there
     int64_t heardAt = 0;
     int64_t greetAt = 0;
     std::vector<std::string> wanted; // the applications that it asks about

@@ -252,7 +252,11 @@ private:
         if (text != nullptr && *text != '\0') {
             what.append(": ").append(text);
         }
-        static_cast<NatsWire*>(self)->push({EventKind::noted, {}, what});
+        // The link listens and speaks as itself only: who may not is somebody else to the servers.
+        const bool isRefused =
+            status == NATS_NOT_PERMITTED || what.find("ermissions Violation") != std::string::npos;
+        static_cast<NatsWire*>(self)->push(
+            {isRefused ? EventKind::refused : EventKind::noted, {}, what});
     }
 
     const std::function<void()> wake_;

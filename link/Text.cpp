@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstring>
 
 #include "link/Bounds.h"
 #include "platform/Processes.h"
@@ -125,10 +124,7 @@ std::string Text::write() const {
 }
 
 void normalise(std::string& text) {
-    // Most texts have none, and memchr is as fast as memory.
-    if (std::memchr(text.data(), '\0', text.size()) != nullptr) {
-        std::replace(text.begin(), text.end(), '\0', '\n');
-    }
+    std::replace(text.begin(), text.end(), '\0', '\n');
 }
 
 int64_t numberOf(std::string_view value) {

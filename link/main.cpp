@@ -30,9 +30,11 @@ using ScObjects::SoString;
 
 constexpr const char* kProgram = "convey-link";
 constexpr const char* kOwnSpecifier = "conveylink-2.0";
+constexpr const char* kOwnThread = "conveylink-2.0#thread";
 constexpr const char* kAskersSpecifier = "conveylinkstatus-2.0";
 constexpr const char* kStatusKey = "LINK";
 constexpr int32_t kStatusSeconds = 3;
+constexpr int64_t kStubMilliseconds = 3000;
 
 enum Exit { kDone = 0, kNo = 1, kUsage = 2, kBadFile = 3, kNameTaken = 4, kRefused = 5, kInUse = 6 };
 
@@ -42,7 +44,8 @@ int64_t now() {
 
 void say(const std::string& line) {
     // One write a line, so that those of several threads do not mix.
-    const std::string whole = std::string(kProgram) + ": " + line + "\n";
+    std::string whole = kProgram;
+    whole.append(": ").append(line).append("\n");
     (void)std::fwrite(whole.data(), 1, whole.size(), stderr);
 }
 
@@ -55,6 +58,7 @@ bool isOwned(const std::string& name) {
 
 // Where the paths of used applications lie: of this user alone, and gone with the session.
 std::string placesFolder() {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing here changes the environment
     const char* const set = std::getenv("XDG_RUNTIME_DIR");
     const std::string users = "/run/user/" + std::to_string(getuid());
     if (set != nullptr && *set == '/') {
@@ -138,7 +142,7 @@ int launchInItsPlace(const std::string& app) {
     message.set(kType, app);
     if (platform::MessagePorts::system().send(
             std::string(ScObjects::BaseInterAppStream::kPortNamePrefix) + Link::kControlPort,
-            message.write(), kStatusSeconds * 1000) != platform::SendResult::delivered) {
+            message.write(), kStubMilliseconds) != platform::SendResult::delivered) {
         say(app + " cannot be launched: no link runs");
         return kNo;
     }
@@ -177,11 +181,12 @@ int run(const std::string& file) {
     std::vector<std::string> faults;
     if (!readConfiguration(file, configuration, faults)) {
         for (const std::string& fault : faults) {
-            say(file + ": " + fault);
+            std::string line = file;
+            say(line.append(": ").append(fault));
         }
         return kBadFile;
     }
-    if (isOwned(std::string(kOwnSpecifier) + "#thread")) {
+    if (isOwned(kOwnThread)) {
         say("another link of this user runs");
         return kInUse;
     }
@@ -258,9 +263,7 @@ int run(const std::string& file) {
     std::_Exit(result);
 }
 
-} // namespace
-
-int main(int argc, char** argv) {
+int start(int argc, char** argv) {
     if (argc > 2 && std::string(argv[1]) == DatabaseRegistrations::kInPlace) {
         return launchInItsPlace(argv[2]);
     }
@@ -290,4 +293,15 @@ int main(int argc, char** argv) {
         return kUsage;
     }
     return run(file);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return start(argc, argv);
+    } catch (const std::exception& error) { // without the memory to say it nicely
+        say(error.what());
+        return kInUse;
+    }
 }

@@ -1,0 +1,234 @@
+// Two machines of one realm: a runtime folder, a home and a database each, joined by a server.
+#include <csignal>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <sys/stat.h>
+
+#include "tests/e2e/Scene.h"
+
+namespace {
+
+using Environment = std::map<std::string, std::string>;
+
+class LinkTest : public Scene {
+protected:
+    struct Machine {
+        std::string name;
+        Environment environment;
+        std::unique_ptr<RunningProcess> link;
+    };
+
+    LinkTest() {
+        startServer();
+        for (Machine* machine : {&desk, &workshop}) {
+            const std::string own = folder.file(machine->name);
+            std::filesystem::create_directories(own);
+            chmod(own.c_str(), 0700);
+            machine->environment = {{"XDG_RUNTIME_DIR", own},
+                                    {"HOME", own},
+                                    {"OVREL_CAPS_DB", own + "/caps.db"},
+                                    {"DISPLAY", ""}};
+            EXPECT_EQ(run(*machine, {OVREL_CAPS_TOOL, "init"}).exitStatus, 0);
+        }
+        write(desk, "[[use]]\napp = \"lumen-2.5-en_us\"\nat = \"workshop\"\n");
+        write(workshop, "[[offer]]\napp = \"lumen-*\"\nto = [\"desk\"]\nlaunch = true\n");
+    }
+
+    void startServer() {
+        const std::string ports = folder.file("ports");
+        std::filesystem::create_directories(ports);
+        server = std::make_unique<RunningProcess>(
+            std::vector<std::string>{NATS_SERVER, "-a", "127.0.0.1", "-p", port, "--ports_file_dir",
+                                     ports, "-l", folder.file("server.log")});
+        EXPECT_TRUE(eventually([&] {
+            for (const auto& file : std::filesystem::directory_iterator(ports)) {
+                const auto json = nlohmann::json::parse(TemporaryFolder::read(file.path().string()),
+                                                        nullptr, false);
+                if (json.is_object() && json.contains("nats") &&
+                    file.path().string().find(std::to_string(server->pid())) != std::string::npos) {
+                    const std::string url = json["nats"][0];
+                    port = url.substr(url.rfind(':') + 1); // the same after a restart
+                    return true;
+                }
+            }
+            return false;
+        })) << "the server has not said where it listens";
+    }
+
+    void write(const Machine& machine, const std::string& more) const {
+        (void)folder.write(machine.name + ".toml", "realm = \"studio\"\nname = \"" + machine.name +
+                                                       "\"\nservers = [\"nats://127.0.0.1:" + port +
+                                                       "\"]\n" + more);
+    }
+
+    static ProcessResult run(const Machine& machine, const std::vector<std::string>& arguments) {
+        return runProcess(arguments, machine.environment);
+    }
+
+    void join(Machine& machine) {
+        machine.link = std::make_unique<RunningProcess>(
+            std::vector<std::string>{LINK, folder.file(machine.name + ".toml")},
+            machine.environment);
+    }
+
+    std::unique_ptr<RunningProcess> lumen() const {
+        return host("lumen-2.5-en_us", {"--quiet"}, workshop.environment);
+    }
+
+    // What the desk is told of lumen when it asks for it.
+    std::string answer() const {
+        const std::string said =
+            run(desk, {KIVRA_CONVEY_CMD, "check_running", "lumen-2.5-en_us"}).out;
+        const size_t begin = said.find("running_response='");
+        return begin == std::string::npos
+                   ? said
+                   : said.substr(begin + 18, said.find('\'', begin + 18) - begin - 18);
+    }
+    bool comesToAnswer(const std::string& wanted) const {
+        return eventually([&] { return answer() == wanted; });
+    }
+
+    std::vector<std::string> ask(const std::string& body) const {
+        return {CONVEY_PROGRAM, "send", "lumen-2.5-en_us", "--body", body, "--wait", "25"};
+    }
+
+    std::string port = "-1";
+    std::unique_ptr<RunningProcess> server;
+    Machine desk{"desk", {}, nullptr};
+    Machine workshop{"workshop", {}, nullptr};
+};
+
+TEST_F(LinkTest, usesAnApplicationOfAnotherMachineLikeOneOfItsOwn) {
+    join(desk);
+    join(workshop);
+    ASSERT_TRUE(comesToAnswer("ISNOTRUNNING"));
+    const auto target = lumen();
+    ASSERT_TRUE(comesToAnswer("ECHO_RESPONSE"));
+    const std::string listing = run(desk, {KIVRA_CONVEY_CMD}).out;
+    EXPECT_NE(listing.find("specifier='lumen-2.5-en_us' path='" + folder.file("desk") +
+                           "/convey-link/workshop/lumen-2.5-en_us'"),
+              std::string::npos)
+        << listing;
+    EXPECT_EQ(run(desk, ask("hello")).out, "sent\nreceived\nresult: echo: hello\nprocessed\n");
+    EXPECT_EQ(run(desk, ask("fail")).out, "sent\nreceived\nerror: failed as asked\n");
+    EXPECT_EQ(run(desk, {CONVEY_PROGRAM, "ping", "lumen"}).exitStatus, 0);
+    EXPECT_NE(run(desk, {CONVEY_PROGRAM, "diagnose", "lumen"})
+                  .out.find("Process = " + std::to_string(target->pid())),
+              std::string::npos);
+    const auto status =
+        nlohmann::json::parse(run(desk, {LINK, "status", "--json"}).out, nullptr, false);
+    EXPECT_EQ(status["uses"][0]["state"], "runs") << status;
+    // It answers no more than the process there does.
+    target->signal(SIGSTOP);
+    EXPECT_EQ(answer(), "Timeout");
+    target->signal(SIGCONT);
+    ASSERT_TRUE(comesToAnswer("ECHO_RESPONSE"));
+    desk.link->signal(SIGTERM);
+    EXPECT_EQ(desk.link->finish(), 0);
+    EXPECT_EQ(run(desk, {KIVRA_CONVEY_CMD}).out, "<products>\n</products>\n");
+}
+
+TEST_F(LinkTest, tellsAskersOfEachEndThatComesInBetween) {
+    join(desk);
+    join(workshop);
+    auto target = lumen();
+    ASSERT_TRUE(comesToAnswer("ECHO_RESPONSE"));
+    // A request that lies with the target, which has stopped.
+    const auto asked = [&](const std::string& body) {
+        target->signal(SIGSTOP);
+        auto asker = std::make_unique<RunningProcess>(ask(body), desk.environment);
+        EXPECT_EQ(asker->readLine(), "sent");
+        EXPECT_TRUE(eventually([&] {
+            const auto status = nlohmann::json::parse(run(workshop, {LINK, "status", "--json"}).out,
+                                                      nullptr, false);
+            return status.is_object() && status.value("requests_here", 0) == 1;
+        })) << body;
+        return asker;
+    };
+    auto asker = asked("the target dies");
+    target->signal(SIGKILL);
+    EXPECT_EQ(asker->readLine(), "error: ERROR: TARGET HAS ENDED");
+    target = lumen();
+    ASSERT_TRUE(comesToAnswer("ECHO_RESPONSE"));
+
+    asker = asked("the link there dies");
+    workshop.link->signal(SIGKILL);
+    (void)workshop.link->finish();
+    join(workshop);
+    EXPECT_EQ(asker->readLine(), "error: ERROR: TARGET HAS ENDED");
+    target->signal(SIGCONT);
+    ASSERT_TRUE(comesToAnswer("ECHO_RESPONSE"));
+
+    asker = asked("the server dies");
+    server->signal(SIGKILL);
+    (void)server->finish();
+    target->signal(SIGCONT);
+    EXPECT_EQ(answer(), "Timeout");
+    startServer();
+    EXPECT_EQ(asker->readLine(), "received");
+    EXPECT_EQ(asker->readLine(), "result: echo: the server dies");
+    ASSERT_TRUE(comesToAnswer("ECHO_RESPONSE"));
+
+    asker = asked("the link here dies");
+    desk.link->signal(SIGKILL);
+    (void)desk.link->finish();
+    EXPECT_EQ(asker->readLine(), "error: ERROR: TARGET HAS ENDED");
+    EXPECT_EQ(answer(), "ISNOTRUNNING");
+    join(desk);
+    target->signal(SIGCONT);
+    ASSERT_TRUE(comesToAnswer("ECHO_RESPONSE"));
+    EXPECT_EQ(run(desk, ask("again")).out, "sent\nreceived\nresult: echo: again\nprocessed\n");
+}
+
+TEST_F(LinkTest, launchesWhatIsOfferedForThatAndNothingElse) {
+    const std::string program = folder.write(
+        "program", std::string("#!/bin/sh\nexec stdbuf -oL " HOST " lumen-2.5-en_us > ") +
+                       folder.file("launched") + "\n");
+    chmod(program.c_str(), 0755);
+    for (const char* app : {"lumen-2.5-en_us", "kivra-7.0"}) {
+        ASSERT_EQ(run(workshop, {OVREL_CAPS_TOOL, "add-app", app, "--path", program}).exitStatus,
+                  0);
+    }
+    write(desk, "[[use]]\napp = \"lumen-2.5-en_us\"\nat = \"workshop\"\n"
+                "[[use]]\napp = \"kivra-7.0\"\nat = \"workshop\"\n");
+    join(desk);
+    join(workshop);
+    const auto isKnown = [&] {
+        const std::string status = run(desk, {LINK, "status"}).out;
+        return status.find("lumen-2.5-en_us at workshop does not run") != std::string::npos &&
+               status.find("kivra-7.0 at workshop not offered") != std::string::npos;
+    };
+    ASSERT_TRUE(eventually(isKnown));
+    EXPECT_EQ(run(desk, ask("nobody")).exitStatus, 1);
+    (void)run(desk, {CONVEY_PROGRAM, "launch", "--wait", "1", "lumen-2.5-en_us", "-open", "a.png"});
+    EXPECT_TRUE(eventually([&] {
+        return TemporaryFolder::read(folder.file("launched"))
+                   .find(
+                       "launched with: -specifier lumen-2.5-en_us -nostartupscreen -open a.png") !=
+               std::string::npos;
+    })) << TemporaryFolder::read(folder.file("launched"));
+    ASSERT_TRUE(comesToAnswer("ECHO_RESPONSE"));
+    EXPECT_EQ(run(desk, {CONVEY_PROGRAM, "ping", "kivra-7.0"}).exitStatus, 1);
+    const auto launched = nlohmann::json::parse(
+        run(workshop, {CONVEY_PROGRAM, "ports", "--json"}).out, nullptr, false);
+    for (const auto& one : launched["ports"]) {
+        if (one.value("name", "") == "lumen-2.5-en_us") {
+            kill(one.value("process", 0), SIGKILL); // it is no child of this test's
+        }
+    }
+}
+
+TEST_F(LinkTest, refusesANameThatIsUsedTwice) {
+    join(workshop);
+    ASSERT_TRUE(eventually([&] {
+        return run(workshop, {LINK, "status"}).out.starts_with("studio/workshop at ");
+    }));
+    Machine second{"second", desk.environment, nullptr};
+    (void)folder.write("second.toml", TemporaryFolder::read(folder.file("workshop.toml")));
+    const ProcessResult refused = run(second, {LINK, folder.file("second.toml")});
+    EXPECT_EQ(refused.exitStatus, 4) << refused.err;
+    EXPECT_EQ(run(workshop, {LINK, folder.file("workshop.toml")}).exitStatus, 6);
+    EXPECT_EQ(run(workshop, {LINK, "status"}).exitStatus, 0) << "the first one goes on";
+}
+
+} // namespace
