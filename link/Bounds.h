@@ -52,6 +52,8 @@ inline constexpr int64_t kAcknowledgeMilliseconds = 20;
 // somebody would use; doubled each time.
 inline constexpr int64_t kRepeatMilliseconds = 500;
 inline constexpr int64_t kSlowRepeatMilliseconds = 5000;
+// That is left of a message's time: what its text can say, and sums of it do not overflow.
+inline constexpr int64_t kTimeMilliseconds = int64_t{INT32_MAX} * 1000;
 // For messages without a time-out of their own; what the layer gives those of its own.
 inline constexpr int64_t kMessageMilliseconds = 600'000;
 inline constexpr int64_t kLaunchMilliseconds = 60'000;

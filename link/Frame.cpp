@@ -90,7 +90,8 @@ public:
         head.pingNumber = number<uint64_t>();
         head.source = portName();
         head.target = portName();
-        good_ = good_ && head.remainingMilliseconds >= -1;
+        good_ = good_ && head.remainingMilliseconds >= -1 &&
+                head.remainingMilliseconds <= bounds::kTimeMilliseconds;
         return head;
     }
     void require(bool holds) { good_ = good_ && holds; }

@@ -98,6 +98,12 @@ TEST(FrameTest, refusesWhatNoLinkWouldSay) {
         Frame out;
         EXPECT_FALSE(decode(encode(frame), out)) << name;
     }
+    for (const int64_t time : {int64_t{-2}, INT64_MAX}) {
+        Frame frame = part(5, 0, "hello");
+        frame.part.head->remainingMilliseconds = time;
+        Frame out;
+        EXPECT_FALSE(decode(encode(frame), out)) << time;
+    }
     Frame counted;
     counted.kind = FrameKind::hello;
     counted.senderLife = 1;
