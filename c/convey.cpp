@@ -188,7 +188,7 @@ public:
 
     void add(std::string_view text) {
         put(text.substr(0, text.find('\0'))); // none has one; what comes behind relies on it
-        put(std::string_view("", 1));
+        put(std::string_view(&kEnd, 1));
     }
     void add(int64_t number) {
         char digits[24];
@@ -220,6 +220,8 @@ private:
         }
         length_ += text.size();
     }
+
+    static constexpr char kEnd = '\0';
 
     char* const buffer_;
     const size_t size_;
