@@ -15,12 +15,26 @@ install(TARGETS convey EXPORT ConveyTargets
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/convey ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES c/include/convey.h caps/include/ovrel_caps.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 
+set(CONVEY_LINKED_PROGRAMS KivraConveyCmd convey)
+set(CONVEY_COMPLETIONS tools/convey/completion/convey caps/tool/completion/ovrel-caps)
+if(CONVEY_LINK)
+    install(TARGETS convey-link
+        RUNTIME DESTINATION ${CONVEY_PROGRAM_INSTALL_DIR} COMPONENT tools)
+    list(APPEND CONVEY_LINKED_PROGRAMS convey-link)
+    list(APPEND CONVEY_COMPLETIONS link/completion/convey-link)
+    configure_file(link/convey-link.service.in convey-link.service @ONLY)
+    install(FILES ${PROJECT_BINARY_DIR}/convey-link.service
+        DESTINATION lib/systemd/user COMPONENT tools)
+    install(DIRECTORY examples/link/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/convey-link/examples
+        COMPONENT tools)
+endif()
+
 file(RELATIVE_PATH CONVEY_LINK_FOLDER
     ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR}/convey)
 install(CODE "
     set(folder \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}\")
     file(MAKE_DIRECTORY \"\$ENV{DESTDIR}\${folder}\")
-    foreach(program KivraConveyCmd convey)
+    foreach(program ${CONVEY_LINKED_PROGRAMS})
         message(STATUS \"Installing: \$ENV{DESTDIR}\${folder}/\${program}\")
         file(CREATE_LINK \"${CONVEY_LINK_FOLDER}/\${program}\"
             \"\$ENV{DESTDIR}\${folder}/\${program}\" SYMBOLIC)
@@ -28,7 +42,7 @@ install(CODE "
     endforeach()
 " COMPONENT tools)
 
-foreach(completion tools/convey/completion/convey caps/tool/completion/ovrel-caps)
+foreach(completion ${CONVEY_COMPLETIONS})
     cmake_path(GET completion FILENAME program)
     cmake_path(GET completion PARENT_PATH folder)
     install(FILES ${completion}.bash RENAME ${program}
