@@ -408,9 +408,16 @@ void Link::setState(Used& used, AppState state, const std::string& why) {
 // The ports are owned while the application may be reached there: without an owner the layer itself
 // says that it does not run, and launches it by its path.
 void Link::openPorts(Used& used) {
+    // Who waits for an answer is watching the port, too: the answer of an application that ends with
+    // it may still be on the way, and is followed by the news when there is none.
+    const bool isAwaited =
+        used.requests.port != nullptr &&
+        std::any_of(conversations_.begin(), conversations_.end(), [&used](const auto& entry) {
+            return entry.second.asked.target == used.use.app;
+        });
     const bool wanted = used.registered && !used.local &&
                         (used.state == AppState::running || used.state == AppState::away ||
-                         around_.now() < used.launchEnd);
+                         isAwaited || around_.now() < used.launchEnd);
     if (!wanted) {
         used.requests.port.reset();
         used.pings.port.reset();
@@ -472,7 +479,8 @@ int64_t Link::regularly() {
     if (regularAt_ > now) {
         return due;
     }
-    const bool anyWaits = !outgoing_.empty() || !owed_.empty() || !askedPings_.empty();
+    const bool anyWaits = !outgoing_.empty() || !owed_.empty() || !askedPings_.empty() ||
+                          !conversations_.empty();
     regularAt_ = now + (anyWaits ? 1000 : bounds::kHelloMilliseconds);
     for (const auto& [name, peer] : peers_) {
         if (peer->here && peer->heardAt + bounds::kSilentMilliseconds <= now) {
