@@ -26,7 +26,6 @@ namespace {
 using caps::Status;
 using caps::Store;
 
-constexpr const char* kGoalRatio = "3";
 constexpr const char* kShell = "/usr/bin/sqlite3";
 constexpr const char* kSameRows =
     "SELECT name, key, value FROM subdomain JOIN domain_data ON subdomain = id WHERE domain = 1 "
@@ -149,10 +148,14 @@ double compare(const TemporaryFolder& folder, int count, bool withProducts, int 
     const double bareWall = median(bare, &Times::wallMilliseconds);
     const double unflushedWall = median(unflushed, &Times::wallMilliseconds);
     const double shellWall = median(shell, &Times::wallMilliseconds);
-    std::printf("| %d%s | %.2f ms | %.2f ms | %.2f | %.2f ms | %.2f | %.2f ms | %.2f | %.2f ms |\n",
-                count, withProducts ? " with products" : "", toolWall, bareWall,
-                toolWall / bareWall, unflushedWall, toolWall / unflushedWall, shellWall,
-                hasShell ? toolWall / shellWall : 0, median(tool, &Times::cpuMilliseconds));
+    // Of a few it is the start of the process that counts, of many each application.
+    const char* const goal = count <= 10 ? "<= 1.3" : count >= 10'000 ? "<= 1.8" : "";
+    std::printf(
+        "| %d%s | %.2f ms | %.2f ms | %.2f | %s | %.2f ms | %.2f | %.2f ms | %.2f | %.2f ms "
+        "|\n",
+        count, withProducts ? " with products" : "", toolWall, bareWall, toolWall / bareWall, goal,
+        unflushedWall, toolWall / unflushedWall, shellWall, hasShell ? toolWall / shellWall : 0,
+        median(tool, &Times::cpuMilliseconds));
     std::fflush(stdout);
     return toolWall;
 }
@@ -225,11 +228,11 @@ int main(int argc, char** argv) {
         }
         setenv("LC_ALL", "en_US.UTF-8", 1);
         const TemporaryFolder folder;
-        std::printf("Medians of %d whole processes each, in turn; the goal is a ratio of %s.\n\n",
-                    rounds, kGoalRatio);
-        std::printf(
-            "| applications | tool | bare | ratio | bare, unflushed | ratio | sqlite3 shell, "
-            "the same rows | ratio | tool cpu |\n|---|---|---|---|---|---|---|---|---|\n");
+        std::printf("Medians of %d whole processes each, in turn.\n\n", rounds);
+        std::printf("| applications | tool | bare | ratio | goal | bare, unflushed | ratio | "
+                    "sqlite3 shell, "
+                    "the same rows | ratio (goal < 1) | tool cpu |\n"
+                    "|---|---|---|---|---|---|---|---|---|---|\n");
         compare(folder, 10, false, rounds);
         const double thousand = compare(folder, 1'000, false, rounds);
         const double tenThousand = compare(folder, 10'000, false, rounds);
