@@ -1,9 +1,11 @@
 #include "scriptobjects/convey/SoCVInstance.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <functional>
 #include <map>
 #include <mutex>
+#include <new>
 
 #include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVDiagnosticsRows.h"
@@ -264,7 +266,10 @@ struct Blocks {
 };
 
 Blocks& blocks() {
-    static auto* const all = new Blocks; // instances may end later than static objects
+    // Never destroyed, since instances may end later than static objects; and in a place of its own,
+    // since a destructor may be the first to ask, which must not need memory.
+    alignas(Blocks) static std::byte place[sizeof(Blocks)];
+    static auto* const all = new (place) Blocks;
     return *all;
 }
 
