@@ -35,8 +35,10 @@ public:
     // later would otherwise be lost on one of the two.
     void raise() override {
         const std::lock_guard<std::mutex> guard(mutex_);
-        if (!std::exchange(raised_, true)) {
-            (void)eventfd_write(event_.get(), 1); // cannot be full: it is 0 or 1
+        if (!raised_) {
+            // Cannot be full: it is 0 or 1. What fails all the same is tried once more, since
+            // nobody else wakes the loop for what has come, and by the next raise.
+            raised_ = tell() || tell();
         }
     }
 
@@ -51,6 +53,8 @@ public:
     }
 
 private:
+    bool tell() const { return eventfd_write(event_.get(), 1) == 0; }
+
     // A child after fork must not take the parent's messages away by reading them as seen.
     const PortDescriptor event_;
     std::mutex mutex_;
