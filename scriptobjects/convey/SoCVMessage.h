@@ -156,7 +156,7 @@ public:
         Reader(const Reader&) = delete;
         Reader& operator=(const Reader&) = delete;
 
-        // Reads on for about `bytes` (above 0); a line or a body may be longer. True when `message`
+        // Reads on for about `bytes` (above 0), a NUL byte as a line feed. True when `message`
         // holds the next message of the text; else it is to be given again, unread.
         bool read(Message& message, size_t bytes);
         // True when there is nothing left to read.

@@ -13,6 +13,7 @@
 #include "scriptobjects/convey/SoCVMessageGlobals.h"
 #include "scriptobjects/convey/SoCVUtils.h"
 #include "scriptobjects/core/SoNumber.h"
+#include "scriptobjects/core/SoTerminators.h"
 
 namespace ScObjects {
 namespace {
@@ -272,14 +273,29 @@ bool Convey::Message::writeToString(SoString& out) const {
 
 // How far a text has been read, and what the lines at its front say of those behind them.
 struct Convey::Message::ReadState {
-    enum class Part : uint8_t { headers, digest, gap };
+    enum class Part : uint8_t { headers, digest, gap, body };
 
     const char* position = nullptr; // of the line that is being read
+    const char* end = nullptr;      // of the text; null for the first zero byte
+    SoString* owner = nullptr;      // of the text, which may be used up; null for none
+    size_t cleaned = 0;             // as far as `cleanOn` was
     Part part = Part::headers;
     const char* searched = nullptr; // as far as this line was; null at its beginning
     const char* nameEnd = nullptr;  // of this line, when it is known
     char* copy = nullptr;           // where the rest of a value goes that takes several steps
     std::string_view uncopied;
+
+    // The owner's bytes, to be written to.
+    char* ownBytes() const { return owner->extend(0) - owner->length(); }
+
+    // True when no NUL byte is left in the text.
+    bool cleanOn(size_t bytes) {
+        const auto length = static_cast<size_t>(owner->length());
+        const size_t now = std::min(bytes, length - cleaned);
+        replaceTerminators(ownBytes() + cleaned, now);
+        cleaned += now;
+        return cleaned == length;
+    }
 
     // A value that is too large for one step has its room at once, and its bytes in steps.
     void assign(SoString& field, std::string_view value) {
@@ -301,8 +317,18 @@ struct Convey::Message::ReadState {
         return uncopied.empty();
     }
 
+    // The same for a body that goes to the front of its own buffer.
+    bool moveOn(size_t bytes) {
+        const size_t now = std::min(bytes, bodyLength - moved);
+        std::memmove(ownBytes() + moved, body + moved, now);
+        moved += now;
+        return moved == bodyLength;
+    }
+
     const char* body = nullptr; // from the digest on
     size_t bodyLength = 0;
+    bool takesOver = false; // the body gets the text's buffer
+    size_t moved = 0;
     std::unique_ptr<ConveyUtils::MD5> digest; // of what lies before `digestPosition`
     const char* digestPosition = nullptr;
     bool newFormat = true;
@@ -472,7 +498,7 @@ void Convey::Message::beginReading() {
     digestState_ = CV_DIGEST_NOT_CHECKED;
 }
 
-// Reads on for about so many bytes; true at the end of the message, whose body is to be taken then.
+// Reads on for about so many bytes; true at the end of the message.
 bool Convey::Message::readOnLocked(ReadState& state, size_t bytes) {
     if (state.part == ReadState::Part::headers) {
         if (!readHeadersLocked(state, bytes)) {
@@ -482,10 +508,13 @@ bool Convey::Message::readOnLocked(ReadState& state, size_t bytes) {
         const size_t announced = std::min(contentLength_, kMaximumBodyBytes);
         // memchr looks no further than its first hit, and the text ends with a zero byte: it stays
         // within the text.
-        const void* const end = std::memchr(state.position, '\0', announced);
+        const void* const end =
+            state.end != nullptr ? state.end : std::memchr(state.position, '\0', announced);
         state.bodyLength =
-            end == nullptr ? announced
-                           : static_cast<size_t>(static_cast<const char*>(end) - state.position);
+            end == nullptr
+                ? announced
+                : std::min(announced,
+                           static_cast<size_t>(static_cast<const char*>(end) - state.position));
         state.body = state.position;
         state.position += state.bodyLength;
         state.part = ReadState::Part::digest;
@@ -497,32 +526,38 @@ bool Convey::Message::readOnLocked(ReadState& state, size_t bytes) {
         }
         state.part = ReadState::Part::gap;
     }
-    for (size_t skipped = 0; *state.position == '\n'; ++state.position, ++skipped) {
-        if (skipped == bytes) {
-            return false;
+    if (state.part == ReadState::Part::gap) {
+        for (size_t skipped = 0; *state.position == '\n'; ++state.position, ++skipped) {
+            if (skipped == bytes) {
+                return false;
+            }
         }
+        // Only as the last message: what follows would go with the buffer.
+        state.takesOver = state.owner != nullptr && state.bodyLength >= kMovedBodyBytes &&
+                          state.position == state.owner->c_str() + state.owner->length();
+        if (!state.takesOver) {
+            state.assign(body_, {state.body, state.bodyLength});
+        }
+        state.part = ReadState::Part::body;
     }
-    return true;
+    return state.takesOver ? state.moveOn(bytes) : state.uncopied.empty() || state.copyOn(bytes);
 }
 
-// `owner`, null for none, is the string that the text lies in and that may be used up: null then.
+// Where the next message begins; null when the owner of the text was used up.
 const char* Convey::Message::takeBodyLocked(const ReadState& state, SoString* owner) {
-    // Only as the last message: what follows would go with the buffer.
-    if (owner != nullptr && state.bodyLength >= kMovedBodyBytes &&
-        state.position == owner->c_str() + owner->length()) {
-        owner->cut(static_cast<int32_t>(state.body - owner->c_str()),
-                   static_cast<int32_t>(state.bodyLength));
-        body_ = std::move(*owner);
-        return nullptr;
+    if (!state.takesOver) {
+        return state.position;
     }
-    body_.assign(state.body, static_cast<int32_t>(state.bodyLength));
-    return state.position;
+    owner->shrink(static_cast<int32_t>(state.bodyLength));
+    body_ = std::move(*owner);
+    return nullptr;
 }
 
 const char* Convey::Message::readLocked(const char* text, SoString* owner) {
     ReadState state;
     state.position = text;
     beginReading();
+    state.owner = owner;
     (void)readOnLocked(state, SIZE_MAX);
     return takeBodyLocked(state, owner);
 }
@@ -557,9 +592,13 @@ bool Convey::Message::Reader::read(Message& message, size_t bytes) {
     if (state_ == nullptr) {
         state_ = std::make_unique<ReadState>();
         state_->position = text_.c_str() + position_;
+        // Behind the first message it has been looked through.
+        state_->cleaned = position_ == 0 ? 0 : static_cast<size_t>(text_.length());
+        state_->end = text_.c_str() + text_.length();
+        state_->owner = &text_;
         message.beginReading();
     }
-    if (!message.readOnLocked(*state_, bytes)) {
+    if (!state_->cleanOn(bytes) || !message.readOnLocked(*state_, bytes)) {
         return false;
     }
     const char* const next = message.takeBodyLocked(*state_, &text_);

@@ -1,11 +1,10 @@
 #include "scriptobjects/stream/MacInterAppStream.h"
 
-#include <algorithm>
-#include <cstring>
 #include <new>
 #include <string>
 
 #include "platform/MessagePort.h"
+#include "scriptobjects/core/SoTerminators.h"
 
 namespace ScObjects {
 namespace {
@@ -35,14 +34,6 @@ MacInterAppStream::DataRef::DataRef(platform::PortText& data) : process(data.pro
     const size_t length = data.size();
     if (length == 0) {
         return;
-    }
-    // A sender's terminator would end the text for whoever reads it as one of C, and hide what
-    // follows. As a line feed between two messages it is passed over.
-    char* const end = data.data() + length;
-    if (auto* at = static_cast<char*>(std::memchr(data.data(), '\0', length))) {
-        for (; at != end; ++at) { // written always: the compiler takes many at once
-            *at = *at == '\0' ? '\n' : *at;
-        }
     }
     // Not copied: the port's block has the room and the whole steps that a string's buffer has.
     // When memory runs out it is still the port's.
@@ -158,6 +149,8 @@ bool MacInterAppStream::receive() {
     if (data == nullptr || data->text.isEmpty()) {
         return false;
     }
+    const auto length = static_cast<size_t>(data->text.length());
+    replaceTerminators(data->text.extend(0) - length, length);
     appendPending(std::move(data->text));
     return true;
 }

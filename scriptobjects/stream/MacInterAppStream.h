@@ -33,7 +33,7 @@ public:
     // A text that was drawn from the port: owned by the stream until it is received.
     class SO_EXPORT DataRef : public SoHeap {
     public:
-        // Takes over what the port received, every NUL byte of it turned into a line feed.
+        // Takes over what the port received, as it was sent.
         explicit DataRef(platform::PortText& data);
         ~DataRef() override;
 
@@ -69,8 +69,8 @@ public:
     // wait. One thread at a time should wait, since any of them may take the text.
     bool waitForMessage(int32_t timeoutMilliseconds, bool soon) const;
 
-    // Takes the text that arrived first, as `receive` does, with the number of the process that
-    // sent it (0 where the system does not say). False when none has been drawn.
+    // Takes the text that arrived first, its NUL bytes still in it, with the number of the process
+    // that sent it (0 where the system does not say). False when none has been drawn.
     [[nodiscard]] bool take(SoString& text, int32_t& process);
     // True when large texts were read in part only, so that nothing else waits for their end: there
     // is more of them already.

@@ -302,6 +302,34 @@ TEST_F(MessageTest, isReadInStepsAsAtOnceAndNoStepTakesAll) {
         EXPECT_TRUE(reader.isAtEnd());
         EXPECT_GT(steps, text.size() / (step + 65'536));
     }
+
+    // Each of these has two ways through all of it: the search for zero bytes is one.
+    const std::string head = "Target:t\nSender:s\n";
+    const std::string large = head + "Content-Length:500000\n\n" + std::string(500'000, 'b');
+    const struct {
+        const char* why;
+        std::string text;
+    } cases[] = {{"zero bytes become line feeds, which are passed over",
+                  head + "\n" + std::string(500'000, '\0') + head + "x:after\n\n"},
+                 {"a body that takes the text's buffer over", large},
+                 {"a body that another message follows", large + "\n" + head + "x:after\n\n"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.why);
+        std::string clean = c.text;
+        std::replace(clean.begin(), clean.end(), '\0', '\n');
+        Message::Reader reader{SoString(c.text.data(), static_cast<int32_t>(c.text.size()))};
+        size_t steps = 0;
+        for (const char* next = clean.c_str(); *next != '\0';) {
+            Message expected;
+            next = expected.readFromString(next);
+            Message message;
+            for (++steps; !reader.read(message, 1000); ++steps) {
+            }
+            EXPECT_TRUE(dump(message) == dump(expected));
+        }
+        EXPECT_TRUE(reader.isAtEnd());
+        EXPECT_GE(steps, 2 * 500U);
+    }
 }
 
 TEST_F(MessageTest, digestTellsAChangedByte) {
