@@ -266,8 +266,8 @@ struct Blocks {
 };
 
 Blocks& blocks() {
-    // Never destroyed, since instances may end later than static objects; and in a place of its own,
-    // since a destructor may be the first to ask, which must not need memory.
+    // Never destroyed, since instances may end later than static objects; and in a place of its
+    // own, since a destructor may be the first to ask, which must not need memory.
     alignas(Blocks) static std::byte place[sizeof(Blocks)];
     static auto* const all = new (place) Blocks;
     return *all;

@@ -4,6 +4,7 @@
 #include <array>
 #include <charconv>
 #include <limits>
+#include <utility>
 
 #include "scriptobjects/convey/SoCVMessageGlobals.h"
 #include "scriptobjects/convey/SoCVUtils.h"
@@ -41,7 +42,9 @@ Convey::Header::Header(std::string_view headerName, std::string_view headerValue
 Convey::Message::Message()
     : type_(CV_TYPE_PLAIN), timestamp_(ConveyUtils::getTimeSeconds()), version_(kTextVersion) {}
 
-Convey::Message::Message(const Message& other)
+Convey::Message::Message(const Message& other) : Message(other, SoString(other.body_)) {}
+
+Convey::Message::Message(const Message& other, SoString&& body)
     : target_(other.target_),
       sender_(other.sender_),
       timeout_(other.timeout_),
@@ -55,7 +58,7 @@ Convey::Message::Message(const Message& other)
       error_(other.error_),
       askersLife_(other.askersLife_),
       isReply_(other.isReply_),
-      body_(other.body_),
+      body_(std::move(body)),
       version_(other.version_),
       digestState_(other.digestState_) {
     // Of the copy, which nobody else knows yet: the helper asks for it.

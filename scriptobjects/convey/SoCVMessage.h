@@ -47,6 +47,8 @@ public:
     // A copy of all fields. The headers come in the reverse order, since each is added in front. An
     // empty type becomes "Tessaly".
     Message(const Message& other);
+    // The same with another body.
+    Message(const Message& other, SoString&& body);
     Message& operator=(const Message&) = delete;
     ~Message() override;
 
@@ -66,6 +68,8 @@ public:
     const SoString& getBody() const { return body_; }
     void setBody(const SoString& body) { body_ = body; }
     void setBody(SoString&& body) noexcept { body_ = static_cast<SoString&&>(body); }
+    // Takes it out, uncopied: the message has none then.
+    SoString takeBody() noexcept { return static_cast<SoString&&>(body_); }
     // The version of the text form: "2.05" unless a text of another version was read.
     SoString getVersion() const { return version_; }
     void setVersion(const SoString& version) { version_ = version; }

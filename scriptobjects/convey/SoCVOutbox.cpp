@@ -283,7 +283,9 @@ Outbox::Attempt Outbox::nextOf(Turn& turn, Carrier carrier) {
             return;
         }
         next.request = begin_ ? AwaitedRequest::of(message, 0) : std::nullopt;
-        if (next.large || logged) {
+        if (next.large) {
+            copy = std::make_unique<Message>(message, SoString()); // its body follows
+        } else if (logged) {
             copy = std::make_unique<Message>(message);
         }
         // A target that takes nothing would have the same text written for each attempt.
@@ -294,8 +296,14 @@ Outbox::Attempt Outbox::nextOf(Turn& turn, Carrier carrier) {
             next.written = message.writeToString(next.text);
         }
     });
+    // What takes long is not done under the queue's lock, which others wait for.
     if (next.found && next.large && copy != nullptr) {
-        next.written = copy->writeToString(next.text); // it takes long: not under the queue's lock
+        SoString body;
+        if (!queue_.copyBody(turn.target(), next.position, body)) {
+            return nextOf(turn, carrier); // it has gone meanwhile: the one behind it
+        }
+        copy->setBody(std::move(body));
+        next.written = copy->writeToString(next.text);
     }
     if (logged) {
         next.event = std::move(copy);

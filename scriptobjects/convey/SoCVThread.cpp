@@ -558,12 +558,12 @@ Delivery ConveyThread::post(std::unique_ptr<Message> message) {
     return delivery;
 }
 
-bool ConveyThread::sendResponse(const Message& request, const SoString& value) {
+bool ConveyThread::sendResponse(Message& request, const SoString& value) {
     auto answer = std::make_unique<Message>();
     answer->setTarget(request.getSender());
     answer->setSender(getSpecifier());
     answer->setType(CV_PING);
-    answer->setBody(request.getBody());
+    answer->setBody(request.takeBody()); // not copied: it may be as large as a text
     answer->setHeader(CV_ECHO_REQUEST, value.c_str());
     // Which of the asker's questions this answers: it may have asked before and given up.
     answer->setHeader(ConveyData::CV_PING_NUMBER,

@@ -114,10 +114,10 @@ public:
     SoString ping(const SoString& target, const SoString& key, int32_t timeoutSeconds,
                   const SoString* parameters) const;
 
-    // Answers a ping with a value; the request's body goes back with it. Nobody waits: what the
-    // asker does not take at once is kept for as long as it waits itself. False when it is gone or
-    // nothing more is kept.
-    bool sendResponse(const Convey::Message& request, const SoString& value);
+    // Answers a ping with a value; the request's body goes back with it, and leaves the request.
+    // Nobody waits: what the asker does not take at once is kept for as long as it waits itself.
+    // False when it is gone or nothing more is kept.
+    bool sendResponse(Convey::Message& request, const SoString& value);
     // The same for any message, until its time-out.
     ConveyData::Delivery post(std::unique_ptr<Convey::Message> message);
 
