@@ -53,6 +53,11 @@ constexpr int kQuietRounds = 2;
 
 constexpr std::string_view kThreadSuffix = "#thread"; // ConveyData::CV_SUFFIX_THREAD with its mark
 
+// By which keys expire, whoever sets the time of day.
+uint32_t getSteadySeconds() {
+    return static_cast<uint32_t>(ConveyUtils::getSteadyMilliseconds() / 1000);
+}
+
 double now() {
     return static_cast<double>(platform::Clock::system().monotonicMilliseconds());
 }
@@ -195,14 +200,14 @@ bool ConveyThread::setTimeout(const SoString& key, int32_t seconds) {
     const ObjectLock guard(*this);
     PingData* const data = findLocked(key);
     if (data != nullptr) {
-        data->expiry = ConveyUtils::getTimeSeconds() + static_cast<uint32_t>(seconds);
-        noteDue(ConveyUtils::toSteadyMilliseconds(data->expiry));
+        data->expiry = getSteadySeconds() + static_cast<uint32_t>(seconds);
+        noteDue(int64_t{data->expiry} * 1000);
     }
     return data != nullptr;
 }
 
 void ConveyThread::removeExpiredPingData() {
-    const uint32_t seconds = ConveyUtils::getTimeSeconds();
+    const uint32_t seconds = getSteadySeconds();
     std::vector<PingData> expired; // deleted when the lock has been given up
     const ObjectLock guard(*this);
     // From the end, so that taking one out moves none that is still to be looked at.
@@ -315,7 +320,7 @@ int64_t ConveyThread::nextLook() const {
         const ObjectLock guard(*this);
         for (const PingData& data : table_) {
             if (data.expiry != 0) {
-                next = std::min(next, ConveyUtils::toSteadyMilliseconds(data.expiry));
+                next = std::min(next, int64_t{data.expiry} * 1000);
             }
         }
     }
@@ -589,9 +594,10 @@ void ConveyThread::appendEntry(CVDiagnosticsRows& rows, const PingData& data, ui
     const std::string name = "/" + std::string(data.key.view());
     rows.node(name, data.key.view(), data.value);
     if (data.expiry != 0) {
-        rows.leaf(name + "/timeout", "Timeout", "in ",
-                  data.expiry > seconds ? data.expiry - seconds : 0, " secs at ",
-                  ConveyUtils::getTimeString(&data.expiry));
+        const uint32_t left = data.expiry > seconds ? data.expiry - seconds : 0;
+        const uint32_t date = ConveyUtils::getTimeSeconds() + left; // as a clock shows it then
+        rows.leaf(name + "/timeout", "Timeout", "in ", left, " secs at ",
+                  ConveyUtils::getTimeString(&date));
     } else {
         rows.undefined(name + "/timeout", "Timeout");
     }
@@ -605,7 +611,7 @@ void ConveyThread::appendEntry(CVDiagnosticsRows& rows, const PingData& data, ui
 void ConveyThread::appendDiagnostics(SoString& out, const SoString& path) const {
     SoString root = path;
     root << "/thread";
-    const uint32_t seconds = ConveyUtils::getTimeSeconds();
+    const uint32_t seconds = getSteadySeconds();
     const ObjectLock guard(*this);
     CVDiagnosticsRows rows(out, root);
     rows.node("", "Thread", specifier_);

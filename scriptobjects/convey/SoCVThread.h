@@ -76,7 +76,7 @@ public:
         SoString key;
         SoString value;
         std::shared_ptr<Convey::MsgHandler> handler;
-        uint32_t expiry = 0; // seconds since 1970, 0 for never
+        uint32_t expiry = 0; // in steady seconds, 0 for never
     };
 
     ConveyThread(ConveyContext* context, const SoString& appSpecifier);

@@ -405,6 +405,21 @@ TEST_F(EngineTest, theTableAnswersPings) {
     EXPECT_TRUE(thread->setTimeout("short", -1));
     thread->removeExpiredPingData();
     EXPECT_EQ(thread->locateKey("short"), -1);
+    {
+        static platform::FakeClock clock; // the background thread may be in it at the end
+        clock.utc = 1'000'000'000;
+        const platform::ScopedReplacement<platform::Clock> inForce(clock);
+        EXPECT_TRUE(thread->setKeyValuePair("minute", "x"));
+        EXPECT_TRUE(thread->setTimeout("minute", 60));
+        for (const int64_t step : {3'600'000, -7'200'000}) {
+            clock.utc += step; // who sets the clock lets no time pass
+            thread->removeExpiredPingData();
+            EXPECT_NE(thread->locateKey("minute"), -1) << step;
+        }
+        clock.pass(60'000);
+        thread->removeExpiredPingData();
+        EXPECT_EQ(thread->locateKey("minute"), -1);
+    }
     SoString longest(std::string(limits::of("thread.key"), 'v').c_str());
     int64_t large = 0;
     while (thread->setKeyValuePair(("l" + std::to_string(large)).c_str(), longest)) {
