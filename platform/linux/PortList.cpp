@@ -37,6 +37,15 @@ struct Fill {
 using SocketFile = std::pair<std::string, uint64_t>;
 using Fills = std::map<SocketFile, Fill>;
 
+// What the kernel says of all sockets of this machine.
+struct Sockets {
+    Fills fills;
+    // Connections that no owner has accepted have no number, and are not told of; their peers are:
+    // by the numbers of these, where they wait.
+    std::map<uint32_t, SocketFile> unaccepted;
+    std::map<uint32_t, uint32_t> unread; // what each peer has sent, as memory, which is more
+};
+
 // The record behind one of `length` bytes in a block of which `left` bytes are left.
 template <class Record>
 const Record* recordBehind(const Record* record, size_t length, unsigned& left) {
@@ -48,11 +57,12 @@ const Record* recordBehind(const Record* record, size_t length, unsigned& left) 
 }
 
 // Adds what the kernel says of one socket.
-void addSocket(const nlmsghdr* header, Fills& fills) {
+void addSocket(const nlmsghdr* header, Sockets& sockets) {
     const auto* const message = static_cast<const unix_diag_msg*>(NLMSG_DATA(header));
     std::string path;
     unix_diag_rqlen queue{};
     unix_diag_vfs file{};
+    std::vector<uint32_t> peers;
     auto left = static_cast<unsigned>(header->nlmsg_len - NLMSG_LENGTH(sizeof *message));
     for (const auto* attribute = reinterpret_cast<const rtattr*>(message + 1);
          RTA_OK(attribute, left); attribute = recordBehind(attribute, attribute->rta_len, left)) {
@@ -64,21 +74,33 @@ void addSocket(const nlmsghdr* header, Fills& fills) {
             std::memcpy(&queue, data, sizeof queue);
         } else if (attribute->rta_type == UNIX_DIAG_VFS && RTA_PAYLOAD(attribute) >= sizeof file) {
             std::memcpy(&file, data, sizeof file);
+        } else if (attribute->rta_type == UNIX_DIAG_ICONS) {
+            peers.resize(RTA_PAYLOAD(attribute) / sizeof(uint32_t));
+            std::memcpy(peers.data(), data, peers.size() * sizeof(uint32_t));
         }
+    }
+    if (message->udiag_state == TCP_ESTABLISHED && queue.udiag_wqueue != 0) {
+        sockets.unread[message->udiag_ino] = queue.udiag_wqueue;
     }
     if (!path.empty()) {
         // Connections have the path of the socket that accepted them; what waits at that one itself
         // is connections, not bytes.
-        Fill& fill = fills[{path.substr(path.rfind('/') + 1), file.udiag_vfs_ino}];
+        const SocketFile own(path.substr(path.rfind('/') + 1), file.udiag_vfs_ino);
+        Fill& fill = sockets.fills[own];
         if (message->udiag_state == TCP_ESTABLISHED) {
             ++fill.connections;
             fill.bytes += queue.udiag_rqueue;
+        } else {
+            fill.connections += static_cast<int64_t>(peers.size());
+            for (const uint32_t peer : peers) {
+                sockets.unaccepted.emplace(peer, own);
+            }
         }
     }
 }
 
 // All sockets of this machine that have a path; false when the kernel does not say.
-bool readFills(Fills& fills) {
+bool readSockets(Sockets& sockets) {
     const Descriptor socket(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
     struct {
         nlmsghdr header;
@@ -89,7 +111,8 @@ bool readFills(Fills& fills) {
     request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
     request.body.sdiag_family = AF_UNIX;
     request.body.udiag_states = ~0U;
-    request.body.udiag_show = UDIAG_SHOW_NAME | UDIAG_SHOW_RQLEN | UDIAG_SHOW_VFS;
+    request.body.udiag_show =
+        UDIAG_SHOW_NAME | UDIAG_SHOW_RQLEN | UDIAG_SHOW_VFS | UDIAG_SHOW_ICONS;
     if (!socket || send(socket.get(), &request, sizeof request, 0) < 0) {
         return false;
     }
@@ -111,7 +134,7 @@ bool readFills(Fills& fills) {
             if (header->nlmsg_type == NLMSG_ERROR) {
                 return false;
             }
-            addSocket(header, fills);
+            addSocket(header, sockets);
         }
     }
 }
@@ -206,8 +229,13 @@ std::vector<PortDescription> listPorts() {
     // The lock does not tell its owner: one that belongs to the open file has no process. Whoever
     // has the file open is taken for it.
     const std::map<std::string, uint32_t> owners = openFilesBelow(realPath(folder));
-    Fills fills;
-    const bool known = readFills(fills);
+    Sockets sockets;
+    const bool known = readSockets(sockets);
+    Fills& fills = sockets.fills;
+    for (const auto& [peer, file] : sockets.unaccepted) {
+        const auto unread = sockets.unread.find(peer);
+        fills[file].bytes += unread == sockets.unread.end() ? 0 : unread->second;
+    }
     for (const std::string& file : fileNames(folder)) {
         PortDescription port;
         port.name = portNameOf(file);

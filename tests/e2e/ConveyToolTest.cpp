@@ -340,6 +340,13 @@ TEST_F(HangingTest, followsWhoTakesNothing) {
     running["halted-1.0"]->signal(SIGSTOP);
     send("giver-1.0", "flood halted-1.0");
     checkEach({"halted-1.0", "giver-1.0"});
+    // From outside, too: of connections that it has not accepted, either.
+    const Json ports = json({"ports"})["ports"];
+    const auto port = std::find_if(ports.begin(), ports.end(),
+                                   [](const Json& one) { return one["name"] == "halted-1.0"; });
+    ASSERT_NE(port, ports.end()) << ports;
+    EXPECT_GE(port->value("connections", 0), 1) << ports;
+    EXPECT_GE(port->value("waitingBytes", 0), 60'000) << ports;
     checkAllAtOnce({"halted-1.0", "giver-1.0"});
 }
 
