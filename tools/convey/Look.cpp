@@ -161,28 +161,34 @@ Subject look(const std::string& target, int32_t timeoutSeconds, bool whole) {
                   {{"specifier", target}});
 }
 
-Subjects lookAtAll(const std::vector<std::string>& targets, int32_t timeoutSeconds) {
-    Subjects found;
-    std::mutex mutex; // of `found`
+void allAtOnce(size_t count, const std::function<void(size_t)>& work) {
     std::atomic<size_t> next{0};
-    const auto work = [&] {
-        for (size_t i = 0; (i = next.fetch_add(1)) < targets.size() && !Session::isEnding();) {
-            try {
-                Subject subject = look(targets[i], timeoutSeconds, false);
-                const std::lock_guard<std::mutex> guard(mutex);
-                found.emplace(targets[i], std::move(subject));
-            } catch (const Failure&) { // who asks for its verdict is told then
-            }
+    const auto share = [&] {
+        for (size_t i = 0; (i = next.fetch_add(1)) < count && !Session::isEnding();) {
+            work(i);
         }
     };
     std::vector<std::future<void>> workers;
-    while (workers.size() + 1 < std::min(targets.size(), kLooksAtOnce)) {
-        workers.push_back(std::async(std::launch::async, work));
+    while (workers.size() + 1 < std::min(count, kLooksAtOnce)) {
+        workers.push_back(std::async(std::launch::async, share));
     }
-    work();
+    share();
     for (auto& worker : workers) {
         worker.get();
     }
+}
+
+Subjects lookAtAll(const std::vector<std::string>& targets, int32_t timeoutSeconds) {
+    Subjects found;
+    std::mutex mutex; // of `found`
+    allAtOnce(targets.size(), [&](size_t i) {
+        try {
+            Subject subject = look(targets[i], timeoutSeconds, false);
+            const std::lock_guard<std::mutex> guard(mutex);
+            found.emplace(targets[i], std::move(subject));
+        } catch (const Failure&) { // who asks for its verdict is told then
+        }
+    });
     return found;
 }
 

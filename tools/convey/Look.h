@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -14,6 +15,10 @@ namespace convey_tool {
 // Asks the system and, unless it is stopped, the application itself. `whole`: long texts are not
 // cut. Throws Failure for what does not run and has left nothing.
 Subject look(const std::string& target, int32_t timeoutSeconds, bool whole);
+
+// Calls `work` for each number below `count`, on threads of its own, so that those that wait long
+// wait together; returns when all is done. `work` may be called for several at the same time.
+void allAtOnce(size_t count, const std::function<void(size_t)>& work);
 
 using Subjects = std::map<std::string, Subject>;
 // Looks at many at once, so that those that do not answer cost one time-out together; without those

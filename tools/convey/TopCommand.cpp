@@ -10,11 +10,14 @@
 #include <map>
 #include <mutex>
 #include <ostream>
+#include <poll.h>
 #include <sstream>
 #include <thread>
+#include <unistd.h>
 
 #include "tools/convey/Asking.h"
 #include "tools/convey/Commands.h"
+#include "tools/convey/Look.h"
 #include "tools/convey/Model.h"
 #include "tools/convey/Session.h"
 #include "tools/convey/Tree.h"
@@ -40,6 +43,7 @@ struct Line {
     uint32_t process = 0;
     std::string program;
     std::string state;
+    bool isHealthy = false;
     int64_t in = -1; // messages that wait; -1: not known, as below
     int64_t out = -1;
     double inPerSecond = -1;
@@ -70,17 +74,27 @@ int64_t sumOf(const Node& node, const std::string& label) {
 
 class Watch {
 public:
-    // One look at every application; those that do not answer cost a second each.
+    // One look at every application, all at once: those that do not answer cost a second together.
     std::vector<Line> look(const std::string& own) {
-        std::vector<Line> lines;
+        struct One {
+            std::string name;
+            uint32_t process;
+            History* history; // stays where it is
+        };
+        std::vector<One> all;
         const std::map<std::string, uint32_t> owners = portOwners();
         for (int32_t i = 0; i < Convey::getNumberOfRegisteredApplications(); ++i) {
             const std::string name = toStd(Convey::getApplicationSpecifier(i));
             const auto owner = owners.find(name + "#thread");
-            if (owner != owners.end() && name != own && !Session::isEnding()) {
-                lines.push_back(lookAtOne(name, owner->second));
+            if (owner != owners.end() && name != own) {
+                all.push_back({name, owner->second, &histories_[name]});
             }
         }
+        std::vector<Line> lines(all.size());
+        allAtOnce(all.size(), [&](size_t i) {
+            lines[i] = lookAtOne(all[i].name, all[i].process, *all[i].history);
+        });
+        std::erase_if(lines, [](const Line& line) { return line.process == 0; }); // it ends
         return lines;
     }
 
@@ -94,14 +108,13 @@ private:
         return rate;
     }
 
-    Line lookAtOne(const std::string& name, uint32_t process) {
+    static Line lookAtOne(const std::string& name, uint32_t process, History& history) {
         Line line;
         line.specifier = name;
         line.process = process;
         const ProcessFacts facts = lookAt(process);
         line.program = facts.program.substr(facts.program.rfind('/') + 1);
         line.memoryBytes = facts.memoryBytes;
-        History& history = histories_[name];
         const auto now = steady_clock::now();
         const double passed = std::chrono::duration<double>(now - history.at).count();
         // Less than before is another process under the same name.
@@ -138,26 +151,31 @@ private:
         line.inPerSecond = perSecond(history.received, sumOf(root, "Messages in"), passed);
         line.outPerSecond = perSecond(history.sent, sumOf(root, "Messages out"), passed);
         // Of its own: whom it waits for has a line, too.
-        line.state = judge(name, [&](const std::string& other) {
-                         Subject subject;
-                         subject.process = process;
-                         subject.state = facts.state;
-                         subject.rows = other == name ? rows : "";
-                         return subject;
-                     }).word;
+        const Verdict verdict = judge(name, [&](const std::string& other) {
+            Subject subject;
+            subject.process = process;
+            subject.state = facts.state;
+            subject.rows = other == name ? rows : "";
+            return subject;
+        });
+        line.state = verdict.word;
+        line.isHealthy = verdict.isHealthy;
         return line;
     }
 
     std::map<std::string, History> histories_;
 };
 
-std::string number(double value, int digits) {
+// With fewer decimals where the column has no room for them.
+std::string number(double value, int decimals, int room = 0) {
     if (value < 0) {
         return "-";
     }
     std::ostringstream text;
-    text << std::fixed << std::setprecision(digits) << value;
-    return text.str();
+    text << std::fixed << std::setprecision(decimals) << value;
+    return room != 0 && decimals != 0 && text.str().size() > static_cast<size_t>(room)
+               ? number(value, decimals - 1, room)
+               : text.str();
 }
 
 void sortBy(std::vector<Line>& lines, char key) {
@@ -181,39 +199,53 @@ struct Column {
     const char* heading;
     int width; // negative: to the left
 };
-constexpr Column kColumns[] = {{"PROCESS", 8}, {"STATE", -8}, {"IN", 6},   {"OUT", 6}, {"IN/s", 7},
-                               {"OUT/s", 7},   {"ANSWER", 8}, {"CPU%", 6}, {"MB", 6}};
+// With a blank before each they leave 15 of 80 columns to the names: most of these are no longer.
+constexpr Column kColumns[] = {{"PROCESS", 7}, {"STATE", -9}, {"IN", 5},   {"OUT", 5}, {"IN/s", 6},
+                               {"OUT/s", 6},   {"ANSWER", 7}, {"CPU%", 5}, {"MB", 6}};
+constexpr int kWithPrograms = 100; // columns from which there is room for these, too
+constexpr int kProgramWidth = 18;
 
 std::vector<std::string> cells(const Line& line) {
     return {std::to_string(line.process),
             line.state,
             number(static_cast<double>(line.in), 0),
             number(static_cast<double>(line.out), 0),
-            number(line.inPerSecond, 1),
-            number(line.outPerSecond, 1),
-            number(line.milliseconds, 2),
-            number(line.processor, 1),
-            number(static_cast<double>(line.memoryBytes) / (1 << 20), 1)};
+            number(line.inPerSecond, 1, kColumns[4].width),
+            number(line.outPerSecond, 1, kColumns[5].width),
+            number(line.milliseconds, 2, kColumns[6].width),
+            number(line.processor, 1, kColumns[7].width),
+            number(static_cast<double>(line.memoryBytes) / (1 << 20), 1, kColumns[8].width)};
 }
 
+// A "+" stands for what is cut off.
 std::string padded(const std::string& text, int width) {
     const auto room = static_cast<size_t>(std::abs(width));
-    const std::string blanks(room > text.size() ? room - text.size() : 0, ' ');
-    return (width < 0 ? text + blanks : blanks + text).substr(0, room);
+    if (text.size() > room) {
+        return text.substr(0, room - 1) + "+";
+    }
+    const std::string blanks(room - text.size(), ' ');
+    return width < 0 ? text + blanks : blanks + text;
 }
 
-// The terminal while it shows the table; given back with the object.
+// The terminal while it shows the table; given back with the object, or with the process when that
+// ends in another thread. One at a time.
 class Screen {
 public:
-    explicit Screen(bool colour) {
+    // Whether the terminal can show it.
+    static bool isPossible() {
         // NOLINTNEXTLINE(concurrency-mt-unsafe): before others run; else names show as bytes
         (void)std::setlocale(LC_ALL, "");
-        (void)initscr();
+        return isatty(STDIN_FILENO) != 0 && newterm(nullptr, stdout, stdin) != nullptr;
+    }
+
+    // Behind `isPossible`.
+    explicit Screen(bool colour) {
+        (void)std::atexit(giveBack);
         (void)cbreak();
         (void)noecho();
         (void)curs_set(0);
         (void)keypad(stdscr, TRUE);
-        wtimeout(stdscr, kKeyMilliseconds);
+        (void)nodelay(stdscr, TRUE);
         if (colour && has_colors()) {
             (void)start_color();
             (void)use_default_colors();
@@ -221,12 +253,24 @@ public:
             hasColour_ = true;
         }
     }
-    ~Screen() { (void)endwin(); }
+    ~Screen() { giveBack(); }
     Screen(const Screen&) = delete;
     Screen& operator=(const Screen&) = delete;
 
+    // Waits a moment for it; ERR without one. A new size of the terminal is a key, too.
+    static int key() {
+        pollfd keys{STDIN_FILENO, POLLIN, 0};
+        (void)poll(&keys, 1, kKeyMilliseconds);
+        const std::lock_guard<std::mutex> guard(gMutex);
+        return isendwin() ? ERR : getch();
+    }
+
     void draw(const Output& output, const std::vector<Line>& lines,
               const std::string& order) const {
+        const std::lock_guard<std::mutex> guard(gMutex);
+        if (isendwin()) {
+            return;
+        }
         (void)erase();
         const int names = nameWidth();
         std::string heading = padded("APPLICATION", -names);
@@ -235,32 +279,37 @@ public:
         }
         put(0, std::to_string(lines.size()) + " run, by " + order + "; n p m w a sort, q ends",
             A_NORMAL);
-        put(1, heading, A_BOLD);
+        put(1, heading + (COLS < kWithPrograms ? "" : "  PROGRAM"), A_BOLD);
         for (size_t i = 0; i < lines.size(); ++i) {
             std::string row = padded(output.show(lines[i].specifier), -names);
             const std::vector<std::string> values = cells(lines[i]);
             for (size_t k = 0; k < values.size(); ++k) {
                 row += " " + padded(values[k], kColumns[k].width);
             }
-            if (COLS >= 100) {
+            if (COLS >= kWithPrograms) {
                 row += "  " + output.show(lines[i].program);
             }
-            const bool isBad = lines[i].state == "silent" || lines[i].state == "stopped";
-            const chtype look = !isBad       ? A_NORMAL
-                                : hasColour_ ? static_cast<chtype>(COLOR_PAIR(1))
-                                             : A_REVERSE;
+            const chtype look = lines[i].isHealthy ? A_NORMAL
+                                : hasColour_       ? static_cast<chtype>(COLOR_PAIR(1))
+                                                   : A_REVERSE;
             put(static_cast<int>(i) + 2, row, static_cast<int>(look));
         }
         (void)refresh();
     }
 
 private:
+    static void giveBack() {
+        const std::lock_guard<std::mutex> guard(gMutex);
+        if (!isendwin()) {
+            (void)endwin();
+        }
+    }
     static int nameWidth() {
         int used = 0;
         for (const Column& column : kColumns) {
             used += std::abs(column.width) + 1;
         }
-        return std::clamp(COLS - used - (COLS >= 100 ? 18 : 0), 8, 40);
+        return std::clamp(COLS - used - (COLS < kWithPrograms ? 0 : kProgramWidth), 8, 40);
     }
     static void put(int y, const std::string& text, int attributes) {
         if (y < LINES) {
@@ -268,6 +317,7 @@ private:
             (void)mvaddnstr(y, 0, text.c_str(), COLS);
         }
     }
+    static inline std::mutex gMutex; // nothing draws once the terminal is given back
     bool hasColour_ = false;
 };
 
@@ -300,7 +350,7 @@ void show(const Output& output, const TopOptions& options, const std::string& ow
         }
         sortBy(lines, order.front());
         screen.draw(output, lines, order);
-        const int key = getch(); // waits; a new size of the terminal is a key, too
+        const int key = Screen::key();
         if (key == 'q') {
             return;
         }
@@ -319,7 +369,7 @@ std::vector<std::string> topKeys() {
 Exit top(const Output& output, const TopOptions& options) {
     auto session = std::make_unique<Session>();
     requireRegistry();
-    if (output.isTerminal && !output.json) {
+    if (output.isTerminal && !output.json && Screen::isPossible()) {
         show(output, options, session->name());
         (void)session.release(); // the thread that asks uses it to the end of the process
         return kDone;
