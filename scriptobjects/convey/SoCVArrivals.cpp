@@ -1,5 +1,6 @@
 #include "scriptobjects/convey/SoCVArrivals.h"
 
+#include <algorithm>
 #include <new>
 #include <utility>
 
@@ -43,10 +44,20 @@ int64_t costOf(const Message::Reader& text) {
 bool IncomingAccounts::hasRoom(int32_t process) const {
     const std::lock_guard<std::mutex> guard(mutex_);
     const auto own = processes_.find(process);
-    return own == processes_.end() || own->second.messages == 0 ||
-           (own->second.messages < kMaximumShareMessages &&
-            own->second.bytes < kMaximumShareBytes && all_.messages < kMaximumMessages &&
-            all_.bytes < kMaximumBytes);
+    return own == processes_.end() || hasRoomLocked(own->second);
+}
+
+bool IncomingAccounts::hasRoomLocked(const Load& own) const {
+    return own.messages == 0 ||
+           (own.messages < kMaximumShareMessages && own.bytes < kMaximumShareBytes &&
+            all_.messages < kMaximumMessages && all_.bytes < kMaximumBytes);
+}
+
+int32_t IncomingAccounts::withoutRoom() const {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return static_cast<int32_t>(
+        std::count_if(processes_.begin(), processes_.end(),
+                      [this](const auto& one) { return !hasRoomLocked(one.second); }));
 }
 
 IncomingAccounts::Load IncomingAccounts::load() const {

@@ -30,12 +30,15 @@ public:
     // that a neighbour's fill keeps nobody out.
     bool hasRoom(int32_t process) const;
     Load load() const;
+    // Processes from which no more is taken, whichever bound it is that they have reached.
+    int32_t withoutRoom() const;
 
     void charge(int32_t process, int64_t bytes);
     void giveBack(int32_t process, int64_t bytes);
 
 private:
     mutable std::mutex mutex_; // a leaf
+    bool hasRoomLocked(const Load& own) const;
     std::map<int32_t, Load> processes_;
     Load all_;
 };
@@ -67,6 +70,7 @@ public:
     bool isEmpty() const { return bytes_.load() == 0 && held_.load() == 0; }
     // The messages that were received and are still there.
     IncomingAccounts::Load load() const { return accounts_->load(); }
+    int32_t withoutRoom() const { return accounts_->withoutRoom(); }
     // Texts that were dropped because memory ran out.
     uint32_t dropped() const { return dropped_.load(); }
 

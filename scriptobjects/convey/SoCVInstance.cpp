@@ -202,6 +202,9 @@ void PrivateData::appendDiagnostics(SoString& out, const SoString& path) const {
     owed_.appendDiagnostics(rows);
     appendOldest(rows, incoming_, "/oldestin", "Oldest incoming");
     appendOldest(rows, outbox_.messages(), "/oldestout", "Oldest outgoing");
+    rows.leaf("/inbytes", "Incoming bytes",
+              static_cast<uint32_t>(std::min<int64_t>(arrivals_.load().bytes, UINT32_MAX)));
+    rows.leaf("/full", "Senders without room", static_cast<uint32_t>(arrivals_.withoutRoom()));
     traffic_.appendDiagnostics(rows, incoming_.dropped() + outbox_.messages().dropped());
     outbox_.appendDiagnostics(rows);
     appendTypes(rows, conversations_.handledTypes());

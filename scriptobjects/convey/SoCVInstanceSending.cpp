@@ -224,6 +224,8 @@ Delivery PrivateData::deliver(const Message& message, const SoString& text, bool
     // One end for both steps, so that a caller waits no longer for a target with a line than for
     // one without.
     const int64_t end = monotonicNow() + InterAppStream::kSendTimeoutMilliseconds;
+    std::optional<Occupations::Entry> sending(std::in_place, occupations_,
+                                              Occupations::Kind::sending, message);
     // Behind those that wait for the target already: none is overtaken. What may not be queued
     // waits for these, too.
     if (stream != nullptr && (mayLaunch ? outbox_.isFree(target)
@@ -233,6 +235,7 @@ Delivery PrivateData::deliver(const Message& message, const SoString& text, bool
             return Delivery::delivered;
         }
     }
+    sending.reset(); // from here on it is kept, or told to be refused
     if (!mayLaunch) {
         sendError(message, CV_ERROR_NOT_LAUNCHED, CV_CODE_NOT_SENT, waitSeconds);
         return Delivery::refused;

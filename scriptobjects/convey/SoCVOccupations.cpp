@@ -42,8 +42,12 @@ void Occupations::notePump() {
 }
 
 void Occupations::appendLocked(CVDiagnosticsRows& rows, Kind kind, int64_t time) const {
-    const std::string root = kind == Kind::handling ? "/handling" : "/waiting";
-    const char* const label = kind == Kind::handling ? "Handling" : "Waiting for replies";
+    const std::string root = kind == Kind::handling  ? "/handling"
+                             : kind == Kind::waiting ? "/waiting"
+                                                     : "/sending";
+    const char* const label = kind == Kind::handling  ? "Handling"
+                              : kind == Kind::waiting ? "Waiting for replies"
+                                                      : "Sending";
     uint32_t count = 0;
     for (const Entry* entry = newest_; entry != nullptr; entry = entry->next_) {
         count += entry->kind_ == kind ? 1 : 0;
@@ -69,6 +73,7 @@ void Occupations::appendDiagnostics(CVDiagnosticsRows& rows) const {
     const int64_t time = now();
     appendLocked(rows, Kind::handling, time);
     appendLocked(rows, Kind::waiting, time);
+    appendLocked(rows, Kind::sending, time);
     if (pumped_ >= 0) {
         rows.leaf("/pumped", "Last pumped", static_cast<uint32_t>(time - pumped_), "ms ago");
     } else {

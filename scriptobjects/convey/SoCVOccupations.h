@@ -13,12 +13,13 @@ class CVDiagnosticsRows;
 namespace ConveyData {
 
 // What the threads of an instance are doing at present, for whoever asks why it does not answer:
-// which messages are in their handlers, and which replies are waited for.
+// which messages are in their handlers, which replies are waited for, and which messages are being
+// handed over, which takes time when the target takes nothing.
 //
 // Owns nothing: an entry lives on the stack of the thread that is occupied. Threads: any.
 class Occupations : public SoLockable {
 public:
-    enum class Kind : uint8_t { handling, waiting };
+    enum class Kind : uint8_t { handling, waiting, sending };
 
     // One thread with one message, from here to the end of the block. `message` stays as it is
     // meanwhile.

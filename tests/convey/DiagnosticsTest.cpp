@@ -93,9 +93,12 @@ TEST(Diagnostics, describeAWholeState) {
 /own-1.0/instances/own-1.0/rejected;0;REJECTED;0;
 /own-1.0/instances/own-1.0/handling;0;Handling;0;
 /own-1.0/instances/own-1.0/waiting;0;Waiting for replies;0;
+/own-1.0/instances/own-1.0/sending;0;Sending;0;
 /own-1.0/instances/own-1.0/pumped;0;Last pumped;undefined;
 /own-1.0/instances/own-1.0/oldestin;0;Oldest incoming;undefined;
 /own-1.0/instances/own-1.0/oldestout;0;Oldest outgoing;undefined;
+/own-1.0/instances/own-1.0/inbytes;0;Incoming bytes;0;
+/own-1.0/instances/own-1.0/full;0;Senders without room;0;
 /own-1.0/instances/own-1.0/counts;1;Messages so far;;
 /own-1.0/instances/own-1.0/counts/in;0;Messages in;0;
 /own-1.0/instances/own-1.0/counts/out;0;Messages out;1;
@@ -133,9 +136,12 @@ TEST(Diagnostics, describeAWholeState) {
 /own-1.0/instances/other-2.0/rejected;0;REJECTED;0;
 /own-1.0/instances/other-2.0/handling;0;Handling;0;
 /own-1.0/instances/other-2.0/waiting;0;Waiting for replies;0;
+/own-1.0/instances/other-2.0/sending;0;Sending;0;
 /own-1.0/instances/other-2.0/pumped;0;Last pumped;undefined;
 /own-1.0/instances/other-2.0/oldestin;0;Oldest incoming;0s;
 /own-1.0/instances/other-2.0/oldestout;0;Oldest outgoing;undefined;
+/own-1.0/instances/other-2.0/inbytes;0;Incoming bytes;0;
+/own-1.0/instances/other-2.0/full;0;Senders without room;0;
 /own-1.0/instances/other-2.0/counts;1;Messages so far;;
 /own-1.0/instances/other-2.0/counts/in;0;Messages in;1;
 /own-1.0/instances/other-2.0/counts/out;0;Messages out;0;

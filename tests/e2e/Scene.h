@@ -40,11 +40,13 @@ protected:
         return process;
     }
 
-    // Whether the condition comes to hold within half a minute, looked at every ten milliseconds.
-    // Once is enough: what holds at one moment need not at the next.
+    // Whether the condition comes to hold within half a minute, looked at every ten milliseconds
+    // and at least a few times, however long a look takes. Once is enough: what holds at one moment
+    // need not at the next.
     template <class Condition>
     static bool eventually(Condition&& holds) {
-        for (int i = 0; i < 3000; ++i) {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        for (int looks = 0; looks < 5 || std::chrono::steady_clock::now() < end; ++looks) {
             if (holds()) {
                 return true;
             }

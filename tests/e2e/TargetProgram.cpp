@@ -5,8 +5,9 @@
 // keeps it until "give", which has another thread answer all that are kept; "end" ends the
 // application, lets another thread answer what is kept, and tells what came of it. "bounce A B ..."
 // asks A to ask B, and so on round the ring, until handlers are as deep as they may be and all
-// wait; "flood TARGET" sends until it takes no more, and what waits then. Every other is answered.
-// Usage: target_program SPECIFIER [never], which never pumps
+// wait; "flood TARGET" sends until it takes no more, and what waits then; "push TARGET" sends
+// without end, and lets nothing wait elsewhere. Every other is answered. Usage: target_program
+// SPECIFIER [never], which never pumps
 #include <algorithm>
 #include <cstdlib>
 #include <optional>
@@ -85,6 +86,9 @@ void handle(const Convey::Messenger& own, std::vector<Convey::Reply>& kept,
         for (int i = 0; i < 200; ++i) { // at once: they wait behind the first
             (void)post();
         }
+    }
+    while (order == "push ") {
+        (void)own.request(target.c_str(), std::string(60'000, 'x').c_str()).post();
     }
     gEnd = body == "end";
     gLast = body == "last";

@@ -48,14 +48,13 @@ TEST(Tree, hangsEachRowOnItsNearestParent) {
 
 // Who waits for whom, by rows as applications write them.
 TEST(Verdict, followsWhoWaitsForWhom) {
-    const auto waitsFor = [](const char* other) {
-        return std::string("/i/instances;1;Instances;1;\n/i/instances/i;1;Instance;i;\n"
-                           "/i/instances/i/waiting;1;Waiting for replies;1;\n"
-                           "/i/instances/i/waiting/0;1;Message;7;\n"
-                           "/i/instances/i/waiting/0/type;0;Type;query;\n"
-                           "/i/instances/i/waiting/0/target;0;Target;") +
-               other + ";\n/i/instances/i/waiting/0/for;0;For;65000ms;\n";
+    const auto isAt = [](const std::string& what, const char* other, const char* time) {
+        const std::string row = "/i/instances/i/" + what;
+        return "/i/instances;1;Instances;1;\n/i/instances/i;1;Instance;i;\n" + row +
+               ";1;Occupied;1;\n" + row + "/0;1;Message;7;\n" + row + "/0/type;0;Type;query;\n" +
+               row + "/0/target;0;Target;" + other + ";\n" + row + "/0/for;0;For;" + time + "ms;\n";
     };
+    const auto waitsFor = [&](const char* other) { return isAt("waiting", other, "65000"); };
     std::map<std::string, Subject> subjects;
     subjects["a"].rows = waitsFor("b");
     subjects["b"].rows = waitsFor("c");
@@ -93,6 +92,19 @@ TEST(Verdict, followsWhoWaitsForWhom) {
         EXPECT_EQ(verdict.sentence.substr(verdict.sentence.size() - std::strlen(c.end)), c.end)
             << verdict.sentence;
     }
+    // So does a send that its target holds up; one that has just begun is held up by nobody.
+    subjects["pushing"].rows = isAt("sending", "full", "5000");
+    subjects["full"].rows = isAt("sending", "pushing", "4000");
+    subjects["quick"].rows = isAt("sending", "full", "900");
+    const auto judged = [&](const char* name) {
+        return judge(name, [&](const std::string& other) { return subjects[other]; });
+    };
+    EXPECT_EQ(judged("full").word, "circle");
+    EXPECT_EQ(judged("full").sentence,
+              "full waits 4 s to hand over query 7 to pushing, which takes nothing. pushing waits "
+              "5 s to hand over query 7 to full, which takes nothing. They wait in a circle: full "
+              "for pushing for full.");
+    EXPECT_NE(judged("quick").word, "unsent");
     // A wait that has just begun, in a handler that did not: it is not the handler's own work.
     subjects["just"].rows = waitsFor("gone") + "/i/instances/i/handling;1;In handlers;1;\n"
                                                "/i/instances/i/handling/0;1;Message;6;\n"

@@ -221,20 +221,22 @@ private:
             }
         }
         for (const InstanceFacts& facts : readInstances(tree)) {
-            limit(facts.name, "came in", facts.incoming, "queue.incoming.messages");
-            limit(facts.name, "are to go out", facts.outgoing, "queue.outgoing.messages");
-        }
-    }
-
-    void limit(const std::string& name, const char* which, size_t count, const char* limit) {
-        const auto* const bound =
-            std::find_if(std::begin(::limits::kAll), std::end(::limits::kAll),
-                         [&](const auto& one) { return one.name == std::string(limit); });
-        if (static_cast<int64_t>(count) >= bound->value) {
-            add(Health::wrong, "limit",
-                name + ": " + std::to_string(count) + " messages that " + which + " wait (" +
-                    limit + ")",
-                "have it pump, or its senders wait for their answers");
+            if (facts.sendersWithoutRoom != 0) {
+                add(Health::wrong, "limit",
+                    facts.name + ": " + std::to_string(facts.incoming) + " messages of " +
+                        std::to_string(facts.incomingBytes) +
+                        " bytes that came in wait, and leave " +
+                        std::to_string(facts.sendersWithoutRoom) +
+                        " senders no room (queue.incoming...)",
+                    "have it pump, or its senders wait for their answers");
+            }
+            constexpr size_t kMostOutgoing = ::limits::of("queue.outgoing.messages");
+            if (facts.outgoing >= kMostOutgoing) {
+                add(Health::wrong, "limit",
+                    facts.name + ": " + std::to_string(facts.outgoing) +
+                        " messages that are to go out wait (queue.outgoing.messages)",
+                    "convey diagnose " + name + " says for whom");
+            }
         }
     }
 

@@ -112,6 +112,8 @@ for (const instance of branches.find(node => leaf(node) === 'instances')?.childr
     const queue = child(instance, name);
     if (!queue) continue;
     gauge(instance.value + ', ' + label, +queue.value / limit, queue.value + ' of ' + limit, 'count');
+    const bytes = +value(instance, name + 'bytes'), mega = bytes => (bytes / 1048576).toFixed(1);
+    if (bytes > 0) gauge('bytes', bytes / data.bytes, mega(bytes) + ' of ' + mega(data.bytes) + ' MiB', 'count');
     let oldest = null;
     for (const node of queue.children) {
       if (!/^msg/.test(leaf(node))) continue;
@@ -272,6 +274,7 @@ std::string htmlPage(const std::string& name, const std::string& time, const Nod
                      {"healthy", verdict == nullptr || verdict->isHealthy},
                      {"incoming", limits::of("queue.incoming.messages")},
                      {"outgoing", limits::of("queue.outgoing.messages")},
+                     {"bytes", limits::of("queue.incoming.bytes")},
                      {"root", treeAsJson(root)}}) +
            kBehindData;
 }

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "limits/Limits.h"
 #include "platform/MessagePort.h"
 #include "scriptobjects/convey/SoCVWords.h"
 
@@ -15,7 +14,6 @@ constexpr int64_t kLongMilliseconds = 1000;
 // A loop that has something to handle comes by at once.
 constexpr int64_t kUnpumpedMilliseconds = 2000;
 constexpr int64_t kUnsentSeconds = 2;
-constexpr size_t kFullQueue = limits::of("queue.incoming.messages");
 
 int64_t number(const std::string& text) {
     return std::strtoll(text.c_str(), nullptr, 10);
@@ -93,7 +91,10 @@ std::string queued(const InstanceFacts& facts) {
     }
     return "; " + counted(facts.incoming, "message") + (facts.incoming == 1 ? " waits" : " wait") +
            ", the oldest " + forPeople(1000 * facts.oldestSeconds) +
-           (facts.incoming < kFullQueue ? "" : "; its queue is full, and who sends to it waits");
+           (facts.sendersWithoutRoom == 0
+                ? ""
+                : "; its queue is full for " + counted(facts.sendersWithoutRoom, "sender") +
+                      ", who waits");
 }
 
 std::string placed(const Subject& subject) {
@@ -184,6 +185,15 @@ private:
                 waiting = std::find_if(facts.waiting.begin(), facts.waiting.end(), within);
             }
         }
+        // Only a target that takes nothing makes it long; then that is what the thread is at,
+        // within a handler or not.
+        const auto sending = std::find_if(facts.sending.begin(), facts.sending.end(), isLong);
+        if (sending != facts.sending.end() &&
+            (waiting == facts.waiting.end() || sending->milliseconds <= waiting->milliseconds)) {
+            verdict = sends(name, facts, *sending,
+                            handling == facts.handling.end() ? nullptr : &*handling);
+            return true;
+        }
         if (waiting != facts.waiting.end()) {
             verdict = waits(name, facts, *waiting,
                             handling == facts.handling.end() ? nullptr : &*handling);
@@ -201,21 +211,34 @@ private:
 
     Verdict waits(const std::string& name, const InstanceFacts& facts, const Occupation& waiting,
                   const Occupation* handling) {
-        std::string sentence = name + " waits " + forPeople(waiting.milliseconds) +
-                               " for an answer of " + waiting.target + " to " + described(waiting) +
-                               (handling == nullptr ? "" : ", in " + handlerOf(*handling)) +
-                               queued(facts) + ".";
-        const auto met = std::find(chain_.begin(), chain_.end(), waiting.target);
+        return follow("waiting", waiting.target,
+                      name + " waits " + forPeople(waiting.milliseconds) + " for an answer of " +
+                          waiting.target + " to " + described(waiting) +
+                          (handling == nullptr ? "" : ", in " + handlerOf(*handling)) +
+                          queued(facts) + ".");
+    }
+
+    Verdict sends(const std::string& name, const InstanceFacts& facts, const Occupation& sending,
+                  const Occupation* handling) {
+        return follow("unsent", sending.target,
+                      name + " waits " + forPeople(sending.milliseconds) + " to hand over " +
+                          described(sending) + " to " + sending.target + ", which takes nothing" +
+                          (handling == nullptr ? "" : ", in " + handlerOf(*handling)) +
+                          queued(facts) + ".");
+    }
+
+    // What keeps `target`, behind the sentence on who waits for it.
+    Verdict follow(const char* word, const std::string& target, std::string sentence) {
+        const auto met = std::find(chain_.begin(), chain_.end(), target);
         if (met != chain_.end()) {
             sentence += " They wait in a circle:";
             for (auto one = met; one != chain_.end(); ++one) {
                 sentence += " " + *one + " for";
             }
-            return {"circle", sentence + " " + waiting.target + ".", false};
+            return {"circle", sentence + " " + target + ".", false};
         }
-        const Verdict other = of(waiting.target);
-        return {other.word == "circle" ? "circle" : "waiting", sentence + " " + other.sentence,
-                false};
+        const Verdict other = of(target);
+        return {other.word == "circle" ? "circle" : word, sentence + " " + other.sentence, false};
     }
 
     static bool unpumped(const std::string& name, const Subject& subject,
@@ -278,6 +301,7 @@ std::vector<InstanceFacts> readInstances(const Node& rows) {
             facts.name = instance.value;
             facts.handling = readOccupations(instance, "handling");
             facts.waiting = readOccupations(instance, "waiting");
+            facts.sending = readOccupations(instance, "sending");
             if (const Node* const blocked = childOf(instance, "blocked")) {
                 for (const Node& one : blocked->children) {
                     facts.blocked.push_back({one.value, number(valueOf(one, "for")),
@@ -287,6 +311,8 @@ std::vector<InstanceFacts> readInstances(const Node& rows) {
             }
             facts.incoming = countMessages(instance, "in", nullptr);
             facts.outgoing = countMessages(instance, "out", &facts.outgoingTarget);
+            facts.incomingBytes = number(valueOf(instance, "inbytes"));
+            facts.sendersWithoutRoom = static_cast<size_t>(number(valueOf(instance, "full")));
             facts.oldestSeconds = number(valueOf(instance, "oldestin"));
             facts.oldestOutSeconds = number(valueOf(instance, "oldestout"));
             const std::string pumped = valueOf(instance, "pumped");

@@ -10,7 +10,7 @@
 // What is to be said first of an application that somebody asks about because it hangs.
 namespace convey_tool {
 
-// A message that is in a handler, or whose replies are waited for.
+// A message that is in a handler, whose replies are waited for, or that is being handed over.
 struct Occupation {
     std::string serial;
     std::string type;
@@ -32,10 +32,13 @@ struct InstanceFacts {
     std::string name;
     std::vector<Occupation> handling; // newest first, as the next
     std::vector<Occupation> waiting;
+    std::vector<Occupation> sending;
     std::vector<Blocked> blocked; // the longest first
     size_t incoming = 0;          // messages, without those that only watch a time
     size_t outgoing = 0;
     std::string outgoingTarget;      // of the oldest
+    int64_t incomingBytes = 0;       // with all that they cost
+    size_t sendersWithoutRoom = 0;   // for more in its queue
     int64_t oldestSeconds = 0;       // of those that came in; 0 without
     int64_t oldestOutSeconds = 0;    // of those that are to go out
     int64_t pumpedMilliseconds = -1; // since its owner came by; -1: never, or not said
