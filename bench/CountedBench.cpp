@@ -49,6 +49,24 @@ void queue(int times) {
     }
 }
 
+// The rows of so many messages that wait in a queue.
+void rows(int times) {
+    ScObjects::ConveyData::MessageQueue queue;
+    for (int i = 0; i < times; ++i) {
+        auto message = std::make_unique<Convey::Message>();
+        message->setTarget("target");
+        message->setSender("sender");
+        message->setBody(SoString(std::string(200, 'b').c_str()));
+        if (!queue.append(message.release())) {
+            fail("append");
+        }
+    }
+    SoString text;
+    if (queue.appendDiagnostics(text, "/in") != times) {
+        fail("rows");
+    }
+}
+
 // A text of 300 bytes to another port and one back; `built`: and each built and read.
 void roundTrip(int times, bool built) {
     InterAppStream here("here-1.0");
@@ -155,6 +173,8 @@ int main(int argc, char** argv) {
     Convey::Message::setAuthentication(digest);
     if (operation == "queue") {
         queue(times);
+    } else if (operation == "rows") {
+        rows(times);
     } else if (operation == "carried") {
         roundTrip(times, false);
     } else if (operation == "built" || digest) {
@@ -164,7 +184,8 @@ int main(int argc, char** argv) {
     } else if (operation == "received") {
         receive(times);
     } else {
-        fail("usage: counted_bench queue|carried|built|built-with-digest|request|received TIMES");
+        fail("usage: counted_bench queue|rows|carried|built|built-with-digest|request|received "
+             "TIMES");
     }
     (void)Convey::InitTerm::exit();
     return 0;

@@ -11,16 +11,21 @@ constexpr size_t kLongestValue = limits::of("rows.value");
 constinit thread_local bool gWhole = false;
 
 // They end a field and a row, and the backslash stands for them.
-constexpr std::string_view kMarks = ";\n\\";
+bool isMark(char c) {
+    return c == ';' || c == '\n' || c == '\\';
+}
 
 // In pieces: as a rule there is one.
-void addEscaped(SoString& out, std::string_view text) {
-    for (size_t end = 0; (end = text.find_first_of(kMarks)) != std::string_view::npos;) {
-        const char mark = text[end];
-        out << text.substr(0, end) << (mark == '\n' ? "\\n" : mark == ';' ? "\\3b" : "\\\\");
-        text.remove_prefix(end + 1);
+void addEscaped(std::string& row, std::string_view text) {
+    size_t begin = 0;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (isMark(text[i])) {
+            row += text.substr(begin, i - begin);
+            row += text[i] == '\n' ? "\\n" : text[i] == ';' ? "\\3b" : "\\\\";
+            begin = i + 1;
+        }
     }
-    out << text;
+    row += text.substr(begin);
 }
 
 bool isContinuation(char c) {
@@ -39,37 +44,42 @@ CVDiagnosticsRows::Whole::~Whole() {
 
 void CVDiagnosticsRows::addValue(std::string_view value) {
     if (value.size() <= kLongestValue || gWhole) {
-        addEscaped(out_, value);
+        addEscaped(row_, value);
         return;
     }
     size_t end = kLongestValue; // between two characters
     while (end > 0 && isContinuation(value[end])) {
         --end;
     }
-    addEscaped(out_, value.substr(0, end));
-    out_ << "... (" << static_cast<uint32_t>(value.size()) << " bytes)";
+    addEscaped(row_, value.substr(0, end));
+    row_ += "... (" + std::to_string(value.size()) + " bytes)";
 }
 
 void CVDiagnosticsRows::begin(std::string_view name, char level, std::string_view label) {
-    out_ << root_;
-    addEscaped(out_, name);
-    out_ << ';' << level << ';';
-    addEscaped(out_, label);
-    out_ << ';';
+    row_ = root_.view();
+    addEscaped(row_, name);
+    row_ += {';', level, ';'};
+    addEscaped(row_, label);
+    row_ += ';';
+}
+
+void CVDiagnosticsRows::end(std::string_view mark) {
+    row_ += mark;
+    out_ << std::string_view(row_);
 }
 
 void CVDiagnosticsRows::add(std::string_view name, char level, std::string_view label,
                             const SoString& value) {
     begin(name, level, label);
     addValue(value.view());
-    out_ << ";\n";
+    end(";\n");
 }
 
 void CVDiagnosticsRows::unclosedLeaf(std::string_view name, std::string_view label,
                                      std::string_view value) {
     begin(name, '0', label);
     addValue(value);
-    out_ << '\n';
+    end("\n");
 }
 
 } // namespace ScObjects

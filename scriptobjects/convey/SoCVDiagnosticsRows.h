@@ -1,5 +1,6 @@
 #pragma once
 
+#include <string>
 #include <string_view>
 
 #include "scriptobjects/core/SoString.h"
@@ -62,8 +63,10 @@ private:
     void addValue(std::string_view value);
     void add(std::string_view name, char level, std::string_view label, const SoString& value);
     void begin(std::string_view name, char level, std::string_view label);
+    void end(std::string_view mark);
 
     SoString& out_;
+    std::string row_; // is put together here, which takes less than nine steps of a large text
     const SoString root_;
 };
 
