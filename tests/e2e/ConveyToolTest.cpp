@@ -499,56 +499,47 @@ TEST_F(ConveyToolTest, showsWhatWaitsAndRemovesWhatIsStale) {
 }
 
 TEST_F(ConveyToolTest, monitorsAConversation) {
-    auto monitor = std::make_unique<RunningProcess>(
-        std::vector<std::string>{CONVEY_PROGRAM, "monitor", "lumen", "--json"});
+    auto monitor = std::make_unique<RunningProcess>(std::vector<std::string>{
+        CONVEY_PROGRAM, "monitor", "lumen", "--match", "type=Tessaly", "--count", "3", "--json"});
     const auto isForwarding = [] {
         return !json({"ping", "lumen", "--key", "FWDMESSAGES"})["answer"]
                     .get<std::string>()
                     .empty();
     };
-    for (int i = 0; i < 200 && !isForwarding(); ++i) {
-    }
-    ASSERT_TRUE(isForwarding());
+    ASSERT_TRUE(eventually(isForwarding));
     const ProcessResult asked =
         runProcess({HOST, "kivra-7.0", "--ask", "lumen-2.5-en_us", "what is\nthe time?"});
     EXPECT_THAT(asked.out, HasSubstr("result: echo: what is")) << "a conversation of two others";
     std::vector<std::string> events;
-    while (events.empty() || events.back() != "processed") {
+    while (events.size() < 3) {
         const Json event = Json::parse(monitor->readLine());
-        if (event["type"] == "Tessaly") {
-            EXPECT_EQ(event["sender"], "kivra-7.0");
-            EXPECT_EQ(event["text"], "what is");
-            EXPECT_EQ(event["size"], 17);
-            events.push_back(event["event"]);
-        }
+        EXPECT_EQ(event["sender"], "kivra-7.0");
+        EXPECT_EQ(event["text"], "what is");
+        EXPECT_EQ(event["size"], 17);
+        events.push_back(event["event"]);
     }
     EXPECT_THAT(events, testing::ElementsAre("added", "picked", "processed"));
-    monitor->signal(SIGINT);
-    EXPECT_EQ(monitor->finish(), 130);
-    EXPECT_FALSE(isForwarding()) << "it has taken its forwarding back";
+    EXPECT_EQ(monitor->finish(), 0);
+    const auto isDone = [&] { return !isForwarding(); };
+    EXPECT_TRUE(eventually(isDone)) << "it takes its forwarding back";
 
     monitor = std::make_unique<RunningProcess>(
         std::vector<std::string>{CONVEY_PROGRAM, "monitor", "lumen"});
-    for (int i = 0; i < 200 && !isForwarding(); ++i) {
-    }
+    EXPECT_TRUE(eventually(isForwarding));
     monitor->signal(SIGKILL);
     (void)monitor->finish();
     EXPECT_TRUE(isForwarding());
     EXPECT_EQ(tool({"send", "lumen", "--body", "anything"}).exitStatus, 0);
-    for (int i = 0; i < 200 && isForwarding(); ++i) {
-    }
-    EXPECT_FALSE(isForwarding()) << "the target sees that nobody is there";
+    EXPECT_TRUE(eventually(isDone)) << "the target sees that nobody is there";
 }
 
 TEST_F(ConveyToolTest, monitorsErrorsAndSteps) {
     for (const char* option : {"--errors", "--logs"}) {
         RunningProcess monitor({CONVEY_PROGRAM, "monitor", "lumen", option, "--json"});
         const char* const key = std::string(option) == "--errors" ? "FWDERRORS" : "FWDLOGS";
-        for (int i = 0; i < 200; ++i) {
-            if (!json({"ping", "lumen", "--key", key})["answer"].get<std::string>().empty()) {
-                break;
-            }
-        }
+        ASSERT_TRUE(eventually([&] {
+            return json({"ping", "lumen", "--key", key})["answer"] != "";
+        }));
         (void)tool({"send", "lumen", "--body", "fail"});
         Json event;
         do { // the answers are steps too, and may come before

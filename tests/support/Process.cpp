@@ -16,16 +16,17 @@
 namespace {
 
 constexpr unsigned kLongestSeconds = 60;
+constexpr unsigned kLongestBesideSeconds = 110; // a test has some more
 
 [[noreturn]] void runChild(std::vector<char*>& arguments, std::vector<char*>& environment, int out,
-                           int err) {
+                           int err, unsigned longestSeconds) {
     const int nothing = open("/dev/null", O_RDONLY);
     const rlimit noCore = {0, 0}; // some programs are to end abnormally
     (void)setrlimit(RLIMIT_CORE, &noCore);
     dup2(nothing, 0);
     dup2(out, 1);
     dup2(err, 2);
-    alarm(kLongestSeconds); // survives exec and ends what hangs
+    alarm(longestSeconds); // survives exec and ends what hangs
     execve(arguments[0], arguments.data(), environment.data());
     _exit(127);
 }
@@ -79,7 +80,7 @@ ProcessResult runProcess(const std::vector<std::string>& arguments,
     }
     const pid_t pid = fork();
     if (pid == 0) {
-        runChild(exec.argv, exec.envp, out[1], err[1]);
+        runChild(exec.argv, exec.envp, out[1], err[1], kLongestSeconds);
     }
     close(out[1]);
     close(err[1]);
@@ -124,7 +125,7 @@ RunningProcess::RunningProcess(const std::vector<std::string>& arguments,
     }
     pid_ = fork();
     if (pid_ == 0) {
-        runChild(exec.argv, exec.envp, out[1], errors);
+        runChild(exec.argv, exec.envp, out[1], errors, kLongestBesideSeconds);
     }
     close(out[1]);
     out_ = out[0];
