@@ -105,6 +105,16 @@ TEST(Verdict, followsWhoWaitsForWhom) {
               "5 s to hand over query 7 to full, which takes nothing. They wait in a circle: full "
               "for pushing for full.");
     EXPECT_NE(judged("quick").word, "unsent");
+    const auto handler = [](const char* time) {
+        return std::string("/i/instances/i/handling;1;In handlers;1;\n"
+                           "/i/instances/i/handling/0;1;Message;6;\n"
+                           "/i/instances/i/handling/0/for;0;For;") +
+               time + "ms;\n";
+    };
+    subjects["quick"].rows += handler("60000"); // then it is one of many
+    EXPECT_EQ(judged("quick").word, "circle");
+    subjects["quick"].rows = isAt("sending", "full", "20") + handler("60000");
+    EXPECT_EQ(judged("quick").word, "busy");
     // A wait that has just begun, in a handler that did not: it is not the handler's own work.
     subjects["just"].rows = waitsFor("gone") + "/i/instances/i/handling;1;In handlers;1;\n"
                                                "/i/instances/i/handling/0;1;Message;6;\n"

@@ -99,8 +99,8 @@ Exit show(const Output& output, const DiagnoseOptions& options, const std::strin
         if (options.watch && output.columns != 0) {
             output.out << kClear;
         }
-        output.out << output.show(verdict.sentence, verdict.isHealthy ? Style::good : Style::bad)
-                   << "\n";
+        const Style style = verdict.isHealthy ? Style::good : Style::bad;
+        output.out << output.show(verdict.sentence, style) << "\n";
         if (!rows.empty()) {
             output.out << '\n';
             printQueues(output, readTree(rows));
@@ -108,6 +108,9 @@ Exit show(const Output& output, const DiagnoseOptions& options, const std::strin
         if (!options.watch && !rows.empty()) {
             output.out << '\n';
             printTree(output, tree);
+            if (output.isTerminal && options.path.empty()) { // what was said first is out of sight
+                output.out << '\n' << output.show(verdict.sentence, style) << '\n';
+            }
         }
         output.out.flush();
     }

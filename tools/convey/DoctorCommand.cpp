@@ -90,7 +90,9 @@ private:
         for (const auto& [folder, ports] : portsElsewhere()) {
             for (const auto& [port, process] : ports) {
                 const std::string name = port.substr(0, port.find('#'));
+                // One verdict for each name: it is of one of those that have it.
                 if (port.ends_with("#thread") && here.count(port) == 0 && isWanted(name) &&
+                    seen_.count(name) == 0 &&
                     Convey::Specifier(name.c_str(), false).isInstalled()) {
                     application(name, process, {});
                 }
@@ -208,7 +210,7 @@ private:
         }
         add(verdict.isHealthy ? Health::good : Health::wrong, "application", verdict.sentence,
             verdict.isHealthy ? "" : "convey diagnose " + name);
-        if (process != 0) {
+        if (process != 0 && verdict.sentence.find(" process ") == std::string::npos) {
             checks_.back().text += " (process " + std::to_string(process) + ")";
         }
         const Node tree = readTree(rows);
@@ -223,11 +225,9 @@ private:
         for (const InstanceFacts& facts : readInstances(tree)) {
             if (facts.sendersWithoutRoom != 0) {
                 add(Health::wrong, "limit",
-                    facts.name + ": " + std::to_string(facts.incoming) + " messages of " +
-                        std::to_string(facts.incomingBytes) +
-                        " bytes that came in wait, and leave " +
-                        std::to_string(facts.sendersWithoutRoom) +
-                        " senders no room (queue.incoming...)",
+                    facts.name + ": " + std::to_string(facts.incoming) + " messages wait, of " +
+                        std::to_string(facts.incomingBytes) + " bytes; senders without room: " +
+                        std::to_string(facts.sendersWithoutRoom) + " (queue.incoming...)",
                     "have it pump, or its senders wait for their answers");
             }
             constexpr size_t kMostOutgoing = ::limits::of("queue.outgoing.messages");

@@ -20,7 +20,7 @@ constexpr const char* kHead = R"page(<!DOCTYPE html>
 :root { color-scheme: light dark; --line: #8885; --request: #2f6fc4; --good: #2e8b57; --failed: #c8362b; --late: #c77700; --mark: #ffd54a; }
 @media (prefers-color-scheme: dark) { :root { --request: #7db2f5; --good: #6fcf97; --failed: #ff8a80; --late: #ffb74d; } }
 body { font: 14px/1.45 system-ui, sans-serif; }
-h1 { font-size: 1.2rem; margin: 0; } h1 small { font-weight: normal; opacity: .75; }
+h1 { font-size: 1.2rem; margin: 0; } h1 small { font-weight: normal; opacity: .75; overflow-wrap: anywhere; }
 input[type=search] { font: inherit; width: 18rem; max-width: 100%; box-sizing: border-box; }
 button { font: inherit; }
 table { border-collapse: collapse; }
@@ -98,6 +98,9 @@ const dated = time => {
   return day.toISOString().slice(0, 10) + ' ' + time;
 };
 
+// The whole is in the rows behind it.
+const shortened = text => text.length > 120 ? text.slice(0, 120) + '…' : text;
+
 // Queues against their limits.
 const messages = [];
 function gauge(label, share, text, kind) {
@@ -111,7 +114,9 @@ for (const instance of branches.find(node => leaf(node) === 'instances')?.childr
   for (const [name, label, limit] of [['in', 'came in', data.incoming], ['out', 'to go out', data.outgoing]]) {
     const queue = child(instance, name);
     if (!queue) continue;
-    gauge(instance.value + ', ' + label, +queue.value / limit, queue.value + ' of ' + limit, 'count');
+    const without = name === 'in' ? +value(instance, 'full') : 0;
+    gauge(instance.value + ', ' + label, +queue.value / limit,
+      queue.value + ' of ' + limit + (without ? '; full for ' + without + (without > 1 ? ' senders' : ' sender') : ''), without ? 'full' : 'count');
     const bytes = +value(instance, name + 'bytes'), mega = bytes => (bytes / 1048576).toFixed(1);
     if (bytes > 0) gauge('bytes', bytes / data.bytes, mega(bytes) + ' of ' + mega(data.bytes) + ' MiB', 'count');
     let oldest = null;
@@ -120,7 +125,7 @@ for (const instance of branches.find(node => leaf(node) === 'instances')?.childr
       const time = value(node, 'timestamp'), old = age(time), body = child(node, 'body');
       if (old !== null && (oldest === null || old > oldest)) oldest = old;
       messages.push({node, queue: label, cells: [dated(time), label, value(node, 'type'), value(node, 'sender'), value(node, 'target'),
-        +value(node, 'serialnumber'), people(old), body?.value ?? '', body ? value(body, 'text') : '']});
+        +value(node, 'serialnumber'), people(old), body?.value ?? '', shortened(body ? value(body, 'text') : '')]});
     }
     if (oldest !== null) gauge('oldest', oldest / 600, people(oldest) + ' of 10 min', 'age');
   }

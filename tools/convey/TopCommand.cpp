@@ -272,7 +272,7 @@ public:
             return;
         }
         (void)erase();
-        const int names = nameWidth();
+        const int names = nameWidth(lines);
         std::string heading = padded("APPLICATION", -names);
         for (const Column& column : kColumns) {
             heading += " " + padded(column.heading, column.width);
@@ -304,12 +304,17 @@ private:
             (void)endwin();
         }
     }
-    static int nameWidth() {
+    static int nameWidth(const std::vector<Line>& lines) {
+        size_t longest = 15; // so that the columns stay where they are as a rule
+        for (const Line& line : lines) {
+            longest = std::max(longest, line.specifier.size());
+        }
         int used = 0;
         for (const Column& column : kColumns) {
             used += std::abs(column.width) + 1;
         }
-        return std::clamp(COLS - used - (COLS < kWithPrograms ? 0 : kProgramWidth), 8, 40);
+        return std::clamp(COLS - used - (COLS < kWithPrograms ? 0 : kProgramWidth), 8,
+                          static_cast<int>(longest));
     }
     static void put(int y, const std::string& text, int attributes) {
         if (y < LINES) {

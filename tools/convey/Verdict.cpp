@@ -11,6 +11,8 @@ namespace {
 
 // What is shorter is work.
 constexpr int64_t kLongMilliseconds = 1000;
+// What a send takes in a handler that runs for long, when its target is why: one after another.
+constexpr int64_t kHeldUpMilliseconds = 100;
 // A loop that has something to handle comes by at once.
 constexpr int64_t kUnpumpedMilliseconds = 2000;
 constexpr int64_t kUnsentSeconds = 2;
@@ -187,7 +189,11 @@ private:
         }
         // Only a target that takes nothing makes it long; then that is what the thread is at,
         // within a handler or not.
-        const auto sending = std::find_if(facts.sending.begin(), facts.sending.end(), isLong);
+        const auto isHeldUp = [&](const Occupation& one) {
+            return isLong(one) ||
+                   (handling != facts.handling.end() && one.milliseconds >= kHeldUpMilliseconds);
+        };
+        const auto sending = std::find_if(facts.sending.begin(), facts.sending.end(), isHeldUp);
         if (sending != facts.sending.end() &&
             (waiting == facts.waiting.end() || sending->milliseconds <= waiting->milliseconds)) {
             verdict = sends(name, facts, *sending,
