@@ -152,7 +152,6 @@ TEST_F(ConveyToolTest, endsAtOnceWhenItIsInterrupted) {
         {"ping", "lumen", "--count", "1000"},
         {"diagnose", "lumen", "--watch"},
         {"send", "viewer", "--body", "x", "--wait", "20"},
-        {"monitor", "viewer"},
         {"monitor", "lumen"},
         {"key", "viewer", "STATUS", "--timeout", "20", "--json"},
         {"wait", "docsafe"},

@@ -23,7 +23,7 @@ ProcessResult runProcess(const std::vector<std::string>& arguments,
                          const std::map<std::string, std::string>& environment = {});
 
 // A program that runs beside the test, without standard input; killed with the object. Ended after
-// almost two minutes if it is still there. Throws std::runtime_error when it cannot be started.
+// four minutes if it is still there. Throws std::runtime_error when it cannot be started.
 class RunningProcess {
 public:
     // Its errors go to this process's, or to the descriptor that is given.
