@@ -2,12 +2,16 @@
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <cstdlib>
+#include <exception>
 #include <filesystem>
 #include <fstream>
-#include <future>
+#include <memory>
 #include <mutex>
 #include <sstream>
+#include <system_error>
+#include <thread>
 #include <utility>
 
 #include "platform/MessagePort.h"
@@ -162,19 +166,44 @@ Subject look(const std::string& target, int32_t timeoutSeconds, bool whole) {
 }
 
 void allAtOnce(size_t count, const std::function<void(size_t)>& work) {
-    std::atomic<size_t> next{0};
-    const auto share = [&] {
-        for (size_t i = 0; (i = next.fetch_add(1)) < count && !Session::isEnding();) {
-            work(i);
-        }
+    // Detached, since the process may end while they ask; so nobody is left to be joined. What they
+    // share lives as long as the last of them.
+    struct Shared {
+        std::atomic<size_t> next{0};
+        std::mutex mutex;
+        std::condition_variable ended;
+        size_t running = 0;
+        std::exception_ptr failure;
     };
-    std::vector<std::future<void>> workers;
-    while (workers.size() + 1 < std::min(count, kLooksAtOnce)) {
-        workers.push_back(std::async(std::launch::async, share));
+    const auto shared = std::make_shared<Shared>();
+    const auto share = [shared, count, &work] {
+        try {
+            for (size_t i = 0; (i = shared->next.fetch_add(1)) < count && !Session::isEnding();) {
+                work(i);
+            }
+        } catch (...) {
+            const std::lock_guard<std::mutex> guard(shared->mutex);
+            shared->failure = std::current_exception();
+        }
+        const std::lock_guard<std::mutex> guard(shared->mutex);
+        --shared->running;
+        shared->ended.notify_one();
+    };
+    const size_t threads = std::max<size_t>(std::min(count, kLooksAtOnce), 1);
+    shared->running = threads;
+    for (size_t i = 1; i < threads; ++i) {
+        try {
+            std::thread(share).detach();
+        } catch (const std::system_error&) { // those that there are do it, too
+            const std::lock_guard<std::mutex> guard(shared->mutex);
+            --shared->running;
+        }
     }
     share();
-    for (auto& worker : workers) {
-        worker.get();
+    std::unique_lock<std::mutex> guard(shared->mutex);
+    shared->ended.wait(guard, [&] { return shared->running == 0; });
+    if (shared->failure != nullptr) {
+        std::rethrow_exception(shared->failure);
     }
 }
 

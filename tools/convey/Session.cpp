@@ -28,7 +28,9 @@ constexpr auto kGrace = std::chrono::milliseconds(50);
 constexpr auto kLastGrace = std::chrono::milliseconds(30);
 constexpr int kSignalStatus = 128; // and the signal's number, as shells say it
 
-volatile std::sig_atomic_t gEnding = 0; // the signal
+// The signal, which a handler sets and any thread reads.
+std::atomic<int> gEnding{0};
+static_assert(std::atomic<int>::is_always_lock_free);
 sem_t gWanted;
 std::atomic<bool> gFinishing{false};
 
