@@ -113,13 +113,15 @@ TEST_F(ConveyToolTest, answersByItsExitStatus) {
         {{"key", "lumen", "MOOD", "-good"}, 2, "", ""},
         {{"key", "lumen", "MOOD", "good"}, 0, "good\n", ""},
         {{"key", "lumen", "MOOD"}, 0, "good\n", ""},
+        {{"key", "lumen", "MOOD=bad"}, 2, nullptr, "the value stands by itself"},
+        {{"key", "lumen", "STATUS", "x"}, 1, nullptr, "does not take the value; it stays IDLE"},
         {{"keys", "lumen"}, 0, "MOOD          value        good\n", ""},
         {{"keys", "lumen"}, 0, "\n\nTYPE     INSTANCE\nTessaly  lumen-2.5-en_us\n", ""},
         {{"ports", "--no-legend"}, 0, "  lumen-2.5-en_us#ping\n", ""},
         {{"--version"}, 0, "convey 2.0.0\n", ""},
         {{"send", "--help"}, 0, "--launch", ""},
         {{}, 2, "", "subcommand is required"},
-        {{"nothing"}, 2, nullptr, "no command \"nothing\" convey --help"},
+        {{"nothing"}, 2, nullptr, "no command \"nothing\"; convey --help"},
         {{"lst"}, 2, nullptr, "no command \"lst\"; did you mean list?"},
     };
     for (const auto& c : cases) {

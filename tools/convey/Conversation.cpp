@@ -147,9 +147,10 @@ Conversation Conversation::read(std::istream& lines) {
         ++number;
         try {
             reader.take(Json::parse(line));
-        } catch (const std::exception& error) {
+        } catch (const std::exception&) { // of the library, whose words are about its own parts
             throw Failure(kNoLayer, "line " + std::to_string(number) +
-                                        " is no event of a capture: " + error.what());
+                                        " is no event of a capture: convey monitor --capture "
+                                        "writes them");
         }
     }
     return all;

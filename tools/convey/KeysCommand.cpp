@@ -86,11 +86,14 @@ Exit keys(const Output& output, const KeyOptions& options) {
 Exit key(const Output& output, const KeyOptions& options) {
     const Session session;
     const std::string target = toStd(known(options.specifier));
+    if (options.name.find('=') != std::string::npos) { // it would set what stands before that
+        throw Failure(kUsage, "\"" + options.name + "\" is no key: the value stands by itself");
+    }
     if (options.hasValue) {
         const std::string taken =
             ask(target, options.name + "=" + options.value, options.timeoutSeconds);
         if (taken != options.value) {
-            throw Failure(kNo, target + " does not take the value: " + taken,
+            throw Failure(kNo, target + " does not take the value; it stays " + taken,
                           {{"specifier", target}, {"key", options.name}, {"value", taken}});
         }
     }

@@ -114,7 +114,7 @@ private:
             }
         }
         throw Failure(kUsage, "there is no command \"" + words[at] + "\"" +
-                                  (nearest.empty() ? "" : "; did you mean " + nearest + "?") +
+                                  (nearest.empty() ? ";" : "; did you mean " + nearest + "?") +
                                   " convey --help lists them");
     }
 
