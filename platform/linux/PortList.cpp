@@ -76,7 +76,9 @@ void addSocket(const nlmsghdr* header, Sockets& sockets) {
             std::memcpy(&file, data, sizeof file);
         } else if (attribute->rta_type == UNIX_DIAG_ICONS) {
             peers.resize(RTA_PAYLOAD(attribute) / sizeof(uint32_t));
-            std::memcpy(peers.data(), data, peers.size() * sizeof(uint32_t));
+            if (!peers.empty()) {
+                std::memcpy(peers.data(), data, peers.size() * sizeof(uint32_t));
+            }
         }
     }
     if (message->udiag_state == TCP_ESTABLISHED && queue.udiag_wqueue != 0) {
