@@ -8,12 +8,14 @@
 #include <deque>
 #include <iomanip>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <ostream>
 #include <poll.h>
 #include <sstream>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 #include "tools/convey/Asking.h"
 #include "tools/convey/Commands.h"
@@ -330,11 +332,14 @@ private:
 struct Shared {
     std::mutex mutex;
     std::vector<Line> lines;
+    std::unique_ptr<Session> session;
 };
 
-void show(const Output& output, const TopOptions& options, const std::string& own) {
-    auto* const shared = new Shared; // the thread may be asking when the process ends
-    std::thread([shared, own, seconds = options.intervalSeconds] {
+void show(const Output& output, const TopOptions& options, std::unique_ptr<Session> session) {
+    static auto* const shared = new Shared; // the thread may be asking when the process ends
+    const std::string own = session->name();
+    shared->session = std::move(session);
+    std::thread([own, seconds = options.intervalSeconds] {
         Watch watch;
         for (;;) {
             std::vector<Line> lines = watch.look(own);
@@ -375,8 +380,7 @@ Exit top(const Output& output, const TopOptions& options) {
     auto session = std::make_unique<Session>();
     requireRegistry();
     if (output.isTerminal && !output.json && Screen::isPossible()) {
-        show(output, options, session->name());
-        (void)session.release(); // the thread that asks uses it to the end of the process
+        show(output, options, std::move(session));
         return kDone;
     }
     Watch watch;
