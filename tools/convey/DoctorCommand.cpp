@@ -230,8 +230,7 @@ private:
                         std::to_string(facts.sendersWithoutRoom) + " (queue.incoming...)",
                     "have it pump, or its senders wait for their answers");
             }
-            constexpr size_t kMostOutgoing = ::limits::of("queue.outgoing.messages");
-            if (facts.outgoing >= kMostOutgoing) {
+            if (static_cast<int64_t>(facts.outgoing) >= ::limits::of("queue.outgoing.messages")) {
                 add(Health::wrong, "limit",
                     facts.name + ": " + std::to_string(facts.outgoing) +
                         " messages that are to go out wait (queue.outgoing.messages)",
