@@ -545,7 +545,7 @@ bool Convey::Message::readOnLocked(ReadState& state, size_t bytes) {
 
 // Where the next message begins; null when the owner of the text was used up.
 const char* Convey::Message::takeBodyLocked(const ReadState& state, SoString* owner) {
-    if (!state.takesOver) {
+    if (!state.takesOver || owner == nullptr) { // nothing is taken over without one
         return state.position;
     }
     owner->shrink(static_cast<int32_t>(state.bodyLength));
