@@ -251,6 +251,11 @@ TEST_F(FaultsTest, withoutAPlaceForIdentifiersMessagesPassAndSomebodyIsTold) {
             home.empty() ? onAFullDisk(0, question) : runProcess(question, home);
         ask(result);
         EXPECT_THAT(result.err, HasSubstr(home.empty() ? "/.ovrel/md5: " : "/proc/.ovrel"));
+        if (!home.empty()) {
+            const ProcessResult again = runProcess(question, home);
+            ask(again);
+            EXPECT_EQ(again.err, "") << "once for a user, not for each run";
+        }
     }
     // What could not be written was not left half written.
     for (const auto& entry : std::filesystem::directory_iterator(folder.file(".ovrel"))) {
