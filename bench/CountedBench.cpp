@@ -8,13 +8,13 @@
 #include <vector>
 
 #include "bench/BareSocket.h"
+#include "bench/BenchFolder.h"
 #include "bench/Handlers.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVMessageQueue.h"
 #include "scriptobjects/convey/SoCVThread.h"
 #include "scriptobjects/stream/InterAppStream.h"
-#include "tests/support/TemporaryFolder.h"
 
 namespace {
 
@@ -162,10 +162,7 @@ void receive(int times) {
 } // namespace
 
 int main(int argc, char** argv) {
-    const TemporaryFolder folder;
-    setenv("XDG_RUNTIME_DIR", folder.file("").c_str(), 1);
-    setenv("HOME", folder.file("").c_str(), 1);
-    setenv("OVREL_CAPS_DB", folder.file("caps.db").c_str(), 1);
+    const bench::BenchFolder folder;
     const std::string operation = argc > 2 ? argv[1] : "";
     const int times = argc > 2 ? std::atoi(argv[2]) : 0;
     const bool digest = operation == "built-with-digest";

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "bench/BareSocket.h"
+#include "bench/BenchFolder.h"
 #include "bench/Handlers.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVMessage.h"
@@ -296,10 +297,7 @@ void compareWholeProcesses(const TemporaryFolder& folder, int rounds) {
 
 int main(int argc, char** argv) {
     const int rounds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 7;
-    const TemporaryFolder folder;
-    setenv("XDG_RUNTIME_DIR", folder.file("").c_str(), 1);
-    setenv("HOME", folder.file("").c_str(), 1);
-    setenv("OVREL_CAPS_DB", folder.file("caps.db").c_str(), 1);
+    const bench::BenchFolder folder;
     for (const char* application : {"kivra-7.0", "lumen-2.0-en_us", "viewer-1.0"}) {
         (void)runProcess({OVREL_CAPS_TOOL, "add-app", application, "--path", "/opt/a/A.app"});
     }

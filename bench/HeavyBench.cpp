@@ -9,12 +9,12 @@
 #include <thread>
 
 #include "bench/BareSocket.h"
+#include "bench/BenchFolder.h"
 #include "limits/Limits.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoConvey.h"
 #include "scriptobjects/stream/InterAppStream.h"
 #include "tests/support/Process.h"
-#include "tests/support/TemporaryFolder.h"
 
 namespace {
 
@@ -175,10 +175,7 @@ int main(int argc, char** argv) {
         return hog(std::atoi(argv[2]), argv[3]);
     }
     const int seconds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 7;
-    const TemporaryFolder folder;
-    setenv("XDG_RUNTIME_DIR", folder.file("").c_str(), 1);
-    setenv("HOME", folder.file("").c_str(), 1);
-    setenv("OVREL_CAPS_DB", folder.file("caps.db").c_str(), 1);
+    const bench::BenchFolder folder;
     if (!Convey::InitTerm::init("viewer-1.0", true)) {
         fail("init");
     }

@@ -10,10 +10,10 @@
 #include <thread>
 
 #include "bench/BareSocket.h"
+#include "bench/BenchFolder.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoConvey.h"
 #include "tests/support/Process.h"
-#include "tests/support/TemporaryFolder.h"
 
 namespace {
 
@@ -68,11 +68,8 @@ double bare(int listener, const std::string& name, int fifo) {
 
 int main(int argc, char** argv) {
     const int rounds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 15;
-    const TemporaryFolder folder;
+    const bench::BenchFolder folder;
     const std::string report = folder.file("report");
-    setenv("XDG_RUNTIME_DIR", folder.file("").c_str(), 1);
-    setenv("HOME", folder.file("").c_str(), 1);
-    setenv("OVREL_CAPS_DB", folder.file("caps.db").c_str(), 1);
     setenv("BENCH_REPORT", report.c_str(), 1);
     (void)runProcess({OVREL_CAPS_TOOL, "add-app", "target-1.0", "--path", LAUNCH_TARGET});
     const std::string name = folder.file("bare");

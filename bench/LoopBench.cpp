@@ -10,10 +10,10 @@
 
 #include "adapters/ConveyGLib.h"
 #include "bench/BareSocket.h"
+#include "bench/BenchFolder.h"
 #include "bench/Handlers.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoConvey.h"
-#include "tests/support/TemporaryFolder.h"
 
 namespace {
 
@@ -67,10 +67,7 @@ double roundTrip(Convey& asker, const char* target) {
 } // namespace
 
 int main(int argc, char** argv) {
-    const TemporaryFolder folder;
-    setenv("XDG_RUNTIME_DIR", folder.file("").c_str(), 1);
-    setenv("HOME", folder.file("").c_str(), 1);
-    setenv("OVREL_CAPS_DB", folder.file("none").c_str(), 1);
+    const bench::BenchFolder folder;
     std::vector<pid_t> targets;
     for (const Loop& loop : kLoops) {
         targets.push_back(fork());

@@ -9,10 +9,10 @@
 #include <vector>
 
 #include "bench/BareSocket.h"
+#include "bench/BenchFolder.h"
 #include "platform/MessagePort.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/stream/InterAppStream.h"
-#include "tests/support/TemporaryFolder.h"
 
 namespace {
 
@@ -228,9 +228,7 @@ double memoryOfReceiver() {
 
 int main(int argc, char** argv) {
     const int rounds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 7;
-    const TemporaryFolder folder;
-    setenv("XDG_RUNTIME_DIR", folder.file("").c_str(), 1);
-    setenv("HOME", folder.file("").c_str(), 1);
+    const bench::BenchFolder folder;
     std::printf("| measure | Convey | bare socket | ratio | goal |\n|---|---|---|---|---|\n");
     std::fflush(stdout);
     // Processes are born before the memory of the other measures is there to be counted.

@@ -9,10 +9,10 @@
 #include <thread>
 
 #include "bench/BareSocket.h"
+#include "bench/BenchFolder.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoConvey.h"
-#include "tests/support/TemporaryFolder.h"
 
 namespace {
 
@@ -77,10 +77,7 @@ double longestTurn(Convey& from, double seconds) {
 
 int main(int argc, char** argv) {
     const int rounds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 7;
-    const TemporaryFolder folder;
-    setenv("XDG_RUNTIME_DIR", folder.file("").c_str(), 1);
-    setenv("HOME", folder.file("").c_str(), 1);
-    setenv("OVREL_CAPS_DB", folder.file("caps.db").c_str(), 1);
+    const bench::BenchFolder folder;
     if (!Convey::InitTerm::init("viewer-1.0", true)) {
         fail("init");
     }

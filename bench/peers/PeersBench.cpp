@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "bench/BareSocket.h"
+#include "bench/BenchFolder.h"
 #include "bench/peers/Peer.h"
 #include "tests/support/Process.h"
 #include "tests/support/TemporaryFolder.h"
@@ -270,9 +271,7 @@ void compare(const Size& size, int rounds) {
 
 int main(int argc, char** argv) {
     const int rounds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 7;
-    const TemporaryFolder folder;
-    setenv("XDG_RUNTIME_DIR", folder.file("").c_str(), 1);
-    setenv("HOME", folder.file("").c_str(), 1);
+    const bench::BenchFolder folder;
     std::printf("| size | by | round trip median, us | 99 %% | 99.9 %% | Convey / this | one way, "
                 "texts/s | Convey / this |\n|---|---|---|---|---|---|---|---|\n");
     for (const Size& size : kSizes) {
