@@ -29,4 +29,9 @@ public:
     static Clock& own();
 };
 
+// `monotonicMilliseconds` of the clock that the process uses.
+inline int64_t monotonicNow() {
+    return Clock::system().monotonicMilliseconds();
+}
+
 } // namespace platform

@@ -31,10 +31,6 @@ constexpr int64_t kLargeBytes = limits::of("receive.large");
 // Between looks for what others have sent.
 constexpr int kStepsAtOnce = 16;
 
-int64_t now() {
-    return platform::Clock::system().monotonicMilliseconds();
-}
-
 int64_t costOf(const Message::Reader& text) {
     return text.costBytes() + 1;
 }
@@ -228,7 +224,7 @@ void Arrivals::letGoOn(InterAppStream& stream, bool needed) {
 
 Arrivals::Stop Arrivals::read(InterAppStream& stream, int64_t milliseconds, int messages,
                               bool needed, const Take& take) {
-    const int64_t end = now() + milliseconds;
+    const int64_t end = platform::monotonicNow() + milliseconds;
     letGoOn(stream, needed);
     // At first, too: what takes this long may end before its sixteenth step each time, and others
     // would not be seen until all of it is read.
@@ -251,7 +247,7 @@ Arrivals::Stop Arrivals::read(InterAppStream& stream, int64_t milliseconds, int 
             --messages;
             take(std::move(message));
         }
-        if (messages <= 0 || now() >= end) {
+        if (messages <= 0 || platform::monotonicNow() >= end) {
             return Stop::time;
         }
     }

@@ -75,10 +75,6 @@ bool attempt(Step&& step) {
     return guarded(false, [&] { return step(), true; });
 }
 
-int64_t monotonicNow() {
-    return platform::Clock::system().monotonicMilliseconds();
-}
-
 } // namespace
 
 bool PrivateData::incomingPending() const {
@@ -233,8 +229,8 @@ bool PrivateData::processIncoming(uint32_t serialNumber, bool process) {
     Conversations::Turn turn;
     MessageQueue::Taken taken = takeWanted(serialNumber, turn);
     // What somebody waits for may lie behind what fills the queue and cannot be handled now.
-    for (const int64_t end = monotonicNow() + kReceiveMilliseconds;
-         taken.message == nullptr && !arrivals_.isEmpty() && monotonicNow() < end;) {
+    for (const int64_t end = platform::monotonicNow() + kReceiveMilliseconds;
+         taken.message == nullptr && !arrivals_.isEmpty() && platform::monotonicNow() < end;) {
         receive(1, true);
         taken = takeWanted(serialNumber, turn);
     }

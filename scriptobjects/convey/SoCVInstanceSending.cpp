@@ -38,10 +38,6 @@ bool isUnwantedNotice(const Message& message) {
            message.getUserHeaderValue(CV_TIMEOUT_DETECTOR) == CV_DETECTOR_SENDER;
 }
 
-int64_t monotonicNow() {
-    return platform::Clock::system().monotonicMilliseconds();
-}
-
 } // namespace
 
 void PrivateData::complete(Message& message) const {
@@ -223,14 +219,16 @@ Delivery PrivateData::deliver(const Message& message, const SoString& text, bool
     const auto stream = this->stream();
     // One end for both steps, so that a caller waits no longer for a target with a line than for
     // one without.
-    const int64_t end = monotonicNow() + InterAppStream::kSendTimeoutMilliseconds;
+    const int64_t end = platform::monotonicNow() + InterAppStream::kSendTimeoutMilliseconds;
     std::optional<Occupations::Entry> sending(std::in_place, occupations_,
                                               Occupations::Kind::sending, message);
     // Behind those that wait for the target already: none is overtaken. What may not be queued
     // waits for these, too.
-    if (stream != nullptr && (mayLaunch ? outbox_.isFree(target)
-                                        : outbox_.drain(*stream, target, end - monotonicNow()))) {
-        const auto left = static_cast<int32_t>(std::max<int64_t>(end - monotonicNow(), 0));
+    if (stream != nullptr &&
+        (mayLaunch ? outbox_.isFree(target)
+                   : outbox_.drain(*stream, target, end - platform::monotonicNow()))) {
+        const auto left =
+            static_cast<int32_t>(std::max<int64_t>(end - platform::monotonicNow(), 0));
         if (handOver(message, *stream, text, left, waitSeconds)) {
             return Delivery::delivered;
         }
@@ -318,9 +316,9 @@ bool PrivateData::queueOutgoing(std::unique_ptr<Message> message) {
 
 bool PrivateData::waitForTarget(const Message& message) {
     const Specifier target(message.getTarget().c_str(), false);
-    const int64_t end = monotonicNow() + kTargetWaitMilliseconds;
+    const int64_t end = platform::monotonicNow() + kTargetWaitMilliseconds;
     while (!target.isRunning() && !isClosed()) {
-        const int64_t left = end - monotonicNow();
+        const int64_t left = end - platform::monotonicNow();
         if (left <= 0) {
             break;
         }

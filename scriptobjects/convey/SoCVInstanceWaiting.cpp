@@ -19,10 +19,6 @@ constexpr int64_t kPollMilliseconds = 100;
 // For a message that gives none, or one that never ends: its asker is told all the same.
 constexpr uint32_t kWatchSeconds = limits::of("message.watch");
 
-int64_t monotonicNow() {
-    return platform::Clock::system().monotonicMilliseconds();
-}
-
 } // namespace
 
 // Who waits for a reply always learns when the message was processed. A reply is not waited for:
@@ -97,7 +93,7 @@ bool PrivateData::waitForResponse(const Conversations::Wait& wait, const Message
         return false;
     }
     const Occupations::Entry waiting(occupations_, Occupations::Kind::waiting, message);
-    const int64_t end = monotonicNow() + int64_t{1000} * seconds;
+    const int64_t end = platform::monotonicNow() + int64_t{1000} * seconds;
     for (;;) {
         // Read before the pump: what happens between the pump and the wait then ends the wait at
         // once. Time-outs are nobody's activity, so no wait is longer than the poll.
@@ -115,7 +111,7 @@ bool PrivateData::waitForResponse(const Conversations::Wait& wait, const Message
         if (state != Conversations::Wait::State::open) {
             return state == Conversations::Wait::State::answered;
         }
-        const int64_t left = end - monotonicNow();
+        const int64_t left = end - platform::monotonicNow();
         if (left <= 0) {
             return false;
         }

@@ -32,10 +32,6 @@ constexpr uint32_t kWatchSlackSeconds = 3;
 constexpr uint32_t kPollMilliseconds = 100;
 constexpr const char* kWantsEnd = "Result Error Timeout";
 
-int64_t monotonicNow() {
-    return platform::Clock::system().monotonicMilliseconds();
-}
-
 // The layer, when a messenger has started it: the last one stops it.
 class LayerUse {
 public:
@@ -335,7 +331,7 @@ Outcome Asked::pumpUntilTold(int64_t end) {
         const std::lock_guard<std::mutex> guard(mutex_);
         return state_ == State::told;
     };
-    while (!isTold() && !instance_->isClosed() && monotonicNow() < end) {
+    while (!isTold() && !instance_->isClosed() && platform::monotonicNow() < end) {
         (void)Convey::pumpOrWait(kPollMilliseconds);
     }
     cancel(); // waits for who is telling it
@@ -500,7 +496,7 @@ std::future<Outcome> Convey::Request::future() {
 
 Outcome Convey::Request::wait() {
     const uint32_t most = seconds_ + kWatchSlackSeconds;
-    const int64_t end = monotonicNow() + int64_t{1000} * most;
+    const int64_t end = platform::monotonicNow() + int64_t{1000} * most;
     // Sending with a wait shows in the diagnostics, and goes on in any depth of handlers; but for a
     // target that is being launched it waits by a time of its own, which may be far longer.
     const auto asked = ask(mayLaunch_ ? 0 : most);

@@ -6,16 +6,8 @@
 #include "scriptobjects/convey/SoCVDiagnosticsRows.h"
 
 namespace ScObjects::ConveyData {
-namespace {
-
-int64_t now() {
-    return platform::Clock::system().monotonicMilliseconds();
-}
-
-} // namespace
-
 Occupations::Entry::Entry(Occupations& of, Kind kind, const Convey::Message& message)
-    : of_(of), kind_(kind), message_(message), since_(now()) {
+    : of_(of), kind_(kind), message_(message), since_(platform::monotonicNow()) {
     // Linked through the entry itself, which lies on the stack: noting what a thread does needs no
     // memory, and so cannot fail where memory is what is missing.
     const ObjectLock guard(of_);
@@ -36,7 +28,7 @@ Occupations::Entry::~Entry() {
 }
 
 void Occupations::notePump() {
-    const int64_t time = now();
+    const int64_t time = platform::monotonicNow();
     const ObjectLock guard(*this);
     pumped_ = time;
 }
@@ -70,7 +62,7 @@ void Occupations::appendLocked(CVDiagnosticsRows& rows, Kind kind, int64_t time)
 void Occupations::appendDiagnostics(CVDiagnosticsRows& rows) const {
     const ObjectLock guard(*this);
     // One moment for all: readers tell by the ages what a thread began last.
-    const int64_t time = now();
+    const int64_t time = platform::monotonicNow();
     appendLocked(rows, Kind::handling, time);
     appendLocked(rows, Kind::waiting, time);
     appendLocked(rows, Kind::sending, time);

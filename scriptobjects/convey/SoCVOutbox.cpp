@@ -46,10 +46,6 @@ constexpr Bounds kShare{limits::of("queue.answers.share.messages"),
                         limits::of("queue.answers.share.bytes")};
 constexpr Bounds kPings{limits::of("thread.unsent.answers"), limits::of("thread.unsent.bytes")};
 
-int64_t now() {
-    return platform::Clock::system().monotonicMilliseconds();
-}
-
 bool isLogged() {
     return ConveyUtils::isForwarding(CV_FORWARD_LOGS);
 }
@@ -65,7 +61,7 @@ public:
         const std::lock_guard<std::mutex> guard(outbox_.mutex_);
         // Made where there is none: it is forgotten again as one that is empty.
         Line& line = outbox_.lines_[target_];
-        if (outbox_.isDue(line, carrier, now(), left)) {
+        if (outbox_.isDue(line, carrier, platform::monotonicNow(), left)) {
             take(line);
         }
     }
@@ -208,7 +204,7 @@ void Outbox::noteKept(const std::string& target, bool large) {
     const auto [line, isNew] = lines_.try_emplace(target);
     if (isNew && !large) { // it has just taken nothing
         line->second.pause = 1;
-        line->second.failingSince = now();
+        line->second.failingSince = platform::monotonicNow();
         line->second.retryAt = line->second.failingSince + 1;
     }
 }
@@ -249,7 +245,8 @@ Outbox::Left Outbox::pass(const InterAppStream* stream, Carrier carrier) {
     const std::vector<std::string> targets = queue_.targets();
     forgetEmptyLines();
     // The courier's passes have no end of their own, since nobody waits for them.
-    const int64_t end = carrier == Carrier::round ? now() + kPassMilliseconds : INT64_MAX;
+    const int64_t end =
+        carrier == Carrier::round ? platform::monotonicNow() + kPassMilliseconds : INT64_MAX;
     size_t first = 0;
     {
         const std::lock_guard<std::mutex> guard(mutex_);
@@ -259,7 +256,7 @@ Outbox::Left Outbox::pass(const InterAppStream* stream, Carrier carrier) {
         Turn turn(*this, targets[(first + i) % targets.size()], carrier, left);
         if (turn) {
             send(stream, turn, carrier, end, left);
-            left.more = left.more || now() >= end;
+            left.more = left.more || platform::monotonicNow() >= end;
         }
         // The next pass begins behind this line: with the same ones first each time, targets that
         // take much would leave the others without a turn.
@@ -353,7 +350,7 @@ void Outbox::send(const InterAppStream* stream, Turn& turn, Carrier carrier, int
         line.textPosition = 0;
         line.pause = line.retryAt = 0;
         noteState(line, 0, false);
-        if (now() >= end) {
+        if (platform::monotonicNow() >= end) {
             left.more = true;
             return;
         }
@@ -381,7 +378,8 @@ void Outbox::appendDiagnostics(CVDiagnosticsRows& rows) const {
         for (const auto& [name, line] : lines_) {
             const MessageQueue::Load load = queue_.loadOf(name);
             if (line.failingSince != 0 && load.messages != 0) {
-                failing.push_back({name, now() - line.failingSince, line.absent, load});
+                failing.push_back(
+                    {name, platform::monotonicNow() - line.failingSince, line.absent, load});
             }
         }
     }
@@ -404,13 +402,15 @@ void Outbox::noteFailure(const InterAppStream& stream, Turn& turn, bool sentAny,
     Line& line = turn.line();
     const bool absent =
         stream.presenceOf(SoString(turn.target())) == InterAppStream::Presence::absent;
-    noteState(line, line.failingSince == 0 || sentAny ? now() : line.failingSince, absent);
+    noteState(line,
+              line.failingSince == 0 || sentAny ? platform::monotonicNow() : line.failingSince,
+              absent);
     if (absent) {
         (void)queue_.dropAnswersFor(turn.target()); // whoever has the name next did not ask
         line.pause = line.retryAt = 0;
     } else {
         line.pause = sentAny ? 1 : std::clamp<int64_t>(2 * line.pause, 1, kLongestPause);
-        line.retryAt = now() + line.pause;
+        line.retryAt = platform::monotonicNow() + line.pause;
         left.join({.retryMilliseconds = line.pause});
     }
     // Once a second is enough, as stamps count seconds, while attempts may follow each other by one
@@ -469,8 +469,8 @@ int64_t Outbox::nextLook() {
 }
 
 bool Outbox::drain(const InterAppStream& stream, const SoString& target, int64_t milliseconds) {
-    const int64_t end = now() + milliseconds;
-    const auto left = [end] { return std::max<int64_t>(end - now(), 0); };
+    const int64_t end = platform::monotonicNow() + milliseconds;
+    const auto left = [end] { return std::max<int64_t>(end - platform::monotonicNow(), 0); };
     for (bool sentAny = false; !isFree(target); sentAny = true) {
         Turn turn(*this, std::string(target.view()), left());
         if (!turn) {

@@ -29,16 +29,12 @@ using Message = Convey::Message;
 // A target that owns its name and does not listen yet is asked again after this.
 constexpr auto kRetryPause = std::chrono::milliseconds(5);
 
-int64_t now() {
-    return platform::Clock::system().monotonicMilliseconds();
-}
-
 int32_t leftOf(int64_t end) {
-    return static_cast<int32_t>(std::clamp<int64_t>(end - now(), 0, INT32_MAX));
+    return static_cast<int32_t>(std::clamp<int64_t>(end - platform::monotonicNow(), 0, INT32_MAX));
 }
 
 int64_t endOf(int32_t timeoutSeconds) {
-    return now() + int64_t{1000} * std::max(timeoutSeconds, 0);
+    return platform::monotonicNow() + int64_t{1000} * std::max(timeoutSeconds, 0);
 }
 
 // The answers that arrive at the process's stream, shared out among the threads that wait for them.

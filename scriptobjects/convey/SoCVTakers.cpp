@@ -19,10 +19,6 @@ using platform::TargetWatch;
 
 constexpr uint32_t kUsualSeconds = limits::of("message.timeout");
 
-int64_t now() {
-    return platform::Clock::system().monotonicMilliseconds();
-}
-
 } // namespace
 
 // Only what answers come to can be told that they will not come: that is known of this process, in
@@ -44,7 +40,7 @@ std::optional<AwaitedRequest> AwaitedRequest::of(const Message& message, uint32_
     const uint32_t timeout = message.getTimeout() == 0 ? kUsualSeconds : message.getTimeout();
     request.until = static_cast<int32_t>(timeout) < 0
                         ? INT64_MAX
-                        : now() + int64_t{1000} * std::max(timeout, seconds);
+                        : platform::monotonicNow() + int64_t{1000} * std::max(timeout, seconds);
     return request;
 }
 
@@ -247,7 +243,7 @@ void Takers::watchAgain(const std::function<void(TargetWatch&)>& watch) {
 
 void Takers::forgetOld() {
     std::vector<std::shared_ptr<TargetWatch>> forgotten; // given back without the lock
-    const int64_t time = now();
+    const int64_t time = platform::monotonicNow();
     const ObjectLock guard(*this);
     for (auto entry = entries_.begin(); entry != entries_.end();) {
         const auto next = std::next(entry);
