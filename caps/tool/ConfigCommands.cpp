@@ -13,9 +13,10 @@
 #include "caps/tool/Table.h"
 
 namespace caps::tool {
-namespace {
 
 using Json = nlohmann::ordered_json;
+
+namespace {
 
 void tell(Context& context, const std::vector<config::Difference>& rows) {
     for (const config::Difference& row : rows) {

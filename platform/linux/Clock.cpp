@@ -5,7 +5,7 @@
 namespace platform {
 namespace {
 
-int64_t milliseconds(clockid_t clock) {
+int64_t millisecondsOf(clockid_t clock) {
     timespec now{};
     (void)clock_gettime(clock, &now); // fails only for clocks that the kernel does not have
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
@@ -13,8 +13,8 @@ int64_t milliseconds(clockid_t clock) {
 
 class LinuxClock final : public Clock {
 public:
-    int64_t utcMilliseconds() const override { return milliseconds(CLOCK_REALTIME); }
-    int64_t monotonicMilliseconds() const override { return milliseconds(CLOCK_MONOTONIC); }
+    int64_t utcMilliseconds() const override { return millisecondsOf(CLOCK_REALTIME); }
+    int64_t monotonicMilliseconds() const override { return millisecondsOf(CLOCK_MONOTONIC); }
 
     TimeOfDay localTimeOfDay(int64_t seconds) const override {
         const auto time = static_cast<time_t>(seconds);

@@ -26,7 +26,7 @@ namespace {
 
 using Time = std::chrono::steady_clock;
 
-constexpr size_t kMaximumConnections = limits::of("port.kept");
+constexpr size_t kMaximumKept = limits::of("port.kept");
 constexpr int kSendBufferBytes = 4 << 20; // what makes large texts fast where it was measured
 constexpr size_t kSmallestPartBytes = 4096;
 constexpr size_t kJoinedBytes = 1024;
@@ -486,7 +486,7 @@ std::shared_ptr<PortSender::Connection> PortSender::connectionTo(const std::stri
         entry.connection = std::make_shared<Connection>(name);
     }
     std::shared_ptr<Connection> found = entry.connection;
-    if (cache_.size() > kMaximumConnections) {
+    if (cache_.size() > kMaximumKept) {
         // Not one that a send is using: its next one would overtake what it is sending. Nor one
         // whose target has not read it all: for a target that reads nothing, each new connection
         // would take, and keep in the system's memory, as much again.

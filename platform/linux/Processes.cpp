@@ -30,12 +30,6 @@ std::string withoutSlashes(std::string path) {
     return path;
 }
 
-// What is not there any more may still run, and is compared as it was given.
-std::string resolved(const std::string& path) {
-    std::string real;
-    return Files::own().resolve(path, real) ? real : path;
-}
-
 class LinuxProcesses final : public Processes {
 public:
     uint32_t ownNumber() const override { return static_cast<uint32_t>(getpid()); }
@@ -59,13 +53,14 @@ public:
 
     std::vector<uint32_t> find(const std::string& path) const override {
         const std::string given = withoutSlashes(path);
-        const std::string real = resolved(given);
+        const std::string real = resolvedPath(given);
         // An entry may name any program, with any arguments. So its processes are known by the
         // variables that its starter sets alone, not by what they run.
         const bool isEntry = given.ends_with(kDesktopEntryExtension);
         std::string remark; // of what cannot be started, and so does not run
-        const RunningProgram program(
-            given.ends_with(kBundleExtension) ? programOfBundle(resolved(given), remark) : given);
+        const RunningProgram program(given.ends_with(kBundleExtension)
+                                         ? programOfBundle(resolvedPath(given), remark)
+                                         : given);
         std::vector<uint32_t> found;
         for (const uint32_t number : ownProcesses()) {
             const bool matches = isEntry

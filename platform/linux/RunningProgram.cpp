@@ -17,11 +17,6 @@ constexpr size_t kInterpreterWords = limits::of("process.interpreter-words");
 // What the kernel writes behind the path of a running file that has no name any more.
 constexpr std::string_view kReplaced = " (deleted)";
 
-std::string resolved(const std::string& path) {
-    std::string real;
-    return Files::own().resolve(path, real) ? real : path;
-}
-
 std::string_view fileName(std::string_view path) {
     return path.substr(path.rfind('/') + 1);
 }
@@ -44,14 +39,19 @@ std::vector<std::string> interpreterLine(const std::string& path) {
 
 } // namespace
 
-RunningProgram::RunningProgram(const std::string& path) : program_(resolved(path)) {
+std::string resolvedPath(const std::string& path) {
+    std::string real;
+    return Files::own().resolve(path, real) ? real : path;
+}
+
+RunningProgram::RunningProgram(const std::string& path) : program_(resolvedPath(path)) {
     // The kernel runs the interpreter in the place of a script, so a script is never the
     // executable.
     const std::vector<std::string> words = interpreterLine(program_);
     if (words.empty()) {
         return;
     }
-    interpreter_ = resolved(words.front());
+    interpreter_ = resolvedPath(words.front());
     // It looks for the interpreter along the path and becomes it; which file that is depends on the
     // path of whoever started it, so only its name is compared.
     if (fileName(words.front()) == "env") {
@@ -89,7 +89,7 @@ bool RunningProgram::interprets(uint32_t process, const std::string& running) co
             // A person's shell gives a script as it was typed.
             const std::string path =
                 word.front() == '/' ? word : workingFolderOf(process) + "/" + word;
-            return path == program_ || resolved(path) == program_;
+            return path == program_ || resolvedPath(path) == program_;
         }
     }
     return false; // its own options, and no script

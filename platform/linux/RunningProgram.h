@@ -5,6 +5,10 @@
 
 namespace platform {
 
+// The path with its links resolved; as it is given where nothing is there any more, which may still
+// run.
+std::string resolvedPath(const std::string& path);
+
 // A program, to be found among the processes that run it: those whose executable it is, also after
 // an upgrade has put another file in its place, and, for a script, its interpreter while the script
 // is the first thing that it was given. Whoever only has it open (an editor, a pager), and other

@@ -13,9 +13,9 @@ namespace {
 
 // What a thread is started under, it keeps. Faults of the thread itself stay its own, and so does
 // what a profiler measures by.
-class BlockedSignals {
+class HostsSignals {
 public:
-    BlockedSignals() {
+    HostsSignals() {
         sigset_t blocked;
         sigfillset(&blocked);
         for (const int own : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS, SIGPROF}) {
@@ -23,9 +23,9 @@ public:
         }
         (void)pthread_sigmask(SIG_BLOCK, &blocked, &before_);
     }
-    ~BlockedSignals() { (void)pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-    BlockedSignals(const BlockedSignals&) = delete;
-    BlockedSignals& operator=(const BlockedSignals&) = delete;
+    ~HostsSignals() { (void)pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    HostsSignals(const HostsSignals&) = delete;
+    HostsSignals& operator=(const HostsSignals&) = delete;
 
 private:
     sigset_t before_{};
@@ -37,7 +37,7 @@ public:
         // Handlers of the host, and what ends it by default, are for the host's own threads: a
         // signal that a thread of the layer took would end the process behind a main loop that
         // waits for it by a descriptor.
-        const BlockedSignals blocked;
+        const HostsSignals blocked;
         try {
             out = std::thread(entry, argument);
             return true;

@@ -22,8 +22,6 @@ constexpr std::string_view kProgramFolderInBundle = ".app/contents/macos"; // in
 constexpr std::string_view kBundleExtension = ".app";
 constexpr std::string_view kShellToolExtension = ".term";
 constexpr const char* kConfigPathKey = "PYLConfigPath";
-constexpr const char* kDomainCollection = "IvorDataCollectionActingAsADomain";
-constexpr int32_t kInstalled = 4;
 constexpr int32_t kRegistryDomain = 1;
 constexpr int32_t kConfigPathDomain = 4;
 constexpr int32_t kGeneralDomain = 0;
@@ -308,9 +306,9 @@ bool PCDInitLists::onStart(PCDWrapper& wrapper) {
 void PCDInitLists::readPayloadJoins(const PCDWrapper& wrapper) {
     const char* const* payloads = nullptr;
     const int32_t status =
-        wrapper.isOpened()
-            ? wrapper.pcdGetDomainDataSubdomains(kRegistryDomain, payloads)
-            : wrapper.capsGetCollectionPayloads(kDomainCollection, kInstalled, payloads);
+        wrapper.isOpened() ? wrapper.pcdGetDomainDataSubdomains(kRegistryDomain, payloads)
+                           : wrapper.capsGetCollectionPayloads(PCDWrapper::kDomainCollection,
+                                                               PCDWrapper::kInstalled, payloads);
     // The wrapper has noted it, and who registers with a path needs no payload.
     if (status != PCDWrapper::kSuccess) {
         return;

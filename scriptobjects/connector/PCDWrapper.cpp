@@ -12,8 +12,6 @@ namespace ScObjects {
 namespace {
 
 constexpr const char* kFramework = "ovrel_caps.framework";
-constexpr const char* kDomainCollection = "IvorDataCollectionActingAsADomain";
-constexpr int32_t kInstalled = 4;
 constexpr int32_t kReadMode = 1;
 
 constinit std::atomic<int32_t> gLibRefCount{0};

@@ -37,6 +37,9 @@ public:
     static constexpr int32_t kReadOnly = 11;
     static constexpr int32_t kFailed = 12;
     static constexpr uint32_t kLaunchPathBytes = limits::of("registry.launch-path");
+    // The collections that stand for domains, and the payloads of them that are installed.
+    static constexpr const char* kDomainCollection = "IvorDataCollectionActingAsADomain";
+    static constexpr int32_t kInstalled = 4;
 
     // Loads the library and opens the sessions, never creating a database. `open` false binds the
     // library, for what binding shows, and lets go of it again: such a wrapper is never good.

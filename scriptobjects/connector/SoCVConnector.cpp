@@ -18,7 +18,6 @@
 namespace ScObjects {
 namespace {
 
-constexpr std::string_view kAnyMinorVersion = ".*";
 constexpr const char* kHighestMinorVersion = ".99"; // minor versions have two digits at most
 
 // Read by every query without a lock; what was read stays good, since nobody deletes a connector
@@ -74,10 +73,11 @@ SoString resolveSpecifier(const ConveyConnector& connector, const SoString& text
     }
     const SoString version = result.version();
     std::string_view major = version.view();
-    if (major.size() <= kAnyMinorVersion.size() || !major.ends_with(kAnyMinorVersion)) {
+    if (major.size() <= CVGroups::kAnyMinorVersion.size() ||
+        !major.ends_with(CVGroups::kAnyMinorVersion)) {
         return SoString();
     }
-    major.remove_suffix(kAnyMinorVersion.size());
+    major.remove_suffix(CVGroups::kAnyMinorVersion.size());
     SoString notAbove("-"); // the highest version that is not above
     notAbove.append(major.data(), static_cast<int32_t>(major.size()));
     notAbove << kHighestMinorVersion;

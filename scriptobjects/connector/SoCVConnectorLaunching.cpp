@@ -7,12 +7,6 @@
 #include "scriptobjects/convey/SoCVUtils.h"
 
 namespace ScObjects {
-namespace {
-
-constexpr std::string_view kWebAddress = "https://"; // opened, not looked for on the disk
-
-} // namespace
-
 int32_t ConveyConnector::launchTarget(const SoString& specifier, const SoString& parameters,
                                       bool inFront, ConveyContext* /*context*/) {
     // A copy: the records go when the registry has changed, and no lock is held below.
@@ -20,7 +14,8 @@ int32_t ConveyConnector::launchTarget(const SoString& specifier, const SoString&
     if (!findRecord(specifier, info)) {
         return 0;
     }
-    if (info.path.view().substr(0, kWebAddress.size()) != kWebAddress) {
+    if (info.path.view().substr(0, ConveyUtils::Launcher::kWebAddress.size()) !=
+        ConveyUtils::Launcher::kWebAddress) {
         info.path = ConveyUtils::resolveAlias(info.path);
         // A registration can outlive its application, which is better told than tried.
         if (!ConveyUtils::fileExists(info.path)) {

@@ -1,7 +1,5 @@
 #include "scriptobjects/connector/SoCVGroups.h"
 
-#include <string_view>
-
 #include "scriptobjects/connector/SoCVConnector.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/core/SoNumber.h"
@@ -9,11 +7,10 @@
 namespace ScObjects {
 namespace {
 
-constexpr std::string_view kAnyMinorVersion = ".*";
 constexpr size_t kShortestWildcard = 3; // one byte and ".*"
 
 bool isWildcard(std::string_view pattern) {
-    return pattern.size() >= kShortestWildcard && pattern.ends_with(kAnyMinorVersion);
+    return pattern.size() >= kShortestWildcard && pattern.ends_with(CVGroups::kAnyMinorVersion);
 }
 
 // True when `pattern` is `key`, a final ".*" standing for the key's text from its last '.' on.
@@ -22,7 +19,7 @@ bool matches(std::string_view pattern, std::string_view key) {
     if (!isWildcard(pattern) || dot == std::string_view::npos) {
         return pattern == key;
     }
-    pattern.remove_suffix(kAnyMinorVersion.size());
+    pattern.remove_suffix(CVGroups::kAnyMinorVersion.size());
     return pattern == key.substr(0, dot);
 }
 

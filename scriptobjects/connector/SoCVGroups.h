@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -25,6 +26,9 @@ struct CVGroupEntry {
 // Owned by the connector and used under its lock. Owns the entries and their texts.
 class CVGroups {
 public:
+    // The end of a pattern that any minor version fits.
+    static constexpr std::string_view kAnyMinorVersion = ".*";
+
     CVGroups() = default;
     ~CVGroups();
     CVGroups(const CVGroups&) = delete;

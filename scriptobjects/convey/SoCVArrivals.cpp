@@ -20,13 +20,13 @@ constexpr int32_t kMaximumShareMessages = limits::of("queue.incoming.share.messa
 constexpr int64_t kMaximumShareBytes = limits::of("queue.incoming.share.bytes");
 constexpr int64_t kMaximumUnreadBytes = limits::of("receive.unread");
 // What is read without a look at the clock: a fraction of a millisecond.
-constexpr size_t kStepBytes = limits::of("receive.step");
+constexpr size_t kReadBytes = limits::of("receive.step");
 
 // Processes with nothing here that are not forgotten at once: a conversation comes back.
 constexpr size_t kRemembered = 8;
 
 // Of a text after which its sender waits until it is read.
-constexpr int64_t kLargeBytes = limits::of("receive.large");
+constexpr int64_t kLargeTextBytes = limits::of("receive.large");
 
 // Between looks for what others have sent.
 constexpr int kStepsAtOnce = 16;
@@ -131,11 +131,12 @@ void Arrivals::draw(InterAppStream& stream, Look& look) {
         const int64_t bytes = costOf(*sender->second.texts.back());
         bytes_.fetch_add(bytes);
         look.bytes += bytes;
-        look.isDue = look.isDue || ++look.texts % kStepsAtOnce == 0 || look.bytes >= kLargeBytes;
+        look.isDue =
+            look.isDue || ++look.texts % kStepsAtOnce == 0 || look.bytes >= kLargeTextBytes;
         const bool hasRoom = accounts_->hasRoom(process);
         // One that takes long is enough: further ones of its sender would use up what there is for
         // the unread texts of all.
-        if (process != 0 && (!hasRoom || bytes >= kLargeBytes)) {
+        if (process != 0 && (!hasRoom || bytes >= kLargeTextBytes)) {
             hold(stream, sender, true);
         }
         if (hasRoom) {
@@ -188,7 +189,7 @@ std::unique_ptr<Message> Arrivals::readStep(InterAppStream& stream, Senders::ite
     if (from.message == nullptr) {
         from.message = std::make_unique<Received>(accounts_, sender->first);
     }
-    const bool isWhole = text.read(*from.message, kStepBytes);
+    const bool isWhole = text.read(*from.message, kReadBytes);
     bytes_.fetch_sub(before - costOf(text)); // its body may have taken the text over
     if (!isWhole) {
         return nullptr;

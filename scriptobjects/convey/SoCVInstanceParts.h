@@ -15,6 +15,10 @@ namespace ScObjects::ConveyData {
 // The path under which observers of errors get their rows, whatever brought the error about.
 inline constexpr const char* kErrorRoot = "/errors";
 
+// How long who waits for something that may come unannounced leaves it at most before it looks
+// again.
+inline constexpr int64_t kPollMilliseconds = 100;
+
 // The value of `operation`, or `neutral` when memory ran out: nothing is thrown at the host.
 template <class Value, class Operation>
 Value guarded(Value neutral, Operation&& operation) noexcept {

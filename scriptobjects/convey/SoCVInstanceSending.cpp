@@ -28,7 +28,6 @@ namespace {
 using Message = Convey::Message;
 using Specifier = Convey::Specifier;
 
-constexpr int64_t kPollMilliseconds = 100;
 constexpr int64_t kTargetWaitMilliseconds = limits::of("send.target");
 constexpr int32_t kPacketBytes = limits::of("port.packet");
 

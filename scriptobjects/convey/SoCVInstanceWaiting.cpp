@@ -15,7 +15,6 @@ namespace {
 
 using Message = Convey::Message;
 
-constexpr int64_t kPollMilliseconds = 100;
 // For a message that gives none, or one that never ends: its asker is told all the same.
 constexpr uint32_t kWatchSeconds = limits::of("message.watch");
 

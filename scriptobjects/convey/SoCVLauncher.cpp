@@ -25,8 +25,7 @@ using ConveyData::PrivateData;
 using ConveyUtils::Launcher;
 using Message = Convey::Message;
 
-constexpr std::string_view kWebAddress = "https://"; // compared exactly, so HTTPS:// is a path
-constexpr std::string_view kBundleExtension = ".app";
+constexpr std::string_view kAppExtension = ".app";
 constexpr uint32_t kLaunchSeconds = limits::of("launch.age");
 
 std::unique_ptr<InterAppStream> pendingPort(const SoString* queueName) {
@@ -156,7 +155,7 @@ bool openAddress(const SoString& path, const PrivateData* asker) {
 // A bundle runs once for the user, except that nobody launches itself by being there.
 uint32_t runningBundle(const SoString& specifier, const std::string& path) {
     // An instance is wanted beside what runs: that takes a process of its own.
-    if (!path.ends_with(kBundleExtension) ||
+    if (!path.ends_with(kAppExtension) ||
         !Convey::Specifier(specifier.c_str(), false).instance().isEmpty()) {
         return 0;
     }
@@ -200,7 +199,7 @@ bool Launcher::launch(const SoString& specifier, const SoString& path, const SoS
     try {
         ConveyContext* const context = ConveyContext::getCurrentContext();
         const auto main = context == nullptr ? nullptr : context->pinMain();
-        if (path.view().substr(0, kWebAddress.size()) == kWebAddress) {
+        if (path.view().substr(0, Launcher::kWebAddress.size()) == Launcher::kWebAddress) {
             // A browser takes it: there is no process that parameters could be for.
             return openAddress(path, main.get());
         }

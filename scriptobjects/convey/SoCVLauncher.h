@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string_view>
 #include <vector>
 
 #include "scriptobjects/convey/SoCVMessage.h"
@@ -27,6 +28,10 @@ public:
 
     // How the process of an application is found. Other values find none.
     enum SearchHint : int32_t { kByBundlePath = 3 };
+
+    // What begins like this is opened, and not looked for on the disk; compared exactly, so
+    // HTTPS:// is a path.
+    static constexpr std::string_view kWebAddress = "https://";
 
     // Starts the application at `path`: a bundle, a program or a desktop entry; or opens a web
     // address ("https://"), of which it is told who asks. A bundle that runs already is not started

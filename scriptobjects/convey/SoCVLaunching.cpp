@@ -21,7 +21,7 @@ namespace {
 
 constexpr size_t kMaximumTargetBytes = limits::of("launch.target");
 constexpr size_t kMaximumParameterBytes = limits::of("launch.parameters");
-constexpr uint32_t kLaunchSeconds = limits::of("launch.age");
+constexpr uint32_t kParametersSeconds = limits::of("launch.age");
 // This application is launched without parameters and fetches them by itself.
 constexpr const char* kLaunchedWithoutParameters = "docsafe-8.0";
 // What a caller writes into the parameters to have it so for any application.
@@ -63,7 +63,7 @@ void queueLaunchParameters(ConveyContext& context, ConveyData::PrivateData& main
     message->setSender(main.appName());
     message->setType(ConveyData::CV_TYPE_LAUNCH_PARAMETERS);
     message->setSerialNumber(context.getNextSerialNumber());
-    message->setTimeout(kLaunchSeconds);
+    message->setTimeout(kParametersSeconds);
     message->setBody(parameters);
     (void)main.queueOutgoing(std::move(message)); // it has a target and a sender
 }
@@ -94,7 +94,7 @@ int32_t launch(const CVResolution& resolution, const char* parameters, int32_t f
     ConveyThread* const thread = context.getThread();
     (void)thread->setKeyValuePair(key, text);
     // It stays as long as the parameters wait, and goes by itself.
-    (void)thread->setTimeout(key, kLaunchSeconds);
+    (void)thread->setTimeout(key, kParametersSeconds);
     const bool withoutParameters = target == kLaunchedWithoutParameters ||
                                    text.view().find(kNoParameters) != std::string_view::npos;
     // Before it is started: it may look for them in its queue at once.

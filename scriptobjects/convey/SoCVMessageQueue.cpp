@@ -24,10 +24,6 @@ constexpr int64_t kShownBytesAtOnce = 64 * limits::kKiB;
 constexpr size_t kCopiedAtOnce = limits::kMiB;
 constexpr std::chrono::microseconds kCopyPause{50};
 
-bool isWatcher(const Message& message) {
-    return message.getType() == CV_TYPE_WATCHER;
-}
-
 bool isRelated(const Message& message, uint32_t serial) {
     return serial == CV_INVALID_MESSAGE_NUMBER || message.getReceived() == serial ||
            message.getResult() == serial || message.getError() == serial;

@@ -17,6 +17,9 @@
 
 namespace ScObjects::ConveyData {
 
+// Whether the message watches the time of another.
+bool isWatcher(const Convey::Message& message);
+
 // Messages that wait, oldest first: those that were received and those that are to be sent. A
 // message whose time has run out is retired, and its sender told when it asked for that.
 //

@@ -13,10 +13,6 @@ using Message = Convey::Message;
 
 constexpr int64_t kNever = INT64_MAX;
 
-bool isWatcher(const Message& message) {
-    return message.getType() == CV_TYPE_WATCHER;
-}
-
 // The moment at which the message expires, as the clock is now; 0 for one that has expired
 // from the start.
 int64_t deadlineOf(const Message& message) {
@@ -32,6 +28,10 @@ int64_t deadlineOf(const Message& message) {
 }
 
 } // namespace
+
+bool isWatcher(const Message& message) {
+    return message.getType() == CV_TYPE_WATCHER;
+}
 
 // From the newest: as a rule it is one itself.
 template <MessageQueue::Order order>

@@ -29,7 +29,6 @@ using Outcome = Convey::Outcome;
 constexpr uint32_t kUsualSeconds = limits::of("message.watch");
 // The watch of a request ends a second or two behind its time-out.
 constexpr uint32_t kWatchSlackSeconds = 3;
-constexpr uint32_t kPollMilliseconds = 100;
 constexpr const char* kWantsEnd = "Result Error Timeout";
 
 // The layer, when a messenger has started it: the last one stops it.

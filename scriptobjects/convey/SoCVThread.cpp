@@ -58,7 +58,7 @@ uint32_t getSteadySeconds() {
     return static_cast<uint32_t>(ConveyUtils::getSteadyMilliseconds() / 1000);
 }
 
-double now() {
+double roundClock() {
     return static_cast<double>(platform::Clock::system().monotonicMilliseconds());
 }
 
@@ -227,7 +227,7 @@ bool ConveyThread::isIdle() const {
     }
     // Before the second regular round there is no interval to compare with, and the status alone
     // counts.
-    const double time = now();
+    const double time = roundClock();
     const double average = rounds_.average(time);
     const double last = rounds_.last(time);
     return average <= 0 || last <= 0 || time - last <= kIdleIntervals * average;
@@ -266,26 +266,26 @@ void ConveyThread::run() {
     while (ConveySetupThread::isSetupThreadRunning() && !stop_.load()) {
         wait(kSetupPollMilliseconds);
     }
-    double nextRound = now();
+    double nextRound = roundClock();
     Rested rested = Rested::no;
     int quiet = 0; // regular rounds since something happened
     while (!stop_.load()) {
         // Rounds that something has woken come in between and leave the regular ones where they
         // are: a flood must not put off what only time brings.
-        const bool regular = rested == Rested::due || now() >= nextRound;
+        const bool regular = rested == Rested::due || roundClock() >= nextRound;
         const Left rest = tryRound(regular);
         const bool isQuiet = regular && !rest.more && !rest.large && rest.retryMilliseconds < 0;
         quiet = isQuiet ? quiet + 1 : 0;
         if (regular) {
             if (rested != Rested::due) {
                 const ObjectLock guard(*this);
-                rounds_.note(now());
+                rounds_.note(roundClock());
             }
             // Not in the other rounds: blocks that are given back in a busy moment would have to be
             // fetched again at once.
             platform::TextMemory::giveBackWhenIdle();
             remindHost();
-            nextRound = now() + static_cast<double>(kRoundMilliseconds);
+            nextRound = roundClock() + static_cast<double>(kRoundMilliseconds);
         }
         rested = Rested::no;
         if (stop_.load() || rest.more) {
@@ -295,13 +295,13 @@ void ConveyThread::run() {
             if (rested == Rested::woken) {
                 quiet = 0;
                 const ObjectLock guard(*this);
-                nextRound = rounds_.last(now()) + static_cast<double>(kRoundMilliseconds);
+                nextRound = rounds_.last(roundClock()) + static_cast<double>(kRoundMilliseconds);
             }
             continue;
         }
         // A line that was refused is tried again sooner than the next round, and never later:
         // nothing announces that a target has room again.
-        const auto left = static_cast<int64_t>(nextRound - now());
+        const auto left = static_cast<int64_t>(nextRound - roundClock());
         (void)pause(std::clamp<int64_t>(
             rest.retryMilliseconds < 0 ? left : std::min(left, rest.retryMilliseconds), 0,
             kRoundMilliseconds));
@@ -352,7 +352,7 @@ ConveyThread::Rested ConveyThread::rest() {
         }
         result = pause(std::min(left, kParkedMilliseconds)) ? Rested::woken : Rested::due;
         const ObjectLock guard(*this);
-        rounds_.endRest(now());
+        rounds_.endRest(roundClock());
     }
     platform::TextMemory::wakeWhenKept(nullptr);
     restsUntil_.store(kAwake);
@@ -615,7 +615,7 @@ void ConveyThread::appendDiagnostics(SoString& out, const SoString& path) const 
     const ObjectLock guard(*this);
     CVDiagnosticsRows rows(out, root);
     rows.node("", "Thread", specifier_);
-    const double time = now();
+    const double time = roundClock();
     const double last = rounds_.last(time);
     rows.leaf("/avgpump", "Avg. pump interval", rounds_.average(time), "ms");
     rows.leaf("/outofmemory", "Given up for want of memory",

@@ -19,7 +19,7 @@
 namespace ScObjects {
 namespace {
 
-constexpr size_t kMaximumTextBytes = limits::of("thread.key");
+constexpr size_t kMaximumKeyBytes = limits::of("thread.key");
 constexpr uint32_t kForwardedSeconds = limits::of("forward.age");
 
 constexpr const char* kForwardingKeys[] = {
@@ -74,7 +74,7 @@ int32_t ThreadMainMsgHandler::handleMessage(int /*event*/, Convey::Message& mess
         // The first one parts key and value: values such as launch options hold further ones.
         const size_t mark = std::min(text.find('='), text.size());
         // Not copied before its length is known: the table would not take what is longer.
-        if (mark <= kMaximumTextBytes) {
+        if (mark <= kMaximumKeyBytes) {
             const SoString key(text.substr(0, mark));
             answer =
                 mark == text.size() ? answerKey(key, message) : setKey(key, text.substr(mark + 1));
@@ -93,7 +93,7 @@ SoString ThreadMainMsgHandler::setKey(const SoString& key, std::string_view text
                     [&key](const char* own) { return key == own; })) {
         return thread_->getValueForKey(key);
     }
-    if (text.size() > kMaximumTextBytes) {
+    if (text.size() > kMaximumKeyBytes) {
         return thread_->getValueForKey(key);
     }
     SoString value(text);

@@ -13,6 +13,7 @@
 #include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVDiagnosticsRows.h"
 #include "scriptobjects/convey/SoCVInstance.h"
+#include "scriptobjects/convey/SoCVInstanceParts.h"
 #include "scriptobjects/convey/SoCVLaunching.h"
 #include "scriptobjects/convey/SoCVMessageGlobals.h"
 #include "scriptobjects/convey/SoCVOutbox.h"
@@ -30,6 +31,8 @@
 
 namespace ScObjects {
 namespace {
+
+using ConveyData::guarded;
 
 constexpr uint32_t kRefreshSeconds = limits::of("registry.refresh");
 constinit std::atomic<uint32_t> gLastRefresh{0}; // seconds since 1970
@@ -90,16 +93,6 @@ SoString formatted(const SoString& rows) {
         }
     }
     return text;
-}
-
-// The value of `query`, or `neutral` when memory ran out: nothing is thrown at the host.
-template <class Value, class Query>
-Value guarded(Value neutral, Query&& query) noexcept {
-    try {
-        return query();
-    } catch (const std::bad_alloc&) {
-        return neutral;
-    }
 }
 
 // What `query` gives of the process-wide connector, or `neutral`.
