@@ -87,6 +87,7 @@ inline constexpr Limit kAll[] = {
     {"launch.queue", 200, "s", "that it looks for them by its name"},
     {"desktop.wait", 3000, "ms", "for a display that does not answer"},
     {"desktop.window", 20'000, "ms", "until a launched window is there to be put behind"},
+    {"desktop.behind", 5000, "ms", "that it is put behind again; then it is the user's wish"},
     {"desktop.windows", 4096, "windows", "that are looked at"},
     {"desktop.machine-name", 256, "words", "of 4 bytes, of the machine that a window is of"},
     {"process.descriptors", 1 << 20, "descriptors", "closed in a child, where no call closes all"},

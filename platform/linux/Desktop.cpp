@@ -1,5 +1,6 @@
 #include "platform/Desktop.h"
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -15,13 +16,15 @@
 namespace platform {
 namespace {
 
-using std::chrono::milliseconds;
+using Milliseconds = std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-// How long a process may take to show its first window, and a window manager to give it the focus.
-constexpr milliseconds kUntilWindow{limits::of("desktop.window")};
-constexpr milliseconds kAfterWindow{700};
-constexpr milliseconds kLook{200}; // when nothing changes
+// How long a process may take to show its first window, and how long that has to stay behind until
+// it is left alone.
+constexpr Milliseconds kUntilWindow{limits::of("desktop.window")};
+constexpr Milliseconds kAfterWindow{700};
+constexpr Milliseconds kWhileBehind{limits::of("desktop.behind")};
+constexpr Milliseconds kLook{200}; // when nothing changes
 
 // Windows of the process itself, or of a program that a script which was started has started.
 bool belongsTo(uint32_t windowProcess, uint32_t process) {
@@ -61,7 +64,7 @@ uint32_t askWithinLimit(const std::function<uint32_t(const WindowManager&)>& que
         answer->given.notify_all();
     });
     std::unique_lock<std::mutex> lock(answer->mutex);
-    return asked && answer->given.wait_for(lock, milliseconds(Desktop::kMaximumWaitMilliseconds),
+    return asked && answer->given.wait_for(lock, Milliseconds(Desktop::kMaximumWaitMilliseconds),
                                            [&] { return answer->done; })
                ? answer->value
                : 0;
@@ -101,8 +104,11 @@ bool isOneOf(uint32_t window, const std::vector<uint32_t>& windows) {
     return false;
 }
 
+// A busy manager takes its time to read a wish, and gives the focus after it has shown a window. So
+// the time begins anew whenever the window is not behind.
 void holdBehind(const WindowManager& manager, uint32_t process, uint32_t front) {
     auto end = steady_clock::now() + kUntilWindow;
+    auto last = end; // for who takes the focus again and again
     bool seen = false;
     // Ends with the display, too, and with a later wish to see the process in front.
     while (steady_clock::now() < end && manager.waitForChange(kLook.count()) &&
@@ -121,10 +127,15 @@ void holdBehind(const WindowManager& manager, uint32_t process, uint32_t front) 
                 manager.activate(front);
             }
         }
+        const auto time = steady_clock::now();
         if (!seen) {
-            seen = true;
-            end = steady_clock::now() + kAfterWindow;
+            last = time + kWhileBehind;
         }
+        const bool isOnTop = front != 0 && isOneOf(manager.topWindow(), windows);
+        if (!seen || isActive || isOnTop) {
+            end = std::min(time + kAfterWindow, last);
+        }
+        seen = true;
     }
     Held::instance().remove(process);
 }

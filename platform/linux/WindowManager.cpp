@@ -257,6 +257,12 @@ uint32_t WindowManager::activeWindow() const {
     return window.empty() ? 0 : window.front();
 }
 
+uint32_t WindowManager::topWindow() const {
+    const auto windows = connection_->numbers(connection_->root, connection_->clients,
+                                              XCB_ATOM_WINDOW, kMaximumWindows);
+    return windows.empty() ? 0 : windows.back();
+}
+
 std::vector<uint32_t>
 WindowManager::windowsOf(const std::function<bool(uint32_t process)>& isWanted) const {
     std::vector<uint32_t> wanted;

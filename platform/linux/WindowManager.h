@@ -20,6 +20,8 @@ public:
 
     // The window with the focus, 0 for none.
     uint32_t activeWindow() const;
+    // The topmost one, 0 for none.
+    uint32_t topWindow() const;
     // The windows, bottom one first, of the processes that `isWanted`.
     std::vector<uint32_t> windowsOf(const std::function<bool(uint32_t process)>& isWanted) const;
     void activate(uint32_t window) const;
