@@ -6,6 +6,11 @@ target_include_directories(convey_settings INTERFACE $<BUILD_INTERFACE:${PROJECT
 target_compile_options(convey_settings INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wnon-virtual-dtor -Wcast-align
     $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety -Werror=thread-safety>)
+if(CMAKE_UNITY_BUILD)
+    # Sources that are compiled together are no main file any more, and look like headers to g++.
+    target_compile_options(convey_settings INTERFACE
+        $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wno-subobject-linkage>)
+endif()
 # 64-bit file offsets and times on i386 too: a database or a clock must not end in 2038 or at 2 GiB.
 target_compile_definitions(convey_settings INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
 target_link_libraries(convey_settings INTERFACE Threads::Threads)
