@@ -1,16 +1,32 @@
 #pragma once
 
 #include <cerrno>
+#include <fcntl.h>
 #include <unistd.h>
 #include <utility>
 
 namespace platform {
 
-// Owns a file descriptor. Used by one thread at a time.
+// The descriptor, moved where it is no standard stream; -1, and `errno` says why, when there is no
+// room. A host that has closed one of its streams is given that number for the next file that is
+// opened: whatever it then prints would be written into a lock or an identifier, and what is
+// started from it would get that file as its stream.
+inline int behindStandardStreams(int fd) noexcept {
+    if (fd < 0 || fd > STDERR_FILENO) {
+        return fd;
+    }
+    const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    const int error = errno;
+    close(fd);
+    errno = error;
+    return moved;
+}
+
+// Owns a file descriptor, which is none of the standard streams. Used by one thread at a time.
 class Descriptor {
 public:
     Descriptor() = default;
-    explicit Descriptor(int fd) : fd_(fd) {}
+    explicit Descriptor(int fd) : fd_(behindStandardStreams(fd)) {}
     ~Descriptor() { reset(); }
     Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
     Descriptor& operator=(Descriptor&& other) noexcept {

@@ -6,6 +6,8 @@
 #include <unistd.h>
 #include <utility>
 
+#include "platform/linux/Descriptor.h"
+
 namespace platform {
 namespace {
 
@@ -74,7 +76,8 @@ OpenDescriptors& OpenDescriptors::instance() {
     return gOpen;
 }
 
-PortDescriptor::PortDescriptor(int fd) noexcept : fd_(fd), generation_(generation()) {
+PortDescriptor::PortDescriptor(int fd) noexcept
+    : fd_(behindStandardStreams(fd)), generation_(generation()) {
     if (fd_ >= 0) {
         OpenDescriptors& open = OpenDescriptors::instance();
         const std::lock_guard<std::mutex> guard(open.mutex);

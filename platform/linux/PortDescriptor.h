@@ -6,8 +6,8 @@ namespace platform {
 
 // Owns a file descriptor that a child after fork must not keep: it would hold names and take texts
 // that are the parent's. All of them are closed in the child as it is born, and `get` then gives -1
-// there. Takes no memory: what was opened is never lost for want of it. Used by one thread at a
-// time.
+// there. It is none of the standard streams. Takes no memory: what was opened is never lost for
+// want of it. Used by one thread at a time.
 class PortDescriptor {
 public:
     PortDescriptor() = default;

@@ -64,15 +64,6 @@ struct Plan {
     int pipe;
 };
 
-// The descriptor, moved where the child's standard ones do not replace it. A host that has closed
-// one of its own is given that number for the next that it opens: the child would then lose the
-// pipe, or would start the program without that stream, which goes with the exec.
-Descriptor behindStandard(int fd) {
-    Descriptor owned(fd);
-    return owned && fd < kFirstInherited ? Descriptor(fcntl(fd, F_DUPFD_CLOEXEC, kFirstInherited))
-                                         : std::move(owned);
-}
-
 // Decimal, with a zero byte behind it, where there is room for any number.
 void writeNumber(char* out, uint32_t number) {
     char* end = out + 1;
@@ -151,14 +142,14 @@ uint32_t startProcess(const std::string& path, const std::vector<std::string>& a
                       const std::vector<std::string>& environment, const std::string& folder,
                       int& error) {
     int ends[2];
-    const Descriptor null = behindStandard(open("/dev/null", O_RDWR | O_CLOEXEC));
+    const Descriptor null(open("/dev/null", O_RDWR | O_CLOEXEC)); // no standard stream, as the pipe
     if (!null || pipe2(ends, O_CLOEXEC) != 0) {
         error = errno;
         return 0;
     }
     const Descriptor reading(ends[0]);
-    Descriptor writing = behindStandard(ends[1]);
-    if (!writing) {
+    Descriptor writing(ends[1]);
+    if (!reading || !writing) {
         error = errno;
         return 0;
     }

@@ -519,6 +519,28 @@ TEST_F(MessagePortTest, noDescriptorSurvivesExec) {
     EXPECT_EQ(sockets, 6) << "folder, lock, events, listener, both ends of a connection";
 }
 
+// Else what a host prints that has closed its streams would be written over the owner's number.
+TEST_F(MessagePortTest, noFileTakesThePlaceOfAStreamThatIsClosed) {
+    EXPECT_EQ(inChild([&] {
+                  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+                      close(fd);
+                  }
+                  const auto port = ports.open(kName);
+                  if (port == nullptr ||
+                      ports.send(kName, "x", kGenerous) != SendResult::delivered ||
+                      takeOne(*port) != "x") {
+                      return 10;
+                  }
+                  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+                      if (fcntl(fd, F_GETFD) >= 0) {
+                          return 20 + fd;
+                      }
+                  }
+                  return 0;
+              }),
+              0);
+}
+
 TEST_F(MessagePortTest, aDeletedFolderIsMadeAgain) {
     const auto old = ports.open(kName);
     ASSERT_NE(old, nullptr);
