@@ -25,8 +25,9 @@ public:
 class EndRequests {
 public:
     virtual ~EndRequests() = default;
-    // Waits until `signal` is raised: 0; or until the process is asked to end: the system's number
-    // of the request (SIGINT, SIGTERM). One thread: that which made the object.
+    // Waits until `signal` is raised, or while waiting fails for a moment: 0; or until the process
+    // is asked to end: the system's number of the request (SIGINT, SIGTERM). One thread: that which
+    // made the object.
     virtual int wait(const PollSignal& signal) = 0;
 };
 

@@ -1,6 +1,7 @@
 #include "platform/MainLoop.h"
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <iterator>
 #include <mutex>
@@ -10,6 +11,7 @@
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include "platform/Log.h"
@@ -18,6 +20,8 @@
 
 namespace platform {
 namespace {
+
+constexpr std::chrono::milliseconds kPauseAfterFailure{100};
 
 void reportFailure(const char* call) {
     const int error = errno; // building the line may change it
@@ -78,7 +82,11 @@ public:
             // from ending the program.
             pollfd watched[] = {{requests_.get(), POLLIN, 0}, {signal.descriptor(), POLLIN, 0}};
             if (uninterrupted([&] { return poll(watched, std::size(watched), -1); }) < 0) {
-                return SIGTERM; // no memory to wait with: better the end than a busy wait
+                // Memory can be short for a moment. The application goes on, as if it had been
+                // woken, and so often only that others get something done meanwhile.
+                reportFailure("poll");
+                std::this_thread::sleep_for(kPauseAfterFailure);
+                watched[0].revents = watched[1].revents = POLLIN; // reading does not wait
             }
             signalfd_siginfo request{};
             if (watched[0].revents != 0 &&

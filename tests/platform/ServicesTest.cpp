@@ -1,16 +1,20 @@
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <map>
 #include <string>
+#include <sys/resource.h>
 #include <thread>
 #include <vector>
 
 #include "limits/Limits.h"
+#include "platform/MainLoop.h"
 #include "platform/TextMemory.h"
 #include "platform/fake/Fakes.h"
+#include "tests/platform/PortFixture.h"
 
 namespace {
 
@@ -150,6 +154,25 @@ TEST(Frameworks, areLookedForInTheBundleThenWhereTheLayerIsInstalled) {
         EXPECT_EQ(platform::frameworkCandidates(fake, "f"), c.expected);
         unsetenv("CONVEY_CAPS_FOLDER");
     }
+}
+
+// As when memory is short: no reason to end, and a request to end is heard all the same.
+TEST(MainLoops, goOnWhenWaitingFails) {
+    EXPECT_EQ(inChild([] {
+                  platform::MainLoops& loops = platform::MainLoops::own();
+                  const auto signal = loops.newSignal();
+                  const auto requests = loops.takeEndRequests();
+                  const rlimit none = {1, 1}; // the system polls no more descriptors than that
+                  if (requests == nullptr || setrlimit(RLIMIT_NOFILE, &none) != 0) {
+                      return 10;
+                  }
+                  if (requests->wait(*signal) != 0) {
+                      return 20;
+                  }
+                  (void)raise(SIGTERM);
+                  return requests->wait(*signal) == SIGTERM ? 0 : 30;
+              }),
+              0);
 }
 
 TEST(TextMemory, keepsLargeBlocksWithinBoundsUntilNobodyUsesThem) {
