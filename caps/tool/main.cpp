@@ -17,11 +17,10 @@ int main(int argc, char** argv) {
     } catch (const std::exception& error) {
         std::cerr << "ovrel-caps: " << error.what() << '\n';
     }
-    if (!StandardStreams::finish()) {
-        if (!StandardStreams::readerHasGone()) {
-            std::cerr << "ovrel-caps: the output cannot be written: "
-                      << std::generic_category().message(StandardStreams::failure()) << '\n';
-        }
+    // A reader that has gone (`| head -1`) has what it wants, and the answer stays what it is.
+    if (!StandardStreams::finish() && !StandardStreams::readerHasGone()) {
+        std::cerr << "ovrel-caps: the output cannot be written: "
+                  << std::generic_category().message(StandardStreams::failure()) << '\n';
         return 1;
     }
     return status;

@@ -181,6 +181,30 @@ TEST_F(ConveyToolTest, endsAtOnceWhenItIsInterrupted) {
     }
 }
 
+// `| head -1` is no error: nothing is said, no port stays, and the status is the answer's.
+TEST_F(ConveyToolTest, aReaderMayLeave) {
+    const struct {
+        const char* command;
+        const char* status;
+    } cases[] = {
+        {"ping lumen --count 100000 --interval 0.01", "0"},
+        {"diagnose lumen", "0"},
+        {"diagnose docsafe", "1"},
+        {"limits", "0"},
+        {"send lumen --body x", "0"},
+    };
+    for (const auto& [command, status] : cases) {
+        SCOPED_TRACE(command);
+        const ProcessResult result = runProcess(
+            {"/bin/bash", "-c",
+             "'" CONVEY_PROGRAM "' " + std::string(command) + " | head -1 >&2; echo $PIPESTATUS"});
+        EXPECT_EQ(result.out, std::string(status) + "\n");
+        EXPECT_THAT(result.err, Not(HasSubstr("written")));
+        const Json left = json({"ports"});
+        EXPECT_EQ(left["ports"].size(), 3U) << left; // those of lumen
+    }
+}
+
 // A sentence of the documents, with any numbers and anything for "...".
 std::string patternOf(const std::string& sentence) {
     std::string pattern;

@@ -177,7 +177,13 @@ TEST_F(FaultsTest, anAnswerIsWrittenOrTheStatusSaysThatItIsNot) {
         int gone[2];
         ASSERT_EQ(pipe2(gone, O_CLOEXEC), 0);
         close(gone[0]);
-        EXPECT_EQ(runOnto(gone[1], openNull(), command), lost) << "nobody reads";
+        const std::string said = folder.file("said");
+        EXPECT_EQ(runOnto(gone[1],
+                          open(said.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC, 0600),
+                          command),
+                  forPrograms ? lost : 0)
+            << "nobody reads";
+        EXPECT_EQ(TemporaryFolder::read(said), "");
     }
 }
 

@@ -263,8 +263,9 @@ Exit send(const Output& output, const SendOptions& options) {
         return isAsking ? replies.hasEnded()
                         : !queued || !session.instance().outgoingMessagePending();
     };
-    while (!isDone() && !Session::isEnding() && steady_clock::now() < end) {
-        Session::pumpFor(20);
+    // Also when nobody reads any more: the result is the status, too.
+    while (!isDone() && !Ending::isInterrupted() && steady_clock::now() < end) {
+        (void)Convey::pumpOrWait(20);
     }
     if (!isDone()) {
         replies.add(isAsking ? "no answer" : "still queued", false);

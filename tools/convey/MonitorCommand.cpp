@@ -364,7 +364,8 @@ Exit monitor(const Output& output, const MonitorOptions& options) {
     if (observer.dropped() != 0) {
         output.note(std::to_string(observer.dropped()) + " events were dropped");
     }
-    return options.count == 0 || observer.events() >= options.count ? kDone : kNo;
+    return options.count == 0 || observer.events() >= options.count || Session::isEnding() ? kDone
+                                                                                           : kNo;
 }
 
 } // namespace convey_tool

@@ -70,8 +70,12 @@ void Ending::listen(const bool& inJson) {
     }
 }
 
+bool Ending::isInterrupted() {
+    return gEnding != 0;
+}
+
 bool Ending::isAsked() {
-    return gEnding != 0 || platform::StandardStreams::failure() != 0;
+    return isInterrupted() || platform::StandardStreams::failure() != 0;
 }
 
 void Ending::finish(int status) {

@@ -15,6 +15,7 @@ class Ending {
 public:
     // From now on; once, before there are other threads. `inJson`: a forced end leaves a document.
     static void listen(const bool& inJson);
+    static bool isInterrupted(); // by a signal
     // Also true when nobody reads any more what the tool says.
     static bool isAsked();
     // Every end of the process goes this way, so that two threads do not end it at once. `status`

@@ -18,11 +18,10 @@ int main(int argc, char** argv) {
     } catch (const std::exception& error) { // without the memory to say it nicely
         std::cerr << "convey: " << error.what() << std::endl;
     }
-    if (!StandardStreams::finish()) {
-        if (!StandardStreams::readerHasGone()) {
-            std::cerr << "convey: the output cannot be written: "
-                      << std::generic_category().message(StandardStreams::failure()) << std::endl;
-        }
+    // A reader that has gone (`| head -1`) has what it wants, and the answer stays what it is.
+    if (!StandardStreams::finish() && !StandardStreams::readerHasGone()) {
+        std::cerr << "convey: the output cannot be written: "
+                  << std::generic_category().message(StandardStreams::failure()) << std::endl;
         status = convey_tool::kNoLayer;
     }
     convey_tool::Ending::finish(status);
