@@ -86,6 +86,7 @@ TEST_F(ConveyToolTest, answersByItsExitStatus) {
          "\"nothing\" is no NAME=VALUE"},
         {{"launch", "viewer", "-open", "x"}, 1, "", "viewer-1.0 could not be launched"},
         {{"launch", "nosuch"}, 1, "", "nosuch is not installed"},
+        {{"launch", "nosuch", "--json"}, 1, "", "nosuch is not installed"},
         {{"launch", "lumen"}, 0, "lumen-2.5-en_us runs already\n", ""},
         {{"launch", "lumen", "--help"}, 1, "runs already", "takes no parameters"},
         {{"launch", "--json", "--", "lumen", "-x", "--behind", "--json", "--", "-open y"},

@@ -40,7 +40,6 @@ public:
 
     // Takes the command line apart and runs what it names. Throws CLI::ParseError and Failure.
     Exit run(std::vector<std::string> words) {
-        takeLaunchParameters(words);
         requireCommand(words);
         std::reverse(words.begin(), words.end()); // as the parser wants them
         app_.parse(words);
@@ -48,6 +47,25 @@ public:
             output_.out.rdbuf(nullptr); // which takes nothing
         }
         return chosen_();
+    }
+
+    // What stands behind the specifier of `launch` is the application's, whatever it looks like.
+    void takeLaunchParameters(std::vector<std::string>& words) {
+        size_t i = commandIn(words);
+        if (i == words.size() || words[i] != "launch") {
+            return;
+        }
+        for (++i; i < words.size() && words[i].size() > 1 && words[i][0] == '-'; ++i) {
+            if (words[i] == "--") {
+                ++i;
+                break;
+            }
+            i += words[i] == "--wait" ? 1 : 0;
+        }
+        for (size_t word = i + 1; word < words.size(); ++word) {
+            launch_.parameters += (launch_.parameters.empty() ? "" : " ") + words[word];
+        }
+        words.resize(std::min(words.size(), i + 1));
     }
 
 private:
@@ -75,25 +93,6 @@ private:
         const auto isWord = [](const std::string& word) { return word.empty() || word[0] != '-'; };
         return static_cast<size_t>(std::find_if(words.begin(), words.end(), isWord) -
                                    words.begin());
-    }
-
-    // What stands behind the specifier of `launch` is the application's, whatever it looks like.
-    void takeLaunchParameters(std::vector<std::string>& words) {
-        size_t i = commandIn(words);
-        if (i == words.size() || words[i] != "launch") {
-            return;
-        }
-        for (++i; i < words.size() && words[i].size() > 1 && words[i][0] == '-'; ++i) {
-            if (words[i] == "--") {
-                ++i;
-                break;
-            }
-            i += words[i] == "--wait" ? 1 : 0;
-        }
-        for (size_t word = i + 1; word < words.size(); ++word) {
-            launch_.parameters += (launch_.parameters.empty() ? "" : " ") + words[word];
-        }
-        words.resize(std::min(words.size(), i + 1));
     }
 
     void requireCommand(const std::vector<std::string>& words) const {
@@ -328,7 +327,8 @@ int conveyToolMain(int argc, char** argv) {
     static Output output = standardOutput(results, std::cerr); // until the end of the process
     CommandLine commandLine(output);
     // An error of the command line is told in JSON as well, wherever the option stands.
-    const std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
+    std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
+    commandLine.takeLaunchParameters(words);
     output.json = std::find(words.begin(), words.end(), "--json") != words.end();
     Ending::listen(output.json);
     const auto fail = [](Exit status, const std::string& text, Json document) {
