@@ -33,7 +33,7 @@ class Event:
     def read(cls, message: Message) -> Event:
         """Each value is taken from its own place, so that no header passes for a field: of the
         fields, which stand before the headers, the first counts."""
-        event = cls(message.sender, dropped=int(message.headers.get("Dropped", "") or 0))
+        event = cls(message.sender)
         own = ""
         seen = set()
         for row in message.body.split("\n"):
@@ -79,10 +79,17 @@ class Watch:
         self._keys = [_BODIES, _KEY] if bodies else [_KEY]  # no event goes before its body
         self._ping = ping
         self._events: asyncio.Queue[Event] = asyncio.Queue()
+        self._last = 0  # event that has arrived
         self._dropped = 0
 
     def take(self, message: Message) -> None:
         event = Event.read(message)
+        counted = message.headers.get("Event-Number", "")
+        number = int(counted) if counted.isdecimal() else 0
+        # It counts anew when it was started again.
+        expected = self._last + 1 if number > self._last else 1
+        event.dropped = max(0, number - expected)
+        self._last = number
         if self._events.qsize() >= _MOST_KEPT:
             self._dropped += 1 + event.dropped
             return

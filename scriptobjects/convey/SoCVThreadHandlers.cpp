@@ -22,6 +22,10 @@ namespace {
 constexpr size_t kMaximumKeyBytes = limits::of("thread.key");
 constexpr uint32_t kForwardedSeconds = limits::of("forward.age");
 
+// Counts the events that an observer was to have, so that it sees where it has missed some: what it
+// did not take within a bound and a time is not told to it.
+constexpr const char* kEventNumber = "Event-Number";
+
 constexpr const char* kForwardingKeys[] = {
     ConveyData::CV_FORWARD_MESSAGES, ConveyData::CV_FORWARD_ERRORS, ConveyData::CV_FORWARD_LOGS};
 
@@ -170,7 +174,9 @@ int32_t ThreadForwardMsgHandler::handleMessage(int /*event*/, Convey::Message& m
     if (main == nullptr) {
         return 1;
     }
+    ++events_;
     auto forwarded = std::make_unique<Convey::Message>(message);
+    forwarded->setHeader(kEventNumber, static_cast<unsigned long>(events_));
     forwarded->setTarget(observer_);
     forwarded->setSender(main->appName());
     forwarded->setType(key_);

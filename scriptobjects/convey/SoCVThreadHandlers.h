@@ -74,6 +74,8 @@ public:
 private:
     const SoString observer_;
     const SoString key_;
+    // Events so far. One thread at a time hands them over.
+    uint32_t events_ = 0;
 };
 
 } // namespace ScObjects

@@ -576,6 +576,11 @@ TEST_F(EngineTest, forwardsWhatItHandlesToAnObserver) {
     EXPECT_THAT(seen, testing::HasSubstr(";Text;last\n"));
     EXPECT_THAT(seen, testing::HasSubstr("];added;\n"));
     EXPECT_THAT(seen, testing::HasSubstr("MsgRoot:/own-1.0/instances/own-1.0/in\n"));
+    size_t at = 0;
+    for (const char* number : {"1", "2", "3", "4"}) { // so that it sees where one is missing
+        at = seen.find("Event-Number:" + std::string(number) + "\n", at);
+        ASSERT_NE(at, std::string::npos) << number << "\n" << seen;
+    }
     EXPECT_EQ(set("FWDMESSAGES="), "");
     EXPECT_EQ(own.findHandler("FWDMESSAGES", kAny), nullptr);
 }

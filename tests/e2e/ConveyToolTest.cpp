@@ -559,6 +559,28 @@ TEST_F(ConveyToolTest, monitorsAConversation) {
     EXPECT_TRUE(eventually(isDone)) << "the target sees that nobody is there";
 }
 
+// What is forwarded has its number, and a gap is told where it is.
+TEST_F(ConveyToolTest, saysWhereItHasMissedEvents) {
+    RunningProcess monitor({CONVEY_PROGRAM, "monitor", "lumen", "--json"});
+    ASSERT_TRUE(eventually([] {
+        return json({"ping", "lumen", "--key", "FWDMESSAGES"})["answer"] != "";
+    }));
+    const auto forward = [&](const char* number) { // as an application does it, each time another
+        const ProcessResult sent = tool(
+            {"send", "monitor" + std::to_string(monitor.pid()) + "-2.0", "--type", "FWDMESSAGES",
+             "--header", "Event-Number=" + std::string(number), "--body", "x", "--wait", "0"});
+        EXPECT_EQ(sent.exitStatus, 0) << sent.err;
+        return sent.exitStatus == 0;
+    };
+    ASSERT_TRUE(forward("1"));
+    Json line = Json::parse(monitor.readLine());
+    EXPECT_FALSE(line.contains("dropped")) << line;
+    ASSERT_TRUE(forward("5"));
+    line = Json::parse(monitor.readLine());
+    EXPECT_EQ(line.value("dropped", 0), 4) << line;
+    EXPECT_EQ(Json::parse(monitor.readLine())["of"], line["of"]);
+}
+
 TEST_F(ConveyToolTest, monitorsErrorsAndSteps) {
     for (const char* option : {"--errors", "--logs"}) {
         RunningProcess monitor({CONVEY_PROGRAM, "monitor", "lumen", option, "--json"});
@@ -583,8 +605,8 @@ TEST_F(ConveyToolTest, watchesSeveralAndRecordsThem) {
     const auto viewer = host("viewer-1.0", {"--quiet"});
     const std::string file = folder.file("capture");
     RunningProcess monitor({CONVEY_PROGRAM, "monitor", "lumen", "viewer", "--match",
-                            "type=Tess*,to=*", "--match", "header=sender=x", "--count", "10",
-                            "--timeout", "40", "--headers", "--bodies", "--capture", file,
+                            "type=Tess*,to=*", "--match", "header=sender=x,body=*two*", "--count",
+                            "10", "--timeout", "40", "--headers", "--bodies", "--capture", file,
                             "--json"});
     for (const char* target : {"lumen", "viewer"}) {
         ASSERT_TRUE(eventually([&] {

@@ -20,10 +20,10 @@ using std::chrono::steady_clock;
 namespace {
 
 constexpr uint32_t kAnyNumber = ScObjects::ConveyData::CV_INVALID_MESSAGE_NUMBER;
-constexpr int32_t kSetSeconds = 2;           // for setting a key of another process
-constexpr int64_t kCheckMilliseconds = 2000; // how soon the end of a watched process is seen
-constexpr const char* kBodies = "FWDBODIES"; // the key by which whole bodies are asked for
-constexpr const char* kDropped = "Dropped";  // the header that says how many events went before
+constexpr int32_t kSetSeconds = 2;              // for setting a key of another process
+constexpr int64_t kCheckMilliseconds = 2000;    // how soon the end of a watched process is seen
+constexpr const char* kBodies = "FWDBODIES";    // the key by which whole bodies are asked for
+constexpr const char* kNumber = "Event-Number"; // the header that counts what was to be told
 
 // The keys by which a process is asked to forward, and what a line calls them.
 struct Kind {
@@ -46,6 +46,11 @@ std::string timeText(std::chrono::system_clock::time_point time, bool forProgram
     return text;
 }
 
+// As much of it as the observed application was asked for.
+const std::string& bodyOf(const MessageRows& message) {
+    return message.whole.empty() ? message.text : message.whole;
+}
+
 // What `--match` asks for: every one of its patterns.
 class Match {
 public:
@@ -57,6 +62,10 @@ public:
                 at = end + 1;
             }
         }
+    }
+    bool wantsBodies() const {
+        return std::any_of(patterns_.begin(), patterns_.end(),
+                           [](const auto& pattern) { return pattern.first == "body"; });
     }
     bool holds(const MessageRows& message) const {
         const auto fits = [](const std::string& pattern, const std::string& text) {
@@ -76,7 +85,8 @@ public:
                 }
             } else if (!fits(pattern, field == "type"   ? message.type
                                       : field == "from" ? message.sender
-                                                        : message.target)) {
+                                      : field == "to"   ? message.target
+                                                        : bodyOf(message))) {
                 return false;
             }
         }
@@ -88,9 +98,9 @@ private:
         const size_t equals = text.find('=');
         const std::string field = text.substr(0, equals);
         if (equals == std::string::npos ||
-            std::set<std::string>{"type", "from", "to", "header"}.count(field) == 0) {
-            throw Failure(kUsage,
-                          "--match wants type=, from=, to= or header=, not \"" + text + "\"");
+            std::set<std::string>{"type", "from", "to", "header", "body"}.count(field) == 0) {
+            throw Failure(kUsage, "--match wants type=, from=, to=, header= or body=, not \"" +
+                                      text + "\"");
         }
         patterns_.emplace_back(field, text.substr(equals + 1));
     }
@@ -149,7 +159,7 @@ public:
                 kinds_.push_back({ScObjects::ConveyData::CV_FORWARD_LOGS, "logs"});
             }
         }
-        if (options.bodies || !options.captureFile.empty()) {
+        if (options.bodies || !options.captureFile.empty() || match_.wantsBodies()) {
             kinds_.push_back({kBodies, "bodies"});
         }
         for (const Kind& kind : kinds_) {
@@ -200,10 +210,15 @@ public:
 
 private:
     void take(const Kind& kind, const Convey::Message& forwarded) {
-        const uint64_t dropped =
-            std::strtoull(toStd(forwarded.getUserHeaderValue(kDropped)).c_str(), nullptr, 10);
         const auto now = std::chrono::system_clock::now();
         const std::string of = toStd(forwarded.getSender());
+        const uint64_t number =
+            std::strtoull(toStd(forwarded.getUserHeaderValue(kNumber)).c_str(), nullptr, 10);
+        uint64_t& last = last_[{of, kind.key}];
+        // It counts anew when it was started again, and a process of before counts nothing.
+        const uint64_t expected = number > last ? last + 1 : 1;
+        const uint64_t dropped = number > expected ? number - expected : 0;
+        last = number;
         if (dropped != 0) {
             dropped_ += dropped;
             record({{"time", timeText(now, true)}, {"of", of}, {"dropped", dropped}});
@@ -241,7 +256,7 @@ private:
             json["headers"] = headers;
         }
         if (options_.bodies || !options_.captureFile.empty()) {
-            json["body"] = message.whole.empty() ? message.text : message.whole;
+            json["body"] = bodyOf(message);
         }
         record(json);
         if (!output_.json) {
@@ -293,6 +308,7 @@ private:
     std::ofstream capture_;
     uint64_t events_ = 0;
     uint64_t dropped_ = 0;
+    std::map<std::pair<std::string, const char*>, uint64_t> last_; // number of each kind
     Convey instance_;
     // Before the instance goes, so that nothing is forwarded to a name that nobody has.
     std::map<std::string, std::vector<std::unique_ptr<Forwarding>>> watched_;

@@ -215,7 +215,7 @@ private:
         watching.add_flag("--logs", monitor_.logs, "Each step of each message");
         watching
             .add_option("--match", monitor_.match,
-                        "type=,from=,to=,header=NAME[=VALUE]: patterns that all must hold")
+                        "type=,from=,to=,header=NAME[=VALUE],body=: patterns that all must hold")
             ->allow_extra_args(false)
             ->check(isNoOption);
         watching.add_flag("--headers", monitor_.headers, "With their headers");

@@ -22,7 +22,7 @@ _convey() {
     --key) values='STATUS INFO LAUNCHED LAUNCHPARAMS SETUPTIME DIAGNOSTICS' ;;
     --sort) values='name processor memory waiting answer' ;;
     --type) values='Tessaly' ;;
-    --match) values='type= from= to= header=' ;;
+    --match) values='type= from= to= header= body=' ;;
     --html | --capture)
         mapfile -t COMPREPLY < <(compgen -f -- "$current")
         return

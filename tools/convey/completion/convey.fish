@@ -48,7 +48,7 @@ complete -c convey -n '__fish_seen_subcommand_from monitor' -l errors -d 'What f
 complete -c convey -n '__fish_seen_subcommand_from monitor' -l logs -d 'Each step'
 complete -c convey -n '__fish_seen_subcommand_from ports' -l clean -d 'Remove what is stale'
 complete -c convey -n '__fish_seen_subcommand_from monitor' -l all -d 'All that run'
-complete -c convey -n '__fish_seen_subcommand_from monitor' -l match -x -a 'type= from= to= header=' -d Patterns
+complete -c convey -n '__fish_seen_subcommand_from monitor' -l match -x -a 'type= from= to= header= body=' -d Patterns
 complete -c convey -n '__fish_seen_subcommand_from monitor' -l headers -d 'With headers'
 complete -c convey -n '__fish_seen_subcommand_from monitor' -l bodies -d 'Whole bodies'
 complete -c convey -n '__fish_seen_subcommand_from monitor' -l capture -r -F -d Record
