@@ -145,6 +145,18 @@ TEST(Output, fitsTheTerminal) {
         table.print(output);
         EXPECT_EQ(out.str(), c.expected) << c.columns;
     }
+    for (const auto& [columns, expected] : std::map<int, const char*>{
+             {0, "größer /opt/a/path and more\n"},
+             {18, "größer\n   /opt/a/path and\n   more\n"},
+             {17, "größer\n   /opt/a/path\n   and more\n"},
+             {5, "größer\n   /opt/a/path\n   and\n   more\n"},
+         }) {
+        std::ostringstream text;
+        Output output{text, text};
+        output.columns = columns;
+        output.paragraph("größer /opt/a/path and more", 3);
+        EXPECT_EQ(text.str(), expected) << columns;
+    }
     std::ostringstream out;
     Output output{out, out};
     EXPECT_EQ(output.show("plain", Style::bad), "plain") << "no colour but on a terminal";

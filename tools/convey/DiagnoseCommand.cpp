@@ -100,7 +100,7 @@ Exit show(const Output& output, const DiagnoseOptions& options, const std::strin
             output.out << kClear;
         }
         const Style style = verdict.isHealthy ? Style::good : Style::bad;
-        output.out << output.show(verdict.sentence, style) << "\n";
+        output.paragraph(verdict.sentence, 0, style);
         if (!rows.empty()) {
             output.out << '\n';
             printQueues(output, readTree(rows));
@@ -109,7 +109,8 @@ Exit show(const Output& output, const DiagnoseOptions& options, const std::strin
             output.out << '\n';
             printTree(output, tree);
             if (output.isTerminal && options.path.empty()) { // what was said first is out of sight
-                output.out << '\n' << output.show(verdict.sentence, style) << '\n';
+                output.out << '\n';
+                output.paragraph(verdict.sentence, 0, style);
             }
         }
         output.out.flush();

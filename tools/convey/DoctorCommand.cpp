@@ -280,10 +280,11 @@ Exit doctor(const Output& output, const DoctorOptions& options) {
                                                                : Style::plain;
             std::string word = wordOf(check.health);
             word.resize(5, ' ');
-            output.out << output.show(word, style) << "  " << output.show(check.subject) << ": "
-                       << output.show(check.text) << '\n';
+            output.out << output.show(word, style) << "  ";
+            output.paragraph(check.subject + ": " + check.text, 7);
             if (!check.advice.empty()) {
-                output.out << "       -> " << output.show(check.advice) << '\n';
+                output.out << "       -> ";
+                output.paragraph(check.advice, 10);
             }
         }
         output.out.flush();

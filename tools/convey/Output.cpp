@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <ostream>
+#include <sstream>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -66,6 +67,21 @@ std::string Output::show(const std::string& text, Style style) const {
         shown += byte < 0x20 || byte == 0x7f || isSecondRange ? '?' : text[i];
     }
     return colour && style != Style::plain ? codeOf(style) + shown + "\x1b[0m" : shown;
+}
+
+void Output::paragraph(const std::string& text, size_t indent, Style style) const {
+    const auto room = columns > static_cast<int>(indent) ? static_cast<size_t>(columns) - indent
+                                                         : std::string::npos;
+    std::string line;
+    std::istringstream words(text);
+    for (std::string word; std::getline(words, word, ' ');) {
+        if (!line.empty() && width(line) + 1 + width(word) > room) {
+            out << show(line, style) << '\n' << std::string(indent, ' ');
+            line.clear();
+        }
+        line += (line.empty() ? "" : " ") + word;
+    }
+    out << show(line, style) << '\n';
 }
 
 void Output::print(const Json& value, bool inOneLine) const {

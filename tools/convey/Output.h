@@ -44,6 +44,9 @@ struct Output {
     // The text with control characters replaced (what another process or a database says must not
     // steer the terminal) and in a style.
     std::string show(const std::string& text, Style style = Style::plain) const;
+    // A text whose first line begins in column `indent`, and the others under it, broken between
+    // words where the terminal ends.
+    void paragraph(const std::string& text, size_t indent, Style style = Style::plain) const;
     // The one document that a command prints; `inOneLine`: one of a stream that has no end.
     void print(const Json& json, bool inOneLine = false) const;
     // Whether anything was printed so.
