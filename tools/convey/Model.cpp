@@ -32,14 +32,7 @@ MessageRows readMessage(const std::string& rows, const std::string& root) {
     std::string own;   // the path of the message's heading
     std::string below; // and of its headers
     std::string_view rest(rows);
-    while (!rest.empty()) {
-        const size_t end = rest.find('\n');
-        Row row;
-        const bool isRow = readRow(rest.substr(0, end), row);
-        rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
-        if (!isRow) {
-            continue;
-        }
+    for (Row row; takeRow(rest, row);) {
         if (own.empty()) {
             if (row.isHeading && row.path.compare(0, root.size() + 4, root + "/msg") == 0 &&
                 row.label.size() > 5) {

@@ -54,31 +54,30 @@ void printNodes(const Output& output, const std::vector<Node>& nodes, const std:
 
 } // namespace
 
-bool readRow(std::string_view text, Row& row) {
-    SoString path;
-    SoString label;
-    SoString value;
-    if (!ScObjects::ConveyUtils::parseInfoLine(SoString(text), path, label, value, row.isHeading)) {
-        return false;
+bool takeRow(std::string_view& rows, Row& row) {
+    while (!rows.empty()) {
+        const size_t end = rows.find('\n');
+        const std::string_view line = rows.substr(0, end);
+        rows = end == std::string_view::npos ? std::string_view() : rows.substr(end + 1);
+        SoString path;
+        SoString label;
+        SoString value;
+        if (ScObjects::ConveyUtils::parseInfoLine(SoString(line), path, label, value,
+                                                  row.isHeading)) {
+            row.path = path.view();
+            row.label = unfolded(label.view());
+            row.value = unfolded(value.view());
+            return true;
+        }
     }
-    row.path = path.view();
-    row.label = unfolded(label.view());
-    row.value = unfolded(value.view());
-    return true;
+    return false;
 }
 
 Node readTree(const std::string& rows) {
     Node root;
     std::vector<Node*> open{&root}; // from the root to the node that was added last
     std::string_view rest(rows);
-    while (!rest.empty()) {
-        const size_t end = rest.find('\n');
-        Row row;
-        const bool isRow = readRow(rest.substr(0, end), row);
-        rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
-        if (!isRow) {
-            continue;
-        }
+    for (Row row; takeRow(rest, row);) {
         Node node{
             std::move(row.path), std::move(row.label), std::move(row.value), row.isHeading, {}};
         while (open.size() > 1 &&

@@ -17,15 +17,15 @@ struct Node {
     std::vector<Node> children;
 };
 
-// A row of a diagnostics text; label and value as they were before they became part of a row. False
-// for what is none.
+// A row of a diagnostics text; label and value as they were before they became part of a row.
 struct Row {
     std::string path;
     std::string label;
     std::string value;
     bool isHeading = false;
 };
-bool readRow(std::string_view text, Row& row);
+// Takes the next row off the front of `rows`, with lines that are none; false when none is left.
+bool takeRow(std::string_view& rows, Row& row);
 
 // What is no row is left out. A row whose parent has no row hangs on the nearest one that has; the
 // root has no row of its own. At most 64 deep.
