@@ -14,7 +14,8 @@ namespace {
 
 using namespace ConveyData;
 
-constexpr const char* kTextVersion = "2.05";
+constexpr std::string_view kTextVersion = "2.05";
+constexpr std::string_view kPlainType = CV_TYPE_PLAIN;
 
 // The types that the layer gives a meaning to.
 constexpr std::array<std::string_view, 12> kSystemTypes = {
@@ -40,7 +41,7 @@ Convey::Header::Header(std::string_view headerName, std::string_view headerValue
     : name(headerName), value(headerValue) {}
 
 Convey::Message::Message()
-    : type_(CV_TYPE_PLAIN), timestamp_(ConveyUtils::getTimeSeconds()), version_(kTextVersion) {}
+    : type_(kPlainType), timestamp_(ConveyUtils::getTimeSeconds()), version_(kTextVersion) {}
 
 Convey::Message::Message(const Message& other) : Message(other, SoString(other.body_)) {}
 

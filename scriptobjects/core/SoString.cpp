@@ -6,6 +6,7 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <new>
 #include <string>
@@ -21,11 +22,6 @@ constexpr int64_t kMaximumLength = limits::of("string.length");
 constexpr int32_t kMaximumScannedUnits = limits::of("string.unmeasured");
 constexpr uint32_t kReplacement = 0xFFFD;
 constexpr int kEncodedBytes = 6; // of the longest code point
-
-// What strings point to until they hold something. Half of a registry's texts stay empty, and
-// without this a listing spends a third of its time in the heap for them. All threads share it, so
-// nobody may write to it.
-constinit char gEmptyBuffer[1] = {'\0'};
 
 // The smallest multiple of the step that is above `length`. Above, so that the zero byte has room
 // behind a text that fills its step.
@@ -43,16 +39,23 @@ int64_t spareFor(int32_t length, int64_t newLength) {
                                  : std::clamp<int64_t>(kMaximumLength - newLength, 0, length / 4);
 }
 
-char* newBuffer(int64_t length) {
+// The buffer (null for none) with room for a text of `length` bytes, content kept.
+char* grown(char* buffer, int64_t length) {
     // The capacity, a step more than the length at most, must fit into 32 bits, too.
     if (length > kMaximumLength) {
         throw std::bad_alloc();
     }
-    auto* buffer = static_cast<char*>(SoHeap::mallocHeap(static_cast<size_t>(capacityFor(length))));
-    if (buffer == nullptr) {
+    const auto bytes = static_cast<size_t>(capacityFor(length));
+    void* const larger =
+        buffer == nullptr ? SoHeap::mallocHeap(bytes) : SoHeap::reallocHeap(buffer, bytes);
+    if (larger == nullptr) {
         throw std::bad_alloc();
     }
-    return buffer;
+    return static_cast<char*>(larger);
+}
+
+char* newBuffer(int64_t length) {
+    return grown(nullptr, length);
 }
 
 // What a text with a length, or without one, stands for.
@@ -171,23 +174,19 @@ void walkUtf8(const char* text, const char* end, uint32_t steps, Use&& use) {
 
 } // namespace
 
-SoString::SoString() noexcept : data_(gEmptyBuffer), capacity_(kStep) {}
+SoString::SoString() noexcept = default;
 
-SoString::SoString(char c) : data_(newBuffer(1)), length_(1), capacity_(kStep) {
-    data_[0] = c;
-    data_[1] = '\0';
+SoString::SoString(char c) : length_(1) {
+    short_[0] = c;
 }
 
 // For constructors: an uninitialised buffer for `length` bytes, which may be none.
-void SoString::reserveFresh(int64_t length) {
-    if (length == 0) {
-        data_ = gEmptyBuffer;
-        capacity_ = kStep;
-        return;
+inline void SoString::reserveFresh(int64_t length) {
+    if (length >= kShortBytes) {
+        data_ = newBuffer(length);
+        capacity_ = capacityFor(length);
     }
-    data_ = newBuffer(length);
     length_ = static_cast<int32_t>(length);
-    capacity_ = capacityFor(length);
     data_[length] = '\0';
 }
 
@@ -203,12 +202,22 @@ SoString::SoString(const SoString& other) : SoHeap(other) {
     std::memcpy(data_, other.data_, static_cast<size_t>(length_));
 }
 
-SoString::SoString(SoString&& other) noexcept
-    : SoHeap(other), data_(other.data_), length_(other.length_), capacity_(other.capacity_) {
-    // `data_` is never null, and who uses the other again finds an empty string.
-    other.data_ = gEmptyBuffer;
-    other.length_ = 0;
-    other.capacity_ = kStep;
+SoString::SoString(SoString&& other) noexcept : SoHeap(other) {
+    take(other);
+}
+
+// What the other holds, whatever this one points to. Who uses the other again finds it empty.
+void SoString::take(SoString& other) noexcept {
+    if (other.data_ == other.short_) {
+        // All of them: a number that is known here costs less than the length, which is not.
+        std::memcpy(short_, other.short_, kShortBytes);
+        data_ = short_;
+    } else {
+        data_ = std::exchange(other.data_, other.short_);
+    }
+    length_ = std::exchange(other.length_, 0);
+    capacity_ = std::exchange(other.capacity_, kStep);
+    other.short_[0] = '\0';
 }
 
 SoString::SoString(const unsigned short* utf16, int32_t length) {
@@ -233,16 +242,6 @@ SoString::~SoString() {
     release();
 }
 
-int32_t SoString::heapBytes() const {
-    return data_ == gEmptyBuffer ? 0 : capacity_;
-}
-
-void SoString::release() {
-    if (data_ != gEmptyBuffer) {
-        freeHeap(data_);
-    }
-}
-
 SoString& SoString::operator=(const SoString& other) {
     if (this != &other) {
         assign(other.data_, other.length_);
@@ -251,13 +250,9 @@ SoString& SoString::operator=(const SoString& other) {
 }
 
 SoString& SoString::operator=(SoString&& other) noexcept {
-    // Exchanged, so that nothing needs memory and the other goes on with a buffer of its own.
-    std::swap(data_, other.data_);
-    std::swap(length_, other.length_);
-    std::swap(capacity_, other.capacity_);
-    // Moved into itself it keeps its text.
-    if (this != &other) {
-        other.shrink(0);
+    if (this != &other) { // moved into itself it keeps its text
+        release();
+        take(other);
     }
     return *this;
 }
@@ -268,10 +263,7 @@ const char* SoString::assign(const char* text, int32_t length) {
 
 const char* SoString::assign(std::string_view text) {
     const int64_t bytes = lengthOf(text);
-    if (data_ == gEmptyBuffer && bytes == 0) {
-        return data_;
-    }
-    if (capacity_ < bytes + 1 || data_ == gEmptyBuffer) {
+    if ((data_ == short_ ? kShortBytes : capacity_) <= bytes) {
         // A text that needs more room than the buffer has does not lie in it.
         // The new buffer comes before the old one goes: without memory the string stays as it is.
         char* buffer = newBuffer(bytes);
@@ -287,8 +279,8 @@ const char* SoString::assign(std::string_view text) {
 }
 
 bool SoString::hasRoomFor(int64_t length) {
-    if (data_ == gEmptyBuffer) {
-        return false;
+    if (data_ == short_) {
+        return length < kShortBytes;
     }
     if (length >= capacity_ && length_ >= kLargeLength && length <= kMaximumLength &&
         static_cast<size_t>(capacityFor(length)) <= platform::TextMemory::roomOf(data_)) {
@@ -305,31 +297,30 @@ void SoString::append(std::string_view text) {
     if (text.empty()) {
         return;
     }
-    // In 64 bits two lengths add up without overflow; newBuffer refuses what is too long.
-    const int64_t newLength = length_ + lengthOf(text);
-    if (!hasRoomFor(newLength)) {
-        char* buffer = newBuffer(newLength + spareFor(length_, newLength));
-        std::memcpy(buffer, data_, static_cast<size_t>(length_) + 1);
-        std::memcpy(buffer + length_, text.data(), text.size()); // may lie in the old one
-        release();
-        data_ = buffer;
-        capacity_ = capacityFor(newLength);
-    } else {
-        // The text may be a part of this one.
-        std::memmove(data_ + length_, text.data(), text.size());
+    // The text may be a part of this one, which may move.
+    const bool isOwn =
+        !std::less<>()(text.data(), data_) && std::less<>()(text.data(), data_ + length_);
+    const ptrdiff_t offset = isOwn ? text.data() - data_ : 0;
+    if (text.size() > static_cast<size_t>(kMaximumLength)) {
+        throw std::bad_alloc();
     }
-    length_ = static_cast<int32_t>(newLength);
-    data_[length_] = '\0';
+    char* const place = extend(static_cast<int32_t>(text.size()));
+    std::memmove(place, isOwn ? data_ + offset : text.data(), text.size());
 }
 
 char* SoString::extend(int32_t bytes) {
     // In 64 bits: the sum of two lengths that are allowed may be one that is not.
     const int64_t newLength = static_cast<int64_t>(length_) + bytes;
     if (!hasRoomFor(newLength)) {
-        char* buffer = newBuffer(newLength + spareFor(length_, newLength));
-        std::memcpy(buffer, data_, static_cast<size_t>(length_));
-        release();
-        data_ = buffer;
+        const int64_t room = newLength + spareFor(length_, newLength);
+        if (length_ < kLargeLength) {
+            char* const buffer = newBuffer(room);
+            std::memcpy(buffer, data_, static_cast<size_t>(length_) + 1);
+            release();
+            data_ = buffer;
+        } else {
+            data_ = grown(data_, room); // whose pages the system moves: megabytes are not copied
+        }
         capacity_ = capacityFor(newLength);
     }
     char* const place = data_ + length_;
@@ -343,11 +334,15 @@ void SoString::adopt(char* heapBuffer, int32_t length) {
     if (length > kMaximumLength) {
         throw std::bad_alloc();
     }
-    // The blocks of the ports have whole steps already, so that this does not move them; a block of
-    // another size becomes what strings expect of their buffers.
     const int32_t capacity = capacityFor(length);
-    auto* buffer =
-        static_cast<char*>(SoHeap::reallocHeap(heapBuffer, static_cast<size_t>(capacity)));
+    char* buffer = heapBuffer;
+    const auto needed = static_cast<size_t>(capacity);
+    const size_t room = platform::TextMemory::roomOf(heapBuffer);
+    // As it is, as a rule. One that is a little larger stays so: a large block that was cut would
+    // be of no use for the next text. Any other becomes what strings expect of their buffers.
+    if (room < needed || room - needed > needed / 16) {
+        buffer = static_cast<char*>(SoHeap::reallocHeap(heapBuffer, needed));
+    }
     if (buffer == nullptr) {
         throw std::bad_alloc();
     }
@@ -373,10 +368,8 @@ void SoString::shrink(int32_t n) {
 }
 
 void SoString::cut(int32_t start, int32_t length) {
-    if (data_ != gEmptyBuffer) {
-        std::memmove(data_, data_ + start, static_cast<size_t>(length));
-        shrink(length);
-    }
+    std::memmove(data_, data_ + start, static_cast<size_t>(length));
+    shrink(length);
 }
 
 int SoString::compare(const char* text) const {

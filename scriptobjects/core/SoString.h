@@ -12,9 +12,10 @@ namespace ScObjects {
 //
 // Owns its buffer, which is always terminated by a zero byte and never null. Buffers have the
 // smallest multiple of 128 bytes above the length, in a larger block once a long one is appended
-// to; one that was never written to is taken from the heap when it first is, since half of a
-// registry's texts stay empty. A moved-from string is empty. Used by one thread at a time; any
-// number may read one that nobody changes.
+// to. A short text lies in the object itself until it grows: names, types and specifiers, most of
+// what a registry or a message holds, take nothing from the heap, and moving them moves their
+// bytes. A moved-from string is empty. Used by one thread at a time; any number may read one that
+// nobody changes.
 //
 // Texts: null counts as "", a negative length means up to the first zero byte, and a text may lie
 // in the string's own buffer. Throws std::bad_alloc, the string unchanged, when memory runs out or
@@ -22,6 +23,9 @@ namespace ScObjects {
 class SO_EXPORT SoString : public SoHeap {
 public:
     static constexpr int32_t kStep = 128; // bytes; headers, specifiers and paths fit one or two
+    // Bytes, with the zero byte, of a text that lies in the object; whole specifiers and digests
+    // fit, and with the rest of the object they fill one line of the processor's cache.
+    static constexpr int32_t kShortBytes = 40;
 
     // Empty, and of a text.
     SoString() noexcept;
@@ -90,9 +94,10 @@ public:
     // The buffer, good until the next change.
     const char* c_str() const { return data_; }
     int32_t length() const { return length_; }
-    int32_t capacity() const { return capacity_; } // bytes of the buffer
-    // Bytes that the string holds of the heap: its capacity, or 0 when it was never written to.
-    int32_t heapBytes() const;
+    // Bytes of the buffer; for a text that lies in the object one step, as if it were on the heap.
+    int32_t capacity() const { return capacity_; }
+    // Bytes that the string holds of the heap: its capacity, or 0 when its text lies in the object.
+    int32_t heapBytes() const { return data_ == short_ ? 0 : capacity_; }
     bool isEmpty() const { return length_ == 0; }
     // The bytes up to the length, good until the next change.
     std::string_view view() const { return {data_, static_cast<size_t>(length_)}; }
@@ -100,11 +105,17 @@ public:
 private:
     bool hasRoomFor(int64_t length);
     void reserveFresh(int64_t length);
-    void release();
+    void release() {
+        if (data_ != short_) {
+            freeHeap(data_);
+        }
+    }
+    void take(SoString& other) noexcept;
 
-    char* data_; // of the heap, or the shared empty buffer, which nobody writes to
+    char* data_ = short_; // or of the heap
     int32_t length_ = 0;
-    int32_t capacity_ = 0;
+    int32_t capacity_ = kStep;
+    char short_[kShortBytes] = {};
 };
 
 static_assert(sizeof(int32_t) == 4, "lengths are 32-bit on every platform");

@@ -18,13 +18,16 @@ TEST(SoString, takesBuffersInStepsOf128) {
     const struct {
         int32_t length;
         int32_t capacity;
-    } cases[] = {{0, 128}, {1, 128}, {127, 128}, {128, 256}, {255, 256}, {256, 384}};
+        int32_t heapBytes;
+    } cases[] = {{0, 128, 0},     {1, 128, 0},     {39, 128, 0},    {40, 128, 128},
+                 {127, 128, 128}, {128, 256, 256}, {255, 256, 256}, {256, 384, 384}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.length);
         const std::string bytes(static_cast<size_t>(c.length), 'x');
         SoString string(bytes.c_str());
         EXPECT_EQ(string.length(), c.length);
         EXPECT_EQ(string.capacity(), c.capacity);
+        EXPECT_EQ(string.heapBytes(), c.heapBytes) << "short ones take none";
         EXPECT_EQ(SoString(string).capacity(), c.capacity);
     }
     SoString full(std::string(127, 'x').c_str());
@@ -120,9 +123,10 @@ TEST(SoString, behavesLikeAModelStringUnderRandomChanges) {
     SoString string;
     std::string model;
     for (int i = 0; i < 20'000; ++i) {
-        const std::string piece(static_cast<size_t>(below(200)),
+        // Half of them about as long as what lies in the object.
+        const std::string piece(static_cast<size_t>(below(random() % 2 == 0 ? 200 : 50)),
                                 static_cast<char>('a' + below(26)));
-        switch (below(5)) {
+        switch (below(8)) {
         case 0:
             string.append(piece);
             model += piece;
@@ -143,6 +147,30 @@ TEST(SoString, behavesLikeAModelStringUnderRandomChanges) {
             string.assign(piece.c_str());
             model = piece;
             break;
+        case 4: {
+            SoString other(std::move(string));
+            ASSERT_STREQ(string.c_str(), ""); // NOLINT(bugprone-use-after-move): the promise
+            string.append(piece);
+            std::swap(string, other);
+            ASSERT_EQ(text(other), piece);
+            break;
+        }
+        case 5: {
+            SoString other(piece);
+            string = std::move(other);
+            ASSERT_STREQ(other.c_str(), ""); // NOLINT(bugprone-use-after-move): the promise
+            other.append('x');
+            model = piece;
+            break;
+        }
+        case 6: {
+            const int32_t start = below(static_cast<unsigned>(model.size()) + 1);
+            const int32_t length =
+                below(static_cast<unsigned>(model.size()) + 1 - static_cast<unsigned>(start));
+            string.cut(start, length);
+            model = model.substr(static_cast<size_t>(start), static_cast<size_t>(length));
+            break;
+        }
         default:
             string = SoString(string);
         }
