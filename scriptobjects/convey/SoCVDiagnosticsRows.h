@@ -1,7 +1,7 @@
 #pragma once
 
-#include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "scriptobjects/core/SoString.h"
 
@@ -35,11 +35,11 @@ public:
     // parts behind each other.
     template <class... Parts>
     void node(std::string_view name, std::string_view label, const Parts&... value) {
-        add(name, '1', label, joined(value...));
+        add(name, '1', label, viewOf(joined(value...)));
     }
     template <class... Parts>
     void leaf(std::string_view name, std::string_view label, const Parts&... value) {
-        add(name, '0', label, joined(value...));
+        add(name, '0', label, viewOf(joined(value...)));
     }
     // The number of rows below: readers take a node for one that has some.
     void count(std::string_view name, std::string_view label, size_t rowsBelow) {
@@ -48,25 +48,33 @@ public:
     }
     // A leaf for what has no value.
     void undefined(std::string_view name, std::string_view label) {
-        add(name, '0', label, SoString("undefined"));
+        add(name, '0', label, "undefined");
     }
     // A leaf without the last ';', which readers know of a few rows.
-    void unclosedLeaf(std::string_view name, std::string_view label, std::string_view value);
+    void unclosedLeaf(std::string_view name, std::string_view label, std::string_view value) {
+        add(name, '0', label, value, "\n");
+    }
 
 private:
+    static std::string_view viewOf(std::string_view text) { return text; }
+    static std::string_view viewOf(const SoString& text) { return text.view(); }
+    // All parts behind each other; a text alone is taken as it is.
+    static const SoString& joined(const SoString& text) { return text; }
     template <class... Parts>
-    static SoString joined(const Parts&... parts) {
-        SoString text;
-        (void)(text << ... << parts);
-        return text;
+    static auto joined(const Parts&... parts) {
+        if constexpr (sizeof...(parts) == 1 &&
+                      (std::is_convertible_v<const Parts&, std::string_view> && ...)) {
+            return (std::string_view(parts), ...);
+        } else {
+            SoString text;
+            (void)(text << ... << parts);
+            return text;
+        }
     }
-    void addValue(std::string_view value);
-    void add(std::string_view name, char level, std::string_view label, const SoString& value);
-    void begin(std::string_view name, char level, std::string_view label);
-    void end(std::string_view mark);
+    void add(std::string_view name, char level, std::string_view label, std::string_view value,
+             std::string_view mark = ";\n");
 
     SoString& out_;
-    std::string row_; // is put together here, which takes less than nine steps of a large text
     const SoString root_;
 };
 

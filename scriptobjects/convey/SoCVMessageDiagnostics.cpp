@@ -1,6 +1,9 @@
-// The rows that describe a message.
+#include "scriptobjects/convey/SoCVMessageDiagnostics.h"
+
 #include <algorithm>
-#include <string>
+#include <array>
+#include <charconv>
+#include <limits>
 
 #include "scriptobjects/convey/SoCVDiagnosticsRows.h"
 #include "scriptobjects/convey/SoCVMessage.h"
@@ -11,22 +14,31 @@ namespace {
 
 using namespace ConveyData;
 
-constexpr size_t kShownDigits = 8; // of a serial number, so that rows of one level line up
+// Of a serial number, so that rows of one level line up.
+constexpr std::string_view kShownDigits = "00000000";
+
+// A number as it is shown.
+class Digits {
+public:
+    explicit Digits(uint32_t number)
+        : length_(static_cast<size_t>(
+              std::to_chars(digits_.data(), digits_.data() + digits_.size(), number).ptr -
+              digits_.data())) {}
+    std::string_view view() const { return {digits_.data(), length_}; }
+
+private:
+    std::array<char, std::numeric_limits<uint32_t>::digits10 + 1> digits_;
+    const size_t length_;
+};
 
 // A leaf, or the row that says that there is none.
 void addOrUndefined(CVDiagnosticsRows& rows, bool has, const char* name, const char* label,
-                    const SoString& value) {
+                    std::string_view value) {
     if (has) {
         rows.leaf(name, label, value);
     } else {
         rows.undefined(name, label);
     }
-}
-
-SoString decimal(uint32_t number) {
-    SoString text;
-    text << number;
-    return text;
 }
 
 void addBody(CVDiagnosticsRows& rows, const SoString& body) {
@@ -44,31 +56,42 @@ void addBody(CVDiagnosticsRows& rows, const SoString& body) {
 } // namespace
 
 void Convey::Message::appendDiagnostics(SoString& out, const SoString& root) const {
-    SoString path = root;
-    path << "/msg" << serialNumber_;
+    MessageRows(root).append(*this, out);
+}
+
+MessageRows::MessageRows(const SoString& root) : root_(root), writer_(ConveyUtils::getSenderID()) {}
+
+void MessageRows::append(const Convey::Message& message, SoString& out) {
+    if (time_.isEmpty() || second_ != message.getTimestamp()) {
+        second_ = message.getTimestamp();
+        time_ = ConveyUtils::getTimeString(&second_);
+    }
+    const Digits digits(message.getSerialNumber());
+    const std::string_view number = digits.view();
+    SoString path = root_;
+    path << "/msg" << number;
     CVDiagnosticsRows rows(out, path);
-    const SoString time = ConveyUtils::getTimeString(&timestamp_);
-    const SoString digits = decimal(serialNumber_);
-    std::string shown(digits.view());
-    shown.insert(0, kShownDigits - std::min(shown.size(), kShownDigits), '0');
     SoString heading("msg[");
-    heading << time << "]";
-    rows.node("", heading.view(), shown);
-    rows.leaf("/version", CV_VERSION, version_);
-    rows.leaf("/target", CV_TARGET, target_);
-    rows.leaf("/sender", CV_SENDER, sender_);
-    rows.leaf("/senderid", CV_SENDER_ID, ConveyUtils::getSenderID()); // of whoever writes the rows
-    addOrUndefined(rows, timeout_ != 0, "/timeout", CV_TIMEOUT, decimal(timeout_));
-    addOrUndefined(rows, !type_.isEmpty(), "/type", CV_TYPE, type_);
+    heading << time_ << "]";
+    rows.node("", heading.view(), kShownDigits.substr(std::min(kShownDigits.size(), number.size())),
+              number);
+    rows.leaf("/version", CV_VERSION, message.getVersion());
+    rows.leaf("/target", CV_TARGET, message.getTarget());
+    rows.leaf("/sender", CV_SENDER, message.getSender());
+    rows.leaf("/senderid", CV_SENDER_ID, writer_);
+    addOrUndefined(rows, message.getTimeout() != 0, "/timeout", CV_TIMEOUT,
+                   Digits(message.getTimeout()).view());
+    addOrUndefined(rows, !message.getType().isEmpty(), "/type", CV_TYPE, message.getType().view());
     // Readers know this row without its last mark when it has a value.
-    if (!responseRequest_.isEmpty()) {
-        rows.unclosedLeaf("/request", CV_RESPONSE_REQUEST, responseRequest_.view());
+    if (!message.getResponseRequest().isEmpty()) {
+        rows.unclosedLeaf("/request", CV_RESPONSE_REQUEST, message.getResponseRequest().view());
     } else {
         rows.undefined("/request", CV_RESPONSE_REQUEST);
     }
-    if (headers_ != nullptr) {
+    if (message.getHeaders() != nullptr) {
         rows.node("/headers", "Headers");
-        for (const Header* header = headers_; header != nullptr; header = header->next) {
+        for (const Convey::Header* header = message.getHeaders(); header != nullptr;
+             header = header->next) {
             // Anybody's text in a path: the writer keeps it from ending its field.
             SoString name("/headers/");
             name << header->name;
@@ -77,20 +100,20 @@ void Convey::Message::appendDiagnostics(SoString& out, const SoString& root) con
     } else {
         rows.leaf("/headers", "Headers", "(no headers)");
     }
-    addOrUndefined(rows, timestamp_ != 0, "/timestamp", CV_TIMESTAMP, time);
-    rows.leaf("/serialnumber", CV_SERIAL_NUMBER, digits);
+    addOrUndefined(rows, message.getTimestamp() != 0, "/timestamp", CV_TIMESTAMP, time_.view());
+    rows.leaf("/serialnumber", CV_SERIAL_NUMBER, number);
     const struct {
         const char* name;
         const char* label;
         uint32_t number;
-    } replies[] = {{"/received", CV_RECEIVED, received_},
-                   {"/result", CV_RESULT, result_},
-                   {"/error", CV_ERROR, error_}};
+    } replies[] = {{"/received", CV_RECEIVED, message.getReceived()},
+                   {"/result", CV_RESULT, message.getResult()},
+                   {"/error", CV_ERROR, message.getError()}};
     for (const auto& reply : replies) {
         addOrUndefined(rows, reply.number != CV_INVALID_MESSAGE_NUMBER, reply.name, reply.label,
-                       decimal(reply.number));
+                       Digits(reply.number).view());
     }
-    addBody(rows, body_);
+    addBody(rows, message.getBody());
 }
 
 } // namespace ScObjects

@@ -6,6 +6,7 @@
 #include <thread>
 #include <utility>
 
+#include "scriptobjects/convey/SoCVMessageDiagnostics.h"
 #include "scriptobjects/convey/SoCVSteadyTime.h"
 #include "scriptobjects/convey/SoCVUtils.h"
 #include "scriptobjects/convey/SoCVWords.h"
@@ -480,12 +481,15 @@ int32_t MessageQueue::appendDiagnostics(SoString& out, const SoString& path) con
     uint64_t position = 0;
     for (bool more = true; more;) {
         // Copies of a few at a time, written without the lock: with all of them under it an owner
-        // with a long queue would stand still as long as somebody looks at it.
+        // with a long queue would stand still as long as somebody looks at it. And so it would with
+        // rows written under it: who lets go of a lock for a moment only has it again before the
+        // owner is awake.
         std::vector<Shown> some;
         more = copySome(position, wantsLogs, path, some);
+        MessageRows rows(path);
         for (const Shown& one : some) {
             if (one.message != nullptr) {
-                one.message->appendDiagnostics(out, path);
+                rows.append(*one.message, out);
             }
             out << one.rows;
             ++written;

@@ -383,7 +383,7 @@ void Convey::getDiagnostics(SoString& out, bool formattedText) {
                 connector->appendDiagnostics(rows, own);
             }
         }
-        out = formattedText ? formatted(rows) : rows;
+        out = formattedText ? formatted(rows) : std::move(rows);
         return true;
     });
 }

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "limits/Limits.h"
 #include "platform/fake/Fakes.h"
 #include "scriptobjects/convey/SoCVDiagnosticsRows.h"
 #include "scriptobjects/convey/SoCVMessageQueue.h"
@@ -258,7 +259,7 @@ TEST_F(MessageQueueTest, givesItsOwnerATurnWhileItsRowsAreWritten) {
     std::future<void> owner;
     int shown = 0;
     processes.hook = [&] {
-        if (++shown == kMessages / 4) {
+        if (++shown == kMessages / 4 / limits::of("rows.messages")) {
             owner = std::async(std::launch::async, [&] {
                 for (uint32_t i = 0; i < kMessages / 2; ++i) {
                     (void)next(queue);
