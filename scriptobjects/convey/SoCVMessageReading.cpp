@@ -1,5 +1,6 @@
 // The text form of messages: reading it, in as many steps as a reader likes.
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <utility>
 
@@ -17,7 +18,7 @@ using namespace ConveyData;
 
 // What the oldest format's version line becomes, so that it passes for no newer one.
 constexpr const char* kOldVersionPrefix = "@CV>";
-constexpr std::string_view kOldVersionName = "Version";
+constexpr const char* kOldVersionName = "Version";
 // Compared with a lower-case word, which no system type is.
 constexpr std::string_view kTypeWithoutReplyTyping = "debug";
 
@@ -32,6 +33,80 @@ constexpr size_t kMovedBodyBytes = 65536;
 
 // Up to so many headers, looking at each costs less than an index of their names.
 constexpr int32_t kSearchedHeaders = 16;
+
+// The lines that mean something to the reader; all others are user headers.
+enum class LineKind : uint8_t {
+    user,
+    sender,
+    target,
+    type,
+    responseRequest,
+    timeout,
+    timestamp,
+    contentLength,
+    serialNumber,
+    received,
+    result,
+    error,
+    oldVersion,
+    version,
+    life,
+    digest,
+    md5,
+};
+
+// Their kinds by their names. Length and first character tell them apart, so that a name is
+// compared with one of them at most.
+class LineKinds {
+public:
+    constexpr LineKinds() {
+        add(CV_SENDER, LineKind::sender);
+        add(CV_TARGET, LineKind::target);
+        add(CV_TYPE, LineKind::type);
+        add(CV_RESPONSE_REQUEST, LineKind::responseRequest);
+        add(CV_TIMEOUT, LineKind::timeout);
+        add(CV_TIMESTAMP, LineKind::timestamp);
+        add(CV_CONTENT_LENGTH, LineKind::contentLength);
+        add(CV_SERIAL_NUMBER, LineKind::serialNumber);
+        add(CV_RECEIVED, LineKind::received);
+        add(CV_RESULT, LineKind::result);
+        add(CV_ERROR, LineKind::error);
+        add(kOldVersionName, LineKind::oldVersion);
+        add(CV_VERSION, LineKind::version);
+        add(CV_LIFE, LineKind::life);
+        add(CV_DIGEST, LineKind::digest);
+        add(CV_MD5, LineKind::md5);
+    }
+    LineKind of(std::string_view name) const {
+        if (name.empty()) {
+            return LineKind::user;
+        }
+        const Slot& slot = slots_[slotOf(name)];
+        return slot.name == name ? slot.kind : LineKind::user;
+    }
+    constexpr int count() const { return count_; }
+
+private:
+    struct Slot {
+        std::string_view name;
+        LineKind kind = LineKind::user;
+    };
+    static constexpr size_t kSlots = 32;
+
+    static constexpr size_t slotOf(std::string_view name) {
+        return (3 * name.size() + static_cast<unsigned char>(name.front())) % kSlots;
+    }
+    constexpr void add(std::string_view name, LineKind kind) {
+        Slot& slot = slots_[slotOf(name)];
+        count_ += slot.name.empty() ? 1 : 0;
+        slot = {name, kind};
+    }
+
+    std::array<Slot, kSlots> slots_;
+    int count_ = 0;
+};
+constexpr LineKinds kLineKinds;
+static_assert(kLineKinds.count() == static_cast<int>(LineKind::md5), "no two share a slot");
 
 // What is searched at once.
 constexpr size_t kStepBytes = limits::of("receive.step");
@@ -123,63 +198,68 @@ void Convey::Message::takeLineLocked(ReadState& state, std::string_view name,
             field.assign(value);
         }
     };
-    static constexpr struct {
-        std::string_view name;
-        SoString Message::*field;
-    } texts[] = {{CV_SENDER, &Message::sender_},
-                 {CV_TARGET, &Message::target_},
-                 {CV_TYPE, &Message::type_},
-                 {CV_RESPONSE_REQUEST, &Message::responseRequest_}};
-    static constexpr struct {
-        std::string_view name;
-        uint32_t Message::*field;
-    } numbers[] = {{CV_TIMEOUT, &Message::timeout_},
-                   {CV_TIMESTAMP, &Message::timestamp_},
-                   {CV_CONTENT_LENGTH, &Message::contentLength_},
-                   {CV_SERIAL_NUMBER, &Message::serialNumber_},
-                   {CV_RECEIVED, &Message::received_},
-                   {CV_RESULT, &Message::result_},
-                   {CV_ERROR, &Message::error_}};
-    for (const auto& text : texts) {
-        if (name == text.name) {
-            assign(this->*text.field);
-            return;
-        }
-    }
-    for (const auto& number : numbers) {
-        if (name == number.name) {
-            this->*number.field = parseUnsigned32(value.substr(0, kMaximumNameBytes));
-            return;
-        }
-    }
-    if (name == kOldVersionName) {
+    const auto number = [value] { return parseUnsigned32(value.substr(0, kMaximumNameBytes)); };
+    switch (kLineKinds.of(name)) {
+    case LineKind::sender:
+        return assign(sender_);
+    case LineKind::target:
+        return assign(target_);
+    case LineKind::type:
+        return assign(type_);
+    case LineKind::responseRequest:
+        return assign(responseRequest_);
+    case LineKind::timeout:
+        timeout_ = number();
+        return;
+    case LineKind::timestamp:
+        timestamp_ = number();
+        return;
+    case LineKind::contentLength:
+        contentLength_ = number();
+        return;
+    case LineKind::serialNumber:
+        serialNumber_ = number();
+        return;
+    case LineKind::received:
+        received_ = number();
+        return;
+    case LineKind::result:
+        result_ = number();
+        return;
+    case LineKind::error:
+        error_ = number();
+        return;
+    case LineKind::oldVersion:
         version_ = kOldVersionPrefix;
         version_.append(value.substr(0, kMaximumNameBytes));
         state.newFormat = state.newFormat && !hasOldFormat();
-    } else if (name == CV_VERSION) {
+        return;
+    case LineKind::version:
         assign(version_);
         state.newFormat = state.newFormat && !hasOldFormat();
-    } else if (name == CV_LIFE) {
+        return;
+    case LineKind::life:
         askersLife_ = LifeDigits::parse(value);
-    } else if (name == CV_DIGEST) {
+        return;
+    case LineKind::digest:
         // Another kind of digest, which is never checked: with it in front a text counts as
         // unchecked, whatever stands behind it.
         state.hasDigest = true;
         state.signedRegion = state.position;
-    } else if (name == CV_MD5) {
+        return;
+    case LineKind::md5:
         if (!state.hasDigest) {
             state.hasMD5 = true;
             state.md5 = value;
             state.signedRegion = state.position;
         }
-    } else {
-        if (state.newFormat && name.substr(0, kHeaderEscape.size()) == kHeaderEscape) {
-            name.remove_prefix(kHeaderEscape.size());
-        }
-        // Further ones are passed over: what else the message says still counts.
-        if (++state.userHeaders <= kMaximumReadHeaders) {
-            takeHeaderLocked(state, name, value);
-        }
+        return;
+    case LineKind::user:
+        break;
+    }
+    // Further ones are passed over: what else the message says still counts.
+    if (++state.userHeaders <= kMaximumReadHeaders) {
+        takeHeaderLocked(state, name, value);
     }
 }
 
@@ -187,6 +267,9 @@ void Convey::Message::takeLineLocked(ReadState& state, std::string_view name,
 // found in a time that does not grow with those before it: one text may bring a million headers.
 void Convey::Message::takeHeaderLocked(ReadState& state, std::string_view name,
                                        std::string_view value) {
+    if (state.newFormat && name.starts_with(kHeaderEscape)) {
+        name.remove_prefix(kHeaderEscape.size());
+    }
     // A name of that length is what has no colon, and nobody asks for it.
     if (name.empty() || name.size() > kMaximumNameBytes) {
         return;
@@ -206,9 +289,13 @@ void Convey::Message::takeHeaderLocked(ReadState& state, std::string_view name,
         header = found == state.byName.end() ? nullptr : found->second;
     }
     if (header == nullptr) {
-        header = addHeaderLocked(name, {});
+        const bool atOnce = value.size() <= ReadState::kStepBytes;
+        header = addHeaderLocked(name, atOnce ? value : std::string_view());
         if (!state.byName.empty()) {
             state.byName.emplace(header->name.view(), header);
+        }
+        if (atOnce) {
+            return;
         }
     }
     state.assign(header->value, value);

@@ -96,6 +96,22 @@ double parseNumber(std::string_view text) {
 }
 
 uint32_t parseUnsigned32(std::string_view text) {
+    // Most are a few digits and nothing else.
+    constexpr size_t kFewDigits = 9;
+    if (text.size() <= kFewDigits) {
+        uint32_t few = 0;
+        size_t read = 0;
+        for (; read < text.size(); ++read) {
+            const auto digit = static_cast<uint32_t>(static_cast<unsigned char>(text[read])) - '0';
+            if (digit > 9) {
+                break;
+            }
+            few = few * 10 + digit;
+        }
+        if (read == text.size()) {
+            return few;
+        }
+    }
     // Not strtoul, whose `unsigned long` is wider on some machines: a number in a message means the
     // same on all of them.
     const bool negative = takeSign(text);
