@@ -6,7 +6,6 @@
 #include <map>
 #include <memory>
 #include <string_view>
-#include <utility>
 
 #include "limits/Limits.h"
 #include "scriptobjects/convey/SoCVMessage.h"
@@ -21,10 +20,18 @@ struct Convey::Message::ReadState {
     // What is searched, or copied, at once.
     static constexpr size_t kStepBytes = limits::of("receive.step");
 
+    // What most lines are shorter than.
+    static constexpr size_t kNearBytes = 1024;
+
+    // Of a text of unknown end, where its end is sought first: ten headers have some 300 bytes.
+    static constexpr size_t kWindowBytes = 256;
+
     enum class Part : uint8_t { headers, digest, gap, body };
 
     const char* position = nullptr; // of the line that is being read
     const char* end = nullptr;      // of the text; null for the first zero byte
+    const char* known = nullptr;    // no zero byte lies before it: the end, when that is known
+    size_t window = kWindowBytes;   // to be looked through from there on
     SoString* owner = nullptr;      // of the text, which may be used up; null for none
     size_t cleaned = 0;             // as far as `cleanOn` was
     Part part = Part::headers;
@@ -32,6 +39,70 @@ struct Convey::Message::ReadState {
     const char* nameEnd = nullptr;  // of this line, when it is known
     char* copy = nullptr;           // where the rest of a value goes that takes several steps
     std::string_view uncopied;
+
+    // Looks on for the end of a text that is read to its first zero byte; false when there is
+    // nothing more. The more the further: a text of small messages has its end sought for each.
+    bool lookOn() {
+        if (end != nullptr) {
+            return false;
+        }
+        const size_t length = strnlen(known, window);
+        known += length;
+        window = std::min(2 * window, kStepBytes);
+        return length > 0;
+    }
+
+    // The next `mark`, or the end of the text; null when it is not within `bytes`, and then `from`
+    // is where to search on.
+    const char* findEnd(const char*& from, char mark, size_t& bytes) {
+        for (;;) {
+            const size_t most = std::min({static_cast<size_t>(known - from), kStepBytes, bytes});
+            if (const void* const found = std::memchr(from, mark, most)) {
+                return static_cast<const char*>(found);
+            }
+            from += most;
+            bytes -= most;
+            if (from == known && !lookOn()) {
+                return from;
+            }
+            if (bytes == 0) {
+                return nullptr;
+            }
+        }
+    }
+
+    // The ends of the name and the value of a line all of which is near, as it is of most.
+    bool findNearLine(const char*& endOfName, const char*& endOfValue) const {
+        const size_t most = std::min(static_cast<size_t>(known - position), kNearBytes);
+        endOfValue = static_cast<const char*>(std::memchr(position, '\n', most));
+        if (endOfValue == nullptr) {
+            return false;
+        }
+        const auto length = static_cast<size_t>(endOfValue - position);
+        endOfName = static_cast<const char*>(std::memchr(position, ':', length));
+        return endOfName != nullptr;
+    }
+
+    // The same of any line; false when they are not within `bytes`. What has no colon reaches for
+    // that of a later line: there is nothing better to be made of it, and every reader makes the
+    // same.
+    bool findLine(const char*& endOfName, const char*& endOfValue, size_t& bytes) {
+        const char* from = searched == nullptr ? position : searched;
+        endOfValue = nullptr;
+        if (nameEnd == nullptr && (nameEnd = findEnd(from, ':', bytes)) != nullptr) {
+            from = *nameEnd == '\0' ? nameEnd : nameEnd + 1;
+        }
+        if (nameEnd != nullptr) {
+            endOfValue = findEnd(from, '\n', bytes);
+        }
+        endOfName = nameEnd;
+        if (endOfValue == nullptr) {
+            searched = from;
+            return false;
+        }
+        searched = nameEnd = nullptr;
+        return true;
+    }
 
     // The owner's bytes, to be written to.
     char* ownBytes() const { return owner->extend(0) - owner->length(); }

@@ -19,6 +19,7 @@ using namespace ConveyData;
 // What the oldest format's version line becomes, so that it passes for no newer one.
 constexpr const char* kOldVersionPrefix = "@CV>";
 constexpr const char* kOldVersionName = "Version";
+constexpr std::string_view kNotChecked = CV_DIGEST_NOT_CHECKED;
 // Compared with a lower-case word, which no system type is.
 constexpr std::string_view kTypeWithoutReplyTyping = "debug";
 
@@ -108,38 +109,6 @@ private:
 constexpr LineKinds kLineKinds;
 static_assert(kLineKinds.count() == static_cast<int>(LineKind::md5), "no two share a slot");
 
-// What is searched at once.
-constexpr size_t kStepBytes = limits::of("receive.step");
-
-// The next `mark`, or the end of the text, when it is near. Names and values are a few bytes long,
-// as a rule: a search that is made for long texts takes more time to begin than this to end.
-inline const char* findNearEnd(const char* text, char mark) {
-    constexpr int kFewBytes = 100;
-    for (int i = 0; i < kFewBytes; ++i, ++text) {
-        if (*text == mark || *text == '\0') {
-            return text;
-        }
-    }
-    return nullptr;
-}
-
-// The same wherever it is; null when that is not within `bytes`, and then `position` is where to
-// search on.
-const char* findEnd(const char*& position, char mark, size_t& bytes) {
-    for (size_t most = kStepBytes; bytes > 0; bytes -= most) {
-        most = std::min(most, bytes);
-        const size_t length = strnlen(position, most);
-        if (const void* const found = std::memchr(position, mark, length)) {
-            return static_cast<const char*>(found);
-        }
-        position += length;
-        if (length < most) {
-            return position;
-        }
-    }
-    return nullptr;
-}
-
 } // namespace
 
 // True when the last line has been read, false when more than `bytes` are needed for that. Lines
@@ -156,32 +125,25 @@ bool Convey::Message::readHeadersLocked(ReadState& state, size_t bytes) {
         if (bytes == 0) {
             return false;
         }
-        // What has no colon reaches for that of a later line: there is nothing better to be made
-        // of it, and every reader makes the same.
         const char* const line = state.position;
-        const char* from = state.searched == nullptr ? line : state.searched;
-        const char* nameEnd = state.nameEnd;
-        if (nameEnd == nullptr) {
-            nameEnd = findNearEnd(from, ':');
-            if (nameEnd == nullptr && (nameEnd = findEnd(from, ':', bytes)) == nullptr) {
-                state.searched = from;
-                return false;
-            }
-            from = *nameEnd == '\0' ? nameEnd : nameEnd + 1;
+        const char* nameEnd = nullptr;
+        const char* valueEnd = nullptr;
+        if (state.searched == nullptr && state.findNearLine(nameEnd, valueEnd)) {
+            // Such a line is taken whole, and no text ends before its line feed.
+            state.position = valueEnd + 1;
+            bytes -= std::min(bytes, static_cast<size_t>(state.position - line));
+            takeLineLocked(state, {line, nameEnd}, {nameEnd + 1, valueEnd});
+            continue;
         }
-        const char* const value = *nameEnd == '\0' ? nameEnd : nameEnd + 1;
-        const char* valueEnd = findNearEnd(from, '\n');
-        if (valueEnd == nullptr && (valueEnd = findEnd(from, '\n', bytes)) == nullptr) {
-            state.searched = from;
-            state.nameEnd = nameEnd;
+        if (!state.findLine(nameEnd, valueEnd, bytes)) {
             return false;
         }
-        state.searched = state.nameEnd = nullptr;
+        const char* const value = *nameEnd == '\0' ? nameEnd : nameEnd + 1;
         state.position = *valueEnd == '\0' ? valueEnd : valueEnd + 1;
-        bytes -= std::min(bytes, std::min(ReadState::kStepBytes, static_cast<size_t>(state.position - line)));
+        bytes -= std::min(
+            bytes, std::min(ReadState::kStepBytes, static_cast<size_t>(state.position - line)));
         // The position has moved on: what a digest covers begins behind its line.
-        takeLineLocked(state, {line, static_cast<size_t>(nameEnd - line)},
-                       {value, static_cast<size_t>(valueEnd - value)});
+        takeLineLocked(state, {line, nameEnd}, {value, valueEnd});
         if (!state.uncopied.empty() && !state.copyOn(bytes)) {
             return false;
         }
@@ -307,7 +269,7 @@ void Convey::Message::beginReading() {
     if (!target_.isEmpty()) {
         clearLocked();
     }
-    digestState_ = CV_DIGEST_NOT_CHECKED;
+    digestState_.assign(kNotChecked);
 }
 
 // Reads on for about so many bytes; true at the end of the message.
@@ -367,7 +329,7 @@ const char* Convey::Message::takeBodyLocked(const ReadState& state, SoString* ow
 
 const char* Convey::Message::readLocked(const char* text, SoString* owner) {
     ReadState state;
-    state.position = text;
+    state.position = state.known = text;
     beginReading();
     state.owner = owner;
     (void)readOnLocked(state, SIZE_MAX);
@@ -406,7 +368,7 @@ bool Convey::Message::Reader::read(Message& message, size_t bytes) {
         state_->position = text_.c_str() + position_;
         // Behind the first message it has been looked through.
         state_->cleaned = position_ == 0 ? 0 : static_cast<size_t>(text_.length());
-        state_->end = text_.c_str() + text_.length();
+        state_->known = state_->end = text_.c_str() + text_.length();
         state_->owner = &text_;
         message.beginReading();
     }
