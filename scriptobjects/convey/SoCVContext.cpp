@@ -2,6 +2,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <new>
+#include <string_view>
 
 #include "limits/Limits.h"
 #include "platform/MessagePort.h"
@@ -142,6 +144,8 @@ void ConveyContext::appendContext(ConveyContext& other) {
         while (Convey* instance = other.instances_.removeAt(0)) {
             moved.push_back(instance);
         }
+        other.places_.clear();
+        other.names_.clear();
     }
     const ObjectLock guard(*this);
     serialNumber_ = std::max(serialNumber_, number);
@@ -156,38 +160,24 @@ void ConveyContext::appendContext(ConveyContext& other) {
 
 Convey* ConveyContext::findInstance(Convey* instance) {
     const ObjectLock guard(*this);
-    for (int32_t i = 0; i < instances_.count(); ++i) {
-        if (instances_[i] == instance) {
-            return instance;
-        }
-    }
-    return nullptr;
+    return places_.count(instance) == 0 ? nullptr : instance;
+}
+
+Convey* ConveyContext::firstOfNameLocked(const SoString& appName) const {
+    const auto found = names_.lower_bound(std::string_view(appName.c_str()));
+    return found == names_.end() || found->first != appName.c_str() ? nullptr : found->second;
 }
 
 Convey* ConveyContext::findInstance(const SoString& appName) {
-    // The name is compared within this lock, which comes before that of an instance: the other way
-    // round two threads could wait for each other.
     const ObjectLock guard(*this);
-    for (int32_t i = 0; i < instances_.count(); ++i) {
-        if (instances_[i]->getAppName() == appName) {
-            return instances_[i];
-        }
-    }
-    return nullptr;
+    return firstOfNameLocked(appName);
 }
 
 // A share in it: its owner may delete the instance while the background is about to use it.
 std::shared_ptr<ConveyData::PrivateData> ConveyContext::pin(const SoString& appName) const {
     const ObjectLock guard(*this);
-    for (int32_t i = 0; i < instances_.count(); ++i) {
-        // Without a copy of the name, which would be empty when memory runs out: the message would
-        // take the way through the port, and what is said after it would overtake it.
-        const auto& data = instances_[i]->data();
-        if (data != nullptr && data->isNamed(appName)) {
-            return data;
-        }
-    }
-    return nullptr;
+    const Convey* const found = firstOfNameLocked(appName);
+    return found == nullptr ? nullptr : found->data();
 }
 
 std::shared_ptr<ConveyData::PrivateData> ConveyContext::pinMain() const {
@@ -206,7 +196,22 @@ void ConveyContext::appendInstance(Convey* instance) {
     }
     {
         const ObjectLock guard(*this);
-        instances_.append(instance);
+        if (places_.count(instance) != 0) {
+            return;
+        }
+        // The name is asked for within this lock, which comes before that of an instance: the other
+        // way round two threads could wait for each other.
+        const auto& data = instance->data();
+        const SoString name = data == nullptr ? SoString() : data->appName();
+        const auto place = names_.emplace(name.c_str(), instance);
+        try {
+            places_.emplace(instance, place);
+            instances_.append(instance);
+        } catch (const std::bad_alloc&) {
+            places_.erase(instance);
+            names_.erase(place);
+            throw;
+        }
     }
     if (thread_ != nullptr) {
         thread_->watchInstances();
@@ -216,9 +221,32 @@ void ConveyContext::appendInstance(Convey* instance) {
 void ConveyContext::removeInstance(Convey* instance) {
     const ObjectLock guard(*this);
     instances_.remove(instance);
+    const auto place = places_.find(instance);
+    if (place != places_.end()) {
+        names_.erase(place->second);
+        places_.erase(place);
+    }
     if (mainInstance_ == instance) {
         mainInstance_ = nullptr;
     }
+}
+
+void ConveyContext::renameInstance(Convey* instance, const SoString& appName) {
+    const ObjectLock guard(*this);
+    const auto place = places_.find(instance);
+    if (place == places_.end()) {
+        instance->data()->setAppName(appName);
+        return;
+    }
+    const auto renamed = names_.emplace(appName.c_str(), instance);
+    try {
+        instance->data()->setAppName(appName);
+    } catch (const std::bad_alloc&) {
+        names_.erase(renamed);
+        throw;
+    }
+    names_.erase(place->second);
+    place->second = renamed;
 }
 
 int32_t ConveyContext::getNumberOfInstances() const {

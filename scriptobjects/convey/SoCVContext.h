@@ -2,8 +2,12 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
+#include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "scriptobjects/convey/SoCVMessenger.h"
@@ -49,8 +53,12 @@ public:
     // The instance itself when it belongs to this context; the first one of a name; else null.
     Convey* findInstance(Convey* instance);
     Convey* findInstance(const SoString& appName);
+    // One that is there already is not added again.
     void appendInstance(Convey* instance);
     void removeInstance(Convey* instance);
+    // Gives an instance another name. Those of this context have to get theirs here: they are found
+    // by it.
+    void renameInstance(Convey* instance, const SoString& appName);
     int32_t getNumberOfInstances() const;
     // Null out of range.
     Convey* getNthInstance(int32_t index);
@@ -99,8 +107,16 @@ private:
     // Stops the thread and parts with the instances; true when the thread has ended.
     bool end();
 
+    // The instances by their names, so that what each message asks does not grow with their number;
+    // those of one name in the order in which they came.
+    using Names = std::multimap<std::string, Convey*, std::less<>>;
+    Convey* firstOfNameLocked(const SoString& appName) const SO_REQUIRES(this);
+
     uint32_t serialNumber_ SO_GUARDED_BY(this);
     SoVector<Convey> instances_ SO_GUARDED_BY(this);
+    Names names_ SO_GUARDED_BY(this);
+    // Where each is among the names.
+    std::unordered_map<const Convey*, Names::iterator> places_ SO_GUARDED_BY(this);
     Convey* mainInstance_ SO_GUARDED_BY(this) = nullptr;
     bool logging_ SO_GUARDED_BY(this) = false;
     mutable SoString signature_ SO_GUARDED_BY(this);

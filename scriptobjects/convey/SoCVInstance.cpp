@@ -91,11 +91,6 @@ SoString PrivateData::appName() const {
     return appName_;
 }
 
-bool PrivateData::isNamed(const SoString& name) const {
-    const ObjectLock guard(*this);
-    return appName_ == name;
-}
-
 void PrivateData::setAppName(const SoString& appName) {
     const ObjectLock guard(*this);
     appName_ = appName;
@@ -437,8 +432,16 @@ SoString Convey::getAppName() const {
 }
 
 void Convey::setAppName(const char* appName) {
-    (void)onData(data_, false,
-                 [&](PrivateData& data) { return data.setAppName(SoString(appName)), true; });
+    (void)onData(data_, false, [&](PrivateData& data) {
+        const SoString name(appName);
+        // By the context, which finds it by its name.
+        if (ConveyContext* const context = data.context()) {
+            context->renameInstance(this, name);
+        } else {
+            data.setAppName(name);
+        }
+        return true;
+    });
 }
 
 Convey::MsgHandler* Convey::findHandler(const SoString& type, uint32_t serialNumber) {

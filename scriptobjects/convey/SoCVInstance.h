@@ -100,8 +100,6 @@ public:
     bool deleteHandlers(uint32_t serialNumber);
 
     SoString appName() const;
-    // Compared without memory: a name that cannot be copied is still the same.
-    bool isNamed(const SoString& name) const;
     void setAppName(const SoString& appName);
     ConveyContext* context() const { return context_.load(); }
     void setContext(ConveyContext* context) { context_.store(context); }
