@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -15,18 +16,32 @@
 
 namespace platform {
 
+// A text as its sender has it: one behind the other, two pieces of which the second may be empty.
+struct PortPieces {
+    std::string_view head;
+    std::string_view body;
+    size_t size() const { return head.size() + body.size(); }
+};
+
 // A received text, in a block of the process heap with at least one byte of room behind the text.
+// The beginning of a large one may be a piece of its own: as a rule its sender has cut it there,
+// and then what follows need not be moved to be used without it.
 class PortText {
 public:
+    struct Free {
+        void operator()(char* block) const { TextMemory::free(block); }
+    };
+    using Block = std::unique_ptr<char, Free>;
+
     PortText() = default;
-    PortText(PortText&& other) noexcept
-        : data_(std::move(other.data_)),
-          size_(std::exchange(other.size_, 0)),
-          process_(other.process_) {}
+    PortText(PortText&& other) noexcept { *this = std::move(other); }
     PortText& operator=(PortText&& other) noexcept {
         data_ = std::move(other.data_);
-        process_ = other.process_;
+        head_ = std::move(other.head_);
         size_ = std::exchange(other.size_, 0);
+        headSize_ = std::exchange(other.headSize_, 0);
+        process_ = other.process_;
+        mayHaveZero_ = other.mayHaveZero_;
         return *this;
     }
 
@@ -34,34 +49,80 @@ public:
     // has a whole number of steps, as the strings that take it over have, so that it need not be
     // moved for them.
     [[nodiscard]] bool allocate(size_t size) {
-        auto* block = static_cast<char*>(TextMemory::allocate((size / kStep + 1) * kStep));
+        Block block = make(size);
         if (block == nullptr) {
             return false;
         }
-        data_.reset(block);
+        data_ = std::move(block);
         size_ = size;
+        head_.reset();
+        headSize_ = 0;
         return true;
     }
-    char* data() { return data_.get(); }
     size_t size() const { return size_; }
-    std::string_view view() const { return {data_.get(), size_}; }
+    // The whole text in one piece; joined now when it is in two.
+    char* data() {
+        join();
+        return data_.get();
+    }
+    std::string_view view() { return {data(), size_}; }
     // The number of the process that sent it, as the system says; 0 where it does not.
     int32_t process() const { return process_; }
     void setProcess(int32_t process) { process_ = process; }
+    // False when it is known to hold no zero byte.
+    bool mayHaveZero() const { return mayHaveZero_; }
+    void setMayHaveZero(bool may) { mayHaveZero_ = may; }
     // The block, now the caller's, to be given back to TextMemory; null when empty.
     char* release() {
+        join();
         size_ = 0;
         return data_.release();
     }
 
+    // The bytes of the piece of its own at the beginning; 0 for none.
+    size_t headSize() const { return headSize_; }
+    // Makes the first bytes, which are written, a piece of its own. False, and nothing changed,
+    // without memory.
+    [[nodiscard]] bool splitOff(size_t bytes) {
+        Block block = make(bytes);
+        if (block == nullptr || headSize_ != 0) {
+            return false;
+        }
+        std::memcpy(block.get(), data_.get(), bytes);
+        head_ = std::move(block);
+        headSize_ = bytes;
+        return true;
+    }
+    // Where the byte `at`, of those behind the head, lies.
+    char* place(size_t at) { return data_.get() + (at - headSize_); }
+    // The two pieces, each a block as above and the caller's; the text is empty then.
+    std::pair<Block, Block> releasePieces() {
+        size_ = headSize_ = 0;
+        return {std::move(head_), std::move(data_)};
+    }
+
 private:
     static constexpr size_t kStep = 128;
-    struct Free {
-        void operator()(char* block) const { TextMemory::free(block); }
-    };
-    std::unique_ptr<char, Free> data_;
+
+    static Block make(size_t size) {
+        return Block(static_cast<char*>(TextMemory::allocate((size / kStep + 1) * kStep)));
+    }
+    // The block has room for both: it was made for the whole text.
+    void join() {
+        if (headSize_ != 0) {
+            std::memmove(data_.get() + headSize_, data_.get(), size_ - headSize_);
+            std::memcpy(data_.get(), head_.get(), headSize_);
+            head_.reset();
+            headSize_ = 0;
+        }
+    }
+
+    Block data_;
+    Block head_;
     size_t size_ = 0;
+    size_t headSize_ = 0;
     int32_t process_ = 0;
+    bool mayHaveZero_ = true;
 };
 
 // What a port has met since it was opened.
@@ -210,10 +271,11 @@ public:
     // Sends to one name from several threads go one after another. `taker`, where it is not null,
     // receives a watch over the owner that took the text, when it was delivered; null without
     // memory.
-    virtual SendResult send(const std::string& name, std::string_view text,
+    virtual SendResult send(const std::string& name, const PortPieces& text,
                             int64_t timeoutMilliseconds, std::shared_ptr<TargetWatch>* taker) = 0;
-    SendResult send(const std::string& name, std::string_view text, int64_t timeoutMilliseconds) {
-        return send(name, text, timeoutMilliseconds, nullptr);
+    SendResult send(const std::string& name, std::string_view text, int64_t timeoutMilliseconds,
+                    std::shared_ptr<TargetWatch>* taker = nullptr) {
+        return send(name, PortPieces{text, {}}, timeoutMilliseconds, taker);
     }
 
     // Gives back what sending keeps for later (connections), as far as no thread is sending. The

@@ -245,7 +245,7 @@ public:
                                           : PortState::owned;
     }
     using MessagePorts::send;
-    SendResult send(const std::string& name, std::string_view text, int64_t timeout,
+    SendResult send(const std::string& name, const PortPieces& text, int64_t timeout,
                     std::shared_ptr<TargetWatch>* taker) override {
         if (text.size() > kMaximumTextBytes) {
             return SendResult::tooLarge;
@@ -262,7 +262,7 @@ public:
         if (queue == queues_.end()) {
             return SendResult::noReceiver;
         }
-        queue->second.emplace_back(text);
+        queue->second.emplace_back(text.head).append(text.body);
         ++changes_;
         changed_.notify_all();
         if (taker != nullptr) {

@@ -44,7 +44,7 @@ public:
     }
 
     using MessagePorts::send;
-    SendResult send(const std::string& name, std::string_view text, int64_t timeoutMilliseconds,
+    SendResult send(const std::string& name, const PortPieces& text, int64_t timeoutMilliseconds,
                     std::shared_ptr<TargetWatch>* taker) override {
         return sender().send(name, text, timeoutMilliseconds, taker);
     }

@@ -97,6 +97,7 @@ private:
 
     // Half-sent texts.
     Reading startPart(Connection& connection, size_t length);
+    static void noteArrived(Connection& connection, size_t bytes);
     static bool isWholeInQueue(const Connection& connection);
     void release(const Connection& connection);
     size_t announcedBy(int32_t process) const;

@@ -1,5 +1,6 @@
 // The texts of a port of which some packets have arrived: room for them, and the end of those that
 // do not move.
+#include <cstring>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/timerfd.h>
@@ -17,6 +18,8 @@ constexpr int64_t kHalfSentMilliseconds = limits::of("port.half-sent.age");
 // Announced bytes of half-sent texts: two of the largest a process, eight in all.
 constexpr size_t kMaximumHalfSentOfProcess = limits::of("port.half-sent.process");
 constexpr size_t kMaximumHalfSent = limits::of("port.half-sent");
+// Of a piece at the beginning of a text that is kept apart: the lines of a message, as a rule.
+constexpr size_t kMaximumHeadBytes = limits::of("port.packet");
 
 } // namespace
 
@@ -27,6 +30,7 @@ PortReceiver::Reading PortReceiver::startPart(Connection& connection, size_t len
     if (makeRoomForPart(connection, length, true) && connection.part.allocate(length)) {
         announcedBytes_ += length;
         announcedBy_[connection.process] += length;
+        connection.part.setMayHaveZero(false);
         connection.received = 0;
         connection.progressAt = now();
         connection.progressBytes = 0;
@@ -42,6 +46,18 @@ PortReceiver::Reading PortReceiver::startPart(Connection& connection, size_t len
         tendLater(kStalledMilliseconds);
     }
     return Reading::open;
+}
+
+// What is asked of all bytes is asked while they are at hand: later they have to be fetched again.
+void PortReceiver::noteArrived(Connection& connection, size_t bytes) {
+    PortText& part = connection.part;
+    const char* const place = part.place(connection.received);
+    part.setMayHaveZero(part.mayHaveZero() || std::memchr(place, '\0', bytes) != nullptr);
+    // The first packet is what the sender has cut off, if it has cut the text at all; what follows
+    // comes to where the block begins.
+    if (connection.received == 0 && bytes <= kMaximumHeadBytes && bytes < part.size()) {
+        (void)part.splitOff(bytes); // one piece does without memory
+    }
 }
 
 // True when the text that waits for room is there, and so was delivered for its sender.

@@ -279,7 +279,7 @@ PortReceiver::Reading PortReceiver::readPackets(Connection& connection, int pack
     for (; packets > 0 && connection.waiting == 0; --packets) {
         iovec place = {buffer_.get(), PortPacket::kHeaderBytes + PortPacket::kMaximumWholeBytes};
         if (connection.part.size() != 0) {
-            place = {connection.part.data() + connection.received,
+            place = {connection.part.place(connection.received),
                      connection.part.size() - connection.received};
         }
         msghdr message{};
@@ -320,6 +320,7 @@ PortReceiver::Reading PortReceiver::readPackets(Connection& connection, int pack
 
 PortReceiver::Reading PortReceiver::takePacket(Connection& connection, size_t bytes) {
     if (connection.part.size() != 0) {
+        noteArrived(connection, bytes);
         connection.received += bytes;
         connection.progressBytes += bytes;
         partBytesRead_ += bytes;

@@ -92,7 +92,7 @@ public:
     }
 
     // With the turn only.
-    SendResult send(std::string_view text, Deadline& deadline);
+    SendResult send(const PortPieces& text, Deadline& deadline);
     bool isOpen() const { return static_cast<bool>(socket_); }
     std::shared_ptr<Watch> watch();
 
@@ -113,7 +113,8 @@ private:
     void close();
     Outcome sendPacket(const PortPacket* header, std::string_view bytes, Deadline& deadline);
     Outcome sendWhole(std::string_view text, Deadline& deadline);
-    Outcome sendInParts(std::string_view text, Deadline& deadline);
+    Outcome sendInParts(const PortPieces& text, Deadline& deadline);
+    Outcome sendParts(std::string_view piece, Deadline& deadline);
     bool closeBrokenOff(Deadline& deadline);
 
     const std::string name_;
@@ -161,7 +162,7 @@ void PortSender::report(TargetWatch& watch, int events, uint64_t kind) {
     static_cast<Watch&>(watch).report(events, kind);
 }
 
-SendResult PortSender::Connection::send(std::string_view text, Deadline& deadline) {
+SendResult PortSender::Connection::send(const PortPieces& text, Deadline& deadline) {
     if (brokenOff_ && !closeBrokenOff(deadline)) {
         return SendResult::timedOut;
     }
@@ -178,8 +179,9 @@ SendResult PortSender::Connection::send(std::string_view text, Deadline& deadlin
                 return opened;
             }
         }
-        const Outcome outcome = text.size() <= PortPacket::kMaximumWholeBytes
-                                    ? sendWhole(text, deadline)
+        // A small text comes in one piece.
+        const Outcome outcome = text.body.empty() && text.size() <= PortPacket::kMaximumWholeBytes
+                                    ? sendWhole(text.head, deadline)
                                     : sendInParts(text, deadline);
         if (outcome == Outcome::done) {
             return SendResult::delivered;
@@ -415,11 +417,12 @@ PortSender::Connection::Outcome PortSender::Connection::sendWhole(std::string_vi
     const Outcome outcome = sendPacket(&header, text, deadline);
     // A packet of this size may be more than the system has in one piece, or allows.
     return outcome == Outcome::failed && text.size() > kSmallestPartBytes
-               ? sendInParts(text, deadline)
+               ? sendInParts({text, {}}, deadline)
                : outcome;
 }
 
-PortSender::Connection::Outcome PortSender::Connection::sendInParts(std::string_view text,
+// Each piece in packets of its own: a receiver has the second one where it is used, so.
+PortSender::Connection::Outcome PortSender::Connection::sendInParts(const PortPieces& text,
                                                                     Deadline& deadline) {
     // From here on the receiver expects nothing but the text's bytes on this connection: whatever
     // stops in the middle leaves a connection that is good for nothing else.
@@ -428,17 +431,9 @@ PortSender::Connection::Outcome PortSender::Connection::sendInParts(std::string_
     if (outcome != Outcome::done) {
         return outcome; // nothing was sent
     }
-    while (!text.empty()) {
-        const std::string_view part = text.substr(0, partBytes_);
-        outcome = sendPacket(nullptr, part, deadline);
-        if (outcome == Outcome::done) {
-            text.remove_prefix(part.size());
-        } else if (outcome == Outcome::failed && part.size() > kSmallestPartBytes) {
-            // Kept for the texts that come after, which would meet the same.
-            partBytes_ = std::max(part.size() / 2, kSmallestPartBytes);
-        } else {
-            break;
-        }
+    outcome = sendParts(text.head, deadline);
+    if (outcome == Outcome::done) {
+        outcome = sendParts(text.body, deadline);
     }
     if (outcome == Outcome::timedOut) {
         // The connection stays open for now, see closeBrokenOff.
@@ -447,6 +442,23 @@ PortSender::Connection::Outcome PortSender::Connection::sendInParts(std::string_
         close(); // the receiver drops the part that it has
     }
     return outcome;
+}
+
+PortSender::Connection::Outcome PortSender::Connection::sendParts(std::string_view piece,
+                                                                  Deadline& deadline) {
+    while (!piece.empty()) {
+        const std::string_view part = piece.substr(0, partBytes_);
+        const Outcome outcome = sendPacket(nullptr, part, deadline);
+        if (outcome == Outcome::done) {
+            piece.remove_prefix(part.size());
+        } else if (outcome == Outcome::failed && part.size() > kSmallestPartBytes) {
+            // Kept for the texts that come after, which would meet the same.
+            partBytes_ = std::max(part.size() / 2, kSmallestPartBytes);
+        } else {
+            return outcome;
+        }
+    }
+    return Outcome::done;
 }
 
 bool PortSender::Connection::hasUnread() const {
@@ -531,7 +543,7 @@ void PortSender::closeIdle() {
     }
 }
 
-SendResult PortSender::send(const std::string& name, std::string_view text,
+SendResult PortSender::send(const std::string& name, const PortPieces& text,
                             int64_t timeoutMilliseconds, std::shared_ptr<TargetWatch>* taker) {
     // A name that nobody can own has no receiver.
     if (name.empty() || name.find('\0') != std::string::npos) {

@@ -5,7 +5,6 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <string_view>
 #include <unordered_map>
 
 #include "platform/MessagePort.h"
@@ -22,7 +21,7 @@ public:
     PortSender& operator=(const PortSender&) = delete;
 
     // As MessagePorts promises.
-    SendResult send(const std::string& name, std::string_view text, int64_t timeoutMilliseconds,
+    SendResult send(const std::string& name, const PortPieces& text, int64_t timeoutMilliseconds,
                     std::shared_ptr<TargetWatch>* taker);
     // Closes the connections that no thread is using.
     void closeIdle();

@@ -174,6 +174,14 @@ bool MacInterAppStream::send(const SoString& target, const SoString& text,
                                                  &taker) == platform::SendResult::delivered;
 }
 
+bool MacInterAppStream::send(const SoString& target, const platform::PortPieces& text,
+                             int32_t timeoutMilliseconds,
+                             std::shared_ptr<platform::TargetWatch>* taker) const {
+    return isGood() &&
+           platform::MessagePorts::system().send(portName(target), text, timeoutMilliseconds,
+                                                 taker) == platform::SendResult::delivered;
+}
+
 bool MacInterAppStream::canOpen(const SoString& name, bool /*flag*/) const {
     return platform::MessagePorts::system().isFree(portName(name));
 }

@@ -13,6 +13,7 @@ class LocalPort;
 class PortWait;
 class PortText;
 class TargetWatch;
+struct PortPieces;
 struct PortStatistics;
 } // namespace platform
 
@@ -68,6 +69,11 @@ public:
     // is up or the stream is not good. `soon`: an answer is expected that is worth a short busy
     // wait. One thread at a time should wait, since any of them may take the text.
     bool waitForMessage(int32_t timeoutMilliseconds, bool soon) const;
+
+    // A text in pieces; `taker`, where it is not null, as above. What is large is sent from where
+    // it is.
+    bool send(const SoString& target, const platform::PortPieces& text, int32_t timeoutMilliseconds,
+              std::shared_ptr<platform::TargetWatch>* taker) const;
 
     // Takes the text that arrived first, its NUL bytes still in it, with the number of the process
     // that sent it (0 where the system does not say). False when none has been drawn.

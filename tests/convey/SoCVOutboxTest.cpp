@@ -150,7 +150,8 @@ TEST_F(OutboxTest, keepsTheOrderOfATargetThatTakesNothing) {
 // Ports that take nothing for so many sends, whatever room there is.
 struct MoodyPorts : platform::FakeMessagePorts {
     using FakeMessagePorts::send;
-    platform::SendResult send(const std::string& name, std::string_view text, int64_t timeout,
+    platform::SendResult send(const std::string& name, const platform::PortPieces& text,
+                              int64_t timeout,
                               std::shared_ptr<platform::TargetWatch>* taker) override {
         return failures > 0 && failures-- > 0 ? platform::SendResult::timedOut
                                               : FakeMessagePorts::send(name, text, timeout, taker);

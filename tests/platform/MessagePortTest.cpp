@@ -134,6 +134,41 @@ TEST_F(MessagePortTest, carriesTextsOfEverySize) {
     }
 }
 
+// The first packet of a large text stays a piece of its own, however its sender has cut it, and
+// both together are the text.
+TEST_F(MessagePortTest, aTextComesInThePiecesOfItsSender) {
+    const auto port = ports.open(kName);
+    ASSERT_NE(port, nullptr);
+    std::string text;
+    for (int i = 0; text.size() < 200'000; ++i) {
+        text += std::to_string(i) + " ";
+    }
+    const int fd = rawConnection();
+    const std::initializer_list<size_t> cuts = {1, 300, 65'536, 65'537, 199'000};
+    for (const bool raw : {false, true}) {
+        for (const size_t cut : cuts) {
+            SCOPED_TRACE(cut);
+            text.back() = raw ? '\0' : 'x';
+            const std::string head = text.substr(0, cut);
+            const std::string body = text.substr(cut);
+            if (raw) {
+                EXPECT_TRUE(sendRaw(fd, header(2, text.size())) && sendRaw(fd, head) &&
+                            sendRaw(fd, body));
+            } else {
+                EXPECT_EQ(ports.send(kName, platform::PortPieces{head, body}, kGenerous, nullptr),
+                          SendResult::delivered);
+            }
+            PortText received;
+            ASSERT_TRUE(port->wait(kGenerous, false) && port->take(received));
+            EXPECT_EQ(received.headSize(), cut <= 65'536 ? cut : 0);
+            EXPECT_EQ(received.mayHaveZero(), raw);
+            EXPECT_EQ(received.size(), text.size());
+            EXPECT_TRUE(received.view() == text);
+        }
+    }
+    close(fd);
+}
+
 TEST_F(MessagePortTest, aSenderThatDiesAnywhereLeavesNoPart) {
     const auto port = ports.open(kName);
     ASSERT_NE(port, nullptr);
