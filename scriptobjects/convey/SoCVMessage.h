@@ -11,6 +11,10 @@
 #include "scriptobjects/core/SoString.h"
 #include "scriptobjects/core/SoThread.h"
 
+namespace platform {
+struct PortPieces;
+}
+
 namespace ScObjects {
 
 // A free-form header of a message: a node of the message's list, owned by the message.
@@ -140,6 +144,21 @@ public:
     // nothing appended, without a target or a sender.
     bool writeToString(SoString& out) const;
 
+    // A message's text as it is sent: a small one in one piece, the body of a large one from where
+    // it is, so that it is good while that body is. Empty at first.
+    class SO_EXPORT Text {
+    public:
+        // False, and the text stays as it is, without a target or a sender.
+        [[nodiscard]] bool write(const Message& message);
+        bool isLarge() const { return !body_.empty(); }
+        int64_t length() const { return head_.length() + static_cast<int64_t>(body_.size()); }
+        platform::PortPieces pieces() const;
+
+    private:
+        SoString head_;
+        std::string_view body_;
+    };
+
     // Fills the message from the first message of `text` and returns where the next one begins: at
     // the first byte behind the body that is no line feed. Never fails: what is no header line
     // becomes a user header, what is no number 0, and a body that is announced longer than the text
@@ -156,6 +175,9 @@ public:
     public:
         // Takes over the text.
         explicit Reader(SoString&& text);
+        // One that came in two pieces, as it was sent: when the first has the lines of its only
+        // message, the second is the body at once. `mayHaveZero`: false when it has no NUL byte.
+        Reader(SoString&& text, SoString&& rest, bool mayHaveZero);
         ~Reader();
         Reader(const Reader&) = delete;
         Reader& operator=(const Reader&) = delete;
@@ -166,10 +188,16 @@ public:
         // True when there is nothing left to read.
         bool isAtEnd() const { return position_ >= text_.length(); }
         // Bytes of memory that the text costs.
-        int64_t costBytes() const { return text_.heapBytes(); }
+        int64_t costBytes() const { return text_.heapBytes() + rest_.heapBytes(); }
 
     private:
+        bool prepare(size_t bytes);
+
         SoString text_;
+        SoString rest_; // empty when the text is in one piece
+        bool mayHaveZero_ = true;
+        bool isPrepared_ = false;
+        size_t cleaned_ = 0;               // bytes of both that were looked through for NUL bytes
         int32_t position_ = 0;             // where the next message begins
         std::unique_ptr<ReadState> state_; // of the one that is being read
     };
@@ -208,6 +236,7 @@ private:
     int32_t bodyLength() const { return body_.length(); }
     template <class Use>
     void forEachReply(Use&& use) const;
+    char* writeLines(SoString& out, size_t bodyBytes) const;
     size_t roomForHeaders() const;
     char* writeHeaders(char* place) const;
 

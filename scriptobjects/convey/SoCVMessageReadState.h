@@ -6,12 +6,12 @@
 #include <map>
 #include <memory>
 #include <string_view>
+#include <utility>
 
 #include "limits/Limits.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVUtils.h"
 #include "scriptobjects/core/SoString.h"
-#include "scriptobjects/core/SoTerminators.h"
 
 namespace ScObjects {
 
@@ -33,7 +33,7 @@ struct Convey::Message::ReadState {
     const char* known = nullptr;    // no zero byte lies before it: the end, when that is known
     size_t window = kWindowBytes;   // to be looked through from there on
     SoString* owner = nullptr;      // of the text, which may be used up; null for none
-    size_t cleaned = 0;             // as far as `cleanOn` was
+    SoString* rest = nullptr;       // the second piece of the text; null for none
     Part part = Part::headers;
     const char* searched = nullptr; // as far as this line was; null at its beginning
     const char* nameEnd = nullptr;  // of this line, when it is known
@@ -107,13 +107,18 @@ struct Convey::Message::ReadState {
     // The owner's bytes, to be written to.
     char* ownBytes() const { return owner->extend(0) - owner->length(); }
 
-    // True when no NUL byte is left in the text.
-    bool cleanOn(size_t bytes) {
-        const auto length = static_cast<size_t>(owner->length());
-        const size_t now = std::min(bytes, length - cleaned);
-        replaceTerminators(ownBytes() + cleaned, now);
-        cleaned += now;
-        return cleaned == length;
+    // Makes one of the two pieces, behind the lines, where the second is not just the body.
+    void join() {
+        const char* const before = owner->c_str();
+        owner->append(std::exchange(*rest, SoString()).view());
+        rest = nullptr;
+        const auto move = [&](const char* old) { return owner->c_str() + (old - before); };
+        position = move(position);
+        known = end = owner->c_str() + owner->length();
+        if (signedRegion != nullptr) {
+            signedRegion = move(signedRegion);
+            md5 = md5.data() == nullptr ? md5 : std::string_view(move(md5.data()), md5.size());
+        }
     }
 
     // A value that is too large for one step has its room at once, and its bytes in steps.
@@ -150,6 +155,7 @@ struct Convey::Message::ReadState {
     size_t moved = 0;
     std::unique_ptr<ConveyUtils::MD5> digest; // of what lies before `digestPosition`
     const char* digestPosition = nullptr;
+    const char* digestEnd = nullptr;
     bool newFormat = true;
     bool hasDigest = false;
     bool hasMD5 = false;

@@ -10,6 +10,7 @@
 #include "scriptobjects/convey/SoCVMessageReadState.h"
 #include "scriptobjects/convey/SoCVUtils.h"
 #include "scriptobjects/core/SoNumber.h"
+#include "scriptobjects/core/SoTerminators.h"
 
 namespace ScObjects {
 namespace {
@@ -280,6 +281,11 @@ bool Convey::Message::readOnLocked(ReadState& state, size_t bytes) {
         }
         // Never behind the end of the text, whatever length was announced.
         const size_t announced = std::min(contentLength_, kMaximumBodyBytes);
+        const bool isApart = state.rest != nullptr && state.position == state.end &&
+                             announced == static_cast<size_t>(state.rest->length());
+        if (state.rest != nullptr && !isApart) {
+            state.join();
+        }
         // memchr looks no further than its first hit, and the text ends with a zero byte: it stays
         // within the text.
         const void* const end =
@@ -289,8 +295,10 @@ bool Convey::Message::readOnLocked(ReadState& state, size_t bytes) {
                 ? announced
                 : std::min(announced,
                            static_cast<size_t>(static_cast<const char*>(end) - state.position));
-        state.body = state.position;
-        state.position += state.bodyLength;
+        if (!isApart) {
+            state.body = state.position;
+            state.position += state.bodyLength;
+        }
         state.part = ReadState::Part::digest;
     }
     // Before the body is moved: the digest covers bytes that lie in the text's buffer.
@@ -301,6 +309,11 @@ bool Convey::Message::readOnLocked(ReadState& state, size_t bytes) {
         state.part = ReadState::Part::gap;
     }
     if (state.part == ReadState::Part::gap) {
+        if (state.rest != nullptr) {
+            body_ = std::move(*state.rest);
+            state.part = ReadState::Part::body;
+            return true;
+        }
         for (size_t skipped = 0; *state.position == '\n'; ++state.position, ++skipped) {
             if (skipped == bytes) {
                 return false;
@@ -344,13 +357,22 @@ bool Convey::Message::checkDigest(ReadState& state, size_t bytes) {
     if (state.digest == nullptr) {
         state.digest = std::make_unique<ConveyUtils::MD5>();
         state.digestPosition = state.signedRegion;
+        state.digestEnd = state.position;
     }
-    const size_t left = static_cast<size_t>(state.position - state.digestPosition);
-    const size_t now = std::min(left, bytes);
-    state.digest->add({state.digestPosition, now});
-    state.digestPosition += now;
-    if (now < left) {
-        return false;
+    for (;;) {
+        const size_t left = static_cast<size_t>(state.digestEnd - state.digestPosition);
+        const size_t now = std::min(left, bytes);
+        state.digest->add({state.digestPosition, now});
+        state.digestPosition += now;
+        bytes -= now;
+        if (now < left) {
+            return false;
+        }
+        if (state.rest == nullptr || state.digestEnd != state.position) {
+            break;
+        }
+        state.digestPosition = state.rest->c_str();
+        state.digestEnd = state.digestPosition + state.rest->length();
     }
     // Noted, not refused: whether such a message counts is its handler's decision.
     digestState_ = state.digest->finish().view() == state.md5 ? "" : CV_DIGEST_REJECTED;
@@ -359,20 +381,58 @@ bool Convey::Message::checkDigest(ReadState& state, size_t bytes) {
 
 Convey::Message::Reader::Reader(SoString&& text) : text_(std::move(text)) {}
 
+Convey::Message::Reader::Reader(SoString&& text, SoString&& rest, bool mayHaveZero)
+    : text_(std::move(text)), rest_(std::move(rest)), mayHaveZero_(mayHaveZero) {}
+
 Convey::Message::Reader::~Reader() = default;
+
+// True when the text is ready to be read: without NUL bytes, and in one piece unless the first ends
+// with the line in front of a body and the empty one. Without that line what stands at the end of
+// the first would go on in the second.
+bool Convey::Message::Reader::prepare(size_t bytes) {
+    const auto clean = [&](SoString& piece, size_t before) {
+        const auto length = static_cast<size_t>(piece.length());
+        if (bytes == 0 || cleaned_ >= before + length) {
+            return;
+        }
+        const size_t now = std::min(bytes, before + length - cleaned_);
+        replaceTerminators(piece.extend(0) - length + (cleaned_ - before), now);
+        cleaned_ += now;
+        bytes -= now;
+    };
+    const auto textBytes = static_cast<size_t>(text_.length());
+    if (mayHaveZero_) {
+        clean(text_, 0);
+        clean(rest_, textBytes);
+        if (cleaned_ < textBytes + static_cast<size_t>(rest_.length())) {
+            return false;
+        }
+    }
+    if (!rest_.isEmpty()) {
+        SoString end("\n");
+        end << CV_CONTENT_LENGTH << ':' << rest_.length() << "\n\n";
+        if (!text_.view().ends_with(end.view())) {
+            text_.append(std::exchange(rest_, SoString()).view());
+        }
+    }
+    isPrepared_ = true;
+    return true;
+}
 
 bool Convey::Message::Reader::read(Message& message, size_t bytes) {
     const ObjectLock guard(message);
+    if (!isPrepared_ && !prepare(bytes)) {
+        return false;
+    }
     if (state_ == nullptr) {
         state_ = std::make_unique<ReadState>();
         state_->position = text_.c_str() + position_;
-        // Behind the first message it has been looked through.
-        state_->cleaned = position_ == 0 ? 0 : static_cast<size_t>(text_.length());
+        state_->rest = rest_.isEmpty() ? nullptr : &rest_;
         state_->known = state_->end = text_.c_str() + text_.length();
         state_->owner = &text_;
         message.beginReading();
     }
-    if (!state_->cleanOn(bytes) || !message.readOnLocked(*state_, bytes)) {
+    if (!message.readOnLocked(*state_, bytes)) {
         return false;
     }
     const char* const next = message.takeBodyLocked(*state_, &text_);

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "limits/Limits.h"
+#include "platform/MessagePort.h"
 #include "platform/Processes.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVMessageFormat.h"
@@ -16,6 +17,9 @@ namespace ScObjects {
 namespace {
 
 using namespace ConveyData;
+
+// A text whose body is larger goes in several packets in any case.
+constexpr size_t kWholeTextBytes = limits::of("port.packet");
 
 // User headers of these names are escaped.
 constexpr std::array<std::string_view, 15> kReserved = {
@@ -155,9 +159,11 @@ char* Convey::Message::writeHeaders(char* place) const {
     return writer.end();
 }
 
-bool Convey::Message::writeToString(SoString& out) const {
+// Appends all but the body, with room for so much of it; where that is, or null without a target or
+// a sender.
+char* Convey::Message::writeLines(SoString& out, size_t bodyBytes) const {
     if (target_.isEmpty() || sender_.isEmpty()) {
-        return false;
+        return nullptr;
     }
     // Beside `out`: what they need is known when they are written, and the digest, which stands in
     // front of what it covers, after that.
@@ -175,13 +181,38 @@ bool Convey::Message::writeToString(SoString& out) const {
         digestBytes = std::string_view(CV_MD5).size() + digest.view().size() + 2;
     }
     // Behind what `out` holds already: a text may have several messages.
-    Writer writer(out.extend(static_cast<int32_t>(digestBytes + header.size() + body.size())));
+    Writer writer(out.extend(static_cast<int32_t>(digestBytes + header.size() + bodyBytes)));
     if (digestBytes != 0) {
         writer.addLine(CV_MD5, digest.view());
     }
     writer.add(header);
-    writer.add(body);
+    return writer.end();
+}
+
+bool Convey::Message::writeToString(SoString& out) const {
+    const std::string_view body = body_.view();
+    char* const place = writeLines(out, body.size());
+    if (place == nullptr) {
+        return false;
+    }
+    (void)std::char_traits<char>::copy(place, body.data(), body.size());
     return true;
+}
+
+bool Convey::Message::Text::write(const Message& message) {
+    const std::string_view body = message.body_.view();
+    const bool isLarge = body.size() > kWholeTextBytes;
+    SoString head;
+    if (isLarge ? message.writeLines(head, 0) == nullptr : !message.writeToString(head)) {
+        return false;
+    }
+    head_ = std::move(head);
+    body_ = isLarge ? body : std::string_view();
+    return true;
+}
+
+platform::PortPieces Convey::Message::Text::pieces() const {
+    return {head_.view(), body_};
 }
 
 bool Convey::Message::logToString(const char* label, SoString& out, bool withBody) const {

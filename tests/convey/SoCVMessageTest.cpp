@@ -332,6 +332,78 @@ TEST_F(MessageTest, isReadInStepsAsAtOnceAndNoStepTakesAll) {
     }
 }
 
+// What comes in two pieces is the same text, wherever it is cut: also where the first looks like
+// the lines of a message and is none, or the second is not just a body.
+TEST_F(MessageTest, isReadInTwoPiecesAsInOne) {
+    Message::setCreateDigest(true);
+    Message::setAuthentication(true);
+    const std::string head = "Target:t\nSender:s\n";
+    const struct {
+        const char* why;
+        std::string text;
+    } cases[] = {
+        {"as it is written", written(message("the body"))},
+        {"a zero byte in lines and body", written(message("a\nb")) + std::string("\0c", 2)},
+        {"two messages", head + "Content-Length:3\n\nabc" + head + "Content-Length:1\n\nx"},
+        {"an empty line before the last length", head + "\n\nx:y\nContent-Length:4\n\nabcd"},
+        {"a line without colon that takes the length in", head + "x\nContent-Length:4\n\nabcd"},
+        {"more than the length", head + "Content-Length:3\n\nabcd"},
+        {"less than the length", head + "Content-Length:5\n\nabcd"},
+        {"line feeds behind the body", head + "Content-Length:2\n\nab\n\n"},
+        {"a digest that does not fit", "@CV>MD5:00\n" + head + "Content-Length:4\n\nabcd"},
+    };
+    const auto readAll = [](Message::Reader&& reader, size_t step) {
+        std::string all;
+        while (!reader.isAtEnd()) {
+            Message message;
+            while (!reader.read(message, step)) {
+            }
+            for (const std::string& header : headersOf(message)) {
+                all += header + "|";
+            }
+            for (const SoString& field : {message.getTarget(), message.getBody(),
+                                          message.getDigestState(), message.getVersion()}) {
+                all.append(field.view()) += "|";
+            }
+            all += std::to_string(message.getContentLength()) + "\n";
+        }
+        return all;
+    };
+    const auto piece = [](std::string_view bytes) { return SoString(bytes); };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.why);
+        const std::string_view text = c.text;
+        const std::string expected = readAll(Message::Reader(piece(text)), 1000);
+        const bool hasZero = text.find('\0') != std::string_view::npos;
+        for (size_t cut = 1; cut < text.size(); ++cut) {
+            for (const size_t step : {size_t{3}, size_t{1000}}) {
+                for (const bool mayHaveZero : {true, hasZero}) {
+                    EXPECT_EQ(readAll(Message::Reader(piece(text.substr(0, cut)),
+                                                      piece(text.substr(cut)), mayHaveZero),
+                                      step),
+                              expected)
+                        << cut;
+                }
+            }
+        }
+    }
+    // The body of a large one is sent, and read, where it is.
+    Message large;
+    large.setTarget("t");
+    large.setSender("s");
+    large.setBody(SoString(std::string(100'000, 'x')));
+    Message::Text text;
+    ASSERT_TRUE(text.write(large) && text.isLarge());
+    EXPECT_EQ(text.pieces().body.data(), large.getBody().c_str());
+    SoString body = large.getBody();
+    const char* const place = body.c_str();
+    Message::Reader reader(piece(text.pieces().head), std::move(body), false);
+    Message read;
+    EXPECT_TRUE(reader.read(read, SIZE_MAX) && reader.isAtEnd());
+    EXPECT_EQ(read.getBody().c_str(), place);
+    EXPECT_EQ(read.getDigestState(), "");
+}
+
 TEST_F(MessageTest, digestTellsAChangedByte) {
     Message::setCreateDigest(true);
     const std::string text = written(message("body"));
