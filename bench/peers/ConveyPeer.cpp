@@ -1,11 +1,15 @@
 // What an application pays: the message with its headers is built, signed with the digest, sent
 // over the port with the check of who is at the other end, read and checked.
+#include <cstdint>
+#include <memory>
+#include <optional>
 #include <string>
 #include <unistd.h>
 #include <utility>
 
 #include "bench/BareSocket.h"
 #include "bench/peers/Peer.h"
+#include "platform/MessagePort.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVUtils.h"
 #include "scriptobjects/stream/InterAppStream.h"
@@ -37,7 +41,7 @@ public:
         for (;;) {
             take(request);
             if (request.getBody().view()[0] == kAnswer) {
-                (void)give(here_, there_, request.getBody());
+                (void)give(here_, there_, request.takeBody());
             }
         }
     }
@@ -52,37 +56,47 @@ public:
         take(answer);
     }
     void sendOnly(const std::string& text) override {
-        if (!give(there_, here_, SoString(text))) {
+        if (!give(there_, here_, bodyOf(text))) {
             fail("stream send");
         }
     }
-    bool offer(const std::string& text) override { return give(there_, here_, SoString(text), 0); }
+    bool offer(const std::string& text) override { return give(there_, here_, bodyOf(text), 0); }
 
 private:
+    // Each text is sent many times, by the others from where it is; here from the message before.
+    SoString bodyOf(const std::string& text) {
+        if (text.data() != lastText_ || text.size() != lastSize_) {
+            lastText_ = text.data();
+            lastSize_ = text.size();
+            return SoString(text);
+        }
+        return sent_->takeBody();
+    }
     bool give(const SoString& target, const SoString& sender, SoString body,
               int32_t patienceMilliseconds = InterAppStream::kSendTimeoutMilliseconds) {
-        Convey::Message message;
+        Convey::Message& message = sent_.emplace();
         message.setTarget(target);
         message.setSender(sender);
         message.setResponseRequest("Received Result");
         message.setSerialNumber(++lastNumber_);
         message.setBody(std::move(body));
-        SoString text;
-        return message.writeToString(text) && stream_->send(target, text, patienceMilliseconds);
+        Convey::Message::Text text;
+        return text.write(message) &&
+               stream_->send(target, text.pieces(), patienceMilliseconds, nullptr);
     }
     void take(Convey::Message& message) {
-        if (rest_.isEmpty()) {
-            while (!stream_->receive()) {
-                if (!stream_->waitForMessage(5000, soon_)) {
-                    _exit(0);
-                }
+        while (reader_ == nullptr) {
+            if (const auto text = stream_->take()) {
+                reader_ = std::make_unique<Convey::Message::Reader>(
+                    std::move(text->text), std::move(text->rest), text->mayHaveZero);
+            } else if (!stream_->waitForMessage(5000, soon_)) {
+                _exit(0);
             }
-            rest_ = stream_->getMessages();
-            next_ = 0;
         }
-        next_ = message.readFromString(rest_, next_);
-        if (next_ >= rest_.length()) {
-            rest_ = SoString();
+        while (!reader_->read(message, SIZE_MAX)) {
+        }
+        if (reader_->isAtEnd()) {
+            reader_.reset();
         }
         if (message.isRejected()) {
             fail("a digest that does not fit");
@@ -94,8 +108,10 @@ private:
     const SoString there_;
     int ready_[2];
     std::unique_ptr<InterAppStream> stream_;
-    SoString rest_; // texts that came together
-    int32_t next_ = 0;
+    std::unique_ptr<Convey::Message::Reader> reader_; // of a text with messages left
+    std::optional<Convey::Message> sent_;
+    const char* lastText_ = nullptr;
+    size_t lastSize_ = 0;
     uint32_t lastNumber_ = 0;
 };
 

@@ -34,9 +34,9 @@ struct Size {
     int oneWay;
 };
 constexpr Size kSizes[] = {
-    {"0.3 KiB", 300, 3000, 30'000},      {"4 KiB", 4096, 3000, 20'000},
-    {"64 KiB", 65'536, 1000, 3000},      {"1 MiB", 1 << 20, 100, 200},
-    {"16 MiB", size_t{16} << 20, 6, 10},
+    {"0.3 KiB", 300, 3000, 30'000}, {"4 KiB", 4096, 3000, 20'000},
+    {"64 KiB", 65'536, 1000, 3000}, {"256 KiB", 1 << 18, 300, 600},
+    {"1 MiB", 1 << 20, 100, 200},   {"16 MiB", size_t{16} << 20, 6, 10},
 };
 
 double quantile(std::vector<double> values, double share) {

@@ -114,20 +114,21 @@ Arrivals::~Arrivals() = default;
 // it was asked last, which costs a system call: once at first and again behind what may have been
 // all that it draws at once.
 void Arrivals::draw(InterAppStream& stream, Look& look) {
-    SoString text;
-    int32_t process = 0;
     while (bytes_.load() < kMaximumUnreadBytes) {
-        if (!stream.take(text, process)) {
+        const auto text = stream.take();
+        if (text == nullptr) {
             if (!std::exchange(look.isDue, false) || !stream.messagePending()) {
                 return;
             }
             continue;
         }
-        if (text.isEmpty()) {
+        if (text->text.isEmpty()) {
             continue;
         }
+        const int32_t process = text->process;
         const auto sender = senders_.try_emplace(process).first;
-        sender->second.texts.push_back(std::make_unique<Message::Reader>(std::move(text)));
+        sender->second.texts.push_back(std::make_unique<Message::Reader>(
+            std::move(text->text), std::move(text->rest), text->mayHaveZero));
         const int64_t bytes = costOf(*sender->second.texts.back());
         bytes_.fetch_add(bytes);
         look.bytes += bytes;

@@ -119,13 +119,13 @@ private:
     bool sendResponse(const Convey::Message& request, const char* type,
                       std::unique_ptr<Convey::Message> response);
     void requestProcessed(Convey::Message& message);
-    const char* prepare(Convey::Message& message, SoString& text);
+    const char* prepare(Convey::Message& message, Convey::Message::Text& text);
     bool handOver(const Convey::Message& message, const InterAppStream& stream,
-                  const SoString& text, int32_t timeoutMilliseconds, uint32_t waitSeconds);
+                  Convey::Message::Text& text, int32_t timeoutMilliseconds, uint32_t waitSeconds);
     bool deliverLocally(const Convey::Message& message);
     std::unique_ptr<Takers::Sending> beginSending(std::optional<AwaitedRequest> request);
     void watchTaker(platform::TargetWatch& taker) const;
-    Delivery deliver(const Convey::Message& message, const SoString& text, bool mayLaunch,
+    Delivery deliver(const Convey::Message& message, Convey::Message::Text& text, bool mayLaunch,
                      uint32_t waitSeconds, const SoString* launchParameters);
     Delivery queueForLaunch(const Convey::Message& message, uint32_t waitSeconds,
                             const SoString* launchParameters);

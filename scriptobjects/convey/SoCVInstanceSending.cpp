@@ -10,6 +10,7 @@
 
 #include "limits/Limits.h"
 #include "platform/Clock.h"
+#include "platform/MessagePort.h"
 #include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVInstanceParts.h"
@@ -49,7 +50,7 @@ void PrivateData::complete(Message& message) const {
 }
 
 // Completes and writes a message. Null, or why it is not sent: empty when nobody is to be told.
-const char* PrivateData::prepare(Message& message, SoString& text) {
+const char* PrivateData::prepare(Message& message, Message::Text& text) {
     if (isClosed() || isEmptyRequest(message)) {
         return "";
     }
@@ -66,11 +67,16 @@ const char* PrivateData::prepare(Message& message, SoString& text) {
     message.setTarget(target);
     // Before it is written: what it asks for, and for which life, goes with the text.
     requestProcessed(message);
-    return message.writeToString(text) ? nullptr : CV_ERROR_NO_TEXT;
+    // What does not leave the process needs no text, and no digest.
+    const ConveyContext* const context = this->context();
+    if (context != nullptr && context->pin(message.getTarget()) != nullptr) {
+        return message.getSender().isEmpty() ? CV_ERROR_NO_TEXT : nullptr;
+    }
+    return text.write(message) ? nullptr : CV_ERROR_NO_TEXT;
 }
 
 bool PrivateData::sendAtOnce(Message& message) {
-    SoString text;
+    Message::Text text;
     // A text that does not fit into a packet needs its target's help to pass.
     if (prepare(message, text) != nullptr || text.length() > kPacketBytes) {
         return false;
@@ -88,7 +94,7 @@ bool PrivateData::sendAtOnce(Message& message) {
 
 bool PrivateData::send(Message& message, bool mayLaunch, uint32_t waitSeconds,
                        const SoString* launchParameters) {
-    SoString text;
+    Message::Text text;
     if (const char* const error = prepare(message, text)) {
         if (*error != '\0') {
             sendError(message, error, CV_CODE_NOT_SENT, waitSeconds);
@@ -212,7 +218,7 @@ void PrivateData::accept(std::unique_ptr<Message> message) {
 }
 
 // Hands the text to the target's process, or queues the message until that can be done.
-Delivery PrivateData::deliver(const Message& message, const SoString& text, bool mayLaunch,
+Delivery PrivateData::deliver(const Message& message, Message::Text& text, bool mayLaunch,
                               uint32_t waitSeconds, const SoString* launchParameters) {
     const SoString& target = message.getTarget();
     const auto stream = this->stream();
@@ -241,11 +247,15 @@ Delivery PrivateData::deliver(const Message& message, const SoString& text, bool
 }
 
 bool PrivateData::handOver(const Message& message, const InterAppStream& stream,
-                           const SoString& text, int32_t timeoutMilliseconds,
-                           uint32_t waitSeconds) {
+                           Message::Text& text, int32_t timeoutMilliseconds, uint32_t waitSeconds) {
+    // The instance of this process that was to have it may have gone meanwhile.
+    if (text.length() == 0 && !text.write(message)) {
+        return false;
+    }
     const auto sending = beginSending(AwaitedRequest::of(message, waitSeconds));
-    if (sending != nullptr ? !sending->send(stream, text, timeoutMilliseconds)
-                           : !stream.send(message.getTarget(), text, timeoutMilliseconds)) {
+    if (sending != nullptr
+            ? !sending->send(stream, text, timeoutMilliseconds)
+            : !stream.send(message.getTarget(), text.pieces(), timeoutMilliseconds, nullptr)) {
         return false;
     }
     logEvent("SEND", message);

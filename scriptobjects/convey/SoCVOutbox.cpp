@@ -8,6 +8,7 @@
 #include "limits/Limits.h"
 #include "platform/Clock.h"
 #include "platform/Log.h"
+#include "platform/MessagePort.h"
 #include "scriptobjects/convey/SoCVDiagnosticsRows.h"
 #include "scriptobjects/convey/SoCVInstanceParts.h"
 #include "scriptobjects/convey/SoCVMessage.h"
@@ -111,8 +112,9 @@ struct Outbox::Attempt {
     bool large = false;
     bool written = false;
     uint64_t position = 0;
-    SoString text;
-    std::unique_ptr<Message> event;        // a copy for who watches events
+    Message::Text text;
+    std::unique_ptr<Message> copy; // of a large one, whose body the text has; or for who watches
+    bool watched = false;          // events
     std::optional<AwaitedRequest> request; // that its asker is to be told of
 };
 
@@ -271,7 +273,7 @@ Outbox::Left Outbox::pass(const InterAppStream* stream, Carrier carrier) {
 Outbox::Attempt Outbox::nextOf(Turn& turn, Carrier carrier) {
     Attempt next;
     Line& line = turn.line();
-    std::unique_ptr<Message> copy;
+    std::unique_ptr<Message>& copy = next.copy;
     const bool logged = kind_ == Kind::messages && isLogged();
     next.found = queue_.visitNextFor(turn.target(), next.position, [&](const Message& message) {
         next.large = message.getBody().length() > kLargeBytes;
@@ -290,7 +292,7 @@ Outbox::Attempt Outbox::nextOf(Turn& turn, Carrier carrier) {
             next.text = line.text;
             next.written = true;
         } else if (!next.large) {
-            next.written = message.writeToString(next.text);
+            next.written = next.text.write(message); // small: all of it
         }
     });
     // What takes long is not done under the queue's lock, which others wait for.
@@ -300,19 +302,18 @@ Outbox::Attempt Outbox::nextOf(Turn& turn, Carrier carrier) {
             return nextOf(turn, carrier); // it has gone meanwhile: the one behind it
         }
         copy->setBody(std::move(body));
-        next.written = copy->writeToString(next.text);
+        next.written = next.text.write(*copy);
     }
-    if (logged) {
-        next.event = std::move(copy);
-    }
+    next.watched = logged && copy != nullptr;
     return next;
 }
 
 bool Outbox::hand(const InterAppStream& stream, Attempt& next, const SoString& target,
                   int32_t timeoutMilliseconds) const {
     const auto sending = next.request ? begin_(std::move(*next.request)) : nullptr;
-    return sending != nullptr ? sending->send(stream, next.text, timeoutMilliseconds)
-                              : stream.send(target, next.text, timeoutMilliseconds);
+    return sending != nullptr
+               ? sending->send(stream, next.text, timeoutMilliseconds)
+               : stream.send(target, next.text.pieces(), timeoutMilliseconds, nullptr);
 }
 
 void Outbox::send(const InterAppStream* stream, Turn& turn, Carrier carrier, int64_t end,
@@ -334,8 +335,8 @@ void Outbox::send(const InterAppStream* stream, Turn& turn, Carrier carrier, int
         } else if (hand(*stream, next, target, next.large ? kLargeMilliseconds : 0)) {
             (void)queue_.drop(turn.target(), next.position);
             left.sent = true;
-            if (next.event != nullptr) {
-                logEvent("SEND ENQUEUED MESSAGE", *next.event);
+            if (next.watched) {
+                logEvent("SEND ENQUEUED MESSAGE", *next.copy);
             }
         } else {
             // A large text is not kept: that would double what a target that takes nothing costs.
@@ -346,7 +347,7 @@ void Outbox::send(const InterAppStream* stream, Turn& turn, Carrier carrier, int
             noteFailure(*stream, turn, sentAny, left);
             return;
         }
-        line.text = SoString();
+        line.text = {};
         line.textPosition = 0;
         line.pause = line.retryAt = 0;
         noteState(line, 0, false);
@@ -486,8 +487,8 @@ bool Outbox::drain(const InterAppStream& stream, const SoString& target, int64_t
             return isFree(target);
         }
         (void)queue_.drop(turn.target(), next.position);
-        if (next.event != nullptr && next.written) {
-            logEvent("SEND ENQUEUED MESSAGE", *next.event);
+        if (next.watched && next.written) {
+            logEvent("SEND ENQUEUED MESSAGE", *next.copy);
         }
     }
     return true;

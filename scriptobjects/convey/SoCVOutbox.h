@@ -112,7 +112,7 @@ private:
         bool absent = false;
         uint32_t requeuedSecond = 0;
         uint64_t textPosition = 0; // of the message that `text` is: written once for many attempts
-        SoString text;
+        Convey::Message::Text text;
     };
     class Turn;
     struct Attempt;

@@ -72,10 +72,10 @@ Takers::Sending::~Sending() {
     takers_->abandon(number_, place_);
 }
 
-bool Takers::Sending::send(const InterAppStream& stream, const SoString& text,
+bool Takers::Sending::send(const InterAppStream& stream, const Convey::Message::Text& text,
                            int32_t timeoutMilliseconds) {
     std::shared_ptr<TargetWatch> taker;
-    if (!stream.send(target_, text, timeoutMilliseconds, taker)) {
+    if (!stream.send(target_, text.pieces(), timeoutMilliseconds, &taker)) {
         return false;
     }
     // Watched with no lock held: that goes to the background thread.

@@ -2,6 +2,7 @@
 
 #include <new>
 #include <string>
+#include <utility>
 
 #include "platform/MessagePort.h"
 #include "scriptobjects/core/SoTerminators.h"
@@ -30,15 +31,24 @@ std::unique_ptr<platform::LocalPort> openPort(const SoString& name) noexcept {
 
 } // namespace
 
-MacInterAppStream::DataRef::DataRef(platform::PortText& data) : process(data.process()) {
+// Not copied: the port's blocks have the room and the whole steps that a string's buffer has. When
+// memory runs out they are still the port's.
+MacInterAppStream::DataRef::DataRef(platform::PortText& data)
+    : process(data.process()), mayHaveZero(data.mayHaveZero()) {
     const size_t length = data.size();
     if (length == 0) {
         return;
     }
-    // Not copied: the port's block has the room and the whole steps that a string's buffer has.
-    // When memory runs out it is still the port's.
-    text.adopt(data.data(), static_cast<int32_t>(length));
-    (void)data.release(); // the string's now
+    const size_t headLength = data.headSize();
+    auto [head, body] = data.releasePieces();
+    const auto adopt = [](SoString& string, platform::PortText::Block& block, size_t bytes) {
+        string.adopt(block.get(), static_cast<int32_t>(bytes));
+        (void)block.release(); // the string's now
+    };
+    if (headLength != 0) {
+        adopt(text, head, headLength);
+    }
+    adopt(headLength != 0 ? rest : text, body, length - headLength);
 }
 
 MacInterAppStream::DataRef::~DataRef() = default;
@@ -94,7 +104,7 @@ bool MacInterAppStream::draw(int32_t maximumTexts) const {
         auto data = std::make_unique<DataRef>(received);
         // Owned here until it is in the list, which may find no memory for it.
         drawn_.append(data.get());
-        drawnBytes_ += data.release()->text.length();
+        drawnBytes_ += data.release()->bytes();
     }
     return drawn_.count() > 0;
 }
@@ -110,16 +120,6 @@ bool MacInterAppStream::waitForMessage(int32_t timeoutMilliseconds, bool soon) c
     return port != nullptr && (hasDrawn() || (port->wait(timeoutMilliseconds, soon) && draw(1)));
 }
 
-bool MacInterAppStream::take(SoString& text, int32_t& process) {
-    const std::unique_ptr<DataRef> data = takeDrawn();
-    if (data == nullptr) {
-        return false;
-    }
-    text = std::move(data->text);
-    process = data->process;
-    return true;
-}
-
 bool MacInterAppStream::hasMore() const {
     const std::shared_ptr<platform::LocalPort> port = this->port();
     return port != nullptr && port->hasMore();
@@ -131,23 +131,26 @@ void MacInterAppStream::hold(int32_t process, bool on) {
     }
 }
 
-std::unique_ptr<MacInterAppStream::DataRef> MacInterAppStream::takeDrawn() {
+std::unique_ptr<MacInterAppStream::DataRef> MacInterAppStream::take() {
     std::unique_ptr<DataRef> data;
     {
         const ObjectLock guard(*this);
         // In one step: two threads that receive do not get the same text.
         data.reset(drawn_.removeAt(0));
         if (data != nullptr) {
-            drawnBytes_ -= data->text.length();
+            drawnBytes_ -= data->bytes();
         }
     }
     return data;
 }
 
 bool MacInterAppStream::receive() {
-    const std::unique_ptr<DataRef> data = takeDrawn();
+    const std::unique_ptr<DataRef> data = take();
     if (data == nullptr || data->text.isEmpty()) {
         return false;
+    }
+    if (!data->rest.isEmpty()) {
+        data->text.append(std::exchange(data->rest, SoString()).view());
     }
     const auto length = static_cast<size_t>(data->text.length());
     replaceTerminators(data->text.extend(0) - length, length);

@@ -38,8 +38,12 @@ public:
         explicit DataRef(platform::PortText& data);
         ~DataRef() override;
 
+        // All of it, or the piece at its beginning that its sender has cut off, and the rest.
         SoString text;
+        SoString rest;
         const int32_t process; // that sent it, 0 for unknown
+        int32_t bytes() const { return text.length() + rest.length(); }
+        const bool mayHaveZero; // false when it is known to hold no zero byte
     };
 
     explicit MacInterAppStream(const SoString& name, bool flag = true);
@@ -75,9 +79,8 @@ public:
     bool send(const SoString& target, const platform::PortPieces& text, int32_t timeoutMilliseconds,
               std::shared_ptr<platform::TargetWatch>* taker) const;
 
-    // Takes the text that arrived first, its NUL bytes still in it, with the number of the process
-    // that sent it (0 where the system does not say). False when none has been drawn.
-    [[nodiscard]] bool take(SoString& text, int32_t& process);
+    // Takes the text that arrived first, its NUL bytes still in it; null when none has been drawn.
+    [[nodiscard]] std::unique_ptr<DataRef> take();
     // True when large texts were read in part only, so that nothing else waits for their end: there
     // is more of them already.
     bool hasMore() const;
@@ -97,7 +100,6 @@ public:
 
 private:
     bool hasDrawn() const;
-    std::unique_ptr<DataRef> takeDrawn();
     bool draw(int32_t maximumTexts) const;
 
     std::shared_ptr<platform::LocalPort> port() const;
