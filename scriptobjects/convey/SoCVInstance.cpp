@@ -59,8 +59,7 @@ PrivateData::~PrivateData() = default;
 void PrivateData::close() {
     // While there is a way out for the answers.
     owed_.close([this](const Message& request, int32_t code, const SoString& text) {
-        answer(request, code, text);
-        finishSurely(request, {});
+        finishSurely(request, {}, answer(request, code, text));
     });
     // Who waits looks at it when it is woken below.
     closed_.store(true);

@@ -118,6 +118,11 @@ private:
                    uint32_t waitSeconds);
     bool sendResponse(const Convey::Message& request, const char* type,
                       std::unique_ptr<Convey::Message> response);
+    std::unique_ptr<Convey::Message> replyTo(const Convey::Message& request, const char* type,
+                                             std::unique_ptr<Convey::Message> response) const;
+    std::unique_ptr<Convey::Message> resultOf(const Convey::Message& request,
+                                              const SoString& result) const;
+    void postWithEnd(const Convey::Message& request, Convey::Message& result, bool& sent);
     void requestProcessed(Convey::Message& message);
     const char* prepare(Convey::Message& message, Convey::Message::Text& text);
     bool handOver(const Convey::Message& message, const InterAppStream& stream,
@@ -144,11 +149,13 @@ private:
     void accept(std::unique_ptr<Convey::Message> message);
     bool isForThisLife(const Convey::Message& message);
     bool handle(MessageQueue::Taken& taken, Conversations::Turn& turn);
-    void dispatch(MessageQueue::Taken& taken, Conversations::Turn& turn, bool& called);
-    void answer(const Convey::Message& request, int32_t code, const SoString& text);
+    // What is left to be sent when a request was handled: its result, as far as it is wanted.
+    using Result = std::unique_ptr<Convey::Message>;
+    Result dispatch(MessageQueue::Taken& taken, Conversations::Turn& turn, bool& called);
+    [[nodiscard]] Result answer(const Convey::Message& request, int32_t code, const SoString& text);
     void answerLost(const Convey::Message& request);
-    void finishSurely(const Convey::Message& message, const Reply& reply);
-    void finish(const Convey::Message& message, const Reply& reply);
+    void finishSurely(const Convey::Message& message, const Reply& reply, Result result);
+    void finish(const Convey::Message& message, const Reply& reply, bool endIsSent);
     void removeExpired();
     void noteActivity() const;
     SoString infoRoot(const char* leaf) const;

@@ -249,7 +249,9 @@ bool PrivateData::processIncoming(uint32_t serialNumber, bool process) {
 // back to its place, which is false, and the asker of one that was handled hears of an error.
 bool PrivateData::handle(MessageQueue::Taken& taken, Conversations::Turn& turn) {
     bool called = false;
-    if (!isEmptyRequest(*taken.message) && !attempt([&] { dispatch(taken, turn, called); })) {
+    Result result;
+    if (!isEmptyRequest(*taken.message) &&
+        !attempt([&] { result = dispatch(taken, turn, called); })) {
         if (!called && attempt([&] { incoming_.putBack(taken); })) {
             return false;
         }
@@ -257,7 +259,7 @@ bool PrivateData::handle(MessageQueue::Taken& taken, Conversations::Turn& turn) 
     }
     // Not when the handler has taken the reply over: the end then comes with that.
     if (taken.message != nullptr) {
-        finishSurely(*taken.message, turn.reply);
+        finishSurely(*taken.message, turn.reply, std::move(result));
     }
     return true;
 }
@@ -269,8 +271,15 @@ void PrivateData::answerLost(const Message& request) {
 
 // Whatever became of it before: without its end a conversation would be waited for until the time
 // of the wait is up.
-void PrivateData::finishSurely(const Message& message, const Reply& reply) {
-    if (!attempt([&] { finish(message, reply); })) {
+void PrivateData::finishSurely(const Message& message, const Reply& reply, Result result) {
+    bool endIsSent = false;
+    if (result != nullptr) {
+        (void)attempt([&] { postWithEnd(message, *result, endIsSent); });
+        if (!endIsSent && !attempt([&] { (void)post(std::move(result)); })) {
+            answerLost(message);
+        }
+    }
+    if (!attempt([&] { finish(message, reply, endIsSent); })) {
         answersLost_.fetch_add(1, std::memory_order_relaxed);
     }
 }
@@ -278,13 +287,16 @@ void PrivateData::finishSurely(const Message& message, const Reply& reply) {
 void PrivateData::giveOwed(const OwedReply& reply, const Message& request, int32_t code,
                            const SoString& text) noexcept {
     owed_.remove(reply);
-    if (!attempt([&] { answer(request, code, text); })) {
+    Result result;
+    if (!attempt([&] { result = answer(request, code, text); })) {
         answerLost(request);
     }
-    finishSurely(request, {});
+    finishSurely(request, {}, std::move(result));
 }
 
-void PrivateData::answer(const Message& request, int32_t code, const SoString& text) {
+// Sends an error; a result is the caller's to send, since its end comes with it.
+PrivateData::Result PrivateData::answer(const Message& request, int32_t code,
+                                        const SoString& text) {
     if (code != 0) {
         if (contains(request.getResponseRequest(), CV_WANTS_ERROR)) {
             sendError(request, text.c_str(), code, 0);
@@ -292,22 +304,24 @@ void PrivateData::answer(const Message& request, int32_t code, const SoString& t
             (void)ConveyUtils::forwardMessage(request, CV_FORWARD_ERRORS, kErrorRoot, text);
         }
     } else if (contains(request.getResponseRequest(), CV_WANTS_RESULT)) {
-        (void)sendResult(request, text);
+        return resultOf(request, text);
     }
+    return nullptr;
 }
 
-void PrivateData::dispatch(MessageQueue::Taken& taken, Conversations::Turn& turn, bool& called) {
+PrivateData::Result PrivateData::dispatch(MessageQueue::Taken& taken, Conversations::Turn& turn,
+                                          bool& called) {
     const Message& message = *taken.message;
     // Handlers may change what they are given; the answer and "Processed" are made from the request
     // as it came.
     Message copy(message);
     if (Message::getAuthentication() && message.isRejected()) {
         sendError(copy, CV_ERROR_REJECTED, CV_CODE_REJECTED, 0);
-        return;
+        return nullptr;
     }
     const auto slot = conversations_.handlerFor(message, turn.reply);
     if (slot == nullptr) {
-        return;
+        return nullptr;
     }
     const int32_t event = eventOf(message, turn.reply);
     presentReply(copy, turn.reply, event);
@@ -326,23 +340,23 @@ void PrivateData::dispatch(MessageQueue::Taken& taken, Conversations::Turn& turn
     const auto done = conversations_.handled(turn, message, slot); // a handler for one message
     if (!call.end()) {
         taken.message.reset();
-        return;
+        return nullptr;
     }
     if (const auto& reply = call.taken()) {
         const auto kept =
             code != 0 ? OwedReplies::Kept::answered : owed_.keep(reply, taken.message);
         if (kept == OwedReplies::Kept::kept) {
-            return;
+            return nullptr;
         }
         if (kept == OwedReplies::Kept::refused) {
             (void)reply->give(CV_CODE_TOO_MANY_OWED, CV_ERROR_TOO_MANY_OWED);
         }
         reply->takeGiven(code, result);
     }
-    answer(message, code, result);
+    return answer(message, code, result);
 }
 
-void PrivateData::finish(const Message& message, const Reply& reply) {
+void PrivateData::finish(const Message& message, const Reply& reply, bool endIsSent) {
     if (message.getType() == CV_TYPE_WATCHER) {
         return;
     }
@@ -358,7 +372,9 @@ void PrivateData::finish(const Message& message, const Reply& reply) {
         event = "PROCESSED TIMEOUT";
         break;
     default:
-        (void)sendResponse(message, CV_TYPE_PROCESSED, nullptr);
+        if (!endIsSent) {
+            (void)sendResponse(message, CV_TYPE_PROCESSED, nullptr);
+        }
         logEvent("PROCESSED INCOMING MESSAGE", message);
         break;
     }

@@ -130,7 +130,8 @@ bool PrivateData::send(Message& message, bool mayLaunch, uint32_t waitSeconds,
 }
 
 // An asker is known by the name of its port, which it has made complete itself. Only a name that
-// nobody has is completed, since that may ask other processes, which may take their time.
+// nobody has is completed, since that may ask other processes, which may take their time. For what
+// could not be handed over: that it could has shown that somebody has the name.
 SoString PrivateData::nameOfAsker(const SoString& name) const {
     const ConveyContext* const context = this->context();
     if ((context != nullptr && context->pin(name) != nullptr) || !outbox_.isFree(name)) {
@@ -147,20 +148,34 @@ Delivery PrivateData::post(std::unique_ptr<Message> message) {
         return Delivery::refused;
     }
     complete(*message);
-    message->setTarget(nameOfAsker(message->getTarget()));
-    if (message->getTarget().isEmpty()) {
-        return Delivery::refused;
-    }
     if (deliverLocally(*message)) {
         traffic_.noteOut();
         return Delivery::delivered;
+    }
+    const auto stream = this->stream();
+    Delivery delivery =
+        stream == nullptr ? Delivery::queued : outbox_.handAtOnce(*stream, *message, nullptr);
+    bool isRenamed = false;
+    if (delivery == Delivery::queued) {
+        const SoString name = nameOfAsker(message->getTarget());
+        isRenamed = !(name == message->getTarget());
+        message->setTarget(name);
+        if (name.isEmpty()) {
+            return Delivery::refused;
+        }
+        if (isRenamed && deliverLocally(*message)) {
+            traffic_.noteOut();
+            return Delivery::delivered;
+        }
     }
     // The message may be the outbox's in a moment, so who looks at events is shown a copy; as a
     // rule nobody looks.
     const auto event =
         ConveyUtils::isForwarding(CV_FORWARD_LOGS) ? std::make_unique<Message>(*message) : nullptr;
-    const auto stream = this->stream();
-    const Delivery delivery = outbox_.post(stream.get(), message);
+    if (delivery == Delivery::queued) {
+        delivery = isRenamed || stream == nullptr ? outbox_.post(stream.get(), message)
+                                                  : outbox_.keep(*stream, message);
+    }
     if (delivery == Delivery::refused) {
         traffic_.noteDropped();
     } else {
@@ -175,6 +190,33 @@ Delivery PrivateData::post(std::unique_ptr<Message> message) {
         logEvent(delivery == Delivery::delivered ? "SEND" : "ENQUEUED OUTGOING MESSAGE", *event);
     }
     return delivery;
+}
+
+// A result and the "Processed" behind it go to the same target in the same moment: in one text they
+// cost half as much at both ends. `sent` says that they have gone; else nothing has happened.
+void PrivateData::postWithEnd(const Message& request, Message& result, bool& sent) {
+    // Peers of old, whose replies have numbers of their own, get them as they always did.
+    if (!(result.getSerialNumber() == request.getSerialNumber())) {
+        return;
+    }
+    const auto end = replyTo(request, CV_TYPE_PROCESSED, nullptr);
+    const ConveyContext* const context = this->context();
+    const auto stream = this->stream();
+    if (end == nullptr || stream == nullptr || result.getTarget().isEmpty() ||
+        isUnwantedNotice(result) || isEmptyRequest(result) ||
+        (context != nullptr && context->pin(result.getTarget()) != nullptr)) {
+        return;
+    }
+    complete(result);
+    complete(*end);
+    if (outbox_.handAtOnce(*stream, result, end.get()) != Delivery::delivered) {
+        return;
+    }
+    sent = true;
+    traffic_.noteOut();
+    traffic_.noteOut();
+    logEvent("SEND", result);
+    logEvent("SEND", *end);
 }
 
 // Hands the message to an instance of this process; false when none has its target's name.
@@ -337,10 +379,11 @@ bool PrivateData::waitForTarget(const Message& message) {
     return true;
 }
 
-bool PrivateData::sendResponse(const Message& request, const char* type,
-                               std::unique_ptr<Message> response) {
+// The reply of that type, made of `response` (null: of nothing); null when it is not asked for.
+std::unique_ptr<Message> PrivateData::replyTo(const Message& request, const char* type,
+                                              std::unique_ptr<Message> response) const {
     if (!contains(request.getResponseRequest(), type)) {
-        return false;
+        return nullptr;
     }
     if (response == nullptr) {
         response = std::make_unique<Message>();
@@ -356,14 +399,26 @@ bool PrivateData::sendResponse(const Message& request, const char* type,
     answer.setTimeout(0);
     addressReply(request, answerType, answer,
                  request.getTarget().isEmpty() ? appName() : request.getTarget());
-    return post(std::move(response)) != Delivery::refused;
+    return response;
 }
 
-bool PrivateData::sendResult(const Message& request, const SoString& result) {
+bool PrivateData::sendResponse(const Message& request, const char* type,
+                               std::unique_ptr<Message> response) {
+    auto reply = replyTo(request, type, std::move(response));
+    return reply != nullptr && post(std::move(reply)) != Delivery::refused;
+}
+
+std::unique_ptr<Message> PrivateData::resultOf(const Message& request,
+                                               const SoString& result) const {
     auto answer = std::make_unique<Message>(request);
     answer->setResult(request.getSerialNumber());
     answer->setBody(result);
-    return sendResponse(request, CV_WANTS_RESULT, std::move(answer));
+    return replyTo(request, CV_WANTS_RESULT, std::move(answer));
+}
+
+bool PrivateData::sendResult(const Message& request, const SoString& result) {
+    auto reply = resultOf(request, result);
+    return reply != nullptr && post(std::move(reply)) != Delivery::refused;
 }
 
 void PrivateData::sendError(const Message& request, const char* text, int32_t code,

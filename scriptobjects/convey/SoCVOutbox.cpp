@@ -169,20 +169,37 @@ Delivery Outbox::post(const InterAppStream* stream, std::unique_ptr<Message>& me
     if (stream == nullptr) {
         return Delivery::refused;
     }
+    // Tried before it is asked who is there: as a rule the target takes it, and asking costs more
+    // than sending.
+    const Delivery delivery = handAtOnce(*stream, *message, nullptr);
+    return delivery == Delivery::queued ? keep(*stream, message) : delivery;
+}
+
+Delivery Outbox::handAtOnce(const InterAppStream& stream, const Message& message,
+                            const Message* next) const {
+    const SoString& target = message.getTarget();
+    if (message.getBody().length() > kLargeBytes || !isFree(target)) {
+        return Delivery::queued;
+    }
+    if (next == nullptr) {
+        Message::Text text;
+        return !text.write(message)                             ? Delivery::refused
+               : stream.send(target, text.pieces(), 0, nullptr) ? Delivery::delivered
+                                                                : Delivery::queued;
+    }
+    SoString both;
+    if (!message.writeToString(both) || !next->writeToString(both)) {
+        return Delivery::refused;
+    }
+    // No more than a packet, which passes whole or not at all.
+    return both.length() <= kLargeBytes && stream.send(target, both, 0) ? Delivery::delivered
+                                                                        : Delivery::queued;
+}
+
+Delivery Outbox::keep(const InterAppStream& stream, std::unique_ptr<Message>& message) {
     const SoString target = message->getTarget();
     const bool large = message->getBody().length() > kLargeBytes;
-    // Tried before it is asked who is there: as a rule the target takes it, and asking costs as
-    // much as sending.
-    if (!large && isFree(target)) {
-        SoString text;
-        if (!message->writeToString(text)) {
-            return Delivery::refused;
-        }
-        if (stream->send(target, text, 0)) {
-            return Delivery::delivered;
-        }
-    }
-    if (stream->presenceOf(target) == InterAppStream::Presence::absent) {
+    if (stream.presenceOf(target) == InterAppStream::Presence::absent) {
         return Delivery::refused; // it is gone, and nobody else is meant
     }
     const std::string name(target.view());

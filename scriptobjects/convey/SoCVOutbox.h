@@ -70,6 +70,12 @@ public:
     // The background's way out. Takes the message over, and leaves it null, when it is queued.
     // `stream`: null when there is none, which refuses.
     Delivery post(const InterAppStream* stream, std::unique_ptr<Convey::Message>& message);
+    // Its two halves. Hands the message, and `next` (null: nothing) behind it in the same text, to
+    // a target for which nothing waits and that takes it at once: delivered. Else the message stays
+    // the caller's: refused when it cannot be written, queued when it is to be kept.
+    Delivery handAtOnce(const InterAppStream& stream, const Convey::Message& message,
+                        const Convey::Message* next) const;
+    Delivery keep(const InterAppStream& stream, std::unique_ptr<Convey::Message>& message);
 
     // The owner's way: makes sure that nothing waits for `target` any more, for at most so many
     // milliseconds. False when something does.

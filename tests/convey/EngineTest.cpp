@@ -657,6 +657,76 @@ TEST_F(EngineTest, anObserverOfWhatArrivesMayReceive) {
     EXPECT_THAT(labels, testing::Contains("RECEIVE"));
 }
 
+// The messages of each text that comes to a peer, until the one of that type.
+std::vector<Strings> textsUntil(InterAppStream& peer, const char* type) {
+    std::vector<Strings> texts;
+    while (texts.empty() || texts.back().back().rfind(type, 0) != 0) {
+        const auto data = peer.waitForMessage(20'000, false) ? peer.take() : nullptr;
+        if (data == nullptr) {
+            ADD_FAILURE() << "no " << type << " behind " << texts.size() << " texts";
+            return texts;
+        }
+        Strings messages;
+        for (const char* next = data->text.c_str(); *next != '\0';) {
+            Message message;
+            next = message.readFromString(next);
+            messages.push_back(std::string(message.getType().view()) + " " +
+                               std::to_string(message.getBody().length()));
+        }
+        if (messages != Strings{"Tessaly 0"}) { // whether the peer is there, asked by who completes
+            texts.push_back(messages);
+        }
+    }
+    return texts;
+}
+
+TEST_F(EngineTest, aResultAndItsEndGoInOneTextToWhoeverHasTheNameOfTheAsker) {
+    const Convey own("own-1.0", new Handler([](int, Message& message, SoString* result) {
+                         *result = message.getBody();
+                         return message.getBody() == "fail" ? 7 : 0;
+                     }),
+                     true, nullptr);
+    const std::string large(65'200, 'x'); // with the end more than a packet
+    const struct {
+        const char* sender;
+        const std::string body;
+        const char* replies;
+        const char* last;
+        std::vector<Strings> expected;
+    } cases[] = {
+        {"docsafe-8.0", "x", "Result Processed", "Processed", {{"Result 1", "Processed 0"}}},
+        {"docsafe-8.0", "x", "Result", "Result", {{"Result 1"}}},
+        {"docsafe-8.0", "x", "Received Processed", "Processed", {{"Received 0"}, {"Processed 0"}}},
+        {"docsafe-8.0", "fail", "Error Processed", "Processed", {{"Error 4"}, {"Processed 0"}}},
+        {"docsafe-8.0",
+         large,
+         "Result Processed",
+         "Processed",
+         {{"Result 65200"}, {"Processed 0"}}},
+        // A name that nobody has: it is completed to that of the peer.
+        {"docsafe", "x", "Result Processed", "Processed", {{"Result 1"}, {"Processed 0"}}},
+    };
+    InterAppStream peer("docsafe-8.0");
+    uint32_t number = 0;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.sender) + ": " + c.replies);
+        Message message = request("own-1.0", c.body.c_str(), c.replies);
+        message.setSender(c.sender);
+        message.setSerialNumber(++number);
+        SoString text;
+        EXPECT_TRUE(message.writeToString(text) && peer.send("own-1.0", text));
+        std::atomic<bool> heard{false};
+        std::thread host([&] {
+            while (!heard) {
+                (void)Convey::pumpOrWait(20);
+            }
+        });
+        EXPECT_EQ(textsUntil(peer, c.last), c.expected);
+        heard = true;
+        host.join();
+    }
+}
+
 TEST_F(EngineTest, launchesWithinItsLimits) {
     Convey own("own-1.0", nullptr, true, nullptr);
     const std::string longTarget(257, 'x');
