@@ -8,8 +8,9 @@ namespace platform {
 
 // A descriptor that is readable while it is raised, for a main loop that watches descriptors.
 //
-// Porting contract: raising and lowering do not block; to raise what is raised changes nothing. In
-// a child after fork there is no descriptor. Threads: any.
+// Porting contract: raising and lowering do not block; to raise what is raised changes nothing.
+// What is joined to it makes it readable, too, for as long as it is readable itself. In a child
+// after fork there is no descriptor. Threads: any.
 class PollSignal {
 public:
     virtual ~PollSignal() = default;
@@ -18,6 +19,9 @@ public:
     virtual void raise() = 0;
     // Whether it was raised.
     virtual bool lower() = 0;
+    // Joins another descriptor (`LocalPort::descriptor`) to it, or parts them; the owner of that
+    // parts them before it closes it. False when that cannot be, as with -1.
+    virtual bool join(int descriptor, bool on) = 0;
 };
 
 // The wish of a person or of the system that this process ends, kept from ending it at once while

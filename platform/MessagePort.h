@@ -193,6 +193,9 @@ public:
     // where another processor is free to give it.
     [[nodiscard]] virtual bool wait(int64_t timeoutMilliseconds, bool soon) = 0;
 
+    // Readable while `take` may find something, for `PollSignal::join`; -1 where there is none.
+    virtual int descriptor() const { return -1; }
+
     virtual PortStatistics statistics() const = 0;
 };
 
@@ -223,6 +226,10 @@ public:
     // removed what makes the port known to others is reported during a wait, where the system can
     // tell.
     virtual void add(const LocalPort& port) = 0;
+
+    // No wait ends for what arrives at a port that was added from now on, as its owner waits for it
+    // elsewhere; or again, as if it were added then.
+    virtual void pause(const LocalPort& port, bool on) = 0;
 
     // From now on the end of the watched owner ends a wait, until the watch is gone. An owner that
     // has closed the connection before, for want of room, is not told any more: so ask `ended`

@@ -295,6 +295,7 @@ private:
     public:
         explicit Wait(FakeMessagePorts& ports) : ports_(ports) {}
         void add(const LocalPort&) override {}
+        void pause(const LocalPort&, bool) override {} // there is no descriptor to wait at
         void add(TargetWatch&) override {}
         void watchNames(bool) override {}
         bool tellsAll() const override { return false; }

@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <string>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <system_error>
@@ -31,9 +32,10 @@ void reportFailure(const char* call) {
 
 class EventSignal final : public PollSignal {
 public:
-    explicit EventSignal(PortDescriptor event) : event_(std::move(event)) {}
+    EventSignal(PortDescriptor all, PortDescriptor event)
+        : all_(std::move(all)), event_(std::move(event)) {}
 
-    int descriptor() const override { return event_.get(); }
+    int descriptor() const override { return all_.get(); }
 
     // The mark and the descriptor change together: of a raise and a lower at the same moment the
     // later would otherwise be lost on one of the two.
@@ -56,10 +58,17 @@ public:
         return true;
     }
 
+    bool join(int descriptor, bool on) override {
+        epoll_event event{};
+        event.events = EPOLLIN; // for as long as it is: nobody asks which of them it was
+        return epoll_ctl(all_.get(), on ? EPOLL_CTL_ADD : EPOLL_CTL_DEL, descriptor, &event) == 0;
+    }
+
 private:
     bool tell() const { return eventfd_write(event_.get(), 1) == 0; }
 
     // A child after fork must not take the parent's messages away by reading them as seen.
+    const PortDescriptor all_; // the event, and what was joined
     const PortDescriptor event_;
     std::mutex mutex_;
     bool raised_ = false; // under mutex_
@@ -113,7 +122,14 @@ public:
             reportFailure("eventfd");
             return nullptr;
         }
-        return std::make_unique<EventSignal>(std::move(event));
+        PortDescriptor all(epoll_create1(EPOLL_CLOEXEC));
+        const int number = event.get();
+        auto signal = std::make_unique<EventSignal>(std::move(all), std::move(event));
+        if (!signal->join(number, true)) {
+            reportFailure("epoll");
+            return nullptr;
+        }
+        return signal;
     }
 
     std::unique_ptr<EndRequests> takeEndRequests() override {

@@ -32,7 +32,7 @@ public:
     PortStatistics statistics() const override;
 
     // Readable when something has arrived; to be waited for, not to be read.
-    int events() const { return events_.get(); }
+    int descriptor() const override { return events_.get(); }
 
     // The port's two files, to be watched by `reportLost`.
     const PortName& name() const { return name_; }

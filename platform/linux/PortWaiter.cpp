@@ -76,9 +76,7 @@ bool PortWaiter::watchFile(const std::string& path, int& number) {
 
 void PortWaiter::add(const LocalPort& port) {
     const auto& receiver = static_cast<const PortReceiver&>(port);
-    if (!watch(receiver.events(), kPort)) {
-        portsMissed_.store(true); // it is polled
-    }
+    pause(port, false);
     const std::lock_guard<std::mutex> guard(mutex_);
     const std::string folder = receiver.name().folder().path() + "/";
     unwatched_.push_back(folder + receiver.name().lockFile());
@@ -86,6 +84,14 @@ void PortWaiter::add(const LocalPort& port) {
     // The first port decides: later ones are watched with it, at most that much too early.
     if (watchAt_ == 0) {
         watchAt_ = Clock::own().monotonicMilliseconds() + kWatchAfterMilliseconds;
+    }
+}
+
+void PortWaiter::pause(const LocalPort& port, bool on) {
+    if (on) {
+        (void)epoll_ctl(events_.get(), EPOLL_CTL_DEL, port.descriptor(), nullptr);
+    } else if (!watch(port.descriptor(), kPort) && errno != EEXIST) {
+        portsMissed_.store(true); // it is polled
     }
 }
 

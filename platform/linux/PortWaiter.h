@@ -20,6 +20,7 @@ public:
     static std::unique_ptr<PortWaiter> make();
 
     void add(const LocalPort& port) override;
+    void pause(const LocalPort& port, bool on) override;
     void add(TargetWatch& watch) override;
     void watchNames(bool on) override;
     bool tellsAll() const override;

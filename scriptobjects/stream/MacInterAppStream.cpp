@@ -4,6 +4,7 @@
 #include <string>
 #include <utility>
 
+#include "platform/MainLoop.h"
 #include "platform/MessagePort.h"
 #include "scriptobjects/core/SoTerminators.h"
 
@@ -73,6 +74,11 @@ std::shared_ptr<platform::LocalPort> MacInterAppStream::port() const {
 
 void MacInterAppStream::close() {
     const ObjectLock guard(*this);
+    if (port_ != nullptr && divertedTo_ != nullptr) {
+        // Others may have a share in the port, whose end is an event for ever.
+        (void)divertedTo_->join(port_->descriptor(), false);
+    }
+    divertedTo_ = nullptr;
     port_.reset();
     while (drawn_.count() > 0) {
         delete drawn_.removeAt(drawn_.count() - 1);
@@ -85,6 +91,27 @@ void MacInterAppStream::watch(platform::PortWait& wait) const {
     if (port_ != nullptr) {
         wait.add(*port_);
     }
+}
+
+bool MacInterAppStream::divert(platform::PortWait& wait, platform::PollSignal& signal,
+                               bool on) const {
+    const ObjectLock guard(*this);
+    if (port_ == nullptr || (divertedTo_ != nullptr) == on) {
+        return false;
+    }
+    // At either place before it is gone from the other, so that nothing arrives unseen.
+    if (!on) {
+        wait.pause(*port_, false);
+        (void)divertedTo_->join(port_->descriptor(), false);
+        divertedTo_ = nullptr;
+        return true;
+    }
+    if (!signal.join(port_->descriptor(), true)) {
+        return false;
+    }
+    divertedTo_ = &signal;
+    wait.pause(*port_, true);
+    return true;
 }
 
 bool MacInterAppStream::hasDrawn() const {

@@ -11,6 +11,7 @@
 namespace platform {
 class LocalPort;
 class PortWait;
+class PollSignal;
 class PortText;
 class TargetWatch;
 struct PortPieces;
@@ -95,6 +96,11 @@ public:
     // Lets texts that arrive end the waits of `wait`, until the stream is closed.
     void watch(platform::PortWait& wait) const;
 
+    // While `on`, what has arrived makes `signal` readable until it is taken, and ends no wait of
+    // `wait`, which watches the stream. `signal` is used until the stream is closed. False when
+    // nothing has changed: the stream is not good, or the system cannot.
+    bool divert(platform::PortWait& wait, platform::PollSignal& signal, bool on) const;
+
     // What the port has met since it was opened; nothing when the stream is not good.
     platform::PortStatistics statistics() const;
 
@@ -105,6 +111,7 @@ private:
     std::shared_ptr<platform::LocalPort> port() const;
 
     std::shared_ptr<platform::LocalPort> port_ SO_GUARDED_BY(this); // null: not good
+    mutable platform::PollSignal* divertedTo_ SO_GUARDED_BY(this) = nullptr;
     mutable SoVector<DataRef> drawn_ SO_GUARDED_BY(this);
     mutable int64_t drawnBytes_ SO_GUARDED_BY(this) = 0;
 };
