@@ -379,6 +379,9 @@ void ConveyContext::noteActivity() {
 }
 
 void ConveyContext::waitForActivity(uint64_t seen, int64_t milliseconds) {
+    if (thread_ != nullptr && milliseconds > 0) {
+        thread_->drawArrivals(); // which tells this one
+    }
     // A plain mutex of its own: the object's lock is recursive, and a wait would give up one level
     // of it only.
     std::unique_lock<std::mutex> lock(activityMutex_);

@@ -101,6 +101,17 @@ void PrivateData::watch(platform::PortWait& wait) const {
     }
 }
 
+bool PrivateData::leaveArrivals(platform::PortWait& wait, bool on) {
+    if (areLeft_ != on) {
+        const auto stream = this->stream();
+        platform::PollSignal* const signal = PollSignal::get();
+        if (stream != nullptr && signal != nullptr && stream->divert(wait, *signal, on)) {
+            areLeft_ = on;
+        }
+    }
+    return areLeft_;
+}
+
 // Both ways in which a host may wait: threads of its own in the layer, and a main loop at its
 // descriptor.
 void PrivateData::noteActivity() const {

@@ -66,6 +66,11 @@ public:
     bool processIncoming(uint32_t serialNumber, bool process);
     // Draws what has arrived into the queue, within bounds; true when there may be more.
     bool receiveArrived();
+    // Has what arrives announced to the host's main loop, which then draws it, or again to `wait`.
+    // False while it is for the background to draw. The background thread only.
+    bool leaveArrivals(platform::PortWait& wait, bool on);
+    // Takes out what has expired while nobody looked.
+    void removeExpired();
     // Tells askers that the process that took their request has ended, once all that it had sent
     // before has been received.
     void tellOfEndedTakers();
@@ -142,12 +147,20 @@ private:
     bool waitForTarget(const Convey::Message& message);
     bool waitForResponse(const Conversations::Wait& wait, const Convey::Message& message,
                          uint32_t seconds);
-    void receive(int messages, bool needed);
-    bool receiveInTurn(int messages, bool needed);
-    void receiveMessage(std::unique_ptr<Convey::Message> message);
+    bool receive(int messages, bool needed);
+    struct Received {
+        bool more = false; // there is more than there was time for
+        bool any = false;
+    };
+    // Who is told of what comes in: everybody who waits for it, or not the host's main loop, which
+    // handles it next.
+    enum class Told { all, notTheLoop };
+    Received receiveInTurn(int messages, bool needed, Told told);
+    void receiveMessage(std::unique_ptr<Convey::Message> message, Told told);
     MessageQueue::Taken takeWanted(uint32_t serialNumber, Conversations::Turn& turn);
-    void accept(std::unique_ptr<Convey::Message> message);
+    void accept(std::unique_ptr<Convey::Message> message, Told told = Told::all);
     bool isForThisLife(const Convey::Message& message);
+    bool isLastOf(const MessageQueue::Taken& taken) const;
     bool handle(MessageQueue::Taken& taken, Conversations::Turn& turn);
     // What is left to be sent when a request was handled: its result, as far as it is wanted.
     using Result = std::unique_ptr<Convey::Message>;
@@ -156,7 +169,6 @@ private:
     void answerLost(const Convey::Message& request);
     void finishSurely(const Convey::Message& message, const Reply& reply, Result result);
     void finish(const Convey::Message& message, const Reply& reply, bool endIsSent);
-    void removeExpired();
     void noteActivity() const;
     SoString infoRoot(const char* leaf) const;
 
@@ -176,7 +188,8 @@ private:
     SoString appName_ SO_GUARDED_BY(this);
     // From the stream to the queue one thread at a time, or messages would overtake each other.
     std::mutex receivingTurn_;
-    Arrivals arrivals_; // of who has that turn
+    Arrivals arrivals_;                // of who has that turn
+    std::atomic<bool> areLeft_{false}; // arrivals, to the host's main loop
 };
 
 } // namespace ConveyData

@@ -1,6 +1,7 @@
 // How an instance receives, and what becomes of what it has received.
 #include <chrono>
 #include <climits>
+#include <functional>
 #include <mutex>
 #include <set>
 #include <string>
@@ -110,7 +111,7 @@ void PrivateData::removeExpired() {
     incoming_.removeExpiredMessages();
 }
 
-void PrivateData::receiveMessage(std::unique_ptr<Message> message) {
+void PrivateData::receiveMessage(std::unique_ptr<Message> message, Told told) {
     if (message->getDigestState() == CV_DIGEST_REJECTED) {
         rejected_.fetch_add(1, std::memory_order_relaxed);
     }
@@ -123,25 +124,30 @@ void PrivateData::receiveMessage(std::unique_ptr<Message> message) {
     // to the asker before "Received".
     (void)sendResponse(*message, CV_WANTS_RECEIVED, nullptr);
     logEvent("RECEIVE", *message);
-    accept(std::move(message));
+    accept(std::move(message), told);
 }
 
-void PrivateData::receive(int messages, bool needed) {
+// For the host's pump, which handles what there is: its main loop is not told of each. True when
+// something has come in.
+bool PrivateData::receive(int messages, bool needed) {
     const ConveyUtils::DelayedForwarding delayed; // an observer may receive, too
     const std::lock_guard<std::mutex> turn(receivingTurn_);
-    (void)receiveInTurn(messages, needed);
+    return receiveInTurn(messages, needed, Told::notTheLoop).any;
 }
 
-// Receives for a moment, as far as there is room; true when there is more.
-bool PrivateData::receiveInTurn(int messages, bool needed) {
-    const auto stream = this->stream();
-    if (stream == nullptr) {
-        return false;
+// Receives for a moment, as far as there is room.
+PrivateData::Received PrivateData::receiveInTurn(int messages, bool needed, Told told) {
+    Received received;
+    if (const auto stream = this->stream()) {
+        // As one reference, for which the function needs no block of the heap.
+        const auto take = [this, told, &received](std::unique_ptr<Message> message) {
+            received.any = true;
+            receiveMessage(std::move(message), told);
+        };
+        received.more = arrivals_.read(*stream, kReceiveMilliseconds, messages, needed,
+                                       std::ref(take)) == Arrivals::Stop::time;
     }
-    return arrivals_.read(*stream, kReceiveMilliseconds, messages, needed,
-                          [this](std::unique_ptr<Message> message) {
-                              receiveMessage(std::move(message));
-                          }) == Arrivals::Stop::time;
+    return received;
 }
 
 bool PrivateData::receiveArrived() {
@@ -154,7 +160,7 @@ bool PrivateData::receiveArrived() {
         std::this_thread::sleep_for(kTurnPause);
         return true;
     }
-    return receiveInTurn(INT_MAX, false);
+    return receiveInTurn(INT_MAX, false, Told::all).more;
 }
 
 void PrivateData::tellOfEndedTakers() {
@@ -217,22 +223,47 @@ MessageQueue::Taken PrivateData::takeWanted(uint32_t serialNumber, Conversations
     return incoming_.takeWanted(serialNumber, choice);
 }
 
+// Whether nothing is behind it but its end, as a result brings that: no handler waits for it.
+bool PrivateData::isLastOf(const MessageQueue::Taken& taken) const {
+    if (taken.message == nullptr || incoming_.count() > 1) {
+        return incoming_.isEmpty();
+    }
+    bool is = true;
+    incoming_.forEach([&](const Message& message) {
+        is = is && message.getType() == CV_TYPE_PROCESSED &&
+             message.getSerialNumber() == taken.message->getSerialNumber();
+    });
+    return is;
+}
+
 bool PrivateData::processIncoming(uint32_t serialNumber, bool process) {
     if (isClosed()) {
         return false;
     }
     removeExpired();
-    receive(kMessagesAtOnce, false);
     if (!process) {
+        if (receive(kMessagesAtOnce, false)) {
+            remindHost();
+        }
         return false;
     }
     Conversations::Turn turn;
     MessageQueue::Taken taken = takeWanted(serialNumber, turn);
+    bool any = false;
+    // Only now: to ask the port for more costs as much as to handle what is there.
+    if (taken.message == nullptr) {
+        any = receive(kMessagesAtOnce, false);
+        taken = takeWanted(serialNumber, turn);
+    }
     // What somebody waits for may lie behind what fills the queue and cannot be handled now.
     for (const int64_t end = platform::monotonicNow() + kReceiveMilliseconds;
          taken.message == nullptr && !arrivals_.isEmpty() && platform::monotonicNow() < end;) {
-        receive(1, true);
+        any = receive(1, true) || any;
         taken = takeWanted(serialNumber, turn);
+    }
+    // Of what has come in and is left: the handler may sit in a main loop of its own.
+    if (any && !isLastOf(taken)) {
+        remindHost();
     }
     if (taken.message == nullptr || taken.message->getTarget().isEmpty()) {
         return false;

@@ -245,15 +245,20 @@ bool PrivateData::deliverLocally(const Message& message) {
     return true;
 }
 
-void PrivateData::accept(std::unique_ptr<Message> message) {
+void PrivateData::accept(std::unique_ptr<Message> message, Told told) {
     // On arrival, and not when the owner handles it: an answer that lies in the queue is there,
     // even if its sender has ended since.
     takers_->noteReceived(*message);
     traffic_.noteIn(*message);
     if (incoming_.append(message.get())) {
         (void)message.release(); // the queue's now
-        noteActivity();
-        if (const ConveyContext* const context = this->context()) {
+        ConveyContext* const context = this->context();
+        if (told == Told::all) {
+            noteActivity();
+        } else if (context != nullptr) {
+            context->noteActivity();
+        }
+        if (context != nullptr) {
             context->getThread()->noteDue(PollSignal::isWatched() ? 0 : incoming_.nextDeadline());
         }
     }

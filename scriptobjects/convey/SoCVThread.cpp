@@ -273,6 +273,7 @@ void ConveyThread::run() {
         // Rounds that something has woken come in between and leave the regular ones where they
         // are: a flood must not put off what only time brings.
         const bool regular = rested == Rested::due || roundClock() >= nextRound;
+        leaveArrivals(isHostAttentive());
         const Left rest = tryRound(regular);
         const bool isQuiet = regular && !rest.more && !rest.large && rest.retryMilliseconds < 0;
         quiet = isQuiet ? quiet + 1 : 0;
@@ -291,7 +292,8 @@ void ConveyThread::run() {
         if (stop_.load() || rest.more) {
             continue;
         }
-        if (quiet >= kQuietRounds && (rested = this->rest()) != Rested::no) {
+        const bool areLeft = arrivalsAreLeft_.load();
+        if (!areLeft && quiet >= kQuietRounds && (rested = this->rest()) != Rested::no) {
             if (rested == Rested::woken) {
                 quiet = 0;
                 const ObjectLock guard(*this);
@@ -301,11 +303,13 @@ void ConveyThread::run() {
         }
         // A line that was refused is tried again sooner than the next round, and never later:
         // nothing announces that a target has room again.
-        const auto left = static_cast<int64_t>(nextRound - roundClock());
+        const auto left =
+            areLeft ? kAttentionMilliseconds : static_cast<int64_t>(nextRound - roundClock());
         (void)pause(std::clamp<int64_t>(
             rest.retryMilliseconds < 0 ? left : std::min(left, rest.retryMilliseconds), 0,
             kRoundMilliseconds));
     }
+    leaveArrivals(false);
 }
 
 // The steady millisecond by which there is to be a round when nothing is announced; 0 while only
@@ -451,7 +455,11 @@ ConveyThread::Left ConveyThread::serveInstances(bool regular) {
         if (instance == nullptr) {
             break;
         }
-        left.more = instance->receiveArrived() || left.more;
+        if (arrivalsAreLeft_.load() && instance->leaveArrivals(*wait_, true)) {
+            instance->removeExpired();
+        } else {
+            left.more = instance->receiveArrived() || left.more;
+        }
         instance->tellOfEndedTakers();
         if (regular) {
             instance->tidyTakers();

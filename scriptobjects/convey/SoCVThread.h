@@ -137,6 +137,13 @@ public:
     // unless it sleeps for longer.
     void noteDue(int64_t steadyMilliseconds);
 
+    // The host's pump came by, and whether it had something to do. A host with a main loop that
+    // comes at once is left to draw what arrives.
+    void notePump(bool didSomething);
+    // Somebody waits in the layer itself, or a pump could do nothing with what is there: what
+    // arrives is for this thread to draw for a while.
+    void drawArrivals();
+
     // The moment this thread was made, in milliseconds since 1970.
     double startTime() const { return startTime_; }
 
@@ -172,11 +179,18 @@ private:
     void remindHost() const;
     int64_t carry();
     bool pause(int64_t milliseconds);
+    bool isHostAttentive() const;
+    void leaveArrivals(bool on);
     int64_t nextLook() const;
     enum class Rested { no, woken, due };
     Rested rest();
 
     static constexpr int64_t kAwake = INT64_MIN;
+    static constexpr int64_t kNever = INT64_MIN / 2;
+    // A host that has handled nothing for so long may be in a handler: what arrives is drawn for it
+    // then, so that its senders see it received and are not held up. Several times what a message
+    // takes.
+    static constexpr int64_t kAttentionMilliseconds = 5;
 
     std::atomic<ConveyContext*> context_;
     std::atomic<bool> stop_{false};
@@ -188,6 +202,10 @@ private:
     std::vector<PingData> table_ SO_GUARDED_BY(this);
     ConveyData::ThreadRounds rounds_ SO_GUARDED_BY(this);
     std::atomic<int64_t> restsUntil_{kAwake};                    // in steady milliseconds
+    std::atomic<int64_t> pumpedAt_{kNever};                      // the same: something was handled
+    std::atomic<int64_t> drawsUntil_{kNever};                    // the same
+    std::atomic<int> idlePumps_{0};                              // in a row
+    std::atomic<bool> arrivalsAreLeft_{false};                   // changed by the thread itself
     const std::unique_ptr<ConveyData::Outbox> outbox_;           // answers, and what is forwarded
     std::unique_ptr<ConveyCourier> courier_ SO_GUARDED_BY(this); // null until it is needed
     std::atomic<uint32_t> failedRounds_{0};                      // for want of memory

@@ -290,6 +290,9 @@ bool Convey::pump(EnabledOperations operations, ConveyContext* context) {
         setStatus(ConveyThread::CV_IDLE);
         // What this pump has handled may have come in while it ran. What is left is for the next
         // one, unless this one could handle nothing: then its hindrance tells when it goes.
+        if ((operations & kProcessIncoming) != 0) {
+            context->getThread()->notePump(processed);
+        }
         if (ConveyData::PollSignal::lower() || processed) {
             for (int32_t i = 0; const auto instance = context->pinNth(i); ++i) {
                 instance->remindHost();

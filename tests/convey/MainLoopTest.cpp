@@ -136,6 +136,42 @@ TEST_F(MainLoopTest, whatIsLeftBehindKeepsItReadable) {
     EXPECT_FALSE(readable(300)) << "also after rounds of the background thread";
 }
 
+// What a loop that comes at once is left to draw itself is drawn for it when it does not come any
+// more, and while it waits within the layer.
+TEST_F(MainLoopTest, whatArrivesIsReceivedWhetherTheLoopComesOrNot) {
+    ScObjects::InterAppStream peer("peer-1.0");
+    const auto ask = [&](const char* body) {
+        Message message;
+        message.setTarget("own-1.0");
+        message.setBody(body);
+        message.setResponseRequest("Received");
+        EXPECT_TRUE(sendFrom(peer, message));
+    };
+    for (int round = 1; round <= 3; ++round) {
+        SCOPED_TRACE(round);
+        handled = 0;
+        for (int i = 1; i <= 50; ++i) { // the loop comes at once
+            ask("x");
+            EXPECT_TRUE(readable(kLong)) << i;
+            while (handled < i && readable(kLong)) {
+                (void)Convey::pump(ScObjects::kProcessBoth);
+            }
+            EXPECT_EQ(nextMessage(peer).getType(), "Received") << i;
+        }
+        settle();
+        EXPECT_EQ(handled, 50);
+        ask("while it does not come");
+        EXPECT_EQ(nextMessage(peer).getType(), "Received");
+        EXPECT_EQ(handled, 50);
+        ask("while it waits in the layer");
+        pumpUntil([&] { return handled == 52; });
+        EXPECT_EQ(handled, 52);
+        EXPECT_EQ(nextMessage(peer).getType(), "Received");
+        settle();
+        EXPECT_FALSE(readable(300)) << "nothing is left";
+    }
+}
+
 TEST_F(MainLoopTest, runSleepsUntilItIsToldToEnd) {
     // As a host does at its start, so that a request to end is not lost before `run`.
     sigset_t requests;

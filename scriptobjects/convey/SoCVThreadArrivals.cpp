@@ -1,0 +1,72 @@
+// Who draws what arrives: this thread, or a host whose main loop comes at once.
+//
+// While a host handles message after message, waking this thread for each would cost as much as
+// the rest of it. What arrives is then left to the host: it makes the descriptor of its main loop
+// readable, and ends no wait here.
+#include "platform/MessagePort.h"
+#include "scriptobjects/convey/SoCVContext.h"
+#include "scriptobjects/convey/SoCVInstance.h"
+#include "scriptobjects/convey/SoCVPollSignal.h"
+#include "scriptobjects/convey/SoCVSteadyTime.h"
+#include "scriptobjects/convey/SoCVThread.h"
+
+namespace ScObjects {
+namespace {
+
+// After a wait within the layer, which others may follow.
+constexpr int64_t kDrawMilliseconds = 100;
+// Pumps in a row that find nothing to handle although something has woken the loop.
+constexpr int kIdlePumps = 3;
+
+} // namespace
+
+void ConveyThread::notePump(bool didSomething) {
+    if (!ConveyData::PollSignal::isWatched()) {
+        return;
+    }
+    if (didSomething) {
+        idlePumps_.store(0, std::memory_order_relaxed);
+        pumpedAt_.store(ConveyUtils::getSteadyMilliseconds(), std::memory_order_relaxed);
+    } else if (arrivalsAreLeft_.load() &&
+               idlePumps_.fetch_add(1, std::memory_order_relaxed) + 1 >= kIdlePumps) {
+        drawArrivals();
+    }
+}
+
+void ConveyThread::drawArrivals() {
+    if (ConveyData::PollSignal::isWatched()) {
+        drawsUntil_.store(ConveyUtils::getSteadyMilliseconds() + kDrawMilliseconds);
+        // Behind the mark that keeps it from leaving them again.
+        if (arrivalsAreLeft_.load()) {
+            wake();
+        }
+    }
+}
+
+bool ConveyThread::isHostAttentive() const {
+    if (wait_ == nullptr || !ConveyData::PollSignal::isWatched()) {
+        return false;
+    }
+    const int64_t time = ConveyUtils::getSteadyMilliseconds();
+    return time - pumpedAt_.load(std::memory_order_relaxed) <= kAttentionMilliseconds &&
+           time >= drawsUntil_.load();
+}
+
+// For all instances, some of which may have come since they were left last.
+void ConveyThread::leaveArrivals(bool on) {
+    ConveyContext* const context = context_.load();
+    if (context == nullptr || (!on && !arrivalsAreLeft_.load())) {
+        return;
+    }
+    arrivalsAreLeft_.store(on);
+    // Behind the mark: who has begun to wait before it was seen is seen here.
+    if (on && !isHostAttentive()) {
+        on = false;
+        arrivalsAreLeft_.store(false);
+    }
+    for (int32_t i = 0; const auto instance = context->pinNth(i); ++i) {
+        (void)instance->leaveArrivals(*wait_, on);
+    }
+}
+
+} // namespace ScObjects
