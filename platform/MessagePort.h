@@ -163,6 +163,12 @@ enum class SendResult {
                 // or the owner is another user; reported
 };
 
+// A place in what arrives at a port: behind all that one process had sent there at a moment.
+struct PortPlace {
+    int32_t process = 0;      // 0: of all processes
+    uint64_t connections = 0; // to be accepted until then, so that those of the process are
+};
+
 // The end of a named port that receives. While it exists its process owns the name; with it the
 // name is given back, and what was not taken is lost.
 //
@@ -196,6 +202,14 @@ public:
     // Readable while `take` may find something, for `PollSignal::join`; -1 where there is none.
     virtual int descriptor() const { return -1; }
 
+    // The place behind all that this process has sent here until now.
+    virtual PortPlace placeBehind(int32_t process) const = 0;
+
+    // True once nothing from before the place is left to be taken: it was taken, or will never be
+    // whole. What others send puts that off by a few thousand connections at most; what the process
+    // itself sends puts it off for as long as it goes on. A few system calls.
+    [[nodiscard]] virtual bool isPast(const PortPlace& place) = 0;
+
     virtual PortStatistics statistics() const = 0;
 };
 
@@ -212,6 +226,9 @@ public:
     // True from when that owner has ended, or has given the name back, on; false while it lives and
     // while that cannot be found out. A few system calls at most; does not block.
     [[nodiscard]] virtual bool ended() = 0;
+
+    // The number of the owner's process, 0 where the system does not say.
+    virtual int32_t process() const = 0;
 };
 
 // Waits for several ports, and for the things that a thread that serves them must know of.

@@ -329,6 +329,7 @@ private:
             const std::lock_guard<std::mutex> guard(ports_.mutex_);
             return ports_.queues_.count(name_) == 0 || ports_.owners_[name_] != owner_;
         }
+        int32_t process() const override { return 0; }
 
     private:
         FakeMessagePorts& ports_;
@@ -367,6 +368,11 @@ private:
         }
         bool hasMore() const override { return false; }
         void hold(int32_t, bool) override {} // its texts come from this process
+        PortPlace placeBehind(int32_t process) const override { return {process, 0}; }
+        bool isPast(const PortPlace&) override {
+            const std::lock_guard<std::mutex> guard(ports_.mutex_);
+            return ports_.queues_[name_].empty();
+        }
         PortStatistics statistics() const override { return statistics_; }
 
     private:

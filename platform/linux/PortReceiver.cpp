@@ -29,6 +29,7 @@ using Time = std::chrono::steady_clock;
 // Of large texts; then the caller goes on, since one takes as long as its sender has bytes for it.
 constexpr size_t kPartBytesAtOnce = limits::of("receive.bytes");
 constexpr int64_t kListeningPauseMilliseconds = limits::of("port.accept-pause");
+constexpr int kWaitingConnections = SOMAXCONN; // at most; the system may allow fewer
 constexpr int64_t kLongestSliceMilliseconds = limits::of("port.wait");
 
 // About what going to sleep and being woken costs, and so what it may save at most. One that finds
@@ -207,7 +208,7 @@ bool PortReceiver::listen() {
     event.events = EPOLLIN;
     event.data.u64 = kListener;
     if (epoll_ctl(events.get(), EPOLL_CTL_ADD, listener.get(), &event) != 0 ||
-        ::listen(listener.get(), SOMAXCONN) != 0) {
+        ::listen(listener.get(), kWaitingConnections) != 0) {
         return refuse("listen at");
     }
     // Tells those who watch the folder that the port is there: the file itself was too early. The
@@ -243,6 +244,29 @@ PortStatistics PortReceiver::statistics() const {
     PortStatistics result = statistics_;
     result.connections = connections_.size();
     return result;
+}
+
+// Behind those that may wait to be accepted: the system counts one more than it was told.
+PortPlace PortReceiver::placeBehind(int32_t process) const {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return {process, accepted_ + kWaitingConnections + 1};
+}
+
+bool PortReceiver::isPast(const PortPlace& place) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    const auto waits = [&] { return accepted_ < place.connections && hasNewcomer(); };
+    // Not left to the events, among which it comes behind those of everybody's connections.
+    if (waits()) {
+        acceptAll();
+    }
+    const auto isOfPlace = [&](int32_t process) {
+        return place.process == 0 || process == place.process;
+    };
+    return !waits() && std::none_of(ready_.begin(), ready_.end(), [&](const PortText& text) {
+        return isOfPlace(text.process());
+    }) && std::none_of(connections_.begin(), connections_.end(), [&](const auto& numbered) {
+        return isOfPlace(numbered.second.process) && hasUnread(numbered.second);
+    });
 }
 
 // New connections stay in the system's queue meanwhile; being told of them without end would keep

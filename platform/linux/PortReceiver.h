@@ -29,6 +29,8 @@ public:
     bool wait(int64_t timeoutMilliseconds, bool soon) override;
     bool hasMore() const override;
     void hold(int32_t process, bool on) override;
+    PortPlace placeBehind(int32_t process) const override;
+    bool isPast(const PortPlace& place) override;
     PortStatistics statistics() const override;
 
     // Readable when something has arrived; to be waited for, not to be read.
@@ -84,6 +86,7 @@ private:
     bool fill();
     bool readHot(int packets);
     void readEvents(const epoll_event* events, int count, int packets);
+    bool hasNewcomer() const;
     void acceptAll();
     void admit(PortDescriptor socket, int32_t process);
     bool isHeld(const Connection& connection) const;
@@ -99,6 +102,7 @@ private:
     Reading startPart(Connection& connection, size_t length);
     static void noteArrived(Connection& connection, size_t bytes);
     static bool isWholeInQueue(const Connection& connection);
+    static bool hasUnread(const Connection& connection);
     void release(const Connection& connection);
     size_t announcedBy(int32_t process) const;
     bool makeRoomForPart(const Connection& connection, size_t length, bool byClosing);
@@ -116,7 +120,8 @@ private:
     std::set<int32_t> held_; // processes whose connections are not read
     uint64_t lastNumber_ = 0;
     uint64_t lastText_ = 0;
-    uint64_t hot_ = 0; // the connection that brought the last text, looked at first
+    uint64_t accepted_ = 0; // connections, whatever became of them
+    uint64_t hot_ = 0;      // the connection that brought the last text, looked at first
     uint32_t hotRuns_ = 0;
     int64_t listenAgain_ = 0; // when new connections are accepted again, while that is paused
     size_t announcedBytes_ = 0;

@@ -1,6 +1,7 @@
 // The texts of a port of which some packets have arrived: room for them, and the end of those that
 // do not move.
 #include <cstring>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/timerfd.h>
@@ -65,6 +66,19 @@ bool PortReceiver::isWholeInQueue(const Connection& connection) {
     int bytes = 0;
     return connection.waiting != 0 && ioctl(connection.socket.get(), FIONREAD, &bytes) == 0 &&
            static_cast<size_t>(bytes) >= connection.waiting;
+}
+
+// Whether it has brought something that is not read and is, or may come to be, a whole text.
+bool PortReceiver::hasUnread(const Connection& connection) {
+    pollfd end = {connection.socket.get(), POLLRDHUP, 0};
+    if (connection.isHalf() && poll(&end, 1, 0) == 0) {
+        return true; // its sender may go on
+    }
+    if (connection.waiting != 0) {
+        return isWholeInQueue(connection);
+    }
+    int bytes = 0;
+    return ioctl(connection.socket.get(), FIONREAD, &bytes) == 0 && bytes > 0;
 }
 
 void PortReceiver::release(const Connection& connection) {

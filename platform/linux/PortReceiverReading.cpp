@@ -86,11 +86,15 @@ void PortReceiver::readEvents(const epoll_event* events, int count, int packets)
     }
 }
 
+bool PortReceiver::hasNewcomer() const {
+    pollfd newcomer = {listener_.get(), POLLIN, 0};
+    return poll(&newcomer, 1, 0) > 0;
+}
+
 void PortReceiver::acceptAll() {
     for (int i = 0; i < kAcceptsAtOnce; ++i) {
         if (connections_.size() >= kMaximumConnections) {
-            pollfd newcomer = {listener_.get(), POLLIN, 0};
-            if (poll(&newcomer, 1, 0) <= 0) {
+            if (!hasNewcomer()) {
                 return; // nobody is closed for a newcomer that does not come
             }
             if (!makeRoom(0)) {
@@ -108,6 +112,7 @@ void PortReceiver::acceptAll() {
             }
             return;
         }
+        ++accepted_;
         int32_t process = 0;
         if (!isOwnPeer(socket.get(), process)) {
             ++statistics_.strangers;

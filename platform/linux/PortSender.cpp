@@ -129,6 +129,7 @@ private:
     std::mutex peerMutex_;
     PortDescriptor socket_;
     PortIncarnation owner_;
+    int32_t process_ = 0; // the owner's
     std::weak_ptr<Watch> watch_;
     PortFolder folder_; // in which the owner was found
     Time::time_point lookedAt_;
@@ -140,8 +141,8 @@ private:
 
 class PortSender::Watch final : public TargetWatch {
 public:
-    Watch(std::shared_ptr<Connection> connection, const PortIncarnation& owner)
-        : connection_(std::move(connection)), owner_(owner) {}
+    Watch(std::shared_ptr<Connection> connection, const PortIncarnation& owner, int32_t process)
+        : connection_(std::move(connection)), owner_(owner), process_(process) {}
 
     bool ended() override {
         if (!ended_.load(std::memory_order_relaxed) && connection_->hasLost(owner_)) {
@@ -149,12 +150,14 @@ public:
         }
         return ended_.load(std::memory_order_relaxed);
     }
+    int32_t process() const override { return process_; }
     void report(int events, uint64_t kind) { connection_->report(events, kind, owner_); }
     bool isOf(const PortIncarnation& owner) const { return owner_ == owner; }
 
 private:
     const std::shared_ptr<Connection> connection_; // in use by this, so it stays
     const PortIncarnation owner_;
+    const int32_t process_;
     std::atomic<bool> ended_{false};
 };
 
@@ -235,7 +238,7 @@ void PortSender::Connection::close() {
 std::shared_ptr<PortSender::Watch> PortSender::Connection::watch() {
     std::shared_ptr<Watch> watch = watch_.lock();
     if (watch == nullptr || !watch->isOf(owner_)) {
-        watch = std::make_shared<Watch>(shared_from_this(), owner_);
+        watch = std::make_shared<Watch>(shared_from_this(), owner_, process_);
         watch_ = watch;
     }
     return watch;
@@ -351,6 +354,7 @@ SendResult PortSender::Connection::openOnce(Deadline& deadline, bool& mayBeStart
     const std::lock_guard<std::mutex> guard(peerMutex_);
     socket_ = std::move(socket);
     owner_ = owner;
+    process_ = process;
     folder_ = std::move(folder);
     // The next send looks at once: the socket may have changed hands before the connection was
     // made.

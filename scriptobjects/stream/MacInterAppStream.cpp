@@ -158,6 +158,22 @@ void MacInterAppStream::hold(int32_t process, bool on) {
     }
 }
 
+platform::PortPlace MacInterAppStream::placeBehind(int32_t process) const {
+    const std::shared_ptr<platform::LocalPort> port = this->port();
+    return port != nullptr ? port->placeBehind(process) : platform::PortPlace();
+}
+
+bool MacInterAppStream::isPast(const platform::PortPlace& place) const {
+    // With the lock, so that no text goes from the port to what is drawn between the two looks.
+    const ObjectLock guard(*this);
+    for (int32_t i = 0; i < drawn_.count(); ++i) {
+        if (place.process == 0 || drawn_[i]->process == place.process) {
+            return false;
+        }
+    }
+    return port_ == nullptr || port_->isPast(place);
+}
+
 std::unique_ptr<MacInterAppStream::DataRef> MacInterAppStream::take() {
     std::unique_ptr<DataRef> data;
     {

@@ -15,6 +15,7 @@ class PollSignal;
 class PortText;
 class TargetWatch;
 struct PortPieces;
+struct PortPlace;
 struct PortStatistics;
 } // namespace platform
 
@@ -88,6 +89,12 @@ public:
     // Leaves what this process sends with it from now on, but for what is drawn already, or draws
     // it again.
     void hold(int32_t process, bool on);
+
+    // The place behind all that this process has sent here until now. The stream must be good.
+    platform::PortPlace placeBehind(int32_t process) const;
+    // True once all from before the place has been received, or will never be
+    // (`platform::LocalPort` says when); also when the stream is not good any more.
+    bool isPast(const platform::PortPlace& place) const;
 
     // Gives the name back at once and drops what was drawn; the stream is not good from now on.
     // Waits for no one, and not for a send that another thread has under way.

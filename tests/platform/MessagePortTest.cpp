@@ -279,6 +279,45 @@ TEST_F(MessagePortTest, whatIsHeldBackWaitsAndOthersAreServed) {
     EXPECT_EQ(takeOne(*port), std::string(100'000, '3'));
 }
 
+// Whoever waits for the last words of a process that has ended must neither miss them nor wait for
+// what others send.
+TEST_F(MessagePortTest, knowsWhenAllThatAProcessHadSentWasTaken) {
+    const auto port = ports.open(kName);
+    ASSERT_NE(port, nullptr);
+    const auto send = [&](const char* text) {
+        EXPECT_EQ(ports.send(kName, text, kGenerous), SendResult::delivered);
+    };
+    send("of another");
+    const pid_t child = startChild([] {
+        return MessagePorts::own().send(kName, "last words", kGenerous) == SendResult::delivered
+                   ? 0
+                   : 1;
+    });
+    EXPECT_EQ(endOf(child), 0);
+    const pid_t broken =
+        startChild([&] { return sendRaw(rawConnection(), header(2, 10)) ? 0 : 1; });
+    EXPECT_EQ(endOf(broken), 0);
+    for (const pid_t process : {child, broken}) {
+        const platform::PortPlace place = port->placeBehind(process);
+        int lastWords = 0;
+        int taken = 0;
+        for (; !port->isPast(place) && taken < 100; ++taken) {
+            PortText text;
+            if (port->take(text)) {
+                lastWords += text.view() == "last words" ? 1 : 0;
+                EXPECT_EQ(text.view() == "last words", text.process() == child);
+            }
+            send("of another that goes on");
+        }
+        EXPECT_LT(taken, 100);
+        EXPECT_EQ(lastWords, process == child ? 1 : 0);
+    }
+    const platform::PortPlace all = port->placeBehind(0);
+    EXPECT_FALSE(port->isPast(all)) << "of whom nobody knows is everybody";
+    (void)takeAll(*port);
+    EXPECT_TRUE(port->isPast(all));
+}
+
 TEST_F(MessagePortTest, sendersToOneNameTakeTurnsAndDoNotHoldOthers) {
     const auto full = ports.open("full");
     const auto other = ports.open("other");
