@@ -109,6 +109,12 @@ private:
 Arrivals::Arrivals() = default;
 Arrivals::~Arrivals() = default;
 
+bool Arrivals::hasTextOf(int32_t process) const {
+    const auto sender = senders_.find(process);
+    return process == 0 ? bytes_.load() != 0
+                        : sender != senders_.end() && !sender->second.texts.empty();
+}
+
 // Texts that were drawn belong to somebody whether there is room for them or not; of who has no
 // room for more, no more is drawn. `look` is whether to ask the stream for what has arrived since
 // it was asked last, which costs a system call: once at first and again behind what may have been

@@ -68,6 +68,8 @@ public:
               const Take& take);
     // Whether all has been read that has arrived, as far as the stream knows: nothing is held back.
     bool isEmpty() const { return bytes_.load() == 0 && held_.load() == 0; }
+    // Whether a text of this process, of any for 0, is held here. In the reader's turn.
+    bool hasTextOf(int32_t process) const;
     // The messages that were received and are still there.
     IncomingAccounts::Load load() const { return accounts_->load(); }
     int32_t withoutRoom() const { return accounts_->withoutRoom(); }

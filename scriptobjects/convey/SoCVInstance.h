@@ -72,8 +72,8 @@ public:
     // Takes out what has expired while nobody looked.
     void removeExpired();
     // Tells askers that the process that took their request has ended, once all that it had sent
-    // before has been received.
-    void tellOfEndedTakers();
+    // before has been received. True when there may be more to receive.
+    bool tellOfEndedTakers();
     // Every round: takers may have new connections, and some are of no use any more.
     void tidyTakers();
     // Queues a complete message until its target can be reached; false when it has no target.

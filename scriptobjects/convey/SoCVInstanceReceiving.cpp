@@ -146,6 +146,7 @@ PrivateData::Received PrivateData::receiveInTurn(int messages, bool needed, Told
         };
         received.more = arrivals_.read(*stream, kReceiveMilliseconds, messages, needed,
                                        std::ref(take)) == Arrivals::Stop::time;
+        takers_->noteRead(*stream, arrivals_);
     }
     return received;
 }
@@ -163,28 +164,19 @@ bool PrivateData::receiveArrived() {
     return receiveInTurn(INT_MAX, false, Told::all).more;
 }
 
-void PrivateData::tellOfEndedTakers() {
+bool PrivateData::tellOfEndedTakers() {
     if (!takers_->haveEnded()) {
-        return;
+        return false;
     }
-    // Once more, now that the end is known: what the target sent before it has all arrived.
-    (void)receiveArrived();
-    std::vector<AwaitedRequest> lost;
-    {
-        // With the turn taken no other thread is on its way from the stream to the queue with an
-        // answer.
-        const std::lock_guard<std::mutex> turn(receivingTurn_);
-        const auto stream = this->stream();
-        if (stream == nullptr || !arrivals_.isEmpty() || stream->messagePending() ||
-            stream->hasMore()) {
-            return; // the last answers may be in what is not received yet
-        }
-        lost = takers_->takeLost();
-    }
-    // With the turn given back: what observers and askers are told of it may have them receive.
-    for (const AwaitedRequest& request : lost) {
+    // Once more, now that the end is known: what the target sent before it has all arrived. Whoever
+    // receives notes when that has been read, so that a thread that has the turn again and again
+    // puts nothing off.
+    const bool more = receiveArrived();
+    // Without the turn: what observers and askers are told of it may have them receive.
+    for (const AwaitedRequest& request : takers_->takeLost()) {
         sendError(*request.message(), Convey::kTargetEndedText, Convey::kTargetEndedCode, 0);
     }
+    return more;
 }
 
 void PrivateData::tidyTakers() {

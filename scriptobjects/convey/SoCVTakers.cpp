@@ -7,6 +7,7 @@
 #include "limits/Limits.h"
 #include "platform/Clock.h"
 #include "platform/MessagePort.h"
+#include "scriptobjects/convey/SoCVArrivals.h"
 #include "scriptobjects/convey/SoCVConversation.h"
 #include "scriptobjects/convey/SoCVWords.h"
 #include "scriptobjects/stream/InterAppStream.h"
@@ -200,10 +201,43 @@ bool Takers::haveEnded() {
             const auto taker = takers_.find(watch.get());
             if (taker != takers_.end()) {
                 taker->second.ended = true;
+                anyEnded_.store(true);
             }
         }
     }
     return ended;
+}
+
+void Takers::noteRead(const InterAppStream& stream, const Arrivals& arrivals) {
+    if (!anyEnded_.load()) {
+        return; // as a rule
+    }
+    struct Ended {
+        std::shared_ptr<TargetWatch> watch;
+        std::optional<platform::PortPlace> end;
+    };
+    std::vector<Ended> all; // asked when the lock has been given up
+    {
+        const ObjectLock guard(*this);
+        for (const auto& [address, taker] : takers_) {
+            if (taker.ended && !taker.isRead) {
+                all.push_back({taker.watch, taker.end});
+            }
+        }
+    }
+    for (Ended& one : all) {
+        const int32_t process = one.watch->process();
+        if (!one.end) {
+            one.end = stream.placeBehind(process);
+        }
+        const bool isRead = !arrivals.hasTextOf(process) && stream.isPast(*one.end);
+        const ObjectLock guard(*this);
+        const auto taker = takers_.find(one.watch.get()); // it may have been forgotten meanwhile
+        if (taker != takers_.end()) {
+            taker->second.end = one.end;
+            taker->second.isRead = isRead;
+        }
+    }
 }
 
 // By what `haveEnded` has noted, not by asking once more: a taker that has ended since may have
@@ -214,16 +248,19 @@ std::vector<AwaitedRequest> Takers::takeLost() {
         const ObjectLock guard(*this);
         size_t count = 0;
         for (const auto& [watch, taker] : takers_) {
-            count += taker.ended ? taker.numbers.size() : 0;
+            count += taker.isRead ? taker.numbers.size() : 0;
         }
         lost.reserve(count); // what is taken out must not be lost itself
+        bool anyLeft = false;
         for (auto& [watch, taker] : takers_) {
-            while (taker.ended && !taker.numbers.empty()) {
+            while (taker.isRead && !taker.numbers.empty()) {
                 const auto entry = entries_.find(taker.numbers.front());
                 lost.push_back(std::move(entry->second.request));
                 eraseLocked(entry);
             }
+            anyLeft = anyLeft || (taker.ended && !taker.isRead);
         }
+        anyEnded_.store(anyLeft);
     }
     std::sort(lost.begin(), lost.end(),
               [](const auto& a, const auto& b) { return a.place < b.place; });

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <list>
@@ -9,19 +10,18 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/MessagePort.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/core/SoString.h"
 #include "scriptobjects/core/SoThread.h"
-
-namespace platform {
-class TargetWatch;
-} // namespace platform
 
 namespace ScObjects {
 
 class InterAppStream;
 
 namespace ConveyData {
+
+class Arrivals;
 
 // A request whose asker wants errors and is in this process: what it takes to tell it that the
 // process that took the request has ended.
@@ -78,10 +78,13 @@ public:
     // A message has come in: what ends its request is noted.
     void noteReceived(const Convey::Message& message);
     // Asks whether takers have ended, a few system calls for each. True when there are some whose
-    // requests `takeLost` would give now.
+    // requests `takeLost` will give.
     bool haveEnded();
-    // The unanswered requests of the takers that had ended when that was asked, in the order in
-    // which they were sent. To be called when all that was received until then has been noted.
+    // Notes which of the takers that had ended when that was asked have sent nothing that is still
+    // to be read here, whatever others send. To be called in the turn of who receives, when all
+    // that was read has been noted.
+    void noteRead(const InterAppStream& stream, const Arrivals& arrivals);
+    // The unanswered requests of those takers, in the order in which they were sent.
     std::vector<AwaitedRequest> takeLost();
     // Watches the takers once more: one may have a new connection.
     void watchAgain(const std::function<void(platform::TargetWatch&)>& watch);
@@ -95,6 +98,8 @@ private:
         std::shared_ptr<platform::TargetWatch> watch;
         std::list<uint32_t> numbers;
         bool ended = false;
+        std::optional<platform::PortPlace> end; // behind what it had sent then
+        bool isRead = false;                    // so far
     };
     struct Entry {
         AwaitedRequest request;
@@ -113,6 +118,8 @@ private:
     std::unordered_map<const platform::TargetWatch*, Taker> takers_ SO_GUARDED_BY(this);
     uint64_t lastPlace_ SO_GUARDED_BY(this) = 0;
     bool closed_ SO_GUARDED_BY(this) = false;
+    // Some have ended and are not told of yet: looked at whenever something was received.
+    std::atomic<bool> anyEnded_{false};
 };
 
 } // namespace ConveyData

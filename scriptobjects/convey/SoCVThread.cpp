@@ -460,7 +460,7 @@ ConveyThread::Left ConveyThread::serveInstances(bool regular) {
         } else {
             left.more = instance->receiveArrived() || left.more;
         }
-        instance->tellOfEndedTakers();
+        left.more = instance->tellOfEndedTakers() || left.more;
         if (regular) {
             instance->tidyTakers();
         }

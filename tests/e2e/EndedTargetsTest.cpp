@@ -57,6 +57,10 @@ protected:
 
     TestHandler* listener(const char* type, uint32_t serial = Convey::kAnySerialNumber) {
         const auto hear = [this](int event, Convey::Message& message, SoString*) {
+            if (event == 1) { // of neighbours
+                ++floods;
+                return 0;
+            }
             std::string& said = heard[message.getSerialNumber()];
             order.push_back(message.getSerialNumber());
             if (event == 4) {
@@ -64,7 +68,9 @@ protected:
                         message.getUserHeaderValue("Error-Code").c_str() + " from " +
                         message.getSender().c_str() + ";";
             } else {
-                said += std::string(message.getType().view()) + message.getBody().c_str() + ";";
+                const std::string body(message.getBody().view());
+                said += std::string(message.getType().view()) +
+                        (body.size() < 100 ? body : std::to_string(body.size())) + ";";
             }
             return 0;
         };
@@ -74,6 +80,7 @@ protected:
     const std::string ended = "ERROR: TARGET HAS ENDED 62 from target-1.0;";
     std::map<uint32_t, std::string> heard;
     std::vector<uint32_t> order;
+    int floods = 0;
     Convey* asker = nullptr; // the layer's
 };
 
@@ -167,6 +174,56 @@ TEST_F(EndedTargetsTest, theLastAnswersOfATargetAreHeardInsteadOfAnError) {
     }
     heard.clear();
     ASSERT_TRUE(hears(1, "Tessalyanswer;Processed;")) << heard[1];
+}
+
+// Nor does what others send without end put off what is heard of a target: its last answer where
+// it gave one, and an error where it did not.
+TEST_F(EndedTargetsTest, aFloodOfNeighboursPutsNothingOff) {
+    std::vector<std::unique_ptr<RunningProcess>> neighbours;
+    for (int i = 1; i <= 3; ++i) {
+        const std::string name = "neighbour-" + std::to_string(i) + ".0";
+        neighbours.push_back(
+            std::make_unique<RunningProcess>(std::vector<std::string>{TARGET_PROGRAM, name}));
+        ASSERT_EQ(neighbours.back()->readLine(), "running");
+        Convey::Message flood = request(kOwn, "push asker-1.0", "");
+        flood.setTarget(name.c_str());
+        ASSERT_TRUE(asker->send(flood, false, 0, nullptr));
+        ASSERT_EQ(neighbours.back()->readLine(), "got push asker-1.0");
+    }
+    const auto flooded = [this](int more) {
+        return eventually([this, until = floods + more] {
+            while (floods < until &&
+                   asker->data()->processIncoming(Convey::kAnySerialNumber, true)) {
+            }
+            return floods >= until;
+        });
+    };
+    ASSERT_TRUE(flooded(100));
+    const struct {
+        const char* body;
+        std::string expected;
+    } ends[] = {{"hold", ended},
+                {"last", "Tessalyanswer;Processed;"},
+                {"last large", "Tessaly1048576;Processed;"}};
+    uint32_t number = 0;
+    for (const auto& end : ends) {
+        const std::string& expected = end.expected;
+        SCOPED_TRACE(end.body);
+        auto ending = target();
+        ASSERT_TRUE(ask(++number, end.body));
+        ASSERT_EQ(ending->readLine(), std::string("got ") + end.body);
+        if (number == 1) {
+            ending->signal(SIGKILL);
+        }
+        EXPECT_TRUE(eventually([&] {
+            // The flood goes on all the time, and lets no queue here be empty.
+            for (int i = 0; i < 100 && heard[number] != expected; ++i) {
+                (void)asker->data()->processIncoming(Convey::kAnySerialNumber, true);
+            }
+            return heard[number] == expected;
+        })) << heard[number];
+        ASSERT_TRUE(flooded(10)) << "there is no flood";
+    }
 }
 
 } // namespace

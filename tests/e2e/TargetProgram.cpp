@@ -1,7 +1,8 @@
 // An application that tells each request that it gets on its output. Bodies are orders: "hold"
 // stays in the handler for ever, "until FILE" until that is there, "ask TARGET BODY" asks another
 // and waits for its answer, "stuck" lets the main loop come by no more, "last" answers and ends the
-// process at once, without the layer's end. "drop" lets go of its reply, "throw" throws, "keep"
+// process at once, without the layer's end, and so does "last large", with an answer of 1 MiB,
+// once that is handed over. "drop" lets go of its reply, "throw" throws, "keep"
 // keeps it until "give", which has another thread answer all that are kept; "end" ends the
 // application, lets another thread answer what is kept, and tells what came of it. "bounce A B ..."
 // asks A to ask B, and so on round the ring, until handlers are as deep as they may be and all
@@ -31,6 +32,13 @@ bool gStuck = false;
 
 void say(const std::string& line) {
     (void)!write(STDOUT_FILENO, (line + "\n").c_str(), line.size() + 1);
+}
+
+// Whether nothing waits to be sent any more: a large answer goes on its way beside the handler.
+bool isAllSent() {
+    SoString rows;
+    Convey::getDiagnostics(rows, false);
+    return rows.view().find("/out;0;Outgoing;0;") != std::string_view::npos;
 }
 
 // On a thread of its own; how many were not too late.
@@ -91,9 +99,10 @@ void handle(const Convey::Messenger& own, std::vector<Convey::Reply>& kept,
         (void)own.request(target.c_str(), std::string(60'000, 'x').c_str()).post();
     }
     gEnd = body == "end";
-    gLast = body == "last";
+    const bool isLarge = body == "last large";
+    gLast = body == "last" || isLarge;
     gStuck = body == "stuck";
-    (void)reply.result("answer");
+    (void)reply.result(isLarge ? std::string(1 << 20, 'a').c_str() : "answer");
 }
 
 } // namespace
@@ -121,6 +130,9 @@ int main(int argc, char** argv) {
             sleep(static_cast<unsigned>(kTime.count()));
         }
         (void)Convey::pumpOrWait(1000);
+    }
+    while (gLast && !isAllSent()) {
+        (void)Convey::pumpOrWait(10);
     }
     if (gEnd) {
         own.reset(); // and the layer with it
