@@ -58,6 +58,8 @@ inline constexpr Limit kAll[] = {
     {"receive.step", 65'536, "bytes", "of a text that are read without a look at the clock"},
     {"receive.large", kMiB, "bytes", "of a text after which its sender waits until it is read"},
     {"receive.unread", 4 * 65 * kMiB, "bytes", "of texts that wait for room: one of each hog's"},
+    {"pump.messages", 1000, "messages",
+     "of an instance, handled by one pump; then the host's loop has its turn, after some 10 ms"},
     {"stream.instances", 8, "names", "tried behind one that is taken"},
     {"forward.body", kMiB, "bytes", "of a body that an observer asked for; what is longer is cut"},
     {"forward.age", 60, "s", "what an observer has not taken by then is old news"},

@@ -208,7 +208,10 @@ public:
     static uint32_t getProcessID(const char* target);
 
     // Lets every instance of a context (null: the current one) process its queues. True when there
-    // was a message. False at once while the layer is being set up.
+    // was a message; there may be more then: one pump handles at most 1,000 messages of each
+    // instance (`pump.messages` of `convey limits`), so that a flood does not keep the host's loop
+    // from all else, and leaves the poll descriptor readable when it has. False at once while the
+    // layer is being set up.
     static bool pump(EnabledOperations operations, ConveyContext* context = nullptr);
 
     // Pumps both ways and, when there was nothing to do, waits until something arrives, at most

@@ -34,6 +34,7 @@ namespace {
 
 using ConveyData::guarded;
 
+constexpr int32_t kPumpedMessages = limits::of("pump.messages"); // of each instance
 constexpr uint32_t kRefreshSeconds = limits::of("registry.refresh");
 constinit std::atomic<uint32_t> gLastRefresh{0}; // seconds since 1970
 constinit std::atomic<bool> gQuit{false};        // for `run`
@@ -275,13 +276,19 @@ bool Convey::pump(EnabledOperations operations, ConveyContext* context) {
         // Before one looks: what arrives from now on raises it again.
         (void)ConveyData::PollSignal::lower();
         bool processed = false;
+        bool left = false;
         // With a share of each, as handlers may delete instances, their own among them.
         for (int32_t i = 0; const auto instance = context->pinNth(i); ++i) {
             instance->notePump();
             if ((operations & kProcessIncoming) != 0) {
-                while (instance->processIncoming(kAnySerialNumber, true)) {
-                    processed = true;
+                // Who sends without end must not keep the host from all else.
+                int32_t handled = 0;
+                while (handled < kPumpedMessages &&
+                       instance->processIncoming(kAnySerialNumber, true)) {
+                    ++handled;
                 }
+                processed = processed || handled > 0;
+                left = left || handled == kPumpedMessages;
             }
             if ((operations & kProcessOutgoing) != 0) {
                 (void)instance->processOutgoing();
@@ -297,6 +304,10 @@ bool Convey::pump(EnabledOperations operations, ConveyContext* context) {
             for (int32_t i = 0; const auto instance = context->pinNth(i); ++i) {
                 instance->remindHost();
             }
+        }
+        // Whatever is left, wherever it lies: a host that sleeps beside it would sleep for long.
+        if (left) {
+            ConveyData::PollSignal::raise();
         }
         return processed;
     });

@@ -1,6 +1,7 @@
 // What an asker is told when the process that took its request ends.
 #include <csignal>
 #include <map>
+#include <poll.h>
 
 #include "limits/Limits.h"
 #include "scriptobjects/convey/SoCVInstance.h"
@@ -224,6 +225,30 @@ TEST_F(EndedTargetsTest, aFloodOfNeighboursPutsNothingOff) {
         })) << heard[number];
         ASSERT_TRUE(flooded(10)) << "there is no flood";
     }
+}
+
+// A host's loop has its turn though each message that it handles brings another.
+TEST_F(EndedTargetsTest, aPumpEndsBesideAFlood) {
+    int handled = 0;
+    const auto sendOn = [&](int, Convey::Message&, SoString*) {
+        ++handled;
+        Convey::Message next = request(0, "and on", "");
+        next.setTarget("asker-1.0");
+        next.setSerialNumber(kOwn + static_cast<uint32_t>(handled));
+        (void)asker->send(next, false, 0, nullptr);
+        return 0;
+    };
+    delete asker->changeHandler(new TestHandler(sendOn));
+    Convey::Message first = request(0, "the first", "");
+    first.setTarget("asker-1.0");
+    first.setSerialNumber(kOwn);
+    ASSERT_TRUE(asker->send(first, false, 0, nullptr));
+    pollfd loop = {Convey::getPollDescriptor(), POLLIN, 0};
+    EXPECT_TRUE(Convey::pump(ScObjects::kProcessBoth));
+    EXPECT_EQ(handled, limits::of("pump.messages"));
+    EXPECT_EQ(poll(&loop, 1, 0), 1) << "what is left, and nobody announces any more";
+    EXPECT_TRUE(Convey::pump(ScObjects::kProcessBoth));
+    EXPECT_GT(handled, limits::of("pump.messages"));
 }
 
 } // namespace
