@@ -135,6 +135,8 @@ struct PortStatistics {
     uint64_t descriptors = 0;   // connections closed for file descriptors in their packets
     uint64_t withoutMemory = 0; // texts dropped, since there was no memory for them
     uint64_t overLimit = 0;     // connections closed for keeping too much open or half sent
+    uint64_t notAccepted = 0;   // attempts to accept a connection for which the system had no room:
+                                // no descriptor, no memory; it is tried again
 };
 
 // A port of this user as an observer sees it.

@@ -108,6 +108,7 @@ void PortReceiver::acceptAll() {
             // The newcomer stays in the queue, and so would its event.
             if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
                 Log::system().problem("cannot accept a connection: " + systemReason());
+                ++statistics_.notAccepted;
                 pauseListening();
             }
             return;

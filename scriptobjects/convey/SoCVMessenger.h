@@ -95,11 +95,11 @@ public:
         // an echo, "ECHO_RESPONSE") and waits for at most `timeoutSeconds`. Other answers:
         // "NOINTERAPPSTREAM" (this process has no stream), "INVALIDSPEC" (no specifier),
         // "UNDEFINED" (this process itself, the request could not be handed over, or it could not
-        // be found out what is registered or runs),
-        // "MSGTOSTRINGERROR", "ISNOTINSTALLED", "ISNOTRUNNING", "NOERROR" (sent, and a time-out
-        // below 1 waits for nothing), "Timeout". `parameters` (null for none) go along. The target
-        // "allRunningApps" asks every registered application and gives the last answer. Empty
-        // without a background thread.
+        // be found out what is registered or runs; also when the time is up and this process had
+        // no descriptors left to let the answer in), "MSGTOSTRINGERROR", "ISNOTINSTALLED",
+        // "ISNOTRUNNING", "NOERROR" (sent, and a time-out below 1 waits for nothing), "Timeout".
+        // `parameters` (null for none) go along. The target "allRunningApps" asks every registered
+        // application and gives the last answer. Empty without a background thread.
         static SoString ping(const char* target, const char* key, int32_t timeoutSeconds,
                              const SoString* parameters);
     };

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/Clock.h"
+#include "platform/MessagePort.h"
 #include "platform/Random.h"
 #include "scriptobjects/connector/SoCVConnector.h"
 #include "scriptobjects/convey/SoCVMessage.h"
@@ -61,7 +62,8 @@ public:
         Question(const Question&) = delete;
         Question& operator=(const Question&) = delete;
 
-        // Waits for the answer; false when the time is up.
+        // Waits for the answer; false when the time is up. Then `isDeaf` tells whether the answer
+        // may have come and waited in vain to be let in.
         bool await(int64_t end, SoString& answer) {
             if (!exchange_.await(*this, end)) {
                 return false;
@@ -69,6 +71,7 @@ public:
             answer = answer_;
             return true;
         }
+        bool isDeaf() const { return stream_.statistics().notAccepted != notAccepted_; }
 
     private:
         friend class PingExchange;
@@ -85,6 +88,7 @@ public:
         InterAppStream& stream_;
         const SoString destination_;
         const uint32_t number_;
+        const uint64_t notAccepted_ = stream_.statistics().notAccepted;
         bool answered_ = false; // this and the answer under the exchange's mutex
         SoString answer_;
     };
@@ -246,7 +250,10 @@ SoString askOne(InterAppStream& stream, Message& message, const CVResolution& ta
         return SoString(ConveyThread::CV_UNDEFINED);
     }
     SoString answer;
-    return question.await(end, answer) ? answer : SoString(ConveyData::CV_PING_TIMEOUT);
+    if (question.await(end, answer)) {
+        return answer;
+    }
+    return SoString(question.isDeaf() ? ConveyThread::CV_UNDEFINED : ConveyData::CV_PING_TIMEOUT);
 }
 
 bool isAnswer(const SoString& result) {
