@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import asyncio
 import contextlib
+import functools
 import inspect
 import logging
 import math
@@ -32,9 +33,14 @@ Loop = asyncio.AbstractEventLoop
 _log = logging.getLogger("convey")
 _lanes = Lanes()
 _life = threading.RLock()  # applications begin and end one at a time
+_ending = threading.Lock()  # of requests that a thread is still sending
 _watching: weakref.WeakKeyDictionary[Loop, int] = weakref.WeakKeyDictionary()
-_PUMP_SECONDS = 0.005  # before the loop gets to do something else
 _PUMP_MILLISECONDS = 100  # how soon Ctrl-C is seen while a request waits without a loop
+
+
+@functools.lru_cache(64)
+def _target(name: str) -> bytes:
+    return encoded(name, "a target")
 
 
 def _begin(specifier: bytes) -> int:
@@ -53,14 +59,8 @@ def _end(handle: int) -> None:
         _c.application_free(handle)
 
 
-def _pump() -> None:
-    end = time.monotonic() + _PUMP_SECONDS
-    while _c.pump() and time.monotonic() < end:
-        pass  # what is left keeps the descriptor readable
-
-
 def _watch(loop: Loop) -> None:
-    loop.add_reader(_c.poll_descriptor(), _pump)
+    loop.add_reader(_c.poll_descriptor(), _c.pump)  # what is left keeps it readable
     _watching[loop] = _watching.get(loop, 0) + 1
 
 
@@ -77,14 +77,16 @@ class _Asked:
     under which that knows it, end once: with `end`, or, when that came during the sending, behind
     that."""
 
-    __slots__ = ("_ended", "_mutex", "_number", "_pending", "tell")
+    __slots__ = ("_ended", "_number", "_pending")
 
-    def __init__(self, tell: Callable[[Answer | ConveyError], None]) -> None:
-        self.tell = tell
-        self._mutex = threading.Lock()
+    def __init__(self) -> None:
         self._number = 0
         self._pending: int | None = None
         self._ended = False
+
+    def tell(self, outcome: Answer | ConveyError) -> None:
+        """Called once, by any thread; not behind `end`."""
+        raise NotImplementedError
 
     def try_send(self, request: int) -> bool:
         """False, and the request is still the caller's, when that would have to wait. For the
@@ -103,14 +105,14 @@ class _Asked:
             return
         self._number = _c.keep(self)
         pending = _c.request_send(request, _outcome_function, self._number, _c.nothing)
-        with self._mutex:
+        with _ending:
             if not self._ended and pending is not None:
                 self._pending = pending
                 return
         self._cancel(pending)
 
     def end(self) -> None:
-        with self._mutex:
+        with _ending:
             self._ended = True
             pending, self._pending = self._pending, None
         if pending is not None:
@@ -119,6 +121,41 @@ class _Asked:
     def _cancel(self, pending: int | None) -> None:
         _c.pending_cancel(pending)
         _c.release(self._number)  # it will not be asked for any more
+
+
+class _Noted(_Asked):
+    """One that a thread waits for."""
+
+    __slots__ = ("outcome",)
+
+    def __init__(self) -> None:
+        super().__init__()
+        self.outcome: Answer | ConveyError | None = None
+
+    def tell(self, outcome: Answer | ConveyError) -> None:
+        self.outcome = outcome
+
+
+class _Awaited(_Asked):
+    """One that a task awaits."""
+
+    __slots__ = ("_application", "_future")
+
+    def __init__(self, application: Application,
+                 future: asyncio.Future[Answer | ConveyError]) -> None:
+        super().__init__()
+        self._application = application
+        self._future = future
+
+    def tell(self, outcome: Answer | ConveyError) -> None:
+        if threading.get_ident() == self._application._thread:
+            self.settle(outcome)
+        else:
+            self._application._on_loop(self.settle, outcome)
+
+    def settle(self, outcome: Answer | ConveyError) -> None:
+        if not self._future.done():
+            self._future.set_result(outcome)
 
 
 def _on_outcome(outcome: int | None, number: int) -> None:
@@ -230,15 +267,15 @@ class _Base:
             message._reply = None
         return None
 
-    def _request(self, target: bytes, body: str | bytes, type: str, headers: Mapping[str, str],
-                 launch: bool | str, timeout: float | None) -> int:
+    def _request(self, target: bytes, body: str | bytes, type: str,
+                 headers: Mapping[str, str] | None, launch: bool | str, timeout: float | None) -> int:
         raw = encoded(body, "a body", line=False)
         request: int | None = _c.request_new(self._open(), target, raw, len(raw))
         if request is None:
             raise ValueError("the body is too long, or there is no memory")
         try:
             done = type == PLAIN or _c.request_set_type(request, encoded(type, "a type"))
-            for name, value in headers.items():
+            for name, value in headers.items() if headers else ():
                 done = done and _c.request_set_header(
                     request, encoded(name, "the name of a header"),
                     encoded(value, f"the header {name!r}"))
@@ -312,13 +349,11 @@ class BlockingApplication(_Base):
                 headers: Mapping[str, str] | None = None, launch: bool | str = False,
                 timeout: float | None = None) -> Answer:
         """As Application.request."""
-        told: list[Answer | ConveyError] = []
-        asked = _Asked(told.append)
+        asked = _Noted()
         end = None if timeout is None else time.monotonic() + timeout
-        asked.send(self._request(encoded(target, "a target"), body, type, headers or {}, launch,
-                                 timeout))
+        asked.send(self._request(_target(target), body, type, headers, launch, timeout))
         try:
-            while not told:
+            while asked.outcome is None:
                 left = _PUMP_MILLISECONDS if end is None else \
                     min(_PUMP_MILLISECONDS, math.ceil((end - time.monotonic()) * 1000))
                 if left <= 0:
@@ -326,15 +361,15 @@ class BlockingApplication(_Base):
                 _c.pump_or_wait(left)
         finally:
             asked.end()
-        if isinstance(told[0], ConveyError):
-            raise told[0]
-        return told[0]
+        if isinstance(asked.outcome, ConveyError):
+            raise asked.outcome
+        return asked.outcome
 
     def post(self, target: str, body: str | bytes, *, type: str = PLAIN,
              headers: Mapping[str, str] | None = None) -> bool:
         """As Application.post."""
-        return bool(_c.request_post(self._request(encoded(target, "a target"), body, type,
-                                                  headers or {}, False, None)))
+        return bool(_c.request_post(self._request(_target(target), body, type, headers, False,
+                                                  None)))
 
     def run(self) -> None:
         """Handles messages until `quit`, or SIGTERM; SIGINT is a KeyboardInterrupt. For the
@@ -469,19 +504,11 @@ class Application(_Base):
         Cancelling the task cancels the request."""
         loop = self._running()
         future: asyncio.Future[Answer | ConveyError] = loop.create_future()
-        name = encoded(target, "a target")
-        request = self._request(name, body, type, headers or {}, launch, timeout)
-
-        def tell(outcome: Answer | ConveyError) -> None:
-            self._on_loop(settle, outcome)
-
-        def settle(outcome: Answer | ConveyError) -> None:
-            if not future.done():
-                future.set_result(outcome)
-
-        asked = _Asked(tell)
+        name = _target(target)
+        request = self._request(name, body, type, headers, launch, timeout)
+        asked = _Awaited(self, future)
         timer = None if timeout is None else \
-            loop.call_later(timeout, settle, TimedOut("no answer in time"))
+            loop.call_later(timeout, asked.settle, TimedOut("no answer in time"))
         if not (_lanes.is_free(name) and asked.try_send(request)):
             _lanes.add(name, lambda: asked.send(request))
         try:
@@ -498,8 +525,8 @@ class Application(_Base):
                    headers: Mapping[str, str] | None = None) -> bool:
         """Sends without asking for an answer; True when it was handed over."""
         loop = self._running()
-        name = encoded(target, "a target")
-        request = self._request(name, body, type, headers or {}, False, None)
+        name = _target(target)
+        request = self._request(name, body, type, headers, False, None)
         if _lanes.is_free(name) and _c.request_try_post(request):
             return True
         future: asyncio.Future[bool] = loop.create_future()
@@ -559,7 +586,8 @@ class Application(_Base):
                     yield event
 
     def _running(self) -> Loop:
-        self._open()
+        if self._handle is None:
+            self._open()  # says so
         loop = asyncio.get_running_loop()
         if loop is not self._loop:
             raise RuntimeError("it belongs to another loop")

@@ -7,6 +7,8 @@ from dataclasses import dataclass, field
 from . import _c
 
 RESULT, ERROR, TIMEOUT, NOT_RUNNING, NOT_INSTALLED, REFUSED, CANCELLED = range(7)
+_RESULT = str(RESULT)
+_OF_MESSAGE = 3  # where the texts of its message begin in those of an outcome
 PLAIN = "Tessaly"
 CODE_HANDLER_FAILED = 61
 CODE_NOT_ANSWERED = 64
@@ -111,7 +113,15 @@ class Message:
 class Answer(str):
     """The result of a request: its text, and the message that brought it."""
 
-    message: Message
+    _texts: list[str]
+
+    @property
+    def message(self) -> Message:
+        # Made for who asks: it takes as long as all the rest, and few do.
+        made: Message | None = self.__dict__.get("_message")
+        if made is None:
+            made = self.__dict__["_message"] = Message._of(self._texts, _OF_MESSAGE)
+        return made
 
 
 class Reply:
@@ -146,12 +156,13 @@ class Reply:
 def outcome_of(outcome: int | None) -> Answer | ConveyError:
     """What an outcome of the library's is to its asker: the result, or what is raised."""
     texts = _c.outcome_texts(outcome)
-    kind, code, text = int(texts[0]), int(texts[1]), texts[2]
-    message = Message._of(texts, 3) if len(texts) > 4 else None
-    if kind == RESULT and message is not None:
-        answer = Answer(message.body)
-        answer.message = message
+    has_message = len(texts) > _OF_MESSAGE + 1
+    if texts[0] == _RESULT and has_message:
+        answer = Answer(texts[_OF_MESSAGE + 6])  # its body
+        answer._texts = texts
         return answer
+    kind, code, text = int(texts[0]), int(texts[1]), texts[2]
+    message = Message._of(texts, _OF_MESSAGE) if has_message else None
     error: ConveyError
     if kind in _CLASSES:
         error = _CLASSES[kind](text or _TEXTS.get(kind, ""), code)
