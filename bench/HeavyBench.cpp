@@ -10,8 +10,7 @@
 
 #include "bench/BareSocket.h"
 #include "bench/BenchFolder.h"
-#include "limits/Limits.h"
-#include "scriptobjects/convey/SoCVMessage.h"
+#include "bench/HeavyTexts.h"
 #include "scriptobjects/convey/SoConvey.h"
 #include "scriptobjects/stream/InterAppStream.h"
 #include "tests/support/Process.h"
@@ -26,107 +25,12 @@ using ScObjects::SoString;
 constexpr size_t kBytes = size_t{65} << 20;
 constexpr const char* kTarget = "lumen-2.0";
 constexpr const char* kOther = "kivra-7.0";
-constexpr const char* kHead = "Target:a\nSender:hog-1.0\n";
-
-std::string repeated(const std::string& part, const std::string& front = "") {
-    std::string text = front;
-    text.reserve(kBytes);
-    while (text.size() + part.size() <= kBytes) {
-        text += part;
-    }
-    return text;
-}
-
-std::string emptyMessages() {
-    return repeated("Target:a\n\n");
-}
-
-std::string manyHeaders() {
-    std::string message = kHead;
-    for (int i = 0; i < limits::of("message.headers"); ++i) {
-        message += std::to_string(i) + ":\n";
-    }
-    return repeated(message + "\n");
-}
-
-std::string manyLines() {
-    return repeated("a:\n", kHead);
-}
-
-std::string oneHeader() {
-    const std::string front = std::string(kHead) + "a:";
-    return front + std::string(kBytes - front.size() - 2, 'a') + "\n\n";
-}
-
-std::string oneName() {
-    return kHead + std::string(kBytes - std::strlen(kHead), 'a');
-}
-
-std::string withDigest() {
-    Convey::Message message;
-    Convey::Message::setCreateDigest(true);
-    message.setTarget("a");
-    message.setBody(std::string(64'000'000, 'b').c_str());
-    SoString text;
-    (void)message.writeToString(text);
-    return std::string(text.view());
-}
-
-std::string lineFeeds() {
-    return repeated("\n", std::string(kHead) + "\n");
-}
-
-std::string zeroBytes() {
-    return repeated(std::string(1, '\0'), std::string(kHead) + "\n");
-}
-
-std::string pings() {
-    return repeated("Target:a\nSender:b\nType:ping\n\n");
-}
-
-std::string longKey() {
-    const std::string front = std::string(kHead) + "Type:ping\nECHO_REQUEST:";
-    return front + std::string(kBytes - front.size() - 4, 'k') + "=v\n\n";
-}
-
-std::string longBody() {
-    return std::string(kHead) + "Type:ping\nContent-Length:64000000\n\n" +
-           std::string(64'000'000, 'b');
-}
-
-std::string manyKeys() {
-    std::string text;
-    for (int i = 0; text.size() < kBytes - 100'000; ++i) {
-        text += std::string(kHead) + "Type:ping\nECHO_REQUEST:" + std::to_string(i) + "=" +
-                std::string(static_cast<size_t>(i) % 60'000, 'v') + "\n\n";
-    }
-    return text;
-}
-
-constexpr struct {
-    const char* what;
-    std::string (*make)();
-    bool isForThread;
-} kKinds[] = {
-    {"empty messages", emptyMessages, false},
-    {"messages with 4,096 headers", manyHeaders, false},
-    {"one message with a line every three bytes", manyLines, false},
-    {"one header", oneHeader, false},
-    {"no end of a name", oneName, false},
-    {"a body with a digest", withDigest, false},
-    {"line feeds", lineFeeds, false},
-    {"zero bytes", zeroBytes, false},
-    {"tiny pings", pings, true},
-    {"a ping with a key of so much", longKey, true},
-    {"a ping with a body of so much", longBody, true},
-    {"pings that set keys", manyKeys, true},
-};
 
 int hog(int kind, const std::string& target) {
-    const std::string text = kKinds[kind].make();
+    const std::string text = kHeavyTexts[kind].make(kBytes);
     const SoString shared(text.c_str(), static_cast<int32_t>(text.size()));
     const InterAppStream stream("hog-1.0");
-    const std::string name = target + (kKinds[kind].isForThread ? "#thread" : "");
+    const std::string name = target + (kHeavyTexts[kind].isForThread ? "#thread" : "");
     std::puts("ready");
     (void)std::fflush(stdout);
     for (;;) {
@@ -182,11 +86,11 @@ int main(int argc, char** argv) {
     std::printf(
         "| the text | longest without an answer | of it busy | when it goes to another host "
         "| goal |\n|---|---|---|---|---|\n");
-    for (size_t kind = 0; kind < std::size(kKinds); ++kind) {
+    for (size_t kind = 0; kind < std::size(kHeavyTexts); ++kind) {
         const int number = static_cast<int>(kind);
         const Longest ours = longest(argv[0], number, kTarget, seconds);
         const Longest elsewhere = longest(argv[0], number, kOther, seconds);
-        std::printf("| %s | %.0f ms | %.0f ms | %.0f ms | <= 100 ms |\n", kKinds[kind].what,
+        std::printf("| %s | %.0f ms | %.0f ms | %.0f ms | <= 100 ms |\n", kHeavyTexts[kind].what,
                     ours.wait, ours.busy, elsewhere.wait);
         std::fflush(stdout);
     }
