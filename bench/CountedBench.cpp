@@ -1,8 +1,10 @@
 // One operation so many times, for who counts what it costs: `scripts/check-cost` takes the
 // difference between two counts, which leaves out what is done once. Arguments: operation, times.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -10,6 +12,7 @@
 #include "bench/BareSocket.h"
 #include "bench/BenchFolder.h"
 #include "bench/Handlers.h"
+#include "bench/HeavyTexts.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVMessageQueue.h"
@@ -19,6 +22,7 @@
 namespace {
 
 using bench::fail;
+using bench::kHeavyTexts;
 using ScObjects::Convey;
 using ScObjects::InterAppStream;
 using ScObjects::SoString;
@@ -96,6 +100,62 @@ void roundTrip(int times, bool built) {
     }
 }
 
+// A request with ten headers, as an application sends it.
+void describe(Convey::Message& message) {
+    message.setTarget("kivra-7.0-en_us");
+    message.setSender("lumen_2-7.0-en_us");
+    message.setType("query");
+    message.setResponseRequest("Received Result Error");
+    message.setTimeout(60);
+    message.setSerialNumber(4711);
+    message.setHeader("Document", "/home/user/Documents/report.txt");
+    message.setHeader("Page", 12L);
+    message.setBody(SoString(std::string(64, 'b')));
+}
+
+// Its text is built, into a string of its own as for each that is sent.
+void write(int times) {
+    Convey::Message message;
+    describe(message);
+    for (int i = 0; i < times; ++i) {
+        SoString text;
+        if (!message.writeToString(text)) {
+            fail("write");
+        }
+    }
+}
+
+// Its text is read into a new message, which ends.
+void read(int times) {
+    SoString text;
+    {
+        Convey::Message message;
+        describe(message);
+        (void)message.writeToString(text);
+    }
+    for (int i = 0; i < times; ++i) {
+        Convey::Message message;
+        if (*message.readFromString(text.c_str()) != '\0') {
+            fail("read");
+        }
+    }
+}
+
+// One of the worst texts, read in the steps between which pings have their turn. So many steps that
+// a reader shows which begins anew with each.
+constexpr size_t kHeavySteps = 4;
+void readHeavy(const bench::HeavyText& kind, int times) {
+    const std::string text = kind.make(kHeavySteps * limits::of("receive.step"));
+    for (int i = 0; i < times; ++i) {
+        Convey::Message::Reader reader(SoString(text.data(), static_cast<int32_t>(text.size())));
+        while (!reader.isAtEnd()) {
+            Convey::Message message;
+            while (!reader.read(message, limits::of("receive.step"))) {
+            }
+        }
+    }
+}
+
 class Counting : public Convey::MsgHandler {
 public:
     int32_t handleMessage(int, Convey::Message&, SoString*) override {
@@ -165,24 +225,33 @@ int main(int argc, char** argv) {
     const bench::BenchFolder folder;
     const std::string operation = argc > 2 ? argv[1] : "";
     const int times = argc > 2 ? std::atoi(argv[2]) : 0;
-    const bool digest = operation == "built-with-digest";
+    const bool digest = operation == "built-with-digest" || operation == "digest";
     Convey::Message::setCreateDigest(digest);
     Convey::Message::setAuthentication(digest);
     if (operation == "queue") {
         queue(times);
     } else if (operation == "rows") {
         rows(times);
+    } else if (operation == "write") {
+        write(times);
+    } else if (operation == "read") {
+        read(times);
     } else if (operation == "carried") {
         roundTrip(times, false);
-    } else if (operation == "built" || digest) {
+    } else if (operation == "built" || operation == "built-with-digest") {
         roundTrip(times, true);
     } else if (operation == "request") {
         request(times);
     } else if (operation == "received") {
         receive(times);
+    } else if (const auto* const kind =
+                   std::find_if(std::begin(kHeavyTexts), std::end(kHeavyTexts),
+                                [&](const auto& text) { return operation == text.name; });
+               kind != std::end(kHeavyTexts)) {
+        readHeavy(*kind, times);
     } else {
-        fail("usage: counted_bench queue|rows|carried|built|built-with-digest|request|received "
-             "TIMES");
+        fail("usage: counted_bench queue|rows|write|read|carried|built|built-with-digest|request|"
+             "received|NAME-OF-HEAVY-TEXT TIMES");
     }
     (void)Convey::InitTerm::exit();
     return 0;

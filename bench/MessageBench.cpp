@@ -1,9 +1,6 @@
-// What building and reading the text of a message costs. Run under callgrind with one iteration for
-// instructions, which repeat to the last digit where times do not:
-//   valgrind --tool=callgrind --toggle-collect='*writeToString*' message_bench once
+// What building and reading the text of a message takes; `counted_bench` counts the instructions.
 #include <benchmark/benchmark.h>
 #include <cstdlib>
-#include <cstring>
 #include <iterator>
 #include <string>
 
@@ -116,17 +113,6 @@ BENCHMARK(readMessage)->ArgNames({"body", "digest"})->ArgsProduct({{64, 4096, 1 
 int main(int argc, char** argv) {
     const TemporaryFolder home;
     setenv("HOME", home.file("").c_str(), 1);
-    if (argc > 1 && std::strcmp(argv[1], "once") == 0) {
-        useDigest(false);
-        const Convey::Message message = request(64);
-        SoString warm;
-        (void)message.writeToString(warm);
-        SoString text;
-        (void)message.writeToString(text);
-        Convey::Message read;
-        (void)read.readFromString(text.c_str());
-        return 0;
-    }
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     return 0;
