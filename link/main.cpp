@@ -8,6 +8,7 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 
@@ -19,6 +20,7 @@
 #include "platform/Clock.h"
 #include "platform/MessagePort.h"
 #include "platform/Random.h"
+#include "platform/StandardStreams.h"
 #include "scriptobjects/convey/SoConvey.h"
 #include "scriptobjects/stream/BaseInterAppStream.h"
 
@@ -298,10 +300,21 @@ int start(int argc, char** argv) {
 } // namespace
 
 int main(int argc, char** argv) {
-    try {
-        return start(argc, argv);
-    } catch (const std::exception& error) { // without the memory to say it nicely
-        say(error.what());
+    using platform::StandardStreams;
+    if (!StandardStreams::open()) {
         return kInUse;
     }
+    int status = kInUse;
+    try {
+        status = start(argc, argv);
+    } catch (const std::exception& error) { // without the memory to say it nicely
+        say(error.what());
+    }
+    // A reader that has gone has what it wants, and the answer stays what it is.
+    if (!StandardStreams::finish() && !StandardStreams::readerHasGone()) {
+        say("the output cannot be written: " +
+            std::generic_category().message(StandardStreams::failure()));
+        status = kBadFile;
+    }
+    return status;
 }

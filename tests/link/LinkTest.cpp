@@ -118,6 +118,12 @@ TEST_F(LinkTest, usesAnApplicationOfAnotherMachineLikeOneOfItsOwn) {
     const auto status =
         nlohmann::json::parse(run(desk, {LINK, "status", "--json"}).out, nullptr, false);
     EXPECT_EQ(status["uses"][0]["state"], "runs") << status;
+    for (const char* redirection : {">/dev/full", ">&-"}) {
+        const ProcessResult lost =
+            run(desk, {"/bin/sh", "-c", std::string("exec \"$0\" status ") + redirection, LINK});
+        EXPECT_EQ(lost.exitStatus, 3) << redirection;
+        EXPECT_NE(lost.err.find("the output cannot be written: "), std::string::npos) << lost.err;
+    }
     // It answers no more than the process there does.
     target->signal(SIGSTOP);
     EXPECT_EQ(answer(), "Timeout");
