@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 // Every bound of the system in one place: what it bounds, how much, and why that much. The sources
@@ -159,9 +160,10 @@ inline constexpr Limit kAll[] = {
     {"tree.depth", 64, "levels", "of diagnostics: any process may answer with rows"},
 };
 
-// The value of a limit. To be used for constants only: a name that is not there does not compile.
-constexpr int64_t of(const char* name) {
-    for (const Limit& limit : kAll) {
+// The value of one of `limits`. To be used for constants only: a name that is not there does not
+// compile.
+template <size_t kCount> constexpr int64_t valueIn(const Limit (&limits)[kCount], const char* name) {
+    for (const Limit& limit : limits) {
         const char* a = limit.name;
         const char* b = name;
         while (*a != '\0' && *a == *b) {
@@ -173,6 +175,10 @@ constexpr int64_t of(const char* name) {
         }
     }
     throw "no such limit";
+}
+
+constexpr int64_t of(const char* name) {
+    return valueIn(kAll, name);
 }
 
 } // namespace limits

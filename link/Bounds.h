@@ -3,49 +3,55 @@
 #include <cstddef>
 #include <cstdint>
 
-// Every bound of the link, in one place. What a foreign machine makes this one hold is counted
-// against them.
+#include "limits/LinkLimits.h"
+
+// Every bound of the link, by the name that `convey limits` prints. What a foreign machine makes this
+// one hold is counted against them.
 namespace convey_link::bounds {
 
 inline constexpr size_t kKiB = 1024;
 inline constexpr size_t kMiB = 1024 * kKiB;
 
+constexpr size_t size(const char* name) {
+    return static_cast<size_t>(limits::ofLink(name));
+}
+
 // Of the name of a realm or a link: a token of a subject.
-inline constexpr size_t kNameBytes = 64;
+inline constexpr size_t kNameBytes = size("link.name");
 // Of a specifier with its suffix, which every peer of the layer accepts.
-inline constexpr size_t kSpecifierBytes = 255;
+inline constexpr size_t kSpecifierBytes = size("link.specifier");
 // Entries of one kind in a configuration, and applications in a presence.
-inline constexpr size_t kEntries = 1000;
+inline constexpr size_t kEntries = size("link.entries");
 // Of a message's text, as ports have it.
-inline constexpr size_t kTextBytes = 65 * kMiB;
+inline constexpr size_t kTextBytes = size("link.text");
 // Lines of a message's head; readers take fewer.
-inline constexpr size_t kLines = 5000;
+inline constexpr size_t kLines = size("link.lines");
 // Of a text in one frame. Larger ones delay others' small ones longer than they gain.
-inline constexpr size_t kPartBytes = 128 * kKiB;
+inline constexpr size_t kPartBytes = size("link.part");
 // Beside the part: the frame's own fields and the longest names.
-inline constexpr size_t kFrameBytes = kKiB;
+inline constexpr size_t kFrameBytes = size("link.frame");
 // Sent to one link and not acknowledged: far below what a server cuts a slow subscriber off for.
-inline constexpr size_t kWindowBytes = 4 * kMiB;
+inline constexpr size_t kWindowBytes = size("link.window");
 // Taken for one target and not delivered yet. Beyond it texts stay in the port's queue, whose bound
 // holds their senders back.
-inline constexpr size_t kWaitingBytes = 16 * kMiB;
-inline constexpr size_t kWaitingMessages = 4000;
+inline constexpr size_t kWaitingBytes = size("link.waiting");
+inline constexpr size_t kWaitingMessages = size("link.waiting-messages");
 // Of texts from one link that are half there, or wait for their targets.
-inline constexpr size_t kKeptBytes = 4 * kTextBytes;
-inline constexpr size_t kKeptMessages = 20'000;
+inline constexpr size_t kKeptBytes = size("link.kept");
+inline constexpr size_t kKeptMessages = size("link.kept-messages");
 // Requests whose answers are under way, and questions to background threads.
-inline constexpr size_t kPending = 100'000;
-inline constexpr size_t kPings = 2000;
+inline constexpr size_t kPending = size("link.pending");
+inline constexpr size_t kPings = size("link.pings");
 // Senders from elsewhere that have a port here; each costs two descriptors.
-inline constexpr size_t kAliases = 200;
+inline constexpr size_t kAliases = size("link.senders");
 // Links that are known: those of the configuration, and those that may use what is offered.
-inline constexpr size_t kLinks = 2000;
+inline constexpr size_t kLinks = size("link.links");
 
-inline constexpr int64_t kHelloMilliseconds = 5000;
+inline constexpr int64_t kHelloMilliseconds = limits::ofLink("link.hello");
 // To one that is away: it cannot know who waits for it.
-inline constexpr int64_t kAwayMilliseconds = 1000;
+inline constexpr int64_t kAwayMilliseconds = limits::ofLink("link.hello-away");
 // Two hellos, and the way: a lost one is no absence.
-inline constexpr int64_t kSilentMilliseconds = 12'000;
+inline constexpr int64_t kSilentMilliseconds = limits::ofLink("link.silence");
 // Many small acknowledgements go as one; a window is never used up in this time on a fast network.
 inline constexpr int64_t kAcknowledgeMilliseconds = 20;
 // Until what was not acknowledged is sent again: above two ways through the slowest network that
@@ -55,10 +61,10 @@ inline constexpr int64_t kSlowRepeatMilliseconds = 5000;
 // That is left of a message's time: what its text can say, and sums of it do not overflow.
 inline constexpr int64_t kTimeMilliseconds = int64_t{INT32_MAX} * 1000;
 // For messages without a time-out of their own; what the layer gives those of its own.
-inline constexpr int64_t kMessageMilliseconds = 600'000;
-inline constexpr int64_t kLaunchMilliseconds = 60'000;
-inline constexpr int64_t kPingMilliseconds = 60'000;
+inline constexpr int64_t kMessageMilliseconds = limits::ofLink("link.message");
+inline constexpr int64_t kLaunchMilliseconds = limits::ofLink("link.launch");
+inline constexpr int64_t kPingMilliseconds = limits::ofLink("link.ping-time");
 // Until a sender that was quiet is forgotten.
-inline constexpr int64_t kAliasMilliseconds = 3'600'000;
+inline constexpr int64_t kAliasMilliseconds = limits::ofLink("link.sender");
 
 } // namespace convey_link::bounds

@@ -1,0 +1,38 @@
+#pragma once
+
+#include "limits/Limits.h"
+
+namespace limits {
+
+// The bounds of `convey-link`, which is a program of its own, as those of the layer (Limits.h).
+inline constexpr Limit kLink[] = {
+    {"link.name", 64, "bytes", "of a realm or a link: a token of a subject"},
+    {"link.specifier", 255, "bytes", "with its suffix; what every peer of the layer accepts"},
+    {"link.entries", 1000, "entries", "of one kind in its file, and applications that another link asks about"},
+    {"link.text", 65 * kMiB, "bytes", "as ports have it"},
+    {"link.lines", 5000, "lines", "of a message's head; readers take fewer"},
+    {"link.part", 128 * kKiB, "bytes", "of a text in one frame: larger ones hold others up longer than they gain"},
+    {"link.frame", kKiB, "bytes", "of a frame beside its part: fields and the longest names"},
+    {"link.window", 4 * kMiB, "bytes", "sent to a link and not acknowledged: far below what servers cut off slow ones for"},
+    {"link.waiting", 16 * kMiB, "bytes", "taken for a target and not delivered; then its senders wait"},
+    {"link.waiting-messages", 4000, "messages", "likewise"},
+    {"link.kept", 260 * kMiB, "bytes", "four of the largest texts, half there or waiting for their targets"},
+    {"link.kept-messages", 20'000, "messages", "that wait for targets of this machine"},
+    {"link.pending", 100'000, "requests", "whose answers are under way; and in a stream"},
+    {"link.pings", 2000, "pings", "that are asked at a time"},
+    {"link.senders", 200, "senders", "from elsewhere with a port here; each costs two descriptors"},
+    {"link.links", 2000, "links", "that are known: used ones, and those that may use something"},
+    {"link.hello", 5000, "ms", "between greetings of a link that is used"},
+    {"link.hello-away", 1000, "ms", "the same of one that is away: it cannot know who waits for it"},
+    {"link.silence", 12'000, "ms", "two greetings and the way: a lost one is no absence"},
+    {"link.message", 600'000, "ms", "for messages without a time-out, as the layer's own"},
+    {"link.launch", 60'000, "ms", "for an application that is launched to come"},
+    {"link.ping-time", 60'000, "ms", "of a ping at most"},
+    {"link.sender", 3'600'000, "ms", "until a sender that was quiet is forgotten, or room is needed"},
+};
+
+constexpr int64_t ofLink(const char* name) {
+    return valueIn(kLink, name);
+}
+
+} // namespace limits
