@@ -18,8 +18,8 @@ using namespace ScObjects;
 constexpr int kTurnTexts = 64;
 // For replies that are made here, to askers that are busy.
 constexpr int64_t kFailureMilliseconds = 30'000;
-// For the parameters of a launch.
-constexpr int64_t kParametersMilliseconds = 1500;
+// For the parameters of a launch whose launcher has some, and is busy.
+constexpr int64_t kParametersMilliseconds = 15'000;
 constexpr int kInstances = limits::of("stream.instances");
 
 // A message that only shows that somebody takes it.
@@ -134,7 +134,7 @@ void Link::requestTaken(Used& used, Text& message) {
     used.requests.waitingBytes += bytes;
     ++used.requests.waitingMessages;
     contacts_[{asked.asker, to.name}] = now + bounds::kAliasMilliseconds;
-    if (!reply && !asked.wanted.empty()) {
+    if (!reply && isEndWanted(asked.wanted)) {
         // Kept a while behind its end, since its answer is on the way.
         const int64_t until = deadline == INT64_MAX ? now + bounds::kAliasMilliseconds
                                                     : deadline + bounds::kPingMilliseconds;
@@ -297,7 +297,8 @@ void Link::launchTaken(const Text& message) {
     if (used != used_.end()) {
         const int64_t now = around_.now();
         used->second->launchEnd = now + bounds::kLaunchMilliseconds;
-        used->second->launchAt = now + kParametersMilliseconds;
+        used->second->launchAt =
+            numberOf(message.get(kParametersLine)) == 1 ? now + kParametersMilliseconds : now;
         openPorts(*used->second);
     }
 }
@@ -404,7 +405,7 @@ void Link::takeDelivered() {
         }
         from->channel.tell(ticket.message, end.outcome, around_.now());
         if (end.outcome == Outcome::delivered && ticket.isRequest &&
-            !ticket.asked.wanted.empty() && end.taker != nullptr &&
+            isEndWanted(ticket.asked.wanted) && end.taker != nullptr &&
             owed_.size() < bounds::kPending) {
             around_.wait.add(*end.taker);
             owed_[{ticket.asked.asker, ticket.asked.serial}] = {ticket.asked,

@@ -149,6 +149,11 @@ bool isReply(const Text& message) {
     return type.starts_with(ConveyData::CV_FORWARD_PREFIX);
 }
 
+bool isEndWanted(std::string_view wanted) {
+    return wanted.find(ConveyData::CV_WANTS_PROCESSED) != std::string_view::npos ||
+           wanted.find(ConveyData::CV_WANTS_ERROR) != std::string_view::npos;
+}
+
 bool isLastReply(const Text& reply, std::string_view wanted) {
     const std::string_view type = reply.get(kType);
     if (wanted.find(ConveyData::CV_WANTS_PROCESSED) != std::string_view::npos) {

@@ -67,9 +67,14 @@ inline constexpr std::string_view kPingNumber = "Ping-Number";
 inline constexpr std::string_view kThreadSuffix = "#thread";
 // Says which link vouches for what it delivers: "desk@studio".
 inline constexpr std::string_view kVouch = "Convey-Link";
+// To the link, of a launch in a used application's place: whether its launcher leaves parameters.
+inline constexpr std::string_view kParametersLine = "Parameters";
 
 // True for what answers a request, and for what an observer is forwarded.
 bool isReply(const Text& message);
+// Whether somebody is told of the end of a request of which these replies are wanted, also of one
+// that its target does not answer any more.
+bool isEndWanted(std::string_view wanted);
 // What ends a request of which these replies are wanted.
 bool isLastReply(const Text& reply, std::string_view wanted);
 

@@ -1,6 +1,7 @@
 // convey-link: joins this user's Convey to that of other machines, over NATS.
 #include <CLI/CLI.hpp>
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
@@ -21,6 +22,7 @@
 #include "platform/MessagePort.h"
 #include "platform/Random.h"
 #include "platform/StandardStreams.h"
+#include "scriptobjects/convey/SoCVLaunchParameters.h"
 #include "scriptobjects/convey/SoConvey.h"
 #include "scriptobjects/stream/BaseInterAppStream.h"
 
@@ -37,6 +39,7 @@ constexpr const char* kAskersSpecifier = "conveylinkstatus-2.0";
 constexpr const char* kStatusKey = "LINK";
 constexpr int32_t kStatusSeconds = 3;
 constexpr int64_t kStubMilliseconds = 3000;
+constexpr int64_t kStubLookMilliseconds = 20;
 
 enum Exit { kDone = 0, kNo = 1, kUsage = 2, kBadFile = 3, kNameTaken = 4, kRefused = 5, kInUse = 6 };
 
@@ -136,17 +139,41 @@ int status(bool asJson) {
 }
 
 // Started in the place of a used application: the link has it launched over there, with the
-// parameters that wait here.
+// parameters that come to its port here.
+//
+// To its launcher this process is the application: what is left for it under its number must be
+// taken, and as long as nobody has the application's own port it counts as running by this process
+// alone, which must not end before.
 int launchInItsPlace(const std::string& app) {
+    platform::MessagePorts& ports = platform::MessagePorts::system();
+    const std::string prefix = ScObjects::BaseInterAppStream::kPortNamePrefix;
+    const Convey::Specifier specifier(app.c_str(), false);
+    Convey::Specifier pending(specifier);
+    (void)pending.setSuffix(ScObjects::ConveyUtils::kPendingSuffix); // else nobody has that port
+    const std::string pendingName(pending.view());
+    const bool isLeftSomething = isOwned(pendingName);
+    const auto own = ports.open(prefix + std::string(specifier.appName().view()) + "#" +
+                                std::to_string(getpid()));
     Text message;
     message.set(kTarget, Link::kControlPort);
     message.set(kSender, app);
     message.set(kType, app);
-    if (platform::MessagePorts::system().send(
-            std::string(ScObjects::BaseInterAppStream::kPortNamePrefix) + Link::kControlPort,
-            message.write(), kStubMilliseconds) != platform::SendResult::delivered) {
+    message.set(kParametersLine, isLeftSomething ? "1" : "0");
+    if (ports.send(prefix + Link::kControlPort, message.write(), kStubMilliseconds) !=
+        platform::SendResult::delivered) {
         say(app + " cannot be launched: no link runs");
         return kNo;
+    }
+    bool isTaken = own == nullptr || !isLeftSomething;
+    const int64_t end = now() + bounds::kLaunchMilliseconds;
+    while (now() < end && (!isTaken || !isOwned(app))) {
+        platform::PortText taken;
+        if (isTaken) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(kStubLookMilliseconds));
+        } else {
+            isTaken = own->wait(kStubLookMilliseconds, false) ? own->take(taken)
+                                                              : !isOwned(pendingName);
+        }
     }
     return kDone;
 }

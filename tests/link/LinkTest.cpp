@@ -88,6 +88,18 @@ protected:
         return eventually([&] { return answer() == wanted; });
     }
 
+    // Of what the workshop has launched, which is no child of this test's.
+    void endLaunched() const {
+        const auto ports = nlohmann::json::parse(
+            run(workshop, {CONVEY_PROGRAM, "ports", "--json"}).out, nullptr, false);
+        for (const auto& one : ports["ports"]) {
+            const int process = one.value("process", 0); // 0: it has ended
+            if (one.value("name", "") == "lumen-2.5-en_us" && process > 0) {
+                kill(process, SIGKILL);
+            }
+        }
+    }
+
     std::vector<std::string> ask(const std::string& body) const {
         return {CONVEY_PROGRAM, "send", "lumen-2.5-en_us", "--body", body, "--wait", "25"};
     }
@@ -206,7 +218,9 @@ TEST_F(LinkTest, launchesWhatIsOfferedForThatAndNothingElse) {
     };
     ASSERT_TRUE(eventually(isKnown));
     EXPECT_EQ(run(desk, ask("nobody")).exitStatus, 1);
-    (void)run(desk, {CONVEY_PROGRAM, "launch", "--wait", "1", "lumen-2.5-en_us", "-open", "a.png"});
+    const ProcessResult launch =
+        run(desk, {CONVEY_PROGRAM, "launch", "lumen-2.5-en_us", "-open", "a.png"});
+    EXPECT_EQ(launch.exitStatus, 0) << launch.out << launch.err;
     EXPECT_TRUE(eventually([&] {
         return TemporaryFolder::read(folder.file("launched"))
                    .find(
@@ -215,13 +229,24 @@ TEST_F(LinkTest, launchesWhatIsOfferedForThatAndNothingElse) {
     })) << TemporaryFolder::read(folder.file("launched"));
     ASSERT_TRUE(comesToAnswer("ECHO_RESPONSE"));
     EXPECT_EQ(run(desk, {CONVEY_PROGRAM, "ping", "kivra-7.0"}).exitStatus, 1);
-    const auto launched = nlohmann::json::parse(
-        run(workshop, {CONVEY_PROGRAM, "ports", "--json"}).out, nullptr, false);
-    for (const auto& one : launched["ports"]) {
-        if (one.value("name", "") == "lumen-2.5-en_us") {
-            kill(one.value("process", 0), SIGKILL); // it is no child of this test's
-        }
-    }
+    const auto says = [&](const std::string& state) {
+        return eventually([&] {
+            return run(desk, {LINK, "status"}).out.find("lumen-2.5-en_us at workshop " + state) !=
+                   std::string::npos;
+        });
+    };
+    ASSERT_TRUE(says("runs"));
+    endLaunched();
+    // Its launcher asked for no more than to be told that the parameters came: nobody holds its
+    // port for an answer.
+    ASSERT_TRUE(says("does not run"));
+    std::vector<std::string> send = ask("launched by it");
+    send.emplace_back("--launch");
+    const ProcessResult sent = run(desk, send);
+    EXPECT_EQ(sent.exitStatus, 0) << sent.out << sent.err;
+    EXPECT_NE(sent.out.find("result: echo: launched by it\nprocessed\n"), std::string::npos)
+        << sent.out;
+    endLaunched();
 }
 
 TEST_F(LinkTest, refusesANameThatIsUsedTwice) {
