@@ -220,6 +220,31 @@ void Link::replyArrived(Peer& peer, Channel::Arrival& arrival) {
     deliveries_.post(asker, message.write(), deadline, false, number);
 }
 
+// Makes room for a sender from elsewhere. Programs that send one message and end are many; who waits
+// for an answer keeps its port, and false means that all do.
+bool Link::forgetQuietest() {
+    std::set<std::string_view> awaited; // by senders whose requests are under way, or were handed over
+    for (const auto& [asked, owed] : owed_) {
+        awaited.insert(asked.first);
+    }
+    for (const auto& [number, ticket] : tickets_) {
+        awaited.insert(ticket.asked.asker);
+    }
+    auto quietest = aliases_.end();
+    for (auto one = aliases_.begin(); one != aliases_.end(); ++one) {
+        if (awaited.count(one->first) == 0 && one->second->port.waitingMessages == 0 &&
+            (quietest == aliases_.end() || one->second->usedAt < quietest->second->usedAt)) {
+            quietest = one;
+        }
+    }
+    if (quietest == aliases_.end()) {
+        return false;
+    }
+    aliasNames_.erase({quietest->second->link, quietest->second->remote});
+    aliases_.erase(quietest);
+    return true;
+}
+
 // The name under which a sender from elsewhere appears here: its own, or the next instance. One that
 // is registered here belongs to that application also while it does not run.
 Link::Alias* Link::aliasFor(Peer& peer, const std::string& source) {
@@ -227,7 +252,7 @@ Link::Alias* Link::aliasFor(Peer& peer, const std::string& source) {
     if (known != aliasNames_.end()) {
         return aliases_.at(known->second).get();
     }
-    if (aliases_.size() >= bounds::kAliases) {
+    if (aliases_.size() >= bounds::kAliases && !forgetQuietest()) {
         around_.log("refused: too many senders from elsewhere");
         return nullptr;
     }
