@@ -12,6 +12,10 @@ namespace {
 
 // How long a name is asked for before it counts as free.
 constexpr int64_t kClaimMilliseconds = 300;
+// Between the claims of one that has its name: two that meet later are found by it.
+constexpr int64_t kClaimAgainMilliseconds = 30'000;
+// What is due so soon is done with what is due now, so that an idle link wakes once for all.
+constexpr int64_t kTogetherMilliseconds = 1000;
 // Between looks at which of the offered applications run, while much happens.
 constexpr int64_t kLookMilliseconds = 100;
 // Of one link's frames that go out in one step: then the others have their turn.
@@ -453,7 +457,7 @@ int64_t Link::regularly() {
     if (connected_ && claimAt_ <= now) {
         // One may be lost: so it is said again, and two that meet later are found as well.
         (void)publish(peer(configuration_.name), frame(FrameKind::claim, nullptr));
-        claimAt_ = now + (joined_ ? bounds::kHelloMilliseconds : kClaimMilliseconds / 3);
+        claimAt_ = now + (joined_ ? kClaimAgainMilliseconds : kClaimMilliseconds / 3);
     }
     int64_t due = std::min(regularAt_, connected_ ? claimAt_ : INT64_MAX);
     if (lookForNames_ && lookedAt_ + kLookMilliseconds <= now) {
@@ -462,9 +466,10 @@ int64_t Link::regularly() {
     } else if (lookForNames_) {
         due = std::min(due, lookedAt_ + kLookMilliseconds);
     }
+    const int64_t together = regularAt_ <= now ? now + kTogetherMilliseconds : now;
     for (const auto& [name, peer] : peers_) {
         if (joined_ && peer->isUsed) {
-            if (peer->greetAt <= now) {
+            if (peer->greetAt <= (peer->here ? together : now)) {
                 greet(*peer);
             }
             due = std::min(due, peer->greetAt);
@@ -481,7 +486,8 @@ int64_t Link::regularly() {
     }
     const bool anyWaits = !outgoing_.empty() || !owed_.empty() || !askedPings_.empty() ||
                           !conversations_.empty();
-    regularAt_ = now + (anyWaits ? 1000 : bounds::kHelloMilliseconds);
+    // Just before the next greetings, which go with it.
+    regularAt_ = now + (anyWaits ? 1000 : bounds::kHelloMilliseconds - kTogetherMilliseconds / 2);
     for (const auto& [name, peer] : peers_) {
         if (peer->here && peer->heardAt + bounds::kSilentMilliseconds <= now) {
             leave(*peer, "silent for 12 s");
