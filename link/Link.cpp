@@ -182,6 +182,9 @@ void Link::connected(const std::string& server) {
     for (const auto& [name, peer] : peers_) {
         peer->channel.sendAgain();
         peer->greetAt = now;
+        if (joined_ && !peer->wanted.empty()) {
+            sendPresence(*peer, true); // they have missed this one
+        }
     }
 }
 
@@ -390,8 +393,8 @@ void Link::sendPresence(Peer& peer, bool always) {
     }
     const std::string bytes = encode(presence);
     if (always || bytes != peer.presence) {
-        (void)publish(peer, presence); // lost: the next hello is answered again
-        peer.presence = bytes;
+        // Lost: the next hello is answered again.
+        peer.presence = publish(peer, presence) ? bytes : std::string();
     }
 }
 
