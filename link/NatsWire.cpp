@@ -36,6 +36,56 @@ struct Free {
 template <class Handle>
 using Owned = std::unique_ptr<Handle, Free>;
 
+std::string lastError(natsStatus status) {
+    natsStatus last = NATS_OK;
+    const char* const text = nats_GetLastError(&last);
+    const std::string name = natsStatus_GetText(status);
+    return text == nullptr || *text == '\0' || last != status ? name : name + ": " + text;
+}
+
+template <class Set>
+void secure(const Configuration& configuration, natsOptions* options, Set& set) {
+    set(natsOptions_SetSecure(options, true));
+    if (!configuration.ca.empty()) {
+        set(natsOptions_LoadCATrustedCertificates(options, configuration.ca.c_str()));
+    }
+    if (!configuration.certificate.empty()) {
+        set(natsOptions_LoadCertificatesChain(options, configuration.certificate.c_str(),
+                                              configuration.key.c_str()));
+    }
+    if (!configuration.host.empty()) {
+        set(natsOptions_SetExpectedHostname(options, configuration.host.c_str()));
+    }
+}
+
+// Whom to reach, and as whom.
+natsStatus makeOptions(const Configuration& configuration, Owned<natsOptions>& options) {
+    natsOptions* made = nullptr;
+    natsStatus status = natsOptions_Create(&made);
+    options.reset(made);
+    const auto set = [&](natsStatus result) { status = status == NATS_OK ? result : status; };
+    std::vector<const char*> servers;
+    for (const std::string& server : configuration.servers) {
+        servers.push_back(server.c_str());
+    }
+    set(natsOptions_SetServers(made, servers.data(), static_cast<int>(servers.size())));
+    set(natsOptions_SetName(made, ("convey-link " + configuration.name).c_str()));
+    set(natsOptions_SetCustomInboxPrefix(made, ("_INBOX_" + configuration.name).c_str()));
+    set(natsOptions_SetTimeout(made, kConnectMilliseconds));
+    if (!configuration.user.empty()) {
+        set(natsOptions_SetUserInfo(made, configuration.user.c_str(),
+                                    configuration.password.c_str()));
+    }
+    if (!configuration.credentials.empty()) {
+        set(natsOptions_SetUserCredentialsFromFiles(made, configuration.credentials.c_str(),
+                                                    nullptr));
+    }
+    if (configuration.tls) {
+        secure(configuration, made, set);
+    }
+    return status;
+}
+
 class NatsWire : public Wire {
 public:
     NatsWire(const Configuration& configuration, std::function<void()> wake)
@@ -58,20 +108,12 @@ public:
     }
 
     bool connect(const Configuration& configuration, std::string& error) {
-        natsOptions* made = nullptr;
-        natsStatus status = natsOptions_Create(&made);
-        const Owned<natsOptions> options(made);
+        Owned<natsOptions> options;
+        natsStatus status = makeOptions(configuration, options);
+        natsOptions* const made = options.get();
         const auto set = [&](natsStatus result) { status = status == NATS_OK ? result : status; };
-        std::vector<const char*> servers;
-        for (const std::string& server : configuration.servers) {
-            servers.push_back(server.c_str());
-        }
-        set(natsOptions_SetServers(made, servers.data(), static_cast<int>(servers.size())));
-        set(natsOptions_SetName(made, ("convey-link " + own_).c_str()));
-        set(natsOptions_SetCustomInboxPrefix(made, ("_INBOX_" + own_).c_str()));
         set(natsOptions_SetNoEcho(made, false));
         set(natsOptions_SetSendAsap(made, true));
-        set(natsOptions_SetTimeout(made, kConnectMilliseconds));
         set(natsOptions_SetWriteDeadline(made, kWriteMilliseconds));
         set(natsOptions_SetPingInterval(made, kPingMilliseconds));
         set(natsOptions_SetMaxPingsOut(made, kPingsOut));
@@ -84,17 +126,6 @@ public:
         set(natsOptions_SetReconnectedCB(made, onConnected, this));
         set(natsOptions_SetClosedCB(made, onClosed, this));
         set(natsOptions_SetErrorHandler(made, onError, this));
-        if (!configuration.user.empty()) {
-            set(natsOptions_SetUserInfo(made, configuration.user.c_str(),
-                                        configuration.password.c_str()));
-        }
-        if (!configuration.credentials.empty()) {
-            set(natsOptions_SetUserCredentialsFromFiles(made, configuration.credentials.c_str(),
-                                                        nullptr));
-        }
-        if (configuration.tls) {
-            secure(configuration, made, set);
-        }
         if (status != NATS_OK) {
             error = lastError(status);
             return false;
@@ -143,21 +174,6 @@ public:
     }
 
 private:
-    template <class Set>
-    static void secure(const Configuration& configuration, natsOptions* options, Set& set) {
-        set(natsOptions_SetSecure(options, true));
-        if (!configuration.ca.empty()) {
-            set(natsOptions_LoadCATrustedCertificates(options, configuration.ca.c_str()));
-        }
-        if (!configuration.certificate.empty()) {
-            set(natsOptions_LoadCertificatesChain(options, configuration.certificate.c_str(),
-                                                  configuration.key.c_str()));
-        }
-        if (!configuration.host.empty()) {
-            set(natsOptions_SetExpectedHostname(options, configuration.host.c_str()));
-        }
-    }
-
     bool subscribe(const std::string& subject, size_t place, natsMsgHandler handler) {
         natsSubscription* subscription = nullptr;
         const natsStatus status = natsConnection_Subscribe(&subscription, connection_.get(),
@@ -166,13 +182,6 @@ private:
         return status == NATS_OK &&
                natsSubscription_SetPendingLimits(subscription, -1,
                                                  static_cast<int>(kQueuedBytes)) == NATS_OK;
-    }
-
-    static std::string lastError(natsStatus status) {
-        natsStatus last = NATS_OK;
-        const char* const text = nats_GetLastError(&last);
-        const std::string name = natsStatus_GetText(status);
-        return text == nullptr || *text == '\0' || last != status ? name : name + ": " + text;
     }
 
     void push(Event event) {
