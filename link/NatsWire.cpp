@@ -1,8 +1,11 @@
 // The wire over the NATS client.
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <mutex>
 #include <nats/nats.h>
+#include <thread>
 #include <utility>
 
 #include "link/Bounds.h"
@@ -22,8 +25,14 @@ constexpr int kPingsOut = 2;
 constexpr int64_t kConnectMilliseconds = 2000;
 constexpr int64_t kReconnectMilliseconds = 500;
 constexpr int64_t kJitterMilliseconds = 200;
+// A server that ends the talk before it answers does not take the certificate, or has no time: the
+// former when it does so again and again.
+constexpr int kEndedTalks = 5;
 // A server that is stopped holds the link up for so long at most.
 constexpr int64_t kWriteMilliseconds = 2000;
+// At the end, for what was published last, and each for the client's threads and the one here.
+constexpr int64_t kFlushMilliseconds = 300;
+constexpr int64_t kCloseMilliseconds = 300;
 
 struct Free {
     void operator()(natsOptions* options) const { natsOptions_Destroy(options); }
@@ -86,31 +95,51 @@ natsStatus makeOptions(const Configuration& configuration, Owned<natsOptions>& o
     return status;
 }
 
-class NatsWire : public Wire {
+// All that the client's threads use; its owner leaves it to them when they do not end in time.
+class NatsConnection {
 public:
-    NatsWire(const Configuration& configuration, std::function<void()> wake)
+    using Event = Wire::Event;
+    using EventKind = Wire::EventKind;
+
+    NatsConnection(const Configuration& configuration, std::function<void()> wake)
         : wake_(std::move(wake)),
           prefix_("convey." + configuration.realm + "."),
           own_(configuration.name) {}
 
-    ~NatsWire() override {
-        closing_ = true;
-        subscriptions_[0].reset();
-        subscriptions_[1].reset();
+    // Ends it; whether no thread uses it any more. One that looks for a server, or writes to one
+    // that has stopped, takes seconds, which whoever ends the link need not wait.
+    bool close() {
+        {
+            std::unique_lock<std::mutex> lock(mutex_);
+            closing_ = true;
+            changed_.notify_all();
+            const auto time = std::chrono::milliseconds(kCloseMilliseconds);
+            if (joining_.joinable() &&
+                !changed_.wait_for(lock, time, [this] { return joiningEnded_; })) {
+                joining_.detach();
+                return false;
+            }
+        }
+        if (joining_.joinable()) {
+            joining_.join();
+        }
+        for (auto& subscription : subscriptions_) {
+            subscription.reset();
+        }
         if (connection_ != nullptr) {
             // What was published last, such as that this link ends.
-            (void)natsConnection_FlushTimeout(connection_.get(), kConnectMilliseconds);
+            if (natsConnection_Status(connection_.get()) == NATS_CONN_STATUS_CONNECTED) {
+                (void)natsConnection_FlushTimeout(connection_.get(), kFlushMilliseconds);
+            }
             natsConnection_Close(connection_.get());
         }
         connection_.reset();
-        // Callbacks that are under way end before what they use goes.
-        nats_CloseAndWait(kWriteMilliseconds);
+        return nats_CloseAndWait(kCloseMilliseconds) == NATS_OK;
     }
 
     bool connect(const Configuration& configuration, std::string& error) {
-        Owned<natsOptions> options;
-        natsStatus status = makeOptions(configuration, options);
-        natsOptions* const made = options.get();
+        natsStatus status = makeOptions(configuration, options_);
+        natsOptions* const made = options_.get();
         const auto set = [&](natsStatus result) { status = status == NATS_OK ? result : status; };
         set(natsOptions_SetNoEcho(made, false));
         set(natsOptions_SetSendAsap(made, true));
@@ -121,7 +150,6 @@ public:
         set(natsOptions_SetReconnectWait(made, kReconnectMilliseconds));
         set(natsOptions_SetReconnectJitter(made, kJitterMilliseconds, kJitterMilliseconds));
         set(natsOptions_SetReconnectBufSize(made, kReconnectBytes));
-        set(natsOptions_SetRetryOnFailedConnect(made, true, onConnected, this));
         set(natsOptions_SetDisconnectedCB(made, onDisconnected, this));
         set(natsOptions_SetReconnectedCB(made, onConnected, this));
         set(natsOptions_SetClosedCB(made, onClosed, this));
@@ -130,29 +158,18 @@ public:
             error = lastError(status);
             return false;
         }
-        natsConnection* connected = nullptr;
-        status = natsConnection_Connect(&connected, made);
-        connection_.reset(connected);
-        if (status != NATS_OK && status != NATS_NOT_YET_CONNECTED) {
-            error = lastError(status);
-            return false;
-        }
-        const std::string all = prefix_ + own_ + ".*";
-        const std::string absent = prefix_ + own_ + ".absent.*";
-        if (!subscribe(all, 0, onFrame) || !subscribe(absent, 1, onAbsent)) {
-            error = "cannot subscribe to " + all;
-            return false;
-        }
-        if (status == NATS_OK) {
-            onConnected(connected, this);
-        } else {
-            push({EventKind::disconnected, {}, lastError(status)});
-        }
+        joining_ = std::thread([this] {
+            keepJoined();
+            const std::lock_guard<std::mutex> guard(mutex_);
+            joiningEnded_ = true;
+            changed_.notify_all();
+        });
         return true;
     }
 
-    bool publish(const std::string& link, std::string_view frame) override {
-        if (natsConnection_Status(connection_.get()) != NATS_CONN_STATUS_CONNECTED) {
+    bool publish(const std::string& link, std::string_view frame) {
+        const std::lock_guard<std::mutex> guard(inUse_);
+        if (!isConnected()) {
             return false;
         }
         return natsConnection_PublishRequest(connection_.get(),
@@ -162,18 +179,84 @@ public:
                                              static_cast<int>(frame.size())) == NATS_OK;
     }
 
-    std::vector<Event> take() override {
+    std::vector<Event> take() {
         const std::lock_guard<std::mutex> guard(mutex_);
         queuedBytes_ = 0;
         return std::exchange(events_, {});
     }
 
-    size_t maximumFrame() const override {
-        const int64_t most = natsConnection_GetMaxPayload(connection_.get());
+    size_t maximumFrame() const {
+        const std::lock_guard<std::mutex> guard(inUse_);
+        const int64_t most =
+            connection_ == nullptr ? 0 : natsConnection_GetMaxPayload(connection_.get());
         return most > 0 ? static_cast<size_t>(most) : bounds::kPartBytes;
     }
 
 private:
+    bool isConnected() const { // while `inUse_` is held
+        return connection_ != nullptr &&
+               natsConnection_Status(connection_.get()) == NATS_CONN_STATUS_CONNECTED;
+    }
+
+    // Joins the servers, and again when the client has given up: it goes on trying where nobody
+    // listens, but not where somebody listens and has no time, as when all links come at once.
+    void keepJoined() {
+        int endedTalks = 0;
+        bool isTold = false;
+        while (!closing_) {
+            natsConnection* made = nullptr;
+            natsStatus status = natsConnection_Connect(&made, options_.get());
+            std::string why = lastError(status);
+            if (status == NATS_OK) {
+                const std::lock_guard<std::mutex> guard(inUse_);
+                connection_.reset(made);
+                if (subscribeAll()) {
+                    onConnected(made, this);
+                    isTold = false;
+                } else {
+                    why = "the connection ended";
+                    isClosed_ = true;
+                }
+            }
+            endedTalks = status == NATS_PROTOCOL_ERROR ? endedTalks + 1 : 0;
+            if (isFinal(status, why) || endedTalks == kEndedTalks) {
+                push({EventKind::refused, {}, why});
+                return;
+            }
+            if (connection_ == nullptr && !isTold) {
+                push({EventKind::disconnected, {}, why});
+                isTold = true;
+            }
+            std::unique_lock<std::mutex> lock(mutex_);
+            if (connection_ != nullptr) {
+                changed_.wait(lock, [this] { return isClosed_ || closing_; });
+            }
+            changed_.wait_for(lock, std::chrono::milliseconds(kReconnectMilliseconds +
+                                                          nats_Now() % kJitterMilliseconds),
+                              [this] { return closing_.load(); });
+            lock.unlock();
+            if (isClosed_.exchange(false) && !closing_ && connection_ != nullptr &&
+                natsConnection_IsClosed(connection_.get())) {
+                const std::lock_guard<std::mutex> guard(inUse_);
+                for (auto& subscription : subscriptions_) {
+                    subscription.reset();
+                }
+                connection_.reset();
+            }
+        }
+    }
+
+    // Whether trying again is of no use.
+    static bool isFinal(natsStatus status, const std::string& why) {
+        return status == NATS_CONNECTION_AUTH_FAILED || status == NATS_NOT_PERMITTED ||
+               (status == NATS_SSL_ERROR && why.find("cert") != std::string::npos);
+    }
+
+    bool subscribeAll() {
+        const std::string own = prefix_ + own_;
+        return subscribe(own + ".*", 0, onFrame) && subscribe(own + ".absent.*", 1, onAbsent);
+    }
+
     bool subscribe(const std::string& subject, size_t place, natsMsgHandler handler) {
         natsSubscription* subscription = nullptr;
         const natsStatus status = natsConnection_Subscribe(&subscription, connection_.get(),
@@ -209,7 +292,7 @@ private:
         const Owned<natsMsg> message(taken);
         std::string from = lastToken(taken);
         if (isName(from)) {
-            static_cast<NatsWire*>(self)->push(
+            static_cast<NatsConnection*>(self)->push(
                 {EventKind::frame, std::move(from),
                  std::string(natsMsg_GetData(taken),
                              static_cast<size_t>(natsMsg_GetDataLength(taken)))});
@@ -220,7 +303,7 @@ private:
         const Owned<natsMsg> message(taken);
         // Only the server says so: anybody may publish an empty message.
         if (natsMsg_IsNoResponders(taken)) {
-            static_cast<NatsWire*>(self)->push({EventKind::absent, lastToken(taken), {}});
+            static_cast<NatsConnection*>(self)->push({EventKind::absent, lastToken(taken), {}});
         }
     }
 
@@ -234,7 +317,7 @@ private:
         if (scheme != std::string::npos && at != std::string::npos) {
             text.erase(scheme + 3, at - scheme - 2);
         }
-        static_cast<NatsWire*>(self)->push({EventKind::connected, {}, text});
+        static_cast<NatsConnection*>(self)->push({EventKind::connected, {}, text});
     }
 
     static std::string reason(natsConnection* connection) {
@@ -246,11 +329,19 @@ private:
     }
 
     static void onDisconnected(natsConnection* connection, void* self) {
-        static_cast<NatsWire*>(self)->push({EventKind::disconnected, {}, reason(connection)});
+        static_cast<NatsConnection*>(self)->push({EventKind::disconnected, {}, reason(connection)});
     }
 
     static void onClosed(natsConnection* connection, void* self) {
-        static_cast<NatsWire*>(self)->push({EventKind::refused, {}, reason(connection)});
+        auto& wire = *static_cast<NatsConnection*>(self);
+        const char* text = nullptr;
+        if (isFinal(natsConnection_GetLastError(connection, &text), reason(connection))) {
+            wire.push({EventKind::refused, {}, reason(connection)});
+            return;
+        }
+        const std::lock_guard<std::mutex> guard(wire.mutex_);
+        wire.isClosed_ = true;
+        wire.changed_.notify_all();
     }
 
     static void onError(natsConnection* connection, natsSubscription*, natsStatus status,
@@ -264,30 +355,55 @@ private:
         // The link listens and speaks as itself only: who may not is somebody else to the servers.
         const bool isRefused =
             status == NATS_NOT_PERMITTED || what.find("ermissions Violation") != std::string::npos;
-        static_cast<NatsWire*>(self)->push(
+        static_cast<NatsConnection*>(self)->push(
             {isRefused ? EventKind::refused : EventKind::noted, {}, what});
     }
 
     const std::function<void()> wake_;
     const std::string prefix_;
     const std::string own_;
+    Owned<natsOptions> options_;
+    std::thread joining_;
+    mutable std::mutex inUse_; // guards the connection, which only `joining_` makes and ends; before `mutex_`
     Owned<natsConnection> connection_;
     Owned<natsSubscription> subscriptions_[2];
     std::atomic<bool> closing_{false};
-    std::mutex mutex_; // guards the events
+    std::atomic<bool> isClosed_{false}; // by the client, which has given up
+    std::condition_variable changed_;   // one of the two, or the next
+    std::mutex mutex_;                  // guards what follows
+    bool joiningEnded_ = false;
     std::vector<Event> events_;
     size_t queuedBytes_ = 0;
+};
+
+class NatsWire : public Wire {
+public:
+    explicit NatsWire(std::unique_ptr<NatsConnection> connection)
+        : connection_(std::move(connection)) {}
+    ~NatsWire() override {
+        if (!connection_->close()) {
+            (void)connection_.release(); // its threads have it
+        }
+    }
+    bool publish(const std::string& link, std::string_view frame) override {
+        return connection_->publish(link, frame);
+    }
+    std::vector<Event> take() override { return connection_->take(); }
+    size_t maximumFrame() const override { return connection_->maximumFrame(); }
+
+private:
+    std::unique_ptr<NatsConnection> connection_;
 };
 
 } // namespace
 
 std::unique_ptr<Wire> connectToNats(const Configuration& configuration, std::function<void()> wake,
                                     std::string& error) {
-    auto wire = std::make_unique<NatsWire>(configuration, std::move(wake));
-    if (!wire->connect(configuration, error)) {
+    auto connection = std::make_unique<NatsConnection>(configuration, std::move(wake));
+    if (!connection->connect(configuration, error)) {
         return nullptr;
     }
-    return wire;
+    return std::make_unique<NatsWire>(std::move(connection));
 }
 
 } // namespace convey_link

@@ -3,12 +3,13 @@
 from __future__ import annotations
 
 import re
+import signal
 import time
 from collections.abc import Iterator
 
 import pytest
 from conftest import LUMEN, OFFER, USE, Pair, knows
-from world import Machine, World, eventually
+from world import Machine, Process, World, eventually
 
 RESPONSE = "<product specifier='lumen' running_response='{}' />\n"
 
@@ -63,6 +64,28 @@ def test_what_is_said_of_it_is_true(pair: Pair) -> None:
     assert time.monotonic() - begun < 20  # within the ping's own time, whatever the machine is at
     pair.workshop.mend()
     eventually("the network is back", lambda: knows(pair.desk, "ECHO_RESPONSE"))
+
+
+def test_servers_that_have_no_time_are_tried_again(world: World) -> None:
+    """They listen, and do not answer: as when all links come to them at once."""
+    def stand_still(link: Process, times: int) -> None:
+        for server in world.servers.values():
+            server.signal(signal.SIGSTOP)
+        link.says("disconnected: ", times)
+        time.sleep(3)  # at least one attempt ends
+        for server in world.servers.values():
+            server.signal(signal.SIGCONT)
+
+    desk = world["desk"]
+    file = desk.configure(USE)
+    for server in world.servers.values():
+        server.signal(signal.SIGSTOP)
+    link = desk.start("convey-link", file, log="link.log")
+    stand_still(link, 1)
+    link.says("ready: ")
+    stand_still(link, 2)
+    link.says("reconnected to ")
+    assert link.end() == 0
 
 
 def test_one_of_this_machine_wins(pair: Pair) -> None:
