@@ -388,9 +388,20 @@ TEST_F(ConveyToolTest, examinesTheInstallation) {
         EXPECT_THAT(result.out, HasSubstr(advice));
     };
     says("lumen-2.5-en_us is idle and well.", "");
-    EXPECT_THAT(tool({"doctor", "docsafe"}).out,
-                AllOf(HasSubstr("docsafe-8.0 does not run\n       -> convey launch docsafe-8.0"),
-                      Not(HasSubstr("lumen"))));
+    add("sleeper-3.0-en_us"); // of its own: what runs beside this test elsewhere is seen, too
+    EXPECT_THAT(
+        tool({"doctor", "sleeper"}).out,
+        AllOf(
+            HasSubstr("sleeper-3.0-en_us does not run\n       -> convey launch sleeper-3.0-en_us"),
+            Not(HasSubstr("lumen"))));
+    // One that was started by an incomplete name, and has its port under that.
+    const auto typed = host("sleeper-3.0");
+    typed->signal(SIGSTOP);
+    EXPECT_THAT(tool({"doctor", "sleeper"}).out,
+                HasSubstr("sleeper-3.0-en_us is stopped: process " + std::to_string(typed->pid())));
+    typed->signal(SIGCONT);
+    typed->signal(SIGTERM);
+    EXPECT_EQ(typed->finish(), 0);
     const std::string ports = folder.file("convey");
     std::filesystem::permissions(ports, std::filesystem::perms::all);
     says("is open to other users", "convey, or remove it");
@@ -400,6 +411,68 @@ TEST_F(ConveyToolTest, examinesTheInstallation) {
     std::ofstream(folder.file("text")) << "a text";
     setenv("OVREL_CAPS_DB", folder.file("text").c_str(), 1);
     says("file is not a database", "restore it");
+}
+
+// Whether what runs on other machines can be reached: with what a link says of itself, and without
+// one.
+TEST_F(ConveyToolTest, examinesWhatIsUsedElsewhere) {
+    ASSERT_TRUE(std::filesystem::create_directory(folder.file(".config")) &&
+                std::filesystem::create_directory(folder.file(".config/convey")));
+    unsetenv("XDG_CONFIG_HOME");
+    EXPECT_THAT(tool({"doctor"}).out, Not(HasSubstr("link:")))
+        << "there is none, and no need of one";
+    std::ofstream(folder.file(".config/convey/link.toml")) << "realm = \"studio\"";
+    EXPECT_THAT(
+        tool({"doctor", "lumen"}).out,
+        testing::ContainsRegex("note +link: none runs, and there is .*link.toml\n +-> sys"));
+    // As a link registers it.
+    // Of its own: applications that run beside this test, with other folders, are seen, too.
+    const std::string viewer = "distant-1.0";
+    add(viewer);
+    ASSERT_EQ(runProcess({OVREL_CAPS_TOOL, "set", viewer, "Link", "attic"}).exitStatus, 0);
+    EXPECT_THAT(
+        tool({"doctor", "lumen"}).out,
+        HasSubstr("WRONG  link: none runs, and distant-1.0 is used at attic\n       -> sys"));
+    EXPECT_EQ(json({"list"}).back()["link"], "attic") << json({"list"});
+    EXPECT_THAT(tool({"list"}).out, testing::ContainsRegex("distant-1.0 .* no +at attic "));
+    const auto link = host("conveylink-2.0", {"--quiet"});
+    const struct {
+        const char* status;
+        int exit;
+        const char* said;
+    } cases[] = {
+        {"a text", 1, "WRONG  link: it runs, and does not say who is there: a text\n"},
+        {"[1]", 1, "WRONG  link: it runs, and does not say who is there: [1]\n"},
+        {R"({"realm":1,"name":[],"links":{},"uses":7})", 1, "WRONG  link: / is not connected"},
+        {R"({"realm":"r","name":"n","connected":false,"server":"tls://s:1"})", 1,
+         "WRONG  link: r/n is not connected to any of its servers\n       -> journalctl"},
+        {R"({"realm":"r","name":"n","connected":true,"server":"tls://s:1","links":[7]})", 0,
+         "ok     link: r/n is connected to tls://s:1;  is\n"},
+        {R"({"realm":"r","name":"n","connected":true,"server":"tls://s:1","links":[{"name":"attic",)"
+         R"("state":"here"},{"name":"b","state":"away"}],)"
+         R"("uses":[{"app":"distant-1.0","at":"attic","state":"runs"}]})",
+         0, "ok     link: r/n is connected to tls://s:1; attic is here, b is away\n"},
+        {R"({"realm":"r","name":"n","connected":true,)"
+         R"("uses":[{"app":"distant-1.0","at":"attic","state":"away"}]})",
+         1,
+         "WRONG  link: distant-1.0 cannot be reached: attic is away\n       -> start convey-link "
+         "at "
+         "attic"},
+        {R"({"realm":"r","name":"n","connected":true,)"
+         R"("uses":[{"app":"distant-1.0","at":"attic","state":"not offered"}]})",
+         1, "WRONG  link: distant-1.0 is not offered by attic to r/n\n       -> an [[offer]]"},
+        {R"({"realm":"r","name":"n","connected":true,)"
+         R"("uses":[{"app":"distant-1.0","at":"attic","state":"registered here"}]})",
+         0, "note   link: distant-1.0 is used here, not at attic\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.status);
+        EXPECT_EQ(tool({"key", "conveylink-2.0", "LINK", c.status}).exitStatus, 0);
+        const ProcessResult result = tool({"doctor", "distant", "lumen"});
+        EXPECT_EQ(result.exitStatus, c.exit) << result.out;
+        EXPECT_THAT(result.out, HasSubstr(c.said));
+    }
+    EXPECT_THAT(tool({"doctor", "lumen"}).out, Not(HasSubstr("distant"))) << "it was not asked for";
 }
 
 // The commands of the page are understood, whatever they answer.

@@ -21,7 +21,8 @@ def check(pair: Pair) -> str:
 def test_is_used_as_one_of_this_machine_until_the_link_ends(pair: Pair) -> None:
     desk, workshop = pair.desk, pair.workshop
     pair.join()
-    assert LUMEN in desk.run("convey", "list")
+    assert re.search(f"{LUMEN} .* no +at workshop ", desk.run("convey", "list"))
+    assert "workshop is here" in desk.run("convey", "doctor")
     assert re.search(f"<product specifier='{LUMEN}' path='[^']*workshop[^']*'", desk.run("KivraConveyCmd"))
     assert check(pair) == RESPONSE.format("ISNOTRUNNING")
     assert "at workshop" in desk.run("convey-link", "status")
@@ -56,8 +57,12 @@ def test_what_is_said_of_it_is_true(pair: Pair) -> None:
     eventually("it runs again", lambda: knows(pair.desk, "ECHO_RESPONSE"))
     pair.workshop_link.kill()
     eventually("nobody is there", lambda: knows(pair.desk, "ISNOTRUNNING"))
+    eventually("the doctor knows why", lambda: f"{LUMEN} cannot be reached: workshop is away" in
+               pair.desk.run("convey", "doctor", "lumen", status=None))
     pair.workshop_link = pair.workshop.join(OFFER)
     eventually("it is back", lambda: knows(pair.desk, "ECHO_RESPONSE"))
+    eventually("all is well", lambda: "is idle and well. (at workshop)" in
+               pair.desk.run("convey", "doctor", "lumen", status=None))
     pair.workshop.cut()
     begun = time.monotonic()
     assert knows(pair.desk, "Timeout", "--timeout", "2")

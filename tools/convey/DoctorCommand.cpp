@@ -1,5 +1,6 @@
 // Whether all is well: every application that runs, and the installation.
 #include <algorithm>
+#include <cstdlib>
 #include <map>
 #include <ostream>
 #include <set>
@@ -15,6 +16,7 @@
 #include "scriptobjects/connector/SoCVConnector.h"
 #include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
+#include "scriptobjects/convey/SoCVThread.h"
 #include "scriptobjects/convey/SoCVUtilsCore.h"
 #include "tools/convey/Commands.h"
 #include "tools/convey/Look.h"
@@ -29,6 +31,11 @@ namespace {
 
 constexpr size_t kShownFindings = 5; // `ovrel-caps check` has all
 
+// What joins this machine to others, and the ping key that it describes itself under, in JSON.
+constexpr const char* kLink = "conveylink-2.0";
+constexpr const char* kLinkKey = "LINK";
+constexpr const char* kStartLink = "systemctl --user restart convey-link";
+
 enum class Health { good, note, wrong };
 
 // One line: what was looked at, how it is, and what to do when it is not well.
@@ -39,6 +46,22 @@ struct Check {
     std::string advice;
 };
 
+// Of an object that another process wrote; empty when there is none.
+std::string textIn(const Json& object, const char* key) {
+    const auto found = object.find(key);
+    return found != object.end() && found->is_string() ? found->get<std::string>() : "";
+}
+
+template <class Each>
+void eachIn(const Json& object, const char* key, Each&& each) {
+    const auto found = object.find(key);
+    if (found != object.end() && found->is_array()) {
+        for (const Json& one : *found) {
+            each(one);
+        }
+    }
+}
+
 class Doctor {
 public:
     // `wanted`: those that are looked at, all when there are none.
@@ -46,11 +69,13 @@ public:
         : own_(std::move(own)), wanted_(std::move(wanted)), timeoutSeconds_(timeoutSeconds) {}
 
     std::vector<Check> examine() {
+        elsewhere_ = usedElsewhere();
         portFolder();
         otherFolders();
         stalePorts();
         database();
         framework();
+        link();
         running();
         for (const std::string& name : wanted_) {
             if (seen_.count(name) == 0) {
@@ -106,7 +131,7 @@ private:
             const std::string name(ScObjects::ConveyUtils::getStreamName(port.name.c_str()).view());
             const std::string target = name.substr(0, name.find('#'));
             if (port.stale && name.ends_with("#thread") && !name.starts_with("convey") &&
-                isWanted(target)) {
+                isWanted(target) && elsewhere_.count(target) == 0) {
                 application(target, 0, {});
             }
         }
@@ -176,6 +201,80 @@ private:
         }
     }
 
+    void link() {
+        const auto owners = portOwners();
+        if (owners.count(std::string(kLink) + "#thread") == 0) {
+            linkIsMissing();
+            return;
+        }
+        const std::string answer =
+            toStd(Convey::Thread::ping(kLink, kLinkKey, timeoutSeconds_, nullptr));
+        const Json status = Json::parse(answer, nullptr, false);
+        if (!status.is_object()) {
+            add(Health::wrong, "link", "it runs, and does not say who is there: " + answer,
+                "convey diagnose " + std::string(kLink));
+            return;
+        }
+        const std::string own = textIn(status, "realm") + "/" + textIn(status, "name");
+        const auto connected = status.find("connected");
+        if (connected == status.end() || *connected != true) {
+            for (const auto& [app, at] : elsewhere_) {
+                seen_.insert(app);
+            }
+            add(Health::wrong, "link", own + " is not connected to any of its servers",
+                "journalctl --user -u convey-link says why; see whether they and the network are "
+                "up");
+            return;
+        }
+        std::string who;
+        eachIn(status, "links", [&who](const Json& other) {
+            who += (who.empty() ? "; " : ", ") + textIn(other, "name") + " is " +
+                   textIn(other, "state");
+        });
+        add(Health::good, "link", own + " is connected to " + textIn(status, "server") + who);
+        eachIn(status, "uses", [this, &own](const Json& use) {
+            const std::string app = textIn(use, "app");
+            const std::string at = textIn(use, "at");
+            const std::string state = textIn(use, "state");
+            if (!isWanted(app)) {
+                return;
+            }
+            if (state == "away") {
+                seen_.insert(app); // there is no more to be said of it
+                add(Health::wrong, "link", app + " cannot be reached: " + at + " is away",
+                    "start convey-link at " + at + ", or see whether its network is up");
+            } else if (state == "not offered") {
+                seen_.insert(app);
+                add(Health::wrong, "link", app + " is not offered by " + at + " to " + own,
+                    "an [[offer]] in the file of " + at + ", or no [[use]] in the one here");
+            } else if (state == "registered here") {
+                add(Health::note, "link", app + " is used here, not at " + at,
+                    "one of this machine wins; remove it, or its [[use]]");
+            }
+        });
+    }
+
+    // There may be no need for one.
+    void linkIsMissing() {
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing here changes the environment
+        const char* const set = std::getenv("XDG_CONFIG_HOME");
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): the same
+        const char* const home = std::getenv("HOME");
+        const std::string file = (set != nullptr && *set == '/'
+                                      ? set
+                                      : std::string(home == nullptr ? "" : home) + "/.config") +
+                                 "/convey/link.toml";
+        if (!elsewhere_.empty()) {
+            for (const auto& [app, at] : elsewhere_) {
+                seen_.insert(app); // whatever the link has left of it
+            }
+            const auto& [app, at] = *elsewhere_.begin();
+            add(Health::wrong, "link", "none runs, and " + app + " is used at " + at, kStartLink);
+        } else if (access(file.c_str(), F_OK) == 0) {
+            add(Health::note, "link", "none runs, and there is " + file, kStartLink);
+        }
+    }
+
     bool isWanted(const std::string& name) const {
         return wanted_.empty() || wanted_.count(name) != 0;
     }
@@ -185,7 +284,8 @@ private:
         std::vector<std::string> names;
         for (const auto& [port, process] : portOwners()) {
             const std::string name = port.substr(0, port.find('#'));
-            if (port.ends_with("#thread") && name != own_ && isWanted(name)) {
+            if (port.ends_with("#thread") && name != own_ && isWanted(name) &&
+                seen_.count(name) == 0) {
                 processes[name] = process;
                 names.push_back(name);
             }
@@ -210,7 +310,10 @@ private:
         }
         add(verdict.isHealthy ? Health::good : Health::wrong, "application", verdict.sentence,
             verdict.isHealthy ? "" : "convey diagnose " + name);
-        if (process != 0 && verdict.sentence.find(" process ") == std::string::npos) {
+        const auto used = elsewhere_.find(name);
+        if (used != elsewhere_.end()) {
+            checks_.back().text += " (at " + used->second + ")";
+        } else if (process != 0 && verdict.sentence.find(" process ") == std::string::npos) {
             checks_.back().text += " (process " + std::to_string(process) + ")";
         }
         const Node tree = readTree(rows);
@@ -243,6 +346,7 @@ private:
     const std::set<std::string> wanted_;
     const int32_t timeoutSeconds_;
     std::set<std::string> seen_;
+    std::map<std::string, std::string> elsewhere_; // with the name of the link where it runs
     std::vector<Check> checks_;
 };
 

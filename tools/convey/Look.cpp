@@ -123,9 +123,8 @@ Elsewhere portsElsewhere() {
 Subject look(const std::string& target, int32_t timeoutSeconds, bool whole) {
     Subject subject;
     const auto owners = portOwners();
-    const auto owner = owners.find(target);
-    if (owner != owners.end()) {
-        subject.process = owner->second;
+    subject.process = ownerOf(owners, target);
+    if (subject.process != 0) {
         subject.state = lookAt(subject.process).state;
         std::ifstream place("/proc/" + std::to_string(subject.process) + "/wchan");
         std::getline(place, subject.place);
@@ -144,6 +143,9 @@ Subject look(const std::string& target, int32_t timeoutSeconds, bool whole) {
     }
     const std::string answer = std::exchange(subject.rows, "");
     if (subject.process != 0 && answer == ConveyData::CV_TYPE_TIMEOUT) {
+        const auto used = usedElsewhere();
+        const auto link = used.find(target);
+        subject.link = link == used.end() ? "" : link->second;
         return subject;
     }
     if (subject.process == 0) {

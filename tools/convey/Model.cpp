@@ -7,6 +7,8 @@
 #include <string_view>
 #include <unistd.h>
 
+#include "caps/RegistryLayout.h"
+#include "caps/Store.h"
 #include "platform/MessagePort.h"
 #include "scriptobjects/convey/SoCVUtilsCore.h"
 #include "tools/convey/Tree.h"
@@ -15,6 +17,8 @@ namespace convey_tool {
 namespace {
 
 using ScObjects::SoString;
+
+constexpr const char* kRegisteredAt = "Link"; // of what a link registers: where that runs
 
 } // namespace
 
@@ -90,6 +94,24 @@ ProcessFacts lookAt(uint32_t process) {
     return facts;
 }
 
+std::map<std::string, std::string> usedElsewhere() {
+    std::map<std::string, std::string> result;
+    std::unique_ptr<caps::Store> store;
+    std::vector<caps::Subdomain> subdomains;
+    const std::string path = caps::findDatabase();
+    if (!path.empty() &&
+        caps::Store::open(path, caps::Store::Access::read, store) == caps::Status::ok &&
+        store->readDomain(caps::kRegistryDomain, subdomains) == caps::Status::ok) {
+        for (const caps::Subdomain& subdomain : subdomains) {
+            const std::string* const at = caps::find(subdomain.data, kRegisteredAt);
+            if (at != nullptr && caps::isApplicationSubdomain(subdomain)) {
+                result[caps::effectiveSpecifier(subdomain)] = *at;
+            }
+        }
+    }
+    return result;
+}
+
 std::map<std::string, uint32_t> portOwners() {
     std::map<std::string, uint32_t> owners;
     for (const platform::PortDescription& port : platform::MessagePorts::system().list()) {
@@ -99,6 +121,12 @@ std::map<std::string, uint32_t> portOwners() {
         }
     }
     return owners;
+}
+
+uint32_t ownerOf(const std::map<std::string, uint32_t>& owners, const std::string& application) {
+    const auto thread = owners.find(application + "#thread");
+    const auto owner = thread != owners.end() ? thread : owners.find(application);
+    return owner != owners.end() ? owner->second : 0;
 }
 
 } // namespace convey_tool

@@ -43,7 +43,14 @@ struct ProcessFacts {
 };
 ProcessFacts lookAt(uint32_t process);
 
+// The applications that a link has registered here, each with the name of the link where it runs.
+std::map<std::string, std::string> usedElsewhere();
+
 // The processes that own this user's ports, by the ports' names.
 std::map<std::string, uint32_t> portOwners();
+
+// Of those, the one that answers pings for the application (its instances may go by other names, an
+// incomplete one too), else the one that has its name; 0 for none.
+uint32_t ownerOf(const std::map<std::string, uint32_t>& owners, const std::string& application);
 
 } // namespace convey_tool

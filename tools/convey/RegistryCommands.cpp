@@ -33,6 +33,7 @@ struct Application {
     bool runs = false;
     uint32_t process = 0; // 0: not known
     std::string program;
+    std::string link; // where it runs, when that is another machine
 };
 
 std::string languagesAt(const std::string& path) {
@@ -51,8 +52,12 @@ std::string languagesAt(const std::string& path) {
 
 std::vector<Application> applications(const ListOptions& options) {
     std::vector<Application> result;
-    const std::map<std::string, uint32_t> owners =
-        options.names ? std::map<std::string, uint32_t>() : portOwners();
+    std::map<std::string, uint32_t> owners;
+    std::map<std::string, std::string> elsewhere;
+    if (!options.names) {
+        owners = portOwners();
+        elsewhere = usedElsewhere();
+    }
     const int32_t count = Convey::getNumberOfRegisteredApplications();
     for (int32_t i = 0; i < count; ++i) {
         const Convey::Specifier specifier(Convey::getApplicationSpecifier(i).c_str(), false);
@@ -72,10 +77,13 @@ std::vector<Application> applications(const ListOptions& options) {
             application.path = toStd(specifier.getApplicationPath(nullptr));
             application.languages = languagesAt(application.path);
         }
-        const auto owner = owners.find(application.specifier);
-        if (owner != owners.end() && application.runs) {
-            application.process = owner->second;
-            application.program = lookAt(owner->second).program;
+        const uint32_t owner = ownerOf(owners, application.specifier);
+        const auto used = elsewhere.find(application.specifier);
+        if (used != elsewhere.end()) {
+            application.link = used->second; // its ports here are the link's
+        } else if (owner != 0 && application.runs) {
+            application.process = owner;
+            application.program = lookAt(owner).program;
         }
         result.push_back(std::move(application));
     }
@@ -116,6 +124,9 @@ Exit list(const Output& output, const ListOptions& options) {
                 json.back()["process"] = application.process;
                 json.back()["program"] = application.program;
             }
+            if (!application.link.empty()) {
+                json.back()["link"] = application.link;
+            }
         }
         output.print(json);
         return kDone;
@@ -126,7 +137,9 @@ Exit list(const Output& output, const ListOptions& options) {
                    application.process != 0 ? std::to_string(application.process)
                    : application.runs       ? "yes"
                                             : "no",
-                   orDash(application.program.substr(application.program.rfind('/') + 1)),
+                   application.link.empty()
+                       ? orDash(application.program.substr(application.program.rfind('/') + 1))
+                       : "at " + application.link,
                    application.languages, orDash(application.path)});
     }
     table.print(output);

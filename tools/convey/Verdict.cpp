@@ -164,6 +164,12 @@ private:
         if (subject.process == 0) {
             return {"gone", name + " does not answer, and no process has its port.", false};
         }
+        if (!subject.link.empty()) {
+            return {"silent",
+                    name + " does not answer: it is used at " + subject.link +
+                        ", which gives no answer either. convey doctor says more.",
+                    false};
+        }
         return {"silent",
                 name + " does not answer: not even the background thread of process " +
                     std::to_string(subject.process) + " does (state " + subject.state +

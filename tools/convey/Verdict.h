@@ -52,6 +52,7 @@ struct Subject {
     std::string place; // in the system, where its main thread waits; empty when that is not shown
     std::string elsewhere; // the port folder that it uses, when that is not this process's
     bool hasDied = false;  // and left its ports
+    std::string link;      // where it is used, when it does not answer and its ports are a link's
     std::string rows;      // its diagnostics; empty when it does not answer
 };
 
