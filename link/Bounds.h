@@ -47,6 +47,20 @@ inline constexpr size_t kAliases = size("link.senders");
 // Links that are known: those of the configuration, and those that may use what is offered.
 inline constexpr size_t kLinks = size("link.links");
 
+// Of the requests of one link that wait on the servers' disks, and how long the longest may.
+inline constexpr int64_t kStreamBytes = limits::ofLink("link.stream");
+inline constexpr int64_t kStreamMilliseconds = limits::ofLink("link.stream-time");
+// Until what was taken from the disk and not acknowledged comes again; above a hand-over.
+inline constexpr int64_t kKeptAgainMilliseconds = limits::ofLink("link.stream-again");
+// Until the disk must have answered: then it is asked again, which it knows.
+inline constexpr int64_t kKeepMilliseconds = limits::ofLink("link.stream-answer");
+// Nothing keeps: a cluster that chooses a leader needs so long at most.
+inline constexpr int64_t kNoStreamMilliseconds = limits::ofLink("link.stream-missing");
+// How long the servers remember what they have stored; later repeats are found by their numbers.
+inline constexpr int64_t kStreamRepeatMilliseconds = limits::ofLink("link.stream-repeats");
+// Outcomes that wait for a link to be heard.
+inline constexpr size_t kUntold = size("link.untold");
+
 inline constexpr int64_t kHelloMilliseconds = limits::ofLink("link.hello");
 // To one that is away: it cannot know who waits for it.
 inline constexpr int64_t kAwayMilliseconds = limits::ofLink("link.hello-away");

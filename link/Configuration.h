@@ -15,6 +15,7 @@ struct Offer {
 struct Use {
     std::string app; // a complete specifier
     std::string at;  // a link
+    bool durable = false; // requests wait on the servers' disks
 };
 
 // What one file says (man convey-link.toml). Nothing is offered or used that is not written there.

@@ -188,6 +188,9 @@ std::string encode(const Frame& frame) {
     case FrameKind::acknowledgement:
         out.number(frame.acknowledged).number(static_cast<uint8_t>(frame.gap ? 1 : 0));
         break;
+    case FrameKind::kept:
+        out.number(frame.number);
+        [[fallthrough]];
     case FrameKind::ping:
     case FrameKind::pong:
         out.head(frame.head).bytes(frame.text);
@@ -202,7 +205,7 @@ bool decode(std::string_view bytes, Frame& out) {
     out = Frame();
     Reader in(bytes);
     in.require(in.bytes(kMark.size()) == kMark);
-    out.kind = in.choice(FrameKind::claim, FrameKind::pong);
+    out.kind = in.choice(FrameKind::claim, FrameKind::kept);
     out.senderLife = in.number<uint64_t>();
     out.receiverLife = in.number<uint64_t>();
     in.require(out.senderLife != 0);
@@ -227,6 +230,10 @@ bool decode(std::string_view bytes, Frame& out) {
         out.acknowledged = in.number<uint64_t>();
         out.gap = in.number<uint8_t>() != 0;
         break;
+    case FrameKind::kept:
+        out.number = in.number<uint64_t>();
+        in.require(out.number != 0);
+        [[fallthrough]];
     case FrameKind::ping:
     case FrameKind::pong:
         out.head = in.head();

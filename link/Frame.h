@@ -21,7 +21,8 @@ enum class FrameKind : uint8_t {
     cargo,     // numbered: comes once and in order (Channel)
     acknowledgement,
     ping, // a question to a background thread; may be lost, as the network may be cut
-    pong
+    pong,
+    kept // a whole request, by way of the disks of the servers
 };
 
 // What is known of an application over there.
@@ -65,7 +66,7 @@ struct Frame {
     FrameKind kind = FrameKind::claim;
     uint64_t senderLife = 0;
     uint64_t receiverLife = 0; // as far as the sender knows it; 0: not
-    // cargo
+    // cargo; kept: the message's number in its sender's life
     uint64_t number = 0;
     // cargo and acknowledgement: all up to this have arrived
     uint64_t acknowledged = 0;
@@ -78,7 +79,7 @@ struct Frame {
     std::string parameters;
     // hello: the applications asked for (their state means nothing); presence: their states
     std::vector<std::pair<std::string, AppState>> apps;
-    // ping and pong: the head, and the text
+    // ping, pong and kept: the head, and the text
     MessageHead head;
     std::string_view text;
 };

@@ -165,6 +165,10 @@ void Link::takeEvents() {
         case Wire::EventKind::noted:
             around_.log(event.text);
             break;
+        case Wire::EventKind::kept:
+        case Wire::EventKind::stored:
+        case Wire::EventKind::clock:
+            break; // nothing is kept yet
         }
     }
 }

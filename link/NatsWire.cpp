@@ -10,6 +10,7 @@
 
 #include "link/Bounds.h"
 #include "link/Frame.h"
+#include "link/Text.h"
 #include "link/Wire.h"
 
 namespace convey_link {
@@ -33,6 +34,10 @@ constexpr int64_t kWriteMilliseconds = 2000;
 // At the end, for what was published last, and each for the client's threads and the one here.
 constexpr int64_t kFlushMilliseconds = 300;
 constexpr int64_t kCloseMilliseconds = 300;
+// Behind a link's own subject. One for all senders, since the servers look for exactly this one
+// before they hand anything to it.
+constexpr const char* kStoredSubject = ".kept.from";
+constexpr size_t kReplicas = 3;
 
 struct Free {
     void operator()(natsOptions* options) const { natsOptions_Destroy(options); }
@@ -41,6 +46,7 @@ struct Free {
         natsSubscription_Destroy(subscription);
     }
     void operator()(natsMsg* message) const { natsMsg_Destroy(message); }
+    void operator()(jsCtx* context) const { jsCtx_Destroy(context); }
 };
 template <class Handle>
 using Owned = std::unique_ptr<Handle, Free>;
@@ -104,7 +110,11 @@ public:
     NatsConnection(const Configuration& configuration, std::function<void()> wake)
         : wake_(std::move(wake)),
           prefix_("convey." + configuration.realm + "."),
-          own_(configuration.name) {}
+          own_(configuration.name),
+          realm_(configuration.realm),
+          keeps_(std::any_of(configuration.uses.begin(), configuration.uses.end(),
+                             [](const Use& use) { return use.durable; })),
+          offers_(!configuration.offers.empty()) {}
 
     // Ends it; whether no thread uses it any more. One that looks for a server, or writes to one
     // that has stopped, takes seconds, which whoever ends the link need not wait.
@@ -177,6 +187,39 @@ public:
                                              (prefix_ + own_ + ".absent." + link).c_str(),
                                              frame.data(),
                                              static_cast<int>(frame.size())) == NATS_OK;
+    }
+
+    bool keep(const std::string& link, uint64_t life, uint64_t serial, std::string_view frame) {
+        const std::lock_guard<std::mutex> guard(inUse_);
+        if (!isConnected()) {
+            return false;
+        }
+        natsMsg* made = nullptr;
+        const std::string number = std::to_string(serial);
+        if (natsMsg_Create(&made, (prefix_ + link + ".keep." + own_).c_str(),
+                           (prefix_ + own_ + ".kept.told." + number).c_str(), frame.data(),
+                           static_cast<int>(frame.size())) != NATS_OK) {
+            return false;
+        }
+        const Owned<natsMsg> owned(made);
+        return natsMsgHeader_Set(made, "Nats-Msg-Id",
+                                 (std::to_string(life) + "." + number).c_str()) == NATS_OK &&
+               natsConnection_PublishMsg(connection_.get(), made) == NATS_OK;
+    }
+
+    bool acknowledge(const std::string& reply) {
+        const std::lock_guard<std::mutex> guard(inUse_);
+        return isConnected() &&
+               natsConnection_PublishString(connection_.get(), reply.c_str(), "+ACK") == NATS_OK;
+    }
+
+    bool askClock(const std::string& link) {
+        const std::lock_guard<std::mutex> guard(inUse_);
+        return isConnected() &&
+               natsConnection_PublishRequestString(
+                   connection_.get(),
+                   ("$JS.API.CONSUMER.INFO." + streamOf(realm_, link) + "." + own_).c_str(),
+                   (prefix_ + own_ + ".kept.clock." + link).c_str(), "") == NATS_OK;
     }
 
     std::vector<Event> take() {
@@ -254,7 +297,10 @@ private:
 
     bool subscribeAll() {
         const std::string own = prefix_ + own_;
-        return subscribe(own + ".*", 0, onFrame) && subscribe(own + ".absent.*", 1, onAbsent);
+        return subscribe(own + ".*", 0, onFrame) && subscribe(own + ".absent.*", 1, onAbsent) &&
+               (!keeps_ || subscribe(own + ".kept.told.*", 2, onKept)) &&
+               (!offers_ || (subscribe(own + ".kept.clock.*", 3, onClock) &&
+                             subscribe(own + kStoredSubject, 4, onStored)));
     }
 
     bool subscribe(const std::string& subject, size_t place, natsMsgHandler handler) {
@@ -307,6 +353,40 @@ private:
         }
     }
 
+    static void onKept(natsConnection*, natsSubscription*, natsMsg* taken, void* self) {
+        const Owned<natsMsg> message(taken);
+        const int64_t number = numberOf(lastToken(taken));
+        if (number > 0) {
+            static_cast<NatsConnection*>(self)->push({EventKind::kept, {}, textOf(taken),
+                                                      static_cast<uint64_t>(number)});
+        }
+    }
+
+    static void onClock(natsConnection*, natsSubscription*, natsMsg* taken, void* self) {
+        const Owned<natsMsg> message(taken);
+        static_cast<NatsConnection*>(self)->push(
+            {EventKind::clock, lastToken(taken), textOf(taken)});
+    }
+
+    // The subject is the one that it was published to, which only its sender may, and the servers
+    // say in which stream it has lain.
+    static void onStored(natsConnection*, natsSubscription*, natsMsg* taken, void* self) {
+        const Owned<natsMsg> message(taken);
+        auto& wire = *static_cast<NatsConnection*>(self);
+        std::string from = lastToken(taken);
+        const std::string reply = natsMsg_GetReply(taken) == nullptr ? "" : natsMsg_GetReply(taken);
+        if (isName(from) && natsMsg_GetSubject(taken) == wire.prefix_ + wire.own_ + ".keep." + from &&
+            reply.starts_with("$JS.ACK.") &&
+            reply.find("." + streamOf(wire.realm_, from) + "." + wire.own_ + ".") !=
+                std::string::npos) {
+            wire.push({EventKind::stored, std::move(from), textOf(taken), 0, reply});
+        }
+    }
+
+    static std::string textOf(natsMsg* message) {
+        return {natsMsg_GetData(message), static_cast<size_t>(natsMsg_GetDataLength(message))};
+    }
+
     static void onConnected(natsConnection* connection, void* self) {
         char url[256] = "";
         (void)natsConnection_GetConnectedUrl(connection, url, sizeof url); // for people only
@@ -353,8 +433,13 @@ private:
             what.append(": ").append(text);
         }
         // The link listens and speaks as itself only: who may not is somebody else to the servers.
+        // Who may not have requests kept is told of each that they are not.
+        const bool isOfDisks = what.find(".kept.") != std::string::npos ||
+                               what.find(".keep.") != std::string::npos ||
+                               what.find("$JS.") != std::string::npos;
         const bool isRefused =
-            status == NATS_NOT_PERMITTED || what.find("ermissions Violation") != std::string::npos;
+            !isOfDisks && (status == NATS_NOT_PERMITTED ||
+                           what.find("ermissions Violation") != std::string::npos);
         static_cast<NatsConnection*>(self)->push(
             {isRefused ? EventKind::refused : EventKind::noted, {}, what});
     }
@@ -362,11 +447,14 @@ private:
     const std::function<void()> wake_;
     const std::string prefix_;
     const std::string own_;
+    const std::string realm_;
+    const bool keeps_;  // has requests kept
+    const bool offers_; // and takes kept ones
     Owned<natsOptions> options_;
     std::thread joining_;
     mutable std::mutex inUse_; // guards the connection, which only `joining_` makes and ends; before `mutex_`
     Owned<natsConnection> connection_;
-    Owned<natsSubscription> subscriptions_[2];
+    Owned<natsSubscription> subscriptions_[5];
     std::atomic<bool> closing_{false};
     std::atomic<bool> isClosed_{false}; // by the client, which has given up
     std::condition_variable changed_;   // one of the two, or the next
@@ -388,6 +476,12 @@ public:
     bool publish(const std::string& link, std::string_view frame) override {
         return connection_->publish(link, frame);
     }
+    bool keep(const std::string& link, uint64_t life, uint64_t serial,
+              std::string_view frame) override {
+        return connection_->keep(link, life, serial, frame);
+    }
+    bool acknowledge(const std::string& reply) override { return connection_->acknowledge(reply); }
+    bool askClock(const std::string& link) override { return connection_->askClock(link); }
     std::vector<Event> take() override { return connection_->take(); }
     size_t maximumFrame() const override { return connection_->maximumFrame(); }
 
@@ -395,7 +489,82 @@ private:
     std::unique_ptr<NatsConnection> connection_;
 };
 
+// Everything that is not said is as a new stream has it; one that is there is changed to it.
+jsErrCode storeOf(jsCtx* js, const Configuration& configuration, const std::string& from,
+                  natsStatus& status) {
+    const std::string name = streamOf(configuration.realm, from);
+    const std::string subject = "convey." + configuration.realm + ".*.keep." + from;
+    const char* const subjects[] = {subject.c_str()};
+    jsStreamConfig stream;
+    jsStreamConfig_Init(&stream);
+    stream.Name = name.c_str();
+    stream.Subjects = const_cast<const char**>(subjects); // NOLINT(cppcoreguidelines-pro-type-const-cast): it only reads
+    stream.SubjectsLen = 1;
+    stream.Retention = js_WorkQueuePolicy;
+    stream.Discard = js_DiscardNew;
+    stream.MaxBytes = static_cast<int64_t>(bounds::kStreamBytes);
+    stream.MaxMsgs = static_cast<int64_t>(bounds::kPending);
+    stream.MaxAge = bounds::kStreamMilliseconds * 1'000'000;
+    stream.Duplicates = bounds::kStreamRepeatMilliseconds * 1'000'000;
+    stream.Replicas = static_cast<int64_t>(std::min(configuration.servers.size(), kReplicas));
+    jsErrCode code{};
+    status = js_AddStream(nullptr, js, &stream, nullptr, &code);
+    if (status != NATS_OK && code == JSStreamNameExistErr) {
+        status = js_UpdateStream(nullptr, js, &stream, nullptr, &code);
+    }
+    return code;
+}
+
 } // namespace
+
+bool Wire::keep(const std::string&, uint64_t, uint64_t, std::string_view) {
+    return false;
+}
+bool Wire::acknowledge(const std::string&) {
+    return false;
+}
+bool Wire::askClock(const std::string&) {
+    return false;
+}
+
+std::string streamOf(const std::string& realm, const std::string& link) {
+    return "convey=" + realm + "=" + link; // no name has that sign
+}
+
+bool makeStream(const Configuration& configuration, const std::string& from,
+                const std::vector<std::string>& to, std::string& error) {
+    Owned<natsOptions> options;
+    natsStatus status = makeOptions(configuration, options);
+    natsConnection* made = nullptr;
+    status = status == NATS_OK ? natsConnection_Connect(&made, options.get()) : status;
+    const Owned<natsConnection> connection(made);
+    jsCtx* context = nullptr;
+    status = status == NATS_OK ? natsConnection_JetStream(&context, made, nullptr) : status;
+    const Owned<jsCtx> js(context);
+    if (status == NATS_OK) {
+        (void)storeOf(context, configuration, from, status); // the client's text says it
+    }
+    for (const std::string& link : to) {
+        const std::string own = "convey." + configuration.realm + "." + link;
+        std::string filter = own;
+        filter.append(".keep.").append(from);
+        const std::string subject = own + kStoredSubject;
+        jsConsumerConfig consumer;
+        jsConsumerConfig_Init(&consumer);
+        consumer.Durable = link.c_str();
+        consumer.DeliverSubject = subject.c_str();
+        consumer.FilterSubject = filter.c_str();
+        consumer.AckPolicy = js_AckExplicit;
+        consumer.AckWait = bounds::kKeptAgainMilliseconds * 1'000'000;
+        consumer.MaxAckPending = 1; // the next one only when this one is done: so they keep their order
+        const std::string stream = streamOf(configuration.realm, from);
+        status = status == NATS_OK
+                     ? js_AddConsumer(nullptr, context, stream.c_str(), &consumer, nullptr, nullptr)
+                     : status;
+    }
+    error = status == NATS_OK ? std::string() : lastError(status);
+    return status == NATS_OK;
+}
 
 std::unique_ptr<Wire> connectToNats(const Configuration& configuration, std::function<void()> wake,
                                     std::string& error) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -23,17 +24,29 @@ public:
         connected,    // to the server `text`; what was sent before may be lost
         disconnected, // `text` says why
         refused,      // for good: `text` says why
-        noted         // what a person should read
+        noted,        // what a person should read
+        kept,         // `text` is what a disk says of the one of `number`; empty for no disk
+        stored,       // a frame `text` of `link` from a disk, acknowledged at `reply`
+        clock         // `text` is what the disk of `link` says of the last one that it gave
     };
     struct Event {
         EventKind kind;
         std::string link;
         std::string text;
+        uint64_t number = 0;
+        std::string reply = {};
     };
 
     virtual ~Wire() = default;
     // False when it is not connected; nothing is kept for later then.
     virtual bool publish(const std::string& link, std::string_view frame) = 0;
+    // The same by way of a disk of the servers, which knows a number of a life again; what it says
+    // is an event.
+    virtual bool keep(const std::string& link, uint64_t life, uint64_t number,
+                      std::string_view frame);
+    // The frame that was stored need not come again.
+    virtual bool acknowledge(const std::string& reply);
+    virtual bool askClock(const std::string& link);
     // What has happened since the last call.
     virtual std::vector<Event> take() = 0;
     // Bytes of a frame at most.
@@ -45,5 +58,12 @@ public:
 // configured cannot be used at all.
 std::unique_ptr<Wire> connectToNats(const Configuration& configuration, std::function<void()> wake,
                                     std::string& error);
+
+// The stream in which the requests of a link wait.
+std::string streamOf(const std::string& realm, const std::string& link);
+// Has the servers make it, and what hands it on to each of the links `to`, as whom the configuration
+// names; who may do that is no ordinary link. False, and `error` says why.
+[[nodiscard]] bool makeStream(const Configuration& configuration, const std::string& from,
+                              const std::vector<std::string>& to, std::string& error);
 
 } // namespace convey_link

@@ -30,14 +30,15 @@ std::vector<Frame> frames() {
     std::vector<Frame> all;
     for (const FrameKind kind :
          {FrameKind::claim, FrameKind::taken, FrameKind::bye, FrameKind::hello, FrameKind::presence,
-          FrameKind::acknowledgement, FrameKind::ping, FrameKind::pong}) {
+          FrameKind::acknowledgement, FrameKind::ping, FrameKind::pong, FrameKind::kept}) {
         Frame frame;
         frame.kind = kind;
         frame.senderLife = UINT64_MAX;
         if (kind == FrameKind::presence || kind == FrameKind::hello) {
             frame.apps = {{"lumen-2.5", AppState::running}, {"kivra-7.0", AppState::refused}};
         }
-        if (kind == FrameKind::ping || kind == FrameKind::pong) {
+        if (kind == FrameKind::ping || kind == FrameKind::pong || kind == FrameKind::kept) {
+            frame.number = 9;
             frame.head = {MessageKind::ping, "a-1.0#ping", "b-1.0#thread", 2000, 7, Outcome::lost};
             frame.text = "text";
         }
@@ -67,6 +68,7 @@ TEST(FrameTest, saysTheSameAgainAndNothingWhenItIsCut) {
         // A text may be shorter; whatever else is cut off is missed, and what is added noticed.
         const bool endsWithText =
             frame.kind == FrameKind::ping || frame.kind == FrameKind::pong ||
+            frame.kind == FrameKind::kept ||
             (frame.kind == FrameKind::cargo && frame.cargo == CargoKind::part);
         for (size_t size = 0; size + (endsWithText ? 5 : 0) < bytes.size(); ++size) {
             EXPECT_FALSE(decode(bytes.substr(0, size), again)) << size;
