@@ -18,6 +18,11 @@ uint64_t Channel::queue(MessageHead head, std::string text, int64_t deadline) {
     return lastMessage_;
 }
 
+uint64_t Channel::reserve() {
+    open_[++lastMessage_] = false;
+    return lastMessage_;
+}
+
 void Channel::queueLaunch(const std::string& app, const std::string& parameters) {
     launches_.push_back({app, parameters});
 }

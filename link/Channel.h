@@ -32,6 +32,7 @@ public:
         uint64_t message; // the sender's number, for the outcome
         MessageHead head;
         std::string text;
+        uint64_t keptLife = 0; // of its sender, when it has lain on a disk; else 0
     };
     struct Launch {
         std::string app;
@@ -48,6 +49,10 @@ public:
 
     // Queues a message behind those of the same pair; its number.
     uint64_t queue(MessageHead head, std::string text, int64_t deadline);
+    // A number for a message that goes another way, and whose end the other link tells here; until
+    // it is given up.
+    uint64_t reserve();
+    void giveUp(uint64_t message) { open_.erase(message); }
     void queueLaunch(const std::string& app, const std::string& parameters);
     // Tells the other link how one of its messages ended; many go together.
     void tell(uint64_t message, Outcome outcome, int64_t now);

@@ -1,0 +1,184 @@
+#include "link/Kept.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <iomanip>
+#include <locale>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "link/Bounds.h"
+#include "link/Text.h"
+#include "link/Wire.h"
+
+namespace convey_link {
+namespace {
+
+// Of JetStream's errors: the stream is full, the message is larger than it takes.
+constexpr int kStoreFailed = 10077;
+constexpr int kTooLarge = 10054;
+// Between tries while nothing keeps.
+constexpr int64_t kTryAgainMilliseconds = 500;
+// Lives of one link that are remembered: repeats of older ones have long been acknowledged.
+constexpr size_t kLives = 4;
+
+} // namespace
+
+void Keeper::queue(const std::string& link, uint64_t message, MessageHead head, std::string text,
+                   int64_t deadline) {
+    line_.push_back({++lastNumber_, link, message, std::move(head), std::move(text), deadline});
+}
+
+void Keeper::end(Result result) {
+    ended_.push_back({line_.front().link, line_.front().message, result});
+    line_.pop_front();
+    isSent_ = false;
+    sendAt_ = 0;
+}
+
+void Keeper::take(uint64_t number, std::string_view answer, int64_t now) {
+    if (line_.empty() || line_.front().number != number || !isSent_) {
+        return; // of one that was repeated
+    }
+    const auto json = nlohmann::json::parse(answer, nullptr, false);
+    if (json.is_object() && !json.contains("error") && json.value("seq", uint64_t{0}) != 0) {
+        missedAt_ = INT64_MAX;
+        ++kept_;
+        end(Result::kept);
+        return;
+    }
+    const auto error = json.is_object() ? json.value("error", nlohmann::json()) : json;
+    const int code = error.is_object() ? error.value("err_code", 0) : 0;
+    if (code == kStoreFailed || code == kTooLarge) {
+        end(code == kTooLarge ? Result::tooLarge : Result::full);
+        return;
+    }
+    // Nobody keeps, or not now.
+    missedAt_ = std::min(missedAt_, now);
+    if (now >= missedAt_ + bounds::kNoStreamMilliseconds) {
+        end(Result::nothingKeeps);
+        return;
+    }
+    sendAt_ = now + kTryAgainMilliseconds;
+}
+
+std::vector<Keeper::Ended> Keeper::step(int64_t now) {
+    // What was sent may lie on a disk: its link says how it ends, or its time tells.
+    if (isSent_ && line_.front().deadline <= now) {
+        end(Result::kept);
+    }
+    std::erase_if(line_, [&](const Waiting& one) {
+        const bool isOver = one.deadline <= now && !(isSent_ && &one == &line_.front());
+        if (isOver) {
+            ended_.push_back({one.link, one.message, Result::expired});
+        }
+        return isOver;
+    });
+    if (!line_.empty() && sendAt_ <= now) {
+        const Waiting& front = line_.front();
+        Frame frame;
+        frame.kind = FrameKind::kept;
+        frame.senderLife = life_;
+        frame.number = front.message;
+        frame.head = front.head;
+        frame.head.remainingMilliseconds =
+            front.deadline == INT64_MAX ? -1 : front.deadline - now;
+        frame.text = front.text;
+        const std::string bytes = encode(frame);
+        if (bytes.size() > wire_.maximumFrame()) {
+            end(Result::tooLarge);
+        } else {
+            const bool sent = wire_.keep(front.link, life_, front.number, bytes);
+            isSent_ = isSent_ || sent;
+            sendAt_ = now + (sent ? bounds::kKeepMilliseconds : kTryAgainMilliseconds);
+        }
+    }
+    return std::exchange(ended_, {});
+}
+
+Journal::Lives& Journal::lives(const std::string& link) {
+    const auto [found, isNew] = links_.try_emplace(link);
+    if (isNew) {
+        std::ifstream in(folder_ + "/" + link);
+        for (std::pair<uint64_t, uint64_t> one; in >> one.first >> one.second;) {
+            found->second.push_back(one);
+        }
+    }
+    return found->second;
+}
+
+Journal::State Journal::state(const std::string& link, uint64_t life, uint64_t message) {
+    for (const auto& [known, last] : lives(link)) {
+        if (known == life) {
+            return message > last ? State::fresh : message == last ? State::begun : State::over;
+        }
+    }
+    return State::fresh;
+}
+
+bool Journal::begin(const std::string& link, uint64_t life, uint64_t message) {
+    Lives changed = lives(link);
+    std::erase_if(changed, [life](const auto& one) { return one.first == life; });
+    changed.emplace_back(life, message);
+    if (changed.size() > kLives) {
+        changed.pop_front();
+    }
+    std::error_code error;
+    std::filesystem::create_directories(folder_, error);
+    const std::string path = folder_ + "/" + link;
+    {
+        // Another name first: a link that dies here leaves the old file or the new one.
+        std::ofstream out(path + ".new", std::ios::trunc);
+        for (const auto& [known, last] : changed) {
+            out << known << ' ' << last << '\n';
+        }
+        if (!out.flush()) {
+            return false;
+        }
+    }
+    if (std::rename((path + ".new").c_str(), path.c_str()) != 0) {
+        return false;
+    }
+    lives(link) = std::move(changed);
+    return true;
+}
+
+int64_t storedAt(std::string_view acknowledgement) {
+    std::vector<std::string_view> tokens;
+    while (!acknowledgement.empty()) {
+        const size_t dot = std::min(acknowledgement.find('.'), acknowledgement.size());
+        tokens.push_back(acknowledgement.substr(0, dot));
+        acknowledgement.remove_prefix(std::min(dot + 1, acknowledgement.size()));
+    }
+    // Later servers say more in front: $JS.ACK[.domain.account].stream.consumer.times.two
+    // numbers.nanoseconds.pending[.more]
+    const size_t at = tokens.size() == 9 ? 7 : 9;
+    if (tokens.size() <= at + 1) {
+        return -1;
+    }
+    const int64_t nanoseconds = numberOf(tokens[at]);
+    return nanoseconds < 0 ? -1 : nanoseconds / 1'000'000;
+}
+
+int64_t servedAt(std::string_view answer) {
+    const auto json = nlohmann::json::parse(answer, nullptr, false);
+    const auto delivered = json.is_object() ? json.value("delivered", nlohmann::json()) : json;
+    if (!delivered.is_object() || !delivered.contains("last_active") ||
+        !delivered["last_active"].is_string()) {
+        return -1;
+    }
+    std::istringstream text(delivered["last_active"].get<std::string>());
+    text.imbue(std::locale::classic());
+    std::tm date{};
+    double fraction = 0; // 2026-11-22T21:06:36.88402765Z
+    if (!(text >> std::get_time(&date, "%Y-%m-%dT%H:%M:%S")) ||
+        (text.peek() == '.' && !(text >> fraction))) {
+        return -1;
+    }
+    return static_cast<int64_t>(timegm(&date)) * 1000 + static_cast<int64_t>(fraction * 1000);
+}
+
+} // namespace convey_link
