@@ -41,6 +41,8 @@ Link::Link(const Configuration& configuration, uint64_t life, const Surroundings
     : configuration_(configuration),
       life_(life),
       around_(surroundings),
+      keeper_(surroundings.wire, life),
+      journal_(surroundings.journalFolder),
       deliveries_(surroundings.ports, [this] { around_.wait.wake(); },
                   [this](const std::string& app) { return around_.launch(app, {}); }) {
     pingPort_ = std::make_unique<Port>();
@@ -95,11 +97,13 @@ int64_t Link::step(bool woken) {
     takeEvents();
     takeTexts();
     takeDelivered();
+    takeKept();
     const int64_t now = around_.now();
     int64_t due = regularly();
     if (!joined_) {
         return std::max<int64_t>(std::min(due, joinAt_) - now, 0);
     }
+    due = std::min(due, connected_ ? keeper_.due() : INT64_MAX);
     for (const auto& [name, peer] : peers_) {
         if (connected_ && peer->here) {
             flush(*peer);
@@ -166,9 +170,14 @@ void Link::takeEvents() {
             around_.log(event.text);
             break;
         case Wire::EventKind::kept:
+            keeper_.take(event.number, event.text, around_.now());
+            break;
         case Wire::EventKind::stored:
+            keptArrived(event.link, event.text, event.reply);
+            break;
         case Wire::EventKind::clock:
-            break; // nothing is kept yet
+            clockArrived(event.link, event.text);
+            break;
         }
     }
 }
@@ -182,6 +191,10 @@ void Link::connected(const std::string& server) {
     const int64_t now = around_.now();
     if (!joined_) {
         joinAt_ = now + kClaimMilliseconds;
+    }
+    keeper_.again();
+    for (auto& [name, line] : keptLines_) {
+        line.aheadUntil = 0; // another server, perhaps
     }
     for (const auto& [name, peer] : peers_) {
         peer->channel.sendAgain();
@@ -302,6 +315,7 @@ bool Link::meet(Peer& peer, const Frame& frame) {
         if (hadOne) {
             lifeEnded(peer, lost);
         }
+        tellUntold(peer);
     }
     peer.heardAt = around_.now();
     if (!peer.here && greets) {

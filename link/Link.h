@@ -13,6 +13,7 @@
 #include "link/Channel.h"
 #include "link/Configuration.h"
 #include "link/Deliveries.h"
+#include "link/Kept.h"
 #include "link/Registrations.h"
 #include "link/Text.h"
 #include "link/Wire.h"
@@ -44,6 +45,7 @@ public:
         std::function<bool(const std::string& app, const std::string& parameters)> launch;
         std::function<void(const std::string& line)> log;
         std::function<int64_t()> now; // milliseconds of a steady clock
+        std::string journalFolder = {}; // of this link alone, and stays when it ends
     };
 
     // `life` tells this run from others; not 0.
@@ -81,6 +83,7 @@ private:
     struct Conversation;
     struct Owed;
     struct Ticket;
+    struct KeptLine;
     struct AskedPing;
     struct ForeignPing;
 
@@ -104,6 +107,16 @@ private:
     Peer* knownPeer(const std::string& name);
     Frame frame(FrameKind kind, const Peer* peer) const;
     bool publish(Peer& peer, const Frame& frame);
+
+    // LinkKept.cpp: requests that wait on the servers' disks.
+    uint64_t keep(Peer& peer, MessageHead head, std::string text, int64_t deadline);
+    void takeKept();
+    void keptArrived(const std::string& from, const std::string& bytes, const std::string& reply);
+    void clockArrived(const std::string& from, const std::string& answer);
+    void handOver(const std::string& from, KeptLine& line);
+    void finish(Peer& peer, uint64_t life, uint64_t message, bool isKept, Outcome outcome);
+    void tellUntold(Peer& peer);
+    void forgetKept(int64_t now);
 
     // LinkMessages.cpp: texts.
     void takeTexts();
@@ -162,6 +175,10 @@ private:
     std::map<uint64_t, AskedPing> askedPings_;     // of here, by the number that travels
     std::map<uint64_t, ForeignPing> foreignPings_; // of elsewhere, by the number used here
     std::map<std::string, std::shared_ptr<platform::TargetWatch>> watched_; // offered, and running
+    std::map<std::string, KeptLine> keptLines_; // by sender
+    std::map<std::string, std::pair<std::string, std::string>> early_; // frames and replies, by sender
+    Keeper keeper_;
+    Journal journal_;
     uint64_t lastTicket_ = 0;
     uint64_t lastPing_ = 0;
     Deliveries deliveries_; // the last: its threads use what is above

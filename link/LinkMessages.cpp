@@ -129,14 +129,21 @@ void Link::requestTaken(Used& used, Text& message) {
         return;
     }
     Peer& to = peer(used.use.at);
-    const uint64_t number = to.channel.queue(std::move(head), std::move(text), deadline);
+    const bool isKept = used.use.durable && !reply;
+    const uint64_t number = isKept ? keep(to, std::move(head), std::move(text), deadline)
+                                   : to.channel.queue(std::move(head), std::move(text), deadline);
     outgoing_[{to.name, number}] = {asked, !reply, used.use.app, bytes};
     used.requests.waitingBytes += bytes;
     ++used.requests.waitingMessages;
-    contacts_[{asked.asker, to.name}] = now + bounds::kAliasMilliseconds;
+    // On a disk it may wait for longer than anything is remembered here.
+    const int64_t wait = isKept ? std::min(deadline, now + bounds::kStreamMilliseconds) : now;
+    contacts_[{asked.asker, to.name}] = wait + bounds::kAliasMilliseconds;
+    if (isKept) {
+        outgoing_[{to.name, number}].until = wait;
+    }
     if (!reply && isEndWanted(asked.wanted)) {
         // Kept a while behind its end, since its answer is on the way.
-        const int64_t until = deadline == INT64_MAX ? now + bounds::kAliasMilliseconds
+        const int64_t until = deadline == INT64_MAX ? wait + bounds::kAliasMilliseconds
                                                     : deadline + bounds::kPingMilliseconds;
         conversations_[{asked.asker, asked.serial}] = {asked, to.name, number, false, until};
     }
@@ -161,6 +168,8 @@ void Link::arrived(Peer& peer, Channel::Arrival arrival) {
 
 void Link::requestArrived(Peer& peer, Channel::Arrival& arrival) {
     const int64_t now = around_.now();
+    const bool isKept = arrival.keptLife != 0;
+    const uint64_t life = isKept ? arrival.keptLife : peer.channel.otherLife();
     const std::string& target = arrival.head.target;
     bool mayLaunch = false;
     normalise(arrival.text);
@@ -170,12 +179,12 @@ void Link::requestArrived(Peer& peer, Channel::Arrival& arrival) {
     if (!readable || !configuration_.isOffered(target, peer.name, mayLaunch) || isOwn(target) ||
         isReply(message)) {
         around_.log("refused: " + arrival.head.source + " at " + peer.name + " to " + target);
-        peer.channel.tell(arrival.message, Outcome::refused, now);
+        finish(peer, life, arrival.message, isKept, Outcome::refused);
         return;
     }
     Alias* const alias = aliasFor(peer, arrival.head.source);
     if (alias == nullptr) {
-        peer.channel.tell(arrival.message, Outcome::tooMuch, now);
+        finish(peer, life, arrival.message, isKept, Outcome::tooMuch);
         return;
     }
     alias->usedAt = now;
@@ -187,8 +196,7 @@ void Link::requestArrived(Peer& peer, Channel::Arrival& arrival) {
     const uint64_t number = ++lastTicket_;
     const int64_t until = deadline == INT64_MAX ? now + bounds::kAliasMilliseconds
                                                 : deadline + bounds::kPingMilliseconds;
-    tickets_[number] = {peer.name, peer.channel.otherLife(), arrival.message, true,
-                        askedBy(message), until};
+    tickets_[number] = {peer.name, life, arrival.message, true, askedBy(message), until, isKept};
     deliveries_.post(target, message.write(), deadline, mayLaunch, number);
 }
 
@@ -216,7 +224,7 @@ void Link::replyArrived(Peer& peer, Channel::Arrival& arrival) {
     }
     const int64_t deadline = setTime(message, arrival.head.remainingMilliseconds, now);
     const uint64_t number = ++lastTicket_;
-    tickets_[number] = {peer.name, peer.channel.otherLife(), arrival.message, false, {}, 0};
+    tickets_[number] = {peer.name, peer.channel.otherLife(), arrival.message, false, {}, 0, false};
     deliveries_.post(asker, message.write(), deadline, false, number);
 }
 
@@ -425,10 +433,10 @@ void Link::takeDelivered() {
         const Ticket ticket = std::move(found->second);
         tickets_.erase(found);
         Peer* const from = knownPeer(ticket.link);
-        if (from == nullptr || from->channel.otherLife() != ticket.life) {
+        if (from == nullptr || (!ticket.isKept && from->channel.otherLife() != ticket.life)) {
             continue;
         }
-        from->channel.tell(ticket.message, end.outcome, around_.now());
+        finish(*from, ticket.life, ticket.message, ticket.isKept, end.outcome);
         if (end.outcome == Outcome::delivered && ticket.isRequest &&
             isEndWanted(ticket.asked.wanted) && end.taker != nullptr &&
             owed_.size() < bounds::kPending) {
@@ -447,6 +455,7 @@ void Link::forget(int64_t now) {
             ended(*peer, message, Outcome::expired);
         }
     }
+    forgetKept(now);
     const auto isOver = [now](const auto& entry) { return entry.second.until <= now; };
     std::erase_if(conversations_, isOver);
     std::erase_if(owed_, isOver);

@@ -1,6 +1,9 @@
 #pragma once
 
 // What a link consists of; for its own sources.
+#include <deque>
+#include <tuple>
+
 #include "link/Bounds.h"
 #include "link/Link.h"
 #include "platform/MessagePort.h"
@@ -54,6 +57,8 @@ struct Link::Peer {
     int64_t greetAt = 0;
     std::vector<std::string> wanted; // the applications that it asks about
     std::string presence;            // what it was told last
+    // How kept requests of it ended while it was not heard; with its life and their numbers.
+    std::deque<std::tuple<uint64_t, uint64_t, Outcome>> untold;
     uint64_t framesSent = 0;
     uint64_t framesReceived = 0;
 };
@@ -62,8 +67,9 @@ struct Link::Peer {
 struct Link::Outgoing {
     Asked asked;
     bool isRequest = false;
-    std::string port; // the used application or alias that it was taken from
+    std::string port; // the used application or alias that it was taken from; empty for one on disk
     size_t bytes = 0;
+    int64_t until = INT64_MAX; // of a kept one, of which nobody else says that its time is over
 };
 
 // A request of an application here that somebody elsewhere has, or will have.
@@ -91,6 +97,20 @@ struct Link::Ticket {
     bool isRequest = false;
     Asked asked;
     int64_t until = 0;
+    bool isKept = false; // it lies on a disk
+};
+
+// The kept requests of another link, of which one at a time is here.
+struct Link::KeptLine {
+    enum class State { none, waits, handedOver, done } state = State::none;
+    uint64_t life = 0;
+    uint64_t message = 0;
+    std::string frame; // while it waits for the time
+    std::string reply; // where it is acknowledged
+    int64_t arrivedAt = 0;
+    bool isAsked = false; // what the time is, for this one
+    int64_t aheadMilliseconds = 0; // the servers' clock, of this one's
+    int64_t aheadUntil = 0;        // 0: not known
 };
 
 struct Link::AskedPing {

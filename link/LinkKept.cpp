@@ -1,0 +1,198 @@
+// Requests that wait on the servers' disks: what is given to them, and what comes from them.
+#include <algorithm>
+
+#include "link/LinkParts.h"
+
+namespace convey_link {
+namespace {
+
+// How long the difference of the servers' clock and this one's is relied on.
+constexpr int64_t kClockMilliseconds = 60'000;
+
+} // namespace
+
+uint64_t Link::keep(Peer& peer, MessageHead head, std::string text, int64_t deadline) {
+    const uint64_t number = peer.channel.reserve();
+    keeper_.queue(peer.name, number, std::move(head), std::move(text), deadline);
+    return number;
+}
+
+void Link::takeKept() {
+    if (!joined_) {
+        return; // another may have the name
+    }
+    for (const auto& [from, one] : std::exchange(early_, {})) {
+        keptArrived(from, one.first, one.second);
+    }
+    for (const Keeper::Ended& end : keeper_.step(around_.now())) {
+        statusChanged_ = statusChanged_ || keeper_.waiting() == 0;
+        Peer& to = peer(end.link);
+        const auto found = outgoing_.find({end.link, end.message});
+        if (end.result == Keeper::Result::kept && found != outgoing_.end()) {
+            Outgoing& outgoing = found->second;
+            const auto used = used_.find(outgoing.port);
+            if (used != used_.end()) {
+                Port& port = used->second->requests;
+                port.waitingBytes -= std::min(port.waitingBytes, outgoing.bytes);
+                port.waitingMessages -= std::min<size_t>(port.waitingMessages, 1);
+            }
+            outgoing.port.clear();
+            if (!isEndWanted(outgoing.asked.wanted)) { // nobody here is told of its end
+                outgoing_.erase(found);
+                to.channel.giveUp(end.message);
+            }
+            continue;
+        }
+        if (end.result == Keeper::Result::nothingKeeps || end.result == Keeper::Result::full) {
+            around_.log("a request for " + end.link + " is not kept: " +
+                        (end.result == Keeper::Result::full ? "the stream is full"
+                                                            : "no stream takes it"));
+        }
+        ended(to, end.message,
+              end.result == Keeper::Result::expired        ? Outcome::expired
+              : end.result == Keeper::Result::full         ? Outcome::tooMuch
+              : end.result == Keeper::Result::nothingKeeps ? Outcome::notRunning
+                                                           : Outcome::refused);
+        to.channel.giveUp(end.message);
+    }
+}
+
+// Those of which nobody has told how they ended, such as those that still lie on a disk: their time
+// is over, and their link does not hand them over any more.
+void Link::forgetKept(int64_t now) {
+    std::vector<std::pair<std::string, uint64_t>> over;
+    for (const auto& [key, outgoing] : outgoing_) {
+        if (outgoing.until <= now && outgoing.port.empty()) {
+            over.push_back(key);
+        }
+    }
+    for (const auto& [link, message] : over) {
+        const Outgoing& outgoing = outgoing_.at({link, message});
+        peer(link).channel.giveUp(message);
+        if (conversations_.count({outgoing.asked.asker, outgoing.asked.serial}) != 0) {
+            ended(peer(link), message, Outcome::expired);
+        } else {
+            outgoing_.erase({link, message}); // it has been answered
+        }
+    }
+}
+
+void Link::keptArrived(const std::string& from, const std::string& bytes,
+                       const std::string& reply) {
+    Frame frame;
+    if (!decode(bytes, frame) || frame.kind != FrameKind::kept ||
+        frame.head.kind != MessageKind::request) {
+        around_.log("refused: bad frame from " + from);
+        (void)around_.wire.acknowledge(reply); // else it comes again
+        return;
+    }
+    if (!joined_ && early_.size() < bounds::kLinks) {
+        early_[from] = {bytes, reply}; // one of each sender, until the name is sure
+        return;
+    }
+    if (!joined_ || (knownPeer(from) == nullptr && peers_.size() >= bounds::kLinks)) {
+        return; // it comes again
+    }
+    KeptLine& line = keptLines_[from];
+    const bool isSame = frame.senderLife == line.life && frame.number == line.message;
+    if (isSame && line.state == KeptLine::State::handedOver) {
+        line.reply = reply;
+        return; // its end acknowledges it
+    }
+    const Journal::State state = journal_.state(from, frame.senderLife, frame.number);
+    if (state == Journal::State::over || (isSame && line.state == KeptLine::State::done)) {
+        (void)around_.wire.acknowledge(reply); // the last one was lost
+        return;
+    }
+    if (line.state == KeptLine::State::handedOver) {
+        return; // another one is; this comes again
+    }
+    line.isAsked = isSame && line.isAsked;
+    line.reply = reply;
+    line.life = frame.senderLife;
+    line.message = frame.number;
+    if (state == Journal::State::begun) {
+        around_.log("a request from " + from +
+                    " is not handed over again: it may have been, before this link's start");
+        finish(peer(from), line.life, line.message, true, Outcome::lost);
+        return;
+    }
+    line.state = KeptLine::State::waits;
+    line.arrivedAt = around_.now();
+    line.frame = bytes;
+    if (frame.head.remainingMilliseconds < 0 || line.arrivedAt < line.aheadUntil) {
+        handOver(from, line);
+        return;
+    }
+    if (std::exchange(line.isAsked, true)) {
+        around_.log("kept requests from " + from + " wait: the servers do not say how long they did");
+    }
+    (void)around_.wire.askClock(from); // lost: it comes again, and is asked again
+}
+
+// What the servers said of the last one that they gave: both times are of their clock, so that no
+// clock of another machine is relied on.
+void Link::clockArrived(const std::string& from, const std::string& answer) {
+    const auto found = keptLines_.find(from);
+    const int64_t served = servedAt(answer);
+    if (found == keptLines_.end() || served < 0 || found->second.state != KeptLine::State::waits) {
+        return;
+    }
+    KeptLine& line = found->second;
+    line.aheadMilliseconds = served - line.arrivedAt;
+    line.aheadUntil = line.arrivedAt + kClockMilliseconds;
+    handOver(from, line);
+}
+
+void Link::handOver(const std::string& from, KeptLine& line) {
+    Frame frame;
+    if (!decode(line.frame, frame)) {
+        return; // it has been looked at
+    }
+    Channel::Arrival arrival{frame.number, frame.head, std::string(frame.text), frame.senderLife};
+    line.frame.clear();
+    int64_t& left = arrival.head.remainingMilliseconds;
+    if (left >= 0) {
+        const int64_t waited = line.arrivedAt + line.aheadMilliseconds - storedAt(line.reply);
+        left -= std::clamp<int64_t>(waited, 0, left);
+        if (left == 0) {
+            finish(peer(from), line.life, line.message, true, Outcome::expired);
+            return;
+        }
+    }
+    if (!journal_.begin(from, line.life, line.message)) {
+        around_.log("kept requests from " + from + " wait: the journal cannot be written");
+        line.state = KeptLine::State::none; // it comes again
+        return;
+    }
+    line.state = KeptLine::State::handedOver;
+    requestArrived(peer(from), arrival);
+}
+
+// A request from elsewhere has ended here: its sender is told, as soon as it is heard, and it need
+// not be kept any more.
+void Link::finish(Peer& peer, uint64_t life, uint64_t message, bool isKept, Outcome outcome) {
+    if (peer.channel.otherLife() == life) {
+        peer.channel.tell(message, outcome, around_.now());
+    } else if (isKept) {
+        peer.untold.emplace_back(life, message, outcome);
+        if (peer.untold.size() > bounds::kUntold) {
+            peer.untold.pop_front();
+        }
+    }
+    const auto line = keptLines_.find(peer.name);
+    if (isKept && line != keptLines_.end()) {
+        line->second.state = KeptLine::State::done;
+        (void)around_.wire.acknowledge(line->second.reply); // lost: it comes again
+    }
+}
+
+void Link::tellUntold(Peer& peer) {
+    for (const auto& [life, message, outcome] : std::exchange(peer.untold, {})) {
+        if (life == peer.channel.otherLife()) {
+            peer.channel.tell(message, outcome, around_.now());
+        }
+    }
+}
+
+} // namespace convey_link
