@@ -157,11 +157,7 @@ private:
 
     void readUse(const toml::table& table) {
         known(table, "use", {"app", "at", "durable"});
-        // Said at once, where somebody reads it: who relies on it would lose what it promises.
-        if (flag(table, "durable")) {
-            fault("use: durable = true is not supported yet; requests wait in memory");
-        }
-        Use use{text(table, "app", true), name(table, "at")};
+        Use use{text(table, "app", true), name(table, "at"), flag(table, "durable")};
         const Convey::Specifier specifier(use.app.c_str(), false);
         if (specifier.version().isEmpty() || !specifier.suffix().isEmpty() ||
             specifier.view() != use.app || !isPortName(use.app)) {

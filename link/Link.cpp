@@ -557,6 +557,8 @@ std::string Link::status() const {
                  {"server", server_},
                  {"requests_here", owed_.size()},
                  {"requests_elsewhere", conversations_.size()},
+                 {"requests_kept", keeper_.kept()},
+                 {"requests_to_keep", keeper_.waiting()},
                  {"links", Json::array()},
                  {"uses", Json::array()},
                  {"offers", Json::array()}};

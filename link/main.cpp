@@ -1,5 +1,6 @@
 // convey-link: joins this user's Convey to that of other machines, over NATS.
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -15,6 +16,7 @@
 
 #include "link/Bounds.h"
 #include "link/Configuration.h"
+#include "link/Frame.h"
 #include "link/Link.h"
 #include "link/Registrations.h"
 #include "link/Wire.h"
@@ -73,6 +75,18 @@ std::string placesFolder() {
                                                 : "/tmp/convey-link-" + std::to_string(getuid());
 }
 
+// What must outlive the session and the link.
+std::string journalFolder(const Configuration& configuration) {
+    // NOLINTBEGIN(concurrency-mt-unsafe): nothing here changes the environment
+    const char* const state = std::getenv("XDG_STATE_HOME");
+    const char* const home = std::getenv("HOME");
+    // NOLINTEND(concurrency-mt-unsafe)
+    const std::string base = state != nullptr && *state == '/' ? std::string(state)
+                             : home != nullptr                 ? std::string(home) + "/.local/state"
+                                                               : std::string();
+    return base + "/convey-link/" + streamOf(configuration.realm, configuration.name);
+}
+
 int check(const std::string& file) {
     Configuration configuration;
     std::vector<std::string> faults;
@@ -97,7 +111,8 @@ int check(const std::string& file) {
         }
     }
     for (const Use& use : configuration.uses) {
-        std::cout << "uses " << use.app << " at " << use.at << '\n';
+        std::cout << "uses " << use.app << " at " << use.at
+                  << (use.durable ? ", and requests wait on the servers' disks" : "") << '\n';
     }
     return kDone;
 }
@@ -175,6 +190,31 @@ int launchInItsPlace(const std::string& app) {
                                                               : !isOwned(pendingName);
         }
     }
+    return kDone;
+}
+
+int store(const std::string& file, const std::string& from, const std::vector<std::string>& to) {
+    Configuration configuration;
+    std::vector<std::string> faults;
+    if (!readConfiguration(file, configuration, faults)) {
+        for (const std::string& fault : faults) {
+            say(fault);
+        }
+        return kBadFile;
+    }
+    std::vector<std::string> all = to;
+    all.push_back(from);
+    if (!std::all_of(all.begin(), all.end(), isName)) {
+        say("names of links are letters, digits, _ and -");
+        return kUsage;
+    }
+    std::string error;
+    if (!makeStream(configuration, from, to, error)) {
+        say("the servers make no stream: " + error);
+        return kRefused;
+    }
+    std::cout << "requests from " << from << " wait in " << streamOf(configuration.realm, from)
+              << '\n';
     return kDone;
 }
 
@@ -267,7 +307,8 @@ int run(const std::string& file) {
             return done;
         };
         Link link(configuration, life | 1,
-                  {*wire, ports, *wait, registrations, launch, say, now});
+                  {*wire, ports, *wait, registrations, launch, say, now,
+                   journalFolder(configuration)});
         bool woken = true;
         int64_t toldAt = 0;
         while (!stop && link.state() == Link::State::goesOn) {
@@ -306,6 +347,13 @@ int start(int argc, char** argv) {
         ->type_name("FILE");
     CLI::App* const asks = app.add_subcommand("status", "say who is there");
     asks->add_flag("--json", asJson, "as JSON");
+    std::string from;
+    std::vector<std::string> to;
+    CLI::App* const stores =
+        app.add_subcommand("store", "have the servers keep the requests of a link for others");
+    stores->add_option("FILE", file, "whom to reach, and as whom")->required();
+    stores->add_option("FROM", from, "the link whose uses are durable")->required();
+    stores->add_option("TO", to, "the links at which they are")->required();
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -313,6 +361,9 @@ int start(int argc, char** argv) {
     }
     if (asks->parsed()) {
         return status(asJson);
+    }
+    if (stores->parsed()) {
+        return store(file, from, to);
     }
     if (!checked.empty()) {
         return check(checked);

@@ -6,13 +6,13 @@ _convey_link() {
         mapfile -t COMPREPLY < <(compgen -W '--json --help' -- "$current")
         return
     fi
-    if [ "$COMP_CWORD" -gt 1 ] && [ "$previous" != --check ]; then
+    if [ "$COMP_CWORD" -gt 1 ] && [ "$previous" != --check ] && [ "$previous" != store ]; then
         return
     fi
     compopt -o filenames 2>/dev/null
     mapfile -t COMPREPLY < <(compgen -f -X '!*.toml' -- "$current"; compgen -d -- "$current")
     if [ "$COMP_CWORD" -eq 1 ]; then
-        mapfile -t -O ${#COMPREPLY[@]} COMPREPLY < <(compgen -W 'status --check --help --version' -- "$current")
+        mapfile -t -O ${#COMPREPLY[@]} COMPREPLY < <(compgen -W 'status store --check --help --version' -- "$current")
     fi
 }
 complete -F _convey_link convey-link

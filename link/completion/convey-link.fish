@@ -2,6 +2,7 @@
 complete -c convey-link -f
 set -l first 'test (count (commandline -opc)) -eq 1'
 complete -c convey-link -n $first -a status -d 'Who is there'
+complete -c convey-link -n $first -a store -d 'Have requests wait on disk'
 complete -c convey-link -n $first -l check -d 'Say what a file does'
 complete -c convey-link -n $first -l version -d 'Print the version'
 complete -c convey-link -l help -d Explain

@@ -70,7 +70,7 @@ TEST(ConfigurationTest, saysWhatIsWrong) {
         {"\"diary-1.0\"", "\"diary-*\"", "use: "},
         {"\"diary-1.0\"", "\"Diary-1.0\"", "use: "},
         {"at = \"desk\"", "at = \"workshop\"", "use: "},
-        {"at = \"desk\"", "at = \"desk\"\ndurable = true", "use: durable"},
+        {"at = \"desk\"", "at = \"desk\"\ndurable = 1", "durable: "},
         {"at = \"desk\"", "at = \"desk\"\n[[use]]\napp = \"diary-1.0\"\nat = \"x\"", "use: "},
         {"[[use]]", "[[use", "line "},
     };

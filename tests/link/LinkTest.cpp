@@ -2,6 +2,7 @@
 #include <csignal>
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <sys/stat.h>
 
 #include "tests/e2e/Scene.h"
@@ -37,9 +38,9 @@ protected:
     void startServer() {
         const std::string ports = folder.file("ports");
         std::filesystem::create_directories(ports);
-        server = std::make_unique<RunningProcess>(
-            std::vector<std::string>{NATS_SERVER, "-a", "127.0.0.1", "-p", port, "--ports_file_dir",
-                                     ports, "-l", folder.file("server.log")});
+        server = std::make_unique<RunningProcess>(std::vector<std::string>{
+            NATS_SERVER, "-a", "127.0.0.1", "-p", port, "--ports_file_dir", ports, "-l",
+            folder.file("server.log"), "-js", "-sd", folder.file("disk")});
         EXPECT_TRUE(eventually([&] {
             for (const auto& file : std::filesystem::directory_iterator(ports)) {
                 const auto json = nlohmann::json::parse(TemporaryFolder::read(file.path().string()),
@@ -247,6 +248,87 @@ TEST_F(LinkTest, launchesWhatIsOfferedForThatAndNothingElse) {
     EXPECT_NE(sent.out.find("result: echo: launched by it\nprocessed\n"), std::string::npos)
         << sent.out;
     endLaunched();
+}
+
+// What is on the servers' disks outlives the sender's link and the server, and comes to the target
+// when its link does; a link that dies while it hands over costs one request at most, and doubles
+// none.
+TEST_F(LinkTest, keepsRequestsOnDiskForALinkThatIsAway) {
+    write(desk, "[[use]]\napp = \"lumen-2.5-en_us\"\nat = \"workshop\"\ndurable = true\n");
+    ASSERT_EQ(run(desk, {LINK, "store", folder.file("desk.toml"), "desk", "workshop"}).exitStatus,
+              0);
+    const auto says = [&](const char* key, long wanted) {
+        return eventually([&] {
+            const auto status =
+                nlohmann::json::parse(run(desk, {LINK, "status", "--json"}).out, nullptr, false);
+            return status.is_object() && status.value("connected", false) &&
+                   status.value(key, -1L) == wanted;
+        });
+    };
+    long sent = 0;
+    const auto send = [&](long count) {
+        for (const long end = sent + count; sent < end;) {
+            const ProcessResult one = run(desk, {CONVEY_PROGRAM, "send", "lumen-2.5-en_us",
+                                                 "--body", std::to_string(++sent), "--wait", "0"});
+            ASSERT_EQ(one.out, "sent\n") << one.err;
+        }
+    };
+    const long count = scaled(50);
+    join(desk);
+    ASSERT_TRUE(says("requests_kept", 0));
+    send(count);
+    ASSERT_TRUE(says("requests_kept", count));
+    server->signal(SIGKILL);
+    (void)server->finish();
+    send(1); // lies with the link until there is a disk
+    startServer();
+    ASSERT_TRUE(says("requests_kept", count + 1));
+    desk.link->signal(SIGKILL);
+    (void)desk.link->finish();
+    join(desk);
+    ASSERT_TRUE(says("requests_kept", 0));
+    send(5);
+    ASSERT_TRUE(says("requests_kept", 5));
+    // This one is told what became of its request.
+    RunningProcess asker(ask("asked"), desk.environment);
+    EXPECT_EQ(asker.readLine(), "sent");
+    ASSERT_TRUE(says("requests_kept", 6));
+
+    const auto target = host("lumen-2.5-en_us", {}, workshop.environment);
+    join(workshop);
+    std::vector<std::string> handled;
+    const auto handle = [&](const std::string& last) {
+        while (handled.empty() || handled.back() != last) {
+            const std::string line = target->readLine();
+            ASSERT_NE(line, "") << handled.size() << " of " << sent << " were handled";
+            handled.push_back(line.substr(line.rfind(' ') + 1));
+        }
+    };
+    handle("asked");
+    EXPECT_EQ(asker.readLine(), "received");
+    EXPECT_EQ(asker.readLine(), "result: echo: asked");
+    std::vector<std::string> wanted;
+    for (long i = 1; i <= sent; ++i) {
+        wanted.push_back(std::to_string(i));
+    }
+    wanted.emplace_back("asked");
+    EXPECT_EQ(handled, wanted);
+
+    handled.clear();
+    const long before = sent;
+    target->signal(SIGSTOP); // it takes what it has room for
+    send(5);
+    workshop.link->signal(SIGKILL);
+    (void)workshop.link->finish();
+    target->signal(SIGCONT);
+    join(workshop);
+    send(1);
+    handle(std::to_string(sent));
+    EXPECT_TRUE(std::is_sorted(handled.begin(), handled.end(), [](const auto& a, const auto& b) {
+        return std::stol(a) < std::stol(b);
+    }));
+    EXPECT_EQ(std::set<std::string>(handled.begin(), handled.end()).size(), handled.size());
+    EXPECT_GE(static_cast<long>(handled.size()), sent - before - 1);
 }
 
 TEST_F(LinkTest, refusesANameThatIsUsedTwice) {

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import json
 import re
 import signal
 import time
@@ -91,6 +92,25 @@ def test_servers_that_have_no_time_are_tried_again(world: World) -> None:
     stand_still(link, 2)
     link.says("reconnected to ")
     assert link.end() == 0
+
+
+def test_requests_wait_on_the_disks_of_the_servers(pair: Pair) -> None:
+    """With the example's permissions: who may not make streams has its requests kept in one."""
+    desk, keeper = pair.desk, pair.world["attic"]
+    keeper.keys("keeper@studio")
+    store = ("convey-link", "store", keeper.configure(name='"keeper"'), "desk", "workshop")
+    eventually("the servers make a stream", lambda: "wait in" in keeper.run(*store, status=None))
+    desk.join(USE + "durable = true\n")
+    numbers = [str(number) for number in range(10)]
+    for number in numbers:
+        desk.run("convey", "send", LUMEN, "--wait", "0", "--body", number)
+    eventually("they are kept", lambda: bool(json.loads(
+        desk.run("convey-link", "status", "--json"))["requests_kept"] == len(numbers)))
+    pair.world.servers[1].kill()
+    lumen = pair.workshop.start("host", LUMEN, log="lumen.log", first=f"running as {LUMEN}")
+    pair.workshop.join(OFFER)
+    lumen.says(f" {numbers[-1]}\n", seconds=60)
+    assert re.findall(r": (\d+)\n", lumen.said()) == numbers
 
 
 def test_one_of_this_machine_wins(pair: Pair) -> None:

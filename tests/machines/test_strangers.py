@@ -100,5 +100,10 @@ def test_the_permissions_of_the_example(world: World) -> None:
     """What each of the realm may not say or hear."""
     said = by_hand(world["desk"], "SUB convey.studio.workshop.* 1\\r\\n", "SUB convey.> 2\\r\\n", "SUB _INBOX.> 3\\r\\n",
                    frame("convey.studio.workshop.attic", b"x"), frame("convey.studio.desk.workshop", b"x"),
-                   frame("convey.gallery.front.desk", b"x"), frame("$SYS.REQ.SERVER.PING", b"x"))
-    assert said.count("Permissions Violation") == 7
+                   frame("convey.gallery.front.desk", b"x"), frame("$SYS.REQ.SERVER.PING", b"x"),
+                   # With a stream or a consumer of its own it could hear what is meant for others.
+                   frame("$JS.API.STREAM.CREATE.own", b"{}"), frame("$JS.API.STREAM.MSG.GET.own", b"{}"),
+                   frame("$JS.API.CONSUMER.CREATE.own", b"{}"), frame("$JS.API.CONSUMER.DURABLE.CREATE.own.desk", b"{}"),
+                   frame("$JS.ACK.own.workshop.1.1.1.1.0", b"+ACK"), frame("convey.studio.workshop.keep.attic", b"x"),
+                   "SUB convey.studio.workshop.kept.from 4\r\n")
+    assert said.count("Permissions Violation") == 14
