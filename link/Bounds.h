@@ -42,6 +42,8 @@ inline constexpr size_t kKeptMessages = size("link.kept-messages");
 // Requests whose answers are under way, and questions to background threads.
 inline constexpr size_t kPending = size("link.pending");
 inline constexpr size_t kPings = size("link.pings");
+// Of a question that is kept until its link is heard again; longer ones are asked once.
+inline constexpr size_t kPingBytes = size("link.ping");
 // Senders from elsewhere that have a port here; each costs two descriptors.
 inline constexpr size_t kAliases = size("link.senders");
 // Links that are known: those of the configuration, and those that may use what is offered.
@@ -66,6 +68,11 @@ inline constexpr int64_t kHelloMilliseconds = limits::ofLink("link.hello");
 inline constexpr int64_t kAwayMilliseconds = limits::ofLink("link.hello-away");
 // Two hellos, and the way: a lost one is no absence.
 inline constexpr int64_t kSilentMilliseconds = limits::ofLink("link.silence");
+// Nobody listens for one that was there a moment ago: it may be on its way to another server. Above
+// what a reconnection and the news of it take in a cluster, below the two seconds that
+// `check_running` has.
+inline constexpr int64_t kDoubtMilliseconds = limits::ofLink("link.doubt");
+inline constexpr int64_t kDoubtHelloMilliseconds = 250;
 // Many small acknowledgements go as one; a window is never used up in this time on a fast network.
 inline constexpr int64_t kAcknowledgeMilliseconds = 20;
 // Until what was not acknowledged is sent again: above two ways through the slowest network that

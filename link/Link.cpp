@@ -142,11 +142,7 @@ void Link::takeEvents() {
             break;
         case Wire::EventKind::absent:
             if (Peer* const peer = knownPeer(event.link)) {
-                if (peer->isUsed && !peer->here && !std::exchange(peer->absenceTold, true)) {
-                    around_.log(peer->name + " is away: no responders");
-                }
-                leave(*peer, "no responders");
-                notRunning(*peer);
+                missed(*peer);
             }
             break;
         case Wire::EventKind::connected:
@@ -160,6 +156,7 @@ void Link::takeEvents() {
             server_ = "-";
             for (const auto& [name, peer] : peers_) {
                 leave(*peer, "disconnected");
+                peer->doubtEnd = 0;
             }
             break;
         case Wire::EventKind::refused:
@@ -247,6 +244,8 @@ void Link::takeFrame(const std::string& from, const std::string& bytes) {
     if (frame.kind == FrameKind::bye) {
         if (frame.senderLife == peer.channel.otherLife()) {
             leave(peer, "ended");
+            peer.heardAt = INT64_MIN; // it will not come back in this life
+            peer.doubtEnd = 0;
         }
         return;
     }
@@ -318,18 +317,49 @@ bool Link::meet(Peer& peer, const Frame& frame) {
         tellUntold(peer);
     }
     peer.heardAt = around_.now();
-    if (!peer.here && greets) {
-        peer.here = true;
+    if (greets) {
+        comeBack(peer, frame.kind == FrameKind::hello);
+    }
+    return true;
+}
+
+// It has been heard: what was sent while it was not may be lost.
+void Link::comeBack(Peer& peer, bool greeted) {
+    const bool wasMissed = std::exchange(peer.doubtEnd, 0) != 0;
+    if (peer.here && !wasMissed) {
+        return;
+    }
+    if (!std::exchange(peer.here, true)) {
         peer.absenceTold = true; // from now on each change is
         statusChanged_ = true;
         around_.log(peer.name + " is here");
-        peer.channel.sendAgain();
-        // It may be new: then it does not know what is wanted of it.
-        if (peer.isUsed && frame.kind == FrameKind::hello) {
-            greet(peer);
-        }
     }
-    return true;
+    peer.channel.sendAgain();
+    // It may be new: then it does not know what is wanted of it.
+    if (peer.isUsed && greeted) {
+        greet(peer);
+    }
+    askAgain(peer);
+}
+
+// Nobody listens for it. One that was heard just now may be on its way to another server: until it
+// must have come back it counts as it did, and is asked again.
+void Link::missed(Peer& peer) {
+    const int64_t now = around_.now();
+    if (peer.doubtEnd == 0 && peer.heardAt > now - bounds::kSilentMilliseconds) {
+        peer.doubtEnd = now + bounds::kDoubtMilliseconds;
+    }
+    if (now < peer.doubtEnd) {
+        peer.greetAt = std::min(peer.greetAt, now + bounds::kDoubtHelloMilliseconds);
+        return;
+    }
+    peer.doubtEnd = 0;
+    peer.heardAt = INT64_MIN;
+    if (peer.isUsed && !peer.here && !std::exchange(peer.absenceTold, true)) {
+        around_.log(peer.name + " is away: no responders");
+    }
+    leave(peer, "no responders");
+    notRunning(peer);
 }
 
 void Link::leave(Peer& peer, const std::string& why) {
@@ -355,8 +385,9 @@ void Link::greet(Peer& peer) {
         }
     }
     (void)publish(peer, hello); // the next one is sent in any case
-    peer.greetAt =
-        around_.now() + (peer.here ? bounds::kHelloMilliseconds : bounds::kAwayMilliseconds);
+    peer.greetAt = around_.now() + (peer.doubtEnd != 0 ? bounds::kDoubtHelloMilliseconds
+                                    : peer.here        ? bounds::kHelloMilliseconds
+                                                       : bounds::kAwayMilliseconds);
 }
 
 void Link::takePresence(Peer& peer, const Frame& frame) {
@@ -471,6 +502,7 @@ int64_t Link::regularly() {
     const int64_t now = around_.now();
     if (!joined_ && connected_ && joinAt_ <= now && state_ == State::goesOn) {
         joined_ = true;
+        statusChanged_ = true;
         around_.log("ready: " + configuration_.realm + "/" + configuration_.name + " at " +
                     server_);
         regularAt_ = 0;

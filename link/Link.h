@@ -98,6 +98,8 @@ private:
     bool isRunning(const std::string& app);
     void sendPresence(Peer& peer, bool always);
     void greet(Peer& peer);
+    void missed(Peer& peer);
+    void comeBack(Peer& peer, bool greeted);
     void leave(Peer& peer, const std::string& why);
     void setState(Used& used, AppState state, const std::string& why);
     void openPorts(Used& used);
@@ -123,6 +125,8 @@ private:
     bool takeFrom(Port& port, const std::function<void(Text&)>& handle);
     void requestTaken(Used& used, Text& message);
     void pingTaken(Used& used, Text& message);
+    bool sendPing(Peer& peer, uint64_t number, const AskedPing& ping, std::string_view text);
+    void askAgain(Peer& peer);
     void replyTaken(Alias& alias, Text& message);
     void launchTaken(const Text& message);
     void launch(Used& used, std::string parameters);

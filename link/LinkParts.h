@@ -53,6 +53,7 @@ struct Link::Peer {
     bool here = false;
     bool isUsed = false;      // by this link
     bool absenceTold = false; // of one that was never there
+    int64_t doubtEnd = 0;     // not 0: it was there, nobody listens, and until then it may come back
     int64_t heardAt = 0;
     int64_t greetAt = 0;
     std::vector<std::string> wanted; // the applications that it asks about
@@ -119,6 +120,7 @@ struct Link::AskedPing {
     std::string target;
     std::string serial;
     int64_t until = 0;
+    std::string text; // empty for one that is asked once
 };
 
 struct Link::ForeignPing {

@@ -29,34 +29,56 @@ void Link::pingTaken(Used& used, Text& message) {
     }
     const int64_t now = around_.now();
     Peer& to = peer(used.use.at);
-    if (askedPings_.size() >= bounds::kPings || !connected_) {
+    if (askedPings_.size() >= bounds::kPings) {
         return; // its asker is told by its own time
     }
-    const std::string target = used.use.app + std::string(kThreadSuffix);
-    const uint64_t number = ++lastPing_;
-    const int64_t remaining =
-        std::min(deadlineOf(message, now) - now, bounds::kPingMilliseconds);
-    askedPings_[number] = {to.name, std::string(asker), target,
-                           std::string(message.get(kSerial)), now + remaining};
     const std::string_view echo = message.get(kEcho);
     const size_t mark = echo.find('=');
     if (isForwarding(echo) && mark != std::string_view::npos) {
         contacts_[{std::string(echo.substr(mark + 1)), to.name}] =
             now + bounds::kAliasMilliseconds;
     }
-    Frame ping = frame(FrameKind::ping, &to);
-    ping.head = {MessageKind::ping, std::string(asker), target, remaining, number,
-                 Outcome::delivered};
+    AskedPing ping{to.name,
+                   std::string(asker),
+                   used.use.app + std::string(kThreadSuffix),
+                   std::string(message.get(kSerial)),
+                   std::min(deadlineOf(message, now), now + bounds::kPingMilliseconds),
+                   {}};
     for (const std::string_view line : {kVouch, kSender, kTarget, kSerial}) {
         message.remove(line);
     }
     const std::string text = message.writePlain();
-    if (text.size() > bounds::kPartBytes) {
-        (void)to.channel.queue(ping.head, text, now + remaining);
-        return;
+    const uint64_t number = ++lastPing_;
+    if (!sendPing(to, number, ping, text)) {
+        to.greetAt = std::min(to.greetAt, now + bounds::kDoubtHelloMilliseconds);
     }
-    ping.text = text;
-    (void)publish(to, ping); // lost: its asker is told by its own time
+    if (text.size() <= bounds::kPingBytes) {
+        ping.text = text;
+    }
+    askedPings_[number] = std::move(ping);
+}
+
+// False when it cannot go out now. One that is lost is asked again when its link is heard, or its
+// asker is told by its own time.
+bool Link::sendPing(Peer& peer, uint64_t number, const AskedPing& ping, std::string_view text) {
+    const int64_t remaining = std::max<int64_t>(ping.until - around_.now(), 0);
+    Frame frame = this->frame(FrameKind::ping, &peer);
+    frame.head = {MessageKind::ping, ping.asker, ping.target, remaining, number,
+                  Outcome::delivered};
+    if (text.size() > bounds::kPartBytes) {
+        (void)peer.channel.queue(frame.head, std::string(text), ping.until);
+        return true;
+    }
+    frame.text = text;
+    return publish(peer, frame);
+}
+
+void Link::askAgain(Peer& peer) {
+    for (const auto& [number, ping] : askedPings_) {
+        if (ping.link == peer.name && !ping.text.empty()) {
+            (void)sendPing(peer, number, ping, ping.text);
+        }
+    }
 }
 
 void Link::pingArrived(Peer& peer, const MessageHead& head, std::string_view text, int64_t now) {

@@ -565,6 +565,7 @@ TEST_F(ConveyToolTest, speaksJson) {
         EXPECT_GT(limit["value"], 0) << limit;
         EXPECT_NE(limit["reason"], "") << limit;
     }
+    EXPECT_NE(bounds.dump().find("\"link.doubt\""), std::string::npos) << "the link's, too";
     const Json all = json({"ports"});
     ASSERT_EQ(all["ports"].size(), 3U) << all;
     EXPECT_EQ(all["ports"][0]["name"], "lumen-2.5-en_us");

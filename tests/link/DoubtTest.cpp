@@ -1,0 +1,97 @@
+// A link over a network, ports and a clock of the test's own: what is said of one that nobody
+// hears.
+#include <algorithm>
+
+#include "scriptobjects/convey/SoCVWords.h"
+#include "tests/link/LinkOnFakes.h"
+
+namespace convey_link {
+namespace {
+
+class DoubtTest : public LinkOnFakes {
+protected:
+    DoubtTest() {
+        configuration.uses.push_back({kLumen, "workshop"});
+        begin();
+        greets();
+    }
+
+    void nobodyListens() { happens({Wire::EventKind::absent, "workshop", {}}); }
+    // The workshop says that lumen runs.
+    void greets() {
+        Frame presence;
+        presence.kind = FrameKind::presence;
+        presence.senderLife = kOtherLife;
+        presence.apps = {{kLumen, AppState::running}};
+        happens({Wire::EventKind::frame, "workshop", encode(presence)});
+    }
+    void ask() {
+        Text ping;
+        ping.set(kTarget, kLumen + "#thread");
+        ping.set(kSender, "asker-1.0");
+        ping.set(kType, ScObjects::ConveyData::CV_TYPE_PING);
+        ping.set(kEcho, "STATUS");
+        ping.set(kSerial, "5");
+        ping.set(kTimeoutLine, "60");
+        ASSERT_EQ(ports.send(prefix + kLumen + "#thread", ping.write(), 0),
+                  platform::SendResult::delivered);
+        (void)link->step(true);
+    }
+    size_t pingsSent() const {
+        return static_cast<size_t>(
+            std::count_if(wire.sent.begin(), wire.sent.end(),
+                          [](const auto& one) { return one.first == FrameKind::ping; }));
+    }
+};
+
+TEST_F(DoubtTest, oneThatChangesServersIsAskedAgainAndNotSaidToBeAbsent) {
+    ask();
+    ASSERT_EQ(pingsSent(), 1u);
+    nobodyListens();
+    passes(bounds::kDoubtMilliseconds - 200);
+    nobodyListens();
+    EXPECT_EQ(told(), "");
+    EXPECT_NE(link->status().find("\"state\":\"here\""), std::string::npos) << link->status();
+    greets();
+    ASSERT_EQ(pingsSent(), 2u);
+    Frame pong;
+    pong.kind = FrameKind::pong;
+    pong.senderLife = kOtherLife;
+    pong.head = {
+        MessageKind::pong, kLumen + "#thread", "asker-1.0", 0, wire.sent.back().second.pingNumber,
+        Outcome::delivered};
+    const std::string text = "STATUS: IDLE\nContent-Length: 0\n\n";
+    pong.text = text;
+    happens({Wire::EventKind::frame, "workshop", encode(pong)});
+    const std::string answer = told();
+    EXPECT_NE(answer.find("STATUS: IDLE"), std::string::npos) << answer;
+    // The next absence is looked at for as long as the first.
+    ask();
+    nobodyListens();
+    EXPECT_EQ(told(), "");
+}
+
+TEST_F(DoubtTest, oneThatDoesNotComeBackIsAbsentAndAtOnceFromThenOn) {
+    ask();
+    nobodyListens();
+    passes(bounds::kDoubtMilliseconds);
+    nobodyListens();
+    EXPECT_NE(told().find("ISNOTRUNNING"), std::string::npos);
+    EXPECT_NE(link->status().find("\"state\":\"away\""), std::string::npos) << link->status();
+    ask();
+    nobodyListens();
+    EXPECT_NE(told().find("ISNOTRUNNING"), std::string::npos);
+}
+
+TEST_F(DoubtTest, oneThatSaidGoodbyeIsAbsentAtOnce) {
+    Frame bye;
+    bye.kind = FrameKind::bye;
+    bye.senderLife = kOtherLife;
+    happens({Wire::EventKind::frame, "workshop", encode(bye)});
+    ask();
+    nobodyListens();
+    EXPECT_NE(told().find("ISNOTRUNNING"), std::string::npos);
+}
+
+} // namespace
+} // namespace convey_link
