@@ -1,0 +1,75 @@
+"""What a link costs beside bare clients of the same server: a request and its result, messages one
+way, large texts, and a link that has nothing to do.
+
+Usage: machines.py [ROUNDS] [MESSAGES], with the environment of tests/machines."""
+
+from __future__ import annotations
+
+import pathlib
+import sys
+import time
+
+sys.path.insert(0, str(pathlib.Path(__file__).parents[2] / "tests" / "machines"))
+from world import PROGRAMS, Machine, World  # which stands there
+
+ENDS = PROGRAMS / "machines_ends"
+APP = "echo-1.0"
+
+
+def measured(machine: Machine, *command: str) -> dict[str, float]:
+    printed = machine.run("sh", "-c", 'cd .config/convey && exec "$@"', "sh", ENDS, *command, seconds=600)
+    return {name: float(value) for name, value in map(str.split, printed.splitlines())}
+
+
+def switches(pid: int) -> int:
+    """How often the threads of a process were woken up."""
+    total = 0
+    for status in pathlib.Path(f"/proc/{pid}/task").glob("*/status"):
+        for line in status.read_text(encoding="ascii").splitlines():
+            if line.startswith("voluntary_ctxt_switches:"):
+                total += int(line.split()[1])
+    return total
+
+
+def main(rounds: str = "2000", messages: str = "50000") -> None:
+    with World(("desk", "workshop")) as world:
+        desk, workshop = world["desk"], world["workshop"]
+        for machine in (desk, workshop):
+            machine.keys()
+        # Past the network of the tests, which has costs of its own.
+        server = f"tls://{world.door(1)}"
+        # Bare clients, as the servers' permissions allow them; both at the same server.
+        bare = workshop.start("sh", "-c", 'cd .config/convey && exec "$@"', "sh", ENDS, "client-answer", server,
+                              "workshop", "convey.studio.workshop.*", log="bare", first="ready")
+        of_nats = measured(desk, "client-ask", server, "desk", "convey.studio.workshop.desk",
+                           "convey.studio.desk.workshop", rounds, messages)
+        bare.kill()
+        # Applications of one machine.
+        local = desk.start(ENDS, "answer", APP, log="local", first="ready")
+        of_one = measured(desk, "ask", "asker-1.0", APP, rounds, messages)
+        local.end()
+        # Of two. The links use the same server.
+        one = {"servers": f'["{server}"]'}
+        workshop.add(APP)
+        workshop.join(f'[[offer]]\napp = "{APP}"\nto = ["desk"]\n', **one)
+        workshop.start(ENDS, "answer", APP, log="far", first="ready")
+        link = desk.join(f'[[use]]\napp = "{APP}"\nat = "workshop"\n', **one)
+        link.says(f"{APP} at workshop: runs")
+        of_two = measured(desk, "ask", "asker-1.0", APP, rounds, messages)
+        time.sleep(2)  # what was is over
+        before, seconds = switches(link.pid), 20
+        time.sleep(seconds)
+        idle = (switches(link.pid) - before) / seconds
+    most = 2 * of_nats["request"] + 2 * of_one["request"]
+    print("| between two machines | by links | beside | ratio | at most |\n|---|---|---|---|---|")
+    print(f"| request and result, 300 bytes | {of_two['request'] * 1e6:.0f} µs | twice {of_nats['request'] * 1e6:.0f} µs bare "
+          f"and {of_one['request'] * 1e6:.0f} µs local | {of_two['request'] / most:.2f} | 1 |")
+    for name, what, bound in ("message", "one way, 300 bytes, each", 2), ("large", "one way, 16 MiB, each", 1 / 0.7):
+        print(f"| {what} | {of_two[name] * 1e6:.1f} µs | {of_nats[name] * 1e6:.1f} µs bare, "
+              f"{of_one[name] * 1e6:.1f} µs local | "
+              f"{of_two[name] / of_nats[name]:.2f} | {bound:.2f} |")
+    print(f"| a link with nothing to do | {idle:.2f} wake-ups/s | | | 1 beyond the client library's |")
+
+
+if __name__ == "__main__":
+    main(*sys.argv[1:])
