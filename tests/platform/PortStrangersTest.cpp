@@ -331,7 +331,9 @@ TEST_F(PortStrangersTest, tenThousandHalfSentTextsHinderNobody) {
     ASSERT_EQ(finished, kProcesses);
     EXPECT_LE(port->statistics().connections, 512U);
     EXPECT_GE(port->statistics().overLimit, 1U);
-    EXPECT_LT(memory(), before + (size_t{64} << 20)) << "memory is given as texts arrive";
+    if (std::getenv("CONVEY_TEST_DIVISOR") == nullptr) { // a sanitizer marks each byte of a block
+        EXPECT_LT(memory(), before + (size_t{64} << 20)) << "memory is given as texts arrive";
+    }
     EXPECT_EQ(ports.send(kName, "a neighbour that behaves", kGenerous), SendResult::delivered);
     EXPECT_EQ(takeOne(*port), "a neighbour that behaves");
     for (const pid_t child : processes) {
