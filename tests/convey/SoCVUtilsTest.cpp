@@ -163,7 +163,7 @@ TEST_F(HomeTest, foldersFilesAndAliases) {
     home.write("alias", "in the way");
     EXPECT_TRUE(Utils::createAlias(folder, alias));
     EXPECT_EQ(Utils::resolveAlias(alias), Utils::resolveAlias(folder));
-    for (const char* leadsNowhere : {"/nonexistent", "relative", ""}) {
+    for (const char* leadsNowhere : {"/nonexistent", "relative", ".", ""}) {
         EXPECT_FALSE(Utils::createAlias(leadsNowhere, alias)) << leadsNowhere;
     }
     EXPECT_FALSE(Utils::createAlias(alias, alias));

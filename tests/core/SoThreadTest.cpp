@@ -154,6 +154,11 @@ TEST(Thread, tellsTheMainThreadFromOthers) {
     }
     EXPECT_FALSE(Thread::InitTerm::exit());
     EXPECT_TRUE(Thread::InitTerm::exit());
+    std::thread([] {
+        EXPECT_TRUE(Thread::InitTerm::init());
+        EXPECT_EQ(Thread::getCurrentID(), 0U) << "the main thread of a later life";
+        EXPECT_TRUE(Thread::InitTerm::exit());
+    }).join();
 }
 
 TEST(SoLock, isHeldUntilItIsReleasedAsOftenAsAcquired) {

@@ -67,6 +67,25 @@ TEST(Locale, readsLanguageAndRegionFromTheFirstVariableThatIsSet) {
     EXPECT_EQ(identifier, "untouched");
 }
 
+// The first of its kind: later there may be no line left that is written.
+TEST(Log, endsNoProcessWhoseErrorOutputNobodyReads) {
+    const auto body = [] {
+        (void)std::signal(SIGPIPE, SIG_DFL);
+        sigset_t pipeSignal;
+        sigemptyset(&pipeSignal);
+        sigaddset(&pipeSignal, SIGPIPE);
+        int ends[2];
+        if (pthread_sigmask(SIG_UNBLOCK, &pipeSignal, nullptr) != 0 || pipe(ends) != 0 ||
+            dup2(ends[1], STDERR_FILENO) < 0) {
+            return 1;
+        }
+        close(ends[0]);
+        platform::Log::own().problem("to nobody");
+        return 0;
+    };
+    EXPECT_EQ(inChild(body), 0);
+}
+
 TEST(Log, escapesWhatSteersATerminalAndWritesNoFasterThanAPersonReads) {
     platform::Log& log = platform::Log::own();
     const auto said = [&log](const std::string& line) {
