@@ -25,6 +25,11 @@ constexpr int64_t kTryAgainMilliseconds = 500;
 // Lives of one link that are remembered: repeats of older ones have long been acknowledged.
 constexpr size_t kLives = 4;
 
+bool says(const nlohmann::json& answer, const char* key, const std::string& name) {
+    const auto found = answer.is_object() ? answer.find(key) : answer.end();
+    return found != answer.end() && found->is_string() && *found == name;
+}
+
 } // namespace
 
 void Keeper::queue(const std::string& link, uint64_t message, MessageHead head, std::string text,
@@ -44,6 +49,9 @@ void Keeper::take(uint64_t number, std::string_view answer, int64_t now) {
         return; // of one that was repeated
     }
     const auto json = nlohmann::json::parse(answer, nullptr, false);
+    if (!answer.empty() && !says(json, "stream", stream_)) {
+        return;
+    }
     if (json.is_object() && !json.contains("error") && json.value("seq", uint64_t{0}) != 0) {
         missedAt_ = INT64_MAX;
         ++kept_;
@@ -163,10 +171,11 @@ int64_t storedAt(std::string_view acknowledgement) {
     return nanoseconds < 0 ? -1 : nanoseconds / 1'000'000;
 }
 
-int64_t servedAt(std::string_view answer) {
+int64_t servedAt(std::string_view answer, const std::string& stream, const std::string& consumer) {
     const auto json = nlohmann::json::parse(answer, nullptr, false);
     const auto delivered = json.is_object() ? json.value("delivered", nlohmann::json()) : json;
-    if (!delivered.is_object() || !delivered.contains("last_active") ||
+    if (!says(json, "stream_name", stream) || !says(json, "name", consumer) ||
+        !delivered.is_object() || !delivered.contains("last_active") ||
         !delivered["last_active"].is_string()) {
         return -1;
     }

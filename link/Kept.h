@@ -5,6 +5,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "link/Frame.h"
@@ -25,11 +26,14 @@ public:
         Result result;
     };
 
-    Keeper(Wire& wire, uint64_t life) : wire_(wire), life_(life) {}
+    // `stream`: of the requests of this link, on the disks.
+    Keeper(Wire& wire, uint64_t life, std::string stream)
+        : wire_(wire), life_(life), stream_(std::move(stream)) {}
 
     void queue(const std::string& link, uint64_t message, MessageHead head, std::string text,
                int64_t deadline);
-    // What a disk has answered, or nothing for nobody there.
+    // What a disk has answered, or nothing for nobody there. What is of another stream says nothing:
+    // who may give something to that chooses where the answer goes.
     void take(uint64_t number, std::string_view answer, int64_t now);
     // The connection is another.
     void again() { sendAt_ = 0; }
@@ -53,6 +57,7 @@ private:
 
     Wire& wire_;
     const uint64_t life_;
+    const std::string stream_;
     std::deque<Waiting> line_;
     std::vector<Ended> ended_;
     bool isSent_ = false; // the front one: it may lie on a disk
@@ -88,7 +93,8 @@ private:
 // Of a subject for acknowledgements: when the message was stored, by the servers' clock in
 // milliseconds since 1970; -1 for no such subject.
 int64_t storedAt(std::string_view acknowledgement);
-// Of what the servers tell about a consumer: when it was given something last, likewise.
-int64_t servedAt(std::string_view answer);
+// Of what the servers tell about the consumer of that name: when it was given something last,
+// likewise. -1 also for what they tell about another one, for which anybody may have asked here.
+int64_t servedAt(std::string_view answer, const std::string& stream, const std::string& consumer);
 
 } // namespace convey_link

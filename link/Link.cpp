@@ -41,7 +41,7 @@ Link::Link(const Configuration& configuration, uint64_t life, const Surroundings
     : configuration_(configuration),
       life_(life),
       around_(surroundings),
-      keeper_(surroundings.wire, life),
+      keeper_(surroundings.wire, life, streamOf(configuration.realm, configuration.name)),
       journal_(surroundings.journalFolder),
       deliveries_(surroundings.ports, [this] { around_.wait.wake(); },
                   [this](const std::string& app) { return around_.launch(app, {}); }) {

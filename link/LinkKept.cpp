@@ -134,7 +134,8 @@ void Link::keptArrived(const std::string& from, const std::string& bytes,
 // clock of another machine is relied on.
 void Link::clockArrived(const std::string& from, const std::string& answer) {
     const auto found = keptLines_.find(from);
-    const int64_t served = servedAt(answer);
+    const int64_t served =
+        servedAt(answer, streamOf(configuration_.realm, from), configuration_.name);
     if (found == keptLines_.end() || served < 0 || found->second.state != KeptLine::State::waits) {
         return;
     }

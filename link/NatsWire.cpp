@@ -356,8 +356,10 @@ private:
     static void onKept(natsConnection*, natsSubscription*, natsMsg* taken, void* self) {
         const Owned<natsMsg> message(taken);
         const int64_t number = numberOf(lastToken(taken));
-        if (number > 0) {
-            static_cast<NatsConnection*>(self)->push({EventKind::kept, {}, textOf(taken),
+        std::string answer = textOf(taken);
+        // Only the server says that nobody is there, as above.
+        if (number > 0 && (!answer.empty() || natsMsg_IsNoResponders(taken))) {
+            static_cast<NatsConnection*>(self)->push({EventKind::kept, {}, std::move(answer),
                                                       static_cast<uint64_t>(number)});
         }
     }

@@ -83,15 +83,19 @@ TEST_F(KeptTest, whatCannotBeNotedIsNotHandedOverYet) {
 
 // By the servers' clock, which says when it was stored and when it was given.
 TEST_F(KeptTest, theTimeOnDiskIsTimeToo) {
-    const auto serves = [&](const char* time) {
-        happens(
-            {Wire::EventKind::clock, "workshop",
-             std::string("{\"delivered\":{\"last_active\":\"2026-11-22T21:06:") + time + "Z\"}}"});
+    const auto serves = [&](const std::string& time, const std::string& stream = "workshop",
+                            const std::string& consumer = "desk") {
+        happens({Wire::EventKind::clock, "workshop",
+                 R"({"stream_name":"convey=studio=)" + stream + R"(","name":")" + consumer +
+                     R"(","delivered":{"last_active":"2026-11-22T21:06:)" + time + "Z\"}}"});
         (void)link->step(true);
     };
     comes(1, 10'000);
     EXPECT_EQ(taken(*lumen), "") << "how long it has waited is not known";
     EXPECT_EQ(wire.asked.size(), 1u);
+    serves("58.883", "attic"); // another may have asked, and have the answer come here
+    serves("58.883", "workshop", "attic");
+    EXPECT_EQ(taken(*lumen), "") << "of another stream";
     serves("40.883");
     EXPECT_NE(taken(*lumen).find("Timeout:6\n"), std::string::npos);
     now += 7000; // of which the clock need not be asked again
@@ -112,6 +116,10 @@ TEST_F(KeptTest, goesToTheDiskOneByOneUntilItIsThere) {
     passes(bounds::kKeepMilliseconds);
     ASSERT_EQ(wire.kept.size(), 2u);
     EXPECT_EQ(wire.kept[1].number, wire.kept[0].number) << "the disk knows it again";
+    // What another has given to its own stream, and had the answer come here.
+    says(wire.kept[0].number, R"({"stream":"convey=studio=attic","seq":2})");
+    says(wire.kept[0].number, R"({"stream":2,"seq":2})");
+    EXPECT_EQ(wire.kept.size(), 2u);
     says(wire.kept[0].number, "{\"stream\":\"convey=studio=desk\", \"seq\":2}");
     ASSERT_EQ(wire.kept.size(), 3u);
     EXPECT_EQ(wire.kept[2].frame.number, wire.kept[0].frame.number + 1);

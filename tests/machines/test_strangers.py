@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import shutil
 import sys
+import threading
 
 from conftest import LUMEN, OFFER, USE, Pair, knows
 from world import HERE, Certificates, Machine, Process, World, eventually
@@ -107,3 +108,36 @@ def test_the_permissions_of_the_example(world: World) -> None:
                    frame("$JS.ACK.own.workshop.1.1.1.1.0", b"+ACK"), frame("convey.studio.workshop.keep.attic", b"x"),
                    "SUB convey.studio.workshop.kept.from 4\r\n")
     assert said.count("Permissions Violation") == 14
+
+
+def test_answers_that_another_has_the_servers_give(pair: Pair) -> None:
+    """Who asks the servers says where they answer: also where another link is told that nobody is
+    there, or that a disk has its request."""
+    desk, attic = pair.desk, pair.world["attic"]
+    attic.keys("keeper@studio")
+    store = ("convey-link", "store", attic.configure(name='"keeper"'), "attic", "workshop")
+    eventually("the servers make a stream", lambda: "wait in" in attic.run(*store, status=None))
+    shutil.rmtree(attic.keys())
+    attic.keys()
+    pair.target()
+    pair.workshop_link = pair.workshop.join(OFFER)
+    pair.desk_link = desk.join(USE + "durable = true\n")  # but there is no stream of the desk's
+    pair.desk_link.says(f"{LUMEN} at workshop: runs")
+    asked = [f"PUB {subject} convey.studio.desk.{place} {len(what)}\\r\\n{what}\\r\\n"
+             for subject, what, place in (
+                 ("convey.studio.nobody.attic", "", "absent.workshop"),
+                 ("convey.studio.none.keep.attic", "x", "absent.workshop"),
+                 ("convey.studio.none.keep.attic", "x", "kept.told.1"),
+                 ("$JS.ACK.convey=studio=attic.attic.1.1.1.1.0", "+ACK", "kept.told.1"))]
+    over = threading.Event()
+    flood = threading.Thread(target=lambda: [by_hand(attic, *[*asked, "wait 0.05"] * 20)
+                                             for _ in iter(over.is_set, True)])
+    flood.start()
+    try:
+        said = desk.run("convey", "send", LUMEN, "--body", "x", "--wait", "40", status=None)
+        assert "error" in said, said  # nobody keeps it, and its sender is told
+    finally:
+        over.set()
+        flood.join()
+    log = pair.desk_link.said()
+    assert "no stream takes it" in log and "away" not in log, log
