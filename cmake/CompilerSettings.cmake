@@ -20,6 +20,17 @@ if(CMAKE_SYSTEM_PROCESSOR MATCHES "^i[3-6]86$" OR CMAKE_SIZEOF_VOID_P EQUAL 4)
     target_compile_options(convey_settings INTERFACE -msse2 -mfpmath=sse)
 endif()
 
+# For the tools, which live for milliseconds: to find, map and relocate the C++ library takes more
+# than a millisecond of that. So they have it within them, and with it what they load. Not where one
+# looks for faults: the sanitizers and debuggers want to see the library.
+set(CONVEY_OWNS_CXX $<NOT:$<CONFIG:Debug>>)
+if(CMAKE_CXX_FLAGS MATCHES "-fsanitize")
+    set(CONVEY_OWNS_CXX 0)
+endif()
+add_library(convey_short_lived INTERFACE)
+target_link_options(convey_short_lived INTERFACE
+    $<${CONVEY_OWNS_CXX}:-static-libstdc++> $<${CONVEY_OWNS_CXX}:-static-libgcc>)
+
 add_library(convey_layer_settings INTERFACE)
 target_link_libraries(convey_layer_settings INTERFACE convey_settings)
 # Process-wide objects outlive main: the background thread may still run during exit().
