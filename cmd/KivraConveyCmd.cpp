@@ -7,11 +7,13 @@
 #include "cmd/HostProductInfoFromCapsLib.h"
 #include "limits/Limits.h"
 #include "platform/Locale.h"
+#include "scriptobjects/convey/SoCVBeforeStart.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/convey/SoConvey.h"
 #include "scriptobjects/core/SoString.h"
 
 using ScObjects::Convey;
+using ScObjects::SoString;
 
 namespace {
 
@@ -55,17 +57,34 @@ bool listProducts() {
     return isKnown && products.isComplete();
 }
 
+void printAnswer(const std::string& specifier, const std::string& response) {
+    std::cout << "<product specifier='" + toXMLString(specifier) + "' running_response='" +
+                     toXMLString(response) + "' />"
+              << std::endl;
+}
+
 } // namespace
 
 int kivraConveyMain(int argc, char** argv) {
-    if (!Convey::InitTerm::init(kOwnSpecifier, true)) {
-        return 1;
-    }
+    const auto start = [] { return Convey::InitTerm::init(kOwnSpecifier, true); };
     if (argc == kCheckArguments) {
-        if (std::string_view(argv[1]) == kCheckCommand) {
+        const bool isCheck = std::string_view(argv[1]) == kCheckCommand;
+        SoString answer;
+        if (isCheck && ScObjects::ConveyUtils::pingBeforeStart(kOwnSpecifier, argv[2],
+                                                               kCheckTimeoutSeconds, answer)) {
+            printAnswer(argv[2], answer.c_str());
+            return 0;
+        }
+        if (!start()) {
+            return 1;
+        }
+        if (isCheck) {
             checkRunning(argv[2]);
         }
         return 0;
+    }
+    if (!ScObjects::ConveyUtils::readRegistryBeforeStart(kOwnSpecifier) && !start()) {
+        return 1;
     }
     // The layer ends with the process: to free all that it knows of ten thousand applications takes
     // a twentieth of the instructions of their listing.
@@ -78,9 +97,7 @@ void checkRunning(const std::string& specifier) {
     if (response.empty()) { // without memory
         response = kNotFoundOut;
     }
-    std::cout << "<product specifier='" + toXMLString(specifier) + "' running_response='" +
-                     toXMLString(response) + "' />"
-              << std::endl;
+    printAnswer(specifier, response);
 }
 
 std::string toXMLString(const std::string& text) {

@@ -6,7 +6,8 @@
 // output. What the layer meets (a disk, memory) it says on standard error, the front end nothing.
 // One thread.
 
-// The whole program; returns its exit status: 1 when the messaging layer does not start, or when
+// The whole program; returns its exit status: 1 when the messaging layer does not start where it is
+// needed (to complete a name without a version, in a listing or as the target of a check), or when
 // what is registered could not be read to its end and the listing holds what could; else 0. A
 // registered application whose path has no '/' ends the listing by an exception that nobody
 // catches, after the lines before it are out: the reader must not take half a listing for a whole

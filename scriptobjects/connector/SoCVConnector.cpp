@@ -163,6 +163,21 @@ bool ConveyConnector::isRegistryKnown() {
     return connector == nullptr ? !gUnreadable.load() : connector->isComplete();
 }
 
+bool ConveyConnector::hasVersionless() {
+    const ConveyConnector* const connector = get();
+    if (connector == nullptr) {
+        return false;
+    }
+    ObjectLock lock(*connector);
+    const CVConnectorAppInfoList& list = *connector->getAppInfoListLocked();
+    for (int32_t i = 0; i < list.count(); ++i) {
+        if (CVSpecifierParts::of(list.get(i)->specifier.view()).version.empty()) {
+            return true;
+        }
+    }
+    return false;
+}
+
 bool ConveyConnector::findRecord(const SoString& specifier, CVConnectorAppInfo& out) const {
     if (specifier.isEmpty()) {
         return false;

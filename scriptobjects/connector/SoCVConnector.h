@@ -204,6 +204,11 @@ public:
     // not be opened. Any thread.
     static bool isRegistryKnown();
 
+    // Whether there is a registration without a version: completing such a name depends on what
+    // runs and on who asks, completing others on what is registered only. Reads the registry when
+    // that has not been done; false without a connector. Any thread.
+    static bool hasVersionless();
+
 protected:
     // True after a reading that failed.
     bool needsReadingLocked() const SO_REQUIRES(this) { return !complete_; }

@@ -233,6 +233,10 @@ bool MacInterAppStream::canOpen(const SoString& name, bool /*flag*/) const {
 }
 
 MacInterAppStream::Presence MacInterAppStream::presenceOf(const SoString& name) const {
+    return presenceFor(name);
+}
+
+MacInterAppStream::Presence MacInterAppStream::presenceFor(const SoString& name) {
     int error = 0;
     // What could not be found out is told by the ports, with the system's reason.
     switch (platform::MessagePorts::system().look(portName(name), error)) {

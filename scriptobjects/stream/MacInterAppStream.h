@@ -62,6 +62,8 @@ public:
     // the ports report by themselves. Threads: any; does not wait.
     enum class Presence { absent, present, unknown };
     Presence presenceOf(const SoString& name) const;
+    // The same for who has no stream yet.
+    static Presence presenceFor(const SoString& name);
 
     // `send` with a time-out of its own; 0 does not wait at all.
     bool send(const SoString& target, const SoString& text, int32_t timeoutMilliseconds) const;

@@ -2,6 +2,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <memory>
@@ -78,6 +79,25 @@ TEST_F(CheckRunningTest, saysWhatBecameOfTheTarget) {
     EXPECT_THAT(refused.out, HasSubstr("'NOINTERAPPSTREAM'"));
     EXPECT_THAT(refused.err, HasSubstr("it is open to other users"));
     EXPECT_EQ(refused.exitStatus, 0);
+}
+
+// A target whose name is complete answers for itself; what else a name stands for, and whether a
+// target that does not run is installed, only the registry says.
+TEST_F(CheckRunningTest, asksTheRegistryWhereTheTargetCannotAnswer) {
+    const auto running = host("lumen-2.0-en_us");
+    // Complete as a name, but not what it stands for where another is registered.
+    RunningProcess squatter({RECEIVE, "viewer-1#thread"});
+    EXPECT_EQ(squatter.readLine(), "receiving at viewer-1#thread");
+    EXPECT_EQ(check("viewer-1"), "ISNOTRUNNING");
+    setenv("OVREL_CAPS_DB", folder.file("notes").c_str(), 1);
+    std::ofstream(folder.file("notes")) << "no database";
+    EXPECT_EQ(check("lumen-2.0-en_us"), "ECHO_RESPONSE");
+    EXPECT_EQ(check("LUMEN-2.0-en_US#x"), "ECHO_RESPONSE");
+    for (const char* specifier : {"lumen-2.0", "viewer-1.0-en_us"}) {
+        const ProcessResult result = runProcess({KIVRA_CONVEY_CMD, "check_running", specifier});
+        EXPECT_THAT(result.out, HasSubstr("'UNDEFINED'")) << specifier;
+        EXPECT_THAT(result.err, HasSubstr("the registry cannot be read")) << specifier;
+    }
 }
 
 TEST_F(CheckRunningTest, aKilledTargetIsNotRunningAtOnce) {
