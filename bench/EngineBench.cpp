@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 #include "bench/BareSocket.h"
@@ -206,6 +207,26 @@ void killedTarget(int rounds) {
         "kill and wait", median(told) / median(bare), "<= 50 ms");
 }
 
+// How often a process gives up a processor in ten seconds, in the middle of which a message expires
+// that nobody has taken, and which has nothing else to do.
+void messageThatIsDue() {
+    Convey instance("viewer-1.0", nullptr, true, nullptr);
+    const Convey other("kivra-7.0", nullptr, false, nullptr);
+    Convey::Message message;
+    message.setTarget("kivra-7.0");
+    message.setBody("text");
+    message.setTimeout(7);
+    if (!instance.send(message, false, 0, nullptr)) {
+        fail("send");
+    }
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    const double before = useOf(getpid()).switches;
+    std::this_thread::sleep_for(std::chrono::seconds(10));
+    const double own = 1; // this thread's sleep
+    std::printf("| a message is due: wake-ups in ten seconds | %.0f | | | 1 |\n",
+                useOf(getpid()).switches - before - own);
+}
+
 double wholeProcess(const std::vector<std::string>& arguments, const char* expectedOutput = "") {
     const auto start = Time::now();
     const ProcessResult result = runProcess(arguments);
@@ -243,6 +264,9 @@ void compareWholeProcesses(const TemporaryFolder& folder, int rounds) {
     const auto check = [] {
         return wholeProcess({KIVRA_CONVEY_CMD, "check_running", "lumen-2.0-en_us"},
                             "ECHO_RESPONSE");
+    };
+    const auto completed = [] {
+        return wholeProcess({KIVRA_CONVEY_CMD, "check_running", "lumen"}, "ECHO_RESPONSE");
     };
     const auto ping = [] {
         return wholeProcess({CONVEY_PROGRAM, "ping", "--count", "1", "lumen-2.0-en_us"});
@@ -288,6 +312,8 @@ void compareWholeProcesses(const TemporaryFolder& folder, int rounds) {
                                             "org.freedesktop.DBus.Peer.Ping"};
     const char* const name = "check_running, whole process";
     wholeProcesses(rounds, name, check, send, "dbus-send", "<= 1");
+    wholeProcesses(rounds, "check_running of a name without a version", completed, send,
+                   "dbus-send", "");
     wholeProcesses(rounds, name, check, busctl, "busctl", "< 1");
     wholeProcesses(rounds, name, check, gdbus, "gdbus", "< 1");
     wholeProcesses(rounds, "convey ping --count 1, whole process", ping, busctl, "busctl", "<= 1");
@@ -335,6 +361,7 @@ int main(int argc, char** argv) {
         bare = bareRoundTrip();
         row("request and result", result, "us", bare, "bare round trip", result / bare, "<= 5");
     }
+    messageThatIsDue();
     manyInFlight(rounds);
     killedTarget(5 * rounds);
     (void)Convey::InitTerm::exit();
