@@ -38,16 +38,14 @@ int64_t Statement::integer(int column) const {
 }
 
 std::string_view Statement::text(int column) const {
-    // In this order: asking for the text may convert the column, after which its type means
-    // nothing, and the length is that of what the last question made.
-    const bool isNull = sqlite3_column_type(statement_, column) == SQLITE_NULL;
     const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
-    if (bytes == nullptr && !isNull) {
-        throw std::bad_alloc(); // a text that could not be made is not an empty one
-    }
     if (bytes == nullptr) {
+        if (sqlite3_errcode(sqlite3_db_handle(statement_)) == SQLITE_NOMEM) {
+            throw std::bad_alloc(); // a text that could not be made is not an empty one
+        }
         return ""; // callers copy it, which a null pointer is not for
     }
+    // Now, since the length is that of what the last question made.
     const auto length = static_cast<size_t>(sqlite3_column_bytes(statement_, column));
     // A row made by hand may hold a zero: what stands behind it cannot leave through a C interface,
     // and must not make two keys of what is one there.

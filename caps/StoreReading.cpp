@@ -1,5 +1,7 @@
 #include "caps/Store.h"
 
+#include <limits>
+
 #include "caps/Schema.h"
 #include "caps/StoreImpl.h"
 
@@ -100,6 +102,52 @@ private:
     int64_t master_ = 0; // of the row at hand
 };
 
+// The values of payloads that go by in the order of their products. As a rule that is the order of
+// their numbers, too, and one scan has them; those of a payload that a product got behind later
+// ones' are looked up.
+class PayloadData {
+public:
+    explicit PayloadData(sqlite3* connection)
+        : scan_(connection, "SELECT payload, domain, key, value FROM payload_data "
+                            "ORDER BY payload, position"),
+          lookUp_(connection, "SELECT payload, domain, key, value FROM payload_data "
+                              "WHERE payload = ?1 ORDER BY position"),
+          inOrder_(scan_) {}
+
+    template <class Use>
+    void of(int64_t payload, Use&& use) {
+        if (payload > last_) {
+            last_ = payload;
+            inOrder_.of(payload, use);
+            return;
+        }
+        lookUp_.bind(payload);
+        while ((code_ = lookUp_.step()) == SQLITE_ROW) {
+            use(lookUp_);
+        }
+        lookUp_.reset();
+    }
+    bool failed() const { return inOrder_.failed() || code_ != SQLITE_DONE; }
+    int code() const { return inOrder_.failed() ? inOrder_.code() : code_; }
+
+private:
+    Statement scan_;
+    Statement lookUp_;
+    Details inOrder_;
+    int64_t last_ = std::numeric_limits<int64_t>::min();
+    int code_ = SQLITE_DONE; // of the last look-up
+};
+
+void visit(Statement& value, std::string_view payload, Store::Visitor& visitor) {
+    const std::string_view key = value.text(2);
+    const std::string_view text = value.text(3);
+    if (isReadableName(key, kMaxCodeBytes) && text.size() <= kMaxValueBytes) {
+        visitor.onPayloadData(static_cast<int32_t>(value.integer(1)), key, text);
+    } else {
+        visitor.onRefused("key", std::string(payload) + " " + std::string(key));
+    }
+}
+
 } // namespace
 
 // `withOrigins`: the rows have when each was written in their last column, and the values say where
@@ -174,49 +222,37 @@ Status Store::visitProducts(Visitor& visitor) {
                                ? "SELECT id, code, 0, '' FROM product ORDER BY id"
                                : "SELECT id, code, changed, origin FROM product ORDER BY id");
         Statement payloads(impl_->connection,
-                           "SELECT p.id, p.code, p.kind, p.launch_path, p.install_state "
-                           "FROM payload p WHERE p.product = ?1 ORDER BY p.id");
-        Statement data(impl_->connection, "SELECT domain, key, value FROM payload_data "
-                                          "WHERE payload = ?1 ORDER BY position");
+                           "SELECT product, id, code, kind, launch_path, install_state "
+                           "FROM payload ORDER BY product, id");
+        Details payloadsOf(payloads);
+        PayloadData data(impl_->connection);
         int code = SQLITE_ROW;
-        while ((code = products.step()) == SQLITE_ROW) {
+        while (!payloadsOf.failed() && !data.failed() && (code = products.step()) == SQLITE_ROW) {
             const std::string_view product = products.text(1);
             if (!isReadableName(product, kMaxCodeBytes)) {
                 visitor.onRefused("product", product);
-                continue;
+                continue; // its payloads are gone by with the next one's
             }
             visitor.onProduct(product);
             visitor.onWritten(products.integer(2), products.text(3));
-            payloads.bind(products.integer(0));
-            while ((code = payloads.step()) == SQLITE_ROW) {
-                const std::string_view payload = payloads.text(1);
-                const std::string_view launchPath = payloads.text(3);
+            payloadsOf.of(products.integer(0), [&](Statement& row) {
+                const std::string_view payload = row.text(2);
+                const std::string_view launchPath = row.text(4);
                 if (!isReadableName(payload, kMaxCodeBytes) ||
                     launchPath.size() > kMaxLaunchPathBytes) {
                     visitor.onRefused("payload", payload);
-                    continue;
+                    return;
                 }
-                visitor.onPayload(payload, payloads.text(2), launchPath,
-                                  static_cast<int32_t>(payloads.integer(4)));
-                data.bind(payloads.integer(0));
-                while ((code = data.step()) == SQLITE_ROW) {
-                    const std::string_view key = data.text(1);
-                    const std::string_view value = data.text(2);
-                    if (isReadableName(key, kMaxCodeBytes) && value.size() <= kMaxValueBytes) {
-                        visitor.onPayloadData(static_cast<int32_t>(data.integer(0)), key, value);
-                    } else {
-                        visitor.onRefused("key", std::string(payload) + " " + std::string(key));
-                    }
-                }
-                data.reset();
-                if (code != SQLITE_DONE) {
-                    return fail(code, "payload data cannot be read");
-                }
-            }
-            payloads.reset();
-            if (code != SQLITE_DONE) {
-                return fail(code, "payloads cannot be read");
-            }
+                visitor.onPayload(payload, row.text(3), launchPath,
+                                  static_cast<int32_t>(row.integer(5)));
+                data.of(row.integer(1), [&](Statement& value) { visit(value, payload, visitor); });
+            });
+        }
+        if (data.failed()) {
+            return fail(data.code(), "payload data cannot be read");
+        }
+        if (payloadsOf.failed()) {
+            return fail(payloadsOf.code(), "payloads cannot be read");
         }
         return code == SQLITE_DONE ? Status::ok : fail(code, "products cannot be read");
     });

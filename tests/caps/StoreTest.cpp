@@ -250,6 +250,50 @@ TEST_F(StoreTest, passesOverRowsThatNoProgramOfOursWrites) {
     EXPECT_EQ(contents.refused.size(), 3U) << "two subdomains and a payload, said so";
 }
 
+// The rows of payloads are read in one scan beside that of the products, whose order need not be
+// that of the payloads' numbers.
+TEST_F(StoreTest, readsEachPayloadsDataInWhateverOrderTheyWereAdded) {
+    {
+        const auto store = open(Store::Access::create);
+        for (const char* code : {"A", "B", "C"}) {
+            ASSERT_EQ(store->addProduct({code, {}}), Status::ok);
+        }
+    }
+    std::string rows;
+    // Of the first product the first and the last, of the others those between, the later one's
+    // before the earlier one's; refused ones among them.
+    const int productOf[] = {1, 3, 2, 3, 2, 1, 3, 1};
+    for (int payload = 1; payload <= 8; ++payload) {
+        const std::string number = std::to_string(payload);
+        const std::string code = payload == 4 ? "''" : std::string("'p").append(number).append("'");
+        rows += "INSERT INTO payload VALUES (" + number + ", " +
+                std::to_string(productOf[payload - 1]) + ", " + code + ", 'normal', '', 4);";
+        for (const char* key : {"x", "y"}) {
+            rows += "INSERT INTO payload_data VALUES (" + number + ", " +
+                    (*key == 'x' ? "1" : "2") + ", 0, '" + key + "', '" + key + number + "');";
+        }
+    }
+    rows +=
+        "PRAGMA foreign_keys = OFF; INSERT INTO payload_data VALUES (77, 1, 0, 'of', 'nothing');";
+    execute(rows.c_str());
+    std::vector<caps::Product> products;
+    ASSERT_EQ(open(Store::Access::read)->readProducts(products), Status::ok);
+    std::string told;
+    for (const caps::Product& product : products) {
+        told += product.code + ":";
+        for (const caps::Payload& payload : product.payloads) {
+            told += " " + payload.code;
+            for (const caps::PayloadValue& value : payload.data) {
+                told += " " + value.key + "=" + value.value;
+            }
+        }
+        told += "\n";
+    }
+    EXPECT_EQ(told, "A: p1 x=x1 y=y1 p6 x=x6 y=y6 p8 x=x8 y=y8\n"
+                    "B: p3 x=x3 y=y3 p5 x=x5 y=y5\n"
+                    "C: p2 x=x2 y=y2 p7 x=x7 y=y7\n");
+}
+
 TEST_F(StoreTest, knowsOfEachEntryWhenItWasWrittenAndWhereItComesFrom) {
     const auto store = open(Store::Access::create);
     store->setOrigin("one.toml");
