@@ -6,6 +6,7 @@
 
 #include "cmd/HostProductInfoFromCapsLib.h"
 #include "limits/Limits.h"
+#include "platform/LargeHeap.h"
 #include "platform/Locale.h"
 #include "scriptobjects/convey/SoCVBeforeStart.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
@@ -83,6 +84,7 @@ int kivraConveyMain(int argc, char** argv) {
         }
         return 0;
     }
+    platform::expectLargeHeap(); // for all that is registered
     if (!ScObjects::ConveyUtils::readRegistryBeforeStart(kOwnSpecifier) && !start()) {
         return 1;
     }
