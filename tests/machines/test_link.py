@@ -10,6 +10,7 @@ from collections.abc import Iterator
 
 import pytest
 from conftest import LUMEN, OFFER, USE, Pair, knows
+from judge import lines
 from world import Machine, Process, World, eventually
 
 RESPONSE = "<product specifier='lumen' running_response='{}' />\n"
@@ -152,3 +153,29 @@ def test_a_bad_file_is_refused_with_what_is_wrong(machine: Machine, rest: str, c
     file = machine.configure(rest, **changes)
     assert said in machine.run("convey-link", "--check", file, status=1)
     assert said in machine.run("convey-link", file, status=3)
+
+
+@pytest.mark.parametrize("whose", ["desk", "workshop"])
+def test_a_server_dies_in_the_middle_of_a_large_text(pair: Pair, whose: str) -> None:
+    """It arrives once and whole over the servers that are left, and so does the answer."""
+    size = 20 * 1024 * 1024
+    text = "".join(f"{number:07} " for number in range(size // 8))
+    pair.join()
+    pair.target()
+    eventually("it runs", lambda: knows(pair.desk, "ECHO_RESPONSE"))
+    (pair.desk.home / "text").write_text(text, encoding="utf-8")
+    status = json.loads(pair.world[whose].run("convey-link", "status", "--json"))
+    number = int(re.findall(r"(\d):4222", status["server"])[0])
+    for machine in (pair.desk, pair.workshop):
+        machine.slow(0.1)
+    passed = "in_bytes" if whose == "desk" else "out_bytes"
+    before = pair.world.monitor(number, "varz")[passed]
+    asker = pair.desk.start("sh", "-c", f"exec convey send {LUMEN} --body - --wait 60 <text >said", log="asker.log")
+    eventually("a part of it is there",
+               lambda: bool(pair.world.monitor(number, "varz")[passed] > before + size // 4))
+    pair.world.servers[number].kill()
+    assert lines(pair.handled) == [], "it was not the middle"
+    assert asker.wait() == 0, (asker.said(), pair.desk_link.said())
+    assert lines(pair.handled) == [text]
+    said = (pair.desk.home / "said").read_text(encoding="utf-8")
+    assert f"\nresult: {text}\n" in said
