@@ -1,10 +1,12 @@
 // Packets into a live port. The input is cut into packets: two bytes of length, the lowest first,
 // and so many bytes; a length of 0xFFFF ends the connection and begins another one.
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <fcntl.h>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -16,6 +18,22 @@ namespace {
 
 constexpr const char* kName = "fuzzed";
 
+// The number of zero bytes, so that inputs find seals that fit.
+class Seal : public platform::PortSeal {
+public:
+    std::string_view finish() override {
+        line_ = "sum:" + std::to_string(zeros_) + "\n";
+        return line_;
+    }
+
+private:
+    void add(std::string_view bytes) override {
+        zeros_ += std::count(bytes.begin(), bytes.end(), '\0');
+    }
+    int64_t zeros_ = 0;
+    std::string line_;
+};
+
 struct OpenPort {
     OpenPort() {
         setenv("XDG_RUNTIME_DIR", folder.file("").c_str(), 1);
@@ -23,6 +41,7 @@ struct OpenPort {
         if (port == nullptr) {
             std::abort();
         }
+        port->checkSeals([] { return std::make_unique<Seal>(); });
     }
     int connection() const {
         const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0);
@@ -45,6 +64,10 @@ size_t drain(platform::LocalPort& port) {
     platform::PortText text;
     while (port.take(text)) {
         ++texts;
+        if (text.sealBytes() > text.size() ||
+            (text.sealBytes() != 0 && text.view().substr(0, 4) != "sum:")) {
+            std::abort();
+        }
         // Every byte must be there to be read.
         volatile char sum = 0;
         for (const char c : text.view()) {

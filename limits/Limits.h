@@ -104,6 +104,8 @@ inline constexpr Limit kAll[] = {
     {"port.text", 65 * kMiB, "bytes", "64 MiB of body, and headers"},
     {"port.packet", 65'536, "bytes", "of a text that is sent whole: the system copies it at once"},
     {"port.part", kMiB, "bytes", "of a larger text: fastest where it was measured"},
+    {"port.sealed-part", 131'072, "bytes", "of a sealed text: both ends digest while the next comes"},
+    {"port.seal", 64, "bytes", "in front of a sealed text; a digest's line has 41 at most"},
     {"port.connections", 512, "connections", "to one port; the quietest is closed for a new one"},
     {"port.connections.process", 32, "connections", "of one process to one port"},
     {"port.half-sent", 8 * 65 * kMiB, "bytes", "announced to one port and not yet there"},

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -15,6 +16,33 @@
 #include "platform/TextMemory.h"
 
 namespace platform {
+
+// What a text has in front that is made of all the bytes behind it: a digest's line. It is given
+// these bytes piece by piece, in their order, and so grows at both ends while the text is under
+// way. One thread at a time.
+class PortSeal {
+public:
+    static constexpr size_t kMaximumBytes = limits::of("port.seal");
+
+    PortSeal() = default;
+    virtual ~PortSeal() = default;
+    PortSeal(const PortSeal&) = delete;
+    PortSeal& operator=(const PortSeal&) = delete;
+
+    void take(std::string_view bytes) {
+        taken_ += bytes.size();
+        add(bytes);
+    }
+    size_t taken() const { return taken_; }
+    // The seal, at most kMaximumBytes and at least one; nothing is taken after that. It is good
+    // while this object is, and the same each time.
+    virtual std::string_view finish() = 0;
+
+private:
+    virtual void add(std::string_view bytes) = 0;
+
+    size_t taken_ = 0;
+};
 
 // A text as its sender has it: one behind the other, two pieces of which the second may be empty.
 struct PortPieces {
@@ -41,22 +69,23 @@ public:
         size_ = std::exchange(other.size_, 0);
         headSize_ = std::exchange(other.headSize_, 0);
         process_ = other.process_;
+        sealBytes_ = other.sealBytes_;
         mayHaveZero_ = other.mayHaveZero_;
         return *this;
     }
 
-    // Room for `size` bytes, not initialised; false, and nothing changed, without memory. The block
-    // has a whole number of steps, as the strings that take it over have, so that it need not be
-    // moved for them.
-    [[nodiscard]] bool allocate(size_t size) {
-        Block block = make(size);
+    // Room for `size` bytes, not initialised, and for a seal if that `isSealed`; false, and nothing
+    // changed, without memory. The block has a whole number of steps, as the strings that take it
+    // over have, so that it need not be moved for them.
+    [[nodiscard]] bool allocate(size_t size, bool isSealed = false) {
+        Block block = make(size + (isSealed ? PortSeal::kMaximumBytes : 0));
         if (block == nullptr) {
             return false;
         }
         data_ = std::move(block);
         size_ = size;
         head_.reset();
-        headSize_ = 0;
+        headSize_ = sealBytes_ = 0;
         return true;
     }
     size_t size() const { return size_; }
@@ -93,6 +122,28 @@ public:
         headSize_ = bytes;
         return true;
     }
+    // Puts the seal in front of a text that was allocated with room for it; `fits`: it is the one
+    // that the bytes behind it have. False, and nothing changed, without memory.
+    [[nodiscard]] bool setSeal(std::string_view seal, bool fits) {
+        if (headSize_ != 0) {
+            Block block = make(seal.size() + headSize_);
+            if (block == nullptr) {
+                return false;
+            }
+            std::memcpy(block.get() + seal.size(), head_.get(), headSize_);
+            head_ = std::move(block);
+            headSize_ += seal.size();
+        } else {
+            std::memmove(data_.get() + seal.size(), data_.get(), size_);
+        }
+        std::memcpy((headSize_ != 0 ? head_ : data_).get(), seal.data(), seal.size());
+        size_ += seal.size();
+        sealBytes_ = fits ? seal.size() : 0;
+        return true;
+    }
+    // The bytes of a seal at the beginning that was found to fit what follows as it came; 0 for
+    // none.
+    size_t sealBytes() const { return sealBytes_; }
     // Where the byte `at`, of those behind the head, lies.
     char* place(size_t at) { return data_.get() + (at - headSize_); }
     // The two pieces, each a block as above and the caller's; the text is empty then.
@@ -121,6 +172,7 @@ private:
     Block head_;
     size_t size_ = 0;
     size_t headSize_ = 0;
+    size_t sealBytes_ = 0;
     int32_t process_ = 0;
     bool mayHaveZero_ = true;
 };
@@ -203,6 +255,11 @@ public:
 
     // Readable while `take` may find something, for `PollSignal::join`; -1 where there is none.
     virtual int descriptor() const { return -1; }
+
+    // From now on texts whose seal comes last are given to a seal of `make`, piece by piece as they
+    // arrive, and the text says whether it fits. `make` may return null for none; it is called, and
+    // the seal used, while others wait for this port, and throws nothing.
+    virtual void checkSeals(std::function<std::unique_ptr<PortSeal>()> /*make*/) {}
 
     // The place behind all that this process has sent here until now.
     virtual PortPlace placeBehind(int32_t process) const = 0;

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 
 #include "platform/linux/PortDescriptor.h"
@@ -49,8 +50,15 @@ struct PortIncarnation {
     uint64_t file = 0;
     int64_t seconds = 0; // of its last change: numbers of files are used again
     int64_t nanoseconds = 0;
+    bool takesSealed = false; // its owner has said that it knows packets of that kind
     bool operator==(const PortIncarnation&) const = default;
 };
+
+// The rights of a socket whose owner listens: the mark that keeps cleaners of old files off, which
+// no new file has, and, as the socket's own right to be executed means nothing, what its owner
+// knows.
+inline constexpr mode_t kListeningMode = S_ISVTX | S_IRUSR | S_IWUSR;
+inline constexpr mode_t kTakesSealedMode = kListeningMode | S_IXUSR;
 
 // False, with the reason in errno, when nothing can be found out or nothing is there.
 [[nodiscard]] bool findIncarnation(const PortFolder& folder, const std::string& socketFile,

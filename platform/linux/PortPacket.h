@@ -9,9 +9,10 @@ namespace platform {
 
 // What begins a packet on a port's socket. A small text follows its header in the same packet. A
 // larger one is announced by a packet with the header alone, and the packets behind it hold nothing
-// but its bytes.
+// but its bytes. A sealed one is announced without its seal, which is known, and comes, last: in
+// one packet behind the others.
 struct PortPacket {
-    enum Kind : uint8_t { whole = 1, announced = 2 };
+    enum Kind : uint8_t { whole = 1, announced = 2, sealed = 3 };
 
     static constexpr size_t kHeaderBytes = 16;
     // A text up to this size goes in one packet; also the room that a receiver has for a packet
@@ -19,6 +20,9 @@ struct PortPacket {
     static constexpr size_t kMaximumWholeBytes = limits::of("port.packet");
     // The most bytes of a larger text in one packet: more gained nothing where it was measured.
     static constexpr size_t kMaximumPartBytes = limits::of("port.part");
+    // The same of a sealed one, which is digested at both ends, so that the receiver begins early.
+    // More than the head of a message may have.
+    static constexpr size_t kSealedPartBytes = limits::of("port.sealed-part");
 
     Kind kind = whole;
     uint64_t length = 0; // of the text
@@ -42,7 +46,7 @@ inline void PortPacket::write(unsigned char* out) const {
 }
 
 inline bool PortPacket::read(const unsigned char* in, size_t bytes) {
-    if (bytes < kHeaderBytes || (in[kKindPlace] != whole && in[kKindPlace] != announced)) {
+    if (bytes < kHeaderBytes || in[kKindPlace] < whole || in[kKindPlace] > sealed) {
         return false;
     }
     for (size_t i = 0; i < kLengthPlace; ++i) {

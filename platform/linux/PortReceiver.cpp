@@ -211,9 +211,8 @@ bool PortReceiver::listen() {
         ::listen(listener.get(), kWaitingConnections) != 0) {
         return refuse("listen at");
     }
-    // Tells those who watch the folder that the port is there: the file itself was too early. The
-    // mark keeps cleaners of old files off.
-    (void)!fchmodat(folder.fd(), file.c_str(), S_ISVTX | S_IRUSR | S_IWUSR, 0);
+    // Tells those who watch the folder that the port is there: the file itself was too early.
+    (void)!fchmodat(folder.fd(), file.c_str(), kTakesSealedMode, 0);
     name_.noteSocket();
     listener_ = std::move(listener);
     events_ = std::move(events);
@@ -237,6 +236,11 @@ bool PortReceiver::hasMore() const {
 
 bool PortReceiver::hasMoreLocked() const {
     return partBytesRead_ >= kPartBytesAtOnce;
+}
+
+void PortReceiver::checkSeals(std::function<std::unique_ptr<PortSeal>()> make) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    makeSeal_ = std::move(make);
 }
 
 PortStatistics PortReceiver::statistics() const {

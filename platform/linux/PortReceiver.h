@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -29,6 +30,7 @@ public:
     bool wait(int64_t timeoutMilliseconds, bool soon) override;
     bool hasMore() const override;
     void hold(int32_t process, bool on) override;
+    void checkSeals(std::function<std::unique_ptr<PortSeal>()> make) override;
     PortPlace placeBehind(int32_t process) const override;
     bool isPast(const PortPlace& place) override;
     PortStatistics statistics() const override;
@@ -55,15 +57,18 @@ private:
     struct Connection {
         PortDescriptor socket;
         int32_t process = 0;
-        uint64_t lastText = 0;    // counts the texts of all connections
-        bool hungUp = false;      // its sender has closed it; what it sent comes before what ...
-        bool mustWait = false;    // ... a newer connection of the same process brings
-        PortText part;            // the text of which some packets have arrived
-        size_t received = 0;      // bytes of it
+        uint64_t lastText = 0; // counts the texts of all connections
+        bool hungUp = false;   // its sender has closed it; what it sent comes before what ...
+        bool mustWait = false; // ... a newer connection of the same process brings
+        PortText part;         // the text of which some packets have arrived
+        size_t received = 0;   // bytes of it
+        bool isSealed = false; // its seal comes behind it, or what is announced so
+        std::unique_ptr<PortSeal> seal; // of what has arrived; null for nobody who asks
         size_t waiting = 0;       // bytes announced, for which there is no room yet; it is not read
         int64_t progressAt = 0;   // when so much had arrived, ...
         size_t progressBytes = 0; // ... since then
         bool isHalf() const { return part.size() != 0 || waiting != 0; }
+        bool wantsSeal() const { return part.size() != 0 && received == part.size(); }
     };
     // By the order of arrival.
     using Connections = std::map<uint64_t, Connection>;
@@ -97,10 +102,13 @@ private:
     void read(Connections::iterator connection, int packets);
     Reading readPackets(Connection& connection, int packets);
     Reading takePacket(Connection& connection, size_t bytes);
+    Reading takePart(Connection& connection, size_t bytes);
+    Reading takeSeal(Connection& connection, size_t bytes);
+    void finishPart(Connection& connection);
 
     // Half-sent texts.
     Reading startPart(Connection& connection, size_t length);
-    static void noteArrived(Connection& connection, size_t bytes);
+    void noteArrived(Connection& connection, size_t bytes);
     static bool isWholeInQueue(const Connection& connection);
     static bool hasUnread(const Connection& connection);
     void release(const Connection& connection);
@@ -131,7 +139,8 @@ private:
     int64_t tendAt_ = 0;     // when halves are looked at, while there are any
     PortDescriptor timer_;   // reports that time; missing where the system gives none
     std::deque<PortText> ready_;
-    size_t partBytesRead_ = 0; // of large texts, since the caller came
+    size_t partBytesRead_ = 0; // of large texts, since the caller came; more for what takes longer
+    std::function<std::unique_ptr<PortSeal>()> makeSeal_;
     const std::unique_ptr<unsigned char[]> buffer_;
     PortStatistics statistics_;
 

@@ -21,6 +21,8 @@ constexpr size_t kMaximumHalfSentOfProcess = limits::of("port.half-sent.process"
 constexpr size_t kMaximumHalfSent = limits::of("port.half-sent");
 // Of a piece at the beginning of a text that is kept apart: the lines of a message, as a rule.
 constexpr size_t kMaximumHeadBytes = limits::of("port.packet");
+// A digest of so many bytes takes so much longer than reading them.
+constexpr size_t kSealingCost = 3;
 
 } // namespace
 
@@ -28,7 +30,9 @@ constexpr size_t kMaximumHeadBytes = limits::of("port.packet");
 // alone costs addresses only; those are counted. Without room the connection waits unread, so that
 // its bytes stay with the sender: they may be a whole text that is delivered for it.
 PortReceiver::Reading PortReceiver::startPart(Connection& connection, size_t length) {
-    if (makeRoomForPart(connection, length, true) && connection.part.allocate(length)) {
+    if (makeRoomForPart(connection, length, true) &&
+        connection.part.allocate(length, connection.isSealed)) {
+        connection.seal = connection.isSealed && makeSeal_ ? makeSeal_() : nullptr;
         announcedBytes_ += length;
         announcedBy_[connection.process] += length;
         connection.part.setMayHaveZero(false);
@@ -54,6 +58,11 @@ void PortReceiver::noteArrived(Connection& connection, size_t bytes) {
     PortText& part = connection.part;
     const char* const place = part.place(connection.received);
     part.setMayHaveZero(part.mayHaveZero() || std::memchr(place, '\0', bytes) != nullptr);
+    partBytesRead_ += bytes;
+    if (connection.seal != nullptr) {
+        connection.seal->take({place, bytes});
+        partBytesRead_ += kSealingCost * bytes;
+    }
     // The first packet is what the sender has cut off, if it has cut the text at all; what follows
     // comes to where the block begins.
     if (connection.received == 0 && bytes <= kMaximumHeadBytes && bytes < part.size()) {
@@ -65,7 +74,8 @@ void PortReceiver::noteArrived(Connection& connection, size_t bytes) {
 bool PortReceiver::isWholeInQueue(const Connection& connection) {
     int bytes = 0;
     return connection.waiting != 0 && ioctl(connection.socket.get(), FIONREAD, &bytes) == 0 &&
-           static_cast<size_t>(bytes) >= connection.waiting;
+           // The seal, of a sealed one, has one byte at least.
+           static_cast<size_t>(bytes) >= connection.waiting + (connection.isSealed ? 1 : 0);
 }
 
 // Whether it has brought something that is not read and is, or may come to be, a whole text.

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <map>
 #include <poll.h>
+#include <string_view>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <tuple>
@@ -284,7 +285,7 @@ void PortReceiver::read(Connections::iterator connection, int packets) {
 PortReceiver::Reading PortReceiver::readPackets(Connection& connection, int packets) {
     for (; packets > 0 && connection.waiting == 0; --packets) {
         iovec place = {buffer_.get(), PortPacket::kHeaderBytes + PortPacket::kMaximumWholeBytes};
-        if (connection.part.size() != 0) {
+        if (connection.part.size() != 0 && !connection.wantsSeal()) {
             place = {connection.part.place(connection.received),
                      connection.part.size() - connection.received};
         }
@@ -326,23 +327,7 @@ PortReceiver::Reading PortReceiver::readPackets(Connection& connection, int pack
 
 PortReceiver::Reading PortReceiver::takePacket(Connection& connection, size_t bytes) {
     if (connection.part.size() != 0) {
-        noteArrived(connection, bytes);
-        connection.received += bytes;
-        connection.progressBytes += bytes;
-        partBytesRead_ += bytes;
-        if (connection.progressBytes >= kProgressBytes) {
-            connection.progressAt = now();
-            connection.progressBytes = 0;
-        }
-        if (connection.received == connection.part.size()) {
-            release(connection);
-            ++statistics_.texts;
-            statistics_.bytes += connection.part.size();
-            connection.part.setProcess(connection.process);
-            ready_.push_back(std::move(connection.part));
-            connection.received = 0;
-        }
-        return Reading::open;
+        return connection.wantsSeal() ? takeSeal(connection, bytes) : takePart(connection, bytes);
     }
     PortPacket packet;
     if (!packet.read(buffer_.get(), bytes)) {
@@ -369,11 +354,60 @@ PortReceiver::Reading PortReceiver::takePacket(Connection& connection, size_t by
         ready_.push_back(std::move(text));
         return Reading::open;
     }
-    if (textBytes != 0 || packet.length == 0 || packet.length > MessagePorts::kMaximumTextBytes) {
+    const bool isSealed = packet.kind == PortPacket::sealed;
+    const size_t most = MessagePorts::kMaximumTextBytes - (isSealed ? PortSeal::kMaximumBytes : 0);
+    if (textBytes != 0 || packet.length == 0 || packet.length > most) {
         ++statistics_.malformed;
         return Reading::closed;
     }
+    connection.isSealed = isSealed;
     return startPart(connection, static_cast<size_t>(packet.length));
+}
+
+PortReceiver::Reading PortReceiver::takePart(Connection& connection, size_t bytes) {
+    noteArrived(connection, bytes);
+    connection.received += bytes;
+    connection.progressBytes += bytes;
+    if (connection.progressBytes >= kProgressBytes) {
+        connection.progressAt = now();
+        connection.progressBytes = 0;
+    }
+    if (connection.wantsSeal() && !connection.isSealed) {
+        release(connection);
+        finishPart(connection);
+    }
+    return Reading::open;
+}
+
+PortReceiver::Reading PortReceiver::takeSeal(Connection& connection, size_t bytes) {
+    const std::string_view seal(reinterpret_cast<const char*>(buffer_.get()), bytes);
+    if (bytes > PortSeal::kMaximumBytes) {
+        ++statistics_.malformed;
+        return Reading::closed;
+    }
+    PortText& part = connection.part;
+    const bool fits = connection.seal != nullptr && connection.seal->finish() == seal;
+    connection.seal.reset();
+    part.setMayHaveZero(part.mayHaveZero() || seal.find('\0') != std::string_view::npos);
+    release(connection);
+    if (part.setSeal(seal, fits)) {
+        finishPart(connection);
+        return Reading::open;
+    }
+    ++statistics_.withoutMemory;
+    Log::system().problem("out of memory: a text was dropped that had arrived at port " +
+                          name_.socketFile());
+    part = PortText();
+    connection.received = 0;
+    return Reading::open;
+}
+
+void PortReceiver::finishPart(Connection& connection) {
+    ++statistics_.texts;
+    statistics_.bytes += connection.part.size();
+    connection.part.setProcess(connection.process);
+    ready_.push_back(std::move(connection.part));
+    connection.received = 0;
 }
 
 } // namespace platform

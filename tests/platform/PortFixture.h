@@ -124,7 +124,7 @@ protected:
         EXPECT_EQ(connected, 0) << path;
         return fd;
     }
-    // A packet's header: kind 1 for a whole text, 2 for an announced one.
+    // A packet's header: kind 1 for a whole text, 2 for an announced one, 3 for a sealed one.
     static std::string header(char kind, uint64_t length) {
         std::string bytes = {'C', 'V', 'M', 'P', 1, kind, 0, 0};
         for (int i = 0; i < 8; ++i) {

@@ -41,7 +41,7 @@ TEST_F(PortStrangersTest, survivesGarbage) {
         {wrongVersion, "another version"},
         {reserved, "a byte that has no meaning yet"},
         {header(0, 4) + "text", "no kind"},
-        {header(3, 4) + "text", "no kind"},
+        {header(4, 4) + "text", "no kind"},
         {header(1, 5) + "text", "longer than what is there"},
         {header(1, 3) + "text", "shorter than what is there"},
         {header(1, UINT64_MAX) + "text", "a forged length"},
@@ -50,6 +50,9 @@ TEST_F(PortStrangersTest, survivesGarbage) {
         {header(2, MessagePorts::kMaximumTextBytes + 1), "announces too much"},
         {header(2, UINT64_MAX), "announces too much"},
         {header(2, 4) + "text", "an announcement comes alone"},
+        {header(3, 4) + "text", "so does that of a sealed text"},
+        {header(3, 0), "seals nothing"},
+        {header(3, MessagePorts::kMaximumTextBytes - 63), "leaves no room for a seal"},
     };
     uint64_t closed = 0;
     for (const auto& c : cases) {
@@ -63,14 +66,17 @@ TEST_F(PortStrangersTest, survivesGarbage) {
         EXPECT_EQ(port->statistics().malformed, ++closed);
         close(fd);
     }
-    // Parts that are more than was announced.
-    const int fd = rawConnection();
-    EXPECT_TRUE(sendRaw(fd, header(2, 100'000)) && sendRaw(fd, std::string(99'999, 'x')) &&
-                sendRaw(fd, "xx"));
-    EXPECT_FALSE(port->wait(0, false));
-    EXPECT_TRUE(isClosed(fd));
-    EXPECT_EQ(port->statistics().malformed, ++closed);
-    close(fd);
+    // Parts that are more than was announced, and a seal that is more than one.
+    for (const char kind : {char{2}, char{3}}) {
+        const int fd = rawConnection();
+        EXPECT_TRUE(sendRaw(fd, header(kind, 100'000)) &&
+                    sendRaw(fd, std::string(kind == 2 ? 99'999 : 100'000, 'x')) &&
+                    sendRaw(fd, std::string(kind == 2 ? 2 : 65, 'x')));
+        EXPECT_FALSE(port->wait(0, false));
+        EXPECT_TRUE(isClosed(fd));
+        EXPECT_EQ(port->statistics().malformed, ++closed);
+        close(fd);
+    }
     EXPECT_EQ(ports.send(kName, "still here", kGenerous), SendResult::delivered);
     EXPECT_EQ(takeOne(*port), "still here");
 }
@@ -234,10 +240,12 @@ TEST_F(PortStrangersTest, roomIsMadeByClosingStalledHalvesAndNeverTheNewcomer) {
     const struct {
         int processes;
         int halves; // of each
+        char kind;
         uint64_t announced;
         const char* why;
-    } cases[] = {{16, 32, 10, "all connections are taken, by 10 bytes each"},
-                 {4, 2, MessagePorts::kMaximumTextBytes, "all announced bytes are taken"}};
+    } cases[] = {{16, 32, 2, 10, "all connections are taken, by 10 bytes each"},
+                 {4, 2, 2, MessagePorts::kMaximumTextBytes, "all announced bytes are taken"},
+                 {4, 2, 3, MessagePorts::kMaximumTextBytes - 64, "the same by sealed texts"}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.why);
         const auto port = ports.open(kName);
@@ -252,7 +260,7 @@ TEST_F(PortStrangersTest, roomIsMadeByClosingStalledHalvesAndNeverTheNewcomer) {
                     if (p + 1 == c.processes && i + 1 == c.halves) { // when the others have stalled
                         usleep(1200 * limits::of("port.half-sent.stalled"));
                     }
-                    (void)sendRaw(rawConnection(), header(2, c.announced));
+                    (void)sendRaw(rawConnection(), header(c.kind, c.announced));
                 }
                 done.tell('x');
                 (void)end.hear();
