@@ -45,10 +45,29 @@ private:
 };
 
 // A text as its sender has it: one behind the other, two pieces of which the second may be empty.
+// With a seal, that belongs in front of both; it has taken as much of them as it says, and takes
+// the rest while the text is sent.
 struct PortPieces {
     std::string_view head;
     std::string_view body;
+    PortSeal* seal = nullptr;
     size_t size() const { return head.size() + body.size(); }
+
+    // Lets the seal take on, about so many bytes. False when it has all.
+    bool sealOn(size_t bytes) const {
+        const size_t taken = seal->taken();
+        const std::string_view left =
+            taken < head.size() ? head.substr(taken) : body.substr(taken - head.size());
+        seal->take(left.substr(0, bytes));
+        return seal->taken() < size();
+    }
+    // The finished seal.
+    std::string_view sealed() const {
+        while (seal->taken() < size()) {
+            (void)sealOn(size());
+        }
+        return seal->finish();
+    }
 };
 
 // A received text, in a block of the process heap with at least one byte of room behind the text.
@@ -351,9 +370,9 @@ public:
     }
 
     // Hands a text to the owner of `name`; at most `timeoutMilliseconds` while its queue is full.
-    // Sends to one name from several threads go one after another. `taker`, where it is not null,
-    // receives a watch over the owner that took the text, when it was delivered; null without
-    // memory.
+    // A seal is made meanwhile, or before where the owner must have it first. Sends to one name
+    // from several threads go one after another. `taker`, where it is not null, receives a watch
+    // over the owner that took the text, when it was delivered; null without memory.
     virtual SendResult send(const std::string& name, const PortPieces& text,
                             int64_t timeoutMilliseconds, std::shared_ptr<TargetWatch>* taker) = 0;
     SendResult send(const std::string& name, std::string_view text, int64_t timeoutMilliseconds,

@@ -262,7 +262,8 @@ public:
         if (queue == queues_.end()) {
             return SendResult::noReceiver;
         }
-        queue->second.emplace_back(text.head).append(text.body);
+        const std::string_view seal = text.seal == nullptr ? std::string_view() : text.sealed();
+        queue->second.emplace_back(seal).append(text.head).append(text.body);
         ++changes_;
         changed_.notify_all();
         if (taker != nullptr) {

@@ -185,7 +185,8 @@ bool findIncarnation(const PortFolder& folder, const std::string& socketFile,
     if (fstatat(folder.fd(), socketFile.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
         return false;
     }
-    out = {status.st_dev, status.st_ino, status.st_ctim.tv_sec, status.st_ctim.tv_nsec};
+    out = {status.st_dev, status.st_ino, status.st_ctim.tv_sec, status.st_ctim.tv_nsec,
+           (status.st_mode & 07777) == kTakesSealedMode};
     return true;
 }
 

@@ -30,6 +30,7 @@ constexpr size_t kMaximumKept = limits::of("port.kept");
 constexpr int kSendBufferBytes = 4 << 20; // what makes large texts fast where it was measured
 constexpr size_t kSmallestPartBytes = 4096;
 constexpr size_t kJoinedBytes = 1024;
+constexpr size_t kSealStepBytes = 65'536; // a tenth of a millisecond
 // While the system is short of memory, or of places in a target's queue of new connections, there
 // is nothing to wait for but time.
 constexpr auto kPause = std::chrono::milliseconds(1);
@@ -114,7 +115,12 @@ private:
     Outcome sendPacket(const PortPacket* header, std::string_view bytes, Deadline& deadline);
     Outcome sendWhole(std::string_view text, Deadline& deadline);
     Outcome sendInParts(const PortPieces& text, Deadline& deadline);
+    Outcome sendSealed(const PortPieces& text, Deadline& deadline);
     Outcome sendParts(std::string_view piece, Deadline& deadline);
+    Outcome sendParts(std::string_view piece, const PortPieces& sealed, Deadline& deadline);
+    template <class SendPart>
+    Outcome sendParts(std::string_view piece, size_t partBytes, SendPart&& sendPart);
+    Outcome finishParts(Outcome outcome);
     bool closeBrokenOff(Deadline& deadline);
 
     const std::string name_;
@@ -183,7 +189,8 @@ SendResult PortSender::Connection::send(const PortPieces& text, Deadline& deadli
             }
         }
         // A small text comes in one piece.
-        const Outcome outcome = text.body.empty() && text.size() <= PortPacket::kMaximumWholeBytes
+        const Outcome outcome = text.seal != nullptr ? sendSealed(text, deadline)
+                                : text.body.empty() && text.size() <= PortPacket::kMaximumWholeBytes
                                     ? sendWhole(text.head, deadline)
                                     : sendInParts(text, deadline);
         if (outcome == Outcome::done) {
@@ -439,6 +446,10 @@ PortSender::Connection::Outcome PortSender::Connection::sendInParts(const PortPi
     if (outcome == Outcome::done) {
         outcome = sendParts(text.body, deadline);
     }
+    return finishParts(outcome);
+}
+
+PortSender::Connection::Outcome PortSender::Connection::finishParts(Outcome outcome) {
     if (outcome == Outcome::timedOut) {
         // The connection stays open for now, see closeBrokenOff.
         brokenOff_ = true;
@@ -448,11 +459,64 @@ PortSender::Connection::Outcome PortSender::Connection::sendInParts(const PortPi
     return outcome;
 }
 
+// A seal takes as long as its digest, and the receiver makes the same one: both at once, when the
+// seal comes last.
+PortSender::Connection::Outcome PortSender::Connection::sendSealed(const PortPieces& text,
+                                                                   Deadline& deadline) {
+    if (!owner_.takesSealed || text.size() == 0 ||
+        text.size() > MessagePorts::kMaximumTextBytes - PortSeal::kMaximumBytes) {
+        // In one piece with what stands behind it: to the receiver that is the head.
+        std::string head(text.sealed());
+        head += text.head;
+        return text.body.empty() && head.size() <= PortPacket::kMaximumWholeBytes
+                   ? sendWhole(head, deadline)
+                   : sendInParts({head, text.body}, deadline);
+    }
+    const PortPacket header{PortPacket::sealed, text.size()};
+    Outcome outcome = sendPacket(&header, {}, deadline);
+    if (outcome != Outcome::done) {
+        return outcome; // nothing was sent
+    }
+    outcome = sendParts(text.head, text, deadline);
+    if (outcome == Outcome::done) {
+        outcome = sendParts(text.body, text, deadline);
+    }
+    if (outcome == Outcome::done) {
+        outcome = sendPacket(nullptr, text.sealed(), deadline);
+    }
+    return finishParts(outcome);
+}
+
 PortSender::Connection::Outcome PortSender::Connection::sendParts(std::string_view piece,
                                                                   Deadline& deadline) {
+    return sendParts(piece, PortPacket::kMaximumPartBytes,
+                     [&](std::string_view part) { return sendPacket(nullptr, part, deadline); });
+}
+
+// As far as the system takes parts at once these go first, so that the receiver has work; the seal
+// takes its own while there is no room.
+PortSender::Connection::Outcome PortSender::Connection::sendParts(std::string_view piece,
+                                                                  const PortPieces& sealed,
+                                                                  Deadline& deadline) {
+    return sendParts(piece, PortPacket::kSealedPartBytes, [&](std::string_view part) {
+        Deadline atOnce(0);
+        bool more = true;
+        for (;;) {
+            const Outcome outcome = sendPacket(nullptr, part, more ? atOnce : deadline);
+            if (outcome != Outcome::timedOut || !more || deadline.passed()) {
+                return outcome;
+            }
+            more = sealed.sealOn(kSealStepBytes);
+        }
+    });
+}
+
+template <class SendPart>
+PortSender::Connection::Outcome
+PortSender::Connection::sendParts(std::string_view piece, size_t partBytes, SendPart&& sendPart) {
     while (!piece.empty()) {
-        const std::string_view part = piece.substr(0, partBytes_);
-        const Outcome outcome = sendPacket(nullptr, part, deadline);
+        const std::string_view part = piece.substr(0, std::min(partBytes, partBytes_));
+        const Outcome outcome = sendPart(part);
         if (outcome == Outcome::done) {
             piece.remove_prefix(part.size());
         } else if (outcome == Outcome::failed && part.size() > kSmallestPartBytes) {
@@ -553,7 +617,12 @@ SendResult PortSender::send(const std::string& name, const PortPieces& text,
     if (name.empty() || name.find('\0') != std::string::npos) {
         return SendResult::noReceiver;
     }
-    if (text.size() > MessagePorts::kMaximumTextBytes) {
+    size_t bytes = text.size();
+    if (text.seal != nullptr && bytes <= MessagePorts::kMaximumTextBytes &&
+        bytes > MessagePorts::kMaximumTextBytes - PortSeal::kMaximumBytes) {
+        bytes += text.sealed().size();
+    }
+    if (bytes > MessagePorts::kMaximumTextBytes) {
         return SendResult::tooLarge;
     }
     Deadline deadline(timeoutMilliseconds);
