@@ -134,7 +134,7 @@ void Arrivals::draw(InterAppStream& stream, Look& look) {
         const int32_t process = text->process;
         const auto sender = senders_.try_emplace(process).first;
         sender->second.texts.push_back(std::make_unique<Message::Reader>(
-            std::move(text->text), std::move(text->rest), text->mayHaveZero));
+            std::move(text->text), std::move(text->rest), text->mayHaveZero, text->sealBytes));
         const int64_t bytes = costOf(*sender->second.texts.back());
         bytes_.fetch_add(bytes);
         look.bytes += bytes;

@@ -12,8 +12,9 @@
 #include "scriptobjects/core/SoThread.h"
 
 namespace platform {
+class PortSeal;
 struct PortPieces;
-}
+} // namespace platform
 
 namespace ScObjects {
 
@@ -145,7 +146,8 @@ public:
     bool writeToString(SoString& out) const;
 
     // A message's text as it is sent: a small one in one piece, the body of a large one from where
-    // it is, so that it is good while that body is. Empty at first.
+    // it is, so that it is good while that body is, and with a digest that is made while it is
+    // sent. Copies share the digest: one of them at a time is sent. Empty at first.
     class SO_EXPORT Text {
     public:
         // False, and the text stays as it is, without a target or a sender.
@@ -157,6 +159,7 @@ public:
     private:
         SoString head_;
         std::string_view body_;
+        std::shared_ptr<platform::PortSeal> seal_; // of a large one; null without a digest
     };
 
     // Fills the message from the first message of `text` and returns where the next one begins: at
@@ -177,7 +180,9 @@ public:
         explicit Reader(SoString&& text);
         // One that came in two pieces, as it was sent: when the first has the lines of its only
         // message, the second is the body at once. `mayHaveZero`: false when it has no NUL byte.
-        Reader(SoString&& text, SoString&& rest, bool mayHaveZero);
+        // `sealBytes`: of the line with a digest of all that follows at its beginning, which is
+        // known to fit; 0 for none.
+        Reader(SoString&& text, SoString&& rest, bool mayHaveZero, size_t sealBytes = 0);
         ~Reader();
         Reader(const Reader&) = delete;
         Reader& operator=(const Reader&) = delete;
@@ -196,6 +201,7 @@ public:
         SoString text_;
         SoString rest_; // empty when the text is in one piece
         bool mayHaveZero_ = true;
+        size_t sealBytes_ = 0;
         bool isPrepared_ = false;
         size_t cleaned_ = 0;               // bytes of both that were looked through for NUL bytes
         int32_t position_ = 0;             // where the next message begins
@@ -236,7 +242,7 @@ private:
     int32_t bodyLength() const { return body_.length(); }
     template <class Use>
     void forEachReply(Use&& use) const;
-    char* writeLines(SoString& out, size_t bodyBytes) const;
+    char* writeLines(SoString& out, size_t bodyBytes, bool withDigest) const;
     size_t roomForHeaders() const;
     char* writeHeaders(char* place) const;
 

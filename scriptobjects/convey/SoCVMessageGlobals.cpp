@@ -2,6 +2,8 @@
 
 #include <atomic>
 
+#include "scriptobjects/convey/SoCVTextSeal.h"
+
 namespace ScObjects::ConveyData {
 namespace {
 
@@ -41,6 +43,7 @@ void MessageGlobals::exit() {
 void MessageGlobals::setAuthentication(bool on) {
     const std::lock_guard<std::mutex> guard(mutex_);
     authentication_ = on;
+    TextSeal::setCompared(on);
     authenticationIsSet_ = true;
 }
 

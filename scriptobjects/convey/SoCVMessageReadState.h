@@ -157,6 +157,11 @@ struct Convey::Message::ReadState {
     const char* digestPosition = nullptr;
     const char* digestEnd = nullptr;
     bool newFormat = true;
+    size_t sealBytes = 0; // of a digest's line in front of the text that fits all behind it
+    // True when what is to be digested is what that line is known to fit.
+    bool isSealed() const {
+        return sealBytes != 0 && position == end && signedRegion == owner->c_str() + sealBytes;
+    }
     bool hasDigest = false;
     bool hasMD5 = false;
     std::string_view md5;

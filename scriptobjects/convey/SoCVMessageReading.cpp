@@ -354,6 +354,10 @@ bool Convey::Message::checkDigest(ReadState& state, size_t bytes) {
     if (!state.hasMD5 || !Message::getAuthentication()) {
         return true;
     }
+    if (state.isSealed()) {
+        digestState_.shrink(0);
+        return true;
+    }
     if (state.digest == nullptr) {
         state.digest = std::make_unique<ConveyUtils::MD5>();
         state.digestPosition = state.signedRegion;
@@ -381,8 +385,13 @@ bool Convey::Message::checkDigest(ReadState& state, size_t bytes) {
 
 Convey::Message::Reader::Reader(SoString&& text) : text_(std::move(text)) {}
 
-Convey::Message::Reader::Reader(SoString&& text, SoString&& rest, bool mayHaveZero)
-    : text_(std::move(text)), rest_(std::move(rest)), mayHaveZero_(mayHaveZero) {}
+// What has zero bytes is changed when it is read, and digested then.
+Convey::Message::Reader::Reader(SoString&& text, SoString&& rest, bool mayHaveZero,
+                                size_t sealBytes)
+    : text_(std::move(text)),
+      rest_(std::move(rest)),
+      mayHaveZero_(mayHaveZero),
+      sealBytes_(mayHaveZero ? 0 : sealBytes) {}
 
 Convey::Message::Reader::~Reader() = default;
 
@@ -430,6 +439,7 @@ bool Convey::Message::Reader::read(Message& message, size_t bytes) {
         state_->rest = rest_.isEmpty() ? nullptr : &rest_;
         state_->known = state_->end = text_.c_str() + text_.length();
         state_->owner = &text_;
+        state_->sealBytes = position_ == 0 ? sealBytes_ : 0;
         message.beginReading();
     }
     if (!message.readOnLocked(*state_, bytes)) {

@@ -1,6 +1,7 @@
 // What the registry says of the messages' switches: messages themselves know no registry.
 #include "scriptobjects/connector/SoCVConnector.h"
 #include "scriptobjects/convey/SoCVMessageGlobals.h"
+#include "scriptobjects/convey/SoCVTextSeal.h"
 #include "scriptobjects/core/SoString.h"
 
 namespace ScObjects::ConveyData {
@@ -22,6 +23,7 @@ void MessageGlobals::readRegistry(const SoString& own) {
     const std::lock_guard<std::mutex> guard(mutex_);
     // The host may have set them before the registry was read, or while.
     authentication_ = authenticationIsSet_ ? authentication_ : authentication;
+    TextSeal::setCompared(authentication_);
     createDigest_ = createDigestIsSet_ ? createDigest_ : createDigest;
 }
 

@@ -11,6 +11,7 @@
 #include "platform/Processes.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVMessageFormat.h"
+#include "scriptobjects/convey/SoCVTextSeal.h"
 #include "scriptobjects/convey/SoCVUtils.h"
 
 namespace ScObjects {
@@ -161,7 +162,7 @@ char* Convey::Message::writeHeaders(char* place) const {
 
 // Appends all but the body, with room for so much of it; where that is, or null without a target or
 // a sender.
-char* Convey::Message::writeLines(SoString& out, size_t bodyBytes) const {
+char* Convey::Message::writeLines(SoString& out, size_t bodyBytes, bool withDigest) const {
     if (target_.isEmpty() || sender_.isEmpty()) {
         return nullptr;
     }
@@ -176,7 +177,7 @@ char* Convey::Message::writeLines(SoString& out, size_t bodyBytes) const {
     const std::string_view body = body_.view();
     SoString digest;
     size_t digestBytes = 0;
-    if (getCreateDigest()) {
+    if (withDigest) {
         digest = ConveyUtils::getMD5({header, body});
         digestBytes = std::string_view(CV_MD5).size() + digest.view().size() + 2;
     }
@@ -191,7 +192,7 @@ char* Convey::Message::writeLines(SoString& out, size_t bodyBytes) const {
 
 bool Convey::Message::writeToString(SoString& out) const {
     const std::string_view body = body_.view();
-    char* const place = writeLines(out, body.size());
+    char* const place = writeLines(out, body.size(), getCreateDigest());
     if (place == nullptr) {
         return false;
     }
@@ -203,16 +204,18 @@ bool Convey::Message::Text::write(const Message& message) {
     const std::string_view body = message.body_.view();
     const bool isLarge = body.size() > kWholeTextBytes;
     SoString head;
-    if (isLarge ? message.writeLines(head, 0) == nullptr : !message.writeToString(head)) {
+    // The digest of a large one is made while it is sent.
+    if (isLarge ? message.writeLines(head, 0, false) == nullptr : !message.writeToString(head)) {
         return false;
     }
+    seal_ = isLarge && getCreateDigest() ? std::make_shared<TextSeal>() : nullptr;
     head_ = std::move(head);
     body_ = isLarge ? body : std::string_view();
     return true;
 }
 
 platform::PortPieces Convey::Message::Text::pieces() const {
-    return {head_.view(), body_};
+    return {head_.view(), body_, seal_.get()};
 }
 
 bool Convey::Message::logToString(const char* label, SoString& out, bool withBody) const {

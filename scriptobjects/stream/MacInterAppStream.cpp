@@ -6,6 +6,7 @@
 
 #include "platform/MainLoop.h"
 #include "platform/MessagePort.h"
+#include "scriptobjects/convey/SoCVTextSeal.h"
 #include "scriptobjects/core/SoTerminators.h"
 
 namespace ScObjects {
@@ -22,7 +23,11 @@ std::string portName(const SoString& streamName) {
 
 std::unique_ptr<platform::LocalPort> openPort(const SoString& name) noexcept {
     try {
-        return platform::MessagePorts::system().open(portName(name));
+        auto port = platform::MessagePorts::system().open(portName(name));
+        if (port != nullptr) {
+            port->checkSeals(ConveyData::TextSeal::ofArriving);
+        }
+        return port;
         // A stream without a port is not good, which its owner can see; constructors here throw
         // nothing.
     } catch (const std::bad_alloc&) {
@@ -35,7 +40,7 @@ std::unique_ptr<platform::LocalPort> openPort(const SoString& name) noexcept {
 // Not copied: the port's blocks have the room and the whole steps that a string's buffer has. When
 // memory runs out they are still the port's.
 MacInterAppStream::DataRef::DataRef(platform::PortText& data)
-    : process(data.process()), mayHaveZero(data.mayHaveZero()) {
+    : process(data.process()), mayHaveZero(data.mayHaveZero()), sealBytes(data.sealBytes()) {
     const size_t length = data.size();
     if (length == 0) {
         return;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 
@@ -46,6 +47,9 @@ public:
         const int32_t process; // that sent it, 0 for unknown
         int32_t bytes() const { return text.length() + rest.length(); }
         const bool mayHaveZero; // false when it is known to hold no zero byte
+        // Of the line with a digest of all that follows at its beginning, if that was found to fit
+        // while it arrived; 0 for not.
+        const size_t sealBytes;
     };
 
     explicit MacInterAppStream(const SoString& name, bool flag = true);

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/MessagePort.h"
 #include "platform/fake/Fakes.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVUtils.h"
@@ -397,11 +398,66 @@ TEST_F(MessageTest, isReadInTwoPiecesAsInOne) {
     EXPECT_EQ(text.pieces().body.data(), large.getBody().c_str());
     SoString body = large.getBody();
     const char* const place = body.c_str();
-    Message::Reader reader(piece(text.pieces().head), std::move(body), false);
+    Message::Reader reader(
+        piece(std::string(text.pieces().sealed()) + std::string(text.pieces().head)),
+        std::move(body), false);
     Message read;
     EXPECT_TRUE(reader.read(read, SIZE_MAX) && reader.isAtEnd());
     EXPECT_EQ(read.getBody().c_str(), place);
     EXPECT_EQ(read.getDigestState(), "");
+}
+
+// What was found to fit while it arrived is not digested again, and nothing else is left out.
+TEST_F(MessageTest, aSealSparesTheDigestOfWhatItCovers) {
+    Message large = message(std::string(100'000, 'x').c_str());
+    const std::string plain = written(large);
+    Message::setCreateDigest(true);
+    const std::string whole = written(large);
+    Message::Text text;
+    ASSERT_TRUE(text.write(large));
+    const platform::PortPieces pieces = text.pieces();
+    ASSERT_NE(pieces.seal, nullptr);
+    EXPECT_EQ(pieces.seal->taken(), 0U) << "it is made while the text is sent";
+    const std::string seal(pieces.sealed());
+    EXPECT_EQ(pieces.sealed(), seal) << "also when it is sent once more";
+    EXPECT_TRUE(seal + std::string(pieces.head) + std::string(pieces.body) == whole);
+    Message::setCreateDigest(false);
+    Message::Text unsealed;
+    EXPECT_TRUE(unsealed.write(large) && unsealed.pieces().seal == nullptr);
+
+    const size_t sealed = seal.size();
+    std::string changed = whole;
+    changed.back() = 'y';
+    const struct {
+        const char* why;
+        std::string text;
+        size_t sealBytes;
+        bool mayHaveZero;
+        const char* state;
+    } cases[] = {
+        // What would be rejected when looked at shows whether that was done.
+        {"known to fit", changed, sealed, false, ""},
+        {"not known", changed, 0, false, "REJECTED"},
+        {"changed when it is read", changed, sealed, true, "REJECTED"},
+        {"more than the message", changed + "\n" + plain, sealed, false, "REJECTED"},
+        {"another digest behind it", "@CV>MD5:1\n" + changed, 10, false, "REJECTED"},
+        {"a line before the digest", "a:b\n" + changed, sealed, false, "REJECTED"},
+        {"none", plain, sealed, false, "NODIGEST"},
+        {"not known, and fits", whole, 0, false, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.why);
+        for (const size_t cut : {size_t{0}, c.text.find("\n\n") + 2, size_t{20}}) {
+            SCOPED_TRACE(cut);
+            Message::Reader reader(SoString(c.text.substr(0, cut == 0 ? c.text.size() : cut)),
+                                   SoString(cut == 0 ? "" : c.text.substr(cut)), c.mayHaveZero,
+                                   c.sealBytes);
+            Message read;
+            ASSERT_TRUE(reader.read(read, SIZE_MAX));
+            EXPECT_EQ(read.getDigestState(), c.state);
+            EXPECT_EQ(read.getBody().length(), 100'000);
+        }
+    }
 }
 
 TEST_F(MessageTest, digestTellsAChangedByte) {
