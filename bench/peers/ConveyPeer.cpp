@@ -88,7 +88,8 @@ private:
         while (reader_ == nullptr) {
             if (const auto text = stream_->take()) {
                 reader_ = std::make_unique<Convey::Message::Reader>(
-                    std::move(text->text), std::move(text->rest), text->mayHaveZero);
+                    std::move(text->text), std::move(text->rest), text->mayHaveZero,
+                    text->sealBytes);
             } else if (!stream_->waitForMessage(5000, soon_)) {
                 _exit(0);
             }

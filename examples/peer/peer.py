@@ -4,7 +4,8 @@
 usage: peer.py SPECIFIER serve               answers requests and pings until it is ended
        peer.py SPECIFIER ping TARGET [KEY]   prints the answer
        peer.py SPECIFIER ask TARGET BODY     prints each reply
-With TRACE in the environment, every text that goes out and comes in is written to standard error."""
+With TRACE in the environment, every text that goes out and comes in is written to standard error; with
+PLAIN, the peer knows no sealed texts, as those of old."""
 
 import fcntl
 import hashlib
@@ -19,6 +20,7 @@ import time
 PREFIX = rb"\\.\port\Nord_and_Sud_"
 REPLIES = ("Received", "Result", "Error", "Processed", "Timeout")
 SECONDS = 20  # for an answer
+PLAIN = "PLAIN" in os.environ
 
 
 def folder():
@@ -72,7 +74,8 @@ class Port:
         with Place(self.path) as place:
             self.listener.bind(place)
         self.listener.listen(socket.SOMAXCONN)
-        os.chmod(self.path + ".socket", 0o600 | stat.S_ISVTX)  # tells those who wait for the port
+        # Tells those who wait for the port that it is there, and all that it knows sealed texts.
+        os.chmod(self.path + ".socket", 0o600 | stat.S_ISVTX | (0 if PLAIN else 0o100))
 
     def close(self):
         for end in (self.listener, *self.connections.values()):
@@ -93,18 +96,20 @@ class Port:
                 continue
             packet = ends[number].recv(1 << 21)
             if number in self.halves and packet:
-                length, text = self.halves.pop(number)
-                text += packet
-                if len(text) < length:
-                    self.halves[number] = (length, text)
+                length, text, sealed = self.halves.pop(number)
+                if len(text) == length:  # the seal, which comes last and belongs in front
+                    found.append(packet + text)
+                    trace("< sealed", packet)
+                elif len(text) + len(packet) < length or sealed:
+                    self.halves[number] = (length, text + packet, sealed)
                 else:
-                    found.append(text)
-            elif len(packet) < 16 or packet[:5] != b"CVMP\x01":
+                    found.append(text + packet)
+            elif len(packet) < 16 or packet[:5] != b"CVMP\x01" or packet[5] > (2 if PLAIN else 3):
                 self.connections.pop(number).close()  # the end, or no peer
             elif packet[5] == 1:
                 found.append(packet[16:])
             else:
-                self.halves[number] = (struct.unpack("<Q", packet[8:16])[0], b"")
+                self.halves[number] = (struct.unpack("<Q", packet[8:16])[0], b"", packet[5] == 3)
         return found
 
     def messages(self, seconds):

@@ -8,6 +8,7 @@ import re
 import subprocess
 import sys
 
+import pytest
 from conftest import PROGRAMS, SECONDS, Start, register
 
 ROOT = pathlib.Path(__file__).parents[2]
@@ -32,7 +33,11 @@ def recorded() -> list[str]:
     return re.findall(r"^```\n(.*?)^```$", page.partition("## Taking part")[2], re.M | re.S)
 
 
-def test_asks_and_pings_the_layer(echo: object, start: Start) -> None:
+@pytest.mark.parametrize("kinds", ["all", "old"])
+def test_asks_and_pings_the_layer(echo: object, start: Start, monkeypatch: pytest.MonkeyPatch,
+                                  kinds: str) -> None:
+    if kinds == "old":
+        monkeypatch.setenv("PLAIN", "1")
     start(PROGRAMS / "host", "clock-1.0", "--quiet", first="running as clock-1.0")
     asks: list[str | pathlib.Path] = [sys.executable, PEER, "peer-1.0"]
     assert said(*asks, "ping", "clock-1.0")[0] == "ECHO_RESPONSE\n"
@@ -40,7 +45,9 @@ def test_asks_and_pings_the_layer(echo: object, start: Start) -> None:
         assert said(*asks, "ping", "clock-1.0", key)[0] == "fair\n"
     assert said(*asks, "ping", "absent-1.0")[0] == "ISNOTRUNNING\n"
     large = "many " * 20000  # goes in several packets, both ways
-    assert said(*asks, "ask", "echo-1.0", large)[0] == f"Received \nResult echo: {large}\nProcessed \n"
+    result, trace = said(*asks, "ask", "echo-1.0", large, TRACE="1")
+    assert result == f"Received \nResult echo: {large}\nProcessed \n"
+    assert ("< sealed" in trace) == (kinds == "all")
     result, trace = said(*asks, "ask", "clock-1.0", "hello", TYPE="query", TRACE="1")
     assert result == "Received \nResultquery echo: hello\nProcessed \n"
     error, error_trace = said(*asks, "ask", "clock-1.0", "fail", TYPE="query", TRACE="1")
@@ -49,11 +56,12 @@ def test_asks_and_pings_the_layer(echo: object, start: Start) -> None:
         assert masked(text).strip() in masked(trace + error_trace), text
 
 
-def test_answers_the_layer(registry: None, start: Start, tmp_path: pathlib.Path) -> None:
+@pytest.mark.parametrize("kinds", ["all", "old"])
+def test_answers_the_layer(registry: None, start: Start, tmp_path: pathlib.Path, kinds: str) -> None:
     register("peer-1.0")
     trace = tmp_path / "trace"
     # The shell gives its place to the interpreter, whose texts go into the file.
-    start("sh", "-c", f'TRACE=1 exec "$0" "$@" 2>"{trace}"', sys.executable, PEER, "peer-1.0", "serve",
+    start("sh", "-c", f'{"PLAIN=1" if kinds == "old" else ""} TRACE=1 exec "$0" "$@" 2>"{trace}"', sys.executable, PEER, "peer-1.0", "serve",
           first="running as peer-1.0")
     convey = PROGRAMS / "convey"
     assert said(convey, "ping", "peer")[0].startswith("peer-1.0: ECHO_RESPONSE time=")
@@ -63,5 +71,7 @@ def test_answers_the_layer(registry: None, start: Start, tmp_path: pathlib.Path)
         assert replies.split("\n")[1:] == ["received", "result: peer: hello", "processed", ""]
     large = "many " * 20000
     assert said(PROGRAMS / "host", "diary-1.0", "--ask", "peer", large)[0] == f"result: peer: {large}\n"
+    written = trace.read_text(encoding="utf-8")
+    assert (large in written) and ("< sealed" in written) == (kinds == "all")
     for text in recorded()[:2]:
-        assert masked(text).strip() in masked(trace.read_text(encoding="utf-8")), text
+        assert masked(text).strip() in masked(written), text
