@@ -1,4 +1,6 @@
 // Texts whose digest is made while they are under way.
+#include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <memory>
@@ -7,6 +9,9 @@
 #include <thread>
 #include <utility>
 
+#include "platform/MessagePort.h"
+#include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/stream/InterAppStream.h"
 #include "tests/platform/PortFixture.h"
 
 namespace {
@@ -148,6 +153,48 @@ TEST_F(PortSealsTest, aSealIsWaitedFor) {
     sender.join();
     EXPECT_EQ(received.sealBytes(), sumOf(large).size());
     EXPECT_TRUE(received.view() == sumOf(large) + large);
+}
+
+// A stream's messages: what is digested while it arrives is not digested again, and what does not
+// fit is noted as ever.
+TEST_F(PortSealsTest, aStreamChecksTheDigestsOfLargeMessagesAsTheyArrive) {
+    using ScObjects::Convey;
+    setenv("HOME", runtime.file("").c_str(), 1); // where the digest's identifier is
+    Convey::Message::setCreateDigest(true);
+    ScObjects::InterAppStream stream("app-1.0");
+    for (const bool isCompared : {true, false}) {
+        Convey::Message::setAuthentication(isCompared);
+        for (const bool isDamaged : {false, true}) {
+            SCOPED_TRACE(std::to_string(isCompared) + std::to_string(isDamaged));
+            Convey::Message message;
+            message.setTarget("app-1.0");
+            message.setSender("app-1.0");
+            message.setBody(ScObjects::SoString(std::string(300'000, 'b')));
+            Convey::Message::Text text;
+            ASSERT_TRUE(text.write(message));
+            platform::PortPieces pieces = text.pieces();
+            ASSERT_NE(pieces.seal, nullptr);
+            const std::string body(300'000, 'c');
+            if (isDamaged) {
+                (void)pieces.sealed();
+                pieces.body = body;
+            }
+            ASSERT_TRUE(stream.send("app-1.0", pieces, 20'000, nullptr));
+            ASSERT_TRUE(stream.waitForMessage(20'000, false));
+            const auto arrived = stream.take();
+            ASSERT_NE(arrived, nullptr);
+            EXPECT_EQ(arrived->sealBytes, isCompared && !isDamaged ? pieces.sealed().size() : 0);
+            Convey::Message::Reader reader(std::move(arrived->text), std::move(arrived->rest),
+                                           arrived->mayHaveZero, arrived->sealBytes);
+            Convey::Message read;
+            ASSERT_TRUE(reader.read(read, SIZE_MAX));
+            EXPECT_EQ(read.getDigestState(), !isCompared ? "NODIGEST"
+                                             : isDamaged ? "REJECTED"
+                                                         : "");
+            EXPECT_TRUE(read.getBody().view() == pieces.body);
+        }
+    }
+    Convey::Message::setAuthentication(true);
 }
 
 } // namespace
