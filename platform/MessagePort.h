@@ -331,6 +331,11 @@ public:
     // from time to time as well. To add a watch again does nothing.
     virtual void add(TargetWatch& watch) = 0;
 
+    // From now on a wait ends at once while something can be read from `descriptor`, which is the
+    // caller's and is no port: so whoever waits must read all that is there. Off before it is
+    // closed. False where it cannot be waited for.
+    [[nodiscard]] virtual bool watch(int descriptor, bool on) = 0;
+
     // Whether a port that somebody opens ends a wait too, as far as the system can tell.
     virtual void watchNames(bool on) = 0;
 

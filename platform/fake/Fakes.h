@@ -298,6 +298,7 @@ private:
         void add(const LocalPort&) override {}
         void pause(const LocalPort&, bool) override {} // there is no descriptor to wait at
         void add(TargetWatch&) override {}
+        bool watch(int, bool) override { return false; }
         void watchNames(bool) override {}
         bool tellsAll() const override { return false; }
         void wake() override {

@@ -24,6 +24,7 @@ constexpr uint64_t kPort = 0;
 constexpr uint64_t kWake = 1;
 constexpr uint64_t kFiles = 2;
 constexpr uint64_t kTarget = 3;
+constexpr uint64_t kOther = 4;
 constexpr int kEventsAtOnce = 16;
 constexpr int64_t kWatchAfterMilliseconds = limits::of("port.watch-after");
 constexpr int64_t kLongestLookAgainMilliseconds = limits::of("port.look-again");
@@ -49,12 +50,12 @@ std::unique_ptr<PortWaiter> PortWaiter::make() {
     }
     std::unique_ptr<PortWaiter> waiter(new PortWaiter(std::move(events), std::move(wakes)));
     // Without it nobody could end a wait, so there is none.
-    return waiter->watch(waiter->wakes_.get(), kWake) ? std::move(waiter) : nullptr;
+    return waiter->tellOnce(waiter->wakes_.get(), kWake) ? std::move(waiter) : nullptr;
 }
 
 // Each event is told once: what a thread does not take away must not keep it awake. A descriptor
 // that is closed is forgotten by itself.
-bool PortWaiter::watch(int fd, uint64_t kind) const {
+bool PortWaiter::tellOnce(int fd, uint64_t kind) const {
     epoll_event event{};
     event.events = EPOLLIN | EPOLLET;
     event.data.u64 = kind;
@@ -65,7 +66,7 @@ bool PortWaiter::watch(int fd, uint64_t kind) const {
 bool PortWaiter::watchFile(const std::string& path, int& number) {
     if (!files_) {
         PortDescriptor files(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-        if (!files || !watch(files.get(), kFiles)) {
+        if (!files || !tellOnce(files.get(), kFiles)) {
             return false;
         }
         files_ = std::move(files);
@@ -90,7 +91,7 @@ void PortWaiter::add(const LocalPort& port) {
 void PortWaiter::pause(const LocalPort& port, bool on) {
     if (on) {
         (void)epoll_ctl(events_.get(), EPOLL_CTL_DEL, port.descriptor(), nullptr);
-    } else if (!watch(port.descriptor(), kPort) && errno != EEXIST) {
+    } else if (!tellOnce(port.descriptor(), kPort) && errno != EEXIST) {
         portsMissed_.store(true); // it is polled
     }
 }
@@ -112,6 +113,14 @@ void PortWaiter::watchFiles() {
 
 void PortWaiter::add(TargetWatch& watch) {
     PortSender::report(watch, events_.get(), kTarget);
+}
+
+// Told as long as there is something, since its reader may take it in portions.
+bool PortWaiter::watch(int descriptor, bool on) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u64 = kOther;
+    return epoll_ctl(events_.get(), on ? EPOLL_CTL_ADD : EPOLL_CTL_DEL, descriptor, &event) == 0;
 }
 
 void PortWaiter::watchNames(bool on) {

@@ -22,6 +22,7 @@ public:
     void add(const LocalPort& port) override;
     void pause(const LocalPort& port, bool on) override;
     void add(TargetWatch& watch) override;
+    bool watch(int descriptor, bool on) override;
     void watchNames(bool on) override;
     bool tellsAll() const override;
     void wake() override;
@@ -29,7 +30,7 @@ public:
 
 private:
     PortWaiter(PortDescriptor events, PortDescriptor wakes);
-    bool watch(int fd, uint64_t kind) const;
+    bool tellOnce(int fd, uint64_t kind) const;
     bool watchFile(const std::string& path, int& watch);
     bool readFileEvents();
     void watchFiles();

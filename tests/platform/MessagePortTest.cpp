@@ -399,6 +399,21 @@ TEST_F(MessagePortTest, aNameIsFreeWhenItsOwnerIsKilled) {
     EXPECT_EQ(takeAll(*port), std::vector<std::string>{"y"});
 }
 
+TEST_F(MessagePortTest, aWaitEndsAsLongAsSomethingElseIsToBeRead) {
+    const Pipe other;
+    const auto wait = ports.newWait();
+    EXPECT_TRUE(wait->watch(other.readEnd(), true));
+    EXPECT_FALSE(wait->wait(0));
+    other.tell('a');
+    other.tell('b');
+    EXPECT_TRUE(wait->wait(kGenerous));
+    EXPECT_EQ(other.hear(), 'a');
+    EXPECT_TRUE(wait->wait(kGenerous)) << "for what was left";
+    EXPECT_TRUE(wait->watch(other.readEnd(), false));
+    EXPECT_FALSE(wait->wait(0)) << "nobody waits for it any more";
+    EXPECT_FALSE(wait->watch(-1, true));
+}
+
 TEST_F(MessagePortTest, oneOfFiftyProcessesGetsTheName) {
     for (int round = 0; round < 5; ++round) {
         Pipe start;

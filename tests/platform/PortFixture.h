@@ -55,6 +55,7 @@ public:
     Pipe& operator=(const Pipe&) = delete;
 
     void tell(char byte) const { (void)!write(ends_[1], &byte, 1); }
+    int readEnd() const { return ends_[0]; }
     // Waits for one; '\0' when nobody is left who could tell.
     char hear() const {
         char byte = '\0';
