@@ -94,14 +94,20 @@ bool Link::publish(Peer& peer, const Frame& frame) {
 
 int64_t Link::step(bool woken) {
     lookForNames_ = lookForNames_ || woken;
+    const int64_t due = work();
+    around_.wire.flush();
+    return std::max<int64_t>(due - around_.now(), 0);
+}
+
+// When there is something to do again.
+int64_t Link::work() {
     takeEvents();
     takeTexts();
     takeDelivered();
     takeKept();
-    const int64_t now = around_.now();
     int64_t due = regularly();
     if (!joined_) {
-        return std::max<int64_t>(std::min(due, joinAt_) - now, 0);
+        return std::min(due, joinAt_);
     }
     due = std::min(due, connected_ ? keeper_.due() : INT64_MAX);
     for (const auto& [name, peer] : peers_) {
@@ -110,7 +116,7 @@ int64_t Link::step(bool woken) {
             due = std::min(due, peer->channel.due());
         }
     }
-    return std::max<int64_t>(due - around_.now(), 0);
+    return due;
 }
 
 void Link::flush(Peer& peer) {

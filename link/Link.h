@@ -88,6 +88,7 @@ private:
     struct ForeignPing;
 
     // Link.cpp: the network, who is where, time.
+    int64_t work();
     void takeEvents();
     void connected(const std::string& server);
     void takeFrame(const std::string& from, const std::string& bytes);

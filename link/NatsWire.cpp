@@ -107,8 +107,8 @@ public:
     using Event = Wire::Event;
     using EventKind = Wire::EventKind;
 
-    NatsConnection(const Configuration& configuration, std::function<void()> wake)
-        : wake_(std::move(wake)),
+    NatsConnection(const Configuration& configuration, WireLoop loop)
+        : loop_(std::move(loop)),
           prefix_("convey." + configuration.realm + "."),
           own_(configuration.name),
           realm_(configuration.realm),
@@ -325,7 +325,7 @@ private:
             queuedBytes_ += event.text.size();
             events_.push_back(std::move(event));
         }
-        wake_();
+        loop_.wake();
     }
 
     // The last token of a subject, which is the name of a link.
@@ -446,7 +446,7 @@ private:
             {isRefused ? EventKind::refused : EventKind::noted, {}, what});
     }
 
-    const std::function<void()> wake_;
+    const WireLoop loop_;
     const std::string prefix_;
     const std::string own_;
     const std::string realm_;
@@ -568,9 +568,9 @@ bool makeStream(const Configuration& configuration, const std::string& from,
     return status == NATS_OK;
 }
 
-std::unique_ptr<Wire> connectToNats(const Configuration& configuration, std::function<void()> wake,
+std::unique_ptr<Wire> connectToNats(const Configuration& configuration, WireLoop loop,
                                     std::string& error) {
-    auto connection = std::make_unique<NatsConnection>(configuration, std::move(wake));
+    auto connection = std::make_unique<NatsConnection>(configuration, std::move(loop));
     if (!connection->connect(configuration, error)) {
         return nullptr;
     }

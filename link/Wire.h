@@ -15,7 +15,7 @@ namespace convey_link {
 // The network as the link sees it: frames to and from other links of the realm, by name.
 //
 // Delivers at most once: what was sent may be lost without a word. Who a frame is from is what its
-// subject says. Threads: `publish` and `take` from one; the implementation calls `wake` from any.
+// subject says. Threads: all from one; the implementation calls `wake` from any.
 class Wire {
 public:
     enum class EventKind {
@@ -38,7 +38,8 @@ public:
     };
 
     virtual ~Wire() = default;
-    // False when it is not connected; nothing is kept for later then.
+    // Goes out with the next `flush` at the latest. False when it is not connected; nothing is kept
+    // for later then.
     virtual bool publish(const std::string& link, std::string_view frame) = 0;
     // The same by way of a disk of the servers, which knows a number of a life again; what it says
     // is an event.
@@ -47,16 +48,27 @@ public:
     // The frame that was stored need not come again.
     virtual bool acknowledge(const std::string& reply);
     virtual bool askClock(const std::string& link);
-    // What has happened since the last call.
+    // Sends what was said since the last call, all in one. Waits while the server takes nothing, for
+    // two seconds at most: then it counts as ended.
+    virtual void flush() {}
+    // What has happened since the last call, and has come from the server by now.
     virtual std::vector<Event> take() = 0;
     // Bytes of a frame at most.
     virtual size_t maximumFrame() const = 0;
 };
 
-// A connection to a NATS server, which it looks for until it is destroyed. `wake` is called from
-// the client's threads when there is something to take. Null, and `error` says why, when what is
-// configured cannot be used at all.
-std::unique_ptr<Wire> connectToNats(const Configuration& configuration, std::function<void()> wake,
+// What calls `Wire::take`: waits for descriptors, and can be woken.
+struct WireLoop {
+    // From any thread: there is something to take.
+    std::function<void()> wake;
+    // From any thread, on and off: `take` is to be called as long as the descriptor can be read.
+    std::function<void(int descriptor, bool on)> watch;
+};
+
+// A connection to a NATS server, which it looks for until it is destroyed. It is read and written by
+// the thread that calls it. Null, and `error` says why, when what is configured cannot be used at
+// all.
+std::unique_ptr<Wire> connectToNats(const Configuration& configuration, WireLoop loop,
                                     std::string& error);
 
 // The stream in which the requests of a link wait.

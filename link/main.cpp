@@ -290,7 +290,14 @@ int run(const std::string& file) {
     {
         std::string error;
         const std::unique_ptr<Wire> wire =
-            connectToNats(configuration, [wait] { wait->wake(); }, error);
+            connectToNats(configuration,
+                          {[wait] { wait->wake(); },
+                           [wait](int descriptor, bool on) {
+                               if (!wait->watch(descriptor, on) && on) {
+                                   say("the system watches no more descriptors");
+                               }
+                           }},
+                          error);
         if (wire == nullptr) {
             say("cannot connect: " + error);
             return kRefused;
