@@ -2,9 +2,13 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <condition_variable>
+#include <fcntl.h>
 #include <mutex>
 #include <nats/nats.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <thread>
 #include <utility>
 
@@ -12,6 +16,7 @@
 #include "link/Frame.h"
 #include "link/Text.h"
 #include "link/Wire.h"
+#include "platform/Clock.h"
 
 namespace convey_link {
 namespace {
@@ -22,7 +27,8 @@ constexpr size_t kQueuedBytes = 256 * bounds::kMiB;
 // is of use, since all that matters is sent again.
 constexpr int kReconnectBytes = 1;
 constexpr int64_t kPingMilliseconds = 2000;
-constexpr int kPingsOut = 2;
+// From which the server has said nothing, although it was asked: two answers are missing.
+constexpr int64_t kSilentMilliseconds = 3 * kPingMilliseconds;
 constexpr int64_t kConnectMilliseconds = 2000;
 constexpr int64_t kReconnectMilliseconds = 500;
 constexpr int64_t kJitterMilliseconds = 200;
@@ -31,9 +37,18 @@ constexpr int64_t kJitterMilliseconds = 200;
 constexpr int kEndedTalks = 5;
 // A server that is stopped holds the link up for so long at most.
 constexpr int64_t kWriteMilliseconds = 2000;
+// Gathered before it is sent without waiting for more.
+constexpr size_t kGatheredBytes = 256 * bounds::kKiB;
+// Of the client's own fields around a frame, to count with.
+constexpr size_t kAroundBytes = 256;
+// Read in a turn, each at most what one record of TLS holds; then what they brought has its turn.
+constexpr int kReadsAtOnce = 64;
+// Of the client, for a read; more than such a record.
+constexpr int kBufferBytes = 128 * static_cast<int>(bounds::kKiB);
 // At the end, for what was published last, and each for the client's threads and the one here.
 constexpr int64_t kFlushMilliseconds = 300;
 constexpr int64_t kCloseMilliseconds = 300;
+constexpr int kLookMilliseconds = 10;
 // Behind a link's own subject. One for all senders, since the servers look for exactly this one
 // before they hand anything to it.
 constexpr const char* kStoredSubject = ".kept.from";
@@ -50,6 +65,10 @@ struct Free {
 };
 template <class Handle>
 using Owned = std::unique_ptr<Handle, Free>;
+
+int64_t now() {
+    return platform::Clock::system().monotonicMilliseconds();
+}
 
 std::string lastError(natsStatus status) {
     natsStatus last = NATS_OK;
@@ -102,6 +121,14 @@ natsStatus makeOptions(const Configuration& configuration, Owned<natsOptions>& o
 }
 
 // All that the client's threads use; its owner leaves it to them when they do not end in time.
+//
+// The client has no thread here that reads: each text would go from that one to a second, which hands
+// it to a handler, and from there to the one that looks after ports. Instead that one reads and
+// writes itself, where all of it comes together, and what it says in a turn goes in one piece.
+//
+// The client must close the socket in this thread only, which may be in the middle of using it: so
+// nothing else may find that the server has gone (its pings never count as too many), and whoever
+// does here shuts the socket down, which is read as its end.
 class NatsConnection {
 public:
     using Event = Wire::Event;
@@ -116,8 +143,8 @@ public:
                              [](const Use& use) { return use.durable; })),
           offers_(!configuration.offers.empty()) {}
 
-    // Ends it; whether no thread uses it any more. One that looks for a server, or writes to one
-    // that has stopped, takes seconds, which whoever ends the link need not wait.
+    // Ends it; whether no thread uses it any more. One that looks for a server takes seconds, which
+    // whoever ends the link need not wait.
     bool close() {
         {
             std::unique_lock<std::mutex> lock(mutex_);
@@ -133,16 +160,12 @@ public:
         if (joining_.joinable()) {
             joining_.join();
         }
-        for (auto& subscription : subscriptions_) {
-            subscription.reset();
-        }
         if (connection_ != nullptr) {
-            // What was published last, such as that this link ends.
-            if (natsConnection_Status(connection_.get()) == NATS_CONN_STATUS_CONNECTED) {
-                (void)natsConnection_FlushTimeout(connection_.get(), kFlushMilliseconds);
-            }
+            sayLast();
+            endSubscriptions();
             natsConnection_Close(connection_.get());
         }
+        done_.clear();
         connection_.reset();
         return nats_CloseAndWait(kCloseMilliseconds) == NATS_OK;
     }
@@ -153,9 +176,10 @@ public:
         const auto set = [&](natsStatus result) { status = status == NATS_OK ? result : status; };
         set(natsOptions_SetNoEcho(made, false));
         set(natsOptions_SetSendAsap(made, true));
-        set(natsOptions_SetWriteDeadline(made, kWriteMilliseconds));
+        set(natsOptions_SetEventLoop(made, this, onAttach, onRead, onWrite, onDetach));
+        set(natsOptions_SetIOBufSize(made, kBufferBytes));
         set(natsOptions_SetPingInterval(made, kPingMilliseconds));
-        set(natsOptions_SetMaxPingsOut(made, kPingsOut));
+        set(natsOptions_SetMaxPingsOut(made, INT_MAX));
         set(natsOptions_SetMaxReconnect(made, -1));
         set(natsOptions_SetReconnectWait(made, kReconnectMilliseconds));
         set(natsOptions_SetReconnectJitter(made, kJitterMilliseconds, kJitterMilliseconds));
@@ -178,11 +202,9 @@ public:
     }
 
     bool publish(const std::string& link, std::string_view frame) {
-        const std::lock_guard<std::mutex> guard(inUse_);
-        if (!isConnected()) {
-            return false;
-        }
-        return natsConnection_PublishRequest(connection_.get(),
+        const Turn turn(*this);
+        return makeRoom(frame.size()) &&
+               natsConnection_PublishRequest(connection_.get(),
                                              (prefix_ + link + "." + own_).c_str(),
                                              (prefix_ + own_ + ".absent." + link).c_str(),
                                              frame.data(),
@@ -190,8 +212,8 @@ public:
     }
 
     bool keep(const std::string& link, uint64_t life, uint64_t serial, std::string_view frame) {
-        const std::lock_guard<std::mutex> guard(inUse_);
-        if (!isConnected()) {
+        const Turn turn(*this);
+        if (!makeRoom(frame.size())) {
             return false;
         }
         natsMsg* made = nullptr;
@@ -208,24 +230,55 @@ public:
     }
 
     bool acknowledge(const std::string& reply) {
-        const std::lock_guard<std::mutex> guard(inUse_);
-        return isConnected() &&
+        const Turn turn(*this);
+        return makeRoom(reply.size()) &&
                natsConnection_PublishString(connection_.get(), reply.c_str(), "+ACK") == NATS_OK;
     }
 
     bool askClock(const std::string& link) {
-        const std::lock_guard<std::mutex> guard(inUse_);
-        return isConnected() &&
+        const Turn turn(*this);
+        return makeRoom(link.size()) &&
                natsConnection_PublishRequestString(
                    connection_.get(),
                    ("$JS.API.CONSUMER.INFO." + streamOf(realm_, link) + "." + own_).c_str(),
                    (prefix_ + own_ + ".kept.clock." + link).c_str(), "") == NATS_OK;
     }
 
+    void flush() {
+        {
+            const std::lock_guard<std::mutex> guard(inUse_); // no turn: who wants to write now wakes
+            writeOut();
+        }
+        done_.clear(); // only now: the client wakes a thread for each
+    }
+
     std::vector<Event> take() {
-        const std::lock_guard<std::mutex> guard(mutex_);
-        queuedBytes_ = 0;
-        return std::exchange(events_, {});
+        std::vector<Event> taken;
+        {
+            const std::lock_guard<std::mutex> guard(mutex_);
+            queuedBytes_ = 0;
+            taken.swap(events_);
+        }
+        const Turn turn(*this);
+        if (connection_ == nullptr) {
+            return taken;
+        }
+        read();
+        if (readAt_ + kSilentMilliseconds < now()) {
+            drop();
+        }
+        for (size_t place = 0; place < std::size(kTakers); ++place) {
+            natsStatus status = subscriptions_[place] == nullptr ? NATS_TIMEOUT : NATS_OK;
+            while (status == NATS_OK || status == NATS_NO_RESPONDERS) { // nobody here asked for those
+                natsMsg* message = nullptr;
+                status = natsSubscription_NextMsg(&message, subscriptions_[place].get(), 0);
+                if (status == NATS_OK) {
+                    done_.emplace_back(message);
+                    (this->*kTakers[place])(message, taken);
+                }
+            }
+        }
+        return taken;
     }
 
     size_t maximumFrame() const {
@@ -236,7 +289,110 @@ public:
     }
 
 private:
-    bool isConnected() const { // while `inUse_` is held
+    // While the thread that takes uses the connection: it writes itself before it waits.
+    class Turn {
+    public:
+        explicit Turn(NatsConnection& wire) : wire_(wire), guard_(wire.inUse_) {
+            wire_.writesSoon_ = true;
+        }
+        ~Turn() { wire_.writesSoon_ = false; }
+        Turn(const Turn&) = delete;
+        Turn& operator=(const Turn&) = delete;
+
+    private:
+        NatsConnection& wire_;
+        const std::lock_guard<std::mutex> guard_;
+    };
+
+    // The client's calls for who waits for its socket. Threads: any.
+    static natsStatus onAttach(void** user, void* self, natsConnection*, natsSock socket) {
+        auto& wire = *static_cast<NatsConnection*>(self);
+        *user = self;
+        (void)fcntl(socket, F_SETFD, FD_CLOEXEC); // else what is launched keeps it open
+        wire.readAt_ = now();
+        wire.socket_ = socket;
+        wire.loop_.watch(socket, true);
+        return NATS_OK;
+    }
+    static natsStatus onRead(void* self, bool on) {
+        auto& wire = *static_cast<NatsConnection*>(self);
+        if (!on && wire.socket_ >= 0) {
+            wire.loop_.watch(wire.socket_.exchange(-1), false);
+        }
+        return NATS_OK;
+    }
+    static natsStatus onWrite(void* self, bool on) {
+        auto& wire = *static_cast<NatsConnection*>(self);
+        wire.wantsToWrite_ = on;
+        if (on && !wire.writesSoon_) {
+            wire.loop_.wake();
+        }
+        return NATS_OK;
+    }
+    static natsStatus onDetach(void* self) { return onRead(self, false); }
+
+    // All of these while `inUse_` is held.
+
+    bool isReady(short events, int64_t milliseconds) const {
+        pollfd ready{socket_, events, 0};
+        return poll(&ready, 1, static_cast<int>(milliseconds)) > 0 &&
+               (ready.revents & ~POLLOUT) != 0;
+    }
+    void read() {
+        for (int i = 0; i < kReadsAtOnce && isReady(POLLIN, 0); ++i) {
+            natsConnection_ProcessReadEvent(connection_.get());
+            readAt_ = now();
+        }
+    }
+    // The client must find the same bytes at the same place when it goes on, so nothing is said
+    // until all is sent.
+    void writeOut() {
+        unsentBytes_ = 0;
+        const int64_t end = now() + kWriteMilliseconds;
+        while (wantsToWrite_ && isConnected()) {
+            natsConnection_ProcessWriteEvent(connection_.get());
+            if (!wantsToWrite_) {
+                return;
+            }
+            const int64_t left = end - now();
+            if (left <= 0) {
+                drop();
+                return;
+            }
+            if (isReady(POLLIN | POLLOUT, left)) { // else both sides might wait for each other
+                natsConnection_ProcessReadEvent(connection_.get());
+            }
+        }
+    }
+    // Whether something may be said.
+    bool makeRoom(size_t bytes) {
+        unsentBytes_ += bytes + kAroundBytes;
+        if (unsentBytes_ > kGatheredBytes) {
+            writeOut();
+        }
+        return isConnected();
+    }
+    // The client reads the end, and looks for another server.
+    void drop() const { (void)shutdown(socket_, SHUT_RDWR); }
+    // What was published last, such as that this link ends, when its server goes on.
+    void sayLast() {
+        if (!isConnected()) {
+            return;
+        }
+        std::atomic<bool> isSaid{false};
+        std::thread flushing([&] {
+            (void)natsConnection_FlushTimeout(connection_.get(), kFlushMilliseconds);
+            isSaid = true;
+        });
+        while (!isSaid) {
+            writeOut();
+            if (isReady(POLLIN, kLookMilliseconds)) {
+                natsConnection_ProcessReadEvent(connection_.get());
+            }
+        }
+        flushing.join();
+    }
+    bool isConnected() const {
         return connection_ != nullptr &&
                natsConnection_Status(connection_.get()) == NATS_CONN_STATUS_CONNECTED;
     }
@@ -281,9 +437,7 @@ private:
             if (isClosed_.exchange(false) && !closing_ && connection_ != nullptr &&
                 natsConnection_IsClosed(connection_.get())) {
                 const std::lock_guard<std::mutex> guard(inUse_);
-                for (auto& subscription : subscriptions_) {
-                    subscription.reset();
-                }
+                endSubscriptions();
                 connection_.reset();
             }
         }
@@ -297,20 +451,61 @@ private:
 
     bool subscribeAll() {
         const std::string own = prefix_ + own_;
-        return subscribe(own + ".*", 0, onFrame) && subscribe(own + ".absent.*", 1, onAbsent) &&
-               (!keeps_ || subscribe(own + ".kept.told.*", 2, onKept)) &&
-               (!offers_ || (subscribe(own + ".kept.clock.*", 3, onClock) &&
-                             subscribe(own + kStoredSubject, 4, onStored)));
+        return subscribe(own + ".*", 0) && subscribeByThread(own + ".absent.*", absences_, onAbsent) &&
+               (!keeps_ || subscribeByThread(own + ".kept.told.*", kept_, onKept)) &&
+               (!offers_ || (subscribe(own + ".kept.clock.*", 1) &&
+                             subscribe(own + kStoredSubject, 2)));
     }
 
-    bool subscribe(const std::string& subject, size_t place, natsMsgHandler handler) {
+    bool subscribe(const std::string& subject, size_t place) {
+        natsSubscription* subscription = nullptr;
+        const natsStatus status = natsConnection_SubscribeSync(&subscription, connection_.get(),
+                                                               subject.c_str());
+        subscriptions_[place].reset(subscription);
+        return status == NATS_OK && bound(subscription);
+    }
+
+    void endSubscriptions() {
+        absences_.reset();
+        kept_.reset();
+        for (auto& subscription : subscriptions_) {
+            subscription.reset();
+        }
+    }
+
+    // Handed over by a thread of the client's, where nobody may be there: it says whose absence that
+    // is to a handler, and to who takes messages himself only that there is one.
+    bool subscribeByThread(const std::string& subject, Owned<natsSubscription>& made,
+                           natsMsgHandler handler) {
         natsSubscription* subscription = nullptr;
         const natsStatus status = natsConnection_Subscribe(&subscription, connection_.get(),
                                                            subject.c_str(), handler, this);
-        subscriptions_[place].reset(subscription);
-        return status == NATS_OK &&
-               natsSubscription_SetPendingLimits(subscription, -1,
+        made.reset(subscription);
+        return status == NATS_OK && bound(subscription);
+    }
+
+    static bool bound(natsSubscription* subscription) {
+        return natsSubscription_SetPendingLimits(subscription, -1,
                                                  static_cast<int>(kQueuedBytes)) == NATS_OK;
+    }
+
+    static void onAbsent(natsConnection*, natsSubscription*, natsMsg* taken, void* self) {
+        const Owned<natsMsg> message(taken);
+        // Only the server says so: anybody may publish an empty message.
+        if (natsMsg_IsNoResponders(taken)) {
+            static_cast<NatsConnection*>(self)->push({EventKind::absent, lastToken(taken), {}});
+        }
+    }
+
+    static void onKept(natsConnection*, natsSubscription*, natsMsg* taken, void* self) {
+        const Owned<natsMsg> message(taken);
+        const int64_t number = numberOf(lastToken(taken));
+        std::string answer = textOf(taken);
+        // Only the server says that nobody is there, as above.
+        if (number > 0 && (!answer.empty() || natsMsg_IsNoResponders(taken))) {
+            static_cast<NatsConnection*>(self)->push({EventKind::kept, {}, std::move(answer),
+                                                      static_cast<uint64_t>(number)});
+        }
     }
 
     void push(Event event) {
@@ -334,56 +529,31 @@ private:
         return std::string(subject.substr(subject.rfind('.') + 1));
     }
 
-    static void onFrame(natsConnection*, natsSubscription*, natsMsg* taken, void* self) {
-        const Owned<natsMsg> message(taken);
-        std::string from = lastToken(taken);
+    // What comes of each subscription.
+
+    void takeFrame(natsMsg* message, std::vector<Event>& out) {
+        std::string from = lastToken(message);
         if (isName(from)) {
-            static_cast<NatsConnection*>(self)->push(
-                {EventKind::frame, std::move(from),
-                 std::string(natsMsg_GetData(taken),
-                             static_cast<size_t>(natsMsg_GetDataLength(taken)))});
+            out.push_back({EventKind::frame, std::move(from), textOf(message)});
         }
     }
-
-    static void onAbsent(natsConnection*, natsSubscription*, natsMsg* taken, void* self) {
-        const Owned<natsMsg> message(taken);
-        // Only the server says so: anybody may publish an empty message.
-        if (natsMsg_IsNoResponders(taken)) {
-            static_cast<NatsConnection*>(self)->push({EventKind::absent, lastToken(taken), {}});
-        }
+    void takeClock(natsMsg* message, std::vector<Event>& out) {
+        out.push_back({EventKind::clock, lastToken(message), textOf(message)});
     }
-
-    static void onKept(natsConnection*, natsSubscription*, natsMsg* taken, void* self) {
-        const Owned<natsMsg> message(taken);
-        const int64_t number = numberOf(lastToken(taken));
-        std::string answer = textOf(taken);
-        // Only the server says that nobody is there, as above.
-        if (number > 0 && (!answer.empty() || natsMsg_IsNoResponders(taken))) {
-            static_cast<NatsConnection*>(self)->push({EventKind::kept, {}, std::move(answer),
-                                                      static_cast<uint64_t>(number)});
-        }
-    }
-
-    static void onClock(natsConnection*, natsSubscription*, natsMsg* taken, void* self) {
-        const Owned<natsMsg> message(taken);
-        static_cast<NatsConnection*>(self)->push(
-            {EventKind::clock, lastToken(taken), textOf(taken)});
-    }
-
     // The subject is the one that it was published to, which only its sender may, and the servers
     // say in which stream it has lain.
-    static void onStored(natsConnection*, natsSubscription*, natsMsg* taken, void* self) {
-        const Owned<natsMsg> message(taken);
-        auto& wire = *static_cast<NatsConnection*>(self);
-        std::string from = lastToken(taken);
-        const std::string reply = natsMsg_GetReply(taken) == nullptr ? "" : natsMsg_GetReply(taken);
-        if (isName(from) && natsMsg_GetSubject(taken) == wire.prefix_ + wire.own_ + ".keep." + from &&
+    void takeStored(natsMsg* message, std::vector<Event>& out) {
+        std::string from = lastToken(message);
+        const std::string reply =
+            natsMsg_GetReply(message) == nullptr ? "" : natsMsg_GetReply(message);
+        if (isName(from) && natsMsg_GetSubject(message) == prefix_ + own_ + ".keep." + from &&
             reply.starts_with("$JS.ACK.") &&
-            reply.find("." + streamOf(wire.realm_, from) + "." + wire.own_ + ".") !=
-                std::string::npos) {
-            wire.push({EventKind::stored, std::move(from), textOf(taken), 0, reply});
+            reply.find("." + streamOf(realm_, from) + "." + own_ + ".") != std::string::npos) {
+            out.push_back({EventKind::stored, std::move(from), textOf(message), 0, reply});
         }
     }
+    static constexpr void (NatsConnection::*kTakers[])(natsMsg*, std::vector<Event>&) = {
+        &NatsConnection::takeFrame, &NatsConnection::takeClock, &NatsConnection::takeStored};
 
     static std::string textOf(natsMsg* message) {
         return {natsMsg_GetData(message), static_cast<size_t>(natsMsg_GetDataLength(message))};
@@ -456,7 +626,15 @@ private:
     std::thread joining_;
     mutable std::mutex inUse_; // guards the connection, which only `joining_` makes and ends; before `mutex_`
     Owned<natsConnection> connection_;
-    Owned<natsSubscription> subscriptions_[5];
+    Owned<natsSubscription> absences_;
+    Owned<natsSubscription> kept_;
+    Owned<natsSubscription> subscriptions_[std::size(kTakers)];
+    std::vector<Owned<natsMsg>> done_; // of the thread that takes
+    size_t unsentBytes_ = 0;           // guarded by `inUse_`
+    std::atomic<int> socket_{-1};
+    std::atomic<int64_t> readAt_{0};
+    std::atomic<bool> wantsToWrite_{false};
+    std::atomic<bool> writesSoon_{false};
     std::atomic<bool> closing_{false};
     std::atomic<bool> isClosed_{false}; // by the client, which has given up
     std::condition_variable changed_;   // one of the two, or the next
@@ -484,6 +662,7 @@ public:
     }
     bool acknowledge(const std::string& reply) override { return connection_->acknowledge(reply); }
     bool askClock(const std::string& link) override { return connection_->askClock(link); }
+    void flush() override { connection_->flush(); }
     std::vector<Event> take() override { return connection_->take(); }
     size_t maximumFrame() const override { return connection_->maximumFrame(); }
 
