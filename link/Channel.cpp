@@ -161,6 +161,7 @@ void Channel::takePart(const Part& part, int64_t now, Arrivals& out) {
             return;
         }
         half = halves_.emplace(part.message, Half{*part.head, part.total, {}}).first;
+        half->second.text.reserve(part.total); // counted, and the system's only as it is filled
         halfBytes_ += part.total;
     }
     // What is not the next part of a text that has begun belongs to one that was refused.

@@ -33,6 +33,7 @@ public:
         number(head.remainingMilliseconds).number(head.pingNumber);
         return text(head.source).text(head.target);
     }
+    void reserve(size_t bytes) { out_.reserve(bytes); }
     std::string take() { return std::move(out_); }
 
 private:
@@ -143,6 +144,7 @@ std::string encodeCargo(const Frame& frame) {
     out.number(static_cast<uint8_t>(frame.cargo));
     switch (frame.cargo) {
     case CargoKind::part:
+        out.reserve(bounds::kFrameBytes + frame.part.bytes.size());
         out.number(frame.part.message).number(frame.part.total).number(frame.part.offset);
         if (frame.part.head) {
             out.head(*frame.part.head);
@@ -165,6 +167,7 @@ std::string encodeCargo(const Frame& frame) {
 std::string encodeAround(std::string_view cargo, uint64_t senderLife, uint64_t receiverLife,
                          uint64_t number, uint64_t acknowledged) {
     Writer out;
+    out.reserve(cargo.size() + 64);
     out.bytes(kMark).number(static_cast<uint8_t>(FrameKind::cargo));
     out.number(senderLife).number(receiverLife);
     return out.number(number).number(acknowledged).bytes(cargo).take();

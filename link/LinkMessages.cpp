@@ -57,9 +57,10 @@ bool Link::takeFrom(Port& port, const std::function<void(Text&)>& handle) {
         if (!port.port->take(taken)) {
             return port.port->hasMore();
         }
-        std::string whole(taken.view());
-        normalise(whole);
-        std::string_view rest = whole;
+        if (taken.mayHaveZero()) {
+            normalise(taken.data(), taken.size());
+        }
+        std::string_view rest = taken.view(); // large ones are not copied
         Text message;
         while (Text::read(rest, message)) {
             handle(message);

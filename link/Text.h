@@ -37,6 +37,8 @@ public:
     std::string writePlain() const;
 
 private:
+    std::string head() const;
+
     struct Line {
         std::string name;
         std::string value;
@@ -48,7 +50,10 @@ private:
 };
 
 // Turns what readers take for the end of a line into one.
-void normalise(std::string& text);
+void normalise(char* text, size_t lengthBytes);
+inline void normalise(std::string& text) {
+    normalise(text.data(), text.size());
+}
 
 // The number that a line says; -1 for none.
 int64_t numberOf(std::string_view value);
