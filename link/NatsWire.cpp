@@ -264,9 +264,7 @@ public:
             return taken;
         }
         read();
-        if (readAt_ + kSilentMilliseconds < now()) {
-            drop();
-        }
+        dropWhenSilent();
         for (size_t place = 0; place < std::size(kTakers); ++place) {
             natsStatus status = subscriptions_[place] == nullptr ? NATS_TIMEOUT : NATS_OK;
             while (status == NATS_OK || status == NATS_NO_RESPONDERS) { // nobody here asked for those
@@ -374,6 +372,17 @@ private:
     }
     // The client reads the end, and looks for another server.
     void drop() const { (void)shutdown(socket_, SHUT_RDWR); }
+    void dropWhenSilent() {
+        // Who was not here, because its process was stopped or was launching something, has asked
+        // nothing: the server's silence begins now.
+        const int64_t time = now();
+        if (std::exchange(takenAt_, time) + 2 * kPingMilliseconds < time) {
+            readAt_ = time;
+        }
+        if (readAt_ + kSilentMilliseconds < time) {
+            drop();
+        }
+    }
     // What was published last, such as that this link ends, when its server goes on.
     void sayLast() {
         if (!isConnected()) {
@@ -631,6 +640,7 @@ private:
     Owned<natsSubscription> subscriptions_[std::size(kTakers)];
     std::vector<Owned<natsMsg>> done_; // of the thread that takes
     size_t unsentBytes_ = 0;           // guarded by `inUse_`
+    int64_t takenAt_ = 0;
     std::atomic<int> socket_{-1};
     std::atomic<int64_t> readAt_{0};
     std::atomic<bool> wantsToWrite_{false};
