@@ -24,6 +24,7 @@ public:
 
     bool publish(const std::string& link, std::string_view bytes) override {
         Frame frame;
+        unsaid = true;
         EXPECT_TRUE(decode(bytes, frame));
         if (link == "workshop") {
             sent.push_back({frame.kind, frame.head});
@@ -44,9 +45,11 @@ public:
         asked.push_back(link);
         return true;
     }
+    void flush() override { unsaid = false; }
     std::vector<Event> take() override { return std::exchange(events, {}); }
     size_t maximumFrame() const override { return bounds::kMiB; }
 
+    bool unsaid = false; // what was published has not gone
     std::vector<Event> events;
     std::vector<std::pair<FrameKind, MessageHead>> sent;
     std::vector<Kept> kept;
@@ -78,11 +81,13 @@ protected:
     void happens(Wire::Event event) {
         wire.events.push_back(std::move(event));
         (void)link->step(true);
+        EXPECT_FALSE(wire.unsaid) << "it would wait for the next turn";
     }
     void passes(int64_t milliseconds) {
         for (int64_t i = 0; i < milliseconds; i += 100) {
             now += 100;
             (void)link->step(false);
+            EXPECT_FALSE(wire.unsaid) << "it would wait for the next turn";
         }
     }
     // What has come to a port since the last look; empty for nothing.
