@@ -35,6 +35,10 @@ enum EnabledOperations : int32_t {
 // thread that pumps, with no lock of the layer held: they may send, ping, add and remove handlers
 // and delete their own instance.
 //
+// A child after `fork` is no part of the layer: its ports are dead, no thread runs there, and it
+// has to `exec` or to end by `_exit` without a call of the layer. What it starts by `exec` may
+// start the layer for itself, and inherits no descriptor of this process's.
+//
 // Every static operation gives the neutral value (false, 0, the empty text, null) while the layer
 // is not started or no registry can be read. Nothing is thrown. Threads: `InitTerm` from one thread
 // at a time; everything else from any thread between `InitTerm::init` and `InitTerm::exit`.

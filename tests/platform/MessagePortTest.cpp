@@ -322,6 +322,12 @@ TEST_F(MessagePortTest, knowsWhenAllThatAProcessHadSentWasTaken) {
     EXPECT_FALSE(port->isPast(all)) << "of whom nobody knows is everybody";
     (void)takeAll(*port);
     EXPECT_TRUE(port->isPast(all));
+    const int half = rawConnection();
+    EXPECT_TRUE(sendRaw(half, header(2, 10)) && sendRaw(half, "12345"));
+    EXPECT_TRUE(takeAll(*port).empty());
+    EXPECT_FALSE(port->isPast(all)) << "its sender may go on";
+    close(half);
+    EXPECT_TRUE(port->isPast(all));
 }
 
 TEST_F(MessagePortTest, sendersToOneNameTakeTurnsAndDoNotHoldOthers) {
