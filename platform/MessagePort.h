@@ -278,7 +278,7 @@ public:
     // From now on texts whose seal comes last are given to a seal of `make`, piece by piece as they
     // arrive, and the text says whether it fits. `make` may return null for none; it is called, and
     // the seal used, while others wait for this port, and throws nothing.
-    virtual void checkSeals(std::function<std::unique_ptr<PortSeal>()> /*make*/) {}
+    virtual void checkSeals(const std::function<std::unique_ptr<PortSeal>()>& /*make*/) {}
 
     // The place behind all that this process has sent here until now.
     virtual PortPlace placeBehind(int32_t process) const = 0;

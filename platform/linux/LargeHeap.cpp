@@ -1,5 +1,6 @@
 #include "platform/LargeHeap.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <malloc.h>
@@ -17,25 +18,26 @@ constexpr size_t kFirstBytes = 192 << 10; // more than the heap has left at the 
 } // namespace
 
 void expectLargeHeap() noexcept {
+    // NOLINTBEGIN(concurrency-mt-unsafe): there is no second thread yet
     // One heap that grows once, and no block beside it, so that the pages of what was freed serve
     // again.
     (void)mallopt(M_TOP_PAD, kExpectedBytes);
     (void)mallopt(M_MMAP_THRESHOLD, kExpectedBytes);
     (void)mallopt(M_TRIM_THRESHOLD, 2 * kExpectedBytes);
-    void* const first = std::malloc(kFirstBytes);
+    auto* const first = static_cast<char*>(std::malloc(kFirstBytes));
     // Once: where addresses are few, growing by so much more each time would fail for want of them.
     (void)mallopt(M_TOP_PAD, kLaterBytes);
+    // NOLINTEND(concurrency-mt-unsafe)
     if (first == nullptr) {
         return;
     }
-    const uintptr_t begin =
-        (reinterpret_cast<uintptr_t>(first) + kSmallBytes + kLargePageBytes - 1) &
-        ~uintptr_t{kLargePageBytes - 1};
-    const uintptr_t end =
-        (reinterpret_cast<uintptr_t>(first) + kExpectedBytes) & ~uintptr_t{kLargePageBytes - 1};
-    std::free(first);
+    const uintptr_t address = reinterpret_cast<uintptr_t>(first) + kSmallBytes;
+    const size_t skipped =
+        kSmallBytes + (kLargePageBytes - address % kLargePageBytes) % kLargePageBytes;
+    const size_t pages = (kExpectedBytes - skipped) / kLargePageBytes;
     // Where the heap could not grow so far the range is not mapped, and the call does nothing.
-    (void)madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+    (void)madvise(first + skipped, pages * kLargePageBytes, MADV_HUGEPAGE);
+    std::free(first);
 }
 
 } // namespace platform

@@ -238,9 +238,9 @@ bool PortReceiver::hasMoreLocked() const {
     return partBytesRead_ >= kPartBytesAtOnce;
 }
 
-void PortReceiver::checkSeals(std::function<std::unique_ptr<PortSeal>()> make) {
+void PortReceiver::checkSeals(const std::function<std::unique_ptr<PortSeal>()>& make) {
     const std::lock_guard<std::mutex> guard(mutex_);
-    makeSeal_ = std::move(make);
+    makeSeal_ = make;
 }
 
 PortStatistics PortReceiver::statistics() const {

@@ -30,7 +30,7 @@ public:
     bool wait(int64_t timeoutMilliseconds, bool soon) override;
     bool hasMore() const override;
     void hold(int32_t process, bool on) override;
-    void checkSeals(std::function<std::unique_ptr<PortSeal>()> make) override;
+    void checkSeals(const std::function<std::unique_ptr<PortSeal>()>& make) override;
     PortPlace placeBehind(int32_t process) const override;
     bool isPast(const PortPlace& place) override;
     PortStatistics statistics() const override;
