@@ -14,6 +14,7 @@
 
 #include "link/Bounds.h"
 #include "link/Frame.h"
+#include "link/NatsClient.h"
 #include "link/Text.h"
 #include "link/Wire.h"
 #include "platform/Clock.h"
@@ -29,7 +30,6 @@ constexpr int kReconnectBytes = 1;
 constexpr int64_t kPingMilliseconds = 2000;
 // From which the server has said nothing, although it was asked: two answers are missing.
 constexpr int64_t kSilentMilliseconds = 3 * kPingMilliseconds;
-constexpr int64_t kConnectMilliseconds = 2000;
 constexpr int64_t kReconnectMilliseconds = 500;
 constexpr int64_t kJitterMilliseconds = 200;
 // A server that ends the talk before it answers does not take the certificate, or has no time: the
@@ -54,70 +54,8 @@ constexpr int kLookMilliseconds = 10;
 constexpr const char* kStoredSubject = ".kept.from";
 constexpr size_t kReplicas = 3;
 
-struct Free {
-    void operator()(natsOptions* options) const { natsOptions_Destroy(options); }
-    void operator()(natsConnection* connection) const { natsConnection_Destroy(connection); }
-    void operator()(natsSubscription* subscription) const {
-        natsSubscription_Destroy(subscription);
-    }
-    void operator()(natsMsg* message) const { natsMsg_Destroy(message); }
-    void operator()(jsCtx* context) const { jsCtx_Destroy(context); }
-};
-template <class Handle>
-using Owned = std::unique_ptr<Handle, Free>;
-
 int64_t now() {
     return platform::Clock::system().monotonicMilliseconds();
-}
-
-std::string lastError(natsStatus status) {
-    natsStatus last = NATS_OK;
-    const char* const text = nats_GetLastError(&last);
-    const std::string name = natsStatus_GetText(status);
-    return text == nullptr || *text == '\0' || last != status ? name : name + ": " + text;
-}
-
-template <class Set>
-void secure(const Configuration& configuration, natsOptions* options, Set& set) {
-    set(natsOptions_SetSecure(options, true));
-    if (!configuration.ca.empty()) {
-        set(natsOptions_LoadCATrustedCertificates(options, configuration.ca.c_str()));
-    }
-    if (!configuration.certificate.empty()) {
-        set(natsOptions_LoadCertificatesChain(options, configuration.certificate.c_str(),
-                                              configuration.key.c_str()));
-    }
-    if (!configuration.host.empty()) {
-        set(natsOptions_SetExpectedHostname(options, configuration.host.c_str()));
-    }
-}
-
-// Whom to reach, and as whom.
-natsStatus makeOptions(const Configuration& configuration, Owned<natsOptions>& options) {
-    natsOptions* made = nullptr;
-    natsStatus status = natsOptions_Create(&made);
-    options.reset(made);
-    const auto set = [&](natsStatus result) { status = status == NATS_OK ? result : status; };
-    std::vector<const char*> servers;
-    for (const std::string& server : configuration.servers) {
-        servers.push_back(server.c_str());
-    }
-    set(natsOptions_SetServers(made, servers.data(), static_cast<int>(servers.size())));
-    set(natsOptions_SetName(made, ("convey-link " + configuration.name).c_str()));
-    set(natsOptions_SetCustomInboxPrefix(made, ("_INBOX_" + configuration.name).c_str()));
-    set(natsOptions_SetTimeout(made, kConnectMilliseconds));
-    if (!configuration.user.empty()) {
-        set(natsOptions_SetUserInfo(made, configuration.user.c_str(),
-                                    configuration.password.c_str()));
-    }
-    if (!configuration.credentials.empty()) {
-        set(natsOptions_SetUserCredentialsFromFiles(made, configuration.credentials.c_str(),
-                                                    nullptr));
-    }
-    if (configuration.tls) {
-        secure(configuration, made, set);
-    }
-    return status;
 }
 
 // All that the client's threads use; its owner leaves it to them when they do not end in time.
@@ -171,7 +109,7 @@ public:
     }
 
     bool connect(const Configuration& configuration, std::string& error) {
-        natsStatus status = makeOptions(configuration, options_);
+        natsStatus status = makeNatsOptions(configuration, options_);
         natsOptions* const made = options_.get();
         const auto set = [&](natsStatus result) { status = status == NATS_OK ? result : status; };
         set(natsOptions_SetNoEcho(made, false));
@@ -189,7 +127,7 @@ public:
         set(natsOptions_SetClosedCB(made, onClosed, this));
         set(natsOptions_SetErrorHandler(made, onError, this));
         if (status != NATS_OK) {
-            error = lastError(status);
+            error = lastNatsError(status);
             return false;
         }
         joining_ = std::thread([this] {
@@ -414,7 +352,7 @@ private:
         while (!closing_) {
             natsConnection* made = nullptr;
             natsStatus status = natsConnection_Connect(&made, options_.get());
-            std::string why = lastError(status);
+            std::string why = lastNatsError(status);
             if (status == NATS_OK) {
                 const std::lock_guard<std::mutex> guard(inUse_);
                 connection_.reset(made);
@@ -725,7 +663,7 @@ std::string streamOf(const std::string& realm, const std::string& link) {
 bool makeStream(const Configuration& configuration, const std::string& from,
                 const std::vector<std::string>& to, std::string& error) {
     Owned<natsOptions> options;
-    natsStatus status = makeOptions(configuration, options);
+    natsStatus status = makeNatsOptions(configuration, options);
     natsConnection* made = nullptr;
     status = status == NATS_OK ? natsConnection_Connect(&made, options.get()) : status;
     const Owned<natsConnection> connection(made);
@@ -753,7 +691,7 @@ bool makeStream(const Configuration& configuration, const std::string& from,
                      ? js_AddConsumer(nullptr, context, stream.c_str(), &consumer, nullptr, nullptr)
                      : status;
     }
-    error = status == NATS_OK ? std::string() : lastError(status);
+    error = status == NATS_OK ? std::string() : lastNatsError(status);
     return status == NATS_OK;
 }
 

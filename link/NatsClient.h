@@ -1,0 +1,29 @@
+#pragma once
+
+// What the wire needs of the NATS client: its handles with owners, and whom it is to reach.
+#include <memory>
+#include <nats/nats.h>
+#include <string>
+
+#include "link/Configuration.h"
+
+namespace convey_link {
+
+struct FreeNats {
+    void operator()(natsOptions* options) const { natsOptions_Destroy(options); }
+    void operator()(natsConnection* connection) const { natsConnection_Destroy(connection); }
+    void operator()(natsSubscription* subscription) const {
+        natsSubscription_Destroy(subscription);
+    }
+    void operator()(natsMsg* message) const { natsMsg_Destroy(message); }
+    void operator()(jsCtx* context) const { jsCtx_Destroy(context); }
+};
+template <class Handle>
+using Owned = std::unique_ptr<Handle, FreeNats>;
+
+// What the last call of this thread that gave `status` says, for people.
+std::string lastNatsError(natsStatus status);
+// Whom to reach, and as whom.
+natsStatus makeNatsOptions(const Configuration& configuration, Owned<natsOptions>& options);
+
+} // namespace convey_link
