@@ -9,6 +9,10 @@
 
 namespace convey_link {
 
+// Behind a link's own subject. One for all senders, since the servers look for exactly this one
+// before they hand anything to it.
+inline constexpr const char* kStoredSubject = ".kept.from";
+
 struct FreeNats {
     void operator()(natsOptions* options) const { natsOptions_Destroy(options); }
     void operator()(natsConnection* connection) const { natsConnection_Destroy(connection); }
