@@ -37,7 +37,7 @@ void print(const char* name, double value) {
 // What both kinds of askers do. `ask` waits for the answer, `send` does not, and `settle` waits
 // until all that was sent is there.
 template <class Ask, class Send, class Settle>
-void measure(Ask ask, Send send, Settle settle, int rounds, int messages) {
+void measure(Ask ask, Send send, Settle settle, int rounds, int messages, int largeMessages) {
     const std::string small(300, 'x');
     const std::string large(16 << 20, 'x');
     for (int i = 0; i < rounds / 10; ++i) {
@@ -57,12 +57,15 @@ void measure(Ask ask, Send send, Settle settle, int rounds, int messages) {
     }
     settle();
     print("message", secondsSince(start) / messages);
+    if (largeMessages == 0) {
+        return;
+    }
     start = Clock::now();
-    for (int i = 0; i < 4; ++i) {
+    for (int i = 0; i < largeMessages; ++i) {
         send(large);
     }
     settle();
-    print("large", secondsSince(start) / 4);
+    print("large", secondsSince(start) / largeMessages);
 }
 
 int answerAsApplication(const char* name) {
@@ -77,7 +80,8 @@ int answerAsApplication(const char* name) {
     return Convey::run() < 0 ? 1 : 0;
 }
 
-int askAsApplication(const char* name, const char* target, int rounds, int messages) {
+int askAsApplication(const char* name, const char* target, int rounds, int messages,
+                     int largeMessages) {
     const Convey::Messenger own(name);
     const auto ask = [&](const std::string& body) {
         const Convey::Outcome outcome = own.request(target, body.c_str()).within(kTime).wait();
@@ -92,7 +96,7 @@ int askAsApplication(const char* name, const char* target, int rounds, int messa
                 fail("not sent");
             }
         },
-        [&] { ask(kEnd); }, rounds, messages);
+        [&] { ask(kEnd); }, rounds, messages, largeMessages);
     return 0;
 }
 
@@ -138,7 +142,7 @@ int answerAsClient(const char* url, const char* certificate, const char* heard) 
 
 // In parts as large as the servers take.
 int askAsClient(const char* url, const char* certificate, const char* said, const char* heard,
-                int rounds, int messages) {
+                int rounds, int messages, int largeMessages) {
     natsConnection* const connection = connect(url, certificate, true);
     natsConnection* const gathering = connect(url, certificate, false);
     natsSubscription* subscription = nullptr;
@@ -158,7 +162,7 @@ int askAsClient(const char* url, const char* certificate, const char* said, cons
                                             static_cast<int>(std::min(most, body.size() - from))));
             }
         },
-        [&] { ask(gathering, kEnd); }, rounds, messages);
+        [&] { ask(gathering, kEnd); }, rounds, messages, largeMessages);
     return 0;
 }
 
@@ -169,15 +173,16 @@ int main(int argc, char** argv) {
     if (what == "answer" && argc == 3) {
         return answerAsApplication(argv[2]);
     }
-    if (what == "ask" && argc == 6) {
-        return askAsApplication(argv[2], argv[3], std::atoi(argv[4]), std::atoi(argv[5]));
+    if (what == "ask" && argc == 7) {
+        return askAsApplication(argv[2], argv[3], std::atoi(argv[4]), std::atoi(argv[5]),
+                                std::atoi(argv[6]));
     }
     if (what == "client-answer" && argc == 5) {
         return answerAsClient(argv[2], argv[3], argv[4]);
     }
-    if (what == "client-ask" && argc == 8) {
+    if (what == "client-ask" && argc == 9) {
         return askAsClient(argv[2], argv[3], argv[4], argv[5], std::atoi(argv[6]),
-                           std::atoi(argv[7]));
+                           std::atoi(argv[7]), std::atoi(argv[8]));
     }
     fail("usage: see machines.py");
 }

@@ -1,7 +1,7 @@
 """What a link costs beside bare clients of the same server: a request and its result, messages one
-way, large texts, and a link that has nothing to do.
+way, large texts, requests that wait on a disk, and a link that has nothing to do.
 
-Usage: machines.py [ROUNDS] [MESSAGES], with the environment of tests/machines."""
+Usage: machines.py [ROUNDS] [MESSAGES] [KEPT], with the environment of tests/machines."""
 
 from __future__ import annotations
 
@@ -10,10 +10,11 @@ import sys
 import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).parents[2] / "tests" / "machines"))
-from world import PROGRAMS, Machine, World  # which stands there
+from world import PROGRAMS, Machine, World, eventually  # which stands there
 
 ENDS = PROGRAMS / "machines_ends"
 APP = "echo-1.0"
+LARGE = "4"  # texts
 
 
 def measured(machine: Machine, *command: str) -> dict[str, float]:
@@ -31,9 +32,9 @@ def switches(pid: int) -> int:
     return total
 
 
-def main(rounds: str = "2000", messages: str = "50000") -> None:
-    with World(("desk", "workshop")) as world:
-        desk, workshop = world["desk"], world["workshop"]
+def main(rounds: str = "2000", messages: str = "50000", kept: str = "1000") -> None:
+    with World() as world:
+        desk, workshop, attic = world["desk"], world["workshop"], world["attic"]
         for machine in (desk, workshop):
             machine.keys()
         # Past the network of the tests, which has costs of its own.
@@ -42,24 +43,35 @@ def main(rounds: str = "2000", messages: str = "50000") -> None:
         bare = workshop.start("sh", "-c", 'cd .config/convey && exec "$@"', "sh", ENDS, "client-answer", server,
                               "workshop", "convey.studio.workshop.*", log="bare", first="ready")
         of_nats = measured(desk, "client-ask", server, "desk", "convey.studio.workshop.desk",
-                           "convey.studio.desk.workshop", rounds, messages)
+                           "convey.studio.desk.workshop", rounds, messages, LARGE)
         bare.kill()
+        # The stream in which the desk's requests wait, as its own client has it keep what nobody takes.
+        attic.keys("keeper@studio")
+        store = ("convey-link", "store", attic.configure(name='"keeper"'), "desk", "workshop")
+        eventually("the servers make a stream", lambda: "wait in" in attic.run(*store, status=None))
+        bare_kept = measured(desk, "client-ask", server, "desk", "convey.studio.attic.keep.desk",
+                             "convey.studio.desk.kept.told.1", kept, kept, "0")
         # Applications of one machine.
         local = desk.start(ENDS, "answer", APP, log="local", first="ready")
-        of_one = measured(desk, "ask", "asker-1.0", APP, rounds, messages)
+        of_one = measured(desk, "ask", "asker-1.0", APP, rounds, messages, LARGE)
         local.end()
         # Of two. The links use the same server.
         one = {"servers": f'["{server}"]'}
         workshop.add(APP)
         workshop.join(f'[[offer]]\napp = "{APP}"\nto = ["desk"]\n', **one)
         workshop.start(ENDS, "answer", APP, log="far", first="ready")
-        link = desk.join(f'[[use]]\napp = "{APP}"\nat = "workshop"\n', **one)
+        use = f'[[use]]\napp = "{APP}"\nat = "workshop"\n'
+        link = desk.join(use, **one)
         link.says(f"{APP} at workshop: runs")
-        of_two = measured(desk, "ask", "asker-1.0", APP, rounds, messages)
+        of_two = measured(desk, "ask", "asker-1.0", APP, rounds, messages, LARGE)
         time.sleep(2)  # what was is over
         before, seconds = switches(link.pid), 20
         time.sleep(seconds)
         idle = (switches(link.pid) - before) / seconds
+        link.end()
+        link = desk.join(use + "durable = true\n", **one)
+        link.says(f"{APP} at workshop: runs", 2)
+        of_kept = measured(desk, "ask", "asker-1.0", APP, kept, kept, "0")
     most = 2 * of_nats["request"] + 2 * of_one["request"]
     print("| between two machines | by links | beside | ratio | at most |\n|---|---|---|---|---|")
     print(f"| request and result, 300 bytes | {of_two['request'] * 1e6:.0f} µs | twice {of_nats['request'] * 1e6:.0f} µs bare "
@@ -68,6 +80,11 @@ def main(rounds: str = "2000", messages: str = "50000") -> None:
         print(f"| {what} | {of_two[name] * 1e6:.1f} µs | {of_nats[name] * 1e6:.1f} µs bare, "
               f"{of_one[name] * 1e6:.1f} µs local | "
               f"{of_two[name] / of_nats[name]:.2f} | {bound:.2f} |")
+    print(f"| `durable`, one way, 300 bytes, each | {of_kept['message'] * 1e6:.0f} µs | {bare_kept['request'] * 1e6:.0f} µs bare, "
+          f"each acknowledged before the next ({bare_kept['message'] * 1e6:.0f} µs without) | "
+          f"{of_kept['message'] / bare_kept['request']:.2f} | |")
+    print(f"| `durable`, request and result, 300 bytes | {of_kept['request'] * 1e6:.0f} µs | "
+          f"{of_two['request'] * 1e6:.0f} µs without | {of_kept['request'] / of_two['request']:.2f} | |")
     print(f"| a link with nothing to do | {idle:.2f} wake-ups/s | | | 1 beyond the client library's |")
 
 
