@@ -261,11 +261,10 @@ void PortReceiver::read(Connections::iterator connection, int packets) {
     const size_t announcedBefore = announcedBytes_;
     const Reading reading = readPackets(connection->second, packets);
     if (reading == Reading::open && hasMoreLocked()) {
-        // What has been told once is told again: who waits for changes only must not wait now.
-        epoll_event event{};
-        event.events = EPOLLIN;
-        event.data.u64 = connection->first;
-        (void)epoll_ctl(events_.get(), EPOLL_CTL_MOD, connection->second.socket.get(), &event);
+        // What has been told once is told again: who waits for changes only must not wait now. A
+        // change of what is watched for tells nobody, since the rest is known to be there.
+        (void)epoll_ctl(events_.get(), EPOLL_CTL_DEL, connection->second.socket.get(), nullptr);
+        (void)watch(connection->first, connection->second); // it has just given back what it needs
     }
     if (ready_.size() != before) {
         hot_ = connection->first;

@@ -116,6 +116,25 @@ TEST_F(PortSealsTest, aSealIsMadeAtBothEndsAndStandsInFront) {
     EXPECT_EQ(log.lines, std::vector<std::string>());
 }
 
+// Who takes a text in portions, and waits for changes only, is told as long as there are any.
+TEST_F(PortSealsTest, aWaitEndsWhileThereIsMoreOfALargeText) {
+    const auto port = ports.open(kName);
+    const auto wait = ports.newWait();
+    ASSERT_TRUE(port != nullptr && wait != nullptr);
+    port->checkSeals([] { return std::make_unique<SumSeal>(); });
+    wait->add(*port);
+    const std::string text(size_t{48} << 20, 't');
+    SumSeal seal;
+    std::thread sender([&] {
+        EXPECT_EQ(ports.send(kName, {text, {}, &seal}, kGenerous, nullptr), SendResult::delivered);
+    });
+    PortText received;
+    while (!port->take(received) && wait->wait(kGenerous)) {
+    }
+    EXPECT_EQ(received.size(), sumOf(text).size() + text.size());
+    sender.join();
+}
+
 // Nothing is a text before its seal is there, and a send that is given up leaves none.
 TEST_F(PortSealsTest, aSealIsWaitedFor) {
     const auto port = ports.open(kName);
