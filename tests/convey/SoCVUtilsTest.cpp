@@ -9,6 +9,7 @@
 
 #include "platform/fake/Fakes.h"
 #include "scriptobjects/convey/SoCVUtils.h"
+#include "tests/support/Root.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace {
@@ -88,7 +89,7 @@ TEST_F(HomeTest, whatIsNotTheUsersOwnFileIsRefused) {
     home.write("/.ovrel/userid", "");
     EXPECT_EQ(Utils::getUserID(), "") << "empty";
     EXPECT_EQ(log.lines.back(), file("userid") + " is empty: messages carry no digest");
-    if (getuid() == 0) {
+    if (alsoAsRoot()) {
         home.write("/.ovrel/userid", "CAFE");
         ASSERT_EQ(chown(file("userid").c_str(), 65534, 65534), 0);
         EXPECT_EQ(Utils::getUserID(), "") << "another user's";

