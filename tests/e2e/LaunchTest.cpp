@@ -68,30 +68,13 @@ TEST_F(LaunchTest, aTargetThatDoesNotRunGetsItsParametersAndTheMessage) {
     EXPECT_EQ(started(), 1U) << "it runs now";
 }
 
-TEST_F(LaunchTest, otherFormsOfApplications) {
+TEST_F(LaunchTest, programsAndThoseThatAreSlowToStart) {
     add("program-1.0", script("program", asHost("program-1.0")));
     EXPECT_THAT(launch("program-1.0").out, HasSubstr("result: echo: good day\n"));
     EXPECT_THAT(log(), HasSubstr("launched with: -specifier program-1.0 -nostartupscreen\n"));
 
-    const std::string lister = bundle("Lister", "lister-1.0");
-    std::filesystem::rename(lister + "/Contents/MacOS/Lister", lister + "/Contents/MacOS/start");
-    (void)folder.write("Lister.app/Contents/Info.plist",
-                       "<plist version=\"1.0\"><dict><key>CFBundleExecutable</key>"
-                       "<string>start</string></dict></plist>");
-    add("lister-1.0", lister);
-    EXPECT_THAT(launch("lister-1.0").out, HasSubstr("result: echo: good day\n"));
-
     add("slow-1.0", script("slow", "sleep 2\n" + asHost("slow-1.0")));
     EXPECT_THAT(launch("slow-1.0").out, HasSubstr("result: echo: good day\n"));
-
-    if (dlopen("libgio-2.0.so.0", RTLD_LAZY) != nullptr) { // else none can be started
-        const std::string entry =
-            folder.write("entry.desktop", "[Desktop Entry]\nType=Application\nName=Entry\nExec=\"" +
-                                              script("entry", asHost("entry-1.0")) + "\" %U\n");
-        add("entry-1.0", entry);
-        EXPECT_THAT(launch("entry-1.0").out, HasSubstr("result: echo: good day\n"));
-        EXPECT_THAT(log(), HasSubstr("launched with: -specifier entry-1.0 -nostartupscreen\n"));
-    }
 }
 
 TEST_F(LaunchTest, aLaunchThatFailsSaysSoAndKeepsNobodyWaiting) {
@@ -221,19 +204,6 @@ TEST_F(LaunchTest, theToolWaitsForNothingWhenItIsToldSo) {
     const ProcessResult result = runProcess({CONVEY_PROGRAM, "launch", "--wait", "0", "deaf"});
     EXPECT_EQ(result.exitStatus, 0) << result.err;
     EXPECT_THAT(result.out, HasSubstr("launched deaf-1.0, process "));
-    // A bundle whose script has become another program is still known, to each process.
-    (void)script("Deaf.app/Contents/MacOS/Deaf", "exec sleep 300");
-    add("bundle-1.0", folder.file("Deaf.app"));
-    const std::vector<std::string> launching = {CONVEY_PROGRAM, "launch", "--wait", "0", "bundle"};
-    const std::string first = runProcess(launching).out;
-    EXPECT_THAT(first, HasSubstr("launched bundle-1.0, process "));
-    const std::string process =
-        "/proc/" + std::to_string(std::stoul(first.substr(first.rfind(' ') + 1)));
-    EXPECT_TRUE(eventually([&] {
-        return TemporaryFolder::read(process + "/comm") == "sleep\n" &&
-               TemporaryFolder::read(process + "/environ").find("Deaf.app") != std::string::npos;
-    })) << "the script has become another program";
-    EXPECT_EQ(runProcess(launching).out, first) << "it is not started again";
     add("deaf-2.0", script("deafer", "exec sleep 300"));
     EXPECT_EQ(runProcess({CONVEY_PROGRAM, "launch", "--wait", "1", "deaf-2.0"}).exitStatus, 1)
         << "one that waits says that nothing was taken";

@@ -227,37 +227,6 @@ TEST_F(MessagePortTest, readsAClosedConnectionBeforeItsSuccessor) {
     EXPECT_EQ(takeAll(*port), sent);
 }
 
-TEST_F(MessagePortTest, keepsTheOrderOfEachOfManySenders) {
-    const auto port = ports.open(kName);
-    ASSERT_NE(port, nullptr);
-    constexpr int kSenders = 8;
-    constexpr int kTexts = 2000;
-    std::vector<pid_t> children;
-    for (int sender = 0; sender < kSenders; ++sender) {
-        children.push_back(startChild([sender] {
-            bool sent = true;
-            for (int i = 0; sent && i < kTexts; ++i) {
-                std::string text = std::to_string(sender) + " " + std::to_string(i);
-                text.resize(i % 500 == 0 ? 200'000 : 40, ' ');
-                sent = MessagePorts::own().send(kName, text, kGenerous) == SendResult::delivered;
-            }
-            return sent ? 0 : 1;
-        }));
-    }
-    std::vector<int> next(kSenders, 0);
-    for (int i = 0; i < kSenders * kTexts; ++i) {
-        const std::string text = takeOne(*port);
-        char* rest = nullptr;
-        const long sender = std::strtol(text.c_str(), &rest, 10);
-        ASSERT_LT(sender, kSenders) << text;
-        ASSERT_EQ(std::strtol(rest, nullptr, 10), next[static_cast<size_t>(sender)]++) << text;
-    }
-    for (const pid_t child : children) {
-        EXPECT_EQ(endOf(child), 0);
-    }
-    EXPECT_FALSE(port->wait(0, false));
-}
-
 TEST_F(MessagePortTest, whatIsHeldBackWaitsAndOthersAreServed) {
     const auto port = ports.open(kName);
     ASSERT_NE(port, nullptr);
