@@ -187,25 +187,6 @@ TEST(AppInfoList, findsWhatAWalkWouldFindAfterRandomChanges) {
     }
 }
 
-TEST(AppInfoList, isSharedByThreads) {
-    CVConnectorAppInfoList list;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&list, t] {
-            for (int i = 0; i < 200; ++i) {
-                const std::string name = "app" + std::to_string(t) + "-" + std::to_string(i);
-                list.append(new CVConnectorAppInfo(record(name.c_str())));
-                CVConnectorAppInfo out;
-                EXPECT_TRUE(list.find(name.c_str(), out, nullptr));
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(list.count(), 800);
-}
-
 TEST(Groups, chooseTheHighestNumberAndTheLastAmongEquals) {
     CVGroups groups;
     for (const char* text : {"a/1/app-7.*", "b/3/app-7.5", "c/3/app-7.*", "d/2/app-7.*", "broken",

@@ -90,8 +90,9 @@ TEST_F(ModelTest, queue) {
         const bool watcher = upTo(2) == 0;
         const bool self = upTo(2) == 0; // to whoever sent it
         const bool selfWatcher = watcher && self;
+        // Without a time: a watcher ends at once, another after ten minutes; -1 is for ever.
         const auto timeout =
-            watcher ? 1 + static_cast<int32_t>(upTo(18)) : static_cast<int32_t>(upTo(19)) - 1;
+            upTo(99) == 0 ? INT32_MAX : static_cast<int32_t>(upTo(19)) - (watcher ? 0 : 1);
         auto message = std::make_unique<Message>();
         const Queued added{std::to_string(step),
                            self ? "me" : "target" + std::to_string(upTo(3)),
@@ -101,7 +102,7 @@ TEST_F(ModelTest, queue) {
                            selfWatcher,
                            upTo(3),
                            upTo(2),
-                           timeout < 0 ? 0 : now + (timeout == 0 ? 600 : timeout),
+                           timeout < 0 ? 0 : now + (timeout == 0 && !watcher ? 600 : timeout),
                            ++lastPosition,
                            !watcher && upTo(1) == 0};
         message->setTarget(added.target.c_str());

@@ -67,44 +67,6 @@ TEST_F(MessageQueueTest, refusesWhatCannotBeAnswered) {
     EXPECT_TRUE(queue.isEmpty());
 }
 
-TEST_F(MessageQueueTest, retiresWhatHasExpired) {
-    const struct {
-        const char* type;
-        int32_t timeout;
-        int64_t seconds;
-        bool expired;
-        const char* why;
-    } cases[] = {
-        {"query", 1, 0, false, "its time begins"},
-        {"query", 0, 599, false, "ten minutes, when it has none"},
-        {"query", 0, 600, true, "ten minutes, when it has none"},
-        {"query", 1, 1, true, "at the second, not behind it"},
-        {"query", -1, 100'000'000, false, "never"},
-        {"Ignore", 0, 0, true, "a watcher without a time"},
-        {"Ignore", 5, 4, false, "a watcher with one"},
-        {"Ignore", 5, 5, true, "a watcher with one"},
-        {"query", 2147483647, 100'000'000, false, "the longest"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.type) + " " + std::to_string(c.timeout) + ": " + c.why);
-        for (const bool byTaking : {false, true}) {
-            clock.utc = 1'000'000'000;
-            MessageQueue queue;
-            Convey::Message* const message = make("x", c.type, c.timeout);
-            message->setTimestamp(0); // it is stamped by the queue
-            ASSERT_TRUE(queue.append(message));
-            ASSERT_TRUE(queue.append(make("other", "query", -1)));
-            pass(c.seconds);
-            if (byTaking) {
-                EXPECT_EQ(next(queue, 77), c.expired ? "other" : "x");
-            } else {
-                queue.removeExpiredMessages();
-                EXPECT_EQ(rest(queue), c.expired ? "other " : "x other ");
-            }
-        }
-    }
-}
-
 TEST_F(MessageQueueTest, aClockThatIsSteppedMovesNoTime) {
     for (const int64_t step : {-3600, 3600}) {
         SCOPED_TRACE(step);
@@ -282,30 +244,6 @@ TEST_F(MessageQueueTest, givesItsOwnerATurnWhileItsRowsAreWritten) {
         last = number;
     }
     EXPECT_EQ(last, kMessages) << "none of those that are left is missing";
-}
-
-// By processor time, which says the same on a busy machine. In quadratic time the ratio is 64.
-TEST_F(MessageQueueTest, writesItsRowsInLinearTime) {
-    const auto nanoseconds = [](uint32_t count) {
-        MessageQueue queue;
-        for (uint32_t i = 0; i < count; ++i) {
-            EXPECT_TRUE(queue.append(make("body")));
-        }
-        const auto now = [] {
-            timespec time{};
-            EXPECT_EQ(clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time), 0);
-            return static_cast<double>(time.tv_sec) * 1e9 + static_cast<double>(time.tv_nsec);
-        };
-        double least = 1e18;
-        for (int i = 0; i < 3; ++i) {
-            SoString rows;
-            const double start = now();
-            (void)queue.appendDiagnostics(rows, "/x");
-            least = std::min(least, now() - start);
-        }
-        return least;
-    };
-    EXPECT_LT(nanoseconds(8000), 32 * nanoseconds(1000));
 }
 
 } // namespace

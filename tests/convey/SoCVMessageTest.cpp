@@ -551,28 +551,6 @@ TEST_F(MessageTest, readsRepeatedHeadersAsIfTheyWereSetOneByOne) {
     EXPECT_EQ(headersOf(message), headersOf(expected));
 }
 
-TEST_F(MessageTest, theTimeToReadHeadersGrowsWithTheirBytesOnly) {
-    const auto read = [](int messages, int headers) {
-        std::string text = "Target:t\n";
-        for (int i = 0; i < headers; ++i) {
-            text += "header-with-a-name-" + std::to_string(1'000'000 + i) + ":\n";
-        }
-        const std::clock_t start = std::clock(); // of the processor: other programs run beside
-        for (int i = 0; i < messages; ++i) {
-            Message message;
-            message.readFromString(text.c_str());
-        }
-        return std::clock() - start;
-    };
-    auto few = read(256, 16);
-    auto many = read(1, Message::kMaximumReadHeaders);
-    for (int i = 0; i < 4; ++i) { // the best of some: other programs run beside
-        few = std::min(few, read(256, 16));
-        many = std::min(many, read(1, Message::kMaximumReadHeaders));
-    }
-    EXPECT_LT(many, 10 * few) << "the same bytes in one message: 256 times as many to search";
-}
-
 TEST_F(MessageTest, aFloodOfHeadersDoesNotHoldItsReader) {
     std::string text;
     for (int i = 0; i < 300'000; ++i) {
