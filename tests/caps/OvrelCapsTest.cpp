@@ -202,38 +202,6 @@ TEST_F(OvrelCapsTest, opensNothingWhereThereIsNoDatabaseOfOurs) {
     EXPECT_EQ(session, nullptr);
 }
 
-TEST_F(OvrelCapsTest, followsADatabaseThatIsReplaced) {
-    capsiSession* session = nullptr;
-    ASSERT_EQ(BOUND(pcdOpenSessionNoCreate)(&session, 1), CAPS_OK);
-    const std::string other = folder.file("other.db");
-    {
-        std::unique_ptr<caps::Store> replacement;
-        ASSERT_EQ(caps::Store::open(other, caps::Store::Access::create, replacement),
-                  caps::Status::ok);
-        ASSERT_EQ(replacement->setDomainData(1, "/replaced", "k", "v"), caps::Status::ok);
-    }
-    // As if both had been made in one and the same second.
-    for (const std::string& file : {path, other}) {
-        executeSql(file, "UPDATE modification SET time = 7");
-    }
-    uint32_t before = 0;
-    uint32_t after = 0;
-    ASSERT_EQ(BOUND(pcdGetLastModTime)(session, &before), CAPS_OK);
-    store.reset();
-    for (const char* suffix : {"-wal", "-shm"}) {
-        std::filesystem::remove(path + suffix);
-    }
-    std::filesystem::rename(other, path);
-    ASSERT_EQ(BOUND(pcdGetLastModTime)(session, &after), CAPS_OK);
-    EXPECT_NE(after, before);
-    ASSERT_EQ(BOUND(pcdGetLastModTime)(session, &before), CAPS_OK);
-    EXPECT_EQ(after, before) << "and stands still";
-    const char** list = nullptr;
-    ASSERT_EQ(BOUND(pcdGetDomainDataSubdomains)(session, 1, &list), CAPS_OK);
-    EXPECT_EQ(texts(list), (Texts{"/replaced"}));
-    BOUND(pcdCloseSession)(session);
-}
-
 TEST_F(OvrelCapsTest, servesSessionsOfSeveralThreadsWhileAWriterWorks) {
     auto& open = BOUND(pcdOpenSessionNoCreate);
     auto& close = BOUND(pcdCloseSession);

@@ -222,48 +222,6 @@ TEST_F(CheckRunningTest, applicationsAnswerEachOther) {
     EXPECT_THAT(nobody.out, HasSubstr("no answer"));
 }
 
-TEST_F(CheckRunningTest, everyKindOfReplyCrossesProcesses) {
-    using ScObjects::Convey;
-    const auto running = host("lumen-2.0-en_us");
-    ASSERT_TRUE(Convey::InitTerm::init("viewer-1.0", true));
-    {
-        std::vector<std::string> calls;
-        Convey instance("viewer-1.0", noting(calls), true, nullptr);
-        const struct {
-            const char* body;
-            const char* replies;
-            bool stopped; // the target meanwhile
-            std::vector<std::string> expected;
-        } cases[] = {
-            {"a", "Received", false, {"2 Tessaly ", "0 Processed "}},
-            {"b", "Result", false, {"3 Tessaly echo: b", "0 Processed "}},
-            {"c", "Processed", false, {"0 Processed "}},
-            {"fail", "Error", false, {"4 Tessaly failed as asked", "0 Processed "}},
-            {"e",
-             "Received Result Error",
-             false,
-             {"2 Tessaly ", "3 Tessaly echo: e", "0 Processed "}},
-            {"f", "Timeout", true, {"5 Timeout "}},
-        };
-        for (const auto& c : cases) {
-            SCOPED_TRACE(c.replies);
-            calls.clear();
-            if (c.stopped) {
-                running->signal(SIGSTOP);
-            }
-            Convey::Message message;
-            message.setTarget("lumen-2.0-en_us");
-            message.setBody(ScObjects::SoString(c.body));
-            message.setResponseRequest(c.replies);
-            message.setTimeout(c.stopped ? 1 : 30); // a second may be over at once
-            EXPECT_TRUE(instance.send(message, false, 0, nullptr));
-            pumpUntil([&] { return calls.size() >= c.expected.size(); });
-            EXPECT_EQ(calls, c.expected);
-        }
-    }
-    EXPECT_TRUE(Convey::InitTerm::exit());
-}
-
 // One thread pumps while another waits for its answers: each goes to its handler, before the wait
 // ends.
 TEST_F(CheckRunningTest, twoThreadsThatPumpDoNotTearAConversationApart) {

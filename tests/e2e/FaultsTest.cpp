@@ -345,8 +345,13 @@ TEST_F(FaultsTest, aDatabaseThatChangesBelowTheLayerIsFollowed) {
     for (const char* specifier : {"a-1.0", "b-1.0", "c-1.0"}) {
         addTo("other.db", specifier);
     }
+    for (const std::string& file : {database, folder.file("other.db")}) {
+        executeSql(file, "UPDATE modification SET time = 7"); // as if made in the same second
+    }
+    EXPECT_EQ(number(), 2);
     std::filesystem::rename(folder.file("other.db"), database);
     EXPECT_EQ(number(), 3) << "replaced";
+    EXPECT_FALSE(Convey::updateConnectorCache(false)) << "and stands still";
     executeSql(database, "VACUUM");
     EXPECT_EQ(number(), 3) << "vacuumed";
     add("d-1.0");
