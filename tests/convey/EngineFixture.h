@@ -1,0 +1,37 @@
+#pragma once
+
+#include <gtest/gtest.h>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/fake/Fakes.h"
+#include "scriptobjects/convey/SoCVInstance.h"
+#include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoConvey.h"
+#include "scriptobjects/stream/InterAppStream.h"
+#include "tests/support/Peers.h"
+#include "tests/support/TableConnector.h"
+
+// What the tests of the engine within one process share.
+
+using Strings = std::vector<std::string>;
+
+inline ScObjects::Convey::Message request(const char* target, const char* body,
+                                          const char* replies = "", const char* type = "Tessaly") {
+    ScObjects::Convey::Message message;
+    message.setTarget(target);
+    message.setBody(ScObjects::SoString(body));
+    message.setResponseRequest(replies);
+    message.setType(type);
+    return message;
+}
+
+class EngineTest : public testing::Test {
+protected:
+    EngineTest() : layer("own-1.0", {"own-1.0", "other-2.0", "docsafe-8.0"}) {
+        EXPECT_TRUE(layer.started);
+    }
+
+    StartedLayer layer;
+};
