@@ -427,68 +427,6 @@ TEST_F(EngineTest, instancesAreFoundByTheNamesThatTheyHaveNow) {
     delete other;
 }
 
-TEST_F(EngineTest, theTableAnswersPings) {
-    ConveyThread* const thread = ConveyThread::getMainThread();
-    ASSERT_NE(thread, nullptr);
-    EXPECT_FALSE(thread->setKeyValuePair("", "x"));
-    EXPECT_FALSE(thread->setTimeout("none", 1));
-    EXPECT_TRUE(thread->setKeyValuePair("short", "x"));
-    EXPECT_TRUE(thread->setTimeout("short", -1));
-    thread->removeExpiredPingData();
-    EXPECT_EQ(thread->locateKey("short"), -1);
-    {
-        static platform::FakeClock clock; // the background thread may be in it at the end
-        clock.utc = 1'000'000'000;
-        const platform::ScopedReplacement<platform::Clock> inForce(clock);
-        EXPECT_TRUE(thread->setKeyValuePair("minute", "x"));
-        EXPECT_TRUE(thread->setTimeout("minute", 60));
-        for (const int64_t step : {3'600'000, -7'200'000}) {
-            clock.utc += step; // who sets the clock lets no time pass
-            thread->removeExpiredPingData();
-            EXPECT_NE(thread->locateKey("minute"), -1) << step;
-        }
-        clock.pass(60'000);
-        thread->removeExpiredPingData();
-        EXPECT_EQ(thread->locateKey("minute"), -1);
-    }
-    SoString longest(std::string(limits::of("thread.key"), 'v').c_str());
-    int64_t large = 0;
-    while (thread->setKeyValuePair(("l" + std::to_string(large)).c_str(), longest)) {
-        ASSERT_LT(++large, limits::of("thread.table"));
-    }
-    EXPECT_EQ(large, limits::of("thread.table") / limits::of("thread.key") - 1) << "with the keys";
-    while (large-- > 0) {
-        EXPECT_TRUE(thread->setTimeout(("l" + std::to_string(large)).c_str(), -1));
-    }
-    thread->removeExpiredPingData();
-    EXPECT_TRUE(thread->setKeyValuePair(longest, "as long"));
-    longest << "v";
-    EXPECT_FALSE(thread->setKeyValuePair(longest, "too long"));
-    EXPECT_FALSE(thread->setKeyValuePair("too long", longest));
-    for (const char* own : {"ECHO_REQUEST", "STATUS", "MAIN", "INFO", "LAUNCHPARAMS"}) {
-        Message ping; // of another process
-        ping.setType("ping");
-        ping.setHeader("ECHO_REQUEST", (std::string(own) + "=ISNOTRUNNING").c_str());
-        const SoString before = thread->getValueForKey(own);
-        SoString answer;
-        EXPECT_EQ(thread->findHandler("MAIN")->handleMessage(1, ping, &answer), 0);
-        EXPECT_EQ(answer, before) << own;
-        EXPECT_EQ(thread->getValueForKey(own), before) << own;
-    }
-    size_t keys = 0;
-    while (thread->setKeyValuePair(("k" + std::to_string(keys)).c_str(), "v")) {
-        ASSERT_LT(++keys, 2 * ConveyThread::kMaximumKeys);
-    }
-    EXPECT_TRUE(thread->setKeyValuePair("k0", "other")) << "a key that is there has its place";
-
-    for (const auto& [text, expected] : {std::pair("kivra-7.0", "kivra-7.0#thread"),
-                                         {"a_2-1.0-en_us#x", "a_2-1.0-en_us#thread"},
-                                         {"", ""},
-                                         {"app-group", "app-group#thread"}}) {
-        EXPECT_EQ(ConveyThread::createThreadSpecifier(text), expected);
-    }
-}
-
 TEST_F(EngineTest, forwardsWhatItHandlesToAnObserver) {
     Convey own("own-1.0", nullptr, true, nullptr);
     InterAppStream observer("observer-1.0");
@@ -663,23 +601,6 @@ TEST_F(EngineTest, launchesWithinItsLimits) {
     const InterAppStream running("other-2.0");
     EXPECT_EQ(Convey::launchTarget("other-2.0", "", 0, nullptr), 1) << "it runs already";
     EXPECT_EQ(layer.connector->launches.size(), 2U);
-}
-
-TEST(ThreadRounds, thoseThatWereLeftOutCountAsMadeOnTime) {
-    ScObjects::ConveyData::ThreadRounds rounds;
-    EXPECT_EQ(rounds.last(500), 0) << "none was made";
-    rounds.note(1000);
-    EXPECT_EQ(rounds.average(1000), 0);
-    rounds.note(1200); // late
-    EXPECT_EQ(rounds.average(1200), 200);
-    EXPECT_EQ(rounds.last(9999), 1200) << "a thread that hangs shows";
-    rounds.beginRest();
-    EXPECT_EQ(rounds.last(1299), 1200);
-    EXPECT_EQ(rounds.last(1450), 1400);
-    EXPECT_NEAR(rounds.average(1450), 181, 1e-9) << "two of them, a tenth each";
-    rounds.endRest(61'250);
-    EXPECT_EQ(rounds.last(99'999), 61'200);
-    EXPECT_NEAR(rounds.average(99'999), 100, 0.1);
 }
 
 } // namespace
