@@ -1,42 +1,23 @@
+// Messages within one process and over its ports: who handles them, in which order, what is
+// refused.
 #include <atomic>
 #include <chrono>
-#include <filesystem>
-#include <functional>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <memory>
-#include <mutex>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "limits/Limits.h"
-#include "platform/fake/Fakes.h"
-#include "scriptobjects/convey/SoCVContext.h"
-#include "scriptobjects/convey/SoCVInstance.h"
-#include "scriptobjects/convey/SoCVLaunchParameters.h"
-#include "scriptobjects/convey/SoCVMessage.h"
-#include "scriptobjects/convey/SoCVSetupThread.h"
-#include "scriptobjects/convey/SoCVSpecifier.h"
-#include "scriptobjects/convey/SoCVThread.h"
-#include "scriptobjects/convey/SoCVThreadRounds.h"
-#include "scriptobjects/convey/SoCVUtilsCore.h"
-#include "scriptobjects/stream/InterAppStream.h"
 #include "tests/convey/EngineFixture.h"
 
 namespace {
 
 using ScObjects::Convey;
-using ScObjects::ConveyContext;
-using ScObjects::ConveySetupThread;
-using ScObjects::ConveyThread;
 using ScObjects::InterAppStream;
 using ScObjects::SoString;
 using Message = Convey::Message;
-constexpr uint32_t kAny = ScObjects::ConveyData::CV_INVALID_MESSAGE_NUMBER;
-
 using Handler = TestHandler;
+constexpr uint32_t kAny = Convey::kAnySerialNumber;
 
 TEST_F(EngineTest, aConversationWithinTheProcess) {
     Strings server;
