@@ -16,35 +16,13 @@
 #include <string>
 #include <vector>
 
-#include "tests/e2e/Scene.h"
+#include "tests/e2e/ConveyToolFixture.h"
 
 namespace {
 
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
-using Json = nlohmann::json;
-
-// The tool on the sample registry, beside a host that runs as lumen.
-class ConveyToolTest : public Scene {
-protected:
-    ConveyToolTest() {
-        setenv("LC_ALL", "en_US.UTF-8", 1);
-        const ProcessResult filled = runProcess({OVREL_CAPS_TOOL, "import", SAMPLE_REGISTRY});
-        EXPECT_EQ(filled.exitStatus, 0) << filled.err;
-        lumen = host("lumen-2.5-en_us", {"--quiet"});
-    }
-    static ProcessResult tool(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), CONVEY_PROGRAM);
-        return runProcess(arguments);
-    }
-    static Json json(std::vector<std::string> arguments) {
-        arguments.emplace_back("--json");
-        return Json::parse(tool(arguments).out);
-    }
-
-    std::unique_ptr<RunningProcess> lumen;
-};
 
 TEST_F(ConveyToolTest, answersByItsExitStatus) {
     const struct {
@@ -596,82 +574,6 @@ TEST_F(ConveyToolTest, showsWhatWaitsAndRemovesWhatIsStale) {
     EXPECT_THAT(tool({"ports", "--clean"}).out, HasSubstr("3 stale ports removed\n"));
     EXPECT_EQ(json({"ports"})["ports"].size(), 3U) << "those of the host that runs";
     EXPECT_EQ(tool({"ping", "kivra"}).exitStatus, 0);
-}
-
-TEST_F(ConveyToolTest, monitorsAConversation) {
-    auto monitor = std::make_unique<RunningProcess>(std::vector<std::string>{
-        CONVEY_PROGRAM, "monitor", "lumen", "--match", "type=Tessaly", "--count", "3", "--json"});
-    const auto isForwarding = [] {
-        return !json({"ping", "lumen", "--key", "FWDMESSAGES"})["answer"]
-                    .get<std::string>()
-                    .empty();
-    };
-    ASSERT_TRUE(eventually(isForwarding));
-    const ProcessResult asked =
-        runProcess({HOST, "kivra-7.0", "--ask", "lumen-2.5-en_us", "what is\nthe time?"});
-    EXPECT_THAT(asked.out, HasSubstr("result: echo: what is")) << "a conversation of two others";
-    std::vector<std::string> events;
-    while (events.size() < 3) {
-        const Json event = Json::parse(monitor->readLine());
-        EXPECT_EQ(event["sender"], "kivra-7.0");
-        EXPECT_EQ(event["text"], "what is");
-        EXPECT_EQ(event["size"], 17);
-        events.push_back(event["event"]);
-    }
-    EXPECT_THAT(events, testing::ElementsAre("added", "picked", "processed"));
-    EXPECT_EQ(monitor->finish(), 0);
-    const auto isDone = [&] { return !isForwarding(); };
-    EXPECT_TRUE(eventually(isDone)) << "it takes its forwarding back";
-
-    monitor = std::make_unique<RunningProcess>(
-        std::vector<std::string>{CONVEY_PROGRAM, "monitor", "lumen"});
-    EXPECT_TRUE(eventually(isForwarding));
-    monitor->signal(SIGKILL);
-    (void)monitor->finish();
-    EXPECT_TRUE(isForwarding());
-    EXPECT_EQ(tool({"send", "lumen", "--body", "anything"}).exitStatus, 0);
-    EXPECT_TRUE(eventually(isDone)) << "the target sees that nobody is there";
-}
-
-// What is forwarded has its number, and a gap is told where it is.
-TEST_F(ConveyToolTest, saysWhereItHasMissedEvents) {
-    RunningProcess monitor({CONVEY_PROGRAM, "monitor", "lumen", "--json"});
-    ASSERT_TRUE(eventually([] {
-        return json({"ping", "lumen", "--key", "FWDMESSAGES"})["answer"] != "";
-    }));
-    const auto forward = [&](const char* number) { // as an application does it, each time another
-        const ProcessResult sent = tool(
-            {"send", "monitor" + std::to_string(monitor.pid()) + "-2.0", "--type", "FWDMESSAGES",
-             "--header", "Event-Number=" + std::string(number), "--body", "x", "--wait", "0"});
-        EXPECT_EQ(sent.exitStatus, 0) << sent.err;
-        return sent.exitStatus == 0;
-    };
-    ASSERT_TRUE(forward("1"));
-    Json line = Json::parse(monitor.readLine());
-    EXPECT_FALSE(line.contains("dropped")) << line;
-    ASSERT_TRUE(forward("5"));
-    line = Json::parse(monitor.readLine());
-    EXPECT_EQ(line.value("dropped", 0), 4) << line;
-    EXPECT_EQ(Json::parse(monitor.readLine())["of"], line["of"]);
-}
-
-TEST_F(ConveyToolTest, monitorsErrorsAndSteps) {
-    for (const char* option : {"--errors", "--logs"}) {
-        RunningProcess monitor({CONVEY_PROGRAM, "monitor", "lumen", option, "--json"});
-        const char* const key = std::string(option) == "--errors" ? "FWDERRORS" : "FWDLOGS";
-        ASSERT_TRUE(eventually([&] {
-            return json({"ping", "lumen", "--key", key})["answer"] != "";
-        }));
-        (void)tool({"send", "lumen", "--body", "fail"});
-        Json event;
-        do { // the answers are steps too, and may come before
-            event = Json::parse(monitor.readLine());
-        } while (event["text"] != "fail");
-        EXPECT_EQ(event["event"],
-                  std::string(option) == "--errors" ? "failed as asked" : "RECEIVE");
-        monitor.signal(SIGINT);
-        EXPECT_EQ(monitor.finish(), 130);
-    }
 }
 
 // Two applications, of whose messages some are shown; what a header calls itself is no field.

@@ -1,0 +1,90 @@
+// What the tool shows of messages between others.
+#include <csignal>
+#include <gmock/gmock.h>
+#include <map>
+#include <sstream>
+
+#include "tests/e2e/ConveyToolFixture.h"
+
+namespace {
+
+using testing::HasSubstr;
+using MonitorTest = ConveyToolTest;
+
+TEST_F(MonitorTest, monitorsAConversation) {
+    auto monitor = std::make_unique<RunningProcess>(std::vector<std::string>{
+        CONVEY_PROGRAM, "monitor", "lumen", "--match", "type=Tessaly", "--count", "3", "--json"});
+    const auto isForwarding = [] {
+        return !json({"ping", "lumen", "--key", "FWDMESSAGES"})["answer"]
+                    .get<std::string>()
+                    .empty();
+    };
+    ASSERT_TRUE(eventually(isForwarding));
+    const ProcessResult asked =
+        runProcess({HOST, "kivra-7.0", "--ask", "lumen-2.5-en_us", "what is\nthe time?"});
+    EXPECT_THAT(asked.out, HasSubstr("result: echo: what is")) << "a conversation of two others";
+    std::vector<std::string> events;
+    while (events.size() < 3) {
+        const Json event = Json::parse(monitor->readLine());
+        EXPECT_EQ(event["sender"], "kivra-7.0");
+        EXPECT_EQ(event["text"], "what is");
+        EXPECT_EQ(event["size"], 17);
+        events.push_back(event["event"]);
+    }
+    EXPECT_THAT(events, testing::ElementsAre("added", "picked", "processed"));
+    EXPECT_EQ(monitor->finish(), 0);
+    const auto isDone = [&] { return !isForwarding(); };
+    EXPECT_TRUE(eventually(isDone)) << "it takes its forwarding back";
+
+    monitor = std::make_unique<RunningProcess>(
+        std::vector<std::string>{CONVEY_PROGRAM, "monitor", "lumen"});
+    EXPECT_TRUE(eventually(isForwarding));
+    monitor->signal(SIGKILL);
+    (void)monitor->finish();
+    EXPECT_TRUE(isForwarding());
+    EXPECT_EQ(tool({"send", "lumen", "--body", "anything"}).exitStatus, 0);
+    EXPECT_TRUE(eventually(isDone)) << "the target sees that nobody is there";
+}
+
+// What is forwarded has its number, and a gap is told where it is.
+TEST_F(MonitorTest, saysWhereItHasMissedEvents) {
+    RunningProcess monitor({CONVEY_PROGRAM, "monitor", "lumen", "--json"});
+    ASSERT_TRUE(eventually([] {
+        return json({"ping", "lumen", "--key", "FWDMESSAGES"})["answer"] != "";
+    }));
+    const auto forward = [&](const char* number) { // as an application does it, each time another
+        const ProcessResult sent = tool(
+            {"send", "monitor" + std::to_string(monitor.pid()) + "-2.0", "--type", "FWDMESSAGES",
+             "--header", "Event-Number=" + std::string(number), "--body", "x", "--wait", "0"});
+        EXPECT_EQ(sent.exitStatus, 0) << sent.err;
+        return sent.exitStatus == 0;
+    };
+    ASSERT_TRUE(forward("1"));
+    Json line = Json::parse(monitor.readLine());
+    EXPECT_FALSE(line.contains("dropped")) << line;
+    ASSERT_TRUE(forward("5"));
+    line = Json::parse(monitor.readLine());
+    EXPECT_EQ(line.value("dropped", 0), 4) << line;
+    EXPECT_EQ(Json::parse(monitor.readLine())["of"], line["of"]);
+}
+
+TEST_F(MonitorTest, monitorsErrorsAndSteps) {
+    for (const char* option : {"--errors", "--logs"}) {
+        RunningProcess monitor({CONVEY_PROGRAM, "monitor", "lumen", option, "--json"});
+        const char* const key = std::string(option) == "--errors" ? "FWDERRORS" : "FWDLOGS";
+        ASSERT_TRUE(eventually([&] {
+            return json({"ping", "lumen", "--key", key})["answer"] != "";
+        }));
+        (void)tool({"send", "lumen", "--body", "fail"});
+        Json event;
+        do { // the answers are steps too, and may come before
+            event = Json::parse(monitor.readLine());
+        } while (event["text"] != "fail");
+        EXPECT_EQ(event["event"],
+                  std::string(option) == "--errors" ? "failed as asked" : "RECEIVE");
+        monitor.signal(SIGINT);
+        EXPECT_EQ(monitor.finish(), 130);
+    }
+}
+
+} // namespace
