@@ -576,41 +576,6 @@ TEST_F(ConveyToolTest, showsWhatWaitsAndRemovesWhatIsStale) {
     EXPECT_EQ(tool({"ping", "kivra"}).exitStatus, 0);
 }
 
-// Two applications, of whose messages some are shown; what a header calls itself is no field.
-TEST_F(ConveyToolTest, watchesSeveralAndRecordsThem) {
-    const auto viewer = host("viewer-1.0", {"--quiet"});
-    const std::string file = folder.file("capture");
-    RunningProcess monitor({CONVEY_PROGRAM, "monitor", "lumen", "viewer", "--match",
-                            "type=Tess*,to=*", "--match", "header=sender=x,body=*two*", "--count",
-                            "10", "--timeout", "40", "--headers", "--bodies", "--capture", file,
-                            "--json"});
-    for (const char* target : {"lumen", "viewer"}) {
-        ASSERT_TRUE(eventually([&] {
-            return json({"ping", target, "--key", "FWDBODIES"})["answer"] != "";
-        }));
-        (void)tool({"send", target, "--body", "unseen"});
-        (void)tool({"send", target, "--body", "one\ntwo\\n;", "--header", "sender=x", "--header",
-                    "target=forged", "--header", "body=forged"});
-    }
-    EXPECT_EQ(monitor.finish(), 0) << monitor.rest();
-    EXPECT_EQ(monitor.rest(), TemporaryFolder::read(file)) << "the same lines";
-    std::istringstream lines(monitor.rest());
-    std::map<std::string, int> of;
-    for (std::string line; std::getline(lines, line);) {
-        const Json event = Json::parse(line);
-        ++of[event["of"]];
-        EXPECT_THAT(event["sender"].get<std::string>(), testing::StartsWith("convey"));
-        EXPECT_EQ(event["target"], event["of"]);
-        EXPECT_EQ(event["headers"]["target"], "forged");
-        EXPECT_EQ(event["text"], "one");
-        EXPECT_EQ(event["body"], "one\ntwo\\n;");
-        EXPECT_THAT(event["time"].get<std::string>(),
-                    testing::ContainsRegex("^[0-9-]+T[0-9:]+\\.[0-9]{6}Z$"));
-    }
-    EXPECT_THAT(of, testing::ElementsAre(testing::Pair("lumen-2.5-en_us", 5),
-                                         testing::Pair("viewer-1.0", 5)));
-}
-
 TEST_F(ConveyToolTest, completesInBash) {
     const struct {
         const char* words;
