@@ -13,6 +13,7 @@
 #include "bench/BenchFolder.h"
 #include "bench/Handlers.h"
 #include "bench/HeavyTexts.h"
+#include "bench/Requests.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVMessageQueue.h"
@@ -100,23 +101,9 @@ void roundTrip(int times, bool built) {
     }
 }
 
-// A request with ten headers, as an application sends it.
-void describe(Convey::Message& message) {
-    message.setTarget("kivra-7.0-en_us");
-    message.setSender("lumen_2-7.0-en_us");
-    message.setType("query");
-    message.setResponseRequest("Received Result Error");
-    message.setTimeout(60);
-    message.setSerialNumber(4711);
-    message.setHeader("Document", "/home/user/Documents/report.txt");
-    message.setHeader("Page", 12L);
-    message.setBody(SoString(std::string(64, 'b')));
-}
-
-// Its text is built, into a string of its own as for each that is sent.
+// The text of a request is built, into a string of its own as for each that is sent.
 void write(int times) {
-    Convey::Message message;
-    describe(message);
+    const Convey::Message message = bench::request(64);
     for (int i = 0; i < times; ++i) {
         SoString text;
         if (!message.writeToString(text)) {
@@ -128,11 +115,7 @@ void write(int times) {
 // Its text is read into a new message, which ends.
 void read(int times) {
     SoString text;
-    {
-        Convey::Message message;
-        describe(message);
-        (void)message.writeToString(text);
-    }
+    (void)bench::request(64).writeToString(text);
     for (int i = 0; i < times; ++i) {
         Convey::Message message;
         if (*message.readFromString(text.c_str()) != '\0') {

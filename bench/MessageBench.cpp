@@ -4,6 +4,7 @@
 #include <iterator>
 #include <string>
 
+#include "bench/Requests.h"
 #include "limits/Limits.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "tests/support/TemporaryFolder.h"
@@ -13,22 +14,6 @@ namespace {
 using ScObjects::Convey;
 using ScObjects::SoString;
 
-// Ten lines of headers, as a request of an application has, and a body.
-Convey::Message request(size_t bodyBytes) {
-    Convey::Message message;
-    message.setTarget("kivra-7.0-en_us");
-    message.setSender("lumen_2-7.0-en_us");
-    message.setType("query");
-    message.setResponseRequest("Received Result Error");
-    message.setTimeout(60);
-    message.setSerialNumber(4711);
-    message.setHeader("Document", "/home/user/Documents/report.txt");
-    message.setHeader("Page", 12L);
-    const std::string body(bodyBytes, 'b');
-    message.setBody(SoString(body));
-    return message;
-}
-
 void useDigest(bool on) {
     Convey::Message::setCreateDigest(on);
     Convey::Message::setAuthentication(on);
@@ -36,7 +21,7 @@ void useDigest(bool on) {
 
 void writeMessage(benchmark::State& state) {
     useDigest(state.range(1) != 0);
-    const Convey::Message message = request(static_cast<size_t>(state.range(0)));
+    const Convey::Message message = bench::request(static_cast<size_t>(state.range(0)));
     for (auto _ : state) {
         SoString text;
         benchmark::DoNotOptimize(message.writeToString(text));
@@ -46,7 +31,7 @@ void writeMessage(benchmark::State& state) {
 void readMessage(benchmark::State& state) {
     useDigest(state.range(1) != 0);
     SoString text;
-    (void)request(static_cast<size_t>(state.range(0))).writeToString(text);
+    (void)bench::request(static_cast<size_t>(state.range(0))).writeToString(text);
     for (auto _ : state) {
         Convey::Message message;
         benchmark::DoNotOptimize(message.readFromString(text.c_str()));
