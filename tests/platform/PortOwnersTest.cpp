@@ -129,4 +129,125 @@ TEST_F(PortOwnersTest, aProcessThatEndsWhileItOpensPortsLeavesNoFile) {
     }
 }
 
+// Registered before all else, so that it runs behind the handler that gives the ports back.
+const Pipe* gEnding = nullptr; // of such an owner: to it, and from it
+const int kEndingHandler = std::atexit([] {
+    if (gEnding != nullptr) {
+        gEnding[1].tell('e');
+        (void)gEnding[0].hear();
+        _exit(0);
+    }
+});
+
+// An owner may take seconds for the rest of its end; what is sent meanwhile is its successor's.
+TEST_F(PortOwnersTest, whatIsSentWhileAnOwnerEndsGoesToItsSuccessor) {
+    const Pipe pipes[2];
+    const Pipe& to = pipes[0];
+    const Pipe& from = pipes[1];
+    const pid_t owner = startChild([&] {
+        gEnding = pipes;
+        const auto port = MessagePorts::own().open(kName);
+        from.tell(port != nullptr ? 'y' : 'n');
+        (void)to.hear();
+        std::exit(0);
+        return 0;
+    });
+    ASSERT_EQ(from.hear(), 'y');
+    std::shared_ptr<platform::TargetWatch> watch;
+    EXPECT_EQ(ports.send(kName, "first", kGenerous, &watch), SendResult::delivered);
+    EXPECT_FALSE(watch->ended());
+    ASSERT_EQ(kEndingHandler, 0);
+    to.tell('e');
+    ASSERT_EQ(from.hear(), 'e');
+    EXPECT_TRUE(watch->ended());
+    const auto port = ports.open(kName);
+    ASSERT_NE(port, nullptr);
+    EXPECT_EQ(ports.send(kName, "second", kGenerous), SendResult::delivered);
+    EXPECT_EQ(takeAll(*port), std::vector<std::string>{"second"});
+    to.tell('e');
+    EXPECT_EQ(endOf(owner), 0);
+}
+
+// The bare system call gives the handlers of fork no occasion to close what a child must not keep.
+TEST_F(PortOwnersTest, aChildOfTheBareSystemCallKeepsNoName) {
+    const Pipe ready;
+    Pipe end;
+    const pid_t owner = startChild([&] {
+        const auto port = MessagePorts::own().open(kName);
+        if (syscall(SYS_clone, SIGCHLD, nullptr, nullptr, nullptr, nullptr) == 0) {
+            end.endTelling();
+            ready.tell(port != nullptr ? 'y' : 'n');
+            (void)end.hear();
+            _exit(0);
+        }
+        return pause();
+    });
+    ASSERT_EQ(ready.hear(), 'y');
+    std::shared_ptr<platform::TargetWatch> watch;
+    EXPECT_EQ(ports.send(kName, "to the owner", kGenerous, &watch), SendResult::delivered);
+    EXPECT_FALSE(ports.isFree(kName));
+    EXPECT_EQ(endOf(owner, SIGKILL), 255);
+    EXPECT_TRUE(ports.isFree(kName));
+    const auto port = ports.open(kName);
+    ASSERT_NE(port, nullptr);
+    EXPECT_EQ(ports.send(kName, "to its successor", kGenerous), SendResult::delivered);
+    EXPECT_TRUE(watch->ended());
+    EXPECT_EQ(takeAll(*port), std::vector<std::string>{"to its successor"});
+    EXPECT_EQ(ports.open(kName), nullptr);
+}
+
+TEST_F(PortOwnersTest, filesAreKeptFromCleanersAndTheLossOfEitherIsReportedOnce) {
+    for (const char* const ending : {".lock", ".socket"}) {
+        SCOPED_TRACE(ending);
+        const auto port = ports.open(kName);
+        ASSERT_NE(port, nullptr);
+        struct stat status {};
+        ASSERT_EQ(stat(fileOf(ending).c_str(), &status), 0);
+        const mode_t more = ending == std::string(".socket") ? 0100 : 0; // what the owner knows
+        EXPECT_EQ(status.st_mode & 07777, 01600 | more) << "the mark that cleaners respect";
+        const auto wait = ports.newWait();
+        wait->add(*port);
+        (void)wait->wait(0);
+        EXPECT_TRUE(log.lines.empty());
+        ASSERT_EQ(unlink(fileOf(ending).c_str()), 0);
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (log.lines.empty() && std::chrono::steady_clock::now() < end) {
+            (void)wait->wait(100);
+        }
+        (void)wait->wait(0);
+        ASSERT_EQ(log.lines.size(), 1U);
+        EXPECT_NE(log.lines[0].find("was removed"), std::string::npos);
+        log.lines.clear();
+        std::filesystem::remove_all(folder());
+    }
+}
+
+TEST_F(PortOwnersTest, noDescriptorSurvivesExec) {
+    ports.closeConnections(); // of other tests: their numbers would be used again
+    std::set<int> inherited;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code error; // the iterator's own is gone when it is done
+        if (std::filesystem::read_symlink(entry.path(), error).string().rfind("socket:", 0) == 0) {
+            inherited.insert(std::stoi(entry.path().filename().string()));
+        }
+    }
+    const auto port = ports.open(kName);
+    ASSERT_NE(port, nullptr);
+    EXPECT_EQ(ports.send(kName, "x", kGenerous), SendResult::delivered);
+    EXPECT_EQ(takeOne(*port), "x");
+    int sockets = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code error;
+        const std::string target = std::filesystem::read_symlink(entry.path(), error);
+        const int fd = std::stoi(entry.path().filename().string());
+        const bool isOurs = target.rfind("socket:", 0) == 0 || target.rfind(folder(), 0) == 0 ||
+                            target.find("eventpoll") != std::string::npos;
+        if (isOurs && inherited.count(fd) == 0) {
+            ++sockets;
+            EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0) << target;
+        }
+    }
+    EXPECT_EQ(sockets, 6) << "folder, lock, events, listener, both ends of a connection";
+}
+
 } // namespace
