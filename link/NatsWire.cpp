@@ -48,11 +48,7 @@ constexpr int kBufferBytes = 128 * static_cast<int>(bounds::kKiB);
 // At the end, for what was published last, and each for the client's threads and the one here.
 constexpr int64_t kFlushMilliseconds = 300;
 constexpr int64_t kCloseMilliseconds = 300;
-constexpr int kLookMilliseconds = 10;
-
-int64_t now() {
-    return platform::Clock::system().monotonicMilliseconds();
-}
+constexpr int kFlushLookMilliseconds = 10;
 
 // All that the client's threads use; its owner leaves it to them when they do not end in time.
 //
@@ -241,7 +237,7 @@ private:
         auto& wire = *static_cast<NatsConnection*>(self);
         *user = self;
         (void)fcntl(socket, F_SETFD, FD_CLOEXEC); // else what is launched keeps it open
-        wire.readAt_ = now();
+        wire.readAt_ = platform::monotonicNow();
         wire.socket_ = socket;
         wire.loop_.watch(socket, true);
         return NATS_OK;
@@ -273,20 +269,20 @@ private:
     void read() {
         for (int i = 0; i < kReadsAtOnce && isReady(POLLIN, 0); ++i) {
             natsConnection_ProcessReadEvent(connection_.get());
-            readAt_ = now();
+            readAt_ = platform::monotonicNow();
         }
     }
     // The client must find the same bytes at the same place when it goes on, so nothing is said
     // until all is sent.
     void writeOut() {
         unsentBytes_ = 0;
-        const int64_t end = now() + kWriteMilliseconds;
+        const int64_t end = platform::monotonicNow() + kWriteMilliseconds;
         while (wantsToWrite_ && isConnected()) {
             natsConnection_ProcessWriteEvent(connection_.get());
             if (!wantsToWrite_) {
                 return;
             }
-            const int64_t left = end - now();
+            const int64_t left = end - platform::monotonicNow();
             if (left <= 0) {
                 drop();
                 return;
@@ -309,7 +305,7 @@ private:
     void dropWhenSilent() {
         // Who was not here, because its process was stopped or was launching something, has asked
         // nothing: the server's silence begins now.
-        const int64_t time = now();
+        const int64_t time = platform::monotonicNow();
         if (std::exchange(takenAt_, time) + 2 * kPingMilliseconds < time) {
             readAt_ = time;
         }
@@ -329,7 +325,7 @@ private:
         });
         while (!isSaid) {
             writeOut();
-            if (isReady(POLLIN, kLookMilliseconds)) {
+            if (isReady(POLLIN, kFlushLookMilliseconds)) {
                 natsConnection_ProcessReadEvent(connection_.get());
             }
         }

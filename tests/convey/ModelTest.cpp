@@ -18,7 +18,6 @@ using ScObjects::Convey;
 using ScObjects::SoString;
 using ScObjects::ConveyData::MessageQueue;
 using Message = Convey::Message;
-constexpr uint32_t kAny = ScObjects::ConveyData::CV_INVALID_MESSAGE_NUMBER;
 
 unsigned seed() {
     const char* const given = std::getenv("CONVEY_TEST_SEED");
@@ -124,7 +123,7 @@ TEST_F(ModelTest, queue) {
         while (!model.empty() && expected == "-") {
             const Queued front = model.front();
             model.erase(model.begin());
-            if (front.watcher && (serial == kAny || front.result == serial)) {
+            if (front.watcher && (serial == Convey::kAnySerialNumber || front.result == serial)) {
                 aside.push_back(front);
             } else {
                 expected = front.body;
@@ -134,7 +133,7 @@ TEST_F(ModelTest, queue) {
             m.position = ++lastPosition;
             model.push_back(m);
         }
-        if (serial != kAny && upTo(3) == 0) {
+        if (serial != Convey::kAnySerialNumber && upTo(3) == 0) {
             ASSERT_EQ(queue.removeMessage(serial), expected != "-");
             return;
         }
@@ -150,7 +149,7 @@ TEST_F(ModelTest, queue) {
         } else {
             heldUp.insert(sender);
         }
-        const uint32_t serial = upTo(3) == 0 ? kAny : upTo(3);
+        const uint32_t serial = upTo(3) == 0 ? Convey::kAnySerialNumber : upTo(3);
         const uint32_t unwanted = upTo(4); // of this number
         std::vector<uint32_t> numbers;
         for (uint32_t number = 0; number <= 4; ++number) {
@@ -170,7 +169,7 @@ TEST_F(ModelTest, queue) {
             if (choice.numbers != nullptr &&
                 std::find(numbers.begin(), numbers.end(), m->serial) == numbers.end()) {
                 ++m;
-            } else if (m->watcher && (serial == kAny || m->result == serial)) {
+            } else if (m->watcher && (serial == Convey::kAnySerialNumber || m->result == serial)) {
                 Queued moved = *m;
                 moved.position = ++lastPosition;
                 m = model.erase(m);
@@ -231,7 +230,7 @@ TEST_F(ModelTest, queue) {
             break;
         case 4:
         case 5:
-            take(upTo(4) == 0 ? kAny : upTo(3));
+            take(upTo(4) == 0 ? Convey::kAnySerialNumber : upTo(3));
             break;
         case 6:
             takeWanted();
@@ -243,7 +242,7 @@ TEST_F(ModelTest, queue) {
             visit();
             break;
         case 9: {
-            const uint32_t serial = upTo(9) == 0 ? kAny : upTo(3);
+            const uint32_t serial = upTo(9) == 0 ? Convey::kAnySerialNumber : upTo(3);
             queue.removeTimeoutMessage(serial);
             std::erase_if(model,
                           [&](const Queued& m) { return m.selfWatcher && m.serial == serial; });

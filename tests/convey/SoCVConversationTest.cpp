@@ -25,7 +25,6 @@ using ScObjects::Convey;
 using ScObjects::InterAppStream;
 using ScObjects::SoString;
 using Message = Convey::Message;
-constexpr uint32_t kAny = ScObjects::ConveyData::CV_INVALID_MESSAGE_NUMBER;
 
 using Handler = TestHandler;
 
@@ -39,7 +38,8 @@ protected:
             },
             "Tessaly"));
     }
-    void handle(Handler::Body body, const char* type = "Tessaly", uint32_t serial = kAny) {
+    void handle(Handler::Body body, const char* type = "Tessaly",
+                uint32_t serial = Convey::kAnySerialNumber) {
         delete own.changeHandler(new Handler(std::move(body), type, serial));
     }
     static Message request(uint32_t serial, const char* replies, const char* type = "Tessaly") {
@@ -61,8 +61,12 @@ TEST_F(ConversationTest, answersOfAnyTypeReachTheirHandlerByOneRule) {
     const struct {
         const char* registered;
         uint32_t serial;
-    } order[] = {{"Result", 5},    {"Resultquery", 5},    {"", 5},
-                 {"Result", kAny}, {"Resultquery", kAny}, {"", kAny}};
+    } order[] = {{"Result", 5},
+                 {"Resultquery", 5},
+                 {"", 5},
+                 {"Result", Convey::kAnySerialNumber},
+                 {"Resultquery", Convey::kAnySerialNumber},
+                 {"", Convey::kAnySerialNumber}};
     const struct {
         const char* lines; // of a peer's text; null: an instance of this process answers
         const char* seen;
@@ -102,7 +106,7 @@ TEST_F(ConversationTest, answersOfAnyTypeReachTheirHandlerByOneRule) {
             EXPECT_EQ(seen, answering.seen);
             EXPECT_EQ(which, std::to_string(first));
             (void)own.deleteHandlers(5);
-            (void)own.deleteHandlers(kAny);
+            (void)own.deleteHandlers(Convey::kAnySerialNumber);
         }
     }
 }
@@ -284,8 +288,8 @@ TEST_F(ConversationTest, anInstanceThatIsNotOnTheHeapOutlivesTheLayer) {
         EXPECT_EQ(own.getContext(), nullptr);
         EXPECT_EQ(own.getAppName(), "own-1.0");
         handle([](int, Message&, SoString*) { return 0; });
-        EXPECT_NE(own.findHandler("Tessaly", kAny), nullptr);
-        EXPECT_TRUE(own.deleteHandlers(kAny));
+        EXPECT_NE(own.findHandler("Tessaly", Convey::kAnySerialNumber), nullptr);
+        EXPECT_TRUE(own.deleteHandlers(Convey::kAnySerialNumber));
         host.reset();
     }
     const Convey successor("own-1.0", nullptr, true, nullptr);
@@ -346,7 +350,8 @@ TEST_F(ConversationTest, aHandlerMayThrowAndMayNotEndTheLayer) {
     EXPECT_FALSE(ended);
     EXPECT_EQ(log.lines,
               std::vector<std::string>{"a handler for messages of type \"Tessaly\" threw: no"});
-    delete other.removeHandler("Tessaly", kAny); // would wait for ever for a slot that is not left
+    delete other.removeHandler(
+        "Tessaly", Convey::kAnySerialNumber); // would wait for ever for a slot that is not left
 }
 
 // Each allocation of each operation fails once: nothing is thrown, no handler is lost or deleted
@@ -391,20 +396,24 @@ TEST_F(ConversationTest, noOperationThrowsWhenMemoryRunsOut) {
          [&] {
              auto* const given = handler.release();
              Convey instance("own-1.0", given, false, nullptr);
-             done = instance.getContext() != nullptr && instance.findHandler(type, kAny) == given;
+             done = instance.getContext() != nullptr &&
+                    instance.findHandler(type, Convey::kAnySerialNumber) == given;
          }},
         {"changeHandler", [&] { handler.reset(counted()); },
          [&] {
              auto* const given = handler.release();
              delete own.changeHandler(given);
-             done = own.findHandler(type, kAny) == given;
+             done = own.findHandler(type, Convey::kAnySerialNumber) == given;
          }},
         {"removeHandler", [&] { delete own.changeHandler(counted()); },
-         [&] { handler.reset(own.removeHandler(type, kAny)), done = handler != nullptr; }},
+         [&] {
+             handler.reset(own.removeHandler(type, Convey::kAnySerialNumber)),
+                 done = handler != nullptr;
+         }},
         {"deleteHandler", [&] { delete own.changeHandler(counted()); },
-         [&] { done = own.deleteHandler(own.findHandler(type, kAny)); }},
+         [&] { done = own.deleteHandler(own.findHandler(type, Convey::kAnySerialNumber)); }},
         {"deleteHandlers", [&] { delete own.changeHandler(counted()); },
-         [&] { done = own.deleteHandlers(kAny); }},
+         [&] { done = own.deleteHandlers(Convey::kAnySerialNumber); }},
         {"send within the process", [&] { sent = fresh(local); },
          [&] { done = own.send(*sent, false, 0, nullptr); }},
         {"send through a port", [&] { sent = fresh(port); },
@@ -433,7 +442,7 @@ TEST_F(ConversationTest, noOperationThrowsWhenMemoryRunsOut) {
             EXPECT_TRUE(failed || done);
             ASSERT_LT(number, 5000);
             handler.reset();
-            (void)own.deleteHandlers(kAny);
+            (void)own.deleteHandlers(Convey::kAnySerialNumber);
             EXPECT_EQ(handlers, 0) << "every handler is deleted, once";
             while (third.messagePending()) {
                 (void)third.receive();

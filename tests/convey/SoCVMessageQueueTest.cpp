@@ -19,7 +19,6 @@ namespace {
 using ScObjects::Convey;
 using ScObjects::SoString;
 using ScObjects::ConveyData::MessageQueue;
-constexpr uint32_t kAny = ScObjects::ConveyData::CV_INVALID_MESSAGE_NUMBER;
 
 class MessageQueueTest : public testing::Test {
 protected:
@@ -27,7 +26,7 @@ protected:
 
     // A message for whoever reads its body: type, seconds of life, what it answers.
     static Convey::Message* make(const char* body, const char* type = "query", int32_t timeout = 60,
-                                 uint32_t result = kAny) {
+                                 uint32_t result = Convey::kAnySerialNumber) {
         auto* message = new Convey::Message;
         message->setTarget("target");
         message->setSender("sender");
@@ -37,7 +36,7 @@ protected:
         message->setResult(result);
         return message;
     }
-    static std::string next(MessageQueue& queue, uint32_t serial = kAny) {
+    static std::string next(MessageQueue& queue, uint32_t serial = Convey::kAnySerialNumber) {
         const std::unique_ptr<Convey::Message> message(queue.getNextMessage(serial));
         return message == nullptr ? "-" : message->getBody().c_str();
     }
@@ -133,7 +132,7 @@ TEST_F(MessageQueueTest, looksOnceAtWhatIsHeldUpAndAtNothingOfOtherNumbers) {
         ASSERT_TRUE(queue.append(message));
     };
     const auto taken = [&] {
-        const MessageQueue::Taken one = queue.takeWanted(kAny, choice);
+        const MessageQueue::Taken one = queue.takeWanted(Convey::kAnySerialNumber, choice);
         return one.message == nullptr ? "-" : std::string(one.message->getBody().c_str());
     };
     for (uint32_t i = 0; i < kMany; ++i) {
