@@ -40,8 +40,6 @@ using ConveyData::Outbox;
 constexpr int64_t kRoundMilliseconds = limits::of("thread.round");
 constexpr int64_t kParkedMilliseconds = limits::of("thread.parked");
 constexpr unsigned kSetupPollMilliseconds = 10;
-constexpr int32_t kMaximumTextBytes = limits::of("thread.key");
-constexpr int64_t kMaximumTableBytes = limits::of("thread.table");
 constexpr int kPingsAtOnce = limits::of("thread.pings");
 constexpr int64_t kPingMilliseconds = limits::of("receive.time");
 // An answer that its asker does not take is kept for as long as that waits itself, within a bound.
@@ -52,11 +50,6 @@ constexpr double kIdleIntervals = 10;
 constexpr int kQuietRounds = 2;
 
 constexpr std::string_view kThreadSuffix = "#thread"; // ConveyData::CV_SUFFIX_THREAD with its mark
-
-// By which keys expire, whoever sets the time of day.
-uint32_t getSteadySeconds() {
-    return static_cast<uint32_t>(ConveyUtils::getSteadyMilliseconds() / 1000);
-}
 
 double roundClock() {
     return static_cast<double>(platform::Clock::system().monotonicMilliseconds());
@@ -105,118 +98,6 @@ SoString ConveyThread::getSpecifier() const {
 std::shared_ptr<InterAppStream> ConveyThread::stream() const {
     const ObjectLock guard(*this);
     return stream_;
-}
-
-// The table.
-
-// Looked through in its order: `locateKey` gives out places in it, and it is short.
-ConveyThread::PingData* ConveyThread::findLocked(const SoString& key) {
-    const auto found = std::find_if(table_.begin(), table_.end(),
-                                    [&key](const PingData& data) { return data.key == key; });
-    return found == table_.end() ? nullptr : &*found;
-}
-
-const ConveyThread::PingData* ConveyThread::findLocked(const SoString& key) const {
-    const auto found = std::find_if(table_.begin(), table_.end(),
-                                    [&key](const PingData& data) { return data.key == key; });
-    return found == table_.end() ? nullptr : &*found;
-}
-
-ConveyThread::PingData* ConveyThread::findOrAddLocked(const SoString& key) {
-    if (PingData* data = findLocked(key)) {
-        return data;
-    }
-    // Any process of the user may set keys by a ping. A full table still takes new values for the
-    // keys that it has.
-    if (key.isEmpty() || table_.size() >= kMaximumKeys) {
-        return nullptr;
-    }
-    PingData added;
-    added.key = key; // before it is in the table, which must not get a row without a key
-    table_.push_back(std::move(added));
-    return &table_.back();
-}
-
-bool ConveyThread::setKeyValuePair(const SoString& key, const SoString& value) {
-    const ObjectLock guard(*this);
-    if (key.length() > kMaximumTextBytes || value.length() > kMaximumTextBytes) {
-        return false;
-    }
-    int64_t bytes = int64_t{key.length()} + value.length();
-    for (const PingData& data : table_) {
-        bytes += data.key == key ? 0 : int64_t{data.key.length()} + data.value.length();
-    }
-    PingData* const data = bytes > kMaximumTableBytes ? nullptr : findOrAddLocked(key);
-    if (data != nullptr) {
-        data->value = value;
-    }
-    return data != nullptr;
-}
-
-SoString ConveyThread::getValueForKey(const SoString& key) const {
-    const ObjectLock guard(*this);
-    const PingData* const data = findLocked(key);
-    return data == nullptr ? SoString() : data->value;
-}
-
-int32_t ConveyThread::locateKey(const SoString& key) const {
-    const ObjectLock guard(*this);
-    const PingData* const data = findLocked(key);
-    return data == nullptr ? -1 : static_cast<int32_t>(data - table_.data());
-}
-
-bool ConveyThread::setHandler(const SoString& key, MsgHandler* handler) {
-    // Also when the table is full, since it is owned from the call on. A destructor is the host's
-    // code: it runs with no lock held.
-    std::shared_ptr<MsgHandler> replaced(handler); // deleted when the lock has been given up
-    const ObjectLock guard(*this);
-    PingData* const data = findOrAddLocked(key);
-    if (data != nullptr) {
-        data->handler.swap(replaced);
-    }
-    return data != nullptr;
-}
-
-std::shared_ptr<MsgHandler> ConveyThread::handlerFor(const SoString& key) const {
-    const ObjectLock guard(*this);
-    const PingData* const data = findLocked(key);
-    return data == nullptr ? nullptr : data->handler;
-}
-
-MsgHandler* ConveyThread::findHandler(const SoString& key) const {
-    return handlerFor(key).get();
-}
-
-bool ConveyThread::callHandler(const SoString& key, Message& message, SoString& answer) const {
-    const auto handler = handlerFor(key); // stays alive when it is replaced meanwhile
-    if (handler == nullptr) {
-        return false;
-    }
-    (void)ConveyData::callHandler(*handler, 1, message, &answer);
-    return true;
-}
-
-bool ConveyThread::setTimeout(const SoString& key, int32_t seconds) {
-    const ObjectLock guard(*this);
-    PingData* const data = findLocked(key);
-    if (data != nullptr) {
-        data->expiry = getSteadySeconds() + static_cast<uint32_t>(seconds);
-        noteDue(int64_t{data->expiry} * 1000);
-    }
-    return data != nullptr;
-}
-
-void ConveyThread::removeExpiredPingData() {
-    const uint32_t seconds = getSteadySeconds();
-    std::vector<PingData> expired; // deleted when the lock has been given up
-    const ObjectLock guard(*this);
-    // From the end, so that taking one out moves none that is still to be looked at.
-    for (size_t i = table_.size(); i-- > 0;) {
-        if (table_[i].expiry != 0 && table_[i].expiry <= seconds) {
-            expired.push_back(std::move(table_[i]));
-            table_.erase(table_.begin() + static_cast<std::ptrdiff_t>(i));
-        }
-    }
 }
 
 bool ConveyThread::isIdle() const {
@@ -597,29 +478,9 @@ SoString ConveyThread::ping(const SoString& target, const SoString& key, int32_t
                              nullptr);
 }
 
-// Keys and values are what pings have set them to; the rows clean both.
-void ConveyThread::appendEntry(CVDiagnosticsRows& rows, const PingData& data, uint32_t seconds) {
-    const std::string name = "/" + std::string(data.key.view());
-    rows.node(name, data.key.view(), data.value);
-    if (data.expiry != 0) {
-        const uint32_t left = data.expiry > seconds ? data.expiry - seconds : 0;
-        const uint32_t date = ConveyUtils::getTimeSeconds() + left; // as a clock shows it then
-        rows.leaf(name + "/timeout", "Timeout", "in ", left, " secs at ",
-                  ConveyUtils::getTimeString(&date));
-    } else {
-        rows.undefined(name + "/timeout", "Timeout");
-    }
-    if (data.handler != nullptr) {
-        rows.leaf(name + "/msghandler", "Handler", "installed");
-    } else {
-        rows.undefined(name + "/msghandler", "Handler");
-    }
-}
-
 void ConveyThread::appendDiagnostics(SoString& out, const SoString& path) const {
     SoString root = path;
     root << "/thread";
-    const uint32_t seconds = getSteadySeconds();
     const ObjectLock guard(*this);
     CVDiagnosticsRows rows(out, root);
     rows.node("", "Thread", specifier_);
@@ -633,7 +494,7 @@ void ConveyThread::appendDiagnostics(SoString& out, const SoString& path) const 
     root << "/ping";
     CVDiagnosticsRows entries(out, root);
     for (const PingData& data : table_) {
-        appendEntry(entries, data, seconds);
+        appendEntry(entries, data);
     }
 }
 

@@ -166,7 +166,7 @@ private:
     PingData* findLocked(const SoString& key) SO_REQUIRES(this);
     const PingData* findLocked(const SoString& key) const SO_REQUIRES(this);
     PingData* findOrAddLocked(const SoString& key) SO_REQUIRES(this);
-    static void appendEntry(CVDiagnosticsRows& rows, const PingData& data, uint32_t seconds);
+    static void appendEntry(CVDiagnosticsRows& rows, const PingData& data);
     bool openStream();
     std::shared_ptr<InterAppStream> stream() const;
     // One round: answers pings, receives and sends for the instances.
