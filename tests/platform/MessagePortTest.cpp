@@ -408,39 +408,6 @@ TEST_F(MessagePortTest, anOwnerThatDoesNotListenYetIsWaitedFor) {
     EXPECT_EQ(takeOne(*port), "x");
 }
 
-TEST_F(MessagePortTest, aShortageOfDescriptorsIsNoAbsence) {
-    int error = -1;
-    EXPECT_EQ(ports.look(kName, error), PortState::free);
-    const auto port = ports.open(kName);
-    ASSERT_NE(port, nullptr);
-    EXPECT_EQ(ports.look(kName, error), PortState::owned);
-    EXPECT_EQ(error, 0);
-    EXPECT_EQ(log.lines, std::vector<std::string>());
-    for (rlim_t spare = 0; spare < 2; ++spare) {
-        EXPECT_EQ(inChild([&] {
-                      MessagePorts& own = MessagePorts::own();
-                      const int next = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-                      rlimit limit{};
-                      close(next);
-                      if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
-                          return 9;
-                      }
-                      limit.rlim_cur = static_cast<rlim_t>(next) + spare;
-                      if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
-                          return 8;
-                      }
-                      const SendResult sent = own.send(kName, "x", 0);
-                      const bool known = own.look(kName, error) != PortState::unknown;
-                      return (spare == 0 && (known || error != EMFILE)) ? 1
-                             : sent != SendResult::failed               ? 2
-                                                                        : 0;
-                  }),
-                  0)
-            << spare << " descriptors left";
-    }
-    EXPECT_EQ(takeAll(*port), std::vector<std::string>());
-}
-
 TEST_F(MessagePortTest, waitsWithoutBusyLoopWhileThereAreNoDescriptors) {
     const auto port = ports.open(kName);
     ASSERT_NE(port, nullptr);
