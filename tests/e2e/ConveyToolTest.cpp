@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "tests/e2e/ConveyToolFixture.h"
+#include "tests/support/Session.h"
 
 namespace {
 
@@ -395,9 +396,7 @@ TEST_F(ConveyToolTest, showsWhatWaitsAndRemovesWhatIsStale) {
     const ProcessResult seen = tool({"ports"});
     EXPECT_THAT(seen.out, testing::ContainsRegex("stale +[0-9?]+ +[0-9?]+ +lumen-2.5-en_us\n"));
     EXPECT_THAT(seen.err, HasSubstr("3 stale ports; --clean removes them"));
-    lumen =
-        std::make_unique<RunningProcess>(std::vector<std::string>{HOST, "kivra-7.0", "--quiet"});
-    EXPECT_EQ(lumen->readLine(), "running as kivra-7.0");
+    lumen = host("kivra-7.0", {"--quiet"});
     EXPECT_THAT(tool({"ports", "--clean"}).out, HasSubstr("3 stale ports removed\n"));
     EXPECT_EQ(json({"ports"})["ports"].size(), 3U) << "those of the host that runs";
     EXPECT_EQ(tool({"ping", "kivra"}).exitStatus, 0);
@@ -467,40 +466,23 @@ std::string normalised(const std::string& line) {
 
 // Each command of the README's session, with what it shows there.
 TEST_F(ConveyToolTest, theReadmeShowsWhatHappens) {
-    const std::string readme = TemporaryFolder::read(README);
-    const size_t start = readme.find("```\n$ convey ");
-    ASSERT_NE(start, std::string::npos);
-    std::istringstream session(
-        readme.substr(start + 4, readme.find("```\n", start + 4) - start - 4));
-    std::string command;
-    std::string expected;
-    int commands = 0;
-    const auto check = [&] {
-        if (command.empty()) {
-            return;
-        }
-        ++commands;
-        const ProcessResult result =
-            runProcess({"/bin/sh", "-c",
-                        "PATH='" + std::filesystem::path(CONVEY_PROGRAM).parent_path().string() +
-                            "':$PATH; export PATH; " + command + " 2>&1"});
-        std::istringstream lines(result.out);
-        std::string shown;
+    const auto normal = [](const std::string& text, bool isPage) {
+        std::istringstream lines(text);
+        std::string all;
         for (std::string line; std::getline(lines, line);) {
-            shown += normalised(line) + "\n";
+            all += line.empty() && isPage ? "" : normalised(line) + "\n";
         }
-        EXPECT_EQ(shown, expected) << command;
-        expected.clear();
+        return all;
     };
-    for (std::string line; std::getline(session, line);) {
-        if (line.compare(0, 2, "$ ") == 0) {
-            check();
-            command = line.substr(2);
-        } else if (!line.empty()) {
-            expected += normalised(line) + "\n";
-        }
-    }
-    check();
+    const int commands = eachCommand(
+        TemporaryFolder::read(README), "convey ",
+        [&](const std::string& command, const std::string& shown) {
+            const ProcessResult result = runProcess(
+                {"/bin/sh", "-c",
+                 "PATH='" + std::filesystem::path(CONVEY_PROGRAM).parent_path().string() +
+                     "':$PATH; export PATH; " + command + " 2>&1"});
+            EXPECT_EQ(normal(result.out, false), normal(shown, true)) << command;
+        });
     EXPECT_GE(commands, 4);
 }
 

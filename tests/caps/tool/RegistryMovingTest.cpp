@@ -1,13 +1,13 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "caps/Store.h"
 #include "caps/tool/DropIns.h"
 #include "tests/support/Process.h"
+#include "tests/support/Session.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace {
@@ -22,31 +22,14 @@ TEST(RegistryMoving, thePageShowsWhatHappens) {
     const TemporaryFolder folder;
     std::filesystem::copy(SAMPLE_REGISTRY, folder.file("sample.toml"));
     std::filesystem::copy(REGISTRY_SCHEMA, folder.file("registry.rng"));
-    const std::string page = TemporaryFolder::read(REGISTRY_PAGE);
-    const size_t start = page.find("```\n$ ") + 4;
-    std::istringstream session(page.substr(start, page.find("```\n", start) - start));
-    std::string command;
-    std::string expected;
-    int commands = 0;
-    const auto check = [&] {
-        if (!command.empty()) {
-            ++commands;
+    const int commands = eachCommand(
+        TemporaryFolder::read(REGISTRY_PAGE), "",
+        [&](const std::string& command, const std::string& shown) {
             const ProcessResult result = runProcess(
                 {"/bin/sh", "-c",
                  "exec 2>&1; cd '" + folder.file("") + "'; PATH='" PROGRAMS "':$PATH; " + command});
-            EXPECT_EQ(result.out, expected) << command;
-            expected.clear();
-        }
-    };
-    for (std::string line; std::getline(session, line);) {
-        if (line.starts_with("$ ")) {
-            check();
-            command = line.substr(2);
-        } else {
-            expected += line + "\n";
-        }
-    }
-    check();
+            EXPECT_EQ(result.out, shown) << command;
+        });
     EXPECT_GE(commands, 15);
 }
 
