@@ -378,10 +378,8 @@ TEST_F(FaultsTest, aPortFolderThatIsRemovedIsReportedAndMadeAgain) {
         return runProcess({KIVRA_CONVEY_CMD, "check_running", "lumen-2.0"}).out;
     };
     const auto start = [&] {
-        auto host = std::make_unique<RunningProcess>(std::vector<std::string>{
-            "/bin/sh", "-c", "exec \"$0\" lumen-2.0 2>>'" + errors + "'", HOST});
-        EXPECT_EQ(host->readLine(), "running as lumen-2.0");
-        return host;
+        return started({"/bin/sh", "-c", "exec \"$0\" lumen-2.0 2>>'" + errors + "'", HOST},
+                       "running as lumen-2.0");
     };
     auto host = start();
     EXPECT_THAT(running(), HasSubstr("ECHO_RESPONSE"));

@@ -26,9 +26,7 @@ protected:
                                                     const std::string& program = RECEIVE) {
         std::vector<std::string> arguments = {program, name};
         arguments.insert(arguments.end(), options.begin(), options.end());
-        auto process = std::make_unique<RunningProcess>(arguments);
-        EXPECT_EQ(process->readLine(), std::string("receiving at ") + name);
-        return process;
+        return started(arguments, std::string("receiving at ") + name);
     }
 };
 

@@ -21,12 +21,7 @@ const std::string kAnswered = "0 0 kept answer";
 
 class RepliesTest : public Scene {
 protected:
-    static std::unique_ptr<RunningProcess> target() {
-        auto process =
-            std::make_unique<RunningProcess>(std::vector<std::string>{TARGET_PROGRAM, kTarget});
-        EXPECT_EQ(process->readLine(), "running");
-        return process;
-    }
+    static std::unique_ptr<RunningProcess> target() { return started({TARGET_PROGRAM, kTarget}); }
     // Asks, and counts what comes of it.
     void ask(const char* body) {
         asked.push_back(asker.request(kTarget, body)
@@ -104,9 +99,7 @@ TEST_F(RepliesTest, tenThousandAreInFlightAndSomeAreCancelled) {
 
 TEST_F(RepliesTest, anAskerThatHasDiedCostsItsTargetNothing) {
     auto running = target();
-    auto other =
-        std::make_unique<RunningProcess>(std::vector<std::string>{TARGET_PROGRAM, "other-1.0"});
-    EXPECT_EQ(other->readLine(), "running");
+    auto other = started({TARGET_PROGRAM, "other-1.0"});
     // The other one asks, and dies while it is owed the answer.
     const auto pending = asker.request("other-1.0", "ask target-1.0 keep").send();
     EXPECT_EQ(other->readLine(), "got ask target-1.0 keep");

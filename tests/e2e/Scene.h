@@ -29,15 +29,21 @@ protected:
         EXPECT_EQ(added.exitStatus, 0) << added.err;
     }
 
-    // A running example application.
+    // A program that runs, and has said so by its first line.
+    static std::unique_ptr<RunningProcess>
+    started(const std::vector<std::string>& command, const std::string& firstLine = "running",
+            const std::map<std::string, std::string>& environment = {}) {
+        auto process = std::make_unique<RunningProcess>(command, environment);
+        EXPECT_EQ(process->readLine(), firstLine);
+        return process;
+    }
+    // An example application.
     static std::unique_ptr<RunningProcess>
     host(const std::string& specifier, const std::vector<std::string>& options = {},
          const std::map<std::string, std::string>& environment = {}) {
         std::vector<std::string> arguments = {HOST, specifier};
         arguments.insert(arguments.end(), options.begin(), options.end());
-        auto process = std::make_unique<RunningProcess>(arguments, environment);
-        EXPECT_EQ(process->readLine(), "running as " + specifier);
-        return process;
+        return started(arguments, "running as " + specifier, environment);
     }
 
     // Whether the condition comes to hold within half a minute, looked at every ten milliseconds

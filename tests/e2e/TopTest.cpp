@@ -155,9 +155,7 @@ protected:
         }
         anvil = host("anvil-1.0", {"--quiet"});
         middle = host("middle-1.0", {"--quiet"});
-        zebra = std::make_unique<RunningProcess>(
-            std::vector<std::string>{TARGET_PROGRAM, "zebra-1.0", "never"});
-        EXPECT_EQ(zebra->readLine(), "running");
+        zebra = started({TARGET_PROGRAM, "zebra-1.0", "never"});
         EXPECT_EQ(runProcess({CONVEY_PROGRAM, "send", "zebra-1.0", "--body", "x", "--wait", "0"})
                       .exitStatus,
                   0);
