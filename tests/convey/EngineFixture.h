@@ -17,16 +17,6 @@
 
 using Strings = std::vector<std::string>;
 
-inline ScObjects::Convey::Message request(const char* target, const char* body,
-                                          const char* replies = "", const char* type = "Tessaly") {
-    ScObjects::Convey::Message message;
-    message.setTarget(target);
-    message.setBody(ScObjects::SoString(body));
-    message.setResponseRequest(replies);
-    message.setType(type);
-    return message;
-}
-
 class EngineTest : public testing::Test {
 protected:
     EngineTest() : layer("own-1.0", {"own-1.0", "other-2.0", "docsafe-8.0"}) {

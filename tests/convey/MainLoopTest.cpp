@@ -52,11 +52,7 @@ protected:
     }
     static bool send(const Convey& from, const char* target, const char* body,
                      const char* replies = "", uint32_t timeoutSeconds = 60) {
-        Message message;
-        message.setTarget(target);
-        message.setBody(SoString(body));
-        message.setType("Tessaly");
-        message.setResponseRequest(replies);
+        Message message = request(target, body, replies);
         message.setTimeout(timeoutSeconds);
         return from.send(message, false, 0, nullptr);
     }
@@ -77,13 +73,7 @@ TEST_F(MainLoopTest, theDescriptorTellsWhenAPumpHasSomethingToDo) {
     } cases[] = {
         {"another thread sends",
          [&] { std::thread([&] { EXPECT_TRUE(send(other, "own-1.0", "x")); }).join(); }},
-        {"another process sends",
-         [&] {
-             Message message;
-             message.setTarget("own-1.0");
-             message.setBody("x");
-             EXPECT_TRUE(sendFrom(peer, message));
-         }},
+        {"another process sends", [&] { EXPECT_TRUE(sendFrom(peer, request("own-1.0", "x"))); }},
         {"its own request runs out of time", // which its handler is told
          [&] { EXPECT_TRUE(send(own, "peer-1.0", "x", "Timeout", 1)); }},
     };
@@ -141,11 +131,7 @@ TEST_F(MainLoopTest, whatIsLeftBehindKeepsItReadable) {
 TEST_F(MainLoopTest, whatArrivesIsReceivedWhetherTheLoopComesOrNot) {
     ScObjects::InterAppStream peer("peer-1.0");
     const auto ask = [&](const char* body) {
-        Message message;
-        message.setTarget("own-1.0");
-        message.setBody(body);
-        message.setResponseRequest("Received");
-        EXPECT_TRUE(sendFrom(peer, message));
+        EXPECT_TRUE(sendFrom(peer, request("own-1.0", body, "Received")));
     };
     for (int round = 1; round <= 3; ++round) {
         SCOPED_TRACE(round);

@@ -78,11 +78,8 @@ TEST_F(MessagingTest, aReplyThatIsGivenLaterHoldsBackTheEndOfItsRequest) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.wanted);
         heard.clear();
-        Message request;
-        request.setTarget("other-2.0");
-        request.setBody("question");
-        request.setResponseRequest(c.wanted);
-        EXPECT_TRUE(asker.instance().send(request, false, 0, nullptr));
+        Message question = request("other-2.0", "question", c.wanted);
+        EXPECT_TRUE(asker.instance().send(question, false, 0, nullptr));
         pumpAll();
         EXPECT_THAT(heard, testing::Not(testing::Contains("0 Processed ")));
         ASSERT_TRUE(kept.isOpen());
@@ -295,12 +292,9 @@ TEST_F(MessagingTest, anUnaskedAcknowledgementIsNoOutcome) {
     Message answer = nextMessage(peer);
     const uint32_t number = answer.getSerialNumber();
     for (const char* type : {"Received", "Received", "Result"}) {
-        Message reply;
-        reply.setTarget("own-1.0");
-        reply.setType(type);
+        Message reply = request("own-1.0", type, "", type);
         reply.setSerialNumber(number);
         reply.setAskersLife(answer.getAskersLife());
-        reply.setBody(type);
         EXPECT_TRUE(sendFrom(peer, reply));
     }
     pumpUntil([&] { return !outcome.empty(); });

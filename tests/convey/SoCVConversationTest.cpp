@@ -42,13 +42,10 @@ protected:
                 uint32_t serial = Convey::kAnySerialNumber) {
         delete own.changeHandler(new Handler(std::move(body), type, serial));
     }
-    static Message request(uint32_t serial, const char* replies, const char* type = "Tessaly") {
-        Message message;
-        message.setTarget("other-2.0");
-        message.setType(type);
+    static Message request(uint32_t serial, const char* replies, const char* type = "Tessaly",
+                           const char* target = "other-2.0") {
+        Message message = ::request(target, "question", replies, type);
         message.setSerialNumber(serial);
-        message.setResponseRequest(replies);
-        message.setBody("question");
         return message;
     }
 
@@ -137,8 +134,7 @@ TEST_F(ConversationTest, whatIsSaidOfARequestOfAUserTypeReachesItsAsker) {
             SCOPED_TRACE(std::string(version) + c.handler + " for " + c.type);
             int heard = -1;
             handle([&](int event, Message&, SoString*) { return heard = event, 0; }, c.handler, 5);
-            Message message = request(5, "", "query");
-            message.setTarget("third-3.0");
+            Message message = request(5, "", "query", "third-3.0");
             EXPECT_TRUE(own.send(message, false, 0, nullptr));
             std::string text = version;
             text += std::string("Type:") + c.type + "\n";
@@ -154,8 +150,7 @@ TEST_F(ConversationTest, whatIsSaidOfARequestOfAUserTypeReachesItsAsker) {
 TEST_F(ConversationTest, aHandlerForAnyTypeIsTheDefault) {
     int calls = 0;
     handle([&](int event, Message&, SoString*) { return calls += event, 0; }, "");
-    Message message = request(0, "");
-    message.setTarget("own-1.0");
+    Message message = request(0, "", "Tessaly", "own-1.0");
     EXPECT_TRUE(own.send(message, false, 0, nullptr));
     pumpAll();
     EXPECT_EQ(calls, 1);
@@ -171,8 +166,7 @@ TEST_F(ConversationTest, aWaitTellsHowItEnded) {
         {"its handler was taken out", [&](uint32_t n) { (void)own.deleteHandlers(n); }, false},
         {"timed out",
          [&](uint32_t n) {
-             Message timeout = request(n, "", "Timeout");
-             timeout.setTarget("own-1.0");
+             Message timeout = request(n, "", "Timeout", "own-1.0");
              EXPECT_TRUE(own.send(timeout, false, 0, nullptr));
          },
          false},
@@ -211,8 +205,7 @@ TEST_F(ConversationTest, aWaitEndsWithItsInstanceAndWithTheLayer) {
         {"a handler deletes the instance", [&] { return asker; },
          [&] {
              handle([&](int, Message&, SoString*) { return delete asker, 0; });
-             Message message = request(0, "");
-             message.setTarget("own-1.0");
+             Message message = request(0, "", "Tessaly", "own-1.0");
              EXPECT_TRUE(own.send(message, false, 0, nullptr));
          }},
         {"another thread deletes it",
@@ -233,8 +226,7 @@ TEST_F(ConversationTest, aWaitEndsWithItsInstanceAndWithTheLayer) {
         std::atomic<bool> isOver{false};
         const auto start = std::chrono::steady_clock::now();
         std::thread asking([&] {
-            Message message = request(number, "Result");
-            message.setTarget("third-3.0");
+            Message message = request(number, "Result", "Tessaly", "third-3.0");
             answered = instance->send(message, false, 60, nullptr);
             isOver = true;
         });
@@ -269,8 +261,7 @@ TEST_F(ConversationTest, anInstanceThatIsNotOnTheHeapOutlivesTheLayer) {
     };
     const Derived local(deleted);
     (void)new Derived(deleted);
-    Message waiting = request(0, "");
-    waiting.setTarget("own-1.0");
+    Message waiting = request(0, "", "Tessaly", "own-1.0");
     EXPECT_TRUE(own.send(waiting, false, 0, nullptr));
     EXPECT_TRUE(own.messagePending());
     EXPECT_TRUE(Convey::InitTerm::exit());
@@ -316,8 +307,7 @@ TEST_F(ConversationTest, waitingInHandlersHasADepth) {
     });
     constexpr int kRequests = 5000;
     for (int i = 0; i < kRequests; ++i) {
-        Message message = request(0, "");
-        message.setTarget("own-1.0");
+        Message message = request(0, "", "Tessaly", "own-1.0");
         ASSERT_TRUE(own.send(message, false, 0, nullptr));
     }
     pumpAll();
@@ -374,8 +364,7 @@ TEST_F(ConversationTest, noOperationThrowsWhenMemoryRunsOut) {
     };
     const auto counted = [&] { return new Counted(handlers); };
     const SoString type("a type that does not fit into a small text");
-    Message local = request(0, "Received Result Timeout Error");
-    local.setTarget("own-1.0");
+    Message local = request(0, "Received Result Timeout Error", "Tessaly", "own-1.0");
     Message port = local;
     port.setTarget("third-3.0");
     std::unique_ptr<Convey::MsgHandler> handler;

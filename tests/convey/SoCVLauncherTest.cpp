@@ -225,11 +225,7 @@ TEST_F(LauncherTest, theRegistryKnowsWhatItLaunched) {
 TEST(LaunchQueue, keepsTheMessagesBehindTheParameters) {
     ScObjects::ConveyConnector::set(new TableConnector({"own-1.0"}, {}));
     const auto send = [](const InterAppStream& from, const char* type, const char* body) {
-        Message message;
-        message.setTarget("own-1.0");
-        message.setType(type);
-        message.setBody(SoString(body));
-        return sendFrom(from, message);
+        return sendFrom(from, request("own-1.0", body, "", type));
     };
     std::thread launcher([&] {
         const InterAppStream pending("own-1.0#haslaunchparams");

@@ -41,12 +41,11 @@ protected:
     // A message that says which one it is, with so much behind it.
     static std::unique_ptr<Message> make(const std::string& target, size_t number,
                                          size_t bytes = 0) {
-        auto message = std::make_unique<Message>();
-        message->setTarget(SoString(target));
+        const std::string body = std::to_string(number) + " " + std::string(bytes, 'x');
+        auto message =
+            std::make_unique<Message>(request(target.c_str(), body.c_str(), "", "query"));
         message->setSender("sender-1.0");
-        message->setType("query");
         message->setSerialNumber(static_cast<uint32_t>(number + 1));
-        message->setBody(SoString(std::to_string(number) + " " + std::string(bytes, 'x')));
         return message;
     }
     Delivery post(const std::string& target, size_t number, size_t bytes = 0) {
@@ -261,10 +260,7 @@ TEST_F(WayOutTest, handlersThatThrowEndNothing) {
     tellThread(asker, "bad");
     EXPECT_EQ(answerTo(asker), "ERROR: HANDLER FAILED");
     delete own.changeHandler(new TestHandler(throws, "FWDLOGS")); // is told events now
-    Message message;
-    message.setTarget("own-1.0");
-    message.setBody(SoString("watched"));
-    message.setType("query");
+    Message message = request("own-1.0", "watched", "", "query");
     EXPECT_TRUE(own.send(message, false, 0, nullptr));
     pumpAll();
     EXPECT_FALSE(own.incomingMessagePending());
@@ -292,9 +288,7 @@ TEST_F(WayOutTest, whatAnOwnerSendsDoesNotOvertakeWhatWaits) {
     }
     std::unique_ptr<InterAppStream> target;
     for (const char* body : {"first", "second"}) {
-        Message message;
-        message.setTarget("other-2.0");
-        message.setBody(body);
+        Message message = request("other-2.0", body);
         EXPECT_FALSE(own.send(message, true, 0, nullptr)) << body << " is not delivered yet";
         target = target ? std::move(target) : std::make_unique<InterAppStream>("other-2.0");
     }
@@ -323,15 +317,10 @@ TEST_F(WayOutTest, memoryThatRunsOutEndsNothing) {
     InterAppStream asker("asker-1.0#ping");
     EXPECT_TRUE(Convey::Thread::setPingHandler("fail", new Fails));
     for (int after = 0; after < 40; ++after) {
-        Message ping;
-        ping.setTarget("own-1.0#thread");
-        ping.setSender("asker-1.0#ping");
-        ping.setType("ping");
+        Message ping = request("own-1.0#thread", "", "", "ping");
         ping.setHeader("ECHO_REQUEST", "fail");
         ping.setHeader("after", static_cast<long>(after));
-        SoString text;
-        EXPECT_TRUE(ping.writeToString(text));
-        EXPECT_TRUE(asker.send("own-1.0#thread", text));
+        EXPECT_TRUE(sendFrom(asker, ping));
         std::string answer;
         for (int tries = 0; tries < 50 && answer != "IDLE"; ++tries) {
             tellThread(asker, "STATUS");
@@ -353,17 +342,11 @@ TEST_F(WayOutTest, observersThatCameBeforeTheMainInstanceAreServed) {
     }
     layer.connector->launchResult = 1;
     Convey own("own-1.0", nullptr, true, nullptr);
-    Message message;
-    message.setTarget("other-2.0");
-    message.setBody(SoString("late"));
-    message.setType("query");
+    Message message = request("other-2.0", "late", "", "query");
     EXPECT_FALSE(own.send(message, true, 0, nullptr));
     EXPECT_FALSE(own.processOutgoingMessage()); // requeues it, unless the background was first
     InterAppStream other("other-2.0");
-    Message refused;
-    refused.setTarget("absent-1.0");
-    refused.setBody(SoString("refused"));
-    refused.setType("query");
+    Message refused = request("absent-1.0", "refused", "", "query");
     EXPECT_FALSE(own.send(refused, false, 0, nullptr));
     std::string seen;
     while ((seen.find("SEND ENQUEUED MESSAGE") == std::string::npos ||

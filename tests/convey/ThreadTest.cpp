@@ -106,12 +106,9 @@ public:
     Message next(int32_t milliseconds = 10'000) { return nextMessage(stream_, milliseconds); }
     void answer(const Message& ping, const char* value, const char* sender = nullptr,
                 bool numbered = true) {
-        Message message;
-        message.setTarget(ping.getSender());
+        Message message = request(ping.getSender().c_str(), "the body", "", "ping");
         message.setSender(sender != nullptr ? SoString(sender) : stream_.getName());
-        message.setType("ping");
         message.setHeader("ECHO_REQUEST", value);
-        message.setBody("the body");
         if (numbered) {
             message.setHeader("Ping-Number", static_cast<unsigned long>(ping.getSerialNumber()));
         }

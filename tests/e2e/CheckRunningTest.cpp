@@ -249,10 +249,7 @@ TEST_F(CheckRunningTest, twoThreadsThatPumpDoNotTearAConversationApart) {
             }
         });
         for (std::atomic<int>& answer : heard) {
-            Convey::Message message;
-            message.setTarget("lumen-2.0-en_us");
-            message.setBody("x");
-            message.setResponseRequest("Result");
+            Convey::Message message = request("lumen-2.0-en_us", "x", "Result");
             message.setSerialNumber(message.getNextSerialNumber(nullptr));
             delete instance.changeHandler(counting(answer, "Result", message.getSerialNumber()));
             const bool answered = instance.send(message, false, 20, nullptr);
@@ -286,9 +283,7 @@ TEST_F(CheckRunningTest, aNameThatAnotherProgramTookFirstStaysWithIt) {
 }
 
 TEST_F(CheckRunningTest, aFloodedTargetAnswersOthers) {
-    std::vector<std::string> arguments = {HOST, "lumen-2.0-en_us", "--quiet"};
-    RunningProcess running(arguments);
-    EXPECT_EQ(running.readLine(), "running as lumen-2.0-en_us");
+    const auto running = host("lumen-2.0-en_us", {"--quiet"});
     // One floods the application, another the thread that answers pings, and takes no answer.
     RunningProcess flood(
         {SEND, "lumen-2.0-en_us", "--from", "flood-1.0", "--count", "100000000", "--size", "1000"});
@@ -304,8 +299,8 @@ TEST_F(CheckRunningTest, aFloodedTargetAnswersOthers) {
                 HasSubstr("result: echo: amid it all"));
     flood.signal(SIGKILL);
     EXPECT_EQ(flood.finish(), -1);
-    running.signal(SIGTERM);
-    EXPECT_EQ(running.finish(), 0);
+    running->signal(SIGTERM);
+    EXPECT_EQ(running->finish(), 0);
 }
 
 } // namespace

@@ -28,20 +28,13 @@ protected:
     }
     ~EndedTargetsTest() override { (void)Convey::InitTerm::exit(); }
 
-    static std::unique_ptr<RunningProcess> target() {
-        auto process =
-            std::make_unique<RunningProcess>(std::vector<std::string>{TARGET_PROGRAM, kTarget});
-        EXPECT_EQ(process->readLine(), "running");
-        return process;
-    }
+    static std::unique_ptr<RunningProcess> target() { return started({TARGET_PROGRAM, kTarget}); }
     static Convey::Message request(uint32_t number, const char* body,
-                                   const char* replies = "Result Error") {
-        Convey::Message message;
-        message.setTarget(kTarget);
+                                   const char* replies = "Result Error",
+                                   const char* target = kTarget) {
+        Convey::Message message = ::request(target, body, replies);
         message.setSender("asker-1.0");
         message.setSerialNumber(number);
-        message.setResponseRequest(replies);
-        message.setBody(body);
         return message;
     }
     bool ask(uint32_t number, const char* body, const char* replies = "Result Error") const {
@@ -162,9 +155,7 @@ TEST_F(EndedTargetsTest, theLastAnswersOfATargetAreHeardInsteadOfAnError) {
 
     // Nor while the answers lie unread in the system's queue, since this side is full.
     for (int64_t i = 0; i < limits::of("queue.incoming.messages"); ++i) {
-        Convey::Message own = request(0, "to myself", "");
-        own.setTarget("asker-1.0");
-        own.setSerialNumber(kOwn);
+        Convey::Message own = request(kOwn, "to myself", "", "asker-1.0");
         ASSERT_TRUE(asker->send(own, false, 0, nullptr));
     }
     auto answering = target();
@@ -183,11 +174,8 @@ TEST_F(EndedTargetsTest, aFloodOfNeighboursPutsNothingOff) {
     std::vector<std::unique_ptr<RunningProcess>> neighbours;
     for (int i = 1; i <= 3; ++i) {
         const std::string name = "neighbour-" + std::to_string(i) + ".0";
-        neighbours.push_back(
-            std::make_unique<RunningProcess>(std::vector<std::string>{TARGET_PROGRAM, name}));
-        ASSERT_EQ(neighbours.back()->readLine(), "running");
-        Convey::Message flood = request(kOwn, "push asker-1.0", "");
-        flood.setTarget(name.c_str());
+        neighbours.push_back(started({TARGET_PROGRAM, name}));
+        Convey::Message flood = request(kOwn, "push asker-1.0", "", name.c_str());
         ASSERT_TRUE(asker->send(flood, false, 0, nullptr));
         ASSERT_EQ(neighbours.back()->readLine(), "got push asker-1.0");
     }
@@ -232,16 +220,13 @@ TEST_F(EndedTargetsTest, aPumpEndsBesideAFlood) {
     int handled = 0;
     const auto sendOn = [&](int, Convey::Message&, SoString*) {
         ++handled;
-        Convey::Message next = request(0, "and on", "");
-        next.setTarget("asker-1.0");
-        next.setSerialNumber(kOwn + static_cast<uint32_t>(handled));
+        Convey::Message next =
+            request(kOwn + static_cast<uint32_t>(handled), "and on", "", "asker-1.0");
         (void)asker->send(next, false, 0, nullptr);
         return 0;
     };
     delete asker->changeHandler(new TestHandler(sendOn));
-    Convey::Message first = request(0, "the first", "");
-    first.setTarget("asker-1.0");
-    first.setSerialNumber(kOwn);
+    Convey::Message first = request(kOwn, "the first", "", "asker-1.0");
     ASSERT_TRUE(asker->send(first, false, 0, nullptr));
     pollfd loop = {Convey::getPollDescriptor(), POLLIN, 0};
     EXPECT_TRUE(Convey::pump(ScObjects::kProcessBoth));

@@ -94,10 +94,7 @@ TEST_F(IdleTest, whatIsDueOrAppearsEndsTheSleep) {
         return std::string(text.view());
     };
     const auto message = [](const char* target, const char* replies) {
-        Convey::Message made;
-        made.setTarget(target);
-        made.setBody("text");
-        made.setResponseRequest(replies);
+        Convey::Message made = request(target, "text", replies);
         made.setTimeout(1);
         return made;
     };

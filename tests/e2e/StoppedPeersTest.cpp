@@ -11,7 +11,7 @@
 #include "scriptobjects/convey/SoConvey.h"
 #include "scriptobjects/stream/InterAppStream.h"
 #include "tests/e2e/Scene.h"
-#include "tests/support/TestHandler.h"
+#include "tests/support/Peers.h"
 
 namespace {
 
@@ -100,18 +100,9 @@ private:
 std::string ask(const char* name, uint32_t count) {
     InterAppStream stream(name);
     for (uint32_t i = 1; i <= count; ++i) {
-        Convey::Message request;
-        request.setTarget("server-1.0");
-        request.setSender(name);
-        request.setType("Tessaly");
-        request.setBody(SoString("give"));
-        request.setResponseRequest("Received Result");
-        request.setSerialNumber(i);
-        SoString text;
-        if (!request.writeToString(text)) {
-            return "cannot write";
-        }
-        while (!stream.send("server-1.0", text)) { // not there yet
+        Convey::Message message = request("server-1.0", "give", "Received Result");
+        message.setSerialNumber(i);
+        while (!sendFrom(stream, message)) { // not there yet
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
     }

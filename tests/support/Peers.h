@@ -24,6 +24,17 @@ inline TestHandler* noting(std::vector<std::string>& calls, const char* type = "
         type, serial);
 }
 
+// A message of these parts.
+inline ScObjects::Convey::Message request(const char* target, const char* body,
+                                          const char* replies = "", const char* type = "Tessaly") {
+    ScObjects::Convey::Message message;
+    message.setTarget(target);
+    message.setBody(ScObjects::SoString(body));
+    message.setResponseRequest(replies);
+    message.setType(type);
+    return message;
+}
+
 // Until nothing happens any more.
 inline void pumpAll() {
     while (ScObjects::Convey::pump(ScObjects::kProcessBoth)) {
