@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+#include "platform/MessagePort.h"
+#include "platform/fake/Fakes.h"
+#include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoCVUtils.h"
+
+// A second, a process and a home folder of the test's own.
+class MessageTest : public testing::Test {
+protected:
+    MessageTest() {
+        setenv("HOME", "/home/user", 1);
+        clock.utc = 1'700'000'000'000;
+        files.files["/home/user/.ovrel/md5"] = "SALT";
+        ScObjects::ConveyUtils::exit(); // what another test had is forgotten
+        ScObjects::Convey::Message::setCreateDigest(false);
+    }
+
+    static ScObjects::Convey::Message message(const char* body = "") {
+        ScObjects::Convey::Message message;
+        message.setTarget("kivra-7.0");
+        message.setSender("lumen-2.0");
+        message.setBody(ScObjects::SoString(body));
+        return message;
+    }
+    static std::string written(const ScObjects::Convey::Message& message) {
+        ScObjects::SoString text;
+        EXPECT_TRUE(message.writeToString(text));
+        return text.c_str();
+    }
+    static std::vector<std::string> headersOf(const ScObjects::Convey::Message& message) {
+        std::vector<std::string> headers;
+        for (auto* header = message.getHeaders(); header != nullptr; header = header->next) {
+            headers.push_back(std::string(header->name.view()) + "=" + header->value.c_str());
+        }
+        return headers;
+    }
+
+    platform::FakeClock clock;
+    platform::FakeProcesses processes;
+    platform::FakeFiles files;
+    platform::ScopedReplacement<platform::Clock> clockInForce{clock};
+    platform::ScopedReplacement<platform::Processes> processesInForce{processes};
+    platform::ScopedReplacement<platform::Files> filesInForce{files};
+};
