@@ -102,4 +102,131 @@ TEST_F(MessageReaderTest, isReadInStepsAsAtOnceAndNoStepTakesAll) {
     }
 }
 
+// What comes in two pieces is the same text, wherever it is cut: also where the first looks like
+// the lines of a message and is none, or the second is not just a body.
+TEST_F(MessageReaderTest, isReadInTwoPiecesAsInOne) {
+    Message::setCreateDigest(true);
+    Message::setAuthentication(true);
+    const std::string head = "Target:t\nSender:s\n";
+    const struct {
+        const char* why;
+        std::string text;
+    } cases[] = {
+        {"as it is written", written(message("the body"))},
+        {"a zero byte in lines and body", written(message("a\nb")) + std::string("\0c", 2)},
+        {"two messages", head + "Content-Length:3\n\nabc" + head + "Content-Length:1\n\nx"},
+        {"an empty line before the last length", head + "\n\nx:y\nContent-Length:4\n\nabcd"},
+        {"a line without colon that takes the length in", head + "x\nContent-Length:4\n\nabcd"},
+        {"more than the length", head + "Content-Length:3\n\nabcd"},
+        {"less than the length", head + "Content-Length:5\n\nabcd"},
+        {"line feeds behind the body", head + "Content-Length:2\n\nab\n\n"},
+        {"a digest that does not fit", "@CV>MD5:00\n" + head + "Content-Length:4\n\nabcd"},
+    };
+    const auto readAll = [](Message::Reader&& reader, size_t step) {
+        std::string all;
+        while (!reader.isAtEnd()) {
+            Message message;
+            while (!reader.read(message, step)) {
+            }
+            for (const std::string& header : headersOf(message)) {
+                all += header + "|";
+            }
+            for (const SoString& field : {message.getTarget(), message.getBody(),
+                                          message.getDigestState(), message.getVersion()}) {
+                all.append(field.view()) += "|";
+            }
+            all += std::to_string(message.getContentLength()) + "\n";
+        }
+        return all;
+    };
+    const auto piece = [](std::string_view bytes) { return SoString(bytes); };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.why);
+        const std::string_view text = c.text;
+        const std::string expected = readAll(Message::Reader(piece(text)), 1000);
+        const bool hasZero = text.find('\0') != std::string_view::npos;
+        for (size_t cut = 1; cut < text.size(); ++cut) {
+            for (const size_t step : {size_t{3}, size_t{1000}}) {
+                for (const bool mayHaveZero : {true, hasZero}) {
+                    EXPECT_EQ(readAll(Message::Reader(piece(text.substr(0, cut)),
+                                                      piece(text.substr(cut)), mayHaveZero),
+                                      step),
+                              expected)
+                        << cut;
+                }
+            }
+        }
+    }
+    // The body of a large one is sent, and read, where it is.
+    Message large;
+    large.setTarget("t");
+    large.setSender("s");
+    large.setBody(SoString(std::string(100'000, 'x')));
+    Message::Text text;
+    ASSERT_TRUE(text.write(large) && text.isLarge());
+    EXPECT_EQ(text.pieces().body.data(), large.getBody().c_str());
+    SoString body = large.getBody();
+    const char* const place = body.c_str();
+    Message::Reader reader(
+        piece(std::string(text.pieces().sealed()) + std::string(text.pieces().head)),
+        std::move(body), false);
+    Message read;
+    EXPECT_TRUE(reader.read(read, SIZE_MAX) && reader.isAtEnd());
+    EXPECT_EQ(read.getBody().c_str(), place);
+    EXPECT_EQ(read.getDigestState(), "");
+}
+
+// What was found to fit while it arrived is not digested again, and nothing else is left out.
+TEST_F(MessageReaderTest, aSealSparesTheDigestOfWhatItCovers) {
+    Message large = message(std::string(100'000, 'x').c_str());
+    const std::string plain = written(large);
+    Message::setCreateDigest(true);
+    const std::string whole = written(large);
+    Message::Text text;
+    ASSERT_TRUE(text.write(large));
+    const platform::PortPieces pieces = text.pieces();
+    ASSERT_NE(pieces.seal, nullptr);
+    EXPECT_EQ(pieces.seal->taken(), 0U) << "it is made while the text is sent";
+    const std::string seal(pieces.sealed());
+    EXPECT_EQ(pieces.sealed(), seal) << "also when it is sent once more";
+    EXPECT_TRUE(seal + std::string(pieces.head) + std::string(pieces.body) == whole);
+    Message::setCreateDigest(false);
+    Message::Text unsealed;
+    EXPECT_TRUE(unsealed.write(large) && unsealed.pieces().seal == nullptr);
+
+    const size_t sealed = seal.size();
+    std::string changed = whole;
+    changed.back() = 'y';
+    const struct {
+        const char* why;
+        std::string text;
+        size_t sealBytes;
+        bool mayHaveZero;
+        const char* state;
+    } cases[] = {
+        // What would be rejected when looked at shows whether that was done.
+        {"known to fit", changed, sealed, false, ""},
+        {"not known", changed, 0, false, "REJECTED"},
+        {"changed when it is read", changed, sealed, true, "REJECTED"},
+        {"more than the message", changed + "\n" + plain, sealed, false, "REJECTED"},
+        {"another digest behind it", "@CV>MD5:1\n" + changed, 10, false, "REJECTED"},
+        {"a line before the digest", "a:b\n" + changed, sealed, false, "REJECTED"},
+        {"none", plain, sealed, false, "NODIGEST"},
+        {"not known, and fits", whole, 0, false, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.why);
+        for (const size_t cut : {size_t{0}, c.text.find("\n\n") + 2, size_t{20}}) {
+            SCOPED_TRACE(cut);
+            Message::Reader reader(SoString(c.text.substr(0, cut == 0 ? c.text.size() : cut)),
+                                   SoString(cut == 0 ? "" : c.text.substr(cut)), c.mayHaveZero,
+                                   c.sealBytes);
+            Message read;
+            ASSERT_TRUE(reader.read(read, SIZE_MAX));
+            EXPECT_EQ(read.getDigestState(), c.state);
+            EXPECT_EQ(read.getBody().length(), 100'000);
+        }
+    }
+}
+
 } // namespace
