@@ -90,6 +90,9 @@ struct capsiSession {
     caps::Database* const database;
     std::map<int32_t, Domain> domains;
     std::shared_ptr<const caps::ProductSnapshot> products;
+    // Where the last questions found what they asked for.
+    ptrdiff_t lastProduct = 0;
+    ptrdiff_t lastPayload = 0;
     // Lists that are made for a question, kept by the question so that asking again costs nothing
     // new. Dropped with the snapshot that they point into.
     std::map<std::string, std::vector<const char*>> lists;

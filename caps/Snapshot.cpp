@@ -9,6 +9,7 @@ namespace caps {
 namespace {
 
 constexpr size_t kBlockBytes = 65'536;
+constexpr size_t kComparedKeys = 32; // an application has some twenty
 
 } // namespace
 
@@ -38,9 +39,10 @@ public:
         target_.entries_.push_back({target_.keys_.size(), 0});
     }
     void onDomainData(std::string_view key, std::string_view value) override {
-        target_.keys_.push_back(target_.arena_.add(key));
+        Entry& entry = target_.entries_.back();
+        target_.keys_.push_back(keyAt(entry.keys, key));
         target_.values_.push_back(target_.arena_.add(value));
-        ++target_.entries_.back().keys;
+        ++entry.keys;
     }
     void end() {
         endSubdomain();
@@ -49,6 +51,19 @@ public:
     }
 
 private:
+    // The key at this place of its subdomain. As a rule the subdomain before had the same there:
+    // what ten thousand applications say is said in the same few words.
+    const char* keyAt(size_t place, std::string_view key) {
+        if (place < keysAbove_.size() && keysAbove_[place] == key) {
+            return keysAbove_[place].data();
+        }
+        const std::string_view kept(target_.arena_.add(key), key.size());
+        if (place < kComparedKeys) {
+            keysAbove_.resize(std::max(keysAbove_.size(), place + 1));
+            keysAbove_[place] = kept;
+        }
+        return kept.data();
+    }
     void endSubdomain() {
         if (!target_.entries_.empty()) {
             target_.keys_.push_back(nullptr);
@@ -57,6 +72,7 @@ private:
     }
 
     DomainSnapshot& target_;
+    std::vector<std::string_view> keysAbove_; // by place
 };
 
 namespace {
@@ -126,23 +142,15 @@ Status DomainSnapshot::read(Store& store, Store* below, int32_t domain,
 }
 
 ptrdiff_t DomainSnapshot::find(std::string_view name, ptrdiff_t hint) const {
-    for (ptrdiff_t i = hint; i >= 0 && i <= hint + 1; ++i) {
-        if (i < static_cast<ptrdiff_t>(entries_.size()) && name == names_[static_cast<size_t>(i)]) {
-            return i;
-        }
-    }
-    // A snapshot is shared by the sessions of several threads.
-    std::call_once(indexed_, [this] {
-        index_.reserve(entries_.size());
-        for (size_t i = 0; i < entries_.size(); ++i) {
-            index_.add(names_[i], i);
-        }
-    });
-    return index_.find(name);
+    return index_.find(name, hint, entries_.size(), [this](size_t i) { return names_[i]; });
 }
 
 const char* const* DomainSnapshot::keys(ptrdiff_t subdomain) const {
     return keys_.data() + entries_[static_cast<size_t>(subdomain)].firstKey;
+}
+
+const char* const* DomainSnapshot::values(ptrdiff_t subdomain) const {
+    return values_.data() + entries_[static_cast<size_t>(subdomain)].firstKey;
 }
 
 const char* DomainSnapshot::value(ptrdiff_t subdomain, std::string_view key, size_t& hint) const {
@@ -164,7 +172,6 @@ public:
     void onProduct(std::string_view code) override {
         endProduct();
         const char* text = target_.arena_.add(code);
-        target_.productIndex_.add(text, target_.products_.size());
         target_.productCodes_.push_back(text);
         target_.products_.push_back({text});
         target_.payloadRanges_.push_back({target_.payloads_.size(), 0});
@@ -174,7 +181,6 @@ public:
     void onPayload(std::string_view code, std::string_view kind, std::string_view launchPath,
                    int32_t installState) override {
         const char* text = target_.arena_.add(code);
-        target_.payloadIndex_.add(text, target_.payloads_.size());
         target_.payloadCodes_.push_back(text);
         target_.payloads_.push_back({text, target_.products_.back().identifier,
                                      target_.arena_.add(launchPath), installState,
@@ -214,13 +220,17 @@ Status ProductSnapshot::read(Store& store, Store* below,
     return status;
 }
 
-const capsProduct* ProductSnapshot::product(std::string_view code) const {
-    const ptrdiff_t found = productIndex_.find(code);
+const capsProduct* ProductSnapshot::product(std::string_view code, ptrdiff_t& hint) const {
+    const ptrdiff_t found = productIndex_.find(
+        code, hint, products_.size(), [this](size_t i) { return products_[i].identifier; });
+    hint = std::max<ptrdiff_t>(found, 0);
     return found < 0 ? nullptr : &products_[static_cast<size_t>(found)];
 }
 
-const capsPayload* ProductSnapshot::payload(std::string_view code) const {
-    const ptrdiff_t found = payloadIndex_.find(code);
+const capsPayload* ProductSnapshot::payload(std::string_view code, ptrdiff_t& hint) const {
+    const ptrdiff_t found = payloadIndex_.find(
+        code, hint, payloads_.size(), [this](size_t i) { return payloads_[i].identifier; });
+    hint = std::max<ptrdiff_t>(found, 0);
     return found < 0 ? nullptr : &payloads_[static_cast<size_t>(found)];
 }
 

@@ -23,19 +23,32 @@ private:
     size_t left_ = 0;
 };
 
-// A set of names that point into an arena, with the position of each.
+// The positions of names. Made when a question does not come in their order: a walk over all of
+// them never needs it. Threads: any; a snapshot is shared by the sessions of several.
 class NameIndex {
 public:
-    void add(const char* name, size_t position) { positions_.emplace(name, position); }
-    void reserve(size_t names) { positions_.reserve(names); }
-    // The position of `name`, or -1.
-    ptrdiff_t find(std::string_view name) const {
+    // The position of `name` among `count` names, of which `nameAt` gives each; -1 when it is none
+    // of them, the first of several. `hint` is where it may be, or just before: walks ask in order.
+    template <class NameAt>
+    ptrdiff_t find(std::string_view name, ptrdiff_t hint, size_t count, NameAt&& nameAt) const {
+        for (ptrdiff_t i = hint; i >= 0 && i <= hint + 1; ++i) {
+            if (i < static_cast<ptrdiff_t>(count) && name == nameAt(static_cast<size_t>(i))) {
+                return i;
+            }
+        }
+        std::call_once(made_, [&] {
+            positions_.reserve(count);
+            for (size_t i = 0; i < count; ++i) {
+                positions_.emplace(nameAt(i), i);
+            }
+        });
         const auto found = positions_.find(name);
         return found == positions_.end() ? -1 : static_cast<ptrdiff_t>(found->second);
     }
 
 private:
-    std::unordered_map<std::string_view, size_t> positions_;
+    mutable std::once_flag made_;
+    mutable std::unordered_map<std::string_view, size_t> positions_;
 };
 
 // One domain as it was at one moment, never changed afterwards: readers on any thread share it.
@@ -51,6 +64,8 @@ public:
     // The position of a subdomain, or -1. `hint` is where it may be: walks ask in order.
     ptrdiff_t find(std::string_view name, ptrdiff_t hint) const;
     const char* const* keys(ptrdiff_t subdomain) const;
+    // The value of each of these keys.
+    const char* const* values(ptrdiff_t subdomain) const;
     // Null when there is no such key; `hint` as above, in and out.
     const char* value(ptrdiff_t subdomain, std::string_view key, size_t& hint) const;
 
@@ -66,9 +81,7 @@ private:
     std::vector<Entry> entries_;
     std::vector<const char*> keys_;
     std::vector<const char*> values_;
-    // Made when a question does not come in order: a walk over a domain never needs it.
-    mutable std::once_flag indexed_;
-    mutable NameIndex index_;
+    NameIndex index_;
 };
 
 // All products as they were at one moment, never changed afterwards.
@@ -78,9 +91,9 @@ public:
                                      std::shared_ptr<const ProductSnapshot>& out);
 
     const char* const* productCodes() const { return productCodes_.data(); }
-    // Null when there is none.
-    const capsProduct* product(std::string_view code) const;
-    const capsPayload* payload(std::string_view code) const;
+    // Null when there is none. `hint`, in and out, as that of a domain's subdomains.
+    const capsProduct* product(std::string_view code, ptrdiff_t& hint) const;
+    const capsPayload* payload(std::string_view code, ptrdiff_t& hint) const;
     const char* const* payloadsOf(const capsProduct& product) const;
 
     // The payloads of a product (null: of all) with this install state.

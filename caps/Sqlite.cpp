@@ -1,6 +1,5 @@
 #include "caps/Sqlite.h"
 
-#include <cstring>
 #include <new>
 #include <sqlite3.h>
 
@@ -45,11 +44,9 @@ std::string_view Statement::text(int column) const {
         }
         return ""; // callers copy it, which a null pointer is not for
     }
-    // Now, since the length is that of what the last question made.
-    const auto length = static_cast<size_t>(sqlite3_column_bytes(statement_, column));
-    // A row made by hand may hold a zero: what stands behind it cannot leave through a C interface,
-    // and must not make two keys of what is one there.
-    return {bytes, strnlen(bytes, length)};
+    // SQLite ends each text with a zero. A row made by hand may hold one before: what stands behind
+    // it cannot leave through a C interface, and must not make two keys of what is one there.
+    return bytes;
 }
 
 void Statement::bindOne(int position, int64_t value) {

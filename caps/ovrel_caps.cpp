@@ -127,7 +127,7 @@ Status withPayload(capsiSession* session, const char* payload, Use&& use) {
     if (status != Status::ok) {
         return status;
     }
-    const capsPayload* found = session->products->payload(payload);
+    const capsPayload* found = session->products->payload(payload, session->lastPayload);
     return found == nullptr ? Status::nothingThere : use(*found);
 }
 
@@ -248,7 +248,7 @@ capsStatus mdbGetProduct(capsiSession* session, const char* id, const capsProduc
         if (status != Status::ok) {
             return status;
         }
-        const capsProduct* found = session->products->product(id);
+        const capsProduct* found = session->products->product(id, session->lastProduct);
         if (found == nullptr) {
             return Status::nothingThere;
         }
@@ -265,9 +265,10 @@ capsStatus mdbGetProductPayloads(capsiSession* session, const capsProduct* produ
             return status;
         }
         // By its identifier: the record may be the caller's copy.
-        const capsProduct* found = isEmpty(product->identifier)
-                                       ? nullptr
-                                       : session->products->product(product->identifier);
+        const capsProduct* found =
+            isEmpty(product->identifier)
+                ? nullptr
+                : session->products->product(product->identifier, session->lastProduct);
         if (found == nullptr) {
             return Status::nothingThere;
         }
@@ -327,11 +328,12 @@ capsStatus pdbGetAppLaunchPath(const char* payload, char* buffer, uint32_t* size
         }
         const capsiSession session(database); // gives the database back
         std::shared_ptr<const caps::ProductSnapshot> products;
+        ptrdiff_t hint = 0;
         status = database->products(false, products);
         if (status != Status::ok) {
             return status;
         }
-        const capsPayload* found = products->payload(payload);
+        const capsPayload* found = products->payload(payload, hint);
         if (found == nullptr || *found->launchPath == '\0') {
             return Status::nothingThere;
         }
@@ -367,6 +369,19 @@ capsStatus pcdGetDomainDataKeys(capsiSession* session, capsDomain domain, const 
         return withSubdomain(session, domain, subdomain,
                              [keys](const capsiSession::Domain& found, ptrdiff_t position) {
                                  *keys = list(found.snapshot->keys(position));
+                                 return Status::ok;
+                             });
+    });
+}
+
+capsStatus pcdGetDomainDataPairs(capsiSession* session, capsDomain domain, const char* subdomain,
+                                 const char*** keys, const char*** values) {
+    const bool usable = keys != nullptr && values != nullptr && !isEmpty(subdomain);
+    return answering(session, usable, [&] {
+        return withSubdomain(session, domain, subdomain,
+                             [&](const capsiSession::Domain& found, ptrdiff_t position) {
+                                 *keys = list(found.snapshot->keys(position));
+                                 *values = list(found.snapshot->values(position));
                                  return Status::ok;
                              });
     });
@@ -409,7 +424,7 @@ capsStatus capsGetCollectionPayloads(capsiSession* session, const char* collecti
         if (status != Status::ok) {
             return status;
         }
-        const capsProduct* found = session->products->product(collection);
+        const capsProduct* found = session->products->product(collection, session->lastProduct);
         if (found == nullptr) {
             return Status::nothingThere;
         }

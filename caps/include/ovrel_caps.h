@@ -136,6 +136,11 @@ CAPS_EXPORT capsStatus pcdGetDomainDataSubdomains(capsiSession* session, capsDom
 // gives an empty list.
 CAPS_EXPORT capsStatus pcdGetDomainDataKeys(capsiSession* session, capsDomain domain,
                                             const char* subdomain, const char*** keys);
+// The same, and the value of each of the keys: one question for what a walk over a registry asks.
+// `values` has as many texts, in the order of the keys, and a final null.
+CAPS_EXPORT capsStatus pcdGetDomainDataPairs(capsiSession* session, capsDomain domain,
+                                             const char* subdomain, const char*** keys,
+                                             const char*** values);
 CAPS_EXPORT capsStatus pcdGetDomainData(capsiSession* session, capsDomain domain,
                                         const char* subdomain, const char* key, const char** value);
 // Write and remove one value, each in a transaction of its own that waits up to 5 seconds for other

@@ -68,6 +68,20 @@ TEST_F(OvrelCapsTest, answersFromTheDomainsInTheOrderOfRegistration) {
         ASSERT_EQ(BOUND(pcdGetDomainData)(session, 1, "/s2", key, &value), CAPS_OK);
         EXPECT_EQ(value[1], key[1]);
     }
+    for (const char* subdomain : {"/s1", "/s2", "/s2"}) {
+        const char** values = nullptr;
+        ASSERT_EQ(BOUND(pcdGetDomainDataPairs)(session, 1, subdomain, &list, &values), CAPS_OK);
+        size_t count = 0;
+        for (; list[count] != nullptr; ++count) {
+            ASSERT_EQ(BOUND(pcdGetDomainData)(session, 1, subdomain, list[count], &value), CAPS_OK);
+            EXPECT_STREQ(values[count], value);
+        }
+        EXPECT_EQ(values[count], nullptr);
+        EXPECT_EQ(BOUND(pcdGetDomainDataPairs)(session, 1, "/s3", &list, &values),
+                  CAPS_NOTHING_THERE);
+        EXPECT_EQ(BOUND(pcdGetDomainDataPairs)(session, 1, "/s1", nullptr, &values),
+                  CAPS_INVALID_ARGUMENT);
+    }
     EXPECT_EQ(BOUND(pcdGetDomainDataSubdomains)(session, 9, &list), CAPS_NOTHING_THERE);
     EXPECT_EQ(BOUND(pcdGetDomainDataKeys)(session, 1, "/s3", &list), CAPS_NOTHING_THERE);
     EXPECT_EQ(BOUND(pcdGetDomainData)(session, 1, "/s1", "k2", &value), CAPS_NOTHING_THERE);
