@@ -153,6 +153,74 @@ SoString readConfigPath(const PCDWrapper& wrapper, const char* payload) {
 
 } // namespace
 
+// The keys of the subdomain that a walk is in, the one that is called back for above all.
+class PCDIterator::Keys {
+public:
+    // The next subdomain's, as the library gives them; `values` is null when it does not.
+    void start(const SoString& subdomain, const char* const* keys, const char* const* values) {
+        subdomain_ = &subdomain;
+        keys_ = keys;
+        values_ = values;
+        next_ = 0;
+    }
+    // The next key, null behind the last.
+    const SoString* next() {
+        const char* const source = keys_ == nullptr ? nullptr : keys_[next_];
+        if (source == nullptr) {
+            return nullptr;
+        }
+        value_ = values_ == nullptr ? nullptr : values_[next_];
+        const bool isKept = next_ < kKept && values_ != nullptr;
+        current_ = isKept ? &kept_[next_] : &other_;
+        ++next_;
+        if (!isKept || current_->source != source) {
+            current_->source = source;
+            current_->text.assign(source);
+            current_->rule = findRule(current_->text.view());
+        }
+        return &current_->text;
+    }
+
+    // Whether a callback asks for this key, of which more is known here; it may for another.
+    bool has(const SoString& subdomain, const SoString& key) const {
+        return current_ != nullptr && &subdomain == subdomain_ && &key == &current_->text;
+    }
+    const KeyRule* rule() const { return current_->rule; }
+    // Null when it must be asked for.
+    const char* value() const { return value_; }
+
+private:
+    struct Key {
+        const char* source = nullptr;
+        SoString text;
+        const KeyRule* rule = nullptr;
+    };
+    // Applications have the same keys at the same places as a rule. A library that gives keys with
+    // their values keeps both as long as the walk lasts, so that the same place is the same text.
+    static constexpr size_t kKept = 32;
+
+    const SoString* subdomain_ = nullptr;
+    const char* const* keys_ = nullptr;
+    const char* const* values_ = nullptr;
+    size_t next_ = 0;
+    Key kept_[kKept];
+    Key other_;
+    Key* current_ = nullptr;
+    const char* value_ = nullptr;
+};
+
+// Whatever ends a walk, what is at hand in it goes.
+class PCDIterator::AtHand {
+public:
+    AtHand(PCDIterator& walk, const Keys& keys) : walk_(walk) { walk_.atHand_ = &keys; }
+    ~AtHand() { walk_.atHand_ = nullptr; }
+    AtHand(const AtHand&) = delete;
+    AtHand& operator=(const AtHand&) = delete;
+
+private:
+    PCDIterator& walk_;
+};
+
 bool PCDIterator::run(PCDWrapper& wrapper) {
     // What could not be read at the last walk may be readable by now.
     wrapper.startWalk();
@@ -173,13 +241,15 @@ bool PCDIterator::run(PCDWrapper& wrapper) {
         // An empty registry has been read, one that cannot be listed has not.
         return status == PCDWrapper::kNothingThere;
     }
-    // One text serves all subdomains, another all keys: their buffers are taken once.
+    // One text serves all subdomains, as those of the keys do: their buffers are taken once.
     SoString subdomainText;
-    SoString keyText;
+    Keys known;
+    const AtHand scope(*this, known);
     for (; subdomains != nullptr && *subdomains != nullptr; ++subdomains) {
         const char* const* keys = nullptr;
+        const char* const* values = nullptr;
         const int32_t keysStatus =
-            wrapper.pcdGetDomainDataKeys(wrapper.domain(), *subdomains, keys);
+            wrapper.pcdGetDomainDataPairs(wrapper.domain(), *subdomains, keys, values);
         // Not taken for an application without keys: the caller must know that something is
         // missing.
         if (keysStatus != PCDWrapper::kSuccess && keysStatus != PCDWrapper::kNothingThere) {
@@ -194,9 +264,9 @@ bool PCDIterator::run(PCDWrapper& wrapper) {
         CVConnectorAppInfo info;
         // What the callbacks answer stops nothing: one bad entry must not hide the others.
         (void)onStartSubDomain(wrapper, subdomainText, info);
-        for (; keys != nullptr && *keys != nullptr; ++keys) {
-            keyText.assign(*keys);
-            (void)onKey(wrapper, subdomainText, keyText, info);
+        known.start(subdomainText, keys, values);
+        while (const SoString* key = known.next()) {
+            (void)onKey(wrapper, subdomainText, *key, info);
         }
         (void)onEndSubDomain(wrapper, subdomainText, info);
     }
@@ -229,6 +299,19 @@ bool PCDIterator::onEndSubDomain(PCDWrapper& wrapper, const SoString& subdomain,
     return info.specifier.isEmpty() || onAppInfo(wrapper, info);
 }
 
+const char* PCDIterator::valueOf(const PCDWrapper& wrapper, const SoString& subdomain,
+                                 const SoString& key) const {
+    const char* value = nullptr;
+    if (atHand_ != nullptr && atHand_->has(subdomain, key)) {
+        value = atHand_->value();
+    }
+    if (value == nullptr && wrapper.pcdGetDomainData(wrapper.domain(), subdomain.c_str(),
+                                                     key.c_str(), value) != PCDWrapper::kSuccess) {
+        return nullptr;
+    }
+    return value;
+}
+
 bool PCDIterator::onKey(PCDWrapper& wrapper, const SoString& subdomain, const SoString& key,
                         CVConnectorAppInfo& info) {
     const bool inGroups = isGroupSubdomain(subdomain.view());
@@ -236,14 +319,16 @@ bool PCDIterator::onKey(PCDWrapper& wrapper, const SoString& subdomain, const So
         return true;
     }
     // Keys that nobody takes cost no question for their values.
-    const KeyRule* rule = inGroups ? nullptr : findRule(key.view());
-    if (!inGroups && rule == nullptr) {
-        return true;
+    const KeyRule* rule = nullptr;
+    if (!inGroups) {
+        rule = atHand_ != nullptr && atHand_->has(subdomain, key) ? atHand_->rule()
+                                                                  : findRule(key.view());
+        if (rule == nullptr) {
+            return true;
+        }
     }
-    const char* value = nullptr;
-    if (wrapper.pcdGetDomainData(wrapper.domain(), subdomain.c_str(), key.c_str(), value) !=
-            PCDWrapper::kSuccess ||
-        value == nullptr) {
+    const char* const value = valueOf(wrapper, subdomain, key);
+    if (value == nullptr) {
         return true; // the field keeps its default
     }
     if (inGroups) {

@@ -52,6 +52,14 @@ public:
     virtual bool onGroupInfo(PCDWrapper& wrapper, const SoString& key, const SoString& entry);
 
 private:
+    class Keys;
+    class AtHand;
+
+    // The value that belongs to the key of a callback, null when there is none.
+    const char* valueOf(const PCDWrapper& wrapper, const SoString& subdomain,
+                        const SoString& key) const;
+
+    const Keys* atHand_ = nullptr; // those of the subdomain that the walk is in
     uint32_t productModTime_ = 0;
     uint32_t domainModTime_ = 0;
 };

@@ -34,6 +34,7 @@ void* loadLibrary(bool& isThere) {
     USE(pcdCloseSession)                                                                           \
     USE(pcdGetDomainDataSubdomains)                                                                \
     USE(pcdGetDomainDataKeys)                                                                      \
+    USE(pcdGetDomainDataPairs)                                                                     \
     USE(pcdGetDomainData)                                                                          \
     USE(pcdSetDomainData)                                                                          \
     USE(pcdRemoveDomainData)                                                                       \
@@ -194,6 +195,24 @@ int32_t PCDWrapper::pcdGetDomainDataKeys(capsDomain domain, const char* subdomai
     return domain == 0 ? capsGetPayloadDataKeys(subdomain, 0, keys)
                        : list(functions_->pcdGetDomainDataKeys, database_, kNotGood, keys, domain,
                               subdomain);
+}
+
+int32_t PCDWrapper::pcdGetDomainDataPairs(capsDomain domain, const char* subdomain,
+                                          const char* const*& keys,
+                                          const char* const*& values) const {
+    if (domain == 0 || functions_->pcdGetDomainDataPairs == nullptr) {
+        values = nullptr;
+        return pcdGetDomainDataKeys(domain, subdomain, keys);
+    }
+    const char** names = nullptr;
+    const char** texts = nullptr;
+    const int32_t status = call(functions_->pcdGetDomainDataPairs, database_, kNotGood, domain,
+                                subdomain, &names, &texts);
+    if (status == kSuccess) {
+        keys = names;
+        values = texts;
+    }
+    return status;
 }
 
 int32_t PCDWrapper::pcdGetDomainData(capsDomain domain, const char* subdomain, const char* key,

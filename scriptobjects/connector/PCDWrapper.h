@@ -71,6 +71,10 @@ public:
     int32_t pcdGetDomainDataSubdomains(capsDomain domain, const char* const*& subdomains) const;
     int32_t pcdGetDomainDataKeys(capsDomain domain, const char* subdomain,
                                  const char* const*& keys) const;
+    // The same with the value of each key; `values` is null where the library, an earlier one, or
+    // the domain, 0, tells them one by one only.
+    int32_t pcdGetDomainDataPairs(capsDomain domain, const char* subdomain,
+                                  const char* const*& keys, const char* const*& values) const;
     int32_t pcdGetDomainData(capsDomain domain, const char* subdomain, const char* key,
                              const char*& value) const;
     int32_t pcdSetDomainData(capsDomain domain, const char* subdomain, const char* key,
