@@ -22,8 +22,10 @@ uint32_t appNameHash(std::string_view specifier) {
 
 } // namespace
 
-CVConnectorAppInfo::CVConnectorAppInfo()
-    : conveyVersion(parseNumber(Convey::kVersion)), executableExtension("app") {}
+CVConnectorAppInfo::CVConnectorAppInfo() : executableExtension("app") {
+    static const double ownVersion = parseNumber(Convey::kVersion);
+    conveyVersion = ownVersion;
+}
 
 bool CVConnectorAppInfo::operator==(const CVConnectorAppInfo& other) const {
     return specifier == other.specifier && path == other.path &&
@@ -50,35 +52,56 @@ uint32_t CVPositionIndex::hash(std::string_view text) {
     return value;
 }
 
-void CVPositionIndex::prepare(uint32_t textHash) {
+// Where the chain of the hash is, or belongs; the table has places.
+size_t CVPositionIndex::placeOf(uint32_t textHash) const {
+    const size_t mask = chains_.size() - 1;
+    size_t place = textHash & mask;
+    while (chains_[place].first >= 0 && chains_[place].hash != textHash) {
+        place = (place + 1) & mask;
+    }
+    return place;
+}
+
+void CVPositionIndex::prepare() {
     // `reserve` gives what it is told: one more at a time would move all positions each time.
     if (next_.size() == next_.capacity()) {
         next_.reserve(std::max(kFirstPositions, next_.size() * 2));
     }
-    chains_.try_emplace(textHash); // an empty chain is none for who asks
+    if ((used_ + 1) * 2 <= chains_.size()) {
+        return;
+    }
+    CVPositionIndex larger;
+    larger.chains_.resize(std::max(2 * kFirstPositions, chains_.size() * 2));
+    for (const Chain& chain : chains_) {
+        if (chain.first >= 0) {
+            larger.chains_[larger.placeOf(chain.hash)] = chain;
+        }
+    }
+    chains_.swap(larger.chains_);
 }
 
 void CVPositionIndex::add(uint32_t textHash) noexcept {
     const auto position = static_cast<int32_t>(next_.size());
     next_.push_back(-1);
-    // Neither this nor the line before needs memory: `prepare` has made the room and the chain.
-    Chain& chain = chains_.find(textHash)->second;
+    // Neither this nor the line before needs memory: `prepare` has made the room.
+    Chain& chain = chains_[placeOf(textHash)];
     if (chain.first < 0) {
-        chain.first = position;
-    } else {
-        next_[static_cast<size_t>(chain.last)] = position;
+        chain = {textHash, position, position};
+        ++used_;
+        return;
     }
+    next_[static_cast<size_t>(chain.last)] = position;
     chain.last = position;
 }
 
 void CVPositionIndex::clear() noexcept {
     next_.clear();
     chains_.clear();
+    used_ = 0;
 }
 
 int32_t CVPositionIndex::first(uint32_t textHash) const {
-    const auto chain = chains_.find(textHash);
-    return chain == chains_.end() ? -1 : chain->second.first;
+    return chains_.empty() ? -1 : chains_[placeOf(textHash)].first;
 }
 
 int32_t CVPositionIndex::after(int32_t position) const {
@@ -87,10 +110,9 @@ int32_t CVPositionIndex::after(int32_t position) const {
 
 CVConnectorAppInfoList::Indexes::Hashes
 CVConnectorAppInfoList::Indexes::prepare(std::string_view specifier) {
-    const Hashes hashes{CVPositionIndex::hash(specifier), appNameHash(specifier)};
-    bySpecifier.prepare(hashes.specifier);
-    byAppName.prepare(hashes.appName);
-    return hashes;
+    bySpecifier.prepare();
+    byAppName.prepare();
+    return {CVPositionIndex::hash(specifier), appNameHash(specifier)};
 }
 
 void CVConnectorAppInfoList::Indexes::add(Hashes hashes) noexcept {
@@ -109,8 +131,8 @@ CVConnectorAppInfoList::indexesWithLocked(int32_t changed, const SoString* speci
     // Made anew and aside: behind a record that goes all positions change, and as long as this can
     // fail the index that is in use must be the right one.
     Indexes indexes;
-    for (int32_t i = 0; i < items_.count(); ++i) {
-        const SoString* text = i == changed ? specifier : &items_[i]->specifier;
+    for (int32_t i = 0; isInside(i); ++i) {
+        const SoString* text = i == changed ? specifier : &at(i)->specifier;
         if (text != nullptr) {
             indexes.add(indexes.prepare(text->view()));
         }
@@ -118,11 +140,11 @@ CVConnectorAppInfoList::indexesWithLocked(int32_t changed, const SoString* speci
     return indexes;
 }
 
-// What can fail comes first: a record that was taken into the list and then not into an index would
-// have two owners, the list and whoever hears of the failure.
-void CVConnectorAppInfoList::appendLocked(CVConnectorAppInfo* info) {
+// What can fail comes first: a record that was taken into the list and then not into an index could
+// not be found.
+void CVConnectorAppInfoList::appendLocked(std::unique_ptr<CVConnectorAppInfo> info) {
     const Indexes::Hashes hashes = indexes_.prepare(info->specifier.view());
-    items_.append(info);
+    items_.push_back(std::move(info));
     indexes_.add(hashes);
 }
 
@@ -131,11 +153,11 @@ CVConnectorAppInfo* CVConnectorAppInfoList::findEqualLocked(const CVConnectorApp
     // Equal records have equal specifiers.
     const uint32_t hash = CVPositionIndex::hash(info.specifier.view());
     for (int32_t i = indexes_.bySpecifier.first(hash); i >= 0; i = indexes_.bySpecifier.after(i)) {
-        if (*items_[i] == info) {
+        if (*at(i) == info) {
             if (index != nullptr) {
                 *index = i;
             }
-            return items_[i];
+            return at(i);
         }
     }
     return nullptr;
@@ -151,8 +173,7 @@ bool CVConnectorAppInfoList::append(CVConnectorAppInfo* info) {
     if (findEqualLocked(*info, nullptr) != nullptr) {
         return false;
     }
-    appendLocked(owned.get());
-    (void)owned.release(); // the list owns it
+    appendLocked(std::move(owned));
     return true;
 }
 
@@ -183,9 +204,9 @@ bool CVConnectorAppInfoList::update(const CVConnectorAppInfo& info) {
         return false;
     }
     auto added = std::make_unique<CVConnectorAppInfo>(info);
-    // Owned here until the list has it: without memory it has not.
-    appendLocked(added.get());
-    lastUpdated_ = added.release();
+    CVConnectorAppInfo* const record = added.get();
+    appendLocked(std::move(added));
+    lastUpdated_ = record; // only now: without memory there is none
     return true;
 }
 
@@ -195,11 +216,11 @@ CVConnectorAppInfo* CVConnectorAppInfoList::findExactLocked(std::string_view spe
     // knows no upper case, the comparison does.
     const uint32_t hash = CVPositionIndex::hash(specifier);
     for (int32_t i = indexes_.bySpecifier.first(hash); i >= 0; i = indexes_.bySpecifier.after(i)) {
-        if (items_[i]->specifier.view() == specifier) {
+        if (at(i)->specifier.view() == specifier) {
             if (index != nullptr) {
                 *index = i;
             }
-            return items_[i];
+            return at(i);
         }
     }
     return nullptr;
@@ -249,24 +270,21 @@ void CVConnectorAppInfoList::clearWithoutLocking() {
     lastUpdated_ = nullptr;
     indexes_.bySpecifier.clear();
     indexes_.byAppName.clear();
-    while (items_.count() > 0) {
-        // From the end, where nothing has to be moved up.
-        delete items_.removeAt(items_.count() - 1);
-    }
+    items_.clear();
 }
 
 bool CVConnectorAppInfoList::getItemAt(int32_t i, CVConnectorAppInfo& out) const {
     ObjectLock lock(*this);
-    if (i < 0 || i >= items_.count()) {
+    if (!isInside(i)) {
         return false;
     }
-    out = *items_[i];
+    out = *at(i);
     return true;
 }
 
 CVConnectorAppInfo* CVConnectorAppInfoList::get(int32_t i) const {
     ObjectLock lock(*this);
-    return i < 0 || i >= items_.count() ? nullptr : items_[i];
+    return isInside(i) ? at(i) : nullptr;
 }
 
 bool CVConnectorAppInfoList::remove(const CVConnectorAppInfo& info) {
@@ -278,7 +296,7 @@ bool CVConnectorAppInfoList::remove(const CVConnectorAppInfo& info) {
     // This may fail, so nothing is changed before it.
     Indexes indexes = indexesWithLocked(index, nullptr);
     lastUpdated_ = nullptr;
-    delete items_.removeAt(index);
+    items_.erase(items_.begin() + index);
     indexes_ = std::move(indexes);
     return true;
 }
@@ -290,7 +308,7 @@ bool CVConnectorAppInfoList::redirectedPathLocked(const CVConnectorAppInfo& reco
     const CVConnectorAppInfo* last = nullptr;
     const CVConnectorAppInfo* current = &record;
     for (int32_t steps = 0; !current->redirectTo.isEmpty(); ++steps) {
-        if (steps > items_.count()) {
+        if (steps > static_cast<int32_t>(items_.size())) {
             return false;
         }
         const CVConnectorAppInfo* target = findLocked(current->redirectTo, nullptr);
@@ -309,8 +327,8 @@ bool CVConnectorAppInfoList::redirectedPathLocked(const CVConnectorAppInfo& reco
 bool CVConnectorAppInfoList::resolveRedirectTo() {
     ObjectLock lock(*this);
     bool any = false;
-    for (int32_t i = 0; i < items_.count(); ++i) {
-        CVConnectorAppInfo& record = *items_[i];
+    for (const std::unique_ptr<CVConnectorAppInfo>& item : items_) {
+        CVConnectorAppInfo& record = *item;
         if (record.redirectTo.isEmpty()) {
             continue;
         }
@@ -338,7 +356,7 @@ bool CVConnectorAppInfoList::setProcessID(const SoString& specifier, uint32_t pi
 
 int32_t CVConnectorAppInfoList::count() const {
     ObjectLock lock(*this);
-    return items_.count();
+    return static_cast<int32_t>(items_.size());
 }
 
 void CVConnectorAppInfoList::appendSpecifiersOf(const SoString& appName,
@@ -347,11 +365,18 @@ void CVConnectorAppInfoList::appendSpecifiersOf(const SoString& appName,
     const uint32_t hash = CVPositionIndex::hash(appName.view());
     for (int32_t i = indexes_.byAppName.first(hash); i >= 0; i = indexes_.byAppName.after(i)) {
         // A hit is a candidate only: other names may have the same hash.
-        Convey::Specifier registered(items_[i]->specifier.c_str(), false);
+        Convey::Specifier registered(at(i)->specifier.c_str(), false);
         if (CVSpecifierParts::of(registered.view()).appName == appName.view()) {
             out.push_back(std::move(registered));
         }
     }
+}
+
+bool CVConnectorAppInfoList::isOnlyOf(std::string_view appName, std::string_view specifier) const {
+    ObjectLock lock(*this);
+    const int32_t i = indexes_.byAppName.first(CVPositionIndex::hash(appName));
+    // Another name of the same hash makes this false, which costs its asker the long way only.
+    return i >= 0 && indexes_.byAppName.after(i) < 0 && at(i)->specifier.view() == specifier;
 }
 
 } // namespace ScObjects

@@ -1,15 +1,14 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoString.h"
 #include "scriptobjects/core/SoThread.h"
 #include "scriptobjects/core/SoThreadAnnotations.h"
-#include "scriptobjects/core/SoVector.h"
 
 namespace ScObjects {
 
@@ -50,10 +49,10 @@ class CVPositionIndex {
 public:
     static uint32_t hash(std::string_view text);
 
-    // Takes the memory that the next `add` of this hash needs. Throws std::bad_alloc, and nothing
-    // that can be asked for has changed.
-    void prepare(uint32_t textHash);
-    // The hash of the text at the next position, counted from 0; it was prepared.
+    // Takes the memory that the next `add` needs. Throws std::bad_alloc, and nothing that can be
+    // asked for has changed.
+    void prepare();
+    // The hash of the text at the next position, counted from 0; room for it was prepared.
     void add(uint32_t textHash) noexcept;
     void clear() noexcept;
 
@@ -64,12 +63,18 @@ public:
     int32_t after(int32_t position) const;
 
 private:
+    // The positions of one hash, in a table with open addressing: one that allocates for each hash
+    // costs more than all other steps of reading a record's names.
     struct Chain {
-        int32_t first = -1;
+        uint32_t hash = 0;
+        int32_t first = -1; // -1: nobody's place
         int32_t last = -1;
     };
+    size_t placeOf(uint32_t textHash) const;
+
     std::vector<int32_t> next_; // by position: the next one with the same hash, -1 at the end
-    std::unordered_map<uint32_t, Chain> chains_;
+    std::vector<Chain> chains_; // a power of two, or none; at least a half is nobody's
+    size_t used_ = 0;
 };
 
 // All registered applications, in the order in which they were registered.
@@ -139,6 +144,10 @@ public:
     // give, at the cost of the records found.
     void appendSpecifiersOf(const SoString& appName, std::vector<SoString>& out) const;
 
+    // True when `specifier`, in lower case, is registered, spelt so, and nothing else is under its
+    // application name; false may also mean that it was not worth finding out.
+    [[nodiscard]] bool isOnlyOf(std::string_view appName, std::string_view specifier) const;
+
 private:
     CVConnectorAppInfo* findExactLocked(std::string_view specifier, int32_t* index) const
         SO_REQUIRES(this);
@@ -148,9 +157,18 @@ private:
         SO_REQUIRES(this);
     bool redirectedPathLocked(const CVConnectorAppInfo& record, SoString& path) const
         SO_REQUIRES(this);
-    void appendLocked(CVConnectorAppInfo* info) SO_REQUIRES(this);
+    void appendLocked(std::unique_ptr<CVConnectorAppInfo> info) SO_REQUIRES(this);
 
-    SoVector<CVConnectorAppInfo> items_ SO_GUARDED_BY(this);
+    CVConnectorAppInfo* at(int32_t i) const SO_REQUIRES(this) {
+        return items_[static_cast<size_t>(i)].get();
+    }
+    bool isInside(int32_t i) const SO_REQUIRES(this) {
+        return i >= 0 && static_cast<size_t>(i) < items_.size();
+    }
+
+    // No SoVector, which grows by a few places at a time: of a hundred thousand each would be moved
+    // a thousand times.
+    std::vector<std::unique_ptr<CVConnectorAppInfo>> items_ SO_GUARDED_BY(this);
     // The record that `update` touched last: programs report the same target again and again.
     CVConnectorAppInfo* lastUpdated_ SO_GUARDED_BY(this) = nullptr;
     struct Indexes {
