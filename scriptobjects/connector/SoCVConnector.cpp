@@ -479,6 +479,11 @@ void ConveyConnector::appendSpecifiersOf(const SoString& appName,
     getAppInfoListLocked()->appendSpecifiersOf(appName, out);
 }
 
+bool ConveyConnector::isOnlyOf(std::string_view appName, std::string_view specifier) const {
+    ObjectLock lock(*this);
+    return getAppInfoListLocked()->isOnlyOf(appName, specifier);
+}
+
 bool ConveyConnector::hasRecordOrNoList(const SoString& specifier) const {
     ObjectLock lock(*this);
     // Not through `getAppInfoListLocked`: the question must not make the connector read.

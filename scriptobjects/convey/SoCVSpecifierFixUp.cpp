@@ -170,6 +170,17 @@ SoString chooseVersion(const std::vector<SoString>& registrations, std::string_v
     return choice.same.isEmpty() || otherIsHigher ? choice.other : choice.same;
 }
 
+// Whether every step of a fix-up leads to the text that is there already: it has a version, so
+// nobody is asked who runs, and is registered as the only one of its application. Most are, and to
+// find it out takes a tenth of the steps. (A suffix is put behind what was chosen once more.)
+bool isItsOnlyRegistration(std::string_view specifier) {
+    const CVSpecifierParts parts = CVSpecifierParts::of(specifier);
+    const ConveyConnector* const connector = ConveyConnector::get();
+    return gExplanation == nullptr && connector != nullptr && !parts.appName.empty() &&
+           !parts.version.empty() && parts.suffix.empty() &&
+           connector->isOnlyOf(parts.appName, specifier);
+}
+
 } // namespace
 
 class Convey::Specifier::FixUpScope {
@@ -238,6 +249,9 @@ bool Convey::Specifier::completeFromContext(const CVSpecifierParts& parts) {
 
 void Convey::Specifier::fixUp(bool useContext) {
     makeLowercase();
+    if (isItsOnlyRegistration(view())) {
+        return;
+    }
     // Before this one is counted.
     const bool outermost = fixUpDepth == 0;
     const FixUpScope scope;
