@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string_view>
 #include <vector>
 
 #include "cmd/CapsProductFunctions.h"
@@ -79,24 +80,26 @@ std::string keyPairs(Reader& reader, capsiSession* session, const char* payload,
     return pairs;
 }
 
-// The keys of the language domain with a final null; empty when they cannot be read.
-std::vector<const char*> languageKeys(Reader& reader, capsiSession* session, const char* payload) {
-    std::vector<const char*> keys(kKeySlots);
-    uint32_t slots = kKeySlots;
+// The keys of the language domain, with a final null, in the slots of `keys`; null when they cannot
+// be read.
+const char* const* languageKeys(Reader& reader, capsiSession* session, const char* payload,
+                                std::vector<const char*>& keys) {
+    keys.resize(std::max<size_t>(keys.size(), kKeySlots));
+    auto slots = static_cast<uint32_t>(keys.size());
     const auto read = [&] {
         return reader.call(reader.functions.pdbGetPayloadDataKeys, session, payload,
                            kLanguageDomain, keys.data(), &slots);
     };
     int32_t status = read();
-    if (status == CAPS_TOO_SMALL && slots > kKeySlots) {
+    if (status == CAPS_TOO_SMALL && slots > keys.size()) {
         keys.assign(slots, nullptr);
         status = read();
     }
     if (status != CAPS_OK) {
-        return {};
+        return nullptr;
     }
     keys.back() = nullptr; // whatever the library wrote, the list ends
-    return keys;
+    return keys.data();
 }
 
 // The folder that holds the application bundle, empty when the payload launches none.
@@ -121,17 +124,17 @@ std::string launchFolder(Reader& reader, const char* payload) {
 
 // The product's folder: what lies directly below the install folder on the way to the product's
 // configuration, else the folder of its bundle.
-std::string productFolder(const std::string& configPath, const std::string& installFolder,
-                          const std::string& folderOfBundle) {
-    if (configPath.find(installFolder) != std::string::npos) {
+std::string productFolder(Reader& reader, const char* payload, std::string_view configPath,
+                          std::string_view installFolder) {
+    if (configPath.find(installFolder) != std::string_view::npos) {
         // Behind the install folder comes a separator; the next one ends the product's folder.
         const size_t end = configPath.find('/', installFolder.size() + 1);
-        return configPath.substr(0, end);
+        return std::string(configPath.substr(0, end));
     }
-    return folderOfBundle;
+    return launchFolder(reader, payload);
 }
 
-void storeFirst(std::map<std::string, std::string>& table, const std::string& folder,
+void storeFirst(std::unordered_map<std::string, std::string>& table, const std::string& folder,
                 const std::string& value) {
     std::string& entry = table[folder];
     if (entry.empty()) {
@@ -168,6 +171,7 @@ private:
 
     CHostProductInfoFromCapsLib& info_;
     Reader reader_;
+    std::vector<const char*> keySlots_; // for one payload after the other
 };
 
 CHostProductInfoFromCapsLib* CHostProductInfoFromCapsLib::getInstance() {
@@ -221,15 +225,13 @@ void CHostProductInfoFromCapsLib::Walk::readPayload(capsiSession* session, const
     if (installFolder == nullptr) {
         return;
     }
-    const std::string folder =
-        productFolder(configPath, installFolder, launchFolder(reader_, payload));
+    const std::string folder = productFolder(reader_, payload, configPath, installFolder);
     if (folder.empty()) {
         return;
     }
     storeFirst(info_.installedLanguages_, folder, languages);
-    const std::vector<const char*> keys = languageKeys(reader_, session, payload);
     const std::string pairs =
-        keyPairs(reader_, session, payload, keys.empty() ? nullptr : keys.data());
+        keyPairs(reader_, session, payload, languageKeys(reader_, session, payload, keySlots_));
     if (!pairs.empty()) {
         storeFirst(info_.languageKeyPairs_, folder, pairs);
     }
@@ -260,6 +262,9 @@ bool CHostProductInfoFromCapsLib::LookupInstalledLanguages(const std::string& fo
         return false;
     }
     languages = found->second;
+    if (languageKeyPairs_.empty()) {
+        return true;
+    }
     const auto pairs = languageKeyPairs_.find(folder);
     std::string rest = pairs != languageKeyPairs_.end() ? pairs->second : std::string();
     for (size_t end = rest.find(';'); end != std::string::npos; end = rest.find(';')) {

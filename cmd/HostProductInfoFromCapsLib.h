@@ -1,9 +1,9 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 
 struct capsiSession;
 
@@ -47,7 +47,8 @@ public:
 private:
     class Walk;
 
-    std::map<std::string, std::string> installedLanguages_; // by product folder
-    std::map<std::string, std::string> languageKeyPairs_;   // "key,value;..." by product folder
-    bool complete_; // last: the walk that tells fills the tables
+    std::unordered_map<std::string, std::string> installedLanguages_; // by product folder
+    std::unordered_map<std::string, std::string>
+        languageKeyPairs_; // "key,value;..." by product folder
+    bool complete_;        // last: the walk that tells fills the tables
 };

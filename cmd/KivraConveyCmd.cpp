@@ -25,23 +25,45 @@ constexpr const char* kDefaultLocale = "en_US";
 constexpr int kCheckArguments = 3; // the program, the command and the specifier
 constexpr int32_t kCheckTimeoutSeconds = limits::of("check.wait");
 
+// The library's search for one of several is a call for each byte.
+void appendXML(std::string& out, std::string_view text) {
+    const char* done = text.data();
+    const char* const end = done + text.size();
+    for (const char* at = done; at != end; ++at) {
+        const char c = *at;
+        if (c == '&' || c == '<' || c == '>') {
+            out.append(done, at).append(c == '&' ? "&amp;" : c == '<' ? "&lt;" : "&gt;");
+            done = at + 1;
+        }
+    }
+    out.append(done, end);
+}
+
+// A line at a time, so that a reader sees each one whole and at once.
+void print(const std::string& line) {
+    std::cout.write(line.data(), static_cast<std::streamsize>(line.size())).flush();
+}
+
 // True when that is all that is registered.
 bool listProducts() {
     std::string fallbackLocale; // asked for once: it is the same for all
     const bool isKnown = Convey::isRegistryKnown();
     const int32_t count = Convey::getNumberOfRegisteredApplications();
     const CHostProductInfoFromCapsLib& products = *CHostProductInfoFromCapsLib::getInstance();
-    std::cout << "<products>" << std::endl;
+    print("<products>\n");
+    // One of each for all lines: their buffers are taken once.
+    std::string folder;
+    std::string languages;
+    std::string line;
     for (int32_t i = 0; i < count; ++i) {
-        const std::string specifier = Convey::getApplicationSpecifier(i).c_str();
-        if (specifier.empty()) {
+        const SoString specifier = Convey::getApplicationSpecifier(i);
+        if (specifier.isEmpty()) {
             throw std::bad_alloc(); // each has one
         }
-        const std::string path =
-            Convey::Specifier(specifier.c_str(), true).getApplicationPath(nullptr).c_str();
-        std::string folder = path;
+        const SoString path =
+            Convey::Specifier(specifier.c_str(), true).getApplicationPath(nullptr);
+        folder.assign(path.view());
         folder.resize(folder.rfind('/')); // throws without one: see the header
-        std::string languages;
         products.LookupInstalledLanguages(folder, languages);
         if (languages.empty()) {
             if (fallbackLocale.empty() && !platform::Locale::system().identifier(fallbackLocale)) {
@@ -49,12 +71,13 @@ bool listProducts() {
             }
             languages = fallbackLocale;
         }
-        // A line at a time, so that a reader sees each one whole and at once.
-        std::cout << "<product specifier='" + toXMLString(specifier) + "' path='" +
-                         toXMLString(path) + "' locale='" + toXMLString(languages) + "'/>"
-                  << std::endl;
+        line.assign("<product specifier='");
+        appendXML(line, specifier.view());
+        appendXML(line.append("' path='"), path.view());
+        appendXML(line.append("' locale='"), languages);
+        print(line.append("'/>\n"));
     }
-    std::cout << "</products>" << std::endl;
+    print("</products>\n");
     return isKnown && products.isComplete();
 }
 
@@ -104,14 +127,6 @@ void checkRunning(const std::string& specifier) {
 
 std::string toXMLString(const std::string& text) {
     std::string result;
-    size_t done = 0;
-    // The library's search for one of several is a call for each byte, a fiftieth of a listing.
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '&' || text[i] == '<' || text[i] == '>') {
-            result.append(text, done, i - done);
-            result += text[i] == '&' ? "&amp;" : text[i] == '<' ? "&lt;" : "&gt;";
-            done = i + 1;
-        }
-    }
-    return result.append(text, done);
+    appendXML(result, text);
+    return result;
 }
