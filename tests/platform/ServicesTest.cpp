@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <map>
 #include <string>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "limits/Limits.h"
+#include "platform/LargeHeap.h"
 #include "platform/MainLoop.h"
 #include "platform/TextMemory.h"
 #include "platform/fake/Fakes.h"
@@ -233,6 +235,57 @@ TEST(TextMemory, keepsLargeBlocksWithinBoundsUntilNobodyUsesThem) {
     EXPECT_GT(TextMemory::keptBytes(), 0U);
     TextMemory::giveBack();
     EXPECT_EQ(TextMemory::keptBytes(), 0U) << "at once";
+}
+
+// Whether the heap, where it is the system's and holds `block`, is one to be had in large pages.
+bool isInSmallPages(const void* block) {
+    std::ifstream maps("/proc/self/smaps");
+    const auto address = reinterpret_cast<uintptr_t>(block);
+    bool isAround = false;
+    for (std::string line; std::getline(maps, line);) {
+        unsigned long begin = 0;
+        unsigned long end = 0;
+        if (std::sscanf(line.c_str(), "%lx-%lx", &begin, &end) == 2) {
+            isAround = begin <= address && address < end && line.ends_with("[heap]");
+        } else if (isAround && line.starts_with("VmFlags:")) {
+            return line.find(" hg") == std::string::npos;
+        }
+    }
+    return false;
+}
+
+TEST(LargeHeap, comesInLargePagesAndLeavesWhoHasFewAddressesTheirs) {
+    constexpr size_t kMegabyte = size_t{1} << 20;
+    for (const size_t spareMegabytes : {size_t{0}, size_t{24}, size_t{100}}) { // 0: no limit
+        SCOPED_TRACE(spareMegabytes);
+        EXPECT_EQ(inChild([spareMegabytes] {
+                      size_t pages = 0;
+                      std::ifstream("/proc/self/statm") >> pages;
+                      const size_t bytes = pages * 4096 + spareMegabytes * kMegabyte;
+                      const rlimit few = {bytes, bytes};
+                      if (spareMegabytes != 0 && setrlimit(RLIMIT_AS, &few) != 0) {
+                          return 10;
+                      }
+                      platform::expectLargeHeap();
+                      const size_t count = spareMegabytes == 0 ? 60 : 16;
+                      for (size_t i = 0; i < count; ++i) {
+                          auto* const block = static_cast<char*>(std::malloc(kMegabyte));
+                          if (block == nullptr) {
+                              return 20;
+                          }
+                          std::memset(block, 1, kMegabyte);
+                          const bool isBehindTheFirst = i > 4; // those may fill what was there
+                          const bool haveLargePages =
+                              access("/sys/kernel/mm/transparent_hugepage", F_OK) == 0;
+                          if (spareMegabytes == 0 && isBehindTheFirst && haveLargePages &&
+                              isInSmallPages(block)) {
+                              return 30;
+                          }
+                      }
+                      return 0;
+                  }),
+                  0);
+    }
 }
 
 } // namespace
