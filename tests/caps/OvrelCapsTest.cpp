@@ -68,8 +68,16 @@ TEST_F(OvrelCapsTest, answersFromTheDomainsInTheOrderOfRegistration) {
         ASSERT_EQ(BOUND(pcdGetDomainData)(session, 1, "/s2", key, &value), CAPS_OK);
         EXPECT_EQ(value[1], key[1]);
     }
+    const char** values = nullptr;
+    for (const char* key : {"one", "two", "six"}) { // of one length, each in the first place
+        const std::string subdomain = std::string("/") + key;
+        ASSERT_EQ(store->setDomainData(2, subdomain, key, "v"), caps::Status::ok);
+        ASSERT_EQ(BOUND(pcdGetDomainDataSubdomains)(session, 2, &list), CAPS_OK);
+        ASSERT_EQ(BOUND(pcdGetDomainDataPairs)(session, 2, subdomain.c_str(), &list, &values),
+                  CAPS_OK);
+        EXPECT_EQ(texts(list), Texts{key});
+    }
     for (const char* subdomain : {"/s1", "/s2", "/s2"}) {
-        const char** values = nullptr;
         ASSERT_EQ(BOUND(pcdGetDomainDataPairs)(session, 1, subdomain, &list, &values), CAPS_OK);
         size_t count = 0;
         for (; list[count] != nullptr; ++count) {
