@@ -5,6 +5,7 @@
 #include <cstring>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <map>
 #include <string>
 #include <sys/resource.h>
@@ -266,18 +267,20 @@ TEST(LargeHeap, comesInLargePagesAndLeavesWhoHasFewAddressesTheirs) {
                       if (spareMegabytes != 0 && setrlimit(RLIMIT_AS, &few) != 0) {
                           return 10;
                       }
+                      (void)malloc_trim(0); // as at the start: other tests have left room
                       platform::expectLargeHeap();
-                      const size_t count = spareMegabytes == 0 ? 60 : 16;
+                      // More than 32 MiB where the process has addresses for that.
+                      const size_t count = spareMegabytes == 0 && sizeof(void*) > 4 ? 60 : 16;
                       for (size_t i = 0; i < count; ++i) {
                           auto* const block = static_cast<char*>(std::malloc(kMegabyte));
                           if (block == nullptr) {
                               return 20;
                           }
                           std::memset(block, 1, kMegabyte);
-                          const bool isBehindTheFirst = i > 4; // those may fill what was there
+                          const bool isLast = i == count - 1; // others may fill what was there
                           const bool haveLargePages =
                               access("/sys/kernel/mm/transparent_hugepage", F_OK) == 0;
-                          if (spareMegabytes == 0 && isBehindTheFirst && haveLargePages &&
+                          if (spareMegabytes == 0 && isLast && haveLargePages &&
                               isInSmallPages(block)) {
                               return 30;
                           }
