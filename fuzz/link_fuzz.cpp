@@ -1,4 +1,5 @@
-// What comes from the network: frames, the texts in them, and the channel that puts them together.
+// What comes from the network: frames, the texts in them, and the channel that puts them together;
+// and what the servers answer.
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -7,6 +8,7 @@
 #include "link/Bounds.h"
 #include "link/Channel.h"
 #include "link/Frame.h"
+#include "link/Kept.h"
 #include "link/Text.h"
 
 namespace {
@@ -68,6 +70,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             readText(std::move(arrival.text));
         }
         readText(std::string(frame.text));
+        (void)keptAnswer(frame.text, "convey=studio=desk");
+        (void)servedAt(frame.text, "convey=studio=desk", "workshop");
+        (void)storedAt(frame.text);
         std::vector<uint64_t> expired;
         for (int i = 0; i < 10 && !channel.next(now, 1000, expired).empty(); ++i) {
         }

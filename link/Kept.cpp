@@ -18,8 +18,8 @@ namespace convey_link {
 namespace {
 
 // Of JetStream's errors: the stream is full, the message is larger than it takes.
-constexpr int kStoreFailed = 10077;
-constexpr int kTooLarge = 10054;
+constexpr uint64_t kStoreFailed = 10077;
+constexpr uint64_t kTooLarge = 10054;
 // Between tries while nothing keeps.
 constexpr int64_t kTryAgainMilliseconds = 500;
 // Lives of one link that are remembered: repeats of older ones have long been acknowledged.
@@ -28,6 +28,12 @@ constexpr size_t kLives = 4;
 bool says(const nlohmann::json& answer, const char* key, const std::string& name) {
     const auto found = answer.is_object() ? answer.find(key) : answer.end();
     return found != answer.end() && found->is_string() && *found == name;
+}
+
+// The number of that name, 0 for what is none: who may publish here says what it likes.
+uint64_t numberIn(const nlohmann::json& answer, const char* key) {
+    const auto found = answer.is_object() ? answer.find(key) : answer.end();
+    return found != answer.end() && found->is_number_unsigned() ? found->get<uint64_t>() : 0;
 }
 
 } // namespace
@@ -48,23 +54,23 @@ void Keeper::take(uint64_t number, std::string_view answer, int64_t now) {
     if (line_.empty() || line_.front().number != number || !isSent_) {
         return; // of one that was repeated
     }
-    const auto json = nlohmann::json::parse(answer, nullptr, false);
-    if (!answer.empty() && !says(json, "stream", stream_)) {
+    switch (keptAnswer(answer, stream_)) {
+    case KeptAnswer::ofAnother:
         return;
-    }
-    if (json.is_object() && !json.contains("error") && json.value("seq", uint64_t{0}) != 0) {
+    case KeptAnswer::kept:
         missedAt_ = INT64_MAX;
         ++kept_;
         end(Result::kept);
         return;
-    }
-    const auto error = json.is_object() ? json.value("error", nlohmann::json()) : json;
-    const int code = error.is_object() ? error.value("err_code", 0) : 0;
-    if (code == kStoreFailed || code == kTooLarge) {
-        end(code == kTooLarge ? Result::tooLarge : Result::full);
+    case KeptAnswer::full:
+        end(Result::full);
         return;
+    case KeptAnswer::tooLarge:
+        end(Result::tooLarge);
+        return;
+    case KeptAnswer::notNow:
+        break;
     }
-    // Nobody keeps, or not now.
     missedAt_ = std::min(missedAt_, now);
     if (now >= missedAt_ + bounds::kNoStreamMilliseconds) {
         end(Result::nothingKeeps);
@@ -152,6 +158,24 @@ bool Journal::begin(const std::string& link, uint64_t life, uint64_t message) {
     }
     lives(link) = std::move(changed);
     return true;
+}
+
+KeptAnswer keptAnswer(std::string_view answer, const std::string& stream) {
+    if (answer.empty()) {
+        return KeptAnswer::notNow;
+    }
+    const auto json = nlohmann::json::parse(answer, nullptr, false);
+    if (!says(json, "stream", stream)) {
+        return KeptAnswer::ofAnother;
+    }
+    const auto error = json.find("error");
+    if (error == json.end()) {
+        return numberIn(json, "seq") != 0 ? KeptAnswer::kept : KeptAnswer::notNow;
+    }
+    const uint64_t code = numberIn(*error, "err_code");
+    return code == kStoreFailed ? KeptAnswer::full
+           : code == kTooLarge  ? KeptAnswer::tooLarge
+                                : KeptAnswer::notNow;
 }
 
 int64_t storedAt(std::string_view acknowledgement) {

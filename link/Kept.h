@@ -90,6 +90,11 @@ private:
     std::map<std::string, Lives> links_;
 };
 
+// What a disk says of a message that it was given: `ofAnother` when it is of another stream, `notNow`
+// for nothing, for what is no such answer, and for an error that may pass.
+enum class KeptAnswer { kept, full, tooLarge, notNow, ofAnother };
+KeptAnswer keptAnswer(std::string_view answer, const std::string& stream);
+
 // Of a subject for acknowledgements: when the message was stored, by the servers' clock in
 // milliseconds since 1970; -1 for no such subject.
 int64_t storedAt(std::string_view acknowledgement);

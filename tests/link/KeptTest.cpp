@@ -119,6 +119,11 @@ TEST_F(KeptTest, goesToTheDiskOneByOneUntilItIsThere) {
     // What another has given to its own stream, and had the answer come here.
     says(wire.kept[0].number, R"({"stream":"convey=studio=attic","seq":2})");
     says(wire.kept[0].number, R"({"stream":2,"seq":2})");
+    for (const char* noAnswer :
+         {R"("seq":"two")", R"("seq":-2)", R"("error":2)", R"("error":{"err_code":{}},"seq":2)"}) {
+        says(wire.kept[0].number,
+             (std::string(R"({"stream":"convey=studio=desk",)") + noAnswer + "}").c_str());
+    }
     EXPECT_EQ(wire.kept.size(), 2u);
     says(wire.kept[0].number, "{\"stream\":\"convey=studio=desk\", \"seq\":2}");
     ASSERT_EQ(wire.kept.size(), 3u);
