@@ -147,6 +147,58 @@ TEST_F(LinkTest, usesAnApplicationOfAnotherMachineLikeOneOfItsOwn) {
     EXPECT_EQ(run(desk, {KIVRA_CONVEY_CMD}).out, "<products>\n</products>\n");
 }
 
+TEST_F(LinkTest, tellsAskersOfEachEndThatComesInBetween) {
+    join(desk);
+    join(workshop);
+    auto target = lumen();
+    ASSERT_TRUE(comesToAnswer("ECHO_RESPONSE"));
+    // A request that lies with the target, which has stopped.
+    const auto asked = [&](const std::string& body) {
+        target->signal(SIGSTOP);
+        auto asker = std::make_unique<RunningProcess>(ask(body), desk.environment);
+        EXPECT_EQ(asker->readLine(), "sent");
+        EXPECT_TRUE(eventually([&] {
+            const auto status = nlohmann::json::parse(run(workshop, {LINK, "status", "--json"}).out,
+                                                      nullptr, false);
+            return status.is_object() && status.value("requests_here", 0) == 1;
+        })) << body;
+        return asker;
+    };
+    auto asker = asked("the target dies");
+    target->signal(SIGKILL);
+    EXPECT_EQ(asker->readLine(), "error: ERROR: TARGET HAS ENDED");
+    target = lumen();
+    ASSERT_TRUE(comesToAnswer("ECHO_RESPONSE"));
+
+    asker = asked("the link there dies");
+    workshop.link->signal(SIGKILL);
+    (void)workshop.link->finish();
+    join(workshop);
+    EXPECT_EQ(asker->readLine(), "error: ERROR: TARGET HAS ENDED");
+    target->signal(SIGCONT);
+    ASSERT_TRUE(comesToAnswer("ECHO_RESPONSE"));
+
+    asker = asked("the server dies");
+    server->signal(SIGKILL);
+    (void)server->finish();
+    target->signal(SIGCONT);
+    EXPECT_EQ(answer(), "Timeout");
+    startServer();
+    EXPECT_EQ(asker->readLine(), "received");
+    EXPECT_EQ(asker->readLine(), "result: echo: the server dies");
+    ASSERT_TRUE(comesToAnswer("ECHO_RESPONSE"));
+
+    asker = asked("the link here dies");
+    desk.link->signal(SIGKILL);
+    (void)desk.link->finish();
+    EXPECT_EQ(asker->readLine(), "error: ERROR: TARGET HAS ENDED");
+    EXPECT_EQ(answer(), "ISNOTRUNNING");
+    join(desk);
+    target->signal(SIGCONT);
+    ASSERT_TRUE(comesToAnswer("ECHO_RESPONSE"));
+    EXPECT_EQ(run(desk, ask("again")).out, "sent\nreceived\nresult: echo: again\nprocessed\n");
+}
+
 TEST_F(LinkTest, launchesWhatIsOfferedForThatAndNothingElse) {
     const std::string program = folder.write(
         "program", std::string("#!/bin/sh\nexec stdbuf -oL " HOST " lumen-2.5-en_us > ") +
