@@ -92,8 +92,8 @@ bool Link::publish(Peer& peer, const Frame& frame) {
     return connected_ && around_.wire.publish(peer.name, encode(frame));
 }
 
-int64_t Link::step(bool woken) {
-    lookForNames_ = lookForNames_ || woken;
+int64_t Link::step(bool ofPorts) {
+    lookForNames_ = lookForNames_ || ofPorts;
     const int64_t due = work();
     around_.wire.flush();
     return std::max<int64_t>(due - around_.now(), 0);
@@ -521,8 +521,8 @@ int64_t Link::regularly() {
     int64_t due = std::min(regularAt_, connected_ ? claimAt_ : INT64_MAX);
     if (lookForNames_ && lookedAt_ + kLookMilliseconds <= now) {
         lookForOffered();
-        tellOfEndedTargets();
-    } else if (lookForNames_) {
+    }
+    if (lookForNames_) {
         due = std::min(due, lookedAt_ + kLookMilliseconds);
     }
     const int64_t together = regularAt_ <= now ? now + kTogetherMilliseconds : now;
@@ -570,6 +570,7 @@ int64_t Link::regularly() {
     }
     lookForOffered();
     forget(now);
+    due = lookForNames_ ? std::min(due, lookedAt_ + kLookMilliseconds) : due;
     return std::min(due, regularAt_);
 }
 
@@ -581,6 +582,7 @@ void Link::lookForOffered() {
             sendPresence(*peer, false);
         }
     }
+    tellOfEndedTargets();
 }
 
 bool Link::statusChanged() {

@@ -60,8 +60,8 @@ public:
     State state() const { return state_; }
 
     // Does what there is to do; the milliseconds until there is something again if nothing happens.
-    // `woken`: something may have happened at the ports or on the wire.
-    int64_t step(bool woken);
+    // `ofPorts`: something may have happened to ports of this machine or their owners.
+    int64_t step(bool ofPorts);
     // Who is there, as JSON.
     std::string status() const;
     // Whether that has changed since the last call.

@@ -39,6 +39,8 @@ constexpr int kEndedTalks = 5;
 constexpr int64_t kWriteMilliseconds = 2000;
 // Gathered before it is sent without waiting for more.
 constexpr size_t kGatheredBytes = 256 * bounds::kKiB;
+// Of messages that have been taken, until they are given back to the client.
+constexpr size_t kDoneBytes = 64 * bounds::kKiB;
 // Of the client's own fields around a frame, to count with.
 constexpr size_t kAroundBytes = 256;
 // Read in a turn, each at most what one record of TLS holds; then what they brought has its turn.
@@ -179,7 +181,7 @@ public:
             const std::lock_guard<std::mutex> guard(inUse_); // no turn: who wants to write now wakes
             writeOut();
         }
-        done_.clear(); // only now: the client wakes a thread for each
+        giveBack();
     }
 
     std::vector<Event> take() {
@@ -201,6 +203,7 @@ public:
                 natsMsg* message = nullptr;
                 status = natsSubscription_NextMsg(&message, subscriptions_[place].get(), 0);
                 if (status == NATS_OK) {
+                    doneBytes_ += static_cast<size_t>(natsMsg_GetDataLength(message)) + kAroundBytes;
                     done_.emplace_back(message);
                     (this->*kTakers[place])(message, taken);
                 }
@@ -299,6 +302,13 @@ private:
             writeOut();
         }
         return isConnected();
+    }
+    // Behind what was said, and many together: the client wakes a thread for them.
+    void giveBack() {
+        if (doneBytes_ > kDoneBytes) {
+            done_.clear();
+            doneBytes_ = 0;
+        }
     }
     // The client reads the end, and looks for another server.
     void drop() const { (void)shutdown(socket_, SHUT_RDWR); }
@@ -568,7 +578,8 @@ private:
     Owned<natsSubscription> absences_;
     Owned<natsSubscription> kept_;
     Owned<natsSubscription> subscriptions_[std::size(kTakers)];
-    std::vector<Owned<natsMsg>> done_; // of the thread that takes
+    std::vector<Owned<natsMsg>> done_; // of the thread that takes, as the next
+    size_t doneBytes_ = 0;
     size_t unsentBytes_ = 0;           // guarded by `inUse_`
     int64_t takenAt_ = 0;
     std::atomic<int> socket_{-1};

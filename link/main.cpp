@@ -316,16 +316,16 @@ int run(const std::string& file) {
         Link link(configuration, life | 1,
                   {*wire, ports, *wait, registrations, launch, say, now,
                    journalFolder(configuration)});
-        bool woken = true;
+        bool ofPorts = true;
         int64_t toldAt = 0;
         while (!stop && link.state() == Link::State::goesOn) {
-            const int64_t due = link.step(woken);
+            const int64_t due = link.step(ofPorts);
             if (link.statusChanged() || toldAt + 1000 <= now()) {
                 StatusHandler::set(link.status());
                 toldAt = now();
             }
             Convey::pump(ScObjects::kProcessBoth); // the layer's own: launches
-            woken = due > 0 ? wait->wait(due) : true;
+            ofPorts = wait->wait(due) && wait->wasOfPorts();
         }
         if (link.state() == Link::State::nameTaken) {
             say("name \"" + configuration.name + "\" is used twice in realm \"" +

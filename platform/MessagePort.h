@@ -348,6 +348,10 @@ public:
 
     // Waits at most `timeoutMilliseconds`; false when the time is up.
     virtual bool wait(int64_t timeoutMilliseconds) = 0;
+
+    // Whether something of ports and their owners may have ended the last wait, and not `wake` or a
+    // descriptor of `watch` alone. Threads: the one that waits.
+    virtual bool wasOfPorts() const = 0;
 };
 
 // Named ports between the processes of one user. A name is any bytes but NUL, at least one.

@@ -107,7 +107,8 @@ void must(natsStatus status) {
 }
 
 // `atOnce`: sends each message when it is said, and not what a millisecond has gathered.
-natsConnection* connect(const char* url, const std::string& certificate, bool atOnce) {
+natsConnection* connect(const char* url, const std::string& certificate, bool atOnce,
+                        int64_t pingMilliseconds = 120'000) {
     natsOptions* options = nullptr;
     natsConnection* connection = nullptr;
     must(natsOptions_Create(&options));
@@ -117,6 +118,7 @@ natsConnection* connect(const char* url, const std::string& certificate, bool at
     must(natsOptions_LoadCertificatesChain(options, (certificate + ".pem").c_str(),
                                            (certificate + ".key").c_str()));
     must(natsOptions_SetSendAsap(options, atOnce));
+    must(natsOptions_SetPingInterval(options, pingMilliseconds));
     must(natsConnection_Connect(&connection, options));
     natsOptions_Destroy(options);
     return connection;
@@ -138,6 +140,19 @@ int answerAsClient(const char* url, const char* certificate, const char* heard) 
         }
         natsMsg_Destroy(message);
     }
+}
+
+// Is connected, and asks its server as often as a link does whether that is there.
+int idleAsClient(const char* url, const char* certificate, const char* heard) {
+    natsConnection* const connection = connect(url, certificate, true, 2000);
+    natsSubscription* subscription = nullptr;
+    must(natsConnection_SubscribeSync(&subscription, connection, heard));
+    must(natsConnection_Flush(connection));
+    std::printf("ready\n");
+    std::fflush(stdout);
+    natsMsg* message = nullptr;
+    must(natsSubscription_NextMsg(&message, subscription, 600'000)); // nobody says anything
+    return 1;
 }
 
 // In parts as large as the servers take.
@@ -179,6 +194,9 @@ int main(int argc, char** argv) {
     }
     if (what == "client-answer" && argc == 5) {
         return answerAsClient(argv[2], argv[3], argv[4]);
+    }
+    if (what == "client-idle" && argc == 5) {
+        return idleAsClient(argv[2], argv[3], argv[4]);
     }
     if (what == "client-ask" && argc == 9) {
         return askAsClient(argv[2], argv[3], argv[4], argv[5], std::atoi(argv[6]),

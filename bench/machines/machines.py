@@ -24,12 +24,17 @@ def measured(machine: Machine, *command: str) -> dict[str, float]:
 
 def switches(pid: int) -> int:
     """How often the threads of a process were woken up."""
-    total = 0
-    for status in pathlib.Path(f"/proc/{pid}/task").glob("*/status"):
-        for line in status.read_text(encoding="ascii").splitlines():
+    return sum(switches_of_threads(pid))
+
+
+def switches_of_threads(pid: int) -> list[int]:
+    """The same for each, oldest first."""
+    found = []
+    for task in sorted(pathlib.Path(f"/proc/{pid}/task").iterdir(), key=lambda task: int(task.name)):
+        for line in (task / "status").read_text(encoding="ascii").splitlines():
             if line.startswith("voluntary_ctxt_switches:"):
-                total += int(line.split()[1])
-    return total
+                found.append(int(line.split()[1]))
+    return found
 
 
 def main(rounds: str = "2000", messages: str = "50000", kept: str = "1000") -> None:
@@ -64,10 +69,14 @@ def main(rounds: str = "2000", messages: str = "50000", kept: str = "1000") -> N
         link = desk.join(use, **one)
         link.says(f"{APP} at workshop: runs")
         of_two = measured(desk, "ask", "asker-1.0", APP, rounds, messages, LARGE)
+        bare = desk.start("sh", "-c", 'cd .config/convey && exec "$@"', "sh", ENDS, "client-idle", server, "desk",
+                          "convey.studio.desk.absent.bare", log="bare", first="ready")
         time.sleep(2)  # what was is over
-        before, seconds = switches(link.pid), 20
+        before, seconds = [switches_of_threads(pid) for pid in (link.pid, bare.pid)], 40
         time.sleep(seconds)
-        idle = (switches(link.pid) - before) / seconds
+        idle, bare_idle = [[(now - was) / seconds for now, was in zip(switches_of_threads(pid), old)]
+                           for pid, old in zip((link.pid, bare.pid), before)]
+        bare.kill()
         link.end()
         link = desk.join(use + "durable = true\n", **one)
         link.says(f"{APP} at workshop: runs", 2)
@@ -85,7 +94,8 @@ def main(rounds: str = "2000", messages: str = "50000", kept: str = "1000") -> N
           f"{of_kept['message'] / bare_kept['request']:.2f} | |")
     print(f"| `durable`, request and result, 300 bytes | {of_kept['request'] * 1e6:.0f} µs | "
           f"{of_two['request'] * 1e6:.0f} µs without | {of_kept['request'] / of_two['request']:.2f} | |")
-    print(f"| a link with nothing to do | {idle:.2f} wake-ups/s | | | 1 beyond the client library's |")
+    print(f"| a link with nothing to do, wake-ups a second | {sum(idle):.2f} ({idle[0]:.2f} of its thread, {idle[1]:.2f} of "
+          f"the layer's) | {sum(bare_idle):.2f} of a bare client | {sum(idle) - sum(bare_idle):.2f} more | 1 more |")
 
 
 if __name__ == "__main__":

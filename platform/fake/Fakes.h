@@ -316,6 +316,7 @@ private:
             woken_ = false;
             return changed;
         }
+        bool wasOfPorts() const override { return true; }
 
     private:
         FakeMessagePorts& ports_;

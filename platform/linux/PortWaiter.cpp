@@ -201,8 +201,10 @@ bool PortWaiter::wait(int64_t timeoutMilliseconds) {
     }
     epoll_event events[kEventsAtOnce];
     const int count = epoll_wait(events_.get(), events, kEventsAtOnce, static_cast<int>(timeout));
+    wasOfPorts_ = looksAgain;
     for (int i = 0; i < count; ++i) {
         const uint64_t kind = events[i].data.u64;
+        wasOfPorts_ = wasOfPorts_ || (kind != kWake && kind != kOther);
         if (kind == kWake) {
             drain(wakes_.get());
         } else if (kind == kFiles && readFileEvents()) {

@@ -27,6 +27,7 @@ public:
     bool tellsAll() const override;
     void wake() override;
     bool wait(int64_t timeoutMilliseconds) override;
+    bool wasOfPorts() const override { return wasOfPorts_; }
 
 private:
     PortWaiter(PortDescriptor events, PortDescriptor wakes);
@@ -39,9 +40,10 @@ private:
     const PortDescriptor wakes_;
     std::atomic<bool> portsMissed_{false}; // the system would not watch one
     std::atomic<int64_t> watchAt_{0};      // when the files are watched, 0 when none waits for it
-    int64_t lookAgain_ = 0;    // milliseconds, after the end of a target; of the waiting thread
-    mutable std::mutex mutex_; // guards what follows
-    PortDescriptor files_;     // inotify; missing where the system gives no more of them
+    bool wasOfPorts_ = false;              // of the waiting thread, as the next
+    int64_t lookAgain_ = 0;                // milliseconds, after the end of a target
+    mutable std::mutex mutex_;             // guards what follows
+    PortDescriptor files_;               // inotify; missing where the system gives no more of them
     std::vector<std::string> unwatched_; // files of ports, until this process has lived for a while
     int names_ = -1;                     // its watch on the folder, while names are watched
     bool namesMissed_ = false;           // they should be, and are not

@@ -353,9 +353,15 @@ TEST_F(MessagePortTest, aWaitEndsAsLongAsSomethingElseIsToBeRead) {
     EXPECT_TRUE(wait->wait(kGenerous));
     EXPECT_EQ(other.hear(), 'a');
     EXPECT_TRUE(wait->wait(kGenerous)) << "for what was left";
+    EXPECT_FALSE(wait->wasOfPorts());
     EXPECT_TRUE(wait->watch(other.readEnd(), false));
     EXPECT_FALSE(wait->wait(0)) << "nobody waits for it any more";
     EXPECT_FALSE(wait->watch(-1, true));
+    const auto port = ports.open(kName);
+    wait->add(*port);
+    wait->wake();
+    EXPECT_EQ(ports.send(kName, "x", kGenerous), SendResult::delivered);
+    EXPECT_TRUE(wait->wait(kGenerous) && wait->wasOfPorts());
 }
 
 // Else what a host prints that has closed its streams would be written over the owner's number.
