@@ -260,7 +260,7 @@ void PortReceiver::read(Connections::iterator connection, int packets) {
     const size_t before = ready_.size();
     const size_t announcedBefore = announcedBytes_;
     const Reading reading = readPackets(connection->second, packets);
-    if (reading == Reading::open && hasMoreLocked()) {
+    if (reading == Reading::open && connection->second.waiting == 0 && hasMoreLocked()) {
         // What has been told once is told again: who waits for changes only must not wait now. A
         // change of what is watched for tells nobody, since the rest is known to be there.
         (void)epoll_ctl(events_.get(), EPOLL_CTL_DEL, connection->second.socket.get(), nullptr);
