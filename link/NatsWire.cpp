@@ -15,6 +15,7 @@
 #include "link/Bounds.h"
 #include "link/Frame.h"
 #include "link/NatsClient.h"
+#include "link/Silence.h"
 #include "link/Text.h"
 #include "link/Wire.h"
 #include "platform/Clock.h"
@@ -28,8 +29,6 @@ constexpr size_t kQueuedBytes = 256 * bounds::kMiB;
 // is of use, since all that matters is sent again.
 constexpr int kReconnectBytes = 1;
 constexpr int64_t kPingMilliseconds = 2000;
-// From which the server has said nothing, although it was asked: two answers are missing.
-constexpr int64_t kSilentMilliseconds = 3 * kPingMilliseconds;
 constexpr int64_t kReconnectMilliseconds = 500;
 constexpr int64_t kJitterMilliseconds = 200;
 // A server that ends the talk before it answers does not take the certificate, or has no time: the
@@ -196,7 +195,9 @@ public:
             return taken;
         }
         read();
-        dropWhenSilent();
+        if (silence_.isSilent(platform::monotonicNow())) {
+            drop();
+        }
         for (size_t place = 0; place < std::size(kTakers); ++place) {
             natsStatus status = subscriptions_[place] == nullptr ? NATS_TIMEOUT : NATS_OK;
             while (status == NATS_OK || status == NATS_NO_RESPONDERS) { // nobody here asked for those
@@ -240,7 +241,7 @@ private:
         auto& wire = *static_cast<NatsConnection*>(self);
         *user = self;
         (void)fcntl(socket, F_SETFD, FD_CLOEXEC); // else what is launched keeps it open
-        wire.readAt_ = platform::monotonicNow();
+        wire.silence_.heard(platform::monotonicNow());
         wire.socket_ = socket;
         wire.loop_.watch(socket, true);
         return NATS_OK;
@@ -272,7 +273,7 @@ private:
     void read() {
         for (int i = 0; i < kReadsAtOnce && isReady(POLLIN, 0); ++i) {
             natsConnection_ProcessReadEvent(connection_.get());
-            readAt_ = platform::monotonicNow();
+            silence_.heard(platform::monotonicNow());
         }
     }
     // The client must find the same bytes at the same place when it goes on, so nothing is said
@@ -312,17 +313,6 @@ private:
     }
     // The client reads the end, and looks for another server.
     void drop() const { (void)shutdown(socket_, SHUT_RDWR); }
-    void dropWhenSilent() {
-        // Who was not here, because its process was stopped or was launching something, has asked
-        // nothing: the server's silence begins now.
-        const int64_t time = platform::monotonicNow();
-        if (std::exchange(takenAt_, time) + 2 * kPingMilliseconds < time) {
-            readAt_ = time;
-        }
-        if (readAt_ + kSilentMilliseconds < time) {
-            drop();
-        }
-    }
     // What was published last, such as that this link ends, when its server goes on.
     void sayLast() {
         if (!isConnected()) {
@@ -581,9 +571,8 @@ private:
     std::vector<Owned<natsMsg>> done_; // of the thread that takes, as the next
     size_t doneBytes_ = 0;
     size_t unsentBytes_ = 0;           // guarded by `inUse_`
-    int64_t takenAt_ = 0;
     std::atomic<int> socket_{-1};
-    std::atomic<int64_t> readAt_{0};
+    Silence silence_{kPingMilliseconds};
     std::atomic<bool> wantsToWrite_{false};
     std::atomic<bool> writesSoon_{false};
     std::atomic<bool> closing_{false};

@@ -2,6 +2,7 @@
 // hears.
 #include <algorithm>
 
+#include "link/Silence.h"
 #include "scriptobjects/convey/SoCVWords.h"
 #include "tests/link/LinkOnFakes.h"
 
@@ -91,6 +92,29 @@ TEST_F(DoubtTest, oneThatSaidGoodbyeIsAbsentAtOnce) {
     ask();
     nobodyListens();
     EXPECT_NE(told().find("ISNOTRUNNING"), std::string::npos);
+}
+
+TEST(SilenceTest, isOfAServerThatWasAskedAndNotOfWhoDidNotListen) {
+    constexpr int64_t kAsked = 1000;
+    Silence silence(kAsked);
+    int64_t now = 100'000;
+    EXPECT_FALSE(silence.isSilent(now));
+    silence.heard(now);
+    const auto isSilentAfter = [&](int64_t milliseconds) {
+        for (const int64_t end = now + milliseconds; now < end;) {
+            now += 500;
+            if (silence.isSilent(now)) {
+                return true;
+            }
+        }
+        return false;
+    };
+    EXPECT_FALSE(isSilentAfter(3 * kAsked));
+    EXPECT_TRUE(isSilentAfter(500));
+    silence.heard(now);
+    now += 10 * kAsked; // its process stood still
+    EXPECT_FALSE(isSilentAfter(3 * kAsked));
+    EXPECT_TRUE(isSilentAfter(1000));
 }
 
 } // namespace
