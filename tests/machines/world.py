@@ -364,12 +364,6 @@ class World:
         self.start_server(i)
         self.servers[i].says("Server is ready", said + 1)
 
-    def name_hosts(self, space: str, text: str) -> None:
-        """What the names of hosts stand for there."""
-        folder = pathlib.Path("/etc/netns") / space
-        folder.mkdir(parents=True)
-        (folder / "hosts").write_text(text, encoding="utf-8")
-
     def close(self) -> None:
         for process in self.processes:
             process.process.kill()
@@ -389,5 +383,4 @@ class World:
         if self.spaces:
             for space in [self.hub, *(machine.space for machine in self.machines.values())]:
                 quietly("ip", "netns", "delete", space)
-                shutil.rmtree(pathlib.Path("/etc/netns") / space, ignore_errors=True)
         shutil.rmtree(self.folder, ignore_errors=True)
