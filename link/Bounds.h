@@ -5,8 +5,8 @@
 
 #include "limits/LinkLimits.h"
 
-// Every bound of the link, by the name that `convey limits` prints. What a foreign machine makes this
-// one hold is counted against them.
+// Every bound of the link, by the name that `convey limits` prints. What a foreign machine makes
+// this one hold is counted against them.
 namespace convey_link::bounds {
 
 inline constexpr size_t kKiB = 1024;

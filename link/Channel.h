@@ -121,9 +121,9 @@ private:
     int64_t tellAt_ = INT64_MAX;
     size_t queuedBytes_ = 0;
     uint64_t lastNumber_ = 0;
-    std::deque<Sent> sent_;      // not acknowledged
+    std::deque<Sent> sent_; // not acknowledged
     size_t sentBytes_ = 0;
-    size_t again_ = SIZE_MAX;    // of `sent_`, from where it is being sent again
+    size_t again_ = SIZE_MAX; // of `sent_`, from where it is being sent again
     int64_t repeatAt_ = INT64_MAX;
     int64_t repeatAfter_ = 0;
 

@@ -23,8 +23,9 @@ public:
         : folder_(std::move(folder)), out_(out), faults_(faults) {}
 
     void read(const toml::table& file) {
-        known(file, "the file", {"realm", "name", "servers", "user", "password", "password_file",
-                                 "credentials", "tls", "offer", "use"});
+        known(file, "the file",
+              {"realm", "name", "servers", "user", "password", "password_file", "credentials",
+               "tls", "offer", "use"});
         out_.realm = name(file, "realm");
         out_.name = name(file, "name");
         out_.servers = texts(file, "servers", "the file");

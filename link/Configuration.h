@@ -7,14 +7,14 @@
 namespace convey_link {
 
 struct Offer {
-    std::string app; // a pattern of complete specifiers: `*` is any text
+    std::string app;             // a pattern of complete specifiers: `*` is any text
     std::vector<std::string> to; // patterns of links
     bool launch = false;
 };
 
 struct Use {
-    std::string app; // a complete specifier
-    std::string at;  // a link
+    std::string app;      // a complete specifier
+    std::string at;       // a link
     bool durable = false; // requests wait on the servers' disks
 };
 

@@ -49,16 +49,15 @@ Deliveries::~Deliveries() {
     }
 }
 
-void Deliveries::post(const std::string& target, std::string text, int64_t deadline,
-                      bool mayLaunch, uint64_t ticket) {
+void Deliveries::post(const std::string& target, std::string text, int64_t deadline, bool mayLaunch,
+                      uint64_t ticket) {
     std::unique_lock<std::mutex> lock(mutex_);
     if (lines_.count(target) == 0 && text.size() <= kAtOnceBytes) {
         lock.unlock();
         Ended ended{ticket, Outcome::delivered, nullptr};
         const SendResult result =
             ports_.send(portName(target), text, 0, ticket == 0 ? nullptr : &ended.taker);
-        if (result == SendResult::delivered ||
-            (result == SendResult::noReceiver && !mayLaunch)) {
+        if (result == SendResult::delivered || (result == SendResult::noReceiver && !mayLaunch)) {
             ended.outcome =
                 result == SendResult::delivered ? Outcome::delivered : Outcome::notRunning;
             lock.lock();

@@ -47,8 +47,8 @@ enum class MessageKind : uint8_t { request = 1, reply, ping, pong };
 
 struct MessageHead {
     MessageKind kind = MessageKind::request;
-    std::string source; // the name at its sender's machine
-    std::string target; // the name at its receiver's
+    std::string source;                // the name at its sender's machine
+    std::string target;                // the name at its receiver's
     int64_t remainingMilliseconds = 0; // -1: for ever
     uint64_t pingNumber = 0;           // of a ping and its answer
     Outcome pingOutcome = Outcome::delivered;

@@ -98,8 +98,7 @@ std::vector<Keeper::Ended> Keeper::step(int64_t now) {
         frame.senderLife = life_;
         frame.number = front.message;
         frame.head = front.head;
-        frame.head.remainingMilliseconds =
-            front.deadline == INT64_MAX ? -1 : front.deadline - now;
+        frame.head.remainingMilliseconds = front.deadline == INT64_MAX ? -1 : front.deadline - now;
         frame.text = front.text;
         const std::string bytes = encode(frame);
         if (bytes.size() > wire_.maximumFrame()) {

@@ -14,9 +14,9 @@ namespace convey_link {
 
 class Wire;
 
-// Requests of this link on their way to the servers' disks, from which their links take them: one at
-// a time, and each until a disk has said that it has it, so that they lie there in order. What is
-// repeated has its number, which the disk knows. One thread.
+// Requests of this link on their way to the servers' disks, from which their links take them: one
+// at a time, and each until a disk has said that it has it, so that they lie there in order. What
+// is repeated has its number, which the disk knows. One thread.
 class Keeper {
 public:
     enum class Result { kept, expired, full, tooLarge, nothingKeeps };
@@ -32,8 +32,8 @@ public:
 
     void queue(const std::string& link, uint64_t message, MessageHead head, std::string text,
                int64_t deadline);
-    // What a disk has answered, or nothing for nobody there. What is of another stream says nothing:
-    // who may give something to that chooses where the answer goes.
+    // What a disk has answered, or nothing for nobody there. What is of another stream says
+    // nothing: who may give something to that chooses where the answer goes.
     void take(uint64_t number, std::string_view answer, int64_t now);
     // The connection is another.
     void again() { sendAt_ = 0; }
@@ -70,8 +70,8 @@ private:
 // Which of the kept requests of other links this one has begun to hand over, in files: what comes
 // again after this link has died was handed over, or nobody can know, and is not handed over twice.
 //
-// Disks send the next one of a link only behind the last one's acknowledgement, so a number for each
-// life is enough. One thread.
+// Disks send the next one of a link only behind the last one's acknowledgement, so a number for
+// each life is enough. One thread.
 class Journal {
 public:
     // Nothing is made in the folder before it is needed.
@@ -90,8 +90,8 @@ private:
     std::map<std::string, Lives> links_;
 };
 
-// What a disk says of a message that it was given: `ofAnother` when it is of another stream, `notNow`
-// for nothing, for what is no such answer, and for an error that may pass.
+// What a disk says of a message that it was given: `ofAnother` when it is of another stream,
+// `notNow` for nothing, for what is no such answer, and for an error that may pass.
 enum class KeptAnswer { kept, full, tooLarge, notNow, ofAnother };
 KeptAnswer keptAnswer(std::string_view answer, const std::string& stream);
 

@@ -43,8 +43,9 @@ Link::Link(const Configuration& configuration, uint64_t life, const Surroundings
       around_(surroundings),
       keeper_(surroundings.wire, life, streamOf(configuration.realm, configuration.name)),
       journal_(surroundings.journalFolder),
-      deliveries_(surroundings.ports, [this] { around_.wait.wake(); },
-                  [this](const std::string& app) { return around_.launch(app, {}); }) {
+      deliveries_(
+          surroundings.ports, [this] { around_.wait.wake(); },
+          [this](const std::string& app) { return around_.launch(app, {}); }) {
     pingPort_ = std::make_unique<Port>();
     pingPort_->port = open(kPingPort);
     controlPort_ = std::make_unique<Port>();
@@ -120,9 +121,9 @@ int64_t Link::work() {
 }
 
 void Link::flush(Peer& peer) {
-    const size_t partBytes =
-        std::min(bounds::kPartBytes, std::max(around_.wire.maximumFrame(), 2 * bounds::kFrameBytes) -
-                                         bounds::kFrameBytes);
+    const size_t partBytes = std::min(
+        bounds::kPartBytes,
+        std::max(around_.wire.maximumFrame(), 2 * bounds::kFrameBytes) - bounds::kFrameBytes);
     std::vector<uint64_t> expired;
     for (int i = 0; i < kFramesAtOnce; ++i) {
         const std::string next = peer.channel.next(around_.now(), partBytes, expired);
@@ -470,8 +471,8 @@ void Link::setState(Used& used, AppState state, const std::string& why) {
 // The ports are owned while the application may be reached there: without an owner the layer itself
 // says that it does not run, and launches it by its path.
 void Link::openPorts(Used& used) {
-    // Who waits for an answer is watching the port, too: the answer of an application that ends with
-    // it may still be on the way, and is followed by the news when there is none.
+    // Who waits for an answer is watching the port, too: the answer of an application that ends
+    // with it may still be on the way, and is followed by the news when there is none.
     const bool isAwaited =
         used.requests.port != nullptr &&
         std::any_of(conversations_.begin(), conversations_.end(), [&used](const auto& entry) {
@@ -543,8 +544,8 @@ int64_t Link::regularly() {
     if (regularAt_ > now) {
         return due;
     }
-    const bool anyWaits = !outgoing_.empty() || !owed_.empty() || !askedPings_.empty() ||
-                          !conversations_.empty();
+    const bool anyWaits =
+        !outgoing_.empty() || !owed_.empty() || !askedPings_.empty() || !conversations_.empty();
     // Just before the next greetings, which go with it.
     regularAt_ = now + (anyWaits ? 1000 : bounds::kHelloMilliseconds - kTogetherMilliseconds / 2);
     for (const auto& [name, peer] : peers_) {
@@ -612,14 +613,12 @@ std::string Link::status() const {
         }
     }
     for (const auto& [app, used] : used_) {
-        json["uses"].push_back(
-            {{"app", app},
-             {"at", used->use.at},
-             {"state", used->local ? "registered here" : word(used->state)}});
+        json["uses"].push_back({{"app", app},
+                                {"at", used->use.at},
+                                {"state", used->local ? "registered here" : word(used->state)}});
     }
     for (const Offer& offer : configuration_.offers) {
-        json["offers"].push_back(
-            {{"app", offer.app}, {"to", offer.to}, {"launch", offer.launch}});
+        json["offers"].push_back({{"app", offer.app}, {"to", offer.to}, {"launch", offer.launch}});
     }
     return json.dump(-1, ' ', true, Json::error_handler_t::replace);
 }

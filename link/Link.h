@@ -44,7 +44,7 @@ public:
         Registrations& registrations;
         std::function<bool(const std::string& app, const std::string& parameters)> launch;
         std::function<void(const std::string& line)> log;
-        std::function<int64_t()> now; // milliseconds of a steady clock
+        std::function<int64_t()> now;   // milliseconds of a steady clock
         std::string journalFolder = {}; // of this link alone, and stays when it ends
     };
 
@@ -166,13 +166,13 @@ private:
     int64_t lookedAt_ = 0;
 
     std::map<std::string, std::unique_ptr<Peer>> peers_;
-    std::map<std::string, std::unique_ptr<Used>> used_; // by specifier
-    std::map<std::string, std::unique_ptr<Alias>> aliases_; // by the name here
+    std::map<std::string, std::unique_ptr<Used>> used_;                     // by specifier
+    std::map<std::string, std::unique_ptr<Alias>> aliases_;                 // by the name here
     std::map<std::pair<std::string, std::string>, std::string> aliasNames_; // link and name there
     std::unique_ptr<Port> pingPort_;
     std::unique_ptr<Port> controlPort_;
 
-    std::map<std::pair<std::string, uint64_t>, Outgoing> outgoing_; // link and message
+    std::map<std::pair<std::string, uint64_t>, Outgoing> outgoing_;             // link and message
     std::map<std::pair<std::string, std::string>, Conversation> conversations_; // asker and number
     std::map<std::pair<std::string, std::string>, int64_t> contacts_; // who wrote to which link
     std::map<std::pair<std::string, std::string>, Owed> owed_;        // alias and number
@@ -180,8 +180,9 @@ private:
     std::map<uint64_t, AskedPing> askedPings_;     // of here, by the number that travels
     std::map<uint64_t, ForeignPing> foreignPings_; // of elsewhere, by the number used here
     std::map<std::string, std::shared_ptr<platform::TargetWatch>> watched_; // offered, and running
-    std::map<std::string, KeptLine> keptLines_; // by sender
-    std::map<std::string, std::pair<std::string, std::string>> early_; // frames and replies, by sender
+    std::map<std::string, KeptLine> keptLines_;                             // by sender
+    std::map<std::string, std::pair<std::string, std::string>>
+        early_; // frames and replies, by sender
     Keeper keeper_;
     Journal journal_;
     uint64_t lastTicket_ = 0;

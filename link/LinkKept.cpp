@@ -44,9 +44,9 @@ void Link::takeKept() {
             continue;
         }
         if (end.result == Keeper::Result::nothingKeeps || end.result == Keeper::Result::full) {
-            around_.log("a request for " + end.link + " is not kept: " +
-                        (end.result == Keeper::Result::full ? "the stream is full"
-                                                            : "no stream takes it"));
+            around_.log(
+                "a request for " + end.link + " is not kept: " +
+                (end.result == Keeper::Result::full ? "the stream is full" : "no stream takes it"));
         }
         ended(to, end.message,
               end.result == Keeper::Result::expired        ? Outcome::expired
@@ -125,7 +125,8 @@ void Link::keptArrived(const std::string& from, const std::string& bytes,
         return;
     }
     if (std::exchange(line.isAsked, true)) {
-        around_.log("kept requests from " + from + " wait: the servers do not say how long they did");
+        around_.log("kept requests from " + from +
+                    " wait: the servers do not say how long they did");
     }
     (void)around_.wire.askClock(from); // lost: it comes again, and is asked again
 }

@@ -88,8 +88,8 @@ void Link::takeTexts() {
 
 void Link::fail(const Asked& asked, int32_t code, std::string_view text) {
     for (std::string& reply : failure(asked, code, text)) {
-        deliveries_.post(asked.asker, std::move(reply), around_.now() + kFailureMilliseconds,
-                         false, 0);
+        deliveries_.post(asked.asker, std::move(reply), around_.now() + kFailureMilliseconds, false,
+                         0);
     }
 }
 
@@ -229,10 +229,11 @@ void Link::replyArrived(Peer& peer, Channel::Arrival& arrival) {
     deliveries_.post(asker, message.write(), deadline, false, number);
 }
 
-// Makes room for a sender from elsewhere. Programs that send one message and end are many; who waits
-// for an answer keeps its port, and false means that all do.
+// Makes room for a sender from elsewhere. Programs that send one message and end are many; who
+// waits for an answer keeps its port, and false means that all do.
 bool Link::forgetQuietest() {
-    std::set<std::string_view> awaited; // by senders whose requests are under way, or were handed over
+    std::set<std::string_view>
+        awaited; // by senders whose requests are under way, or were handed over
     for (const auto& [asked, owed] : owed_) {
         awaited.insert(asked.first);
     }
@@ -254,8 +255,8 @@ bool Link::forgetQuietest() {
     return true;
 }
 
-// The name under which a sender from elsewhere appears here: its own, or the next instance. One that
-// is registered here belongs to that application also while it does not run.
+// The name under which a sender from elsewhere appears here: its own, or the next instance. One
+// that is registered here belongs to that application also while it does not run.
 Link::Alias* Link::aliasFor(Peer& peer, const std::string& source) {
     const auto known = aliasNames_.find({peer.name, source});
     if (known != aliasNames_.end()) {
@@ -372,8 +373,7 @@ void Link::ended(Peer& peer, uint64_t message, Outcome outcome) {
         }
         return;
     }
-    const auto conversation =
-        conversations_.find({outgoing.asked.asker, outgoing.asked.serial});
+    const auto conversation = conversations_.find({outgoing.asked.asker, outgoing.asked.serial});
     const bool isOpen =
         conversation != conversations_.end() && conversation->second.message == message;
     if (outcome == Outcome::delivered) {
@@ -399,8 +399,7 @@ void Link::ended(Peer& peer, uint64_t message, Outcome outcome) {
         fail(outgoing.asked, ConveyData::CV_CODE_NOT_SENT, ConveyData::CV_ERROR_TOO_MANY_WAIT);
         break;
     case Outcome::lost:
-        fail(outgoing.asked, ConveyData::CV_CODE_TARGET_ENDED,
-             ConveyData::CV_ERROR_TARGET_ENDED);
+        fail(outgoing.asked, ConveyData::CV_CODE_TARGET_ENDED, ConveyData::CV_ERROR_TARGET_ENDED);
         break;
     default:
         fail(outgoing.asked, ConveyData::CV_CODE_REJECTED, ConveyData::CV_ERROR_REJECTED);
@@ -442,8 +441,8 @@ void Link::takeDelivered() {
             isEndWanted(ticket.asked.wanted) && end.taker != nullptr &&
             owed_.size() < bounds::kPending) {
             around_.wait.add(*end.taker);
-            owed_[{ticket.asked.asker, ticket.asked.serial}] = {ticket.asked,
-                                                               std::move(end.taker), ticket.until};
+            owed_[{ticket.asked.asker, ticket.asked.serial}] = {ticket.asked, std::move(end.taker),
+                                                                ticket.until};
         }
     }
 }

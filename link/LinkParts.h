@@ -18,8 +18,7 @@ struct Link::Port {
     bool look = true; // there may be texts, also without a new one
 
     bool isFull() const {
-        return waitingBytes >= bounds::kWaitingBytes ||
-               waitingMessages >= bounds::kWaitingMessages;
+        return waitingBytes >= bounds::kWaitingBytes || waitingMessages >= bounds::kWaitingMessages;
     }
 };
 
@@ -30,7 +29,7 @@ struct Link::Used {
     AppState state = AppState::away;
     bool local = false; // registered here by somebody else
     bool registered = false;
-    bool told = false; // that the port has an owner here
+    bool told = false;            // that the port has an owner here
     int64_t launchAt = INT64_MAX; // without parameters, if none have come by then
     int64_t launchEnd = 0;        // until when it is being launched
     Port requests;
@@ -53,7 +52,7 @@ struct Link::Peer {
     bool here = false;
     bool isUsed = false;      // by this link
     bool absenceTold = false; // of one that was never there
-    int64_t doubtEnd = 0;     // not 0: it was there, nobody listens, and until then it may come back
+    int64_t doubtEnd = 0; // not 0: it was there, nobody listens, and until then it may come back
     int64_t heardAt = 0;
     int64_t greetAt = 0;
     std::vector<std::string> wanted; // the applications that it asks about
@@ -109,7 +108,7 @@ struct Link::KeptLine {
     std::string frame; // while it waits for the time
     std::string reply; // where it is acknowledged
     int64_t arrivedAt = 0;
-    bool isAsked = false; // what the time is, for this one
+    bool isAsked = false;          // what the time is, for this one
     int64_t aheadMilliseconds = 0; // the servers' clock, of this one's
     int64_t aheadUntil = 0;        // 0: not known
 };

@@ -23,8 +23,7 @@ bool isForwarding(std::string_view echo) {
 void Link::pingTaken(Used& used, Text& message) {
     const std::string_view asker = message.get(kSender);
     if (message.get(kType) != ConveyData::CV_TYPE_PING || !message.has(kEcho) ||
-        !message.get(kPingNumber).empty() || asker.ends_with(kThreadSuffix) ||
-        !isPortName(asker)) {
+        !message.get(kPingNumber).empty() || asker.ends_with(kThreadSuffix) || !isPortName(asker)) {
         return; // a look, or an answer
     }
     const int64_t now = around_.now();
@@ -35,8 +34,7 @@ void Link::pingTaken(Used& used, Text& message) {
     const std::string_view echo = message.get(kEcho);
     const size_t mark = echo.find('=');
     if (isForwarding(echo) && mark != std::string_view::npos) {
-        contacts_[{std::string(echo.substr(mark + 1)), to.name}] =
-            now + bounds::kAliasMilliseconds;
+        contacts_[{std::string(echo.substr(mark + 1)), to.name}] = now + bounds::kAliasMilliseconds;
     }
     AskedPing ping{to.name,
                    std::string(asker),
@@ -63,8 +61,8 @@ void Link::pingTaken(Used& used, Text& message) {
 bool Link::sendPing(Peer& peer, uint64_t number, const AskedPing& ping, std::string_view text) {
     const int64_t remaining = std::max<int64_t>(ping.until - around_.now(), 0);
     Frame frame = this->frame(FrameKind::ping, &peer);
-    frame.head = {MessageKind::ping, ping.asker, ping.target, remaining, number,
-                  Outcome::delivered};
+    frame.head = {MessageKind::ping, ping.asker, ping.target,
+                  remaining,         number,     Outcome::delivered};
     if (text.size() > bounds::kPartBytes) {
         (void)peer.channel.queue(frame.head, std::string(text), ping.until);
         return true;

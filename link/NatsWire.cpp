@@ -53,9 +53,9 @@ constexpr int kFlushLookMilliseconds = 10;
 
 // All that the client's threads use; its owner leaves it to them when they do not end in time.
 //
-// The client has no thread here that reads: each text would go from that one to a second, which hands
-// it to a handler, and from there to the one that looks after ports. Instead that one reads and
-// writes itself, where all of it comes together, and what it says in a turn goes in one piece.
+// The client has no thread here that reads: each text would go from that one to a second, which
+// hands it to a handler, and from there to the one that looks after ports. Instead that one reads
+// and writes itself, where all of it comes together, and what it says in a turn goes in one piece.
 //
 // The client must close the socket in this thread only, which may be in the middle of using it: so
 // nothing else may find that the server has gone (its pings never count as too many), and whoever
@@ -135,11 +135,10 @@ public:
     bool publish(const std::string& link, std::string_view frame) {
         const Turn turn(*this);
         return makeRoom(frame.size()) &&
-               natsConnection_PublishRequest(connection_.get(),
-                                             (prefix_ + link + "." + own_).c_str(),
-                                             (prefix_ + own_ + ".absent." + link).c_str(),
-                                             frame.data(),
-                                             static_cast<int>(frame.size())) == NATS_OK;
+               natsConnection_PublishRequest(
+                   connection_.get(), (prefix_ + link + "." + own_).c_str(),
+                   (prefix_ + own_ + ".absent." + link).c_str(), frame.data(),
+                   static_cast<int>(frame.size())) == NATS_OK;
     }
 
     bool keep(const std::string& link, uint64_t life, uint64_t serial, std::string_view frame) {
@@ -177,7 +176,8 @@ public:
 
     void flush() {
         {
-            const std::lock_guard<std::mutex> guard(inUse_); // no turn: who wants to write now wakes
+            const std::lock_guard<std::mutex> guard(
+                inUse_); // no turn: who wants to write now wakes
             writeOut();
         }
         giveBack();
@@ -200,11 +200,13 @@ public:
         }
         for (size_t place = 0; place < std::size(kTakers); ++place) {
             natsStatus status = subscriptions_[place] == nullptr ? NATS_TIMEOUT : NATS_OK;
-            while (status == NATS_OK || status == NATS_NO_RESPONDERS) { // nobody here asked for those
+            while (status == NATS_OK ||
+                   status == NATS_NO_RESPONDERS) { // nobody here asked for those
                 natsMsg* message = nullptr;
                 status = natsSubscription_NextMsg(&message, subscriptions_[place].get(), 0);
                 if (status == NATS_OK) {
-                    doneBytes_ += static_cast<size_t>(natsMsg_GetDataLength(message)) + kAroundBytes;
+                    doneBytes_ +=
+                        static_cast<size_t>(natsMsg_GetDataLength(message)) + kAroundBytes;
                     done_.emplace_back(message);
                     (this->*kTakers[place])(message, taken);
                 }
@@ -369,8 +371,9 @@ private:
             if (connection_ != nullptr) {
                 changed_.wait(lock, [this] { return isClosed_ || closing_; });
             }
-            changed_.wait_for(lock, std::chrono::milliseconds(kReconnectMilliseconds +
-                                                          nats_Now() % kJitterMilliseconds),
+            changed_.wait_for(lock,
+                              std::chrono::milliseconds(kReconnectMilliseconds +
+                                                        nats_Now() % kJitterMilliseconds),
                               [this] { return closing_.load(); });
             lock.unlock();
             if (isClosed_.exchange(false) && !closing_ && connection_ != nullptr &&
@@ -390,16 +393,17 @@ private:
 
     bool subscribeAll() {
         const std::string own = prefix_ + own_;
-        return subscribe(own + ".*", 0) && subscribeByThread(own + ".absent.*", absences_, onAbsent) &&
+        return subscribe(own + ".*", 0) &&
+               subscribeByThread(own + ".absent.*", absences_, onAbsent) &&
                (!keeps_ || subscribeByThread(own + ".kept.told.*", kept_, onKept)) &&
-               (!offers_ || (subscribe(own + ".kept.clock.*", 1) &&
-                             subscribe(own + kStoredSubject, 2)));
+               (!offers_ ||
+                (subscribe(own + ".kept.clock.*", 1) && subscribe(own + kStoredSubject, 2)));
     }
 
     bool subscribe(const std::string& subject, size_t place) {
         natsSubscription* subscription = nullptr;
-        const natsStatus status = natsConnection_SubscribeSync(&subscription, connection_.get(),
-                                                               subject.c_str());
+        const natsStatus status =
+            natsConnection_SubscribeSync(&subscription, connection_.get(), subject.c_str());
         subscriptions_[place].reset(subscription);
         return status == NATS_OK && bound(subscription);
     }
@@ -412,8 +416,8 @@ private:
         }
     }
 
-    // Handed over by a thread of the client's, where nobody may be there: it says whose absence that
-    // is to a handler, and to who takes messages himself only that there is one.
+    // Handed over by a thread of the client's, where nobody may be there: it says whose absence
+    // that is to a handler, and to who takes messages himself only that there is one.
     bool subscribeByThread(const std::string& subject, Owned<natsSubscription>& made,
                            natsMsgHandler handler) {
         natsSubscription* subscription = nullptr;
@@ -442,8 +446,8 @@ private:
         std::string answer = textOf(taken);
         // Only the server says that nobody is there, as above.
         if (number > 0 && (!answer.empty() || natsMsg_IsNoResponders(taken))) {
-            static_cast<NatsConnection*>(self)->push({EventKind::kept, {}, std::move(answer),
-                                                      static_cast<uint64_t>(number)});
+            static_cast<NatsConnection*>(self)->push(
+                {EventKind::kept, {}, std::move(answer), static_cast<uint64_t>(number)});
         }
     }
 
@@ -563,14 +567,15 @@ private:
     const bool offers_; // and takes kept ones
     Owned<natsOptions> options_;
     std::thread joining_;
-    mutable std::mutex inUse_; // guards the connection, which only `joining_` makes and ends; before `mutex_`
+    mutable std::mutex
+        inUse_; // guards the connection, which only `joining_` makes and ends; before `mutex_`
     Owned<natsConnection> connection_;
     Owned<natsSubscription> absences_;
     Owned<natsSubscription> kept_;
     Owned<natsSubscription> subscriptions_[std::size(kTakers)];
     std::vector<Owned<natsMsg>> done_; // of the thread that takes, as the next
     size_t doneBytes_ = 0;
-    size_t unsentBytes_ = 0;           // guarded by `inUse_`
+    size_t unsentBytes_ = 0; // guarded by `inUse_`
     std::atomic<int> socket_{-1};
     Silence silence_{kPingMilliseconds};
     std::atomic<bool> wantsToWrite_{false};

@@ -64,7 +64,8 @@ bool DatabaseRegistrations::add(const std::string& app, const std::string& at) {
     // A launcher starts what a link leads to, under the name of that: no link could tell `program_`
     // which application is meant.
     std::ofstream script(place);
-    script << "#!/bin/sh\nexec " << quoted(program_) << ' ' << kInPlace << ' ' << quoted(app) << '\n';
+    script << "#!/bin/sh\nexec " << quoted(program_) << ' ' << kInPlace << ' ' << quoted(app)
+           << '\n';
     script.close();
     if (script.good()) {
         std::filesystem::permissions(place, std::filesystem::perms::owner_all, error);
@@ -75,8 +76,7 @@ bool DatabaseRegistrations::add(const std::string& app, const std::string& at) {
     }
     std::unique_ptr<Store> store;
     std::string reason;
-    Status status =
-        Store::open(caps::defaultDatabasePath(), Store::Access::create, store, &reason);
+    Status status = Store::open(caps::defaultDatabasePath(), Store::Access::create, store, &reason);
     if (status == Status::ok) {
         Store::Transaction transaction(*store);
         status = transaction.begin();

@@ -20,8 +20,9 @@ public:
     virtual void remove(const std::string& app) = 0;
 };
 
-// In the database that new registrations of this user go to. An application's path is a script below
-// `folder`, which starts `program` with `kInPlace` and the application: that has the link launch it.
+// In the database that new registrations of this user go to. An application's path is a script
+// below `folder`, which starts `program` with `kInPlace` and the application: that has the link
+// launch it.
 class DatabaseRegistrations : public Registrations {
 public:
     static constexpr const char* kInPlace = "--in-place";

@@ -6,7 +6,8 @@
 
 namespace convey_link {
 
-// Whether a server that is asked regularly has fallen silent, for who hears it only when he is there.
+// Whether a server that is asked regularly has fallen silent, for who hears it only when he is
+// there.
 //
 // `heard` from any thread; the rest from the one that listens.
 class Silence {

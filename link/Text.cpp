@@ -16,7 +16,7 @@ namespace {
 using namespace ScObjects;
 
 // Lines that are made anew for each way.
-constexpr std::string_view kMade[] = {ConveyData::CV_MD5,       ConveyData::CV_DIGEST,
+constexpr std::string_view kMade[] = {ConveyData::CV_MD5, ConveyData::CV_DIGEST,
                                       ConveyData::CV_TIMESTAMP, ConveyData::CV_CONTENT_LENGTH,
                                       ConveyData::CV_SENDER_ID};
 // What a reader takes off in front of a user header's name.

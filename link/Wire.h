@@ -48,8 +48,8 @@ public:
     // The frame that was stored need not come again.
     virtual bool acknowledge(const std::string& reply);
     virtual bool askClock(const std::string& link);
-    // Sends what was said since the last call, all in one. Waits while the server takes nothing, for
-    // two seconds at most: then it counts as ended.
+    // Sends what was said since the last call, all in one. Waits while the server takes nothing,
+    // for two seconds at most: then it counts as ended.
     virtual void flush() {}
     // What has happened since the last call, and has come from the server by now.
     virtual std::vector<Event> take() = 0;
@@ -65,16 +65,16 @@ struct WireLoop {
     std::function<void(int descriptor, bool on)> watch;
 };
 
-// A connection to a NATS server, which it looks for until it is destroyed. It is read and written by
-// the thread that calls it. Null, and `error` says why, when what is configured cannot be used at
-// all.
+// A connection to a NATS server, which it looks for until it is destroyed. It is read and written
+// by the thread that calls it. Null, and `error` says why, when what is configured cannot be used
+// at all.
 std::unique_ptr<Wire> connectToNats(const Configuration& configuration, WireLoop loop,
                                     std::string& error);
 
 // The stream in which the requests of a link wait.
 std::string streamOf(const std::string& realm, const std::string& link);
-// Has the servers make it, and what hands it on to each of the links `to`, as whom the configuration
-// names; who may do that is no ordinary link. False, and `error` says why.
+// Has the servers make it, and what hands it on to each of the links `to`, as whom the
+// configuration names; who may do that is no ordinary link. False, and `error` says why.
 [[nodiscard]] bool makeStream(const Configuration& configuration, const std::string& from,
                               const std::vector<std::string>& to, std::string& error);
 

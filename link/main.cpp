@@ -43,7 +43,15 @@ constexpr int32_t kStatusSeconds = 3;
 constexpr int64_t kStubMilliseconds = 3000;
 constexpr int64_t kStubLookMilliseconds = 20;
 
-enum Exit { kDone = 0, kNo = 1, kUsage = 2, kBadFile = 3, kNameTaken = 4, kRefused = 5, kInUse = 6 };
+enum Exit {
+    kDone = 0,
+    kNo = 1,
+    kUsage = 2,
+    kBadFile = 3,
+    kNameTaken = 4,
+    kRefused = 5,
+    kInUse = 6
+};
 
 int64_t now() {
     return platform::Clock::system().monotonicMilliseconds();
@@ -186,8 +194,8 @@ int launchInItsPlace(const std::string& app) {
         if (isTaken) {
             std::this_thread::sleep_for(std::chrono::milliseconds(kStubLookMilliseconds));
         } else {
-            isTaken = own->wait(kStubLookMilliseconds, false) ? own->take(taken)
-                                                              : !isOwned(pendingName);
+            isTaken =
+                own->wait(kStubLookMilliseconds, false) ? own->take(taken) : !isOwned(pendingName);
         }
     }
     return kDone;
@@ -307,15 +315,16 @@ int run(const std::string& file) {
             placesFolder(), std::filesystem::read_symlink("/proc/self/exe", ignored).string());
         Convey main(kOwnSpecifier, nullptr, true, nullptr); // launches need one
         const auto launch = [](const std::string& app, const std::string& parameters) {
-            const bool done = Convey::launchTarget(app.c_str(), parameters.c_str(), 0, nullptr) == 1;
+            const bool done =
+                Convey::launchTarget(app.c_str(), parameters.c_str(), 0, nullptr) == 1;
             if (!done) {
                 say(app + " cannot be launched");
             }
             return done;
         };
-        Link link(configuration, life | 1,
-                  {*wire, ports, *wait, registrations, launch, say, now,
-                   journalFolder(configuration)});
+        Link link(
+            configuration, life | 1,
+            {*wire, ports, *wait, registrations, launch, say, now, journalFolder(configuration)});
         bool ofPorts = true;
         int64_t toldAt = 0;
         while (!stop && link.state() == Link::State::goesOn) {
