@@ -274,7 +274,8 @@ TEST_F(ProcessesTest, onlyAProgramOfItsOwnMakesABundleRun) {
             return std::find(found.begin(), found.end(), static_cast<uint32_t>(number)) !=
                    found.end();
         };
-        EXPECT_EQ(finds(), c.runs) << c.why;
+        // A script's line may name a program that becomes the interpreter a moment later.
+        EXPECT_EQ(c.runs ? eventually(finds) : finds(), c.runs) << c.why;
         if (c.why == std::string("its program")) {
             std::filesystem::rename(replacement, clock);
             EXPECT_TRUE(finds()) << "another file was put in its place";
