@@ -31,11 +31,13 @@ protected:
     ProcessResult run(std::vector<std::string> arguments = {},
                       std::map<std::string, std::string> environment = {}) const {
         arguments.insert(arguments.begin(), program);
-        // Nothing of the user's own gets in.
-        std::map<std::string, std::string> all = {{"OVREL_CAPS_DB", database},
-                                                  {"HOME", folder.file("home")},
-                                                  {"XDG_DATA_HOME", ""},
-                                                  {"LC_ALL", "en_US.UTF-8"}};
+        // Nothing of the user's own gets in, and nothing of the machine's.
+        std::map<std::string, std::string> all = {
+            {"OVREL_CAPS_DB", database},
+            {"OVREL_CAPS_SYSTEM_DB", folder.file("system.db")},
+            {"HOME", folder.file("home")},
+            {"XDG_DATA_HOME", ""},
+            {"LC_ALL", "en_US.UTF-8"}};
         for (const auto& [name, value] : environment) {
             all[name] = value;
         }
