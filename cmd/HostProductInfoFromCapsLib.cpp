@@ -84,7 +84,8 @@ std::string keyPairs(Reader& reader, capsiSession* session, const char* payload,
 // be read.
 const char* const* languageKeys(Reader& reader, capsiSession* session, const char* payload,
                                 std::vector<const char*>& keys) {
-    keys.resize(std::max<size_t>(keys.size(), kKeySlots));
+    // Without those of the payload before, which are gone by now.
+    keys.assign(std::max<size_t>(keys.size(), kKeySlots), nullptr);
     auto slots = static_cast<uint32_t>(keys.size());
     const auto read = [&] {
         return reader.call(reader.functions.pdbGetPayloadDataKeys, session, payload,

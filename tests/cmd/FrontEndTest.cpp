@@ -94,10 +94,10 @@ CapsProductFunctions fakeFunctions() {
             *slots = static_cast<uint32_t>(languages.size() + 1);
             return CAPS_TOO_SMALL;
         }
+        EXPECT_EQ(std::count(keys, keys + *slots, nullptr), *slots) << "of another payload";
         for (const auto& [key, value] : languages) {
-            *keys++ = key.c_str();
+            *keys++ = key.c_str(); // and no null behind them
         }
-        *keys = nullptr;
         return languages.empty() ? CAPS_NOTHING_THERE : CAPS_OK;
     };
     f.pdbGetAppLaunchPath = [](const char* id, char* buffer, uint32_t* size) -> int32_t {
@@ -172,6 +172,7 @@ TEST_F(ProductInfoTest, keepsTheFirstLanguagesOfAFolder) {
     gPayloads.push_back(payload("", "/o/P/c", "/o"));
     gPayloads.push_back(payload("aa_AA", "/o/P/c", "/o"));
     gPayloads.push_back(payload("bb_BB", "/o/P/c", "/o"));
+    gPayloads[1].languages = gPayloads[2].languages = {{"key", "value"}};
     gPayloads.push_back(payload("cc_CC", "/o/Q/c", "/o"));
     gPayloads.back().kind = "Normal";
     gPayloads.push_back(payload("dd_DD", "/o/R/c", "/o"));
