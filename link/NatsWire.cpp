@@ -4,21 +4,17 @@
 #include <chrono>
 #include <climits>
 #include <condition_variable>
-#include <fcntl.h>
 #include <mutex>
 #include <nats/nats.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <thread>
 #include <utility>
 
 #include "link/Bounds.h"
 #include "link/Frame.h"
 #include "link/NatsClient.h"
-#include "link/Silence.h"
+#include "link/NatsSocket.h"
 #include "link/Text.h"
 #include "link/Wire.h"
-#include "platform/Clock.h"
 
 namespace convey_link {
 namespace {
@@ -34,32 +30,16 @@ constexpr int64_t kJitterMilliseconds = 200;
 // A server that ends the talk before it answers does not take the certificate, or has no time: the
 // former when it does so again and again.
 constexpr int kEndedTalks = 5;
-// A server that is stopped holds the link up for so long at most.
-constexpr int64_t kWriteMilliseconds = 2000;
-// Gathered before it is sent without waiting for more.
-constexpr size_t kGatheredBytes = 256 * bounds::kKiB;
 // Of messages that have been taken, until they are given back to the client.
 constexpr size_t kDoneBytes = 64 * bounds::kKiB;
 // Of the client's own fields around a frame, to count with.
 constexpr size_t kAroundBytes = 256;
-// Read in a turn, each at most what one record of TLS holds; then what they brought has its turn.
-constexpr int kReadsAtOnce = 64;
-// Of the client, for a read; more than such a record.
+// Of the client, for a read; more than what one record of TLS holds.
 constexpr int kBufferBytes = 128 * static_cast<int>(bounds::kKiB);
-// At the end, for what was published last, and each for the client's threads and the one here.
-constexpr int64_t kFlushMilliseconds = 300;
+// At the end, for the client's threads and the one here each.
 constexpr int64_t kCloseMilliseconds = 300;
-constexpr int kFlushLookMilliseconds = 10;
 
 // All that the client's threads use; its owner leaves it to them when they do not end in time.
-//
-// The client has no thread here that reads: each text would go from that one to a second, which
-// hands it to a handler, and from there to the one that looks after ports. Instead that one reads
-// and writes itself, where all of it comes together, and what it says in a turn goes in one piece.
-//
-// The client must close the socket in this thread only, which may be in the middle of using it: so
-// nothing else may find that the server has gone (its pings never count as too many), and whoever
-// does here shuts the socket down, which is read as its end.
 class NatsConnection {
 public:
     using Event = Wire::Event;
@@ -91,13 +71,13 @@ public:
         if (joining_.joinable()) {
             joining_.join();
         }
-        if (connection_ != nullptr) {
-            sayLast();
+        if (socket_.connection() != nullptr) {
+            socket_.sayLast();
             endSubscriptions();
-            natsConnection_Close(connection_.get());
+            natsConnection_Close(socket_.connection());
         }
         done_.clear();
-        connection_.reset();
+        socket_.own(nullptr);
         return nats_CloseAndWait(kCloseMilliseconds) == NATS_OK;
     }
 
@@ -107,7 +87,7 @@ public:
         const auto set = [&](natsStatus result) { status = status == NATS_OK ? result : status; };
         set(natsOptions_SetNoEcho(made, false));
         set(natsOptions_SetSendAsap(made, true));
-        set(natsOptions_SetEventLoop(made, this, onAttach, onRead, onWrite, onDetach));
+        set(socket_.useIn(made));
         set(natsOptions_SetIOBufSize(made, kBufferBytes));
         set(natsOptions_SetPingInterval(made, kPingMilliseconds));
         set(natsOptions_SetMaxPingsOut(made, INT_MAX));
@@ -133,16 +113,16 @@ public:
     }
 
     bool publish(const std::string& link, std::string_view frame) {
-        const Turn turn(*this);
+        const NatsSocket::Turn turn(socket_);
         return makeRoom(frame.size()) &&
                natsConnection_PublishRequest(
-                   connection_.get(), (prefix_ + link + "." + own_).c_str(),
+                   socket_.connection(), (prefix_ + link + "." + own_).c_str(),
                    (prefix_ + own_ + ".absent." + link).c_str(), frame.data(),
                    static_cast<int>(frame.size())) == NATS_OK;
     }
 
     bool keep(const std::string& link, uint64_t life, uint64_t serial, std::string_view frame) {
-        const Turn turn(*this);
+        const NatsSocket::Turn turn(socket_);
         if (!makeRoom(frame.size())) {
             return false;
         }
@@ -156,29 +136,29 @@ public:
         const Owned<natsMsg> owned(made);
         return natsMsgHeader_Set(made, "Nats-Msg-Id",
                                  (std::to_string(life) + "." + number).c_str()) == NATS_OK &&
-               natsConnection_PublishMsg(connection_.get(), made) == NATS_OK;
+               natsConnection_PublishMsg(socket_.connection(), made) == NATS_OK;
     }
 
     bool acknowledge(const std::string& reply) {
-        const Turn turn(*this);
+        const NatsSocket::Turn turn(socket_);
         return makeRoom(reply.size()) &&
-               natsConnection_PublishString(connection_.get(), reply.c_str(), "+ACK") == NATS_OK;
+               natsConnection_PublishString(socket_.connection(), reply.c_str(), "+ACK") == NATS_OK;
     }
 
     bool askClock(const std::string& link) {
-        const Turn turn(*this);
+        const NatsSocket::Turn turn(socket_);
         return makeRoom(link.size()) &&
                natsConnection_PublishRequestString(
-                   connection_.get(),
+                   socket_.connection(),
                    ("$JS.API.CONSUMER.INFO." + streamOf(realm_, link) + "." + own_).c_str(),
                    (prefix_ + own_ + ".kept.clock." + link).c_str(), "") == NATS_OK;
     }
 
     void flush() {
         {
-            const std::lock_guard<std::mutex> guard(
-                inUse_); // no turn: who wants to write now wakes
-            writeOut();
+            // No turn: who wants to write now wakes.
+            const std::lock_guard<std::mutex> guard(socket_.mutex);
+            socket_.writeOut();
         }
         giveBack();
     }
@@ -190,14 +170,11 @@ public:
             queuedBytes_ = 0;
             taken.swap(events_);
         }
-        const Turn turn(*this);
-        if (connection_ == nullptr) {
+        const NatsSocket::Turn turn(socket_);
+        if (socket_.connection() == nullptr) {
             return taken;
         }
-        read();
-        if (silence_.isSilent(platform::monotonicNow())) {
-            drop();
-        }
+        socket_.read();
         for (size_t place = 0; place < std::size(kTakers); ++place) {
             natsStatus status = subscriptions_[place] == nullptr ? NATS_TIMEOUT : NATS_OK;
             while (status == NATS_OK ||
@@ -216,126 +193,22 @@ public:
     }
 
     size_t maximumFrame() const {
-        const std::lock_guard<std::mutex> guard(inUse_);
-        const int64_t most =
-            connection_ == nullptr ? 0 : natsConnection_GetMaxPayload(connection_.get());
+        const std::lock_guard<std::mutex> guard(socket_.mutex);
+        const int64_t most = socket_.connection() == nullptr
+                                 ? 0
+                                 : natsConnection_GetMaxPayload(socket_.connection());
         return most > 0 ? static_cast<size_t>(most) : bounds::kPartBytes;
     }
 
 private:
-    // While the thread that takes uses the connection: it writes itself before it waits.
-    class Turn {
-    public:
-        explicit Turn(NatsConnection& wire) : wire_(wire), guard_(wire.inUse_) {
-            wire_.writesSoon_ = true;
-        }
-        ~Turn() { wire_.writesSoon_ = false; }
-        Turn(const Turn&) = delete;
-        Turn& operator=(const Turn&) = delete;
-
-    private:
-        NatsConnection& wire_;
-        const std::lock_guard<std::mutex> guard_;
-    };
-
-    // The client's calls for who waits for its socket. Threads: any.
-    static natsStatus onAttach(void** user, void* self, natsConnection*, natsSock socket) {
-        auto& wire = *static_cast<NatsConnection*>(self);
-        *user = self;
-        (void)fcntl(socket, F_SETFD, FD_CLOEXEC); // else what is launched keeps it open
-        wire.silence_.heard(platform::monotonicNow());
-        wire.socket_ = socket;
-        wire.loop_.watch(socket, true);
-        return NATS_OK;
-    }
-    static natsStatus onRead(void* self, bool on) {
-        auto& wire = *static_cast<NatsConnection*>(self);
-        if (!on && wire.socket_ >= 0) {
-            wire.loop_.watch(wire.socket_.exchange(-1), false);
-        }
-        return NATS_OK;
-    }
-    static natsStatus onWrite(void* self, bool on) {
-        auto& wire = *static_cast<NatsConnection*>(self);
-        wire.wantsToWrite_ = on;
-        if (on && !wire.writesSoon_) {
-            wire.loop_.wake();
-        }
-        return NATS_OK;
-    }
-    static natsStatus onDetach(void* self) { return onRead(self, false); }
-
-    // All of these while `inUse_` is held.
-
-    bool isReady(short events, int64_t milliseconds) const {
-        pollfd ready{socket_, events, 0};
-        return poll(&ready, 1, static_cast<int>(milliseconds)) > 0 &&
-               (ready.revents & ~POLLOUT) != 0;
-    }
-    void read() {
-        for (int i = 0; i < kReadsAtOnce && isReady(POLLIN, 0); ++i) {
-            natsConnection_ProcessReadEvent(connection_.get());
-            silence_.heard(platform::monotonicNow());
-        }
-    }
-    // The client must find the same bytes at the same place when it goes on, so nothing is said
-    // until all is sent.
-    void writeOut() {
-        unsentBytes_ = 0;
-        const int64_t end = platform::monotonicNow() + kWriteMilliseconds;
-        while (wantsToWrite_ && isConnected()) {
-            natsConnection_ProcessWriteEvent(connection_.get());
-            if (!wantsToWrite_) {
-                return;
-            }
-            const int64_t left = end - platform::monotonicNow();
-            if (left <= 0) {
-                drop();
-                return;
-            }
-            if (isReady(POLLIN | POLLOUT, left)) { // else both sides might wait for each other
-                natsConnection_ProcessReadEvent(connection_.get());
-            }
-        }
-    }
-    // Whether something may be said.
-    bool makeRoom(size_t bytes) {
-        unsentBytes_ += bytes + kAroundBytes;
-        if (unsentBytes_ > kGatheredBytes) {
-            writeOut();
-        }
-        return isConnected();
-    }
+    // Whether a frame of so many bytes may be said.
+    bool makeRoom(size_t bytes) { return socket_.makeRoom(bytes + kAroundBytes); }
     // Behind what was said, and many together: the client wakes a thread for them.
     void giveBack() {
         if (doneBytes_ > kDoneBytes) {
             done_.clear();
             doneBytes_ = 0;
         }
-    }
-    // The client reads the end, and looks for another server.
-    void drop() const { (void)shutdown(socket_, SHUT_RDWR); }
-    // What was published last, such as that this link ends, when its server goes on.
-    void sayLast() {
-        if (!isConnected()) {
-            return;
-        }
-        std::atomic<bool> isSaid{false};
-        std::thread flushing([&] {
-            (void)natsConnection_FlushTimeout(connection_.get(), kFlushMilliseconds);
-            isSaid = true;
-        });
-        while (!isSaid) {
-            writeOut();
-            if (isReady(POLLIN, kFlushLookMilliseconds)) {
-                natsConnection_ProcessReadEvent(connection_.get());
-            }
-        }
-        flushing.join();
-    }
-    bool isConnected() const {
-        return connection_ != nullptr &&
-               natsConnection_Status(connection_.get()) == NATS_CONN_STATUS_CONNECTED;
     }
 
     // Joins the servers, and again when the client has given up: it goes on trying where nobody
@@ -348,8 +221,8 @@ private:
             natsStatus status = natsConnection_Connect(&made, options_.get());
             std::string why = lastNatsError(status);
             if (status == NATS_OK) {
-                const std::lock_guard<std::mutex> guard(inUse_);
-                connection_.reset(made);
+                const std::lock_guard<std::mutex> guard(socket_.mutex);
+                socket_.own(made);
                 if (subscribeAll()) {
                     onConnected(made, this);
                     isTold = false;
@@ -363,12 +236,12 @@ private:
                 push({EventKind::refused, {}, why});
                 return;
             }
-            if (connection_ == nullptr && !isTold) {
+            if (socket_.connection() == nullptr && !isTold) {
                 push({EventKind::disconnected, {}, why});
                 isTold = true;
             }
             std::unique_lock<std::mutex> lock(mutex_);
-            if (connection_ != nullptr) {
+            if (socket_.connection() != nullptr) {
                 changed_.wait(lock, [this] { return isClosed_ || closing_; });
             }
             changed_.wait_for(lock,
@@ -376,11 +249,11 @@ private:
                                                         nats_Now() % kJitterMilliseconds),
                               [this] { return closing_.load(); });
             lock.unlock();
-            if (isClosed_.exchange(false) && !closing_ && connection_ != nullptr &&
-                natsConnection_IsClosed(connection_.get())) {
-                const std::lock_guard<std::mutex> guard(inUse_);
+            if (isClosed_.exchange(false) && !closing_ && socket_.connection() != nullptr &&
+                natsConnection_IsClosed(socket_.connection())) {
+                const std::lock_guard<std::mutex> guard(socket_.mutex);
                 endSubscriptions();
-                connection_.reset();
+                socket_.own(nullptr);
             }
         }
     }
@@ -403,7 +276,7 @@ private:
     bool subscribe(const std::string& subject, size_t place) {
         natsSubscription* subscription = nullptr;
         const natsStatus status =
-            natsConnection_SubscribeSync(&subscription, connection_.get(), subject.c_str());
+            natsConnection_SubscribeSync(&subscription, socket_.connection(), subject.c_str());
         subscriptions_[place].reset(subscription);
         return status == NATS_OK && bound(subscription);
     }
@@ -421,7 +294,7 @@ private:
     bool subscribeByThread(const std::string& subject, Owned<natsSubscription>& made,
                            natsMsgHandler handler) {
         natsSubscription* subscription = nullptr;
-        const natsStatus status = natsConnection_Subscribe(&subscription, connection_.get(),
+        const natsStatus status = natsConnection_Subscribe(&subscription, socket_.connection(),
                                                            subject.c_str(), handler, this);
         made.reset(subscription);
         return status == NATS_OK && bound(subscription);
@@ -567,19 +440,13 @@ private:
     const bool offers_; // and takes kept ones
     Owned<natsOptions> options_;
     std::thread joining_;
-    mutable std::mutex
-        inUse_; // guards the connection, which only `joining_` makes and ends; before `mutex_`
-    Owned<natsConnection> connection_;
+    // Its mutex guards the connection, which only `joining_` makes and ends; before `mutex_`.
+    NatsSocket socket_{loop_, kPingMilliseconds};
     Owned<natsSubscription> absences_;
     Owned<natsSubscription> kept_;
     Owned<natsSubscription> subscriptions_[std::size(kTakers)];
     std::vector<Owned<natsMsg>> done_; // of the thread that takes, as the next
     size_t doneBytes_ = 0;
-    size_t unsentBytes_ = 0; // guarded by `inUse_`
-    std::atomic<int> socket_{-1};
-    Silence silence_{kPingMilliseconds};
-    std::atomic<bool> wantsToWrite_{false};
-    std::atomic<bool> writesSoon_{false};
     std::atomic<bool> closing_{false};
     std::atomic<bool> isClosed_{false}; // by the client, which has given up
     std::condition_variable changed_;   // one of the two, or the next
