@@ -21,6 +21,7 @@
 #include "link/Registrations.h"
 #include "link/Wire.h"
 #include "platform/Clock.h"
+#include "platform/LargeHeap.h"
 #include "platform/MessagePort.h"
 #include "platform/Random.h"
 #include "platform/StandardStreams.h"
@@ -40,6 +41,8 @@ constexpr const char* kOwnThread = "conveylink-2.0#thread";
 constexpr const char* kAskersSpecifier = "conveylinkstatus-2.0";
 constexpr const char* kStatusKey = "LINK";
 constexpr int32_t kStatusSeconds = 3;
+// Without anything to do, after which what large texts have left of the heap is given back.
+constexpr int64_t kIdleMilliseconds = 500;
 constexpr int64_t kStubMilliseconds = 3000;
 constexpr int64_t kStubLookMilliseconds = 20;
 
@@ -254,6 +257,7 @@ private:
 };
 
 int run(const std::string& file) {
+    platform::keepFreedHeap();
     Configuration configuration;
     std::vector<std::string> faults;
     if (!readConfiguration(file, configuration, faults)) {
@@ -334,7 +338,11 @@ int run(const std::string& file) {
                 toldAt = now();
             }
             Convey::pump(ScObjects::kProcessBoth); // the layer's own: launches
+            const int64_t waitsAt = now();
             ofPorts = wait->wait(due) && wait->wasOfPorts();
+            if (now() - waitsAt >= kIdleMilliseconds) {
+                platform::giveBackFreedHeap();
+            }
         }
         if (link.state() == Link::State::nameTaken) {
             say("name \"" + configuration.name + "\" is used twice in realm \"" +

@@ -11,4 +11,13 @@ namespace platform {
 // stay with the process. Not for what runs for long. Threads: before there is a second one.
 void expectLargeHeap() noexcept;
 
+// For a program that runs for long and has large texts pass through it: what it frees stays with it
+// for the next one, up to 128 MiB, since the system takes longer to give and take back a page than
+// a text takes to be copied through it. Such a program gives it back when it has nothing to do.
+//
+// Porting contract: hints, as above. Threads: the first before there is a second one; the second
+// any, and it may take a millisecond for what there is to give back.
+void keepFreedHeap() noexcept;
+void giveBackFreedHeap() noexcept;
+
 } // namespace platform

@@ -16,6 +16,7 @@ constexpr int kRoomBytes = sizeof(void*) > 4 ? 512 << 20 : 32 << 20;
 constexpr int kLittleRoomBytes = 32 << 20;
 constexpr int kBlockBytes = 32 << 20;   // the library's own bound
 constexpr int kLaterBytes = 128 << 10;  // as the library has it
+constexpr int kKeptBytes = 128 << 20;   // a text of the largest size, and its copy
 constexpr size_t kSmallBytes = 1 << 20; // a short program never needs a large page
 constexpr size_t kLargePageBytes = 2 << 20;
 constexpr size_t kFirstBytes = 192 << 10; // more than the heap has left at the start
@@ -59,6 +60,17 @@ void expectLargeHeap() noexcept {
         }
     }
     std::free(first);
+}
+
+void keepFreedHeap() noexcept {
+    // NOLINTBEGIN(concurrency-mt-unsafe): there is no second thread yet
+    (void)mallopt(M_MMAP_THRESHOLD, kBlockBytes);
+    (void)mallopt(M_TRIM_THRESHOLD, kKeptBytes);
+    // NOLINTEND(concurrency-mt-unsafe)
+}
+
+void giveBackFreedHeap() noexcept {
+    (void)malloc_trim(0);
 }
 
 } // namespace platform

@@ -41,9 +41,12 @@ def test_is_used_as_one_of_this_machine_until_the_link_ends(pair: Pair) -> None:
     assert re.search(r"\bconvey\d+-2\.0 Tessaly: good day\n", log.read_text(encoding="utf-8"))
     assert "idle" in desk.run("convey", "diagnose", "lumen", status=None)
     assert "STATUS" in desk.run("convey", "keys", "lumen")
+    before = [link.resident() for link in (pair.desk_link, pair.workshop_link)]
     large = "many words " * (20 * 1024 * 1024 // 11)
     answer = desk.run("convey", "send", "lumen", "--body", "-", "--wait", "60", text=large)
     assert f"result: echo: {large}\n" in answer
+    for link, had in zip((pair.desk_link, pair.workshop_link), before):
+        eventually("what it left is given back", lambda: bool(link.resident() < had + len(large) // 2))
     assert pair.desk_link.end() == 0
     assert "lumen" not in desk.run("convey", "list")
     assert check(pair) == RESPONSE.format("ISNOTINSTALLED")

@@ -96,6 +96,11 @@ class Process:
     def pid(self) -> int:
         return self.process.pid
 
+    def resident(self) -> int:
+        """Bytes of memory that it has."""
+        pages = pathlib.Path(f"/proc/{self.pid}/statm").read_text(encoding="ascii").split()[1]
+        return int(pages) * os.sysconf("SC_PAGE_SIZE")
+
     def said(self) -> str:
         return self.log.read_text(encoding="utf-8", errors="replace")
 

@@ -291,4 +291,33 @@ TEST(LargeHeap, comesInLargePagesAndLeavesWhoHasFewAddressesTheirs) {
     }
 }
 
+TEST(LargeHeap, keepsWhatIsFreedForTheNextTextUntilItIsGivenBack) {
+    if (sizeof(void*) == 4 || std::getenv("CONVEY_TEST_DIVISOR") != nullptr) {
+        return; // large blocks beside the heap; a sanitizer's
+    }
+    constexpr size_t kText = size_t{16} << 20;
+    constexpr long kPages = 4 * (kText >> 12);
+    EXPECT_EQ(inChild([] {
+                  platform::keepFreedHeap();
+                  const auto faultsOfText = [] { // and of three copies
+                      rusage before{};
+                      (void)getrusage(RUSAGE_SELF, &before);
+                      {
+                          const std::vector<char> text(kText, 'x');
+                          const std::vector<std::vector<char>> copies(3, text);
+                      }
+                      rusage after{};
+                      (void)getrusage(RUSAGE_SELF, &after);
+                      return after.ru_minflt - before.ru_minflt;
+                  };
+                  const long first = faultsOfText();
+                  if (first < kPages / 2 || faultsOfText() > kPages / 20) {
+                      return 10;
+                  }
+                  platform::giveBackFreedHeap();
+                  return faultsOfText() < kPages / 2 ? 20 : 0;
+              }),
+              0);
+}
+
 } // namespace
