@@ -226,6 +226,11 @@ std::vector<std::string> failure(const Asked& request, int32_t code, std::string
         if (isError) {
             answer.set("@HDR>" + std::string(ConveyData::CV_ERROR_CODE), std::to_string(code));
             answer.set(ConveyData::CV_ERROR, request.serial);
+            // Said here, as here the port may be owned for an application that does not run there.
+            if (text == ConveyData::CV_ERROR_NOT_LAUNCHED ||
+                text == ConveyData::CV_ERROR_LAUNCH_FAILED) {
+                answer.set(ConveyData::CV_ERROR_TARGET, ConveyData::CV_TARGET_ABSENT);
+            }
             answer.setBody(std::string(text));
         }
         replies.push_back(answer.write());

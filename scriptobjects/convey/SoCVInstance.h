@@ -120,7 +120,7 @@ public:
 private:
     std::shared_ptr<InterAppStream> stream() const;
     void sendError(const Convey::Message& request, const char* text, int32_t code,
-                   uint32_t waitSeconds);
+                   uint32_t waitSeconds, bool isAbsent = false);
     bool sendResponse(const Convey::Message& request, const char* type,
                       std::unique_ptr<Convey::Message> response);
     std::unique_ptr<Convey::Message> replyTo(const Convey::Message& request, const char* type,
@@ -130,8 +130,9 @@ private:
     void postWithEnd(const Convey::Message& request, Convey::Message& result, bool& sent);
     void requestProcessed(Convey::Message& message);
     const char* prepare(Convey::Message& message, Convey::Message::Text& text);
-    bool handOver(const Convey::Message& message, const InterAppStream& stream,
-                  Convey::Message::Text& text, int32_t timeoutMilliseconds, uint32_t waitSeconds);
+    platform::SendResult handOver(const Convey::Message& message, const InterAppStream& stream,
+                                  Convey::Message::Text& text, int32_t timeoutMilliseconds,
+                                  uint32_t waitSeconds);
     bool deliverLocally(const Convey::Message& message);
     std::unique_ptr<Takers::Sending> beginSending(std::optional<AwaitedRequest> request);
     void watchTaker(platform::TargetWatch& taker) const;

@@ -26,6 +26,7 @@
 namespace ScObjects::ConveyData {
 namespace {
 
+using platform::SendResult;
 using Message = Convey::Message;
 using Specifier = Convey::Specifier;
 
@@ -83,8 +84,9 @@ bool PrivateData::sendAtOnce(Message& message) {
     }
     watchTime(message); // before it is sent, as below
     const auto stream = this->stream();
-    if (!deliverLocally(message) && (stream == nullptr || !outbox_.isFree(message.getTarget()) ||
-                                     !handOver(message, *stream, text, 0, 0))) {
+    if (!deliverLocally(message) &&
+        (stream == nullptr || !outbox_.isFree(message.getTarget()) ||
+         handOver(message, *stream, text, 0, 0) != SendResult::delivered)) {
         unwatchTime(message.getSerialNumber());
         return false;
     }
@@ -274,39 +276,44 @@ Delivery PrivateData::deliver(const Message& message, Message::Text& text, bool 
     const int64_t end = platform::monotonicNow() + InterAppStream::kSendTimeoutMilliseconds;
     std::optional<Occupations::Entry> sending(std::in_place, occupations_,
                                               Occupations::Kind::sending, message);
+    bool isAbsent = false;
     // Behind those that wait for the target already: none is overtaken. What may not be queued
     // waits for these, too.
-    if (stream != nullptr &&
-        (mayLaunch ? outbox_.isFree(target)
-                   : outbox_.drain(*stream, target, end - platform::monotonicNow()))) {
-        const auto left =
-            static_cast<int32_t>(std::max<int64_t>(end - platform::monotonicNow(), 0));
-        if (handOver(message, *stream, text, left, waitSeconds)) {
-            return Delivery::delivered;
+    if (stream != nullptr && (!mayLaunch || outbox_.isFree(target))) {
+        const auto left = [end] { return std::max<int64_t>(end - platform::monotonicNow(), 0); };
+        SendResult result =
+            mayLaunch ? SendResult::delivered : outbox_.drain(*stream, target, left());
+        if (result == SendResult::delivered) {
+            result = handOver(message, *stream, text, static_cast<int32_t>(left()), waitSeconds);
+            if (result == SendResult::delivered) {
+                return Delivery::delivered;
+            }
         }
+        isAbsent = result == SendResult::noReceiver;
     }
     sending.reset(); // from here on it is kept, or told to be refused
     if (!mayLaunch) {
-        sendError(message, CV_ERROR_NOT_LAUNCHED, CV_CODE_NOT_SENT, waitSeconds);
+        sendError(message, CV_ERROR_NOT_LAUNCHED, CV_CODE_NOT_SENT, waitSeconds, isAbsent);
         return Delivery::refused;
     }
     return queueForLaunch(message, waitSeconds, launchParameters);
 }
 
-bool PrivateData::handOver(const Message& message, const InterAppStream& stream,
-                           Message::Text& text, int32_t timeoutMilliseconds, uint32_t waitSeconds) {
+SendResult PrivateData::handOver(const Message& message, const InterAppStream& stream,
+                                 Message::Text& text, int32_t timeoutMilliseconds,
+                                 uint32_t waitSeconds) {
     // The instance of this process that was to have it may have gone meanwhile.
     if (text.length() == 0 && !text.write(message)) {
-        return false;
+        return SendResult::failed;
     }
     const auto sending = beginSending(AwaitedRequest::of(message, waitSeconds));
-    if (sending != nullptr
-            ? !sending->send(stream, text, timeoutMilliseconds)
-            : !stream.send(message.getTarget(), text.pieces(), timeoutMilliseconds, nullptr)) {
-        return false;
+    const SendResult result = sending != nullptr ? sending->send(stream, text, timeoutMilliseconds)
+                                                 : stream.send(message.getTarget(), text.pieces(),
+                                                               timeoutMilliseconds, nullptr);
+    if (result == SendResult::delivered) {
+        logEvent("SEND", message);
     }
-    logEvent("SEND", message);
-    return true;
+    return result;
 }
 
 // A request that has no answer yet belongs to the instance that asked. Null for none, and when the
@@ -347,7 +354,7 @@ Delivery PrivateData::queueForLaunch(const Message& message, uint32_t waitSecond
             ConveyUtils::launchResolved(
                 target, launchParameters != nullptr ? launchParameters->c_str() : "", 0,
                 *context) != 1) {
-            sendError(message, CV_ERROR_LAUNCH_FAILED, CV_CODE_NOT_SENT, waitSeconds);
+            sendError(message, CV_ERROR_LAUNCH_FAILED, CV_CODE_NOT_SENT, waitSeconds, true);
             return Delivery::refused;
         }
         logEvent("LAUNCHING TARGET", message);
@@ -426,12 +433,16 @@ bool PrivateData::sendResult(const Message& request, const SoString& result) {
     return reply != nullptr && post(std::move(reply)) != Delivery::refused;
 }
 
+// `isAbsent`: nobody had the target's name then. Who is told may find it running again by now.
 void PrivateData::sendError(const Message& request, const char* text, int32_t code,
-                            uint32_t waitSeconds) {
+                            uint32_t waitSeconds, bool isAbsent) {
     auto answer = std::make_unique<Message>();
     answer->setError(request.getSerialNumber());
     answer->setBody(SoString(text));
     answer->setHeader(CV_ERROR_CODE, static_cast<long>(code));
+    if (isAbsent) {
+        answer->setHeader(CV_ERROR_TARGET, CV_TARGET_ABSENT);
+    }
     if (sendResponse(request, CV_WANTS_ERROR, std::move(answer))) {
         traffic_.noteErrorTold();
     }

@@ -142,7 +142,7 @@ private:
     enum class State : uint8_t { open, telling, told };
     class Handler;
 
-    Outcome::Kind kindOfNotSent(const SoString& text) const;
+    Outcome::Kind kindOfNotSent(const Message& error) const;
     void begin(Message& message);
 
     const std::shared_ptr<PrivateData> instance_;
@@ -232,13 +232,16 @@ bool Asked::trySend(Message& message, Functions& functions) noexcept {
     return goesOn;
 }
 
-// The errors of one's own layer are told by their texts; the words are its own, as the code is.
-Outcome::Kind Asked::kindOfNotSent(const SoString& text) const {
+// The errors of one's own layer are told by their texts; the words are its own, as the code is. Who
+// could not send knows best whether somebody was there: by now another may be.
+Outcome::Kind Asked::kindOfNotSent(const Message& error) const {
+    const SoString& text = error.getBody();
     if (text == CV_ERROR_NOT_LAUNCHED || text == CV_ERROR_LAUNCH_FAILED) {
         const Convey::Specifier target(target_.c_str(), true);
-        return target.isRunning()     ? Outcome::kRefused
-               : target.isInstalled() ? Outcome::kNotRunning
-                                      : Outcome::kNotInstalled;
+        const bool wasAbsent = error.getUserHeaderValue(CV_ERROR_TARGET) == CV_TARGET_ABSENT;
+        return !wasAbsent && target.isRunning() ? Outcome::kRefused
+               : target.isInstalled()           ? Outcome::kNotRunning
+                                                : Outcome::kNotInstalled;
     }
     return text == CV_ERROR_INVALID_SPECIFIER || text == CV_ERROR_NO_TEXT ||
                    text == CV_ERROR_TOO_MANY_WAIT
@@ -260,7 +263,7 @@ void Asked::heard(int event, const Message& message) {
     if (event == CV_EVENT_ERROR) {
         const SoString code = message.getUserHeaderValue(CV_ERROR_CODE);
         outcome.code_ = static_cast<int32_t>(std::strtol(code.c_str(), nullptr, 10));
-        outcome.kind_ = outcome.code_ == CV_CODE_NOT_SENT   ? kindOfNotSent(outcome.text_)
+        outcome.kind_ = outcome.code_ == CV_CODE_NOT_SENT   ? kindOfNotSent(message)
                         : outcome.code_ == CV_CODE_REJECTED ? Outcome::kRefused
                                                             : Outcome::kError;
     }

@@ -21,6 +21,7 @@
 namespace ScObjects::ConveyData {
 namespace {
 
+using platform::SendResult;
 using Message = Convey::Message;
 
 constexpr int64_t kPassMilliseconds = limits::of("send.pass");
@@ -183,9 +184,10 @@ Delivery Outbox::handAtOnce(const InterAppStream& stream, const Message& message
     }
     if (next == nullptr) {
         Message::Text text;
-        return !text.write(message)                             ? Delivery::refused
-               : stream.send(target, text.pieces(), 0, nullptr) ? Delivery::delivered
-                                                                : Delivery::queued;
+        return !text.write(message) ? Delivery::refused
+               : stream.send(target, text.pieces(), 0, nullptr) == SendResult::delivered
+                   ? Delivery::delivered
+                   : Delivery::queued;
     }
     SoString both;
     if (!message.writeToString(both) || !next->writeToString(both)) {
@@ -325,8 +327,8 @@ Outbox::Attempt Outbox::nextOf(Turn& turn, Carrier carrier) {
     return next;
 }
 
-bool Outbox::hand(const InterAppStream& stream, Attempt& next, const SoString& target,
-                  int32_t timeoutMilliseconds) const {
+SendResult Outbox::hand(const InterAppStream& stream, Attempt& next, const SoString& target,
+                        int32_t timeoutMilliseconds) const {
     const auto sending = next.request ? begin_(std::move(*next.request)) : nullptr;
     return sending != nullptr
                ? sending->send(stream, next.text, timeoutMilliseconds)
@@ -349,7 +351,8 @@ void Outbox::send(const InterAppStream* stream, Turn& turn, Carrier carrier, int
         }
         if (stream == nullptr || !next.written) {
             (void)queue_.drop(turn.target(), next.position);
-        } else if (hand(*stream, next, target, next.large ? kLargeMilliseconds : 0)) {
+        } else if (hand(*stream, next, target, next.large ? kLargeMilliseconds : 0) ==
+                   SendResult::delivered) {
             (void)queue_.drop(turn.target(), next.position);
             left.sent = true;
             if (next.watched) {
@@ -486,29 +489,32 @@ int64_t Outbox::nextLook() {
     return first < kAliveMilliseconds ? 0 : std::min(first - kAliveMilliseconds, old);
 }
 
-bool Outbox::drain(const InterAppStream& stream, const SoString& target, int64_t milliseconds) {
+SendResult Outbox::drain(const InterAppStream& stream, const SoString& target,
+                         int64_t milliseconds) {
     const int64_t end = platform::monotonicNow() + milliseconds;
     const auto left = [end] { return std::max<int64_t>(end - platform::monotonicNow(), 0); };
     for (bool sentAny = false; !isFree(target); sentAny = true) {
         Turn turn(*this, std::string(target.view()), left());
         if (!turn) {
-            return false;
+            return SendResult::timedOut;
         }
         // As the courier, who takes large texts as well: an owner waits for its own.
         Attempt next = nextOf(turn, Carrier::courier);
-        if (next.found && next.written &&
-            !hand(stream, next, target, static_cast<int32_t>(left()))) {
-            // The line keeps the pause, which the next pass finds there.
-            Left ignored;
-            noteFailure(stream, turn, sentAny, ignored);
-            return isFree(target);
+        if (next.found && next.written) {
+            const SendResult result = hand(stream, next, target, static_cast<int32_t>(left()));
+            if (result != SendResult::delivered) {
+                // The line keeps the pause, which the next pass finds there.
+                Left ignored;
+                noteFailure(stream, turn, sentAny, ignored);
+                return isFree(target) ? SendResult::delivered : result;
+            }
         }
         (void)queue_.drop(turn.target(), next.position);
         if (next.watched && next.written) {
             logEvent("SEND ENQUEUED MESSAGE", *next.copy);
         }
     }
-    return true;
+    return SendResult::delivered;
 }
 
 } // namespace ScObjects::ConveyData

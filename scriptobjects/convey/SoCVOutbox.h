@@ -78,8 +78,9 @@ public:
     Delivery keep(const InterAppStream& stream, std::unique_ptr<Convey::Message>& message);
 
     // The owner's way: makes sure that nothing waits for `target` any more, for at most so many
-    // milliseconds. False when something does.
-    bool drain(const InterAppStream& stream, const SoString& target, int64_t milliseconds);
+    // milliseconds. Else why something does.
+    platform::SendResult drain(const InterAppStream& stream, const SoString& target,
+                               int64_t milliseconds);
     // Whether nothing waits for `target`, so that a send overtakes nothing.
     bool isFree(const SoString& target) const;
     // Queues an owner's message for a target that cannot be reached yet. False, and it stays the
@@ -128,8 +129,8 @@ private:
     bool isDue(const Line& line, Carrier carrier, int64_t now, Left& left) const;
     void send(const InterAppStream* stream, Turn& turn, Carrier carrier, int64_t end, Left& left);
     Attempt nextOf(Turn& turn, Carrier carrier);
-    bool hand(const InterAppStream& stream, Attempt& next, const SoString& target,
-              int32_t timeoutMilliseconds) const;
+    platform::SendResult hand(const InterAppStream& stream, Attempt& next, const SoString& target,
+                              int32_t timeoutMilliseconds) const;
     void noteState(Line& line, int64_t failingSince, bool absent);
     void noteFailure(const InterAppStream& stream, Turn& turn, bool sentAny, Left& left);
     void requeue(const std::string& target);

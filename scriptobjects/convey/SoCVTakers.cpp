@@ -73,17 +73,17 @@ Takers::Sending::~Sending() {
     takers_->abandon(number_, place_);
 }
 
-bool Takers::Sending::send(const InterAppStream& stream, const Convey::Message::Text& text,
-                           int32_t timeoutMilliseconds) {
+platform::SendResult Takers::Sending::send(const InterAppStream& stream,
+                                           const Convey::Message::Text& text,
+                                           int32_t timeoutMilliseconds) {
     std::shared_ptr<TargetWatch> taker;
-    if (!stream.send(target_, text.pieces(), timeoutMilliseconds, &taker)) {
-        return false;
-    }
+    const platform::SendResult result =
+        stream.send(target_, text.pieces(), timeoutMilliseconds, &taker);
     // Watched with no lock held: that goes to the background thread.
     if (taker != nullptr && takers_->taken(number_, place_, taker)) {
         watch_(*taker);
     }
-    return true;
+    return result;
 }
 
 Takers::Takers() = default;

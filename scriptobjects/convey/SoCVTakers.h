@@ -62,8 +62,8 @@ public:
         Sending& operator=(const Sending&) = delete;
 
         // As the stream's send; what was delivered is its taker's.
-        bool send(const InterAppStream& stream, const Convey::Message::Text& text,
-                  int32_t timeoutMilliseconds);
+        platform::SendResult send(const InterAppStream& stream, const Convey::Message::Text& text,
+                                  int32_t timeoutMilliseconds);
 
     private:
         const std::shared_ptr<Takers> takers_;

@@ -63,6 +63,10 @@ inline constexpr const char* CV_RECEIVED = "Received";
 inline constexpr const char* CV_RESULT = "Result";
 inline constexpr const char* CV_ERROR = "Error";
 inline constexpr const char* CV_ERROR_CODE = "Error-Code";
+// Of an error that says that a request was not sent: "ISNOTRUNNING" when nobody had the target's
+// name then.
+inline constexpr const char* CV_ERROR_TARGET = "Error-Target";
+inline constexpr const char* CV_TARGET_ABSENT = "ISNOTRUNNING";
 inline constexpr const char* CV_VERSION = "@CV>Version";
 // Which life of the asking process a request is of, and what answers it: serial numbers begin with
 // 1 in each, so without it a late answer would pass for one to the successor. 16 hexadecimal

@@ -225,12 +225,13 @@ bool MacInterAppStream::send(const SoString& target, const SoString& text,
                                                  &taker) == platform::SendResult::delivered;
 }
 
-bool MacInterAppStream::send(const SoString& target, const platform::PortPieces& text,
-                             int32_t timeoutMilliseconds,
-                             std::shared_ptr<platform::TargetWatch>* taker) const {
-    return isGood() &&
-           platform::MessagePorts::system().send(portName(target), text, timeoutMilliseconds,
-                                                 taker) == platform::SendResult::delivered;
+platform::SendResult MacInterAppStream::send(const SoString& target,
+                                             const platform::PortPieces& text,
+                                             int32_t timeoutMilliseconds,
+                                             std::shared_ptr<platform::TargetWatch>* taker) const {
+    return isGood() ? platform::MessagePorts::system().send(portName(target), text,
+                                                            timeoutMilliseconds, taker)
+                    : platform::SendResult::failed;
 }
 
 bool MacInterAppStream::canOpen(const SoString& name, bool /*flag*/) const {

@@ -10,6 +10,7 @@
 #include "scriptobjects/stream/BaseInterAppStream.h"
 
 namespace platform {
+enum class SendResult;
 class LocalPort;
 class PortWait;
 class PollSignal;
@@ -83,9 +84,10 @@ public:
     bool waitForMessage(int32_t timeoutMilliseconds, bool soon) const;
 
     // A text in pieces; `taker`, where it is not null, as above. What is large is sent from where
-    // it is.
-    bool send(const SoString& target, const platform::PortPieces& text, int32_t timeoutMilliseconds,
-              std::shared_ptr<platform::TargetWatch>* taker) const;
+    // it is. `failed` also when the stream is not good.
+    platform::SendResult send(const SoString& target, const platform::PortPieces& text,
+                              int32_t timeoutMilliseconds,
+                              std::shared_ptr<platform::TargetWatch>* taker) const;
 
     // Takes the text that arrived first, its NUL bytes still in it; null when none has been drawn.
     [[nodiscard]] std::unique_ptr<DataRef> take();

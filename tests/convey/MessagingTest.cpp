@@ -140,6 +140,13 @@ TEST_F(MessagingTest, everyRequestHasOneOutcome) {
         }
         EXPECT_EQ(shown(request.wait()), c.expected) << c.target;
     }
+    // What it was when it was sent counts, and not who has come since.
+    auto tooEarly = asker.request("absent-1.0", "x").future();
+    std::optional<InterAppStream> started(std::in_place, "absent-1.0");
+    pumpAll();
+    ASSERT_EQ(tooEarly.wait_for(std::chrono::seconds(0)), std::future_status::ready);
+    EXPECT_EQ(shown(tooEarly.get()), targets[0].expected);
+    started.reset();
     EXPECT_EQ(shown(asker.request("other-2.0", "x").type("unknown").wait()),
               "error 64 ERROR: NOT ANSWERED")
         << "the function for plain messages is that for all without one";

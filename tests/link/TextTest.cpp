@@ -80,18 +80,22 @@ TEST(TextTest, failsARequestWithWhatWasAskedForAndNoMore) {
     const struct {
         const char* wanted;
         int32_t code;
+        const char* text;
         std::vector<std::string> types;
+        const char* where = "";
     } cases[] = {
-        {"Result Error Processed", 62, {"Error", "Processed"}},
-        {"Result Error Timeout", 0, {"Timeout"}},
-        {"Result", 62, {}},
-        {"", 0, {}},
+        {"Result Error Processed", 62, "ERROR: TARGET HAS ENDED", {"Error", "Processed"}},
+        {"Error", 59, "ERROR: LAUNCHING IS SUPPRESSED", {"Error"}, "ISNOTRUNNING"},
+        {"Error", 59, "ERROR: TOO MANY MESSAGES WAIT", {"Error"}},
+        {"Result Error Timeout", 0, "", {"Timeout"}},
+        {"Result", 62, "ERROR: TARGET HAS ENDED", {}},
+        {"", 0, "", {}},
     };
     for (const auto& one : cases) {
         std::vector<std::string> types;
         for (const std::string& reply :
              failure({"diary-1.0", "lumen-2.0", "5", "00000000000000ff", one.wanted}, one.code,
-                     "ERROR: TARGET HAS ENDED")) {
+                     one.text)) {
             const Convey::Message read = layerReads(reply);
             types.emplace_back(read.getType().view());
             EXPECT_EQ(read.getTarget(), "diary-1.0");
@@ -99,8 +103,9 @@ TEST(TextTest, failsARequestWithWhatWasAskedForAndNoMore) {
             EXPECT_EQ(read.getSerialNumber(), 5U);
             EXPECT_EQ(read.getAskersLife(), 255U);
             if (read.getType() == "Error") {
-                EXPECT_EQ(read.getUserHeaderValue("Error-Code"), "62");
-                EXPECT_EQ(read.getBody(), "ERROR: TARGET HAS ENDED");
+                EXPECT_EQ(read.getUserHeaderValue("Error-Code"), std::to_string(one.code).c_str());
+                EXPECT_EQ(read.getUserHeaderValue("Error-Target"), one.where);
+                EXPECT_EQ(read.getBody(), one.text);
             }
         }
         EXPECT_EQ(types, one.types) << one.wanted;

@@ -198,7 +198,7 @@ TEST_F(PortSealsTest, aStreamChecksTheDigestsOfLargeMessagesAsTheyArrive) {
                 (void)pieces.sealed();
                 pieces.body = body;
             }
-            ASSERT_TRUE(stream.send("app-1.0", pieces, 20'000, nullptr));
+            ASSERT_EQ(stream.send("app-1.0", pieces, 20'000, nullptr), SendResult::delivered);
             ASSERT_TRUE(stream.waitForMessage(20'000, false));
             const auto arrived = stream.take();
             ASSERT_NE(arrived, nullptr);
