@@ -1,8 +1,6 @@
 #include "caps/include/ovrel_caps.h"
 
 #include <dlfcn.h>
-#include <gtest/gtest.h>
-#include <string>
 #include <thread>
 #include <unistd.h>
 #include <vector>

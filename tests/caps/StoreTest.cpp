@@ -1,9 +1,7 @@
 #include "caps/Store.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <memory>
-#include <string>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>

@@ -1,7 +1,3 @@
-#include <filesystem>
-#include <fstream>
-#include <gtest/gtest.h>
-#include <string>
 
 #include "caps/Schema.h"
 #include "caps/Store.h"

@@ -1,9 +1,6 @@
 // Contexts and the instances in them.
-#include <gtest/gtest.h>
 #include <memory>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "scriptobjects/convey/SoCVContext.h"
 #include "tests/convey/EngineFixture.h"

@@ -1,9 +1,6 @@
 #pragma once
 
-#include <gtest/gtest.h>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "platform/fake/Fakes.h"
 #include "scriptobjects/convey/SoCVInstance.h"

@@ -1,11 +1,6 @@
 // Messages within one process and over its ports: who handles them, in which order, what is
 // refused.
-#include <atomic>
-#include <chrono>
 #include <memory>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "limits/Limits.h"
 #include "tests/convey/EngineFixture.h"

@@ -1,12 +1,8 @@
-#include <atomic>
 #include <csignal>
-#include <functional>
 #include <future>
-#include <gtest/gtest.h>
 #include <memory>
 #include <poll.h>
 #include <pthread.h>
-#include <string>
 #include <thread>
 #include <unistd.h>
 

@@ -1,15 +1,11 @@
 // Replies that are given later, and the messenger, within one process.
-#include <atomic>
 #include <coroutine>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "adapters/ConveyAwait.h"
 #include "scriptobjects/convey/SoConvey.h"

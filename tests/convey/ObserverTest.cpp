@@ -1,10 +1,7 @@
 // What an instance tells those that watch it.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <memory>
 #include <mutex>
-#include <string>
-#include <vector>
 
 #include "tests/convey/EngineFixture.h"
 

@@ -1,11 +1,7 @@
 // How the layer starts and ends.
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <string>
-#include <thread>
 #include <unistd.h>
 
 #include "platform/fake/Fakes.h"

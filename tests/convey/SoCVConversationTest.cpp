@@ -1,14 +1,8 @@
 // What becomes of a request: which handler hears which answer, how a wait ends, and that threads,
 // depths and exceptions change nothing about it.
-#include <atomic>
-#include <chrono>
-#include <functional>
-#include <gtest/gtest.h>
 #include <memory>
 #include <stdexcept>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "limits/Limits.h"
 #include "platform/fake/Fakes.h"

@@ -1,8 +1,5 @@
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "platform/fake/Fakes.h"
 #include "scriptobjects/convey/SoCVInstance.h"

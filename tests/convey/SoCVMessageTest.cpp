@@ -1,8 +1,5 @@
 #include <algorithm>
-#include <gtest/gtest.h>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "tests/convey/MessageFixture.h"
 #include "tests/support/TemporaryFolder.h"

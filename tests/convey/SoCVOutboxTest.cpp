@@ -1,13 +1,8 @@
-#include <atomic>
-#include <chrono>
 #include <cstdlib>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <memory>
 #include <optional>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "limits/Limits.h"
 #include "platform/fake/Fakes.h"

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <mutex>
-#include <string>
 
 #include "platform/fake/Fakes.h"
 #include "scriptobjects/convey/SoCVMessage.h"

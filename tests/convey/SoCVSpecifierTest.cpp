@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "platform/fake/Fakes.h"
 #include "tests/support/TableConnector.h"

@@ -1,11 +1,6 @@
-#include <cstdlib>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <string>
 #include <sys/stat.h>
 #include <thread>
-#include <unistd.h>
-#include <vector>
 
 #include "platform/fake/Fakes.h"
 #include "scriptobjects/convey/SoCVUtils.h"

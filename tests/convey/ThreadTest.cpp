@@ -1,9 +1,4 @@
 // The background thread: its table, pings, and when it makes its rounds.
-#include <atomic>
-#include <gtest/gtest.h>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "limits/Limits.h"
 #include "scriptobjects/convey/SoCVThread.h"

@@ -2,10 +2,8 @@
 
 #include <clocale>
 #include <cmath>
-#include <cstdlib>
 #include <gtest/gtest.h>
 #include <random>
-#include <string>
 
 #include "scriptobjects/core/SoString.h"
 #include "tests/support/TemporaryFolder.h"

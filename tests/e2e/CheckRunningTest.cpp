@@ -1,16 +1,6 @@
-#include <atomic>
-#include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <memory>
 #include <signal.h>
-#include <string>
 #include <sys/stat.h>
-#include <thread>
-#include <vector>
 
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoConvey.h"

@@ -1,11 +1,6 @@
 #pragma once
 
-#include <cstdlib>
-#include <gtest/gtest.h>
-#include <memory>
 #include <nlohmann/json.hpp>
-#include <string>
-#include <vector>
 
 #include "tests/e2e/Scene.h"
 

@@ -1,20 +1,8 @@
-#include <algorithm>
 #include <cctype>
-#include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <map>
-#include <memory>
-#include <nlohmann/json.hpp>
 #include <set>
-#include <sstream>
-#include <string>
-#include <vector>
 
 #include "tests/e2e/ConveyToolFixture.h"
 #include "tests/support/Session.h"

@@ -1,14 +1,6 @@
 #include <array>
-#include <chrono>
 #include <csignal>
-#include <cstdlib>
-#include <filesystem>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <memory>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "platform/Desktop.h"
 #include "platform/Processes.h"

@@ -1,6 +1,5 @@
 // What an asker is told when the process that took its request ends.
 #include <csignal>
-#include <map>
 #include <poll.h>
 
 #include "limits/Limits.h"

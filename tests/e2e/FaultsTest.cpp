@@ -1,19 +1,9 @@
 // What the system below takes away: disk, home, database, port folder.
-#include <chrono>
-#include <cstdlib>
 #include <fcntl.h>
-#include <filesystem>
-#include <fstream>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <map>
-#include <memory>
-#include <string>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
-#include <vector>
 
 #include "scriptobjects/convey/SoConvey.h"
 #include "tests/e2e/Scene.h"

@@ -1,12 +1,8 @@
 // What the tool says of applications that hang.
-#include <algorithm>
 #include <cctype>
 #include <csignal>
 #include <cstring>
-#include <filesystem>
 #include <gmock/gmock.h>
-#include <map>
-#include <sstream>
 
 #include "tests/e2e/ConveyToolFixture.h"
 

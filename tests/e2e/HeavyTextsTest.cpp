@@ -1,7 +1,6 @@
 // What neighbours send, at its worst: it costs a process no more than its bounds, keeps nobody else
 // out, and keeps it from answering pings for a moment only.
 #include <csignal>
-#include <fstream>
 #include <functional>
 #include <sys/wait.h>
 #include <unistd.h>

@@ -1,8 +1,5 @@
 // Processes with nothing to do sleep, and what ends their sleep.
 #include <csignal>
-#include <filesystem>
-#include <fstream>
-#include <map>
 #include <sys/syscall.h>
 #include <unistd.h>
 

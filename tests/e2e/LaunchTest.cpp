@@ -1,16 +1,7 @@
-#include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <dlfcn.h>
-#include <filesystem>
-#include <fstream>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <memory>
-#include <string>
 #include <sys/stat.h>
-#include <thread>
-#include <vector>
 
 #include "tests/e2e/Scene.h"
 

@@ -1,10 +1,7 @@
 #include <algorithm>
 #include <csignal>
-#include <filesystem>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
-#include <string>
-#include <vector>
 
 #include "caps/Store.h"
 #include "tests/support/Process.h"

@@ -1,8 +1,6 @@
 // What the tool shows of messages between others.
 #include <csignal>
 #include <gmock/gmock.h>
-#include <map>
-#include <sstream>
 
 #include "tests/e2e/ConveyToolFixture.h"
 

@@ -1,15 +1,7 @@
-#include <chrono>
-#include <cstdlib>
 #include <fcntl.h>
-#include <filesystem>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <memory>
 #include <signal.h>
-#include <string>
-#include <thread>
 #include <unistd.h>
-#include <vector>
 
 #include "tests/e2e/Scene.h"
 

@@ -1,8 +1,6 @@
-#include <cstdlib>
 #include <gtest/gtest.h>
 #include <random>
 #include <set>
-#include <string>
 #include <vector>
 
 #include "caps/Reading.h"

@@ -1,7 +1,6 @@
 // Requests and replies between processes, by the messenger: what becomes of a request, whatever
 // its target does with the reply.
 #include <csignal>
-#include <map>
 
 #include "scriptobjects/convey/SoConvey.h"
 #include "tests/e2e/Scene.h"

@@ -2,12 +2,9 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdlib>
 #include <gtest/gtest.h>
 #include <memory>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "tests/support/Process.h"
 #include "tests/support/TemporaryFolder.h"

@@ -1,9 +1,7 @@
 // A process whose askers take no answers: what it owes them must cost nobody else anything.
 #include <csignal>
 #include <fcntl.h>
-#include <functional>
 #include <poll.h>
-#include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
 

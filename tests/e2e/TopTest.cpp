@@ -1,16 +1,11 @@
-#include <chrono>
 #include <csignal>
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <memory>
 #include <nlohmann/json.hpp>
 #include <pty.h>
-#include <string>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <vector>
 
 #include "tests/e2e/Scene.h"
 

@@ -1,6 +1,5 @@
 // Two machines of one realm: a runtime folder, a home and a database each, joined by a server.
 #include <csignal>
-#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sys/stat.h>

@@ -1,22 +1,11 @@
 #include <chrono>
-#include <cstdlib>
-#include <fcntl.h>
-#include <filesystem>
-#include <functional>
-#include <gtest/gtest.h>
 #include <memory>
 #include <sched.h>
 #include <set>
-#include <string>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
-#include <vector>
 
 #include "limits/Limits.h"
 #include "platform/fake/Fakes.h"

@@ -1,12 +1,9 @@
 #pragma once
 
 #include <csignal>
-#include <cstdlib>
 #include <fcntl.h>
-#include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
-#include <string>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>

@@ -1,16 +1,11 @@
 // Who has the name of a port: races, forks, ends of all kinds, and what is left of files and
 // descriptors.
 #include <chrono>
-#include <cstdlib>
-#include <filesystem>
 #include <memory>
 #include <set>
-#include <string>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <thread>
-#include <unistd.h>
-#include <vector>
 
 #include "tests/platform/PortFixture.h"
 

@@ -1,13 +1,8 @@
 // Texts whose digest is made while they are under way.
 #include <cstdint>
-#include <cstdlib>
-#include <filesystem>
-#include <gtest/gtest.h>
 #include <memory>
-#include <string>
 #include <string_view>
 #include <thread>
-#include <utility>
 
 #include "platform/MessagePort.h"
 #include "scriptobjects/convey/SoCVMessage.h"

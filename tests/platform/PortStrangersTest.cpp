@@ -1,19 +1,8 @@
 // Neighbours that keep no rule: other users, and this user's own processes.
 #include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <functional>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <memory>
-#include <string>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
-#include <vector>
 
 #include "limits/Limits.h"
 #include "tests/platform/PortFixture.h"

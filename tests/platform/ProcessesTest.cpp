@@ -3,15 +3,11 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <filesystem>
 #include <functional>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <map>
-#include <string>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>

@@ -1,16 +1,10 @@
 #include <algorithm>
 #include <chrono>
-#include <csignal>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <gtest/gtest.h>
 #include <malloc.h>
 #include <map>
-#include <string>
 #include <sys/resource.h>
 #include <thread>
-#include <vector>
 
 #include "limits/Limits.h"
 #include "platform/LargeHeap.h"

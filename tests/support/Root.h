@@ -2,7 +2,6 @@
 
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <string>
 #include <unistd.h>
 
 #include "tests/support/Process.h"

@@ -1,5 +1,4 @@
 // Every test program runs with a home and a port folder of its own, never the user's.
-#include <cstdlib>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 

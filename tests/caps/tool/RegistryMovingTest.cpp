@@ -1,8 +1,4 @@
-#include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
-#include <string>
-#include <vector>
 
 #include "caps/Store.h"
 #include "caps/tool/DropIns.h"

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 #include <random>
-#include <sstream>
-#include <string>
 #include <sys/stat.h>
 #include <vector>
 
