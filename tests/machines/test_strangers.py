@@ -2,12 +2,13 @@
 
 from __future__ import annotations
 
+import re
 import shutil
 import sys
 import threading
 
 from conftest import LUMEN, OFFER, USE, Pair, knows
-from world import HERE, Certificates, Machine, Process, World, eventually
+from world import HERE, Certificates, Machine, Process, Word, World, eventually
 
 
 def starts(machine: Machine, rest: str = "", **changes: str) -> Process:
@@ -97,28 +98,88 @@ def test_garbage_on_the_subjects(pair: Pair) -> None:
     assert pair.workshop_link.process.poll() is None and pair.desk_link.process.poll() is None
 
 
-def test_the_permissions_of_the_example(world: World) -> None:
-    """What each of the realm may not say or hear."""
-    said = by_hand(world["desk"], "SUB convey.studio.workshop.* 1\\r\\n", "SUB convey.> 2\\r\\n", "SUB _INBOX.> 3\\r\\n",
-                   frame("convey.studio.workshop.attic", b"x"), frame("convey.studio.desk.workshop", b"x"),
-                   frame("convey.gallery.front.desk", b"x"), frame("$SYS.REQ.SERVER.PING", b"x"),
-                   # With a stream or a consumer of its own it could hear what is meant for others.
-                   frame("$JS.API.STREAM.CREATE.own", b"{}"), frame("$JS.API.STREAM.MSG.GET.own", b"{}"),
-                   frame("$JS.API.CONSUMER.CREATE.own", b"{}"), frame("$JS.API.CONSUMER.DURABLE.CREATE.own.desk", b"{}"),
-                   frame("$JS.ACK.own.workshop.1.1.1.1.0", b"+ACK"), frame("convey.studio.workshop.keep.attic", b"x"),
-                   "SUB convey.studio.workshop.kept.from 4\r\n")
-    assert said.count("Permissions Violation") == 14
+NAMES = ("desk", "workshop", "attic")
+
+
+def others(name: str) -> list[str]:
+    return [one for one in NAMES if one != name]
+
+
+def stream(name: str) -> str:
+    return f"convey=studio={name}"
+
+
+def keep(world: World, *senders: str) -> None:
+    """Has the keeper make the streams of these, for all others: it sits where the attic's link does not run yet."""
+    attic = world["attic"]
+    attic.keys("keeper@studio")
+    file = attic.configure(name='"keeper"')
+    for name in senders:
+        store: list[Word] = ["convey-link", "store", file, name, *others(name)]
+        eventually("the servers make a stream", lambda: "wait in" in attic.run(*store, status=None))
+    shutil.rmtree(attic.keys())
+
+
+def theirs(me: str) -> list[str]:
+    """What one of the realm tries, of what belongs to others or to nobody."""
+    tries = [*(f"SUB {subject}" for subject in ("convey.>", "_INBOX.>", "$JS.>", "$SYS.>")),
+             *(f"PUB {subject}" for subject in (
+                 "convey.gallery.front." + me, "$SYS.REQ.SERVER.PING", "$JS.API.INFO", "$JS.API.STREAM.LIST",
+                 # With a stream or a consumer of its own it could hear what is meant for others.
+                 "$JS.API.STREAM.CREATE.own", "$JS.API.CONSUMER.DURABLE.CREATE.own." + me))]
+    for other in others(me):
+        third, kept = others(me)[other == others(me)[0]], stream(other)
+        tries += [f"SUB convey.studio.{other}.{what}" for what in ("*", "absent.*", "kept.from", "kept.told.*", "keep.*")]
+        tries += [f"PUB convey.studio.{to}{by}.{other}" for to in (me, third) for by in ("", ".keep")]
+        tries += [f"PUB $JS.API.{what}" for what in (
+            f"STREAM.INFO.{kept}", f"STREAM.MSG.GET.{kept}", f"DIRECT.GET.{kept}", f"STREAM.SNAPSHOT.{kept}",  # reads it
+            f"STREAM.PURGE.{kept}", f"STREAM.MSG.DELETE.{kept}", f"STREAM.DELETE.{kept}", f"STREAM.UPDATE.{kept}",
+            f"CONSUMER.CREATE.{kept}", f"CONSUMER.CREATE.{kept}.{me}", f"CONSUMER.DURABLE.CREATE.{kept}.{me}",
+            f"CONSUMER.MSG.NEXT.{kept}.{third}", f"CONSUMER.INFO.{kept}.{third}", f"CONSUMER.DELETE.{kept}.{third}")]
+        tries += [f"PUB $JS.ACK.{kept}.{third}.1.1.1.1.0"]
+    return tries
+
+
+def test_each_of_the_realm_has_its_own_and_nothing_of_the_others(world: World) -> None:
+    """By the example's permissions, and with streams in which something lies."""
+    keep(world, *NAMES)
+    kept = r'MSG convey\.studio\.%s\.kept\.told\.%s 3 +\d+\n{"stream":"convey=studio=%s", *"seq":\d'
+    for me in NAMES:
+        own = [*(f"SUB convey.studio.{me}.{what}\\r\\n" for what in ("* 1", "absent.* 2", "kept.> 3")),
+               "wait 0.5"]  # until all servers know where answers go
+        for other in others(me):
+            own += [frame(f"convey.studio.{other}.{me}", b"x"),
+                    frame(f"convey.studio.{other}.keep.{me} convey.studio.{me}.kept.told.{other}", b"x"),
+                    frame(f"$JS.API.CONSUMER.INFO.{stream(other)}.{me} convey.studio.{me}.kept.clock.{other}", b""),
+                    frame(f"$JS.ACK.{stream(other)}.{me}.1.99.99.1.0", b"+ACK")]
+        said = by_hand(world[me], *own, "wait 2")
+        assert "-ERR" not in said, said
+        for other in others(me):
+            assert re.search(kept % (me, other, me), said), said
+            assert f'"stream_name":"{stream(other)}","name":"{me}"' in said, said
+
+    def state() -> dict[str, tuple[int, list[str]]]:
+        """What each stream holds, and for whom."""
+        page = world.monitor(1, "jsz?accounts=true&streams=true&consumers=true")
+        return {one["name"]: (one["state"]["messages"], sorted(all["name"] for all in one["consumer_detail"]))
+                for account in page["account_details"] for one in account["stream_detail"]}
+
+    expected = {stream(name): (2, sorted(others(name))) for name in NAMES}
+    eventually("each stream holds what its sender has given", lambda: state() == expected)
+    for me in NAMES:
+        tries = theirs(me)
+        said = by_hand(world[me], *(f"{one} {number}\\r\\n" if one.startswith("SUB") else frame(one[4:], b"{}")
+                                    for number, one in enumerate(tries)))
+        refused = re.findall(r'Permissions Violation for (\S+) to "([^"]+)"', said)
+        assert sorted(f"{kind[:3].upper()} {subject}" for kind, subject in refused) == sorted(tries)
+    assert state() == expected
 
 
 def test_answers_that_another_has_the_servers_give(pair: Pair) -> None:
     """Who asks the servers says where they answer: also where another link is told that nobody is
     there, or that a disk has its request."""
     desk, attic = pair.desk, pair.world["attic"]
-    attic.keys("keeper@studio")
-    store = ("convey-link", "store", attic.configure(name='"keeper"'), "attic", "workshop")
-    eventually("the servers make a stream", lambda: "wait in" in attic.run(*store, status=None))
-    shutil.rmtree(attic.keys())
-    attic.keys()
+    keep(pair.world, "attic")
     pair.target()
     pair.workshop_link = pair.workshop.join(OFFER)
     pair.desk_link = desk.join(USE + "durable = true\n")  # but there is no stream of the desk's
