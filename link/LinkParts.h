@@ -130,4 +130,7 @@ struct Link::ForeignPing {
     int64_t until = 0;
 };
 
+// As people read it, and programs in the status.
+const char* word(AppState state);
+
 } // namespace convey_link
