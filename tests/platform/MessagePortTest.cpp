@@ -8,7 +8,6 @@
 #include <thread>
 
 #include "limits/Limits.h"
-#include "platform/fake/Fakes.h"
 #include "tests/platform/PortFixture.h"
 
 namespace {
@@ -105,8 +104,7 @@ TEST_F(MessagePortTest, keepsTheContract) {
 }
 
 TEST_F(MessagePortTest, carriesTextsOfEverySize) {
-    const auto port = ports.open(kName);
-    ASSERT_NE(port, nullptr);
+    const auto port = opened();
     for (const size_t size :
          {size_t{0}, size_t{1}, size_t{1023}, size_t{1025}, size_t{65535}, size_t{65536},
           size_t{65537}, (size_t{1} << 20) - 1, (size_t{1} << 20) + 1, size_t{16} << 20,
@@ -126,8 +124,7 @@ TEST_F(MessagePortTest, carriesTextsOfEverySize) {
 // The first packet of a large text stays a piece of its own, however its sender has cut it, and
 // both together are the text.
 TEST_F(MessagePortTest, aTextComesInThePiecesOfItsSender) {
-    const auto port = ports.open(kName);
-    ASSERT_NE(port, nullptr);
+    const auto port = opened();
     std::string text;
     for (int i = 0; text.size() < 200'000; ++i) {
         text += std::to_string(i) + " ";
@@ -159,8 +156,7 @@ TEST_F(MessagePortTest, aTextComesInThePiecesOfItsSender) {
 }
 
 TEST_F(MessagePortTest, aSenderThatDiesAnywhereLeavesNoPart) {
-    const auto port = ports.open(kName);
-    ASSERT_NE(port, nullptr);
+    const auto port = opened();
     // A whole text, then a large one in packets, cut off behind each of them.
     const std::string part(30'000, 'p');
     const std::vector<std::string> announced = {packet("whole"), header(2, 3 * part.size()), part,
@@ -201,8 +197,7 @@ TEST_F(MessagePortTest, aSenderThatDiesAnywhereLeavesNoPart) {
 }
 
 TEST_F(MessagePortTest, readsAClosedConnectionBeforeItsSuccessor) {
-    const auto port = ports.open(kName);
-    ASSERT_NE(port, nullptr);
+    const auto port = opened();
     std::vector<std::string> sent;
     // More than one visit reads, before the receiver has seen any of the connections.
     for (int connection = 0; connection < 3; ++connection) {
@@ -217,8 +212,7 @@ TEST_F(MessagePortTest, readsAClosedConnectionBeforeItsSuccessor) {
 }
 
 TEST_F(MessagePortTest, whatIsHeldBackWaitsAndOthersAreServed) {
-    const auto port = ports.open(kName);
-    ASSERT_NE(port, nullptr);
+    const auto port = opened();
     const auto send = [&](const std::string& text) {
         return ports.send(kName, text, kGenerous) == SendResult::delivered ? 0 : 1;
     };
@@ -246,8 +240,7 @@ TEST_F(MessagePortTest, whatIsHeldBackWaitsAndOthersAreServed) {
 // Whoever waits for the last words of a process that has ended must neither miss them nor wait for
 // what others send.
 TEST_F(MessagePortTest, knowsWhenAllThatAProcessHadSentWasTaken) {
-    const auto port = ports.open(kName);
-    ASSERT_NE(port, nullptr);
+    const auto port = opened();
     const auto send = [&](const char* text) {
         EXPECT_EQ(ports.send(kName, text, kGenerous), SendResult::delivered);
     };
@@ -313,8 +306,7 @@ TEST_F(MessagePortTest, sendersToOneNameTakeTurnsAndDoNotHoldOthers) {
 }
 
 TEST_F(MessagePortTest, largeTextsThatAreBrokenOffDoNotPileUp) {
-    const auto port = ports.open(kName);
-    ASSERT_NE(port, nullptr);
+    const auto port = opened();
     EXPECT_EQ(ports.send(kName, "whole", kGenerous), SendResult::delivered);
     const std::string large(size_t{30} << 20, 'x'); // more than any queue holds
     for (int i = 0; i < 20; ++i) {
@@ -376,8 +368,7 @@ TEST_F(MessagePortTest, noFileTakesThePlaceOfAStreamThatIsClosed) {
 }
 
 TEST_F(MessagePortTest, aDeletedFolderIsMadeAgain) {
-    const auto old = ports.open(kName);
-    ASSERT_NE(old, nullptr);
+    const auto old = opened();
     EXPECT_EQ(ports.send(kName, "before", kGenerous), SendResult::delivered);
     std::filesystem::remove_all(folder());
     EXPECT_EQ(ports.send(kName, "over the old connection", kGenerous), SendResult::delivered);
@@ -389,8 +380,7 @@ TEST_F(MessagePortTest, aDeletedFolderIsMadeAgain) {
 
 // Who decides about launching must not take ignorance for absence.
 TEST_F(MessagePortTest, anOwnerThatDoesNotListenYetIsWaitedFor) {
-    const auto port = ports.open(kName);
-    ASSERT_NE(port, nullptr);
+    const auto port = opened();
     const std::string socket = fileOf(".socket");
     std::filesystem::rename(socket, socket + ".later"); // as before it has made it
     const auto start = std::chrono::steady_clock::now();
@@ -404,8 +394,7 @@ TEST_F(MessagePortTest, anOwnerThatDoesNotListenYetIsWaitedFor) {
 }
 
 TEST_F(MessagePortTest, waitsWithoutBusyLoopWhileThereAreNoDescriptors) {
-    const auto port = ports.open(kName);
-    ASSERT_NE(port, nullptr);
+    const auto port = opened();
     // A sanitizer needs descriptors to check the first call of each.
     EXPECT_FALSE(port->wait(0, false));
     platform::Log::system().problem("first");

@@ -92,6 +92,11 @@ class MessagePortTest : public testing::Test {
 protected:
     MessagePortTest() { setenv("XDG_RUNTIME_DIR", runtime.file("").c_str(), 1); }
 
+    // A port that is there: without it a test ends.
+    std::unique_ptr<LocalPort> opened(const std::string& name = kName) const {
+        std::unique_ptr<LocalPort> port = ports.open(name);
+        return port != nullptr ? std::move(port) : throw std::runtime_error("cannot open " + name);
+    }
     std::string folder() const { return runtime.file("convey"); }
     std::string fileOf(const char* ending) const {
         for (const auto& entry : std::filesystem::directory_iterator(folder())) {

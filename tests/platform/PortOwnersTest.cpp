@@ -38,8 +38,7 @@ TEST_F(PortOwnersTest, aNameIsFreeWhenItsOwnerIsKilled) {
     EXPECT_TRUE(ports.isFree(kName));
     EXPECT_EQ(files(), 2U) << "it could not clear away";
     EXPECT_EQ(ports.send(kName, "x", kGenerous), SendResult::noReceiver);
-    const auto port = ports.open(kName);
-    ASSERT_NE(port, nullptr);
+    const auto port = opened();
     EXPECT_EQ(ports.send(kName, "y", kGenerous), SendResult::delivered);
     EXPECT_EQ(takeAll(*port), std::vector<std::string>{"y"});
 }
@@ -80,8 +79,7 @@ TEST_F(PortOwnersTest, oneOfFiftyProcessesGetsTheName) {
 }
 
 TEST_F(PortOwnersTest, aChildAfterForkTakesNothingAndSendsForItself) {
-    auto port = ports.open(kName);
-    ASSERT_NE(port, nullptr);
+    auto port = opened();
     EXPECT_EQ(ports.send(kName, "parent", kGenerous), SendResult::delivered);
     Pipe end;
     const pid_t child = startChild([&] {
@@ -155,8 +153,7 @@ TEST_F(PortOwnersTest, whatIsSentWhileAnOwnerEndsGoesToItsSuccessor) {
     to.tell('e');
     ASSERT_EQ(from.hear(), 'e');
     EXPECT_TRUE(watch->ended());
-    const auto port = ports.open(kName);
-    ASSERT_NE(port, nullptr);
+    const auto port = opened();
     EXPECT_EQ(ports.send(kName, "second", kGenerous), SendResult::delivered);
     EXPECT_EQ(takeAll(*port), std::vector<std::string>{"second"});
     to.tell('e');
@@ -183,8 +180,7 @@ TEST_F(PortOwnersTest, aChildOfTheBareSystemCallKeepsNoName) {
     EXPECT_FALSE(ports.isFree(kName));
     EXPECT_EQ(endOf(owner, SIGKILL), 255);
     EXPECT_TRUE(ports.isFree(kName));
-    const auto port = ports.open(kName);
-    ASSERT_NE(port, nullptr);
+    const auto port = opened();
     EXPECT_EQ(ports.send(kName, "to its successor", kGenerous), SendResult::delivered);
     EXPECT_TRUE(watch->ended());
     EXPECT_EQ(takeAll(*port), std::vector<std::string>{"to its successor"});
@@ -194,8 +190,7 @@ TEST_F(PortOwnersTest, aChildOfTheBareSystemCallKeepsNoName) {
 TEST_F(PortOwnersTest, filesAreKeptFromCleanersAndTheLossOfEitherIsReportedOnce) {
     for (const char* const ending : {".lock", ".socket"}) {
         SCOPED_TRACE(ending);
-        const auto port = ports.open(kName);
-        ASSERT_NE(port, nullptr);
+        const auto port = opened();
         struct stat status {};
         ASSERT_EQ(stat(fileOf(ending).c_str(), &status), 0);
         const mode_t more = ending == std::string(".socket") ? 0100 : 0; // what the owner knows
@@ -226,8 +221,7 @@ TEST_F(PortOwnersTest, noDescriptorSurvivesExec) {
             inherited.insert(std::stoi(entry.path().filename().string()));
         }
     }
-    const auto port = ports.open(kName);
-    ASSERT_NE(port, nullptr);
+    const auto port = opened();
     EXPECT_EQ(ports.send(kName, "x", kGenerous), SendResult::delivered);
     EXPECT_EQ(takeOne(*port), "x");
     int sockets = 0;

@@ -46,8 +46,7 @@ std::string sumOf(const std::string& text) {
 
 // The same text arrives whoever its owner is; one that knows sealed texts hears that the seal fits.
 TEST_F(PortSealsTest, aSealIsMadeAtBothEndsAndStandsInFront) {
-    const auto port = ports.open(kName);
-    ASSERT_NE(port, nullptr);
+    const auto port = opened();
     enum class Owner { sealing, ofAnotherSeal, notAsking, ofOld };
     constexpr size_t kPart = 65'536;
     const std::pair<size_t, size_t> sizes[] = {{300, kPart - 300},
@@ -132,8 +131,7 @@ TEST_F(PortSealsTest, aWaitEndsWhileThereIsMoreOfALargeText) {
 
 // Nothing is a text before its seal is there, and a send that is given up leaves none.
 TEST_F(PortSealsTest, aSealIsWaitedFor) {
-    const auto port = ports.open(kName);
-    ASSERT_NE(port, nullptr);
+    const auto port = opened();
     port->checkSeals([] { return std::make_unique<SumSeal>(); });
     const std::string text(100'000, 't');
     const int fd = rawConnection();

@@ -13,8 +13,7 @@ namespace {
 using PortStrangersTest = MessagePortTest;
 
 TEST_F(PortStrangersTest, survivesGarbage) {
-    const auto port = ports.open(kName);
-    ASSERT_NE(port, nullptr);
+    const auto port = opened();
     std::string wrongMagic = packet("text");
     wrongMagic[0] = 'X';
     std::string wrongVersion = packet("text");
@@ -72,8 +71,7 @@ TEST_F(PortStrangersTest, survivesGarbage) {
 }
 
 TEST_F(PortStrangersTest, keepsNoDescriptorThatIsSentAlong) {
-    const auto port = ports.open(kName);
-    ASSERT_NE(port, nullptr);
+    const auto port = opened();
     const int fd = rawConnection();
     const size_t before = openDescriptors();
     for (const bool inParts : {false, true}) {
@@ -104,8 +102,7 @@ TEST_F(PortStrangersTest, keepsNoDescriptorThatIsSentAlong) {
 }
 
 TEST_F(PortStrangersTest, boundsWhatOneProcessKeepsOpen) {
-    const auto port = ports.open(kName);
-    ASSERT_NE(port, nullptr);
+    const auto port = opened();
     // Many that each send a text and stay: the oldest are closed, and no text is lost by that.
     std::vector<int> connections;
     for (int i = 0; i < 200; ++i) {
@@ -182,8 +179,7 @@ TEST_F(PortStrangersTest, strangersAreNotHeardAndNotSpokenTo) {
     if (!alsoAsRoot()) {
         return;
     }
-    auto port = ports.open(kName);
-    ASSERT_NE(port, nullptr);
+    auto port = opened();
     const auto asNobody = [](const std::function<int()>& body) {
         return inChild([&] { return setgid(65534) == 0 && setuid(65534) == 0 ? body() : 99; });
     };
@@ -238,8 +234,7 @@ TEST_F(PortStrangersTest, roomIsMadeByClosingStalledHalvesAndNeverTheNewcomer) {
                  {4, 2, 3, MessagePorts::kMaximumTextBytes - 64, "the same by sealed texts"}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.why);
-        const auto port = ports.open(kName);
-        ASSERT_NE(port, nullptr);
+        const auto port = opened();
         const Pipe done;
         Pipe end;
         std::vector<pid_t> children;
@@ -292,8 +287,7 @@ TEST_F(PortStrangersTest, roomIsMadeByClosingStalledHalvesAndNeverTheNewcomer) {
 }
 
 TEST_F(PortStrangersTest, tenThousandHalfSentTextsHinderNobody) {
-    const auto port = ports.open(kName);
-    ASSERT_NE(port, nullptr);
+    const auto port = opened();
     constexpr int kProcesses = 20;
     constexpr int kHalves = 500;
     // Each process opens as many connections as it may and leaves a text half sent on each.
@@ -342,8 +336,7 @@ TEST_F(PortStrangersTest, tenThousandHalfSentTextsHinderNobody) {
 }
 
 TEST_F(PortStrangersTest, aLinkInThePlaceOfASocketLeadsNowhereElse) {
-    const auto owned = ports.open(kName);
-    ASSERT_NE(owned, nullptr);
+    const auto owned = opened();
     const std::string socketFile = fileOf(".socket");
     const std::string kept = runtime.write("/kept", "as it was");
     ASSERT_EQ(unlink(socketFile.c_str()), 0);
@@ -352,8 +345,7 @@ TEST_F(PortStrangersTest, aLinkInThePlaceOfASocketLeadsNowhereElse) {
     // An owner that died and left a link: the next one puts its own socket there.
     const std::string stale = folder() + "/next.socket";
     ASSERT_EQ(symlink(kept.c_str(), stale.c_str()), 0);
-    const auto next = ports.open("next");
-    ASSERT_NE(next, nullptr);
+    const auto next = opened("next");
     EXPECT_TRUE(std::filesystem::is_socket(std::filesystem::symlink_status(stale)));
     EXPECT_EQ(ports.send("next", "to the owner", kGenerous), SendResult::delivered);
     EXPECT_EQ(takeOne(*next), "to the owner");

@@ -10,7 +10,6 @@
 #include "platform/LargeHeap.h"
 #include "platform/MainLoop.h"
 #include "platform/TextMemory.h"
-#include "platform/fake/Fakes.h"
 #include "tests/platform/PortFixture.h"
 
 namespace {
