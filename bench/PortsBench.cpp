@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <sched.h>
 #include <string>
 #include <sys/resource.h>
 #include <vector>
@@ -169,6 +170,22 @@ double throughputOurs(size_t bytes, int count, bool parsed) {
         });
 }
 
+// What the processors of a pair that wakes each other do while they wait is the host's affair, and
+// may take ten times what is measured; on one there is nothing but the work and the change.
+double onOneProcessor(const std::function<double()>& measure) {
+    cpu_set_t all;
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(static_cast<size_t>(sched_getcpu()), &one);
+    if (sched_getaffinity(0, sizeof all, &all) != 0 ||
+        sched_setaffinity(0, sizeof one, &one) != 0) {
+        fail("affinity");
+    }
+    const double result = measure();
+    (void)sched_setaffinity(0, sizeof all, &all);
+    return result;
+}
+
 struct Row {
     const char* name;
     const char* unit;
@@ -250,23 +267,33 @@ int main(int argc, char** argv) {
         Convey::Message::setAuthentication(on);
         return measure();
     };
+    // A round trip with a message built and read at both ends.
+    const auto read = [&](bool digest, bool spinning) {
+        return std::function<double()>([=] {
+            return withDigest(digest, [=] {
+                return roundTripOurs(small, spinning ? 30000 : 3000, spinning, true);
+            });
+        });
+    };
     const double mb = 1e-6;
     const Row rows[] = {
-        {"round trip 300 B, blocking, digest off", "us", 1e6,
-         [&] { return withDigest(false, [&] { return roundTripOurs(small, 3000, false, true); }); },
+        {"round trip 300 B, blocking, digest off", "us", 1e6, read(false, false),
+         [&] { return roundTripBare(small, 3000, false); }, "<= 1.15"},
+        {"round trip 300 B, blocking, digest on", "us", 1e6, read(true, false),
          [&] { return roundTripBare(small, 3000, false); }, "<= 1.3"},
-        {"round trip 300 B, blocking, digest on", "us", 1e6,
-         [&] { return withDigest(true, [&] { return roundTripOurs(small, 3000, false, true); }); },
-         [&] { return roundTripBare(small, 3000, false); }, "<= 1.3"},
+        {"the same on one processor, digest off", "us", 1e6,
+         [&] { return onOneProcessor(read(false, false)); },
+         [&] { return onOneProcessor([&] { return roundTripBare(small, 3000, false); }); }, ""},
+        {"the same on one processor, digest on", "us", 1e6,
+         [&] { return onOneProcessor(read(true, false)); },
+         [&] { return onOneProcessor([&] { return roundTripBare(small, 3000, false); }); }, ""},
         {"round trip 300 B, spinning, texts only carried", "us", 1e6,
          [&] { return roundTripOurs(small, 30000, true, false); },
          [&] { return roundTripBare(small, 30000, true); }, ""},
-        {"round trip 300 B, spinning, digest off", "us", 1e6,
-         [&] { return withDigest(false, [&] { return roundTripOurs(small, 30000, true, true); }); },
-         [&] { return roundTripBare(small, 30000, true); }, "<= 1.3"},
-        {"round trip 300 B, spinning, digest on", "us", 1e6,
-         [&] { return withDigest(true, [&] { return roundTripOurs(small, 30000, true, true); }); },
-         [&] { return roundTripBare(small, 30000, true); }, ""},
+        {"round trip 300 B, spinning, digest off", "us", 1e6, read(false, true),
+         [&] { return roundTripBare(small, 30000, true); }, "<= 1.4"},
+        {"round trip 300 B, spinning, digest on", "us", 1e6, read(true, true),
+         [&] { return roundTripBare(small, 30000, true); }, "<= 2"},
         {"one way 300 B", "1000/s", 1e-3, [&] { return throughputOurs(small, 200000, false); },
          [&] { return throughputBare(small, small, 200000); }, ">= 0.6"},
         {"one way 300 B, built and read, digest off", "1000/s", 1e-3,
