@@ -49,14 +49,14 @@ Deliveries::~Deliveries() {
     }
 }
 
-void Deliveries::post(const std::string& target, std::string text, int64_t deadline, bool mayLaunch,
+void Deliveries::post(const std::string& target, PortMessage text, int64_t deadline, bool mayLaunch,
                       uint64_t ticket) {
     std::unique_lock<std::mutex> lock(mutex_);
     if (lines_.count(target) == 0 && text.size() <= kAtOnceBytes) {
         lock.unlock();
         Ended ended{ticket, Outcome::delivered, nullptr};
         const SendResult result =
-            ports_.send(portName(target), text, 0, ticket == 0 ? nullptr : &ended.taker);
+            ports_.send(portName(target), text.pieces(), 0, ticket == 0 ? nullptr : &ended.taker);
         if (result == SendResult::delivered || (result == SendResult::noReceiver && !mayLaunch)) {
             ended.outcome =
                 result == SendResult::delivered ? Outcome::delivered : Outcome::notRunning;
@@ -94,7 +94,8 @@ Deliveries::Ended Deliveries::deliver(const std::string& target, const Waiting& 
     int64_t launchAt = 0;
     int64_t launchEnd = 0; // 0: not launched
     for (int64_t left = waiting.deadline - now(); left > 0; left = waiting.deadline - now()) {
-        switch (ports_.send(portName(target), waiting.text, std::min(left, kTryMilliseconds),
+        switch (ports_.send(portName(target), waiting.text.pieces(),
+                            std::min(left, kTryMilliseconds),
                             waiting.ticket == 0 ? nullptr : &ended.taker)) {
         case SendResult::delivered:
             ended.outcome = Outcome::delivered;

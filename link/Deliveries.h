@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "link/Frame.h"
+#include "link/Text.h"
 
 namespace platform {
 class MessagePorts;
@@ -43,7 +44,7 @@ public:
 
     // Hands a text to the owner of the port `target`, until `deadline` (of the steady clock).
     // `ticket` not 0: its end is to be taken.
-    void post(const std::string& target, std::string text, int64_t deadline, bool mayLaunch,
+    void post(const std::string& target, PortMessage text, int64_t deadline, bool mayLaunch,
               uint64_t ticket);
     std::vector<Ended> take();
     size_t keptBytes() const;
@@ -51,7 +52,7 @@ public:
 
 private:
     struct Waiting {
-        std::string text;
+        PortMessage text;
         int64_t deadline;
         bool mayLaunch;
         uint64_t ticket;

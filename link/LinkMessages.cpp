@@ -198,7 +198,7 @@ void Link::requestArrived(Peer& peer, Channel::Arrival& arrival) {
     const int64_t until = deadline == INT64_MAX ? now + bounds::kAliasMilliseconds
                                                 : deadline + bounds::kPingMilliseconds;
     tickets_[number] = {peer.name, life, arrival.message, true, askedBy(message), until, isKept};
-    deliveries_.post(target, message.write(), deadline, mayLaunch, number);
+    deliveries_.post(target, message.write(std::move(arrival.text)), deadline, mayLaunch, number);
 }
 
 void Link::replyArrived(Peer& peer, Channel::Arrival& arrival) {
@@ -226,7 +226,7 @@ void Link::replyArrived(Peer& peer, Channel::Arrival& arrival) {
     const int64_t deadline = setTime(message, arrival.head.remainingMilliseconds, now);
     const uint64_t number = ++lastTicket_;
     tickets_[number] = {peer.name, peer.channel.otherLife(), arrival.message, false, {}, 0, false};
-    deliveries_.post(asker, message.write(), deadline, false, number);
+    deliveries_.post(asker, message.write(std::move(arrival.text)), deadline, false, number);
 }
 
 // Makes room for a sender from elsewhere. Programs that send one message and end are many; who

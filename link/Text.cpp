@@ -7,6 +7,7 @@
 #include "link/Bounds.h"
 #include "platform/Processes.h"
 #include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoCVTextSeal.h"
 #include "scriptobjects/convey/SoCVUtils.h"
 #include "scriptobjects/convey/SoCVWords.h"
 
@@ -19,6 +20,8 @@ using namespace ScObjects;
 constexpr std::string_view kMade[] = {ConveyData::CV_MD5, ConveyData::CV_DIGEST,
                                       ConveyData::CV_TIMESTAMP, ConveyData::CV_CONTENT_LENGTH,
                                       ConveyData::CV_SENDER_ID};
+// What goes in one packet is digested before it is sent.
+constexpr size_t kLargeBytes = limits::of("port.packet");
 // What a reader takes off in front of a user header's name.
 constexpr std::string_view kEscape = "@HDR>";
 
@@ -116,13 +119,18 @@ std::string Text::writePlain() const {
     return out.append(head).append(body_);
 }
 
-std::string Text::write() const {
+// With the lines that are made anew, but the digest.
+std::string Text::portHead() const {
     std::string head;
     head.append(ConveyData::CV_SENDER_ID).append(":localhost:mac");
     head.append(std::to_string(platform::Processes::system().ownNumber())).append("\n");
     head.append(ConveyData::CV_TIMESTAMP).append(": ");
     head.append(std::to_string(ConveyUtils::getTimeSeconds())).append("\n");
-    head.append(this->head());
+    return head.append(this->head());
+}
+
+std::string Text::write() const {
+    const std::string head = portHead();
     std::string out;
     out.reserve(64 + head.size() + body_.size());
     if (Convey::Message::getCreateDigest()) {
@@ -130,6 +138,19 @@ std::string Text::write() const {
         out.append(ConveyData::CV_MD5).append(":").append(digest.view()).append("\n");
     }
     return out.append(head).append(body_);
+}
+
+PortMessage Text::write(std::string arrived) const {
+    if (body_.size() <= kLargeBytes) {
+        return write();
+    }
+    PortMessage out(portHead());
+    out.arrived = std::move(arrived);
+    out.body = body_;
+    if (Convey::Message::getCreateDigest()) {
+        out.seal = std::make_unique<ConveyData::TextSeal>();
+    }
+    return out;
 }
 
 void normalise(char* text, size_t lengthBytes) {

@@ -1,11 +1,27 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "platform/MessagePort.h"
+
 namespace convey_link {
+
+// A text as it goes to a port: all of a small one; of a large one what stands in front of its body,
+// and the body where it arrived. That is not copied, and the digest is made while it is sent.
+struct PortMessage {
+    PortMessage(std::string text) : head(std::move(text)) {}
+    platform::PortPieces pieces() const { return {head, body, seal.get()}; }
+    size_t size() const { return head.size() + body.size(); }
+
+    std::string head;
+    std::string arrived;   // too long to lie in the string itself, so that moving it moves nothing
+    std::string_view body; // a piece of that
+    std::unique_ptr<platform::PortSeal> seal;
+};
 
 // The lines of one message's text (docs/protocol.md, "Message texts"), to be looked at and changed
 // without reading the body: what a link does not understand passes through it unchanged.
@@ -33,11 +49,14 @@ public:
     // The text, with a timestamp of now; with the digest of this user in front when the layer makes
     // some.
     std::string write() const;
+    // The same for a port. `arrived` is what this was read from, and is good as long as the result.
+    PortMessage write(std::string arrived) const;
     // Without digest and timestamp: what travels.
     std::string writePlain() const;
 
 private:
     std::string head() const;
+    std::string portHead() const;
 
     struct Line {
         std::string name;

@@ -55,6 +55,31 @@ TEST(TextTest, changesWhoAMessageIsFromAndNothingElse) {
     EXPECT_FALSE(Text::read(rest, text));
 }
 
+// The body of a large one stays where it arrived, and its digest is made while it is sent.
+TEST(TextTest, writesALargeMessageForAPortAroundItsBody) {
+    Convey::Message original;
+    original.setTarget("lumen-2.0");
+    original.setSender("diary-1.0");
+    original.setBody(SoString(std::string(100'000, 'b').c_str()));
+    SoString written;
+    ASSERT_TRUE(original.writeToString(written));
+    std::string whole = std::string(written.view()) + "\n\nTarget:second\n\n";
+    const char* const place = whole.data();
+    std::string_view rest = whole;
+    Text text;
+    ASSERT_TRUE(Text::read(rest, text));
+    text.set(kTarget, "lumen-2.5");
+    // The same text, with the same digest, as when it is written in one piece.
+    PortMessage port = text.write(std::move(whole));
+    const PortMessage moved = std::move(port);
+    EXPECT_TRUE(moved.body.data() > place && moved.body.data() < place + 1000) << "not copied";
+    ASSERT_NE(moved.seal, nullptr);
+    const std::string before = text.write();
+    const std::string sent =
+        std::string(moved.pieces().sealed()).append(moved.head).append(moved.body);
+    EXPECT_TRUE(sent == before || sent == text.write()) << "a second may have passed";
+}
+
 // What another machine says must not bring a second line of a name that the link vouches for, in
 // whatever way readers would take it for one.
 TEST(TextTest, leavesNoSecondLineThatAReaderWouldTake) {
