@@ -94,8 +94,10 @@ Deliveries::Ended Deliveries::deliver(const std::string& target, const Waiting& 
     int64_t launchAt = 0;
     int64_t launchEnd = 0; // 0: not launched
     for (int64_t left = waiting.deadline - now(); left > 0; left = waiting.deadline - now()) {
+        // What has begun goes on at the target's pace: a large text that was begun anew after each
+        // try would never arrive at a slow one.
         switch (ports_.send(portName(target), waiting.text.pieces(),
-                            std::min(left, kTryMilliseconds),
+                            {std::min(left, kTryMilliseconds), left, stop_},
                             waiting.ticket == 0 ? nullptr : &ended.taker)) {
         case SendResult::delivered:
             ended.outcome = Outcome::delivered;
@@ -127,7 +129,7 @@ Deliveries::Ended Deliveries::deliver(const std::string& target, const Waiting& 
             break; // full, or could not be found out: again
         }
         std::unique_lock<std::mutex> lock(mutex_);
-        if (changed_.wait_for(lock, kPause, [this] { return stop_; })) {
+        if (changed_.wait_for(lock, kPause, [this] { return stop_.load(); })) {
             break;
         }
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -74,7 +75,7 @@ private:
     size_t idle_ = 0;
     size_t keptBytes_ = 0;
     size_t keptTexts_ = 0;
-    bool stop_ = false;
+    std::atomic<bool> stop_{false}; // set under the mutex, read by sends without it
 };
 
 } // namespace convey_link

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -68,6 +69,23 @@ struct PortPieces {
         }
         return seal->finish();
     }
+};
+
+// How long a send may take. Its owner may draw a large text slowly, or stand still in the middle of
+// it: who broke it off and sent it again, each time after a while, might never be done.
+struct SendTime {
+    // Implicit: as a rule a send has one time for all. 0 does not wait.
+    SendTime(int64_t inAll) : milliseconds(inAll) {}
+    SendTime(int64_t inAll, int64_t begun, const std::atomic<bool>& end)
+        : milliseconds(inAll), begunMilliseconds(begun), stop(&end) {}
+
+    int64_t milliseconds;
+    // Of one that the owner has begun to take in parts, from the beginning of the send, where that
+    // is longer.
+    int64_t begunMilliseconds = 0;
+    // The time is up when another thread has set it, within a tenth of a second; null for none. It
+    // outlives the send.
+    const std::atomic<bool>* stop = nullptr;
 };
 
 // A received text, in a block of the process heap with at least one byte of room behind the text.
@@ -378,12 +396,13 @@ public:
         return look(name, error) == PortState::free;
     }
 
-    // Hands a text to the owner of `name`; at most `timeoutMilliseconds` while its queue is full.
-    // A seal is made meanwhile, or before where the owner must have it first. Sends to one name
-    // from several threads go one after another. `taker`, where it is not null, receives a watch
-    // over the owner that took the text, when it was delivered; null without memory.
-    virtual SendResult send(const std::string& name, const PortPieces& text,
-                            int64_t timeoutMilliseconds, std::shared_ptr<TargetWatch>* taker) = 0;
+    // Hands a text to the owner of `name`; at most for the time given while its queue is full. What
+    // is broken off then is dropped, and its owner has none of it. A seal is made meanwhile, or
+    // before where the owner must have it first. Sends to one name from several threads go one
+    // after another. `taker`, where it is not null, receives a watch over the owner that took the
+    // text, when it was delivered; null without memory.
+    virtual SendResult send(const std::string& name, const PortPieces& text, SendTime time,
+                            std::shared_ptr<TargetWatch>* taker) = 0;
     SendResult send(const std::string& name, std::string_view text, int64_t timeoutMilliseconds,
                     std::shared_ptr<TargetWatch>* taker = nullptr) {
         return send(name, PortPieces{text, {}}, timeoutMilliseconds, taker);

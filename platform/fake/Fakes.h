@@ -245,7 +245,7 @@ public:
                                           : PortState::owned;
     }
     using MessagePorts::send;
-    SendResult send(const std::string& name, const PortPieces& text, int64_t timeout,
+    SendResult send(const std::string& name, const PortPieces& text, SendTime time,
                     std::shared_ptr<TargetWatch>* taker) override {
         if (text.size() > kMaximumTextBytes) {
             return SendResult::tooLarge;
@@ -255,7 +255,7 @@ public:
             const auto queue = queues_.find(name);
             return queue == queues_.end() || queue->second.size() < queueBound;
         };
-        if (!changed_.wait_for(lock, std::chrono::milliseconds(timeout), hasRoom)) {
+        if (!changed_.wait_for(lock, std::chrono::milliseconds(time.milliseconds), hasRoom)) {
             return SendResult::timedOut;
         }
         const auto queue = queues_.find(name);

@@ -44,9 +44,9 @@ public:
     }
 
     using MessagePorts::send;
-    SendResult send(const std::string& name, const PortPieces& text, int64_t timeoutMilliseconds,
+    SendResult send(const std::string& name, const PortPieces& text, SendTime time,
                     std::shared_ptr<TargetWatch>* taker) override {
-        return sender().send(name, text, timeoutMilliseconds, taker);
+        return sender().send(name, text, time, taker);
     }
 
     void closeConnections() override { sender().closeIdle(); }

@@ -34,6 +34,7 @@ constexpr size_t kSealStepBytes = 65'536; // a tenth of a millisecond
 // While the system is short of memory, or of places in a target's queue of new connections, there
 // is nothing to wait for but time.
 constexpr auto kPause = std::chrono::milliseconds(1);
+constexpr auto kStopLook = std::chrono::milliseconds(100);
 constexpr auto kOpeningTime = std::chrono::milliseconds(limits::of("port.opening"));
 constexpr auto kLookPause = std::chrono::microseconds(limits::of("port.look-pause"));
 constexpr auto kFolderLookPause = std::chrono::milliseconds(limits::of("port.look-folder"));
@@ -43,20 +44,31 @@ class Deadline {
 public:
     // A day at most: the largest number of milliseconds, added to the clock, would be a moment in
     // the past.
-    explicit Deadline(int64_t milliseconds)
-        : end_(Time::now() + std::chrono::milliseconds(
-                                 std::clamp<int64_t>(milliseconds, 0, int64_t{24} * 3600 * 1000))) {
-    }
+    explicit Deadline(const SendTime& time)
+        : end_(Time::now() + bounded(time.milliseconds)),
+          begunEnd_(end_ - bounded(time.milliseconds) + bounded(time.begunMilliseconds)),
+          stop_(time.stop) {}
     Time::time_point end() const { return end_; }
-    bool passed() const { return Time::now() >= end_; }
-    // Rounded up: a wait that ends early would be repeated without pause.
+    bool passed() const { return Time::now() >= end_ || (stop_ != nullptr && *stop_); }
+    // Of the next wait. Rounded up: one that ends early would be repeated without pause.
     int leftMilliseconds() const {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(end_ - Time::now());
-        return static_cast<int>(std::max<int64_t>(left.count(), 0));
+        const auto most = stop_ != nullptr ? kStopLook : kMost;
+        return static_cast<int>(std::clamp<int64_t>(left.count(), 0, most.count()));
     }
+    // The target has begun to take a text in parts.
+    void begun() { end_ = std::max(end_, begunEnd_); }
 
 private:
+    static constexpr std::chrono::milliseconds kMost = std::chrono::hours(24);
+
+    static std::chrono::milliseconds bounded(int64_t milliseconds) {
+        return std::clamp(std::chrono::milliseconds(milliseconds), kMost * 0, kMost);
+    }
+
     Time::time_point end_;
+    Time::time_point begunEnd_;
+    const std::atomic<bool>* stop_;
 };
 
 // The ways in which a socket tells that nobody reads at its other end.
@@ -442,6 +454,7 @@ PortSender::Connection::Outcome PortSender::Connection::sendInParts(const PortPi
     if (outcome != Outcome::done) {
         return outcome; // nothing was sent
     }
+    deadline.begun();
     outcome = sendParts(text.head, deadline);
     if (outcome == Outcome::done) {
         outcome = sendParts(text.body, deadline);
@@ -477,6 +490,7 @@ PortSender::Connection::Outcome PortSender::Connection::sendSealed(const PortPie
     if (outcome != Outcome::done) {
         return outcome; // nothing was sent
     }
+    deadline.begun();
     outcome = sendParts(text.head, text, deadline);
     if (outcome == Outcome::done) {
         outcome = sendParts(text.body, text, deadline);
@@ -611,8 +625,8 @@ void PortSender::closeIdle() {
     }
 }
 
-SendResult PortSender::send(const std::string& name, const PortPieces& text,
-                            int64_t timeoutMilliseconds, std::shared_ptr<TargetWatch>* taker) {
+SendResult PortSender::send(const std::string& name, const PortPieces& text, SendTime time,
+                            std::shared_ptr<TargetWatch>* taker) {
     // A name that nobody can own has no receiver.
     if (name.empty() || name.find('\0') != std::string::npos) {
         return SendResult::noReceiver;
@@ -625,7 +639,7 @@ SendResult PortSender::send(const std::string& name, const PortPieces& text,
     if (bytes > MessagePorts::kMaximumTextBytes) {
         return SendResult::tooLarge;
     }
-    Deadline deadline(timeoutMilliseconds);
+    Deadline deadline(time);
     const std::shared_ptr<Connection> connection = connectionTo(name);
     if (!connection->takeTurn(deadline)) {
         return SendResult::timedOut;

@@ -21,7 +21,7 @@ public:
     PortSender& operator=(const PortSender&) = delete;
 
     // As MessagePorts promises.
-    SendResult send(const std::string& name, const PortPieces& text, int64_t timeoutMilliseconds,
+    SendResult send(const std::string& name, const PortPieces& text, SendTime time,
                     std::shared_ptr<TargetWatch>* taker);
     // Closes the connections that no thread is using.
     void closeIdle();

@@ -145,10 +145,10 @@ TEST_F(OutboxTest, keepsTheOrderOfATargetThatTakesNothing) {
 struct MoodyPorts : platform::FakeMessagePorts {
     using FakeMessagePorts::send;
     platform::SendResult send(const std::string& name, const platform::PortPieces& text,
-                              int64_t timeout,
+                              platform::SendTime time,
                               std::shared_ptr<platform::TargetWatch>* taker) override {
         return failures > 0 && failures-- > 0 ? platform::SendResult::timedOut
-                                              : FakeMessagePorts::send(name, text, timeout, taker);
+                                              : FakeMessagePorts::send(name, text, time, taker);
     }
     int failures = 0;
 };

@@ -1,0 +1,102 @@
+#include "link/Deliveries.h"
+
+#include <chrono>
+#include <semaphore>
+#include <thread>
+
+#include "scriptobjects/convey/SoCVTextSeal.h"
+#include "scriptobjects/stream/BaseInterAppStream.h"
+#include "tests/platform/PortFixture.h"
+
+namespace convey_link {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kLongerThanATry = std::chrono::milliseconds(1300);
+
+class DeliveriesTest : public MessagePortTest {
+protected:
+    void post(const std::string& body, uint64_t ticket) {
+        std::string whole = "Target:lumen\nContent-Length:" + std::to_string(body.size()) + "\n\n";
+        whole += body;
+        std::string_view rest = whole;
+        Text text;
+        ASSERT_TRUE(Text::read(rest, text));
+        const int64_t deadline =
+            std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch())
+                .count() +
+            3 * kGenerous;
+        deliveries->post("lumen", text.write(std::move(whole)), deadline, false, ticket);
+    }
+    DeliveriesTest() { wait->add(*port); }
+    // The next text, or with `portions` what of a large one is drawn at a time: false in its
+    // middle.
+    bool draw(PortText& text, bool portions = false) const {
+        while (!port->take(text)) {
+            if ((portions && port->hasMore()) || !wait->wait(kGenerous)) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    platform::MessagePorts& ports = platform::MessagePorts::own();
+    std::counting_semaphore<> ended{0};
+    std::unique_ptr<Deliveries> deliveries = std::make_unique<Deliveries>(
+        ports, [this] { ended.release(); }, [](const std::string&) { return false; });
+    const std::unique_ptr<LocalPort> port =
+        ports.open(std::string(ScObjects::BaseInterAppStream::kPortNamePrefix) + "lumen");
+    const std::unique_ptr<platform::PortWait> wait = ports.newWait();
+};
+
+TEST_F(DeliveriesTest, whatATargetDrawsSlowlyOrWithAPauseComesOnceAndWhole) {
+    port->checkSeals([] { return std::make_unique<ScObjects::ConveyData::TextSeal>(); });
+    std::string body(size_t{24} << 20, 'b');
+    for (size_t i = 0; i < body.size(); i += 1009) {
+        body[i] = static_cast<char>('a' + i / 1009 % 26);
+    }
+    for (const bool pauses : {false, true}) {
+        SCOPED_TRACE(pauses ? "with a pause" : "slowly");
+        post(body, 1);
+        post("behind it", 2);
+        PortText text;
+        int portions = 0;
+        const auto begun = Clock::now();
+        while (!draw(text, true)) {
+            ASSERT_LT(Clock::now() - begun, std::chrono::milliseconds(2 * kGenerous))
+                << "it is begun again and again";
+            // Its pace; nothing waits for that.
+            std::this_thread::sleep_for(!pauses           ? kLongerThanATry / 10
+                                        : portions++ == 0 ? kLongerThanATry
+                                                          : Clock::duration(0));
+        }
+        EXPECT_GT(Clock::now() - begun, kLongerThanATry) << "it was not slow";
+        EXPECT_GT(text.sealBytes(), 0U) << "a right digest";
+        EXPECT_TRUE(text.view().ends_with("\n\n" + body));
+        ASSERT_TRUE(draw(text));
+        EXPECT_TRUE(text.view().ends_with("\n\nbehind it"));
+        ASSERT_TRUE(ended.try_acquire_for(std::chrono::milliseconds(kGenerous)));
+        ASSERT_TRUE(ended.try_acquire_for(std::chrono::milliseconds(kGenerous)));
+        const auto ends = deliveries->take();
+        ASSERT_EQ(ends.size(), 2U);
+        for (size_t i = 0; i < ends.size(); ++i) {
+            EXPECT_EQ(ends[i].ticket, i + 1);
+            EXPECT_EQ(ends[i].outcome, Outcome::delivered);
+        }
+    }
+    EXPECT_EQ(takeAll(*port).size(), 0U);
+}
+
+TEST_F(DeliveriesTest, endWhileATargetStandsStillInTheMiddleOfAText) {
+    post(std::string(size_t{24} << 20, 'b'), 1);
+    PortText text;
+    ASSERT_FALSE(draw(text, true)) << "it was not the middle";
+    const auto begun = Clock::now();
+    deliveries.reset();
+    EXPECT_LT(Clock::now() - begun, std::chrono::milliseconds(kGenerous));
+    EXPECT_EQ(takeAll(*port).size(), 0U);
+}
+
+} // namespace
+} // namespace convey_link
