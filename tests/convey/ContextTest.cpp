@@ -2,14 +2,11 @@
 #include <memory>
 #include <random>
 
-#include "scriptobjects/convey/SoCVContext.h"
 #include "tests/convey/EngineFixture.h"
 
 namespace {
 
-using ScObjects::Convey;
 using ScObjects::ConveyContext;
-using ScObjects::SoString;
 using ContextTest = EngineTest;
 
 TEST_F(ContextTest, contextsKeepTheirInstances) {

@@ -4,15 +4,10 @@
 
 #include "platform/fake/Fakes.h"
 #include "scriptobjects/convey/SoCVInstance.h"
-#include "scriptobjects/convey/SoCVMessage.h"
-#include "scriptobjects/convey/SoConvey.h"
-#include "scriptobjects/stream/InterAppStream.h"
 #include "tests/support/Peers.h"
 #include "tests/support/TableConnector.h"
 
 // What the tests of the engine within one process share.
-
-using Strings = std::vector<std::string>;
 
 class EngineTest : public testing::Test {
 protected:

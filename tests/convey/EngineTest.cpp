@@ -7,10 +7,6 @@
 
 namespace {
 
-using ScObjects::Convey;
-using ScObjects::InterAppStream;
-using ScObjects::SoString;
-using Message = Convey::Message;
 using Handler = TestHandler;
 constexpr uint32_t kAny = Convey::kAnySerialNumber;
 
@@ -48,6 +44,10 @@ TEST_F(EngineTest, aConversationWithinTheProcess) {
         EXPECT_EQ(server, Strings{std::string("1 ") + c.body});
         EXPECT_EQ(client, c.expected);
     }
+    client.clear();
+    EXPECT_FALSE(sendFrom(own, request("nobody-1.0", "body")));
+    pumpAll();
+    EXPECT_EQ(client, Strings()) << "who does not ask for errors gets none";
     EXPECT_FALSE(own.messagePending());
 }
 
@@ -64,14 +64,12 @@ TEST_F(EngineTest, tellsHandlersTheKindOfMessage) {
     };
     for (const auto& c : cases) {
         calls.clear();
-        Message message = request("own-1.0", "x", "", c.type);
-        EXPECT_TRUE(own.send(message, false, 0, nullptr));
+        EXPECT_TRUE(sendFrom(own, request("own-1.0", "x", "", c.type)));
         pumpAll();
         EXPECT_EQ(calls, Strings{c.expected}) << c.type;
     }
     calls.clear();
-    Message empty = request("own-1.0", "");
-    EXPECT_FALSE(own.send(empty, false, 0, nullptr)) << "there is nothing to send";
+    EXPECT_FALSE(sendFrom(own, request("own-1.0", ""))) << "there is nothing to send";
     pumpAll();
     EXPECT_EQ(calls, Strings());
 }
@@ -132,43 +130,6 @@ TEST_F(EngineTest, waitsUntilItsRequestIsDoneAndNoLonger) {
     EXPECT_TRUE(own.deleteHandlers(79));
 }
 
-TEST_F(EngineTest, saysWhyAMessageWasNotSent) {
-    Strings calls;
-    Strings codes;
-    Convey own("own-1.0", nullptr, true, nullptr);
-    delete own.changeHandler(new Handler([&](int event, Message& message, SoString*) {
-        calls.push_back(std::to_string(event) + " " + message.getBody().c_str());
-        codes.emplace_back(message.getUserHeaderValue("Error-Code").c_str());
-        return 0;
-    }));
-    const struct {
-        std::string target;
-        bool mayLaunch;
-        const char* expected;
-    } cases[] = {
-        {"nobody-1.0", false, "4 ERROR: LAUNCHING IS SUPPRESSED"},
-        {"nobody-1.0", true, "4 ERROR: TARGET COULD NOT BE LAUNCHED"},
-        {"other-2.0", true, "4 ERROR: TARGET COULD NOT BE LAUNCHED"},
-        {std::string(300, 'x'), false, "4 ERROR: INVALID SPECIFIER"},
-        {"", false, "4 ERROR: INVALID SPECIFIER"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.expected);
-        calls.clear();
-        codes.clear();
-        Message message = request(c.target.c_str(), "body", "Error");
-        EXPECT_FALSE(own.send(message, c.mayLaunch, 0, nullptr));
-        pumpAll();
-        EXPECT_EQ(calls, Strings{c.expected});
-        EXPECT_EQ(codes, Strings{"59"});
-    }
-    calls.clear();
-    Message unasked = request("nobody-1.0", "body");
-    EXPECT_FALSE(own.send(unasked, false, 0, nullptr));
-    pumpAll();
-    EXPECT_EQ(calls, Strings()) << "who does not ask for errors gets none";
-}
-
 TEST_F(EngineTest, refusesMessagesWhenTooManyWaitForTheirTargets) {
     layer.connector->launchResult = 1;
     Strings calls;
@@ -200,10 +161,7 @@ TEST_F(EngineTest, leavesWithItsSendersWhatAnOwnerWhoDoesNotPumpHasNoRoomFor) {
         ++taken;
     }
     EXPECT_LT(taken, 2 * bound) << "the last one waited for room";
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (handled < taken && std::chrono::steady_clock::now() < end) {
-        (void)Convey::pumpOrWait(100);
-    }
+    pumpUntil([&] { return handled == taken; });
     EXPECT_EQ(handled, taken) << "and nothing is lost";
 }
 
@@ -278,8 +236,7 @@ TEST_F(EngineTest, handlersMayDoAnything) {
     delete instance->changeHandler(new Handler(
         [&](int, Message&, SoString*) {
             EXPECT_EQ(Convey::Thread::ping("other-2.0", nullptr, 1, nullptr), "ISNOTRUNNING");
-            Message nested = request("own-1.0", "nested", "", "quiet");
-            EXPECT_TRUE(instance->send(nested, false, 0, nullptr));
+            EXPECT_TRUE(sendFrom(*instance, request("own-1.0", "nested", "", "quiet")));
             delete instance->changeHandler(
                 new Handler([](int, Message&, SoString*) { return 0; }, "more", kAny, &alive));
             EXPECT_TRUE(instance->deleteHandler(instance->findHandler("Tessaly", kAny)));
@@ -289,8 +246,7 @@ TEST_F(EngineTest, handlersMayDoAnything) {
             return 0;
         },
         "Tessaly", kAny, &alive));
-    Message message = request("own-1.0", "go", "Result Error");
-    EXPECT_TRUE(instance->send(message, false, 0, nullptr));
+    EXPECT_TRUE(sendFrom(*instance, request("own-1.0", "go", "Result Error")));
     pumpAll();
     EXPECT_TRUE(ran);
     EXPECT_EQ(instance, nullptr);
@@ -312,8 +268,7 @@ TEST_F(EngineTest, removingAHandlerWaitsForTheThreadThatIsInIt) {
         left = true;
         return 0;
     }));
-    Message message = request("own-1.0", "x");
-    EXPECT_TRUE(own.send(message, false, 0, nullptr));
+    EXPECT_TRUE(sendFrom(own, request("own-1.0", "x")));
     std::thread pumping([] { (void)Convey::pump(ScObjects::kProcessIncoming); });
     while (!inside) {
         std::this_thread::yield();

@@ -6,17 +6,10 @@
 #include <thread>
 #include <unistd.h>
 
-#include "scriptobjects/convey/SoCVMessage.h"
-#include "scriptobjects/convey/SoConvey.h"
-#include "scriptobjects/stream/InterAppStream.h"
 #include "tests/support/Peers.h"
 #include "tests/support/TableConnector.h"
 
 namespace {
-
-using ScObjects::Convey;
-using ScObjects::SoString;
-using Message = Convey::Message;
 
 constexpr int kLong = 30000; // milliseconds that a test waits for what has to come
 

@@ -8,20 +8,14 @@
 #include <thread>
 
 #include "adapters/ConveyAwait.h"
-#include "scriptobjects/convey/SoConvey.h"
 #include "tests/support/FailingAllocations.h"
 #include "tests/support/Peers.h"
 #include "tests/support/TableConnector.h"
 
 namespace {
 
-using ScObjects::Convey;
-using ScObjects::InterAppStream;
-using ScObjects::SoString;
-using Message = Convey::Message;
 using Outcome = Convey::Outcome;
 using Reply = Convey::Reply;
-using Strings = std::vector<std::string>;
 using namespace ScObjects::ConveyData;
 
 std::string shown(const Outcome& outcome) {
@@ -128,6 +122,7 @@ TEST_F(MessagingTest, everyRequestHasOneOutcome) {
         {"absent-1.0", true, "not running 59 ERROR: TARGET COULD NOT BE LAUNCHED"},
         {"nobody-1.0", false, "not installed 59 ERROR: LAUNCHING IS SUPPRESSED"},
         {std::string(300, 'x'), false, "refused 59 ERROR: INVALID SPECIFIER"},
+        {"", false, "refused 59 ERROR: INVALID SPECIFIER"},
     };
     for (const auto& c : targets) {
         auto request = asker.request(c.target.c_str(), "x");

@@ -7,10 +7,6 @@
 
 namespace {
 
-using ScObjects::Convey;
-using ScObjects::InterAppStream;
-using ScObjects::SoString;
-using Message = Convey::Message;
 using Handler = TestHandler;
 using ObserverTest = EngineTest;
 
@@ -24,8 +20,7 @@ TEST_F(ObserverTest, forwardsWhatItHandlesToAnObserver) {
     };
     EXPECT_EQ(set("FWDMESSAGES=observer-1.0"), "observer-1.0");
     EXPECT_EQ(set("FWDMESSAGES"), "observer-1.0");
-    Message message = request("own-1.0", "watched", "", "query");
-    EXPECT_TRUE(own.send(message, false, 0, nullptr));
+    EXPECT_TRUE(sendFrom(own, request("own-1.0", "watched", "", "query")));
     pumpAll();
     // As one says it that is observed by this process in turn.
     EXPECT_TRUE(sendFrom(observer, request("own-1.0", "observed", "", "FWDMESSAGES")));

@@ -4,17 +4,12 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
-#include "platform/fake/Fakes.h"
 #include "scriptobjects/convey/SoCVSetupThread.h"
 #include "scriptobjects/convey/SoCVThread.h"
 #include "tests/convey/EngineFixture.h"
 
 namespace {
 
-using ScObjects::Convey;
-using ScObjects::InterAppStream;
-using ScObjects::SoString;
-using Message = Convey::Message;
 using ScObjects::ConveySetupThread;
 
 TEST(Setup, runsInTheBackgroundOnce) {
@@ -76,8 +71,7 @@ TEST(Setup, startsWithoutPortsHomeOrSpecifier) {
     EXPECT_EQ(Convey::Thread::ping("other-1.0", nullptr, 1, nullptr), "NOINTERAPPSTREAM");
     {
         const Convey instance("own-1.0", nullptr, true, nullptr);
-        Message message = request("nobody-1.0", "x");
-        EXPECT_FALSE(instance.send(message, false, 0, nullptr));
+        EXPECT_FALSE(sendFrom(instance, request("nobody-1.0", "x")));
         EXPECT_FALSE(Convey::pump(ScObjects::kProcessBoth));
     }
     EXPECT_TRUE(Convey::InitTerm::exit());

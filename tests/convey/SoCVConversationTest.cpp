@@ -7,18 +7,11 @@
 #include "limits/Limits.h"
 #include "platform/fake/Fakes.h"
 #include "scriptobjects/convey/SoCVInstance.h"
-#include "scriptobjects/convey/SoCVMessage.h"
-#include "scriptobjects/stream/InterAppStream.h"
 #include "tests/support/FailingAllocations.h"
 #include "tests/support/Peers.h"
 #include "tests/support/TableConnector.h"
 
 namespace {
-
-using ScObjects::Convey;
-using ScObjects::InterAppStream;
-using ScObjects::SoString;
-using Message = Convey::Message;
 
 using Handler = TestHandler;
 
@@ -85,8 +78,7 @@ TEST_F(ConversationTest, answersOfAnyTypeReachTheirHandlerByOneRule) {
                     order[i].registered, order[i].serial);
             }
             if (answering.lines == nullptr) {
-                Message message = request(5, "Result", "query");
-                EXPECT_TRUE(own.send(message, false, 0, nullptr));
+                EXPECT_TRUE(sendFrom(own, request(5, "Result", "query")));
             } else {
                 std::string text = answering.lines;
                 text += "Target:own-1.0\nSender:peer-1.0\nSerial-Number:9\nResult:5\n\n";
@@ -128,8 +120,7 @@ TEST_F(ConversationTest, whatIsSaidOfARequestOfAUserTypeReachesItsAsker) {
             SCOPED_TRACE(std::string(version) + c.handler + " for " + c.type);
             int heard = -1;
             handle([&](int event, Message&, SoString*) { return heard = event, 0; }, c.handler, 5);
-            Message message = request(5, "", "query", "third-3.0");
-            EXPECT_TRUE(own.send(message, false, 0, nullptr));
+            EXPECT_TRUE(sendFrom(own, request(5, "", "query", "third-3.0")));
             std::string text = version;
             text += std::string("Type:") + c.type + "\n";
             text += std::string("Target:own-1.0\nSender:third-3.0\n") + c.numbers + "\n";
@@ -144,8 +135,7 @@ TEST_F(ConversationTest, whatIsSaidOfARequestOfAUserTypeReachesItsAsker) {
 TEST_F(ConversationTest, aHandlerForAnyTypeIsTheDefault) {
     int calls = 0;
     handle([&](int event, Message&, SoString*) { return calls += event, 0; }, "");
-    Message message = request(0, "", "Tessaly", "own-1.0");
-    EXPECT_TRUE(own.send(message, false, 0, nullptr));
+    EXPECT_TRUE(sendFrom(own, request(0, "", "Tessaly", "own-1.0")));
     pumpAll();
     EXPECT_EQ(calls, 1);
 }
@@ -159,10 +149,7 @@ TEST_F(ConversationTest, aWaitTellsHowItEnded) {
         {"answered", [](uint32_t) {}, true},
         {"its handler was taken out", [&](uint32_t n) { (void)own.deleteHandlers(n); }, false},
         {"timed out",
-         [&](uint32_t n) {
-             Message timeout = request(n, "", "Timeout", "own-1.0");
-             EXPECT_TRUE(own.send(timeout, false, 0, nullptr));
-         },
+         [&](uint32_t n) { EXPECT_TRUE(sendFrom(own, request(n, "", "Timeout", "own-1.0"))); },
          false},
     };
     uint32_t number = 100;
@@ -199,8 +186,7 @@ TEST_F(ConversationTest, aWaitEndsWithItsInstanceAndWithTheLayer) {
         {"a handler deletes the instance", [&] { return asker; },
          [&] {
              handle([&](int, Message&, SoString*) { return delete asker, 0; });
-             Message message = request(0, "", "Tessaly", "own-1.0");
-             EXPECT_TRUE(own.send(message, false, 0, nullptr));
+             EXPECT_TRUE(sendFrom(own, request(0, "", "Tessaly", "own-1.0")));
          }},
         {"another thread deletes it",
          [&] { return asker = new Convey("own-1.0", nullptr, false, nullptr); },
@@ -255,8 +241,7 @@ TEST_F(ConversationTest, anInstanceThatIsNotOnTheHeapOutlivesTheLayer) {
     };
     const Derived local(deleted);
     (void)new Derived(deleted);
-    Message waiting = request(0, "", "Tessaly", "own-1.0");
-    EXPECT_TRUE(own.send(waiting, false, 0, nullptr));
+    EXPECT_TRUE(sendFrom(own, request(0, "", "Tessaly", "own-1.0")));
     EXPECT_TRUE(own.messagePending());
     EXPECT_TRUE(Convey::InitTerm::exit());
     EXPECT_EQ(deleted, 1) << "what nobody else owns";
@@ -301,8 +286,7 @@ TEST_F(ConversationTest, waitingInHandlersHasADepth) {
     });
     constexpr int kRequests = 5000;
     for (int i = 0; i < kRequests; ++i) {
-        Message message = request(0, "", "Tessaly", "own-1.0");
-        ASSERT_TRUE(own.send(message, false, 0, nullptr));
+        ASSERT_TRUE(sendFrom(own, request(0, "", "Tessaly", "own-1.0")));
     }
     pumpAll();
     EXPECT_EQ(handled, kRequests);
@@ -454,8 +438,7 @@ TEST_F(ConversationTest, aMessageIsNotLostWhenMemoryRunsOut) {
             handle([&heard, type](int, Message&, SoString*) { return heard += type, 0; }, type,
                    number);
         }
-        Message message = request(number, "Result Error");
-        ASSERT_TRUE(own.send(message, false, 0, nullptr));
+        ASSERT_TRUE(sendFrom(own, request(number, "Result Error")));
         {
             const FailingAllocation failing(static_cast<int>(number) - 1);
             (void)Convey::pump(ScObjects::kProcessBoth);

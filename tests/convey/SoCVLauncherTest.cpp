@@ -5,20 +5,13 @@
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVLaunchParameters.h"
 #include "scriptobjects/convey/SoCVLauncher.h"
-#include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"
-#include "scriptobjects/stream/InterAppStream.h"
 #include "tests/support/Peers.h"
 #include "tests/support/TableConnector.h"
 
 namespace {
 
-using ScObjects::Convey;
-using ScObjects::InterAppStream;
-using ScObjects::SoString;
 using ScObjects::ConveyUtils::Launcher;
-using Message = Convey::Message;
-using Strings = std::vector<std::string>;
 using testing::ElementsAre;
 
 constexpr const char* kPath = "/apps/other-2.0.app";

@@ -6,25 +6,18 @@
 
 #include "limits/Limits.h"
 #include "platform/fake/Fakes.h"
-#include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVDiagnosticsRows.h"
 #include "scriptobjects/convey/SoCVInstance.h"
-#include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVOutbox.h"
 #include "scriptobjects/convey/SoCVThread.h"
-#include "scriptobjects/stream/InterAppStream.h"
 #include "tests/support/FailingAllocations.h"
 #include "tests/support/Peers.h"
 #include "tests/support/TableConnector.h"
 
 namespace {
 
-using ScObjects::Convey;
-using ScObjects::InterAppStream;
-using ScObjects::SoString;
 using ScObjects::ConveyData::Delivery;
 using ScObjects::ConveyData::Outbox;
-using Message = Convey::Message;
 
 constexpr size_t kAlmostAPacket = 60'000;
 
@@ -255,8 +248,7 @@ TEST_F(WayOutTest, handlersThatThrowEndNothing) {
     tellThread(asker, "bad");
     EXPECT_EQ(answerTo(asker), "ERROR: HANDLER FAILED");
     delete own.changeHandler(new TestHandler(throws, "FWDLOGS")); // is told events now
-    Message message = request("own-1.0", "watched", "", "query");
-    EXPECT_TRUE(own.send(message, false, 0, nullptr));
+    EXPECT_TRUE(sendFrom(own, request("own-1.0", "watched", "", "query")));
     pumpAll();
     EXPECT_FALSE(own.incomingMessagePending());
     tellThread(asker, "STATUS");
@@ -341,8 +333,7 @@ TEST_F(WayOutTest, observersThatCameBeforeTheMainInstanceAreServed) {
     EXPECT_FALSE(own.send(message, true, 0, nullptr));
     EXPECT_FALSE(own.processOutgoingMessage()); // requeues it, unless the background was first
     InterAppStream other("other-2.0");
-    Message refused = request("absent-1.0", "refused", "", "query");
-    EXPECT_FALSE(own.send(refused, false, 0, nullptr));
+    EXPECT_FALSE(sendFrom(own, request("absent-1.0", "refused", "", "query")));
     std::string seen;
     while ((seen.find("SEND ENQUEUED MESSAGE") == std::string::npos ||
             seen.find("MsgRoot:/errors") == std::string::npos) &&

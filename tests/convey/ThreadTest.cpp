@@ -7,10 +7,6 @@
 
 namespace {
 
-using ScObjects::Convey;
-using ScObjects::InterAppStream;
-using ScObjects::SoString;
-using Message = Convey::Message;
 using ScObjects::ConveyThread;
 using ThreadTest = EngineTest;
 

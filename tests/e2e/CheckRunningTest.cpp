@@ -2,8 +2,6 @@
 #include <signal.h>
 #include <sys/stat.h>
 
-#include "scriptobjects/convey/SoCVMessage.h"
-#include "scriptobjects/convey/SoConvey.h"
 #include "scriptobjects/core/SoThread.h"
 #include "tests/e2e/Scene.h"
 #include "tests/support/Peers.h"
@@ -90,15 +88,6 @@ TEST_F(CheckRunningTest, asksTheRegistryWhereTheTargetCannotAnswer) {
     }
 }
 
-TEST_F(CheckRunningTest, aKilledTargetIsNotRunningAtOnce) {
-    for (int round = 0; round < 5; ++round) {
-        const auto running = host("lumen-2.0-en_us");
-        running->signal(SIGKILL);
-        EXPECT_EQ(running->finish(), -1);
-        EXPECT_EQ(check("lumen-2.0-en_us"), "ISNOTRUNNING");
-    }
-}
-
 TEST_F(CheckRunningTest, twoHundredToolsAtOnceEndAndLeaveNothing) {
     const auto running = host("lumen-2.0-en_us");
     const int count = std::getenv("CONVEY_TEST_DIVISOR") == nullptr ? 200 : 40;
@@ -130,7 +119,6 @@ TEST_F(CheckRunningTest, twoHundredToolsAtOnceEndAndLeaveNothing) {
 
 // Pings from within a process, as an application makes them.
 TEST_F(CheckRunningTest, pingsToAStoppedTargetKeepTheirTime) {
-    using ScObjects::Convey;
     const auto stopped = host("lumen-2.0-en_us");
     ASSERT_TRUE(Convey::InitTerm::init("viewer-1.0", true));
     EXPECT_EQ(Convey::Thread::ping("lumen", nullptr, 5, nullptr), "ECHO_RESPONSE");
@@ -215,7 +203,6 @@ TEST_F(CheckRunningTest, applicationsAnswerEachOther) {
 // One thread pumps while another waits for its answers: each goes to its handler, before the wait
 // ends.
 TEST_F(CheckRunningTest, twoThreadsThatPumpDoNotTearAConversationApart) {
-    using ScObjects::Convey;
     const auto counting = [](std::atomic<int>& results, const char* type,
                              uint32_t number = Convey::kAnySerialNumber) {
         return new TestHandler(

@@ -4,15 +4,11 @@
 
 #include "limits/Limits.h"
 #include "scriptobjects/convey/SoCVInstance.h"
-#include "scriptobjects/convey/SoCVMessage.h"
-#include "scriptobjects/convey/SoConvey.h"
 #include "tests/e2e/Scene.h"
 #include "tests/support/Peers.h"
 
 namespace {
 
-using ScObjects::Convey;
-using ScObjects::SoString;
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* kTarget = "target-1.0";
@@ -154,8 +150,7 @@ TEST_F(EndedTargetsTest, theLastAnswersOfATargetAreHeardInsteadOfAnError) {
 
     // Nor while the answers lie unread in the system's queue, since this side is full.
     for (int64_t i = 0; i < limits::of("queue.incoming.messages"); ++i) {
-        Convey::Message own = request(kOwn, "to myself", "", "asker-1.0");
-        ASSERT_TRUE(asker->send(own, false, 0, nullptr));
+        ASSERT_TRUE(sendFrom(*asker, request(kOwn, "to myself", "", "asker-1.0")));
     }
     auto answering = target();
     ASSERT_TRUE(ask(1, "last"));
@@ -225,8 +220,7 @@ TEST_F(EndedTargetsTest, aPumpEndsBesideAFlood) {
         return 0;
     };
     delete asker->changeHandler(new TestHandler(sendOn));
-    Convey::Message first = request(kOwn, "the first", "", "asker-1.0");
-    ASSERT_TRUE(asker->send(first, false, 0, nullptr));
+    ASSERT_TRUE(sendFrom(*asker, request(kOwn, "the first", "", "asker-1.0")));
     pollfd loop = {Convey::getPollDescriptor(), POLLIN, 0};
     EXPECT_TRUE(Convey::pump(ScObjects::kProcessBoth));
     EXPECT_EQ(handled, limits::of("pump.messages"));

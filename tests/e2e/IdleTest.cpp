@@ -5,17 +5,13 @@
 
 #include "platform/TextMemory.h"
 #include "scriptobjects/convey/SoCVInstance.h"
-#include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVThread.h"
-#include "scriptobjects/convey/SoConvey.h"
 #include "tests/e2e/Scene.h"
 #include "tests/support/Peers.h"
 
 namespace {
 
-using ScObjects::Convey;
 using ScObjects::ConveyThread;
-using ScObjects::SoString;
 
 class IdleTest : public Scene {
 protected:
