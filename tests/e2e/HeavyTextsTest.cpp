@@ -1,16 +1,12 @@
 // What neighbours send, at its worst: it costs a process no more than its bounds, keeps nobody else
 // out, and keeps it from answering pings for a moment only.
-#include <csignal>
-#include <functional>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include "limits/Limits.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoConvey.h"
 #include "scriptobjects/stream/InterAppStream.h"
 #include "tests/e2e/Scene.h"
+#include "tests/support/Child.h"
 
 namespace {
 
@@ -30,27 +26,6 @@ long residentKilobytes() {
     }
     return 0;
 }
-
-// A process that runs `body` and no layer of its own; ended with the object.
-class Child {
-public:
-    explicit Child(const std::function<void()>& body) : pid_(fork()) {
-        if (pid_ == 0) {
-            alarm(240);
-            body();
-            _exit(0);
-        }
-    }
-    ~Child() {
-        kill(pid_, SIGKILL);
-        (void)waitpid(pid_, nullptr, 0);
-    }
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-
-private:
-    const pid_t pid_;
-};
 
 // Sends the texts as soon as the target is there.
 void sendTexts(const char* name, const char* target, const std::vector<std::string>& texts) {

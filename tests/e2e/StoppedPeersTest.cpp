@@ -1,98 +1,15 @@
 // A process whose askers take no answers: what it owes them must cost nobody else anything.
-#include <csignal>
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include "scriptobjects/convey/SoCVMessage.h"
-#include "scriptobjects/convey/SoConvey.h"
-#include "scriptobjects/stream/InterAppStream.h"
 #include "tests/e2e/Scene.h"
+#include "tests/support/Child.h"
 #include "tests/support/Peers.h"
 
 namespace {
 
-using ScObjects::Convey;
-using ScObjects::InterAppStream;
-using ScObjects::SoString;
 using Clock = std::chrono::steady_clock;
 
 int64_t millisecondsSince(Clock::time_point start) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
 }
-
-// A process that runs `body` and says its last words through a pipe; killed with the object.
-class Child {
-public:
-    explicit Child(const std::function<std::string(Child&)>& body) {
-        int words[2];
-        int goodbye[2];
-        if (pipe2(words, O_CLOEXEC) != 0 || pipe2(goodbye, O_CLOEXEC) != 0) {
-            ADD_FAILURE() << "no pipes";
-            return;
-        }
-        pid_ = fork();
-        words_ = words[pid_ == 0 ? 1 : 0];
-        goodbye_ = goodbye[pid_ == 0 ? 0 : 1];
-        close(words[pid_ == 0 ? 0 : 1]);
-        close(goodbye[pid_ == 0 ? 1 : 0]);
-        if (pid_ == 0) {
-            alarm(120);
-            say(body(*this));
-            _exit(0);
-        }
-    }
-    ~Child() {
-        kill(pid_, SIGKILL);
-        (void)waitpid(pid_, nullptr, 0);
-        close(words_);
-        close(goodbye_);
-    }
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-
-    // In the child.
-    void say(const std::string& line) const {
-        const std::string whole = line + "\n";
-        (void)!write(words_, whole.data(), whole.size());
-    }
-    bool isDismissed() const {
-        pollfd_ = {goodbye_, POLLIN, 0};
-        return poll(&pollfd_, 1, 0) > 0;
-    }
-
-    // In the parent: true once it has stopped itself.
-    bool hasStopped() {
-        int status = 0;
-        stopped_ =
-            stopped_ || (waitpid(pid_, &status, WNOHANG | WUNTRACED) == pid_ && WIFSTOPPED(status));
-        return stopped_;
-    }
-    void goOn() const { kill(pid_, SIGCONT); }
-    void dismiss() {
-        close(goodbye_);
-        goodbye_ = -1;
-    }
-    // What it has said, once it has said a line.
-    bool heard(std::string& line) {
-        pollfd_ = {words_, POLLIN, 0};
-        char bytes[256];
-        const ssize_t count =
-            poll(&pollfd_, 1, 0) > 0 ? read(words_, bytes, sizeof bytes) : ssize_t{0};
-        heard_.append(bytes, static_cast<size_t>(std::max<ssize_t>(count, 0)));
-        line = heard_;
-        return !heard_.empty();
-    }
-
-private:
-    pid_t pid_ = -1;
-    int words_ = -1;
-    int goodbye_ = -1;
-    bool stopped_ = false;
-    std::string heard_;
-    mutable pollfd pollfd_{};
-};
 
 // Sends its requests, stops, and counts what it is answered when it goes on.
 std::string ask(const char* name, uint32_t count) {
@@ -123,15 +40,15 @@ std::string ask(const char* name, uint32_t count) {
            std::to_string(misplaced) + " misplaced";
 }
 
-// Pings the server, and by turns an application that owes nobody anything, until it is dismissed:
-// the median and the longest time that an answer took, of the one and of the other.
-std::string keepPinging(const Child& self) {
+// Pings the server, and by turns an application that owes nobody anything, until that file is
+// there: the median and the longest time that an answer took, of the one and of the other.
+std::string keepPinging(const std::string& end) {
     if (!Convey::InitTerm::init("viewer-1.0", true)) {
         return "no layer";
     }
     std::string said;
     std::vector<int64_t> times[2];
-    while (!self.isDismissed()) {
+    while (!std::filesystem::exists(end)) {
         for (const bool idle : {false, true}) {
             const auto start = Clock::now();
             const SoString answer =
@@ -176,10 +93,9 @@ using StoppedPeersTest = Scene;
 TEST_F(StoppedPeersTest, whatStoppedAskersAreOwedHoldsUpNobody) {
     const auto count = static_cast<uint32_t>(scaled(2500));
     const auto idle = host("idle-1.0");
-    // Before this process has threads.
-    Child asker([count](Child&) { return ask("asker-1.0", count); });
-    Child other([count](Child&) { return ask("other-1.0", count); });
-    Child pinger([](Child& self) { return keepPinging(self); });
+    Child asker([&] { (void)folder.write("asked", ask("asker-1.0", count)); });
+    Child other([&] { (void)ask("other-1.0", count); });
+    const Child pinger([&] { (void)folder.write("pinged", keepPinging(folder.file("over"))); });
     ASSERT_TRUE(Convey::InitTerm::init("server-1.0", true));
     Progress progress;
     auto* const instance = new Convey("server-1.0", server(progress), true, nullptr);
@@ -197,9 +113,10 @@ TEST_F(StoppedPeersTest, whatStoppedAskersAreOwedHoldsUpNobody) {
     for (const auto start = Clock::now(); millisecondsSince(start) < 2'000 && pump();) {
     }
     EXPECT_GT(progress.served, 0);
-    pinger.dismiss();
+    (void)folder.write("over", "");
     std::string said;
-    EXPECT_TRUE(eventually([&] { return pinger.heard(said); }));
+    EXPECT_TRUE(
+        eventually([&] { return !(said = TemporaryFolder::read(folder.file("pinged"))).empty(); }));
     progress.last = Clock::now(); // it waited for the pinger
     int64_t median = -1;
     int64_t longest = -1;
@@ -211,10 +128,11 @@ TEST_F(StoppedPeersTest, whatStoppedAskersAreOwedHoldsUpNobody) {
     EXPECT_LE(longest, 1'000 + 4 * idleLongest) << said;
     asker.goOn();
     const auto start = Clock::now();
-    while (!asker.heard(said) && millisecondsSince(start) < 60'000 && pump()) {
-    }
+    do {
+        said = TemporaryFolder::read(folder.file("asked"));
+    } while (said.empty() && millisecondsSince(start) < 60'000 && pump());
     const std::string all = std::to_string(count);
-    EXPECT_EQ(said, all + " received, " + all + " results, 0 misplaced\n");
+    EXPECT_EQ(said, all + " received, " + all + " results, 0 misplaced");
     EXPECT_LT(progress.longest, 5'000) << "milliseconds";
     const auto end = Clock::now();
     delete instance;
