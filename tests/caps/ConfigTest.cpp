@@ -107,26 +107,12 @@ private:
     size_t pick(size_t below) { return random_() % below; }
     int64_t time() { return pick(2) == 0 ? 0 : static_cast<int64_t>(random_()); }
     std::string text() {
-        const char* pieces[] = {"a",
-                                " ",
-                                "<",
-                                ">",
-                                "&",
-                                "\"",
-                                "'",
-                                "\n",
-                                "\r",
-                                "\t",
-                                "]]>",
-                                "&amp;",
-                                "\xC3\xA4",
-                                "\xE2\x82\xAC",
-                                "\xF0\x9F\x98\x80",
-                                "-",
-                                "/"};
+        const std::string_view single = "a <>&\"'\n\r\t-/";
+        const char* longer[] = {"]]>", "&amp;", "\xC3\xA4", "\xE2\x82\xAC", "\xF0\x9F\x98\x80"};
         std::string out;
         for (size_t i = 0, n = pick(6); i < n; ++i) {
-            out += pieces[pick(std::size(pieces))];
+            const size_t piece = pick(single.size() + std::size(longer));
+            out += piece < single.size() ? single.substr(piece, 1) : longer[piece - single.size()];
         }
         return out;
     }

@@ -70,21 +70,6 @@ TEST(SoString, survivesTextsOfItsOwn) {
     EXPECT_STREQ(string.c_str(), "");
 }
 
-TEST(SoString, leavesOtherEmptyStringsEmpty) {
-    const SoString bystander;
-    SoString appended;
-    appended << 'x';
-    SoString assigned("");
-    assigned.assign("y");
-    SoString moved(std::move(appended));
-    appended << "z"; // NOLINT(bugprone-use-after-move): a moved-from string is an empty one
-    EXPECT_EQ(text(moved), "x");
-    EXPECT_EQ(text(assigned), "y");
-    EXPECT_EQ(text(appended), "z");
-    EXPECT_STREQ(bystander.c_str(), "");
-    EXPECT_STREQ(SoString().c_str(), "");
-}
-
 TEST(SoString, ordersByUnsignedBytes) {
     EXPECT_LT(SoString("a").compare("\xC3\x84"), 0);
     EXPECT_GT(SoString("ab").compare("a"), 0);

@@ -65,6 +65,10 @@ protected:
         return runProcess(arguments, machine.environment);
     }
 
+    static nlohmann::json statusOf(const Machine& machine) {
+        return nlohmann::json::parse(run(machine, {LINK, "status", "--json"}).out, nullptr, false);
+    }
+
     void join(Machine& machine) {
         machine.link = std::make_unique<RunningProcess>(
             std::vector<std::string>{LINK, folder.file(machine.name + ".toml")},
@@ -127,8 +131,7 @@ TEST_F(LinkTest, usesAnApplicationOfAnotherMachineLikeOneOfItsOwn) {
     EXPECT_NE(run(desk, {CONVEY_PROGRAM, "diagnose", "lumen"})
                   .out.find("Process = " + std::to_string(target->pid())),
               std::string::npos);
-    const auto status =
-        nlohmann::json::parse(run(desk, {LINK, "status", "--json"}).out, nullptr, false);
+    const auto status = statusOf(desk);
     EXPECT_EQ(status["uses"][0]["state"], "runs") << status;
     for (const char* redirection : {">/dev/full", ">&-"}) {
         const ProcessResult lost =
@@ -157,8 +160,7 @@ TEST_F(LinkTest, tellsAskersOfEachEndThatComesInBetween) {
         auto asker = std::make_unique<RunningProcess>(ask(body), desk.environment);
         EXPECT_EQ(asker->readLine(), "sent");
         EXPECT_TRUE(eventually([&] {
-            const auto status = nlohmann::json::parse(run(workshop, {LINK, "status", "--json"}).out,
-                                                      nullptr, false);
+            const auto status = statusOf(workshop);
             return status.is_object() && status.value("requests_here", 0) == 1;
         })) << body;
         return asker;
@@ -258,8 +260,7 @@ TEST_F(LinkTest, keepsRequestsOnDiskForALinkThatIsAway) {
               0);
     const auto says = [&](const char* key, long wanted) {
         return eventually([&] {
-            const auto status =
-                nlohmann::json::parse(run(desk, {LINK, "status", "--json"}).out, nullptr, false);
+            const auto status = statusOf(desk);
             return status.is_object() && status.value("connected", false) &&
                    status.value(key, -1L) == wanted;
         });
