@@ -5,6 +5,7 @@ Usage: machines.py [ROUNDS] [MESSAGES] [KEPT], with the environment of tests/mac
 
 from __future__ import annotations
 
+import os
 import pathlib
 import sys
 import time
@@ -15,11 +16,18 @@ from world import PROGRAMS, Machine, World, eventually  # which stands there
 ENDS = PROGRAMS / "machines_ends"
 APP = "echo-1.0"
 LARGE = "4"  # texts
+COUNTED = 20  # large texts whose processor time is counted, which the system does by hundredths of a second
 
 
 def measured(machine: Machine, *command: str) -> dict[str, float]:
     printed = machine.run("sh", "-c", 'cd .config/convey && exec "$@"', "sh", ENDS, *command, seconds=600)
     return {name: float(value) for name, value in map(str.split, printed.splitlines())}
+
+
+def processor(pid: int) -> float:
+    """Seconds that a process was busy, itself and in the system."""
+    fields = pathlib.Path(f"/proc/{pid}/stat").read_text(encoding="ascii").rpartition(")")[2].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 
 def switches(pid: int) -> int:
@@ -63,12 +71,19 @@ def main(rounds: str = "2000", messages: str = "50000", kept: str = "1000") -> N
         # Of two. The links use the same server.
         one = {"servers": f'["{server}"]'}
         workshop.add(APP)
-        workshop.join(f'[[offer]]\napp = "{APP}"\nto = ["desk"]\n', **one)
-        workshop.start(ENDS, "answer", APP, log="far", first="ready")
+        other = workshop.join(f'[[offer]]\napp = "{APP}"\nto = ["desk"]\n', **one)
+        far = workshop.start(ENDS, "answer", APP, log="far", first="ready")
         use = f'[[use]]\napp = "{APP}"\nat = "workshop"\n'
         link = desk.join(use, **one)
         link.says(f"{APP} at workshop: runs")
         of_two = measured(desk, "ask", "asker-1.0", APP, rounds, messages, LARGE)
+        parts = {"the sending link": link, "the server": world.servers[1], "the receiving link": other, "the target": far}
+        busy: list[dict[str, float]] = []
+        for small, large in (messages, "0"), ("1", str(COUNTED)):
+            before_it = {part: processor(process.pid) for part, process in parts.items()}
+            measured(desk, "ask", "asker-1.0", APP, "10", small, large)
+            busy.append({part: (processor(process.pid) - before_it[part]) / (int(large) or int(small))
+                         for part, process in parts.items()})
         bare = desk.start("sh", "-c", 'cd .config/convey && exec "$@"', "sh", ENDS, "client-idle", server, "desk",
                           "convey.studio.desk.absent.bare", log="bare", first="ready")
         time.sleep(2)  # what was is over
@@ -89,6 +104,9 @@ def main(rounds: str = "2000", messages: str = "50000", kept: str = "1000") -> N
         print(f"| {what} | {of_two[name] * 1e6:.1f} µs | {of_nats[name] * 1e6:.1f} µs bare, "
               f"{of_one[name] * 1e6:.1f} µs local | "
               f"{of_two[name] / of_nats[name]:.2f} | {bound:.2f} |")
+    floor = of_nats["message"] + 2 * of_one["message"]
+    print(f"| one way, 300 bytes, each | {of_two['message'] * 1e6:.1f} µs | {floor * 1e6:.1f} µs: one bare and two local, "
+          f"which the links do too | {of_two['message'] / floor:.2f} | |")
     print(f"| `durable`, one way, 300 bytes, each | {of_kept['message'] * 1e6:.0f} µs | {bare_kept['request'] * 1e6:.0f} µs bare, "
           f"each acknowledged before the next ({bare_kept['message'] * 1e6:.0f} µs without) | "
           f"{of_kept['message'] / bare_kept['request']:.2f} | |")
@@ -96,6 +114,9 @@ def main(rounds: str = "2000", messages: str = "50000", kept: str = "1000") -> N
           f"{of_two['request'] * 1e6:.0f} µs without | {of_kept['request'] / of_two['request']:.2f} | |")
     print(f"| a link with nothing to do, wake-ups a second | {sum(idle):.2f} ({idle[0]:.2f} of its thread, {idle[1]:.2f} of "
           f"the layer's) | {sum(bare_idle):.2f} of a bare client | {sum(idle) - sum(bare_idle):.2f} more | 1 more |")
+    print("\n| processor time | of a text of 300 bytes | of 16 MiB |\n|---|---|---|")
+    for part in parts:
+        print(f"| {part} | {busy[0][part] * 1e6:.1f} µs | {busy[1][part] * 1e3:.0f} ms |")
 
 
 if __name__ == "__main__":
