@@ -14,26 +14,22 @@ namespace {
 
 constexpr int kReaderWaitMilliseconds = limits::of("database.read-wait");
 constexpr int kWriterWaitMilliseconds = limits::of("database.write-wait");
+constexpr int64_t kSettledMilliseconds = 100; // steps of files' times are shorter, as a rule
+constexpr int64_t kSettledInSecondsMilliseconds = 3000; // or are whole seconds, of at most two
+constexpr const char* kImmutable = "?immutable=1";
 
-// As an address for SQLite, in which these characters have a meaning.
-std::string fileAddress(const std::string& path, const char* options) {
-    std::string address = "file:";
-    for (const char c : path) {
-        switch (c) {
-        case '%':
-            address += "%25";
-            break;
-        case '?':
-            address += "%3f";
-            break;
-        case '#':
-            address += "%23";
-            break;
-        default:
-            address += c;
-        }
-    }
-    return address + options;
+// Whether whoever writes the file from now on will give it another time than it has: its times are
+// counted in steps, and two changes within one look like one.
+bool isSettled(const struct stat& status) {
+    timespec now{};
+    (void)clock_gettime(CLOCK_REALTIME, &now); // fails for clocks that are not there only
+    const auto isOld = [&now](const timespec& time) {
+        const int64_t milliseconds =
+            (now.tv_sec - time.tv_sec) * int64_t{1000} + (now.tv_nsec - time.tv_nsec) / 1'000'000;
+        return milliseconds >=
+               (time.tv_nsec == 0 ? kSettledInSecondsMilliseconds : kSettledMilliseconds);
+    };
+    return isOld(status.st_mtim) && isOld(status.st_ctim);
 }
 
 Status isRegularDatabase(const std::string& path, std::string& reason) {
@@ -61,6 +57,26 @@ Status isRegularDatabase(const std::string& path, std::string& reason) {
 }
 
 } // namespace
+
+std::string fileAddress(const std::string& path, const char* options) {
+    std::string address = "file:";
+    for (const char c : path) {
+        switch (c) {
+        case '%':
+            address += "%25";
+            break;
+        case '?':
+            address += "%3f";
+            break;
+        case '#':
+            address += "%23";
+            break;
+        default:
+            address += c;
+        }
+    }
+    return address + options;
+}
 
 Status statusOf(int sqliteCode) {
     // An extended code has the plain one in its lowest byte.
@@ -143,10 +159,22 @@ Status Store::open(const std::string& path, Access access, std::unique_ptr<Store
         std::error_code ignored; // a folder that cannot be made shows when the file is opened
         std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
     }
-    auto impl = std::make_unique<Impl>();
-    impl->path = path;
-    impl->access = access;
-    std::unique_ptr<Store> store(new Store(std::move(impl)));
+    const auto make = [&path](Access accessOfImpl) {
+        auto impl = std::make_unique<Impl>();
+        impl->path = path;
+        impl->access = accessOfImpl;
+        return std::unique_ptr<Store>(new Store(std::move(impl)));
+    };
+    if (access == Access::glance) {
+        access = Access::read;
+        std::unique_ptr<Store> glancing = make(access);
+        if (glancing->glance()) {
+            out = std::move(glancing);
+            return Status::ok;
+        }
+        // Anew, with locks: what is wrong with the file is told in that form.
+    }
+    std::unique_ptr<Store> store = make(access);
     Status status = store->find();
     if (status == Status::ok) {
         status = store->connect();
@@ -171,6 +199,27 @@ Status Store::open(const std::string& path, Access access, std::unique_ptr<Store
     return Status::ok;
 }
 
+// Opens a file that nobody is writing. Locks, the file that they are in and the questions for both
+// are most of what a reader asks of the system; what they are for is known without them here: a
+// writer writes into the file beside the database first, and then the database, whose times tell.
+bool Store::glance() {
+    Impl& state = *impl_;
+    struct stat status {};
+    // What lies beside a link's end is not found by the link's name.
+    if (lstat(state.path.c_str(), &status) != 0 || !S_ISREG(status.st_mode) || !isSettled(status) ||
+        !state.isNothingBeside()) {
+        return false;
+    }
+    state.immutable = true;
+    state.fingerprint = Fingerprint::of(status);
+    // The times of its content with the rest: they cannot change while the file is the same.
+    state.glance = state.open(kImmutable, SQLITE_OPEN_READONLY, 0) == SQLITE_OK &&
+                   recognise() == Status::ok &&
+                   productModTime(state.glancedTimes[0]) == Status::ok &&
+                   domainModTime(state.glancedTimes[1]) == Status::ok && state.isAsOpened();
+    return state.glance;
+}
+
 // Looks at the file without opening it: opening alone can wait for ever, or make one.
 Status Store::find() {
     const Status status = isRegularDatabase(impl_->path, error_);
@@ -180,15 +229,14 @@ Status Store::find() {
 // Opens the file and reads its header.
 Status Store::connect() {
     Impl& state = *impl_;
-    static constexpr int kFlags[] = {SQLITE_OPEN_READONLY, SQLITE_OPEN_READWRITE,
-                                     SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE};
+    constexpr int kCreating = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
     const int waitMilliseconds =
         state.access == Access::read ? kReaderWaitMilliseconds : kWriterWaitMilliseconds;
-    const auto attempt = [&](const char* options, int flags) {
-        const int code = state.open(fileAddress(state.path, options), flags, waitMilliseconds);
-        return code == SQLITE_OK ? state.readHeader() : code;
-    };
-    int code = attempt("", kFlags[static_cast<int>(state.access)]);
+    int code = state.open("",
+                          state.access == Access::read    ? SQLITE_OPEN_READONLY
+                          : state.access == Access::write ? SQLITE_OPEN_READWRITE
+                                                          : kCreating,
+                          waitMilliseconds);
     // The files beside the database cannot be made: its folder is not ours to write, or the disk is
     // full.
     const int kind = code & 0xFF;
@@ -205,7 +253,7 @@ Status Store::connect() {
         // Before it is read: SQLite takes no locks in this form and sees no change, so only the
         // comparison tells whether what was read is of one state.
         state.fingerprint = Fingerprint::of(state.path);
-        code = attempt("?immutable=1", SQLITE_OPEN_READONLY);
+        code = state.open(kImmutable, SQLITE_OPEN_READONLY, waitMilliseconds);
     }
     return code == SQLITE_OK ? Status::ok : fail(code, "cannot be opened");
 }

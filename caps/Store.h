@@ -116,10 +116,12 @@ std::string defaultDatabasePath();
 // Readers see one state of the database a transaction; they never wait for a writer.
 class Store {
 public:
-    enum class Access { read, write, create };
+    enum class Access { read, glance, write, create };
 
     // Opens `path`. `create` makes folder and file when they are missing; `write` migrates an older
-    // schema; `read` changes nothing and accepts every schema from 1 on. `error`, when given,
+    // schema; `read` changes nothing and accepts every schema from 1 on. `glance` is `read` for a
+    // file that nobody is writing: without locks and without a file beside the database. Where a
+    // writer may be at work it is `read`; `glances` tells which it became. `error`, when given,
     // receives a sentence for a person on failure.
     [[nodiscard]] static Status open(const std::string& path, Access access,
                                      std::unique_ptr<Store>& out, std::string* error = nullptr);
@@ -192,6 +194,10 @@ public:
     // place.
     bool changed();
 
+    // True for one that reads at a glance: reading it fails with Status::busy when the file was
+    // written meanwhile, and it is to be opened anew, as for every change that `changed` tells.
+    bool glances() const;
+
     // Whether both were opened on one and the same file, not one in the place of the other.
     bool isOnFileOf(const Store& other) const;
 
@@ -233,8 +239,9 @@ private:
                                     std::string_view value);
     [[nodiscard]] Status checkEntry(std::string_view key, std::string_view value);
     [[nodiscard]] Status visitSubdomains(Statement& subdomains, bool withOrigins, Visitor& visitor);
-    [[nodiscard]] Status modTime(const char* what, uint32_t& out);
+    [[nodiscard]] Status modTime(const char* what, uint32_t glanced, uint32_t& out);
     // The steps of opening.
+    [[nodiscard]] bool glance();
     [[nodiscard]] Status find();
     [[nodiscard]] Status connect();
     [[nodiscard]] Status recognise();

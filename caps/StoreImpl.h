@@ -21,21 +21,24 @@ struct Fingerprint {
     ino_t inode = 0;
     off_t size = -1;
     timespec changed{};
+    timespec noted{}; // when the system last changed anything of it: nobody can set this time back
 
+    static Fingerprint of(const struct stat& status) {
+        return {status.st_dev, status.st_ino, status.st_size, status.st_mtim, status.st_ctim};
+    }
     static Fingerprint of(const std::string& path) {
-        Fingerprint print;
         struct stat status {};
-        if (stat(path.c_str(), &status) == 0) {
-            print = {status.st_dev, status.st_ino, status.st_size, status.st_mtim};
-        }
-        return print;
+        return stat(path.c_str(), &status) == 0 ? of(status) : Fingerprint{};
     }
     bool sameFile(const Fingerprint& other) const {
         return device == other.device && inode == other.inode;
     }
     bool operator==(const Fingerprint& other) const {
-        return sameFile(other) && size == other.size && changed.tv_sec == other.changed.tv_sec &&
-               changed.tv_nsec == other.changed.tv_nsec;
+        const auto same = [](const timespec& a, const timespec& b) {
+            return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+        };
+        return sameFile(other) && size == other.size && same(changed, other.changed) &&
+               same(noted, other.noted);
     }
 };
 
@@ -43,6 +46,9 @@ constexpr int kCheckpointWaitMilliseconds = limits::of("database.move-wait");
 
 // What SQLite's codes, extended ones too, mean to a caller.
 Status statusOf(int sqliteCode);
+
+// As an address for SQLite, in which some characters have a meaning.
+std::string fileAddress(const std::string& path, const char* options);
 
 // True for texts that may be stored: of at most so many bytes, none of them zero; a name has one at
 // the least.
@@ -62,10 +68,19 @@ struct Store::Impl {
     // The file may not be locked here (its folder cannot be written): it is read as if nobody
     // wrote, and what was read counts only when the file is still the same afterwards.
     bool immutable = false;
+    // The same by choice, of a file that nobody was writing: nothing lay in the file beside it.
+    bool glance = false;
     Fingerprint fingerprint;
+    uint32_t glancedTimes[2] = {}; // of the products and of the domain data
     int64_t dataVersion = 0;
     int depth = 0;      // of write transactions
     std::string origin; // of what is written
+
+    // Whether what was read is of one state, as far as that is not for locks to see to.
+    bool isAsOpened() const { return !immutable || Fingerprint::of(path) == fingerprint; }
+
+    // Every writer of ours leaves the file beside the database where it is, and empty.
+    bool isNothingBeside() const { return Fingerprint::of(path + "-wal").size == 0; }
 
     // Prepared once and kept: an import runs the same few ten thousands of times.
     std::unordered_map<std::string_view, std::unique_ptr<Statement>> statements;
@@ -107,10 +122,11 @@ struct Store::Impl {
         return statement.integer(0);
     }
 
-    int open(const std::string& address, int flags, int waitMilliseconds) {
+    // Opens the file, with options as in an address, and reads its header.
+    int open(const char* options, int flags, int waitMilliseconds) {
         (void)sqlite3_close_v2(connection);
         connection = nullptr;
-        const int code = sqlite3_open_v2(address.c_str(), &connection,
+        const int code = sqlite3_open_v2(fileAddress(path, options).c_str(), &connection,
                                          flags | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_URI, nullptr);
         if (code != SQLITE_OK) {
             return code;
@@ -122,7 +138,7 @@ struct Store::Impl {
         (void)sqlite3_db_config(connection, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
         (void)sqlite3_db_config(connection, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
         (void)sqlite3_db_config(connection, SQLITE_DBCONFIG_ENABLE_FKEY, 1, nullptr);
-        return SQLITE_OK;
+        return readHeader();
     }
 
     // Reads the header of the file through SQLite; opening alone does not touch it.
@@ -168,7 +184,7 @@ Status Store::inReadTransaction(Work&& work) {
         const End end{own ? impl_.get() : nullptr}; // also when memory runs out in `work`
         status = work();
     }
-    if (impl_->immutable && !(Fingerprint::of(impl_->path) == impl_->fingerprint)) {
+    if (!impl_->isAsOpened()) {
         status = refuse(Status::busy, "changed while it was read");
     }
     return status;

@@ -298,9 +298,13 @@ Status Store::readProducts(std::vector<Product>& out) {
     return status;
 }
 
-Status Store::modTime(const char* what, uint32_t& out) {
+Status Store::modTime(const char* what, uint32_t glanced, uint32_t& out) {
     if (!keepsTimes()) {
         out = 0; // unknown
+        return Status::ok;
+    }
+    if (impl_->glance) {
+        out = glanced;
         return Status::ok;
     }
     Statement statement(impl_->connection, "SELECT time FROM modification WHERE what = ?1");
@@ -320,22 +324,27 @@ bool Store::keepsTimes() const {
 }
 
 Status Store::productModTime(uint32_t& out) {
-    return modTime("product", out);
+    return modTime("product", impl_->glancedTimes[0], out);
 }
 
 Status Store::domainModTime(uint32_t& out) {
-    return modTime("domain", out);
+    return modTime("domain", impl_->glancedTimes[1], out);
 }
 
 bool Store::isOnFileOf(const Store& other) const {
     return impl_->fingerprint.sameFile(other.impl_->fingerprint);
 }
 
+bool Store::glances() const {
+    return impl_->glance;
+}
+
 bool Store::changed() {
     const Fingerprint now = Fingerprint::of(impl_->path);
     // Opened so, SQLite would never see a change of the file.
     if (impl_->immutable) {
-        return !(now == impl_->fingerprint);
+        // What is committed lies beside the file at first, and may stay there for long.
+        return !(now == impl_->fingerprint) || (impl_->glance && !impl_->isNothingBeside());
     }
     if (!now.sameFile(impl_->fingerprint)) {
         return true;

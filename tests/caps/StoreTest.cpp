@@ -1,10 +1,14 @@
 #include "caps/Store.h"
 
+#include <chrono>
 #include <fcntl.h>
+#include <filesystem>
+#include <functional>
 #include <memory>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 #include "tests/support/Database.h"
 #include "tests/support/TemporaryFolder.h"
@@ -24,6 +28,17 @@ protected:
         std::string error;
         EXPECT_EQ(Store::open(path, access, store, &error), expected) << error;
         EXPECT_EQ(error.empty(), expected == Status::ok);
+        return store;
+    }
+
+    // At a glance, once what was written is old enough for that.
+    std::unique_ptr<Store> glanceAt(const std::string& file) {
+        std::unique_ptr<Store> store;
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        do {
+            EXPECT_EQ(Store::open(file, Store::Access::glance, store), Status::ok);
+        } while (!store->glances() && std::chrono::steady_clock::now() < end);
+        EXPECT_TRUE(store->glances());
         return store;
     }
 
@@ -321,6 +336,80 @@ TEST_F(StoreTest, knowsOfEachEntryWhenItWasWrittenAndWhereItComesFrom) {
     EXPECT_EQ(after.products[0].origin, "");
     EXPECT_TRUE(after.products[0].payloads.empty());
     EXPECT_EQ(store->replaceProduct({"Q", {}}), Status::nothingThere);
+}
+
+// Without locks, and so without the writer's knowledge: each kind of change must be seen all the
+// same.
+TEST_F(StoreTest, seesEachChangeOfAFileThatItGlancesAt) {
+    const Contents changed{{}, {{1, "/a", {{"k", "changed"}}}}};
+    sqlite3* writer = nullptr;
+    const auto leave = [&] { // committed, and kept in the file beside the database
+        ASSERT_EQ(sqlite3_open(path.c_str(), &writer), SQLITE_OK);
+        ASSERT_EQ(sqlite3_exec(writer,
+                               "PRAGMA foreign_keys = ON; PRAGMA wal_autocheckpoint = 0; "
+                               "DELETE FROM product; DELETE FROM subdomain; INSERT INTO subdomain "
+                               "(domain, name) VALUES "
+                               "(1, '/a'); INSERT INTO domain_data (subdomain, position, key, "
+                               "value) SELECT id, 1, 'k', 'changed' FROM subdomain",
+                               nullptr, nullptr, nullptr),
+                  SQLITE_OK)
+            << sqlite3_errmsg(writer);
+    };
+    const auto write = [&](const std::string& file) {
+        std::unique_ptr<Store> store;
+        ASSERT_EQ(Store::open(file, Store::Access::create, store), Status::ok);
+        ASSERT_EQ(store->clear(), Status::ok);
+        fill(*store, changed);
+    };
+    const auto replace = [&] {
+        const std::string other = folder.file("sub/other.db");
+        write(other);
+        std::filesystem::rename(other, path);
+    };
+    struct Change {
+        const char* what;
+        std::function<void()> make;
+        bool showsInTheFile; // so that a reading that it meets is of no one state
+    };
+    const Change changes[] = {{"left beside the file", leave, false},
+                              {"moved to the file", [&] { write(path); }, true},
+                              {"another file in its place", replace, true}};
+    for (const Change& change : changes) {
+        SCOPED_TRACE(change.what);
+        std::filesystem::remove_all(folder.file("sub"));
+        { fill(*open(Store::Access::create), sample()); }
+        const std::unique_ptr<Store> store = glanceAt(path);
+        Contents contents;
+        EXPECT_EQ(store->readAll(contents), Status::ok);
+        EXPECT_EQ(contents, sample());
+        EXPECT_FALSE(store->changed());
+        struct Meeting : Store::Visitor {
+            void onSubdomain(int32_t, std::string_view) override {
+                if (make) {
+                    std::exchange(make, nullptr)();
+                }
+            }
+            std::function<void()> make;
+        } meeting;
+        meeting.make = change.make;
+        EXPECT_EQ(store->visitAllDomains(meeting),
+                  change.showsInTheFile ? Status::busy : Status::ok);
+        EXPECT_TRUE(store->changed());
+        const std::unique_ptr<Store> anew = open(Store::Access::glance);
+        EXPECT_FALSE(anew->glances());
+        EXPECT_EQ(anew->readAll(contents), Status::ok);
+        EXPECT_EQ(contents, changed);
+        (void)sqlite3_close(std::exchange(writer, nullptr));
+    }
+    // What is committed lies beside the file that a link leads to.
+    { fill(*open(Store::Access::create), Contents{}); }
+    (void)glanceAt(path);
+    const std::string link = folder.file("link.db");
+    std::filesystem::create_symlink(path, link);
+    std::filesystem::copy_file(path + "-wal", link + "-wal");
+    std::unique_ptr<Store> store;
+    EXPECT_EQ(Store::open(link, Store::Access::glance, store), Status::ok);
+    EXPECT_FALSE(store->glances());
 }
 
 // The system's database belongs to root; everybody reads it.
