@@ -12,6 +12,7 @@ namespace {
 constinit std::mutex gMutex;
 constinit Database* gDatabase = nullptr;
 
+constexpr int kGlances = 3; // a file that is replaced by an old one is old at once
 constexpr size_t kReasonBytes = 1024;
 constinit thread_local char gReason[kReasonBytes] = {};
 
@@ -123,7 +124,7 @@ Database::Paths Database::paths() const {
 
 Status Database::openLocked(std::unique_ptr<Store>& out) {
     std::string reason;
-    return noting(Store::open(state_->path, Store::Access::read, out, &reason), reason);
+    return noting(Store::open(state_->path, Store::Access::glance, out, &reason), reason);
 }
 
 void Database::openBelowLocked() {
@@ -131,7 +132,7 @@ void Database::openBelowLocked() {
     state_->below.reset();
     state_->belowStatus = Status::ok;
     if (!state_->belowPath.empty()) {
-        state_->belowStatus = Store::open(state_->belowPath, Store::Access::read, state_->below,
+        state_->belowStatus = Store::open(state_->belowPath, Store::Access::glance, state_->below,
                                           &state_->belowReason);
     }
 }
@@ -190,34 +191,49 @@ Status Database::failing(Status status) const {
 }
 
 // Reads with the lock held: the connection has none of its own.
-Status Database::domain(int32_t domain, bool refresh, std::shared_ptr<const DomainSnapshot>& out) {
-    const std::lock_guard<std::mutex> lock(state_->mutex);
+template <class Read>
+Status Database::readLocked(bool refresh, Read&& read) {
     Status status = refresh ? refreshLocked() : Status::ok;
-    if (status != Status::ok) {
-        return status;
-    }
-    std::shared_ptr<const DomainSnapshot>& snapshot = state_->domains[domain];
-    if (snapshot == nullptr) {
-        status =
-            failing(DomainSnapshot::read(*state_->store, state_->below.get(), domain, snapshot));
-    }
-    if (status == Status::ok) {
-        out = snapshot;
+    for (int attempt = 1; status == Status::ok; ++attempt) {
+        const bool glances =
+            state_->store->glances() || (state_->below != nullptr && state_->below->glances());
+        status = read();
+        // Written while it was read at a glance: anew, and with locks then, since it is fresh.
+        if (status != Status::busy || !glances || attempt == kGlances) {
+            break;
+        }
+        status = refreshLocked();
     }
     return status;
 }
 
+Status Database::domain(int32_t domain, bool refresh, std::shared_ptr<const DomainSnapshot>& out) {
+    const std::lock_guard<std::mutex> lock(state_->mutex);
+    return readLocked(refresh, [&] {
+        std::shared_ptr<const DomainSnapshot>& snapshot = state_->domains[domain];
+        const Status status =
+            snapshot != nullptr ? Status::ok
+                                : failing(DomainSnapshot::read(*state_->store, state_->below.get(),
+                                                               domain, snapshot));
+        if (status == Status::ok) {
+            out = snapshot;
+        }
+        return status;
+    });
+}
+
 Status Database::products(bool refresh, std::shared_ptr<const ProductSnapshot>& out) {
     const std::lock_guard<std::mutex> lock(state_->mutex);
-    Status status = refresh ? refreshLocked() : Status::ok;
-    if (status == Status::ok && state_->products == nullptr) {
-        status =
-            failing(ProductSnapshot::read(*state_->store, state_->below.get(), state_->products));
-    }
-    if (status == Status::ok) {
-        out = state_->products;
-    }
-    return status;
+    return readLocked(refresh, [&] {
+        const Status status = state_->products != nullptr
+                                  ? Status::ok
+                                  : failing(ProductSnapshot::read(
+                                        *state_->store, state_->below.get(), state_->products));
+        if (status == Status::ok) {
+            out = state_->products;
+        }
+        return status;
+    });
 }
 
 Status Database::modTimes(bool ofProducts, uint32_t& out) {

@@ -52,6 +52,8 @@ private:
     void openBelowLocked();
     [[nodiscard]] Status failing(Status status) const;
     [[nodiscard]] Status openLocked(std::unique_ptr<Store>& out);
+    template <class Read>
+    Status readLocked(bool refresh, Read&& read);
     template <class Work>
     Status write(Work&& work);
 

@@ -1,5 +1,6 @@
 #include "caps/include/ovrel_caps.h"
 
+#include <chrono>
 #include <dlfcn.h>
 #include <thread>
 #include <unistd.h>
@@ -125,6 +126,21 @@ TEST_F(OvrelCapsTest, keepsWhatItHandedOutUntilTheNextListSeesAChange) {
     EXPECT_EQ(BOUND(pcdGetDomainData)(session, 1, "/s1", "k", &value), CAPS_NOTHING_THERE);
     EXPECT_EQ(BOUND(pcdRemoveDomainData)(session, 1, "/s1", "k"), CAPS_NOTHING_THERE);
     EXPECT_EQ(BOUND(pcdSetDomainData)(session, 1, "/s1", "", "x"), CAPS_INVALID_ARGUMENT);
+    BOUND(pcdCloseSession)(session);
+
+    // Of a file that nobody was writing when it was opened, and that is written before it is read.
+    store.reset();
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    do {
+        ASSERT_EQ(caps::Store::open(path, caps::Store::Access::glance, store), caps::Status::ok);
+        ASSERT_LT(std::chrono::steady_clock::now(), end);
+    } while (!store->glances());
+    ASSERT_EQ(BOUND(pcdOpenSessionNoCreate)(&session, 1), CAPS_OK);
+    ASSERT_EQ(caps::Store::open(path, caps::Store::Access::write, store), caps::Status::ok);
+    ASSERT_EQ(store->setDomainData(1, "/s2", "k1", "later"), caps::Status::ok);
+    store.reset();
+    ASSERT_EQ(BOUND(pcdGetDomainData)(session, 1, "/s2", "k1", &value), CAPS_OK);
+    EXPECT_STREQ(value, "later");
     BOUND(pcdCloseSession)(session);
 }
 
