@@ -5,8 +5,11 @@
 #include <climits>
 #include <cstdlib>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <string_view>
 #include <unistd.h>
+
+#include "platform/linux/Descriptor.h"
 
 namespace platform {
 namespace {
@@ -34,6 +37,23 @@ std::string libraryOf(std::string bundlePath) {
     return bundlePath + "/" + name;
 }
 
+// As `realpath`, which asks the system about each folder of the path, where that can tell at once.
+bool resolve(const char* path, char (&out)[PATH_MAX]) {
+    const Descriptor file(open(path, O_PATH | O_CLOEXEC));
+    if (file) {
+        const std::string link = "/proc/self/fd/" + std::to_string(file.get());
+        const ssize_t length = readlink(link.c_str(), out, sizeof out);
+        // One that was removed or lies outside of this process's root has no path.
+        if (length > 0 && static_cast<size_t>(length) < sizeof out && out[0] == '/' &&
+            std::string_view(out, static_cast<size_t>(length)).find(" (deleted)") ==
+                std::string_view::npos) {
+            out[length] = '\0';
+            return true;
+        }
+    }
+    return realpath(path, out) != nullptr;
+}
+
 class LinuxFrameworks final : public Frameworks {
 public:
     std::string mainBundleFolder() const override {
@@ -59,7 +79,7 @@ public:
         Dl_info info{};
         char path[PATH_MAX];
         // The path is relative where a program that holds the layer itself was started by one.
-        if (dladdr(&kOfThisLibrary, &info) != 0 && realpath(info.dli_fname, path) != nullptr) {
+        if (dladdr(&kOfThisLibrary, &info) != 0 && resolve(info.dli_fname, path)) {
             folders.push_back(folderOf(path));
             folders.push_back(folders.back() + "/convey");
         }

@@ -115,6 +115,7 @@ PortFolder::State PortFolder::open(Use use) {
         faultOf(status) == nullptr) {
         folder_ = known.folder;
         path_ = known.path;
+        owner_ = status.st_uid;
         return State::usable;
     }
     const State state = openAnew(use);
@@ -176,6 +177,7 @@ PortFolder::State PortFolder::openAnew(Use use) {
         return refuse(fault, EPERM);
     }
     folder_ = std::make_shared<const PortDescriptor>(std::move(folder));
+    owner_ = status.st_uid;
     return State::usable;
 }
 

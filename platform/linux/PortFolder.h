@@ -28,6 +28,8 @@ public:
 
     int fd() const { return folder_ == nullptr ? -1 : folder_->get(); }
     const std::string& path() const { return path_; }
+    // The user whose folder it is, and this process's when it was opened.
+    uid_t owner() const { return owner_; }
 
     // The address of a file in the folder; one that is too long is given by way of the descriptor,
     // so it is good while the folder is open.
@@ -42,6 +44,7 @@ private:
 
     std::shared_ptr<const PortDescriptor> folder_; // one for all while the folder stays the same
     std::string path_;
+    uid_t owner_ = 0;
 };
 
 // Which socket is at a name: each owner of the name makes one of its own.

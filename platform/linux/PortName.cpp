@@ -1,5 +1,6 @@
 #include "platform/linux/PortName.h"
 
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <csignal>
@@ -32,10 +33,22 @@ struct flock lockFrom(off_t byte, short type) {
     return lock;
 }
 
-// Which numbering of processes this one is in: the numbers of another mean nothing here.
+// Which numbering of processes this one is in: the numbers of another mean nothing here. Asked once
+// in each process, which stays in its numbering; only its children can come to be in another.
 std::string processSpace() {
+    static constinit std::atomic<ino_t> known{0};
+    static constinit std::atomic<uint32_t> knownBy{0}; // what was asked before a fork is not
+    const uint32_t generation = PortDescriptor::generation();
     struct stat status {};
-    return stat("/proc/self/ns/pid", &status) == 0 ? std::to_string(status.st_ino) : "";
+    if (knownBy.load(std::memory_order_acquire) == generation) {
+        status.st_ino = known.load(std::memory_order_relaxed);
+    } else if (stat("/proc/self/ns/pid", &status) == 0) {
+        known.store(status.st_ino, std::memory_order_relaxed);
+        knownBy.store(generation, std::memory_order_release);
+    } else {
+        return "";
+    }
+    return std::to_string(status.st_ino);
 }
 
 using Found = PortName::Found;
@@ -112,7 +125,12 @@ bool PortName::own() {
         PortDescriptor lock(openat(folder_.fd(), lockFile_.c_str(),
                                    O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
                                    kLockMode));
-        struct stat status {};
+        // Held by the open file, not by the process: a second port of this process is refused too,
+        // and closing any other descriptor of the file does not release it.
+        struct flock whole = lockFrom(0, F_WRLCK);
+        const bool isHeld = lock && fcntl(lock.get(), F_OFD_SETLK, &whole) == 0;
+        const int refusal = errno;
+        struct stat status {}; // with the lock held, so that nobody else writes the file
         const bool isKnown = lock && fstat(lock.get(), &status) == 0;
         if (lock && !isKnown && attempt == 0) {
             continue; // once more, rather than leave a file that nobody owns
@@ -122,24 +140,22 @@ bool PortName::own() {
                                   systemReason());
             return false;
         }
-        if (!S_ISREG(status.st_mode) || status.st_uid != geteuid()) {
+        if (!S_ISREG(status.st_mode) || status.st_uid != folder_.owner()) {
             Log::system().problem("refused " + folder_.path() + "/" + lockFile_ +
                                   ": not a file of this user's own");
             return false;
         }
-        // Held by the open file, not by the process: a second port of this process is refused too,
-        // and closing any other descriptor of the file does not release it.
-        struct flock whole = lockFrom(0, F_WRLCK);
-        if (fcntl(lock.get(), F_OFD_SETLK, &whole) == 0) {
-            if (takeLock(std::move(lock))) {
+        if (isHeld) {
+            if (takeLock(std::move(lock), status)) {
                 return true;
             }
             continue; // an owner has just removed it, and a lock on a removed file is worth nothing
         }
-        if (errno != EAGAIN && errno != EACCES) {
+        if (refusal != EAGAIN && refusal != EACCES) {
             if (attempt == 0) {
                 continue;
             }
+            errno = refusal;
             Log::system().problem("cannot lock " + folder_.path() + "/" + lockFile_ + ": " +
                                   systemReason());
             return false;
@@ -160,21 +176,29 @@ bool PortName::own() {
     return false;
 }
 
-bool PortName::takeLock(PortDescriptor lock) {
-    lock_ = std::move(lock);
-    // With the lock held: from here on nobody else removes the file.
-    if (whatIsAtLockFile() != Found::same) {
-        lock_.reset();
+bool PortName::takeLock(PortDescriptor lock, const struct stat& status) {
+    // With the lock held: from here on nobody else removes the file. Asked once more where it could
+    // not be found out.
+    Found found = whatIsAt(status, folder_, lockFile_);
+    if (found == Found::unknown) {
+        found = whatIsAt(status, folder_, lockFile_);
+    }
+    if (found != Found::same) {
         return false;
     }
+    lock_ = std::move(lock);
     process_ = getpid();
     // An owner that died may have left its own. Without the record, and without the mark that keeps
     // cleaners off, the name is owned all the same.
     const std::string record = std::to_string(process_) + " " + processSpace() + "\n";
-    (void)!fchmod(lock_.get(), kLockMode);
+    if ((status.st_mode & 07777) != kLockMode) { // by a mask, or by who made it
+        (void)!fchmod(lock_.get(), kLockMode);
+    }
     if (pwrite(lock_.get(), record.data(), record.size(), 0) ==
         static_cast<ssize_t>(record.size())) {
-        (void)!ftruncate(lock_.get(), static_cast<off_t>(record.size()));
+        if (status.st_size > static_cast<off_t>(record.size())) {
+            (void)!ftruncate(lock_.get(), static_cast<off_t>(record.size()));
+        }
     } else {
         (void)!ftruncate(lock_.get(), 0); // on a full disk
     }

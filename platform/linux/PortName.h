@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include "platform/MessagePort.h"
@@ -43,7 +44,7 @@ public:
 
 private:
     Found whatIsAtLockFile() const;
-    bool takeLock(PortDescriptor lock);
+    bool takeLock(PortDescriptor lock, const struct stat& status);
 
     const PortFolder folder_;
     const std::string socketFile_;

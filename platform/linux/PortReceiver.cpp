@@ -198,10 +198,14 @@ bool PortReceiver::listen() {
     if (!listener || !events) {
         return refuse("make the socket");
     }
-    (void)unlinkat(folder.fd(), file.c_str(), 0); // left by an owner that died
     const PortFolder::Address address = folder.addressOf(file);
-    if (bind(listener.get(), reinterpret_cast<const sockaddr*>(&address.address), address.length) !=
-        0) {
+    const auto isBound = [&] {
+        return bind(listener.get(), reinterpret_cast<const sockaddr*>(&address.address),
+                    address.length) == 0;
+    };
+    // One that is there was left by an owner that died.
+    if (!isBound() &&
+        (errno != EADDRINUSE || unlinkat(folder.fd(), file.c_str(), 0) != 0 || !isBound())) {
         return refuse("bind");
     }
     epoll_event event{};

@@ -368,15 +368,18 @@ void* SharedLib::loadPCDLibrary(const char* name, bool* isThere) {
                                                : platform::frameworkCandidates(frameworks, name);
     std::string tried;
     for (const std::string& path : paths) {
+        tried += (tried.empty() ? "" : ", ") + path;
+        if (!frameworks.mayBeThere(path)) {
+            continue;
+        }
         if (void* handle = frameworks.load(path)) {
             return handle;
         }
         if (isThere != nullptr) {
             // One that is there and does not load is a registry that could not be read, not an
             // empty one.
-            *isThere = *isThere || frameworks.mayBeThere(path);
+            *isThere = true;
         }
-        tried += (tried.empty() ? "" : ", ") + path;
     }
     // Without it no application is known: who has installed half of the system must hear of it.
     platform::Log::system().problem("no database library: tried " + tried);
