@@ -1,4 +1,6 @@
 // Requests by way of a disk, which gives what it has again and again until it is acknowledged.
+#include <algorithm>
+
 #include "scriptobjects/convey/SoCVWords.h"
 #include "tests/link/LinkOnFakes.h"
 
@@ -45,8 +47,9 @@ protected:
         (void)link->step(true); // its end is seen
     }
     void ask(const std::string& serial) {
-        ASSERT_EQ(ports.send(prefix + "kivra-7.0", text("asker-1.0", "kivra-7.0", serial), 0),
-                  platform::SendResult::delivered);
+        std::string request = text("asker-1.0", "kivra-7.0", serial);
+        std::replace(request.begin(), request.end(), '\n', '\0'); // to readers the same
+        ASSERT_EQ(ports.send(prefix + "kivra-7.0", request, 0), platform::SendResult::delivered);
         (void)link->step(true);
     }
     std::unique_ptr<platform::LocalPort> lumen = ports.open(prefix + kLumen);

@@ -86,7 +86,7 @@ TEST(TextTest, leavesNoSecondLineThatAReaderWouldTake) {
     std::string whole =
         std::string("Target:a\nSender:x\nSender:y\nConvey-Link:me\n@HDR>Convey-Link:me\n"
                     "@CV>Version:2.05\nPage:1") +
-        '\0' + "Sender:z\nSender-ID:localhost:mac1\nContent-Length:99\n\nbody";
+        '\0' + "Sender:z\nSender-ID:localhost:mac1\nContent-Length:99\n\nbo" + '\0' + "dy";
     normalise(whole);
     std::string_view rest = whole;
     Text text;
@@ -98,7 +98,7 @@ TEST(TextTest, leavesNoSecondLineThatAReaderWouldTake) {
     const Convey::Message read = layerReads(text.write());
     EXPECT_EQ(read.getSender(), "mine");
     EXPECT_EQ(read.getUserHeaderValue("Convey-Link"), "desk@studio");
-    EXPECT_EQ(read.getBody(), "body") << "no longer than what is there";
+    EXPECT_EQ(read.getBody(), "bo\ndy") << "no longer than what is there";
 }
 
 TEST(TextTest, failsARequestWithWhatWasAskedForAndNoMore) {
