@@ -28,19 +28,18 @@ using ScObjects::Convey;
 using ScObjects::InterAppStream;
 using ScObjects::SoString;
 
-// A message through a queue that holds a thousand, as an instance does it that looks for expired
-// ones each time.
-void queue(int times) {
-    constexpr int kHeld = 1000;
+// A message through a queue that holds so many, as an instance does it that looks for expired ones
+// each time.
+void queue(int times, int held) {
     ScObjects::ConveyData::MessageQueue queue;
     std::vector<std::unique_ptr<Convey::Message>> messages;
-    for (int i = 0; i < kHeld; ++i) {
+    for (int i = 0; i < held; ++i) {
         messages.push_back(std::make_unique<Convey::Message>());
         messages.back()->setTarget("target");
         messages.back()->setSender("sender");
         messages.back()->setSerialNumber(static_cast<uint32_t>(i));
     }
-    for (int i = 0; i < times; i += kHeld) {
+    for (int i = 0; i < times; i += held) {
         for (auto& message : messages) {
             if (!queue.append(message.release())) {
                 fail("append");
@@ -212,7 +211,9 @@ int main(int argc, char** argv) {
     Convey::Message::setCreateDigest(digest);
     Convey::Message::setAuthentication(digest);
     if (operation == "queue") {
-        queue(times);
+        queue(times, 1000);
+    } else if (operation == "long-queue") {
+        queue(times, 100'000);
     } else if (operation == "rows") {
         rows(times);
     } else if (operation == "write") {
@@ -233,7 +234,8 @@ int main(int argc, char** argv) {
                kind != std::end(kHeavyTexts)) {
         readHeavy(*kind, times);
     } else {
-        fail("usage: counted_bench queue|rows|write|read|carried|built|built-with-digest|request|"
+        fail("usage: counted_bench "
+             "queue|long-queue|rows|write|read|carried|built|built-with-digest|request|"
              "received|NAME-OF-HEAVY-TEXT TIMES");
     }
     (void)Convey::InitTerm::exit();
