@@ -171,7 +171,6 @@ TEST_F(PortSealsTest, aSealIsWaitedFor) {
 // fit is noted as ever.
 TEST_F(PortSealsTest, aStreamChecksTheDigestsOfLargeMessagesAsTheyArrive) {
     using ScObjects::Convey;
-    setenv("HOME", runtime.file("").c_str(), 1); // where the digest's identifier is
     Convey::Message::setCreateDigest(true);
     ScObjects::InterAppStream stream("app-1.0");
     for (const bool isCompared : {true, false}) {
