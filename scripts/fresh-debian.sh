@@ -4,7 +4,7 @@ as_root=()
 [ "$(id -u)" -eq 0 ] || as_root=(sudo)
 
 # fresh_debian RELEASE ROOT: makes one from where this machine gets its own packages. In a folder
-# DEBIAN_CACHE it is kept for the next that is wanted.
+# DEBIAN_CACHE it is kept for the next that is wanted, with the lists of packages.
 fresh_debian() {
     local release=$1 root=$2 kept=${DEBIAN_CACHE:+$DEBIAN_CACHE/$1.tar} mirror own
     own=$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)
@@ -13,17 +13,20 @@ fresh_debian() {
     if [ -n "$kept" ] && [ -e "$kept" ]; then
         mkdir "$root"
         "${as_root[@]}" tar -xpf "$kept" -C "$root"
-    else
-        "${as_root[@]}" debootstrap --variant=minbase "$release" "$root" \
-            "${mirror:?no mirror known}" >/dev/null
-        [ -z "$kept" ] || "${as_root[@]}" tar -cpf "$kept" -C "$root" .
+        "${as_root[@]}" mount -t proc proc "$root/proc"
+        return
     fi
+    "${as_root[@]}" debootstrap --variant=minbase "$release" "$root" \
+        "${mirror:?no mirror known}" >/dev/null
     "${as_root[@]}" mount -t proc proc "$root/proc" # programs find their libraries by way of it
     "${as_root[@]}" cp /etc/resolv.conf "$root/etc/resolv.conf"
     "${as_root[@]}" cp -rL /etc/apt/apt.conf.d "$root/etc/apt/"
     echo 'APT::Install-Recommends "false";' |
         "${as_root[@]}" tee "$root/etc/apt/apt.conf.d/90-no-more" >/dev/null
+    # It is thrown away: nothing in it needs to outlive a power cut.
+    echo force-unsafe-io | "${as_root[@]}" tee "$root/etc/dpkg/dpkg.cfg.d/unsafe-io" >/dev/null
     "${as_root[@]}" chroot "$root" apt-get -q update >/dev/null
+    [ -z "$kept" ] || "${as_root[@]}" tar --one-file-system -cpf "$kept" -C "$root" .
 }
 
 # end_debian ROOT: ends what was started in there, by its root, and removes it.
