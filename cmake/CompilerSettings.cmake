@@ -31,6 +31,14 @@ add_library(convey_short_lived INTERFACE)
 target_link_options(convey_short_lived INTERFACE
     $<${CONVEY_OWNS_CXX}:-static-libstdc++> $<${CONVEY_OWNS_CXX}:-static-libgcc>)
 
+# For what reads command lines and prints, in the builds with sanitizers: its headers are large, and to
+# optimise what they are made into costs more than all that runs of it. No fuzzer follows it either.
+add_library(convey_tool_settings INTERFACE)
+if(CMAKE_CXX_FLAGS MATCHES "-fsanitize")
+    target_compile_options(convey_tool_settings INTERFACE
+        -O0 $<$<CXX_COMPILER_ID:Clang>:-fno-sanitize=fuzzer-no-link>)
+endif()
+
 add_library(convey_layer_settings INTERFACE)
 target_link_libraries(convey_layer_settings INTERFACE convey_settings)
 # Process-wide objects outlive main: the background thread may still run during exit().
