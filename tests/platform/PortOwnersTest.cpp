@@ -38,7 +38,15 @@ TEST_F(PortOwnersTest, aNameIsFreeWhenItsOwnerIsKilled) {
     EXPECT_TRUE(ports.isFree(kName));
     EXPECT_EQ(files(), 2U) << "it could not clear away";
     EXPECT_EQ(ports.send(kName, "x", kGenerous), SendResult::noReceiver);
+    // Its record was longer and its mark another: the next owner's are its own.
+    const std::string lock = fileOf(".lock");
+    ASSERT_EQ(truncate(lock.c_str(), 60), 0);
+    ASSERT_EQ(chmod(lock.c_str(), S_IRUSR | S_IWUSR), 0);
     const auto port = opened();
+    struct stat status {};
+    ASSERT_EQ(stat(lock.c_str(), &status), 0);
+    EXPECT_LT(status.st_size, 60);
+    EXPECT_EQ(status.st_mode & 07777U, unsigned{S_ISVTX | S_IRUSR | S_IWUSR});
     EXPECT_EQ(ports.send(kName, "y", kGenerous), SendResult::delivered);
     EXPECT_EQ(takeAll(*port), std::vector<std::string>{"y"});
 }
