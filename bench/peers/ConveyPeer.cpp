@@ -81,8 +81,8 @@ private:
         message.setSerialNumber(++lastNumber_);
         message.setBody(std::move(body));
         Convey::Message::Text text;
-        return text.write(message) &&
-               stream_->send(target, text.pieces(), patienceMilliseconds, nullptr);
+        return text.write(message) && stream_->send(target, text.pieces(), patienceMilliseconds,
+                                                    nullptr) == platform::SendResult::delivered;
     }
     void take(Convey::Message& message) {
         while (reader_ == nullptr) {
