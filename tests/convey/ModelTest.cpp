@@ -2,22 +2,17 @@
 // test says so. CONVEY_TEST_SEED repeats a run; CONVEY_TEST_STEPS makes it longer.
 #include <algorithm>
 #include <cstdio>
-#include <gtest/gtest.h>
 #include <memory>
 #include <random>
 #include <set>
-#include <string>
-#include <vector>
 
 #include "platform/fake/Fakes.h"
 #include "scriptobjects/convey/SoCVMessageQueue.h"
+#include "tests/support/Peers.h"
 
 namespace {
 
-using ScObjects::Convey;
-using ScObjects::SoString;
 using ScObjects::ConveyData::MessageQueue;
-using Message = Convey::Message;
 
 unsigned seed() {
     const char* const given = std::getenv("CONVEY_TEST_SEED");
