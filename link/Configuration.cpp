@@ -6,8 +6,8 @@
 #include <initializer_list>
 #include <set>
 #include <sstream>
-#include <toml++/toml.h>
 
+#include "caps/tool/TomlLibrary.h"
 #include "link/Bounds.h"
 #include "link/Frame.h"
 #include "scriptobjects/convey/SoCVSpecifier.h"

@@ -73,6 +73,7 @@ TEST(ConfigurationTest, saysWhatIsWrong) {
         {"at = \"desk\"", "at = \"desk\"\ndurable = 1", "durable: "},
         {"at = \"desk\"", "at = \"desk\"\n[[use]]\napp = \"diary-1.0\"\nat = \"x\"", "use: "},
         {"[[use]]", "[[use", "line "},
+        {"[[use]]", "[.use]", "line "}, // no key where one begins
     };
     for (const auto& one : cases) {
         std::string text = kWhole;
