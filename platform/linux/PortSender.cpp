@@ -16,6 +16,7 @@
 
 #include "limits/Limits.h"
 #include "platform/Log.h"
+#include "platform/linux/Deadline.h"
 #include "platform/linux/PortDescriptor.h"
 #include "platform/linux/PortFolder.h"
 #include "platform/linux/PortName.h"
@@ -24,7 +25,7 @@
 namespace platform {
 namespace {
 
-using Time = std::chrono::steady_clock;
+using Time = Deadline::Time;
 
 constexpr size_t kMaximumKept = limits::of("port.kept");
 constexpr int kSendBufferBytes = 4 << 20; // what makes large texts fast where it was measured
@@ -34,42 +35,9 @@ constexpr size_t kSealStepBytes = 65'536; // a tenth of a millisecond
 // While the system is short of memory, or of places in a target's queue of new connections, there
 // is nothing to wait for but time.
 constexpr auto kPause = std::chrono::milliseconds(1);
-constexpr auto kStopLook = std::chrono::milliseconds(100);
 constexpr auto kOpeningTime = std::chrono::milliseconds(limits::of("port.opening"));
 constexpr auto kLookPause = std::chrono::microseconds(limits::of("port.look-pause"));
 constexpr auto kFolderLookPause = std::chrono::milliseconds(limits::of("port.look-folder"));
-
-// The end of a wait, and what is left of it.
-class Deadline {
-public:
-    // A day at most: the largest number of milliseconds, added to the clock, would be a moment in
-    // the past.
-    explicit Deadline(const SendTime& time)
-        : end_(Time::now() + bounded(time.milliseconds)),
-          begunEnd_(end_ - bounded(time.milliseconds) + bounded(time.begunMilliseconds)),
-          stop_(time.stop) {}
-    Time::time_point end() const { return end_; }
-    bool passed() const { return Time::now() >= end_ || (stop_ != nullptr && *stop_); }
-    // Of the next wait. Rounded up: one that ends early would be repeated without pause.
-    int leftMilliseconds() const {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end_ - Time::now());
-        const auto most = stop_ != nullptr ? kStopLook : kMost;
-        return static_cast<int>(std::clamp<int64_t>(left.count(), 0, most.count()));
-    }
-    // The target has begun to take a text in parts.
-    void begun() { end_ = std::max(end_, begunEnd_); }
-
-private:
-    static constexpr std::chrono::milliseconds kMost = std::chrono::hours(24);
-
-    static std::chrono::milliseconds bounded(int64_t milliseconds) {
-        return std::clamp(std::chrono::milliseconds(milliseconds), kMost * 0, kMost);
-    }
-
-    Time::time_point end_;
-    Time::time_point begunEnd_;
-    const std::atomic<bool>* stop_;
-};
 
 // The ways in which a socket tells that nobody reads at its other end.
 bool isGone(int error) {
