@@ -21,6 +21,7 @@
 #include "platform/linux/PortFolder.h"
 #include "platform/linux/PortName.h"
 #include "platform/linux/PortPacket.h"
+#include "platform/linux/PortWriter.h"
 
 namespace platform {
 namespace {
@@ -28,9 +29,7 @@ namespace {
 using Time = Deadline::Time;
 
 constexpr size_t kMaximumKept = limits::of("port.kept");
-constexpr int kSendBufferBytes = 4 << 20; // what makes large texts fast where it was measured
-constexpr size_t kSmallestPartBytes = 4096;
-constexpr size_t kJoinedBytes = 1024;
+constexpr size_t kSmallestPartBytes = PortWriter::kSmallestPartBytes;
 constexpr size_t kSealStepBytes = 65'536; // a tenth of a millisecond
 // While the system is short of memory, or of places in a target's queue of new connections, there
 // is nothing to wait for but time.
@@ -38,12 +37,6 @@ constexpr auto kPause = std::chrono::milliseconds(1);
 constexpr auto kOpeningTime = std::chrono::milliseconds(limits::of("port.opening"));
 constexpr auto kLookPause = std::chrono::microseconds(limits::of("port.look-pause"));
 constexpr auto kFolderLookPause = std::chrono::milliseconds(limits::of("port.look-folder"));
-
-// The ways in which a socket tells that nobody reads at its other end.
-bool isGone(int error) {
-    return error == EPIPE || error == ECONNRESET || error == ENOTCONN || error == ECONNREFUSED ||
-           error == EBADF;
-}
 
 } // namespace
 
@@ -86,13 +79,12 @@ public:
     void report(int events, uint64_t kind, const PortIncarnation& owner);
 
 private:
-    enum class Outcome { done, gone, timedOut, failed };
+    using Outcome = PortWriter::Outcome;
 
     bool hasSuccessor();
     SendResult open(Deadline& deadline);
     SendResult openOnce(Deadline& deadline, bool& mayBeStarting);
     void close();
-    Outcome sendPacket(const PortPacket* header, std::string_view bytes, Deadline& deadline);
     Outcome sendWhole(std::string_view text, Deadline& deadline);
     Outcome sendInParts(const PortPieces& text, Deadline& deadline);
     Outcome sendSealed(const PortPieces& text, Deadline& deadline);
@@ -121,8 +113,7 @@ private:
     Time::time_point lookedAt_;
     Time::time_point folderLookedAt_;
     bool brokenOff_ = false; // in the middle of a text that will not be completed
-    size_t partBytes_ = kSmallestPartBytes;
-    int lastError_ = 0;
+    PortWriter writer_;
 };
 
 class PortSender::Watch final : public TargetWatch {
@@ -181,7 +172,7 @@ SendResult PortSender::Connection::send(const PortPieces& text, Deadline& deadli
         }
         close();
         if (outcome == Outcome::failed) {
-            errno = lastError_;
+            errno = writer_.lastError();
             Log::system().problem("cannot send to port " + name_ + ": " + systemReason());
             return SendResult::failed;
         }
@@ -300,19 +291,7 @@ SendResult PortSender::Connection::openOnce(Deadline& deadline, bool& mayBeStart
         Log::system().problem("cannot make a socket: " + systemReason());
         return SendResult::failed;
     }
-    // The first way goes beyond the system's bound, but is for privileged processes only; what the
-    // second asks for is cut to that bound without an error.
-    int bufferBytes = kSendBufferBytes;
-    if (setsockopt(socket.get(), SOL_SOCKET, SO_SNDBUFFORCE, &bufferBytes, sizeof bufferBytes) !=
-        0) {
-        (void)setsockopt(socket.get(), SOL_SOCKET, SO_SNDBUF, &bufferBytes, sizeof bufferBytes);
-    }
-    socklen_t length = sizeof bufferBytes;
-    // What was granted counts, not what was asked for: a packet larger than the buffer is refused.
-    (void)getsockopt(socket.get(), SOL_SOCKET, SO_SNDBUF, &bufferBytes, &length);
-    // Several packets in flight, so that one is written while another is read.
-    partBytes_ = std::clamp(static_cast<size_t>(std::max(bufferBytes, 0)) / 4, kSmallestPartBytes,
-                            PortPacket::kMaximumPartBytes);
+    writer_.prepare(socket.get());
 
     const PortFolder::Address address = folder.addressOf(socketFile_);
     while (connect(socket.get(), reinterpret_cast<const sockaddr*>(&address.address),
@@ -349,63 +328,10 @@ SendResult PortSender::Connection::openOnce(Deadline& deadline, bool& mayBeStart
     return SendResult::delivered;
 }
 
-PortSender::Connection::Outcome PortSender::Connection::sendPacket(const PortPacket* header,
-                                                                   std::string_view bytes,
-                                                                   Deadline& deadline) {
-    // Copying a small text behind its header costs less than describing two pieces to the system.
-    unsigned char joined[PortPacket::kHeaderBytes + kJoinedBytes];
-    iovec pieces[2] = {{joined, 0}, {const_cast<char*>(bytes.data()), bytes.size()}};
-    const iovec* first = &pieces[1];
-    if (header != nullptr) {
-        header->write(joined);
-        pieces[0].iov_len = PortPacket::kHeaderBytes;
-        first = &pieces[0];
-        if (!bytes.empty() && bytes.size() <= kJoinedBytes) {
-            std::memcpy(joined + PortPacket::kHeaderBytes, bytes.data(), bytes.size());
-            pieces[0].iov_len += bytes.size();
-        }
-    }
-    const bool single = header == nullptr || bytes.size() <= kJoinedBytes;
-    msghdr message{};
-    message.msg_iov = pieces;
-    message.msg_iovlen = 2;
-    for (;;) {
-        const ssize_t sent = single ? ::send(socket_.get(), first->iov_base, first->iov_len,
-                                             MSG_NOSIGNAL | MSG_DONTWAIT)
-                                    : sendmsg(socket_.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (sent >= 0) {
-            return Outcome::done;
-        }
-        lastError_ = errno;
-        if (lastError_ == EINTR) {
-            continue;
-        }
-        if (isGone(lastError_)) {
-            return Outcome::gone;
-        }
-        const bool outOfMemory = lastError_ == ENOBUFS || lastError_ == ENOMEM;
-        if (lastError_ != EAGAIN && !outOfMemory) {
-            return Outcome::failed;
-        }
-        if (outOfMemory && bytes.size() > kSmallestPartBytes) {
-            return Outcome::failed; // a smaller packet may do
-        }
-        if (deadline.passed()) {
-            return Outcome::timedOut;
-        }
-        if (outOfMemory) {
-            std::this_thread::sleep_for(kPause);
-        } else {
-            pollfd writable = {socket_.get(), POLLOUT, 0};
-            (void)poll(&writable, 1, deadline.leftMilliseconds());
-        }
-    }
-}
-
 PortSender::Connection::Outcome PortSender::Connection::sendWhole(std::string_view text,
                                                                   Deadline& deadline) {
     const PortPacket header{PortPacket::whole, text.size()};
-    const Outcome outcome = sendPacket(&header, text, deadline);
+    const Outcome outcome = writer_.sendPacket(&header, text, deadline);
     // A packet of this size may be more than the system has in one piece, or allows.
     return outcome == Outcome::failed && text.size() > kSmallestPartBytes
                ? sendInParts({text, {}}, deadline)
@@ -418,7 +344,7 @@ PortSender::Connection::Outcome PortSender::Connection::sendInParts(const PortPi
     // From here on the receiver expects nothing but the text's bytes on this connection: whatever
     // stops in the middle leaves a connection that is good for nothing else.
     const PortPacket header{PortPacket::announced, text.size()};
-    Outcome outcome = sendPacket(&header, {}, deadline);
+    Outcome outcome = writer_.sendPacket(&header, {}, deadline);
     if (outcome != Outcome::done) {
         return outcome; // nothing was sent
     }
@@ -454,7 +380,7 @@ PortSender::Connection::Outcome PortSender::Connection::sendSealed(const PortPie
                    : sendInParts({head, text.body}, deadline);
     }
     const PortPacket header{PortPacket::sealed, text.size()};
-    Outcome outcome = sendPacket(&header, {}, deadline);
+    Outcome outcome = writer_.sendPacket(&header, {}, deadline);
     if (outcome != Outcome::done) {
         return outcome; // nothing was sent
     }
@@ -464,15 +390,16 @@ PortSender::Connection::Outcome PortSender::Connection::sendSealed(const PortPie
         outcome = sendParts(text.body, text, deadline);
     }
     if (outcome == Outcome::done) {
-        outcome = sendPacket(nullptr, text.sealed(), deadline);
+        outcome = writer_.sendPacket(nullptr, text.sealed(), deadline);
     }
     return finishParts(outcome);
 }
 
 PortSender::Connection::Outcome PortSender::Connection::sendParts(std::string_view piece,
                                                                   Deadline& deadline) {
-    return sendParts(piece, PortPacket::kMaximumPartBytes,
-                     [&](std::string_view part) { return sendPacket(nullptr, part, deadline); });
+    return sendParts(piece, PortPacket::kMaximumPartBytes, [&](std::string_view part) {
+        return writer_.sendPacket(nullptr, part, deadline);
+    });
 }
 
 // As far as the system takes parts at once these go first, so that the receiver has work; the seal
@@ -484,7 +411,7 @@ PortSender::Connection::Outcome PortSender::Connection::sendParts(std::string_vi
         Deadline atOnce(0);
         bool more = true;
         for (;;) {
-            const Outcome outcome = sendPacket(nullptr, part, more ? atOnce : deadline);
+            const Outcome outcome = writer_.sendPacket(nullptr, part, more ? atOnce : deadline);
             if (outcome != Outcome::timedOut || !more || deadline.passed()) {
                 return outcome;
             }
@@ -497,13 +424,13 @@ template <class SendPart>
 PortSender::Connection::Outcome
 PortSender::Connection::sendParts(std::string_view piece, size_t partBytes, SendPart&& sendPart) {
     while (!piece.empty()) {
-        const std::string_view part = piece.substr(0, std::min(partBytes, partBytes_));
+        const std::string_view part = piece.substr(0, std::min(partBytes, writer_.partBytes()));
         const Outcome outcome = sendPart(part);
         if (outcome == Outcome::done) {
             piece.remove_prefix(part.size());
         } else if (outcome == Outcome::failed && part.size() > kSmallestPartBytes) {
             // Kept for the texts that come after, which would meet the same.
-            partBytes_ = std::max(part.size() / 2, kSmallestPartBytes);
+            writer_.setPartBytes(std::max(part.size() / 2, kSmallestPartBytes));
         } else {
             return outcome;
         }
