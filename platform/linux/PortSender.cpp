@@ -20,7 +20,6 @@
 #include "platform/linux/PortDescriptor.h"
 #include "platform/linux/PortFolder.h"
 #include "platform/linux/PortName.h"
-#include "platform/linux/PortPacket.h"
 #include "platform/linux/PortWriter.h"
 
 namespace platform {
@@ -29,8 +28,6 @@ namespace {
 using Time = Deadline::Time;
 
 constexpr size_t kMaximumKept = limits::of("port.kept");
-constexpr size_t kSmallestPartBytes = PortWriter::kSmallestPartBytes;
-constexpr size_t kSealStepBytes = 65'536; // a tenth of a millisecond
 // While the system is short of memory, or of places in a target's queue of new connections, there
 // is nothing to wait for but time.
 constexpr auto kPause = std::chrono::milliseconds(1);
@@ -85,14 +82,6 @@ private:
     SendResult open(Deadline& deadline);
     SendResult openOnce(Deadline& deadline, bool& mayBeStarting);
     void close();
-    Outcome sendWhole(std::string_view text, Deadline& deadline);
-    Outcome sendInParts(const PortPieces& text, Deadline& deadline);
-    Outcome sendSealed(const PortPieces& text, Deadline& deadline);
-    Outcome sendParts(std::string_view piece, Deadline& deadline);
-    Outcome sendParts(std::string_view piece, const PortPieces& sealed, Deadline& deadline);
-    template <class SendPart>
-    Outcome sendParts(std::string_view piece, size_t partBytes, SendPart&& sendPart);
-    Outcome finishParts(Outcome outcome);
     bool closeBrokenOff(Deadline& deadline);
 
     const std::string name_;
@@ -159,15 +148,12 @@ SendResult PortSender::Connection::send(const PortPieces& text, Deadline& deadli
                 return opened;
             }
         }
-        // A small text comes in one piece.
-        const Outcome outcome = text.seal != nullptr ? sendSealed(text, deadline)
-                                : text.body.empty() && text.size() <= PortPacket::kMaximumWholeBytes
-                                    ? sendWhole(text.head, deadline)
-                                    : sendInParts(text, deadline);
+        const Outcome outcome = writer_.send(text, owner_.takesSealed, deadline);
         if (outcome == Outcome::done) {
             return SendResult::delivered;
         }
-        if (outcome == Outcome::timedOut) {
+        if (outcome == Outcome::timedOut || outcome == Outcome::brokenOff) {
+            brokenOff_ = outcome == Outcome::brokenOff; // stays open for now, see closeBrokenOff
             return SendResult::timedOut;
         }
         close();
@@ -326,116 +312,6 @@ SendResult PortSender::Connection::openOnce(Deadline& deadline, bool& mayBeStart
     // made.
     lookedAt_ = folderLookedAt_ = Time::time_point();
     return SendResult::delivered;
-}
-
-PortSender::Connection::Outcome PortSender::Connection::sendWhole(std::string_view text,
-                                                                  Deadline& deadline) {
-    const PortPacket header{PortPacket::whole, text.size()};
-    const Outcome outcome = writer_.sendPacket(&header, text, deadline);
-    // A packet of this size may be more than the system has in one piece, or allows.
-    return outcome == Outcome::failed && text.size() > kSmallestPartBytes
-               ? sendInParts({text, {}}, deadline)
-               : outcome;
-}
-
-// Each piece in packets of its own: a receiver has the second one where it is used, so.
-PortSender::Connection::Outcome PortSender::Connection::sendInParts(const PortPieces& text,
-                                                                    Deadline& deadline) {
-    // From here on the receiver expects nothing but the text's bytes on this connection: whatever
-    // stops in the middle leaves a connection that is good for nothing else.
-    const PortPacket header{PortPacket::announced, text.size()};
-    Outcome outcome = writer_.sendPacket(&header, {}, deadline);
-    if (outcome != Outcome::done) {
-        return outcome; // nothing was sent
-    }
-    deadline.begun();
-    outcome = sendParts(text.head, deadline);
-    if (outcome == Outcome::done) {
-        outcome = sendParts(text.body, deadline);
-    }
-    return finishParts(outcome);
-}
-
-PortSender::Connection::Outcome PortSender::Connection::finishParts(Outcome outcome) {
-    if (outcome == Outcome::timedOut) {
-        // The connection stays open for now, see closeBrokenOff.
-        brokenOff_ = true;
-    } else if (outcome != Outcome::done) {
-        close(); // the receiver drops the part that it has
-    }
-    return outcome;
-}
-
-// A seal takes as long as its digest, and the receiver makes the same one: both at once, when the
-// seal comes last.
-PortSender::Connection::Outcome PortSender::Connection::sendSealed(const PortPieces& text,
-                                                                   Deadline& deadline) {
-    if (!owner_.takesSealed || text.size() == 0 ||
-        text.size() > MessagePorts::kMaximumTextBytes - PortSeal::kMaximumBytes) {
-        // In one piece with what stands behind it: to the receiver that is the head.
-        std::string head(text.sealed());
-        head += text.head;
-        return text.body.empty() && head.size() <= PortPacket::kMaximumWholeBytes
-                   ? sendWhole(head, deadline)
-                   : sendInParts({head, text.body}, deadline);
-    }
-    const PortPacket header{PortPacket::sealed, text.size()};
-    Outcome outcome = writer_.sendPacket(&header, {}, deadline);
-    if (outcome != Outcome::done) {
-        return outcome; // nothing was sent
-    }
-    deadline.begun();
-    outcome = sendParts(text.head, text, deadline);
-    if (outcome == Outcome::done) {
-        outcome = sendParts(text.body, text, deadline);
-    }
-    if (outcome == Outcome::done) {
-        outcome = writer_.sendPacket(nullptr, text.sealed(), deadline);
-    }
-    return finishParts(outcome);
-}
-
-PortSender::Connection::Outcome PortSender::Connection::sendParts(std::string_view piece,
-                                                                  Deadline& deadline) {
-    return sendParts(piece, PortPacket::kMaximumPartBytes, [&](std::string_view part) {
-        return writer_.sendPacket(nullptr, part, deadline);
-    });
-}
-
-// As far as the system takes parts at once these go first, so that the receiver has work; the seal
-// takes its own while there is no room.
-PortSender::Connection::Outcome PortSender::Connection::sendParts(std::string_view piece,
-                                                                  const PortPieces& sealed,
-                                                                  Deadline& deadline) {
-    return sendParts(piece, PortPacket::kSealedPartBytes, [&](std::string_view part) {
-        Deadline atOnce(0);
-        bool more = true;
-        for (;;) {
-            const Outcome outcome = writer_.sendPacket(nullptr, part, more ? atOnce : deadline);
-            if (outcome != Outcome::timedOut || !more || deadline.passed()) {
-                return outcome;
-            }
-            more = sealed.sealOn(kSealStepBytes);
-        }
-    });
-}
-
-template <class SendPart>
-PortSender::Connection::Outcome
-PortSender::Connection::sendParts(std::string_view piece, size_t partBytes, SendPart&& sendPart) {
-    while (!piece.empty()) {
-        const std::string_view part = piece.substr(0, std::min(partBytes, writer_.partBytes()));
-        const Outcome outcome = sendPart(part);
-        if (outcome == Outcome::done) {
-            piece.remove_prefix(part.size());
-        } else if (outcome == Outcome::failed && part.size() > kSmallestPartBytes) {
-            // Kept for the texts that come after, which would meet the same.
-            writer_.setPartBytes(std::max(part.size() / 2, kSmallestPartBytes));
-        } else {
-            return outcome;
-        }
-    }
-    return Outcome::done;
 }
 
 bool PortSender::Connection::hasUnread() const {

@@ -3,11 +3,12 @@
 #include <cstddef>
 #include <string_view>
 
-#include "platform/linux/PortPacket.h"
+#include "platform/MessagePort.h"
 
 namespace platform {
 
 class Deadline;
+struct PortPacket;
 
 // Writes texts into one connection, in packets as the system takes them. The socket stays its
 // owner's. One thread at a time.
@@ -15,25 +16,32 @@ class PortWriter {
 public:
     enum class Outcome {
         done,
-        gone,     // nobody reads at the other end
-        timedOut, // nothing was sent
-        failed    // see lastError
+        gone,      // nobody reads at the other end
+        timedOut,  // nothing was sent
+        brokenOff, // timed out in the middle of a text: the connection is good for nothing else
+        failed     // see lastError
     };
-
-    static constexpr size_t kSmallestPartBytes = 4096;
 
     // For a socket that was just made and is not connected yet: makes room for large texts.
     void prepare(int socket);
     // The errno of the last packet that was not sent.
     int lastError() const { return lastError_; }
 
-    Outcome sendPacket(const PortPacket* header, std::string_view bytes, Deadline& deadline);
-    size_t partBytes() const { return partBytes_; }
-    void setPartBytes(size_t bytes) { partBytes_ = bytes; }
+    // `takesSealed`: the receiver knows texts whose seal comes last.
+    Outcome send(const PortPieces& text, bool takesSealed, Deadline& deadline);
 
 private:
+    Outcome sendPacket(const PortPacket* header, std::string_view bytes, Deadline& deadline);
+    Outcome sendWhole(std::string_view text, Deadline& deadline);
+    Outcome sendInParts(const PortPieces& text, Deadline& deadline);
+    Outcome sendSealed(const PortPieces& text, bool takesSealed, Deadline& deadline);
+    Outcome sendParts(std::string_view piece, Deadline& deadline);
+    Outcome sendParts(std::string_view piece, const PortPieces& sealed, Deadline& deadline);
+    template <class SendPart>
+    Outcome sendParts(std::string_view piece, size_t partBytes, SendPart&& sendPart);
+
     int socket_ = -1;
-    size_t partBytes_ = kSmallestPartBytes;
+    size_t partBytes_ = 0; // of a packet at most
     int lastError_ = 0;
 };
 
