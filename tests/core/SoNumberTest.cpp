@@ -2,7 +2,6 @@
 
 #include <clocale>
 #include <cmath>
-#include <gtest/gtest.h>
 #include <random>
 
 #include "scriptobjects/core/SoString.h"
@@ -35,23 +34,20 @@ TEST(SoNumber, readsWhatStrtodReadsInTheCLocale) {
 
 TEST(SoNumber, weighsTheExponentAgainstThePlaceOfTheDigits) {
     const std::string zeros(400, '0');
-    const struct {
-        std::string text;
-        double expected;
-    } cases[] = {{"0." + zeros + "1", 0.0},
-                 {"0." + zeros + "1e5", 0.0},
-                 {"0." + zeros + "1e401", 1.0},
-                 {"1" + zeros, HUGE_VAL},
-                 {"-1" + zeros + "e-10", -HUGE_VAL},
-                 {"1" + zeros + "e-400", 1.0},
-                 {"1e99999999999999999999", HUGE_VAL},
-                 {"1e-99999999999999999999", 0.0},
-                 {"0x0." + zeros + "1p+5", 0.0},
-                 {"0x1" + zeros + "p-10", HUGE_VAL},
-                 {"0x7P+-2", 7.0}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.text);
-        EXPECT_EQ(parseNumber(c.text), c.expected);
+    const std::pair<std::string, double> cases[] = {{"0." + zeros + "1", 0.0},
+                                                    {"0." + zeros + "1e5", 0.0},
+                                                    {"0." + zeros + "1e401", 1.0},
+                                                    {"1" + zeros, HUGE_VAL},
+                                                    {"-1" + zeros + "e-10", -HUGE_VAL},
+                                                    {"1" + zeros + "e-400", 1.0},
+                                                    {"1e99999999999999999999", HUGE_VAL},
+                                                    {"1e-99999999999999999999", 0.0},
+                                                    {"0x0." + zeros + "1p+5", 0.0},
+                                                    {"0x1" + zeros + "p-10", HUGE_VAL},
+                                                    {"0x7P+-2", 7.0}};
+    for (const auto& [text, expected] : cases) {
+        SCOPED_TRACE(text);
+        EXPECT_EQ(parseNumber(text), expected);
     }
 }
 
@@ -87,23 +83,20 @@ TEST(SoNumber, readsTheSameUnderALocaleWithADecimalComma) {
 }
 
 TEST(SoNumber, readsWholeNumbersAs32BitStrtoulDoes) {
-    const struct {
-        const char* text;
-        uint32_t expected;
-    } cases[] = {{"", 0},
-                 {"12abc", 12},
-                 {"  7", 7},
-                 {"-1", 4294967295},
-                 {"4294967295", 4294967295},
-                 {"4294967296", 4294967295},
-                 {"99999999999999999999999", 4294967295},
-                 {"-4294967296", 4294967295},
-                 {"+5", 5},
-                 {"--5", 0},
-                 {"0x10", 0}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.text);
-        EXPECT_EQ(parseUnsigned32(c.text), c.expected);
+    const std::pair<const char*, uint32_t> cases[] = {{"", 0},
+                                                      {"12abc", 12},
+                                                      {"  7", 7},
+                                                      {"-1", 4294967295},
+                                                      {"4294967295", 4294967295},
+                                                      {"4294967296", 4294967295},
+                                                      {"99999999999999999999999", 4294967295},
+                                                      {"-4294967296", 4294967295},
+                                                      {"+5", 5},
+                                                      {"--5", 0},
+                                                      {"0x10", 0}};
+    for (const auto& [text, expected] : cases) {
+        SCOPED_TRACE(text);
+        EXPECT_EQ(parseUnsigned32(text), expected);
     }
     EXPECT_EQ(parseUnsigned32(nullptr), 0U);
 }

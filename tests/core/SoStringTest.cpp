@@ -1,9 +1,6 @@
 #include "scriptobjects/core/SoString.h"
 
-#include <gtest/gtest.h>
 #include <random>
-#include <string>
-#include <vector>
 
 using ScObjects::EncodeUTF8;
 using ScObjects::SoString;
@@ -15,20 +12,17 @@ std::string text(const SoString& string) {
 }
 
 TEST(SoString, takesBuffersInStepsOf128) {
-    const struct {
-        int32_t length;
-        int32_t capacity;
-        int32_t heapBytes;
-    } cases[] = {{0, 128, 0},     {1, 128, 0},     {39, 128, 0},    {40, 128, 128},
-                 {127, 128, 128}, {128, 256, 256}, {255, 256, 256}, {256, 384, 384}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.length);
-        const std::string bytes(static_cast<size_t>(c.length), 'x');
+    const std::tuple<int32_t, int32_t, int32_t> cases[] = {
+        {0, 128, 0},     {1, 128, 0},     {39, 128, 0},    {40, 128, 128},
+        {127, 128, 128}, {128, 256, 256}, {255, 256, 256}, {256, 384, 384}};
+    for (const auto& [length, capacity, heapBytes] : cases) {
+        SCOPED_TRACE(length);
+        const std::string bytes(static_cast<size_t>(length), 'x');
         SoString string(bytes.c_str());
-        EXPECT_EQ(string.length(), c.length);
-        EXPECT_EQ(string.capacity(), c.capacity);
-        EXPECT_EQ(string.heapBytes(), c.heapBytes) << "short ones take none";
-        EXPECT_EQ(SoString(string).capacity(), c.capacity);
+        EXPECT_EQ(string.length(), length);
+        EXPECT_EQ(string.capacity(), capacity);
+        EXPECT_EQ(string.heapBytes(), heapBytes) << "short ones take none";
+        EXPECT_EQ(SoString(string).capacity(), capacity);
     }
     SoString full(std::string(127, 'x').c_str());
     full.append('y');
@@ -81,14 +75,12 @@ TEST(SoString, writesNumbersAsUnsigned32BitDecimals) {
     SoString string;
     string << 7 << ',' << -1 << ',' << 4294967295U << ',' << -1L << ',' << 12UL;
     EXPECT_EQ(text(string), "7,4294967295,4294967295,4294967295,12");
-    const struct {
-        double value;
-        const char* expected;
-    } cases[] = {{2.5, "2"}, {3.5, "4"}, {-0.4, "-0"}, {1e15, "1000000000000000"}};
-    for (const auto& c : cases) {
+    const std::pair<double, const char*> cases[] = {
+        {2.5, "2"}, {3.5, "4"}, {-0.4, "-0"}, {1e15, "1000000000000000"}};
+    for (const auto& [value, expected] : cases) {
         SoString number;
-        number << c.value;
-        EXPECT_EQ(text(number), c.expected);
+        number << value;
+        EXPECT_EQ(text(number), expected);
     }
     SoString huge;
     huge << 1.7976931348623157e308;
@@ -172,12 +164,7 @@ TEST(SoString, behavesLikeAModelStringUnderRandomChanges) {
 
 TEST(SoString, encodesUtf16) {
     using Units = std::vector<unsigned short>;
-    const struct {
-        Units units;
-        int32_t length;
-        const char* expected;
-        const char* why;
-    } cases[] = {
+    const std::tuple<Units, int32_t, const char*, const char*> cases[] = {
         {{'a', 'b', 0}, -1, "ab", "up to the zero unit"},
         {{0xD83D, 0xDE00, 0}, -1, "\xF0\x9F\x98\x80", "a pair"},
         {{0xD800, 0}, -1, "\xED\xA0\x80", "a lone surrogate"},
@@ -187,9 +174,9 @@ TEST(SoString, encodesUtf16) {
         {{0x7FF, 0x800, 0}, -1, "\xDF\xBF\xE0\xA0\x80", "two and three bytes"},
         {{0}, 0, "", "nothing"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.why);
-        EXPECT_EQ(text(SoString(c.units.data(), c.length)), c.expected);
+    for (const auto& [units, length, expected, why] : cases) {
+        SCOPED_TRACE(why);
+        EXPECT_EQ(text(SoString(units.data(), length)), expected);
     }
     EXPECT_EQ(text(SoString(static_cast<const unsigned short*>(nullptr))), "");
     const Units endless(70'000, 'x');
@@ -197,28 +184,21 @@ TEST(SoString, encodesUtf16) {
 }
 
 TEST(SoString, encodesTheLongFormsOfUtf8) {
-    const struct {
-        uint32_t codePoint;
-        std::string expected;
-    } cases[] = {{0x1FFFFF, "\xF7\xBF\xBF\xBF"},      {0x200000, "\xF8\x88\x80\x80\x80"},
-                 {0x3FFFFFF, "\xFB\xBF\xBF\xBF\xBF"}, {0x7FFFFFFE, "\xFD\xBF\xBF\xBF\xBF\xBE"},
-                 {0x7FFFFFFF, "\xEF\xBF\xBD"},        {0xFFFFFFFF, "\xEF\xBF\xBD"}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.codePoint);
+    const std::pair<uint32_t, std::string> cases[] = {
+        {0x1FFFFF, "\xF7\xBF\xBF\xBF"},      {0x200000, "\xF8\x88\x80\x80\x80"},
+        {0x3FFFFFF, "\xFB\xBF\xBF\xBF\xBF"}, {0x7FFFFFFE, "\xFD\xBF\xBF\xBF\xBF\xBE"},
+        {0x7FFFFFFF, "\xEF\xBF\xBD"},        {0xFFFFFFFF, "\xEF\xBF\xBD"}};
+    for (const auto& [codePoint, expected] : cases) {
+        SCOPED_TRACE(codePoint);
         char out[6];
-        const int32_t bytes = EncodeUTF8(c.codePoint, out);
-        EXPECT_EQ(std::string(out, static_cast<size_t>(bytes)), c.expected);
+        const int32_t bytes = EncodeUTF8(codePoint, out);
+        EXPECT_EQ(std::string(out, static_cast<size_t>(bytes)), expected);
     }
 }
 
 TEST(SoString, decodesUtf8WithoutLeavingTheBuffers) {
     constexpr unsigned short kGuard = 0xABCD;
-    const struct {
-        std::string bytes;
-        uint32_t steps;
-        std::vector<unsigned short> expected;
-        const char* why;
-    } cases[] = {
+    const std::tuple<std::string, uint32_t, std::vector<unsigned short>, const char*> cases[] = {
         {"ab", 3, {'a', 'b', 0}, "text and its end"},
         {"ab", 2, {'a', 'b'}, "no step left for the end"},
         {"ab", 0, {}, "no step at all"},
@@ -230,13 +210,13 @@ TEST(SoString, decodesUtf8WithoutLeavingTheBuffers) {
         {"\xE2zz!", 3, {0x2EBA, '!', 0}, "continuation bytes are not validated"},
         {std::string("a\0b", 3), 4, {'a', 0}, "a zero byte ends the text"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.why);
-        const SoString string(c.bytes);
-        std::vector<unsigned short> out(2 * c.steps + 1, kGuard);
-        string.convertToUtf16(out.data(), c.steps);
+    for (const auto& [bytes, steps, expected, why] : cases) {
+        SCOPED_TRACE(why);
+        const SoString string(bytes);
+        std::vector<unsigned short> out(2 * steps + 1, kGuard);
+        string.convertToUtf16(out.data(), steps);
         for (size_t i = 0; i < out.size(); ++i) {
-            EXPECT_EQ(out[i], i < c.expected.size() ? c.expected[i] : kGuard) << "unit " << i;
+            EXPECT_EQ(out[i], i < expected.size() ? expected[i] : kGuard) << "unit " << i;
         }
     }
 }

@@ -3,7 +3,6 @@
 #include <atomic>
 #include <chrono>
 #include <future>
-#include <gtest/gtest.h>
 #include <new>
 #include <pthread.h>
 #include <stdexcept>
@@ -73,14 +72,12 @@ private:
 };
 
 TEST(Thread, keepsHowItsBodyEnded) {
-    const struct {
-        End end;
-        int32_t error;
-    } cases[] = {{End::normal, 0},       {End::outOfMemory, -28}, {End::exception, -29},
-                 {End::exitThrows, -29}, {End::threadExit, -29},  {End::cancelled, -29}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.error);
-        Worker worker(c.end);
+    const std::pair<End, int32_t> cases[] = {{End::normal, 0},       {End::outOfMemory, -28},
+                                             {End::exception, -29},  {End::exitThrows, -29},
+                                             {End::threadExit, -29}, {End::cancelled, -29}};
+    for (const auto& [end, error] : cases) {
+        SCOPED_TRACE(error);
+        Worker worker(end);
         EXPECT_FALSE(worker.ran);
         worker.begin();
         EXPECT_TRUE(worker.waitForRunExit());
@@ -88,7 +85,7 @@ TEST(Thread, keepsHowItsBodyEnded) {
         EXPECT_TRUE(worker.ran);
         EXPECT_TRUE(worker.exited) << "runExit is called however the body ended";
         EXPECT_FALSE(worker.isRunning());
-        EXPECT_EQ(worker.error(), c.error);
+        EXPECT_EQ(worker.error(), error);
     }
 }
 

@@ -1,9 +1,6 @@
 #include "scriptobjects/core/SoVector.h"
 
-#include <algorithm>
-#include <gtest/gtest.h>
 #include <random>
-#include <vector>
 
 using ScObjects::SoVector;
 

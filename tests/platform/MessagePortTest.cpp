@@ -1,11 +1,6 @@
-#include <chrono>
-#include <memory>
 #include <sched.h>
-#include <set>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <thread>
 
 #include "limits/Limits.h"
 #include "tests/platform/PortFixture.h"

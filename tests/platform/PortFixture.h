@@ -1,15 +1,14 @@
 #pragma once
 
+#include <chrono>
 #include <csignal>
 #include <fcntl.h>
-#include <functional>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
-#include <utility>
-#include <vector>
 
 #include "platform/fake/Fakes.h"
 #include "tests/support/TemporaryFolder.h"

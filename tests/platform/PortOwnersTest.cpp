@@ -1,11 +1,6 @@
 // Who has the name of a port: races, forks, ends of all kinds, and what is left of files and
 // descriptors.
-#include <chrono>
-#include <memory>
-#include <set>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <thread>
 
 #include "tests/platform/PortFixture.h"
 

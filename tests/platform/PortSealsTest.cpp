@@ -1,10 +1,7 @@
 // Texts whose digest is made while they are under way.
 #include <cstdint>
-#include <memory>
 #include <string_view>
-#include <thread>
 
-#include "platform/MessagePort.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/stream/InterAppStream.h"
 #include "tests/platform/PortFixture.h"

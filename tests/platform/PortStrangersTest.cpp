@@ -1,8 +1,4 @@
 // Neighbours that keep no rule: other users, and this user's own processes.
-#include <chrono>
-#include <gmock/gmock.h>
-#include <memory>
-#include <sys/stat.h>
 
 #include "limits/Limits.h"
 #include "tests/platform/PortFixture.h"
@@ -20,10 +16,7 @@ TEST_F(PortStrangersTest, survivesGarbage) {
     wrongVersion[4] = 2;
     std::string reserved = packet("text");
     reserved[7] = 1;
-    const struct {
-        std::string bytes;
-        const char* why;
-    } cases[] = {
+    const std::pair<std::string, const char*> cases[] = {
         {"x", "too short for a header"},
         {std::string(15, '\0'), "one byte too short"},
         {wrongMagic, "another protocol"},
@@ -44,11 +37,11 @@ TEST_F(PortStrangersTest, survivesGarbage) {
         {header(3, MessagePorts::kMaximumTextBytes - 63), "leaves no room for a seal"},
     };
     uint64_t closed = 0;
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.why);
+    for (const auto& [bytes, why] : cases) {
+        SCOPED_TRACE(why);
         const int fd = rawConnection();
         EXPECT_TRUE(sendRaw(fd, packet("before")));
-        EXPECT_TRUE(sendRaw(fd, c.bytes));
+        EXPECT_TRUE(sendRaw(fd, bytes));
         EXPECT_EQ(takeOne(*port), "before") << "what was well sent arrives";
         EXPECT_FALSE(port->wait(0, false));
         EXPECT_TRUE(isClosed(fd));

@@ -1,13 +1,9 @@
 #include "platform/Processes.h"
 
-#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <functional>
-#include <gmock/gmock.h>
-#include <map>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -159,10 +155,7 @@ TEST_F(ProcessesTest, saysWhyItDoesNotStart) {
     const std::string lost = folder.write("lost", "#!/nonexistent/interpreter\n");
     ASSERT_EQ(chmod(lost.c_str(), 0755), 0);
     std::filesystem::create_directories(folder.file("Empty.app"));
-    const struct {
-        std::string path;
-        const char* reason;
-    } cases[] = {
+    const std::pair<std::string, const char*> cases[] = {
         {"", "not absolute"},
         {"sleep", "not absolute"},
         {folder.file("gone"), "No such file or directory"},
@@ -173,12 +166,12 @@ TEST_F(ProcessesTest, saysWhyItDoesNotStart) {
         {folder.file(""), "Permission denied"},
         {folder.write("broken.desktop", "nothing"), "broken.desktop: "},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.path);
+    for (const auto& [path, reason] : cases) {
+        SCOPED_TRACE(path);
         log.lines.clear();
-        EXPECT_EQ(start(c.path), 0U);
+        EXPECT_EQ(start(path), 0U);
         ASSERT_EQ(log.lines.size(), 1U);
-        EXPECT_THAT(log.lines.front(), HasSubstr(c.reason));
+        EXPECT_THAT(log.lines.front(), HasSubstr(reason));
     }
 }
 
@@ -189,11 +182,8 @@ std::string propertyList(const std::string& content) {
 
 TEST_F(ProcessesTest, findsTheProgramOfABundle) {
     const std::string named = "<key>CFBundleExecutable</key><string>Other &amp; more</string>";
-    const struct {
-        const char* why;
-        std::string list; // empty: none
-        std::string program;
-    } cases[] = {
+    // An empty list: none.
+    const std::tuple<const char*, std::string, std::string> cases[] = {
         {"no property list", "", "Painter"},
         {"one that names it", propertyList(named), "Other & more"},
         {"one that does not", propertyList("<key>CFBundleName</key><string>x</string>"), "Painter"},
@@ -205,20 +195,20 @@ TEST_F(ProcessesTest, findsTheProgramOfABundle) {
         {"a name that stays", propertyList("<key>CFBundleExecutable</key><string>..</string>"), ""},
     };
     const std::string bundle = folder.file("Painter.app");
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.why);
+    for (const auto& [why, list, program] : cases) {
+        SCOPED_TRACE(why);
         std::filesystem::remove_all(bundle);
         for (const char* name : {"Painter", "Other & more"}) {
             (void)notingProgram("Painter.app/Contents/MacOS/" + std::string(name),
                                 std::string("echo '") + name + "'");
         }
-        if (!c.list.empty()) {
-            (void)folder.write("Painter.app/Contents/Info.plist", c.list);
+        if (!list.empty()) {
+            (void)folder.write("Painter.app/Contents/Info.plist", list);
         }
         const uint32_t number = start(bundle + "/");
-        EXPECT_EQ(number != 0, !c.program.empty()) << testing::PrintToString(log.lines);
+        EXPECT_EQ(number != 0, !program.empty()) << testing::PrintToString(log.lines);
         if (number != 0) {
-            EXPECT_EQ(note(), c.program + "\n");
+            EXPECT_EQ(note(), program + "\n");
             EXPECT_THAT(processes().find(bundle), Contains(number));
         }
     }

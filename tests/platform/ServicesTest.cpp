@@ -1,10 +1,6 @@
-#include <algorithm>
-#include <chrono>
 #include <cstring>
 #include <malloc.h>
-#include <map>
 #include <sys/resource.h>
-#include <thread>
 
 #include "limits/Limits.h"
 #include "platform/LargeHeap.h"
@@ -17,12 +13,8 @@ namespace {
 // What each service promises, kept by the real one and by the fake that tests use in its place.
 
 TEST(Locale, readsLanguageAndRegionFromTheFirstVariableThatIsSet) {
-    const struct {
-        const char* all;
-        const char* messages;
-        const char* lang;
-        const char* expected; // empty: none
-    } cases[] = {
+    // By the value of LC_ALL, of LC_MESSAGES and of LANG; empty: none.
+    const std::tuple<const char*, const char*, const char*, const char*> cases[] = {
         {"de_DE.UTF-8", "fr_FR", "en_GB", "de_DE"},
         {"", "fr_FR@euro", "en_GB", "fr_FR"},
         {nullptr, nullptr, "pt_BR.UTF-8@x", "pt_BR"},
@@ -45,16 +37,15 @@ TEST(Locale, readsLanguageAndRegionFromTheFirstVariableThatIsSet) {
             unsetenv(name);
         }
     };
-    for (const auto& c : cases) {
-        set("LC_ALL", c.all);
-        set("LC_MESSAGES", c.messages);
-        set("LANG", c.lang);
-        SCOPED_TRACE(testing::Message()
-                     << (c.all != nullptr ? c.all : "-") << " expects " << c.expected);
+    for (const auto& [all, messages, lang, expected] : cases) {
+        set("LC_ALL", all);
+        set("LC_MESSAGES", messages);
+        set("LANG", lang);
+        SCOPED_TRACE(testing::Message() << (all != nullptr ? all : "-") << " expects " << expected);
         std::string identifier = "untouched";
         const bool found = platform::Locale::own().identifier(identifier);
-        EXPECT_EQ(found, *c.expected != '\0');
-        EXPECT_EQ(identifier, found ? c.expected : "untouched");
+        EXPECT_EQ(found, *expected != '\0');
+        EXPECT_EQ(identifier, found ? expected : "untouched");
     }
     platform::FakeLocale fake;
     fake.readable = false;
@@ -140,12 +131,7 @@ TEST(Frameworks, realAndFakeKeepTheContract) {
 
 TEST(Frameworks, areLookedForInTheBundleThenWhereTheLayerIsInstalled) {
     using Paths = std::vector<std::string>;
-    const struct {
-        const char* bundle;
-        Paths installed;
-        const char* environment;
-        Paths expected;
-    } cases[] = {
+    const std::tuple<const char*, Paths, const char*, Paths> cases[] = {
         {"/opt/bin",
          {"/usr/lib", "/opt/bin", "/usr/lib/convey"},
          "",
@@ -158,15 +144,15 @@ TEST(Frameworks, areLookedForInTheBundleThenWhereTheLayerIsInstalled) {
         {"", {"/usr/lib"}, nullptr, {"/usr/lib/f"}},
         {"/opt/bin", {"/usr/lib"}, "/mine", {"/mine/f"}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.bundle);
+    for (const auto& [bundle, installed, environment, expected] : cases) {
+        SCOPED_TRACE(bundle);
         platform::FakeFrameworks fake;
-        fake.folder = c.bundle;
-        fake.installed = c.installed;
-        if (c.environment != nullptr) {
-            setenv("CONVEY_CAPS_FOLDER", c.environment, 1);
+        fake.folder = bundle;
+        fake.installed = installed;
+        if (environment != nullptr) {
+            setenv("CONVEY_CAPS_FOLDER", environment, 1);
         }
-        EXPECT_EQ(platform::frameworkCandidates(fake, "f"), c.expected);
+        EXPECT_EQ(platform::frameworkCandidates(fake, "f"), expected);
         unsetenv("CONVEY_CAPS_FOLDER");
     }
 }
