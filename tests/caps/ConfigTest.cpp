@@ -1,5 +1,3 @@
-#include <algorithm>
-#include <gtest/gtest.h>
 #include <random>
 
 #include "caps/config/Difference.h"
@@ -163,10 +161,7 @@ TEST_F(ConfigTest, comesBackAsTheSameBytesThroughAnEmptyDatabase) {
 
 TEST_F(ConfigTest, refusesWhatItCannotReadWithLineAndColumn) {
     const std::string head = "<registry xmlns='https://ovrel.example/ns/registry' version='1'>\n";
-    const struct {
-        std::string text;
-        const char* error;
-    } cases[] = {
+    const std::pair<std::string, const char*> cases[] = {
         {"", "d:1:1: "},
         {"<registry/>", "d:1:2: not a registry"},
         {"<!DOCTYPE registry [<!ENTITY a 'b'>]>" + head, "d:1:1: a document type"},
@@ -199,13 +194,13 @@ TEST_F(ConfigTest, refusesWhatItCannotReadWithLineAndColumn) {
          "d:1:2: written by a later"},
         {std::string("\xFF\xFE<\0r\0", 6), "d:1:1: not a character"},
     };
-    for (const auto& row : cases) {
-        SCOPED_TRACE(row.text);
+    for (const auto& [text, expected] : cases) {
+        SCOPED_TRACE(text);
         try {
-            (void)readDocument(row.text, "d");
+            (void)readDocument(text, "d");
             ADD_FAILURE() << "read";
         } catch (const DocumentError& error) {
-            EXPECT_EQ(std::string(error.what()).rfind(row.error, 0), 0U) << error.what();
+            EXPECT_EQ(std::string(error.what()).rfind(expected, 0), 0U) << error.what();
         }
     }
     EXPECT_EQ(readDocument("<o:registry xmlns:o='https://ovrel.example/ns/registry' version='1'>"
@@ -258,28 +253,24 @@ TEST_F(ConfigTest, mergesByTheRuleThatIsChosen) {
                    {application("a", "/other", 1000), application("b", "/b"),
                     groups({"suite/8/a", "suite/7/c"})}};
     other.subdomains[1].data.push_back({"SkipImport", "true"});
-    const struct {
-        Rule rule;
-        int64_t changed;
-        const char* path;
-        const char* number;
-    } cases[] = {{Rule::keep, 3000, "/here", "7"},
-                 {Rule::replace, 1000, "/other", "8"},
-                 {Rule::newer, 1000, "/here", "7"},
-                 {Rule::newer, 0, "/here", "7"},
-                 {Rule::newer, 3000, "/other", "7"}};
-    for (const auto& row : cases) {
+    const std::tuple<Rule, int64_t, const char*, const char*> cases[] = {
+        {Rule::keep, 3000, "/here", "7"},
+        {Rule::replace, 1000, "/other", "8"},
+        {Rule::newer, 1000, "/here", "7"},
+        {Rule::newer, 0, "/here", "7"},
+        {Rule::newer, 3000, "/other", "7"}};
+    for (const auto& [rule, changed, path, number] : cases) {
         ASSERT_EQ(store().clear(), Status::ok);
         take(here, Rule::keep);
-        other.subdomains[0].changed = row.changed;
-        const Merged merged = take(other, row.rule);
+        other.subdomains[0].changed = changed;
+        const Merged merged = take(other, rule);
         const Contents result = stored();
         ASSERT_EQ(result.subdomains.size(), 2U) << "what is to be skipped is left out";
         EXPECT_EQ(merged.skipped, 1U);
-        EXPECT_EQ(result.subdomains[0].data[1].value, row.path);
+        EXPECT_EQ(result.subdomains[0].data[1].value, path);
         const std::string group = "/ovrel/convey/groups/suite/";
         EXPECT_EQ(result.subdomains[1].data,
-                  (std::vector<caps::KeyValue>{{"Group1", group + row.number + "/a"},
+                  (std::vector<caps::KeyValue>{{"Group1", group + number + "/a"},
                                                {"Group2", group + "7/b"},
                                                {"Group3", group + "7/c"}}))
             << "a key that is taken is another one";
@@ -301,20 +292,16 @@ TEST_F(ConfigTest, removesOneThoseOfAProductOfAFolderOrAll) {
                         {1, "{p}", {{"ConveyCode", "/ovrel/convey/c"}}},
                         groups({"suite/7/a"}),
                         {2, "/other", {{"k", "v"}}}}};
-    const struct {
-        Selection selection;
-        std::vector<std::string> left;
-        size_t products;
-    } cases[] = {
+    const std::tuple<Selection, std::vector<std::string>, size_t> cases[] = {
         {{"A", "", "", false}, {"b", "c", "{p}", "groups", "/other"}, 1},
         {{"", "P", "", false}, {"a", "b", "groups", "/other"}, 0},
         {{"", "", "/opt/x/", false}, {"b", "c", "{p}", "groups", "/other"}, 1},
         {{"", "", "", true}, {"{p}", "/other"}, 1},
     };
-    for (const auto& row : cases) {
+    for (const auto& [selection, remaining, products] : cases) {
         ASSERT_EQ(store().clear(), Status::ok);
         take(all, Rule::keep);
-        EXPECT_EQ(removeSelected(store(), row.selection), Status::ok);
+        EXPECT_EQ(removeSelected(store(), selection), Status::ok);
         const Contents result = stored();
         std::vector<std::string> left;
         for (const Subdomain& subdomain : result.subdomains) {
@@ -323,9 +310,9 @@ TEST_F(ConfigTest, removesOneThoseOfAProductOfAFolderOrAll) {
                                ? subdomain.name.substr(prefix.size())
                                : subdomain.name);
         }
-        EXPECT_EQ(left, row.left);
-        EXPECT_EQ(result.products.size(), row.products);
-        EXPECT_EQ(removeSelected(store(), row.selection), Status::nothingThere);
+        EXPECT_EQ(left, remaining);
+        EXPECT_EQ(result.products.size(), products);
+        EXPECT_EQ(removeSelected(store(), selection), Status::nothingThere);
     }
 }
 

@@ -4,7 +4,6 @@
 #include <dlfcn.h>
 #include <thread>
 #include <unistd.h>
-#include <vector>
 
 #include "caps/Store.h"
 #include "tests/support/Database.h"

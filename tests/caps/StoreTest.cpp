@@ -2,13 +2,9 @@
 
 #include <chrono>
 #include <fcntl.h>
-#include <filesystem>
-#include <functional>
-#include <memory>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <utility>
 
 #include "tests/support/Database.h"
 #include "tests/support/TemporaryFolder.h"

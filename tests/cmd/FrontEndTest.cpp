@@ -1,9 +1,4 @@
-#include <algorithm>
 #include <cstring>
-#include <gtest/gtest.h>
-#include <map>
-#include <string>
-#include <vector>
 
 #include "cmd/CapsProductFunctions.h"
 #include "cmd/HostProductInfoFromCapsLib.h"

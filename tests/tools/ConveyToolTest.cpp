@@ -1,8 +1,5 @@
 #include <cstdio>
 #include <cstring>
-#include <gtest/gtest.h>
-#include <map>
-#include <sstream>
 
 #include "tools/convey/Conversation.h"
 #include "tools/convey/HtmlPage.h"
@@ -16,11 +13,7 @@ namespace {
 using namespace convey_tool;
 
 TEST(Tree, hangsEachRowOnItsNearestParent) {
-    const struct {
-        const char* rows;
-        const char* shown;
-        const char* why;
-    } cases[] = {
+    const std::tuple<const char*, const char*, const char*> cases[] = {
         {"/a/b;1;B;1;\n/a/b/c;0;C;x;\n/a/d;0;D;;\n", "├─ B: 1\n│  └─ C = x\n└─ D\n",
          "rows without a row for their root"},
         {"/a;1;A;;\n/a/b/c;0;C;x;\n/ab;0;Other;y;\n", "├─ A\n│  └─ C = x\n└─ Other = y\n",
@@ -30,11 +23,11 @@ TEST(Tree, hangsEachRowOnItsNearestParent) {
         {"/a;0;\x1b[31mA;\x07;", "└─ ?[31mA = ?\n", "nothing steers the terminal"},
         {"", "", "nothing"},
     };
-    for (const auto& c : cases) {
+    for (const auto& [rows, shown, why] : cases) {
         std::ostringstream out;
         std::ostringstream err;
-        printTree(Output{out, err}, readTree(c.rows));
-        EXPECT_EQ(out.str(), c.shown) << c.why;
+        printTree(Output{out, err}, readTree(rows));
+        EXPECT_EQ(out.str(), shown) << why;
     }
     std::string path;
     std::string deep;
@@ -65,11 +58,7 @@ TEST(Verdict, followsWhoWaitsForWhom) {
     subjects["silent"].process = 12;
     subjects["silent"].state = 'D';
     subjects["silent"].place = "folio_wait";
-    const struct {
-        const char* name;
-        const char* word;
-        const char* end;
-    } cases[] = {
+    const std::tuple<const char*, const char*, const char*> cases[] = {
         {"a", "circle", "They wait in a circle: a for b for c for a."},
         {"own", "circle", "They wait in a circle: own for own."},
         {"of-gone", "waiting", "gone does not answer, and no process has its port."},
@@ -77,19 +66,19 @@ TEST(Verdict, followsWhoWaitsForWhom) {
          "silent does not answer: not even the background thread of process 12 does (state D, in "
          "folio_wait of the system)."},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [asked, word, end] : cases) {
+        SCOPED_TRACE(asked);
         std::map<std::string, int> looks;
-        const Verdict verdict = judge(c.name, [&](const std::string& name) {
+        const Verdict verdict = judge(asked, [&](const std::string& name) {
             EXPECT_EQ(++looks[name], 1) << name;
             return subjects[name];
         });
-        EXPECT_EQ(verdict.word, c.word);
+        EXPECT_EQ(verdict.word, word);
         EXPECT_FALSE(verdict.isHealthy);
-        EXPECT_EQ(verdict.sentence.find(std::string(c.name) + " waits 1 min 5 s for an answer of "),
+        EXPECT_EQ(verdict.sentence.find(std::string(asked) + " waits 1 min 5 s for an answer of "),
                   0U)
             << verdict.sentence;
-        EXPECT_EQ(verdict.sentence.substr(verdict.sentence.size() - std::strlen(c.end)), c.end)
+        EXPECT_EQ(verdict.sentence.substr(verdict.sentence.size() - std::strlen(end)), end)
             << verdict.sentence;
     }
     // So does a send that its target holds up; one that has just begun is held up by nobody.
@@ -128,22 +117,19 @@ TEST(Output, fitsTheTerminal) {
     Table table({"NAME", "PATH"});
     table.add({"größer", "/opt/a/very/long/path/that/does/not/fit"});
     table.add({"b", "/opt"});
-    const struct {
-        int columns;
-        const char* expected;
-    } cases[] = {
+    const std::pair<int, const char*> cases[] = {
         {0, "NAME    PATH\ngrößer  /opt/a/very/long/path/that/does/not/fit\nb       /opt\n"},
         {30, "NAME    PATH\ngrößer  /opt/a/very/long/path…\nb       /opt\n"},
         {12, "NAME   PATH\ngröß…  /opt…\nb      /opt\n"},
         {5, "NAME  PATH\ngrö…  /op…\nb     /opt\n"},
     };
-    for (const auto& c : cases) {
+    for (const auto& [columns, expected] : cases) {
         std::ostringstream out;
         std::ostringstream err;
         Output output{out, err};
-        output.columns = c.columns;
+        output.columns = columns;
         table.print(output);
-        EXPECT_EQ(out.str(), c.expected) << c.columns;
+        EXPECT_EQ(out.str(), expected) << columns;
     }
     for (const auto& [columns, expected] : std::map<int, const char*>{
              {0, "größer /opt/a/path and more\n"},

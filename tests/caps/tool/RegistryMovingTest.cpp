@@ -1,4 +1,3 @@
-#include <gtest/gtest.h>
 
 #include "caps/Store.h"
 #include "caps/tool/DropIns.h"

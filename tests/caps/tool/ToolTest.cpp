@@ -1,7 +1,5 @@
-#include <gtest/gtest.h>
 #include <random>
 #include <sys/stat.h>
-#include <vector>
 
 #include "caps/Store.h"
 #include "caps/tool/Checks.h"
@@ -45,10 +43,7 @@ protected:
 };
 
 TEST_F(ToolTest, tellsFailuresFromMisuse) {
-    const struct {
-        std::vector<std::string> arguments;
-        int status;
-    } cases[] = {
+    const std::pair<std::vector<std::string>, int> cases[] = {
         {{}, 2},
         {{"nosuch"}, 2},
         {{"import"}, 2},
@@ -83,15 +78,15 @@ TEST_F(ToolTest, tellsFailuresFromMisuse) {
         {{"remove-product", "P"}, 1},
         {{"add-app", std::string(256, 'x'), "--path", "/a"}, 1},
     };
-    for (const auto& c : cases) {
+    for (const auto& [arguments, status] : cases) {
         std::string line;
-        for (const std::string& argument : c.arguments) {
+        for (const std::string& argument : arguments) {
             line += argument + " ";
         }
         SCOPED_TRACE(line);
-        EXPECT_EQ(run(c.arguments), c.status) << errors;
-        EXPECT_EQ(errors.empty(), c.status == 0);
-        if (c.status != 0) {
+        EXPECT_EQ(run(arguments), status) << errors;
+        EXPECT_EQ(errors.empty(), status == 0);
+        if (status != 0) {
             EXPECT_TRUE(errors.starts_with("ovrel-caps: ")) << errors;
             EXPECT_EQ(output, "");
         }
@@ -133,11 +128,7 @@ TEST_F(ToolTest, registersAndShows) {
 }
 
 TEST_F(ToolTest, pointsAtWhatIsWrongInAFileAndImportsNoneOfIt) {
-    const struct {
-        const char* toml;
-        const char* position;
-        const char* message;
-    } cases[] = {
+    const std::tuple<const char*, const char*, const char*> cases[] = {
         {"[[application]]\nspecifier = \"a-1.0\"\nPath = \"/a\"\n[[application]\n", "4:", ""},
         {"[[application]]\nPath = \"/a\"\n", "1:1", "\"specifier\" is missing"},
         {"[[application]]\nspecifier = \"a#b\"\n", "2:13", "suffix"},
@@ -162,13 +153,13 @@ TEST_F(ToolTest, pointsAtWhatIsWrongInAFileAndImportsNoneOfIt) {
          "text, a boolean or a number"},
     };
     ASSERT_EQ(run({"init"}), 0);
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.toml);
+    for (const auto& [toml, position, message] : cases) {
+        SCOPED_TRACE(toml);
         const std::string good = "[[application]]\nspecifier = \"good\"\nPath = \"/g\"\n";
-        EXPECT_EQ(run({"import", folder.write("in.toml", c.toml)}), 1);
-        EXPECT_NE(errors.find("in.toml:" + std::string(c.position)), std::string::npos) << errors;
-        EXPECT_NE(errors.find(c.message), std::string::npos) << errors;
-        EXPECT_EQ(run({"import", "-"}, c.toml + good), 1);
+        EXPECT_EQ(run({"import", folder.write("in.toml", toml)}), 1);
+        EXPECT_NE(errors.find("in.toml:" + std::string(position)), std::string::npos) << errors;
+        EXPECT_NE(errors.find(message), std::string::npos) << errors;
+        EXPECT_EQ(run({"import", "-"}, toml + good), 1);
         EXPECT_TRUE(contents().subdomains.empty()) << "the whole file or nothing";
     }
     std::string deep;
@@ -360,11 +351,7 @@ TEST_F(ToolTest, saysWhatAChangeLeavesBehind) {
     (void)folder.write("foo.desktop",
                        "[Desktop Entry]\nType=Application\nName=Foo\nExec=/bin/sh\n");
     const std::string ends = "a listing ends abnormally at it";
-    const struct {
-        std::vector<std::string> command;
-        std::string input;
-        std::vector<std::string> said;
-    } cases[] = {
+    const std::tuple<std::vector<std::string>, std::string, std::vector<std::string>> cases[] = {
         {{"add-app", "c-1.0", "--redirect", "nobody"}, "", {"c-1.0: has no path; " + ends}},
         {{"remove-app", "a-1.0"},
          "",
@@ -385,19 +372,19 @@ TEST_F(ToolTest, saysWhatAChangeLeavesBehind) {
          "[[data]]\nsubdomain = \"/ovrel/convey/d-1.0\"\nvalues = { DisplayName = \"D\" }\n",
          {"d-1.0: has no path and no redirect"}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.command[0] + " " + c.command[1]);
+    for (const auto& [command, input, told] : cases) {
+        SCOPED_TRACE(command[0] + " " + command[1]);
         const Contents before = contents();
         const std::string whole = database;
-        std::vector<std::string> strictly = c.command;
+        std::vector<std::string> strictly = command;
         strictly.emplace_back("--strict");
-        EXPECT_EQ(run(strictly, c.input), 1);
+        EXPECT_EQ(run(strictly, input), 1);
         EXPECT_NE(errors.find("nothing was changed, because of --strict"), std::string::npos);
         EXPECT_EQ(contents(), before);
         database = folder.file("copy.db"); // each case begins with the same
         ASSERT_EQ(run({"import", whole}), 0) << errors;
-        EXPECT_EQ(run(c.command, c.input), 0) << errors;
-        for (const std::string& said : c.said) {
+        EXPECT_EQ(run(command, input), 0) << errors;
+        for (const std::string& said : told) {
             EXPECT_NE(errors.find(said), std::string::npos) << errors << "lacks " << said;
         }
         EXPECT_NE(contents(), before);
@@ -456,24 +443,21 @@ TEST_F(ToolTest, takesOnlyTextsInUtf8) {
 }
 
 TEST_F(ToolTest, readsDesktopEntriesByTheFormatsRules) {
-    const struct {
-        const char* exec;
-        const char* program;
-        bool alone;
-    } execs[] = {{"/bin/cat %U", "/bin/cat", true},
-                 {"\"/a b/c\"  %i %c", "/a b/c", true},
-                 {"\"/a b/c\" --x", "/a b/c", false},
-                 {"\"/a\\\\$b\" x", "/a$b", false},
-                 {"\"unfinished", "", true},
-                 {"", "", true},
-                 {"$(evil)", "", true},
-                 {"  sh  -c x", "sh", false},
-                 {"env A=1 p %U", "env", false},
-                 {"/bin/cat %%", "/bin/cat", false},
-                 {"/with\\sblank x", "/with", false}};
-    for (const auto& c : execs) {
-        EXPECT_EQ(caps::tool::programOf(c.exec), c.program) << c.exec;
-        EXPECT_EQ(caps::tool::startsProgramAlone(c.exec), c.alone) << c.exec;
+    const std::tuple<const char*, const char*, bool> execs[] = {
+        {"/bin/cat %U", "/bin/cat", true},
+        {"\"/a b/c\"  %i %c", "/a b/c", true},
+        {"\"/a b/c\" --x", "/a b/c", false},
+        {"\"/a\\\\$b\" x", "/a$b", false},
+        {"\"unfinished", "", true},
+        {"", "", true},
+        {"$(evil)", "", true},
+        {"  sh  -c x", "sh", false},
+        {"env A=1 p %U", "env", false},
+        {"/bin/cat %%", "/bin/cat", false},
+        {"/with\\sblank x", "/with", false}};
+    for (const auto& [exec, program, alone] : execs) {
+        EXPECT_EQ(caps::tool::programOf(exec), program) << exec;
+        EXPECT_EQ(caps::tool::startsProgramAlone(exec), alone) << exec;
     }
     const char* const file = "/usr/share/applications/org.x.My-App.desktop";
     const std::string head = "[Desktop Entry]\nType=Application\nName=N\nName[de]=M\n";
