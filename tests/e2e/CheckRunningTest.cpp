@@ -1,8 +1,6 @@
-#include <gmock/gmock.h>
 #include <signal.h>
 #include <sys/stat.h>
 
-#include "scriptobjects/core/SoThread.h"
 #include "tests/e2e/Scene.h"
 #include "tests/support/Peers.h"
 
@@ -32,10 +30,7 @@ protected:
 TEST_F(CheckRunningTest, saysWhatBecameOfTheTarget) {
     const auto running = host("lumen-2.0-en_us");
     const std::string tooLong(256, 'x');
-    const struct {
-        const char* specifier;
-        const char* expected;
-    } cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {"lumen-2.0-en_us", "ECHO_RESPONSE"},
         {"lumen", "ECHO_RESPONSE"},
         {"viewer-1.0", "ISNOTRUNNING"},
@@ -46,8 +41,8 @@ TEST_F(CheckRunningTest, saysWhatBecameOfTheTarget) {
         {tooLong.c_str(), "INVALIDSPEC"},
         {"kivra-7.0", "UNDEFINED"},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(check(c.specifier), c.expected) << c.specifier;
+    for (const auto& [specifier, expected] : cases) {
+        EXPECT_EQ(check(specifier), expected) << specifier;
     }
     running->signal(SIGSTOP);
     const auto start = std::chrono::steady_clock::now();
@@ -170,18 +165,16 @@ TEST_F(CheckRunningTest, pingsToAStoppedTargetKeepTheirTime) {
 
 TEST_F(CheckRunningTest, applicationsAnswerEachOther) {
     const auto running = host("lumen-2.0-en_us");
-    const struct {
-        const char* body;
-        const char* expected;
-        const char* heard; // by the host that is asked
-    } cases[] = {{"hello", "result: echo: hello\n", "asker-1.0 Tessaly: hello"},
-                 {"two\nlines", "result: echo: two\nlines\n", "asker-1.0 Tessaly: two"}};
-    for (const auto& c : cases) {
+    // What is asked, what the asker shows, what the host shows that is asked.
+    const std::tuple<const char*, const char*, const char*> cases[] = {
+        {"hello", "result: echo: hello\n", "asker-1.0 Tessaly: hello"},
+        {"two\nlines", "result: echo: two\nlines\n", "asker-1.0 Tessaly: two"}};
+    for (const auto& [body, expected, heard] : cases) {
         const ProcessResult asked =
-            runProcess({HOST, "asker-1.0", "--ask", "lumen-2.0-en_us", c.body});
+            runProcess({HOST, "asker-1.0", "--ask", "lumen-2.0-en_us", body});
         EXPECT_EQ(asked.exitStatus, 0) << asked.err;
-        EXPECT_THAT(asked.out, HasSubstr(c.expected));
-        EXPECT_EQ(running->readLine(), c.heard);
+        EXPECT_THAT(asked.out, HasSubstr(expected));
+        EXPECT_EQ(running->readLine(), heard);
     }
     // Five at once, each with its own answer.
     std::vector<std::unique_ptr<RunningProcess>> askers;

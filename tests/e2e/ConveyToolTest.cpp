@@ -1,8 +1,5 @@
 #include <cctype>
-#include <csignal>
 #include <cstring>
-#include <gmock/gmock.h>
-#include <set>
 
 #include "tests/e2e/ConveyToolFixture.h"
 #include "tests/support/Session.h"
@@ -14,12 +11,7 @@ using testing::HasSubstr;
 using testing::Not;
 
 TEST_F(ConveyToolTest, answersByItsExitStatus) {
-    const struct {
-        std::vector<std::string> arguments;
-        int status;
-        const char* out;
-        const char* err;
-    } cases[] = {
+    const std::tuple<std::vector<std::string>, int, const char*, const char*> cases[] = {
         {{"ping", "lumen"}, 0, "lumen-2.5-en_us: ECHO_RESPONSE time=", ""},
         {{"ping", "viewer"}, 1, "viewer-1.0: ISNOTRUNNING\n", ""},
         {{"ping", "nosuch"}, 1, "nosuch: ISNOTINSTALLED\n", ""},
@@ -92,13 +84,13 @@ TEST_F(ConveyToolTest, answersByItsExitStatus) {
         {{"nothing"}, 2, nullptr, "no command \"nothing\"; convey --help"},
         {{"lst"}, 2, nullptr, "no command \"lst\"; did you mean list?"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::PrintToString(c.arguments));
-        const ProcessResult result = tool(c.arguments);
-        EXPECT_EQ(result.exitStatus, c.status);
-        EXPECT_THAT(result.out, c.out == nullptr ? testing::Matcher<std::string>("")
-                                                 : testing::Matcher<std::string>(HasSubstr(c.out)));
-        EXPECT_THAT(result.err, HasSubstr(c.err));
+    for (const auto& [arguments, status, out, err] : cases) {
+        SCOPED_TRACE(testing::PrintToString(arguments));
+        const ProcessResult result = tool(arguments);
+        EXPECT_EQ(result.exitStatus, status);
+        EXPECT_THAT(result.out, out == nullptr ? testing::Matcher<std::string>("")
+                                               : testing::Matcher<std::string>(HasSubstr(out)));
+        EXPECT_THAT(result.err, HasSubstr(err));
         EXPECT_THAT(result.out, Not(HasSubstr("\x1b"))) << "no terminal, no colour";
     }
     const std::string text = folder.file("text");
@@ -230,11 +222,7 @@ TEST_F(ConveyToolTest, examinesWhatIsUsedElsewhere) {
     EXPECT_EQ(json({"list"}).back()["link"], "attic") << json({"list"});
     EXPECT_THAT(tool({"list"}).out, testing::ContainsRegex("distant-1.0 .* no +at attic "));
     const auto link = host("conveylink-2.0", {"--quiet"});
-    const struct {
-        const char* status;
-        int exit;
-        const char* said;
-    } cases[] = {
+    const std::tuple<const char*, int, const char*> cases[] = {
         {"a text", 1, "WRONG  link: it runs, and does not say who is there: a text\n"},
         {"[1]", 1, "WRONG  link: it runs, and does not say who is there: [1]\n"},
         {R"({"realm":1,"name":[],"links":{},"uses":7})", 1, "WRONG  link: / is not connected"},
@@ -259,12 +247,12 @@ TEST_F(ConveyToolTest, examinesWhatIsUsedElsewhere) {
          R"("uses":[{"app":"distant-1.0","at":"attic","state":"registered here"}]})",
          0, "note   link: distant-1.0 is used here, not at attic\n"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.status);
-        EXPECT_EQ(tool({"key", "conveylink-2.0", "LINK", c.status}).exitStatus, 0);
+    for (const auto& [status, exit, said] : cases) {
+        SCOPED_TRACE(status);
+        EXPECT_EQ(tool({"key", "conveylink-2.0", "LINK", status}).exitStatus, 0);
         const ProcessResult result = tool({"doctor", "distant", "lumen"});
-        EXPECT_EQ(result.exitStatus, c.exit) << result.out;
-        EXPECT_THAT(result.out, HasSubstr(c.said));
+        EXPECT_EQ(result.exitStatus, exit) << result.out;
+        EXPECT_THAT(result.out, HasSubstr(said));
     }
     EXPECT_THAT(tool({"doctor", "lumen"}).out, Not(HasSubstr("distant"))) << "it was not asked for";
 }
@@ -391,11 +379,7 @@ TEST_F(ConveyToolTest, showsWhatWaitsAndRemovesWhatIsStale) {
 }
 
 TEST_F(ConveyToolTest, completesInBash) {
-    const struct {
-        const char* words;
-        int current;
-        const char* expected;
-    } cases[] = {
+    const std::tuple<const char*, int, const char*> cases[] = {
         {"convey di", 1, "diagnose\n"},
         {"convey ping lu", 2, "lumen-2.0-en_us\nlumen-2.5-en_us\n"},
         {"convey ping all", 2, "allRunningApps\n"},
@@ -409,15 +393,15 @@ TEST_F(ConveyToolTest, completesInBash) {
         // What is registered in the database that the line names: none there.
         {"ovrel-caps --database /nowhere/caps.db get kivra", 4, "\n"},
     };
-    for (const auto& c : cases) {
-        const bool isCaps = std::string_view(c.words).starts_with("ovrel-caps");
+    for (const auto& [words, current, expected] : cases) {
+        const bool isCaps = std::string_view(words).starts_with("ovrel-caps");
         const ProcessResult result = runProcess(
             {"/bin/bash", "-c",
              std::string("PATH='") + std::filesystem::path(CONVEY_PROGRAM).parent_path().string() +
                  "':$PATH; . '" + (isCaps ? CAPS_BASH_COMPLETION : BASH_COMPLETION) +
-                 "'; COMP_WORDS=(" + c.words + "); COMP_CWORD=" + std::to_string(c.current) + "; " +
+                 "'; COMP_WORDS=(" + words + "); COMP_CWORD=" + std::to_string(current) + "; " +
                  (isCaps ? "_ovrel_caps" : "_convey") + "; printf '%s\\n' \"${COMPREPLY[@]}\""});
-        EXPECT_EQ(result.out, c.expected) << c.words << result.err;
+        EXPECT_EQ(result.out, expected) << words << result.err;
     }
 }
 

@@ -1,6 +1,4 @@
 #include <array>
-#include <csignal>
-#include <gmock/gmock.h>
 
 #include "platform/Desktop.h"
 #include "platform/Processes.h"

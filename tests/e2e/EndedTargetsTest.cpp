@@ -1,5 +1,4 @@
 // What an asker is told when the process that took its request ends.
-#include <csignal>
 #include <poll.h>
 
 #include "limits/Limits.h"

@@ -1,6 +1,5 @@
 // What the system below takes away: disk, home, database, port folder.
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>

@@ -1,8 +1,6 @@
 // What the tool says of applications that hang.
 #include <cctype>
-#include <csignal>
 #include <cstring>
-#include <gmock/gmock.h>
 
 #include "tests/e2e/ConveyToolFixture.h"
 

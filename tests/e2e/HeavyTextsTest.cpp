@@ -117,11 +117,7 @@ TEST_F(HeavyTextsTest, noTextKeepsAProcessFromAnsweringPings) {
     for (int i = 0; i < limits::of("message.headers"); ++i) {
         headers += std::to_string(i) + ":\n";
     }
-    const struct {
-        const char* what;
-        std::string text;
-        const char* to;
-    } cases[] = {
+    const std::tuple<const char*, std::string, const char*> cases[] = {
         {"empty messages", repeated("Target:a\nSender:b\n\n", bytes), kTarget},
         {"messages with many headers", repeated(headers + "\n", bytes), kTarget},
         {"one message with lines without end", head + repeated("a:\n", bytes), kTarget},
@@ -132,15 +128,15 @@ TEST_F(HeavyTextsTest, noTextKeepsAProcessFromAnsweringPings) {
     };
     Child hog([&] { // before this process has threads
         InterAppStream go("go-1.0");
-        for (const auto& c : cases) {
+        for (const auto& [what, text, to] : cases) {
             (void)go.waitForMessage(120'000, false);
             (void)go.receive();
-            sendTexts("hog-1.0", c.to, {c.text});
+            sendTexts("hog-1.0", to, {text});
         }
     });
     ASSERT_TRUE(Convey::InitTerm::init("viewer-1.0", true));
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+    for (const auto& [what, text, to] : cases) {
+        SCOPED_TRACE(what);
         const auto target = host(kTarget, {"--quiet"}); // ended in the middle of the text
         sendTexts("starter-1.0", "go-1.0", {"go"});
         double longest = 0; // that it was busy before it answered

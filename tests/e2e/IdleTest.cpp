@@ -1,5 +1,4 @@
 // Processes with nothing to do sleep, and what ends their sleep.
-#include <csignal>
 #include <sys/syscall.h>
 #include <unistd.h>
 

@@ -1,6 +1,4 @@
-#include <csignal>
 #include <dlfcn.h>
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 
 #include "tests/e2e/Scene.h"
@@ -152,12 +150,8 @@ TEST_F(LaunchTest, importedDesktopEntriesStartWhatTheyName) {
                                       ".new', 'w').write('python %d' % len(sys.argv))\n"
                                       "os.rename('" +
                                       note + ".new', '" + note + "')\n");
-    const struct {
-        const char* name;
-        std::string exec;
-        const char* said;
-        bool isMore; // than a program
-    } cases[] = {
+    // The last: whether it is more than a program.
+    const std::tuple<const char*, std::string, const char*, bool> cases[] = {
         {"plain", folder.file("bin/prog") + " %U", "marked  0", false},
         {"marked", "env MARK=1 " + folder.file("bin/prog") + " %U", "marked 1 0", true},
         {"interpreted", "python3 " + main + " %F", "python 1", true},
@@ -167,25 +161,25 @@ TEST_F(LaunchTest, importedDesktopEntriesStartWhatTheyName) {
          "of a shell", true},
     };
     std::filesystem::create_directory(folder.file("entries"));
-    for (const auto& c : cases) {
+    for (const auto& [name, exec, said, isMore] : cases) {
         (void)folder.write(
-            "entries/" + std::string(c.name) + ".desktop",
-            "[Desktop Entry]\nType=Application\nName=N\nX-A-Version=1.0\nExec=" + c.exec + "\n");
+            "entries/" + std::string(name) + ".desktop",
+            "[Desktop Entry]\nType=Application\nName=N\nX-A-Version=1.0\nExec=" + exec + "\n");
     }
     const ProcessResult imported =
         runProcess({OVREL_CAPS_TOOL, "import-desktop", folder.file("entries")});
     ASSERT_EQ(imported.out, "4 applications added, 0 replaced\n") << imported.err;
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        const ProcessResult result = runProcess({CONVEY_PROGRAM, "launch", "--wait", "0", c.name});
-        if (!hasLibrary && c.isMore) {
+    for (const auto& [name, exec, said, isMore] : cases) {
+        SCOPED_TRACE(name);
+        const ProcessResult result = runProcess({CONVEY_PROGRAM, "launch", "--wait", "0", name});
+        if (!hasLibrary && isMore) {
             EXPECT_EQ(result.exitStatus, 1);
             EXPECT_THAT(result.err, HasSubstr("the GIO library is not installed"));
             continue;
         }
         EXPECT_EQ(result.exitStatus, 0) << result.err;
         EXPECT_TRUE(eventually([&] { return std::filesystem::exists(note); }));
-        EXPECT_EQ(TemporaryFolder::read(note), c.said);
+        EXPECT_EQ(TemporaryFolder::read(note), said);
         std::filesystem::remove(note);
     }
 }

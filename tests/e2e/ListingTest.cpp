@@ -1,6 +1,4 @@
-#include <algorithm>
 #include <csignal>
-#include <gtest/gtest.h>
 #include <sqlite3.h>
 
 #include "caps/Store.h"

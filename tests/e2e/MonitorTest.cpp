@@ -1,6 +1,4 @@
 // What the tool shows of messages between others.
-#include <csignal>
-#include <gmock/gmock.h>
 
 #include "tests/e2e/ConveyToolFixture.h"
 

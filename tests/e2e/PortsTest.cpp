@@ -1,5 +1,4 @@
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -122,16 +121,14 @@ TEST_F(PortsTest, a32BitAnd64BitProcessTalk) {
     const std::string other = OTHER_WIDTH_PROGRAMS;
     ASSERT_TRUE(std::filesystem::exists(other + "/receive"))
         << "no programs of another width in '" << other << "': the preset dev builds them";
-    const struct {
-        std::string receive;
-        std::string send;
-    } pairs[] = {{RECEIVE, other + "/send"}, {other + "/receive", SEND}};
-    for (const auto& pair : pairs) {
-        SCOPED_TRACE(pair.send);
-        const auto receiving = receiver("width-1.0", {"--summary", "--count", "300"}, pair.receive);
+    const std::pair<std::string, std::string> pairs[] = {{RECEIVE, other + "/send"},
+                                                         {other + "/receive", SEND}};
+    for (const auto& [receive, send] : pairs) {
+        SCOPED_TRACE(send);
+        const auto receiving = receiver("width-1.0", {"--summary", "--count", "300"}, receive);
         for (const char* size : {"10", "70000", "5000000"}) {
-            EXPECT_EQ(runProcess({pair.send, "width-1.0", "--from", std::string("s") + size,
-                                  "--count", "100", "--size", size})
+            EXPECT_EQ(runProcess({send, "width-1.0", "--from", std::string("s") + size, "--count",
+                                  "100", "--size", size})
                           .exitStatus,
                       0);
         }

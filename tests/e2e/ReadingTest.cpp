@@ -1,14 +1,10 @@
-#include <gtest/gtest.h>
 #include <random>
-#include <set>
-#include <vector>
 
 #include "caps/Reading.h"
 #include "caps/RegistryLayout.h"
 #include "caps/Store.h"
 #include "caps/tool/Checks.h"
 #include "scriptobjects/connector/PCDConnector.h"
-#include "scriptobjects/convey/SoCVSpecifier.h"
 #include "scriptobjects/convey/SoConvey.h"
 #include "tests/support/TemporaryFolder.h"
 

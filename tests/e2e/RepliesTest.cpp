@@ -1,6 +1,5 @@
 // Requests and replies between processes, by the messenger: what becomes of a request, whatever
 // its target does with the reply.
-#include <csignal>
 
 #include "scriptobjects/convey/SoConvey.h"
 #include "tests/e2e/Scene.h"
@@ -42,17 +41,14 @@ protected:
 
 TEST_F(RepliesTest, whateverBecomesOfTheReplyTheAskerHearsOnce) {
     auto running = target();
-    const struct {
-        const char* body;
-        const char* expected;
-    } cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {"x", "0 0 answer"},
         {"drop", "1 64 ERROR: NOT ANSWERED"},
         {"throw", "1 61 ERROR: HANDLER FAILED"},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(shown(asker.request(kTarget, c.body).wait()), c.expected) << c.body;
-        EXPECT_EQ(running->readLine(), std::string("got ") + c.body);
+    for (const auto& [body, expected] : cases) {
+        EXPECT_EQ(shown(asker.request(kTarget, body).wait()), expected) << body;
+        EXPECT_EQ(running->readLine(), std::string("got ") + body);
     }
     // Kept, the target goes on with others; from another thread it answers them.
     ask("keep");
@@ -122,18 +118,15 @@ TEST_F(RepliesTest, theCInterfaceAsksAndAnswers) {
     const auto outcome = asker.request("clock-1.0", "time").wait();
     EXPECT_TRUE(outcome.isResult());
     EXPECT_EQ(outcome.text().length(), 8) << outcome.text().c_str();
-    const struct {
-        std::vector<std::string> words;
-        const char* expected;
-    } cases[] = {
+    const std::pair<std::vector<std::string>, const char*> cases[] = {
         {{"clock-1.0", "drop"}, "error 64 ERROR: NOT ANSWERED\n"},
         {{"clock-1.0", "fail"}, "error 7 failed as asked\n"},
         {{"nobody-1.0", "x"}, "not installed 59 ERROR: LAUNCHING IS SUPPRESSED\n"},
         {{"clock-1.0", ""}, "refused 59 ERROR: CAN'T STREAM MESSAGE TO STRING\n"},
     };
-    for (const auto& c : cases) {
-        const ProcessResult asking = runProcess({CLOCK, "asking-1.0", c.words[0], c.words[1]});
-        EXPECT_EQ(asking.out, c.expected) << asking.err;
+    for (const auto& [words, expected] : cases) {
+        const ProcessResult asking = runProcess({CLOCK, "asking-1.0", words[0], words[1]});
+        EXPECT_EQ(asking.out, expected) << asking.err;
         EXPECT_EQ(asking.exitStatus, 1);
     }
     clock.signal(SIGTERM);

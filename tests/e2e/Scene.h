@@ -1,9 +1,7 @@
 #pragma once
 
-#include <algorithm>
 #include <chrono>
-#include <gtest/gtest.h>
-#include <memory>
+#include <csignal>
 #include <thread>
 
 #include "tests/support/Process.h"

@@ -1,5 +1,3 @@
-#include <csignal>
-#include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
 #include "tests/e2e/Scene.h"
