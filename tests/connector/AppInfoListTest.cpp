@@ -1,10 +1,7 @@
 #include <cmath>
-#include <gtest/gtest.h>
 #include <limits>
 #include <random>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "scriptobjects/connector/SoCVConnectorAppInfo.h"
 #include "scriptobjects/connector/SoCVGroups.h"
@@ -61,17 +58,15 @@ TEST(AppInfo, isEqualWhateverRuns) {
 TEST(AppInfoList, findsExactlyBeforeWithoutInstanceAndSuffix) {
     CVConnectorAppInfoList list;
     fill(list, {record("kivra-7.0", "/bare"), record("kivra_3-7.0", "/instance")});
-    const struct {
-        const char* specifier;
-        int32_t index;
-    } cases[] = {{"kivra-7.0", 0},     {"kivra_2-7.0", 0}, {"kivra-7.0#2", 0}, {"kivra_3-7.0", 1},
-                 {"kivra_3-7.0#x", 0}, {"kivra-8.0", -1},  {"", -1},           {"kivra", -1}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.specifier);
+    const std::pair<const char*, int32_t> cases[] = {
+        {"kivra-7.0", 0},     {"kivra_2-7.0", 0}, {"kivra-7.0#2", 0}, {"kivra_3-7.0", 1},
+        {"kivra_3-7.0#x", 0}, {"kivra-8.0", -1},  {"", -1},           {"kivra", -1}};
+    for (const auto& [specifier, expected] : cases) {
+        SCOPED_TRACE(specifier);
         int32_t index = 99;
-        const CVConnectorAppInfo* found = list.find(c.specifier, &index);
-        EXPECT_EQ(index, c.index);
-        EXPECT_EQ(found, list.get(c.index));
+        const CVConnectorAppInfo* found = list.find(specifier, &index);
+        EXPECT_EQ(index, expected);
+        EXPECT_EQ(found, list.get(expected));
     }
     CVConnectorAppInfo out = record("untouched");
     EXPECT_FALSE(list.find("nosuch", out, nullptr));
@@ -106,14 +101,11 @@ TEST(AppInfoList, resolvesRedirectsAlongTheirChains) {
                 record("x", "/x", "y"), record("y", "/y", "x"), record("into", "/into", "x"),
                 record("self", "/self", "self"), record("instance", "", "c_2")});
     EXPECT_TRUE(list.resolveRedirectTo());
-    const struct {
-        const char* specifier;
-        const char* path;
-    } cases[] = {{"a", "/c"},         {"b", "/c"},       {"c", "/c"}, {"lost", "/lost"},
-                 {"behind", "/lost"}, {"x", "/x"},       {"y", "/y"}, {"into", "/into"},
-                 {"self", "/self"},   {"instance", "/c"}};
-    for (const auto& c : cases) {
-        EXPECT_STREQ(list.find(c.specifier, nullptr)->path.c_str(), c.path) << c.specifier;
+    const std::pair<const char*, const char*> cases[] = {
+        {"a", "/c"}, {"b", "/c"}, {"c", "/c"},       {"lost", "/lost"}, {"behind", "/lost"},
+        {"x", "/x"}, {"y", "/y"}, {"into", "/into"}, {"self", "/self"}, {"instance", "/c"}};
+    for (const auto& [specifier, path] : cases) {
+        EXPECT_STREQ(list.find(specifier, nullptr)->path.c_str(), path) << specifier;
     }
 }
 

@@ -1,12 +1,5 @@
 #include "scriptobjects/connector/PCDConnector.h"
 
-#include <functional>
-#include <gtest/gtest.h>
-#include <map>
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "caps/include/ovrel_caps.h"
 #include "platform/fake/Fakes.h"
 #include "scriptobjects/connector/PCDWrapper.h"
@@ -378,17 +371,13 @@ TEST_F(PCDConnectorTest, hasNoConfigurationsWithALibraryOfBeforeThem) {
 }
 
 TEST_F(PCDConnectorTest, isNamedByItsKindAndDomain) {
-    const struct {
-        bool master;
-        int32_t key;
-        const char* name;
-    } cases[] = {
+    const std::tuple<bool, int32_t, const char*> cases[] = {
         {true, 1, "PCD"},        {true, 0, "PCD-master-installer"}, {true, 4, "PCD-master-pyl"},
         {true, 5, "PCD-master"}, {false, 3, "PCD-cache-wex"},       {false, 1, "PCD-cache-ivor"}};
-    for (const auto& c : cases) {
-        const PCDConnector pcd("test", c.master, static_cast<PCDConnector::DomainKey>(c.key));
-        EXPECT_STREQ(pcd.getName().c_str(), c.name);
-        EXPECT_EQ(pcd.isGood(), c.master) << "a connector that is no master reads nothing";
+    for (const auto& [master, key, name] : cases) {
+        const PCDConnector pcd("test", master, static_cast<PCDConnector::DomainKey>(key));
+        EXPECT_STREQ(pcd.getName().c_str(), name);
+        EXPECT_EQ(pcd.isGood(), master) << "a connector that is no master reads nothing";
     }
 }
 

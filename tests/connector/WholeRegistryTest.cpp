@@ -137,12 +137,7 @@ TEST(WholeRegistry, givesAnIncompleteStartNameWhatItStandsFor) {
     add("doc-7", "false", "true");
     add("doc-7.50", "true", "false");
     setenv("OVREL_CAPS_DB", path.c_str(), 1);
-    const struct {
-        const char* start;
-        const char* name;
-        bool authentication;
-        bool digest;
-    } cases[] = {
+    const std::tuple<const char*, const char*, bool, bool> cases[] = {
         {"kivratool", "kivratool-7.0", false, false},
         {"kivratool-7", "kivratool-7.0", false, false},
         {"kivratool_2", "kivratool_2-7.0", false, false},
@@ -150,20 +145,20 @@ TEST(WholeRegistry, givesAnIncompleteStartNameWhatItStandsFor) {
         {"doc-7", "doc-7.50", true, false},
         {"unknown-1", "unknown-1", true, true},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.start);
+    for (const auto& [start, name, authentication, digest] : cases) {
+        SCOPED_TRACE(start);
         for (const bool hostSets : {false, true}) {
             PCDConnector::setCapsFolder(PROGRAMS);
-            ASSERT_TRUE(Convey::InitTerm::init(c.start, !hostSets));
+            ASSERT_TRUE(Convey::InitTerm::init(start, !hostSets));
             if (hostSets) { // while the start is under way
-                Convey::Message::setCreateDigest(!c.digest);
+                Convey::Message::setCreateDigest(!digest);
             }
-            EXPECT_EQ(Convey::getSharedAppName(), c.name);
+            EXPECT_EQ(Convey::getSharedAppName(), name);
             EXPECT_EQ(ScObjects::ConveyThread::getMainThread()->getSpecifier(),
-                      (std::string(c.name) + "#thread").c_str())
+                      (std::string(name) + "#thread").c_str())
                 << "the name of its port";
-            EXPECT_EQ(Convey::Message::getAuthentication(), c.authentication);
-            EXPECT_EQ(Convey::Message::getCreateDigest(), c.digest != hostSets);
+            EXPECT_EQ(Convey::Message::getAuthentication(), authentication);
+            EXPECT_EQ(Convey::Message::getCreateDigest(), digest != hostSets);
             EXPECT_TRUE(Convey::InitTerm::exit());
         }
     }

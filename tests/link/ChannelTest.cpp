@@ -1,6 +1,5 @@
 #include "link/Channel.h"
 
-#include <gtest/gtest.h>
 #include <random>
 
 #include "link/Bounds.h"

@@ -1,8 +1,5 @@
 #include "link/Configuration.h"
 
-#include <algorithm>
-#include <gtest/gtest.h>
-
 namespace convey_link {
 namespace {
 
@@ -33,21 +30,16 @@ TEST(ConfigurationTest, offersWhatIsWrittenAndNothingElse) {
     EXPECT_TRUE(configuration.tls);
     EXPECT_EQ(configuration.ca, "/home/x/ca.pem");
     EXPECT_EQ(configuration.certificate, "/etc/workshop.pem");
-    const struct {
-        const char* app;
-        const char* link;
-        bool offered;
-        bool launch;
-    } cases[] = {
+    const std::tuple<const char*, const char*, bool, bool> cases[] = {
         {"lumen-2.5-en_us", "desk", true, true},    {"lumen-2.5", "anna-2", true, true},
         {"lumen-2.5", "anna", false, false},        {"lumen", "desk", false, false},
         {"xlumen-2.5", "desk", false, false},       {"kivra-7.0", "anybody", true, false},
         {"kivra-7.0#thread", "desk", false, false}, {"kivra-7x0", "desk", false, false},
     };
-    for (const auto& one : cases) {
+    for (const auto& [app, link, offered, launches] : cases) {
         bool launch = false;
-        EXPECT_EQ(configuration.isOffered(one.app, one.link, launch), one.offered) << one.app;
-        EXPECT_EQ(launch, one.launch) << one.app;
+        EXPECT_EQ(configuration.isOffered(app, link, launch), offered) << app;
+        EXPECT_EQ(launch, launches) << app;
     }
 }
 

@@ -1,8 +1,6 @@
 #include "link/Deliveries.h"
 
-#include <chrono>
 #include <semaphore>
-#include <thread>
 
 #include "scriptobjects/convey/SoCVTextSeal.h"
 #include "scriptobjects/stream/BaseInterAppStream.h"

@@ -1,6 +1,5 @@
 // A link over a network, ports and a clock of the test's own: what is said of one that nobody
 // hears.
-#include <algorithm>
 
 #include "link/Silence.h"
 #include "scriptobjects/convey/SoCVWords.h"

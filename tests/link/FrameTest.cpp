@@ -1,7 +1,5 @@
 #include "link/Frame.h"
 
-#include <gtest/gtest.h>
-
 #include "link/Bounds.h"
 
 namespace convey_link {
@@ -80,19 +78,16 @@ TEST(FrameTest, saysTheSameAgainAndNothingWhenItIsCut) {
 }
 
 TEST(FrameTest, refusesWhatNoLinkWouldSay) {
-    const struct {
-        const char* why;
-        Frame frame;
-    } cases[] = {
+    const std::pair<const char*, Frame> cases[] = {
         {"more text than was announced", part(3, 0, "hello")},
         {"a part behind the end", part(5, 5, "x")},
         {"a place that overflows", part(5, UINT64_MAX - 1, "hello")},
         {"a text above the bound", part(bounds::kTextBytes + 1, 1, "x")},
         {"a text of nothing", part(0, 0, "")},
     };
-    for (const auto& one : cases) {
+    for (const auto& [why, frame] : cases) {
         Frame out;
-        EXPECT_FALSE(decode(encode(one.frame), out)) << one.why;
+        EXPECT_FALSE(decode(encode(frame), out)) << why;
     }
     for (const char* name : {"", "a b", "a\nTarget:b", "../a", "a\x7F"}) {
         Frame frame = part(5, 0, "hello");

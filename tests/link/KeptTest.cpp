@@ -1,5 +1,4 @@
 // Requests by way of a disk, which gives what it has again and again until it is acknowledged.
-#include <algorithm>
 
 #include "scriptobjects/convey/SoCVWords.h"
 #include "tests/link/LinkOnFakes.h"

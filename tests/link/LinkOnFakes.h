@@ -1,7 +1,6 @@
 #pragma once
 
 // A link over a network, ports and a clock of the test's own.
-#include <gtest/gtest.h>
 
 #include "link/Bounds.h"
 #include "link/Link.h"

@@ -1,7 +1,5 @@
 // Two machines of one realm: a runtime folder, a home and a database each, joined by a server.
-#include <csignal>
 #include <nlohmann/json.hpp>
-#include <set>
 #include <sys/stat.h>
 
 #include "tests/e2e/Scene.h"

@@ -1,7 +1,5 @@
 #include "link/Text.h"
 
-#include <gtest/gtest.h>
-
 #include "scriptobjects/convey/SoCVMessage.h"
 
 namespace convey_link {

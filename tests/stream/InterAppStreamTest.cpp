@@ -1,10 +1,6 @@
-#include <gtest/gtest.h>
-#include <memory>
-#include <string>
-#include <vector>
 
-#include "platform/fake/Fakes.h"
 #include "scriptobjects/stream/InterAppStream.h"
+#include "platform/fake/Fakes.h"
 
 namespace {
 
