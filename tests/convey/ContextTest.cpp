@@ -1,5 +1,4 @@
 // Contexts and the instances in them.
-#include <memory>
 #include <random>
 
 #include "tests/convey/EngineFixture.h"

@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-#include <tuple>
 
 #include "platform/fake/Fakes.h"
 #include "scriptobjects/convey/SoCVDiagnosticsRows.h"

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <thread>
-
 #include "platform/fake/Fakes.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "tests/support/Peers.h"

@@ -1,6 +1,5 @@
 // Messages within one process and over its ports: who handles them, in which order, what is
 // refused.
-#include <memory>
 
 #include "limits/Limits.h"
 #include "tests/convey/EngineFixture.h"
@@ -20,11 +19,7 @@ TEST_F(EngineTest, aConversationWithinTheProcess) {
         return message.getBody() == "fail" ? 9 : 0;
     }));
     Convey own("own-1.0", noting(client), true, nullptr);
-    const struct {
-        const char* body;
-        const char* replies;
-        Strings expected;
-    } cases[] = {
+    const std::tuple<const char*, const char*, Strings> cases[] = {
         {"plain", "", {}},
         {"a", "Received", {"2 Tessaly a", "0 Processed "}},
         {"b", "Result", {"3 Tessaly result text", "0 Processed "}},
@@ -32,17 +27,17 @@ TEST_F(EngineTest, aConversationWithinTheProcess) {
         {"fail", "Result", {"0 Processed "}},
         {"fail", "Error Result", {"4 Tessaly result text", "0 Processed "}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.body) + ": " + c.replies);
+    for (const auto& [body, replies, expected] : cases) {
+        SCOPED_TRACE(std::string(body) + ": " + replies);
         server.clear();
         client.clear();
-        Message message = request("other-2.0", c.body, c.replies);
+        Message message = request("other-2.0", body, replies);
         EXPECT_TRUE(own.send(message, false, 0, nullptr));
         EXPECT_NE(message.getSerialNumber(), 0U);
         EXPECT_EQ(message.getSender(), "own-1.0");
         pumpAll();
-        EXPECT_EQ(server, Strings{std::string("1 ") + c.body});
-        EXPECT_EQ(client, c.expected);
+        EXPECT_EQ(server, Strings{std::string("1 ") + body});
+        EXPECT_EQ(client, expected);
     }
     client.clear();
     EXPECT_FALSE(sendFrom(own, request("nobody-1.0", "body")));
@@ -54,19 +49,16 @@ TEST_F(EngineTest, aConversationWithinTheProcess) {
 TEST_F(EngineTest, tellsHandlersTheKindOfMessage) {
     Strings calls;
     Convey own("own-1.0", noting(calls), true, nullptr);
-    const struct {
-        const char* type;
-        const char* expected;
-    } cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {"Tessaly", "1 Tessaly x"},  {"Debug", "1 Debug x"},    {"Timeout", "5 Timeout x"},
         {"Log", "6 Log x"},          {"Idle", "7 Idle x"},      {"query", "0 query x"},
         {"Received", "2 Tessaly x"}, {"Result", "3 Tessaly x"}, {"Error", "4 Tessaly x"},
     };
-    for (const auto& c : cases) {
+    for (const auto& [type, expected] : cases) {
         calls.clear();
-        EXPECT_TRUE(sendFrom(own, request("own-1.0", "x", "", c.type)));
+        EXPECT_TRUE(sendFrom(own, request("own-1.0", "x", "", type)));
         pumpAll();
-        EXPECT_EQ(calls, Strings{c.expected}) << c.type;
+        EXPECT_EQ(calls, Strings{expected}) << type;
     }
     calls.clear();
     EXPECT_FALSE(sendFrom(own, request("own-1.0", ""))) << "there is nothing to send";
@@ -85,18 +77,14 @@ TEST_F(EngineTest, findsTheHandlerThatFitsBest) {
         EXPECT_EQ(own.changeHandler(handler), nullptr);
         EXPECT_EQ(own.changeHandler(handler), nullptr) << "registered already";
     }
-    const struct {
-        const char* type;
-        uint32_t serial;
-        Convey::MsgHandler* expected;
-    } cases[] = {
+    const std::tuple<const char*, uint32_t, Convey::MsgHandler*> cases[] = {
         {"query", 5, exact},       {"query", 6, newerQuery}, {"query", 7, anyQuery},
         {"query", kAny, anyQuery}, {"", 5, otherType},       {"", 6, newerQuery},
         {"", 8, nullptr},          {"Result", 6, nullptr},   {"Result", 5, otherType},
         {"unknown", 5, nullptr},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(own.findHandler(c.type, c.serial), c.expected) << c.type << " " << c.serial;
+    for (const auto& [type, serial, expected] : cases) {
+        EXPECT_EQ(own.findHandler(type, serial), expected) << type << " " << serial;
     }
     auto* const replacement = new Handler(nothing, "query", 5);
     EXPECT_EQ(own.changeHandler(replacement), exact);
@@ -180,26 +168,24 @@ TEST_F(EngineTest, aMessageThatFindsNoTargetEndsAfterTenMinutes) {
         });
         return text;
     };
-    const struct {
-        int32_t timeout;
-        const char* last; // what it gets when its time has come
-    } cases[] = {{-1, "1000000 599 1000000"}, {60, "1000000 60 1000000"}};
-    for (const auto& c : cases) {
+    // A time-out, and what the message gets when its time has come.
+    const std::pair<int32_t, const char*> cases[] = {{-1, "1000000 599 1000000"},
+                                                     {60, "1000000 60 1000000"}};
+    for (const auto& [timeout, last] : cases) {
         clock.utc = 1'000'000'000;
         auto* const message = new Message(request("nobody-1.0", "x"));
         message->setSender("own-1.0");
-        message->setTimeout(static_cast<uint32_t>(c.timeout));
+        message->setTimeout(static_cast<uint32_t>(timeout));
         ASSERT_TRUE(queue.append(message));
         for (int i = 0; i < 20; ++i) {
             clock.pass(29'000);
             EXPECT_FALSE(own.processOutgoingMessage());
         }
-        EXPECT_EQ(state(),
-                  "1000580 " + std::to_string(static_cast<uint32_t>(c.timeout)) + " 1000000")
+        EXPECT_EQ(state(), "1000580 " + std::to_string(static_cast<uint32_t>(timeout)) + " 1000000")
             << "kept alive";
         clock.pass(29'000);
         EXPECT_FALSE(own.processOutgoingMessage());
-        EXPECT_EQ(state(), c.last);
+        EXPECT_EQ(state(), last);
         EXPECT_FALSE(own.processOutgoingMessage());
         EXPECT_TRUE(queue.isEmpty());
     }

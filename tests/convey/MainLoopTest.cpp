@@ -1,9 +1,7 @@
 #include <csignal>
 #include <future>
-#include <memory>
 #include <poll.h>
 #include <pthread.h>
-#include <thread>
 #include <unistd.h>
 
 #include "tests/support/Peers.h"
@@ -56,21 +54,18 @@ TEST_F(MainLoopTest, theDescriptorTellsWhenAPumpHasSomethingToDo) {
     EXPECT_EQ(Convey::getPollDescriptor(), descriptor) << "one for the process";
     Convey other("other-2.0", nullptr, false, nullptr);
     ScObjects::InterAppStream peer("peer-1.0"); // as another process reaches this one
-    const struct {
-        const char* what;
-        std::function<void()> happens;
-    } cases[] = {
+    const std::pair<const char*, std::function<void()>> cases[] = {
         {"another thread sends",
          [&] { std::thread([&] { EXPECT_TRUE(send(other, "own-1.0", "x")); }).join(); }},
         {"another process sends", [&] { EXPECT_TRUE(sendFrom(peer, request("own-1.0", "x"))); }},
         {"its own request runs out of time", // which its handler is told
          [&] { EXPECT_TRUE(send(own, "peer-1.0", "x", "Timeout", 1)); }},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+    for (const auto& [what, happens] : cases) {
+        SCOPED_TRACE(what);
         EXPECT_FALSE(readable(0)) << "nothing to do before";
         handled = 0;
-        c.happens();
+        happens();
         EXPECT_TRUE(readable(kLong));
         settle();
         EXPECT_EQ(handled, 1);

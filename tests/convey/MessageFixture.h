@@ -1,11 +1,7 @@
 #pragma once
 
 #include <cstdlib>
-#include <gtest/gtest.h>
-#include <string>
-#include <vector>
 
-#include "platform/MessagePort.h"
 #include "platform/fake/Fakes.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVUtils.h"

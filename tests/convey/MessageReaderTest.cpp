@@ -1,5 +1,4 @@
 // How texts are read: in steps, in pieces, and with what is known of them already.
-#include <algorithm>
 
 #include "tests/convey/MessageFixture.h"
 
@@ -76,18 +75,16 @@ TEST_F(MessageReaderTest, isReadInStepsAsAtOnceAndNoStepTakesAll) {
     // Each of these has two ways through all of it: the search for zero bytes is one.
     const std::string head = "Target:t\nSender:s\n";
     const std::string large = head + "Content-Length:500000\n\n" + std::string(500'000, 'b');
-    const struct {
-        const char* why;
-        std::string text;
-    } cases[] = {{"zero bytes become line feeds, which are passed over",
-                  head + "\n" + std::string(500'000, '\0') + head + "x:after\n\n"},
-                 {"a body that takes the text's buffer over", large},
-                 {"a body that another message follows", large + "\n" + head + "x:after\n\n"}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.why);
-        std::string clean = c.text;
+    const std::pair<const char*, std::string> cases[] = {
+        {"zero bytes become line feeds, which are passed over",
+         head + "\n" + std::string(500'000, '\0') + head + "x:after\n\n"},
+        {"a body that takes the text's buffer over", large},
+        {"a body that another message follows", large + "\n" + head + "x:after\n\n"}};
+    for (const auto& [why, bytes] : cases) {
+        SCOPED_TRACE(why);
+        std::string clean = bytes;
         std::replace(clean.begin(), clean.end(), '\0', '\n');
-        Message::Reader reader{SoString(c.text.data(), static_cast<int32_t>(c.text.size()))};
+        Message::Reader reader{SoString(bytes.data(), static_cast<int32_t>(bytes.size()))};
         size_t steps = 0;
         for (const char* next = clean.c_str(); *next != '\0';) {
             Message expected;
@@ -108,10 +105,7 @@ TEST_F(MessageReaderTest, isReadInTwoPiecesAsInOne) {
     Message::setCreateDigest(true);
     Message::setAuthentication(true);
     const std::string head = "Target:t\nSender:s\n";
-    const struct {
-        const char* why;
-        std::string text;
-    } cases[] = {
+    const std::pair<const char*, std::string> cases[] = {
         {"as it is written", written(message("the body"))},
         {"a zero byte in lines and body", written(message("a\nb")) + std::string("\0c", 2)},
         {"two messages", head + "Content-Length:3\n\nabc" + head + "Content-Length:1\n\nx"},
@@ -140,9 +134,9 @@ TEST_F(MessageReaderTest, isReadInTwoPiecesAsInOne) {
         return all;
     };
     const auto piece = [](std::string_view bytes) { return SoString(bytes); };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.why);
-        const std::string_view text = c.text;
+    for (const auto& [why, bytes] : cases) {
+        SCOPED_TRACE(why);
+        const std::string_view text = bytes;
         const std::string expected = readAll(Message::Reader(piece(text)), 1000);
         const bool hasZero = text.find('\0') != std::string_view::npos;
         for (size_t cut = 1; cut < text.size(); ++cut) {

@@ -1,11 +1,8 @@
 // Replies that are given later, and the messenger, within one process.
 #include <coroutine>
-#include <gmock/gmock.h>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
-#include <thread>
 
 #include "adapters/ConveyAwait.h"
 #include "tests/support/FailingAllocations.h"
@@ -56,19 +53,16 @@ TEST_F(MessagingTest, aReplyThatIsGivenLaterHoldsBackTheEndOfItsRequest) {
         return 0;
     }));
     delete asker.instance().changeHandler(noting(heard));
-    const struct {
-        const char* wanted;
-        Strings expected;
-    } cases[] = {
+    const std::pair<const char*, Strings> cases[] = {
         {"Result", {"3 Tessaly later", "0 Processed "}},
         {"Error", {"0 Processed "}},
         {"Received Result", {"2 Tessaly question", "3 Tessaly later", "0 Processed "}},
         {"", {}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.wanted);
+    for (const auto& [wanted, expected] : cases) {
+        SCOPED_TRACE(wanted);
         heard.clear();
-        Message question = request("other-2.0", "question", c.wanted);
+        Message question = request("other-2.0", "question", wanted);
         EXPECT_TRUE(asker.instance().send(question, false, 0, nullptr));
         pumpAll();
         EXPECT_THAT(heard, testing::Not(testing::Contains("0 Processed ")));
@@ -78,7 +72,7 @@ TEST_F(MessagingTest, aReplyThatIsGivenLaterHoldsBackTheEndOfItsRequest) {
             EXPECT_FALSE(kept.error(7, "twice"));
         }).join();
         pumpAll();
-        EXPECT_EQ(heard, c.expected);
+        EXPECT_EQ(heard, expected);
     }
 }
 
@@ -174,41 +168,37 @@ TEST_F(MessagingTest, whatIsNotSentAtOnceIsUntouched) {
     const std::string large(100'000, 'x');
     int handled = 0;
     other->on(CV_TYPE_PLAIN, [&](const Message&) { ++handled; });
-    const struct {
-        const char* target;
-        std::string body;
-        bool expected;
-    } cases[] = {
+    const std::tuple<const char*, std::string, bool> cases[] = {
         {"other", "x", true}, // within the process
         {"absent-1.0", "x", false}, {"other-2.0", "", false},     {"", "x", false},
         {"silent-1.0", "x", true},  {"silent-1.0", large, false},
     };
     const InterAppStream silent("silent-1.0");
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.target);
+    for (const auto& [target, body, expected] : cases) {
+        SCOPED_TRACE(target);
         std::string outcome = "none";
-        auto request = asker.request(c.target, c.body.c_str());
+        auto request = asker.request(target, body.c_str());
         request.onOutcome([&](const Outcome& how) { outcome = shown(how); });
         Convey::Pending pending;
-        EXPECT_EQ(request.trySend(pending), c.expected);
-        EXPECT_EQ(pending.isOpen(), c.expected);
-        if (c.target == std::string("other")) {
+        EXPECT_EQ(request.trySend(pending), expected);
+        EXPECT_EQ(pending.isOpen(), expected);
+        if (target == std::string("other")) {
             pumpUntil([&] { return outcome != "none"; });
             EXPECT_EQ(outcome, "result 0 ");
-        } else if (c.expected) {
+        } else if (expected) {
             EXPECT_TRUE(silent.messagePending());
         } else {
             pumpAll();
             EXPECT_EQ(outcome, "none");
-            if (c.body == large) {
+            if (body == large) {
                 continue; // nobody reads it
             }
             EXPECT_EQ(shown(request.wait()), outcome); // with the same function
-            EXPECT_THAT(outcome, testing::EndsWith(c.body.empty() ? "TO STRING"
-                                                   : *c.target    ? "SUPPRESSED"
-                                                                  : "SPECIFIER"));
+            EXPECT_THAT(outcome, testing::EndsWith(body.empty() ? "TO STRING"
+                                                   : *target    ? "SUPPRESSED"
+                                                                : "SPECIFIER"));
         }
-        EXPECT_EQ(asker.request(c.target, c.body.c_str()).tryPost(), c.expected);
+        EXPECT_EQ(asker.request(target, body.c_str()).tryPost(), expected);
     }
     pumpUntil([&] { return handled == 2; });
     EXPECT_EQ(handled, 2);

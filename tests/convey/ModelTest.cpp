@@ -1,10 +1,7 @@
 // The queue against a model that is simple enough to be believed, on a clock that moves when the
 // test says so. CONVEY_TEST_SEED repeats a run; CONVEY_TEST_STEPS makes it longer.
-#include <algorithm>
 #include <cstdio>
-#include <memory>
 #include <random>
-#include <set>
 
 #include "platform/fake/Fakes.h"
 #include "scriptobjects/convey/SoCVMessageQueue.h"

@@ -1,6 +1,4 @@
 // What an instance tells those that watch it.
-#include <gmock/gmock.h>
-#include <memory>
 #include <mutex>
 
 #include "tests/convey/EngineFixture.h"

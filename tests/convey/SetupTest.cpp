@@ -1,7 +1,6 @@
 // How the layer starts and ends.
 #include <cstdlib>
 #include <filesystem>
-#include <gmock/gmock.h>
 #include <unistd.h>
 
 #include "scriptobjects/convey/SoCVSetupThread.h"

@@ -1,8 +1,6 @@
 // What becomes of a request: which handler hears which answer, how a wait ends, and that threads,
 // depths and exceptions change nothing about it.
-#include <memory>
 #include <stdexcept>
-#include <thread>
 
 #include "limits/Limits.h"
 #include "platform/fake/Fakes.h"
@@ -96,12 +94,7 @@ TEST_F(ConversationTest, answersOfAnyTypeReachTheirHandlerByOneRule) {
 
 // What peers, new and old, say of a request of the type "query" with the number 5.
 TEST_F(ConversationTest, whatIsSaidOfARequestOfAUserTypeReachesItsAsker) {
-    const struct {
-        const char* handler;
-        const char* type;
-        const char* numbers;
-        int event;
-    } cases[] = {
+    const std::tuple<const char*, const char*, const char*, int> cases[] = {
         {"Error", "Errorquery", "Serial-Number:9\nError:5\n", 4},
         {"Error", "ErrorErrorquery", "Serial-Number:9\nError:5\n", 4},
         {"Errorquery", "Errorquery", "Serial-Number:9\nError:5\n", 4},
@@ -116,17 +109,17 @@ TEST_F(ConversationTest, whatIsSaidOfARequestOfAUserTypeReachesItsAsker) {
     };
     const InterAppStream peer("third-3.0");
     for (const char* version : {"@CV>Version:2.05\n", ""}) {
-        for (const auto& c : cases) {
-            SCOPED_TRACE(std::string(version) + c.handler + " for " + c.type);
+        for (const auto& [handler, type, numbers, expected] : cases) {
+            SCOPED_TRACE(std::string(version) + handler + " for " + type);
             int heard = -1;
-            handle([&](int event, Message&, SoString*) { return heard = event, 0; }, c.handler, 5);
+            handle([&](int event, Message&, SoString*) { return heard = event, 0; }, handler, 5);
             EXPECT_TRUE(sendFrom(own, request(5, "", "query", "third-3.0")));
             std::string text = version;
-            text += std::string("Type:") + c.type + "\n";
-            text += std::string("Target:own-1.0\nSender:third-3.0\n") + c.numbers + "\n";
+            text += std::string("Type:") + type + "\n";
+            text += std::string("Target:own-1.0\nSender:third-3.0\n") + numbers + "\n";
             EXPECT_TRUE(peer.send("own-1.0", SoString(text.c_str())));
             pumpUntil([&] { return heard >= 0; });
-            EXPECT_EQ(heard, c.event);
+            EXPECT_EQ(heard, expected);
             (void)own.deleteHandlers(5);
         }
     }
@@ -178,11 +171,7 @@ TEST_F(ConversationTest, aWaitEndsWithItsInstanceAndWithTheLayer) {
     InterAppStream silent("third-3.0"); // takes requests, and answers none
     auto* asker = new Convey("own-1.0", nullptr, false, nullptr);
     Convey local("own-1.0", nullptr, false, nullptr);
-    const struct {
-        const char* why;
-        std::function<Convey*()> asking;
-        std::function<void()> meanwhile;
-    } cases[] = {
+    const std::tuple<const char*, std::function<Convey*()>, std::function<void()>> cases[] = {
         {"a handler deletes the instance", [&] { return asker; },
          [&] {
              handle([&](int, Message&, SoString*) { return delete asker, 0; });
@@ -197,9 +186,9 @@ TEST_F(ConversationTest, aWaitEndsWithItsInstanceAndWithTheLayer) {
         {"the layer has ended before", [&] { return &local; }, [] {}},
     };
     uint32_t number = 100;
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.why);
-        Convey* const instance = c.asking();
+    for (const auto& [why, chosen, meanwhile] : cases) {
+        SCOPED_TRACE(why);
+        Convey* const instance = chosen();
         delete instance->changeHandler(
             new Handler([](int, Message&, SoString*) { return 0; }, "Result", ++number));
         bool answered = true;
@@ -216,7 +205,7 @@ TEST_F(ConversationTest, aWaitEndsWithItsInstanceAndWithTheLayer) {
         if (!isOver) {
             (void)silent.receive();
         }
-        c.meanwhile();
+        meanwhile();
         asking.join();
         EXPECT_FALSE(answered);
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
@@ -354,11 +343,7 @@ TEST_F(ConversationTest, noOperationThrowsWhenMemoryRunsOut) {
     };
     std::unique_ptr<Message> sent;
     bool done = false; // whether the operation did what it is for
-    const struct {
-        const char* name;
-        std::function<void()> prepare;
-        std::function<void()> operation;
-    } cases[] = {
+    const std::tuple<const char*, std::function<void()>, std::function<void()>> cases[] = {
         {"constructor", [&] { handler.reset(counted()); },
          [&] {
              auto* const given = handler.release();
@@ -395,15 +380,15 @@ TEST_F(ConversationTest, noOperationThrowsWhenMemoryRunsOut) {
          [&] { done = Convey::pump(ScObjects::kProcessBoth); }},
         {"getAppName", [] {}, [&] { done = own.getAppName() == "own-1.0"; }},
     };
-    for (const auto& c : cases) {
+    for (const auto& [name, prepare, operation] : cases) {
         bool failed = true;
         for (int number = 0; failed; ++number) {
-            SCOPED_TRACE(std::string(c.name) + " " + std::to_string(number));
-            c.prepare();
+            SCOPED_TRACE(std::string(name) + " " + std::to_string(number));
+            prepare();
             done = false;
             {
                 const FailingAllocation failing(number);
-                EXPECT_NO_THROW(c.operation());
+                EXPECT_NO_THROW(operation());
                 failed = FailingAllocation::hasFailed();
             }
             EXPECT_TRUE(failed || done);

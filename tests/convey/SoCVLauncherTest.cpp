@@ -1,11 +1,8 @@
-#include <gmock/gmock.h>
-#include <thread>
 
+#include "scriptobjects/convey/SoCVLauncher.h"
 #include "platform/fake/Fakes.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVLaunchParameters.h"
-#include "scriptobjects/convey/SoCVLauncher.h"
-#include "scriptobjects/convey/SoCVSpecifier.h"
 #include "tests/support/Peers.h"
 #include "tests/support/TableConnector.h"
 

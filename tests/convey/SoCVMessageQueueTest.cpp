@@ -1,12 +1,6 @@
-#include <algorithm>
 #include <chrono>
 #include <ctime>
-#include <functional>
 #include <future>
-#include <gtest/gtest.h>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "limits/Limits.h"
 #include "platform/fake/Fakes.h"

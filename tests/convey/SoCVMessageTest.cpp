@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <random>
 
 #include "tests/convey/MessageFixture.h"

@@ -1,8 +1,5 @@
 #include <cstdlib>
-#include <gmock/gmock.h>
-#include <memory>
 #include <optional>
-#include <thread>
 
 #include "limits/Limits.h"
 #include "platform/fake/Fakes.h"

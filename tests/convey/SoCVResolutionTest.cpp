@@ -1,7 +1,5 @@
 #include "scriptobjects/convey/SoCVResolution.h"
 
-#include <gtest/gtest.h>
-#include <map>
 #include <mutex>
 
 #include "platform/fake/Fakes.h"

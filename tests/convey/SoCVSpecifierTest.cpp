@@ -1,6 +1,5 @@
 #include "scriptobjects/convey/SoCVSpecifier.h"
 
-#include <gtest/gtest.h>
 #include <random>
 
 #include "platform/fake/Fakes.h"
@@ -92,11 +91,7 @@ TEST_F(SpecifierTest, isCompletedFromTheRegistry) {
                               "multi-1.0-de_de", "multi-1.0-en_us", "multi-1.0", "multi-2.0-fr_fr",
                               "bare", "Caps-3.0", "own-1.0", "late-1.0", "late-1.0-en_us"});
     ASSERT_TRUE(layer.started);
-    const struct {
-        const char* text;
-        const char* expected;
-        const char* why;
-    } cases[] = {
+    const std::tuple<const char*, const char*, const char*> cases[] = {
         {"App-10", "app-10.5-en_us", "the last of the highest within the major version"},
         {"App-10#S", "app-10.5-en_us#s", "the suffix stays"},
         {"app_7-10", "app_7-10.5-en_us", "the instance stays"},
@@ -116,9 +111,9 @@ TEST_F(SpecifierTest, isCompletedFromTheRegistry) {
         {"NoSuch_1-2#X", "nosuch_1-2#x", "unknown names are only lower-cased"},
         {"own", "own-1.0", "the caller's own application runs"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.text << ": " << c.why);
-        EXPECT_EQ(fixedUp(c.text), c.expected);
+    for (const auto& [text, expected, why] : cases) {
+        SCOPED_TRACE(testing::Message() << text << ": " << why);
+        EXPECT_EQ(fixedUp(text), expected);
     }
     locale.text = "de_DE";
     EXPECT_EQ(fixedUp("multi-1.0"), "multi-1.0-de_de");
@@ -129,12 +124,7 @@ TEST_F(SpecifierTest, isCompletedFromTheRegistry) {
 TEST_F(SpecifierTest, choosesRegisteredVersionsAndLocales) {
     const StartedLayer layer("own-1.0", {"app-8.0-en_us", "app-9.0-en_us", "app-9.5-en_us",
                                          "app-10.0-en_us", "app-9.2-de_de", "all-2.0"});
-    const struct {
-        const char* text;
-        const char* version;
-        bool found;
-        const char* expected;
-    } cases[] = {
+    const std::tuple<const char*, const char*, bool, const char*> cases[] = {
         {"app", "-9", true, "app-9.0-en_us"},
         {"app#s", "-9.99", true, "app-9.5-en_us#s"},
         {"app_3", "8", true, "app_3-8.0-en_us"},
@@ -145,11 +135,11 @@ TEST_F(SpecifierTest, choosesRegisteredVersionsAndLocales) {
         {"all-1.0-fr_fr", "2", true, "all-2.0"},
         {"other", "-9", false, "other"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.text << " to " << c.version);
-        Specifier specifier(c.text, false);
-        EXPECT_EQ(specifier.setVersion(c.version), c.found);
-        EXPECT_STREQ(specifier.c_str(), c.expected);
+    for (const auto& [text, version, found, expected] : cases) {
+        SCOPED_TRACE(testing::Message() << text << " to " << version);
+        Specifier specifier(text, false);
+        EXPECT_EQ(specifier.setVersion(version), found);
+        EXPECT_STREQ(specifier.c_str(), expected);
     }
     Specifier specifier("app-9.2#s", false);
     EXPECT_FALSE(specifier.setLocale("fr_fr"));

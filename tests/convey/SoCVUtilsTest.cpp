@@ -1,4 +1,3 @@
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <thread>
 
@@ -216,26 +215,23 @@ TEST(Utils, findsTheNextInstanceThatIsNotThere) {
 }
 
 TEST(Utils, splitsOptionsAtEveryMark) {
-    const struct {
-        const char* text;
-        std::vector<std::string> words;
-    } cases[] = {
+    const std::pair<const char*, std::vector<std::string>> cases[] = {
         {"", {}},
         {" =;\"':", {}},
         {"a=b; c:'d e'", {"a", "b", "c", "d", "e"}},
         {"-specifier kivra-7.0 -nostartupscreen", {"-specifier", "kivra-7.0", "-nostartupscreen"}},
         {"a\tb\nc", {"a\tb\nc"}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.text);
+    for (const auto& [text, expected] : cases) {
+        SCOPED_TRACE(text);
         ScObjects::SoVector<SoString> words;
-        EXPECT_EQ(Utils::parseOptions(c.text, words), static_cast<int32_t>(c.words.size()));
+        EXPECT_EQ(Utils::parseOptions(text, words), static_cast<int32_t>(expected.size()));
         std::vector<std::string> found;
         while (words.count() > 0) {
             const std::unique_ptr<SoString> word(words.removeAt(0));
             found.emplace_back(word->c_str());
         }
-        EXPECT_EQ(found, c.words);
+        EXPECT_EQ(found, expected);
     }
 }
 
