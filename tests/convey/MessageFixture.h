@@ -3,8 +3,8 @@
 #include <cstdlib>
 
 #include "platform/fake/Fakes.h"
-#include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVUtils.h"
+#include "tests/support/Peers.h"
 
 // A second, a process and a home folder of the test's own.
 class MessageTest : public testing::Test {
@@ -14,23 +14,23 @@ protected:
         clock.utc = 1'700'000'000'000;
         files.files["/home/user/.ovrel/md5"] = "SALT";
         ScObjects::ConveyUtils::exit(); // what another test had is forgotten
-        ScObjects::Convey::Message::setCreateDigest(false);
+        Message::setCreateDigest(false);
     }
 
-    static ScObjects::Convey::Message message(const char* body = "") {
-        ScObjects::Convey::Message message;
+    static Message message(const char* body = "") {
+        Message message;
         message.setTarget("kivra-7.0");
         message.setSender("lumen-2.0");
-        message.setBody(ScObjects::SoString(body));
+        message.setBody(SoString(body));
         return message;
     }
-    static std::string written(const ScObjects::Convey::Message& message) {
-        ScObjects::SoString text;
+    static std::string written(const Message& message) {
+        SoString text;
         EXPECT_TRUE(message.writeToString(text));
         return text.c_str();
     }
-    static std::vector<std::string> headersOf(const ScObjects::Convey::Message& message) {
-        std::vector<std::string> headers;
+    static Strings headersOf(const Message& message) {
+        Strings headers;
         for (auto* header = message.getHeaders(); header != nullptr; header = header->next) {
             headers.push_back(std::string(header->name.view()) + "=" + header->value.c_str());
         }

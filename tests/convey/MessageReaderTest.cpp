@@ -4,9 +4,6 @@
 
 namespace {
 
-using ScObjects::Convey;
-using ScObjects::SoString;
-using Message = Convey::Message;
 using MessageReaderTest = MessageTest;
 
 TEST_F(MessageReaderTest, aLargeBodyTakesOverItsText) {
