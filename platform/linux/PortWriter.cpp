@@ -18,7 +18,7 @@ constexpr size_t kSmallestPartBytes = 4096;
 constexpr size_t kJoinedBytes = 1024;
 constexpr size_t kSealStepBytes = 65'536; // a tenth of a millisecond
 // While the system is short of memory there is nothing to wait for but time.
-constexpr auto kPause = std::chrono::milliseconds(1);
+constexpr auto kMemoryPause = std::chrono::milliseconds(1);
 
 // The ways in which a socket tells that nobody reads at its other end.
 bool isGone(int error) {
@@ -103,7 +103,7 @@ PortWriter::Outcome PortWriter::sendPacket(const PortPacket* header, std::string
             return Outcome::timedOut;
         }
         if (outOfMemory) {
-            std::this_thread::sleep_for(kPause);
+            std::this_thread::sleep_for(kMemoryPause);
         } else {
             pollfd writable = {socket_, POLLOUT, 0};
             (void)poll(&writable, 1, deadline.leftMilliseconds());
