@@ -10,6 +10,7 @@
 
 #include "limits/Limits.h"
 #include "scriptobjects/convey/SoCVMessage.h"
+#include "scriptobjects/convey/SoCVMessageLines.h"
 #include "scriptobjects/convey/SoCVUtils.h"
 #include "scriptobjects/core/SoString.h"
 
@@ -35,6 +36,7 @@ struct Convey::Message::ReadState {
     SoString* owner = nullptr;      // of the text, which may be used up; null for none
     SoString* rest = nullptr;       // the second piece of the text; null for none
     Part part = Part::headers;
+    ConveyData::LineKind kind = ConveyData::LineKind::user; // of the line that is taken
     const char* searched = nullptr; // as far as this line was; null at its beginning
     const char* nameEnd = nullptr;  // of this line, when it is known
     char* copy = nullptr;           // where the rest of a value goes that takes several steps
@@ -71,16 +73,34 @@ struct Convey::Message::ReadState {
         }
     }
 
-    // The ends of the name and the value of a line all of which is near, as it is of most.
-    bool findNearLine(const char*& endOfName, const char*& endOfValue) const {
-        const size_t most = std::min(static_cast<size_t>(known - position), kNearBytes);
-        endOfValue = static_cast<const char*>(std::memchr(position, '\n', most));
-        if (endOfValue == nullptr) {
+    // The kind of a line all of which is near, as it is of most, and the ends of its name and
+    // value.
+    bool findNearLine(const char*& endOfName, const char*& endOfValue) {
+        if (position == known && !lookOn()) {
             return false;
         }
-        const auto length = static_cast<size_t>(endOfValue - position);
-        endOfName = static_cast<const char*>(std::memchr(position, ':', length));
-        return endOfName != nullptr;
+        const size_t most = std::min(static_cast<size_t>(known - position), kNearBytes);
+        const auto find = [&](const char* from, const char* to, char mark) {
+            return static_cast<const char*>(
+                std::memchr(from, mark, static_cast<size_t>(to - from)));
+        };
+        const bool isSure = most >= ConveyData::LineKinds::kReadBytes;
+        if (isSure) {
+            size_t nameBytes = 0;
+            kind = ConveyData::kLineKinds.at(position, nameBytes);
+            if (kind != ConveyData::LineKind::user) {
+                endOfName = position + nameBytes;
+                return (endOfValue = find(endOfName, position + most, '\n')) != nullptr;
+            }
+        }
+        if ((endOfValue = find(position, position + most, '\n')) == nullptr ||
+            (endOfName = find(position, endOfValue, ':')) == nullptr) {
+            return false;
+        }
+        if (!isSure) {
+            kind = ConveyData::kLineKinds.of({position, endOfName});
+        }
+        return true;
     }
 
     // The same of any line; false when they are not within `bytes`. What has no colon reaches for

@@ -1,12 +1,12 @@
 // The text form of messages: reading it, in as many steps as a reader likes.
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <utility>
 
 #include "limits/Limits.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVMessageFormat.h"
+#include "scriptobjects/convey/SoCVMessageLines.h"
 #include "scriptobjects/convey/SoCVMessageReadState.h"
 #include "scriptobjects/convey/SoCVUtils.h"
 #include "scriptobjects/core/SoNumber.h"
@@ -19,7 +19,6 @@ using namespace ConveyData;
 
 // What the oldest format's version line becomes, so that it passes for no newer one.
 constexpr const char* kOldVersionPrefix = "@CV>";
-constexpr const char* kOldVersionName = "Version";
 constexpr std::string_view kNotChecked = CV_DIGEST_NOT_CHECKED;
 // Compared with a lower-case word, which no system type is.
 constexpr std::string_view kTypeWithoutReplyTyping = "debug";
@@ -35,80 +34,6 @@ constexpr size_t kMovedBodyBytes = 65536;
 
 // Up to so many headers, looking at each costs less than an index of their names.
 constexpr int32_t kSearchedHeaders = 16;
-
-// The lines that mean something to the reader; all others are user headers.
-enum class LineKind : uint8_t {
-    user,
-    sender,
-    target,
-    type,
-    responseRequest,
-    timeout,
-    timestamp,
-    contentLength,
-    serialNumber,
-    received,
-    result,
-    error,
-    oldVersion,
-    version,
-    life,
-    digest,
-    md5,
-};
-
-// Their kinds by their names. Length and first character tell them apart, so that a name is
-// compared with one of them at most.
-class LineKinds {
-public:
-    constexpr LineKinds() {
-        add(CV_SENDER, LineKind::sender);
-        add(CV_TARGET, LineKind::target);
-        add(CV_TYPE, LineKind::type);
-        add(CV_RESPONSE_REQUEST, LineKind::responseRequest);
-        add(CV_TIMEOUT, LineKind::timeout);
-        add(CV_TIMESTAMP, LineKind::timestamp);
-        add(CV_CONTENT_LENGTH, LineKind::contentLength);
-        add(CV_SERIAL_NUMBER, LineKind::serialNumber);
-        add(CV_RECEIVED, LineKind::received);
-        add(CV_RESULT, LineKind::result);
-        add(CV_ERROR, LineKind::error);
-        add(kOldVersionName, LineKind::oldVersion);
-        add(CV_VERSION, LineKind::version);
-        add(CV_LIFE, LineKind::life);
-        add(CV_DIGEST, LineKind::digest);
-        add(CV_MD5, LineKind::md5);
-    }
-    LineKind of(std::string_view name) const {
-        if (name.empty()) {
-            return LineKind::user;
-        }
-        const Slot& slot = slots_[slotOf(name)];
-        return slot.name == name ? slot.kind : LineKind::user;
-    }
-    constexpr int count() const { return count_; }
-
-private:
-    struct Slot {
-        std::string_view name;
-        LineKind kind = LineKind::user;
-    };
-    static constexpr size_t kSlots = 32;
-
-    static constexpr size_t slotOf(std::string_view name) {
-        return (3 * name.size() + static_cast<unsigned char>(name.front())) % kSlots;
-    }
-    constexpr void add(std::string_view name, LineKind kind) {
-        Slot& slot = slots_[slotOf(name)];
-        count_ += slot.name.empty() ? 1 : 0;
-        slot = {name, kind};
-    }
-
-    std::array<Slot, kSlots> slots_;
-    int count_ = 0;
-};
-constexpr LineKinds kLineKinds;
-static_assert(kLineKinds.count() == static_cast<int>(LineKind::md5), "no two share a slot");
 
 } // namespace
 
@@ -143,6 +68,7 @@ bool Convey::Message::readHeadersLocked(ReadState& state, size_t bytes) {
         state.position = *valueEnd == '\0' ? valueEnd : valueEnd + 1;
         bytes -= std::min(
             bytes, std::min(ReadState::kStepBytes, static_cast<size_t>(state.position - line)));
+        state.kind = kLineKinds.of({line, nameEnd});
         // The position has moved on: what a digest covers begins behind its line.
         takeLineLocked(state, {line, nameEnd}, {value, valueEnd});
         if (!state.uncopied.empty() && !state.copyOn(bytes)) {
@@ -162,7 +88,7 @@ void Convey::Message::takeLineLocked(ReadState& state, std::string_view name,
         }
     };
     const auto number = [value] { return parseUnsigned32(value.substr(0, kMaximumNameBytes)); };
-    switch (kLineKinds.of(name)) {
+    switch (state.kind) {
     case LineKind::sender:
         return assign(sender_);
     case LineKind::target:

@@ -96,11 +96,12 @@ double parseNumber(std::string_view text) {
 }
 
 uint32_t parseUnsigned32(std::string_view text) {
-    // Most are a few digits and nothing else.
-    constexpr size_t kFewDigits = 9;
+    constexpr uint64_t kMaximum = std::numeric_limits<uint32_t>::max();
+    // Most are a few digits, perhaps behind a blank, and nothing else.
+    constexpr size_t kFewDigits = 18; // which 64 bits hold
     if (text.size() <= kFewDigits) {
-        uint32_t few = 0;
-        size_t read = 0;
+        uint64_t few = 0;
+        size_t read = !text.empty() && text.front() == ' ' ? 1 : 0;
         for (; read < text.size(); ++read) {
             const auto digit = static_cast<uint32_t>(static_cast<unsigned char>(text[read])) - '0';
             if (digit > 9) {
@@ -109,13 +110,12 @@ uint32_t parseUnsigned32(std::string_view text) {
             few = few * 10 + digit;
         }
         if (read == text.size()) {
-            return few;
+            return static_cast<uint32_t>(std::min(few, kMaximum));
         }
     }
     // Not strtoul, whose `unsigned long` is wider on some machines: a number in a message means the
     // same on all of them.
     const bool negative = takeSign(text);
-    constexpr uint64_t kMaximum = std::numeric_limits<uint32_t>::max();
     uint64_t value = 0;
     for (const char c : text) {
         if (c < '0' || c > '9') {

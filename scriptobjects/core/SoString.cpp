@@ -262,6 +262,12 @@ const char* SoString::assign(const char* text, int32_t length) {
 }
 
 const char* SoString::assign(std::string_view text) {
+    if (text.size() < kShortBytes) { // any buffer has that room
+        (void)std::char_traits<char>::move(data_, text.data(), text.size());
+        length_ = static_cast<int32_t>(text.size());
+        data_[text.size()] = '\0';
+        return data_;
+    }
     const int64_t bytes = lengthOf(text);
     if ((data_ == short_ ? kShortBytes : capacity_) <= bytes) {
         // A text that needs more room than the buffer has does not lie in it.
