@@ -5,6 +5,8 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -139,6 +141,22 @@ TEST_F(ProcessesTest, knowsWhatRuns) {
     EXPECT_THAT(processes().find(path), Not(Contains(number)));
     EXPECT_FALSE(processes().isRunning(0));
     EXPECT_TRUE(processes().isRunning(processes().ownNumber()));
+    // Also when it was asked for often, and in children that no handler of fork is called for.
+    for (int i = 0; i < 100; ++i) {
+        ASSERT_EQ(processes().ownNumber(), static_cast<uint32_t>(getpid()));
+    }
+    for (const bool bare : {false, true}) {
+        const auto born = bare ? static_cast<pid_t>(syscall(SYS_clone, SIGCHLD, nullptr, nullptr,
+                                                            nullptr, nullptr))
+                               : fork();
+        if (born == 0) {
+            const auto own = static_cast<uint32_t>(syscall(SYS_getpid));
+            _exit(processes().ownNumber() == own && processes().ownNumber() == own ? 0 : 1);
+        }
+        int status = -1;
+        ASSERT_EQ(waitpid(born, &status, 0), born);
+        EXPECT_EQ(status, 0) << (bare ? "by the bare system call" : "by fork");
+    }
 
     const pid_t ended = fork();
     if (ended == 0) {
