@@ -7,6 +7,8 @@
 #include <iterator>
 #include <memory>
 #include <string>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <vector>
 
 #include "bench/BareSocket.h"
@@ -97,6 +99,41 @@ void roundTrip(int times, bool built) {
             Convey::Message read;
             (void)read.readFromString(received.c_str());
         }
+    }
+}
+
+// A text to another process and one back, for each of which the other end waits in the system.
+void waited(int times) {
+    int ready[2];
+    if (pipe(ready) != 0) {
+        fail("pipe");
+    }
+    const pid_t process = fork();
+    if (process == -1) {
+        fail("fork");
+    }
+    const char* const name = process == 0 ? "there-1.0" : "here-1.0";
+    const char* const other = process == 0 ? "here-1.0" : "there-1.0";
+    InterAppStream stream(name);
+    char go = 0;
+    (void)!(process == 0 ? write(ready[1], &go, 1) : read(ready[0], &go, 1));
+    for (int i = 0; i < times; ++i) {
+        if (process != 0 && !stream.send(other, "question")) {
+            fail("send");
+        }
+        if (!stream.waitForMessage(5000, false) || stream.take() == nullptr) {
+            fail("wait");
+        }
+        if (process == 0 && !stream.send(other, "answer")) {
+            fail("send");
+        }
+    }
+    if (process == 0) {
+        _exit(0);
+    }
+    int status = -1;
+    if (waitpid(process, &status, 0) != process || status != 0) {
+        fail("the other end");
     }
 }
 
@@ -222,6 +259,8 @@ int main(int argc, char** argv) {
         read(times);
     } else if (operation == "carried") {
         roundTrip(times, false);
+    } else if (operation == "waited") {
+        waited(times);
     } else if (operation == "built" || operation == "built-with-digest") {
         roundTrip(times, true);
     } else if (operation == "request") {
@@ -235,7 +274,7 @@ int main(int argc, char** argv) {
         readHeavy(*kind, times);
     } else {
         fail("usage: counted_bench "
-             "queue|long-queue|rows|write|read|carried|built|built-with-digest|request|"
+             "queue|long-queue|rows|write|read|carried|waited|built|built-with-digest|request|"
              "received|NAME-OF-HEAVY-TEXT TIMES");
     }
     (void)Convey::InitTerm::exit();

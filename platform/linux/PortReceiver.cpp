@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include "limits/Limits.h"
@@ -38,6 +39,9 @@ constexpr int64_t kLongestSliceMilliseconds = limits::of("port.wait");
 constexpr auto kSpin = std::chrono::microseconds(60);
 constexpr int kFullSpinCredit = 8;
 constexpr int kSpinRest = -64;
+// After so many waits that found nothing at once the next ones, but for each eighth, do not look.
+constexpr uint32_t kWaitsWithLook = 2;
+constexpr uint32_t kWaitsWithoutLook = 8;
 
 bool hasSeveralProcessors() {
     static const bool several = [] {
@@ -330,9 +334,19 @@ bool PortReceiver::spin() {
 bool PortReceiver::wait(int64_t timeoutMilliseconds, bool soon) {
     {
         const std::lock_guard<std::mutex> guard(mutex_);
-        if (!ready_.empty() || readHot(kPacketsAtOnce)) {
+        if (!ready_.empty()) {
             return true;
         }
+        // Who waits for each text would find nothing here, for a fourth of what a wait costs;
+        // asking for all connections finds the same. Who has stopped looking looks from time to
+        // time, as texts may come faster than they are taken, and then it is done by the handful.
+        const bool looks = !std::exchange(isHotEmpty_, false) &&
+                           (soon || waits_ < kWaitsWithLook || waits_ % kWaitsWithoutLook == 0);
+        if (looks && readHot(kPacketsAtOnce)) {
+            waits_ = 0;
+            return true;
+        }
+        ++waits_;
     }
     if (soon && timeoutMilliseconds > 0 && spin()) {
         return true;

@@ -131,6 +131,8 @@ private:
     uint64_t accepted_ = 0; // connections, whatever became of them
     uint64_t hot_ = 0;      // the connection that brought the last text, looked at first
     uint32_t hotRuns_ = 0;
+    uint32_t waits_ = 0;      // since one found what had come before it
+    bool isHotEmpty_ = false; // as was seen when it was read last, and nobody has looked since
     int64_t listenAgain_ = 0; // when new connections are accepted again, while that is paused
     size_t announcedBytes_ = 0;
     std::unordered_map<int32_t, size_t> announcedBy_; // the same, of each process

@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <tuple>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include "limits/Limits.h"
@@ -46,7 +47,8 @@ bool PortReceiver::readHot(int packets) {
 // Draws what has arrived, within bounds; true when a text is ready.
 bool PortReceiver::fill() {
     partBytesRead_ = 0;
-    if (readHot(kPacketsAtOnce)) {
+    // Not just behind a look that found no more there: all are asked below.
+    if (!std::exchange(isHotEmpty_, false) && readHot(kPacketsAtOnce)) {
         return true;
     }
     resumeListening();
@@ -282,6 +284,7 @@ void PortReceiver::read(Connections::iterator connection, int packets) {
 }
 
 PortReceiver::Reading PortReceiver::readPackets(Connection& connection, int packets) {
+    isHotEmpty_ = false;
     for (; packets > 0 && connection.waiting == 0; --packets) {
         iovec place = {buffer_.get(), PortPacket::kHeaderBytes + PortPacket::kMaximumWholeBytes};
         if (connection.part.size() != 0 && !connection.wantsSeal()) {
@@ -296,7 +299,8 @@ PortReceiver::Reading PortReceiver::readPackets(Connection& connection, int pack
             if (errno == EINTR || errno == ECONNRESET) {
                 continue; // what was sent before the reset can still be read
             }
-            return errno == EAGAIN ? Reading::open : Reading::closed;
+            isHotEmpty_ = errno == EAGAIN;
+            return isHotEmpty_ ? Reading::open : Reading::closed;
         }
         // No room is given for descriptors, so the system has closed those that came.
         if ((message.msg_flags & MSG_CTRUNC) != 0) {
