@@ -199,8 +199,7 @@ void killedTarget(int rounds) {
         RunningProcess other({HOST, "kivra-7.0", "--quiet"});
         (void)other.readLine();
         start = Time::now();
-        other.signal(SIGKILL);
-        (void)other.finish();
+        (void)other.finish(SIGKILL);
         bare.push_back(1e3 * secondsSince(start));
     }
     row("told that a killed target has the request", median(told), "ms", median(bare),
@@ -276,8 +275,7 @@ void compareWholeProcesses(const TemporaryFolder& folder, int rounds) {
         RunningProcess host({HOST, "viewer-1.0", "--quiet"});
         (void)host.readLine();
         const double time = 1e3 * secondsSince(begin);
-        host.signal(SIGTERM);
-        (void)host.finish();
+        (void)host.finish(SIGTERM);
         return time;
     };
     const std::vector<std::string> nothing = {"/bin/true"};

@@ -66,8 +66,7 @@ Longest longest(const char* self, int kind, const char* to, int seconds) {
         result.busy = std::max(result.busy, millisecondsBehindMain(target.pid()) - before);
     }
     for (RunningProcess* process : {&neighbour, &target, &other}) {
-        process->signal(SIGKILL);
-        (void)process->finish();
+        (void)process->finish(SIGKILL);
     }
     return result;
 }

@@ -52,8 +52,7 @@ TEST_F(CheckRunningTest, saysWhatBecameOfTheTarget) {
     EXPECT_LT(taken, std::chrono::seconds(6));
     running->signal(SIGCONT);
     EXPECT_EQ(check("lumen-2.0-en_us"), "ECHO_RESPONSE");
-    running->signal(SIGTERM);
-    EXPECT_EQ(running->finish(), 0);
+    EXPECT_EQ(running->finish(SIGTERM), 0);
     EXPECT_EQ(check("lumen-2.0-en_us"), "ISNOTRUNNING");
 
     ASSERT_EQ(chmod(folder.file("convey").c_str(), 0755), 0);
@@ -106,8 +105,7 @@ TEST_F(CheckRunningTest, twoHundredToolsAtOnceEndAndLeaveNothing) {
     }
     EXPECT_GE(answered, count - count / 40) << "of " << count;
     EXPECT_EQ(check("lumen-2.0-en_us"), "ECHO_RESPONSE");
-    running->signal(SIGTERM);
-    EXPECT_EQ(running->finish(), 0);
+    EXPECT_EQ(running->finish(SIGTERM), 0);
     EXPECT_TRUE(std::filesystem::is_empty(folder.file("convey")));
     EXPECT_EQ(check("kivra-7.0"), "UNDEFINED") << "the names are free again";
 }
@@ -163,36 +161,6 @@ TEST_F(CheckRunningTest, pingsToAStoppedTargetKeepTheirTime) {
     }).join();
 }
 
-TEST_F(CheckRunningTest, applicationsAnswerEachOther) {
-    const auto running = host("lumen-2.0-en_us");
-    // What is asked, what the asker shows, what the host shows that is asked.
-    const std::tuple<const char*, const char*, const char*> cases[] = {
-        {"hello", "result: echo: hello\n", "asker-1.0 Tessaly: hello"},
-        {"two\nlines", "result: echo: two\nlines\n", "asker-1.0 Tessaly: two"}};
-    for (const auto& [body, expected, heard] : cases) {
-        const ProcessResult asked =
-            runProcess({HOST, "asker-1.0", "--ask", "lumen-2.0-en_us", body});
-        EXPECT_EQ(asked.exitStatus, 0) << asked.err;
-        EXPECT_THAT(asked.out, HasSubstr(expected));
-        EXPECT_EQ(running->readLine(), heard);
-    }
-    // Five at once, each with its own answer.
-    std::vector<std::unique_ptr<RunningProcess>> askers;
-    for (int i = 0; i < 5; ++i) {
-        const std::string number = std::to_string(i);
-        askers.push_back(std::make_unique<RunningProcess>(std::vector<std::string>{
-            HOST, "asker" + number + "-1.0", "--ask", "lumen-2.0-en_us", "question " + number}));
-    }
-    for (size_t i = 0; i < askers.size(); ++i) {
-        EXPECT_EQ(askers[i]->finish(), 0);
-        EXPECT_THAT(askers[i]->rest(),
-                    HasSubstr("result: echo: question " + std::to_string(i) + "\n"));
-    }
-    const ProcessResult nobody = runProcess({HOST, "asker-1.0", "--ask", "viewer-1.0", "hello"});
-    EXPECT_EQ(nobody.exitStatus, 1);
-    EXPECT_THAT(nobody.out, HasSubstr("no answer"));
-}
-
 // One thread pumps while another waits for its answers: each goes to its handler, before the wait
 // ends.
 TEST_F(CheckRunningTest, twoThreadsThatPumpDoNotTearAConversationApart) {
@@ -246,8 +214,7 @@ TEST_F(CheckRunningTest, aNameThatAnotherProgramTookFirstStaysWithIt) {
     // The other one can be reached by the name that it got; and by its own again, once it is free.
     EXPECT_EQ(runProcess({HOST, "kivra-7.0", "--ask", "lumen_1-2.0-en_us", "hello"}).out,
               "result: echo: hello\n");
-    squatter.signal(SIGTERM);
-    EXPECT_EQ(squatter.finish(), 0);
+    EXPECT_EQ(squatter.finish(SIGTERM), 0);
     const auto again = host("lumen-2.0-en_us");
     EXPECT_EQ(check("lumen-2.0-en_us"), "ECHO_RESPONSE");
 }
@@ -262,15 +229,12 @@ TEST_F(CheckRunningTest, aFloodedTargetAnswersOthers) {
     for (int i = 0; i < 5; ++i) {
         EXPECT_EQ(check("lumen-2.0-en_us"), "ECHO_RESPONSE") << i;
     }
-    pings.signal(SIGKILL);
-    EXPECT_EQ(pings.finish(), -1);
+    EXPECT_EQ(pings.finish(SIGKILL), -1);
     EXPECT_EQ(check("lumen-2.0-en_us"), "ECHO_RESPONSE");
     EXPECT_THAT(runProcess({HOST, "asker-1.0", "--ask", "lumen-2.0-en_us", "amid it all"}).out,
                 HasSubstr("result: echo: amid it all"));
-    flood.signal(SIGKILL);
-    EXPECT_EQ(flood.finish(), -1);
-    running->signal(SIGTERM);
-    EXPECT_EQ(running->finish(), 0);
+    EXPECT_EQ(flood.finish(SIGKILL), -1);
+    EXPECT_EQ(running->finish(SIGTERM), 0);
 }
 
 } // namespace

@@ -130,8 +130,7 @@ TEST_F(ConveyToolTest, endsAtOnceWhenItIsInterrupted) {
         };
         ASSERT_TRUE(eventually([&] { return ports() >= 3; }));
         const auto start = std::chrono::steady_clock::now();
-        running.signal(SIGINT);
-        EXPECT_EQ(running.finish(), 130);
+        EXPECT_EQ(running.finish(SIGINT), 130);
         // A tenth of a second on a machine with nothing else to do; half of the time-outs above.
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
         EXPECT_EQ(ports(), 0) << "it has given its ports back";
@@ -186,8 +185,7 @@ TEST_F(ConveyToolTest, examinesTheInstallation) {
     EXPECT_THAT(tool({"doctor", "sleeper"}).out,
                 HasSubstr("sleeper-3.0-en_us is stopped: process " + std::to_string(typed->pid())));
     typed->signal(SIGCONT);
-    typed->signal(SIGTERM);
-    EXPECT_EQ(typed->finish(), 0);
+    EXPECT_EQ(typed->finish(SIGTERM), 0);
     const std::string ports = folder.file("convey");
     std::filesystem::permissions(ports, std::filesystem::perms::all);
     says("is open to other users", "convey, or remove it");
@@ -367,8 +365,7 @@ TEST_F(ConveyToolTest, showsWhatWaitsAndRemovesWhatIsStale) {
             EXPECT_TRUE(port.contains("waitingBytes"));
         }
     }
-    lumen->signal(SIGKILL);
-    (void)lumen->finish();
+    (void)lumen->finish(SIGKILL);
     const ProcessResult seen = tool({"ports"});
     EXPECT_THAT(seen.out, testing::ContainsRegex("stale +[0-9?]+ +[0-9?]+ +lumen-2.5-en_us\n"));
     EXPECT_THAT(seen.err, HasSubstr("3 stale ports; --clean removes them"));

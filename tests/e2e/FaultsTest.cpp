@@ -1,7 +1,6 @@
 // What the system below takes away: disk, home, database, port folder.
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "scriptobjects/convey/SoConvey.h"
@@ -19,40 +18,21 @@ protected:
         add("kivra-7.0");
         add("lumen-2.0");
     }
-    // A command as on a disk on which no file can grow beyond so many blocks of 512 bytes.
-    static ProcessResult onAFullDisk(int blocks, std::vector<std::string> command,
-                                     const std::map<std::string, std::string>& environment = {}) {
-        std::vector<std::string> shell = {"/bin/sh", "-c",
-                                          "trap '' XFSZ; ulimit -f " + std::to_string(blocks) +
-                                              "; exec \"$0\" \"$@\""};
-        shell.insert(shell.end(), command.begin(), command.end());
-        return runProcess(shell, environment);
+    // A command as a shell runs it: "$@" in a script.
+    static ProcessResult inShell(const std::string& script, std::vector<std::string> command,
+                                 const std::map<std::string, std::string>& environment = {}) {
+        command.insert(command.begin(), {"/bin/bash", "-c", script, "bash"});
+        return runProcess(command, environment);
     }
-    // Runs a command with these as its standard output and error and takes them over; the status
-    // that a shell would see.
-    static int runOnto(int out, int err, std::vector<std::string> command,
-                       const char* home = nullptr) {
-        command.insert(command.begin(), {"/usr/bin/timeout", "-s", "KILL", "30"});
-        std::vector<char*> arguments;
-        for (std::string& word : command) {
-            arguments.push_back(word.data());
-        }
-        arguments.push_back(nullptr);
-        const pid_t pid = fork();
-        if (pid == 0) {
-            dup2(out, STDOUT_FILENO);
-            dup2(err, STDERR_FILENO);
-            if (home != nullptr) {
-                setenv("HOME", home, 1);
-            }
-            execv(arguments[0], arguments.data());
-            _exit(127);
-        }
-        close(out);
-        close(err);
-        int status = 0;
-        EXPECT_EQ(waitpid(pid, &status, 0), pid);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    // As on a disk on which no file can grow beyond so many blocks of 1024 bytes.
+    static ProcessResult onAFullDisk(int blocks, const std::vector<std::string>& command) {
+        return inShell("trap '' XFSZ; ulimit -f " + std::to_string(blocks) + "; exec \"$@\"",
+                       command);
+    }
+    static ProcessResult onto(const std::string& redirection,
+                              const std::vector<std::string>& command,
+                              const std::map<std::string, std::string>& environment = {}) {
+        return inShell("exec \"$@\" " + redirection, command, environment);
     }
     // A file of so many applications.
     std::string fillers(int count) const {
@@ -72,7 +52,6 @@ protected:
         command.insert(command.end(), words.begin(), words.end());
         return runProcess(command);
     }
-    static int openNull() { return open("/dev/null", O_WRONLY | O_CLOEXEC); }
     static std::string listing() {
         const ProcessResult result = runProcess({KIVRA_CONVEY_CMD});
         EXPECT_EQ(result.exitStatus, 0);
@@ -91,7 +70,7 @@ TEST_F(FaultsTest, aFullDiskLeavesTheDatabaseAsItWas) {
         {OVREL_CAPS_TOOL, folder.file("disk"), database, KIVRA_CONVEY_CMD, import});
     EXPECT_EQ(mounted.exitStatus, 1);
     EXPECT_THAT(mounted.err, HasSubstr("caps.db: "));
-    const ProcessResult full = onAFullDisk(100, {OVREL_CAPS_TOOL, "import", import});
+    const ProcessResult full = onAFullDisk(50, {OVREL_CAPS_TOOL, "import", import});
     EXPECT_NE(full.exitStatus, 0);
     EXPECT_EQ(full.signal, 0);
     EXPECT_THAT(full.err, HasSubstr("caps.db: "));
@@ -107,10 +86,10 @@ TEST_F(FaultsTest, onAFullDiskARegistryIsReadAsItStands) {
     const std::string before = listing();
     // 20 KB are left: too few for the file through which readers and writers agree.
     std::filesystem::remove(database + "-shm");
-    EXPECT_EQ(onAFullDisk(40, {KIVRA_CONVEY_CMD}).out, before);
-    EXPECT_THAT(onAFullDisk(40, {KIVRA_CONVEY_CMD, "check_running", "lumen-2.0"}).out,
+    EXPECT_EQ(onAFullDisk(20, {KIVRA_CONVEY_CMD}).out, before);
+    EXPECT_THAT(onAFullDisk(20, {KIVRA_CONVEY_CMD, "check_running", "lumen-2.0"}).out,
                 HasSubstr("'ISNOTRUNNING'"));
-    EXPECT_EQ(onAFullDisk(40, {OVREL_CAPS_TOOL, "list", "--json"}).exitStatus, 0);
+    EXPECT_EQ(onAFullDisk(20, {OVREL_CAPS_TOOL, "list", "--json"}).exitStatus, 0);
     std::filesystem::create_directory(folder.file("disk"));
     const ProcessResult full = inOwnMounts(
         "mount -t tmpfs -o size=1M none \"$1/disk\" && cp \"$1/caps.db\" \"$1/disk\" && "
@@ -166,11 +145,6 @@ TEST_F(FaultsTest, anAnswerIsWrittenOrTheStatusSaysThatItIsNot) {
         {CONVEY_PROGRAM, "--version"},
         {OVREL_CAPS_TOOL, "list"},
     };
-    const auto onto = [](const char* redirection, std::vector<std::string> command) {
-        command.insert(command.begin(),
-                       {"/bin/sh", "-c", std::string("exec \"$0\" \"$@\" ") + redirection});
-        return runProcess(command);
-    };
     for (const auto& command : commands) {
         const int lost = command[0] == CONVEY_PROGRAM ? 3 : 1;
         const bool forPrograms = command.front() == KIVRA_CONVEY_CMD;
@@ -184,15 +158,12 @@ TEST_F(FaultsTest, anAnswerIsWrittenOrTheStatusSaysThatItIsNot) {
         EXPECT_EQ(onto(">&- 2>&-", command).exitStatus, lost);
         EXPECT_EQ(onto("2>&- <&-", command).out, onto("2>/dev/null", command).out);
         int gone[2];
-        ASSERT_EQ(pipe2(gone, O_CLOEXEC), 0);
+        ASSERT_EQ(pipe(gone), 0);
         close(gone[0]);
-        const std::string said = folder.file("said");
-        EXPECT_EQ(runOnto(gone[1],
-                          open(said.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC, 0600),
-                          command),
-                  forPrograms ? lost : 0)
-            << "nobody reads";
-        EXPECT_EQ(TemporaryFolder::read(said), "");
+        const ProcessResult unread = onto(">&" + std::to_string(gone[1]), command);
+        close(gone[1]);
+        EXPECT_EQ(unread.exitStatus, forPrograms ? lost : 0) << "nobody reads";
+        EXPECT_EQ(unread.err, "");
     }
 }
 
@@ -201,8 +172,8 @@ TEST_F(FaultsTest, aReaderThatTakesItsTimeGetsAllOfAnAnswer) {
     for (const std::vector<std::string>& command :
          {std::vector<std::string>{KIVRA_CONVEY_CMD}, {CONVEY_PROGRAM, "list", "--json"}}) {
         int ends[2]; // a pipe whose owner made it non-blocking, as event loops do
-        ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-        ASSERT_EQ(fcntl(ends[1], F_SETFL, O_NONBLOCK), 0);
+        ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
+        ASSERT_EQ(fcntl(ends[0], F_SETFL, 0), 0);
         ASSERT_GT(fcntl(ends[1], F_SETPIPE_SZ, 4096), 0);
         std::string taken;
         std::thread reader([&] {
@@ -212,7 +183,8 @@ TEST_F(FaultsTest, aReaderThatTakesItsTimeGetsAllOfAnAnswer) {
                 std::this_thread::yield();
             }
         });
-        EXPECT_EQ(runOnto(ends[1], openNull(), command), 0);
+        EXPECT_EQ(onto(">&" + std::to_string(ends[1]), command).exitStatus, 0);
+        close(ends[1]);
         reader.join();
         close(ends[0]);
         EXPECT_EQ(taken, runProcess(command).out);
@@ -224,26 +196,25 @@ TEST_F(FaultsTest, aLineForStandardErrorHarmsNobody) {
     for (const bool full : {false, true}) {
         SCOPED_TRACE(full ? "a pipe that is full" : "a pipe without reader");
         int ends[2];
-        ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+        ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
         const std::vector<char> filling(65536, 'x');
         if (full) {
-            ASSERT_EQ(fcntl(ends[1], F_SETFL, O_NONBLOCK), 0);
             while (write(ends[1], filling.data(), filling.size()) > 0) {
             }
-            ASSERT_EQ(fcntl(ends[1], F_SETFL, 0), 0);
         } else {
             close(ends[0]);
         }
+        ASSERT_EQ(fcntl(ends[1], F_SETFL, 0), 0);
         std::filesystem::remove_all(folder.file("convey")); // nobody has said it
         RunningProcess host({HOST, "lumen-2.0"}, {{"HOME", "/proc"}}, ends[1]);
         ASSERT_EQ(host.readLine(), "running as lumen-2.0");
         const ProcessResult asked = runProcess({HOST, "asker-1.0", "--ask", "lumen", "hello"});
         EXPECT_EQ(asked.out, "result: echo: hello\n") << "the host had to say something";
-        EXPECT_EQ(runOnto(openNull(), dup(ends[1]),
-                          {KIVRA_CONVEY_CMD, "check_running", "lumen-2.0"}, "/proc"),
+        EXPECT_EQ(onto(">/dev/null 2>&" + std::to_string(ends[1]),
+                       {KIVRA_CONVEY_CMD, "check_running", "lumen-2.0"}, {{"HOME", "/proc"}})
+                      .exitStatus,
                   0);
-        host.signal(SIGTERM);
-        EXPECT_EQ(host.finish(), 0);
+        EXPECT_EQ(host.finish(SIGTERM), 0);
         close(ends[1]);
         if (full) {
             close(ends[0]);
@@ -397,8 +368,7 @@ TEST_F(FaultsTest, aPortFolderThatIsRemovedIsReportedAndMadeAgain) {
     std::this_thread::sleep_for(std::chrono::seconds(1));
     EXPECT_LT(ticks() - before, sysconf(_SC_CLK_TCK) / 4) << "of a second";
     EXPECT_THAT(running(), HasSubstr("ISNOTRUNNING"));
-    host->signal(SIGTERM);
-    EXPECT_EQ(host->finish(), 0);
+    EXPECT_EQ(host->finish(SIGTERM), 0);
     host = start();
     EXPECT_THAT(running(), HasSubstr("ECHO_RESPONSE")) << "recovered at the next start";
 }

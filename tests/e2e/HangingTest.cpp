@@ -150,8 +150,7 @@ TEST_F(HangingTest, saysFirstWhyAnApplicationHangs) {
     for (const char* name : {"held-1.0", "stuck-1.0", "never-1.0", "killed-1.0"}) {
         send(name, "what waits");
     }
-    running["killed-1.0"]->signal(SIGKILL);
-    (void)running["killed-1.0"]->finish();
+    (void)running["killed-1.0"]->finish(SIGKILL);
     const std::vector<std::string> names = {"calm-1.0",  "held-1.0",  "asking-1.0", "right-1.0",
                                             "three-1.0", "never-1.0", "stuck-1.0",  "killed-1.0",
                                             "far-1.0",   "alone-1.0"};

@@ -109,7 +109,7 @@ TEST_F(LaunchTest, opensWebAddresses) {
         runProcess({OVREL_CAPS_TOOL, "add-app", "gallery-1.0", "--set",
                     "ExecutableBasename=https://gallery.ovrel.example/app"});
     ASSERT_EQ(added.exitStatus, 0) << added.err;
-    setenv("PATH", (folder.file("bin") + ":/usr/bin:/bin").c_str(), 1);
+    setenv("PATH", ("/nonexistent::relative:" + folder.file("bin") + ":/usr/bin:/bin").c_str(), 1);
     RunningProcess launcher({HOST, "kivra-7.0", "--launch-behind", "gallery-1.0"});
     EXPECT_EQ(launcher.readLine(), "launched");
     const auto opened = [this](const std::string& sender) {

@@ -35,8 +35,7 @@ TEST_F(MonitorTest, monitorsAConversation) {
     monitor = std::make_unique<RunningProcess>(
         std::vector<std::string>{CONVEY_PROGRAM, "monitor", "lumen"});
     EXPECT_TRUE(eventually(isForwarding));
-    monitor->signal(SIGKILL);
-    (void)monitor->finish();
+    (void)monitor->finish(SIGKILL);
     EXPECT_TRUE(isForwarding());
     EXPECT_EQ(tool({"send", "lumen", "--body", "anything"}).exitStatus, 0);
     EXPECT_TRUE(eventually(isDone)) << "the target sees that nobody is there";
@@ -78,8 +77,7 @@ TEST_F(MonitorTest, monitorsErrorsAndSteps) {
         } while (event["text"] != "fail");
         EXPECT_EQ(event["event"],
                   std::string(option) == "--errors" ? "failed as asked" : "RECEIVE");
-        monitor.signal(SIGINT);
-        EXPECT_EQ(monitor.finish(), 130);
+        EXPECT_EQ(monitor.finish(SIGINT), 130);
     }
 }
 

@@ -21,22 +21,6 @@ protected:
     }
 };
 
-TEST_F(PortsTest, aMessageReachesAnotherProcess) {
-    const auto receiving = receiver("kivra-7.0", {"--count", "2"});
-    const ProcessResult sent = runProcess({SEND, "kivra-7.0", "--from", "lumen-2.0", "--type",
-                                           "greeting", "--count", "2", "good\nday"});
-    EXPECT_EQ(sent.exitStatus, 0) << sent.err;
-    EXPECT_EQ(sent.out, "delivered 2\n");
-    EXPECT_EQ(receiving->readLine(), "lumen-2.0 greeting 1: good");
-    EXPECT_EQ(receiving->readLine(), "day");
-    EXPECT_EQ(receiving->readLine(), "lumen-2.0 greeting 2: good");
-    EXPECT_EQ(receiving->finish(), 0);
-    const ProcessResult late = runProcess({SEND, "kivra-7.0", "x"});
-    EXPECT_EQ(late.exitStatus, 1);
-    EXPECT_THAT(late.err, HasSubstr("message 1 was not delivered"));
-    EXPECT_TRUE(std::filesystem::is_empty(folder.file("/convey")));
-}
-
 TEST_F(PortsTest, processesWithoutTheVariableMeetTheOthers) {
     // With a folder of the user's as a login makes it, in a view of the files that is theirs alone.
     // Who is not root there is the root of a user namespace that holds nobody else.
@@ -89,8 +73,7 @@ TEST_F(PortsTest, aStoppedReceiverHoldsItsSenderAndLosesNothing) {
     const long delivered = std::atol(sent.out.c_str() + sizeof "delivered");
     EXPECT_GT(delivered, 10);
     receiving->signal(SIGCONT);
-    receiving->signal(SIGTERM);
-    EXPECT_EQ(receiving->finish(), 0);
+    EXPECT_EQ(receiving->finish(SIGTERM), 0);
     // It may end before it has taken all of them, so ask a second one that is not told to end.
     const auto counting =
         receiver("stopped-1.0", {"--summary", "--count", std::to_string(delivered)});
@@ -99,8 +82,7 @@ TEST_F(PortsTest, aStoppedReceiverHoldsItsSenderAndLosesNothing) {
                           "3000", "--timeout", "200"})
                   .exitStatus,
               0);
-    counting->signal(SIGCONT);
-    EXPECT_EQ(counting->finish(), 0);
+    EXPECT_EQ(counting->finish(SIGCONT), 0);
     EXPECT_EQ(counting->rest(),
               std::to_string(delivered) + " messages of 1 senders, 0 out of order, 0 rejected\n");
 }
@@ -110,8 +92,7 @@ TEST_F(PortsTest, aReceiverKilledInMidMessageEndsItsSender) {
         const auto receiving = receiver("victim-1.0", {"--summary"});
         RunningProcess sender({SEND, "victim-1.0", "--count", "1000000", "--size", "3000000"});
         std::this_thread::sleep_for(std::chrono::milliseconds(10 * round));
-        receiving->signal(SIGKILL);
-        EXPECT_EQ(receiving->finish(), -1);
+        EXPECT_EQ(receiving->finish(SIGKILL), -1);
         EXPECT_EQ(sender.finish(), 1);
     }
 }

@@ -102,8 +102,7 @@ TEST_F(RepliesTest, anAskerThatHasDiedCostsItsTargetNothing) {
         const auto state = Convey::Thread::ping(kTarget, "DIAGNOSTICS", 30, nullptr);
         return state.view().find("Replies owed;1;") != std::string_view::npos;
     }));
-    other->signal(SIGKILL);
-    (void)other->finish();
+    (void)other->finish(SIGKILL);
     ask("keep");
     EXPECT_EQ(shown(asker.request(kTarget, "give").wait()), "0 0 answer");
     EXPECT_TRUE(hears({{kAnswered, 1}}));
@@ -129,8 +128,7 @@ TEST_F(RepliesTest, theCInterfaceAsksAndAnswers) {
         EXPECT_EQ(asking.out, expected) << asking.err;
         EXPECT_EQ(asking.exitStatus, 1);
     }
-    clock.signal(SIGTERM);
-    EXPECT_EQ(clock.finish(), 0);
+    EXPECT_EQ(clock.finish(SIGTERM), 0);
 }
 
 } // namespace

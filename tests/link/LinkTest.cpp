@@ -142,8 +142,7 @@ TEST_F(LinkTest, usesAnApplicationOfAnotherMachineLikeOneOfItsOwn) {
     EXPECT_EQ(answer(), "Timeout");
     target->signal(SIGCONT);
     ASSERT_TRUE(comesToAnswer("ECHO_RESPONSE"));
-    desk.link->signal(SIGTERM);
-    EXPECT_EQ(desk.link->finish(), 0);
+    EXPECT_EQ(desk.link->finish(SIGTERM), 0);
     EXPECT_EQ(run(desk, {KIVRA_CONVEY_CMD}).out, "<products>\n</products>\n");
 }
 
@@ -170,16 +169,14 @@ TEST_F(LinkTest, tellsAskersOfEachEndThatComesInBetween) {
     ASSERT_TRUE(comesToAnswer("ECHO_RESPONSE"));
 
     asker = asked("the link there dies");
-    workshop.link->signal(SIGKILL);
-    (void)workshop.link->finish();
+    (void)workshop.link->finish(SIGKILL);
     join(workshop);
     EXPECT_EQ(asker->readLine(), "error: ERROR: TARGET HAS ENDED");
     target->signal(SIGCONT);
     ASSERT_TRUE(comesToAnswer("ECHO_RESPONSE"));
 
     asker = asked("the server dies");
-    server->signal(SIGKILL);
-    (void)server->finish();
+    (void)server->finish(SIGKILL);
     target->signal(SIGCONT);
     EXPECT_EQ(answer(), "Timeout");
     startServer();
@@ -188,8 +185,7 @@ TEST_F(LinkTest, tellsAskersOfEachEndThatComesInBetween) {
     ASSERT_TRUE(comesToAnswer("ECHO_RESPONSE"));
 
     asker = asked("the link here dies");
-    desk.link->signal(SIGKILL);
-    (void)desk.link->finish();
+    (void)desk.link->finish(SIGKILL);
     EXPECT_EQ(asker->readLine(), "error: ERROR: TARGET HAS ENDED");
     EXPECT_EQ(answer(), "ISNOTRUNNING");
     join(desk);
@@ -276,13 +272,11 @@ TEST_F(LinkTest, keepsRequestsOnDiskForALinkThatIsAway) {
     ASSERT_TRUE(says("requests_kept", 0));
     send(count);
     ASSERT_TRUE(says("requests_kept", count));
-    server->signal(SIGKILL);
-    (void)server->finish();
+    (void)server->finish(SIGKILL);
     send(1); // lies with the link until there is a disk
     startServer();
     ASSERT_TRUE(says("requests_kept", count + 1));
-    desk.link->signal(SIGKILL);
-    (void)desk.link->finish();
+    (void)desk.link->finish(SIGKILL);
     join(desk);
     ASSERT_TRUE(says("requests_kept", 0));
     send(5);
@@ -316,8 +310,7 @@ TEST_F(LinkTest, keepsRequestsOnDiskForALinkThatIsAway) {
     const long before = sent;
     target->signal(SIGSTOP); // it takes what it has room for
     send(5);
-    workshop.link->signal(SIGKILL);
-    (void)workshop.link->finish();
+    (void)workshop.link->finish(SIGKILL);
     target->signal(SIGCONT);
     join(workshop);
     send(1);

@@ -159,14 +159,17 @@ std::string RunningProcess::readLine() {
 }
 
 void RunningProcess::signal(int number) const {
-    kill(pid_, number);
+    if (pid_ > 0) { // a number below that is of many
+        kill(pid_, number);
+    }
     if (number == SIGSTOP) {
         siginfo_t state;
         (void)waitid(P_PID, static_cast<id_t>(pid_), &state, WSTOPPED | WEXITED | WNOWAIT);
     }
 }
 
-int RunningProcess::finish() {
+int RunningProcess::finish(int number) {
+    signal(number);
     char block[4096];
     ssize_t bytes = 0;
     while ((bytes = read(out_, block, sizeof block)) > 0) {

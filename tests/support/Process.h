@@ -38,9 +38,10 @@ public:
     std::string readLine();
     // Returns after SIGSTOP when all of its threads have stopped: one may be answering just now.
     void signal(int number) const;
-    // Waits for its end: the exit status, or -1 when a signal ended it. Its output and errors, as
-    // far as they were not read, are in `rest` and on this process's standard error.
-    int finish();
+    // Waits for its end, after sending it a signal unless that is 0: the exit status, or -1 when a
+    // signal ended it. Its output and errors, as far as they were not read, are in `rest` and on
+    // this process's standard error.
+    int finish(int number = 0);
 
     int pid() const { return pid_; }
     const std::string& rest() const { return rest_; }
