@@ -456,4 +456,10 @@ public:
     }
 };
 
+// One of these, or of what a test derives from them, that is the service while it lives.
+template <class Service, class Fake>
+class InForce : public Fake {
+    const ScopedReplacement<Service> replacement_{*this};
+};
+
 } // namespace platform

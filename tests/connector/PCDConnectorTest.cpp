@@ -173,8 +173,7 @@ protected:
     }
 
     Library library;
-    platform::FakeFrameworks frameworks;
-    platform::ScopedReplacement<platform::Frameworks> replacement{frameworks};
+    platform::InForce<platform::Frameworks, platform::FakeFrameworks> frameworks;
 };
 
 TEST_F(PCDConnectorTest, readsEveryFieldOfARegistration) {
@@ -358,8 +357,7 @@ TEST_F(PCDConnectorTest, isEmptyOrAbsentWhateverTheLibraryLacks) {
 
 TEST_F(PCDConnectorTest, hasNoConfigurationsWithALibraryOfBeforeThem) {
     library.entries = {{"/ovrel/convey/aa", {{"Path", "/a/a"}}}};
-    platform::FakeLog log;
-    const platform::ScopedReplacement<platform::Log> logInForce{log};
+    platform::InForce<platform::Log, platform::FakeLog> log;
     const auto c = connector();
     EXPECT_STREQ(c->getConnectorConfig("").c_str(), "");
     EXPECT_FALSE(c->importFrom("<registry/>"));

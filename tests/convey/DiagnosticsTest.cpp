@@ -19,8 +19,7 @@ TEST(Diagnostics, agesAreOfOneMoment) {
     private:
         mutable std::atomic<int64_t> now_{5'000};
     };
-    Ticking clock;
-    const platform::ScopedReplacement<platform::Clock> clockInForce(clock);
+    platform::InForce<platform::Clock, Ticking> clock;
     using ScObjects::ConveyData::Occupations;
     Occupations occupations;
     const Convey::Message message;
@@ -79,36 +78,41 @@ TEST(Diagnostics, describeAWholeState) {
 /own-1.0/thread/ping;1;Ping;8;
 )";
     expected.replace(expected.find("PORTS"), 5, platform::MessagePorts::system().place());
-    const char* const restExpected = R"(/own-1.0/instances;1;Instances;2;
-/own-1.0/instances/own-1.0;1;Instance;own-1.0;
-/own-1.0/instances/own-1.0/stream;0;Stream;own-1.0;
-/own-1.0/instances/own-1.0/in;0;Incoming;0;
-/own-1.0/instances/own-1.0/out;0;Outgoing;0;
-/own-1.0/instances/own-1.0/handlers;0;Handlers;0;
-/own-1.0/instances/own-1.0/outofmemory;0;Texts dropped for want of memory;0;
-/own-1.0/instances/own-1.0/predecessor;0;Answers to a predecessor;0;
-/own-1.0/instances/own-1.0/rejected;0;REJECTED;0;
-/own-1.0/instances/own-1.0/handling;0;Handling;0;
-/own-1.0/instances/own-1.0/waiting;0;Waiting for replies;0;
-/own-1.0/instances/own-1.0/sending;0;Sending;0;
-/own-1.0/instances/own-1.0/pumped;0;Last pumped;undefined;
-/own-1.0/instances/own-1.0/oldestin;0;Oldest incoming;undefined;
-/own-1.0/instances/own-1.0/oldestout;0;Oldest outgoing;undefined;
-/own-1.0/instances/own-1.0/inbytes;0;Incoming bytes;0;
-/own-1.0/instances/own-1.0/full;0;Senders without room;0;
-/own-1.0/instances/own-1.0/counts;1;Messages so far;;
-/own-1.0/instances/own-1.0/counts/in;0;Messages in;0;
-/own-1.0/instances/own-1.0/counts/out;0;Messages out;1;
-/own-1.0/instances/own-1.0/counts/replies;0;Replies that came in;0;
-/own-1.0/instances/own-1.0/counts/errors;0;Errors among them;0;
-/own-1.0/instances/own-1.0/counts/timeouts;0;Time-outs among them;0;
-/own-1.0/instances/own-1.0/counts/told;0;Errors told;0;
-/own-1.0/instances/own-1.0/counts/dropped;0;Dropped;0;
-/own-1.0/instances/own-1.0/blocked;0;Targets that take nothing;0;
-/own-1.0/instances/own-1.0/types;0;Types with a handler;0;
-/own-1.0/instances/other-2.0;1;Instance;other-2.0;
-/own-1.0/instances/other-2.0/stream;0;Stream;other-2.0;
-/own-1.0/instances/other-2.0/in;1;Incoming;1;
+    using Texts = std::vector<std::string>;
+    const auto instance = [](const std::string& name, const std::string& incoming,
+                             const std::string& oldest, const std::string& in,
+                             const std::string& out) {
+        const std::string root = "\n/own-1.0/instances/" + name;
+        std::string rows = root + ";1;Instance;" + name + ";" + root + "/stream;0;Stream;" + name +
+                           ";" + root + "/in;" + incoming;
+        for (const std::string& row : Texts{"/out;0;Outgoing;0",
+                                            "/handlers;0;Handlers;0",
+                                            "/outofmemory;0;Texts dropped for want of memory;0",
+                                            "/predecessor;0;Answers to a predecessor;0",
+                                            "/rejected;0;REJECTED;0",
+                                            "/handling;0;Handling;0",
+                                            "/waiting;0;Waiting for replies;0",
+                                            "/sending;0;Sending;0",
+                                            "/pumped;0;Last pumped;undefined",
+                                            "/oldestin;0;Oldest incoming;" + oldest,
+                                            "/oldestout;0;Oldest outgoing;undefined",
+                                            "/inbytes;0;Incoming bytes;0",
+                                            "/full;0;Senders without room;0",
+                                            "/counts;1;Messages so far;",
+                                            "/counts/in;0;Messages in;" + in,
+                                            "/counts/out;0;Messages out;" + out,
+                                            "/counts/replies;0;Replies that came in;0",
+                                            "/counts/errors;0;Errors among them;0",
+                                            "/counts/timeouts;0;Time-outs among them;0",
+                                            "/counts/told;0;Errors told;0",
+                                            "/counts/dropped;0;Dropped;0",
+                                            "/blocked;0;Targets that take nothing;0",
+                                            "/types;0;Types with a handler;0"}) {
+            rows += root + row + ";";
+        }
+        return rows;
+    };
+    const std::string incoming = R"(1;Incoming;1;
 /own-1.0/instances/other-2.0/in/msg42;1;msg[00:16:40];00000042;
 /own-1.0/instances/other-2.0/in/msg42/version;0;@CV>Version;2.05;
 /own-1.0/instances/other-2.0/in/msg42/target;0;Target;other-2.0;
@@ -125,30 +129,10 @@ TEST(Diagnostics, describeAWholeState) {
 /own-1.0/instances/other-2.0/in/msg42/result;0;Result;undefined;
 /own-1.0/instances/other-2.0/in/msg42/error;0;Error;undefined;
 /own-1.0/instances/other-2.0/in/msg42/body;1;Body;7 bytes;
-/own-1.0/instances/other-2.0/in/msg42/body/text;0;Text;one
-/own-1.0/instances/other-2.0/out;0;Outgoing;0;
-/own-1.0/instances/other-2.0/handlers;0;Handlers;0;
-/own-1.0/instances/other-2.0/outofmemory;0;Texts dropped for want of memory;0;
-/own-1.0/instances/other-2.0/predecessor;0;Answers to a predecessor;0;
-/own-1.0/instances/other-2.0/rejected;0;REJECTED;0;
-/own-1.0/instances/other-2.0/handling;0;Handling;0;
-/own-1.0/instances/other-2.0/waiting;0;Waiting for replies;0;
-/own-1.0/instances/other-2.0/sending;0;Sending;0;
-/own-1.0/instances/other-2.0/pumped;0;Last pumped;undefined;
-/own-1.0/instances/other-2.0/oldestin;0;Oldest incoming;0s;
-/own-1.0/instances/other-2.0/oldestout;0;Oldest outgoing;undefined;
-/own-1.0/instances/other-2.0/inbytes;0;Incoming bytes;0;
-/own-1.0/instances/other-2.0/full;0;Senders without room;0;
-/own-1.0/instances/other-2.0/counts;1;Messages so far;;
-/own-1.0/instances/other-2.0/counts/in;0;Messages in;1;
-/own-1.0/instances/other-2.0/counts/out;0;Messages out;0;
-/own-1.0/instances/other-2.0/counts/replies;0;Replies that came in;0;
-/own-1.0/instances/other-2.0/counts/errors;0;Errors among them;0;
-/own-1.0/instances/other-2.0/counts/timeouts;0;Time-outs among them;0;
-/own-1.0/instances/other-2.0/counts/told;0;Errors told;0;
-/own-1.0/instances/other-2.0/counts/dropped;0;Dropped;0;
-/own-1.0/instances/other-2.0/blocked;0;Targets that take nothing;0;
-/own-1.0/instances/other-2.0/types;0;Types with a handler;0;
+/own-1.0/instances/other-2.0/in/msg42/body/text;0;Text;one)";
+    const std::string restExpected = "/own-1.0/instances;1;Instances;2;" +
+                                     instance("own-1.0", "0;Incoming;0;", "undefined", "0", "1") +
+                                     instance("other-2.0", incoming, "0s", "1", "0") + R"(
 /own-1.0/connector;1;Connector;table;
 /own-1.0/connector/name;0;Name;test;
 /own-1.0/connector/good;0;Readable;yes;

@@ -37,10 +37,7 @@ protected:
         return headers;
     }
 
-    platform::FakeClock clock;
-    platform::FakeProcesses processes;
-    platform::FakeFiles files;
-    platform::ScopedReplacement<platform::Clock> clockInForce{clock};
-    platform::ScopedReplacement<platform::Processes> processesInForce{processes};
-    platform::ScopedReplacement<platform::Files> filesInForce{files};
+    platform::InForce<platform::Clock, platform::FakeClock> clock;
+    platform::InForce<platform::Processes, platform::FakeProcesses> processes;
+    platform::InForce<platform::Files, platform::FakeFiles> files;
 };

@@ -53,12 +53,10 @@ TEST(Setup, takesTheParametersThatALauncherLeft) {
 }
 
 TEST(Setup, startsWithoutPortsHomeOrSpecifier) {
-    platform::FakeMessagePorts ports;
+    platform::InForce<platform::MessagePorts, platform::FakeMessagePorts> ports;
     ports.unusable = true;
-    const platform::ScopedReplacement<platform::MessagePorts> inForce(ports);
     setenv("HOME", "/nonexistent", 1);
-    platform::FakeLog log;
-    const platform::ScopedReplacement<platform::Log> logInForce(log);
+    platform::InForce<platform::Log, platform::FakeLog> log;
     EXPECT_FALSE(Convey::InitTerm::init("", true));
     EXPECT_EQ(Convey::getSharedContext(), nullptr);
     EXPECT_FALSE(Convey::InitTerm::exit()) << "nothing to stop";

@@ -284,8 +284,7 @@ TEST_F(ConversationTest, waitingInHandlersHasADepth) {
 }
 
 TEST_F(ConversationTest, aHandlerMayThrowAndMayNotEndTheLayer) {
-    platform::FakeLog log;
-    const platform::ScopedReplacement<platform::Log> logInForce(log);
+    platform::InForce<platform::Log, platform::FakeLog> log;
     bool ended = true;
     delete other.changeHandler(new Handler(
         [&](int, Message&, SoString*) -> int32_t {
@@ -315,22 +314,11 @@ TEST_F(ConversationTest, aHandlerMayThrowAndMayNotEndTheLayer) {
 // twice, and the operation works again when there is memory.
 TEST_F(ConversationTest, noOperationThrowsWhenMemoryRunsOut) {
     std::atomic<int> handlers{0};
-    class Counted : public Convey::MsgHandler {
-    public:
-        explicit Counted(std::atomic<int>& count) : count_(count) { ++count_; }
-        ~Counted() override { --count_; }
-        int32_t handleMessage(int, Message&, SoString*) override { return 0; }
-        SoString getMsgType() const override {
-            return "a type that does not fit into a small text";
-        }
-        void initialize(Convey*) override { ++initialized; }
-        int initialized = 0;
-
-    private:
-        std::atomic<int>& count_;
-    };
-    const auto counted = [&] { return new Counted(handlers); };
     const SoString type("a type that does not fit into a small text");
+    const auto counted = [&] {
+        return new Handler([](int, Message&, SoString*) { return 0; }, type.c_str(),
+                           Convey::kAnySerialNumber, &handlers);
+    };
     Message local = request(0, "Received Result Timeout Error", "Tessaly", "own-1.0");
     Message port = local;
     port.setTarget("third-3.0");

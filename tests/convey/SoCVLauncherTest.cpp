@@ -19,12 +19,9 @@ constexpr const char* kPending = "other-2.0#haslaunchparams";
 class LauncherTest : public testing::Test {
 protected:
     struct Fakes {
-        platform::FakeProcesses processes;
-        platform::FakeDesktop desktop;
-        platform::FakeFiles files;
-        platform::ScopedReplacement<platform::Processes> processesInForce{processes};
-        platform::ScopedReplacement<platform::Desktop> desktopInForce{desktop};
-        platform::ScopedReplacement<platform::Files> filesInForce{files};
+        platform::InForce<platform::Processes, platform::FakeProcesses> processes;
+        platform::InForce<platform::Desktop, platform::FakeDesktop> desktop;
+        platform::InForce<platform::Files, platform::FakeFiles> files;
     };
 
     LauncherTest() : own("own-1.0", nullptr, true, nullptr) {
@@ -86,8 +83,7 @@ TEST_F(LauncherTest, startsOpensOrRefuses) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.why);
-        platform::FakeProcesses processes;
-        const platform::ScopedReplacement<platform::Processes> inForce(processes);
+        platform::InForce<platform::Processes, platform::FakeProcesses> processes;
         processes.cannotStart = c.cannotStart;
         fakes.desktop.wishes.clear();
         uint32_t pid = 99;
@@ -169,20 +165,6 @@ TEST_F(LauncherTest, aBundleRunsOnce) {
     fakes.processes.running = {{6001, "/apps/program"}};
     EXPECT_TRUE(launch("/apps/program", nullptr, Launcher::kInFront, &pid));
     EXPECT_EQ(pid, 5002U) << "a program is no bundle";
-}
-
-TEST_F(LauncherTest, bringsWhatRunsToTheFront) {
-    fakes.processes.running[6000] = kPath;
-    Launcher::bringToFront(kPath, static_cast<Launcher::SearchHint>(2));
-    Launcher::bringToFront("/apps/gone", Launcher::kByBundlePath);
-    EXPECT_THAT(fakes.desktop.wishes, ElementsAre());
-    Launcher::bringToFront(kPath, Launcher::kByBundlePath);
-    EXPECT_THAT(fakes.desktop.wishes, ElementsAre("front 6000"));
-    fakes.processes.running[6001] = "/apps/other-2.0"; // where the registry says
-    EXPECT_TRUE(Convey::bringToFront("other", nullptr));
-    EXPECT_EQ(fakes.desktop.wishes.back(), "front 6001");
-    EXPECT_FALSE(Convey::bringToFront("nosuch", nullptr));
-    EXPECT_FALSE(Convey::bringToFront(nullptr, nullptr));
 }
 
 TEST_F(LauncherTest, theRegistryKnowsWhatItLaunched) {

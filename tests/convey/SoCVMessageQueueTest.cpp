@@ -44,8 +44,7 @@ protected:
     }
     void pass(int64_t seconds) { clock.pass(seconds * 1000); }
 
-    platform::FakeClock clock;
-    platform::ScopedReplacement<platform::Clock> clockInForce{clock};
+    platform::InForce<platform::Clock, platform::FakeClock> clock;
 };
 
 TEST_F(MessageQueueTest, refusesWhatCannotBeAnswered) {
@@ -165,8 +164,7 @@ TEST_F(MessageQueueTest, writesTheRowsOfItsMessages) {
     message->setHeader("long", ("\\" + std::string(4094, 'x') + "ä").c_str());
     ASSERT_TRUE(queue.append(message));
     ASSERT_TRUE(queue.append(make("", "Log")));
-    platform::FakeProcesses processes;
-    const platform::ScopedReplacement<platform::Processes> inForce(processes);
+    platform::InForce<platform::Processes, platform::FakeProcesses> processes;
     processes.number = 4294967295U;
     message->setTimestamp(86'400 + 3'723);
     SoString rows;
@@ -208,8 +206,7 @@ TEST_F(MessageQueueTest, givesItsOwnerATurnWhileItsRowsAreWritten) {
         message->setSerialNumber(i + 1);
         ASSERT_TRUE(queue.append(message));
     }
-    HookedProcesses processes;
-    const platform::ScopedReplacement<platform::Processes> inForce(processes);
+    platform::InForce<platform::Processes, HookedProcesses> processes;
     // In the middle of it another thread takes half of them, also the one that was shown last.
     std::future<void> owner;
     int shown = 0;

@@ -35,8 +35,7 @@ private:
 // Whatever an operation needs the answer for (completing, choosing by the caller's group, asking,
 // launching), each application is looked for once. A second look also costs the target a message.
 TEST(Resolution, looksForEachApplicationOnce) {
-    CountingPorts ports;
-    const platform::ScopedReplacement<platform::MessagePorts> inForce(ports);
+    platform::InForce<platform::MessagePorts, CountingPorts> ports;
     const StartedLayer layer(
         "own-1.0", {"own-1.0", "app-1.0", "app-2.0", "appbare", "appold-3.0", "appold-3.5"},
         {"g/1.0/appold-3.*"});

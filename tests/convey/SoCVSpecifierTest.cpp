@@ -17,8 +17,7 @@ protected:
         return Specifier(text.c_str(), true).c_str();
     }
 
-    platform::FakeLocale locale; // en_US
-    platform::ScopedReplacement<platform::Locale> replacement{locale};
+    platform::InForce<platform::Locale, platform::FakeLocale> locale; // en_US
 };
 
 TEST_F(SpecifierTest, findsItsParts) {

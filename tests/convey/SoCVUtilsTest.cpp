@@ -22,8 +22,7 @@ protected:
     std::string file(const char* name) const { return home.file(std::string("/.ovrel/") + name); }
 
     TemporaryFolder home;
-    platform::FakeLog log;
-    platform::ScopedReplacement<platform::Log> logInForce{log};
+    platform::InForce<platform::Log, platform::FakeLog> log;
 };
 
 TEST_F(HomeTest, identifiersAreMadeOnceAndKept) {
@@ -111,13 +110,11 @@ TEST_F(HomeTest, withoutAHomeThereIsNoIdentifierAndNoDigest) {
 }
 
 TEST_F(HomeTest, aFullDiskLeavesNothingBehind) {
-    platform::FakeFiles files;
+    platform::InForce<platform::Files, platform::FakeFiles> files;
     files.readOnly = true;
-    const platform::ScopedReplacement<platform::Files> inForce(files);
     EXPECT_EQ(Utils::getUserID(), "");
     files.readOnly = false;
-    platform::FakeRandom random;
-    const platform::ScopedReplacement<platform::Random> randomInForce(random);
+    platform::InForce<platform::Random, platform::FakeRandom> random;
     random.fails = true;
     EXPECT_EQ(Utils::getUserID(), "");
     random.fails = false;
@@ -204,8 +201,7 @@ TEST_F(HomeTest, walksATreeOnceWhateverItsLinks) {
 }
 
 TEST(Utils, findsTheNextInstanceThatIsNotThere) {
-    platform::FakeFiles files;
-    const platform::ScopedReplacement<platform::Files> inForce(files);
+    platform::InForce<platform::Files, platform::FakeFiles> files;
     const std::string folder = "/Library/Application Support/Ovrel/Launch/";
     EXPECT_EQ(Utils::getNextAppInstance("x"), "x");
     files.files[folder + "x"];

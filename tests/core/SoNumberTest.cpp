@@ -12,22 +12,27 @@ using ScObjects::parseUnsigned32;
 
 namespace {
 
-// The tests run in the "C" locale, in which the C library's own strtod is the model. What random
-// texts do not hit.
+// The tests run in the "C" locale, in which the C library's own strtod is the model: for what
+// random texts do not hit, and for these.
 TEST(SoNumber, readsWhatStrtodReadsInTheCLocale) {
-    const char* cases[] = {"inf",      "-INF",     "infinity",  "nan",
-                           "abc",      "1e400",    "-1e400",    "1e-400",
-                           "7,5",      "0x1p5000", "0x1p-5000", "99999999999999999999",
-                           "4.9e-324", "\t\n\v9"};
-    for (const char* text : cases) {
-        SCOPED_TRACE(text);
-        const double expected = std::strtod(text, nullptr);
-        const double actual = parseNumber(text);
-        if (std::isnan(expected)) {
-            EXPECT_TRUE(std::isnan(actual));
-        } else {
-            EXPECT_EQ(actual, expected);
+    const unsigned seed = std::random_device()();
+    SCOPED_TRACE(seed);
+    std::mt19937 random(seed);
+    const std::string alphabet = "0123456789..eEpP+-xa ";
+    std::vector<std::string> texts = {"inf",      "-INF",     "infinity",  "nan",
+                                      "abc",      "1e400",    "-1e400",    "1e-400",
+                                      "7,5",      "0x1p5000", "0x1p-5000", "99999999999999999999",
+                                      "4.9e-324", "\t\n\v9"};
+    for (int i = 0; i < 50'000; ++i) {
+        texts.emplace_back(i % 2 == 0 ? "" : "0x");
+        for (size_t n = random() % 12; n > 0; --n) {
+            texts.back() += alphabet[random() % alphabet.size()];
         }
+    }
+    for (const std::string& text : texts) {
+        const double expected = std::strtod(text.c_str(), nullptr);
+        const double actual = parseNumber(text.c_str());
+        ASSERT_TRUE(actual == expected || (std::isnan(actual) && std::isnan(expected))) << text;
     }
     EXPECT_EQ(parseNumber(nullptr), 0.0);
 }
@@ -48,21 +53,6 @@ TEST(SoNumber, weighsTheExponentAgainstThePlaceOfTheDigits) {
     for (const auto& [text, expected] : cases) {
         SCOPED_TRACE(text);
         EXPECT_EQ(parseNumber(text), expected);
-    }
-}
-
-TEST(SoNumber, agreesWithStrtodOnRandomTexts) {
-    const unsigned seed = std::random_device()();
-    SCOPED_TRACE(seed);
-    std::mt19937 random(seed);
-    const std::string alphabet = "0123456789..eEpP+-xa ";
-    for (int i = 0; i < 50'000; ++i) {
-        std::string text = i % 2 == 0 ? "" : "0x";
-        for (size_t n = random() % 12; n > 0; --n) {
-            text += alphabet[random() % alphabet.size()];
-        }
-        SCOPED_TRACE(text);
-        ASSERT_EQ(parseNumber(text.c_str()), std::strtod(text.c_str(), nullptr));
     }
 }
 

@@ -116,9 +116,8 @@ TEST(Thread, endsUnstartedWithItsObject) {
 }
 
 TEST(Thread, reportsThatItCouldNotBeCreated) {
-    platform::FakeThreads threads;
+    platform::InForce<platform::Threads, platform::FakeThreads> threads;
     threads.fails = true;
-    const platform::ScopedReplacement<platform::Threads> replacement(threads);
     Worker worker;
     EXPECT_EQ(worker.error(), 32);
     worker.begin();

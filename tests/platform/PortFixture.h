@@ -152,7 +152,6 @@ protected:
     }
 
     TemporaryFolder runtime;
-    platform::FakeLog log;
-    platform::ScopedReplacement<platform::Log> logInForce{log};
+    platform::InForce<platform::Log, platform::FakeLog> log;
     MessagePorts& ports = MessagePorts::own();
 };

@@ -63,8 +63,7 @@ protected:
     }
 
     TemporaryFolder folder;
-    platform::FakeLog log;
-    platform::ScopedReplacement<platform::Log> logInForce{log};
+    platform::InForce<platform::Log, platform::FakeLog> log;
     std::vector<uint32_t> started;
 };
 
@@ -338,20 +337,6 @@ TEST_F(ProcessesTest, startsDesktopEntries) {
     EXPECT_EQ(start(folder.write("hollow.desktop", "[Desktop Entry]\nType=Application\nName=x\n"
                                                    "Exec=/nonexistent/program\n")),
               0U);
-}
-
-TEST_F(ProcessesTest, looksForProgramsOnThePath) {
-    (void)notingProgram("bin/opener", "printf '%s|' \"$@\"");
-    setenv("PATH",
-           (folder.file("gone") + "::relative:" + folder.file("bin") + ":/usr/bin:/bin").c_str(),
-           1);
-    EXPECT_TRUE(processes().startProgram("opener", {"https://a.example/?x=1&y=$(id)", "b c"}));
-    EXPECT_EQ(note(), "https://a.example/?x=1&y=$(id)|b c|");
-    for (const uint32_t number : processes().find(folder.file("bin/opener"))) {
-        started.push_back(number);
-    }
-    EXPECT_FALSE(processes().startProgram("no-such-opener", {}));
-    EXPECT_THAT(log.lines, testing::ElementsAre(HasSubstr("start no-such-opener: No such file")));
 }
 
 } // namespace

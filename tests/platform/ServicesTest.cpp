@@ -47,11 +47,6 @@ TEST(Locale, readsLanguageAndRegionFromTheFirstVariableThatIsSet) {
         EXPECT_EQ(found, *expected != '\0');
         EXPECT_EQ(identifier, found ? expected : "untouched");
     }
-    platform::FakeLocale fake;
-    fake.readable = false;
-    std::string identifier = "untouched";
-    EXPECT_FALSE(fake.identifier(identifier));
-    EXPECT_EQ(identifier, "untouched");
 }
 
 // The first of its kind: later there may be no line left that is written.

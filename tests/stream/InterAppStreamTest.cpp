@@ -19,8 +19,7 @@ protected:
         return Stream(ScObjects::ConveyUtils::createNextAvailableInterAppStream(name));
     }
 
-    platform::FakeMessagePorts ports;
-    platform::ScopedReplacement<platform::MessagePorts> inForce{ports};
+    platform::InForce<platform::MessagePorts, platform::FakeMessagePorts> ports;
 };
 
 TEST_F(InterAppStreamTest, takesTheFirstInstanceOfANameThatIsFree) {
