@@ -8,6 +8,7 @@
 #include <new>
 #include <string_view>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -80,6 +81,14 @@ private:
 constinit std::atomic<std::atomic<uint32_t>*> OwnNumber::kept_{nullptr};
 constinit std::atomic<uint32_t> OwnNumber::asked_{0};
 
+// What tells this process's root folder from others.
+std::string rootFolder() {
+    struct stat status {};
+    return stat("/", &status) == 0
+               ? std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino)
+               : "";
+}
+
 class LinuxProcesses final : public Processes {
 public:
     uint32_t ownNumber() const override { return OwnNumber::get(); }
@@ -113,11 +122,12 @@ public:
                                          : given);
         std::vector<uint32_t> found;
         for (const uint32_t number : ownProcesses()) {
-            const bool matches = isEntry
-                                     ? wasStarted(number, given, "GIO_LAUNCHED_DESKTOP_FILE",
-                                                  "GIO_LAUNCHED_DESKTOP_FILE_PID")
-                                     : program.isRunBy(number) ||
-                                           wasStarted(number, given, kStartedFrom, kStartedNumber);
+            const bool matches =
+                isEntry ? wasStarted(number, given, "GIO_LAUNCHED_DESKTOP_FILE",
+                                     "GIO_LAUNCHED_DESKTOP_FILE_PID")
+                        : program.isRunBy(number) ||
+                              (wasStarted(number, given, kStartedFrom, kStartedNumber) &&
+                               wasStartedInRoot(number, rootFolder()));
             // Asked at the end: one that has ended meanwhile must not be found.
             if ((matches || wasStartedHere(number, given)) && processStartTime(number) != 0) {
                 found.push_back(number);
@@ -173,6 +183,13 @@ private:
                startVariableOf(number, numberVariable) == std::to_string(number);
     }
 
+    // One in another root folder, as in a container, has another file at that path. It may have
+    // gone into one itself after its start, so it is not asked for its own.
+    static bool wasStartedInRoot(uint32_t number, const std::string& root) {
+        const std::string known = startVariableOf(number, kStartedRoot);
+        return known.empty() || known == root;
+    }
+
     static uint32_t startGiven(const std::string& path, bool behind, std::string& reason) {
         if (path.empty() || path.front() != '/') {
             reason = "the path is not absolute";
@@ -183,6 +200,7 @@ private:
             return startDesktopEntry(path, environment, reason);
         }
         environment.added.push_back(std::string(kStartedFrom) + "=" + path);
+        environment.added.push_back(std::string(kStartedRoot) + "=" + rootFolder());
         std::string remark;
         const std::string program =
             path.ends_with(kBundleExtension) ? programOfBundle(path, remark) : path;

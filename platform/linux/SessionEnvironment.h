@@ -7,6 +7,8 @@ namespace platform {
 
 // The variable that names the path from which a process was started.
 constexpr const char* kStartedFrom = "CONVEY_STARTED_FROM";
+// And the one that tells which files that path was about: the root folder of who started it.
+constexpr const char* kStartedRoot = "CONVEY_STARTED_ROOT";
 
 // What an application that this process starts changes in this process's environment: the names of
 // the variables that concern this process alone, and "NAME=value" of those that a desktop session

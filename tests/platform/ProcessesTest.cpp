@@ -251,12 +251,18 @@ TEST_F(ProcessesTest, onlyAProgramOfItsOwnMakesABundleRun) {
         std::vector<std::string> command;
         const char* bundle;
         bool runs;
+        const char* startedRoot = nullptr; // in which it was started from the bundle's path
     };
     const auto sees = [&](const Case& c) {
         const pid_t number = fork();
         if (number == 0) {
             (void)setsid(); // what a shell waits for ends with it
             (void)chdir(folder.file("Shell.app").c_str());
+            if (c.startedRoot != nullptr) {
+                (void)setenv("CONVEY_STARTED_FROM", folder.file(c.bundle).c_str(), 1);
+                (void)setenv("CONVEY_STARTED_PID", std::to_string(getpid()).c_str(), 1);
+                (void)setenv("CONVEY_STARTED_ROOT", c.startedRoot, 1);
+            }
             (void)dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
             std::vector<char*> words;
             for (const std::string& word : c.command) {
@@ -286,6 +292,9 @@ TEST_F(ProcessesTest, onlyAProgramOfItsOwnMakesABundleRun) {
         EXPECT_EQ(kill(-number, SIGKILL), 0);
     };
     const std::string tail = "/usr/bin/tail";
+    struct stat root {};
+    ASSERT_EQ(stat("/", &root), 0);
+    const std::string here = std::to_string(root.st_dev) + ":" + std::to_string(root.st_ino);
     const Case cases[] = {
         {"its program", {clock, "300"}, "Clock.app", true},
         {"a helper that lies beside it", {helper, "300"}, "Clock.app", false},
@@ -304,6 +313,8 @@ TEST_F(ProcessesTest, onlyAProgramOfItsOwnMakesABundleRun) {
          {"/bin/sh", "-c", "sleep 300; :", shell},
          "Shell.app",
          false},
+        {"what a script has become", {tail, "-f", notes}, "Shell.app", true, here.c_str()},
+        {"and one that a container has there", {tail, "-f", notes}, "Shell.app", false, "0:1"},
     };
     for (const Case& c : cases) {
         sees(c);
