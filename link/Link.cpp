@@ -130,7 +130,7 @@ void Link::takeEvents() {
     for (const Wire::Event& event : around_.wire.take()) {
         switch (event.kind) {
         case Wire::EventKind::frame:
-            takeFrame(event.link, event.text);
+            takeFrame(event.link, event.frame());
             break;
         case Wire::EventKind::absent:
             if (Peer* const peer = knownPeer(event.link)) {
@@ -210,7 +210,7 @@ void Link::takeClaim(const Frame& frame) {
     }
 }
 
-void Link::takeFrame(const std::string& from, const std::string& bytes) {
+void Link::takeFrame(const std::string& from, std::string_view bytes) {
     Frame frame;
     if (!decode(bytes, frame)) {
         around_.log("refused: bad frame from " + from);

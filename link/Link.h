@@ -91,7 +91,7 @@ private:
     int64_t work();
     void takeEvents();
     void connected(const std::string& server);
-    void takeFrame(const std::string& from, const std::string& bytes);
+    void takeFrame(const std::string& from, std::string_view bytes);
     void takeClaim(const Frame& frame);
     bool meet(Peer& peer, const Frame& frame);
     void takePresence(Peer& peer, const Frame& frame);

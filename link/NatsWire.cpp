@@ -350,7 +350,7 @@ private:
     void takeFrame(natsMsg* message, std::vector<Event>& out) {
         std::string from = lastToken(message);
         if (isName(from)) {
-            out.push_back({EventKind::frame, std::move(from), textOf(message)});
+            out.push_back({EventKind::frame, std::move(from), {}, 0, {}, bytesOf(message)});
         }
     }
     void takeClock(natsMsg* message, std::vector<Event>& out) {
@@ -371,9 +371,11 @@ private:
     static constexpr void (NatsConnection::*kTakers[])(natsMsg*, std::vector<Event>&) = {
         &NatsConnection::takeFrame, &NatsConnection::takeClock, &NatsConnection::takeStored};
 
-    static std::string textOf(natsMsg* message) {
+    // Kept by `done_` until what was taken has been answered.
+    static std::string_view bytesOf(natsMsg* message) {
         return {natsMsg_GetData(message), static_cast<size_t>(natsMsg_GetDataLength(message))};
     }
+    static std::string textOf(natsMsg* message) { return std::string(bytesOf(message)); }
 
     static void onConnected(natsConnection* connection, void* self) {
         char url[256] = "";

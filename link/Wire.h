@@ -19,7 +19,7 @@ namespace convey_link {
 class Wire {
 public:
     enum class EventKind {
-        frame,        // `text` from `link`
+        frame,        // `frame` from `link`
         absent,       // nobody listens for what was sent to `link`
         connected,    // to the server `text`; what was sent before may be lost
         disconnected, // `text` says why
@@ -35,6 +35,10 @@ public:
         std::string text;
         uint64_t number = 0;
         std::string reply = {};
+        // A frame that is not copied lies here, until the next `flush`.
+        std::string_view bytes = {};
+
+        std::string_view frame() const { return bytes.empty() ? text : bytes; }
     };
 
     virtual ~Wire() = default;
@@ -48,8 +52,8 @@ public:
     // The frame that was stored need not come again.
     virtual bool acknowledge(const std::string& reply);
     virtual bool askClock(const std::string& link);
-    // Sends what was said since the last call, all in one. Waits while the server takes nothing,
-    // for two seconds at most: then it counts as ended.
+    // Sends what was said since the last call, all in one, and lets what was taken go. Waits while
+    // the server takes nothing, for two seconds at most: then it counts as ended.
     virtual void flush() {}
     // What has happened since the last call, and has come from the server by now.
     virtual std::vector<Event> take() = 0;
