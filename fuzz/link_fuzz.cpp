@@ -49,8 +49,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Channel channel(2);
     std::vector<uint64_t> lost;
     (void)channel.meet(1, lost);
-    (void)channel.queue({MessageKind::request, "a-1.0", "b-1.0", 0, 0, Outcome::delivered}, "hello",
-                        INT64_MAX);
+    (void)channel.queue({MessageKind::request, "a-1.0", "b-1.0", 0, 0, Outcome::delivered},
+                        std::string("hello"), INT64_MAX);
     for (int64_t now = 0; input.size() >= 2; now += 100) {
         const size_t length = static_cast<unsigned char>(input[0]) |
                               static_cast<size_t>(static_cast<unsigned char>(input[1])) << 8;

@@ -6,7 +6,7 @@
 
 namespace convey_link {
 
-uint64_t Channel::queue(MessageHead head, std::string text, int64_t deadline) {
+uint64_t Channel::queue(MessageHead head, Travelling text, int64_t deadline) {
     const Flow flow(head.source, head.target);
     std::deque<Queued>& line = flows_[flow];
     if (line.empty()) {
@@ -14,7 +14,8 @@ uint64_t Channel::queue(MessageHead head, std::string text, int64_t deadline) {
     }
     queuedBytes_ += text.size();
     open_[++lastMessage_] = false;
-    line.push_back({lastMessage_, std::move(head), std::move(text), deadline});
+    line.push_back({lastMessage_, std::move(head),
+                    std::make_shared<const Travelling>(std::move(text)), deadline});
     return lastMessage_;
 }
 
@@ -79,7 +80,7 @@ void Channel::acknowledge(uint64_t upTo, int64_t now) {
     }
     size_t count = 0;
     while (!sent_.empty() && sent_.front().number <= upTo) {
-        sentBytes_ -= sent_.front().cargo.size();
+        sentBytes_ -= sent_.front().size();
         sent_.pop_front();
         ++count;
     }
@@ -181,16 +182,22 @@ void Channel::takePart(const Part& part, int64_t now, Arrivals& out) {
 std::string Channel::around(const Sent& sent) {
     acknowledgeAt_ = INT64_MAX;
     unacknowledgedBytes_ = 0;
-    return encodeAround(sent.cargo, ownLife_, otherLife_, sent.number, arrived_);
+    std::string frame =
+        encodeAround(sent.cargo, ownLife_, otherLife_, sent.number, arrived_, sent.bytes);
+    if (sent.text != nullptr) {
+        sent.text->append(frame, sent.place, sent.bytes);
+    }
+    return frame;
 }
 
-std::string Channel::number(std::string cargo, int64_t now) {
+std::string Channel::number(Sent sent, int64_t now) {
     if (sent_.empty()) {
         repeatAfter_ = bounds::kRepeatMilliseconds;
         repeatAt_ = now + repeatAfter_;
     }
-    sentBytes_ += cargo.size();
-    sent_.push_back({++lastNumber_, std::move(cargo)});
+    sent.number = ++lastNumber_;
+    sentBytes_ += sent.size();
+    sent_.push_back(std::move(sent));
     return around(sent_.back());
 }
 
@@ -203,7 +210,7 @@ std::string Channel::nextPart(int64_t now, size_t partBytes, std::vector<uint64_
         while (!line.empty() && line.front().sent == 0 && line.front().deadline <= now) {
             expired.push_back(line.front().message);
             open_.erase(line.front().message);
-            queuedBytes_ -= line.front().text.size();
+            queuedBytes_ -= line.front().text->size();
             line.pop_front();
         }
         if (line.empty()) {
@@ -214,7 +221,7 @@ std::string Channel::nextPart(int64_t now, size_t partBytes, std::vector<uint64_
         Frame frame;
         frame.cargo = CargoKind::part;
         frame.part.message = queued.message;
-        frame.part.total = queued.text.size();
+        frame.part.total = queued.text->size();
         frame.part.offset = queued.sent;
         if (queued.sent == 0) {
             frame.part.head = queued.head;
@@ -222,11 +229,11 @@ std::string Channel::nextPart(int64_t now, size_t partBytes, std::vector<uint64_
             frame.part.head->remainingMilliseconds =
                 queued.deadline == INT64_MAX ? -1 : queued.deadline - now;
         }
-        frame.part.bytes = std::string_view(queued.text).substr(queued.sent, partBytes);
-        std::string cargo = encodeCargo(frame);
-        queued.sent += frame.part.bytes.size();
-        queuedBytes_ -= frame.part.bytes.size();
-        if (queued.sent == queued.text.size()) {
+        const size_t bytes = std::min(partBytes, queued.text->size() - queued.sent);
+        Sent sent{0, encodeCargo(frame), queued.text, queued.sent, bytes};
+        queued.sent += bytes;
+        queuedBytes_ -= bytes;
+        if (queued.sent == queued.text->size()) {
             open_[queued.message] = true;
             line.pop_front();
         }
@@ -235,7 +242,7 @@ std::string Channel::nextPart(int64_t now, size_t partBytes, std::vector<uint64_
         } else {
             turns_.push_back(flow);
         }
-        return number(std::move(cargo), now);
+        return number(std::move(sent), now);
     }
     return {};
 }
@@ -281,14 +288,14 @@ std::string Channel::next(int64_t now, size_t partBytes, std::vector<uint64_t>& 
         frame.outcomes.assign(outcomes_.begin(), end);
         outcomes_.erase(outcomes_.begin(), end);
         tellAt_ = outcomes_.empty() ? INT64_MAX : now;
-        return number(encodeCargo(frame), now);
+        return number({0, encodeCargo(frame)}, now);
     }
     if (!launches_.empty()) {
         frame.cargo = CargoKind::launch;
         frame.app = std::move(launches_.front().app);
         frame.parameters = std::move(launches_.front().parameters);
         launches_.pop_front();
-        return number(encodeCargo(frame), now);
+        return number({0, encodeCargo(frame)}, now);
     }
     return nextPart(now, partBytes, expired);
 }
@@ -301,7 +308,7 @@ void Channel::expire(int64_t now, std::vector<uint64_t>& expired) {
             }
             expired.push_back(queued.message);
             open_.erase(queued.message);
-            queuedBytes_ -= queued.text.size();
+            queuedBytes_ -= queued.text->size();
             return true;
         });
     }

@@ -5,12 +5,14 @@
 #include <functional>
 #include <list>
 #include <map>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
 #include "link/Frame.h"
+#include "link/Text.h"
 
 namespace convey_link {
 
@@ -48,7 +50,7 @@ public:
     explicit Channel(uint64_t ownLife) : ownLife_(ownLife) {}
 
     // Queues a message behind those of the same pair; its number.
-    uint64_t queue(MessageHead head, std::string text, int64_t deadline);
+    uint64_t queue(MessageHead head, Travelling text, int64_t deadline);
     // A number for a message that goes another way, and whose end the other link tells here; until
     // it is given up.
     uint64_t reserve();
@@ -86,13 +88,19 @@ private:
     struct Queued {
         uint64_t message;
         MessageHead head;
-        std::string text;
+        std::shared_ptr<const Travelling> text;
         int64_t deadline;
         size_t sent = 0; // bytes of it, in numbered cargo
     };
+    // A part of a text stays in the text until it is acknowledged.
     struct Sent {
         uint64_t number;
         std::string cargo;
+        std::shared_ptr<const Travelling> text = nullptr;
+        size_t place = 0;
+        size_t bytes = 0;
+
+        size_t size() const { return cargo.size() + bytes; }
     };
     struct Half {
         MessageHead head;
@@ -101,7 +109,7 @@ private:
     };
     using Flow = std::pair<std::string, std::string>; // source and target
 
-    std::string number(std::string cargo, int64_t now);
+    std::string number(Sent sent, int64_t now);
     std::string around(const Sent& sent);
     std::string nextPart(int64_t now, size_t partBytes, std::vector<uint64_t>& expired);
     void acknowledge(uint64_t upTo, int64_t now);

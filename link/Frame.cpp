@@ -165,9 +165,9 @@ std::string encodeCargo(const Frame& frame) {
 }
 
 std::string encodeAround(std::string_view cargo, uint64_t senderLife, uint64_t receiverLife,
-                         uint64_t number, uint64_t acknowledged) {
+                         uint64_t number, uint64_t acknowledged, size_t more) {
     Writer out;
-    out.reserve(cargo.size() + 64);
+    out.reserve(cargo.size() + more + 64);
     out.bytes(kMark).number(static_cast<uint8_t>(FrameKind::cargo));
     out.number(senderLife).number(receiverLife);
     return out.number(number).number(acknowledged).bytes(cargo).take();

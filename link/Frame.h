@@ -86,10 +86,10 @@ struct Frame {
 
 std::string encode(const Frame& frame);
 // A cargo in two steps, since it may be sent again with other acknowledgements: its body, and the
-// frame around it.
+// frame around it, with room for `more` bytes of its part, which may be appended to it.
 std::string encodeCargo(const Frame& frame);
 std::string encodeAround(std::string_view cargo, uint64_t senderLife, uint64_t receiverLife,
-                         uint64_t number, uint64_t acknowledged);
+                         uint64_t number, uint64_t acknowledged, size_t more = 0);
 // False, and `out` is not to be used, for what is no frame. The views point into `bytes`.
 [[nodiscard]] bool decode(std::string_view bytes, Frame& out);
 

@@ -123,12 +123,15 @@ private:
 
     // LinkMessages.cpp: texts.
     void takeTexts();
-    bool takeFrom(Port& port, const std::function<void(Text&)>& handle);
-    void requestTaken(Used& used, Text& message);
+    // What handles a text may take over the block that its body alone lies in; null for none.
+    using Handler = std::function<void(Text& message, platform::PortText::Block& block)>;
+    bool takeFrom(Port& port, const Handler& handle);
+    void takeText(platform::PortText taken, const Handler& handle);
+    void requestTaken(Used& used, Text& message, platform::PortText::Block& block);
     void pingTaken(Used& used, Text& message);
     bool sendPing(Peer& peer, uint64_t number, const AskedPing& ping, std::string_view text);
     void askAgain(Peer& peer);
-    void replyTaken(Alias& alias, Text& message);
+    void replyTaken(Alias& alias, Text& message, platform::PortText::Block& block);
     void launchTaken(const Text& message);
     void launch(Used& used, std::string parameters);
     void pingAnswered(Text& message);

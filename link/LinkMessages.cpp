@@ -1,5 +1,6 @@
 // What the link does with texts: from ports to links and back.
 #include <algorithm>
+#include <tuple>
 
 #include "link/LinkParts.h"
 #include "platform/Clock.h"
@@ -45,7 +46,7 @@ bool Link::isOwn(const std::string& name) const {
            app == std::string(kPingPort).substr(0, std::string_view(kPingPort).find('#'));
 }
 
-bool Link::takeFrom(Port& port, const std::function<void(Text&)>& handle) {
+bool Link::takeFrom(Port& port, const Handler& handle) {
     if (port.port == nullptr || !port.look) {
         return false;
     }
@@ -57,29 +58,60 @@ bool Link::takeFrom(Port& port, const std::function<void(Text&)>& handle) {
         if (!port.port->take(taken)) {
             return port.port->hasMore();
         }
-        if (taken.mayHaveZero()) {
-            normalise(taken.data(), taken.size());
-        }
-        std::string_view rest = taken.view(); // large ones are not copied
-        Text message;
-        while (Text::read(rest, message)) {
-            handle(message);
-        }
+        takeText(std::move(taken), handle);
     }
     return true;
 }
 
+void Link::takeText(platform::PortText taken, const Handler& handle) {
+    const size_t headBytes = taken.headSize();
+    const size_t bodyBytes = taken.size() - headBytes;
+    platform::PortText::Block block;
+    std::string joined;
+    std::string_view rest;
+    Text message;
+    if (headBytes == 0) {
+        if (taken.mayHaveZero()) {
+            normalise(taken.data(), taken.size());
+        }
+        rest = taken.view();
+    } else {
+        // Of a large one the body came by itself, and goes on from where it lies.
+        const bool mayHaveZero = taken.mayHaveZero();
+        platform::PortText::Block head;
+        std::tie(head, block) = taken.releasePieces();
+        if (mayHaveZero) {
+            normalise(head.get(), headBytes);
+            normalise(block.get(), bodyBytes);
+        }
+        if (Text::read({head.get(), headBytes}, {block.get(), bodyBytes}, message)) {
+            handle(message, block);
+            return;
+        }
+        joined.reserve(headBytes + bodyBytes); // cut elsewhere
+        rest = joined.append(head.get(), headBytes).append(block.get(), bodyBytes);
+        block.reset();
+    }
+    while (Text::read(rest, message)) {
+        handle(message, block);
+    }
+}
+
 void Link::takeTexts() {
-    bool more = takeFrom(*pingPort_, [this](Text& message) { pingAnswered(message); });
-    more = takeFrom(*controlPort_, [this](Text& message) { launchTaken(message); }) || more;
+    bool more = takeFrom(*pingPort_, [this](Text& message, auto&) { pingAnswered(message); });
+    more = takeFrom(*controlPort_, [this](Text& message, auto&) { launchTaken(message); }) || more;
     for (const auto& [app, used] : used_) {
         Used& one = *used;
-        more = takeFrom(one.pings, [&](Text& message) { pingTaken(one, message); }) || more;
-        more = takeFrom(one.requests, [&](Text& message) { requestTaken(one, message); }) || more;
+        more = takeFrom(one.pings, [&](Text& message, auto&) { pingTaken(one, message); }) || more;
+        more = takeFrom(one.requests,
+                        [&](Text& message, auto& block) { requestTaken(one, message, block); }) ||
+               more;
     }
     for (const auto& [name, alias] : aliases_) {
         Alias& one = *alias;
-        more = takeFrom(one.port, [&](Text& message) { replyTaken(one, message); }) || more;
+        more = takeFrom(one.port,
+                        [&](Text& message, auto& block) { replyTaken(one, message, block); }) ||
+               more;
     }
     if (more) {
         around_.wait.wake(); // after the others' turn
@@ -93,7 +125,7 @@ void Link::fail(const Asked& asked, int32_t code, std::string_view text) {
     }
 }
 
-void Link::requestTaken(Used& used, Text& message) {
+void Link::requestTaken(Used& used, Text& message, platform::PortText::Block& block) {
     const Asked asked = askedBy(message);
     if (isLook(message) || !isPortName(asked.asker)) {
         return;
@@ -123,15 +155,15 @@ void Link::requestTaken(Used& used, Text& message) {
     head.kind = reply ? MessageKind::reply : MessageKind::request;
     head.source = asked.asker;
     head.target = used.use.app;
-    std::string text = message.writePlain();
+    const bool isKept = used.use.durable && !reply;
+    Travelling text = isKept ? message.writePlain() : message.writePlain(std::move(block));
     const size_t bytes = text.size();
     if (bytes > bounds::kTextBytes) {
         fail(asked, ConveyData::CV_CODE_REJECTED, ConveyData::CV_ERROR_REJECTED);
         return;
     }
     Peer& to = peer(used.use.at);
-    const bool isKept = used.use.durable && !reply;
-    const uint64_t number = isKept ? keep(to, std::move(head), std::move(text), deadline)
+    const uint64_t number = isKept ? keep(to, std::move(head), std::move(text.head), deadline)
                                    : to.channel.queue(std::move(head), std::move(text), deadline);
     outgoing_[{to.name, number}] = {asked, !reply, used.use.app, bytes};
     used.requests.waitingBytes += bytes;
@@ -291,7 +323,7 @@ Link::Alias* Link::aliasFor(Peer& peer, const std::string& source) {
     return nullptr;
 }
 
-void Link::replyTaken(Alias& alias, Text& message) {
+void Link::replyTaken(Alias& alias, Text& message, platform::PortText::Block& block) {
     const int64_t now = around_.now();
     const Asked asked = askedBy(message);
     if (isLook(message) || !isPortName(asked.asker)) {
@@ -316,7 +348,7 @@ void Link::replyTaken(Alias& alias, Text& message) {
     head.kind = MessageKind::reply;
     head.source = asked.asker;
     head.target = alias.remote;
-    std::string text = message.writePlain();
+    Travelling text = message.writePlain(std::move(block));
     const size_t bytes = text.size();
     Peer& to = peer(alias.link);
     const uint64_t number = to.channel.queue(std::move(head), std::move(text), deadline);
@@ -495,8 +527,9 @@ void Link::tellOfEndedTargets() {
                                               ConveyData::CV_ERROR_TARGET_ENDED)) {
                 std::string_view rest = reply;
                 Text message;
+                platform::PortText::Block none;
                 if (Text::read(rest, message)) {
-                    replyTaken(*alias->second, message);
+                    replyTaken(*alias->second, message, none);
                 }
             }
         }

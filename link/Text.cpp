@@ -38,10 +38,11 @@ std::string_view lineEnd(std::string_view& text) {
 
 } // namespace
 
-bool Text::read(std::string_view& text, Text& out) {
+// Takes the lines off, and the empty one behind them; false when there are none.
+bool Text::readHead(std::string_view& text, size_t& announced) {
     text.remove_prefix(std::min(text.find_first_not_of('\n'), text.size()));
-    out = Text();
-    size_t announced = 0;
+    *this = Text();
+    announced = 0;
     bool any = false;
     while (!text.empty()) {
         const std::string_view line = lineEnd(text);
@@ -55,14 +56,27 @@ bool Text::read(std::string_view& text, Text& out) {
         if (name == ConveyData::CV_CONTENT_LENGTH) {
             announced = static_cast<size_t>(std::max<int64_t>(numberOf(value), 0));
         } else if (name == ConveyData::CV_TIMESTAMP) {
-            out.timestamp_ = numberOf(value);
-        } else if (!isMade(name) && out.lines_.size() < bounds::kLines) {
-            out.lines_.push_back({std::string(name), std::string(value)});
+            timestamp_ = numberOf(value);
+        } else if (!isMade(name) && lines_.size() < bounds::kLines) {
+            lines_.push_back({std::string(name), std::string(value)});
         }
     }
+    return any;
+}
+
+bool Text::read(std::string_view& text, Text& out) {
+    size_t announced = 0;
+    const bool any = out.readHead(text, announced);
     out.body_ = text.substr(0, announced);
     text.remove_prefix(out.body_.size());
     return any;
+}
+
+bool Text::read(std::string_view head, std::string_view body, Text& out) {
+    size_t announced = 0;
+    const bool any = out.readHead(head, announced);
+    out.body_ = body;
+    return any && head.empty() && announced == body.size();
 }
 
 std::string_view Text::get(std::string_view name) const {
@@ -117,6 +131,28 @@ std::string Text::writePlain() const {
     std::string out;
     out.reserve(head.size() + body_.size()); // a large one is copied once
     return out.append(head).append(body_);
+}
+
+Travelling Text::writePlain(platform::PortText::Block block) const {
+    if (block == nullptr) {
+        return writePlain();
+    }
+    Travelling out(head());
+    out.body = body_;
+    out.block = std::move(block);
+    return out;
+}
+
+void Travelling::append(std::string& out, size_t place, size_t count) const {
+    if (place < head.size()) {
+        const size_t ofHead = std::min(count, head.size() - place);
+        out.append(head, place, ofHead);
+        place += ofHead;
+        count -= ofHead;
+    }
+    if (count > 0) {
+        out.append(body.substr(place - head.size(), count));
+    }
 }
 
 // With the lines that are made anew, but the digest.

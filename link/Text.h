@@ -23,6 +23,19 @@ struct PortMessage {
     std::unique_ptr<platform::PortSeal> seal;
 };
 
+// A text on its way to another link: all of a small one; of a large one what stands in front of its
+// body, and the body in the block in which it came from a port. That is not copied.
+struct Travelling {
+    Travelling(std::string text) : head(std::move(text)) {}
+    size_t size() const { return head.size() + body.size(); }
+    // Appends `count` bytes of it, from `place` on.
+    void append(std::string& out, size_t place, size_t count) const;
+
+    std::string head;
+    platform::PortText::Block block;
+    std::string_view body; // all of that
+};
+
 // The lines of one message's text (docs/protocol.md, "Message texts"), to be looked at and changed
 // without reading the body: what a link does not understand passes through it unchanged.
 //
@@ -32,6 +45,9 @@ public:
     // Reads the first message of `text`, and takes it off there. Line feeds in front are skipped.
     // False when nothing is left. NUL bytes count as line feeds: `normalise` has turned them.
     [[nodiscard]] static bool read(std::string_view& text, Text& out);
+    // The same of one message whose body is a piece of its own. False when that is not all that it
+    // announces, and when something is left behind its head.
+    [[nodiscard]] static bool read(std::string_view head, std::string_view body, Text& out);
     // A text with these lines, in which nothing is yet.
     Text() = default;
 
@@ -51,10 +67,13 @@ public:
     std::string write() const;
     // The same for a port. `arrived` is what this was read from, and is good as long as the result.
     PortMessage write(std::string arrived) const;
-    // Without digest and timestamp: what travels.
+    // Without digest and timestamp: what travels. `block`, where it is not null, has the body alone
+    // and is taken over.
     std::string writePlain() const;
+    Travelling writePlain(platform::PortText::Block block) const;
 
 private:
+    bool readHead(std::string_view& text, size_t& announced);
     std::string head() const;
     std::string portHead() const;
 

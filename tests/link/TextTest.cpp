@@ -54,7 +54,7 @@ TEST(TextTest, changesWhoAMessageIsFromAndNothingElse) {
 }
 
 // The body of a large one stays where it arrived, and its digest is made while it is sent.
-TEST(TextTest, writesALargeMessageForAPortAroundItsBody) {
+TEST(TextTest, leavesALargeBodyWhereItArrived) {
     Convey::Message original;
     original.setTarget("lumen-2.0");
     original.setSender("diary-1.0");
@@ -76,6 +76,19 @@ TEST(TextTest, writesALargeMessageForAPortAroundItsBody) {
     const std::string sent =
         std::string(moved.pieces().sealed()).append(moved.head).append(moved.body);
     EXPECT_TRUE(sent == before || sent == text.write()) << "a second may have passed";
+    // To another link, from a port that has it in a block of its own.
+    const size_t headBytes = written.view().size() - 100'000;
+    const std::string_view head = written.view().substr(0, headBytes);
+    char* const block = static_cast<char*>(platform::TextMemory::allocate(100'000));
+    written.view().copy(block, 100'000, headBytes);
+    ASSERT_TRUE(Text::read(head, {block, 100'000}, text));
+    const Travelling travels = text.writePlain(platform::PortText::Block(block));
+    EXPECT_TRUE(travels.body.data() == block && travels.block.get() == block) << "not copied";
+    std::string joined;
+    travels.append(joined, 0, travels.size());
+    EXPECT_EQ(joined, text.writePlain());
+    EXPECT_FALSE(Text::read(head, {block, 99'999}, text)) << "not all that it announces";
+    EXPECT_FALSE(Text::read(std::string(head) + "x", {block, 100'000}, text)) << "cut elsewhere";
 }
 
 // What another machine says must not bring a second line of a name that the link vouches for, in
