@@ -14,7 +14,7 @@ inline constexpr Limit kLink[] = {
     {"link.part", 128 * kKiB, "bytes", "of a text in one frame: larger ones hold others up longer than they gain"},
     {"link.frame", kKiB, "bytes", "of a frame beside its part: fields and the longest names"},
     {"link.window", 4 * kMiB, "bytes", "sent to a link and not acknowledged: far below what servers cut off slow ones for"},
-    {"link.waiting", 16 * kMiB, "bytes", "taken for a target and not delivered; then its senders wait"},
+    {"link.waiting", 32 * kMiB, "bytes", "taken for a target and not delivered, then its senders wait: two large texts"},
     {"link.waiting-messages", 4000, "messages", "likewise"},
     {"link.kept", 260 * kMiB, "bytes", "four of the largest texts, half there or waiting for their targets"},
     {"link.kept-messages", 20'000, "messages", "that wait for targets of this machine"},
