@@ -16,7 +16,6 @@ class OvrelCapsTest : public testing::Test {
 protected:
     OvrelCapsTest() : library(dlopen(OVREL_CAPS_LIBRARY, RTLD_NOW | RTLD_LOCAL)) {
         setenv("OVREL_CAPS_DB", path.c_str(), 1);
-        EXPECT_EQ(caps::Store::open(path, caps::Store::Access::create, store), caps::Status::ok);
         using caps::Status;
         EXPECT_EQ(
             store->addProduct({"P1",
@@ -38,30 +37,49 @@ protected:
     }
 #define BOUND(function) (*bind<decltype(::function)>(#function))
 
-    static std::vector<std::string> texts(const char* const* list) {
-        std::vector<std::string> all;
-        for (; *list != nullptr; ++list) {
+    using Texts = std::vector<std::string>;
+    static Texts texts(const char* const* list) {
+        Texts all;
+        for (; list != nullptr && *list != nullptr; ++list) {
             all.emplace_back(*list);
         }
         return all;
     }
-    using Texts = std::vector<std::string>;
+    // What a function gives by its last argument.
+    template <class Result, class Function, class... Arguments>
+    static Result given(Function& function, Arguments... arguments) {
+        Result result{};
+        EXPECT_EQ(function(arguments..., &result), CAPS_OK);
+        return result;
+    }
+    template <class Function, class... Arguments>
+    static Texts listOf(Function& function, Arguments... arguments) {
+        return texts(given<const char**>(function, arguments...));
+    }
+    template <class Function, class... Arguments>
+    static std::string textOf(Function& function, Arguments... arguments) {
+        const auto* const text = given<const char*>(function, arguments...);
+        return text != nullptr ? text : "(none)";
+    }
+    template <class Function>
+    static capsiSession* opened(Function& function) {
+        capsiSession* session = nullptr;
+        EXPECT_EQ(function(&session, 1), CAPS_OK);
+        return session;
+    }
 
     TemporaryFolder folder;
     std::string path = folder.file("caps.db");
-    std::unique_ptr<caps::Store> store;
+    std::unique_ptr<caps::Store> store = openStore(path);
     void* library;
 };
 
 TEST_F(OvrelCapsTest, answersFromTheDomainsInTheOrderOfRegistration) {
-    capsiSession* session = nullptr;
-    ASSERT_EQ(BOUND(pcdOpenSessionNoCreate)(&session, 1), CAPS_OK);
+    capsiSession* session = opened(BOUND(pcdOpenSessionNoCreate));
     const char** list = nullptr;
     const char* value = nullptr;
-    ASSERT_EQ(BOUND(pcdGetDomainDataSubdomains)(session, 1, &list), CAPS_OK);
-    EXPECT_EQ(texts(list), (Texts{"/s2", "/s1"}));
-    ASSERT_EQ(BOUND(pcdGetDomainDataKeys)(session, 1, "/s2", &list), CAPS_OK);
-    EXPECT_EQ(texts(list), (Texts{"k2", "k1"}));
+    EXPECT_EQ(listOf(BOUND(pcdGetDomainDataSubdomains), session, 1), (Texts{"/s2", "/s1"}));
+    EXPECT_EQ(listOf(BOUND(pcdGetDomainDataKeys), session, 1, "/s2"), (Texts{"k2", "k1"}));
     for (const char* key : {"k1", "k2", "k1"}) {
         ASSERT_EQ(BOUND(pcdGetDomainData)(session, 1, "/s2", key, &value), CAPS_OK);
         EXPECT_EQ(value[1], key[1]);
@@ -99,28 +117,24 @@ TEST_F(OvrelCapsTest, answersFromTheDomainsInTheOrderOfRegistration) {
 }
 
 TEST_F(OvrelCapsTest, keepsWhatItHandedOutUntilTheNextListSeesAChange) {
-    capsiSession* session = nullptr;
-    ASSERT_EQ(BOUND(pcdOpenSessionNoCreate)(&session, 1), CAPS_OK);
+    capsiSession* session = opened(BOUND(pcdOpenSessionNoCreate));
     const char** list = nullptr;
     const char* value = nullptr;
     ASSERT_EQ(BOUND(pcdGetDomainDataSubdomains)(session, 1, &list), CAPS_OK);
     ASSERT_EQ(BOUND(pcdGetDomainData)(session, 1, "/s1", "k", &value), CAPS_OK);
-    uint32_t before = 0;
-    ASSERT_EQ(BOUND(pcdGetLastModTime)(session, &before), CAPS_OK);
+    const auto before = given<uint32_t>(BOUND(pcdGetLastModTime), session);
     ASSERT_EQ(store->setDomainData(1, "/s1", "k", "changed"), caps::Status::ok);
-    uint32_t after = 0;
-    ASSERT_EQ(BOUND(pcdGetLastModTime)(session, &after), CAPS_OK);
+    const auto after = given<uint32_t>(BOUND(pcdGetLastModTime), session);
     EXPECT_GT(after, before);
     EXPECT_STREQ(value, "v");
-    ASSERT_EQ(BOUND(pcdGetDomainData)(session, 1, "/s1", "k", &value), CAPS_OK);
-    EXPECT_STREQ(value, "v") << "a walk sees one state";
+    EXPECT_EQ(textOf(BOUND(pcdGetDomainData), session, 1, "/s1", "k"), "v")
+        << "a walk sees one state";
     ASSERT_EQ(BOUND(pcdGetDomainDataSubdomains)(session, 1, &list), CAPS_OK);
-    ASSERT_EQ(BOUND(pcdGetDomainData)(session, 1, "/s1", "k", &value), CAPS_OK);
-    EXPECT_STREQ(value, "changed");
+    EXPECT_EQ(textOf(BOUND(pcdGetDomainData), session, 1, "/s1", "k"), "changed");
 
     ASSERT_EQ(BOUND(pcdSetDomainData)(session, 1, "/s1", "k", "own"), CAPS_OK);
-    ASSERT_EQ(BOUND(pcdGetDomainData)(session, 1, "/s1", "k", &value), CAPS_OK);
-    EXPECT_STREQ(value, "own") << "who writes reads what was written";
+    EXPECT_EQ(textOf(BOUND(pcdGetDomainData), session, 1, "/s1", "k"), "own")
+        << "who writes reads what was written";
     ASSERT_EQ(BOUND(pcdRemoveDomainData)(session, 1, "/s1", "k"), CAPS_OK);
     EXPECT_EQ(BOUND(pcdGetDomainData)(session, 1, "/s1", "k", &value), CAPS_NOTHING_THERE);
     EXPECT_EQ(BOUND(pcdRemoveDomainData)(session, 1, "/s1", "k"), CAPS_NOTHING_THERE);
@@ -131,28 +145,24 @@ TEST_F(OvrelCapsTest, keepsWhatItHandedOutUntilTheNextListSeesAChange) {
     store.reset();
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     do {
-        ASSERT_EQ(caps::Store::open(path, caps::Store::Access::glance, store), caps::Status::ok);
+        store = openStore(path, caps::Store::Access::glance);
         ASSERT_LT(std::chrono::steady_clock::now(), end);
     } while (!store->glances());
-    ASSERT_EQ(BOUND(pcdOpenSessionNoCreate)(&session, 1), CAPS_OK);
-    ASSERT_EQ(caps::Store::open(path, caps::Store::Access::write, store), caps::Status::ok);
+    session = opened(BOUND(pcdOpenSessionNoCreate));
+    store = openStore(path, caps::Store::Access::write);
     ASSERT_EQ(store->setDomainData(1, "/s2", "k1", "later"), caps::Status::ok);
     store.reset();
-    ASSERT_EQ(BOUND(pcdGetDomainData)(session, 1, "/s2", "k1", &value), CAPS_OK);
-    EXPECT_STREQ(value, "later");
+    EXPECT_EQ(textOf(BOUND(pcdGetDomainData), session, 1, "/s2", "k1"), "later");
     BOUND(pcdCloseSession)(session);
 }
 
 TEST_F(OvrelCapsTest, answersFromProductsAndPayloads) {
-    capsiSession* session = nullptr;
-    ASSERT_EQ(BOUND(mdbOpenSessionNoCreate)(&session, 1), CAPS_OK);
+    capsiSession* session = opened(BOUND(mdbOpenSessionNoCreate));
     const char** list = nullptr;
-    ASSERT_EQ(BOUND(mdbGetProductIDList)(session, &list), CAPS_OK);
-    EXPECT_EQ(texts(list), (Texts{"P1", "P0"}));
+    EXPECT_EQ(listOf(BOUND(mdbGetProductIDList), session), (Texts{"P1", "P0"}));
     const capsProduct* product = nullptr;
     ASSERT_EQ(BOUND(mdbGetProduct)(session, "P1", &product), CAPS_OK);
-    ASSERT_EQ(BOUND(mdbGetProductPayloads)(session, product, &list), CAPS_OK);
-    EXPECT_EQ(texts(list), (Texts{"{a}", "{b}"}));
+    EXPECT_EQ(listOf(BOUND(mdbGetProductPayloads), session, product), (Texts{"{a}", "{b}"}));
     const capsPayload* payload = nullptr;
     ASSERT_EQ(BOUND(mdbGetPayload)(session, "{b}", &payload), CAPS_OK);
     EXPECT_STREQ(payload->identifier, "{b}");
@@ -162,24 +172,19 @@ TEST_F(OvrelCapsTest, answersFromProductsAndPayloads) {
     EXPECT_EQ(BOUND(mdbGetPayload)(session, "{z}", &payload), CAPS_NOTHING_THERE);
     EXPECT_EQ(BOUND(mdbGetProduct)(session, "P9", &product), CAPS_NOTHING_THERE);
 
-    ASSERT_EQ(BOUND(capsGetPayloads)(session, 4, &list), CAPS_OK);
-    EXPECT_EQ(texts(list), (Texts{"{a}", "{c}"}));
+    EXPECT_EQ(listOf(BOUND(capsGetPayloads), session, 4), (Texts{"{a}", "{c}"}));
     EXPECT_EQ(BOUND(capsGetPayloads)(session, 9, &list), CAPS_NOTHING_THERE);
-    ASSERT_EQ(BOUND(capsGetCollectionPayloads)(session, "P1", 2, &list), CAPS_OK);
-    EXPECT_EQ(texts(list), (Texts{"{b}"}));
+    EXPECT_EQ(listOf(BOUND(capsGetCollectionPayloads), session, "P1", 2), (Texts{"{b}"}));
     EXPECT_EQ(BOUND(capsGetCollectionPayloads)(session, "P9", 2, &list), CAPS_NOTHING_THERE);
-    ASSERT_EQ(BOUND(capsGetPayloadDataKeys)(session, "{a}", 6, &list), CAPS_OK);
-    EXPECT_EQ(texts(list), (Texts{"L2", "L1"}));
+    EXPECT_EQ(listOf(BOUND(capsGetPayloadDataKeys), session, "{a}", 6), (Texts{"L2", "L1"}));
     const char* value = nullptr;
-    ASSERT_EQ(BOUND(pdbGetPayloadData)(session, "{a}", 6, "L1", &value), CAPS_OK);
-    EXPECT_STREQ(value, "a");
+    EXPECT_EQ(textOf(BOUND(pdbGetPayloadData), session, "{a}", 6, "L1"), "a");
     EXPECT_EQ(BOUND(capsGetPayloadData)(session, "{a}", 0, "L1", &value), CAPS_NOTHING_THERE);
     BOUND(mdbCloseSession)(session);
 }
 
 TEST_F(OvrelCapsTest, neverWritesPastTheCallersAreas) {
-    capsiSession* session = nullptr;
-    ASSERT_EQ(BOUND(pdbOpenSessionNoCreate)(&session, 1), CAPS_OK);
+    capsiSession* session = opened(BOUND(pdbOpenSessionNoCreate));
     const char guard = 0;
     const struct {
         uint32_t slots;
@@ -242,7 +247,7 @@ TEST_F(OvrelCapsTest, servesSessionsOfSeveralThreadsWhileAWriterWorks) {
     auto& close = BOUND(pcdCloseSession);
     auto& subdomains = BOUND(pcdGetDomainDataSubdomains);
     auto& value = BOUND(pcdGetDomainData);
-    std::vector<std::thread> readers;
+    std::vector<std::jthread> readers;
     for (int t = 0; t < 3; ++t) {
         readers.emplace_back([&] {
             for (int i = 0; i < 50; ++i) {
@@ -259,22 +264,15 @@ TEST_F(OvrelCapsTest, servesSessionsOfSeveralThreadsWhileAWriterWorks) {
     for (int i = 0; i < 50; ++i) {
         EXPECT_EQ(store->setDomainData(1, "/s2", "k1", std::to_string(i)), caps::Status::ok);
     }
-    for (std::thread& reader : readers) {
-        reader.join();
-    }
+    readers.clear(); // joins them
 }
 
 TEST_F(OvrelCapsTest, readsTheUsersDatabaseOverTheSystems) {
     unsetenv("OVREL_CAPS_DB");
     setenv("XDG_DATA_HOME", folder.file("data").c_str(), 1);
     setenv("OVREL_CAPS_SYSTEM_DB", folder.file("system.db").c_str(), 1);
-    std::unique_ptr<caps::Store> system;
-    std::unique_ptr<caps::Store> own;
-    ASSERT_EQ(caps::Store::open(folder.file("system.db"), caps::Store::Access::create, system),
-              caps::Status::ok);
-    ASSERT_EQ(
-        caps::Store::open(folder.file("data/ovrel/caps.db"), caps::Store::Access::create, own),
-        caps::Status::ok);
+    auto system = openStore(folder.file("system.db"));
+    const auto own = openStore(folder.file("data/ovrel/caps.db"));
     const std::string groups = "/ovrel/convey/groups";
     const auto write = [](caps::Store& into, const std::string& name, const char* key,
                           const char* value) {
@@ -290,10 +288,8 @@ TEST_F(OvrelCapsTest, readsTheUsersDatabaseOverTheSystems) {
     ASSERT_EQ(system->addProduct({"P", {{"{p}", "normal", "/system", 4, {}}}}), caps::Status::ok);
     ASSERT_EQ(own->addProduct({"Q", {{"{p}", "normal", "/mine", 4, {}}}}), caps::Status::ok);
 
-    capsiSession* session = nullptr;
-    ASSERT_EQ(BOUND(pcdOpenSessionNoCreate)(&session, 1), CAPS_OK);
-    uint32_t before = 0;
-    ASSERT_EQ(BOUND(pcdGetLastModTime)(session, &before), CAPS_OK);
+    capsiSession* session = opened(BOUND(pcdOpenSessionNoCreate));
+    const auto before = given<uint32_t>(BOUND(pcdGetLastModTime), session);
     const auto names = [&] {
         const char** list = nullptr;
         EXPECT_EQ(BOUND(pcdGetDomainDataSubdomains)(session, 1, &list), CAPS_OK);
@@ -301,22 +297,19 @@ TEST_F(OvrelCapsTest, readsTheUsersDatabaseOverTheSystems) {
     };
     EXPECT_EQ(names(),
               (Texts{"/ovrel/convey/b-1.0", groups, "/ovrel/convey/a-1.0", "/ovrel/convey/c-1.0"}));
-    const char* value = nullptr;
-    ASSERT_EQ(BOUND(pcdGetDomainData)(session, 1, "/ovrel/convey/a-1.0", "Path", &value), CAPS_OK);
-    EXPECT_STREQ(value, "/mine");
+    EXPECT_EQ(textOf(BOUND(pcdGetDomainData), session, 1, "/ovrel/convey/a-1.0", "Path"), "/mine");
     const char** keys = nullptr;
     ASSERT_EQ(BOUND(pcdGetDomainDataKeys)(session, 1, groups.c_str(), &keys), CAPS_OK);
     ASSERT_EQ(texts(keys).size(), 2U);
-    ASSERT_EQ(BOUND(pcdGetDomainData)(session, 1, groups.c_str(), keys[1], &value), CAPS_OK);
-    EXPECT_STREQ(value, "of the user") << "the last one wins";
+    EXPECT_EQ(textOf(BOUND(pcdGetDomainData), session, 1, groups.c_str(), keys[1]), "of the user")
+        << "the last one wins";
     char launchPath[1024];
     uint32_t bytes = sizeof launchPath;
     ASSERT_EQ(BOUND(pdbGetAppLaunchPath)("{p}", launchPath, &bytes), CAPS_OK);
     EXPECT_STREQ(launchPath, "/mine");
 
     write(*system, "/ovrel/convey/d-1.0", "Path", "/system");
-    uint32_t after = 0;
-    ASSERT_EQ(BOUND(pcdGetLastModTime)(session, &after), CAPS_OK);
+    const auto after = given<uint32_t>(BOUND(pcdGetLastModTime), session);
     EXPECT_GT(after, before) << "a change below is one";
     EXPECT_EQ(names().size(), 5U);
     system.reset();
@@ -325,7 +318,7 @@ TEST_F(OvrelCapsTest, readsTheUsersDatabaseOverTheSystems) {
     EXPECT_EQ(BOUND(pcdCloseSession)(session), CAPS_OK);
 
     setenv("OVREL_CAPS_DB", path.c_str(), 1);
-    ASSERT_EQ(BOUND(pcdOpenSessionNoCreate)(&session, 1), CAPS_OK);
+    session = opened(BOUND(pcdOpenSessionNoCreate));
     EXPECT_EQ(names(), (Texts{"/s2", "/s1"})) << "one that is named stands alone";
     EXPECT_EQ(BOUND(pcdCloseSession)(session), CAPS_OK);
 }

@@ -352,8 +352,7 @@ TEST_F(StoreTest, seesEachChangeOfAFileThatItGlancesAt) {
             << sqlite3_errmsg(writer);
     };
     const auto write = [&](const std::string& file) {
-        std::unique_ptr<Store> store;
-        ASSERT_EQ(Store::open(file, Store::Access::create, store), Status::ok);
+        auto store = openStore(file);
         ASSERT_EQ(store->clear(), Status::ok);
         fill(*store, changed);
     };
@@ -403,8 +402,7 @@ TEST_F(StoreTest, seesEachChangeOfAFileThatItGlancesAt) {
     const std::string link = folder.file("link.db");
     std::filesystem::create_symlink(path, link);
     std::filesystem::copy_file(path + "-wal", link + "-wal");
-    std::unique_ptr<Store> store;
-    EXPECT_EQ(Store::open(link, Store::Access::glance, store), Status::ok);
+    auto store = openStore(link, caps::Store::Access::glance);
     EXPECT_FALSE(store->glances());
 }
 

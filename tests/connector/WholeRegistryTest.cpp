@@ -23,8 +23,7 @@ TEST(WholeRegistry, isExportedTakenOverComparedAndRemoved) {
     const std::string paths[] = {folder.file("one.db"), folder.file("two.db")};
     PCDConnector::setCapsFolder(PROGRAMS);
     for (const std::string& path : paths) {
-        std::unique_ptr<Store> store;
-        ASSERT_EQ(Store::open(path, Store::Access::create, store), Status::ok);
+        auto store = openStore(path);
         const bool isFirst = path == paths[0];
         ASSERT_EQ(store->setDomainData(1, "/ovrel/convey/a-1.0", "Path", isFirst ? "/a" : "/b"),
                   Status::ok);
@@ -108,8 +107,7 @@ TEST(WholeRegistry, followsAFileThatComesBackAndOneOfTheFirstVersion) {
         std::filesystem::rename(away, path);
         EXPECT_TRUE(connector.updateCache(false)) << "it is back";
         EXPECT_EQ(sees(), "/third");
-        std::unique_ptr<Store> store;
-        ASSERT_EQ(Store::open(path, Store::Access::write, store), Status::ok);
+        auto store = openStore(path, caps::Store::Access::write);
         EXPECT_EQ(connector.updateCache(false), round == 0) << "a new version is a change";
         EXPECT_EQ(sees(), "/third");
         store.reset();
@@ -123,8 +121,7 @@ TEST(WholeRegistry, followsAFileThatComesBackAndOneOfTheFirstVersion) {
 TEST(WholeRegistry, givesAnIncompleteStartNameWhatItStandsFor) {
     const TemporaryFolder folder;
     const std::string path = folder.file("caps.db");
-    std::unique_ptr<Store> store;
-    ASSERT_EQ(Store::open(path, Store::Access::create, store), Status::ok);
+    auto store = openStore(path);
     const auto add = [&store](const std::string& specifier, const char* authentication,
                               const char* digest) {
         const std::string name = "/ovrel/convey/" + specifier;

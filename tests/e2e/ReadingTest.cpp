@@ -6,6 +6,7 @@
 #include "caps/tool/Checks.h"
 #include "scriptobjects/connector/PCDConnector.h"
 #include "scriptobjects/convey/SoConvey.h"
+#include "tests/support/Database.h"
 #include "tests/support/TemporaryFolder.h"
 
 // What the database's tool says of a registry, beside what the layer makes of it through the
@@ -128,8 +129,7 @@ TEST(Reading, isThatOfTheLayerForTenThousandRandomRegistrations) {
     for (uint32_t seed = 1; seed <= static_cast<uint32_t>(registries); ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         const std::string database = folder.file(std::to_string(seed) + ".db");
-        std::unique_ptr<Store> store;
-        ASSERT_EQ(Store::open(database, Store::Access::create, store), Status::ok);
+        auto store = openStore(database);
         {
             Store::Transaction transaction(*store);
             ASSERT_EQ(transaction.begin(), Status::ok);

@@ -1,6 +1,7 @@
 
 #include "caps/Store.h"
 #include "caps/tool/DropIns.h"
+#include "tests/support/Database.h"
 #include "tests/support/Process.h"
 #include "tests/support/Session.h"
 #include "tests/support/TemporaryFolder.h"
@@ -33,7 +34,6 @@ protected:
     DropInsTest() {
         std::filesystem::create_directory(folder.file("usr"));
         std::filesystem::create_directory(folder.file("etc"));
-        EXPECT_EQ(Store::open(folder.file("caps.db"), Store::Access::create, store), Status::ok);
     }
     void write(const std::string& file, const std::string& text) const {
         std::ofstream(folder.file(file)) << text;
@@ -70,7 +70,7 @@ protected:
     using Lines = std::vector<std::string>;
 
     TemporaryFolder folder;
-    std::unique_ptr<Store> store;
+    std::unique_ptr<Store> store = openStore(folder.file("caps.db"));
     std::vector<std::string> remarks;
 };
 
