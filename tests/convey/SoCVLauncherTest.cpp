@@ -50,52 +50,6 @@ protected:
     Convey own;
 };
 
-TEST_F(LauncherTest, startsOpensOrRefuses) {
-    const struct {
-        const char* path;
-        Launcher::Focus focus;
-        bool cannotStart;
-        bool expected;
-        Strings started;
-        Strings wishes;
-        const char* why;
-    } cases[] = {
-        {kPath, Launcher::kInFront, false, true, {kPath}, {}, "a new window comes to the front"},
-        {kPath,
-         Launcher::kBehind,
-         false,
-         true,
-         {std::string(kPath) + " behind"},
-         {"behind 77: 5000"},
-         "the window that has the focus keeps it"},
-        {kPath, static_cast<Launcher::Focus>(7), false, true, {kPath}, {}, "as good as in front"},
-        {kPath, Launcher::kInFront, true, false, {kPath}, {}, "it does not start"},
-        {"", Launcher::kInFront, false, false, {}, {}, "no path"},
-        {"/apps/gone", Launcher::kInFront, false, false, {}, {}, "no file"},
-        {"https://web.example/app",
-         Launcher::kInFront,
-         false,
-         true,
-         {"xdg-open https://web.example/app?sender=own-1.0"},
-         {},
-         "opened, not looked for"},
-        {"HTTPS://web.example/app", Launcher::kInFront, false, false, {}, {}, "that is a path"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.why);
-        platform::InForce<platform::Processes, platform::FakeProcesses> processes;
-        processes.cannotStart = c.cannotStart;
-        fakes.desktop.wishes.clear();
-        uint32_t pid = 99;
-        EXPECT_EQ(launch(c.path, nullptr, c.focus, &pid), c.expected);
-        EXPECT_EQ(pid, c.expected && c.path == kPath ? 5000U : 0U);
-        EXPECT_EQ(processes.started, c.started);
-        EXPECT_EQ(fakes.desktop.wishes, c.wishes);
-        EXPECT_THAT(waiting(), ElementsAre()) << "nothing is queued without parameters";
-        EXPECT_FALSE(isPending());
-    }
-}
-
 TEST_F(LauncherTest, queuesTheParametersThreeWays) {
     const SoString parameters("-a 1 `rm -rf /` $HOME");
     EXPECT_TRUE(launch(kPath, &parameters));
@@ -165,6 +119,15 @@ TEST_F(LauncherTest, aBundleRunsOnce) {
     fakes.processes.running = {{6001, "/apps/program"}};
     EXPECT_TRUE(launch("/apps/program", nullptr, Launcher::kInFront, &pid));
     EXPECT_EQ(pid, 5002U) << "a program is no bundle";
+    // Refused, or as good as in front.
+    for (const char* path : {"", "/apps/gone", "HTTPS://web.example/app"}) {
+        EXPECT_FALSE(launch(path, nullptr, Launcher::kInFront, &pid)) << path;
+        EXPECT_EQ(pid, 0U) << path;
+    }
+    fakes.desktop.wishes.clear();
+    EXPECT_TRUE(launch(kPath, nullptr, static_cast<Launcher::Focus>(7), &pid));
+    EXPECT_THAT(fakes.desktop.wishes, ElementsAre());
+    EXPECT_THAT(waiting(), ElementsAre()) << "nothing is queued without parameters";
 }
 
 TEST_F(LauncherTest, theRegistryKnowsWhatItLaunched) {

@@ -47,7 +47,7 @@ TEST_F(HomeTest, processesThatStartTogetherAgree) {
     for (int round = 0; round < 20; ++round) {
         const std::string name = home.file("race" + std::to_string(round));
         std::vector<std::string> read(8);
-        std::vector<std::thread> threads;
+        std::vector<std::jthread> threads;
         for (size_t i = 0; i < read.size(); ++i) {
             threads.emplace_back([&read, &name, i] {
                 platform::Files& files = platform::Files::own();
@@ -55,9 +55,7 @@ TEST_F(HomeTest, processesThatStartTogetherAgree) {
                 EXPECT_EQ(files.readOwn(name, 4096, read[i]), platform::Files::Reading::done);
             });
         }
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
+        threads.clear(); // joins them
         for (const std::string& content : read) {
             EXPECT_EQ(content, read[0]);
             EXPECT_EQ(content.size(), 3000U) << "nobody sees a part";

@@ -142,7 +142,7 @@ TEST_F(ThreadTest, takesOnlyTheAnswerToItsPing) {
 TEST_F(ThreadTest, threadsThatPingTogetherGetTheirOwnAnswers) {
     PlayedTarget target("other-2.0");
     std::atomic<int> wrong{0};
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int thread = 0; thread < 4; ++thread) {
         threads.emplace_back([&wrong, thread] {
             for (int i = 0; i < 25; ++i) {
@@ -165,9 +165,7 @@ TEST_F(ThreadTest, threadsThatPingTogetherGetTheirOwnAnswers) {
             target.answer(waiting[i], waiting[i].getUserHeaderValue("ECHO_REQUEST").c_str());
         }
     }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    threads.clear(); // joins them
     EXPECT_EQ(wrong, 0);
 }
 

@@ -118,7 +118,7 @@ TEST_F(CheckRunningTest, pingsToAStoppedTargetKeepTheirTime) {
     stopped->signal(SIGSTOP);
     // Until its queue is full, and on; several at once, as they wait for the same connection.
     const ScObjects::SoString large(std::string(1 << 20, 'x').c_str());
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int thread = 0; thread < 8; ++thread) {
         threads.emplace_back([&large] {
             for (int i = 0; i < 5; ++i) {
@@ -131,9 +131,7 @@ TEST_F(CheckRunningTest, pingsToAStoppedTargetKeepTheirTime) {
             }
         });
     }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    threads.clear(); // joins them
     stopped->signal(SIGCONT);
     EXPECT_EQ(Convey::Thread::ping("lumen", "STATUS", 20, nullptr), "IDLE");
     const ScObjects::SoString body = Convey::Thread::ping("lumen", "INFO", 20, nullptr);
