@@ -345,7 +345,10 @@ PortSender::~PortSender() = default;
 std::shared_ptr<PortSender::Connection> PortSender::connectionTo(const std::string& name) {
     std::shared_ptr<Connection> closed; // outside of the lock
     const std::lock_guard<std::mutex> guard(mutex_);
-    Entry& entry = cache_[name];
+    if (last_ == nullptr || last_->first != name) {
+        last_ = &*cache_.try_emplace(name).first;
+    }
+    Entry& entry = last_->second;
     entry.lastUse = ++uses_;
     if (entry.connection == nullptr) {
         entry.connection = std::make_shared<Connection>(name);
@@ -367,7 +370,7 @@ std::shared_ptr<PortSender::Connection> PortSender::connectionTo(const std::stri
         // than the bound for a while.
         if (oldest != cache_.end()) {
             closed = std::move(oldest->second.connection);
-            cache_.erase(oldest);
+            cache_.erase(oldest); // not the last one, which is in use here
         }
     }
     return found;
@@ -379,6 +382,7 @@ void PortSender::forget(const std::string& name, const std::shared_ptr<Connectio
     // Others that wait for their turn go on with the connection that they have.
     if (found != cache_.end() && found->second.connection == connection &&
         connection.use_count() == 2) {
+        last_ = nullptr;
         cache_.erase(found);
     }
 }
@@ -386,6 +390,7 @@ void PortSender::forget(const std::string& name, const std::shared_ptr<Connectio
 void PortSender::closeIdle() {
     std::vector<std::shared_ptr<Connection>> closed; // outside of the lock
     const std::lock_guard<std::mutex> guard(mutex_);
+    last_ = nullptr;
     for (auto i = cache_.begin(); i != cache_.end();) {
         if (i->second.connection.use_count() == 1) {
             closed.push_back(std::move(i->second.connection));

@@ -41,7 +41,11 @@ private:
         uint64_t lastUse = 0;
     };
     std::mutex mutex_; // guards the cache, never held across a wait
-    std::unordered_map<std::string, Entry> cache_;
+    using Cache = std::unordered_map<std::string, Entry>;
+    Cache cache_;
+    // Of the cache, the one that was asked for last: who sends several texts has one target for a
+    // while. Null for none.
+    Cache::value_type* last_ = nullptr;
     uint64_t uses_ = 0;
 };
 

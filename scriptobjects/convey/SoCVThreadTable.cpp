@@ -59,11 +59,19 @@ bool ConveyThread::setKeyValuePair(const SoString& key, const SoString& value) {
     if (key.length() > kMaximumTextBytes || value.length() > kMaximumTextBytes) {
         return false;
     }
-    int64_t bytes = int64_t{key.length()} + value.length();
-    for (const PingData& data : table_) {
-        bytes += data.key == key ? 0 : int64_t{data.key.length()} + data.value.length();
+    PingData* data = findLocked(key);
+    const int32_t before = data == nullptr ? -key.length() : data->value.length();
+    // Each pump says twice what the host does, and what takes no more room needs no look at all.
+    if (value.length() > before) {
+        int64_t bytes = int64_t{value.length()} - before;
+        for (const PingData& other : table_) {
+            bytes += int64_t{other.key.length()} + other.value.length();
+        }
+        if (bytes > kMaximumTableBytes) {
+            return false;
+        }
     }
-    PingData* const data = bytes > kMaximumTableBytes ? nullptr : findOrAddLocked(key);
+    data = data != nullptr ? data : findOrAddLocked(key);
     if (data != nullptr) {
         data->value = value;
     }

@@ -244,7 +244,7 @@ SoString::~SoString() {
 
 SoString& SoString::operator=(const SoString& other) {
     if (this != &other) {
-        assign(other.data_, other.length_);
+        assign(other.view());
     }
     return *this;
 }

@@ -67,7 +67,8 @@ MacInterAppStream::~MacInterAppStream() {
 }
 
 bool MacInterAppStream::isGood() const {
-    return port() != nullptr;
+    const ObjectLock guard(*this);
+    return port_ != nullptr;
 }
 
 std::shared_ptr<platform::LocalPort> MacInterAppStream::port() const {
@@ -119,11 +120,6 @@ bool MacInterAppStream::divert(platform::PortWait& wait, platform::PollSignal& s
     return true;
 }
 
-bool MacInterAppStream::hasDrawn() const {
-    const ObjectLock guard(*this);
-    return drawn_.count() > 0;
-}
-
 // Draws up to so many texts; true when there is something to receive then.
 bool MacInterAppStream::draw(int32_t maximumTexts) const {
     const ObjectLock guard(*this);
@@ -146,10 +142,17 @@ bool MacInterAppStream::messagePending() const {
 }
 
 bool MacInterAppStream::waitForMessage(int32_t timeoutMilliseconds, bool soon) const {
-    const std::shared_ptr<platform::LocalPort> port = this->port();
-    // What has been drawn is in the port no more and would not end its wait. The wait itself holds
-    // no lock: others receive and close meanwhile.
-    return port != nullptr && (hasDrawn() || (port->wait(timeoutMilliseconds, soon) && draw(1)));
+    std::shared_ptr<platform::LocalPort> port;
+    {
+        const ObjectLock guard(*this);
+        // What has been drawn is in the port no more and would not end its wait.
+        if (port_ == nullptr || drawn_.count() > 0) {
+            return port_ != nullptr;
+        }
+        port = port_;
+    }
+    // The wait itself holds no lock: others receive and close meanwhile.
+    return port->wait(timeoutMilliseconds, soon) && draw(1);
 }
 
 bool MacInterAppStream::hasMore() const {

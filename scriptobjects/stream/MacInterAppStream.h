@@ -120,7 +120,6 @@ public:
     platform::PortStatistics statistics() const;
 
 private:
-    bool hasDrawn() const;
     bool draw(int32_t maximumTexts) const;
 
     std::shared_ptr<platform::LocalPort> port() const;
