@@ -51,33 +51,69 @@ Deliveries::~Deliveries() {
 
 void Deliveries::post(const std::string& target, PortMessage text, int64_t deadline, bool mayLaunch,
                       uint64_t ticket) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    if (lines_.count(target) == 0 && text.size() <= kAtOnceBytes) {
-        lock.unlock();
-        Ended ended{ticket, Outcome::delivered, nullptr};
-        const SendResult result =
-            ports_.send(portName(target), text.pieces(), 0, ticket == 0 ? nullptr : &ended.taker);
-        if (result == SendResult::delivered || (result == SendResult::noReceiver && !mayLaunch)) {
-            ended.outcome =
-                result == SendResult::delivered ? Outcome::delivered : Outcome::notRunning;
-            lock.lock();
-            if (ticket != 0) {
-                ended_.push_back(std::move(ended));
-            }
-            return;
-        }
-        lock.lock();
+    if (target != togetherTarget_ || togetherBytes_ + text.size() > kAtOnceBytes) {
+        (void)handOver(); // what has ended waits for `take`
     }
-    if (keptTexts_ >= bounds::kKeptMessages || keptBytes_ + text.size() > bounds::kKeptBytes) {
-        if (ticket != 0) {
-            ended_.push_back({ticket, Outcome::tooMuch, nullptr});
+    Waiting waiting{std::move(text), deadline, mayLaunch, ticket};
+    const std::lock_guard<std::mutex> guard(mutex_);
+    if (lines_.count(target) == 0 && waiting.text.size() <= kAtOnceBytes) {
+        togetherTarget_ = target;
+        togetherBytes_ += waiting.text.size();
+        together_.push_back(std::move(waiting));
+    } else {
+        queueLocked(target, std::move(waiting));
+    }
+}
+
+bool Deliveries::handOver() {
+    if (together_.empty()) {
+        return false;
+    }
+    const std::string target = std::move(togetherTarget_);
+    std::vector<Waiting> texts = std::exchange(together_, {});
+    std::string joined;
+    if (texts.size() > 1) {
+        joined.reserve(togetherBytes_);
+        for (const Waiting& one : texts) {
+            joined += one.text.head; // all of a small one
+        }
+    }
+    togetherTarget_.clear();
+    togetherBytes_ = 0;
+    const bool isWatched =
+        std::any_of(texts.begin(), texts.end(), [](const Waiting& one) { return one.ticket != 0; });
+    std::shared_ptr<platform::TargetWatch> taker;
+    const SendResult result =
+        ports_.send(portName(target),
+                    joined.empty() ? texts.front().text.pieces() : platform::PortPieces{joined, {}},
+                    0, isWatched ? &taker : nullptr);
+    const std::lock_guard<std::mutex> guard(mutex_);
+    for (Waiting& one : texts) {
+        if (result != SendResult::delivered &&
+            (result != SendResult::noReceiver || one.mayLaunch)) {
+            queueLocked(target, std::move(one));
+        } else if (one.ticket != 0) {
+            ended_.push_back(
+                {one.ticket,
+                 result == SendResult::delivered ? Outcome::delivered : Outcome::notRunning,
+                 taker});
+        }
+    }
+    return !ended_.empty();
+}
+
+void Deliveries::queueLocked(const std::string& target, Waiting waiting) {
+    if (keptTexts_ >= bounds::kKeptMessages ||
+        keptBytes_ + waiting.text.size() > bounds::kKeptBytes) {
+        if (waiting.ticket != 0) {
+            ended_.push_back({waiting.ticket, Outcome::tooMuch, nullptr});
         }
         return;
     }
-    keptBytes_ += text.size();
+    keptBytes_ += waiting.text.size();
     ++keptTexts_;
     std::deque<Waiting>& line = lines_[target];
-    line.push_back({std::move(text), deadline, mayLaunch, ticket});
+    line.push_back(std::move(waiting));
     if (line.size() > 1) {
         return;
     }
@@ -170,6 +206,7 @@ void Deliveries::work() {
 }
 
 std::vector<Deliveries::Ended> Deliveries::take() {
+    (void)handOver(); // all that has ended is taken below
     const std::lock_guard<std::mutex> guard(mutex_);
     return std::exchange(ended_, {});
 }

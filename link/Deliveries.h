@@ -25,8 +25,9 @@ namespace convey_link {
 // Texts on their way to ports of this machine: a line for each target, in order. A target that
 // takes nothing, takes long or is being launched holds up its own line only.
 //
-// What a target takes at once is handed over in the call; the rest by threads of its own. Threads:
-// `post` and `take` from one.
+// What a target takes at once is handed over by the caller, the small ones that come together in
+// one text, since each costs the target a wake-up; the rest by threads of its own. Threads: `post`,
+// `handOver` and `take` from one.
 class Deliveries {
 public:
     struct Ended {
@@ -44,9 +45,12 @@ public:
     Deliveries& operator=(const Deliveries&) = delete;
 
     // Hands a text to the owner of the port `target`, until `deadline` (of the steady clock).
-    // `ticket` not 0: its end is to be taken.
+    // `ticket` not 0: its end is to be taken. A small one goes with the next `handOver` or `take`
+    // at the latest.
     void post(const std::string& target, PortMessage text, int64_t deadline, bool mayLaunch,
               uint64_t ticket);
+    // Hands over what was posted; whether there is something to take now.
+    bool handOver();
     std::vector<Ended> take();
     size_t keptBytes() const;
     size_t keptTexts() const;
@@ -60,12 +64,15 @@ private:
     };
 
     Ended deliver(const std::string& target, const Waiting& waiting);
-    void end(Ended ended);
+    void queueLocked(const std::string& target, Waiting waiting);
     void work();
 
     platform::MessagePorts& ports_;
     const std::function<void()> wake_;
     const std::function<bool(const std::string&)> launch_;
+    std::string togetherTarget_; // of what goes together; of the thread that posts, as the next
+    std::vector<Waiting> together_;
+    size_t togetherBytes_ = 0;
     mutable std::mutex mutex_; // guards what follows
     std::condition_variable changed_;
     std::map<std::string, std::deque<Waiting>> lines_; // the front one is being delivered

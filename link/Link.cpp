@@ -81,6 +81,9 @@ bool Link::publish(Peer& peer, const Frame& frame) {
 int64_t Link::step(bool ofPorts) {
     lookForNames_ = lookForNames_ || ofPorts;
     const int64_t due = work();
+    if (deliveries_.handOver()) {
+        around_.wait.wake(); // their ends are told in the next turn
+    }
     around_.wire.flush();
     return std::max<int64_t>(due - around_.now(), 0);
 }
@@ -88,6 +91,7 @@ int64_t Link::step(bool ofPorts) {
 // When there is something to do again.
 int64_t Link::work() {
     takeEvents();
+    (void)deliveries_.handOver(); // before other work; what has ended is taken below
     takeTexts();
     takeDelivered();
     takeKept();

@@ -1,5 +1,6 @@
 #include "link/Deliveries.h"
 
+#include <algorithm>
 #include <semaphore>
 
 #include "scriptobjects/convey/SoCVTextSeal.h"
@@ -84,6 +85,51 @@ TEST_F(DeliveriesTest, whatATargetDrawsSlowlyOrWithAPauseComesOnceAndWhole) {
         }
     }
     EXPECT_EQ(takeAll(*port).size(), 0U);
+}
+
+// In order also around one that goes by itself, and no more in one text than a packet holds.
+TEST_F(DeliveriesTest, smallOnesThatComeTogetherAreOneTextForTheirTarget) {
+    const struct {
+        std::vector<std::string> bodies;
+        std::vector<size_t> texts; // messages in each
+    } cases[] = {
+        {{"a"}, {1}},
+        {{"a", "b", "c"}, {3}},
+        {{"a", "b", std::string(size_t{24} << 20, 'c'), "d", "e"}, {2, 1, 1, 1}},
+        {{std::string(40'000, 'a'), "b", std::string(40'000, 'c'), "d"}, {2, 2}},
+    };
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.bodies.size());
+        for (size_t i = 0; i < one.bodies.size(); ++i) {
+            post(one.bodies[i], i + 1);
+        }
+        (void)deliveries->handOver();
+        std::vector<std::string> bodies;
+        for (const size_t messages : one.texts) {
+            PortText text;
+            ASSERT_TRUE(draw(text));
+            std::string_view rest = text.view();
+            Text message;
+            for (size_t i = 0; i < messages; ++i) {
+                ASSERT_TRUE(Text::read(rest, message));
+                bodies.emplace_back(message.body());
+            }
+            EXPECT_EQ(rest, "");
+        }
+        EXPECT_TRUE(bodies == one.bodies);
+        std::vector<uint64_t> tickets;
+        const auto begun = Clock::now();
+        while (tickets.size() < one.bodies.size()) {
+            ASSERT_LT(Clock::now() - begun, std::chrono::milliseconds(kGenerous));
+            for (const auto& end : deliveries->take()) {
+                EXPECT_EQ(end.outcome, Outcome::delivered);
+                EXPECT_NE(end.taker, nullptr);
+                tickets.push_back(end.ticket);
+            }
+        }
+        std::sort(tickets.begin(), tickets.end());
+        EXPECT_EQ(tickets.back(), tickets.size()) << "each has its end, once";
+    }
 }
 
 TEST_F(DeliveriesTest, endWhileATargetStandsStillInTheMiddleOfAText) {

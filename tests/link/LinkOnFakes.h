@@ -92,7 +92,11 @@ protected:
     // What has come to a port since the last look; empty for nothing.
     static std::string taken(platform::LocalPort& port) {
         platform::PortText text;
-        return port.take(text) ? std::string(text.view()) : std::string();
+        std::string all;
+        while (port.take(text)) {
+            all += text.view();
+        }
+        return all;
     }
     std::string told() const { return taken(*asker); }
 
