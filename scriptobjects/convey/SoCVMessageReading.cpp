@@ -58,7 +58,10 @@ bool Convey::Message::readHeadersLocked(ReadState& state, size_t bytes) {
             // Such a line is taken whole, and no text ends before its line feed.
             state.position = valueEnd + 1;
             bytes -= std::min(bytes, static_cast<size_t>(state.position - line));
-            takeLineLocked(state, {line, nameEnd}, {nameEnd + 1, valueEnd});
+            // Of the worst texts nearly every line is one header too many.
+            if (state.kind != LineKind::user || state.userHeaders < kMaximumReadHeaders) {
+                takeLineLocked(state, {line, nameEnd}, {nameEnd + 1, valueEnd});
+            }
             continue;
         }
         if (!state.findLine(nameEnd, valueEnd, bytes)) {
