@@ -21,37 +21,29 @@ protected:
 };
 
 TEST_F(SpecifierTest, findsItsParts) {
-    const struct {
-        const char* text;
-        const char* appName;
-        const char* instance;
-        const char* version;
-        const char* locale;
-        const char* suffix;
-    } cases[] = {
-        {"kivra", "kivra", "", "", "", ""},
-        {"App_2-3.0-de_DE#Ping", "app", "2", "3.0", "de_de", "ping"},
-        {"app-suite", "app", "", "", "suite", ""},
-        {"app-en_us", "app", "", "", "en_us", ""},
-        {"app#x-1.0", "app", "", "", "", "x-1.0"},
-        {"app_3", "app", "3", "", "", ""},
-        {"app-1.0_3", "app", "", "1.0_3", "", ""},
-        {"app-1.0#", "app", "", "1.0", "", ""},
-        {"app_1#a#b", "app", "1", "", "", "a#b"},
-        {"app-1.0-x-y", "app", "", "1.0", "x-y", ""},
-        {"app--1.0", "app", "", "", "-1.0", ""},
-        {"#s", "", "", "", "", "s"},
-        {"_-#", "", "", "", "", ""},
-        {"", "", "", "", "", ""},
+    // A text, and its name, instance, version, locale and suffix.
+    const std::pair<const char*, const char*> cases[] = {
+        {"kivra", "kivra||||"},
+        {"App_2-3.0-de_DE#Ping", "app|2|3.0|de_de|ping"},
+        {"app-suite", "app|||suite|"},
+        {"app-en_us", "app|||en_us|"},
+        {"app#x-1.0", "app||||x-1.0"},
+        {"app_3", "app|3|||"},
+        {"app-1.0_3", "app||1.0_3||"},
+        {"app-1.0#", "app||1.0||"},
+        {"app_1#a#b", "app|1|||a#b"},
+        {"app-1.0-x-y", "app||1.0|x-y|"},
+        {"app--1.0", "app|||-1.0|"},
+        {"#s", "||||s"},
+        {"_-#", "||||"},
+        {"", "||||"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.text);
-        const Specifier specifier(c.text, false);
-        EXPECT_STREQ(specifier.appName().c_str(), c.appName);
-        EXPECT_STREQ(specifier.instance().c_str(), c.instance);
-        EXPECT_STREQ(specifier.version().c_str(), c.version);
-        EXPECT_STREQ(specifier.locale().c_str(), c.locale);
-        EXPECT_STREQ(specifier.suffix().c_str(), c.suffix);
+    for (const auto& [text, expected] : cases) {
+        const Specifier specifier(text, false);
+        SoString parts = specifier.appName();
+        parts << '|' << specifier.instance() << '|' << specifier.version() << '|'
+              << specifier.locale() << '|' << specifier.suffix();
+        EXPECT_STREQ(parts.c_str(), expected) << text;
     }
 }
 

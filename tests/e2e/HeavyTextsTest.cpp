@@ -7,6 +7,7 @@
 #include "scriptobjects/stream/InterAppStream.h"
 #include "tests/e2e/Scene.h"
 #include "tests/support/Child.h"
+#include "tests/support/TestHandler.h"
 
 namespace {
 
@@ -67,17 +68,14 @@ TEST_F(HeavyTextsTest, aNeighboursFillIsBoundedAndKeepsNobodyOut) {
     ASSERT_TRUE(Convey::InitTerm::init(kTarget, true));
     const long before = residentKilobytes();
     {
-        class Counter : public Convey::MsgHandler {
-        public:
-            int32_t handleMessage(int, Convey::Message& message, SoString*) override {
-                hogs += message.getSender() == "hog-1.0" ? 1 : 0;
-                others += message.getSender() == "other-1.0" ? 1 : 0;
+        size_t hogs = 0;
+        size_t others = 0;
+        auto* const counter = new TestHandler(
+            [&](int, Convey::Message& message, SoString*) {
+                ++(message.getSender() == "hog-1.0" ? hogs : others);
                 return 0;
-            }
-            size_t hogs = 0;
-            size_t others = 0;
-        };
-        auto* const counter = new Counter;
+            },
+            "");
         Convey instance(kTarget, counter, true, nullptr);
         auto& incoming = instance.data()->incoming();
         // Nobody pumps. So many fill the hog's share.
@@ -101,11 +99,11 @@ TEST_F(HeavyTextsTest, aNeighboursFillIsBoundedAndKeepsNobodyOut) {
         }
         // Nothing that was delivered is lost.
         const auto end = Clock::now() + std::chrono::seconds(60);
-        while (counter->hogs < count && Clock::now() < end) {
+        while (hogs < count && Clock::now() < end) {
             (void)Convey::pumpOrWait(100);
         }
-        EXPECT_EQ(counter->hogs, count);
-        EXPECT_EQ(counter->others, 1U);
+        EXPECT_EQ(hogs, count);
+        EXPECT_EQ(others, 1U);
     }
     EXPECT_TRUE(Convey::InitTerm::exit());
 }

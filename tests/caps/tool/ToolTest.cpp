@@ -81,11 +81,7 @@ TEST_F(ToolTest, tellsFailuresFromMisuse) {
         {{"add-app", std::string(256, 'x'), "--path", "/a"}, 1},
     };
     for (const auto& [arguments, status] : cases) {
-        std::string line;
-        for (const std::string& argument : arguments) {
-            line += argument + " ";
-        }
-        SCOPED_TRACE(line);
+        SCOPED_TRACE(testing::PrintToString(arguments));
         EXPECT_EQ(run(arguments), status) << errors;
         EXPECT_EQ(errors.empty(), status == 0);
         if (status != 0) {
