@@ -15,9 +15,11 @@ class Writer {
 public:
     template <class Number>
     Writer& number(Number value) {
+        char bytes[sizeof value];
         for (size_t i = 0; i < sizeof value; ++i) {
-            out_ += static_cast<char>(static_cast<uint64_t>(value) >> (8 * i));
+            bytes[i] = static_cast<char>(static_cast<uint64_t>(value) >> (8 * i));
         }
+        out_.append(bytes, sizeof value);
         return *this;
     }
     Writer& text(std::string_view value) {

@@ -22,6 +22,8 @@ constexpr std::string_view kMade[] = {ConveyData::CV_MD5, ConveyData::CV_DIGEST,
                                       ConveyData::CV_SENDER_ID};
 // What goes in one packet is digested before it is sent.
 constexpr size_t kLargeBytes = limits::of("port.packet");
+// Of a request with headers of its own and what a link adds; more cost another allocation.
+constexpr size_t kUsualLines = 16;
 // What a reader takes off in front of a user header's name.
 constexpr std::string_view kEscape = "@HDR>";
 
@@ -42,6 +44,7 @@ std::string_view lineEnd(std::string_view& text) {
 bool Text::readHead(std::string_view& text, size_t& announced) {
     text.remove_prefix(std::min(text.find_first_not_of('\n'), text.size()));
     *this = Text();
+    lines_.reserve(kUsualLines);
     announced = 0;
     bool any = false;
     while (!text.empty()) {
