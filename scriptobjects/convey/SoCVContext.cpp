@@ -2,6 +2,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
+#include <iterator>
 #include <new>
 #include <string_view>
 
@@ -24,6 +26,7 @@ namespace {
 constinit std::atomic<ConveyContext*> gCurrentContext{nullptr};
 constinit std::atomic<uint32_t> gLastSerialNumber{1}; // handed out by any context
 constinit std::atomic<bool> gFirstCallSeen{false};
+constinit std::atomic<uint64_t> gLastInstance{0}; // of any context, so that none is another's
 
 constexpr const char* kBuild = "ES 4.5.6";
 constexpr std::chrono::milliseconds kVisitorsMilliseconds{limits::of("exit.wait")};
@@ -141,9 +144,11 @@ void ConveyContext::appendContext(ConveyContext& other) {
         number = other.serialNumber_;
         main = other.mainInstance_;
         other.mainInstance_ = nullptr;
-        while (Convey* instance = other.instances_.removeAt(0)) {
+        for (const auto& [position, instance] : other.instances_) {
             moved.push_back(instance);
         }
+        other.instances_.clear();
+        other.lastAsked_ = {};
         other.places_.clear();
         other.names_.clear();
     }
@@ -185,9 +190,20 @@ std::shared_ptr<ConveyData::PrivateData> ConveyContext::pinMain() const {
     return mainInstance_ == nullptr ? nullptr : mainInstance_->data();
 }
 
-std::shared_ptr<ConveyData::PrivateData> ConveyContext::pinNth(int32_t index) const {
+std::shared_ptr<ConveyData::PrivateData> ConveyContext::pin(uint64_t number) const {
     const ObjectLock guard(*this);
-    return index < 0 || index >= instances_.count() ? nullptr : instances_[index]->data();
+    const auto found = instances_.find(number);
+    return found == instances_.end() ? nullptr : found->second->data();
+}
+
+std::shared_ptr<ConveyData::PrivateData> ConveyContext::pinNext(uint64_t& number) const {
+    const ObjectLock guard(*this);
+    const auto next = instances_.upper_bound(number);
+    if (next == instances_.end()) {
+        return nullptr;
+    }
+    number = next->first;
+    return next->second->data();
 }
 
 void ConveyContext::appendInstance(Convey* instance) {
@@ -199,32 +215,50 @@ void ConveyContext::appendInstance(Convey* instance) {
         if (places_.count(instance) != 0) {
             return;
         }
-        // The name is asked for within this lock, which comes before that of an instance: the other
-        // way round two threads could wait for each other.
-        const auto& data = instance->data();
-        const SoString name = data == nullptr ? SoString() : data->appName();
-        const auto place = names_.emplace(name.c_str(), instance);
-        try {
-            places_.emplace(instance, place);
-            instances_.append(instance);
-        } catch (const std::bad_alloc&) {
-            places_.erase(instance);
-            names_.erase(place);
-            throw;
-        }
+        appendLocked(instance);
     }
     if (thread_ != nullptr) {
-        thread_->watchInstances();
+        thread_->watchInstance(instance);
+    }
+}
+
+void ConveyContext::appendLocked(Convey* instance) {
+    // The name is asked for within this lock, which comes before that of an instance: the other way
+    // round two threads could wait for each other.
+    const auto& data = instance->data();
+    const SoString name = data == nullptr ? SoString() : data->appName();
+    const auto named = names_.emplace(name.c_str(), instance);
+    auto place = instances_.end();
+    try {
+        place = instances_.emplace_hint(place, gLastInstance.fetch_add(1) + 1, instance);
+        places_.emplace(instance, Place{place, named});
+    } catch (const std::bad_alloc&) {
+        if (place != instances_.end()) {
+            instances_.erase(place);
+        }
+        names_.erase(named);
+        throw;
+    }
+    if (data != nullptr) {
+        data->setNumber(place->first);
     }
 }
 
 void ConveyContext::removeInstance(Convey* instance) {
     const ObjectLock guard(*this);
-    instances_.remove(instance);
-    const auto place = places_.find(instance);
-    if (place != places_.end()) {
-        names_.erase(place->second);
-        places_.erase(place);
+    const auto found = places_.find(instance);
+    if (found != places_.end()) {
+        const Place& place = found->second;
+        if (lastAsked_.index >= 0) {
+            if (place.instance == lastAsked_.instance) {
+                lastAsked_ = {};
+            } else if (place.instance->first < lastAsked_.instance->first) {
+                --lastAsked_.index;
+            }
+        }
+        names_.erase(place.name);
+        instances_.erase(place.instance);
+        places_.erase(found);
     }
     if (mainInstance_ == instance) {
         mainInstance_ = nullptr;
@@ -245,18 +279,33 @@ void ConveyContext::renameInstance(Convey* instance, const SoString& appName) {
         names_.erase(renamed);
         throw;
     }
-    names_.erase(place->second);
-    place->second = renamed;
+    names_.erase(place->second.name);
+    place->second.name = renamed;
 }
 
 int32_t ConveyContext::getNumberOfInstances() const {
     const ObjectLock guard(*this);
-    return instances_.count();
+    return static_cast<int32_t>(instances_.size());
 }
 
+// Who asks for one after the other goes on from the last.
 Convey* ConveyContext::getNthInstance(int32_t index) {
     const ObjectLock guard(*this);
-    return index < 0 || index >= instances_.count() ? nullptr : instances_[index];
+    const auto count = static_cast<int32_t>(instances_.size());
+    if (index < 0 || index >= count) {
+        return nullptr;
+    }
+    Counted near{instances_.begin(), 0};
+    if (count - 1 - index < index) {
+        near = {std::prev(instances_.cend()), count - 1};
+    }
+    if (lastAsked_.index >= 0 &&
+        std::abs(lastAsked_.index - index) < std::abs(near.index - index)) {
+        near = lastAsked_;
+    }
+    std::advance(near.instance, index - near.index);
+    lastAsked_ = {near.instance, index};
+    return near.instance->second;
 }
 
 void ConveyContext::setMainInstance(Convey* instance) {

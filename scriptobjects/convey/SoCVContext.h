@@ -14,7 +14,6 @@
 #include "scriptobjects/core/SoExport.h"
 #include "scriptobjects/core/SoString.h"
 #include "scriptobjects/core/SoThread.h"
-#include "scriptobjects/core/SoVector.h"
 
 namespace ScObjects {
 
@@ -60,7 +59,8 @@ public:
     // by it.
     void renameInstance(Convey* instance, const SoString& appName);
     int32_t getNumberOfInstances() const;
-    // Null out of range.
+    // In the order in which they came; null out of range. Quick behind or beside the one that was
+    // asked for last, and at both ends.
     Convey* getNthInstance(int32_t index);
     void setMainInstance(Convey* instance);
     Convey* getMainInstance();
@@ -95,7 +95,11 @@ public:
     // The same: instances that stay usable while others delete them.
     std::shared_ptr<ConveyData::PrivateData> pin(const SoString& appName) const;
     std::shared_ptr<ConveyData::PrivateData> pinMain() const;
-    std::shared_ptr<ConveyData::PrivateData> pinNth(int32_t index) const;
+    // By its number here (`PrivateData::number`); null for one that is gone.
+    std::shared_ptr<ConveyData::PrivateData> pin(uint64_t number) const;
+    // The next of them all, in their order, behind `number` (0: the first), which becomes its own;
+    // null behind the last. None is passed over by who deletes or makes some meanwhile.
+    std::shared_ptr<ConveyData::PrivateData> pinNext(uint64_t& number) const;
 
     // Raised whenever a message comes in or a handler goes: what waits looks again. `wait` returns
     // when it is no longer `seen`, or after so many milliseconds.
@@ -112,11 +116,26 @@ private:
     using Names = std::multimap<std::string, Convey*, std::less<>>;
     Convey* firstOfNameLocked(const SoString& appName) const SO_REQUIRES(this);
 
+    // By numbers that grow, so in the order in which they came, and each is parted with without a
+    // look at the others.
+    using Instances = std::map<uint64_t, Convey*>;
+    // Where each is in both.
+    struct Place {
+        Instances::iterator instance;
+        Names::iterator name;
+    };
+    // One of them, and how many are before it.
+    struct Counted {
+        Instances::const_iterator instance;
+        int32_t index = -1; // of none
+    };
+    void appendLocked(Convey* instance) SO_REQUIRES(this);
+
     uint32_t serialNumber_ SO_GUARDED_BY(this);
-    SoVector<Convey> instances_ SO_GUARDED_BY(this);
+    Instances instances_ SO_GUARDED_BY(this);
+    Counted lastAsked_ SO_GUARDED_BY(this);
     Names names_ SO_GUARDED_BY(this);
-    // Where each is among the names.
-    std::unordered_map<const Convey*, Names::iterator> places_ SO_GUARDED_BY(this);
+    std::unordered_map<const Convey*, Place> places_ SO_GUARDED_BY(this);
     Convey* mainInstance_ SO_GUARDED_BY(this) = nullptr;
     bool logging_ SO_GUARDED_BY(this) = false;
     mutable SoString signature_ SO_GUARDED_BY(this);

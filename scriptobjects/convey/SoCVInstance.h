@@ -108,6 +108,9 @@ public:
     void setAppName(const SoString& appName);
     ConveyContext* context() const { return context_.load(); }
     void setContext(ConveyContext* context) { context_.store(context); }
+    // By which its context and that one's thread know it; 0 before it had one.
+    uint64_t number() const { return number_.load(); }
+    void setNumber(uint64_t number) { number_.store(number); }
     MessageQueue& incoming() { return incoming_; }
     MessageQueue& outgoing() { return outbox_.messages(); }
     void setDiagnosticsRoots();
@@ -174,6 +177,7 @@ private:
     SoString infoRoot(const char* leaf) const;
 
     std::atomic<ConveyContext*> context_;
+    std::atomic<uint64_t> number_{0};
     std::atomic<bool> closed_{false};
     std::shared_ptr<InterAppStream> stream_ SO_GUARDED_BY(this);
     MessageQueue incoming_;

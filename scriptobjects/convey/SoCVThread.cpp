@@ -210,8 +210,8 @@ int64_t ConveyThread::nextLook() const {
         }
     }
     const ConveyContext* const context = context_.load();
-    for (int32_t i = 0; context != nullptr && next != 0; ++i) {
-        const auto instance = context->pinNth(i);
+    for (uint64_t last = 0; context != nullptr && next != 0;) {
+        const auto instance = context->pinNext(last);
         if (instance == nullptr) {
             break;
         }
@@ -329,10 +329,9 @@ ConveyThread::Left ConveyThread::serveInstances(bool regular) {
         return left;
     }
     bool waiting = false;
-    for (int32_t i = 0; !stop_.load(); ++i) {
-        // A share of it, by its place: hosts make and delete instances meanwhile. One that is
-        // passed over by that has its turn in the next round.
-        const auto instance = context->pinNth(i);
+    for (uint64_t last = 0; !stop_.load();) {
+        // A share of it: hosts make and delete instances meanwhile.
+        const auto instance = context->pinNext(last);
         if (instance == nullptr) {
             break;
         }
@@ -358,8 +357,8 @@ ConveyThread::Left ConveyThread::serveInstances(bool regular) {
 void ConveyThread::remindHost() const {
     const ConveyContext* const context =
         ConveyData::PollSignal::isWatched() ? context_.load() : nullptr;
-    for (int32_t i = 0; context != nullptr && !stop_.load(); ++i) {
-        const auto instance = context->pinNth(i);
+    for (uint64_t last = 0; context != nullptr && !stop_.load();) {
+        const auto instance = context->pinNext(last);
         if (instance == nullptr) {
             return;
         }
@@ -387,8 +386,8 @@ int64_t ConveyThread::carry() {
     Outbox::Left left = outbox_->pass(stream().get(), Outbox::Carrier::courier);
     ConveyContext* const context = context_.load();
     // One courier for all instances: they wait for each other's large texts, and nobody for them.
-    for (int32_t i = 0; context != nullptr && !stop_.load(); ++i) {
-        const auto instance = context->pinNth(i);
+    for (uint64_t last = 0; context != nullptr && !stop_.load();) {
+        const auto instance = context->pinNext(last);
         if (instance == nullptr) {
             break;
         }
@@ -397,13 +396,12 @@ int64_t ConveyThread::carry() {
     return left.retryMilliseconds;
 }
 
-void ConveyThread::watchInstances() {
-    ConveyContext* const context = context_.load();
-    if (wait_ == nullptr || context == nullptr) {
+void ConveyThread::watchInstance(const Convey* instance) {
+    if (wait_ == nullptr) {
         return;
     }
-    if (const auto newest = context->pinNth(context->getNumberOfInstances() - 1)) {
-        newest->watch(*wait_);
+    if (const auto& added = instance->data()) {
+        added->watch(*wait_);
     }
     wait_->wake();
 }

@@ -124,8 +124,8 @@ public:
     // Makes the observers that pings have named observe the main instance, when there is one.
     void installForwarding();
 
-    // Lets messages to instances that were added end the waits of this thread.
-    void watchInstances();
+    // Lets messages to an instance that was added end the waits of this thread.
+    void watchInstance(const Convey* instance);
 
     // Has it make a round at once when the process that took a request ends.
     void watch(platform::TargetWatch& taker);

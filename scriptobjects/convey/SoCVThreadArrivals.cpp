@@ -64,7 +64,7 @@ void ConveyThread::leaveArrivals(bool on) {
         on = false;
         arrivalsAreLeft_.store(false);
     }
-    for (int32_t i = 0; const auto instance = context->pinNth(i); ++i) {
+    for (uint64_t last = 0; const auto instance = context->pinNext(last);) {
         (void)instance->leaveArrivals(*wait_, on);
     }
 }

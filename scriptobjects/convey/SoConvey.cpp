@@ -278,7 +278,7 @@ bool Convey::pump(EnabledOperations operations, ConveyContext* context) {
         bool processed = false;
         bool left = false;
         // With a share of each, as handlers may delete instances, their own among them.
-        for (int32_t i = 0; const auto instance = context->pinNth(i); ++i) {
+        for (uint64_t number = 0; const auto instance = context->pinNext(number);) {
             instance->notePump();
             if ((operations & kProcessIncoming) != 0) {
                 // Who sends without end must not keep the host from all else.
@@ -301,7 +301,7 @@ bool Convey::pump(EnabledOperations operations, ConveyContext* context) {
             context->getThread()->notePump(processed);
         }
         if (ConveyData::PollSignal::lower() || processed) {
-            for (int32_t i = 0; const auto instance = context->pinNth(i); ++i) {
+            for (uint64_t number = 0; const auto instance = context->pinNext(number);) {
                 instance->remindHost();
             }
         }
@@ -388,7 +388,7 @@ void Convey::getDiagnostics(SoString& out, bool formattedText) {
             context->getThread()->appendDiagnostics(rows, root);
             root << "/instances";
             CVDiagnosticsRows(rows, root).node("", "Instances", context->getNumberOfInstances());
-            for (int32_t i = 0; const auto instance = context->pinNth(i); ++i) {
+            for (uint64_t number = 0; const auto instance = context->pinNext(number);) {
                 instance->appendDiagnostics(rows, root);
             }
             if (const ConveyConnector* connector = ConveyConnector::get()) {

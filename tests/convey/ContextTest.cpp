@@ -33,8 +33,8 @@ TEST_F(ContextTest, contextsKeepTheirInstances) {
     EXPECT_EQ(replacement->getMainInstance(), nullptr);
 }
 
-// Of several with one name the one that has had it for the longest.
-TEST_F(ContextTest, instancesAreFoundByTheNamesThatTheyHaveNow) {
+// Of several with one name the one that has had it for the longest; by places as they came.
+TEST_F(ContextTest, instancesAreFoundByTheNamesThatTheyHaveNowAndByTheirPlaces) {
     struct Known {
         std::unique_ptr<Convey> instance;
         std::string name;
@@ -49,7 +49,7 @@ TEST_F(ContextTest, instancesAreFoundByTheNamesThatTheyHaveNow) {
     const auto below = [&](size_t count) { return static_cast<size_t>(random() % count); };
     for (int step = 0; step < 400; ++step) {
         SCOPED_TRACE(step);
-        if (known.size() < 2 || (known.size() < 6 && below(3) == 0)) {
+        if (known.size() < 2 || (known.size() < 7 && below(3) == 0)) {
             known.push_back(
                 {std::make_unique<Convey>("own-1.0", nullptr, false, nullptr), "", step});
             known.back().name = known.back().instance->getAppName().c_str();
@@ -73,6 +73,11 @@ TEST_F(ContextTest, instancesAreFoundByTheNamesThatTheyHaveNow) {
             EXPECT_EQ(context->pin(asked), first == nullptr ? nullptr : first->instance->data());
         }
         EXPECT_EQ(context->getNumberOfInstances(), static_cast<int32_t>(known.size()));
+        for (int asked = 0; asked < 3; ++asked) { // in any order, by their places
+            const size_t place = below(known.size());
+            EXPECT_EQ(context->getNthInstance(static_cast<int32_t>(place)),
+                      known[place].instance.get());
+        }
     }
     elsewhere.setContext(context);
     EXPECT_EQ(context->findInstance(&elsewhere), &elsewhere);
