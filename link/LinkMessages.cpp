@@ -34,7 +34,7 @@ bool isLook(const Text& message) {
 std::unique_ptr<platform::LocalPort> Link::open(const std::string& name) {
     auto port = around_.ports.open(BaseInterAppStream::kPortNamePrefix + name);
     if (port != nullptr) {
-        around_.wait.add(*port);
+        around_.wait.add(*port, 0); // all are looked at
     }
     return port;
 }

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -337,12 +338,13 @@ public:
     // From now on a text that arrives at `port` ends a wait, until the port is gone. A text that
     // was there before ends one wait, and no further one until another arrives. That somebody has
     // removed what makes the port known to others is reported during a wait, where the system can
-    // tell.
-    virtual void add(const LocalPort& port) = 0;
+    // tell. `number`: by which `reported` tells of it; below 2^60. One that was added before gets
+    // the new one.
+    virtual void add(const LocalPort& port, uint64_t number) = 0;
 
     // No wait ends for what arrives at a port that was added from now on, as its owner waits for it
     // elsewhere; or again, as if it were added then.
-    virtual void pause(const LocalPort& port, bool on) = 0;
+    virtual void pause(const LocalPort& port, uint64_t number, bool on) = 0;
 
     // From now on the end of the watched owner ends a wait, until the watch is gone. An owner that
     // has closed the connection before, for want of room, is not told any more: so ask `ended`
@@ -370,6 +372,11 @@ public:
     // Whether something of ports and their owners may have ended the last wait, and not `wake` or a
     // descriptor of `watch` alone. Threads: the one that waits.
     virtual bool wasOfPorts() const = 0;
+
+    // The numbers of ports for whose texts the last wait ended; good until the next, which tells of
+    // those for which there was no room in this one. All of them as long as `tellsAll`; a port may
+    // be among them that is gone. Threads: the one that waits.
+    virtual std::span<const uint64_t> reported() const = 0;
 };
 
 // Named ports between the processes of one user. A name is any bytes but NUL, at least one.

@@ -295,8 +295,8 @@ private:
     class Wait : public PortWait {
     public:
         explicit Wait(FakeMessagePorts& ports) : ports_(ports) {}
-        void add(const LocalPort&) override {}
-        void pause(const LocalPort&, bool) override {} // there is no descriptor to wait at
+        void add(const LocalPort&, uint64_t) override {}
+        void pause(const LocalPort&, uint64_t, bool) override {} // there is no descriptor to wait at
         void add(TargetWatch&) override {}
         bool watch(int, bool) override { return false; }
         void watchNames(bool) override {}
@@ -317,6 +317,7 @@ private:
             return changed;
         }
         bool wasOfPorts() const override { return true; }
+        std::span<const uint64_t> reported() const override { return {}; }
 
     private:
         FakeMessagePorts& ports_;

@@ -19,13 +19,13 @@
 namespace platform {
 namespace {
 
-// What an event is of. Of a port it is not told which: all of them are looked at by who waits.
+// What an event is of, in its lowest bits. Those above are a port's number.
 constexpr uint64_t kPort = 0;
 constexpr uint64_t kWake = 1;
 constexpr uint64_t kFiles = 2;
 constexpr uint64_t kTarget = 3;
 constexpr uint64_t kOther = 4;
-constexpr int kEventsAtOnce = 16;
+constexpr int kKindBits = 3;
 constexpr int64_t kWatchAfterMilliseconds = limits::of("port.watch-after");
 constexpr int64_t kLongestLookAgainMilliseconds = limits::of("port.look-again");
 constexpr int64_t kLongestMilliseconds = limits::of("port.wait");
@@ -55,11 +55,13 @@ std::unique_ptr<PortWaiter> PortWaiter::make() {
 
 // Each event is told once: what a thread does not take away must not keep it awake. A descriptor
 // that is closed is forgotten by itself.
-bool PortWaiter::tellOnce(int fd, uint64_t kind) const {
+bool PortWaiter::tellOnce(int fd, uint64_t what) const {
     epoll_event event{};
     event.events = EPOLLIN | EPOLLET;
-    event.data.u64 = kind;
-    return epoll_ctl(events_.get(), EPOLL_CTL_ADD, fd, &event) == 0;
+    event.data.u64 = what;
+    // One that is there already is told of by what it is now.
+    return epoll_ctl(events_.get(), EPOLL_CTL_ADD, fd, &event) == 0 ||
+           (errno == EEXIST && epoll_ctl(events_.get(), EPOLL_CTL_MOD, fd, &event) == 0);
 }
 
 // Every change of the file's state, the removal of its last name among them, is an event.
@@ -75,9 +77,9 @@ bool PortWaiter::watchFile(const std::string& path, int& number) {
     return number >= 0;
 }
 
-void PortWaiter::add(const LocalPort& port) {
+void PortWaiter::add(const LocalPort& port, uint64_t number) {
     const auto& receiver = static_cast<const PortReceiver&>(port);
-    pause(port, false);
+    pause(port, number, false);
     const std::lock_guard<std::mutex> guard(mutex_);
     const std::string folder = receiver.name().folder().path() + "/";
     unwatched_.push_back(folder + receiver.name().lockFile());
@@ -88,10 +90,10 @@ void PortWaiter::add(const LocalPort& port) {
     }
 }
 
-void PortWaiter::pause(const LocalPort& port, bool on) {
+void PortWaiter::pause(const LocalPort& port, uint64_t number, bool on) {
     if (on) {
         (void)epoll_ctl(events_.get(), EPOLL_CTL_DEL, port.descriptor(), nullptr);
-    } else if (!tellOnce(port.descriptor(), kPort) && errno != EEXIST) {
+    } else if (!tellOnce(port.descriptor(), number << kKindBits | kPort)) {
         portsMissed_.store(true); // it is polled
     }
 }
@@ -195,6 +197,7 @@ bool PortWaiter::wait(int64_t timeoutMilliseconds) {
         // an owner that has them still is no dying one.
         lookAgain_ = lookAgain_ < kLongestLookAgainMilliseconds ? lookAgain_ * 2 : 0;
     }
+    reportedCount_ = 0;
     if (!events_) { // a child after fork
         std::this_thread::sleep_for(std::chrono::milliseconds(timeout));
         return false;
@@ -203,9 +206,12 @@ bool PortWaiter::wait(int64_t timeoutMilliseconds) {
     const int count = epoll_wait(events_.get(), events, kEventsAtOnce, static_cast<int>(timeout));
     wasOfPorts_ = looksAgain;
     for (int i = 0; i < count; ++i) {
-        const uint64_t kind = events[i].data.u64;
+        const uint64_t what = events[i].data.u64; // a copy: the system packs its structure
+        const uint64_t kind = what & ((uint64_t{1} << kKindBits) - 1);
         wasOfPorts_ = wasOfPorts_ || (kind != kWake && kind != kOther);
-        if (kind == kWake) {
+        if (kind == kPort) {
+            reported_[reportedCount_++] = what >> kKindBits;
+        } else if (kind == kWake) {
             drain(wakes_.get());
         } else if (kind == kFiles && readFileEvents()) {
             PortReceiver::reportLost();

@@ -19,8 +19,8 @@ public:
     // Null when the system gives no descriptors.
     static std::unique_ptr<PortWaiter> make();
 
-    void add(const LocalPort& port) override;
-    void pause(const LocalPort& port, bool on) override;
+    void add(const LocalPort& port, uint64_t number) override;
+    void pause(const LocalPort& port, uint64_t number, bool on) override;
     void add(TargetWatch& watch) override;
     bool watch(int descriptor, bool on) override;
     void watchNames(bool on) override;
@@ -28,10 +28,13 @@ public:
     void wake() override;
     bool wait(int64_t timeoutMilliseconds) override;
     bool wasOfPorts() const override { return wasOfPorts_; }
+    std::span<const uint64_t> reported() const override { return {reported_, reportedCount_}; }
 
 private:
+    static constexpr int kEventsAtOnce = 16;
+
     PortWaiter(PortDescriptor events, PortDescriptor wakes);
-    bool tellOnce(int fd, uint64_t kind) const;
+    bool tellOnce(int fd, uint64_t what) const;
     bool watchFile(const std::string& path, int& watch);
     bool readFileEvents();
     void watchFiles();
@@ -40,7 +43,9 @@ private:
     const PortDescriptor wakes_;
     std::atomic<bool> portsMissed_{false}; // the system would not watch one
     std::atomic<int64_t> watchAt_{0};      // when the files are watched, 0 when none waits for it
-    bool wasOfPorts_ = false;              // of the waiting thread, as the next
+    bool wasOfPorts_ = false;              // of the waiting thread, as the next three
+    uint64_t reported_[kEventsAtOnce] = {};
+    size_t reportedCount_ = 0;
     int64_t lookAgain_ = 0;                // milliseconds, after the end of a target
     mutable std::mutex mutex_;             // guards what follows
     PortDescriptor files_;               // inotify; missing where the system gives no more of them

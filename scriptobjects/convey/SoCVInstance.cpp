@@ -97,7 +97,7 @@ void PrivateData::setAppName(const SoString& appName) {
 
 void PrivateData::watch(platform::PortWait& wait) const {
     if (const auto stream = this->stream()) {
-        stream->watch(wait);
+        stream->watch(wait, number());
     }
 }
 

@@ -125,7 +125,7 @@ bool ConveyThread::openStream() {
             // askers know an answer by the name that they have asked.
             specifier_ = stream_->getName();
             if (wait_ != nullptr) {
-                stream_->watch(*wait_);
+                stream_->watch(*wait_, 0); // looked at in each round
             }
         }
     }

@@ -92,10 +92,11 @@ void MacInterAppStream::close() {
     drawnBytes_ = 0;
 }
 
-void MacInterAppStream::watch(platform::PortWait& wait) const {
+void MacInterAppStream::watch(platform::PortWait& wait, uint64_t number) const {
     const ObjectLock guard(*this);
+    watchNumber_ = number;
     if (port_ != nullptr) {
-        wait.add(*port_);
+        wait.add(*port_, number);
     }
 }
 
@@ -107,7 +108,7 @@ bool MacInterAppStream::divert(platform::PortWait& wait, platform::PollSignal& s
     }
     // At either place before it is gone from the other, so that nothing arrives unseen.
     if (!on) {
-        wait.pause(*port_, false);
+        wait.pause(*port_, watchNumber_, false);
         (void)divertedTo_->join(port_->descriptor(), false);
         divertedTo_ = nullptr;
         return true;
@@ -116,7 +117,7 @@ bool MacInterAppStream::divert(platform::PortWait& wait, platform::PollSignal& s
         return false;
     }
     divertedTo_ = &signal;
-    wait.pause(*port_, true);
+    wait.pause(*port_, watchNumber_, true);
     return true;
 }
 

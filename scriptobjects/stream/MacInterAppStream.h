@@ -108,8 +108,9 @@ public:
     // Waits for no one, and not for a send that another thread has under way.
     void close();
 
-    // Lets texts that arrive end the waits of `wait`, until the stream is closed.
-    void watch(platform::PortWait& wait) const;
+    // Lets texts that arrive end the waits of `wait`, which tells of them by `number`, until the
+    // stream is closed.
+    void watch(platform::PortWait& wait, uint64_t number) const;
 
     // While `on`, what has arrived makes `signal` readable until it is taken, and ends no wait of
     // `wait`, which watches the stream. `signal` is used until the stream is closed. False when
@@ -126,6 +127,7 @@ private:
 
     std::shared_ptr<platform::LocalPort> port_ SO_GUARDED_BY(this); // null: not good
     mutable platform::PollSignal* divertedTo_ SO_GUARDED_BY(this) = nullptr;
+    mutable uint64_t watchNumber_ SO_GUARDED_BY(this) = 0;
     mutable SoVector<DataRef> drawn_ SO_GUARDED_BY(this);
     mutable int64_t drawnBytes_ SO_GUARDED_BY(this) = 0;
 };

@@ -28,7 +28,7 @@ protected:
             3 * kGenerous;
         deliveries->post("lumen", text.write(std::move(whole)), deadline, false, ticket);
     }
-    DeliveriesTest() { wait->add(*port); }
+    DeliveriesTest() { wait->add(*port, 0); }
     // The next text, or with `portions` what of a large one is drawn at a time: false in its
     // middle.
     bool draw(PortText& text, bool portions = false) const {

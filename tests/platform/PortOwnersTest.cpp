@@ -199,7 +199,7 @@ TEST_F(PortOwnersTest, filesAreKeptFromCleanersAndTheLossOfEitherIsReportedOnce)
         const mode_t more = ending == std::string(".socket") ? 0100 : 0; // what the owner knows
         EXPECT_EQ(status.st_mode & 07777, 01600 | more) << "the mark that cleaners respect";
         const auto wait = ports.newWait();
-        wait->add(*port);
+        wait->add(*port, 0);
         (void)wait->wait(0);
         EXPECT_TRUE(log.lines.empty());
         ASSERT_EQ(unlink(fileOf(ending).c_str()), 0);

@@ -113,7 +113,7 @@ TEST_F(PortSealsTest, aWaitEndsWhileThereIsMoreOfALargeText) {
     const auto wait = ports.newWait();
     ASSERT_TRUE(port != nullptr && wait != nullptr);
     port->checkSeals([] { return std::make_unique<SumSeal>(); });
-    wait->add(*port);
+    wait->add(*port, 3);
     const std::string text(size_t{48} << 20, 't');
     SumSeal seal;
     std::thread sender([&] {
@@ -121,6 +121,7 @@ TEST_F(PortSealsTest, aWaitEndsWhileThereIsMoreOfALargeText) {
     });
     PortText received;
     while (!port->take(received) && wait->wait(kGenerous)) {
+        EXPECT_EQ(wait->reported().size(), 1U);
     }
     EXPECT_EQ(received.size(), sumOf(text).size() + text.size());
     sender.join();
