@@ -281,6 +281,10 @@ public:
     // read at once, and a wait for events ends at once.
     virtual bool hasMore() const = 0;
 
+    // False while something is to be done here at a time that no wait ends for, for want of what
+    // the system needs to tell it: who serves the port must look from time to time.
+    virtual bool tellsAll() const { return true; }
+
     // Leaves what this process sends in the system's queue from now on, or takes it again. Texts
     // that were drawn already are handed on. For who has no room for more of one sender, and goes
     // on taking from others. No wait ends for what is held back.

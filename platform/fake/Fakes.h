@@ -296,7 +296,8 @@ private:
     public:
         explicit Wait(FakeMessagePorts& ports) : ports_(ports) {}
         void add(const LocalPort&, uint64_t) override {}
-        void pause(const LocalPort&, uint64_t, bool) override {} // there is no descriptor to wait at
+        void pause(const LocalPort&, uint64_t, bool) override {
+        } // there is no descriptor to wait at
         void add(TargetWatch&) override {}
         bool watch(int, bool) override { return false; }
         void watchNames(bool) override {}

@@ -242,6 +242,11 @@ bool PortReceiver::hasMore() const {
     return hasMoreLocked();
 }
 
+bool PortReceiver::tellsAll() const {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return tendAt_ == 0 || timer_;
+}
+
 bool PortReceiver::hasMoreLocked() const {
     return partBytesRead_ >= kPartBytesAtOnce;
 }

@@ -29,6 +29,7 @@ public:
     bool take(PortText& out) override;
     bool wait(int64_t timeoutMilliseconds, bool soon) override;
     bool hasMore() const override;
+    bool tellsAll() const override;
     void hold(int32_t process, bool on) override;
     void checkSeals(const std::function<std::unique_ptr<PortSeal>()>& make) override;
     PortPlace placeBehind(int32_t process) const override;

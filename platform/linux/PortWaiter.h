@@ -46,8 +46,8 @@ private:
     bool wasOfPorts_ = false;              // of the waiting thread, as the next three
     uint64_t reported_[kEventsAtOnce] = {};
     size_t reportedCount_ = 0;
-    int64_t lookAgain_ = 0;                // milliseconds, after the end of a target
-    mutable std::mutex mutex_;             // guards what follows
+    int64_t lookAgain_ = 0;              // milliseconds, after the end of a target
+    mutable std::mutex mutex_;           // guards what follows
     PortDescriptor files_;               // inotify; missing where the system gives no more of them
     std::vector<std::string> unwatched_; // files of ports, until this process has lived for a while
     int names_ = -1;                     // its watch on the folder, while names are watched

@@ -161,6 +161,11 @@ bool MacInterAppStream::hasMore() const {
     return port != nullptr && port->hasMore();
 }
 
+bool MacInterAppStream::tellsAll() const {
+    const std::shared_ptr<platform::LocalPort> port = this->port();
+    return port == nullptr || port->tellsAll();
+}
+
 void MacInterAppStream::hold(int32_t process, bool on) {
     if (const std::shared_ptr<platform::LocalPort> port = this->port()) {
         port->hold(process, on);

@@ -94,6 +94,8 @@ public:
     // True when large texts were read in part only, so that nothing else waits for their end: there
     // is more of them already.
     bool hasMore() const;
+    // False while what is to be done at the port is not told (`platform::LocalPort` says when).
+    bool tellsAll() const;
     // Leaves what this process sends with it from now on, but for what is drawn already, or draws
     // it again.
     void hold(int32_t process, bool on);
