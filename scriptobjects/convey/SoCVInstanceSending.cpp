@@ -460,7 +460,7 @@ Outbox::Left PrivateData::processOutgoing() {
     const Outbox::Left left = outbox_.pass(stream().get(), Outbox::Carrier::round);
     const ConveyContext* const context = this->context();
     if (left.large && context != nullptr) {
-        context->getThread()->wakeCourier();
+        context->getThread()->wakeCourier(number());
     }
     letHeldUpGoOn(left);
     return left;

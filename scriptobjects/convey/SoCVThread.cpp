@@ -15,6 +15,7 @@
 #include "scriptobjects/convey/SoCVConversation.h"
 #include "scriptobjects/convey/SoCVCourier.h"
 #include "scriptobjects/convey/SoCVDiagnosticsRows.h"
+#include "scriptobjects/convey/SoCVDueInstances.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVOutbox.h"
@@ -65,7 +66,8 @@ ConveyThread::ConveyThread(ConveyContext* context, const SoString& appSpecifier)
       startTime_(ConveyUtils::getUTCTimeMilliSeconds()),
       specifier_(createThreadSpecifier(appSpecifier)),
       outbox_(std::make_unique<Outbox>(Outbox::Kind::pings)),
-      pings_(std::make_unique<ConveyData::Arrivals>()) {
+      pings_(std::make_unique<ConveyData::Arrivals>()),
+      dueToCarry_(std::make_unique<ConveyData::DueInstances>()) {
     // What a ping without a key of its own asks for: it is answered as long as this thread runs.
     (void)setKeyValuePair(CV_ECHO_REQUEST, CV_ECHO_RESPONSE);
     (void)setKeyValuePair(CV_STATUS, CV_IDLE);
@@ -366,7 +368,31 @@ void ConveyThread::remindHost() const {
     }
 }
 
-void ConveyThread::wakeCourier() {
+// By a share of each: hosts make and delete instances meanwhile.
+void ConveyThread::visit(
+    const ConveyData::TakenInstances& due,
+    const std::function<void(ConveyData::PrivateData& instance, uint64_t number)>& visitor) const {
+    // Null once the layer was ended from a handler of this thread: it then goes on to the end of
+    // its loop without one.
+    const ConveyContext* const context = context_.load();
+    if (context == nullptr) {
+        return;
+    }
+    if (due.all) {
+        for (uint64_t number = 0; const auto instance = context->pinNext(number);) {
+            visitor(*instance, number);
+        }
+        return;
+    }
+    for (const uint64_t number : due.numbers) {
+        if (const auto instance = context->pin(number)) { // else it has gone
+            visitor(*instance, number);
+        }
+    }
+}
+
+void ConveyThread::wakeCourier(uint64_t instance) {
+    dueToCarry_->add(instance);
     const ObjectLock guard(*this);
     if (courier_ == nullptr && !stop_.load()) {
         courier_ = std::make_unique<ConveyCourier>([this] { return carry(); });
@@ -384,15 +410,17 @@ void ConveyThread::wakeCourier() {
 // The courier's round; the milliseconds until the next.
 int64_t ConveyThread::carry() {
     Outbox::Left left = outbox_->pass(stream().get(), Outbox::Carrier::courier);
-    ConveyContext* const context = context_.load();
+    const ConveyData::TakenInstances due = dueToCarry_->take();
     // One courier for all instances: they wait for each other's large texts, and nobody for them.
-    for (uint64_t last = 0; context != nullptr && !stop_.load();) {
-        const auto instance = context->pinNext(last);
-        if (instance == nullptr) {
-            break;
+    visit(due, [&](ConveyData::PrivateData& instance, uint64_t number) {
+        if (stop_.load()) {
+            return;
         }
-        left.join(instance->carryOutgoing());
-    }
+        left.join(instance.carryOutgoing());
+        if (instance.outgoingPending()) {
+            dueToCarry_->add(number);
+        }
+    });
     return left.retryMilliseconds;
 }
 

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -25,7 +26,9 @@ namespace ScObjects {
 namespace ConveyData {
 enum class Delivery;
 class Arrivals;
+class DueInstances;
 class Outbox;
+struct TakenInstances;
 } // namespace ConveyData
 
 class ConveyContext;
@@ -147,8 +150,9 @@ public:
     // The moment this thread was made, in milliseconds since 1970.
     double startTime() const { return startTime_; }
 
-    // There is something for the courier, which is started when there is none.
-    void wakeCourier();
+    // There is something for the courier, of that instance (0: of the thread itself). It is started
+    // when there is none.
+    void wakeCourier(uint64_t instance = 0);
 
     // Appends the thread's rows of the diagnostics text.
     void appendDiagnostics(SoString& out, const SoString& path) const;
@@ -177,6 +181,8 @@ private:
     void answerPing(Convey::Message& message);
     Left serveInstances(bool regular);
     void remindHost() const;
+    void visit(const ConveyData::TakenInstances& due,
+               const std::function<void(ConveyData::PrivateData&, uint64_t)>& visitor) const;
     int64_t carry();
     bool pause(int64_t milliseconds);
     bool isHostAttentive() const;
@@ -210,6 +216,7 @@ private:
     std::unique_ptr<ConveyCourier> courier_ SO_GUARDED_BY(this); // null until it is needed
     std::atomic<uint32_t> failedRounds_{0};                      // for want of memory
     const std::unique_ptr<ConveyData::Arrivals> pings_;          // by the thread itself only
+    const std::unique_ptr<ConveyData::DueInstances> dueToCarry_;
 };
 
 } // namespace ScObjects
