@@ -494,6 +494,7 @@ void Convey::setContext(ConveyContext* context) {
             old->removeInstance(this);
         }
         data.setContext(context);
+        data.noteDue(0); // what was told to the thread of the old one
         return true;
     });
 }

@@ -64,8 +64,12 @@ public:
     Delivery post(std::unique_ptr<Convey::Message> message);
     bool sendResult(const Convey::Message& request, const SoString& result);
     bool processIncoming(uint32_t serialNumber, bool process);
-    // Draws what has arrived into the queue, within bounds; true when there may be more.
-    bool receiveArrived();
+    // Draws what has arrived into the queue, within bounds.
+    struct Received {
+        bool more = false; // there is more than there was time for
+        bool any = false;
+    };
+    Received receiveArrived();
     // Has what arrives announced to the host's main loop, which then draws it, or again to `wait`.
     // False while it is for the background to draw. The background thread only.
     bool leaveArrivals(platform::PortWait& wait, bool on);
@@ -84,6 +88,13 @@ public:
     // The courier's pass.
     Outbox::Left carryOutgoing();
 
+    // Tells the background thread that something is to be done here at that time; see
+    // `ConveyThread::noteDue`.
+    void noteDue(int64_t steadyMilliseconds) const;
+    // When the background thread has to look at this instance although nothing was announced to it.
+    // What changes that, but for what arrives, tells the thread.
+    enum class Looks { none, regular, each };
+    Looks neededLooks() const;
     // The steady millisecond by which the background thread is to look again when nothing is
     // announced to it, INT64_MAX for never; 0 while only looking shows what is to be done.
     int64_t nextLook();
@@ -152,10 +163,6 @@ private:
     bool waitForResponse(const Conversations::Wait& wait, const Convey::Message& message,
                          uint32_t seconds);
     bool receive(int messages, bool needed);
-    struct Received {
-        bool more = false; // there is more than there was time for
-        bool any = false;
-    };
     // Who is told of what comes in: everybody who waits for it, or not the host's main loop, which
     // handles it next.
     enum class Told { all, notTheLoop };

@@ -132,7 +132,11 @@ void PrivateData::receiveMessage(std::unique_ptr<Message> message, Told told) {
 bool PrivateData::receive(int messages, bool needed) {
     const ConveyUtils::DelayedForwarding delayed; // an observer may receive, too
     const std::lock_guard<std::mutex> turn(receivingTurn_);
-    return receiveInTurn(messages, needed, Told::notTheLoop).any;
+    const bool any = receiveInTurn(messages, needed, Told::notTheLoop).any;
+    if (!arrivals_.isEmpty()) {
+        noteDue(0); // nothing tells that there is room again
+    }
+    return any;
 }
 
 // Receives for a moment, as far as there is room.
@@ -151,7 +155,7 @@ PrivateData::Received PrivateData::receiveInTurn(int messages, bool needed, Told
     return received;
 }
 
-bool PrivateData::receiveArrived() {
+PrivateData::Received PrivateData::receiveArrived() {
     removeExpired();                              // the owner may not pump for long
     const ConveyUtils::DelayedForwarding delayed; // an observer may receive, too
     // A pump that receives takes the turn again and again, as quickly as it gives it back: the
@@ -159,9 +163,9 @@ bool PrivateData::receiveArrived() {
     const std::unique_lock<std::mutex> turn(receivingTurn_, std::try_to_lock);
     if (!turn.owns_lock()) {
         std::this_thread::sleep_for(kTurnPause);
-        return true;
+        return {.more = true};
     }
-    return receiveInTurn(INT_MAX, false, Told::all).more;
+    return receiveInTurn(INT_MAX, false, Told::all);
 }
 
 bool PrivateData::tellOfEndedTakers() {
@@ -171,7 +175,7 @@ bool PrivateData::tellOfEndedTakers() {
     // Once more, now that the end is known: what the target sent before it has all arrived. Whoever
     // receives notes when that has been read, so that a thread that has the turn again and again
     // puts nothing off.
-    const bool more = receiveArrived();
+    const bool more = receiveArrived().more;
     // Without the turn: what observers and askers are told of it may have them receive.
     for (const AwaitedRequest& request : takers_->takeLost()) {
         sendError(*request.message(), Convey::kTargetEndedText, Convey::kTargetEndedCode, 0);
@@ -276,6 +280,7 @@ bool PrivateData::handle(MessageQueue::Taken& taken, Conversations::Turn& turn) 
     if (!isEmptyRequest(*taken.message) &&
         !attempt([&] { result = dispatch(taken, turn, called); })) {
         if (!called && attempt([&] { incoming_.putBack(taken); })) {
+            noteDue(0);
             return false;
         }
         answerLost(*taken.message);

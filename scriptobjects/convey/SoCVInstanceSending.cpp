@@ -185,7 +185,7 @@ Delivery PrivateData::post(std::unique_ptr<Message> message) {
     }
     if (delivery == Delivery::queued) {
         if (const ConveyContext* context = this->context()) {
-            context->getThread()->wake();
+            context->getThread()->wake(number());
         }
     }
     if (event != nullptr && delivery != Delivery::refused) {
@@ -254,15 +254,12 @@ void PrivateData::accept(std::unique_ptr<Message> message, Told told) {
     traffic_.noteIn(*message);
     if (incoming_.append(message.get())) {
         (void)message.release(); // the queue's now
-        ConveyContext* const context = this->context();
         if (told == Told::all) {
             noteActivity();
-        } else if (context != nullptr) {
+        } else if (ConveyContext* const context = this->context()) {
             context->noteActivity();
         }
-        if (context != nullptr) {
-            context->getThread()->noteDue(PollSignal::isWatched() ? 0 : incoming_.nextDeadline());
-        }
+        noteDue(PollSignal::isWatched() ? 0 : incoming_.nextDeadline());
     }
 }
 
@@ -325,15 +322,16 @@ std::unique_ptr<Takers::Sending> PrivateData::beginSending(std::optional<Awaited
     }
     const SoString name(request->asker);
     const auto asker = name == appName() ? shared_from_this() : context->pin(name);
-    return asker == nullptr ? nullptr
-                            : std::make_unique<Takers::Sending>(
-                                  asker->takers_, std::move(*request),
-                                  [this](platform::TargetWatch& taker) { watchTaker(taker); });
+    return asker == nullptr
+               ? nullptr
+               : std::make_unique<Takers::Sending>(
+                     asker->takers_, std::move(*request),
+                     [asker](platform::TargetWatch& taker) { asker->watchTaker(taker); });
 }
 
 void PrivateData::watchTaker(platform::TargetWatch& taker) const {
     if (const ConveyContext* const context = this->context()) {
-        context->getThread()->watch(taker);
+        context->getThread()->watch(taker, number());
     }
 }
 
@@ -372,7 +370,7 @@ bool PrivateData::queueOutgoing(std::unique_ptr<Message> message) {
         return false;
     }
     if (const ConveyContext* context = this->context()) {
-        context->getThread()->wake();
+        context->getThread()->wake(number());
     }
     return true;
 }

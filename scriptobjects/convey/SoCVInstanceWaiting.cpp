@@ -9,6 +9,7 @@
 #include "scriptobjects/convey/SoCVPollSignal.h"
 #include "scriptobjects/convey/SoCVSteadyTime.h"
 #include "scriptobjects/convey/SoCVThread.h"
+#include "scriptobjects/stream/InterAppStream.h"
 
 namespace ScObjects::ConveyData {
 namespace {
@@ -56,10 +57,8 @@ void PrivateData::watchTime(const Message& message) {
 
 void PrivateData::watchTime(const Message& message, uint32_t seconds) {
     conversations_.watch(message, message.getSender(), seconds);
-    if (const ConveyContext* const context = this->context();
-        context != nullptr && static_cast<int32_t>(seconds) >= 0) {
-        context->getThread()->noteDue(ConveyUtils::getSteadyMilliseconds() +
-                                      int64_t{1000} * seconds);
+    if (static_cast<int32_t>(seconds) >= 0) {
+        noteDue(ConveyUtils::getSteadyMilliseconds() + int64_t{1000} * seconds);
     }
     if (HandlerSlot::anyForwards()) {
         if (const auto watcher = conversations_.watcherOf(message.getSerialNumber())) {
@@ -68,13 +67,35 @@ void PrivateData::watchTime(const Message& message, uint32_t seconds) {
     }
 }
 
+void PrivateData::noteDue(int64_t steadyMilliseconds) const {
+    if (const ConveyContext* const context = this->context()) {
+        context->getThread()->noteDue(steadyMilliseconds, number());
+    }
+}
+
+// Whatever `nextLook` looks for is here, and is asked for without a look at each message.
+PrivateData::Looks PrivateData::neededLooks() const {
+    if (isClosed()) {
+        return Looks::none;
+    }
+    if (!arrivals_.isEmpty() || !takers_->isEmpty() || !outbox_.messages().isEmpty()) {
+        return Looks::each;
+    }
+    const auto stream = this->stream();
+    return !incoming_.isEmpty() || conversations_.isWatching() ||
+                   (stream != nullptr && !stream->tellsAll())
+               ? Looks::regular
+               : Looks::none;
+}
+
 int64_t PrivateData::nextLook() {
     if (isClosed()) {
         return INT64_MAX;
     }
     // Nothing tells that there is room again for what is held back, that a target's end was not
     // told, or that a handler may run that the host's main loop was not woken for.
-    if (!arrivals_.isEmpty() || !takers_->isEmpty() ||
+    const auto stream = this->stream();
+    if (!arrivals_.isEmpty() || !takers_->isEmpty() || (stream != nullptr && !stream->tellsAll()) ||
         (PollSignal::isWatched() && !incoming_.isEmpty())) {
         return 0;
     }

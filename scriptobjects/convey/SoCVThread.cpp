@@ -67,6 +67,8 @@ ConveyThread::ConveyThread(ConveyContext* context, const SoString& appSpecifier)
       specifier_(createThreadSpecifier(appSpecifier)),
       outbox_(std::make_unique<Outbox>(Outbox::Kind::pings)),
       pings_(std::make_unique<ConveyData::Arrivals>()),
+      due_(std::make_unique<ConveyData::DueInstances>()),
+      left_(std::make_unique<ConveyData::DueInstances>()),
       dueToCarry_(std::make_unique<ConveyData::DueInstances>()) {
     // What a ping without a key of its own asks for: it is answered as long as this thread runs.
     (void)setKeyValuePair(CV_ECHO_REQUEST, CV_ECHO_RESPONSE);
@@ -168,7 +170,6 @@ void ConveyThread::run() {
             // Not in the other rounds: blocks that are given back in a busy moment would have to be
             // fetched again at once.
             platform::TextMemory::giveBackWhenIdle();
-            remindHost();
             nextRound = roundClock() + static_cast<double>(kRoundMilliseconds);
         }
         rested = Rested::no;
@@ -199,7 +200,8 @@ void ConveyThread::run() {
 // rounds show what is to be done.
 int64_t ConveyThread::nextLook() const {
     if (wait_ == nullptr || !wait_->tellsAll() || platform::TextMemory::keptBytes() != 0 ||
-        !pings_->isEmpty() || !outbox_->messages().isEmpty()) {
+        !pings_->isEmpty() || !outbox_->messages().isEmpty() || !stream()->tellsAll() ||
+        due_->areAll()) {
         return 0;
     }
     int64_t next = INT64_MAX;
@@ -211,13 +213,17 @@ int64_t ConveyThread::nextLook() const {
             }
         }
     }
+    // Of all others there is nothing to do.
     const ConveyContext* const context = context_.load();
-    for (uint64_t last = 0; context != nullptr && next != 0;) {
-        const auto instance = context->pinNext(last);
-        if (instance == nullptr) {
-            break;
-        }
-        next = std::min(next, instance->nextLook());
+    const auto look = [&](uint64_t number) {
+        const auto instance = context == nullptr ? nullptr : context->pin(number);
+        next = instance == nullptr ? next : std::min(next, instance->nextLook());
+    };
+    for (const uint64_t number : regularlyDue_) {
+        look(number);
+    }
+    for (uint64_t number = 0; (number = due_->next(number)) != 0;) {
+        look(number);
     }
     return next;
 }
@@ -246,7 +252,8 @@ ConveyThread::Rested ConveyThread::rest() {
     return result;
 }
 
-void ConveyThread::noteDue(int64_t steadyMilliseconds) {
+void ConveyThread::noteDue(int64_t steadyMilliseconds, uint64_t instance) {
+    due_->add(instance);
     if (steadyMilliseconds < restsUntil_.load()) {
         wake();
     }
@@ -256,7 +263,11 @@ void ConveyThread::noteDue(int64_t steadyMilliseconds) {
 // the time is up.
 bool ConveyThread::pause(int64_t milliseconds) {
     if (wait_ != nullptr) {
-        return wait_->wait(milliseconds);
+        const bool woken = wait_->wait(milliseconds);
+        for (const uint64_t number : wait_->reported()) {
+            due_->add(number);
+        }
+        return woken;
     }
     wait(static_cast<unsigned>(std::min(milliseconds, kRoundMilliseconds)));
     return false;
@@ -269,6 +280,7 @@ ConveyThread::Left ConveyThread::tryRound(bool regular) {
         return runRound(regular);
     } catch (const std::bad_alloc&) {
         failedRounds_.fetch_add(1);
+        due_->addAll(); // some had their turn, and nobody knows which
     }
     platform::Log::system().problem("out of memory: a round of the background thread was given up");
     return {};
@@ -324,48 +336,55 @@ void ConveyThread::answerPing(Message& message) {
 
 ConveyThread::Left ConveyThread::serveInstances(bool regular) {
     Left left;
-    // Null once the layer was ended from a handler of this thread: it then goes on to the end of
-    // its loop without one.
-    ConveyContext* const context = context_.load();
-    if (context == nullptr) {
-        return left;
+    ConveyData::TakenInstances due = due_->take();
+    due.all = due.all || wait_ == nullptr || !wait_->tellsAll();
+    if (regular) {
+        due.numbers.merge(regularlyDue_);
+        regularlyDue_.clear(); // of what was in both
     }
     bool waiting = false;
-    for (uint64_t last = 0; !stop_.load();) {
-        // A share of it: hosts make and delete instances meanwhile.
-        const auto instance = context->pinNext(last);
-        if (instance == nullptr) {
-            break;
+    visit(due, [&](ConveyData::PrivateData& instance, uint64_t number) {
+        if (stop_.load()) {
+            return;
         }
-        if (arrivalsAreLeft_.load() && instance->leaveArrivals(*wait_, true)) {
-            instance->removeExpired();
-        } else {
-            left.more = instance->receiveArrived() || left.more;
-        }
-        left.more = instance->tellOfEndedTakers() || left.more;
-        if (regular) {
-            instance->tidyTakers();
-        }
-        left.join(instance->processOutgoing());
-        waiting = waiting || instance->outgoingPending();
-    }
+        left.join(serve(instance, number, regular));
+        waiting = waiting || instance.outgoingPending();
+    });
     if (wait_ != nullptr) {
         wait_->watchNames(waiting);
     }
     return left;
 }
 
-// Messages that nobody might handle when they were looked at, and whose hindrance has gone.
-void ConveyThread::remindHost() const {
-    const ConveyContext* const context =
-        ConveyData::PollSignal::isWatched() ? context_.load() : nullptr;
-    for (uint64_t last = 0; context != nullptr && !stop_.load();) {
-        const auto instance = context->pinNext(last);
-        if (instance == nullptr) {
-            return;
-        }
-        instance->remindHost();
+ConveyThread::Left ConveyThread::serve(ConveyData::PrivateData& instance, uint64_t number,
+                                       bool regular) {
+    Left left;
+    bool any = false;
+    if (wait_ != nullptr && instance.leaveArrivals(*wait_, arrivalsAreLeft_.load())) {
+        left_->add(number);
+        instance.removeExpired();
+    } else {
+        const auto received = instance.receiveArrived();
+        left.more = received.more;
+        any = received.any;
     }
+    left.more = instance.tellOfEndedTakers() || left.more;
+    if (regular) {
+        instance.tidyTakers();
+    }
+    left.join(instance.processOutgoing());
+    if (regular) {
+        // Messages that nobody might handle when they were looked at, and whose hindrance has gone.
+        instance.remindHost();
+    }
+    const auto looks = instance.neededLooks();
+    if (left.more || looks == ConveyData::PrivateData::Looks::each) {
+        due_->add(number);
+    } else if (looks != ConveyData::PrivateData::Looks::none || any || !regular) {
+        // Until a look finds nothing: what has arrived was told once.
+        regularlyDue_.insert(number);
+    }
+    return left;
 }
 
 // By a share of each: hosts make and delete instances meanwhile.
@@ -425,23 +444,23 @@ int64_t ConveyThread::carry() {
 }
 
 void ConveyThread::watchInstance(const Convey* instance) {
-    if (wait_ == nullptr) {
-        return;
-    }
     if (const auto& added = instance->data()) {
-        added->watch(*wait_);
+        if (wait_ != nullptr) {
+            added->watch(*wait_);
+        }
+        wake(added->number());
     }
-    wait_->wake();
 }
 
-void ConveyThread::watch(platform::TargetWatch& taker) {
+void ConveyThread::watch(platform::TargetWatch& taker, uint64_t instance) {
     if (wait_ != nullptr) {
         wait_->add(taker);
     }
-    noteDue(0); // that it ends is looked for, too
+    noteDue(0, instance); // that it ends is looked for, too
 }
 
-void ConveyThread::wake() {
+void ConveyThread::wake(uint64_t instance) {
+    due_->add(instance);
     if (wait_ != nullptr) {
         wait_->wake();
     }

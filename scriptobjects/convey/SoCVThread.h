@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -130,15 +131,17 @@ public:
     // Lets messages to an instance that was added end the waits of this thread.
     void watchInstance(const Convey* instance);
 
-    // Has it make a round at once when the process that took a request ends.
-    void watch(platform::TargetWatch& taker);
+    // Rounds look at instances with which there is something to do. So who changes one tells its
+    // number with these three, behind the change; 0 is for what no instance has to do with.
+
+    // Has it make a round at once when the process that took a request of the instance ends.
+    void watch(platform::TargetWatch& taker, uint64_t instance);
 
     // Has it make a round at once: something was queued that a port may be opened for any moment.
-    void wake();
+    void wake(uint64_t instance = 0);
     // Something is to be done at that steady millisecond (0: as soon as a round would have been
-    // made) that was not there when it went to sleep: called behind what makes it so. Costs nothing
-    // unless it sleeps for longer.
-    void noteDue(int64_t steadyMilliseconds);
+    // made) that was not there when it went to sleep. Wakes it only if it sleeps for longer.
+    void noteDue(int64_t steadyMilliseconds, uint64_t instance = 0);
 
     // The host's pump came by, and whether it had something to do. A host with a main loop that
     // comes at once is left to draw what arrives.
@@ -180,7 +183,7 @@ private:
     bool answerPings();
     void answerPing(Convey::Message& message);
     Left serveInstances(bool regular);
-    void remindHost() const;
+    Left serve(ConveyData::PrivateData& instance, uint64_t number, bool regular);
     void visit(const ConveyData::TakenInstances& due,
                const std::function<void(ConveyData::PrivateData&, uint64_t)>& visitor) const;
     int64_t carry();
@@ -216,6 +219,9 @@ private:
     std::unique_ptr<ConveyCourier> courier_ SO_GUARDED_BY(this); // null until it is needed
     std::atomic<uint32_t> failedRounds_{0};                      // for want of memory
     const std::unique_ptr<ConveyData::Arrivals> pings_;          // by the thread itself only
+    const std::unique_ptr<ConveyData::DueInstances> due_;        // in the next round
+    std::set<uint64_t> regularlyDue_; // in the next regular one; by the thread itself only
+    const std::unique_ptr<ConveyData::DueInstances> left_; // whose arrivals are left to the host
     const std::unique_ptr<ConveyData::DueInstances> dueToCarry_;
 };
 

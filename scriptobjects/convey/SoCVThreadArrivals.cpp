@@ -5,6 +5,7 @@
 // readable, and ends no wait here.
 #include "platform/MessagePort.h"
 #include "scriptobjects/convey/SoCVContext.h"
+#include "scriptobjects/convey/SoCVDueInstances.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVPollSignal.h"
 #include "scriptobjects/convey/SoCVSteadyTime.h"
@@ -52,21 +53,33 @@ bool ConveyThread::isHostAttentive() const {
            time >= drawsUntil_.load();
 }
 
-// For all instances, some of which may have come since they were left last.
+// For those that had something a moment ago; others follow with the first text that arrives there.
 void ConveyThread::leaveArrivals(bool on) {
-    ConveyContext* const context = context_.load();
-    if (context == nullptr || (!on && !arrivalsAreLeft_.load())) {
+    const ConveyContext* const context = context_.load();
+    if (context == nullptr || on == arrivalsAreLeft_.load()) {
         return;
     }
     arrivalsAreLeft_.store(on);
-    // Behind the mark: who has begun to wait before it was seen is seen here.
-    if (on && !isHostAttentive()) {
-        on = false;
-        arrivalsAreLeft_.store(false);
+    if (on) {
+        // Behind the mark: who has begun to wait before it was seen is seen here.
+        if (!isHostAttentive()) {
+            arrivalsAreLeft_.store(false);
+            return;
+        }
+        for (const uint64_t number : regularlyDue_) {
+            if (const auto instance = context->pin(number)) {
+                if (instance->leaveArrivals(*wait_, true)) {
+                    left_->add(number);
+                }
+            }
+        }
+        return;
     }
-    for (uint64_t last = 0; const auto instance = context->pinNext(last);) {
-        (void)instance->leaveArrivals(*wait_, on);
-    }
+    ConveyData::TakenInstances left = left_->take();
+    visit(left, [this](ConveyData::PrivateData& instance, uint64_t number) {
+        (void)instance.leaveArrivals(*wait_, false);
+        due_->add(number); // the host may not have read all
+    });
 }
 
 } // namespace ScObjects
