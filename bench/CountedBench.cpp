@@ -16,6 +16,7 @@
 #include "bench/Handlers.h"
 #include "bench/HeavyTexts.h"
 #include "bench/Requests.h"
+#include "scriptobjects/convey/SoCVContext.h"
 #include "scriptobjects/convey/SoCVInstance.h"
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/convey/SoCVMessageQueue.h"
@@ -210,6 +211,15 @@ void request(int times) {
     }
 }
 
+Convey::Message question() {
+    Convey::Message message;
+    message.setTarget("kivra-7.0");
+    message.setSender("asker-1.0");
+    message.setType("Tessaly");
+    message.setBody("question");
+    return message;
+}
+
 // A message of another process, as it seems, that an instance receives and handles. Without the
 // background thread, which would receive some of them.
 void receive(int times) {
@@ -221,13 +231,8 @@ void receive(int times) {
     auto* const handler = new Counting;
     delete own.changeHandler(handler);
     const InterAppStream asker("asker-1.0");
-    Convey::Message message;
-    message.setTarget("kivra-7.0");
-    message.setSender("asker-1.0");
-    message.setType("Tessaly");
-    message.setBody("question");
     SoString text;
-    (void)message.writeToString(text);
+    (void)question().writeToString(text);
     for (int i = 0; i < times; ++i) {
         if (!asker.send("kivra-7.0", text)) {
             fail("send");
@@ -235,6 +240,36 @@ void receive(int times) {
         while (handler->calls() == i) {
             (void)Convey::pump(ScObjects::kProcessBoth);
         }
+    }
+}
+
+// The same that the background thread receives, in a process with many instances to which nothing
+// comes.
+void receiveAmongIdle(int times) {
+    constexpr int kIdle = 100;
+    if (!Convey::InitTerm::init("kivra-7.0", true)) {
+        fail("init");
+    }
+    std::vector<std::unique_ptr<Convey>> idle;
+    for (int i = 0; i < kIdle; ++i) {
+        const std::string name = "idle" + std::to_string(i) + "-1.0";
+        idle.push_back(std::make_unique<Convey>(name.c_str(), nullptr, false, nullptr));
+    }
+    const Convey own("kivra-7.0", nullptr, true, nullptr);
+    ScObjects::ConveyContext* const context = own.getContext();
+    const InterAppStream asker("asker-1.0");
+    SoString text;
+    (void)question().writeToString(text);
+    for (int i = 0; i < times; ++i) {
+        uint64_t seen = context->activity();
+        if (!asker.send("kivra-7.0", text)) {
+            fail("send");
+        }
+        auto& incoming = own.data()->incoming();
+        for (; incoming.isEmpty(); seen = context->activity()) {
+            context->waitForActivity(seen, 5000);
+        }
+        delete incoming.getNextMessage(Convey::kAnySerialNumber);
     }
 }
 
@@ -267,6 +302,8 @@ int main(int argc, char** argv) {
         request(times);
     } else if (operation == "received") {
         receive(times);
+    } else if (operation == "received-among-idle") {
+        receiveAmongIdle(times);
     } else if (const auto* const kind =
                    std::find_if(std::begin(kHeavyTexts), std::end(kHeavyTexts),
                                 [&](const auto& text) { return operation == text.name; });
@@ -275,7 +312,7 @@ int main(int argc, char** argv) {
     } else {
         fail("usage: counted_bench "
              "queue|long-queue|rows|write|read|carried|waited|built|built-with-digest|request|"
-             "received|NAME-OF-HEAVY-TEXT TIMES");
+             "received|received-among-idle|NAME-OF-HEAVY-TEXT TIMES");
     }
     (void)Convey::InitTerm::exit();
     return 0;
