@@ -95,16 +95,26 @@ public:
         giveBack(port);
     }
 
-    std::vector<std::string> lostFiles() {
+    std::vector<std::string> lostFiles(const std::vector<const PortReceiver*>* ports) {
         const std::lock_guard<std::mutex> guard(mutex_);
         std::vector<std::string> files;
-        for (PortReceiver* port : ports_) {
+        const auto look = [&](PortReceiver* port) {
             const PortName& name = port->name_;
             const bool locked = name.holdsLockFile();
             if (!ended_ && (!locked || !name.holdsSocket()) &&
                 !port->lossIsReported_.exchange(true)) {
                 files.push_back(name.folder().path() + "/" +
                                 (locked ? name.socketFile() : name.lockFile()));
+            }
+        };
+        if (ports == nullptr) {
+            std::for_each(ports_.begin(), ports_.end(), look);
+            return files;
+        }
+        for (const PortReceiver* const port : *ports) {
+            // At the place of one that was closed there may be another, looked at for nothing.
+            if (const auto found = ports_.find(port); found != ports_.end()) {
+                look(*found);
             }
         }
         return files;
@@ -141,7 +151,7 @@ private:
     }
 
     std::mutex mutex_;
-    std::set<PortReceiver*> ports_;
+    std::set<PortReceiver*, std::less<>> ports_;
     bool ended_ = false;
 };
 
@@ -160,8 +170,8 @@ std::unique_ptr<PortReceiver> PortReceiver::open(const std::string& name) {
     return OpenPorts::instance().open(port.get()) ? std::move(port) : nullptr;
 }
 
-void PortReceiver::reportLost() {
-    for (const std::string& file : OpenPorts::instance().lostFiles()) {
+void PortReceiver::reportLost(const std::vector<const PortReceiver*>* ports) {
+    for (const std::string& file : OpenPorts::instance().lostFiles(ports)) {
         Log::system().problem(file +
                               " was removed: no other process finds this port until this one "
                               "is started again");

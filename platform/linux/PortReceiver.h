@@ -11,6 +11,7 @@
 #include <string>
 #include <sys/epoll.h>
 #include <unordered_map>
+#include <vector>
 
 #include "limits/Limits.h"
 #include "platform/MessagePort.h"
@@ -42,9 +43,10 @@ public:
     // The port's two files, to be watched by `reportLost`.
     const PortName& name() const { return name_; }
 
-    // Reports, once each, the ports of this process of which somebody has removed a file: who is
-    // connected can go on, but nobody finds them any more. Threads: any.
-    static void reportLost();
+    // Reports, once each, those of these ports (null: of all) of which somebody has removed a file:
+    // who is connected can go on, but nobody finds them any more. Ports that are closed are passed
+    // over. Threads: any.
+    static void reportLost(const std::vector<const PortReceiver*>* ports);
 
 private:
     static constexpr uint64_t kListener = 0; // among the events; connections are numbered from 1

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <new>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
@@ -82,8 +83,8 @@ void PortWaiter::add(const LocalPort& port, uint64_t number) {
     pause(port, number, false);
     const std::lock_guard<std::mutex> guard(mutex_);
     const std::string folder = receiver.name().folder().path() + "/";
-    unwatched_.push_back(folder + receiver.name().lockFile());
-    unwatched_.push_back(folder + receiver.name().socketFile());
+    unwatched_.push_back(
+        {&receiver, folder + receiver.name().lockFile(), folder + receiver.name().socketFile()});
     // The first port decides: later ones are watched with it, at most that much too early.
     if (watchAt_ == 0) {
         watchAt_ = Clock::own().monotonicMilliseconds() + kWatchAfterMilliseconds;
@@ -100,17 +101,28 @@ void PortWaiter::pause(const LocalPort& port, uint64_t number, bool on) {
 
 // The end of a process with a watch takes the system 15 milliseconds, so one that lives for a
 // moment makes none.
-void PortWaiter::watchFiles() {
+void PortWaiter::watchFiles() try {
+    std::vector<const PortReceiver*> added;
     {
         const std::lock_guard<std::mutex> guard(mutex_);
-        watchAt_ = 0;
-        for (const std::string& file : unwatched_) {
-            int number = -1;               // the watch ends with the file
-            (void)watchFile(file, number); // else its loss shows later
+        for (const Files& files : unwatched_) {
+            for (const std::string* const file : {&files.lock, &files.socket}) {
+                int number = -1; // the watch ends with the file
+                if (watchFile(*file, number)) {
+                    watched_[number] = files.port;
+                } else if (errno != ENOENT) { // its loss shows later
+                    unwatchable_.insert(files.port);
+                }
+            }
+            added.push_back(files.port);
         }
         unwatched_.clear();
+        watchAt_ = 0;
     }
-    PortReceiver::reportLost(); // before there was a watch
+    PortReceiver::reportLost(&added); // before there was a watch
+} catch (const std::bad_alloc&) {     // tried again: to watch one once more changes nothing
+    const std::lock_guard<std::mutex> guard(mutex_);
+    watchAt_ = Clock::own().monotonicMilliseconds() + kWatchAfterMilliseconds;
 }
 
 void PortWaiter::add(TargetWatch& watch) {
@@ -151,10 +163,11 @@ bool PortWaiter::tellsAll() const {
     return !portsMissed_.load() && !namesMissed_;
 }
 
-// True when something has happened to the file of a port.
-bool PortWaiter::readFileEvents() {
+// The ports to whose files something has happened: a look at all, whenever one of many is closed,
+// would take ever longer.
+std::vector<const PortReceiver*> PortWaiter::readFileEvents() {
     const std::lock_guard<std::mutex> guard(mutex_);
-    bool ofPorts = false;
+    std::vector<const PortReceiver*> ports;
     alignas(inotify_event) char block[4096];
     for (ssize_t bytes; (bytes = read(files_.get(), block, sizeof block)) > 0;) {
         for (ssize_t at = 0; at < bytes;) {
@@ -167,10 +180,36 @@ bool PortWaiter::readFileEvents() {
                 namesMissed_ = true;
                 continue;
             }
-            ofPorts = ofPorts || event.wd != names_;
+            if ((event.mask & IN_Q_OVERFLOW) != 0) { // of any
+                for (const auto& [number, port] : watched_) {
+                    ports.push_back(port);
+                }
+            }
+            const auto watched = watched_.find(event.wd);
+            if (watched == watched_.end()) {
+                continue;
+            }
+            if (ports.empty() || ports.back() != watched->second) {
+                ports.push_back(watched->second);
+            }
+            if ((event.mask & IN_IGNORED) != 0) {
+                watched_.erase(watched); // the file is gone, and its watch with it
+            }
         }
     }
-    return ofPorts;
+    if (!ports.empty()) {
+        ports.insert(ports.end(), unwatchable_.begin(), unwatchable_.end());
+    }
+    return ports;
+}
+
+void PortWaiter::reportChanged() {
+    try {
+        const auto ports = readFileEvents();
+        PortReceiver::reportLost(&ports);
+    } catch (const std::bad_alloc&) { // what was read is forgotten
+        PortReceiver::reportLost(nullptr);
+    }
 }
 
 void PortWaiter::wake() {
@@ -213,8 +252,8 @@ bool PortWaiter::wait(int64_t timeoutMilliseconds) {
             reported_[reportedCount_++] = what >> kKindBits;
         } else if (kind == kWake) {
             drain(wakes_.get());
-        } else if (kind == kFiles && readFileEvents()) {
-            PortReceiver::reportLost();
+        } else if (kind == kFiles) {
+            reportChanged();
         } else if (kind == kTarget) {
             lookAgain_ = 1;
         }

@@ -4,13 +4,17 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/MessagePort.h"
 #include "platform/linux/PortDescriptor.h"
 
 namespace platform {
+
+class PortReceiver;
 
 // Waits for the events of ports, for a call of `wake` and for new files in the port folder. Notices
 // when the files of a port are removed by somebody else.
@@ -32,11 +36,17 @@ public:
 
 private:
     static constexpr int kEventsAtOnce = 16;
+    struct Files {
+        const PortReceiver* port;
+        std::string lock;
+        std::string socket;
+    };
 
     PortWaiter(PortDescriptor events, PortDescriptor wakes);
     bool tellOnce(int fd, uint64_t what) const;
     bool watchFile(const std::string& path, int& watch);
-    bool readFileEvents();
+    std::vector<const PortReceiver*> readFileEvents();
+    void reportChanged();
     void watchFiles();
 
     const PortDescriptor events_;
@@ -46,12 +56,16 @@ private:
     bool wasOfPorts_ = false;              // of the waiting thread, as the next three
     uint64_t reported_[kEventsAtOnce] = {};
     size_t reportedCount_ = 0;
-    int64_t lookAgain_ = 0;              // milliseconds, after the end of a target
-    mutable std::mutex mutex_;           // guards what follows
-    PortDescriptor files_;               // inotify; missing where the system gives no more of them
-    std::vector<std::string> unwatched_; // files of ports, until this process has lived for a while
-    int names_ = -1;                     // its watch on the folder, while names are watched
-    bool namesMissed_ = false;           // they should be, and are not
+    int64_t lookAgain_ = 0;    // milliseconds, after the end of a target
+    mutable std::mutex mutex_; // guards what follows
+    PortDescriptor files_;     // inotify; missing where the system gives no more of them
+    // Ports whose files are not watched until this process has lived for a while. Only told on by
+    // this class: they may be gone.
+    std::vector<Files> unwatched_;
+    std::unordered_map<int, const PortReceiver*> watched_; // the same, by the watches of the files
+    std::set<const PortReceiver*> unwatchable_;            // the same: the system would not
+    int names_ = -1;           // its watch on the folder, while names are watched
+    bool namesMissed_ = false; // they should be, and are not
 };
 
 } // namespace platform
