@@ -339,7 +339,7 @@ TEST_F(MessagePortTest, aWaitEndsAsLongAsSomethingElseIsToBeRead) {
     wait->add(*silent, 8);
     wait->wake();
     EXPECT_EQ(ports.send(kName, "x", kGenerous), SendResult::delivered);
-    for (const uint64_t number : {7, 9}) { // anew: what was there ends a wait once more
+    for (const uint64_t number : {7U, 9U}) { // anew: what was there ends a wait once more
         EXPECT_TRUE(wait->wait(kGenerous) && wait->wasOfPorts());
         ASSERT_EQ(wait->reported().size(), 1U);
         EXPECT_EQ(wait->reported()[0], number);
