@@ -236,8 +236,12 @@ std::string portFileName(const std::string& portName) {
 bool isOwnPeer(int socket, int32_t& process) {
     ucred credentials{};
     socklen_t length = sizeof credentials;
-    if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) {
-        return false;
+    // Once more: of who is refused, what it has sent already is lost, and it hears nothing of that.
+    for (int attempts = 2;
+         getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0;) {
+        if (--attempts == 0) {
+            return false;
+        }
     }
     process = credentials.pid;
     // Root may read and stop this process in any case, so refusing it would defend nothing.
