@@ -135,11 +135,12 @@ bool MessageQueue::append(Message* message, bool isAnswer) {
     Notices notices(listener_);
     const ObjectLock guard(*this);
     notices.report(*message, "added", diagnosticsRoot_);
-    std::unique_ptr<Message> owned(message);
+    Taken added{std::unique_ptr<Message>(message), lastPosition_ + 1, isAnswer,
+                deadlineOf(*message)};
     try {
-        insertLocked(lastPosition_ + 1, owned, isAnswer);
+        insertLocked(added);
     } catch (...) {
-        (void)owned.release(); // still the caller's
+        (void)added.message.release(); // still the caller's
         throw;
     }
     ++lastPosition_;
@@ -212,9 +213,9 @@ MessageQueue::Taken MessageQueue::takeLocked(Notices& notices, uint32_t serial,
         } else if (choice == nullptr || choice->wants(message)) {
             // Before it is taken out: without memory for what is to be told of it, it stays.
             notices.report(message, "picked", diagnosticsRoot_);
-            const uint64_t position = entry->position;
-            const bool isAnswer = entry->isAnswer;
-            return {removeLocked(*entry), position, isAnswer};
+            Taken taken{nullptr, entry->position, entry->isAnswer, entry->deadline};
+            taken.message = removeLocked(*entry);
+            return taken;
         }
     }
     return {};
@@ -234,7 +235,7 @@ MessageQueue::Taken MessageQueue::takeWanted(uint32_t serial, const Choice& choi
 
 void MessageQueue::putBack(Taken& taken) {
     const ObjectLock guard(*this);
-    insertLocked(taken.position, taken.message, taken.isAnswer);
+    insertLocked(taken);
 }
 
 bool MessageQueue::removeMessage(uint32_t serial) {
@@ -461,11 +462,7 @@ bool MessageQueue::restamp(std::string_view target, uint64_t position, uint32_t 
     message.setTimestamp(timestamp);
     message.setTimeout(timeoutSeconds);
     message.setHeader(CV_QUEUESTAMP, static_cast<unsigned long>(queueStamp));
-    setDeadlineLocked(*found);
-    if (isOver) {
-        found->deadline = kOver;
-        firstDeadline_.store(kOver, std::memory_order_relaxed);
-    }
+    setDeadlineLocked(*found, isOver ? kOver : deadlineOf(message));
     notices.report(message, "requeued", diagnosticsRoot_);
     return true;
 }

@@ -84,10 +84,12 @@ public:
         std::unique_ptr<Convey::Message> message;
         uint64_t position = 0;
         bool isAnswer = false;
+        int64_t deadline = 0; // in steady milliseconds
     };
     // Takes like `getNextMessage` the oldest that is not held up and wanted.
     [[nodiscard]] Taken takeWanted(uint32_t serial, const Choice& choice);
-    // Returns it to its place. When memory runs out, which is thrown, it stays the caller's.
+    // Returns it to its place, with the time that it had. When memory runs out, which is thrown, it
+    // stays the caller's.
     void putBack(Taken& taken);
     // Like `getNextMessage`, and deletes it; false for CV_INVALID_MESSAGE_NUMBER and without a
     // message.
@@ -213,8 +215,7 @@ private:
     class Walk;
 
     Taken takeLocked(Notices& notices, uint32_t serial, const Choice* choice) SO_REQUIRES(this);
-    void insertLocked(uint64_t position, std::unique_ptr<Convey::Message>& message, bool isAnswer)
-        SO_REQUIRES(this);
+    void insertLocked(Taken& added) SO_REQUIRES(this);
     void linkLocked(Entry& entry) SO_REQUIRES(this);
     void unlinkLocked(Entry& entry) SO_REQUIRES(this);
     Line& lineLocked(std::string_view target) SO_REQUIRES(this);
@@ -233,9 +234,11 @@ private:
     bool copySome(uint64_t& position, bool wantsLogs, const SoString& path,
                   std::vector<Shown>& some) const;
     const Line* findLineLocked(std::string_view target) const SO_REQUIRES(this);
+    // When it expires, as the time of day is now; 0 for one that has from the start.
+    static int64_t deadlineOf(const Convey::Message& message);
     static Entry* findBehind(const Line& line, uint64_t position);
     Entry* findLocked(std::string_view target, uint64_t position) const SO_REQUIRES(this);
-    void setDeadlineLocked(Entry& entry) SO_REQUIRES(this);
+    void setDeadlineLocked(Entry& entry, int64_t deadline) SO_REQUIRES(this);
     bool restamp(std::string_view target, uint64_t position, uint32_t timestamp,
                  uint32_t timeoutSeconds, uint32_t queueStamp, bool isOver);
 

@@ -11,22 +11,6 @@ namespace {
 
 using Message = Convey::Message;
 
-constexpr int64_t kNever = INT64_MAX;
-
-// The moment at which the message expires, as the clock is now; 0 for one that has expired
-// from the start.
-int64_t deadlineOf(const Message& message) {
-    // Read as a signed number: peers write one below 0 for a message that is to live for ever.
-    const auto timeout = static_cast<int32_t>(message.getTimeout());
-    if (timeout == 0) {
-        return isWatcher(message) ? 0 : kNever;
-    }
-    if (timeout < 0 || message.getTimestamp() == 0) {
-        return kNever;
-    }
-    return ConveyUtils::toSteadyMilliseconds(int64_t{message.getTimestamp()} + timeout);
-}
-
 } // namespace
 
 bool isWatcher(const Message& message) {
@@ -54,11 +38,23 @@ void MessageQueue::Chain<order>::remove(Entry& entry) {
     link = {};
 }
 
-void MessageQueue::setDeadlineLocked(Entry& entry) {
-    entry.deadline = deadlineOf(*entry.message);
+int64_t MessageQueue::deadlineOf(const Message& message) {
+    // Read as a signed number: peers write one below 0 for a message that is to live for ever.
+    const auto timeout = static_cast<int32_t>(message.getTimeout());
+    if (timeout == 0) {
+        return isWatcher(message) ? 0 : kNoDeadline;
+    }
+    if (timeout < 0 || message.getTimestamp() == 0) {
+        return kNoDeadline;
+    }
+    return ConveyUtils::toSteadyMilliseconds(int64_t{message.getTimestamp()} + timeout);
+}
+
+void MessageQueue::setDeadlineLocked(Entry& entry, int64_t deadline) {
+    entry.deadline = deadline;
     // Under the lock. Who reads it without asks only whether to look, and looks with the lock held.
-    if (entry.deadline < firstDeadline_.load(std::memory_order_relaxed)) {
-        firstDeadline_.store(entry.deadline, std::memory_order_relaxed);
+    if (deadline < firstDeadline_.load(std::memory_order_relaxed)) {
+        firstDeadline_.store(deadline, std::memory_order_relaxed);
     }
 }
 
@@ -129,37 +125,37 @@ MessageQueue::Line& MessageQueue::lineLocked(std::string_view target) {
 }
 
 // The queue's from the end of the call on: what needs memory comes first.
-void MessageQueue::insertLocked(uint64_t position, std::unique_ptr<Message>& message,
-                                bool isAnswer) {
+void MessageQueue::insertLocked(Taken& added) {
+    const Message& message = *added.message;
     Entry& entry = pool_.take();
     try {
         if (numbersKnown_) {
-            (void)numbers_[message->getSerialNumber()];
+            (void)numbers_[message.getSerialNumber()];
         }
-        entry.line = &lineLocked(message->getTarget().view());
+        entry.line = &lineLocked(message.getTarget().view());
     } catch (...) {
         pool_.giveBack(entry);
         tidyLocked();
         throw;
     }
-    entry.position = position;
+    entry.position = added.position;
     entry.since = 0;
-    entry.isAnswer = isAnswer;
-    entry.isWatcher = isWatcher(*message);
+    entry.isAnswer = added.isAnswer;
+    entry.isWatcher = isWatcher(message);
     entry.turn = &ready_;
-    entry.message = std::move(message);
+    entry.message = std::move(added.message);
     linkLocked(entry);
     ++count_;
-    const int32_t bytes = entry.message->getBody().length();
+    const int32_t bytes = message.getBody().length();
     bodyBytes_ += bytes;
-    for (Load* load : {&entry.line->load, isAnswer ? &answers_ : nullptr}) {
+    for (Load* load : {&entry.line->load, entry.isAnswer ? &answers_ : nullptr}) {
         if (load != nullptr) {
             ++load->messages;
             load->bytes += bytes;
         }
     }
     watchers_ += entry.isWatcher ? 1 : 0;
-    setDeadlineLocked(entry);
+    setDeadlineLocked(entry, added.deadline);
 }
 
 // What is left of an insertion that ran out of memory.

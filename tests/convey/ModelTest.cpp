@@ -33,6 +33,8 @@ protected:
         now += seconds;
         clock.pass(int64_t{seconds} * 1000);
     }
+    // Moves no time for what waits or is taken.
+    void setTimeOfDay() { clock.utc = int64_t{1000} * (1 + upTo(10'000)); }
     uint32_t upTo(uint32_t most) { return static_cast<uint32_t>(random() % (most + 1)); }
 
     // The background thread may look at the clock until the process ends.
@@ -42,7 +44,7 @@ protected:
     }
     platform::FakeClock& clock = aClock();
     platform::ScopedReplacement<platform::Clock> clockInForce{clock};
-    int64_t now = clock.utc / 1000;
+    int64_t now = clock.monotonic / 1000;
     const unsigned usedSeed = seed();
     std::mt19937 random{usedSeed};
     testing::ScopedTrace trace{__FILE__, __LINE__, "CONVEY_TEST_SEED=" + std::to_string(usedSeed)};
@@ -177,6 +179,7 @@ TEST_F(ModelTest, queue) {
         MessageQueue::Taken taken = queue.takeWanted(serial, choice);
         ASSERT_EQ(taken.message == nullptr ? "-" : taken.message->getBody().c_str(), expected);
         if (taken.message != nullptr && upTo(2) == 0) {
+            setTimeOfDay();
             queue.putBack(taken);
         } else {
             std::erase_if(model, [&](const Queued& m) { return m.body == expected; });
@@ -207,7 +210,8 @@ TEST_F(ModelTest, queue) {
             model.erase(expected);
         } else if (choice == 1 && !expected->watcher) {
             const uint32_t seconds = 1 + upTo(20);
-            ASSERT_TRUE(queue.keep(target, position, static_cast<uint32_t>(now), seconds, 7));
+            const auto stamp = static_cast<uint32_t>(clock.utc / 1000);
+            ASSERT_TRUE(queue.keep(target, position, stamp, seconds, 7));
             expected->deadline = now + seconds;
         }
     };
@@ -229,6 +233,9 @@ TEST_F(ModelTest, queue) {
             break;
         case 7:
             pass(upTo(2));
+            if (upTo(2) == 0) {
+                setTimeOfDay();
+            }
             break;
         case 8:
             visit();

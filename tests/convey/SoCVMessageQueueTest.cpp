@@ -59,31 +59,6 @@ TEST_F(MessageQueueTest, refusesWhatCannotBeAnswered) {
     EXPECT_TRUE(queue.isEmpty());
 }
 
-TEST_F(MessageQueueTest, aClockThatIsSteppedMovesNoTime) {
-    for (const int64_t step : {-3600, 3600}) {
-        SCOPED_TRACE(step);
-        MessageQueue queue;
-        const auto left = [&queue] {
-            queue.removeExpiredMessages();
-            return rest(queue);
-        };
-        for (const auto& [body, timeout] : {std::pair("5", 5), {"60", 60}, {"4000", 4000}}) {
-            ASSERT_TRUE(queue.append(make(body, "query", timeout)));
-        }
-        clock.utc += step * 1000;
-        EXPECT_EQ(left(), "5 60 4000 ");
-        ASSERT_TRUE(queue.append(make("later", "query", 5)));
-        pass(4);
-        EXPECT_EQ(left(), "5 60 4000 later ");
-        pass(1);
-        EXPECT_EQ(left(), "60 4000 ");
-        pass(3994);
-        EXPECT_EQ(left(), "4000 ");
-        pass(1);
-        EXPECT_EQ(left(), "");
-    }
-}
-
 TEST_F(MessageQueueTest, copiesABodyInStepsAsFarAsItIsThere) {
     for (const size_t bytes : {size_t{0}, size_t{5}, size_t{1} << 20, (size_t{3} << 20) + 1}) {
         SCOPED_TRACE(bytes);
