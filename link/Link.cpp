@@ -476,7 +476,7 @@ void Link::openPorts(Used& used) {
         return;
     }
     if (used.requests.port == nullptr) {
-        used.requests.port = open(used.use.app);
+        used.requests.port = open(used.use.app, !used.use.durable);
         used.requests.look = true;
     }
     if (used.pings.port == nullptr && used.requests.port != nullptr) {

@@ -150,7 +150,7 @@ private:
     void fail(const Asked& asked, int32_t code, std::string_view text);
     Alias* aliasFor(Peer& peer, const std::string& source);
     bool forgetQuietest();
-    std::unique_ptr<platform::LocalPort> open(const std::string& name);
+    std::unique_ptr<platform::LocalPort> open(const std::string& name, bool forTravel = false);
     bool isOwn(const std::string& name) const;
     void forget(int64_t now);
 

@@ -236,6 +236,7 @@ struct PortDescription {
     bool stale = false;        // nobody owns it: what an owner that died has left
     int64_t connections = -1;  // open to it, -1 when that cannot be found out, as with the next
     int64_t waitingBytes = -1; // in its queue, with what the system needs to keep them
+    bool dropsSeals = false;   // its owner has said that it looks at none
 };
 
 // Whether somebody owns a name. Who decides about launching must not take what could not be found
@@ -395,6 +396,11 @@ public:
     // cannot be used, which is reported. Of several that try at once exactly one succeeds. The name
     // of an owner that died, however it did, is free at once.
     [[nodiscard]] virtual std::unique_ptr<LocalPort> open(const std::string& name) = 0;
+    // The same for who drops seals unread: senders that know that make none, and what they send
+    // comes without. Only the owner of a name can say so, for its own port.
+    [[nodiscard]] virtual std::unique_ptr<LocalPort> openUnsealed(const std::string& name) {
+        return open(name);
+    }
 
     // Whether somebody owns the name. Takes nothing, so that a process that opens the name at this
     // moment gets it. `unknown` is reported with the system's reason, and `error` receives its
@@ -409,9 +415,9 @@ public:
 
     // Hands a text to the owner of `name`; at most for the time given while its queue is full. What
     // is broken off then is dropped, and its owner has none of it. A seal is made meanwhile, or
-    // before where the owner must have it first. Sends to one name from several threads go one
-    // after another. `taker`, where it is not null, receives a watch over the owner that took the
-    // text, when it was delivered; null without memory.
+    // before where the owner must have it first, or not at all where the owner drops it. Sends to
+    // one name from several threads go one after another. `taker`, where it is not null, receives a
+    // watch over the owner that took the text, when it was delivered; null without memory.
     virtual SendResult send(const std::string& name, const PortPieces& text, SendTime time,
                             std::shared_ptr<TargetWatch>* taker) = 0;
     SendResult send(const std::string& name, std::string_view text, int64_t timeoutMilliseconds,

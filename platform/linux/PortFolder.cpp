@@ -187,8 +187,11 @@ bool findIncarnation(const PortFolder& folder, const std::string& socketFile,
     if (fstatat(folder.fd(), socketFile.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
         return false;
     }
+    const mode_t mode = status.st_mode & 07777;
     out = {status.st_dev, status.st_ino, status.st_ctim.tv_sec, status.st_ctim.tv_nsec,
-           (status.st_mode & 07777) == kTakesSealedMode};
+           mode == kTakesSealedMode     ? PortSeals::last
+           : mode == kTakesUnsealedMode ? PortSeals::none
+                                        : PortSeals::first};
     return true;
 }
 

@@ -47,13 +47,20 @@ private:
     uid_t owner_ = 0;
 };
 
+// What the owner of a port makes of seals.
+enum class PortSeals {
+    first, // they stand in front of their texts; all that an owner says nothing of
+    last,  // come behind them
+    none   // are not wanted
+};
+
 // Which socket is at a name: each owner of the name makes one of its own.
 struct PortIncarnation {
     uint64_t device = 0;
     uint64_t file = 0;
     int64_t seconds = 0; // of its last change: numbers of files are used again
     int64_t nanoseconds = 0;
-    bool takesSealed = false; // its owner has said that it knows packets of that kind
+    PortSeals seals = PortSeals::first; // what its owner has said
     bool operator==(const PortIncarnation&) const = default;
 };
 
@@ -62,6 +69,8 @@ struct PortIncarnation {
 // knows.
 inline constexpr mode_t kListeningMode = S_ISVTX | S_IRUSR | S_IWUSR;
 inline constexpr mode_t kTakesSealedMode = kListeningMode | S_IXUSR;
+// Another mode than who knows only the former looks for: it puts the seal in front.
+inline constexpr mode_t kTakesUnsealedMode = kTakesSealedMode | S_IXGRP;
 
 // False, with the reason in errno, when nothing can be found out or nothing is there.
 [[nodiscard]] bool findIncarnation(const PortFolder& folder, const std::string& socketFile,

@@ -252,6 +252,8 @@ std::vector<PortDescription> listPorts() {
             port.connections = fill == fills.end() ? 0 : fill->second.connections;
             port.waitingBytes = fill == fills.end() ? 0 : fill->second.bytes;
         }
+        PortIncarnation found;
+        port.dropsSeals = findIncarnation(folder, socket, found) && found.seals == PortSeals::none;
         ports.push_back(std::move(port));
     }
     return ports;

@@ -155,18 +155,19 @@ private:
     bool ended_ = false;
 };
 
-PortReceiver::PortReceiver(PortFolder folder, const std::string& name)
+PortReceiver::PortReceiver(PortFolder folder, const std::string& name, PortSeals seals)
     : name_(std::move(folder), name),
+      seals_(seals),
       buffer_(new unsigned char[PortPacket::kHeaderBytes + PortPacket::kMaximumWholeBytes]),
       spinCredit_(kFullSpinCredit) {}
 
-std::unique_ptr<PortReceiver> PortReceiver::open(const std::string& name) {
+std::unique_ptr<PortReceiver> PortReceiver::open(const std::string& name, PortSeals seals) {
     PortFolder folder;
     if (name.empty() || name.find('\0') != std::string::npos ||
         folder.open(PortFolder::Use::create) != PortFolder::State::usable) {
         return nullptr;
     }
-    std::unique_ptr<PortReceiver> port(new PortReceiver(std::move(folder), name));
+    std::unique_ptr<PortReceiver> port(new PortReceiver(std::move(folder), name, seals));
     return OpenPorts::instance().open(port.get()) ? std::move(port) : nullptr;
 }
 
@@ -230,7 +231,8 @@ bool PortReceiver::listen() {
         return refuse("listen at");
     }
     // Tells those who watch the folder that the port is there: the file itself was too early.
-    (void)!fchmodat(folder.fd(), file.c_str(), kTakesSealedMode, 0);
+    (void)!fchmodat(folder.fd(), file.c_str(),
+                    seals_ == PortSeals::none ? kTakesUnsealedMode : kTakesSealedMode, 0);
     name_.noteSocket();
     listener_ = std::move(listener);
     events_ = std::move(events);

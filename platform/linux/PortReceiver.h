@@ -24,7 +24,7 @@ namespace platform {
 class PortReceiver final : public LocalPort {
 public:
     // Null when the name has an owner or cannot be had, which is reported.
-    static std::unique_ptr<PortReceiver> open(const std::string& name);
+    static std::unique_ptr<PortReceiver> open(const std::string& name, PortSeals seals);
     ~PortReceiver() override;
 
     bool take(PortText& out) override;
@@ -77,7 +77,7 @@ private:
     using Connections = std::map<uint64_t, Connection>;
     enum class Reading { open, closed };
 
-    PortReceiver(PortFolder folder, const std::string& name);
+    PortReceiver(PortFolder folder, const std::string& name, PortSeals seals);
 
     class OpenPorts;
 
@@ -122,6 +122,7 @@ private:
     void tend();
 
     PortName name_;
+    const PortSeals seals_;
     std::atomic<bool> lossIsReported_{false};
     PortDescriptor listener_;
     PortDescriptor events_;

@@ -148,7 +148,7 @@ SendResult PortSender::Connection::send(const PortPieces& text, Deadline& deadli
                 return opened;
             }
         }
-        const Outcome outcome = writer_.send(text, owner_.takesSealed, deadline);
+        const Outcome outcome = writer_.send(text, owner_.seals, deadline);
         if (outcome == Outcome::done) {
             return SendResult::delivered;
         }
@@ -302,6 +302,13 @@ SendResult PortSender::Connection::openOnce(Deadline& deadline, bool& mayBeStart
     if (!isOwnPeer(socket.get(), process)) {
         Log::system().problem("port " + name_ + " belongs to another user");
         return SendResult::failed;
+    }
+    // A successor that wants seals must not be sent a text without.
+    PortIncarnation current;
+    if (owner.seals == PortSeals::none &&
+        (!findIncarnation(folder, socketFile_, current) || !(current == owner))) {
+        mayBeStarting = true;
+        return SendResult::noReceiver;
     }
     const std::lock_guard<std::mutex> guard(peerMutex_);
     socket_ = std::move(socket);

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "platform/linux/Deadline.h"
+#include "platform/linux/PortFolder.h"
 #include "platform/linux/PortPacket.h"
 
 namespace platform {
@@ -49,9 +50,9 @@ void PortWriter::prepare(int socket) {
                             PortPacket::kMaximumPartBytes);
 }
 
-PortWriter::Outcome PortWriter::send(const PortPieces& text, bool takesSealed, Deadline& deadline) {
-    if (text.seal != nullptr) {
-        return sendSealed(text, takesSealed, deadline);
+PortWriter::Outcome PortWriter::send(const PortPieces& text, PortSeals seals, Deadline& deadline) {
+    if (text.seal != nullptr && seals != PortSeals::none) {
+        return sendSealed(text, seals, deadline);
     }
     // A small text comes in one piece.
     return text.body.empty() && text.size() <= PortPacket::kMaximumWholeBytes
@@ -139,9 +140,9 @@ PortWriter::Outcome PortWriter::sendInParts(const PortPieces& text, Deadline& de
 
 // A seal takes as long as its digest, and the receiver makes the same one: both at once, when the
 // seal comes last.
-PortWriter::Outcome PortWriter::sendSealed(const PortPieces& text, bool takesSealed,
+PortWriter::Outcome PortWriter::sendSealed(const PortPieces& text, PortSeals seals,
                                            Deadline& deadline) {
-    if (!takesSealed || text.size() == 0 ||
+    if (seals != PortSeals::last || text.size() == 0 ||
         text.size() > MessagePorts::kMaximumTextBytes - PortSeal::kMaximumBytes) {
         // In one piece with what stands behind it: to the receiver that is the head.
         std::string head(text.sealed());

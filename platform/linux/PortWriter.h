@@ -9,6 +9,7 @@ namespace platform {
 
 class Deadline;
 struct PortPacket;
+enum class PortSeals;
 
 // Writes texts into one connection, in packets as the system takes them. The socket stays its
 // owner's. One thread at a time.
@@ -27,14 +28,14 @@ public:
     // The errno of the last packet that was not sent.
     int lastError() const { return lastError_; }
 
-    // `takesSealed`: the receiver knows texts whose seal comes last.
-    Outcome send(const PortPieces& text, bool takesSealed, Deadline& deadline);
+    // `seals`: what the receiver makes of them.
+    Outcome send(const PortPieces& text, PortSeals seals, Deadline& deadline);
 
 private:
     Outcome sendPacket(const PortPacket* header, std::string_view bytes, Deadline& deadline);
     Outcome sendWhole(std::string_view text, Deadline& deadline);
     Outcome sendInParts(const PortPieces& text, Deadline& deadline);
-    Outcome sendSealed(const PortPieces& text, bool takesSealed, Deadline& deadline);
+    Outcome sendSealed(const PortPieces& text, PortSeals seals, Deadline& deadline);
     Outcome sendParts(std::string_view piece, Deadline& deadline);
     Outcome sendParts(std::string_view piece, const PortPieces& sealed, Deadline& deadline);
     template <class SendPart>

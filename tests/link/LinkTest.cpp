@@ -102,6 +102,24 @@ protected:
         }
     }
 
+    // The ports of a machine whose owners look at no digests, as both of the tool's ways say it.
+    static std::vector<std::string> dropDigests(const Machine& at) {
+        std::vector<std::string> found;
+        const std::string lines = run(at, {CONVEY_PROGRAM, "ports"}).out;
+        const auto ports = nlohmann::json::parse(run(at, {CONVEY_PROGRAM, "ports", "--json"}).out);
+        for (const auto& one : ports["ports"]) {
+            const std::string name = one["name"];
+            const bool isDropping = !one.value("digests", true);
+            EXPECT_EQ(lines.find(" " + name + " (drops digests)\n") != std::string::npos,
+                      isDropping)
+                << lines;
+            if (isDropping) {
+                found.push_back(name);
+            }
+        }
+        return found;
+    }
+
     std::vector<std::string> ask(const std::string& body) const {
         return {CONVEY_PROGRAM, "send", "lumen-2.5-en_us", "--body", body, "--wait", "25"};
     }
@@ -126,6 +144,8 @@ TEST_F(LinkTest, usesAnApplicationOfAnotherMachineLikeOneOfItsOwn) {
     EXPECT_EQ(run(desk, ask("hello")).out, "sent\nreceived\nresult: echo: hello\nprocessed\n");
     EXPECT_EQ(run(desk, ask("fail")).out, "sent\nreceived\nerror: failed as asked\n");
     EXPECT_EQ(run(desk, {CONVEY_PROGRAM, "ping", "lumen"}).exitStatus, 0);
+    EXPECT_EQ(dropDigests(desk), std::vector<std::string>{"lumen-2.5-en_us"});
+    EXPECT_FALSE(dropDigests(workshop).empty()) << "askers from elsewhere";
     EXPECT_NE(run(desk, {CONVEY_PROGRAM, "diagnose", "lumen"})
                   .out.find("Process = " + std::to_string(target->pid())),
               std::string::npos);
@@ -270,6 +290,7 @@ TEST_F(LinkTest, keepsRequestsOnDiskForALinkThatIsAway) {
     const long count = scaled(50);
     join(desk);
     ASSERT_TRUE(says("requests_kept", 0));
+    EXPECT_EQ(dropDigests(desk), std::vector<std::string>());
     send(count);
     ASSERT_TRUE(says("requests_kept", count));
     (void)server->finish(SIGKILL);

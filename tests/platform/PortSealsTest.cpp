@@ -44,7 +44,7 @@ std::string sumOf(const std::string& text) {
 // The same text arrives whoever its owner is; one that knows sealed texts hears that the seal fits.
 TEST_F(PortSealsTest, aSealIsMadeAtBothEndsAndStandsInFront) {
     const auto port = opened();
-    enum class Owner { sealing, ofAnotherSeal, notAsking, ofOld };
+    enum class Owner { sealing, ofAnotherSeal, notAsking, ofOld, dropping };
     constexpr size_t kPart = 65'536;
     const std::pair<size_t, size_t> sizes[] = {{300, kPart - 300},
                                                {300, kPart - 1},
@@ -57,7 +57,7 @@ TEST_F(PortSealsTest, aSealIsMadeAtBothEndsAndStandsInFront) {
                                                {400'000, 0},
                                                {300, MessagePorts::kMaximumTextBytes - 325}};
     for (const Owner owner :
-         {Owner::sealing, Owner::ofAnotherSeal, Owner::notAsking, Owner::ofOld}) {
+         {Owner::sealing, Owner::ofAnotherSeal, Owner::notAsking, Owner::ofOld, Owner::dropping}) {
         port->checkSeals([owner]() -> std::unique_ptr<platform::PortSeal> {
             auto seal = owner == Owner::notAsking ? nullptr : std::make_unique<SumSeal>();
             if (owner == Owner::ofAnotherSeal) {
@@ -67,7 +67,9 @@ TEST_F(PortSealsTest, aSealIsMadeAtBothEndsAndStandsInFront) {
         });
         // A new time of change: senders look at the owner again.
         std::filesystem::permissions(fileOf(".socket"),
-                                     std::filesystem::perms(owner == Owner::ofOld ? 01600 : 01700));
+                                     std::filesystem::perms(owner == Owner::ofOld      ? 01600
+                                                            : owner == Owner::dropping ? 01710
+                                                                                       : 01700));
         for (const auto& [headBytes, bodyBytes] : sizes) {
             SCOPED_TRACE(std::to_string(static_cast<int>(owner)) + ": " +
                          std::to_string(headBytes) + " + " + std::to_string(bodyBytes));
@@ -81,7 +83,8 @@ TEST_F(PortSealsTest, aSealIsMadeAtBothEndsAndStandsInFront) {
             }
             const std::string head = text.substr(0, headBytes);
             const std::string body = text.substr(headBytes);
-            const std::string sum = sumOf(text);
+            // Without one for whom it would be made in vain.
+            const std::string sum = owner == Owner::dropping ? std::string() : sumOf(text);
             SumSeal seal;
             std::thread sender([&] {
                 EXPECT_EQ(ports.send(kName, {head, body, &seal}, kGenerous, nullptr),
@@ -90,6 +93,7 @@ TEST_F(PortSealsTest, aSealIsMadeAtBothEndsAndStandsInFront) {
             PortText received;
             ASSERT_TRUE(port->wait(kGenerous, false) && port->take(received));
             sender.join();
+            EXPECT_EQ(seal.taken() == 0, sum.empty());
             const bool hasRoom = text.size() + 64 <= MessagePorts::kMaximumTextBytes;
             EXPECT_EQ(received.sealBytes(), owner == Owner::sealing && hasRoom ? sum.size() : 0);
             // The body, without what is in front of it, is where a string can have it.
@@ -100,6 +104,19 @@ TEST_F(PortSealsTest, aSealIsMadeAtBothEndsAndStandsInFront) {
             EXPECT_FALSE(received.mayHaveZero());
             EXPECT_TRUE(received.view() == sum + text);
         }
+    }
+    // Its successor has them again, also of a sender that has been there.
+    for (const bool isUnsealed : {true, false, true}) {
+        const auto other = isUnsealed ? ports.openUnsealed("other") : ports.open("other");
+        const std::string text(100'000, 't');
+        SumSeal seal;
+        EXPECT_EQ(ports.send("other", {text, {}, &seal}, kGenerous, nullptr),
+                  SendResult::delivered);
+        EXPECT_TRUE(takeOne(*other) == (isUnsealed ? "" : sumOf(text)) + text) << isUnsealed;
+        const auto listed = ports.list();
+        EXPECT_EQ(std::count_if(listed.begin(), listed.end(),
+                                [](const auto& one) { return one.dropsSeals; }),
+                  isUnsealed ? 2 : 1);
     }
     const std::string tooLong(MessagePorts::kMaximumTextBytes - 10, 'x');
     SumSeal seal;

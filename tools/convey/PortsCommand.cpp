@@ -33,6 +33,9 @@ Exit ports(const Output& output, const PortsOptions& options) {
                 entry["connections"] = port.connections;
                 entry["waitingBytes"] = port.waitingBytes;
             }
+            if (port.dropsSeals) {
+                entry["digests"] = false;
+            }
             json["ports"].push_back(std::move(entry));
         }
         output.print(json);
@@ -46,7 +49,7 @@ Exit ports(const Output& output, const PortsOptions& options) {
                    : port.owner == 0 ? "?"
                                      : std::to_string(port.owner),
                    orUnknown(port.connections), orUnknown(port.waitingBytes),
-                   streamName(port.name)});
+                   streamName(port.name) + (port.dropsSeals ? " (drops digests)" : "")});
     }
     table.print(output);
     if (options.clean) {
