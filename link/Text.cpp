@@ -43,8 +43,10 @@ std::string_view lineEnd(std::string_view& text) {
 // Takes the lines off, and the empty one behind them; false when there are none.
 bool Text::readHead(std::string_view& text, size_t& announced) {
     text.remove_prefix(std::min(text.find_first_not_of('\n'), text.size()));
-    *this = Text();
+    lines_.clear();
     lines_.reserve(kUsualLines);
+    made_.clear();
+    timestamp_ = -1;
     announced = 0;
     bool any = false;
     while (!text.empty()) {
@@ -61,7 +63,7 @@ bool Text::readHead(std::string_view& text, size_t& announced) {
         } else if (name == ConveyData::CV_TIMESTAMP) {
             timestamp_ = numberOf(value);
         } else if (!isMade(name) && lines_.size() < bounds::kLines) {
-            lines_.push_back({std::string(name), std::string(value)});
+            lines_.push_back({name, value});
         }
     }
     return any;
@@ -85,7 +87,7 @@ bool Text::read(std::string_view head, std::string_view body, Text& out) {
 std::string_view Text::get(std::string_view name) const {
     const auto found = std::find_if(lines_.rbegin(), lines_.rend(),
                                     [name](const Line& line) { return line.name == name; });
-    return found == lines_.rend() ? std::string_view() : std::string_view(found->value);
+    return found == lines_.rend() ? std::string_view() : found->value;
 }
 
 bool Text::has(std::string_view name) const {
@@ -97,10 +99,10 @@ void Text::set(std::string_view name, std::string value) {
     const auto first = std::find_if(lines_.begin(), lines_.end(),
                                     [name](const Line& line) { return line.name == name; });
     if (first == lines_.end()) {
-        lines_.push_back({std::string(name), std::move(value)});
+        lines_.push_back({keep(std::string(name)), keep(std::move(value))});
         return;
     }
-    first->value = std::move(value);
+    first->value = keep(std::move(value));
     lines_.erase(std::remove_if(first + 1, lines_.end(),
                                 [name](const Line& line) { return line.name == name; }),
                  lines_.end());
@@ -108,8 +110,8 @@ void Text::set(std::string_view name, std::string value) {
 
 void Text::remove(std::string_view name) {
     std::erase_if(lines_, [name](const Line& line) {
-        return line.name == name || (line.name.starts_with(kEscape) &&
-                                     std::string_view(line.name).substr(kEscape.size()) == name);
+        return line.name == name ||
+               (line.name.starts_with(kEscape) && line.name.substr(kEscape.size()) == name);
     });
 }
 
@@ -179,7 +181,7 @@ std::string Text::write() const {
     return out.append(head).append(body_);
 }
 
-PortMessage Text::write(std::string arrived) const {
+PortMessage Text::write(std::string&& arrived) const {
     if (body_.size() <= kLargeBytes) {
         return write();
     }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <list>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -50,6 +51,8 @@ public:
     [[nodiscard]] static bool read(std::string_view head, std::string_view body, Text& out);
     // A text with these lines, in which nothing is yet.
     Text() = default;
+    Text(Text&&) = default;
+    Text& operator=(Text&&) = default;
 
     // The last line of that name, as readers take it; empty without one.
     std::string_view get(std::string_view name) const;
@@ -66,7 +69,7 @@ public:
     // some.
     std::string write() const;
     // The same for a port. `arrived` is what this was read from, and is good as long as the result.
-    PortMessage write(std::string arrived) const;
+    PortMessage write(std::string&& arrived) const;
     // Without digest and timestamp: what travels. `block`, where it is not null, has the body alone
     // and is taken over.
     std::string writePlain() const;
@@ -77,11 +80,15 @@ private:
     std::string head() const;
     std::string portHead() const;
 
+    // Of the text that was read, or of `made_`.
     struct Line {
-        std::string name;
-        std::string value;
+        std::string_view name;
+        std::string_view value;
     };
+    std::string_view keep(std::string piece) { return made_.emplace_back(std::move(piece)); }
+
     std::vector<Line> lines_;
+    std::list<std::string> made_; // pieces of lines that were set, each of which stays where it is
     std::string ownBody_;
     std::string_view body_;
     int64_t timestamp_ = -1;
