@@ -1,137 +1,89 @@
 #include <cstring>
+#include <dlfcn.h>
 
 #include "cmd/CapsProductFunctions.h"
 #include "cmd/HostProductInfoFromCapsLib.h"
-#include "cmd/KivraConveyCmd.h"
+#include "tests/support/Database.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace {
 
-// A database library that a test fills; one product for all payloads.
-struct FakePayload {
-    std::string identifier;
-    std::string kind = "normal";
-    std::string launchPath;
-    std::map<std::string, std::string> general;                      // domain 0
-    std::vector<std::pair<std::string, std::string>> languages = {}; // domain 6
-};
-
-std::vector<FakePayload> gPayloads;
-std::vector<const char*> gList;
-capsPayload gRecord;
-int gOpenSessions = 0;
-
-const FakePayload* payloadOf(const char* identifier) {
-    const auto found = std::find_if(gPayloads.begin(), gPayloads.end(), [&](const FakePayload& p) {
-        return p.identifier == identifier;
-    });
-    return found == gPayloads.end() ? nullptr : &*found;
-}
-
-CapsProductFunctions fakeFunctions() {
-    CapsProductFunctions f;
-    f.mdbOpenSessionNoCreate = [](capsiSession** session, int32_t) -> int32_t {
-        ++gOpenSessions;
-        *session = reinterpret_cast<capsiSession*>(&gRecord);
-        return CAPS_OK;
-    };
-    f.pdbOpenSessionNoCreate = f.mdbOpenSessionNoCreate;
-    f.mdbCloseSession = [](capsiSession*) -> int32_t { return --gOpenSessions, CAPS_OK; };
-    f.pdbCloseSession = f.mdbCloseSession;
-    f.mdbGetProductIDList = [](capsiSession*, const char*** ids) -> int32_t {
-        static const char* list[] = {"broken", "product", nullptr};
-        *ids = list;
-        return CAPS_OK;
-    };
-    f.mdbGetProduct = [](capsiSession*, const char* id, const capsProduct** product) -> int32_t {
-        static const capsProduct record = {"product"};
-        *product = &record;
-        return std::strcmp(id, "broken") == 0 ? CAPS_DAMAGED : CAPS_OK;
-    };
-    f.mdbGetProductPayloads = [](capsiSession*, const capsProduct*,
-                                 const char*** payloads) -> int32_t {
-        gList.assign(1, "{gone}"); // in the list, but not to be read
-        for (const FakePayload& payload : gPayloads) {
-            gList.push_back(payload.identifier.c_str());
-        }
-        gList.push_back(nullptr);
-        *payloads = gList.data();
-        return CAPS_OK;
-    };
-    f.mdbGetPayload = [](capsiSession*, const char* id, const capsPayload** out) -> int32_t {
-        const FakePayload* payload = payloadOf(id);
-        if (payload == nullptr) {
-            return CAPS_NOTHING_THERE;
-        }
-        gRecord = {payload->identifier.c_str(), "", "", 4, payload->kind.c_str()};
-        *out = &gRecord;
-        return CAPS_OK;
-    };
-    f.pdbGetPayloadData = [](capsiSession*, const char* id, capsDomain domain, const char* key,
-                             const char** value) -> int32_t {
-        const FakePayload& payload = *payloadOf(id);
-        if (domain == 0) {
-            const auto found = payload.general.find(key);
-            *value = found == payload.general.end() ? nullptr : found->second.c_str();
-            return CAPS_OK; // a success without a value counts as none
-        }
-        for (const auto& [candidate, text] : payload.languages) {
-            if (candidate == key && text != "<fails>") {
-                *value = text.c_str();
-                return CAPS_OK;
-            }
-        }
-        return CAPS_NOTHING_THERE;
-    };
-    f.pdbGetPayloadDataKeys = [](capsiSession*, const char* id, capsDomain, const char** keys,
-                                 uint32_t* slots) -> int32_t {
-        const auto& languages = payloadOf(id)->languages;
-        if (languages.size() + 1 > *slots) {
-            *slots = static_cast<uint32_t>(languages.size() + 1);
-            return CAPS_TOO_SMALL;
-        }
-        EXPECT_EQ(std::count(keys, keys + *slots, nullptr), *slots) << "of another payload";
-        for (const auto& [key, value] : languages) {
-            *keys++ = key.c_str(); // and no null behind them
-        }
-        return languages.empty() ? CAPS_NOTHING_THERE : CAPS_OK;
-    };
-    f.pdbGetAppLaunchPath = [](const char* id, char* buffer, uint32_t* size) -> int32_t {
-        const std::string& path = payloadOf(id)->launchPath;
-        if (path.empty() || path.size() >= *size) {
-            return CAPS_NOTHING_THERE;
-        }
-        path.copy(buffer, path.size());
-        return CAPS_OK;
-    };
-    return f;
-}
+CapsProductFunctions gLibrary; // the real one, some of whose answers a test changes
 
 class ProductInfoTest : public testing::Test {
 protected:
-    ~ProductInfoTest() override { EXPECT_EQ(gOpenSessions, 0); }
+    using Pairs = std::vector<std::pair<std::string, std::string>>;
 
-    static FakePayload payload(const char* languages, const char* config, const char* install) {
-        return {"{p" + std::to_string(gPayloads.size()) + "}",
-                "normal",
-                "",
-                {{"installedLanguages", languages},
-                 {"PYLConfigPath", config},
-                 {"INSTALLDIR", install}}};
+    ProductInfoTest() {
+        void* const library = dlopen(OVREL_CAPS_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+#define BIND(name) gLibrary.name = reinterpret_cast<decltype(::name)*>(dlsym(library, #name))
+        BIND(mdbOpenSessionNoCreate);
+        BIND(mdbCloseSession);
+        BIND(mdbGetProductIDList);
+        BIND(mdbGetProduct);
+        BIND(mdbGetProductPayloads);
+        BIND(mdbGetPayload);
+        BIND(pdbOpenSessionNoCreate);
+        BIND(pdbCloseSession);
+        BIND(pdbGetPayloadData);
+        BIND(pdbGetPayloadDataKeys);
+        BIND(pdbGetAppLaunchPath);
+#undef BIND
+        EXPECT_TRUE(gLibrary.areComplete());
+    }
+
+    static caps::Payload payload(const char* languages, const char* config, const char* install,
+                                 const Pairs& pairs = {}) {
+        caps::Payload made;
+        made.data = {{0, "installedLanguages", languages},
+                     {0, "PYLConfigPath", config},
+                     {0, "INSTALLDIR", install}};
+        for (const auto& [key, value] : pairs) {
+            made.data.push_back({6, key, value});
+        }
+        return made;
+    }
+    // A database with a product of these payloads.
+    void fill(std::vector<caps::Payload> payloads) {
+        const std::string path = folder.file(std::to_string(++filled));
+        setenv("OVREL_CAPS_DB", path.c_str(), 1);
+        for (size_t i = 0; i < payloads.size(); ++i) {
+            payloads[i].code = "{p" + std::to_string(i) + "}";
+        }
+        const auto store = openStore(path);
+        EXPECT_EQ(store->addProduct({"broken", {}}), caps::Status::ok);
+        EXPECT_EQ(store->addProduct({"product", payloads}), caps::Status::ok);
     }
     static std::string lookUp(const CHostProductInfoFromCapsLib& info, const char* folder) {
         std::string languages = "old";
         const bool found = info.LookupInstalledLanguages(folder, languages);
         return found ? languages : languages.empty() ? "<none>" : "<not emptied>";
     }
-    // What the languages become with these pairs.
-    static std::string translated(const char* languages,
-                                  std::vector<std::pair<std::string, std::string>> pairs) {
-        gPayloads.clear();
-        gPayloads.push_back(payload(languages, "/o/P/c.xml", "/o"));
-        gPayloads.back().languages = std::move(pairs);
-        return lookUp(CHostProductInfoFromCapsLib(fakeFunctions()), "/o/P");
+    // What the languages become with these pairs, of a library that fails for one name, and knows
+    // of a key without a name.
+    std::string translated(const char* languages, const Pairs& pairs) {
+        fill({payload(languages, "/o/P/c.xml", "/o", pairs)});
+        CapsProductFunctions functions = gLibrary;
+        functions.pdbGetPayloadDataKeys = [](capsiSession* session, const char* id,
+                                             capsDomain domain, const char** keys,
+                                             uint32_t* slots) {
+            const int32_t status = gLibrary.pdbGetPayloadDataKeys(session, id, domain, keys, slots);
+            if (status == CAPS_OK && std::strcmp(keys[0], "nameless") == 0) {
+                keys[0] = "";
+            }
+            return status;
+        };
+        functions.pdbGetPayloadData = [](capsiSession* session, const char* id, capsDomain domain,
+                                         const char* key, const char** value) {
+            const int32_t status = gLibrary.pdbGetPayloadData(
+                session, id, domain, *key == '\0' ? "nameless" : key, value);
+            return std::strcmp(key, "fails") == 0 ? CAPS_FAILED : status;
+        };
+        return lookUp(CHostProductInfoFromCapsLib(functions), "/o/P");
     }
-    ProductInfoTest() { gPayloads.clear(); }
+
+    TemporaryFolder folder;
+    int filled = 0;
 };
 
 TEST_F(ProductInfoTest, findsTheFolderOfAProduct) {
@@ -154,25 +106,40 @@ TEST_F(ProductInfoTest, findsTheFolderOfAProduct) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.why);
-        gPayloads = {payload("xx_XX", c.config, c.install)};
-        gPayloads[0].launchPath = c.launchPath;
-        const CHostProductInfoFromCapsLib info(fakeFunctions());
+        caps::Payload only = payload("xx_XX", c.config, c.install);
+        only.launchPath = c.launchPath;
+        fill({only});
+        const CHostProductInfoFromCapsLib info(gLibrary);
         EXPECT_EQ(lookUp(info, *c.folder != '\0' ? c.folder : "/x"),
                   *c.folder != '\0' ? "xx_XX" : "<none>");
         EXPECT_EQ(lookUp(info, (std::string(c.folder) + "/").c_str()), "<none>") << "exact folders";
     }
 }
 
+// Of what can be read.
 TEST_F(ProductInfoTest, keepsTheFirstLanguagesOfAFolder) {
-    gPayloads.push_back(payload("", "/o/P/c", "/o"));
-    gPayloads.push_back(payload("aa_AA", "/o/P/c", "/o"));
-    gPayloads.push_back(payload("bb_BB", "/o/P/c", "/o"));
-    gPayloads[1].languages = gPayloads[2].languages = {{"key", "value"}};
-    gPayloads.push_back(payload("cc_CC", "/o/Q/c", "/o"));
-    gPayloads.back().kind = "Normal";
-    gPayloads.push_back(payload("dd_DD", "/o/R/c", "/o"));
-    gPayloads.back().general.erase("INSTALLDIR");
-    const CHostProductInfoFromCapsLib info(fakeFunctions());
+    fill({payload("", "/o/P/c", "/o"), payload("none", "/o/P/c", "/o"),
+          payload("aa_AA", "/o/P/c", "/o", {{"key", "value"}}),
+          payload("bb_BB", "/o/P/c", "/o", {{"key", "value"}}), payload("cc_CC", "/o/Q/c", "/o"),
+          payload("dd_DD", "/o/R/c", "/o")});
+    executeSql(folder.file("1"), "UPDATE payload SET kind = 'Normal' WHERE code = '{p4}';"
+                                 "DELETE FROM payload_data WHERE value = '/o' AND payload = "
+                                 "(SELECT id FROM payload WHERE code = '{p5}')");
+    CapsProductFunctions functions = gLibrary;
+    functions.mdbGetProduct = [](capsiSession* session, const char* id, const capsProduct** out) {
+        const int32_t status = gLibrary.mdbGetProduct(session, id, out);
+        return std::strcmp(id, "broken") == 0 ? CAPS_DAMAGED : status;
+    };
+    functions.mdbGetPayload = [](capsiSession* session, const char* id, const capsPayload** out) {
+        return std::strcmp(id, "{p1}") == 0 ? CAPS_NOTHING_THERE
+                                            : gLibrary.mdbGetPayload(session, id, out);
+    };
+    functions.pdbGetPayloadDataKeys = [](capsiSession* session, const char* id, capsDomain domain,
+                                         const char** keys, uint32_t* slots) {
+        EXPECT_EQ(std::count(keys, keys + *slots, nullptr), *slots) << "of another payload";
+        return gLibrary.pdbGetPayloadDataKeys(session, id, domain, keys, slots);
+    };
+    const CHostProductInfoFromCapsLib info(functions);
     EXPECT_EQ(lookUp(info, "/o/P"), "aa_AA");
     EXPECT_EQ(lookUp(info, "/o/Q"), "<none>");
     EXPECT_EQ(lookUp(info, "/o/R"), "<none>");
@@ -184,9 +151,9 @@ TEST_F(ProductInfoTest, translatesTheProductsOwnLanguageKeys) {
     EXPECT_EQ(translated("a", {{"a", "aa"}}), "aa") << "what was inserted is not looked at";
     EXPECT_EQ(translated("a", {{"a", "fr_FR"}, {"b", "c"}}), "fr_") << "cut by the short rest";
     EXPECT_EQ(translated("a", {{"a", "fr_FR"}, {"bb", "cccc"}}), "fr_FR");
-    EXPECT_EQ(translated("a", {{"x", "<fails>"}, {"a", "b"}}), "b");
-    EXPECT_EQ(translated("a", {{"", "b"}}), "a") << "a key without a name means nothing";
-    std::vector<std::pair<std::string, std::string>> many;
+    EXPECT_EQ(translated("a", {{"fails", "c"}, {"a", "b"}}), "b");
+    EXPECT_EQ(translated("a", {{"nameless", "b"}}), "a") << "it means nothing";
+    Pairs many;
     for (int i = 0; i < 150; ++i) {
         many.emplace_back("key" + std::to_string(i) + ".", "l" + std::to_string(i));
     }
@@ -194,12 +161,13 @@ TEST_F(ProductInfoTest, translatesTheProductsOwnLanguageKeys) {
 }
 
 TEST_F(ProductInfoTest, knowsNothingWithoutEveryFunction) {
-    gPayloads = {payload("xx_XX", "/o/P/c", "/o")};
+    fill({payload("xx_XX", "/o/P/c", "/o")});
+    EXPECT_EQ(lookUp(CHostProductInfoFromCapsLib(gLibrary), "/o/P"), "xx_XX");
     EXPECT_EQ(lookUp(CHostProductInfoFromCapsLib(CapsProductFunctions()), "/o/P"), "<none>");
-    CapsProductFunctions functions = fakeFunctions();
+    CapsProductFunctions functions = gLibrary;
     functions.pdbGetPayloadDataKeys = nullptr;
     EXPECT_EQ(lookUp(CHostProductInfoFromCapsLib(functions), "/o/P"), "<none>");
-    functions = fakeFunctions();
+    functions = gLibrary;
     functions.pdbOpenSessionNoCreate = [](capsiSession**, int32_t) -> int32_t { return CAPS_BUSY; };
     EXPECT_EQ(lookUp(CHostProductInfoFromCapsLib(functions), "/o/P"), "<none>");
 }
