@@ -1,4 +1,3 @@
-#include <dlfcn.h>
 #include <sys/stat.h>
 
 #include "tests/e2e/Scene.h"
@@ -135,53 +134,6 @@ TEST_F(LaunchTest, opensWebAddresses) {
                   .exitStatus,
               1)
         << "no browser";
-}
-
-// What more than a program is, is started as the desktop starts it.
-TEST_F(LaunchTest, importedDesktopEntriesStartWhatTheyName) {
-    // Not for every architecture: Debian's 32-bit one needs the same revision as the 64-bit one.
-    const bool hasLibrary = dlopen("libgio-2.0.so.0", RTLD_LAZY) != nullptr;
-    const std::string note = folder.file("note");
-    (void)script("bin/prog", "printf '%s' \"marked $MARK $#\" > " + note + ".new && mv " + note +
-                                 ".new " + note);
-    std::filesystem::create_directory(folder.file("x"));
-    const std::string main =
-        folder.write("x/main.py", "import os, sys\nopen('" + note +
-                                      ".new', 'w').write('python %d' % len(sys.argv))\n"
-                                      "os.rename('" +
-                                      note + ".new', '" + note + "')\n");
-    // The last: whether it is more than a program.
-    const std::tuple<const char*, std::string, const char*, bool> cases[] = {
-        {"plain", folder.file("bin/prog") + " %U", "marked  0", false},
-        {"marked", "env MARK=1 " + folder.file("bin/prog") + " %U", "marked 1 0", true},
-        {"interpreted", "python3 " + main + " %F", "python 1", true},
-        {"shell",
-         "sh -c \"printf '%%s' 'of a shell' > " + note + ".new && mv " + note + ".new " + note +
-             "\"",
-         "of a shell", true},
-    };
-    std::filesystem::create_directory(folder.file("entries"));
-    for (const auto& [name, exec, said, isMore] : cases) {
-        (void)folder.write(
-            "entries/" + std::string(name) + ".desktop",
-            "[Desktop Entry]\nType=Application\nName=N\nX-A-Version=1.0\nExec=" + exec + "\n");
-    }
-    const ProcessResult imported =
-        runProcess({OVREL_CAPS_TOOL, "import-desktop", folder.file("entries")});
-    ASSERT_EQ(imported.out, "4 applications added, 0 replaced\n") << imported.err;
-    for (const auto& [name, exec, said, isMore] : cases) {
-        SCOPED_TRACE(name);
-        const ProcessResult result = runProcess({CONVEY_PROGRAM, "launch", "--wait", "0", name});
-        if (!hasLibrary && isMore) {
-            EXPECT_EQ(result.exitStatus, 1);
-            EXPECT_THAT(result.err, HasSubstr("the GIO library is not installed"));
-            continue;
-        }
-        EXPECT_EQ(result.exitStatus, 0) << result.err;
-        EXPECT_TRUE(eventually([&] { return std::filesystem::exists(note); }));
-        EXPECT_EQ(TemporaryFolder::read(note), said);
-        std::filesystem::remove(note);
-    }
 }
 
 TEST_F(LaunchTest, theToolWaitsForNothingWhenItIsToldSo) {
