@@ -15,11 +15,14 @@ class Terminal {
 public:
     // On what a shell has written before, and says behind it how the program has ended.
     Terminal(const TemporaryFolder& folder, const std::string& command, int columns)
-        : socket_(folder.file("tmux" + std::to_string(++made_))) {
-        (void)tmux({"-f", "/dev/null", "new-session", "-d", "-x", std::to_string(columns), "-y",
-                    "12", "echo before; " + command + "; echo status $?; exec cat"});
+        : socket_(folder.file("tmux" + std::to_string(++made_))),
+          server_({TMUX, "-u", "-D", "-f", "/dev/null", "-S", socket_}, {{"TMUX", ""}}) {
+        for (int looks = 0; looks < 3000 && !std::filesystem::is_socket(socket_); ++looks) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        (void)tmux({"new-session", "-d", "-x", std::to_string(columns), "-y", "12",
+                    "echo before; " + command + "; echo status $?; exec cat"});
     }
-    ~Terminal() { (void)tmux({"kill-server"}); }
     Terminal(const Terminal&) = delete;
     Terminal& operator=(const Terminal&) = delete;
 
@@ -46,6 +49,7 @@ private:
     }
     static inline int made_ = 0; // what ends must not be met by what begins
     const std::string socket_;
+    RunningProcess server_; // not in the background, where a test that is killed would leave it
 };
 
 // An application that is well, one that is stopped and one that never handles what it gets.
