@@ -131,23 +131,22 @@ Reply replyOf(const Message& message, std::string_view requestType) {
     return reply;
 }
 
-// A handler's visitors are known by their threads: who takes a handler out from within it must not
-// wait for itself, so a count would not do.
-// A handler's visitor, counted in and, whatever happens, out.
+// A handler's visitor, counted in and, whatever happens, out. Without a lock, since there is one
+// for each message: who releases the handler takes it away first and then looks at the count, and a
+// visitor does both the other way round, so that one of the two sees the other.
 class HandlerSlot::Visit {
 public:
-    explicit Visit(HandlerSlot& slot) : slot_(slot) {
-        const std::lock_guard<std::mutex> guard(slot_.mutex_);
+    explicit Visit(HandlerSlot& slot) : slot_(slot), outer_(gInnermost) {
+        slot_.inside_.fetch_add(1);
         handler_ = slot_.handler_.load();
-        if (handler_ != nullptr) {
-            slot_.inside_.push_back(self_);
-        }
+        gInnermost = this;
     }
     ~Visit() {
-        if (handler_ != nullptr) {
-            // One place of this thread's: nested calls have one each.
+        gInnermost = outer_;
+        slot_.inside_.fetch_sub(1);
+        if (slot_.handler_.load() == nullptr) {
+            // With the mutex: who has just looked and is about to wait would not hear of it.
             const std::lock_guard<std::mutex> guard(slot_.mutex_);
-            slot_.inside_.erase(std::find(slot_.inside_.begin(), slot_.inside_.end(), self_));
             slot_.left_.notify_all();
         }
     }
@@ -155,11 +154,24 @@ public:
     Visit& operator=(const Visit&) = delete;
     MsgHandler* handler() const { return handler_; }
 
+    // Those of the calling thread: who takes a handler out from within it must not wait for itself.
+    static int32_t own(const HandlerSlot& slot) {
+        int32_t count = 0;
+        for (const Visit* visit = gInnermost; visit != nullptr; visit = visit->outer_) {
+            count += &visit->slot_ == &slot ? 1 : 0;
+        }
+        return count;
+    }
+
 private:
-    HandlerSlot& slot_;
-    const std::thread::id self_ = std::this_thread::get_id();
+    static constinit thread_local Visit* gInnermost;
+
+    HandlerSlot& slot_; // who is in it has a share in it
+    Visit* const outer_;
     MsgHandler* handler_ = nullptr;
 };
+
+constinit thread_local HandlerSlot::Visit* HandlerSlot::Visit::gInnermost = nullptr;
 
 HandlerSlot::HandlerSlot(MsgHandler* handler)
     : handler_(handler),
@@ -186,15 +198,12 @@ int32_t HandlerSlot::call(int event, Message& message, SoString* result) {
 }
 
 MsgHandler* HandlerSlot::release() {
-    const std::thread::id self = std::this_thread::get_id();
-    std::unique_lock<std::mutex> lock(mutex_);
     // First nobody comes in any more, then those who are in leave: in the other order a busy
     // handler might never be free.
     MsgHandler* const handler = handler_.exchange(nullptr);
-    left_.wait(lock, [&] {
-        return std::all_of(inside_.begin(), inside_.end(),
-                           [self](std::thread::id id) { return id == self; });
-    });
+    const int32_t own = Visit::own(*this);
+    std::unique_lock<std::mutex> lock(mutex_);
+    left_.wait(lock, [&] { return inside_.load() == own; });
     return handler;
 }
 

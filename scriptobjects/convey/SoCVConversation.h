@@ -80,9 +80,9 @@ private:
     const std::string type_;
     const uint32_t number_;
     const bool forwards_;
-    std::mutex mutex_;
+    std::atomic<int32_t> inside_{0}; // calls, nested ones of a thread as well
+    std::mutex mutex_;               // of those who wait until others have left
     std::condition_variable left_;
-    std::vector<std::thread::id> inside_; // the threads in the handler, nested calls twice
 };
 
 using HandlerSlots = std::vector<std::shared_ptr<HandlerSlot>>;
@@ -245,6 +245,7 @@ private:
     std::shared_ptr<HandlerSlot> takeLocked(const std::shared_ptr<HandlerSlot>& slot)
         SO_REQUIRES(this);
     void unwatchLocked(Conversation& conversation) SO_REQUIRES(this);
+    void noteFirstSecondLocked() SO_REQUIRES(this);
     HandlerSlots endLocked(Conversation& conversation, Conversation::End end) SO_REQUIRES(this);
     void closeIfDoneLocked(Conversation& conversation) SO_REQUIRES(this);
     void leave(Conversation& conversation);
@@ -254,6 +255,9 @@ private:
     // The number of each handler, so that one is found by its address.
     std::unordered_map<const Convey::MsgHandler*, uint32_t> numbers_ SO_GUARDED_BY(this);
     std::map<int64_t, std::list<Conversation*>> deadlines_ SO_GUARDED_BY(this); // by steady second
+    // The first of them, INT64_MAX for none. Changes under the lock; read without, since it is
+    // asked for with each message.
+    std::atomic<int64_t> firstSecond_{INT64_MAX};
     uint64_t lastWatch_ SO_GUARDED_BY(this) = 0;
     Wait* newestWait_ SO_GUARDED_BY(this) = nullptr;
 };

@@ -29,7 +29,12 @@ void Conversations::unwatchLocked(Conversation& conversation) {
     second->second.erase(conversation.deadlinePlace_);
     if (second->second.empty()) {
         deadlines_.erase(second);
+        noteFirstSecondLocked();
     }
+}
+
+void Conversations::noteFirstSecondLocked() {
+    firstSecond_.store(deadlines_.empty() ? INT64_MAX : deadlines_.begin()->first);
 }
 
 void Conversations::unwatch(uint32_t number) {
@@ -64,6 +69,7 @@ void Conversations::watch(const Message& request, const SoString& watcher, uint3
         throw;
     }
     unwatchLocked(*conversation);
+    noteFirstSecondLocked();
     place.front() = conversation.get();
     second->second.splice(second->second.end(), place);
     conversation->watched_ = true;
@@ -95,9 +101,16 @@ std::unique_ptr<Message> Conversations::watcherOf(uint32_t number) const {
 }
 
 std::vector<std::unique_ptr<Message>> Conversations::takeExpired() {
-    const int64_t now = ConveyUtils::getSteadyMilliseconds() / 1000;
-    std::vector<std::pair<uint64_t, std::unique_ptr<Message>>> expired;
     std::vector<std::unique_ptr<Message>> messages;
+    const int64_t first = firstSecond_.load();
+    if (first == INT64_MAX) {
+        return messages;
+    }
+    const int64_t now = ConveyUtils::getSteadyMilliseconds() / 1000;
+    if (now < first) {
+        return messages;
+    }
+    std::vector<std::pair<uint64_t, std::unique_ptr<Message>>> expired;
     {
         const ObjectLock guard(*this);
         // The first second that has not come ends it: what is not over is not looked at.
@@ -125,10 +138,8 @@ std::vector<std::unique_ptr<Message>> Conversations::takeExpired() {
 }
 
 int64_t Conversations::firstDeadline() const {
-    const ObjectLock guard(*this);
-    return deadlines_.empty() || deadlines_.begin()->first == INT64_MAX
-               ? INT64_MAX
-               : deadlines_.begin()->first * 1000;
+    const int64_t second = firstSecond_.load();
+    return second == INT64_MAX ? INT64_MAX : second * 1000;
 }
 
 std::vector<std::unique_ptr<Message>> Conversations::watchers() const {
