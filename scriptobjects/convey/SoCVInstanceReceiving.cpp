@@ -221,8 +221,9 @@ MessageQueue::Taken PrivateData::takeWanted(uint32_t serialNumber, Conversations
 
 // Whether nothing is behind it but its end, as a result brings that: no handler waits for it.
 bool PrivateData::isLastOf(const MessageQueue::Taken& taken) const {
-    if (taken.message == nullptr || incoming_.count() > 1) {
-        return incoming_.isEmpty();
+    const int32_t left = incoming_.count();
+    if (left == 0 || left > 1 || taken.message == nullptr) {
+        return left == 0;
     }
     bool is = true;
     incoming_.forEach([&](const Message& message) {

@@ -105,16 +105,6 @@ private:
 MessageQueue::Listener::~Listener() = default;
 MessageQueue::~MessageQueue() = default;
 
-bool MessageQueue::isEmpty() const {
-    const ObjectLock guard(*this);
-    return all_.first == nullptr;
-}
-
-int32_t MessageQueue::count() const {
-    const ObjectLock guard(*this);
-    return count_;
-}
-
 int64_t MessageQueue::bodyBytes() const {
     const ObjectLock guard(*this);
     return bodyBytes_;

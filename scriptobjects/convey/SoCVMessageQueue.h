@@ -51,8 +51,8 @@ public:
     // To be set before the queue is used; not owned, null for none.
     void setListener(Listener* listener) { listener_ = listener; }
 
-    bool isEmpty() const;
-    int32_t count() const;
+    bool isEmpty() const { return count() == 0; }
+    int32_t count() const { return count_.load(); }
     // Bytes of the bodies.
     int64_t bodyBytes() const;
     // How many have gone without having been taken: their time was over, or nobody wants them any
@@ -246,7 +246,9 @@ private:
     // to be held up, in the chain of its sender.
     Pool pool_ SO_GUARDED_BY(this);
     Chain<ofAll> all_ SO_GUARDED_BY(this);
-    int32_t count_ SO_GUARDED_BY(this) = 0;
+    // Changes under the lock, behind all else; read without, since it is asked for several times
+    // with each message.
+    std::atomic<int32_t> count_{0};
     ByName<Line> lines_ SO_GUARDED_BY(this); // none is empty
     Line* newestLine_ SO_GUARDED_BY(this) = nullptr;
     Chain<ofTurn> ready_ SO_GUARDED_BY(this);

@@ -145,7 +145,6 @@ void MessageQueue::insertLocked(Taken& added) {
     entry.turn = &ready_;
     entry.message = std::move(added.message);
     linkLocked(entry);
-    ++count_;
     const int32_t bytes = message.getBody().length();
     bodyBytes_ += bytes;
     for (Load* load : {&entry.line->load, entry.isAnswer ? &answers_ : nullptr}) {
@@ -156,6 +155,7 @@ void MessageQueue::insertLocked(Taken& added) {
     }
     watchers_ += entry.isWatcher ? 1 : 0;
     setDeadlineLocked(entry, added.deadline);
+    count_.fetch_add(1);
 }
 
 // What is left of an insertion that ran out of memory.
@@ -215,7 +215,7 @@ std::unique_ptr<Message> MessageQueue::removeLocked(Entry& entry) {
     }
     pool_.giveBack(entry);
     // The index went with the last entry of each number, and the next to ask by one makes it anew.
-    if (--count_ == 0) {
+    if (count_.fetch_sub(1) == 1) {
         numbersKnown_ = false;
         pool_.shrink();
     }
