@@ -256,8 +256,12 @@ void MessageQueue::removeTimeoutMessage(uint32_t serial) {
 }
 
 void MessageQueue::removeExpiredMessages() {
+    const int64_t mayBeOver = firstDeadline_.load(std::memory_order_relaxed);
+    if (mayBeOver == kNoDeadline) {
+        return; // without a look at the clock
+    }
     const int64_t now = ConveyUtils::getSteadyMilliseconds();
-    if (now < firstDeadline_.load(std::memory_order_relaxed)) {
+    if (now < mayBeOver) {
         return; // looking at each of many, each time, would take long
     }
     Notices notices(listener_);
@@ -389,6 +393,9 @@ std::vector<std::string> MessageQueue::targets() const {
 }
 
 MessageQueue::Load MessageQueue::loadOf(std::string_view target) const {
+    if (isEmpty()) {
+        return {};
+    }
     const ObjectLock guard(*this);
     const Line* const line = findLineLocked(target);
     return line == nullptr ? Load{} : line->load;

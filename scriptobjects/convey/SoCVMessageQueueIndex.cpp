@@ -217,6 +217,7 @@ std::unique_ptr<Message> MessageQueue::removeLocked(Entry& entry) {
     // The index went with the last entry of each number, and the next to ask by one makes it anew.
     if (count_.fetch_sub(1) == 1) {
         numbersKnown_ = false;
+        firstDeadline_.store(kNoDeadline, std::memory_order_relaxed);
         pool_.shrink();
     }
     return message;
