@@ -18,6 +18,7 @@ constexpr int32_t kMaximumMessages = limits::of("queue.incoming.messages");
 constexpr int64_t kMaximumBytes = limits::of("queue.incoming.bytes");
 constexpr int32_t kMaximumShareMessages = limits::of("queue.incoming.share.messages");
 constexpr int64_t kMaximumShareBytes = limits::of("queue.incoming.share.bytes");
+static_assert(kMaximumShareMessages <= kMaximumMessages && kMaximumShareBytes <= kMaximumBytes);
 constexpr int64_t kMaximumUnreadBytes = limits::of("receive.unread");
 // What is read without a look at the clock: a fraction of a millisecond.
 constexpr size_t kReadBytes = limits::of("receive.step");
@@ -38,6 +39,11 @@ int64_t costOf(const Message::Reader& text) {
 } // namespace
 
 bool IncomingAccounts::hasRoom(int32_t process) const {
+    // As a rule all of them together have less than one may have.
+    if (keptMessages_.load(std::memory_order_acquire) < kMaximumShareMessages &&
+        keptBytes_.load(std::memory_order_acquire) < kMaximumShareBytes) {
+        return true;
+    }
     const std::lock_guard<std::mutex> guard(mutex_);
     const auto own = processes_.find(process);
     return own == processes_.end() || hasRoomLocked(own->second);
@@ -67,6 +73,7 @@ void IncomingAccounts::charge(int32_t process, int64_t bytes) {
         ++load->messages;
         load->bytes += bytes;
     }
+    noteKeptLocked();
 }
 
 void IncomingAccounts::giveBack(int32_t process, int64_t bytes) {
@@ -76,9 +83,15 @@ void IncomingAccounts::giveBack(int32_t process, int64_t bytes) {
         --load->messages;
         load->bytes -= bytes;
     }
+    noteKeptLocked();
     if (own->second.messages == 0 && processes_.size() > kRemembered) {
         processes_.erase(own);
     }
+}
+
+void IncomingAccounts::noteKeptLocked() {
+    keptMessages_.store(all_.messages, std::memory_order_release);
+    keptBytes_.store(all_.bytes, std::memory_order_release);
 }
 
 // A message with its charge.
@@ -121,12 +134,9 @@ bool Arrivals::hasTextOf(int32_t process) const {
 // all that it draws at once.
 void Arrivals::draw(InterAppStream& stream, Look& look) {
     while (bytes_.load() < kMaximumUnreadBytes) {
-        const auto text = stream.take();
+        const auto text = stream.take(look.isDue);
         if (text == nullptr) {
-            if (!std::exchange(look.isDue, false) || !stream.messagePending()) {
-                return;
-            }
-            continue;
+            return;
         }
         if (text->text.isEmpty()) {
             continue;

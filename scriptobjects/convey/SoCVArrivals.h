@@ -39,8 +39,12 @@ public:
 private:
     mutable std::mutex mutex_; // a leaf
     bool hasRoomLocked(const Load& own) const;
+    void noteKeptLocked();
     std::map<int32_t, Load> processes_;
     Load all_;
+    // The same; change under the mutex, read without.
+    std::atomic<int32_t> keptMessages_{0};
+    std::atomic<int64_t> keptBytes_{0};
 };
 
 // The texts that have arrived and are not read yet. They are read message by message, for as long

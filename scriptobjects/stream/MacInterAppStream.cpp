@@ -90,6 +90,7 @@ void MacInterAppStream::close() {
         delete drawn_.removeAt(drawn_.count() - 1);
     }
     drawnBytes_ = 0;
+    drawnTexts_.store(0);
 }
 
 void MacInterAppStream::watch(platform::PortWait& wait, uint64_t number) const {
@@ -122,8 +123,7 @@ bool MacInterAppStream::divert(platform::PortWait& wait, platform::PollSignal& s
 }
 
 // Draws up to so many texts; true when there is something to receive then.
-bool MacInterAppStream::draw(int32_t maximumTexts) const {
-    const ObjectLock guard(*this);
+bool MacInterAppStream::drawLocked(int32_t maximumTexts) const {
     platform::PortText received;
     // The bounds are asked before `take`: what is taken cannot be put back, and what is left in the
     // system's queue holds its senders back.
@@ -134,12 +134,14 @@ bool MacInterAppStream::draw(int32_t maximumTexts) const {
         // Owned here until it is in the list, which may find no memory for it.
         drawn_.append(data.get());
         drawnBytes_ += data.release()->bytes();
+        drawnTexts_.store(drawn_.count());
     }
     return drawn_.count() > 0;
 }
 
 bool MacInterAppStream::messagePending() const {
-    return draw(kMaximumDrawnTexts);
+    const ObjectLock guard(*this);
+    return drawLocked(kMaximumDrawnTexts);
 }
 
 bool MacInterAppStream::waitForMessage(int32_t timeoutMilliseconds, bool soon) const {
@@ -153,7 +155,11 @@ bool MacInterAppStream::waitForMessage(int32_t timeoutMilliseconds, bool soon) c
         port = port_;
     }
     // The wait itself holds no lock: others receive and close meanwhile.
-    return port->wait(timeoutMilliseconds, soon) && draw(1);
+    if (!port->wait(timeoutMilliseconds, soon)) {
+        return false;
+    }
+    const ObjectLock guard(*this);
+    return drawLocked(1);
 }
 
 bool MacInterAppStream::hasMore() const {
@@ -189,14 +195,24 @@ bool MacInterAppStream::isPast(const platform::PortPlace& place) const {
 }
 
 std::unique_ptr<MacInterAppStream::DataRef> MacInterAppStream::take() {
+    bool draws = false;
+    return take(draws);
+}
+
+std::unique_ptr<MacInterAppStream::DataRef> MacInterAppStream::take(bool& draws) {
     std::unique_ptr<DataRef> data;
-    {
-        const ObjectLock guard(*this);
-        // In one step: two threads that receive do not get the same text.
-        data.reset(drawn_.removeAt(0));
-        if (data != nullptr) {
-            drawnBytes_ -= data->bytes();
-        }
+    if (!draws && drawnTexts_.load() == 0) {
+        return data;
+    }
+    const ObjectLock guard(*this);
+    if (drawn_.count() == 0 && std::exchange(draws, false)) {
+        (void)drawLocked(kMaximumDrawnTexts);
+    }
+    // In one step: two threads that receive do not get the same text.
+    data.reset(drawn_.removeAt(0));
+    if (data != nullptr) {
+        drawnBytes_ -= data->bytes();
+        drawnTexts_.store(drawn_.count());
     }
     return data;
 }

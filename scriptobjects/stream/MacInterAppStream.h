@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -91,6 +92,9 @@ public:
 
     // Takes the text that arrived first, its NUL bytes still in it; null when none has been drawn.
     [[nodiscard]] std::unique_ptr<DataRef> take();
+    // The same, and with `draws`, which becomes false then, draws first what has arrived, as
+    // `messagePending` does, when none has been drawn.
+    [[nodiscard]] std::unique_ptr<DataRef> take(bool& draws);
     // True when large texts were read in part only, so that nothing else waits for their end: there
     // is more of them already.
     bool hasMore() const;
@@ -123,7 +127,7 @@ public:
     platform::PortStatistics statistics() const;
 
 private:
-    bool draw(int32_t maximumTexts) const;
+    bool drawLocked(int32_t maximumTexts) const SO_REQUIRES(this);
 
     std::shared_ptr<platform::LocalPort> port() const;
 
@@ -132,6 +136,8 @@ private:
     mutable uint64_t watchNumber_ SO_GUARDED_BY(this) = 0;
     mutable SoVector<DataRef> drawn_ SO_GUARDED_BY(this);
     mutable int64_t drawnBytes_ SO_GUARDED_BY(this) = 0;
+    // How many have been drawn. Changes under the lock; read without, to take none.
+    mutable std::atomic<int32_t> drawnTexts_{0};
 };
 
 } // namespace ScObjects
