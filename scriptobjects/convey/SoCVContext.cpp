@@ -197,6 +197,9 @@ std::shared_ptr<ConveyData::PrivateData> ConveyContext::pin(uint64_t number) con
 }
 
 std::shared_ptr<ConveyData::PrivateData> ConveyContext::pinNext(uint64_t& number) const {
+    if (number >= lastNumber_.load()) {
+        return nullptr;
+    }
     const ObjectLock guard(*this);
     const auto next = instances_.upper_bound(number);
     if (next == instances_.end()) {
@@ -242,6 +245,7 @@ void ConveyContext::appendLocked(Convey* instance) {
     if (data != nullptr) {
         data->setNumber(place->first);
     }
+    lastNumber_.store(place->first);
 }
 
 void ConveyContext::removeInstance(Convey* instance) {
@@ -413,18 +417,19 @@ void ConveyContext::appendDiagnostics(SoString& out, const SoString& path) const
 }
 
 uint64_t ConveyContext::activity() const {
-    const std::lock_guard<std::mutex> guard(activityMutex_);
-    return activity_;
+    return activity_.load();
 }
 
 void ConveyContext::noteActivity() {
-    // Under the mutex, although it is a mere number: a waiter that has just compared it and is
-    // about to sleep would miss the notice otherwise.
-    {
-        const std::lock_guard<std::mutex> guard(activityMutex_);
-        ++activity_;
+    // In this order, and who waits the other way round: one of the two sees the other, and as a
+    // rule nobody waits.
+    activity_.fetch_add(1);
+    if (waiting_.load() != 0) {
+        // A waiter that has just compared the number and is about to sleep would miss the notice
+        // otherwise.
+        { const std::lock_guard<std::mutex> guard(activityMutex_); }
+        activityChanged_.notify_all();
     }
-    activityChanged_.notify_all();
 }
 
 void ConveyContext::waitForActivity(uint64_t seen, int64_t milliseconds) {
@@ -434,8 +439,10 @@ void ConveyContext::waitForActivity(uint64_t seen, int64_t milliseconds) {
     // A plain mutex of its own: the object's lock is recursive, and a wait would give up one level
     // of it only.
     std::unique_lock<std::mutex> lock(activityMutex_);
+    waiting_.fetch_add(1);
     activityChanged_.wait_for(lock, std::chrono::milliseconds(milliseconds),
-                              [&] { return activity_ != seen; });
+                              [&] { return activity_.load() != seen; });
+    waiting_.fetch_sub(1);
 }
 
 } // namespace ScObjects

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -133,15 +134,17 @@ private:
 
     uint32_t serialNumber_ SO_GUARDED_BY(this);
     Instances instances_ SO_GUARDED_BY(this);
+    std::atomic<uint64_t> lastNumber_{0}; // of the newest, also when it is gone
     Counted lastAsked_ SO_GUARDED_BY(this);
     Names names_ SO_GUARDED_BY(this);
     std::unordered_map<const Convey*, Place> places_ SO_GUARDED_BY(this);
     Convey* mainInstance_ SO_GUARDED_BY(this) = nullptr;
     bool logging_ SO_GUARDED_BY(this) = false;
     mutable SoString signature_ SO_GUARDED_BY(this);
-    mutable std::mutex activityMutex_;
+    std::atomic<uint64_t> activity_{0};
+    std::atomic<int32_t> waiting_{0}; // for it to change
+    std::mutex activityMutex_;        // theirs
     std::condition_variable activityChanged_;
-    uint64_t activity_ = 0;                // under activityMutex_
     std::unique_ptr<ConveyThread> thread_; // last: it uses what is above
 };
 

@@ -1,5 +1,6 @@
 #include "scriptobjects/convey/SoCVOccupations.h"
 
+#include <algorithm>
 #include <string>
 
 #include "platform/Clock.h"
@@ -28,9 +29,7 @@ Occupations::Entry::~Entry() {
 }
 
 void Occupations::notePump() {
-    const int64_t time = platform::monotonicNow();
-    const ObjectLock guard(*this);
-    pumped_ = time;
+    pumped_.store(platform::monotonicNow(), std::memory_order_relaxed);
 }
 
 void Occupations::appendLocked(CVDiagnosticsRows& rows, Kind kind, int64_t time) const {
@@ -66,8 +65,10 @@ void Occupations::appendDiagnostics(CVDiagnosticsRows& rows) const {
     appendLocked(rows, Kind::handling, time);
     appendLocked(rows, Kind::waiting, time);
     appendLocked(rows, Kind::sending, time);
-    if (pumped_ >= 0) {
-        rows.leaf("/pumped", "Last pumped", static_cast<uint32_t>(time - pumped_), "ms ago");
+    if (const int64_t pumped = pumped_.load(std::memory_order_relaxed); pumped >= 0) {
+        // It may have been since.
+        rows.leaf("/pumped", "Last pumped",
+                  static_cast<uint32_t>(std::max<int64_t>(time - pumped, 0)), "ms ago");
     } else {
         rows.undefined("/pumped", "Last pumped");
     }

@@ -1,7 +1,7 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
-#include <mutex>
 
 #include "scriptobjects/convey/SoCVMessage.h"
 #include "scriptobjects/core/SoThread.h"
@@ -52,7 +52,7 @@ private:
     void appendLocked(CVDiagnosticsRows& rows, Kind kind, int64_t time) const SO_REQUIRES(this);
 
     Entry* newest_ SO_GUARDED_BY(this) = nullptr;
-    int64_t pumped_ SO_GUARDED_BY(this) = -1; // -1: never
+    std::atomic<int64_t> pumped_{-1}; // -1: never
 };
 
 } // namespace ConveyData

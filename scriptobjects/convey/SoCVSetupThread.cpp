@@ -1,5 +1,6 @@
 #include "scriptobjects/convey/SoCVSetupThread.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -24,8 +25,8 @@ struct Setup {
     std::mutex mutex;
     std::condition_variable ended;
     std::unique_ptr<ConveySetupThread> thread;
-    std::thread::id runner; // who runs the setup now
-    bool running = false;   // on the setup thread
+    std::thread::id runner;           // who runs the setup now
+    std::atomic<bool> running{false}; // on the setup thread
     bool done = false;
     double start = 0;
     double finish = 0;
@@ -193,9 +194,7 @@ SoString ConveySetupThread::errorText() const {
 }
 
 bool ConveySetupThread::isSetupThreadRunning() {
-    Setup& s = setup();
-    const std::lock_guard<std::mutex> guard(s.mutex);
-    return s.running;
+    return setup().running.load();
 }
 
 bool ConveySetupThread::hasRun() {

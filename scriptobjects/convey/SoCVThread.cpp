@@ -207,7 +207,7 @@ int64_t ConveyThread::nextLook() const {
     int64_t next = INT64_MAX;
     {
         const ObjectLock guard(*this);
-        for (const PingData& data : table_) {
+        for (const PingData& data : tableLocked()) {
             if (data.expiry != 0) {
                 next = std::min(next, int64_t{data.expiry} * 1000);
             }
@@ -535,10 +535,10 @@ void ConveyThread::appendDiagnostics(SoString& out, const SoString& path) const 
     rows.leaf("/outofmemory", "Given up for want of memory",
               failedRounds_.load() + pings_->dropped());
     rows.leaf("/lastpump", "Last pump", last > 0 ? time - last : 0.0, "ms ago");
-    rows.node("/ping", "Ping", static_cast<uint32_t>(table_.size()));
+    rows.node("/ping", "Ping", static_cast<uint32_t>(tableLocked().size()));
     root << "/ping";
     CVDiagnosticsRows entries(out, root);
-    for (const PingData& data : table_) {
+    for (const PingData& data : tableLocked()) {
         appendEntry(entries, data);
     }
 }

@@ -99,6 +99,9 @@ public:
     // is full (`convey limits`: thread.key, thread.keys, thread.table).
     bool setKeyValuePair(const SoString& key, const SoString& value);
     SoString getValueForKey(const SoString& key) const;
+    // What the host does now (a text that stays), the value of CV_STATUS from then on: as each pump
+    // says it twice, it is put into the table when somebody looks.
+    void noteStatus(const char* status) { status_.store(status); }
     // The place of the key in the table, -1 for none. Good until the table changes.
     int32_t locateKey(const SoString& key) const;
     // Sets the handler (owned from now on, null for none) that answers the key.
@@ -170,9 +173,10 @@ protected:
 
 private:
     std::shared_ptr<Convey::MsgHandler> handlerFor(const SoString& key) const;
-    PingData* findLocked(const SoString& key) SO_REQUIRES(this);
-    const PingData* findLocked(const SoString& key) const SO_REQUIRES(this);
-    PingData* findOrAddLocked(const SoString& key) SO_REQUIRES(this);
+    std::vector<PingData>& tableLocked() const SO_REQUIRES(this);
+    PingData* findLocked(const SoString& key) const SO_REQUIRES(this);
+    PingData* findOrAddLocked(const SoString& key) const SO_REQUIRES(this);
+    bool setLocked(const SoString& key, const SoString& value) const SO_REQUIRES(this);
     static void appendEntry(CVDiagnosticsRows& rows, const PingData& data);
     bool openStream();
     std::shared_ptr<InterAppStream> stream() const;
@@ -208,7 +212,8 @@ private:
     const double startTime_;
     std::shared_ptr<InterAppStream> stream_ SO_GUARDED_BY(this);
     SoString specifier_ SO_GUARDED_BY(this);
-    std::vector<PingData> table_ SO_GUARDED_BY(this);
+    mutable std::vector<PingData> table_ SO_GUARDED_BY(this); // by `tableLocked`
+    mutable std::atomic<const char*> status_{nullptr};        // null: it is in the table
     ConveyData::ThreadRounds rounds_ SO_GUARDED_BY(this);
     std::atomic<int64_t> restsUntil_{kAwake};                    // in steady milliseconds
     std::atomic<int64_t> pumpedAt_{kNever};                      // the same: something was handled

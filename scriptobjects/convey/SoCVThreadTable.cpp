@@ -26,20 +26,23 @@ uint32_t getSteadySeconds() {
 
 } // namespace
 
+// As it is now, with what the host has said since somebody looked.
+std::vector<ConveyThread::PingData>& ConveyThread::tableLocked() const {
+    if (const char* const status = status_.exchange(nullptr)) {
+        (void)setLocked(CV_STATUS, status);
+    }
+    return table_;
+}
+
 // Looked through in its order: `locateKey` gives out places in it, and it is short.
-ConveyThread::PingData* ConveyThread::findLocked(const SoString& key) {
-    const auto found = std::find_if(table_.begin(), table_.end(),
+ConveyThread::PingData* ConveyThread::findLocked(const SoString& key) const {
+    std::vector<PingData>& table = tableLocked();
+    const auto found = std::find_if(table.begin(), table.end(),
                                     [&key](const PingData& data) { return data.key == key; });
-    return found == table_.end() ? nullptr : &*found;
+    return found == table.end() ? nullptr : &*found;
 }
 
-const ConveyThread::PingData* ConveyThread::findLocked(const SoString& key) const {
-    const auto found = std::find_if(table_.begin(), table_.end(),
-                                    [&key](const PingData& data) { return data.key == key; });
-    return found == table_.end() ? nullptr : &*found;
-}
-
-ConveyThread::PingData* ConveyThread::findOrAddLocked(const SoString& key) {
+ConveyThread::PingData* ConveyThread::findOrAddLocked(const SoString& key) const {
     if (PingData* data = findLocked(key)) {
         return data;
     }
@@ -56,12 +59,16 @@ ConveyThread::PingData* ConveyThread::findOrAddLocked(const SoString& key) {
 
 bool ConveyThread::setKeyValuePair(const SoString& key, const SoString& value) {
     const ObjectLock guard(*this);
+    return setLocked(key, value);
+}
+
+bool ConveyThread::setLocked(const SoString& key, const SoString& value) const {
     if (key.length() > kMaximumTextBytes || value.length() > kMaximumTextBytes) {
         return false;
     }
     PingData* data = findLocked(key);
     const int32_t before = data == nullptr ? -key.length() : data->value.length();
-    // Each pump says twice what the host does, and what takes no more room needs no look at all.
+    // What takes no more room needs no look at all.
     if (value.length() > before) {
         int64_t bytes = int64_t{value.length()} - before;
         for (const PingData& other : table_) {
@@ -138,10 +145,11 @@ void ConveyThread::removeExpiredPingData() {
     std::vector<PingData> expired; // deleted when the lock has been given up
     const ObjectLock guard(*this);
     // From the end, so that taking one out moves none that is still to be looked at.
-    for (size_t i = table_.size(); i-- > 0;) {
-        if (table_[i].expiry != 0 && table_[i].expiry <= seconds) {
-            expired.push_back(std::move(table_[i]));
-            table_.erase(table_.begin() + static_cast<std::ptrdiff_t>(i));
+    std::vector<PingData>& table = tableLocked();
+    for (size_t i = table.size(); i-- > 0;) {
+        if (table[i].expiry != 0 && table[i].expiry <= seconds) {
+            expired.push_back(std::move(table[i]));
+            table.erase(table.begin() + static_cast<std::ptrdiff_t>(i));
         }
     }
 }

@@ -59,7 +59,7 @@ ConveyThread* mainThread() {
 
 void setStatus(const char* status) {
     if (ConveyThread* thread = mainThread()) {
-        (void)thread->setKeyValuePair(ConveyThread::CV_STATUS, status);
+        thread->noteStatus(status);
     }
 }
 
@@ -300,7 +300,7 @@ bool Convey::pump(EnabledOperations operations, ConveyContext* context) {
         if ((operations & kProcessIncoming) != 0) {
             context->getThread()->notePump(processed);
         }
-        if (ConveyData::PollSignal::lower() || processed) {
+        if ((ConveyData::PollSignal::lower() || processed) && ConveyData::PollSignal::isWatched()) {
             for (uint64_t number = 0; const auto instance = context->pinNext(number);) {
                 instance->remindHost();
             }
