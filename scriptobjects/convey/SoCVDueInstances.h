@@ -18,7 +18,8 @@ struct TakenInstances {
 // taken up. Threads: any.
 class SO_EXPORT DueInstances {
 public:
-    // 0 is no instance. Without memory for it all are due.
+    // 0 is no instance. Without memory for it all are due. One that was the last to be added and
+    // was not taken since takes no lock.
     void add(uint64_t number) noexcept;
     void addAll() noexcept { all_.store(true); }
     // What was due, and is not any more.
@@ -31,6 +32,7 @@ private:
     std::atomic<bool> all_{false};
     mutable std::mutex mutex_; // a leaf
     std::set<uint64_t> numbers_;
+    std::atomic<uint64_t> newest_{0}; // of them; changes under the mutex
 };
 
 } // namespace ScObjects::ConveyData

@@ -455,6 +455,9 @@ void PrivateData::sendError(const Message& request, const char* text, int32_t co
 }
 
 Outbox::Left PrivateData::processOutgoing() {
+    if (!outbox_.hasWork()) {
+        return {};
+    }
     const Outbox::Left left = outbox_.pass(stream().get(), Outbox::Carrier::round);
     const ConveyContext* const context = this->context();
     if (left.large && context != nullptr) {

@@ -48,8 +48,7 @@ void MessageGlobals::setAuthentication(bool on) {
 }
 
 bool MessageGlobals::getAuthentication() const {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    return authentication_;
+    return authentication_.load();
 }
 
 void MessageGlobals::setCreateDigest(bool on) {
@@ -59,8 +58,7 @@ void MessageGlobals::setCreateDigest(bool on) {
 }
 
 bool MessageGlobals::getCreateDigest() const {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    return createDigest_;
+    return createDigest_.load();
 }
 
 } // namespace ScObjects::ConveyData

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 
@@ -40,9 +41,10 @@ private:
     static MessageGlobals* object(); // whatever it says
     static SoString startName();
 
-    mutable std::mutex mutex_; // guards what follows
-    bool authentication_ = true;
-    bool createDigest_ = true;
+    std::mutex mutex_; // under which what follows changes
+    // Read without, since each text asks.
+    std::atomic<bool> authentication_{true};
+    std::atomic<bool> createDigest_{true};
     bool authenticationIsSet_ = false;
     bool createDigestIsSet_ = false;
 };

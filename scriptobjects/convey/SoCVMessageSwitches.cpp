@@ -22,9 +22,13 @@ void MessageGlobals::readRegistry(const SoString& own) {
     // Only now: the connector has locks of its own, and may read the whole registry.
     const std::lock_guard<std::mutex> guard(mutex_);
     // The host may have set them before the registry was read, or while.
-    authentication_ = authenticationIsSet_ ? authentication_ : authentication;
+    if (!authenticationIsSet_) {
+        authentication_ = authentication;
+    }
     TextSeal::setCompared(authentication_);
-    createDigest_ = createDigestIsSet_ ? createDigest_ : createDigest;
+    if (!createDigestIsSet_) {
+        createDigest_ = createDigest;
+    }
 }
 
 } // namespace ScObjects::ConveyData

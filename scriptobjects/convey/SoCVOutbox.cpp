@@ -62,7 +62,7 @@ public:
         : outbox_(outbox), target_(std::move(target)) {
         const std::lock_guard<std::mutex> guard(outbox_.mutex_);
         // Made where there is none: it is forgotten again as one that is empty.
-        Line& line = outbox_.lines_[target_];
+        Line& line = outbox_.lineOf(target_).first;
         if (outbox_.isDue(line, carrier, platform::monotonicNow(), left)) {
             take(line);
         }
@@ -73,10 +73,11 @@ public:
         std::unique_lock<std::mutex> lock(outbox_.mutex_);
         // The line is looked up each time: while nobody has its turn it may be forgotten, and made
         // anew.
-        const bool free = outbox_.given_.wait_for(lock, std::chrono::milliseconds(milliseconds),
-                                                  [this] { return !outbox_.lines_[target_].busy; });
+        const bool free =
+            outbox_.given_.wait_for(lock, std::chrono::milliseconds(milliseconds),
+                                    [this] { return !outbox_.lineOf(target_).first.busy; });
         if (free) {
-            take(outbox_.lines_[target_]);
+            take(outbox_.lineOf(target_).first);
         }
     }
     ~Turn() {
@@ -222,12 +223,19 @@ Delivery Outbox::keep(const InterAppStream& stream, std::unique_ptr<Message>& me
 
 void Outbox::noteKept(const std::string& target, bool large) {
     const std::lock_guard<std::mutex> guard(mutex_);
-    const auto [line, isNew] = lines_.try_emplace(target);
+    const auto [line, isNew] = lineOf(target);
     if (isNew && !large) { // it has just taken nothing
-        line->second.pause = 1;
-        line->second.failingSince = platform::monotonicNow();
-        line->second.retryAt = line->second.failingSince + 1;
+        line.pause = 1;
+        line.failingSince = platform::monotonicNow();
+        line.retryAt = line.failingSince + 1;
     }
+}
+
+// The line, and whether it was made now. Under the mutex.
+std::pair<Outbox::Line&, bool> Outbox::lineOf(const std::string& target) {
+    const auto [line, isNew] = lines_.try_emplace(target);
+    hasLines_.store(true);
+    return {line->second, isNew};
 }
 
 bool Outbox::isDue(const Line& line, Carrier carrier, int64_t now, Left& left) const {
@@ -256,6 +264,7 @@ void Outbox::forgetEmptyLines() {
     std::erase_if(lines_, [this](const auto& line) {
         return !line.second.busy && queue_.loadOf(line.first).messages == 0;
     });
+    hasLines_.store(!lines_.empty());
 }
 
 Outbox::Left Outbox::pass(const InterAppStream* stream, Carrier carrier) {

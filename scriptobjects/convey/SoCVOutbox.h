@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -8,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 #include "scriptobjects/convey/SoCVMessageQueue.h"
 #include "scriptobjects/convey/SoCVTakers.h"
@@ -92,6 +94,9 @@ public:
     // Sends what can be sent, in a short time; see Left. Without a stream it is deleted.
     Left pass(const InterAppStream* stream, Carrier carrier);
 
+    // Whether a pass has something to do.
+    bool hasWork() const { return !queue_.isEmpty() || hasLines_.load(); }
+
     // The steady millisecond by which a pass is needed when nothing else happens than that names
     // appear: what waits has to be kept alive before its time is over. INT64_MAX for none.
     int64_t nextLook();
@@ -135,6 +140,7 @@ private:
     void noteFailure(const InterAppStream& stream, Turn& turn, bool sentAny, Left& left);
     void requeue(const std::string& target);
     void forgetEmptyLines();
+    std::pair<Line&, bool> lineOf(const std::string& target);
 
     const Kind kind_;
     const BeginSending begin_;
@@ -142,7 +148,8 @@ private:
     mutable std::mutex mutex_;      // guards the lines; never held while anything else is called
     std::condition_variable given_; // a turn was given back
     std::unordered_map<std::string, Line> lines_;
-    size_t first_ = 0; // the line that a pass begins with: each has its turn
+    std::atomic<bool> hasLines_{false}; // the same, for passes with nothing to do
+    size_t first_ = 0;                  // the line that a pass begins with: each has its turn
 };
 
 } // namespace ConveyData

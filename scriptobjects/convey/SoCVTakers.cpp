@@ -94,6 +94,7 @@ void Takers::eraseLocked(Entries::iterator entry) {
         taker->numbers.erase(entry->second.inTaker);
     }
     entries_.erase(entry);
+    anyRequests_.store(!entries_.empty());
 }
 
 uint64_t Takers::begin(AwaitedRequest&& request) {
@@ -109,6 +110,7 @@ uint64_t Takers::begin(AwaitedRequest&& request) {
     }
     request.place = ++lastPlace_;
     entries_.emplace(number, Entry{std::move(request), nullptr, {}});
+    anyRequests_.store(true);
     return lastPlace_;
 }
 
@@ -141,7 +143,7 @@ void Takers::abandon(uint32_t number, uint64_t place) {
     // What has a taker was delivered, and stays until it is answered.
     if (entry != entries_.end() && entry->second.request.place == place &&
         entry->second.taker == nullptr) {
-        entries_.erase(entry);
+        eraseLocked(entry);
     }
 }
 
@@ -151,6 +153,9 @@ bool Takers::isEmpty() const {
 }
 
 void Takers::noteReceived(const Message& message) {
+    if (!anyRequests_.load()) {
+        return;
+    }
     const ObjectLock guard(*this);
     const auto entry = entries_.find(message.getSerialNumber());
     if (entry == entries_.end()) {

@@ -120,6 +120,9 @@ private:
     bool closed_ SO_GUARDED_BY(this) = false;
     // Some have ended and are not told of yet: looked at whenever something was received.
     std::atomic<bool> anyEnded_{false};
+    // There are entries: asked for with each message, of which most answer nothing. Set under the
+    // lock, before the request is sent.
+    std::atomic<bool> anyRequests_{false};
 };
 
 } // namespace ConveyData
