@@ -242,11 +242,11 @@ void Arrivals::letGoOn(InterAppStream& stream, bool needed) {
 
 Arrivals::Stop Arrivals::read(InterAppStream& stream, int64_t milliseconds, int messages,
                               bool needed, const Take& take) {
-    const int64_t end = platform::monotonicNow() + milliseconds;
     letGoOn(stream, needed);
     // At first, too: what takes this long may end before its sixteenth step each time, and others
     // would not be seen until all of it is read.
     Look look;
+    int64_t end = 0;
     for (int steps = 0;; ++steps) {
         look.isDue = look.isDue || steps % kStepsAtOnce == 0;
         auto sender = steps == 0 ? senders_.end() : next(false);
@@ -261,6 +261,8 @@ Arrivals::Stop Arrivals::read(InterAppStream& stream, int64_t milliseconds, int 
         if (sender == senders_.end()) {
             return isEmpty() ? Stop::nothing : Stop::full;
         }
+        // Not before there is something to be read, as a look finds nothing half of the time.
+        end = steps == 0 ? platform::monotonicNow() + milliseconds : end;
         if (auto message = readSome(stream, sender)) {
             --messages;
             take(std::move(message));

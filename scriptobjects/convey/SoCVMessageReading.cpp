@@ -362,19 +362,24 @@ bool Convey::Message::Reader::read(Message& message, size_t bytes) {
     if (!isPrepared_ && !prepare(bytes)) {
         return false;
     }
+    // Most are read in one step, and need no block of the heap for it.
+    ReadState first;
+    ReadState& state = state_ == nullptr ? first : *state_;
     if (state_ == nullptr) {
-        state_ = std::make_unique<ReadState>();
-        state_->position = text_.c_str() + position_;
-        state_->rest = rest_.isEmpty() ? nullptr : &rest_;
-        state_->known = state_->end = text_.c_str() + text_.length();
-        state_->owner = &text_;
-        state_->sealBytes = position_ == 0 ? sealBytes_ : 0;
+        state.position = text_.c_str() + position_;
+        state.rest = rest_.isEmpty() ? nullptr : &rest_;
+        state.known = state.end = text_.c_str() + text_.length();
+        state.owner = &text_;
+        state.sealBytes = position_ == 0 ? sealBytes_ : 0;
         message.beginReading();
     }
-    if (!message.readOnLocked(*state_, bytes)) {
+    if (!message.readOnLocked(state, bytes)) {
+        if (state_ == nullptr) {
+            state_ = std::make_unique<ReadState>(std::move(first));
+        }
         return false;
     }
-    const char* const next = message.takeBodyLocked(*state_, &text_);
+    const char* const next = message.takeBodyLocked(state, &text_);
     position_ = next == nullptr ? 0 : static_cast<int32_t>(next - text_.c_str());
     state_.reset();
     message.finishReading();
