@@ -33,11 +33,12 @@ int32_t callHandler(MsgHandler& handler, int event, Message& message, SoString* 
     // The handlers of pings count as well: the end of the layer is refused in any.
     const Depth depth;
     int32_t code = 0;
-    // Put together before the call: the handler may change the message, and its type is what a
-    // person who reads the log looks for.
-    std::string what = "a handler for messages of type \"";
-    what += message.getType().view();
-    what += '"';
+    // Kept from before the call: the handler may change the message, and its type is what a person
+    // who reads the log looks for.
+    const SoString type = message.getType();
+    const auto what = [&type] {
+        return "a handler for messages of type \"" + std::string(type.view()) + '"';
+    };
     // Nothing leaves from here on, or who called would not know whether the handler has run.
     try {
         if (runForeign(what, [&] { code = handler.handleMessage(event, message, result); })) {
@@ -87,11 +88,11 @@ Reply replyOf(const Message& message) {
                     {Reply::kResult, CV_TYPE_RESULT, message.getResult()},
                     {Reply::kError, CV_TYPE_ERROR, message.getError()}};
     for (const auto& reply : numbered) {
-        const bool begins = type.starts_with(reply.word);
         // A number of a request makes a reply, whatever its type says: peers that came before
         // replies had types send them under the type of the request.
         if (type == reply.word || reply.number != CV_INVALID_MESSAGE_NUMBER ||
-            (message.isReply() && begins)) {
+            (message.isReply() && type.starts_with(reply.word))) {
+            const bool begins = type.starts_with(reply.word);
             std::string_view rest = type;
             while (rest.starts_with(reply.word)) { // there are peers that say it twice
                 rest.remove_prefix(reply.word.size());

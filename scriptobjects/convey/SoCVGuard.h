@@ -7,10 +7,11 @@
 
 namespace ScObjects::ConveyData {
 
-// Runs a host's code, which may throw what it likes; false when it did, and a line says so.
+// Runs a host's code, which may throw what it likes; false when it did, and a line says so. `what`
+// gives the text that it is called by there, which is made only then.
 // The unwinding of a thread that is being ended is no exception of anybody's: it goes on.
-template <class Call>
-bool runForeign(const std::string& what, Call&& call) {
+template <class What, class Call>
+bool runForeign(const What& what, Call&& call) {
     std::string reason;
     try {
         call();
@@ -23,7 +24,7 @@ bool runForeign(const std::string& what, Call&& call) {
         }
         reason = "not a standard exception";
     }
-    platform::Log::system().problem(what + " threw: " + reason);
+    platform::Log::system().problem(what() + " threw: " + reason);
     return false;
 }
 

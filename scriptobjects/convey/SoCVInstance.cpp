@@ -363,7 +363,8 @@ Convey::Convey(const char* appName, MsgHandler* handler, bool isMain, ConveyCont
         data.setDiagnosticsRoots();
         if (handler != nullptr) {
             delete data.changeHandler(owned.release());
-            (void)runForeign("the initialization of a handler", [&] { handler->initialize(this); });
+            (void)runForeign([] { return std::string("the initialization of a handler"); },
+                             [&] { handler->initialize(this); });
         }
         return true;
     });

@@ -56,7 +56,6 @@ int32_t eventOf(const Message& message, const Reply& reply) {
 // Replies reach the handler as plain messages, or as those of the user type, that say which kind of
 // reply they are.
 void presentReply(Message& message, const Reply& reply, int32_t event) {
-    const SoString type = reply.userType.empty() ? SoString(CV_TYPE_PLAIN) : reply.type();
     const auto number = static_cast<uint32_t>(event);
     if (event == CV_EVENT_RECEIVED) {
         message.setReceived(number);
@@ -67,7 +66,7 @@ void presentReply(Message& message, const Reply& reply, int32_t event) {
     } else {
         return;
     }
-    message.setType(type);
+    message.setType(reply.userType.empty() ? SoString(CV_TYPE_PLAIN) : reply.type());
 }
 
 // Runs a step; false when memory ran out in it.
@@ -253,10 +252,13 @@ bool PrivateData::processIncoming(uint32_t serialNumber, bool process) {
         taken = takeWanted(serialNumber, turn);
     }
     // What somebody waits for may lie behind what fills the queue and cannot be handled now.
-    for (const int64_t end = platform::monotonicNow() + kReceiveMilliseconds;
-         taken.message == nullptr && !arrivals_.isEmpty() && platform::monotonicNow() < end;) {
-        any = receive(1, true) || any;
-        taken = takeWanted(serialNumber, turn);
+    const auto isBehindMore = [&] { return taken.message == nullptr && !arrivals_.isEmpty(); };
+    if (isBehindMore()) {
+        const int64_t end = platform::monotonicNow() + kReceiveMilliseconds;
+        do {
+            any = receive(1, true) || any;
+            taken = takeWanted(serialNumber, turn);
+        } while (isBehindMore() && platform::monotonicNow() < end);
     }
     // Of what has come in and is left: the handler may sit in a main loop of its own.
     if (any && !isLastOf(taken)) {

@@ -272,8 +272,10 @@ void Asked::heard(int event, const Message& message) {
 
 // The name is short enough to need no memory: the functions are called without.
 void Asked::callSafely(const Functions& functions, const Outcome& outcome) noexcept {
-    (void)guarded(false,
-                  [&] { return runForeign("a callback", [&] { functions.call(outcome); }); });
+    (void)guarded(false, [&] {
+        return runForeign([] { return std::string("a callback"); },
+                          [&] { functions.call(outcome); });
+    });
 }
 
 void Asked::tell(const Outcome& outcome) noexcept {
