@@ -42,15 +42,19 @@ struct Database::State {
 
     std::mutex mutex;   // guards what follows
     bool stale = false; // a change was seen and could not be read yet
-    // Of the domain data and of the products. A file that was put in the place of another may have
+    // Of the products and of the domain data. A file that was put in the place of another may have
     // been made in the same second, and one of the first version keeps no times: what is told of a
     // change must differ all the same.
     struct ModTime {
+        using Read = Status (Store::*)(uint32_t&);
+        Read const readFrom;
         uint32_t told = 0;
         uint32_t read = 0;
         uint32_t readBelow = 0;
         bool replaced = false;
-    } modTimes[2];
+
+        Status tell(Store& store, Store* below, uint32_t& out);
+    } modTimes[2] = {{&Store::productModTime}, {&Store::domainModTime}};
     std::unique_ptr<Store> store;
     // The system's below a user's own; null for none, and for one that cannot be read: what is the
     // user's must not depend on it.
@@ -236,34 +240,44 @@ Status Database::products(bool refresh, std::shared_ptr<const ProductSnapshot>& 
     });
 }
 
-Status Database::modTimes(bool ofProducts, uint32_t& out) {
-    const std::lock_guard<std::mutex> lock(state_->mutex);
-    Status status = refreshLocked();
-    const auto timeOf = [ofProducts](Store& store, uint32_t& time) {
-        return ofProducts ? store.productModTime(time) : store.domainModTime(time);
-    };
+Status Database::State::ModTime::tell(Store& store, Store* below, uint32_t& out) {
     uint32_t time = 0;
     uint32_t timeBelow = 0;
-    if (status == Status::ok) {
-        status = timeOf(*state_->store, time);
-    }
-    if (status == Status::ok && state_->below != nullptr) {
-        status = timeOf(*state_->below, timeBelow);
+    Status status = (store.*readFrom)(time);
+    if (status == Status::ok && below != nullptr) {
+        status = (below->*readFrom)(timeBelow);
     }
     if (status != Status::ok) {
         return status;
     }
-    State::ModTime& state = state_->modTimes[ofProducts ? 1 : 0];
-    if (state.replaced || time != state.read || timeBelow != state.readBelow) {
+    if (replaced || time != read || timeBelow != readBelow) {
         // Callers compare for equality with what they were told before, so a change must give a
         // number that no earlier one had.
-        state.told = std::max({time, timeBelow, state.told + 1});
-        state.read = time;
-        state.readBelow = timeBelow;
-        state.replaced = false;
+        told = std::max({time, timeBelow, told + 1});
+        read = time;
+        readBelow = timeBelow;
+        replaced = false;
     }
-    out = state.told;
+    out = told;
     return Status::ok;
+}
+
+Status Database::modTimes(uint32_t* products, uint32_t* domains) {
+    const std::lock_guard<std::mutex> lock(state_->mutex);
+    Status status = refreshLocked();
+    uint32_t times[2] = {};
+    uint32_t* const asked[2] = {products, domains};
+    for (size_t i = 0; status == Status::ok && i < 2; ++i) {
+        if (asked[i] != nullptr) {
+            status = state_->modTimes[i].tell(*state_->store, state_->below.get(), times[i]);
+        }
+    }
+    for (size_t i = 0; status == Status::ok && i < 2; ++i) {
+        if (asked[i] != nullptr) {
+            *asked[i] = times[i];
+        }
+    }
+    return status;
 }
 
 // Through a connection of its own: reading sessions keep theirs read-only.

@@ -35,7 +35,8 @@ public:
     [[nodiscard]] Status domain(int32_t domain, bool refresh,
                                 std::shared_ptr<const DomainSnapshot>& out);
     [[nodiscard]] Status products(bool refresh, std::shared_ptr<const ProductSnapshot>& out);
-    [[nodiscard]] Status modTimes(bool ofProducts, uint32_t& out);
+    // Null for one that is not asked for.
+    [[nodiscard]] Status modTimes(uint32_t* products, uint32_t* domains);
     [[nodiscard]] Status setDomainData(int32_t domain, const char* subdomain, const char* key,
                                        const char* value);
     [[nodiscard]] Status removeDomainData(int32_t domain, const char* subdomain, const char* key);

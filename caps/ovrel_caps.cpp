@@ -462,12 +462,17 @@ capsStatus capsGetPayloadData(capsiSession* session, const char* payload, capsDo
 
 capsStatus capsGetLastModTime(capsiSession* session, uint32_t* time) {
     return answering(session, time != nullptr,
-                     [&] { return session->database->modTimes(true, *time); });
+                     [&] { return session->database->modTimes(time, nullptr); });
 }
 
 capsStatus pcdGetLastModTime(capsiSession* session, uint32_t* time) {
     return answering(session, time != nullptr,
-                     [&] { return session->database->modTimes(false, *time); });
+                     [&] { return session->database->modTimes(nullptr, time); });
+}
+
+capsStatus capsGetLastModTimes(capsiSession* session, uint32_t* products, uint32_t* domains) {
+    return answering(session, products != nullptr && domains != nullptr,
+                     [&] { return session->database->modTimes(products, domains); });
 }
 
 capsStatus capsGetLowerStatus(capsiSession* session) {

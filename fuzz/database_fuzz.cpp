@@ -112,6 +112,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     uint32_t time = 0;
     (void)capsGetLastModTime(session, &time);
     (void)pcdGetLastModTime(session, &time);
+    (void)capsGetLastModTimes(session, &time, &time);
     if (pcdSetDomainData(session, 1, "/ovrel/convey/new-1.0", "Path", "/new") == CAPS_OK) {
         const char* value = nullptr;
         readDomain(session);

@@ -168,6 +168,9 @@ CAPS_EXPORT capsStatus capsGetPayloadData(capsiSession* session, const char* pay
 // the same time in it, the answer is one second later.
 CAPS_EXPORT capsStatus capsGetLastModTime(capsiSession* session, uint32_t* time);
 CAPS_EXPORT capsStatus pcdGetLastModTime(capsiSession* session, uint32_t* time);
+// Both by one look. An older library does not have this function.
+CAPS_EXPORT capsStatus capsGetLastModTimes(capsiSession* session, uint32_t* products,
+                                           uint32_t* domains);
 
 // Whether the system's database, where a user's own lies over it, takes part in the answers:
 // CAPS_OK also when there is none to be read. Else why not: what is the user's does not depend on

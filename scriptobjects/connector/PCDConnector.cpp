@@ -114,14 +114,14 @@ bool PCDConnector::updateCache(bool force) {
     if (!filled_ && !changed) {
         return false;
     }
-    uint32_t time = 0;
+    const PCDWrapper::ModTimes times = wrapper_->getLastModTimes();
     // Another time, not only a later one: a database may be restored.
-    if (wrapper_->capsGetLastModTime(time) == PCDWrapper::kSuccess && time != productModTime_) {
-        productModTime_ = time;
+    if (times.products.value_or(productModTime_) != productModTime_) {
+        productModTime_ = *times.products;
         changed = true;
     }
-    if (wrapper_->pcdGetLastModTime(time) == PCDWrapper::kSuccess && time != domainModTime_) {
-        domainModTime_ = time;
+    if (times.domains.value_or(domainModTime_) != domainModTime_) {
+        domainModTime_ = *times.domains;
         changed = true;
     }
     if (!changed && !force) {
@@ -135,11 +135,8 @@ bool PCDConnector::updateCache(bool force) {
 
 uint32_t PCDConnector::getTimestamp() const {
     ObjectLock lock(*this);
-    uint32_t products = 0;
-    uint32_t domains = 0;
-    (void)wrapper_->capsGetLastModTime(products); // 0 when it cannot be read
-    (void)wrapper_->pcdGetLastModTime(domains);
-    return std::max(products, domains);
+    const PCDWrapper::ModTimes times = wrapper_->getLastModTimes();
+    return std::max(times.products.value_or(0), times.domains.value_or(0));
 }
 
 bool PCDConnector::addToGroup(const SoString&, const SoString&, const SoString*) {

@@ -226,8 +226,10 @@ bool PCDIterator::run(PCDWrapper& wrapper) {
     wrapper.startWalk();
     // Before anything is read: what changes during the walk makes the times differ at the next
     // look.
-    (void)wrapper.capsGetLastModTime(productModTime_); // 0 when it cannot be read
-    (void)wrapper.pcdGetLastModTime(domainModTime_);
+    const PCDWrapper::ModTimes times = wrapper.getLastModTimes();
+    productModTime_ = times.products.value_or(0);
+    domainModTime_ = times.domains.value_or(0);
+    listed_ = nullptr;
     // Before anything can fail, as it empties what an earlier walk has filled; and before the list
     // below, which stays good only until the next list of subdomains or payloads.
     (void)onStart(wrapper);
@@ -235,8 +237,10 @@ bool PCDIterator::run(PCDWrapper& wrapper) {
         return false;
     }
 
-    const char* const* subdomains = nullptr;
-    const int32_t status = wrapper.pcdGetDomainDataSubdomains(wrapper.domain(), subdomains);
+    const char* const* subdomains = listed_;
+    const int32_t status = subdomains != nullptr
+                               ? PCDWrapper::kSuccess
+                               : wrapper.pcdGetDomainDataSubdomains(wrapper.domain(), subdomains);
     if (status != PCDWrapper::kSuccess) {
         // An empty registry has been read, one that cannot be listed has not.
         return status == PCDWrapper::kNothingThere;
@@ -397,6 +401,11 @@ void PCDInitLists::readPayloadJoins(const PCDWrapper& wrapper) {
     // The wrapper has noted it, and who registers with a path needs no payload.
     if (status != PCDWrapper::kSuccess) {
         return;
+    }
+    // The applications are in the same list: of one state, and asked for once. No other list is
+    // asked for until then.
+    if (wrapper.isOpened() && wrapper.domain() == kRegistryDomain) {
+        useList(payloads);
     }
     for (; payloads != nullptr && *payloads != nullptr; ++payloads) {
         // The identifiers of payloads begin with a brace; applications are listed with them.

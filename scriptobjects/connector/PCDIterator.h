@@ -51,6 +51,10 @@ public:
     virtual bool onAppInfo(PCDWrapper& wrapper, CVConnectorAppInfo& info);
     virtual bool onGroupInfo(PCDWrapper& wrapper, const SoString& key, const SoString& entry);
 
+protected:
+    // For `onStart`: the walk's list of subdomains, which it would ask for next.
+    void useList(const char* const* subdomains) { listed_ = subdomains; }
+
 private:
     class Keys;
     class AtHand;
@@ -59,7 +63,8 @@ private:
     const char* valueOf(const PCDWrapper& wrapper, const SoString& subdomain,
                         const SoString& key) const;
 
-    const Keys* atHand_ = nullptr; // those of the subdomain that the walk is in
+    const char* const* listed_ = nullptr; // for the moment between `onStart` and the walk
+    const Keys* atHand_ = nullptr;        // those of the subdomain that the walk is in
     uint32_t productModTime_ = 0;
     uint32_t domainModTime_ = 0;
 };

@@ -46,6 +46,7 @@ void* loadLibrary(bool& isThere) {
     USE(capsGetPayloads)                                                                           \
     USE(capsGetLastModTime)                                                                        \
     USE(pcdGetLastModTime)                                                                         \
+    USE(capsGetLastModTimes)                                                                       \
     USE(pdbGetAppLaunchPath)                                                                       \
     USE(capsGetLowerStatus)                                                                        \
     USE(capsLastFailure)                                                                           \
@@ -267,6 +268,25 @@ int32_t PCDWrapper::capsGetLastModTime(uint32_t& time) const {
 int32_t PCDWrapper::pcdGetLastModTime(uint32_t& time) const {
     time = 0;
     return call(functions_->pcdGetLastModTime, database_, kNotGood, &time);
+}
+
+PCDWrapper::ModTimes PCDWrapper::getLastModTimes() const {
+    uint32_t products = 0;
+    uint32_t domains = 0;
+    if (functions_->capsGetLastModTimes != nullptr &&
+        call(functions_->capsGetLastModTimes, products_, kNoProductSession, &products, &domains) ==
+            kSuccess) {
+        return {products, domains};
+    }
+    // One by one, of an earlier library, or what can be had.
+    ModTimes times;
+    if (capsGetLastModTime(products) == kSuccess) {
+        times.products = products;
+    }
+    if (pcdGetLastModTime(domains) == kSuccess) {
+        times.domains = domains;
+    }
+    return times;
 }
 
 int32_t PCDWrapper::pdbGetAppLaunchPath(const char* payload, SoString& path) const {

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 #include "limits/Limits.h"
 #include "scriptobjects/core/SoExport.h"
@@ -93,6 +94,12 @@ public:
     // When product data and domain data were last changed; `time` is 0 unless the status is.
     int32_t capsGetLastModTime(uint32_t& time) const;
     int32_t pcdGetLastModTime(uint32_t& time) const;
+    // Both, by one look where the library has that; none where it cannot be read.
+    struct ModTimes {
+        std::optional<uint32_t> products;
+        std::optional<uint32_t> domains;
+    };
+    ModTimes getLastModTimes() const;
 
     // The launch path of an installed payload; `path` is empty unless the status is 0.
     int32_t pdbGetAppLaunchPath(const char* payload, SoString& path) const;

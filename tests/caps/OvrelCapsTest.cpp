@@ -124,8 +124,11 @@ TEST_F(OvrelCapsTest, keepsWhatItHandedOutUntilTheNextListSeesAChange) {
     ASSERT_EQ(BOUND(pcdGetDomainData)(session, 1, "/s1", "k", &value), CAPS_OK);
     const auto before = given<uint32_t>(BOUND(pcdGetLastModTime), session);
     ASSERT_EQ(store->setDomainData(1, "/s1", "k", "changed"), caps::Status::ok);
-    const auto after = given<uint32_t>(BOUND(pcdGetLastModTime), session);
+    uint32_t products = 0;
+    uint32_t after = 0;
+    ASSERT_EQ(BOUND(capsGetLastModTimes)(session, &products, &after), CAPS_OK);
     EXPECT_GT(after, before);
+    EXPECT_EQ(products, given<uint32_t>(BOUND(capsGetLastModTime), session));
     EXPECT_STREQ(value, "v");
     EXPECT_EQ(textOf(BOUND(pcdGetDomainData), session, 1, "/s1", "k"), "v")
         << "a walk sees one state";
