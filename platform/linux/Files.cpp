@@ -88,24 +88,26 @@ public:
             report("read", path);
             return Reading::refused;
         }
+        const uid_t user = geteuid();
         // Who owns the folder can put another file in this one's place.
         struct stat status {};
         if (stat(path.substr(0, path.rfind('/') + 1).c_str(), &status) != 0 ||
-            status.st_uid != geteuid()) {
+            status.st_uid != user) {
             Log::system().problemOfUser("refused to read " + path +
                                         ": its folder is not this user's own");
             return Reading::refused;
         }
-        if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
-            status.st_uid != geteuid() || status.st_size > static_cast<off_t>(maximumBytes)) {
+        if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_uid != user ||
+            status.st_size > static_cast<off_t>(maximumBytes)) {
             Log::system().problemOfUser("refused to read " + path +
                                         ": not a small file of this user's own");
             return Reading::refused;
         }
-        // By reading, not by the size that was told: the file may have grown or shrunk since.
+        // To its end, as far as that was known: who replaces a file puts another in its place.
         std::string content(maximumBytes, '\0');
         size_t length = 0;
-        while (length < maximumBytes) {
+        while (length < maximumBytes &&
+               (length == 0 || length != static_cast<size_t>(status.st_size))) {
             const ssize_t bytes = uninterrupted(
                 [&] { return read(file.get(), content.data() + length, maximumBytes - length); });
             if (bytes < 0) {

@@ -38,12 +38,12 @@ enum class Runtime { own, none, unknown };
 // Whether it is a folder that only this user can change: one that others could would let them put
 // their own in the place of ours. `unknown`, with the reason in errno, decides nothing: the others
 // may be there.
-Runtime lookAt(const std::string& path) {
+Runtime lookAt(const std::string& path, uid_t user) {
     struct stat status {};
     if (stat(path.c_str(), &status) != 0) {
         return errno == ENOENT || errno == ENOTDIR ? Runtime::none : Runtime::unknown;
     }
-    return S_ISDIR(status.st_mode) && status.st_uid == geteuid() && (status.st_mode & 022) == 0
+    return S_ISDIR(status.st_mode) && status.st_uid == user && (status.st_mode & 022) == 0
                ? Runtime::own
                : Runtime::none;
 }
@@ -55,8 +55,8 @@ std::string_view runtimeVariable() {
 
 // False, with the reason in errno, when that cannot be found out of the folder that `path` names
 // then.
-bool choosePath(std::string& path) {
-    const std::string user = std::to_string(geteuid());
+bool choosePath(std::string& path, uid_t ofUser) {
+    const std::string user = std::to_string(ofUser);
     // A process that was started without the variable must still meet the others.
     // The same places in the same order as every peer looks: with another choice nobody would be
     // found.
@@ -64,7 +64,7 @@ bool choosePath(std::string& path) {
         if (runtime.empty() || runtime.front() != '/') {
             continue;
         }
-        const Runtime found = lookAt(runtime);
+        const Runtime found = lookAt(runtime, ofUser);
         if (found != Runtime::none) {
             path = runtime + "/convey";
             return found == Runtime::own;
@@ -75,8 +75,8 @@ bool choosePath(std::string& path) {
 }
 
 // What the folder must be; the reason why it is not.
-const char* faultOf(const struct stat& status) {
-    return status.st_uid != geteuid()    ? "it belongs to another user"
+const char* faultOf(const struct stat& status, uid_t user) {
+    return status.st_uid != user         ? "it belongs to another user"
            : (status.st_mode & 077) != 0 ? "it is open to other users"
                                          : nullptr;
 }
@@ -106,20 +106,22 @@ std::string systemReason() {
 PortFolder::State PortFolder::open(Use use) {
     KnownFolder& known = knownFolder();
     const std::unique_lock<std::mutex> lock(known.mutex, std::try_to_lock);
+    // Each time, since a process may become another user.
+    const uid_t user = geteuid();
     struct stat status {};
     // The path is looked at each time: a folder that was removed and made again is another one,
     // where the others are now. The descriptor of a parent is none here.
     if (lock.owns_lock() && known.folder != nullptr && *known.folder &&
         known.variable == runtimeVariable() && lstat(known.path.c_str(), &status) == 0 &&
         status.st_dev == known.device && status.st_ino == known.file &&
-        faultOf(status) == nullptr) {
+        faultOf(status, user) == nullptr) {
         folder_ = known.folder;
         path_ = known.path;
         owner_ = status.st_uid;
         return State::usable;
     }
-    const State state = openAnew(use);
-    if (lock.owns_lock() && state == State::usable && fstat(fd(), &status) == 0) {
+    const State state = openAnew(use, user, status);
+    if (lock.owns_lock() && state == State::usable) {
         known.variable = runtimeVariable();
         known.path = path_;
         known.folder = folder_;
@@ -131,12 +133,12 @@ PortFolder::State PortFolder::open(Use use) {
 
 std::string PortFolder::currentPath() {
     std::string path;
-    (void)choosePath(path); // why it cannot be used is told by who opens it
+    (void)choosePath(path, geteuid()); // why it cannot be used is told by who opens it
     return path;
 }
 
-PortFolder::State PortFolder::openAnew(Use use) {
-    const bool isChosen = choosePath(path_);
+PortFolder::State PortFolder::openAnew(Use use, uid_t user, struct stat& status) {
+    const bool isChosen = choosePath(path_, user);
     const int choosing = errno;
     const auto refuse = [this](const std::string& reason, int error) {
         Log::system().problem("cannot use the port folder " + path_ + ": " + reason);
@@ -168,12 +170,11 @@ PortFolder::State PortFolder::openAnew(Use use) {
     if (!folder) {
         return errno == ENOENT ? State::missing : refuseForSystem();
     }
-    struct stat status {};
     if (fstat(folder.get(), &status) != 0) {
         return refuseForSystem();
     }
     // Asked of the open folder: what stands at the path may change behind a look.
-    if (const char* const fault = faultOf(status)) {
+    if (const char* const fault = faultOf(status, user)) {
         return refuse(fault, EPERM);
     }
     folder_ = std::make_shared<const PortDescriptor>(std::move(folder));

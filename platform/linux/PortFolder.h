@@ -40,7 +40,8 @@ public:
     Address addressOf(const std::string& file) const;
 
 private:
-    State openAnew(Use use);
+    // `status` is that of the folder when it is usable.
+    State openAnew(Use use, uid_t user, struct stat& status);
 
     std::shared_ptr<const PortDescriptor> folder_; // one for all while the folder stays the same
     std::string path_;

@@ -31,13 +31,6 @@ constexpr int64_t kWatchAfterMilliseconds = limits::of("port.watch-after");
 constexpr int64_t kLongestLookAgainMilliseconds = limits::of("port.look-again");
 constexpr int64_t kLongestMilliseconds = limits::of("port.wait");
 
-// Reads until nothing is left; what it was does not matter.
-void drain(int fd) {
-    char block[4096];
-    while (read(fd, block, sizeof block) > 0) {
-    }
-}
-
 } // namespace
 
 PortWaiter::PortWaiter(PortDescriptor events, PortDescriptor wakes)
@@ -251,7 +244,8 @@ bool PortWaiter::wait(int64_t timeoutMilliseconds) {
         if (kind == kPort) {
             reported_[reportedCount_++] = what >> kKindBits;
         } else if (kind == kWake) {
-            drain(wakes_.get());
+            uint64_t wakes = 0; // all of them
+            (void)!read(wakes_.get(), &wakes, sizeof wakes);
         } else if (kind == kFiles) {
             reportChanged();
         } else if (kind == kTarget) {
