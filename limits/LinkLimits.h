@@ -12,6 +12,7 @@ inline constexpr Limit kLink[] = {
     {"link.text", 65 * kMiB, "bytes", "as ports have it"},
     {"link.lines", 5000, "lines", "of a message's head; readers take fewer"},
     {"link.part", 128 * kKiB, "bytes", "of a text in one frame: larger ones hold others up longer than they gain"},
+    {"link.together", 32 * kKiB, "bytes", "of small texts (up to a quarter of it) that go in one frame"},
     {"link.frame", kKiB, "bytes", "of a frame beside its part: fields and the longest names"},
     {"link.window", 4 * kMiB, "bytes", "sent to a link and not acknowledged: far below what servers cut off slow ones for"},
     {"link.waiting", 32 * kMiB, "bytes", "taken for a target and not delivered, then its senders wait: two large texts"},

@@ -28,6 +28,11 @@ inline constexpr size_t kTextBytes = size("link.text");
 inline constexpr size_t kLines = size("link.lines");
 // Of a text in one frame. Larger ones delay others' small ones longer than they gain.
 inline constexpr size_t kPartBytes = size("link.part");
+// Of small texts in one frame, as far as they wait already: a frame costs the servers and both
+// links several times what is in it.
+inline constexpr size_t kTogetherBytes = size("link.together");
+// Of one that goes so.
+inline constexpr size_t kSmallBytes = kTogetherBytes / 4;
 // Beside the part: the frame's own fields and the longest names.
 inline constexpr size_t kFrameBytes = size("link.frame");
 // Sent to one link and not acknowledged: far below what a server cuts a slow subscriber off for.

@@ -7,15 +7,14 @@
 namespace convey_link {
 
 uint64_t Channel::queue(MessageHead head, Travelling text, int64_t deadline) {
-    const Flow flow(head.source, head.target);
-    std::deque<Queued>& line = flows_[flow];
-    if (line.empty()) {
+    const auto [flow, isNew] = flows_.try_emplace({head.source, head.target});
+    if (isNew) { // one whose messages have grown too old still has its turn
         turns_.push_back(flow);
     }
     queuedBytes_ += text.size();
     open_[++lastMessage_] = false;
-    line.push_back({lastMessage_, std::move(head),
-                    std::make_shared<const Travelling>(std::move(text)), deadline});
+    flow->second.push_back({lastMessage_, std::move(head),
+                            std::make_shared<const Travelling>(std::move(text)), deadline});
     return lastMessage_;
 }
 
@@ -126,6 +125,9 @@ void Channel::take(const Frame& frame, int64_t now, Arrivals& out) {
     }
     arrived_ = frame.number;
     unacknowledgedBytes_ += frame.part.bytes.size();
+    for (const Part& text : frame.texts) {
+        unacknowledgedBytes_ += text.bytes.size();
+    }
     acknowledgeAt_ = unacknowledgedBytes_ >= bounds::kWindowBytes / 4
                          ? now
                          : std::min(acknowledgeAt_, now + bounds::kAcknowledgeMilliseconds);
@@ -142,6 +144,11 @@ void Channel::take(const Frame& frame, int64_t now, Arrivals& out) {
         break;
     case CargoKind::launch:
         out.launches.push_back({frame.app, frame.parameters});
+        break;
+    case CargoKind::texts:
+        for (const Part& text : frame.texts) {
+            out.messages.push_back({text.message, *text.head, std::string(text.bytes)});
+        }
         break;
     }
 }
@@ -201,50 +208,87 @@ std::string Channel::number(Sent sent, int64_t now) {
     return around(sent_.back());
 }
 
-std::string Channel::nextPart(int64_t now, size_t partBytes, std::vector<uint64_t>& expired) {
+// The text whose turn it is; null for none. Those before it whose time is over are left out.
+Channel::Queued* Channel::upNext(int64_t now, std::vector<uint64_t>& expired) {
     while (!turns_.empty()) {
-        const Flow flow = turns_.front();
-        turns_.pop_front();
-        const auto found = flows_.find(flow);
-        std::deque<Queued>& line = found->second;
+        std::deque<Queued>& line = turns_.front()->second;
         while (!line.empty() && line.front().sent == 0 && line.front().deadline <= now) {
             expired.push_back(line.front().message);
             open_.erase(line.front().message);
             queuedBytes_ -= line.front().text->size();
             line.pop_front();
         }
-        if (line.empty()) {
-            flows_.erase(found);
-            continue;
-        }
-        Queued& queued = line.front();
-        Frame frame;
-        frame.cargo = CargoKind::part;
-        frame.part.message = queued.message;
-        frame.part.total = queued.text->size();
-        frame.part.offset = queued.sent;
-        if (queued.sent == 0) {
-            frame.part.head = queued.head;
+        if (!line.empty()) {
+            Queued& queued = line.front();
             // A duration travels, since the clocks of two machines differ.
-            frame.part.head->remainingMilliseconds =
+            queued.head.remainingMilliseconds =
                 queued.deadline == INT64_MAX ? -1 : queued.deadline - now;
+            return &queued;
         }
-        const size_t bytes = std::min(partBytes, queued.text->size() - queued.sent);
-        Sent sent{0, encodeCargo(frame), queued.text, queued.sent, bytes};
-        queued.sent += bytes;
-        queuedBytes_ -= bytes;
-        if (queued.sent == queued.text->size()) {
-            open_[queued.message] = true;
-            line.pop_front();
-        }
-        if (line.empty()) {
-            flows_.erase(found);
-        } else {
-            turns_.push_back(flow);
-        }
-        return number(std::move(sent), now);
+        flows_.erase(turns_.front());
+        turns_.pop_front();
     }
-    return {};
+    return nullptr;
+}
+
+// So many bytes of it are in a cargo: another flow has its turn.
+void Channel::goesOn(size_t bytes) {
+    std::deque<Queued>& line = turns_.front()->second;
+    Queued& queued = line.front();
+    queued.sent += bytes;
+    queuedBytes_ -= bytes;
+    if (queued.sent == queued.text->size()) {
+        open_[queued.message] = true;
+        line.pop_front();
+    }
+    if (line.empty()) {
+        flows_.erase(turns_.front());
+        turns_.pop_front();
+    } else {
+        turns_.splice(turns_.end(), turns_, turns_.begin());
+    }
+}
+
+std::string Channel::nextPart(int64_t now, size_t partBytes, std::vector<uint64_t>& expired) {
+    const Queued* const queued = upNext(now, expired);
+    if (queued == nullptr) {
+        return {};
+    }
+    if (queued->text->size() <= bounds::kSmallBytes && queued->text->size() <= partBytes) {
+        return nextTexts(now, partBytes, expired);
+    }
+    Frame frame;
+    frame.cargo = CargoKind::part;
+    frame.part.message = queued->message;
+    frame.part.total = queued->text->size();
+    frame.part.offset = queued->sent;
+    if (queued->sent == 0) {
+        frame.part.head = queued->head;
+    }
+    const size_t bytes = std::min(partBytes, queued->text->size() - queued->sent);
+    Sent sent{0, encodeCargo(frame), queued->text, queued->sent, bytes};
+    goesOn(bytes);
+    return number(std::move(sent), now);
+}
+
+// Small texts, of any flows, as far as their turns come one after another.
+std::string Channel::nextTexts(int64_t now, size_t partBytes, std::vector<uint64_t>& expired) {
+    std::string cargo;
+    for (const Queued* queued = upNext(now, expired);
+         queued != nullptr && queued->text->size() <= std::min(partBytes, bounds::kSmallBytes) &&
+         (cargo.empty() ||
+          cargo.size() + queued->text->size() <= std::min(partBytes, bounds::kTogetherBytes));
+         queued = upNext(now, expired)) {
+        std::string joined;
+        std::string_view text = queued->text->head;
+        if (!queued->text->body.empty()) {
+            queued->text->append(joined, 0, queued->text->size());
+            text = joined;
+        }
+        addText(cargo, queued->message, queued->head, text);
+        goesOn(text.size());
+    }
+    return number({0, std::move(cargo)}, now);
 }
 
 std::string Channel::next(int64_t now, size_t partBytes, std::vector<uint64_t>& expired) {

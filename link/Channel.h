@@ -108,10 +108,14 @@ private:
         std::string text;
     };
     using Flow = std::pair<std::string, std::string>; // source and target
+    using Flows = std::map<Flow, std::deque<Queued>>;
 
     std::string number(Sent sent, int64_t now);
     std::string around(const Sent& sent);
+    Queued* upNext(int64_t now, std::vector<uint64_t>& expired);
+    void goesOn(size_t bytes);
     std::string nextPart(int64_t now, size_t partBytes, std::vector<uint64_t>& expired);
+    std::string nextTexts(int64_t now, size_t partBytes, std::vector<uint64_t>& expired);
     void acknowledge(uint64_t upTo, int64_t now);
     void takePart(const Part& part, int64_t now, Arrivals& out);
     bool mayGo() const;
@@ -121,9 +125,9 @@ private:
 
     // What goes out.
     uint64_t lastMessage_ = 0;
-    std::map<Flow, std::deque<Queued>> flows_;
-    std::list<Flow> turns_;         // the flows that have something, in the order of their turns
-    std::map<uint64_t, bool> open_; // no outcome yet; whether they were wholly sent
+    Flows flows_;
+    std::list<Flows::iterator> turns_; // those that have something, in the order of their turns
+    std::map<uint64_t, bool> open_;    // no outcome yet; whether they were wholly sent
     std::deque<Launch> launches_;
     std::vector<std::pair<uint64_t, Outcome>> outcomes_;
     int64_t tellAt_ = INT64_MAX;

@@ -9,10 +9,14 @@
 namespace convey_link {
 namespace {
 
-constexpr std::string_view kMark = "CVL1";
+constexpr std::string_view kMark = "CVL2";
 
 class Writer {
 public:
+    Writer() = default;
+    // Goes on behind what is there.
+    explicit Writer(std::string&& begun) : out_(std::move(begun)) {}
+
     template <class Number>
     Writer& number(Number value) {
         char bytes[sizeof value];
@@ -36,6 +40,7 @@ public:
         return text(head.source).text(head.target);
     }
     void reserve(size_t bytes) { out_.reserve(bytes); }
+    bool isEmpty() const { return out_.empty(); }
     std::string take() { return std::move(out_); }
 
 private:
@@ -120,8 +125,18 @@ void readPart(Reader& in, Part& part) {
                part.bytes.size() <= part.total - part.offset);
 }
 
+Part readText(Reader& in) {
+    Part text;
+    text.message = in.number<uint64_t>();
+    text.head = in.head();
+    text.bytes = in.text(bounds::kSmallBytes);
+    text.total = text.bytes.size();
+    in.require(text.message != 0 && !text.bytes.empty());
+    return text;
+}
+
 void readCargo(Reader& in, Frame& frame) {
-    frame.cargo = in.choice(CargoKind::part, CargoKind::launch);
+    frame.cargo = in.choice(CargoKind::part, CargoKind::texts);
     switch (frame.cargo) {
     case CargoKind::part:
         readPart(in, frame.part);
@@ -136,12 +151,33 @@ void readCargo(Reader& in, Frame& frame) {
         frame.app = in.portName();
         frame.parameters = in.text(bounds::kPartBytes);
         break;
+    case CargoKind::texts:
+        do {
+            frame.texts.push_back(readText(in));
+        } while (in.isGood() && !in.isDone());
+        break;
     }
 }
 
 } // namespace
 
+void addText(std::string& cargo, uint64_t message, const MessageHead& head, std::string_view text) {
+    Writer out(std::move(cargo));
+    if (out.isEmpty()) {
+        out.reserve(bounds::kFrameBytes);
+        out.number(static_cast<uint8_t>(CargoKind::texts));
+    }
+    cargo = out.number(message).head(head).text(text).take();
+}
+
 std::string encodeCargo(const Frame& frame) {
+    if (frame.cargo == CargoKind::texts) {
+        std::string cargo;
+        for (const Part& text : frame.texts) {
+            addText(cargo, text.message, *text.head, text.bytes);
+        }
+        return cargo;
+    }
     Writer out;
     out.number(static_cast<uint8_t>(frame.cargo));
     switch (frame.cargo) {
@@ -162,6 +198,8 @@ std::string encodeCargo(const Frame& frame) {
     case CargoKind::launch:
         out.text(frame.app).text(frame.parameters);
         break;
+    case CargoKind::texts:
+        break; // above
     }
     return out.take();
 }

@@ -40,7 +40,7 @@ enum class Outcome : uint8_t {
 };
 
 // What a cargo carries.
-enum class CargoKind : uint8_t { part = 1, outcomes, launch };
+enum class CargoKind : uint8_t { part = 1, outcomes, launch, texts };
 
 // What a message is for the links.
 enum class MessageKind : uint8_t { request = 1, reply, ping, pong };
@@ -73,6 +73,7 @@ struct Frame {
     bool gap = false; // an acknowledgement: what follows did not arrive in order, send it again
     CargoKind cargo = CargoKind::part;
     Part part;
+    std::vector<Part> texts; // whole small ones, each with its head
     std::vector<std::pair<uint64_t, Outcome>> outcomes;
     // launch: the application and its parameters
     std::string app;
@@ -88,6 +89,8 @@ std::string encode(const Frame& frame);
 // A cargo in two steps, since it may be sent again with other acknowledgements: its body, and the
 // frame around it, with room for `more` bytes of its part, which may be appended to it.
 std::string encodeCargo(const Frame& frame);
+// Adds a text to a cargo of texts; an empty one becomes that.
+void addText(std::string& cargo, uint64_t message, const MessageHead& head, std::string_view text);
 std::string encodeAround(std::string_view cargo, uint64_t senderLife, uint64_t receiverLife,
                          uint64_t number, uint64_t acknowledged, size_t more = 0);
 // False, and `out` is not to be used, for what is no frame. The views point into `bytes`.

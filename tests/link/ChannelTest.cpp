@@ -125,7 +125,7 @@ TEST_F(ChannelTest, holdsNoSmallTextUpBehindALargeOneOfAnotherPair) {
     for (int i = 0; i < 3; ++i) {
         Frame frame;
         ASSERT_TRUE(decode(left.next(now, 1000, expired), frame));
-        if (frame.part.head && frame.part.head->source == "small") {
+        if (!frame.texts.empty() && frame.texts[0].head->source == "small") {
             return;
         }
     }
@@ -193,6 +193,45 @@ TEST_F(ChannelTest, tellsWhatGrewTooOldBeforeItWasSent) {
     ASSERT_EQ(arrivals.messages.size(), 1U);
     EXPECT_EQ(arrivals.messages[0].text, "new");
     EXPECT_EQ(arrivals.messages[0].head.remainingMilliseconds, 980);
+    // Of a pair of which nothing is left meanwhile.
+    (void)left.queue(head("a", "b"), std::string("old"), now + 10);
+    left.expire(now + 20, expired);
+    (void)left.queue(head("a", "b"), std::string("newer"), kForever);
+    for (const std::string& frame : drain(left)) {
+        carry(right, frame, arrivals);
+    }
+    EXPECT_EQ(arrivals.messages.back().text, "newer");
+}
+
+// One frame for small texts that wait, in their order; each is told of by itself.
+TEST_F(ChannelTest, smallTextsThatWaitGoTogether) {
+    meet();
+    size_t bytes = 0;
+    for (int i = 0; i < 100; ++i) {
+        const std::string text(i == 50 ? 20'000 : 300, static_cast<char>('a' + i % 26));
+        bytes += text.size();
+        (void)left.queue(head(i % 2 == 0 ? "a" : "c", "b"), std::string(text), kForever);
+    }
+    Channel::Arrivals arrivals;
+    const std::vector<std::string> frames = drain(left, bounds::kPartBytes);
+    for (const std::string& frame : frames) {
+        EXPECT_LE(frame.size(), bounds::kTogetherBytes + bounds::kFrameBytes);
+        carry(right, frame, arrivals);
+    }
+    EXPECT_LE(frames.size(), bytes / bounds::kTogetherBytes + 4);
+    ASSERT_EQ(arrivals.messages.size(), 100U);
+    std::map<std::string, uint64_t> last;
+    for (const Channel::Arrival& one : arrivals.messages) {
+        EXPECT_EQ(one.text[0], static_cast<char>('a' + (one.message - 1) % 26));
+        EXPECT_GT(one.message, std::exchange(last[one.head.source], one.message));
+        right.tell(one.message, Outcome::delivered, now);
+    }
+    now += bounds::kAcknowledgeMilliseconds;
+    for (const std::string& frame : drain(right)) {
+        carry(left, frame, arrivals);
+    }
+    EXPECT_EQ(arrivals.outcomes.size(), 100U);
+    EXPECT_EQ(left.waitingMessages(), 0U);
 }
 
 } // namespace

@@ -24,6 +24,17 @@ Frame part(uint64_t total, uint64_t offset, std::string_view bytes) {
     return frame;
 }
 
+// Small texts in one frame.
+Frame together(const std::vector<std::string_view>& texts) {
+    Frame frame = part(1, 0, "x");
+    frame.cargo = CargoKind::texts;
+    for (const std::string_view text : texts) {
+        frame.texts.push_back(frame.part);
+        frame.texts.back().bytes = text;
+    }
+    return frame;
+}
+
 std::vector<Frame> frames() {
     std::vector<Frame> all;
     for (const FrameKind kind :
@@ -48,6 +59,7 @@ std::vector<Frame> frames() {
     outcomes.cargo = CargoKind::outcomes;
     outcomes.outcomes = {{1, Outcome::delivered}, {UINT64_MAX, Outcome::expired}};
     all.push_back(outcomes);
+    all.push_back(together({"hello"}));
     Frame launch = part(5, 0, "hello");
     launch.cargo = CargoKind::launch;
     launch.app = "lumen-2.5";
@@ -78,12 +90,16 @@ TEST(FrameTest, saysTheSameAgainAndNothingWhenItIsCut) {
 }
 
 TEST(FrameTest, refusesWhatNoLinkWouldSay) {
+    const std::string tooLarge(bounds::kSmallBytes + 1, 'x');
     const std::pair<const char*, Frame> cases[] = {
         {"more text than was announced", part(3, 0, "hello")},
         {"a part behind the end", part(5, 5, "x")},
         {"a place that overflows", part(5, UINT64_MAX - 1, "hello")},
         {"a text above the bound", part(bounds::kTextBytes + 1, 1, "x")},
         {"a text of nothing", part(0, 0, "")},
+        {"a small text above the bound", together({tooLarge})},
+        {"a small text of nothing", together({""})},
+        {"no small text", together({})},
     };
     for (const auto& [why, frame] : cases) {
         Frame out;
