@@ -327,7 +327,7 @@ std::string Channel::next(int64_t now, size_t partBytes, std::vector<uint64_t>& 
     Frame frame;
     if (tells) {
         frame.cargo = CargoKind::outcomes;
-        const size_t count = std::min(outcomes_.size(), bounds::kPartBytes / 16);
+        const size_t count = std::min(outcomes_.size(), bounds::kWholeBytes / 16);
         const auto end = outcomes_.begin() + static_cast<std::ptrdiff_t>(count);
         frame.outcomes.assign(outcomes_.begin(), end);
         outcomes_.erase(outcomes_.begin(), end);

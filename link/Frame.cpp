@@ -149,7 +149,7 @@ void readCargo(Reader& in, Frame& frame) {
         break;
     case CargoKind::launch:
         frame.app = in.portName();
-        frame.parameters = in.text(bounds::kPartBytes);
+        frame.parameters = in.text(bounds::kWholeBytes);
         break;
     case CargoKind::texts:
         do {

@@ -135,7 +135,7 @@ void Link::requestTaken(Used& used, Text& message, platform::PortText::Block& bl
     }
     if (message.get(kType) == ConveyData::CV_TYPE_LAUNCH_PARAMETERS) {
         if (used.launchAt != INT64_MAX) { // a launcher leaves them in more than one place
-            launch(used, std::string(message.body().substr(0, bounds::kPartBytes / 2)));
+            launch(used, std::string(message.body().substr(0, bounds::kWholeBytes / 2)));
         }
         return;
     }

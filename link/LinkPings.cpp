@@ -63,7 +63,7 @@ bool Link::sendPing(Peer& peer, uint64_t number, const AskedPing& ping, std::str
     Frame frame = this->frame(FrameKind::ping, &peer);
     frame.head = {MessageKind::ping, ping.asker, ping.target,
                   remaining,         number,     Outcome::delivered};
-    if (text.size() > bounds::kPartBytes) {
+    if (text.size() > bounds::kWholeBytes) {
         (void)peer.channel.queue(frame.head, std::string(text), ping.until);
         return true;
     }
@@ -145,7 +145,7 @@ void Link::pingAnswered(Text& message) {
 void Link::sendPong(Peer& peer, const ForeignPing& ping, Outcome outcome, std::string text) {
     Frame pong = frame(FrameKind::pong, &peer);
     pong.head = {MessageKind::pong, ping.target, ping.source, 0, ping.number, outcome};
-    if (text.size() > bounds::kPartBytes) {
+    if (text.size() > bounds::kWholeBytes) {
         (void)peer.channel.queue(pong.head, std::move(text),
                                  around_.now() + bounds::kPingMilliseconds);
         return;
