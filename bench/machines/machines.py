@@ -5,18 +5,18 @@ Usage: machines.py [ROUNDS] [MESSAGES] [KEPT], with the environment of tests/mac
 
 from __future__ import annotations
 
-import os
 import pathlib
+import resource
 import sys
 import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).parents[2] / "tests" / "machines"))
-from world import PROGRAMS, Machine, World, eventually  # which stands there
+from world import PROGRAMS, Machine, Process, World, eventually  # which stands there
 
 ENDS = PROGRAMS / "machines_ends"
 APP = "echo-1.0"
 LARGE = "4"  # texts
-COUNTED = 20  # large texts whose processor time is counted, which the system does by hundredths of a second
+COUNTED = 20  # large texts whose processor time is counted
 
 
 def measured(machine: Machine, *command: str) -> dict[str, float]:
@@ -25,9 +25,33 @@ def measured(machine: Machine, *command: str) -> dict[str, float]:
 
 
 def processor(pid: int) -> float:
-    """Seconds that a process was busy, itself and in the system."""
-    fields = pathlib.Path(f"/proc/{pid}/stat").read_text(encoding="ascii").rpartition(")")[2].split()
-    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+    """Seconds that the threads of a process were busy, themselves and in the system."""
+    return sum(int(task.read_text(encoding="ascii").split()[0])
+               for task in pathlib.Path(f"/proc/{pid}/task").glob("*/schedstat")) / 1e9
+
+
+def busy_parts(parts: dict[str, Process], messages: str, machine: Machine, *command: str) -> list[dict[str, float]]:
+    """Seconds that each was busy for a small text, and for a large one. What asks is a process of its own: what it
+    takes to begin is taken off."""
+    def asks(small: str, large: str) -> float:
+        before = resource.getrusage(resource.RUSAGE_CHILDREN)
+        measured(machine, *command, "10", small, large)
+        after = resource.getrusage(resource.RUSAGE_CHILDREN)
+        return after.ru_utime + after.ru_stime - before.ru_utime - before.ru_stime
+
+    begins, busy = asks("1", "0"), []
+    for small, large in (messages, "0"), ("1", str(COUNTED)):
+        before, count = {part: processor(process.pid) for part, process in parts.items()}, int(large) or int(small)
+        asked = asks(small, large)
+        busy.append({"who asks": (asked - begins) / count, **{
+            part: (processor(process.pid) - before[part]) / count for part, process in parts.items()}})
+    return busy
+
+
+def print_busy(title: str, busy: list[dict[str, float]]) -> None:
+    print(f"\n| processor time, {title} | of a text of 300 bytes | of 16 MiB |\n|---|---|---|")
+    for part in busy[0]:
+        print(f"| {part} | {busy[0][part] * 1e6:.1f} µs | {busy[1][part] * 1e3:.0f} ms |")
 
 
 def switches(pid: int) -> int:
@@ -55,8 +79,9 @@ def main(rounds: str = "2000", messages: str = "50000", kept: str = "1000") -> N
         # Bare clients, as the servers' permissions allow them; both at the same server.
         bare = workshop.start("sh", "-c", 'cd .config/convey && exec "$@"', "sh", ENDS, "client-answer", server,
                               "workshop", "convey.studio.workshop.*", log="bare", first="ready")
-        of_nats = measured(desk, "client-ask", server, "desk", "convey.studio.workshop.desk",
-                           "convey.studio.desk.workshop", rounds, messages, LARGE)
+        client = ("client-ask", server, "desk", "convey.studio.workshop.desk", "convey.studio.desk.workshop")
+        of_nats = measured(desk, *client, rounds, messages, LARGE)
+        bare_busy = busy_parts({"the server": world.servers[1], "who is told": bare}, messages, desk, *client)
         bare.kill()
         # The stream in which the desk's requests wait, as its own client has it keep what nobody takes.
         attic.keys("keeper@studio")
@@ -78,12 +103,7 @@ def main(rounds: str = "2000", messages: str = "50000", kept: str = "1000") -> N
         link.says(f"{APP} at workshop: runs")
         of_two = measured(desk, "ask", "asker-1.0", APP, rounds, messages, LARGE)
         parts = {"the sending link": link, "the server": world.servers[1], "the receiving link": other, "the target": far}
-        busy: list[dict[str, float]] = []
-        for small, large in (messages, "0"), ("1", str(COUNTED)):
-            before_it = {part: processor(process.pid) for part, process in parts.items()}
-            measured(desk, "ask", "asker-1.0", APP, "10", small, large)
-            busy.append({part: (processor(process.pid) - before_it[part]) / (int(large) or int(small))
-                         for part, process in parts.items()})
+        busy = busy_parts(parts, messages, desk, "ask", "asker-1.0", APP)
         bare = desk.start("sh", "-c", 'cd .config/convey && exec "$@"', "sh", ENDS, "client-idle", server, "desk",
                           "convey.studio.desk.absent.bare", log="bare", first="ready")
         time.sleep(2)  # what was is over
@@ -114,9 +134,8 @@ def main(rounds: str = "2000", messages: str = "50000", kept: str = "1000") -> N
           f"{of_two['request'] * 1e6:.0f} µs without | {of_kept['request'] / of_two['request']:.2f} | |")
     print(f"| a link with nothing to do, wake-ups a second | {sum(idle):.2f} ({idle[0]:.2f} of its thread, {idle[1]:.2f} of "
           f"the layer's) | {sum(bare_idle):.2f} of a bare client | {sum(idle) - sum(bare_idle):.2f} more | 1 more |")
-    print("\n| processor time | of a text of 300 bytes | of 16 MiB |\n|---|---|---|")
-    for part in parts:
-        print(f"| {part} | {busy[0][part] * 1e6:.1f} µs | {busy[1][part] * 1e3:.0f} ms |")
+    print_busy("by links", busy)
+    print_busy("bare", bare_busy)
 
 
 if __name__ == "__main__":
