@@ -90,18 +90,6 @@ protected:
         return eventually([&] { return answer() == wanted; });
     }
 
-    // Of what the workshop has launched, which is no child of this test's.
-    void endLaunched() const {
-        const auto ports = nlohmann::json::parse(
-            run(workshop, {CONVEY_PROGRAM, "ports", "--json"}).out, nullptr, false);
-        for (const auto& one : ports["ports"]) {
-            const int process = one.value("process", 0); // 0: it has ended
-            if (one.value("name", "") == "lumen-2.5-en_us" && process > 0) {
-                kill(process, SIGKILL);
-            }
-        }
-    }
-
     // The ports of a machine whose owners look at no digests, as both of the tool's ways say it.
     static std::vector<std::string> dropDigests(const Machine& at) {
         std::vector<std::string> found;
@@ -129,42 +117,6 @@ protected:
     Machine desk{"desk", {}, nullptr};
     Machine workshop{"workshop", {}, nullptr};
 };
-
-TEST_F(LinkTest, usesAnApplicationOfAnotherMachineLikeOneOfItsOwn) {
-    join(desk);
-    join(workshop);
-    ASSERT_TRUE(comesToAnswer("ISNOTRUNNING"));
-    const auto target = lumen();
-    ASSERT_TRUE(comesToAnswer("ECHO_RESPONSE"));
-    const std::string listing = run(desk, {KIVRA_CONVEY_CMD}).out;
-    EXPECT_NE(listing.find("specifier='lumen-2.5-en_us' path='" + folder.file("desk") +
-                           "/convey-link/workshop/lumen-2.5-en_us'"),
-              std::string::npos)
-        << listing;
-    EXPECT_EQ(run(desk, ask("hello")).out, "sent\nreceived\nresult: echo: hello\nprocessed\n");
-    EXPECT_EQ(run(desk, ask("fail")).out, "sent\nreceived\nerror: failed as asked\n");
-    EXPECT_EQ(run(desk, {CONVEY_PROGRAM, "ping", "lumen"}).exitStatus, 0);
-    EXPECT_EQ(dropDigests(desk), std::vector<std::string>{"lumen-2.5-en_us"});
-    EXPECT_FALSE(dropDigests(workshop).empty()) << "askers from elsewhere";
-    EXPECT_NE(run(desk, {CONVEY_PROGRAM, "diagnose", "lumen"})
-                  .out.find("Process = " + std::to_string(target->pid())),
-              std::string::npos);
-    const auto status = statusOf(desk);
-    EXPECT_EQ(status["uses"][0]["state"], "runs") << status;
-    for (const char* redirection : {">/dev/full", ">&-"}) {
-        const ProcessResult lost =
-            run(desk, {"/bin/sh", "-c", std::string("exec \"$0\" status ") + redirection, LINK});
-        EXPECT_EQ(lost.exitStatus, 3) << redirection;
-        EXPECT_NE(lost.err.find("the output cannot be written: "), std::string::npos) << lost.err;
-    }
-    // It answers no more than the process there does.
-    target->signal(SIGSTOP);
-    EXPECT_EQ(answer(), "Timeout");
-    target->signal(SIGCONT);
-    ASSERT_TRUE(comesToAnswer("ECHO_RESPONSE"));
-    EXPECT_EQ(desk.link->finish(SIGTERM), 0);
-    EXPECT_EQ(run(desk, {KIVRA_CONVEY_CMD}).out, "<products>\n</products>\n");
-}
 
 TEST_F(LinkTest, tellsAskersOfEachEndThatComesInBetween) {
     join(desk);
@@ -212,57 +164,8 @@ TEST_F(LinkTest, tellsAskersOfEachEndThatComesInBetween) {
     target->signal(SIGCONT);
     ASSERT_TRUE(comesToAnswer("ECHO_RESPONSE"));
     EXPECT_EQ(run(desk, ask("again")).out, "sent\nreceived\nresult: echo: again\nprocessed\n");
-}
-
-TEST_F(LinkTest, launchesWhatIsOfferedForThatAndNothingElse) {
-    const std::string program = folder.write(
-        "program", std::string("#!/bin/sh\nexec stdbuf -oL " HOST " lumen-2.5-en_us > ") +
-                       folder.file("launched") + "\n");
-    chmod(program.c_str(), 0755);
-    for (const char* app : {"lumen-2.5-en_us", "kivra-7.0"}) {
-        ASSERT_EQ(run(workshop, {OVREL_CAPS_TOOL, "add-app", app, "--path", program}).exitStatus,
-                  0);
-    }
-    write(desk, "[[use]]\napp = \"lumen-2.5-en_us\"\nat = \"workshop\"\n"
-                "[[use]]\napp = \"kivra-7.0\"\nat = \"workshop\"\n");
-    join(desk);
-    join(workshop);
-    const auto isKnown = [&] {
-        const std::string status = run(desk, {LINK, "status"}).out;
-        return status.find("lumen-2.5-en_us at workshop does not run") != std::string::npos &&
-               status.find("kivra-7.0 at workshop not offered") != std::string::npos;
-    };
-    ASSERT_TRUE(eventually(isKnown));
-    EXPECT_EQ(run(desk, ask("nobody")).exitStatus, 1);
-    const ProcessResult launch =
-        run(desk, {CONVEY_PROGRAM, "launch", "lumen-2.5-en_us", "-open", "a.png"});
-    EXPECT_EQ(launch.exitStatus, 0) << launch.out << launch.err;
-    EXPECT_TRUE(eventually([&] {
-        return TemporaryFolder::read(folder.file("launched"))
-                   .find(
-                       "launched with: -specifier lumen-2.5-en_us -nostartupscreen -open a.png") !=
-               std::string::npos;
-    })) << TemporaryFolder::read(folder.file("launched"));
-    ASSERT_TRUE(comesToAnswer("ECHO_RESPONSE"));
-    EXPECT_EQ(run(desk, {CONVEY_PROGRAM, "ping", "kivra-7.0"}).exitStatus, 1);
-    const auto says = [&](const std::string& state) {
-        return eventually([&] {
-            return run(desk, {LINK, "status"}).out.find("lumen-2.5-en_us at workshop " + state) !=
-                   std::string::npos;
-        });
-    };
-    ASSERT_TRUE(says("runs"));
-    endLaunched();
-    // Its launcher asked for no more than to be told that the parameters came: nobody holds its
-    // port for an answer.
-    ASSERT_TRUE(says("does not run"));
-    std::vector<std::string> send = ask("launched by it");
-    send.emplace_back("--launch");
-    const ProcessResult sent = run(desk, send);
-    EXPECT_EQ(sent.exitStatus, 0) << sent.out << sent.err;
-    EXPECT_NE(sent.out.find("result: echo: launched by it\nprocessed\n"), std::string::npos)
-        << sent.out;
-    endLaunched();
+    EXPECT_EQ(dropDigests(desk), std::vector<std::string>{"lumen-2.5-en_us"});
+    EXPECT_FALSE(dropDigests(workshop).empty()) << "askers from elsewhere";
 }
 
 // What is on the servers' disks outlives the sender's link and the server, and comes to the target
@@ -343,17 +246,19 @@ TEST_F(LinkTest, keepsRequestsOnDiskForALinkThatIsAway) {
     EXPECT_GE(static_cast<long>(handled.size()), sent - before - 1);
 }
 
-TEST_F(LinkTest, refusesANameThatIsUsedTwice) {
+TEST_F(LinkTest, saysThatItRunsAndRunsOnce) {
     join(workshop);
     ASSERT_TRUE(eventually([&] {
         return run(workshop, {LINK, "status"}).out.starts_with("studio/workshop at ");
     }));
-    Machine second{"second", desk.environment, nullptr};
-    (void)folder.write("second.toml", TemporaryFolder::read(folder.file("workshop.toml")));
-    const ProcessResult refused = run(second, {LINK, folder.file("second.toml")});
-    EXPECT_EQ(refused.exitStatus, 4) << refused.err;
+    for (const char* redirection : {">/dev/full", ">&-"}) {
+        const ProcessResult lost = run(
+            workshop, {"/bin/sh", "-c", std::string("exec \"$0\" status ") + redirection, LINK});
+        EXPECT_EQ(lost.exitStatus, 3) << redirection;
+        EXPECT_NE(lost.err.find("the output cannot be written: "), std::string::npos) << lost.err;
+    }
     EXPECT_EQ(run(workshop, {LINK, folder.file("workshop.toml")}).exitStatus, 6);
-    EXPECT_EQ(run(workshop, {LINK, "status"}).exitStatus, 0) << "the first one goes on";
+    EXPECT_EQ(workshop.link->finish(SIGTERM), 0);
 }
 
 } // namespace

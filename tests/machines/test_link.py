@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+import os
 import re
 import signal
 import time
@@ -39,7 +40,9 @@ def test_is_used_as_one_of_this_machine_until_the_link_ends(pair: Pair) -> None:
         "received", "result: echo: good day", "processed"]
     assert "error: failed as asked" in desk.run("convey", "send", "lumen", "--body", "fail", status=1)
     assert re.search(r"\bconvey\d+-2\.0 Tessaly: good day\n", log.read_text(encoding="utf-8"))
-    assert "idle" in desk.run("convey", "diagnose", "lumen", status=None)
+    ports = json.loads(workshop.run("convey", "ports", "--json"))["ports"]
+    process = next(port["process"] for port in ports if port["name"] == LUMEN)
+    assert f"Process = {process}\n" in desk.run("convey", "diagnose", "lumen", status=None)
     assert "STATUS" in desk.run("convey", "keys", "lumen")
     before = [link.resident() for link in (pair.desk_link, pair.workshop_link)]
     large = "many words " * (20 * 1024 * 1024 // 11)
@@ -50,6 +53,34 @@ def test_is_used_as_one_of_this_machine_until_the_link_ends(pair: Pair) -> None:
     assert pair.desk_link.end() == 0
     assert "lumen" not in desk.run("convey", "list")
     assert check(pair) == RESPONSE.format("ISNOTINSTALLED")
+
+
+def test_is_launched_for_a_message_where_that_is_offered(pair: Pair) -> None:
+    desk, workshop = pair.desk, pair.workshop
+    workshop.add("kivra-7.0")
+    pair.workshop_link = workshop.join(OFFER)
+    pair.desk_link = desk.join(USE + USE.replace(LUMEN, "kivra-7.0"))
+
+    def state(app: str, said: str) -> None:
+        eventually(f"{app} {said}", lambda: f"{app} at workshop {said}" in desk.run("convey-link", "status"))
+
+    state("kivra-7.0", "not offered")
+    state(LUMEN, "does not run")
+    assert "ISNOTRUNNING" in desk.run("convey", "ping", "kivra-7.0", status=1)
+    desk.run("convey", "send", LUMEN, "--body", "x", status=1)
+    desk.run("convey", "launch", LUMEN, "-open", "a.png")
+    log = workshop.home / "lumen.log"
+    eventually("it was launched with its parameters", lambda: log.exists() and
+               f"-specifier {LUMEN} -nostartupscreen -open a.png\n" in log.read_text(encoding="utf-8"))
+    state(LUMEN, "runs")
+    for port in json.loads(workshop.run("convey", "ports", "--json"))["ports"]:
+        if port["name"] == LUMEN:
+            os.kill(port["process"], signal.SIGKILL)
+    # Who launched it asked for no more than to be told that the parameters came: nobody holds its
+    # port for an answer.
+    state(LUMEN, "does not run")
+    sent = desk.run("convey", "send", LUMEN, "--launch", "--body", "launched by it", "--wait", "25")
+    assert "result: echo: launched by it\nprocessed\n" in sent
 
 
 def test_what_is_said_of_it_is_true(pair: Pair) -> None:
