@@ -13,6 +13,13 @@
 // What tests of the engine share: what an instance hears, and what another process says, played by
 // a stream of this one.
 
+namespace ScObjects {
+// So that a failure shows the text, and not the bytes of the object.
+inline void PrintTo(const SoString& text, std::ostream* out) {
+    *out << testing::PrintToString(text.view());
+}
+} // namespace ScObjects
+
 using ScObjects::Convey;
 using ScObjects::InterAppStream;
 using ScObjects::SoString;
