@@ -249,12 +249,17 @@ void Channel::goesOn(size_t bytes) {
     }
 }
 
+// The parts may have been smaller at the server before: what is begun goes on in parts.
+bool Channel::fitsWhole(const Queued& queued, size_t partBytes) {
+    return queued.sent == 0 && queued.text->size() <= std::min(partBytes, bounds::kSmallBytes);
+}
+
 std::string Channel::nextPart(int64_t now, size_t partBytes, std::vector<uint64_t>& expired) {
     const Queued* const queued = upNext(now, expired);
     if (queued == nullptr) {
         return {};
     }
-    if (queued->text->size() <= bounds::kSmallBytes && queued->text->size() <= partBytes) {
+    if (fitsWhole(*queued, partBytes)) {
         return nextTexts(now, partBytes, expired);
     }
     Frame frame;
@@ -275,7 +280,7 @@ std::string Channel::nextPart(int64_t now, size_t partBytes, std::vector<uint64_
 std::string Channel::nextTexts(int64_t now, size_t partBytes, std::vector<uint64_t>& expired) {
     std::string cargo;
     for (const Queued* queued = upNext(now, expired);
-         queued != nullptr && queued->text->size() <= std::min(partBytes, bounds::kSmallBytes) &&
+         queued != nullptr && fitsWhole(*queued, partBytes) &&
          (cargo.empty() ||
           cargo.size() + queued->text->size() <= std::min(partBytes, bounds::kTogetherBytes));
          queued = upNext(now, expired)) {

@@ -114,6 +114,7 @@ private:
     std::string around(const Sent& sent);
     Queued* upNext(int64_t now, std::vector<uint64_t>& expired);
     void goesOn(size_t bytes);
+    static bool fitsWhole(const Queued& queued, size_t partBytes);
     std::string nextPart(int64_t now, size_t partBytes, std::vector<uint64_t>& expired);
     std::string nextTexts(int64_t now, size_t partBytes, std::vector<uint64_t>& expired);
     void acknowledge(uint64_t upTo, int64_t now);

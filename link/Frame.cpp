@@ -10,6 +10,9 @@ namespace convey_link {
 namespace {
 
 constexpr std::string_view kMark = "CVL2";
+// Before small texts went together. Its requests may lie on the servers' disks still, and are the
+// same in both.
+constexpr std::string_view kFormerMark = "CVL1";
 
 class Writer {
 public:
@@ -244,11 +247,17 @@ std::string encode(const Frame& frame) {
     return out.take();
 }
 
+bool isOfOtherVersion(std::string_view bytes) {
+    return bytes.size() > kMark.size() && bytes.starts_with(kMark.substr(0, kMark.size() - 1)) &&
+           !bytes.starts_with(kMark);
+}
+
 bool decode(std::string_view bytes, Frame& out) {
     out = Frame();
     Reader in(bytes);
-    in.require(in.bytes(kMark.size()) == kMark);
+    const std::string_view mark = in.bytes(kMark.size());
     out.kind = in.choice(FrameKind::claim, FrameKind::kept);
+    in.require(mark == kMark || (mark == kFormerMark && out.kind == FrameKind::kept));
     out.senderLife = in.number<uint64_t>();
     out.receiverLife = in.number<uint64_t>();
     in.require(out.senderLife != 0);

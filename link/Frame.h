@@ -93,6 +93,8 @@ std::string encodeCargo(const Frame& frame);
 void addText(std::string& cargo, uint64_t message, const MessageHead& head, std::string_view text);
 std::string encodeAround(std::string_view cargo, uint64_t senderLife, uint64_t receiverLife,
                          uint64_t number, uint64_t acknowledged, size_t more = 0);
+// Whether it looks like a frame of a link that is older or newer than this one.
+bool isOfOtherVersion(std::string_view bytes);
 // False, and `out` is not to be used, for what is no frame. The views point into `bytes`.
 [[nodiscard]] bool decode(std::string_view bytes, Frame& out);
 

@@ -217,7 +217,9 @@ void Link::takeClaim(const Frame& frame) {
 void Link::takeFrame(const std::string& from, std::string_view bytes) {
     Frame frame;
     if (!decode(bytes, frame)) {
-        around_.log("refused: bad frame from " + from);
+        around_.log(isOfOtherVersion(bytes)
+                        ? "refused: " + from + " has another version of convey-link than this one"
+                        : "refused: bad frame from " + from);
         return;
     }
     if (from == configuration_.name) {

@@ -214,12 +214,14 @@ TEST_F(ChannelTest, smallTextsThatWaitGoTogether) {
         (void)left.queue(head(i % 2 == 0 ? "a" : "c", "b"), std::string(text), kForever);
     }
     Channel::Arrivals arrivals;
+    // One part of a server whose frames are smaller.
+    carry(right, left.next(now, 100, expired), arrivals);
     const std::vector<std::string> frames = drain(left, bounds::kPartBytes);
     for (const std::string& frame : frames) {
         EXPECT_LE(frame.size(), bounds::kTogetherBytes + bounds::kFrameBytes);
         carry(right, frame, arrivals);
     }
-    EXPECT_LE(frames.size(), 2 * bytes / bounds::kTogetherBytes);
+    EXPECT_LE(frames.size(), 1 + 2 * bytes / bounds::kTogetherBytes);
     ASSERT_EQ(arrivals.messages.size(), kTexts);
     std::map<std::string, uint64_t> last;
     for (const Channel::Arrival& one : arrivals.messages) {

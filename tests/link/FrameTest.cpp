@@ -75,6 +75,12 @@ TEST(FrameTest, saysTheSameAgainAndNothingWhenItIsCut) {
         Frame again;
         ASSERT_TRUE(decode(bytes, again));
         EXPECT_EQ(encode(again), bytes);
+        EXPECT_FALSE(isOfOtherVersion(bytes));
+        // What a former link has left on the servers' disks is taken, and nothing else of it.
+        std::string former = bytes;
+        former[3] = '1';
+        EXPECT_EQ(decode(former, again), frame.kind == FrameKind::kept);
+        EXPECT_TRUE(isOfOtherVersion(former));
         // A text may be shorter; whatever else is cut off is missed, and what is added noticed.
         const bool endsWithText =
             frame.kind == FrameKind::ping || frame.kind == FrameKind::pong ||
