@@ -2,7 +2,8 @@
 prints what comes.
 
 Usage: bare.py HOST:PORT FOLDER NAME, with ca.pem, NAME.pem and NAME.key in FOLDER. Lines on standard
-input, in which \\\\r\\\\n and so on are escapes, go out as they are; "wait SECONDS" waits."""
+input, in which \\\\r\\\\n and so on are escapes, go out as they are; "wait SECONDS [MESSAGES]" waits so long,
+or until so many have come."""
 
 from __future__ import annotations
 
@@ -24,10 +25,11 @@ def main(door: str, folder: str, name: str) -> None:
     connection = context.wrap_socket(bare, server_hostname=host)
     connection.setblocking(False)
 
-    def listen(seconds: float) -> bool:
+    def listen(seconds: float, messages: float = float("inf")) -> bool:
         """Prints what comes in that time; false: the connection has ended."""
         end = time.monotonic() + seconds
-        while (left := end - time.monotonic()) > 0:
+        all_heard = b""
+        while all_heard.count(b"MSG convey.") < messages and (left := end - time.monotonic()) > 0:
             if not connection.pending():
                 select.select([connection], [], [], left)
             try:
@@ -39,6 +41,7 @@ def main(door: str, folder: str, name: str) -> None:
                 return False
             if not heard:
                 return False
+            all_heard += heard
             sys.stdout.write(heard.decode("latin-1").replace("\r\n", "\n"))
         return True
 
@@ -56,7 +59,7 @@ def main(door: str, folder: str, name: str) -> None:
     goes_on = say(b'CONNECT {"verbose":false,"pedantic":false,"headers":true,"no_responders":true,'
                   b'"lang":"bare","version":"1","protocol":1}\r\nPING\r\n')
     for line in sys.stdin:
-        goes_on = goes_on and (listen(float(line.split()[1])) if line.startswith("wait ") else
+        goes_on = goes_on and (listen(*map(float, line.split()[1:])) if line.startswith("wait ") else
                                say(line.rstrip("\n").encode("latin-1").decode("unicode_escape").encode("latin-1")))
     if goes_on and say(b"PING\r\n"):
         listen(0.3)

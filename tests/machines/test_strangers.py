@@ -6,6 +6,7 @@ import re
 import shutil
 import sys
 import threading
+from typing import Any
 
 from conftest import LUMEN, OFFER, USE, Pair, knows
 from world import HERE, Certificates, Machine, Process, Word, World, eventually
@@ -143,16 +144,23 @@ def theirs(me: str) -> list[str]:
 def test_each_of_the_realm_has_its_own_and_nothing_of_the_others(world: World) -> None:
     """By the example's permissions, and with streams in which something lies."""
     keep(world, *NAMES)
+
+    def streams() -> dict[str, Any]:
+        page = world.monitor(1, "jsz?accounts=true&streams=true&consumers=true")
+        return {one["name"]: one for account in page["account_details"] for one in account["stream_detail"]}
+
+    eventually("each stream and its consumers have leaders", lambda: len(streams()) == len(NAMES) and all(
+        one["cluster"].get("leader") for made in streams().values() for one in (made, *made["consumer_detail"])))
     kept = r'MSG convey\.studio\.%s\.kept\.told\.%s 3 +\d+\n{"stream":"convey=studio=%s", *"seq":\d'
     for me in NAMES:
         own = [*(f"SUB convey.studio.{me}.{what}\\r\\n" for what in ("* 1", "absent.* 2", "kept.> 3")),
-               "wait 0.5"]  # until all servers know where answers go
+               "wait 1"]  # until all servers know where answers go
         for other in others(me):
             own += [frame(f"convey.studio.{other}.{me}", b"x"),
                     frame(f"convey.studio.{other}.keep.{me} convey.studio.{me}.kept.told.{other}", b"x"),
                     frame(f"$JS.API.CONSUMER.INFO.{stream(other)}.{me} convey.studio.{me}.kept.clock.{other}", b""),
                     frame(f"$JS.ACK.{stream(other)}.{me}.1.99.99.1.0", b"+ACK")]
-        said = by_hand(world[me], *own, "wait 2")
+        said = by_hand(world[me], *own, f"wait 20 {2 * len(others(me))}")
         assert "-ERR" not in said, said
         for other in others(me):
             assert re.search(kept % (me, other, me), said), said
@@ -160,9 +168,8 @@ def test_each_of_the_realm_has_its_own_and_nothing_of_the_others(world: World) -
 
     def state() -> dict[str, tuple[int, list[str]]]:
         """What each stream holds, and for whom."""
-        page = world.monitor(1, "jsz?accounts=true&streams=true&consumers=true")
-        return {one["name"]: (one["state"]["messages"], sorted(all["name"] for all in one["consumer_detail"]))
-                for account in page["account_details"] for one in account["stream_detail"]}
+        return {name: (one["state"]["messages"], sorted(all["name"] for all in one["consumer_detail"]))
+                for name, one in streams().items()}
 
     expected = {stream(name): (2, sorted(others(name))) for name in NAMES}
     eventually("each stream holds what its sender has given", lambda: state() == expected)
