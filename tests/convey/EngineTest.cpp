@@ -2,6 +2,7 @@
 // refused.
 
 #include "limits/Limits.h"
+#include "scriptobjects/convey/SoCVThread.h"
 #include "tests/convey/EngineFixture.h"
 
 namespace {
@@ -259,6 +260,8 @@ TEST_F(EngineTest, removingAHandlerWaitsForTheThreadThatIsInIt) {
     while (!inside) {
         std::this_thread::yield();
     }
+    const auto* const thread = ScObjects::ConveyThread::getMainThread();
+    EXPECT_EQ(thread->getValueForKey("STATUS"), "PUMPING") << "a host that stays in a handler";
     std::thread leaving([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         leave = true;
@@ -266,6 +269,7 @@ TEST_F(EngineTest, removingAHandlerWaitsForTheThreadThatIsInIt) {
     delete own.removeHandler("Tessaly", kAny);
     EXPECT_TRUE(left);
     pumping.join();
+    EXPECT_EQ(thread->getValueForKey("STATUS"), "IDLE");
     leaving.join();
 }
 
