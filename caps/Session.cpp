@@ -53,7 +53,7 @@ struct Database::State {
         uint32_t readBelow = 0;
         bool replaced = false;
 
-        Status tell(Store& store, Store* below, uint32_t& out);
+        Status tell(Store& own, Store* lower, uint32_t& out);
     } modTimes[2] = {{&Store::productModTime}, {&Store::domainModTime}};
     std::unique_ptr<Store> store;
     // The system's below a user's own; null for none, and for one that cannot be read: what is the
@@ -240,12 +240,12 @@ Status Database::products(bool refresh, std::shared_ptr<const ProductSnapshot>& 
     });
 }
 
-Status Database::State::ModTime::tell(Store& store, Store* below, uint32_t& out) {
+Status Database::State::ModTime::tell(Store& own, Store* lower, uint32_t& out) {
     uint32_t time = 0;
     uint32_t timeBelow = 0;
-    Status status = (store.*readFrom)(time);
-    if (status == Status::ok && below != nullptr) {
-        status = (below->*readFrom)(timeBelow);
+    Status status = (own.*readFrom)(time);
+    if (status == Status::ok && lower != nullptr) {
+        status = (lower->*readFrom)(timeBelow);
     }
     if (status != Status::ok) {
         return status;
