@@ -16,7 +16,7 @@ using ScObjects::InterAppStream;
 using ScObjects::SoString;
 using Clock = std::chrono::steady_clock;
 
-constexpr const char* kTarget = "target-1.0";
+constexpr const char* kReader = "target-1.0";
 
 long residentKilobytes() {
     std::ifstream status("/proc/self/status");
@@ -59,13 +59,13 @@ TEST_F(HeavyTextsTest, aNeighboursFillIsBoundedAndKeepsNobodyOut) {
     std::vector<std::string> texts(10, headers);
     texts.push_back(many);
     const size_t count = 10 + many.size() / small.size();
-    Child hog([&] { sendTexts("hog-1.0", kTarget, texts); }); // before this process has threads
+    Child hog([&] { sendTexts("hog-1.0", kReader, texts); }); // before this process has threads
     Child other([&] {
         const InterAppStream go("go-1.0");
         (void)go.waitForMessage(120'000, false);
-        sendTexts("other-1.0", kTarget, {"Target:target-1.0\nSender:other-1.0\nType:x\n\n"});
+        sendTexts("other-1.0", kReader, {"Target:target-1.0\nSender:other-1.0\nType:x\n\n"});
     });
-    ASSERT_TRUE(Convey::InitTerm::init(kTarget, true));
+    ASSERT_TRUE(Convey::InitTerm::init(kReader, true));
     const long before = residentKilobytes();
     {
         size_t hogs = 0;
@@ -76,7 +76,7 @@ TEST_F(HeavyTextsTest, aNeighboursFillIsBoundedAndKeepsNobodyOut) {
                 return 0;
             },
             "");
-        Convey instance(kTarget, counter, true, nullptr);
+        Convey instance(kReader, counter, true, nullptr);
         auto& incoming = instance.data()->incoming();
         // Nobody pumps. So many fill the hog's share.
         const int64_t filling =
@@ -116,12 +116,12 @@ TEST_F(HeavyTextsTest, noTextKeepsAProcessFromAnsweringPings) {
         headers += std::to_string(i) + ":\n";
     }
     const std::tuple<const char*, std::string, const char*> cases[] = {
-        {"empty messages", repeated("Target:a\nSender:b\n\n", bytes), kTarget},
-        {"messages with many headers", repeated(headers + "\n", bytes), kTarget},
-        {"one message with lines without end", head + repeated("a:\n", bytes), kTarget},
-        {"one header", head + "a:" + std::string(bytes, 'a') + "\n\n", kTarget},
-        {"line feeds", head + "\n" + std::string(bytes, '\n'), kTarget},
-        {"NUL bytes", head + "\n" + std::string(bytes, '\0'), kTarget},
+        {"empty messages", repeated("Target:a\nSender:b\n\n", bytes), kReader},
+        {"messages with many headers", repeated(headers + "\n", bytes), kReader},
+        {"one message with lines without end", head + repeated("a:\n", bytes), kReader},
+        {"one header", head + "a:" + std::string(bytes, 'a') + "\n\n", kReader},
+        {"line feeds", head + "\n" + std::string(bytes, '\n'), kReader},
+        {"NUL bytes", head + "\n" + std::string(bytes, '\0'), kReader},
         {"pings", repeated("Target:a\nType:ping\n\n", bytes), "target-1.0#thread"},
     };
     Child hog([&] { // before this process has threads
@@ -135,12 +135,12 @@ TEST_F(HeavyTextsTest, noTextKeepsAProcessFromAnsweringPings) {
     ASSERT_TRUE(Convey::InitTerm::init("viewer-1.0", true));
     for (const auto& [what, text, to] : cases) {
         SCOPED_TRACE(what);
-        const auto target = host(kTarget, {"--quiet"}); // ended in the middle of the text
+        const auto target = host(kReader, {"--quiet"}); // ended in the middle of the text
         sendTexts("starter-1.0", "go-1.0", {"go"});
         double longest = 0; // that it was busy before it answered
         for (const auto start = Clock::now(); Clock::now() - start < std::chrono::seconds(1);) {
             const double before = millisecondsBehindMain(target->pid());
-            ASSERT_EQ(Convey::Thread::ping(kTarget, nullptr, 60, nullptr), "ECHO_RESPONSE");
+            ASSERT_EQ(Convey::Thread::ping(kReader, nullptr, 60, nullptr), "ECHO_RESPONSE");
             longest = std::max(longest, millisecondsBehindMain(target->pid()) - before);
         }
         EXPECT_LT(longest, 1500);
