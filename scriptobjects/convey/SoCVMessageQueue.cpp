@@ -401,6 +401,12 @@ MessageQueue::Load MessageQueue::loadOf(std::string_view target) const {
     return line == nullptr ? Load{} : line->load;
 }
 
+uint64_t MessageQueue::numberOfLine(std::string_view target) const {
+    const ObjectLock guard(*this);
+    const Line* const line = findLineLocked(target);
+    return line == nullptr ? 0 : line->number;
+}
+
 MessageQueue::Load MessageQueue::answers() const {
     const ObjectLock guard(*this);
     return answers_;

@@ -141,6 +141,9 @@ public:
         int64_t bytes = 0; // of bodies
     };
     Load loadOf(std::string_view target) const;
+    // Which line that is: a number that is another one once the last of its messages had gone and
+    // another came; 0 while nothing waits.
+    uint64_t numberOfLine(std::string_view target) const;
     // All that were appended as answers.
     Load answers() const;
     // Deletes the answers for a target that is gone; how many there were.
@@ -199,6 +202,7 @@ private:
     // The messages of one target.
     struct Line {
         Chain<ofTarget> entries;
+        uint64_t number = 0; // the position of the message that it was made for
         Load load;
         mutable Entry* visited = nullptr; // the last one: who goes on from there need not look
     };

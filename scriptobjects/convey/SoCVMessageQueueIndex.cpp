@@ -7,13 +7,8 @@
 #include "scriptobjects/convey/SoCVWords.h"
 
 namespace ScObjects::ConveyData {
-namespace {
 
-using Message = Convey::Message;
-
-} // namespace
-
-bool isWatcher(const Message& message) {
+bool isWatcher(const Convey::Message& message) {
     return message.getType() == CV_TYPE_WATCHER;
 }
 
@@ -38,7 +33,7 @@ void MessageQueue::Chain<order>::remove(Entry& entry) {
     link = {};
 }
 
-int64_t MessageQueue::deadlineOf(const Message& message) {
+int64_t MessageQueue::deadlineOf(const Convey::Message& message) {
     // Read as a signed number: peers write one below 0 for a message that is to live for ever.
     const auto timeout = static_cast<int32_t>(message.getTimeout());
     if (timeout == 0) {
@@ -126,7 +121,7 @@ MessageQueue::Line& MessageQueue::lineLocked(std::string_view target) {
 
 // The queue's from the end of the call on: what needs memory comes first.
 void MessageQueue::insertLocked(Taken& added) {
-    const Message& message = *added.message;
+    const Convey::Message& message = *added.message;
     Entry& entry = pool_.take();
     try {
         if (numbersKnown_) {
@@ -139,6 +134,9 @@ void MessageQueue::insertLocked(Taken& added) {
         throw;
     }
     entry.position = added.position;
+    if (entry.line->number == 0) {
+        entry.line->number = added.position;
+    }
     entry.since = 0;
     entry.isAnswer = added.isAnswer;
     entry.isWatcher = isWatcher(message);
@@ -189,10 +187,10 @@ void MessageQueue::unlinkLocked(Entry& entry) {
     }
 }
 
-std::unique_ptr<Message> MessageQueue::removeLocked(Entry& entry) {
+std::unique_ptr<Convey::Message> MessageQueue::removeLocked(Entry& entry) {
     unlinkLocked(entry);
     // Its names and number are what the indexes are left by below.
-    std::unique_ptr<Message> message = std::move(entry.message);
+    std::unique_ptr<Convey::Message> message = std::move(entry.message);
     const int32_t bytes = message->getBody().length();
     bodyBytes_ -= bytes;
     for (Load* load : {&entry.line->load, entry.isAnswer ? &answers_ : nullptr}) {
@@ -223,7 +221,7 @@ std::unique_ptr<Message> MessageQueue::removeLocked(Entry& entry) {
     return message;
 }
 
-void MessageQueue::retireLocked(Entry& entry, std::unique_ptr<Message>& place) {
+void MessageQueue::retireLocked(Entry& entry, std::unique_ptr<Convey::Message>& place) {
     if (!entry.isWatcher) {
         dropped_.fetch_add(1, std::memory_order_relaxed);
     }

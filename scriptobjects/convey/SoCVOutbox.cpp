@@ -61,7 +61,7 @@ public:
     Turn(Outbox& outbox, std::string target, Carrier carrier, Left& left)
         : outbox_(outbox), target_(std::move(target)) {
         const std::lock_guard<std::mutex> guard(outbox_.mutex_);
-        // Made where there is none: it is forgotten again as one that is empty.
+        // Made where there is none: it is forgotten again at the end of the pass.
         Line& line = outbox_.lineOf(target_).first;
         if (outbox_.isDue(line, carrier, platform::monotonicNow(), left)) {
             take(line);
@@ -231,11 +231,17 @@ void Outbox::noteKept(const std::string& target, bool large) {
     }
 }
 
-// The line, and whether it was made now. Under the mutex.
+// The line, and whether it is new. Under the mutex.
 std::pair<Outbox::Line&, bool> Outbox::lineOf(const std::string& target) {
-    const auto [line, isNew] = lines_.try_emplace(target);
-    hasLines_.store(true);
-    return {line->second, isNew};
+    const uint64_t number = queue_.numberOfLine(target);
+    const auto [found, isNew] = lines_.try_emplace(target);
+    Line& line = found->second;
+    const bool begins = isNew || (line.number != number && !line.busy);
+    if (begins) {
+        line = {};
+        line.number = number;
+    }
+    return {line, begins};
 }
 
 bool Outbox::isDue(const Line& line, Carrier carrier, int64_t now, Left& left) const {
@@ -256,7 +262,7 @@ bool Outbox::isDue(const Line& line, Carrier carrier, int64_t now, Left& left) c
     return true;
 }
 
-// Lines whose messages went by other ways: expired, taken back.
+// What is kept of lines whose last message has gone.
 void Outbox::forgetEmptyLines() {
     // The lock of the lines first, then the queue's, which its load is asked with: never the other
     // way round.
@@ -264,7 +270,6 @@ void Outbox::forgetEmptyLines() {
     std::erase_if(lines_, [this](const auto& line) {
         return !line.second.busy && queue_.loadOf(line.first).messages == 0;
     });
-    hasLines_.store(!lines_.empty());
 }
 
 Outbox::Left Outbox::pass(const InterAppStream* stream, Carrier carrier) {
@@ -273,7 +278,6 @@ Outbox::Left Outbox::pass(const InterAppStream* stream, Carrier carrier) {
     // A list of its own: other threads queue and send meanwhile, and no lock is held while a stream
     // is asked.
     const std::vector<std::string> targets = queue_.targets();
-    forgetEmptyLines();
     // The courier's passes have no end of their own, since nobody waits for them.
     const int64_t end =
         carrier == Carrier::round ? platform::monotonicNow() + kPassMilliseconds : INT64_MAX;
@@ -295,6 +299,7 @@ Outbox::Left Outbox::pass(const InterAppStream* stream, Carrier carrier) {
             first_ = first + i + 1;
         }
     }
+    forgetEmptyLines();
     return left;
 }
 
@@ -407,7 +412,8 @@ void Outbox::appendDiagnostics(CVDiagnosticsRows& rows) const {
         const std::lock_guard<std::mutex> guard(mutex_);
         for (const auto& [name, line] : lines_) {
             const MessageQueue::Load load = queue_.loadOf(name);
-            if (line.failingSince != 0 && load.messages != 0) {
+            if (line.failingSince != 0 && load.messages != 0 &&
+                line.number == queue_.numberOfLine(name)) {
                 failing.push_back(
                     {name, platform::monotonicNow() - line.failingSince, line.absent, load});
             }

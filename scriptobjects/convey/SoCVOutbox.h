@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -95,7 +94,7 @@ public:
     Left pass(const InterAppStream* stream, Carrier carrier);
 
     // Whether a pass has something to do.
-    bool hasWork() const { return !queue_.isEmpty() || hasLines_.load(); }
+    bool hasWork() const { return !queue_.isEmpty(); }
 
     // The steady millisecond by which a pass is needed when nothing else happens than that names
     // appear: what waits has to be kept alive before its time is over. INT64_MAX for none.
@@ -114,6 +113,9 @@ public:
 private:
     // The state of a line that has messages, or had some a moment ago.
     struct Line {
+        // That of the queue's line: what is below does not hold for another one. Messages also go
+        // while nobody sends from here, taken back or because their time is over.
+        uint64_t number = 0;
         bool busy = false;  // a thread sends from it: what is below is that thread's
         bool large = false; // its first text is the courier's
         int64_t pause = 0;  // milliseconds between attempts, doubled each time
@@ -148,8 +150,7 @@ private:
     mutable std::mutex mutex_;      // guards the lines; never held while anything else is called
     std::condition_variable given_; // a turn was given back
     std::unordered_map<std::string, Line> lines_;
-    std::atomic<bool> hasLines_{false}; // the same, for passes with nothing to do
-    size_t first_ = 0;                  // the line that a pass begins with: each has its turn
+    size_t first_ = 0; // the line that a pass begins with: each has its turn
 };
 
 } // namespace ConveyData

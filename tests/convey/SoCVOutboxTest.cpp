@@ -165,6 +165,18 @@ TEST_F(OutboxTest, aTargetThatHasJustFailedIsLeftAlone) {
         (void)outbox.pass(&sender, Outbox::Carrier::round);
     }
     EXPECT_LT(kMany - ports.failures, 50) << "it is asked again after pauses that grow";
+    for (uint32_t number = 1; number <= 3; ++number) {
+        outbox.messages().dropNumber(number); // taken back
+    }
+    for (size_t i = 0; i < 3; ++i) {
+        auto message = make("full-1.0", i);
+        EXPECT_TRUE(outbox.queue(message));
+    }
+    EXPECT_EQ(rows(), "/x/blocked;0;Targets that take nothing;0;\n");
+    ports.failures = kMany;
+    const Outbox::Left left = outbox.pass(&sender, Outbox::Carrier::round);
+    EXPECT_EQ(left.retryMilliseconds, 1) << "what waits anew begins with the shortest pause";
+    EXPECT_EQ(ports.failures, kMany - 1);
     ports.failures = 0;
     std::vector<size_t> numbers;
     for (size_t i = 0; i < 3; ++i) {
