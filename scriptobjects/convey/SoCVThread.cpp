@@ -106,8 +106,7 @@ std::shared_ptr<InterAppStream> ConveyThread::stream() const {
 
 bool ConveyThread::isIdle() const {
     const ObjectLock guard(*this);
-    const PingData* const status = findLocked(CV_STATUS);
-    if (status == nullptr || !(status->value == CV_IDLE)) {
+    if (!(valueLocked(CV_STATUS, findLocked(CV_STATUS)) == CV_IDLE)) {
         return false;
     }
     // Before the second regular round there is no interval to compare with, and the status alone
@@ -207,7 +206,7 @@ int64_t ConveyThread::nextLook() const {
     int64_t next = INT64_MAX;
     {
         const ObjectLock guard(*this);
-        for (const PingData& data : tableLocked()) {
+        for (const PingData& data : table_) {
             if (data.expiry != 0) {
                 next = std::min(next, int64_t{data.expiry} * 1000);
             }
@@ -343,13 +342,13 @@ ConveyThread::Left ConveyThread::serveInstances(bool regular) {
         regularlyDue_.clear(); // of what was in both
     }
     bool waiting = false;
-    visit(due, [&](ConveyData::PrivateData& instance, uint64_t number) {
+    for (uint64_t number = 0; const auto instance = pinNext(due, number);) {
         if (stop_.load()) {
-            return;
+            break;
         }
-        left.join(serve(instance, number, regular));
-        waiting = waiting || instance.outgoingPending();
-    });
+        left.join(serve(*instance, number, regular));
+        waiting = waiting || instance->outgoingPending();
+    }
     if (wait_ != nullptr) {
         wait_->watchNames(waiting);
     }
@@ -387,27 +386,23 @@ ConveyThread::Left ConveyThread::serve(ConveyData::PrivateData& instance, uint64
     return left;
 }
 
-// By a share of each: hosts make and delete instances meanwhile.
-void ConveyThread::visit(
-    const ConveyData::TakenInstances& due,
-    const std::function<void(ConveyData::PrivateData& instance, uint64_t number)>& visitor) const {
+// The one of them behind `number`, which moves on; null at the end. A share of it, since hosts make
+// and delete instances meanwhile.
+std::shared_ptr<ConveyData::PrivateData>
+ConveyThread::pinNext(const ConveyData::TakenInstances& due, uint64_t& number) const {
     // Null once the layer was ended from a handler of this thread: it then goes on to the end of
     // its loop without one.
     const ConveyContext* const context = context_.load();
-    if (context == nullptr) {
-        return;
+    if (context == nullptr || due.all) {
+        return context == nullptr ? nullptr : context->pinNext(number);
     }
-    if (due.all) {
-        for (uint64_t number = 0; const auto instance = context->pinNext(number);) {
-            visitor(*instance, number);
-        }
-        return;
-    }
-    for (const uint64_t number : due.numbers) {
-        if (const auto instance = context->pin(number)) { // else it has gone
-            visitor(*instance, number);
+    for (auto next = due.numbers.upper_bound(number); next != due.numbers.end(); ++next) {
+        number = *next;
+        if (auto instance = context->pin(number)) { // else it has gone
+            return instance;
         }
     }
+    return nullptr;
 }
 
 void ConveyThread::wakeCourier(uint64_t instance) {
@@ -431,15 +426,15 @@ int64_t ConveyThread::carry() {
     Outbox::Left left = outbox_->pass(stream().get(), Outbox::Carrier::courier);
     const ConveyData::TakenInstances due = dueToCarry_->take();
     // One courier for all instances: they wait for each other's large texts, and nobody for them.
-    visit(due, [&](ConveyData::PrivateData& instance, uint64_t number) {
+    for (uint64_t number = 0; const auto instance = pinNext(due, number);) {
         if (stop_.load()) {
-            return;
+            break;
         }
-        left.join(instance.carryOutgoing());
-        if (instance.outgoingPending()) {
+        left.join(instance->carryOutgoing());
+        if (instance->outgoingPending()) {
             dueToCarry_->add(number);
         }
-    });
+    }
     return left.retryMilliseconds;
 }
 
@@ -535,11 +530,11 @@ void ConveyThread::appendDiagnostics(SoString& out, const SoString& path) const 
     rows.leaf("/outofmemory", "Given up for want of memory",
               failedRounds_.load() + pings_->dropped());
     rows.leaf("/lastpump", "Last pump", last > 0 ? time - last : 0.0, "ms ago");
-    rows.node("/ping", "Ping", static_cast<uint32_t>(tableLocked().size()));
+    rows.node("/ping", "Ping", static_cast<uint32_t>(table_.size()));
     root << "/ping";
     CVDiagnosticsRows entries(out, root);
-    for (const PingData& data : tableLocked()) {
-        appendEntry(entries, data);
+    for (const PingData& data : table_) {
+        appendEntry(entries, data, valueLocked(data.key, &data));
     }
 }
 

@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <set>
 #include <thread>
@@ -100,7 +99,7 @@ public:
     bool setKeyValuePair(const SoString& key, const SoString& value);
     SoString getValueForKey(const SoString& key) const;
     // What the host does now (a text that stays), the value of CV_STATUS from then on: as each pump
-    // says it twice, it is put into the table when somebody looks.
+    // says it twice, it is kept beside the table until that changes.
     void noteStatus(const char* status) { status_.store(status); }
     // The place of the key in the table, -1 for none. Good until the table changes.
     int32_t locateKey(const SoString& key) const;
@@ -173,11 +172,13 @@ protected:
 
 private:
     std::shared_ptr<Convey::MsgHandler> handlerFor(const SoString& key) const;
-    std::vector<PingData>& tableLocked() const SO_REQUIRES(this);
-    PingData* findLocked(const SoString& key) const SO_REQUIRES(this);
-    PingData* findOrAddLocked(const SoString& key) const SO_REQUIRES(this);
-    bool setLocked(const SoString& key, const SoString& value) const SO_REQUIRES(this);
-    static void appendEntry(CVDiagnosticsRows& rows, const PingData& data);
+    const PingData* findLocked(const SoString& key) const SO_REQUIRES(this);
+    SoString valueLocked(const SoString& key, const PingData* data) const SO_REQUIRES(this);
+    void settleStatusLocked() SO_REQUIRES(this);
+    PingData* findToChangeLocked(const SoString& key) SO_REQUIRES(this);
+    PingData* findOrAddLocked(const SoString& key) SO_REQUIRES(this);
+    bool setLocked(const SoString& key, const SoString& value) SO_REQUIRES(this);
+    static void appendEntry(CVDiagnosticsRows& rows, const PingData& data, const SoString& value);
     bool openStream();
     std::shared_ptr<InterAppStream> stream() const;
     // One round: answers pings, receives and sends for the instances.
@@ -188,8 +189,8 @@ private:
     void answerPing(Convey::Message& message);
     Left serveInstances(bool regular);
     Left serve(ConveyData::PrivateData& instance, uint64_t number, bool regular);
-    void visit(const ConveyData::TakenInstances& due,
-               const std::function<void(ConveyData::PrivateData&, uint64_t)>& visitor) const;
+    std::shared_ptr<ConveyData::PrivateData> pinNext(const ConveyData::TakenInstances& due,
+                                                     uint64_t& number) const;
     int64_t carry();
     bool pause(int64_t milliseconds);
     bool isHostAttentive() const;
@@ -212,8 +213,8 @@ private:
     const double startTime_;
     std::shared_ptr<InterAppStream> stream_ SO_GUARDED_BY(this);
     SoString specifier_ SO_GUARDED_BY(this);
-    mutable std::vector<PingData> table_ SO_GUARDED_BY(this); // by `tableLocked`
-    mutable std::atomic<const char*> status_{nullptr};        // null: it is in the table
+    std::vector<PingData> table_ SO_GUARDED_BY(this);
+    std::atomic<const char*> status_{nullptr}; // null: it is in the table
     ConveyData::ThreadRounds rounds_ SO_GUARDED_BY(this);
     std::atomic<int64_t> restsUntil_{kAwake};                    // in steady milliseconds
     std::atomic<int64_t> pumpedAt_{kNever};                      // the same: something was handled

@@ -75,11 +75,11 @@ void ConveyThread::leaveArrivals(bool on) {
         }
         return;
     }
-    ConveyData::TakenInstances left = left_->take();
-    visit(left, [this](ConveyData::PrivateData& instance, uint64_t number) {
-        (void)instance.leaveArrivals(*wait_, false);
+    const ConveyData::TakenInstances left = left_->take();
+    for (uint64_t number = 0; const auto instance = pinNext(left, number);) {
+        (void)instance->leaveArrivals(*wait_, false);
         due_->add(number); // the host may not have read all
-    });
+    }
 }
 
 } // namespace ScObjects

@@ -26,24 +26,36 @@ uint32_t getSteadySeconds() {
 
 } // namespace
 
-// As it is now, with what the host has said since somebody looked.
-std::vector<ConveyThread::PingData>& ConveyThread::tableLocked() const {
+// Looked through in its order: `locateKey` gives out places in it, and it is short.
+const ConveyThread::PingData* ConveyThread::findLocked(const SoString& key) const {
+    const auto found = std::find_if(table_.begin(), table_.end(),
+                                    [&key](const PingData& data) { return data.key == key; });
+    return found == table_.end() ? nullptr : &*found;
+}
+
+// That of the key, whose entry in the table this is, if it has one.
+SoString ConveyThread::valueLocked(const SoString& key, const PingData* data) const {
+    if (const char* const status = status_.load(); status != nullptr && key == CV_STATUS) {
+        return status;
+    }
+    return data == nullptr ? SoString() : data->value;
+}
+
+// Before the table changes, so that what the host has said comes before that.
+void ConveyThread::settleStatusLocked() {
     if (const char* const status = status_.exchange(nullptr)) {
         (void)setLocked(CV_STATUS, status);
     }
-    return table_;
 }
 
-// Looked through in its order: `locateKey` gives out places in it, and it is short.
-ConveyThread::PingData* ConveyThread::findLocked(const SoString& key) const {
-    std::vector<PingData>& table = tableLocked();
-    const auto found = std::find_if(table.begin(), table.end(),
-                                    [&key](const PingData& data) { return data.key == key; });
-    return found == table.end() ? nullptr : &*found;
+ConveyThread::PingData* ConveyThread::findToChangeLocked(const SoString& key) {
+    settleStatusLocked();
+    const PingData* const data = findLocked(key);
+    return data == nullptr ? nullptr : &table_[static_cast<size_t>(data - table_.data())];
 }
 
-ConveyThread::PingData* ConveyThread::findOrAddLocked(const SoString& key) const {
-    if (PingData* data = findLocked(key)) {
+ConveyThread::PingData* ConveyThread::findOrAddLocked(const SoString& key) {
+    if (PingData* data = findToChangeLocked(key)) {
         return data;
     }
     // Any process of the user may set keys by a ping. A full table still takes new values for the
@@ -62,11 +74,11 @@ bool ConveyThread::setKeyValuePair(const SoString& key, const SoString& value) {
     return setLocked(key, value);
 }
 
-bool ConveyThread::setLocked(const SoString& key, const SoString& value) const {
+bool ConveyThread::setLocked(const SoString& key, const SoString& value) {
     if (key.length() > kMaximumTextBytes || value.length() > kMaximumTextBytes) {
         return false;
     }
-    PingData* data = findLocked(key);
+    PingData* data = findToChangeLocked(key);
     const int32_t before = data == nullptr ? -key.length() : data->value.length();
     // What takes no more room needs no look at all.
     if (value.length() > before) {
@@ -87,8 +99,7 @@ bool ConveyThread::setLocked(const SoString& key, const SoString& value) const {
 
 SoString ConveyThread::getValueForKey(const SoString& key) const {
     const ObjectLock guard(*this);
-    const PingData* const data = findLocked(key);
-    return data == nullptr ? SoString() : data->value;
+    return valueLocked(key, findLocked(key));
 }
 
 int32_t ConveyThread::locateKey(const SoString& key) const {
@@ -132,7 +143,7 @@ bool ConveyThread::callHandler(const SoString& key, Convey::Message& message,
 
 bool ConveyThread::setTimeout(const SoString& key, int32_t seconds) {
     const ObjectLock guard(*this);
-    PingData* const data = findLocked(key);
+    PingData* const data = findToChangeLocked(key);
     if (data != nullptr) {
         data->expiry = getSteadySeconds() + static_cast<uint32_t>(seconds);
         noteDue(int64_t{data->expiry} * 1000);
@@ -144,20 +155,21 @@ void ConveyThread::removeExpiredPingData() {
     const uint32_t seconds = getSteadySeconds();
     std::vector<PingData> expired; // deleted when the lock has been given up
     const ObjectLock guard(*this);
+    settleStatusLocked();
     // From the end, so that taking one out moves none that is still to be looked at.
-    std::vector<PingData>& table = tableLocked();
-    for (size_t i = table.size(); i-- > 0;) {
-        if (table[i].expiry != 0 && table[i].expiry <= seconds) {
-            expired.push_back(std::move(table[i]));
-            table.erase(table.begin() + static_cast<std::ptrdiff_t>(i));
+    for (size_t i = table_.size(); i-- > 0;) {
+        if (table_[i].expiry != 0 && table_[i].expiry <= seconds) {
+            expired.push_back(std::move(table_[i]));
+            table_.erase(table_.begin() + static_cast<std::ptrdiff_t>(i));
         }
     }
 }
 
 // Keys and values are what pings have set them to; the rows clean both.
-void ConveyThread::appendEntry(CVDiagnosticsRows& rows, const PingData& data) {
+void ConveyThread::appendEntry(CVDiagnosticsRows& rows, const PingData& data,
+                               const SoString& value) {
     const std::string name = "/" + std::string(data.key.view());
-    rows.node(name, data.key.view(), data.value);
+    rows.node(name, data.key.view(), value);
     if (data.expiry != 0) {
         const uint32_t seconds = getSteadySeconds();
         const uint32_t left = data.expiry > seconds ? data.expiry - seconds : 0;

@@ -270,6 +270,8 @@ TEST_F(EngineTest, removingAHandlerWaitsForTheThreadThatIsInIt) {
     EXPECT_TRUE(left);
     pumping.join();
     EXPECT_EQ(thread->getValueForKey("STATUS"), "IDLE");
+    EXPECT_TRUE(Convey::Thread::setPingValue("STATUS", "BUSY"));
+    EXPECT_EQ(thread->getValueForKey("STATUS"), "BUSY") << "said last";
     leaving.join();
 }
 
