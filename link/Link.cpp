@@ -60,7 +60,7 @@ Link::Peer* Link::knownPeer(const std::string& name) {
 Link::Peer& Link::peer(const std::string& name) {
     std::unique_ptr<Peer>& peer = peers_[name];
     if (peer == nullptr) {
-        peer = std::make_unique<Peer>(name, life_);
+        peer = std::make_unique<Peer>(name, configuration_.realm, life_);
     }
     return *peer;
 }

@@ -225,9 +225,9 @@ void Link::requestArrived(Peer& peer, Channel::Arrival& arrival) {
     }
     alias->usedAt = now;
     message.remove(kVouch);
-    message.set(kTarget, target);
-    message.set(kSender, alias->name);
-    message.set(kVouch, peer.name + "@" + configuration_.realm);
+    message.setTo(kTarget, target);
+    message.setTo(kSender, alias->name);
+    message.setTo(kVouch, peer.vouch);
     const int64_t deadline = setTime(message, arrival.head.remainingMilliseconds, now);
     const uint64_t number = ++lastTicket_;
     const int64_t until = deadline == INT64_MAX ? now + bounds::kAliasMilliseconds
@@ -250,9 +250,9 @@ void Link::replyArrived(Peer& peer, Channel::Arrival& arrival) {
         return;
     }
     message.remove(kVouch);
-    message.set(kTarget, asker);
-    message.set(kSender, arrival.head.source);
-    message.set(kVouch, peer.name + "@" + configuration_.realm);
+    message.setTo(kTarget, asker);
+    message.setTo(kSender, arrival.head.source);
+    message.setTo(kVouch, peer.vouch);
     const auto conversation = conversations_.find({asker, std::string(message.get(kSerial))});
     if (conversation != conversations_.end() &&
         isLastReply(message, conversation->second.asked.wanted)) {

@@ -45,9 +45,11 @@ struct Link::Alias {
 };
 
 struct Link::Peer {
-    Peer(std::string itsName, uint64_t ownLife) : name(std::move(itsName)), channel(ownLife) {}
+    Peer(const std::string& itsName, const std::string& realm, uint64_t ownLife)
+        : name(itsName), vouch(itsName + "@" + realm), channel(ownLife) {}
 
     const std::string name;
+    const std::string vouch; // for what came by it
     Channel channel;
     bool here = false;
     bool isUsed = false;      // by this link

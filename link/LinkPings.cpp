@@ -113,7 +113,7 @@ void Link::pingArrived(Peer& peer, const MessageHead& head, std::string_view tex
     question.set(kTarget, head.target);
     question.set(kSender, kPingPort);
     question.set(kSerial, std::to_string(number));
-    question.set(kVouch, peer.name + "@" + configuration_.realm);
+    question.setTo(kVouch, peer.vouch);
     const std::string port = BaseInterAppStream::kPortNamePrefix + head.target;
     // One that takes nothing is not waited for: then the asker's time runs out, as it should.
     if (around_.ports.send(port, question.write(), 0) == platform::SendResult::noReceiver) {
@@ -169,7 +169,7 @@ void Link::pongArrived(Peer& peer, const MessageHead& head, std::string_view tex
         answer = Text();
         answer.set(kEcho, ConveyThread::CV_ISNOTRUNNING);
     }
-    answer.set(kVouch, peer.name + "@" + configuration_.realm);
+    answer.setTo(kVouch, peer.vouch);
     answerPing(ping, answer);
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
+#include <utility>
 
 #include "link/Bounds.h"
 #include "platform/Processes.h"
@@ -26,6 +27,9 @@ constexpr size_t kLargeBytes = limits::of("port.packet");
 constexpr size_t kUsualLines = 16;
 // What a reader takes off in front of a user header's name.
 constexpr std::string_view kEscape = "@HDR>";
+// Of replies that are made here.
+constexpr std::string_view kErrorCode = "@HDR>Error-Code";
+static_assert(kErrorCode.substr(kEscape.size()) == ConveyData::CV_ERROR_CODE);
 
 bool isMade(std::string_view name) {
     return std::find(std::begin(kMade), std::end(kMade), name) != std::end(kMade);
@@ -49,6 +53,7 @@ bool Text::readHead(std::string_view& text, size_t& announced) {
     timestamp_ = -1;
     announced = 0;
     bool any = false;
+    const char* const end = text.end();
     while (!text.empty()) {
         const std::string_view line = lineEnd(text);
         if (line.empty()) {
@@ -63,7 +68,8 @@ bool Text::readHead(std::string_view& text, size_t& announced) {
         } else if (name == ConveyData::CV_TIMESTAMP) {
             timestamp_ = numberOf(value);
         } else if (!isMade(name) && lines_.size() < bounds::kLines) {
-            lines_.push_back({name, value});
+            const bool isWhole = name.size() != line.size() && line.end() != end;
+            lines_.push_back({name, value, {line.data(), isWhole ? line.size() + 1 : 0}});
         }
     }
     return any;
@@ -95,14 +101,14 @@ bool Text::has(std::string_view name) const {
                        [name](const Line& line) { return line.name == name; });
 }
 
-void Text::set(std::string_view name, std::string value) {
+void Text::setTo(std::string_view name, std::string_view value) {
     const auto first = std::find_if(lines_.begin(), lines_.end(),
                                     [name](const Line& line) { return line.name == name; });
     if (first == lines_.end()) {
-        lines_.push_back({keep(std::string(name)), keep(std::move(value))});
+        lines_.push_back({name, value, {}});
         return;
     }
-    first->value = keep(std::move(value));
+    *first = {name, value, {}};
     lines_.erase(std::remove_if(first + 1, lines_.end(),
                                 [name](const Line& line) { return line.name == name; }),
                  lines_.end());
@@ -120,29 +126,45 @@ void Text::setBody(std::string body) {
     body_ = ownBody_;
 }
 
-// The lines that travel, to the empty one.
-std::string Text::head() const {
-    std::string out;
-    out.reserve(512);
+// At least as many as the head has, with the lines that are made anew and a digest.
+size_t Text::headBytes() const {
+    size_t bytes = 256;
     for (const Line& line : lines_) {
-        out.append(line.name).append(":").append(line.value).append("\n");
+        bytes += line.name.size() + line.value.size() + 2;
     }
-    out.append(ConveyData::CV_CONTENT_LENGTH).append(":");
-    return out.append(std::to_string(body_.size())).append("\n\n");
+    return bytes;
+}
+
+// The lines that travel, to the empty one. As a rule most have come one behind the other.
+void Text::addHead(std::string& out) const {
+    std::string_view run;
+    for (const Line& line : lines_) {
+        if (!line.whole.empty() && line.whole.begin() == run.end()) {
+            run = {run.data(), run.size() + line.whole.size()};
+            continue;
+        }
+        out.append(std::exchange(run, line.whole));
+        if (line.whole.empty()) {
+            out.append(line.name).append(":").append(line.value).append("\n");
+        }
+    }
+    out.append(run).append(ConveyData::CV_CONTENT_LENGTH).append(":");
+    out.append(std::to_string(body_.size())).append("\n\n");
 }
 
 std::string Text::writePlain() const {
-    const std::string head = this->head();
     std::string out;
-    out.reserve(head.size() + body_.size()); // a large one is copied once
-    return out.append(head).append(body_);
+    out.reserve(headBytes() + body_.size()); // a large one is copied once
+    addHead(out);
+    return out.append(body_);
 }
 
 Travelling Text::writePlain(platform::PortText::Block block) const {
     if (block == nullptr) {
         return writePlain();
     }
-    Travelling out(head());
+    Travelling out{std::string()};
+    addHead(out.head);
     out.body = body_;
     out.block = std::move(block);
     return out;
@@ -161,31 +183,32 @@ void Travelling::append(std::string& out, size_t place, size_t count) const {
 }
 
 // With the lines that are made anew, but the digest.
-std::string Text::portHead() const {
-    std::string head;
-    head.append(ConveyData::CV_SENDER_ID).append(":localhost:mac");
-    head.append(std::to_string(platform::Processes::system().ownNumber())).append("\n");
-    head.append(ConveyData::CV_TIMESTAMP).append(": ");
-    head.append(std::to_string(ConveyUtils::getTimeSeconds())).append("\n");
-    return head.append(this->head());
+void Text::addPortHead(std::string& out) const {
+    out.append(ConveyData::CV_SENDER_ID).append(":localhost:mac");
+    out.append(std::to_string(platform::Processes::system().ownNumber())).append("\n");
+    out.append(ConveyData::CV_TIMESTAMP).append(": ");
+    out.append(std::to_string(ConveyUtils::getTimeSeconds())).append("\n");
+    addHead(out);
 }
 
 std::string Text::write() const {
-    const std::string head = portHead();
     std::string out;
-    out.reserve(64 + head.size() + body_.size());
+    out.reserve(headBytes() + body_.size());
+    addPortHead(out);
+    out.append(body_);
     if (Convey::Message::getCreateDigest()) {
-        const SoString digest = ConveyUtils::getMD5({head, body_});
-        out.append(ConveyData::CV_MD5).append(":").append(digest.view()).append("\n");
+        const SoString digest = ConveyUtils::getMD5({out});
+        out.insert(0, std::string(ConveyData::CV_MD5).append(":").append(digest.view()) + "\n");
     }
-    return out.append(head).append(body_);
+    return out;
 }
 
 PortMessage Text::write(std::string&& arrived) const {
     if (body_.size() <= kLargeBytes) {
         return write();
     }
-    PortMessage out(portHead());
+    PortMessage out{std::string()};
+    addPortHead(out.head);
     out.arrived = std::move(arrived);
     out.body = body_;
     if (Convey::Message::getCreateDigest()) {
@@ -286,7 +309,7 @@ std::vector<std::string> failure(const Asked& request, int32_t code, std::string
         }
         answer.set(kSerial, request.serial);
         if (isError) {
-            answer.set("@HDR>" + std::string(ConveyData::CV_ERROR_CODE), std::to_string(code));
+            answer.set(kErrorCode, std::to_string(code));
             answer.set(ConveyData::CV_ERROR, request.serial);
             // Said here, as here the port may be owned for an application that does not run there.
             if (text == ConveyData::CV_ERROR_NOT_LAUNCHED ||

@@ -57,8 +57,10 @@ public:
     // The last line of that name, as readers take it; empty without one.
     std::string_view get(std::string_view name) const;
     bool has(std::string_view name) const;
-    // One line of that name, in the place of all others of it.
-    void set(std::string_view name, std::string value);
+    // One line of that name, in the place of all others of it. The name is good as long as this.
+    void set(std::string_view name, std::string value) { setTo(name, keep(std::move(value))); }
+    // The same with a value that is not copied, and is good as long as this, too.
+    void setTo(std::string_view name, std::string_view value);
     void remove(std::string_view name);
     void setBody(std::string body);
     std::string_view body() const { return body_; }
@@ -77,18 +79,19 @@ public:
 
 private:
     bool readHead(std::string_view& text, size_t& announced);
-    std::string head() const;
-    std::string portHead() const;
+    size_t headBytes() const;
+    void addHead(std::string& out) const;
+    void addPortHead(std::string& out) const;
 
-    // Of the text that was read, or of `made_`.
     struct Line {
         std::string_view name;
         std::string_view value;
+        std::string_view whole; // with its end, as it was read; empty for one that was set
     };
     std::string_view keep(std::string piece) { return made_.emplace_back(std::move(piece)); }
 
     std::vector<Line> lines_;
-    std::list<std::string> made_; // pieces of lines that were set, each of which stays where it is
+    std::list<std::string> made_; // values that were set, each of which stays where it is
     std::string ownBody_;
     std::string_view body_;
     int64_t timestamp_ = -1;
