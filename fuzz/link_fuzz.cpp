@@ -28,7 +28,7 @@ void readText(std::string text) {
     if (!Text::read(rest, message)) {
         return;
     }
-    message.remove(kVouch);
+    message.remove({kVouch});
     message.set(kSender, "alias-1.0");
     message.set(kVouch, "desk@studio");
     // What goes on says who vouches, whatever stood there.

@@ -38,8 +38,9 @@ Link::Link(const Configuration& configuration, uint64_t life, const Surroundings
     around_.wait.watchNames(!configuration.offers.empty());
     around_.registrations.remove({}); // what one that was killed has left
     for (const Use& use : configuration.uses) {
-        peer(use.at).isUsed = true;
-        used_.emplace(use.app, std::make_unique<Used>(use));
+        Peer& at = peer(use.at);
+        at.isUsed = true;
+        used_.emplace(use.app, std::make_unique<Used>(use, at));
     }
 }
 
@@ -270,7 +271,7 @@ void Link::takeFrame(const std::string& from, std::string_view bytes) {
             ended(peer, message, outcome);
         }
         for (Channel::Arrival& arrival : arrivals.messages) {
-            arrived(peer, std::move(arrival));
+            arrived(peer, arrival, now);
         }
         for (const Channel::Launch& launch : arrivals.launches) {
             bool mayLaunch = false;
@@ -535,8 +536,10 @@ int64_t Link::regularly() {
     if (regularAt_ > now) {
         return due;
     }
-    const bool anyWaits =
-        !outgoing_.empty() || !owed_.empty() || !askedPings_.empty() || !conversations_.empty();
+    const bool anyWaits = !owed_.empty() || !askedPings_.empty() || !conversations_.empty() ||
+                          std::any_of(peers_.begin(), peers_.end(), [](const auto& entry) {
+                              return !entry.second->outgoing.empty();
+                          });
     // Just before the next greetings, which go with it.
     regularAt_ = now + (anyWaits ? 1000 : bounds::kHelloMilliseconds - kTogetherMilliseconds / 2);
     for (const auto& [name, peer] : peers_) {

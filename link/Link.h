@@ -8,6 +8,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "link/Channel.h"
@@ -135,9 +136,9 @@ private:
     void launchTaken(const Text& message);
     void launch(Used& used, std::string parameters);
     void pingAnswered(Text& message);
-    void arrived(Peer& peer, Channel::Arrival arrival);
-    void requestArrived(Peer& peer, Channel::Arrival& arrival);
-    void replyArrived(Peer& peer, Channel::Arrival& arrival);
+    void arrived(Peer& peer, Channel::Arrival& arrival, int64_t now);
+    void requestArrived(Peer& peer, Channel::Arrival& arrival, int64_t now);
+    void replyArrived(Peer& peer, Channel::Arrival& arrival, int64_t now);
     void pingArrived(Peer& peer, const MessageHead& head, std::string_view text, int64_t now);
     void pongArrived(Peer& peer, const MessageHead& head, std::string_view text);
     void answerPing(const AskedPing& ping, Text& answer);
@@ -150,8 +151,9 @@ private:
     void fail(const Asked& asked, int32_t code, std::string_view text);
     Alias* aliasFor(Peer& peer, const std::string& source);
     bool forgetQuietest();
+    void forgetAlias(Alias& alias);
     std::unique_ptr<platform::LocalPort> open(const std::string& name, bool forTravel = false);
-    bool isOwn(const std::string& name) const;
+    bool isOwn(std::string_view name) const;
     void forget(int64_t now);
 
     const Configuration& configuration_;
@@ -168,18 +170,15 @@ private:
     bool lookForNames_ = true;
     int64_t lookedAt_ = 0;
 
-    std::map<std::string, std::unique_ptr<Peer>> peers_;
-    std::map<std::string, std::unique_ptr<Used>> used_;                     // by specifier
-    std::map<std::string, std::unique_ptr<Alias>> aliases_;                 // by the name here
-    std::map<std::pair<std::string, std::string>, std::string> aliasNames_; // link and name there
+    std::map<std::string, std::unique_ptr<Peer>> peers_;                 // each stays to the end
+    std::map<std::string, std::unique_ptr<Used>, std::less<>> used_;     // by specifier
+    std::map<std::string, std::unique_ptr<Alias>, std::less<>> aliases_; // by the name here
     std::unique_ptr<Port> pingPort_;
     std::unique_ptr<Port> controlPort_;
 
-    std::map<std::pair<std::string, uint64_t>, Outgoing> outgoing_;             // link and message
     std::map<std::pair<std::string, std::string>, Conversation> conversations_; // asker and number
-    std::map<std::pair<std::string, std::string>, int64_t> contacts_; // who wrote to which link
-    std::map<std::pair<std::string, std::string>, Owed> owed_;        // alias and number
-    std::map<uint64_t, Ticket> tickets_;
+    std::map<std::pair<std::string, std::string>, Owed> owed_;                  // alias and number
+    std::unordered_map<uint64_t, Ticket> tickets_;
     std::map<uint64_t, AskedPing> askedPings_;     // of here, by the number that travels
     std::map<uint64_t, ForeignPing> foreignPings_; // of elsewhere, by the number used here
     std::map<std::string, std::shared_ptr<platform::TargetWatch>> watched_; // offered, and running

@@ -27,8 +27,8 @@ void Link::takeKept() {
     for (const Keeper::Ended& end : keeper_.step(around_.now())) {
         statusChanged_ = statusChanged_ || keeper_.waiting() == 0;
         Peer& to = peer(end.link);
-        const auto found = outgoing_.find({end.link, end.message});
-        if (end.result == Keeper::Result::kept && found != outgoing_.end()) {
+        const auto found = to.outgoing.find(end.message);
+        if (end.result == Keeper::Result::kept && found != to.outgoing.end()) {
             Outgoing& outgoing = found->second;
             const auto used = used_.find(outgoing.port);
             if (used != used_.end()) {
@@ -38,7 +38,7 @@ void Link::takeKept() {
             }
             outgoing.port.clear();
             if (!isEndWanted(outgoing.asked.wanted)) { // nobody here is told of its end
-                outgoing_.erase(found);
+                to.outgoing.erase(found);
                 to.channel.giveUp(end.message);
             }
             continue;
@@ -60,19 +60,22 @@ void Link::takeKept() {
 // Those of which nobody has told how they ended, such as those that still lie on a disk: their time
 // is over, and their link does not hand them over any more.
 void Link::forgetKept(int64_t now) {
-    std::vector<std::pair<std::string, uint64_t>> over;
-    for (const auto& [key, outgoing] : outgoing_) {
-        if (outgoing.until <= now && outgoing.port.empty()) {
-            over.push_back(key);
+    for (const auto& [name, known] : peers_) {
+        Peer& peer = *known;
+        std::set<uint64_t> over; // and told in their order
+        for (const auto& [message, outgoing] : peer.outgoing) {
+            if (outgoing.until <= now && outgoing.port.empty()) {
+                over.insert(message);
+            }
         }
-    }
-    for (const auto& [link, message] : over) {
-        const Outgoing& outgoing = outgoing_.at({link, message});
-        peer(link).channel.giveUp(message);
-        if (conversations_.count({outgoing.asked.asker, outgoing.asked.serial}) != 0) {
-            ended(peer(link), message, Outcome::expired);
-        } else {
-            outgoing_.erase({link, message}); // it has been answered
+        for (const uint64_t message : over) {
+            const Asked& asked = peer.outgoing.at(message).asked;
+            peer.channel.giveUp(message);
+            if (conversations_.count({asked.asker, asked.serial}) != 0) {
+                ended(peer, message, Outcome::expired);
+            } else {
+                peer.outgoing.erase(message); // it has been answered
+            }
         }
     }
 }
@@ -168,7 +171,7 @@ void Link::handOver(const std::string& from, KeptLine& line) {
         return;
     }
     line.state = KeptLine::State::handedOver;
-    requestArrived(peer(from), arrival);
+    requestArrived(peer(from), arrival, around_.now());
 }
 
 // A request from elsewhere has ended here: its sender is told, as soon as it is heard, and it need

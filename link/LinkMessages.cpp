@@ -43,10 +43,11 @@ std::unique_ptr<platform::LocalPort> Link::open(const std::string& name, bool fo
 }
 
 // Whether the link itself owns the name: what came by a link must not go on by one.
-bool Link::isOwn(const std::string& name) const {
-    const std::string app = name.substr(0, name.find('#'));
+bool Link::isOwn(std::string_view name) const {
+    constexpr std::string_view kPing = kPingPort;
+    const std::string_view app = name.substr(0, name.find('#'));
     return used_.count(app) != 0 || aliases_.count(name) != 0 ||
-           app == std::string(kPingPort).substr(0, std::string_view(kPingPort).find('#'));
+           app == kPing.substr(0, kPing.find('#'));
 }
 
 bool Link::takeFrom(Port& port, const Handler& handle) {
@@ -141,7 +142,7 @@ void Link::requestTaken(Used& used, Text& message, platform::PortText::Block& bl
     }
     const bool reply = isReply(message);
     if (message.has(kVouch) && !reply) {
-        around_.log("refused: " + asked.asker + " to " + asked.target + ": came by a link");
+        around_.log("refused: " + asked.asker + " to " + used.use.app + ": came by a link");
         fail(asked, ConveyData::CV_CODE_REJECTED, ConveyData::CV_ERROR_REJECTED);
         return;
     }
@@ -151,9 +152,7 @@ void Link::requestTaken(Used& used, Text& message, platform::PortText::Block& bl
         return;
     }
     const int64_t deadline = deadlineOf(message, now);
-    for (const std::string_view line : {kVouch, kSender, kTarget}) {
-        message.remove(line);
-    }
+    message.remove({kVouch, kSender, kTarget});
     MessageHead head;
     head.kind = reply ? MessageKind::reply : MessageKind::request;
     head.source = asked.asker;
@@ -165,17 +164,17 @@ void Link::requestTaken(Used& used, Text& message, platform::PortText::Block& bl
         fail(asked, ConveyData::CV_CODE_REJECTED, ConveyData::CV_ERROR_REJECTED);
         return;
     }
-    Peer& to = peer(used.use.at);
+    Peer& to = used.at;
     const uint64_t number = isKept ? keep(to, std::move(head), std::move(text.head), deadline)
                                    : to.channel.queue(std::move(head), std::move(text), deadline);
-    outgoing_[{to.name, number}] = {asked, !reply, used.use.app, bytes};
+    Outgoing& outgoing = to.outgoing[number] = {asked, !reply, used.use.app, bytes};
     used.requests.waitingBytes += bytes;
     ++used.requests.waitingMessages;
     // On a disk it may wait for longer than anything is remembered here.
     const int64_t wait = isKept ? std::min(deadline, now + bounds::kStreamMilliseconds) : now;
-    contacts_[{asked.asker, to.name}] = wait + bounds::kAliasMilliseconds;
+    to.contacts[asked.asker] = wait + bounds::kAliasMilliseconds;
     if (isKept) {
-        outgoing_[{to.name, number}].until = wait;
+        outgoing.until = wait;
     }
     if (!reply && isEndWanted(asked.wanted)) {
         // Kept a while behind its end, since its answer is on the way.
@@ -185,16 +184,16 @@ void Link::requestTaken(Used& used, Text& message, platform::PortText::Block& bl
     }
 }
 
-void Link::arrived(Peer& peer, Channel::Arrival arrival) {
+void Link::arrived(Peer& peer, Channel::Arrival& arrival, int64_t now) {
     switch (arrival.head.kind) {
     case MessageKind::request:
-        requestArrived(peer, arrival);
+        requestArrived(peer, arrival, now);
         break;
     case MessageKind::reply:
-        replyArrived(peer, arrival);
+        replyArrived(peer, arrival, now);
         break;
     case MessageKind::ping:
-        pingArrived(peer, arrival.head, arrival.text, around_.now());
+        pingArrived(peer, arrival.head, arrival.text, now);
         break;
     case MessageKind::pong:
         pongArrived(peer, arrival.head, arrival.text);
@@ -202,8 +201,7 @@ void Link::arrived(Peer& peer, Channel::Arrival arrival) {
     }
 }
 
-void Link::requestArrived(Peer& peer, Channel::Arrival& arrival) {
-    const int64_t now = around_.now();
+void Link::requestArrived(Peer& peer, Channel::Arrival& arrival, int64_t now) {
     const bool isKept = arrival.keptLife != 0;
     const uint64_t life = isKept ? arrival.keptLife : peer.channel.otherLife();
     const std::string& target = arrival.head.target;
@@ -224,7 +222,7 @@ void Link::requestArrived(Peer& peer, Channel::Arrival& arrival) {
         return;
     }
     alias->usedAt = now;
-    message.remove(kVouch);
+    message.remove({kVouch});
     message.setTo(kTarget, target);
     message.setTo(kSender, alias->name);
     message.setTo(kVouch, peer.vouch);
@@ -232,24 +230,24 @@ void Link::requestArrived(Peer& peer, Channel::Arrival& arrival) {
     const uint64_t number = ++lastTicket_;
     const int64_t until = deadline == INT64_MAX ? now + bounds::kAliasMilliseconds
                                                 : deadline + bounds::kPingMilliseconds;
-    tickets_[number] = {peer.name, life, arrival.message, true, askedBy(message), until, isKept};
+    tickets_.emplace(number,
+                     Ticket{peer, life, arrival.message, true, askedBy(message), until, isKept});
     deliveries_.post(target, message.write(std::move(arrival.text)), deadline, mayLaunch, number);
 }
 
-void Link::replyArrived(Peer& peer, Channel::Arrival& arrival) {
-    const int64_t now = around_.now();
+void Link::replyArrived(Peer& peer, Channel::Arrival& arrival, int64_t now) {
     normalise(arrival.text);
     std::string_view rest = arrival.text;
     Text message;
     const std::string& asker = arrival.head.target;
     const auto used = used_.find(arrival.head.source);
     if (!Text::read(rest, message) || !isReply(message) || used == used_.end() ||
-        used->second->use.at != peer.name || contacts_.count({asker, peer.name}) == 0) {
+        used->second->use.at != peer.name || peer.contacts.count(asker) == 0) {
         around_.log("refused: " + arrival.head.source + " at " + peer.name + " to " + asker);
         peer.channel.tell(arrival.message, Outcome::refused, now);
         return;
     }
-    message.remove(kVouch);
+    message.remove({kVouch});
     message.setTo(kTarget, asker);
     message.setTo(kSender, arrival.head.source);
     message.setTo(kVouch, peer.vouch);
@@ -260,7 +258,8 @@ void Link::replyArrived(Peer& peer, Channel::Arrival& arrival) {
     }
     const int64_t deadline = setTime(message, arrival.head.remainingMilliseconds, now);
     const uint64_t number = ++lastTicket_;
-    tickets_[number] = {peer.name, peer.channel.otherLife(), arrival.message, false, {}, 0, false};
+    tickets_.emplace(number,
+                     Ticket{peer, peer.channel.otherLife(), arrival.message, false, {}, 0, false});
     deliveries_.post(asker, message.write(std::move(arrival.text)), deadline, false, number);
 }
 
@@ -285,17 +284,21 @@ bool Link::forgetQuietest() {
     if (quietest == aliases_.end()) {
         return false;
     }
-    aliasNames_.erase({quietest->second->link, quietest->second->remote});
-    aliases_.erase(quietest);
+    forgetAlias(*quietest->second);
     return true;
+}
+
+void Link::forgetAlias(Alias& alias) {
+    alias.peer.aliases.erase(alias.remote);
+    aliases_.erase(aliases_.find(alias.name));
 }
 
 // The name under which a sender from elsewhere appears here: its own, or the next instance. One
 // that is registered here belongs to that application also while it does not run.
 Link::Alias* Link::aliasFor(Peer& peer, const std::string& source) {
-    const auto known = aliasNames_.find({peer.name, source});
-    if (known != aliasNames_.end()) {
-        return aliases_.at(known->second).get();
+    const auto known = peer.aliases.find(source);
+    if (known != peer.aliases.end()) {
+        return known->second;
     }
     if (aliases_.size() >= bounds::kAliases && !forgetQuietest()) {
         around_.log("refused: too many senders from elsewhere");
@@ -311,16 +314,12 @@ Link::Alias* Link::aliasFor(Peer& peer, const std::string& source) {
         if (!isPortName(text) || isOwn(text) || around_.registrations.isLocal(text)) {
             continue;
         }
-        auto alias = std::make_unique<Alias>();
-        alias->port.port = open(text, true);
-        if (alias->port.port == nullptr) {
-            continue;
+        Port port{open(text, true)};
+        if (port.port != nullptr) {
+            auto alias = std::make_unique<Alias>(Alias{text, peer, source, 0, std::move(port)});
+            peer.aliases[source] = alias.get();
+            return (aliases_[text] = std::move(alias)).get();
         }
-        alias->name = text;
-        alias->link = peer.name;
-        alias->remote = source;
-        aliasNames_[{peer.name, source}] = text;
-        return (aliases_[text] = std::move(alias)).get();
     }
     around_.log("refused: no name is free here for " + source + " at " + peer.name);
     return nullptr;
@@ -334,28 +333,25 @@ void Link::replyTaken(Alias& alias, Text& message, platform::PortText::Block& bl
     }
     alias.usedAt = now;
     if (!isReply(message)) {
-        around_.log("refused: " + asked.asker + " to " + alias.remote + " at " + alias.link +
+        around_.log("refused: " + asked.asker + " to " + alias.remote + " at " + alias.peer.name +
                     ": answers only; to be asked it must be used");
         fail(asked, ConveyData::CV_CODE_REJECTED, ConveyData::CV_ERROR_REJECTED);
         return;
     }
-    const auto owed = owed_.find({alias.name, asked.serial});
+    const auto owed = owed_.find({alias.name, std::string(message.get(kSerial))});
     if (owed != owed_.end() && isLastReply(message, owed->second.asked.wanted)) {
         owed_.erase(owed);
     }
     const int64_t deadline = deadlineOf(message, now);
-    for (const std::string_view line : {kVouch, kSender, kTarget}) {
-        message.remove(line);
-    }
+    message.remove({kVouch, kSender, kTarget});
     MessageHead head;
     head.kind = MessageKind::reply;
     head.source = asked.asker;
     head.target = alias.remote;
     Travelling text = message.writePlain(std::move(block));
     const size_t bytes = text.size();
-    Peer& to = peer(alias.link);
-    const uint64_t number = to.channel.queue(std::move(head), std::move(text), deadline);
-    outgoing_[{to.name, number}] = {{}, false, alias.name, bytes};
+    const uint64_t number = alias.peer.channel.queue(std::move(head), std::move(text), deadline);
+    alias.peer.outgoing[number] = {{}, false, alias.name, bytes};
     alias.port.waitingBytes += bytes;
     ++alias.port.waitingMessages;
 }
@@ -381,17 +377,16 @@ void Link::launch(Used& used, std::string parameters) {
         parameters.erase(0, std::min(own.size() + 1, parameters.size()));
     }
     around_.log(used.use.app + " is launched at " + used.use.at);
-    peer(used.use.at).channel.queueLaunch(used.use.app, parameters);
+    used.at.channel.queueLaunch(used.use.app, parameters);
 }
 
 // How a message from here ended at the other link.
 void Link::ended(Peer& peer, uint64_t message, Outcome outcome) {
-    const auto found = outgoing_.find({peer.name, message});
-    if (found == outgoing_.end()) {
+    const auto taken = peer.outgoing.extract(message);
+    if (taken.empty()) {
         return; // a ping or its answer
     }
-    const Outgoing outgoing = std::move(found->second);
-    outgoing_.erase(found);
+    const Outgoing& outgoing = taken.mapped();
     const auto used = used_.find(outgoing.port);
     const auto alias = aliases_.find(outgoing.port);
     if (Port* const port = used != used_.end()       ? &used->second->requests
@@ -403,10 +398,12 @@ void Link::ended(Peer& peer, uint64_t message, Outcome outcome) {
     if (!outgoing.isRequest) {
         // The asker has gone: nobody here need write to it any more.
         if (outcome == Outcome::notRunning && alias != aliases_.end()) {
-            aliasNames_.erase({alias->second->link, alias->second->remote});
-            aliases_.erase(alias);
+            forgetAlias(*alias->second);
         }
         return;
+    }
+    if (outgoing.asked.wanted.empty()) {
+        return; // nobody is told
     }
     const auto conversation = conversations_.find({outgoing.asked.asker, outgoing.asked.serial});
     const bool isOpen =
@@ -461,17 +458,15 @@ void Link::lifeEnded(Peer& peer, const std::vector<uint64_t>& lost) {
 
 void Link::takeDelivered() {
     for (Deliveries::Ended& end : deliveries_.take()) {
-        const auto found = tickets_.find(end.ticket);
-        if (found == tickets_.end()) {
+        const auto taken = tickets_.extract(end.ticket);
+        if (taken.empty()) {
             continue;
         }
-        const Ticket ticket = std::move(found->second);
-        tickets_.erase(found);
-        Peer* const from = knownPeer(ticket.link);
-        if (from == nullptr || (!ticket.isKept && from->channel.otherLife() != ticket.life)) {
+        const Ticket& ticket = taken.mapped();
+        if (!ticket.isKept && ticket.peer.channel.otherLife() != ticket.life) {
             continue;
         }
-        finish(*from, ticket.life, ticket.message, ticket.isKept, end.outcome);
+        finish(ticket.peer, ticket.life, ticket.message, ticket.isKept, end.outcome);
         if (end.outcome == Outcome::delivered && ticket.isRequest &&
             isEndWanted(ticket.asked.wanted) && end.taker != nullptr &&
             owed_.size() < bounds::kPending) {
@@ -489,6 +484,7 @@ void Link::forget(int64_t now) {
         for (const uint64_t message : expired) {
             ended(*peer, message, Outcome::expired);
         }
+        std::erase_if(peer->contacts, [now](const auto& entry) { return entry.second <= now; });
     }
     forgetKept(now);
     const auto isOver = [now](const auto& entry) { return entry.second.until <= now; };
@@ -496,13 +492,12 @@ void Link::forget(int64_t now) {
     std::erase_if(owed_, isOver);
     std::erase_if(askedPings_, isOver);
     std::erase_if(foreignPings_, isOver);
-    std::erase_if(contacts_, [now](const auto& entry) { return entry.second <= now; });
     std::erase_if(aliases_, [&](const auto& entry) {
         const Alias& alias = *entry.second;
         if (alias.usedAt + bounds::kAliasMilliseconds > now) {
             return false;
         }
-        aliasNames_.erase({alias.link, alias.remote});
+        alias.peer.aliases.erase(alias.remote);
         return true;
     });
 }

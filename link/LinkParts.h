@@ -23,9 +23,10 @@ struct Link::Port {
 };
 
 struct Link::Used {
-    explicit Used(const Use& its) : use(its) {}
+    Used(const Use& its, Peer& usedAt) : use(its), at(usedAt) {}
 
     const Use& use;
+    Peer& at;
     AppState state = AppState::away;
     bool local = false; // registered here by somebody else
     bool registered = false;
@@ -37,11 +38,20 @@ struct Link::Used {
 };
 
 struct Link::Alias {
-    std::string name;   // here
-    std::string link;   // of whom
+    std::string name; // here
+    Peer& peer;
     std::string remote; // its name there
     int64_t usedAt = 0;
     Port port;
+};
+
+// A message that was given to a channel and of whose end nothing is known yet.
+struct Link::Outgoing {
+    Asked asked;
+    bool isRequest = false;
+    std::string port; // the used application or alias that it was taken from; empty for one on disk
+    size_t bytes = 0;
+    int64_t until = INT64_MAX; // of a kept one, of which nobody else says that its time is over
 };
 
 struct Link::Peer {
@@ -51,6 +61,10 @@ struct Link::Peer {
     const std::string name;
     const std::string vouch; // for what came by it
     Channel channel;
+    std::unordered_map<uint64_t, Outgoing> outgoing; // by message
+    std::map<std::string, int64_t, std::less<>>
+        contacts;                                       // who wrote to it, and until when it counts
+    std::map<std::string, Alias*, std::less<>> aliases; // by the name there
     bool here = false;
     bool isUsed = false;      // by this link
     bool absenceTold = false; // of one that was never there
@@ -63,15 +77,6 @@ struct Link::Peer {
     std::deque<std::tuple<uint64_t, uint64_t, Outcome>> untold;
     uint64_t framesSent = 0;
     uint64_t framesReceived = 0;
-};
-
-// A message that was given to a channel and of whose end nothing is known yet.
-struct Link::Outgoing {
-    Asked asked;
-    bool isRequest = false;
-    std::string port; // the used application or alias that it was taken from; empty for one on disk
-    size_t bytes = 0;
-    int64_t until = INT64_MAX; // of a kept one, of which nobody else says that its time is over
 };
 
 // A request of an application here that somebody elsewhere has, or will have.
@@ -93,7 +98,7 @@ struct Link::Owed {
 
 // A message from elsewhere that is being delivered.
 struct Link::Ticket {
-    std::string link;
+    Peer& peer;
     uint64_t life = 0; // of that link
     uint64_t message = 0;
     bool isRequest = false;

@@ -27,14 +27,14 @@ void Link::pingTaken(Used& used, Text& message) {
         return; // a look, or an answer
     }
     const int64_t now = around_.now();
-    Peer& to = peer(used.use.at);
+    Peer& to = used.at;
     if (askedPings_.size() >= bounds::kPings) {
         return; // its asker is told by its own time
     }
     const std::string_view echo = message.get(kEcho);
     const size_t mark = echo.find('=');
     if (isForwarding(echo) && mark != std::string_view::npos) {
-        contacts_[{std::string(echo.substr(mark + 1)), to.name}] = now + bounds::kAliasMilliseconds;
+        to.contacts[std::string(echo.substr(mark + 1))] = now + bounds::kAliasMilliseconds;
     }
     AskedPing ping{to.name,
                    std::string(asker),
@@ -42,9 +42,7 @@ void Link::pingTaken(Used& used, Text& message) {
                    std::string(message.get(kSerial)),
                    std::min(deadlineOf(message, now), now + bounds::kPingMilliseconds),
                    {}};
-    for (const std::string_view line : {kVouch, kSender, kTarget, kSerial}) {
-        message.remove(line);
-    }
+    message.remove({kVouch, kSender, kTarget, kSerial});
     const std::string text = message.writePlain();
     const uint64_t number = ++lastPing_;
     if (!sendPing(to, number, ping, text)) {
@@ -135,9 +133,7 @@ void Link::pingAnswered(Text& message) {
     foreignPings_.erase(found);
     Peer* const to = knownPeer(ping.link);
     if (to != nullptr) {
-        for (const std::string_view line : {kVouch, kSender, kTarget, kSerial, kPingNumber}) {
-            message.remove(line);
-        }
+        message.remove({kVouch, kSender, kTarget, kSerial, kPingNumber});
         sendPong(*to, ping, Outcome::delivered, message.writePlain());
     }
 }

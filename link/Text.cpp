@@ -114,10 +114,10 @@ void Text::setTo(std::string_view name, std::string_view value) {
                  lines_.end());
 }
 
-void Text::remove(std::string_view name) {
-    std::erase_if(lines_, [name](const Line& line) {
-        return line.name == name ||
-               (line.name.starts_with(kEscape) && line.name.substr(kEscape.size()) == name);
+void Text::remove(std::initializer_list<std::string_view> names) {
+    std::erase_if(lines_, [names](const Line& line) {
+        const size_t escape = line.name.starts_with(kEscape) ? kEscape.size() : 0;
+        return std::find(names.begin(), names.end(), line.name.substr(escape)) != names.end();
     });
 }
 
@@ -288,9 +288,13 @@ int64_t setTime(Text& message, int64_t remaining, int64_t now) {
 }
 
 Asked askedBy(const Text& request) {
-    return {std::string(request.get(kSender)), std::string(request.get(kTarget)),
-            std::string(request.get(kSerial)), std::string(request.get(kLife)),
-            std::string(request.get(kWanted))};
+    Asked asked{std::string(request.get(kSender)), {}, {}, {}, std::string(request.get(kWanted))};
+    if (!asked.wanted.empty()) {
+        asked.target = request.get(kTarget);
+        asked.serial = request.get(kSerial);
+        asked.life = request.get(kLife);
+    }
+    return asked;
 }
 
 std::vector<std::string> failure(const Asked& request, int32_t code, std::string_view text) {

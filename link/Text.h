@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <list>
 #include <memory>
 #include <string>
@@ -61,7 +62,7 @@ public:
     void set(std::string_view name, std::string value) { setTo(name, keep(std::move(value))); }
     // The same with a value that is not copied, and is good as long as this, too.
     void setTo(std::string_view name, std::string_view value);
-    void remove(std::string_view name);
+    void remove(std::initializer_list<std::string_view> names);
     void setBody(std::string body);
     std::string_view body() const { return body_; }
     // Seconds since 1970; -1 without one.
@@ -141,8 +142,9 @@ int64_t setTime(Text& message, int64_t remaining, int64_t now);
 // 0) "Timeout"; then "Processed" when that is wanted. Each is a text of its own; none when nothing
 // of it is wanted.
 struct Asked {
-    std::string asker;  // the name that the request has as sender
-    std::string target; // and as target
+    std::string asker; // the name that the request has as sender
+    // What follows is empty where no replies are wanted: nobody is told of such a request.
+    std::string target; // the name that it has as target
     std::string serial;
     std::string life;
     std::string wanted;

@@ -103,7 +103,7 @@ TEST(TextTest, leavesNoSecondLineThatAReaderWouldTake) {
     Text text;
     ASSERT_TRUE(Text::read(rest, text));
     EXPECT_EQ(text.get(kSender), "z") << "the last counts";
-    text.remove(kVouch);
+    text.remove({kVouch});
     text.set(kSender, "mine");
     text.set(kVouch, "desk@studio");
     const Convey::Message read = layerReads(text.write());
