@@ -69,26 +69,24 @@ bool Deliveries::handOver() {
     if (together_.empty()) {
         return false;
     }
-    const std::string target = std::move(togetherTarget_);
-    std::vector<Waiting> texts = std::exchange(together_, {});
+    const std::string target = std::exchange(togetherTarget_, {});
     std::string joined;
-    if (texts.size() > 1) {
+    if (together_.size() > 1) {
         joined.reserve(togetherBytes_);
-        for (const Waiting& one : texts) {
+        for (const Waiting& one : together_) {
             joined += one.text.head; // all of a small one
         }
     }
-    togetherTarget_.clear();
     togetherBytes_ = 0;
-    const bool isWatched =
-        std::any_of(texts.begin(), texts.end(), [](const Waiting& one) { return one.ticket != 0; });
+    const bool isWatched = std::any_of(together_.begin(), together_.end(),
+                                       [](const Waiting& one) { return one.ticket != 0; });
     std::shared_ptr<platform::TargetWatch> taker;
-    const SendResult result =
-        ports_.send(portName(target),
-                    joined.empty() ? texts.front().text.pieces() : platform::PortPieces{joined, {}},
-                    0, isWatched ? &taker : nullptr);
+    const SendResult result = ports_.send(portName(target),
+                                          joined.empty() ? together_.front().text.pieces()
+                                                         : platform::PortPieces{joined, {}},
+                                          0, isWatched ? &taker : nullptr);
     const std::lock_guard<std::mutex> guard(mutex_);
-    for (Waiting& one : texts) {
+    for (Waiting& one : together_) {
         if (result != SendResult::delivered &&
             (result != SendResult::noReceiver || one.mayLaunch)) {
             queueLocked(target, std::move(one));
@@ -99,6 +97,7 @@ bool Deliveries::handOver() {
                  taker});
         }
     }
+    together_.clear(); // its room is for the next
     return !ended_.empty();
 }
 

@@ -14,20 +14,32 @@ constexpr std::string_view kMark = "CVL2";
 // same in both.
 constexpr std::string_view kFormerMark = "CVL1";
 
+// In a frame of small ones, while many are sent.
+constexpr size_t kUsualTexts = 64;
+
 class Writer {
 public:
     Writer() = default;
     // Goes on behind what is there.
     explicit Writer(std::string&& begun) : out_(std::move(begun)) {}
 
+    // One behind the other.
+    template <class... Numbers>
+    Writer& numbers(Numbers... values) {
+        char bytes[(sizeof values + ...)];
+        char* at = bytes;
+        const auto put = [&at](auto value) {
+            for (size_t i = 0; i < sizeof value; ++i) {
+                *at++ = static_cast<char>(static_cast<uint64_t>(value) >> (8 * i));
+            }
+        };
+        (put(values), ...);
+        out_.append(bytes, sizeof bytes);
+        return *this;
+    }
     template <class Number>
     Writer& number(Number value) {
-        char bytes[sizeof value];
-        for (size_t i = 0; i < sizeof value; ++i) {
-            bytes[i] = static_cast<char>(static_cast<uint64_t>(value) >> (8 * i));
-        }
-        out_.append(bytes, sizeof value);
-        return *this;
+        return numbers(value);
     }
     Writer& text(std::string_view value) {
         number(static_cast<uint32_t>(value.size()));
@@ -38,8 +50,7 @@ public:
         return *this;
     }
     Writer& head(const MessageHead& head) {
-        number(static_cast<uint8_t>(head.kind)).number(static_cast<uint8_t>(head.pingOutcome));
-        number(head.remainingMilliseconds).number(head.pingNumber);
+        numbers(head.kind, head.pingOutcome, head.remainingMilliseconds, head.pingNumber);
         return text(head.source).text(head.target);
     }
     void reserve(size_t bytes) { out_.reserve(bytes); }
@@ -155,6 +166,7 @@ void readCargo(Reader& in, Frame& frame) {
         frame.parameters = in.text(bounds::kWholeBytes);
         break;
     case CargoKind::texts:
+        frame.texts.reserve(kUsualTexts);
         do {
             frame.texts.push_back(readText(in));
         } while (in.isGood() && !in.isDone());
