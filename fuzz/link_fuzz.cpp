@@ -47,8 +47,7 @@ void readText(std::string text) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string_view input(reinterpret_cast<const char*>(data), size);
     Channel channel(2);
-    std::vector<uint64_t> lost;
-    (void)channel.meet(1, lost);
+    channel.meet(1);
     (void)channel.queue({MessageKind::request, "a-1.0", "b-1.0", 0, 0, Outcome::delivered},
                         std::string("hello"), INT64_MAX);
     for (int64_t now = 0; input.size() >= 2; now += 100) {

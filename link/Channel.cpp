@@ -12,15 +12,18 @@ uint64_t Channel::queue(MessageHead head, Travelling text, int64_t deadline) {
         turns_.push_back(flow);
     }
     queuedBytes_ += text.size();
-    open_[++lastMessage_] = false;
-    flow->second.push_back({lastMessage_, std::move(head),
-                            std::make_shared<const Travelling>(std::move(text)), deadline});
+    flow->second.push_back({++lastMessage_, std::move(head), std::move(text), deadline});
     return lastMessage_;
 }
 
-uint64_t Channel::reserve() {
-    open_[++lastMessage_] = false;
-    return lastMessage_;
+std::set<uint64_t> Channel::waiting() const {
+    std::set<uint64_t> messages;
+    for (const auto& [flow, line] : flows_) {
+        for (const Queued& queued : line) {
+            messages.insert(queued.message);
+        }
+    }
+    return messages;
 }
 
 void Channel::queueLaunch(const std::string& app, const std::string& parameters) {
@@ -36,11 +39,10 @@ bool Channel::mayGo() const {
     return sentBytes_ < bounds::kWindowBytes;
 }
 
-bool Channel::meet(uint64_t otherLife, std::vector<uint64_t>& lost) {
+void Channel::meet(uint64_t otherLife) {
     if (otherLife == otherLife_) {
-        return false;
+        return;
     }
-    const bool isFirst = otherLife_ == 0;
     otherLife_ = otherLife;
     sent_.clear();
     sentBytes_ = 0;
@@ -62,15 +64,6 @@ bool Channel::meet(uint64_t otherLife, std::vector<uint64_t>& lost) {
             queued.sent = 0;
         }
     }
-    for (auto open = open_.begin(); !isFirst && open != open_.end();) {
-        if (open->second) {
-            lost.push_back(open->first);
-            open = open_.erase(open);
-        } else {
-            ++open;
-        }
-    }
-    return true;
 }
 
 void Channel::acknowledge(uint64_t upTo, int64_t now) {
@@ -136,16 +129,13 @@ void Channel::take(const Frame& frame, int64_t now, Arrivals& out) {
         takePart(frame.part, now, out);
         break;
     case CargoKind::outcomes:
-        for (const auto& ended : frame.outcomes) {
-            if (open_.erase(ended.first) == 1) {
-                out.outcomes.push_back(ended);
-            }
-        }
+        out.outcomes.insert(out.outcomes.end(), frame.outcomes.begin(), frame.outcomes.end());
         break;
     case CargoKind::launch:
         out.launches.push_back({frame.app, frame.parameters});
         break;
     case CargoKind::texts:
+        out.messages.reserve(frame.texts.size());
         for (const Part& text : frame.texts) {
             out.messages.push_back({text.message, *text.head, std::string(text.bytes)});
         }
@@ -214,8 +204,7 @@ Channel::Queued* Channel::upNext(int64_t now, std::vector<uint64_t>& expired) {
         std::deque<Queued>& line = turns_.front()->second;
         while (!line.empty() && line.front().sent == 0 && line.front().deadline <= now) {
             expired.push_back(line.front().message);
-            open_.erase(line.front().message);
-            queuedBytes_ -= line.front().text->size();
+            queuedBytes_ -= line.front().text().size();
             line.pop_front();
         }
         if (!line.empty()) {
@@ -237,8 +226,7 @@ void Channel::goesOn(size_t bytes) {
     Queued& queued = line.front();
     queued.sent += bytes;
     queuedBytes_ -= bytes;
-    if (queued.sent == queued.text->size()) {
-        open_[queued.message] = true;
+    if (queued.sent == queued.text().size()) {
         line.pop_front();
     }
     if (line.empty()) {
@@ -251,11 +239,11 @@ void Channel::goesOn(size_t bytes) {
 
 // The parts may have been smaller at the server before: what is begun goes on in parts.
 bool Channel::fitsWhole(const Queued& queued, size_t partBytes) {
-    return queued.sent == 0 && queued.text->size() <= std::min(partBytes, bounds::kSmallBytes);
+    return queued.sent == 0 && queued.text().size() <= std::min(partBytes, bounds::kSmallBytes);
 }
 
 std::string Channel::nextPart(int64_t now, size_t partBytes, std::vector<uint64_t>& expired) {
-    const Queued* const queued = upNext(now, expired);
+    Queued* const queued = upNext(now, expired);
     if (queued == nullptr) {
         return {};
     }
@@ -265,13 +253,16 @@ std::string Channel::nextPart(int64_t now, size_t partBytes, std::vector<uint64_
     Frame frame;
     frame.cargo = CargoKind::part;
     frame.part.message = queued->message;
-    frame.part.total = queued->text->size();
+    frame.part.total = queued->text().size();
     frame.part.offset = queued->sent;
     if (queued->sent == 0) {
         frame.part.head = queued->head;
     }
-    const size_t bytes = std::min(partBytes, queued->text->size() - queued->sent);
-    Sent sent{0, encodeCargo(frame), queued->text, queued->sent, bytes};
+    if (queued->inParts == nullptr) {
+        queued->inParts = std::make_shared<const Travelling>(std::move(queued->whole));
+    }
+    const size_t bytes = std::min(partBytes, queued->inParts->size() - queued->sent);
+    Sent sent{0, encodeCargo(frame), queued->inParts, queued->sent, bytes};
     goesOn(bytes);
     return number(std::move(sent), now);
 }
@@ -282,12 +273,12 @@ std::string Channel::nextTexts(int64_t now, size_t partBytes, std::vector<uint64
     for (const Queued* queued = upNext(now, expired);
          queued != nullptr && fitsWhole(*queued, partBytes) &&
          (cargo.empty() ||
-          cargo.size() + queued->text->size() <= std::min(partBytes, bounds::kTogetherBytes));
+          cargo.size() + queued->text().size() <= std::min(partBytes, bounds::kTogetherBytes));
          queued = upNext(now, expired)) {
         std::string joined;
-        std::string_view text = queued->text->head;
-        if (!queued->text->body.empty()) {
-            queued->text->append(joined, 0, queued->text->size());
+        std::string_view text = queued->text().head;
+        if (!queued->text().body.empty()) {
+            queued->text().append(joined, 0, queued->text().size());
             text = joined;
         }
         addText(cargo, queued->message, queued->head, text);
@@ -356,8 +347,7 @@ void Channel::expire(int64_t now, std::vector<uint64_t>& expired) {
                 return false;
             }
             expired.push_back(queued.message);
-            open_.erase(queued.message);
-            queuedBytes_ -= queued.text->size();
+            queuedBytes_ -= queued.text().size();
             return true;
         });
     }

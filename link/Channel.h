@@ -6,6 +6,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -43,7 +44,7 @@ public:
     // What a frame brought.
     struct Arrivals {
         std::vector<Arrival> messages;
-        std::vector<std::pair<uint64_t, Outcome>> outcomes; // of messages queued here
+        std::vector<std::pair<uint64_t, Outcome>> outcomes; // of messages queued here, it says
         std::vector<Launch> launches;
     };
 
@@ -51,17 +52,15 @@ public:
 
     // Queues a message behind those of the same pair; its number.
     uint64_t queue(MessageHead head, Travelling text, int64_t deadline);
-    // A number for a message that goes another way, and whose end the other link tells here; until
-    // it is given up.
-    uint64_t reserve();
-    void giveUp(uint64_t message) { open_.erase(message); }
+    // A number for a message that goes another way, and whose end the other link tells here.
+    uint64_t reserve() { return ++lastMessage_; }
     void queueLaunch(const std::string& app, const std::string& parameters);
     // Tells the other link how one of its messages ended; many go together.
     void tell(uint64_t message, Outcome outcome, int64_t now);
 
-    // Of whom it is. True, and all is begun anew, when that is another life than before; `lost`
-    // receives the messages that the life before may have delivered.
-    bool meet(uint64_t otherLife, std::vector<uint64_t>& lost);
+    // Of whom it is. When that is another life than before, all is begun anew: what waits goes to
+    // it, and the life before may have delivered the rest.
+    void meet(uint64_t otherLife);
     uint64_t otherLife() const { return otherLife_; }
 
     // Takes a cargo or an acknowledgement of the life that was met, meant for this one; others are
@@ -78,8 +77,8 @@ public:
     // What was sent may not have arrived: the connection was another, or the other was away.
     void sendAgain();
 
-    // Messages queued and not known to have ended, and the bytes of those not wholly sent.
-    size_t waitingMessages() const { return open_.size(); }
+    // Messages not wholly sent, and their bytes.
+    std::set<uint64_t> waiting() const;
     size_t waitingBytes() const { return queuedBytes_; }
     // Bytes of texts that are half there.
     size_t halfBytes() const { return halfBytes_; }
@@ -88,9 +87,13 @@ private:
     struct Queued {
         uint64_t message;
         MessageHead head;
-        std::shared_ptr<const Travelling> text;
+        Travelling whole;
         int64_t deadline;
         size_t sent = 0; // bytes of it, in numbered cargo
+        // Of one that goes in parts, which have it, too.
+        std::shared_ptr<const Travelling> inParts = nullptr;
+
+        const Travelling& text() const { return inParts == nullptr ? whole : *inParts; }
     };
     // A part of a text stays in the text until it is acknowledged.
     struct Sent {
@@ -128,7 +131,6 @@ private:
     uint64_t lastMessage_ = 0;
     Flows flows_;
     std::list<Flows::iterator> turns_; // those that have something, in the order of their turns
-    std::map<uint64_t, bool> open_;    // no outcome yet; whether they were wholly sent
     std::deque<Launch> launches_;
     std::vector<std::pair<uint64_t, Outcome>> outcomes_;
     int64_t tellAt_ = INT64_MAX;

@@ -307,11 +307,10 @@ bool Link::meet(Peer& peer, const Frame& frame) {
         if (!greets) {
             return false; // late; or a greeting was lost, and the next one comes
         }
-        std::vector<uint64_t> lost;
         const bool hadOne = peer.channel.otherLife() != 0;
-        (void)peer.channel.meet(frame.senderLife, lost);
+        peer.channel.meet(frame.senderLife);
         if (hadOne) {
-            lifeEnded(peer, lost);
+            lifeEnded(peer);
         }
         tellUntold(peer);
     }

@@ -127,7 +127,7 @@ private:
     // What handles a text may take over the block that its body alone lies in; null for none.
     using Handler = std::function<void(Text& message, platform::PortText::Block& block)>;
     bool takeFrom(Port& port, const Handler& handle);
-    void takeText(platform::PortText taken, const Handler& handle);
+    void takeText(platform::PortText taken, Text& message, const Handler& handle);
     void requestTaken(Used& used, Text& message, platform::PortText::Block& block);
     void pingTaken(Used& used, Text& message);
     bool sendPing(Peer& peer, uint64_t number, const AskedPing& ping, std::string_view text);
@@ -145,7 +145,7 @@ private:
     void notRunning(Peer& peer);
     void sendPong(Peer& peer, const ForeignPing& ping, Outcome outcome, std::string text);
     void ended(Peer& peer, uint64_t message, Outcome outcome);
-    void lifeEnded(Peer& peer, const std::vector<uint64_t>& lost);
+    void lifeEnded(Peer& peer);
     void takeDelivered();
     void tellOfEndedTargets();
     void fail(const Asked& asked, int32_t code, std::string_view text);

@@ -39,7 +39,6 @@ void Link::takeKept() {
             outgoing.port.clear();
             if (!isEndWanted(outgoing.asked.wanted)) { // nobody here is told of its end
                 to.outgoing.erase(found);
-                to.channel.giveUp(end.message);
             }
             continue;
         }
@@ -53,7 +52,6 @@ void Link::takeKept() {
               : end.result == Keeper::Result::full         ? Outcome::tooMuch
               : end.result == Keeper::Result::nothingKeeps ? Outcome::notRunning
                                                            : Outcome::refused);
-        to.channel.giveUp(end.message);
     }
 }
 
@@ -70,7 +68,6 @@ void Link::forgetKept(int64_t now) {
         }
         for (const uint64_t message : over) {
             const Asked& asked = peer.outgoing.at(message).asked;
-            peer.channel.giveUp(message);
             if (conversations_.count({asked.asker, asked.serial}) != 0) {
                 ended(peer, message, Outcome::expired);
             } else {

@@ -54,6 +54,7 @@ bool Link::takeFrom(Port& port, const Handler& handle) {
     if (port.port == nullptr || !port.look) {
         return false;
     }
+    Text message; // has room for the lines of the next one, too
     for (int i = 0; i < kTurnTexts; ++i) {
         platform::PortText taken;
         if (port.isFull()) {
@@ -62,18 +63,17 @@ bool Link::takeFrom(Port& port, const Handler& handle) {
         if (!port.port->take(taken)) {
             return port.port->hasMore();
         }
-        takeText(std::move(taken), handle);
+        takeText(std::move(taken), message, handle);
     }
     return true;
 }
 
-void Link::takeText(platform::PortText taken, const Handler& handle) {
+void Link::takeText(platform::PortText taken, Text& message, const Handler& handle) {
     const size_t headBytes = taken.headSize();
     const size_t bodyBytes = taken.size() - headBytes;
     platform::PortText::Block block;
     std::string joined;
     std::string_view rest;
-    Text message;
     if (headBytes == 0) {
         if (taken.mayHaveZero()) {
             normalise(taken.data(), taken.size());
@@ -441,7 +441,14 @@ void Link::ended(Peer& peer, uint64_t message, Outcome outcome) {
 
 // The other link has begun another life: what the one before had may have been handled, and its
 // answers have no way back.
-void Link::lifeEnded(Peer& peer, const std::vector<uint64_t>& lost) {
+void Link::lifeEnded(Peer& peer) {
+    const std::set<uint64_t> waiting = peer.channel.waiting();
+    std::set<uint64_t> lost; // and told in their order
+    for (const auto& [message, outgoing] : peer.outgoing) {
+        if (!outgoing.isKept() && waiting.count(message) == 0) {
+            lost.insert(message);
+        }
+    }
     for (const uint64_t message : lost) {
         ended(peer, message, Outcome::lost);
     }

@@ -52,6 +52,8 @@ struct Link::Outgoing {
     std::string port; // the used application or alias that it was taken from; empty for one on disk
     size_t bytes = 0;
     int64_t until = INT64_MAX; // of a kept one, of which nobody else says that its time is over
+
+    bool isKept() const { return until != INT64_MAX; }
 };
 
 struct Link::Peer {
