@@ -43,4 +43,7 @@ add_library(convey_layer_settings INTERFACE)
 target_link_libraries(convey_layer_settings INTERFACE convey_settings)
 # Process-wide objects outlive main: the background thread may still run during exit().
 target_compile_options(convey_layer_settings INTERFACE
-    $<$<CXX_COMPILER_ID:Clang>:-Werror=exit-time-destructors -Werror=global-constructors>)
+    $<$<CXX_COMPILER_ID:Clang>:-Werror=exit-time-destructors -Werror=global-constructors>
+    # No program replaces the layer's own functions within it: small ones are compiled into their
+    # callers, as clang does by itself, instead of each call going by the shared library's table.
+    $<$<AND:$<CXX_COMPILER_ID:GNU>,$<NOT:$<CONFIG:Debug>>>:-fno-semantic-interposition>)
