@@ -35,6 +35,11 @@ constexpr size_t kMovedBodyBytes = 65536;
 // Up to so many headers, looking at each costs less than an index of their names.
 constexpr int32_t kSearchedHeaders = 16;
 
+// Noted, not refused: whether such a message counts is its handler's decision.
+std::string_view stateOf(bool digestFits) {
+    return digestFits ? "" : CV_DIGEST_REJECTED;
+}
+
 } // namespace
 
 // True when the last line has been read, false when more than `bytes` are needed for that. Lines
@@ -288,6 +293,15 @@ bool Convey::Message::checkDigest(ReadState& state, size_t bytes) {
         return true;
     }
     if (state.digest == nullptr) {
+        const std::string_view signedText(state.signedRegion,
+                                          static_cast<size_t>(state.position - state.signedRegion));
+        const std::string_view rest =
+            state.rest == nullptr ? std::string_view() : state.rest->view();
+        if (signedText.size() + rest.size() <= bytes) { // in one step, as nearly all are
+            digestState_.assign(
+                stateOf(ConveyUtils::getMD5({signedText, rest}).view() == state.md5));
+            return true;
+        }
         state.digest = std::make_unique<ConveyUtils::MD5>();
         state.digestPosition = state.signedRegion;
         state.digestEnd = state.position;
@@ -307,8 +321,7 @@ bool Convey::Message::checkDigest(ReadState& state, size_t bytes) {
         state.digestPosition = state.rest->c_str();
         state.digestEnd = state.digestPosition + state.rest->length();
     }
-    // Noted, not refused: whether such a message counts is its handler's decision.
-    digestState_ = state.digest->finish().view() == state.md5 ? "" : CV_DIGEST_REJECTED;
+    digestState_.assign(stateOf(state.digest->finish().view() == state.md5));
     return true;
 }
 

@@ -1,8 +1,10 @@
 #include "scriptobjects/convey/SoCVUtils.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <nettle/md5.h>
@@ -32,18 +34,30 @@ constexpr size_t kMaximumIdentifierFile = limits::of("identifier.file");
 constexpr int kMaximumFolderDepth = limits::of("folders.depth");
 constexpr std::string_view kWordEnds = " =;\"':";
 
-// Upper-case hexadecimal, one or two digits a byte, appended at once: a digest is made of each
-// message, twice.
+// Each byte in upper-case hexadecimal, and how many digits it has.
+struct HexadecimalByte {
+    std::array<char, 2> digits;
+    uint8_t count;
+};
+constexpr auto kHexadecimal = [] {
+    constexpr const char* digits = "0123456789ABCDEF";
+    std::array<HexadecimalByte, 256> bytes{};
+    for (size_t byte = 0; byte < bytes.size(); ++byte) {
+        bytes[byte] = byte < 0x10 ? HexadecimalByte{{digits[byte], '\0'}, 1}
+                                  : HexadecimalByte{{digits[byte >> 4], digits[byte & 0xF]}, 2};
+    }
+    return bytes;
+}();
+
+// Appended at once, without branches: a digest is made of each message, twice.
 template <size_t count>
 void appendHexadecimal(SoString& out, const uint8_t (&bytes)[count]) {
-    constexpr const char* digits = "0123456789ABCDEF";
     char text[2 * count];
     char* end = text;
     for (const uint8_t byte : bytes) {
-        if (byte >= 0x10) {
-            *end++ = digits[byte >> 4];
-        }
-        *end++ = digits[byte & 0xF];
+        const HexadecimalByte& one = kHexadecimal[byte];
+        std::memcpy(end, one.digits.data(), one.digits.size()); // a short one is written over
+        end += one.count;
     }
     out.append(text, static_cast<int32_t>(end - text));
 }
@@ -130,6 +144,36 @@ Identifier& digestIdentifier() {
     return *identifier;
 }
 
+// MD5 because peers compare it. It tells damage and texts from elsewhere; it keeps no program of
+// this user from forging. The form: identifier, '+', text, '+', identifier.
+class Digest {
+public:
+    Digest() {
+        md5_init(&context_);
+        add(identifier_.view());
+        add("+");
+    }
+    void add(std::string_view piece) {
+        md5_update(&context_, piece.size(), reinterpret_cast<const uint8_t*>(piece.data()));
+    }
+    SoString finish() {
+        SoString result;
+        if (identifier_.isEmpty()) {
+            return result; // a digest that is not the user's would pass for one
+        }
+        add("+");
+        add(identifier_.view());
+        uint8_t digest[MD5_DIGEST_SIZE];
+        md5_digest(&context_, sizeof digest, digest);
+        appendHexadecimal(result, digest);
+        return result;
+    }
+
+private:
+    md5_ctx context_;
+    const SoString identifier_ = digestIdentifier().get();
+};
+
 void walk(const std::string& path, FileFilter& filter, std::set<std::string>& walked, int depth) {
     std::vector<platform::FolderEntry> entries;
     std::string identity;
@@ -176,48 +220,32 @@ SoString getSignature() {
     return getUserID();
 }
 
+struct MD5::State {
+    Digest digest;
+};
+
+MD5::MD5() : state_(std::make_unique<State>()) {}
+
+MD5::~MD5() = default;
+
+void MD5::add(std::string_view piece) {
+    state_->digest.add(piece);
+}
+
+SoString MD5::finish() {
+    return state_->digest.finish();
+}
+
 SoString getMD5(const SoString& text) {
     return getMD5({text.view()});
 }
 
 SoString getMD5(std::initializer_list<std::string_view> parts) {
-    MD5 digest;
+    Digest digest; // on the stack: each small text has one made and one compared
     for (const std::string_view part : parts) {
         digest.add(part);
     }
     return digest.finish();
-}
-
-struct MD5::State {
-    md5_ctx context{};
-    SoString identifier = digestIdentifier().get();
-};
-
-// MD5 because peers compare it. It tells damage and texts from elsewhere; it keeps no program of
-// this user from forging. The form: identifier, '+', text, '+', identifier.
-MD5::MD5() : state_(std::make_unique<State>()) {
-    md5_init(&state_->context);
-    add(state_->identifier.view());
-    add("+");
-}
-
-MD5::~MD5() = default;
-
-void MD5::add(std::string_view piece) {
-    md5_update(&state_->context, piece.size(), reinterpret_cast<const uint8_t*>(piece.data()));
-}
-
-SoString MD5::finish() {
-    SoString result;
-    if (state_->identifier.isEmpty()) {
-        return result; // a digest that is not the user's would pass for one
-    }
-    add("+");
-    add(state_->identifier.view());
-    uint8_t digest[MD5_DIGEST_SIZE];
-    md5_digest(&state_->context, sizeof digest, digest);
-    appendHexadecimal(result, digest);
-    return result;
 }
 
 SoString getCurrentLocale() {
