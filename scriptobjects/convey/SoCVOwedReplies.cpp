@@ -53,11 +53,6 @@ bool OwedReply::give(int32_t code, const SoString& text) noexcept {
     return true;
 }
 
-bool OwedReply::isOpen() const {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    return state_ != State::given;
-}
-
 bool OwedReply::keep(std::unique_ptr<Message>& request) {
     const std::lock_guard<std::mutex> guard(mutex_);
     if (state_ == State::given) {
@@ -82,6 +77,9 @@ bool OwedReply::takeGiven(int32_t& code, SoString& text) {
 
 // Without memory to keep it the call has been answered as a failure: nothing is left to give.
 void OwedReply::endCall() {
+    if (!isOpen()) {
+        return;
+    }
     const std::lock_guard<std::mutex> guard(mutex_);
     if (state_ == State::handling) {
         state_ = State::given;
@@ -122,6 +120,9 @@ std::shared_ptr<OwedReply> OwedReply::Call::take() {
 
 OwedReplies::Kept OwedReplies::keep(const std::shared_ptr<OwedReply>& reply,
                                     std::unique_ptr<Message>& request) {
+    if (!reply->isOpen()) {
+        return Kept::answered; // within the handler, as most are
+    }
     Entry entry;
     entry.reply = reply;
     entry.asker = request->getSender().view();

@@ -43,7 +43,7 @@ public:
     // instance has ended. With no lock held.
     bool give(int32_t code, const SoString& text) noexcept;
     // Whether nobody has answered.
-    [[nodiscard]] bool isOpen() const;
+    [[nodiscard]] bool isOpen() const { return state_.load() != State::given; }
 
     // For the call when the handler has returned. Takes the request over; false when the answer is
     // there already, or the handler has failed, which ends it with that.
@@ -85,7 +85,7 @@ private:
 
     const std::weak_ptr<Giver> giver_;
     mutable std::mutex mutex_;
-    State state_ = State::handling;
+    std::atomic<State> state_{State::handling}; // changes under the mutex
     int32_t code_ = 0; // this and the text: what was given while the handler ran
     SoString text_;
     std::unique_ptr<Convey::Message> request_;
