@@ -479,9 +479,9 @@ void ConveyConnector::appendSpecifiersOf(const SoString& appName,
     getAppInfoListLocked()->appendSpecifiersOf(appName, out);
 }
 
-bool ConveyConnector::isOnlyOf(std::string_view appName, std::string_view specifier) const {
+bool ConveyConnector::hasNoOther(std::string_view appName, std::string_view specifier) const {
     ObjectLock lock(*this);
-    return getAppInfoListLocked()->isOnlyOf(appName, specifier);
+    return getAppInfoListLocked()->hasNoOther(appName, specifier);
 }
 
 bool ConveyConnector::hasRecordOrNoList(const SoString& specifier) const {

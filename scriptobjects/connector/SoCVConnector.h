@@ -191,8 +191,8 @@ public:
     // lower case and in registry order.
     void appendSpecifiersOf(const SoString& appName, std::vector<SoString>& out) const;
 
-    // As the list's own: true when `specifier` is the one registration of the application.
-    [[nodiscard]] bool isOnlyOf(std::string_view appName, std::string_view specifier) const;
+    // As the list's own: true when the application has no registration but `specifier`.
+    [[nodiscard]] bool hasNoOther(std::string_view appName, std::string_view specifier) const;
 
     // True when a record equal to `specifier` or standing for it is in the list read so far; also
     // true when none has been read.

@@ -372,11 +372,12 @@ void CVConnectorAppInfoList::appendSpecifiersOf(const SoString& appName,
     }
 }
 
-bool CVConnectorAppInfoList::isOnlyOf(std::string_view appName, std::string_view specifier) const {
+bool CVConnectorAppInfoList::hasNoOther(std::string_view appName,
+                                        std::string_view specifier) const {
     ObjectLock lock(*this);
     const int32_t i = indexes_.byAppName.first(CVPositionIndex::hash(appName));
     // Another name of the same hash makes this false, which costs its asker the long way only.
-    return i >= 0 && indexes_.byAppName.after(i) < 0 && at(i)->specifier.view() == specifier;
+    return i < 0 || (indexes_.byAppName.after(i) < 0 && at(i)->specifier.view() == specifier);
 }
 
 } // namespace ScObjects

@@ -144,9 +144,10 @@ public:
     // give, at the cost of the records found.
     void appendSpecifiersOf(const SoString& appName, std::vector<SoString>& out) const;
 
-    // True when `specifier`, in lower case, is registered, spelt so, and nothing else is under its
-    // application name; false may also mean that it was not worth finding out.
-    [[nodiscard]] bool isOnlyOf(std::string_view appName, std::string_view specifier) const;
+    // True when nothing is registered under the application name of `specifier`, which is in lower
+    // case, but that, spelt so, or nothing at all; false may also mean that it was not worth
+    // finding out.
+    [[nodiscard]] bool hasNoOther(std::string_view appName, std::string_view specifier) const;
 
 private:
     CVConnectorAppInfo* findExactLocked(std::string_view specifier, int32_t* index) const

@@ -171,14 +171,14 @@ SoString chooseVersion(const std::vector<SoString>& registrations, std::string_v
 }
 
 // Whether every step of a fix-up leads to the text that is there already: it has a version, so
-// nobody is asked who runs, and is registered as the only one of its application. Most are, and to
+// nobody is asked who runs, and no other is registered for its application. Most are so, and to
 // find it out takes a tenth of the steps. (A suffix is put behind what was chosen once more.)
-bool isItsOnlyRegistration(std::string_view specifier) {
+bool isComplete(std::string_view specifier) {
     const CVSpecifierParts parts = CVSpecifierParts::of(specifier);
     const ConveyConnector* const connector = ConveyConnector::get();
-    return gExplanation == nullptr && connector != nullptr && !parts.appName.empty() &&
-           !parts.version.empty() && parts.suffix.empty() &&
-           connector->isOnlyOf(parts.appName, specifier);
+    return gExplanation == nullptr && !parts.appName.empty() && !parts.version.empty() &&
+           parts.suffix.empty() &&
+           (connector == nullptr || connector->hasNoOther(parts.appName, specifier));
 }
 
 } // namespace
@@ -249,7 +249,7 @@ bool Convey::Specifier::completeFromContext(const CVSpecifierParts& parts) {
 
 void Convey::Specifier::fixUp(bool useContext) {
     makeLowercase();
-    if (isItsOnlyRegistration(view())) {
+    if (isComplete(view())) {
         return;
     }
     // Before this one is counted.
