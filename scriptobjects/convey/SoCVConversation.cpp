@@ -19,6 +19,16 @@ using MsgHandler = Convey::MsgHandler;
 constinit std::atomic<int> gForwarding{0}; // handlers that forward, of all instances
 constinit thread_local int32_t gHandlerDepth = 0;
 
+// Whether it may be the word of a reply: by its first byte.
+bool mayBeOfReply(std::string_view type) {
+    static_assert(CV_TYPE_RECEIVED[0] == 'R' && CV_TYPE_RESULT[0] == 'R' &&
+                  CV_TYPE_ERROR[0] == 'E' && CV_TYPE_PROCESSED[0] == 'P' &&
+                  CV_TYPE_TIMEOUT[0] == 'T');
+    constexpr std::string_view beginnings = "REPT";
+    return !type.empty() && beginnings.find(type.front()) != std::string_view::npos &&
+           type != CV_TYPE_PLAIN;
+}
+
 class Depth {
 public:
     Depth() { ++gHandlerDepth; }
@@ -80,6 +90,12 @@ SoString Reply::type() const {
 
 Reply replyOf(const Message& message) {
     const std::string_view type = message.getType().view();
+    // As nearly all that are asked about: what no number and no word makes a reply.
+    if (!message.isReply() && message.getReceived() == CV_INVALID_MESSAGE_NUMBER &&
+        message.getResult() == CV_INVALID_MESSAGE_NUMBER &&
+        message.getError() == CV_INVALID_MESSAGE_NUMBER && !mayBeOfReply(type)) {
+        return {};
+    }
     const struct {
         Reply::Kind kind;
         std::string_view word;
