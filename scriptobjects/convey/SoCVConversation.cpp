@@ -324,21 +324,26 @@ const std::shared_ptr<HandlerSlot>* Conversations::findSlotLocked(std::string_vi
     return found == slots->end() ? nullptr : &*found;
 }
 
-std::shared_ptr<HandlerSlot> Conversations::find(std::string_view type, uint32_t number) const {
-    const ObjectLock guard(*this);
+const std::shared_ptr<HandlerSlot>* Conversations::findForLocked(std::string_view type,
+                                                                 uint32_t number) const {
     if (const auto* const exact = findSlotLocked(type, number)) {
-        return *exact;
+        return exact;
     }
     if (type.empty() && number != CV_INVALID_MESSAGE_NUMBER) {
         const Conversation* const conversation = findLocked(number);
         if (conversation != nullptr && !conversation->slots_.empty()) {
-            return conversation->slots_.back();
+            return &conversation->slots_.back();
         }
     } else if (type.empty() && !forAny_.empty()) {
-        return forAny_.back();
+        return &forAny_.back();
     }
-    const auto* const forAny = findSlotLocked(type, CV_INVALID_MESSAGE_NUMBER);
-    return forAny == nullptr ? nullptr : *forAny;
+    return findSlotLocked(type, CV_INVALID_MESSAGE_NUMBER);
+}
+
+std::shared_ptr<HandlerSlot> Conversations::find(std::string_view type, uint32_t number) const {
+    const ObjectLock guard(*this);
+    const auto* const slot = findForLocked(type, number);
+    return slot == nullptr ? nullptr : *slot;
 }
 
 std::shared_ptr<HandlerSlot> Conversations::handlerFor(const Message& message,

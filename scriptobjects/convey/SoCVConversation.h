@@ -157,8 +157,9 @@ public:
     // Without those that only forward to an observer.
     std::vector<std::string> handledTypes() const;
 
-    // The request that those who wait have sent: its type is what tells some of the replies.
-    void noteRequest(const Convey::Message& request);
+    // The request that those who wait have sent: its type is what tells some of the replies, unless
+    // it is one of the layer's. True when a handler is there for what answers it.
+    bool noteRequest(const Convey::Message& request);
     // Has `watcher` told after so many seconds (below 0: never) that no answer came.
     void watch(const Convey::Message& request, const SoString& watcher, uint32_t seconds);
     void unwatch(uint32_t number);
@@ -241,6 +242,9 @@ private:
     Conversation* findLocked(uint32_t number) const SO_REQUIRES(this);
     std::shared_ptr<Conversation> openLocked(uint32_t number) SO_REQUIRES(this);
     const std::shared_ptr<HandlerSlot>* findSlotLocked(std::string_view type, uint32_t number) const
+        SO_REQUIRES(this);
+    // As `find`.
+    const std::shared_ptr<HandlerSlot>* findForLocked(std::string_view type, uint32_t number) const
         SO_REQUIRES(this);
     std::shared_ptr<HandlerSlot> takeLocked(const std::shared_ptr<HandlerSlot>& slot)
         SO_REQUIRES(this);

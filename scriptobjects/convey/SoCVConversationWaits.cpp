@@ -167,11 +167,14 @@ bool Conversations::isWatching() const {
 
 // Waits.
 
-void Conversations::noteRequest(const Message& request) {
+bool Conversations::noteRequest(const Message& request) {
+    const uint32_t number = request.getSerialNumber();
     const ObjectLock guard(*this);
-    if (Conversation* const conversation = findLocked(request.getSerialNumber())) {
+    Conversation* const conversation = findLocked(number);
+    if (conversation != nullptr && request.isUserType()) {
         conversation->requestType_ = request.getType().view();
     }
+    return findForLocked({}, number) != nullptr;
 }
 
 Conversations::Wait::Wait(Conversations& table, const Message& request)

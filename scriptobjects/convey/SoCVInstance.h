@@ -143,15 +143,21 @@ private:
                                               const SoString& result) const;
     void postWithEnd(const Convey::Message& request, Convey::Message& result, bool& sent);
     void requestProcessed(Convey::Message& message);
-    const char* prepare(Convey::Message& message, Convey::Message::Text& text);
+    const char* prepare(Convey::Message& message, Convey::Message::Text& text,
+                        std::shared_ptr<PrivateData>& receiver);
     platform::SendResult handOver(const Convey::Message& message, const InterAppStream& stream,
-                                  Convey::Message::Text& text, int32_t timeoutMilliseconds,
+                                  const Convey::Message::Text& text, int32_t timeoutMilliseconds,
                                   uint32_t waitSeconds);
-    bool deliverLocally(const Convey::Message& message);
+    platform::SendResult handOverInTime(const Convey::Message& message,
+                                        const InterAppStream& stream,
+                                        const Convey::Message::Text& text, bool mayLaunch,
+                                        uint32_t waitSeconds);
+    std::shared_ptr<PrivateData> receiverOf(const Convey::Message& message) const;
+    bool deliverTo(const std::shared_ptr<PrivateData>& receiver, const Convey::Message& message);
     std::unique_ptr<Takers::Sending> beginSending(std::optional<AwaitedRequest> request);
     void watchTaker(platform::TargetWatch& taker) const;
-    Delivery deliver(const Convey::Message& message, Convey::Message::Text& text, bool mayLaunch,
-                     uint32_t waitSeconds, const SoString* launchParameters);
+    Delivery deliver(const Convey::Message& message, const Convey::Message::Text& text,
+                     bool mayLaunch, uint32_t waitSeconds, const SoString* launchParameters);
     Delivery queueForLaunch(const Convey::Message& message, uint32_t waitSeconds,
                             const SoString* launchParameters);
     void complete(Convey::Message& message) const;

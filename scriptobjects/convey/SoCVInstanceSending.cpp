@@ -46,12 +46,15 @@ void PrivateData::complete(Message& message) const {
         message.setSerialNumber(message.getNextSerialNumber(context()));
     }
     if (message.getSender().isEmpty()) {
-        message.setSender(appName());
+        const ObjectLock guard(*this);
+        message.setSender(appName_);
     }
 }
 
-// Completes and writes a message. Null, or why it is not sent: empty when nobody is to be told.
-const char* PrivateData::prepare(Message& message, Message::Text& text) {
+// Completes a message, and writes it unless its target is in this process: then that is found.
+// Null, or why it is not sent: empty when nobody is to be told.
+const char* PrivateData::prepare(Message& message, Message::Text& text,
+                                 std::shared_ptr<PrivateData>& receiver) {
     if (isClosed() || isEmptyRequest(message)) {
         return "";
     }
@@ -69,8 +72,8 @@ const char* PrivateData::prepare(Message& message, Message::Text& text) {
     // Before it is written: what it asks for, and for which life, goes with the text.
     requestProcessed(message);
     // What does not leave the process needs no text, and no digest.
-    const ConveyContext* const context = this->context();
-    if (context != nullptr && context->pin(message.getTarget()) != nullptr) {
+    receiver = receiverOf(message);
+    if (receiver != nullptr) {
         return message.getSender().isEmpty() ? CV_ERROR_NO_TEXT : nullptr;
     }
     return text.write(message) ? nullptr : CV_ERROR_NO_TEXT;
@@ -78,13 +81,14 @@ const char* PrivateData::prepare(Message& message, Message::Text& text) {
 
 bool PrivateData::sendAtOnce(Message& message) {
     Message::Text text;
+    std::shared_ptr<PrivateData> receiver;
     // A text that does not fit into a packet needs its target's help to pass.
-    if (prepare(message, text) != nullptr || text.length() > kPacketBytes) {
+    if (prepare(message, text, receiver) != nullptr || text.length() > kPacketBytes) {
         return false;
     }
     watchTime(message); // before it is sent, as below
     const auto stream = this->stream();
-    if (!deliverLocally(message) &&
+    if (!deliverTo(receiver, message) &&
         (stream == nullptr || !outbox_.isFree(message.getTarget()) ||
          handOver(message, *stream, text, 0, 0) != SendResult::delivered)) {
         unwatchTime(message.getSerialNumber());
@@ -97,7 +101,8 @@ bool PrivateData::sendAtOnce(Message& message) {
 bool PrivateData::send(Message& message, bool mayLaunch, uint32_t waitSeconds,
                        const SoString* launchParameters) {
     Message::Text text;
-    if (const char* const error = prepare(message, text)) {
+    std::shared_ptr<PrivateData> receiver;
+    if (const char* const error = prepare(message, text, receiver)) {
         if (*error != '\0') {
             sendError(message, error, CV_CODE_NOT_SENT, waitSeconds);
         }
@@ -111,9 +116,9 @@ bool PrivateData::send(Message& message, bool mayLaunch, uint32_t waitSeconds,
     // Before it is sent, too: another thread may have the answer before this one goes on, and a
     // watch that begins behind it would never be ended.
     watchTime(message);
-    const Delivery delivery =
-        deliverLocally(message) ? Delivery::delivered
-                                : deliver(message, text, mayLaunch, waitSeconds, launchParameters);
+    const Delivery delivery = deliverTo(receiver, message) ? Delivery::delivered
+                                                           : deliver(message, text, mayLaunch,
+                                                                     waitSeconds, launchParameters);
     if (delivery == Delivery::refused) {
         // The caller hears it from the result: a time-out for what was never sent would come on
         // top.
@@ -150,7 +155,7 @@ Delivery PrivateData::post(std::unique_ptr<Message> message) {
         return Delivery::refused;
     }
     complete(*message);
-    if (deliverLocally(*message)) {
+    if (deliverTo(receiverOf(*message), *message)) {
         traffic_.noteOut();
         return Delivery::delivered;
     }
@@ -165,7 +170,7 @@ Delivery PrivateData::post(std::unique_ptr<Message> message) {
         if (name.isEmpty()) {
             return Delivery::refused;
         }
-        if (isRenamed && deliverLocally(*message)) {
+        if (isRenamed && deliverTo(receiverOf(*message), *message)) {
             traffic_.noteOut();
             return Delivery::delivered;
         }
@@ -202,11 +207,9 @@ void PrivateData::postWithEnd(const Message& request, Message& result, bool& sen
         return;
     }
     const auto end = replyTo(request, CV_TYPE_PROCESSED, nullptr);
-    const ConveyContext* const context = this->context();
     const auto stream = this->stream();
     if (end == nullptr || stream == nullptr || result.getTarget().isEmpty() ||
-        isUnwantedNotice(result) || isEmptyRequest(result) ||
-        (context != nullptr && context->pin(result.getTarget()) != nullptr)) {
+        isUnwantedNotice(result) || isEmptyRequest(result) || receiverOf(result) != nullptr) {
         return;
     }
     complete(result);
@@ -221,13 +224,17 @@ void PrivateData::postWithEnd(const Message& request, Message& result, bool& sen
     logEvent("SEND", *end);
 }
 
-// Hands the message to an instance of this process; false when none has its target's name.
+// The instance of this process that has the target's name; null for none.
+std::shared_ptr<PrivateData> PrivateData::receiverOf(const Message& message) const {
+    const ConveyContext* const context = this->context();
+    return context == nullptr ? nullptr : context->pin(message.getTarget());
+}
+
+// Hands the message to that instance; false when there is none.
 // Not through its port: a process that sends to itself would wait for itself when that is full.
-bool PrivateData::deliverLocally(const Message& message) {
-    ConveyContext* const context = this->context();
-    const std::shared_ptr<PrivateData> receiver =
-        context == nullptr ? nullptr : context->pin(message.getTarget());
-    if (receiver == nullptr) {
+bool PrivateData::deliverTo(const std::shared_ptr<PrivateData>& receiver, const Message& message) {
+    const ConveyContext* const context = this->context();
+    if (receiver == nullptr || context == nullptr) {
         return false;
     }
     // Before the message itself: its receiver may be done with it at once, and "Processed" must not
@@ -264,45 +271,55 @@ void PrivateData::accept(std::unique_ptr<Message> message, Told told) {
 }
 
 // Hands the text to the target's process, or queues the message until that can be done.
-Delivery PrivateData::deliver(const Message& message, Message::Text& text, bool mayLaunch,
+Delivery PrivateData::deliver(const Message& message, const Message::Text& text, bool mayLaunch,
                               uint32_t waitSeconds, const SoString* launchParameters) {
-    const SoString& target = message.getTarget();
-    const auto stream = this->stream();
-    // One end for both steps, so that a caller waits no longer for a target with a line than for
-    // one without.
-    const int64_t end = platform::monotonicNow() + InterAppStream::kSendTimeoutMilliseconds;
-    std::optional<Occupations::Entry> sending(std::in_place, occupations_,
-                                              Occupations::Kind::sending, message);
-    bool isAbsent = false;
-    // Behind those that wait for the target already: none is overtaken. What may not be queued
-    // waits for these, too.
-    if (stream != nullptr && (!mayLaunch || outbox_.isFree(target))) {
-        const auto left = [end] { return std::max<int64_t>(end - platform::monotonicNow(), 0); };
-        SendResult result =
-            mayLaunch ? SendResult::delivered : outbox_.drain(*stream, target, left());
-        if (result == SendResult::delivered) {
-            result = handOver(message, *stream, text, static_cast<int32_t>(left()), waitSeconds);
-            if (result == SendResult::delivered) {
-                return Delivery::delivered;
-            }
+    SendResult result = SendResult::failed;
+    if (const auto stream = this->stream()) {
+        // As a rule a small one goes at once: nobody could see that it is being sent, and no clock
+        // is asked. Any other attempt may leave a part of it on the way.
+        result = text.length() <= kPacketBytes && outbox_.isFree(message.getTarget())
+                     ? handOver(message, *stream, text, 0, waitSeconds)
+                     : SendResult::timedOut;
+        if (result == SendResult::timedOut || result == SendResult::noReceiver) {
+            result = handOverInTime(message, *stream, text, mayLaunch, waitSeconds);
         }
-        isAbsent = result == SendResult::noReceiver;
+        if (result == SendResult::delivered) {
+            return Delivery::delivered;
+        }
     }
-    sending.reset(); // from here on it is kept, or told to be refused
     if (!mayLaunch) {
-        sendError(message, CV_ERROR_NOT_LAUNCHED, CV_CODE_NOT_SENT, waitSeconds, isAbsent);
+        sendError(message, CV_ERROR_NOT_LAUNCHED, CV_CODE_NOT_SENT, waitSeconds,
+                  result == SendResult::noReceiver);
         return Delivery::refused;
     }
     return queueForLaunch(message, waitSeconds, launchParameters);
 }
 
-SendResult PrivateData::handOver(const Message& message, const InterAppStream& stream,
-                                 Message::Text& text, int32_t timeoutMilliseconds,
-                                 uint32_t waitSeconds) {
-    // The instance of this process that was to have it may have gone meanwhile.
-    if (text.length() == 0 && !text.write(message)) {
-        return SendResult::failed;
+// Behind those that wait for the target already: none is overtaken. What may not be queued waits
+// for these, too.
+SendResult PrivateData::handOverInTime(const Message& message, const InterAppStream& stream,
+                                       const Message::Text& text, bool mayLaunch,
+                                       uint32_t waitSeconds) {
+    const SoString& target = message.getTarget();
+    if (mayLaunch && !outbox_.isFree(target)) {
+        return SendResult::timedOut;
     }
+    // One end for both steps, so that a caller waits no longer for a target with a line than for
+    // one without.
+    const int64_t end = platform::monotonicNow() + InterAppStream::kSendTimeoutMilliseconds;
+    const auto left = [end] { return std::max<int64_t>(end - platform::monotonicNow(), 0); };
+    // Until it is kept, or told to be refused.
+    const Occupations::Entry sending(occupations_, Occupations::Kind::sending, message);
+    const SendResult result =
+        mayLaunch ? SendResult::delivered : outbox_.drain(stream, target, left());
+    return result != SendResult::delivered
+               ? result
+               : handOver(message, stream, text, static_cast<int32_t>(left()), waitSeconds);
+}
+
+SendResult PrivateData::handOver(const Message& message, const InterAppStream& stream,
+                                 const Message::Text& text, int32_t timeoutMilliseconds,
+                                 uint32_t waitSeconds) {
     const auto sending = beginSending(AwaitedRequest::of(message, waitSeconds));
     const SendResult result = sending != nullptr ? sending->send(stream, text, timeoutMilliseconds)
                                                  : stream.send(message.getTarget(), text.pieces(),

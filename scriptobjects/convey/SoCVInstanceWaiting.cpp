@@ -28,8 +28,8 @@ void PrivateData::requestProcessed(Message& message) {
     if (message.getType() == CV_TYPE_WATCHER || replyOf(message).kind != Reply::kNone) {
         return;
     }
-    const bool asks = !message.getResponseRequest().isEmpty() ||
-                      findSlot(SoString(), message.getSerialNumber()) != nullptr;
+    const bool isAwaited = conversations_.noteRequest(message);
+    const bool asks = !message.getResponseRequest().isEmpty() || isAwaited;
     if (asks && !contains(message.getResponseRequest(), CV_WANTS_PROCESSED) &&
         !(message.getType() == CV_TYPE_DEBUG)) {
         SoString request = message.getResponseRequest();
@@ -37,12 +37,11 @@ void PrivateData::requestProcessed(Message& message) {
         message.setResponseRequest(request);
     }
     const ConveyContext* const context = this->context();
-    const bool comesBackHere = message.getSender() == appName() ||
-                               (context != nullptr && context->pin(message.getSender()) != nullptr);
-    message.setAskersLife(asks && comesBackHere ? ownLife() : 0);
-    if (message.isUserType()) {
-        conversations_.noteRequest(message);
-    }
+    const auto comesBackHere = [&] {
+        return message.getSender() == appName() ||
+               (context != nullptr && context->pin(message.getSender()) != nullptr);
+    };
+    message.setAskersLife(asks && comesBackHere() ? ownLife() : 0);
 }
 
 // This side finds out by itself when no answer came in time.
