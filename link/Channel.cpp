@@ -32,7 +32,9 @@ void Channel::queueLaunch(const std::string& app, const std::string& parameters)
 
 void Channel::tell(uint64_t message, Outcome outcome, int64_t now) {
     outcomes_.emplace_back(message, outcome);
-    tellAt_ = std::min(tellAt_, now + bounds::kAcknowledgeMilliseconds);
+    // One by itself goes at once, since its sender may hold back the next: those that follow it go
+    // together.
+    tellAt_ = std::min(tellAt_, std::max(now, toldAt_ + bounds::kAcknowledgeMilliseconds));
 }
 
 bool Channel::mayGo() const {
@@ -327,6 +329,7 @@ std::string Channel::next(int64_t now, size_t partBytes, std::vector<uint64_t>& 
         const auto end = outcomes_.begin() + static_cast<std::ptrdiff_t>(count);
         frame.outcomes.assign(outcomes_.begin(), end);
         outcomes_.erase(outcomes_.begin(), end);
+        toldAt_ = now;
         tellAt_ = outcomes_.empty() ? INT64_MAX : now;
         return number({0, encodeCargo(frame)}, now);
     }

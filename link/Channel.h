@@ -134,6 +134,7 @@ private:
     std::deque<Launch> launches_;
     std::vector<std::pair<uint64_t, Outcome>> outcomes_;
     int64_t tellAt_ = INT64_MAX;
+    int64_t toldAt_ = INT64_MIN / 2; // no time before it
     size_t queuedBytes_ = 0;
     uint64_t lastNumber_ = 0;
     std::deque<Sent> sent_; // not acknowledged
