@@ -16,7 +16,7 @@ inline constexpr Limit kLink[] = {
     {"link.together", 32 * kKiB, "bytes", "of small texts (up to a quarter of it) that go in one frame"},
     {"link.frame", kKiB, "bytes", "of a frame beside its part: fields and the longest names"},
     {"link.window", 4 * kMiB, "bytes", "sent to a link and not acknowledged: far below what servers cut off slow ones for"},
-    {"link.waiting", 32 * kMiB, "bytes", "taken for a target and not delivered, then its senders wait: two large texts"},
+    {"link.waiting", 48 * kMiB, "bytes", "taken for a target and not delivered, then its senders wait: three large texts"},
     {"link.waiting-messages", 4000, "messages", "likewise"},
     {"link.kept", 260 * kMiB, "bytes", "four of the largest texts, half there or waiting for their targets"},
     {"link.kept-messages", 20'000, "messages", "that wait for targets of this machine"},

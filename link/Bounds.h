@@ -41,8 +41,8 @@ inline constexpr size_t kFrameBytes = size("link.frame");
 // Sent to one link and not acknowledged: far below what a server cuts a slow subscriber off for.
 inline constexpr size_t kWindowBytes = size("link.window");
 // Taken for one target and not delivered yet. Beyond it texts stay in the port's queue, whose bound
-// holds their senders back. Two large ones: the next is drawn and sent while the first is handed
-// over at the other end, else either end stands still while the other works.
+// holds their senders back. Three large ones: one is drawn while the next is on its way and the
+// first is handed over at the other end, else one of these stands still while the others work.
 inline constexpr size_t kWaitingBytes = size("link.waiting");
 inline constexpr size_t kWaitingMessages = size("link.waiting-messages");
 // Of texts from one link that are half there, or wait for their targets.
