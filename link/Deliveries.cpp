@@ -51,17 +51,16 @@ Deliveries::~Deliveries() {
 
 void Deliveries::post(const std::string& target, PortMessage text, int64_t deadline, bool mayLaunch,
                       uint64_t ticket) {
-    if (target != togetherTarget_ || togetherBytes_ + text.size() > kAtOnceBytes) {
+    if (target != togetherTarget_ || togetherText_.size() + text.size() > kAtOnceBytes) {
         (void)handOver(); // what has ended waits for `take`
     }
-    Waiting waiting{std::move(text), deadline, mayLaunch, ticket};
     const std::lock_guard<std::mutex> guard(mutex_);
-    if (lines_.count(target) == 0 && waiting.text.size() <= kAtOnceBytes) {
+    if (lines_.count(target) == 0 && text.size() <= kAtOnceBytes) {
         togetherTarget_ = target;
-        togetherBytes_ += waiting.text.size();
-        together_.push_back(std::move(waiting));
+        togetherText_ += text.head; // all of a small one
+        together_.push_back({togetherText_.size(), deadline, mayLaunch, ticket});
     } else {
-        queueLocked(target, std::move(waiting));
+        queueLocked(target, {std::move(text), deadline, mayLaunch, ticket});
     }
 }
 
@@ -70,34 +69,28 @@ bool Deliveries::handOver() {
         return false;
     }
     const std::string target = std::exchange(togetherTarget_, {});
-    std::string joined;
-    if (together_.size() > 1) {
-        joined.reserve(togetherBytes_);
-        for (const Waiting& one : together_) {
-            joined += one.text.head; // all of a small one
-        }
-    }
-    togetherBytes_ = 0;
     const bool isWatched = std::any_of(together_.begin(), together_.end(),
-                                       [](const Waiting& one) { return one.ticket != 0; });
+                                       [](const Together& one) { return one.ticket != 0; });
     std::shared_ptr<platform::TargetWatch> taker;
-    const SendResult result = ports_.send(portName(target),
-                                          joined.empty() ? together_.front().text.pieces()
-                                                         : platform::PortPieces{joined, {}},
-                                          0, isWatched ? &taker : nullptr);
+    const SendResult result =
+        ports_.send(portName(target), togetherText_, 0, isWatched ? &taker : nullptr);
     const std::lock_guard<std::mutex> guard(mutex_);
-    for (Waiting& one : together_) {
+    size_t begin = 0;
+    for (const Together& one : together_) {
         if (result != SendResult::delivered &&
             (result != SendResult::noReceiver || one.mayLaunch)) {
-            queueLocked(target, std::move(one));
+            queueLocked(target, {togetherText_.substr(begin, one.end - begin), one.deadline,
+                                 one.mayLaunch, one.ticket});
         } else if (one.ticket != 0) {
             ended_.push_back(
                 {one.ticket,
                  result == SendResult::delivered ? Outcome::delivered : Outcome::notRunning,
                  taker});
         }
+        begin = one.end;
     }
-    together_.clear(); // its room is for the next
+    together_.clear();
+    togetherText_.clear();
     return !ended_.empty();
 }
 

@@ -130,7 +130,7 @@ void Link::fail(const Asked& asked, int32_t code, std::string_view text) {
 }
 
 void Link::requestTaken(Used& used, Text& message, platform::PortText::Block& block) {
-    const Asked asked = askedBy(message);
+    Asked asked = askedBy(message);
     if (isLook(message) || !isPortName(asked.asker)) {
         return;
     }
@@ -167,21 +167,19 @@ void Link::requestTaken(Used& used, Text& message, platform::PortText::Block& bl
     Peer& to = used.at;
     const uint64_t number = isKept ? keep(to, std::move(head), std::move(text.head), deadline)
                                    : to.channel.queue(std::move(head), std::move(text), deadline);
-    Outgoing& outgoing = to.outgoing[number] = {asked, !reply, used.use.app, bytes};
     used.requests.waitingBytes += bytes;
     ++used.requests.waitingMessages;
     // On a disk it may wait for longer than anything is remembered here.
     const int64_t wait = isKept ? std::min(deadline, now + bounds::kStreamMilliseconds) : now;
     to.contacts[asked.asker] = wait + bounds::kAliasMilliseconds;
-    if (isKept) {
-        outgoing.until = wait;
-    }
     if (!reply && isEndWanted(asked.wanted)) {
         // Kept a while behind its end, since its answer is on the way.
         const int64_t until = deadline == INT64_MAX ? wait + bounds::kAliasMilliseconds
                                                     : deadline + bounds::kPingMilliseconds;
         conversations_[{asked.asker, asked.serial}] = {asked, to.name, number, false, until};
     }
+    to.outgoing.try_emplace(
+        number, Outgoing{std::move(asked), !reply, used.use.app, bytes, isKept ? wait : INT64_MAX});
 }
 
 void Link::arrived(Peer& peer, Channel::Arrival& arrival, int64_t now) {

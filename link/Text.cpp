@@ -192,13 +192,20 @@ void Text::addPortHead(std::string& out) const {
 }
 
 std::string Text::write() const {
+    constexpr std::string_view kName = ConveyData::CV_MD5;
+    constexpr size_t kDigits = 32;
+    const bool isDigested = Convey::Message::getCreateDigest();
     std::string out;
     out.reserve(headBytes() + body_.size());
+    if (isDigested) { // room for it
+        out.append(kName).append(":").append(kDigits, '0').append("\n");
+    }
+    const size_t begin = out.size();
     addPortHead(out);
     out.append(body_);
-    if (Convey::Message::getCreateDigest()) {
-        const SoString digest = ConveyUtils::getMD5({out});
-        out.insert(0, std::string(ConveyData::CV_MD5).append(":").append(digest.view()) + "\n");
+    if (isDigested) {
+        const SoString digest = ConveyUtils::getMD5({std::string_view(out).substr(begin)});
+        out.replace(kName.size() + 1, kDigits, digest.view());
     }
     return out;
 }
