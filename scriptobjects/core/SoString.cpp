@@ -198,6 +198,11 @@ SoString::SoString(std::string_view text) {
 }
 
 SoString::SoString(const SoString& other) : SoHeap(other) {
+    if (other.data_ == other.short_) { // all of them, as below
+        std::memcpy(short_, other.short_, kShortBytes);
+        length_ = other.length_;
+        return;
+    }
     reserveFresh(other.length_);
     std::memcpy(data_, other.data_, static_cast<size_t>(length_));
 }
@@ -243,7 +248,13 @@ SoString::~SoString() {
 }
 
 SoString& SoString::operator=(const SoString& other) {
-    if (this != &other) {
+    if (this == &other) {
+        return *this;
+    }
+    if (data_ == short_ && other.data_ == other.short_) {
+        std::memcpy(short_, other.short_, kShortBytes);
+        length_ = other.length_;
+    } else {
         assign(other.view());
     }
     return *this;
