@@ -43,43 +43,6 @@ TEST(ConfigurationTest, offersWhatIsWrittenAndNothingElse) {
     }
 }
 
-TEST(ConfigurationTest, saysWhatIsWrong) {
-    const struct {
-        const char* from;
-        const char* to;
-        const char* fault;
-    } cases[] = {
-        {"realm = \"studio\"", "", "realm: "},
-        {"\"studio\"", "\"a.b\"", "realm: "},
-        {"\"workshop\"", "\"work shop\"", "name: "},
-        {"tls://n1.example:4222", "n1.example", "servers: "},
-        {"[\"tls://n1.example:4222\"]", "[]", "servers: "},
-        {"key = \"workshop.key\"", "", "tls: "},
-        {"launch = true", "launch = \"yes\"", "launch: "},
-        {"launch = true", "lunch = true", "offer: lunch"},
-        {"\"anna-*\"", "\"anna.*\"", "offer: "},
-        {"\"diary-1.0\"", "\"diary\"", "use: "},
-        {"\"diary-1.0\"", "\"diary-*\"", "use: "},
-        {"\"diary-1.0\"", "\"Diary-1.0\"", "use: "},
-        {"at = \"desk\"", "at = \"workshop\"", "use: "},
-        {"at = \"desk\"", "at = \"desk\"\ndurable = 1", "durable: "},
-        {"at = \"desk\"", "at = \"desk\"\n[[use]]\napp = \"diary-1.0\"\nat = \"x\"", "use: "},
-        {"[[use]]", "[[use", "line "},
-        {"[[use]]", "[.use]", "line "}, // no key where one begins
-    };
-    for (const auto& one : cases) {
-        std::string text = kWhole;
-        text.replace(text.find(one.from), std::string(one.from).size(), one.to);
-        Configuration configuration;
-        std::vector<std::string> faults;
-        EXPECT_FALSE(parseConfiguration(text, "/", configuration, faults)) << one.to;
-        EXPECT_TRUE(
-            std::any_of(faults.begin(), faults.end(),
-                        [&one](const std::string& fault) { return fault.starts_with(one.fault); }))
-            << one.to << ": " << (faults.empty() ? "" : faults[0]);
-    }
-}
-
 TEST(ConfigurationTest, matchesPatternsWithoutTryingForEver) {
     const std::string stars(200, '*');
     EXPECT_TRUE(matches(stars, std::string(10'000, 'a')));

@@ -40,10 +40,18 @@ def test_is_used_as_one_of_this_machine_until_the_link_ends(pair: Pair) -> None:
         "received", "result: echo: good day", "processed"]
     assert "error: failed as asked" in desk.run("convey", "send", "lumen", "--body", "fail", status=1)
     assert re.search(r"\bconvey\d+-2\.0 Tessaly: good day\n", log.read_text(encoding="utf-8"))
+    # Who hands over a text that came from elsewhere looks at no digest.
+    assert f" {LUMEN} (drops digests)\n" in desk.run("convey", "ports")
+    assert [port["name"] for port in json.loads(desk.run("convey", "ports", "--json"))["ports"]
+            if not port.get("digests", True)] == [LUMEN]
+    assert re.search(r" convey\d+-2\.0 \(drops digests\)\n", workshop.run("convey", "ports")), "askers from elsewhere"
     ports = json.loads(workshop.run("convey", "ports", "--json"))["ports"]
     process = next(port["process"] for port in ports if port["name"] == LUMEN)
     assert f"Process = {process}\n" in desk.run("convey", "diagnose", "lumen", status=None)
     assert "STATUS" in desk.run("convey", "keys", "lumen")
+    for redirection in (">/dev/full", ">&-"):
+        desk.run("sh", "-c", f"exec convey-link status {redirection}", status=3)
+    desk.run("convey-link", desk.keys() / "link.toml", status=6)  # one runs
     before = [link.resident() for link in (pair.desk_link, pair.workshop_link)]
     large = "many words " * (20 * 1024 * 1024 // 11)
     answer = desk.run("convey", "send", "lumen", "--body", "-", "--wait", "60", text=large)
@@ -141,6 +149,7 @@ def test_requests_wait_on_the_disks_of_the_servers(pair: Pair) -> None:
         desk.run("convey", "send", LUMEN, "--wait", "0", "--body", number)
     eventually("they are kept", lambda: bool(json.loads(
         desk.run("convey-link", "status", "--json"))["requests_kept"] == len(numbers)))
+    assert "(drops digests)" not in desk.run("convey", "ports")
     pair.world.servers[1].kill()
     lumen = pair.workshop.start("host", LUMEN, log="lumen.log", first=f"running as {LUMEN}")
     pair.workshop.join(OFFER)
@@ -179,6 +188,15 @@ def machine() -> Iterator[Machine]:
     ("[[use]]\napp = \"lumen-*\"\nat = \"workshop\"\n", {}, "lumen-*"),
     ("[[use]]\napp = \"lumen-2.5-en_us\"\n", {}, "at"),
     (USE + USE, {}, LUMEN),
+    ("", {"realm": '""'}, "realm: "),
+    ("", {"tls.key": '""'}, "tls: "),
+    ("[[offer]]\napp = \"lumen-*\"\nto = [\"desk\"]\nlunch = true\n", {}, "offer: lunch"),
+    ("[[offer]]\napp = \"lumen-*\"\nto = [\"anna.*\"]\n", {}, "offer: "),
+    ("[[use]]\napp = \"diary\"\nat = \"workshop\"\n", {}, "use: "),
+    ("[[use]]\napp = \"Diary-1.0\"\nat = \"workshop\"\n", {}, "use: "),
+    ("[[use]]\napp = \"diary-1.0\"\nat = \"desk\"\n", {}, "use: "),
+    (USE + "durable = 1\n", {}, "durable: "),
+    ("[.use]\n", {}, "line "),
     ("[[use]\n", {}, "link.toml"),
     ("[[use]]\napp = \"\\u0000\"\nat = \"workshop\"\n", {}, "app"),
 ])
