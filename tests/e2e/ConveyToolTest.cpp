@@ -233,12 +233,6 @@ TEST_F(ConveyToolTest, examinesWhatIsUsedElsewhere) {
          R"("uses":[{"app":"distant-1.0","at":"attic","state":"runs"}]})",
          0, "ok     link: r/n is connected to tls://s:1; attic is here, b is away\n"},
         {R"({"realm":"r","name":"n","connected":true,)"
-         R"("uses":[{"app":"distant-1.0","at":"attic","state":"away"}]})",
-         1,
-         "WRONG  link: distant-1.0 cannot be reached: attic is away\n       -> start convey-link "
-         "at "
-         "attic"},
-        {R"({"realm":"r","name":"n","connected":true,)"
          R"("uses":[{"app":"distant-1.0","at":"attic","state":"not offered"}]})",
          1, "WRONG  link: distant-1.0 is not offered by attic to r/n\n       -> an [[offer]]"},
         {R"({"realm":"r","name":"n","connected":true,)"
@@ -373,33 +367,6 @@ TEST_F(ConveyToolTest, showsWhatWaitsAndRemovesWhatIsStale) {
     EXPECT_THAT(tool({"ports", "--clean"}).out, HasSubstr("3 stale ports removed\n"));
     EXPECT_EQ(json({"ports"})["ports"].size(), 3U) << "those of the host that runs";
     EXPECT_EQ(tool({"ping", "kivra"}).exitStatus, 0);
-}
-
-TEST_F(ConveyToolTest, completesInBash) {
-    const std::tuple<const char*, int, const char*> cases[] = {
-        {"convey di", 1, "diagnose\n"},
-        {"convey ping lu", 2, "lumen-2.0-en_us\nlumen-2.5-en_us\n"},
-        {"convey ping all", 2, "allRunningApps\n"},
-        {"convey wait lumen --until g", 4, "gone\n"},
-        {"convey monitor --e", 2, "--errors\n"},
-        {"convey --json resolve kivrat", 3, "kivratool-7.0\n"},
-        {"ovrel-caps diff --j", 2, "--json\n"},
-        {"ovrel-caps show kivra-", 2, "kivra-7.0\n"},
-        {"ovrel-caps import FILE --rule n", 4, "newer\n"},
-        {"ovrel-caps group add suite 7.0 vi", 5, "viewer-1.0\n"},
-        // What is registered in the database that the line names: none there.
-        {"ovrel-caps --database /nowhere/caps.db get kivra", 4, "\n"},
-    };
-    for (const auto& [words, current, expected] : cases) {
-        const bool isCaps = std::string_view(words).starts_with("ovrel-caps");
-        const ProcessResult result = runProcess(
-            {"/bin/bash", "-c",
-             std::string("PATH='") + std::filesystem::path(CONVEY_PROGRAM).parent_path().string() +
-                 "':$PATH; . '" + (isCaps ? CAPS_BASH_COMPLETION : BASH_COMPLETION) +
-                 "'; COMP_WORDS=(" + words + "); COMP_CWORD=" + std::to_string(current) + "; " +
-                 (isCaps ? "_ovrel_caps" : "_convey") + "; printf '%s\\n' \"${COMPREPLY[@]}\""});
-        EXPECT_EQ(result.out, expected) << words << result.err;
-    }
 }
 
 // The line with N for what differs from one run to the next: times with three decimals, and the
