@@ -21,7 +21,6 @@ struct Entry {
 struct Library {
     std::vector<Entry> entries;                     // of domain 1
     std::map<std::string, std::string> launchPaths; // by payload
-    std::map<std::string, std::string> payloadData; // by payload, domain and key
     std::string failingKeys;                        // of this subdomain
     uint32_t productTime = 10;
     uint32_t domainTime = 20;
@@ -96,16 +95,6 @@ int32_t valueOf(capsiSession*, capsDomain, const char* subdomain, const char* ke
     return CAPS_NOTHING_THERE;
 }
 
-int32_t payloadValue(capsiSession*, const char* payload, capsDomain domain, const char* key,
-                     const char** out) {
-    const auto found = gLibrary->payloadData.find(payload + std::to_string(domain) + key);
-    if (found == gLibrary->payloadData.end()) {
-        return CAPS_NOTHING_THERE;
-    }
-    *out = found->second.c_str();
-    return CAPS_OK;
-}
-
 int32_t launchPath(const char* payload, char* buffer, uint32_t* size) {
     const auto found = gLibrary->launchPaths.find(payload);
     if (found == gLibrary->launchPaths.end() || found->second.size() >= *size) {
@@ -140,7 +129,6 @@ protected:
                        {"pcdGetDomainDataSubdomains", pointer(subdomains)},
                        {"pcdGetDomainDataKeys", pointer(keysOf)},
                        {"pcdGetDomainData", pointer(valueOf)},
-                       {"capsGetPayloadData", pointer(payloadValue)},
                        {"pdbGetAppLaunchPath", pointer(launchPath)},
                        {"capsGetLastModTime", pointer(productTime)},
                        {"pcdGetLastModTime", pointer(domainTime)}};
@@ -246,51 +234,6 @@ TEST_F(PCDConnectorTest, readsTheRegistryWhenMemoryIsThereAgain) {
         ASSERT_EQ(listing(*c), expected) << "after allocation " << number;
     }
     EXPECT_GT(number, 200) << "reading takes more allocations than that";
-}
-
-TEST_F(PCDConnectorTest, takesOnlyWhatIsARegistrationWithAPath) {
-    library.entries = {
-        {"/other/place", {{"Path", "/x/y"}}},
-        {"/ovrel/convey/Mixed-1.0", {{"Path", "/m/m"}}},
-        {"/ovrel/convey/x", {{"Path", "/one/letter"}}}, // too short to be a name by itself
-        {"/ovrel/convey/nopath", {{"Specifier", "nopath"}}},
-        {"/ovrel/convey/code", {{"ProductCode", "CODE-2.0"}, {"Path", "/c/c"}}},
-        {"/ovrel/convey/code", {{"ProductCode", "CODE-2.0"}, {"Path", "/c/c"}}},
-        {"/ovrel/convey/groups/extra", {{"Path", "/g/g"}}},
-        {"/ovrel/convey/ww", {{"ExecutableBasename", "https://a.ovrel.example/x"}}},
-        {"/ovrel/convey/w2", {{"ExecutableBasename", "https://evil.example/?.ovrel.example"}}},
-        {"/ovrel/convey/w3", {{"ExecutableBasename", "https://evil.example#.ovrel.example"}}},
-        {"/ovrel/convey/rr", {{"RedirectTo", "code-2.0"}}},
-    };
-    const auto c = connector();
-    // A registration that is known only by the capitals of its subdomain is not found by its name.
-    EXPECT_EQ(listing(*c), "Mixed-1.0 |code-2.0 /c/c|ww https://a.ovrel.example/x|rr /c/c|");
-}
-
-TEST_F(PCDConnectorTest, findsPathsInThePayloadsThatNameTheApplication) {
-    const char* prefix = "/ovrel/convey/";
-    library.entries = {
-        {"/ovrel/convey/bundle-1.0", {{"Specifier", "bundle-1.0"}}},
-        {"/ovrel/convey/plain-1.0", {{"Specifier", "plain-1.0"}}},
-        {"/ovrel/convey/config-1.0", {{"ExecutableBasename", "Tool"}}},
-        {"/ovrel/convey/shell-1.0",
-         {{"ExecutableBasename", "Sh"}, {"ExecutableExtensionMac", ""}, {"IsShellTool", "true"}}},
-        {"/ovrel/convey/none-1.0", {{"Specifier", "none-1.0"}}},
-        {"{P1}",
-         {{"ConveyCode", prefix + std::string("bundle-1.0")},
-          {"ConveyCode1", prefix + std::string("plain-1.0x")}}},
-        {"{P2}", {{"ConveyCode", prefix + std::string("plain-1.0")}}},
-        {"{P3}",
-         {{"ConveyCode", prefix + std::string("config-1.0")},
-          {"ConveyCode1", prefix + std::string("shell-1.0")},
-          {"ConveyCode3", prefix + std::string("none-1.0")},
-          {"PYLConfigPath", "/unused/x.xml"}}},
-    };
-    library.launchPaths = {{"{P1}", "/A/Bundle.APP/Contents/MacOS/B"}, {"{P2}", "/A/plain"}};
-    library.payloadData = {{"{P3}4PYLConfigPath", "/opt/a/b/c/d/e/f.xml"}};
-    const auto c = connector();
-    EXPECT_EQ(listing(*c), "bundle-1.0 /A/Bundle.APP|plain-1.0 /A/plain|"
-                           "config-1.0 /opt/a/Tool.app|shell-1.0 /opt/a/Sh.term|");
 }
 
 TEST_F(PCDConnectorTest, readsGroups) {

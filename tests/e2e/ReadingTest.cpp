@@ -31,13 +31,16 @@ public:
         }
         for (int i = 0; i < 3; ++i) {
             const std::string code = "{P" + std::to_string(i) + "}";
-            caps::Payload payload{
-                code, "normal", one({"", "/opt/P.App/Contents/MacOS/P", "/opt/bin/p"}), 4, {}};
-            if (chance(2)) {
+            caps::Payload payload{code,
+                                  "normal",
+                                  one({"", "", "", "/opt/P.App/Contents/MacOS/P", "/opt/bin/p"}),
+                                  4,
+                                  {}};
+            if (chance(7)) {
                 payload.data.push_back({one({"0", "4"}) == "0" ? 0 : 4, "PYLConfigPath",
                                         one({"/opt/P/a/b/c/d/x.xml", "/opt/P", "x.xml", ""})});
             }
-            if (chance(4)) {
+            if (chance(8)) {
                 EXPECT_EQ(store.addProduct({"product" + code, {payload}}), Status::ok);
             }
             std::string key = "ConveyCode";
@@ -63,7 +66,8 @@ public:
 
 private:
     bool chance(int outOfTen) { return std::uniform_int_distribution(0, 9)(random_) < outOfTen; }
-    std::string one(const std::vector<std::string>& words) {
+    template <class Word = std::string>
+    Word one(const std::vector<Word>& words) {
         return words[std::uniform_int_distribution<size_t>(0, words.size() - 1)(random_)];
     }
     std::string specifier() {
@@ -77,38 +81,34 @@ private:
     }
     void application(Store& store, const std::vector<std::string>& specifiers, size_t position) {
         const std::string subdomain =
-            "/ovrel/convey/" +
+            std::string("/ovrel/convey/") + (chance(1) && chance(3) ? "groups/" : "") +
             (chance(3) ? specifiers[position] : std::to_string(position) + one({"", "A", "-7.0"}));
         EXPECT_EQ(store.addSubdomain(1, subdomain), Status::ok);
+        struct Field {
+            std::vector<std::string> keys;
+            std::vector<std::string> values;
+        };
+        const std::vector<Field> fields = {
+            {{"Specifier", "ProductCode"}, {chance(9) ? specifiers[position] : ""}},
+            {{"Specifier"}, {specifiers[position]}},
+            {{"Path"}, {"/a/b", "/c/D.app", "none", "", "/é'\x01"}},
+            {{"Path"}, {"/a/b", "/c/D.app"}},
+            {{"RedirectTo"}, {one(specifiers), one(specifiers) + "#9", "nobody", ""}},
+            {{"ExecutableBasename"},
+             {"prog", "tool", "https://x.ovrel.example/", "https://evil.example/?.ovrel.example",
+              "https://evil.example#.ovrel.example", ""}},
+            {{"ExecutableExtensionMac"}, {"", "bin"}},
+            {{"ConveyVersion"}, {"2.0", "2", "nan", "x"}},
+            {{"IsShellTool", "MessageDigest", "DisplayName"}, {"true", "True"}},
+        };
         for (int i = 0; i < 5; ++i) {
-            switch (std::uniform_int_distribution(0, 8)(random_)) {
-            case 0:
-            case 1:
-                set(store, subdomain, one({"Specifier", "ProductCode"}),
-                    chance(9) ? specifiers[position] : "");
-                break;
-            case 2:
-            case 3:
-                set(store, subdomain, "Path", one({"/a/b", "/c/D.app", "none", "", "/é'\x01"}));
-                break;
-            case 4:
-                set(store, subdomain, "RedirectTo",
-                    one({one(specifiers), one(specifiers) + "#9", "nobody", ""}));
-                break;
-            case 5:
-                set(store, subdomain, "ExecutableBasename",
-                    one({"prog", "https://x.ovrel.example/", "https://evil.example/", ""}));
-                break;
-            case 6:
-                set(store, subdomain, "ExecutableExtensionMac", one({"", "bin"}));
-                break;
-            case 7:
-                set(store, subdomain, "ConveyVersion", one({"2.0", "2", "nan", "x"}));
-                break;
-            default:
-                set(store, subdomain, one({"IsShellTool", "MessageDigest", "DisplayName"}),
-                    one({"true", "True"}));
-            }
+            const Field field = one(fields);
+            set(store, subdomain, one(field.keys), one(field.values));
+        }
+        if (chance(1)) { // too rare by chance
+            set(store, subdomain, "ExecutableBasename", "shell");
+            set(store, subdomain, "ExecutableExtensionMac", "");
+            set(store, subdomain, "IsShellTool", one({"true", "True"}));
         }
     }
 
