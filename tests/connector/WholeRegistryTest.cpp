@@ -115,6 +115,22 @@ TEST(WholeRegistry, followsAFileThatComesBackAndOneOfTheFirstVersion) {
             std::filesystem::remove(path + suffix);
         }
     }
+    const std::string other = folder.file("other.db");
+    ASSERT_EQ(openStore(other)->setDomainData(1, "/ovrel/convey/new-1.0", "Path", "/new"),
+              Status::ok);
+    for (const std::string& file : {path, other}) { // as if made in the same second
+        executeSql(file, "UPDATE modification SET time = 7");
+    }
+    EXPECT_TRUE(connector.updateCache(false));
+    std::filesystem::rename(other, path);
+    EXPECT_TRUE(connector.updateCache(false)) << "another one in its place";
+    EXPECT_EQ(sees(), "/new");
+    executeSql(path, "VACUUM");
+    (void)connector.updateCache(false);
+    EXPECT_EQ(sees(), "/new");
+    std::ofstream(path, std::ios::trunc) << "no database any more";
+    (void)connector.updateCache(false);
+    EXPECT_THAT(sees(), testing::AnyOf("/new", ""));
 }
 
 // A shell tool is often started by a name without version.

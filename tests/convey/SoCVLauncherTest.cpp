@@ -62,18 +62,11 @@ TEST_F(LauncherTest, queuesTheParametersThreeWays) {
     fakes.processes.running.clear();
     EXPECT_FALSE(Launcher::isProcessRunning(5000));
     EXPECT_FALSE(Launcher::isProcessRunning(0));
-}
-
-TEST_F(LauncherTest, aFailedLaunchKeepsNobodyWaiting) {
     fakes.processes.cannotStart = true;
-    const SoString parameters("-a");
-    EXPECT_FALSE(launch(kPath, &parameters));
-    EXPECT_FALSE(isPending());
-    EXPECT_EQ(waiting().size(), 2U) << "messages stay until their time is up";
-    SoString found("unchanged");
-    EXPECT_TRUE(ScObjects::ConveyUtils::getLaunchParameters("other-2.0", found)) << "at once";
-    EXPECT_EQ(found, "");
-    EXPECT_FALSE(own.incomingMessagePending()) << "nothing of the launch is left";
+    EXPECT_FALSE(launch(kPath, &parameters, Launcher::kInFront, nullptr, "third-1.0"));
+    EXPECT_TRUE(InterAppStream::get()->canOpen("third-1.0#haslaunchparams", false))
+        << "a launch that has failed keeps nobody waiting";
+    EXPECT_EQ(waiting().size(), 5U) << "messages stay until their time is up";
 }
 
 TEST_F(LauncherTest, theAcknowledgementEndsThePending) {

@@ -3,13 +3,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "scriptobjects/convey/SoConvey.h"
 #include "tests/e2e/Scene.h"
-#include "tests/support/Database.h"
 
 namespace {
 
-using ScObjects::Convey;
 using testing::HasSubstr;
 
 class FaultsTest : public Scene {
@@ -290,87 +287,6 @@ TEST_F(FaultsTest, aClockThatIsSetEndsNoWaitAndProlongsNone) {
         EXPECT_EQ(patient->finish(), 0);
         EXPECT_EQ(patient->rest(), "result: answer\nprocessed\n");
     }
-}
-
-TEST_F(FaultsTest, aDatabaseThatChangesBelowTheLayerIsFollowed) {
-    ASSERT_TRUE(Convey::InitTerm::init("kivra-7.0", true));
-    const auto number = [] {
-        (void)Convey::updateConnectorCache(false);
-        return Convey::getNumberOfRegisteredApplications();
-    };
-    EXPECT_EQ(number(), 2);
-    const auto addTo = [this](const char* file, const char* specifier) {
-        add(specifier, "/opt/App.app", {{"OVREL_CAPS_DB", folder.file(file)}});
-    };
-    for (const char* specifier : {"a-1.0", "b-1.0", "c-1.0"}) {
-        addTo("other.db", specifier);
-    }
-    for (const std::string& file : {database, folder.file("other.db")}) {
-        executeSql(file, "UPDATE modification SET time = 7"); // as if made in the same second
-    }
-    EXPECT_EQ(number(), 2);
-    std::filesystem::rename(folder.file("other.db"), database);
-    EXPECT_EQ(number(), 3) << "replaced";
-    EXPECT_FALSE(Convey::updateConnectorCache(false)) << "and stands still";
-    executeSql(database, "VACUUM");
-    EXPECT_EQ(number(), 3) << "vacuumed";
-    add("d-1.0");
-    EXPECT_EQ(number(), 4) << "and changed";
-    EXPECT_TRUE(Convey::isRegistryKnown());
-    std::filesystem::rename(database, folder.file("away.db"));
-    EXPECT_EQ(number(), 4) << "what was read is kept while there is nothing else";
-    std::filesystem::rename(folder.file("away.db"), database);
-    EXPECT_EQ(number(), 4) << "restored";
-    addTo("older.db", "e-1.0");
-    std::filesystem::remove(database);
-    EXPECT_EQ(number(), 4) << "deleted";
-    std::filesystem::rename(folder.file("older.db"), database);
-    EXPECT_EQ(number(), 1) << "restored from another one";
-    std::ofstream(database, std::ios::trunc) << "no database any more";
-    EXPECT_LE(number(), 1) << "spoilt";
-    EXPECT_TRUE(Convey::InitTerm::exit());
-}
-
-TEST_F(FaultsTest, aPortFolderThatIsRemovedIsReportedAndMadeAgain) {
-    const std::string errors = folder.file("errors");
-    const std::string ports = folder.file("convey");
-    const auto running = [] {
-        return runProcess({KIVRA_CONVEY_CMD, "check_running", "lumen-2.0"}).out;
-    };
-    const auto start = [&] {
-        return started({"/bin/sh", "-c", "exec \"$0\" lumen-2.0 2>>'" + errors + "'", HOST},
-                       "running as lumen-2.0");
-    };
-    auto host = start();
-    EXPECT_THAT(running(), HasSubstr("ECHO_RESPONSE"));
-    EXPECT_EQ(TemporaryFolder::read(errors), "");
-    std::filesystem::remove_all(ports);
-    EXPECT_TRUE(eventually([&] {
-        // The file that was removed first, of the two of each port.
-        const std::string said = TemporaryFolder::read(errors);
-        return said.find("lumen-2.0.lock was removed") != std::string::npos ||
-               said.find("lumen-2.0.socket was removed") != std::string::npos;
-    })) << TemporaryFolder::read(errors);
-    // It waits on, and does not look for its folder all the time.
-    const auto ticks = [&] {
-        std::istringstream status(
-            TemporaryFolder::read("/proc/" + std::to_string(host->pid()) + "/stat"));
-        std::string word;
-        for (int i = 0; i < 13; ++i) {
-            status >> word;
-        }
-        long user = 0;
-        long system = 0;
-        status >> user >> system;
-        return user + system;
-    };
-    const long before = ticks();
-    std::this_thread::sleep_for(std::chrono::seconds(1));
-    EXPECT_LT(ticks() - before, sysconf(_SC_CLK_TCK) / 4) << "of a second";
-    EXPECT_THAT(running(), HasSubstr("ISNOTRUNNING"));
-    EXPECT_EQ(host->finish(SIGTERM), 0);
-    host = start();
-    EXPECT_THAT(running(), HasSubstr("ECHO_RESPONSE")) << "recovered at the next start";
 }
 
 } // namespace
