@@ -13,12 +13,10 @@ using ScObjects::SoString;
 
 namespace {
 
-CVConnectorAppInfo record(const char* specifier, const char* path = "/p",
-                          const char* redirect = "") {
+CVConnectorAppInfo record(const char* specifier, const char* path = "/p") {
     CVConnectorAppInfo info;
     info.specifier = specifier;
     info.path = path;
-    info.redirectTo = redirect;
     return info;
 }
 
@@ -91,22 +89,6 @@ TEST(AppInfoList, updatesUnderTheNameThatTheCallerGives) {
     EXPECT_FALSE(list.setProcessID("lumen_1-1.0", 5)) << "exact registrations only";
     EXPECT_TRUE(list.setProcessID("lumen-1.0", 5));
     EXPECT_EQ(list.get(1)->processID, 5U);
-}
-
-TEST(AppInfoList, resolvesRedirectsAlongTheirChains) {
-    CVConnectorAppInfoList list;
-    EXPECT_FALSE(list.resolveRedirectTo());
-    fill(list, {record("a", "/a", "b"), record("b", "/b", "c"), record("c", "/c"),
-                record("lost", "/lost", "nosuch"), record("behind", "/behind", "lost"),
-                record("x", "/x", "y"), record("y", "/y", "x"), record("into", "/into", "x"),
-                record("self", "/self", "self"), record("instance", "", "c_2")});
-    EXPECT_TRUE(list.resolveRedirectTo());
-    const std::pair<const char*, const char*> cases[] = {
-        {"a", "/c"}, {"b", "/c"}, {"c", "/c"},       {"lost", "/lost"}, {"behind", "/lost"},
-        {"x", "/x"}, {"y", "/y"}, {"into", "/into"}, {"self", "/self"}, {"instance", "/c"}};
-    for (const auto& [specifier, path] : cases) {
-        EXPECT_STREQ(list.find(specifier, nullptr)->path.c_str(), path) << specifier;
-    }
 }
 
 TEST(AppInfoList, findsWhatAWalkWouldFindAfterRandomChanges) {

@@ -222,15 +222,13 @@ TEST_F(PCDConnectorTest, readsTheRegistryWhenMemoryIsThereAgain) {
     for (; failed; ++number) {
         const auto c = connector();
         ASSERT_NE(c, nullptr);
-        {
-            const FailingAllocation failing(number);
+        failed = fails(number, [&c] {
             try {
                 (void)c->getNumberOfRegisteredApplications();
                 (void)c->updateCache(true);
             } catch (const std::bad_alloc&) {
             }
-            failed = FailingAllocation::hasFailed();
-        }
+        });
         ASSERT_EQ(listing(*c), expected) << "after allocation " << number;
     }
     EXPECT_GT(number, 200) << "reading takes more allocations than that";

@@ -425,13 +425,11 @@ TEST_F(MessagingTest, withoutMemoryThereIsAnOutcomeAllTheSame) {
                 told += how.kind() == Outcome::kCancelled ? 100 : 1;
             });
             Convey::Pending pending;
-            {
-                const FailingAllocation failing(number);
+            failed = fails(number, [&] {
                 pending = request.send();
                 pumpAll();
                 (void)later.result(answer);
-                failed = FailingAllocation::hasFailed();
-            }
+            });
             pumpUntil([&] {
                 (void)later.result(answer);
                 return told != 0;

@@ -374,11 +374,7 @@ TEST_F(ConversationTest, noOperationThrowsWhenMemoryRunsOut) {
             SCOPED_TRACE(std::string(name) + " " + std::to_string(number));
             prepare();
             done = false;
-            {
-                const FailingAllocation failing(number);
-                EXPECT_NO_THROW(operation());
-                failed = FailingAllocation::hasFailed();
-            }
+            failed = fails(number, [&operation = operation] { EXPECT_NO_THROW(operation()); });
             EXPECT_TRUE(failed || done);
             ASSERT_LT(number, 5000);
             handler.reset();
@@ -412,11 +408,8 @@ TEST_F(ConversationTest, aMessageIsNotLostWhenMemoryRunsOut) {
                    number);
         }
         ASSERT_TRUE(sendFrom(own, request(number, "Result Error")));
-        {
-            const FailingAllocation failing(static_cast<int>(number) - 1);
-            (void)Convey::pump(ScObjects::kProcessBoth);
-            failed = FailingAllocation::hasFailed();
-        }
+        failed = fails(static_cast<int>(number) - 1,
+                       [] { (void)Convey::pump(ScObjects::kProcessBoth); });
         pumpAll();
         EXPECT_LE(calls, 1);
         EXPECT_NE(heard, "");

@@ -13,3 +13,11 @@ public:
     // False when there were not that many.
     static bool hasFailed();
 };
+
+// Whether so many allocations were made within the operation that this one has failed.
+template <class Operation>
+bool fails(int number, Operation&& operation) {
+    const FailingAllocation failing(number);
+    operation();
+    return FailingAllocation::hasFailed();
+}
