@@ -1,4 +1,4 @@
-// What the system below takes away: disk, home, database, port folder.
+// What the system below takes away: disk, home, descriptors, readers, the time of day.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
