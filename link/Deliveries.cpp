@@ -183,13 +183,13 @@ void Deliveries::work() {
             lock.lock();
             keptBytes_ -= front.text.size();
             --keptTexts_;
-            line.pop_front();
             if (ended.ticket != 0) {
                 ended_.push_back(std::move(ended));
                 lock.unlock();
                 wake_();
                 lock.lock();
             }
+            line.pop_front(); // not before: another would work at a line that somebody fills again
         }
         if (line.empty()) {
             lines_.erase(target);

@@ -87,6 +87,29 @@ TEST_F(DeliveriesTest, whatATargetDrawsSlowlyOrWithAPauseComesOnceAndWhole) {
     EXPECT_EQ(takeAll(*port).size(), 0U);
 }
 
+// While the end of the last one is told its line has somebody who works at it.
+TEST_F(DeliveriesTest, whatComesWhileAnEndIsToldIsHandedOverOnce) {
+    const std::string body(size_t{24} << 20, 'b');
+    bool again = true;
+    deliveries = std::make_unique<Deliveries>(
+        ports,
+        [&] {
+            if (std::exchange(again, false)) {
+                post(body, 2);
+            }
+            ended.release();
+        },
+        [](const std::string&) { return false; });
+    post(body, 1);
+    PortText text;
+    ASSERT_TRUE(draw(text));
+    ASSERT_TRUE(ended.try_acquire_for(std::chrono::milliseconds(kGenerous)));
+    ASSERT_TRUE(draw(text));
+    ASSERT_TRUE(ended.try_acquire_for(std::chrono::milliseconds(kGenerous)));
+    deliveries.reset(); // whoever else works ends
+    EXPECT_EQ(takeAll(*port).size(), 0U);
+}
+
 // In order also around one that goes by itself, and no more in one text than a packet holds. Those
 // for which the target's queue had no room come one by one.
 TEST_F(DeliveriesTest, smallOnesThatComeTogetherAreOneTextForTheirTarget) {
