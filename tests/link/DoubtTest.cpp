@@ -18,10 +18,10 @@ protected:
 
     void nobodyListens() { happens({Wire::EventKind::absent, "workshop", {}}); }
     // The workshop says that lumen runs.
-    void greets() {
+    void greets(uint64_t itsLife = kOtherLife) {
         Frame presence;
         presence.kind = FrameKind::presence;
-        presence.senderLife = kOtherLife;
+        presence.senderLife = itsLife;
         presence.apps = {{kLumen, AppState::running}};
         happens({Wire::EventKind::frame, "workshop", encode(presence)});
     }
@@ -37,11 +37,28 @@ protected:
                   platform::SendResult::delivered);
         (void)link->step(true);
     }
-    size_t pingsSent() const {
+    void request(const char* serial) {
+        Text request;
+        request.set(kTarget, kLumen);
+        request.set(kSender, "asker-1.0");
+        request.set(kType, "note");
+        request.set(kSerial, serial);
+        request.set(kWanted, "Error");
+        ASSERT_EQ(ports.send(prefix + kLumen, request.write(), 0), platform::SendResult::delivered);
+        (void)link->step(true);
+    }
+    void goes() {
+        Frame bye;
+        bye.kind = FrameKind::bye;
+        bye.senderLife = kOtherLife;
+        happens({Wire::EventKind::frame, "workshop", encode(bye)});
+    }
+    size_t sent(FrameKind kind) const {
         return static_cast<size_t>(
             std::count_if(wire.sent.begin(), wire.sent.end(),
-                          [](const auto& one) { return one.first == FrameKind::ping; }));
+                          [kind](const auto& one) { return one.first == kind; }));
     }
+    size_t pingsSent() const { return sent(FrameKind::ping); }
 };
 
 TEST_F(DoubtTest, oneThatChangesServersIsAskedAgainAndNotSaidToBeAbsent) {
@@ -84,13 +101,24 @@ TEST_F(DoubtTest, oneThatDoesNotComeBackIsAbsentAndAtOnceFromThenOn) {
 }
 
 TEST_F(DoubtTest, oneThatSaidGoodbyeIsAbsentAtOnce) {
-    Frame bye;
-    bye.kind = FrameKind::bye;
-    bye.senderLife = kOtherLife;
-    happens({Wire::EventKind::frame, "workshop", encode(bye)});
+    goes();
     ask();
     nobodyListens();
     EXPECT_NE(told().find("ISNOTRUNNING"), std::string::npos);
+}
+
+// What had gone to the life before may have been handled; what waited goes to the next one.
+TEST_F(DoubtTest, anotherLifeIsGivenWhatWaitsAndAskersHearOfTheRest) {
+    request("1");
+    goes();
+    request("2");
+    EXPECT_EQ(sent(FrameKind::cargo), 1u);
+    greets(kOtherLife + 1);
+    EXPECT_EQ(sent(FrameKind::cargo), 2u);
+    const std::string answer = told();
+    EXPECT_NE(answer.find("Serial-Number:1\n"), std::string::npos) << answer;
+    EXPECT_NE(answer.find("62"), std::string::npos) << answer;
+    EXPECT_EQ(answer.find("Serial-Number:2\n"), std::string::npos) << answer;
 }
 
 TEST(SilenceTest, isOfAServerThatWasAskedAndNotOfWhoDidNotListen) {
