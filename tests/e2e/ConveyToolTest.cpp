@@ -1,8 +1,4 @@
-#include <cctype>
-#include <cstring>
-
 #include "tests/e2e/ConveyToolFixture.h"
-#include "tests/support/Session.h"
 
 namespace {
 
@@ -249,30 +245,6 @@ TEST_F(ConveyToolTest, examinesWhatIsUsedElsewhere) {
     EXPECT_THAT(tool({"doctor", "lumen"}).out, Not(HasSubstr("distant"))) << "it was not asked for";
 }
 
-// The commands of the page are understood, whatever they answer.
-TEST_F(ConveyToolTest, thePageOfSymptomsNamesWhatThereIs) {
-    std::istringstream page(TemporaryFolder::read(TROUBLESHOOTING));
-    std::set<std::string> run;
-    for (std::string span; std::getline(page, span, '`');) {
-        if (!span.starts_with("convey ") || !run.insert(span).second) {
-            continue;
-        }
-        std::istringstream words(span.substr(7));
-        std::vector<std::string> command;
-        for (std::string word; words >> word;) {
-            command.push_back(word == "FILE" ? folder.file("capture") : word);
-        }
-        if (command[0] == "monitor") { // without end else
-            command.insert(command.end(), {"--timeout", "0.5"});
-        } else if (command[0] == "top") {
-            command.emplace_back("--json");
-        }
-        const ProcessResult result = tool(command);
-        EXPECT_TRUE(result.exitStatus == 0 || result.exitStatus == 1) << span << result.err;
-    }
-    EXPECT_GE(run.size(), 12U);
-}
-
 // On a terminal of each width every line fits, and every column is there.
 TEST_F(ConveyToolTest, fitsTheTerminal) {
     for (const size_t width : {60U, 80U, 120U}) {
@@ -367,59 +339,6 @@ TEST_F(ConveyToolTest, showsWhatWaitsAndRemovesWhatIsStale) {
     EXPECT_THAT(tool({"ports", "--clean"}).out, HasSubstr("3 stale ports removed\n"));
     EXPECT_EQ(json({"ports"})["ports"].size(), 3U) << "those of the host that runs";
     EXPECT_EQ(tool({"ping", "kivra"}).exitStatus, 0);
-}
-
-// The line with N for what differs from one run to the next: times with three decimals, and the
-// numbers of processes, in the tool's own name and in tables, with the blanks behind.
-std::string normalised(const std::string& line) {
-    constexpr const char* kDigits = "0123456789";
-    std::string out;
-    for (size_t i = 0; i < line.size();) {
-        const size_t end = std::min(line.find_first_not_of(kDigits, i), line.size());
-        if (end == i) {
-            if (line[i] != ' ' ||
-                !out.ends_with("  ")) { // the longest number sets a column's width
-                out += line[i];
-            }
-            ++i;
-            continue;
-        }
-        const size_t fraction =
-            line[end] == '.' ? std::min(line.find_first_not_of(kDigits, end + 1), line.size()) : 0;
-        if (fraction == end + 4) {
-            out += "N.NNN";
-            i = fraction;
-        } else if ((i == 0 || line[i - 1] == ' ') && end - i > 2 && line[end] == ' ') {
-            out += "N ";
-            i = line.find_first_not_of(' ', end);
-        } else {
-            out += out.ends_with("convey") ? "N" : line.substr(i, end - i);
-            i = end;
-        }
-    }
-    return out;
-}
-
-// Each command of the README's session, with what it shows there.
-TEST_F(ConveyToolTest, theReadmeShowsWhatHappens) {
-    const auto normal = [](const std::string& text, bool isPage) {
-        std::istringstream lines(text);
-        std::string all;
-        for (std::string line; std::getline(lines, line);) {
-            all += line.empty() && isPage ? "" : normalised(line) + "\n";
-        }
-        return all;
-    };
-    const int commands = eachCommand(
-        TemporaryFolder::read(README), "convey ",
-        [&](const std::string& command, const std::string& shown) {
-            const ProcessResult result = runProcess(
-                {"/bin/sh", "-c",
-                 "PATH='" + std::filesystem::path(CONVEY_PROGRAM).parent_path().string() +
-                     "':$PATH; export PATH; " + command + " 2>&1"});
-            EXPECT_EQ(normal(result.out, false), normal(shown, true)) << command;
-        });
-    EXPECT_GE(commands, 4);
 }
 
 } // namespace

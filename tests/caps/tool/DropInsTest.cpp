@@ -1,9 +1,6 @@
-
-#include "caps/Store.h"
 #include "caps/tool/DropIns.h"
+#include "caps/Store.h"
 #include "tests/support/Database.h"
-#include "tests/support/Process.h"
-#include "tests/support/Session.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace {
@@ -12,22 +9,6 @@ using caps::Contents;
 using caps::Status;
 using caps::Store;
 using namespace caps::tool;
-
-// Each command of the page's session, with what it shows there.
-TEST(RegistryMoving, thePageShowsWhatHappens) {
-    const TemporaryFolder folder;
-    std::filesystem::copy(SAMPLE_REGISTRY, folder.file("sample.toml"));
-    std::filesystem::copy(REGISTRY_SCHEMA, folder.file("registry.rng"));
-    const int commands = eachCommand(
-        TemporaryFolder::read(REGISTRY_PAGE), "",
-        [&](const std::string& command, const std::string& shown) {
-            const ProcessResult result = runProcess(
-                {"/bin/sh", "-c",
-                 "exec 2>&1; cd '" + folder.file("") + "'; PATH='" PROGRAMS "':$PATH; " + command});
-            EXPECT_EQ(result.out, shown) << command;
-        });
-    EXPECT_GE(commands, 15);
-}
 
 class DropInsTest : public testing::Test {
 protected:
