@@ -11,6 +11,7 @@ from world import HERE, PROGRAMS, Machine, Process, World
 
 LUMEN = "lumen-2.5-en_us"
 OFFER = '[[offer]]\napp = "lumen-*"\nto = ["desk", "attic"]\nlaunch = true\n'
+NO_LAUNCH = OFFER.replace("launch = true", "launch = false")
 USE = f'[[use]]\napp = "{LUMEN}"\nat = "workshop"\n'
 
 
@@ -39,6 +40,10 @@ class Pair:
         """Writes down what it handles."""
         return self.workshop.start(sys.executable, HERE / "load.py", "answer", LUMEN, self.handled,
                                    log="target.log", first=f"running as {LUMEN}")
+
+    def host(self) -> Process:
+        """Answers, and says what it handles."""
+        return self.workshop.start("host", LUMEN, log="lumen.log", first=f"running as {LUMEN}")
 
     def asker(self, window: int = 16, pause: float = 0.002, number: int = 1) -> Process:
         """Sends numbered requests until it is asked to end."""

@@ -12,7 +12,7 @@ import threading
 import time
 from collections.abc import Callable
 
-from conftest import LUMEN, OFFER, USE, Pair
+from conftest import LUMEN, NO_LAUNCH, USE, Pair
 from judge import judge, lines
 from world import SERVERS, Process, eventually
 
@@ -22,8 +22,6 @@ STOP = 10 if LONG else 1
 REQUESTS = 25_000 if LONG else 0
 PATIENCE = 900 if LONG else 120
 MANY = 1000 if LONG else 50  # requests from one break to the next
-# Targets are started by the tests: what a request had launched would come first at times.
-NO_LAUNCH = OFFER.replace("launch = true", "launch = false")
 
 
 def count(journal: pathlib.Path) -> int:
@@ -57,7 +55,7 @@ BETWEEN = ("NotRunning",)
 def under_load(pair: Pair, breaks: dict[str, Callable[[], None]], may_end: tuple[str, ...]) -> None:
     """Breaks one thing after the other while an asker asks, and judges; `may_end`: what else than
     with a result a request may end with."""
-    pair.join(NO_LAUNCH)
+    pair.join(NO_LAUNCH)  # what a request had launched would come before the test's own at times
     pair.targets = [pair.target()]
     pair.askers = [pair.asker()]
     flows(pair, "the start")

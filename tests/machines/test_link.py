@@ -137,26 +137,6 @@ def test_servers_that_have_no_time_are_tried_again(world: World) -> None:
     assert link.end() == 0
 
 
-def test_requests_wait_on_the_disks_of_the_servers(pair: Pair) -> None:
-    """With the example's permissions: who may not make streams has its requests kept in one."""
-    desk, keeper = pair.desk, pair.world["attic"]
-    keeper.keys("keeper@studio")
-    store = ("convey-link", "store", keeper.configure(name='"keeper"'), "desk", "workshop")
-    eventually("the servers make a stream", lambda: "wait in" in keeper.run(*store, status=None))
-    desk.join(USE + "durable = true\n")
-    numbers = [str(number) for number in range(10)]
-    for number in numbers:
-        desk.run("convey", "send", LUMEN, "--wait", "0", "--body", number)
-    eventually("they are kept", lambda: bool(json.loads(
-        desk.run("convey-link", "status", "--json"))["requests_kept"] == len(numbers)))
-    assert "(drops digests)" not in desk.run("convey", "ports")
-    pair.world.servers[1].kill()
-    lumen = pair.workshop.start("host", LUMEN, log="lumen.log", first=f"running as {LUMEN}")
-    pair.workshop.join(OFFER)
-    lumen.says(f" {numbers[-1]}\n", seconds=60)
-    assert re.findall(r": (\d+)\n", lumen.said()) == numbers
-
-
 def test_one_of_this_machine_wins(pair: Pair) -> None:
     pair.desk.add(LUMEN)
     pair.workshop_link = pair.workshop.join(OFFER)

@@ -31,6 +31,7 @@ EXAMPLE = ROOT / "examples" / "link"
 PROGRAMS = pathlib.Path(os.environ["CONVEY_PROGRAMS"])
 SECONDS = 60.0  # what is waited for comes long before
 SERVERS = (1, 2, 3)
+PASSED = ("LD_LIBRARY_PATH", "PYTHONPATH", "PYTHONDONTWRITEBYTECODE", "ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS")
 MARK = "CONVEY_WORLD"  # in the environment of all that a world has started
 
 Word = str | pathlib.Path
@@ -145,8 +146,7 @@ class Machine:
             "XDG_CONFIG_HOME": str(self.home / ".config"), "XDG_STATE_HOME": str(self.home / ".state"),
             "OVREL_CAPS_DB": str(self.home / "caps.db"), "CONVEY_CAPS_FOLDER": str(PROGRAMS),
             "PATH": f"{PROGRAMS}:{os.environ['PATH']}", MARK: str(world.folder),
-            **{name: os.environ[name] for name in ("LD_LIBRARY_PATH", "PYTHONPATH", "PYTHONDONTWRITEBYTECODE")
-               if name in os.environ}}
+            **{name: os.environ[name] for name in PASSED if name in os.environ}}
         if world.spaces:
             self._join()
         self._network = subprocess.Popen(
@@ -368,6 +368,14 @@ class World:
         said = len(re.findall("Server is ready", self.servers[i].said()))
         self.start_server(i)
         self.servers[i].says("Server is ready", said + 1)
+
+    def kill_servers(self) -> None:
+        for server in self.servers.values():
+            server.kill()
+
+    def restart_servers(self) -> None:
+        for i in self.servers:
+            self.restart_server(i)
 
     def close(self) -> None:
         for process in self.processes:
