@@ -366,6 +366,7 @@ bool Convey::Message::Reader::prepare(size_t bytes) {
             text_.append(std::exchange(rest_, SoString()).view());
         }
     }
+    (void)text_.extend(0); // a buffer of its own, which the body may become
     isPrepared_ = true;
     return true;
 }
@@ -423,6 +424,7 @@ const char* Convey::Message::readFromString(const char* text) {
 
 int32_t Convey::Message::readFromString(SoString& text, int32_t offset) {
     const ObjectLock guard(*this);
+    (void)text.extend(0); // a buffer of its own, which the body may become
     const char* const next = readLocked(text.c_str() + offset, &text);
     finishReading();
     return next == nullptr ? 0 : static_cast<int32_t>(next - text.c_str());

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cctype>
 #include <charconv>
 #include <cstdio>
@@ -33,6 +34,10 @@ int32_t capacityFor(int64_t length) {
 // copied for every step, and take quadratic time. The room behind it is the block's, not the
 // string's, whose capacity stays that of its length.
 constexpr int32_t kLargeLength = 16 << 10;
+
+// Sharing costs about as much as copying so many; and of what is shorter, appending makes a buffer
+// anew at each step.
+constexpr int32_t kSharedLength = kLargeLength;
 
 int64_t spareFor(int32_t length, int64_t newLength) {
     return length < kLargeLength ? 0
@@ -183,11 +188,71 @@ SoString::SoString(char c) : length_(1) {
 // For constructors: an uninitialised buffer for `length` bytes, which may be none.
 inline void SoString::reserveFresh(int64_t length) {
     if (length >= kShortBytes) {
-        data_ = newBuffer(length);
-        capacity_ = capacityFor(length);
+        own(newBuffer(length), capacityFor(length));
     }
     length_ = static_cast<int32_t>(length);
     data_[length] = '\0';
+}
+
+// Has a buffer of the heap from now on, which no other string has.
+inline void SoString::own(char* buffer, int32_t capacity) {
+    data_ = buffer;
+    capacity_ = capacity;
+    new (short_) Sharers*(nullptr);
+}
+
+// Of a string with a buffer of the heap; null until it is copied first.
+inline SoString::Sharers*& SoString::sharers() const {
+    return *std::launder(reinterpret_cast<Sharers**>(short_));
+}
+
+// Once it is false nobody else can make it true: who would copy another string with this buffer has
+// none. What others have read of the buffer, they have read before.
+inline bool SoString::isShared() const {
+    if (data_ == short_) {
+        return false;
+    }
+    const Sharers* const count = sharers();
+    return count != nullptr && count->load(std::memory_order_acquire) > 1;
+}
+
+inline void SoString::release() {
+    if (data_ == short_) {
+        return;
+    }
+    Sharers* const count = sharers();
+    if (count == nullptr || count->fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        delete count;
+        freeHeap(data_);
+    }
+}
+
+// For one that holds nothing: the other's text in the same buffer; false when it is to be copied.
+// The other may be read, and copied, by several threads at once.
+bool SoString::share(const SoString& other) noexcept {
+    // A buffer that is much larger would stay as long as this string, which does not say so.
+    if (other.length_ < kSharedLength ||
+        platform::TextMemory::roomOf(other.data_) / 2 > static_cast<size_t>(other.length_)) {
+        return false;
+    }
+    const std::atomic_ref<Sharers*> place(other.sharers());
+    Sharers* count = place.load(std::memory_order_acquire);
+    if (count == nullptr) {
+        auto* const first = new (std::nothrow) Sharers(1);
+        if (first == nullptr) {
+            return false;
+        }
+        if (place.compare_exchange_strong(count, first, std::memory_order_acq_rel)) {
+            count = first;
+        } else {
+            delete first; // another thread was faster
+        }
+    }
+    count->fetch_add(1, std::memory_order_relaxed);
+    own(other.data_, capacityFor(other.length_));
+    sharers() = count;
+    length_ = other.length_;
+    return true;
 }
 
 SoString::SoString(const char* text, int32_t length) : SoString(viewOf(text, length)) {}
@@ -203,8 +268,10 @@ SoString::SoString(const SoString& other) : SoHeap(other) {
         length_ = other.length_;
         return;
     }
-    reserveFresh(other.length_);
-    std::memcpy(data_, other.data_, static_cast<size_t>(length_));
+    if (!share(other)) {
+        reserveFresh(other.length_);
+        std::memcpy(data_, other.data_, static_cast<size_t>(length_));
+    }
 }
 
 SoString::SoString(SoString&& other) noexcept : SoHeap(other) {
@@ -213,13 +280,10 @@ SoString::SoString(SoString&& other) noexcept : SoHeap(other) {
 
 // What the other holds, whatever this one points to. Who uses the other again finds it empty.
 void SoString::take(SoString& other) noexcept {
-    if (other.data_ == other.short_) {
-        // All of them: a number that is known here costs less than the length, which is not.
-        std::memcpy(short_, other.short_, kShortBytes);
-        data_ = short_;
-    } else {
-        data_ = std::exchange(other.data_, other.short_);
-    }
+    // All of them, or the place of the count: a number that is known here costs less than the
+    // length, which is not.
+    std::memcpy(short_, other.short_, kShortBytes);
+    data_ = other.data_ == other.short_ ? short_ : std::exchange(other.data_, other.short_);
     length_ = std::exchange(other.length_, 0);
     capacity_ = std::exchange(other.capacity_, kStep);
     other.short_[0] = '\0';
@@ -254,6 +318,8 @@ SoString& SoString::operator=(const SoString& other) {
     if (data_ == short_ && other.data_ == other.short_) {
         std::memcpy(short_, other.short_, kShortBytes);
         length_ = other.length_;
+    } else if (other.length_ >= kSharedLength) {
+        *this = SoString(other);
     } else {
         assign(other.view());
     }
@@ -273,6 +339,10 @@ const char* SoString::assign(const char* text, int32_t length) {
 }
 
 const char* SoString::assign(std::string_view text) {
+    if (isShared()) {
+        *this = SoString(text); // which may be a part of this one
+        return data_;
+    }
     if (text.size() < kShortBytes) { // any buffer has that room
         (void)std::char_traits<char>::move(data_, text.data(), text.size());
         length_ = static_cast<int32_t>(text.size());
@@ -285,8 +355,7 @@ const char* SoString::assign(std::string_view text) {
         // The new buffer comes before the old one goes: without memory the string stays as it is.
         char* buffer = newBuffer(bytes);
         release();
-        data_ = buffer;
-        capacity_ = capacityFor(bytes);
+        own(buffer, capacityFor(bytes));
     }
     // Moved, not copied: it may be a part of what this buffer holds.
     (void)std::char_traits<char>::move(data_, text.data(), text.size());
@@ -328,17 +397,18 @@ void SoString::append(std::string_view text) {
 char* SoString::extend(int32_t bytes) {
     // In 64 bits: the sum of two lengths that are allowed may be one that is not.
     const int64_t newLength = static_cast<int64_t>(length_) + bytes;
-    if (!hasRoomFor(newLength)) {
-        const int64_t room = newLength + spareFor(length_, newLength);
-        if (length_ < kLargeLength) {
+    const bool isShared = this->isShared();
+    if (isShared || !hasRoomFor(newLength)) {
+        const int64_t room = newLength + (bytes == 0 ? 0 : spareFor(length_, newLength));
+        if (isShared || length_ < kLargeLength) {
             char* const buffer = newBuffer(room);
             std::memcpy(buffer, data_, static_cast<size_t>(length_) + 1);
             release();
-            data_ = buffer;
+            own(buffer, capacityFor(newLength));
         } else {
             data_ = grown(data_, room); // whose pages the system moves: megabytes are not copied
+            capacity_ = capacityFor(newLength);
         }
-        capacity_ = capacityFor(newLength);
     }
     char* const place = data_ + length_;
     length_ = static_cast<int32_t>(newLength);
@@ -364,9 +434,8 @@ void SoString::adopt(char* heapBuffer, int32_t length) {
         throw std::bad_alloc();
     }
     release();
-    data_ = buffer;
+    own(buffer, capacity);
     length_ = length;
-    capacity_ = capacity;
     data_[length_] = '\0';
 }
 
@@ -378,13 +447,22 @@ void SoString::append(long n) {
 }
 
 void SoString::shrink(int32_t n) {
-    if (n >= 0 && n < length_) {
-        length_ = n;
-        data_[n] = '\0';
+    if (n < 0 || n >= length_) {
+        return;
     }
+    if (isShared()) {
+        assign(view().substr(0, static_cast<size_t>(n)));
+        return;
+    }
+    length_ = n;
+    data_[n] = '\0';
 }
 
 void SoString::cut(int32_t start, int32_t length) {
+    if (isShared()) {
+        assign(view().substr(static_cast<size_t>(start), static_cast<size_t>(length)));
+        return;
+    }
     std::memmove(data_, data_ + start, static_cast<size_t>(length));
     shrink(length);
 }
@@ -402,6 +480,7 @@ SoString SoString::lowercase() const {
 
 SoString SoString::uppercase() const {
     SoString result(*this);
+    (void)result.extend(0); // before it is changed: the buffer may be this one's as well
     convertBytes(result.data_, [](int c) { return std::toupper(c); });
     return result;
 }
@@ -414,7 +493,9 @@ void SoString::makeLowercase() {
         ++text;
     }
     if (*text != '\0') {
-        convertBytes(text, [](int c) { return std::tolower(c); });
+        const ptrdiff_t lower = text - data_;
+        (void)extend(0); // a buffer of its own
+        convertBytes(data_ + lower, [](int c) { return std::tolower(c); });
     }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <string_view>
 
@@ -14,8 +15,10 @@ namespace ScObjects {
 // smallest multiple of 128 bytes above the length, in a larger block once a long one is appended
 // to. A short text lies in the object itself until it grows: names, types and specifiers, most of
 // what a registry or a message holds, take nothing from the heap, and moving them moves their
-// bytes. A moved-from string is empty. Used by one thread at a time; any number may read one that
-// nobody changes.
+// bytes. Copies of a text from 16 KiB on share its buffer, and who changes such a string first gets
+// one of its own, as large as its new text needs: handing a body on costs nothing. A moved-from
+// string is empty. Used by one thread at a time; any number may read one, and copy it, that nobody
+// changes. Each copy is its thread's own, whatever it shares.
 //
 // Texts: null counts as "", a negative length means up to the first zero byte, and a text may lie
 // in the string's own buffer. Throws std::bad_alloc, the string unchanged, when memory runs out or
@@ -58,8 +61,8 @@ public:
     void append(long n);
 
     // Lengthens the string by `bytes` (0 or more) and returns the place of the new bytes, which
-    // hold anything until they are written; good until the next change. For texts of a known
-    // length.
+    // hold anything until they are written; good until the next change or copy. For texts of a
+    // known length.
     char* extend(int32_t bytes);
     // Replaces the content by a text in a buffer of the heap (`mallocHeap`) that the string owns
     // from now on; the buffer has at least one byte of room behind `length` bytes. When memory runs
@@ -103,19 +106,23 @@ public:
     std::string_view view() const { return {data_, static_cast<size_t>(length_)}; }
 
 private:
+    using Sharers = std::atomic<int32_t>; // how many strings have a buffer
+
     bool hasRoomFor(int64_t length);
     void reserveFresh(int64_t length);
-    void release() {
-        if (data_ != short_) {
-            freeHeap(data_);
-        }
-    }
+    void own(char* buffer, int32_t capacity);
+    Sharers*& sharers() const;
+    bool isShared() const;
+    bool share(const SoString& other) noexcept;
+    void release();
     void take(SoString& other) noexcept;
 
     char* data_ = short_; // or of the heap
     int32_t length_ = 0;
     int32_t capacity_ = kStep;
-    char short_[kShortBytes] = {};
+    // The text when it is short; else where the count of the buffer's sharers is, which a copy may
+    // set as well.
+    alignas(void*) mutable char short_[kShortBytes] = {};
 };
 
 static_assert(sizeof(int32_t) == 4, "lengths are 32-bit on every platform");

@@ -1,6 +1,7 @@
 #include "scriptobjects/core/SoString.h"
 
 #include <random>
+#include <thread>
 
 using ScObjects::EncodeUTF8;
 using ScObjects::SoString;
@@ -90,6 +91,59 @@ TEST(SoString, writesNumbersAsUnsigned32BitDecimals) {
 TEST(SoString, lowersOnlyUpToTheFirstZeroByte) {
     EXPECT_EQ(text(SoString("aB\0cD", 5).lowercase()), std::string("ab\0cD", 5));
     EXPECT_EQ(text(SoString("aB\xC3\x84").uppercase()), "AB\xC3\x84");
+}
+
+// Copies are made by two threads at once, as the counting of a buffer's strings begins.
+TEST(SoString, sharesTheBufferOfALongTextUntilEitherChanges) {
+    std::string bytes(100'000, 'A');
+    for (size_t i = 0; i < bytes.size(); i += 7) {
+        bytes[i] = 'b';
+    }
+    const std::pair<const char*, std::function<void(SoString&)>> changes[] = {
+        {"append", [](SoString& string) { string << 'x'; }},
+        {"append itself", [](SoString& string) { string << string; }},
+        {"assign", [](SoString& string) { string.assign(string.view().substr(1, 50'000)); }},
+        {"assign a short one", [](SoString& string) { string.assign("x"); }},
+        {"shrink", [](SoString& string) { string.shrink(99'999); }},
+        {"cut", [](SoString& string) { string.cut(1, 70'000); }},
+        {"lower", [](SoString& string) { string.makeLowercase(); }},
+        {"write", [](SoString& string) { *(string.extend(0) - 100'000) = 'x'; }},
+        {"move and append",
+         [](SoString& string) {
+             SoString other(std::move(string));
+             (string = std::move(other)) << 'x';
+         }},
+        {"upper", [](SoString& string) { string = string.uppercase(); }},
+        {"copy", [](SoString& string) { string = SoString(std::string(99'999, 'A')); }},
+    };
+    for (const auto& [name, change] : changes) {
+        SCOPED_TRACE(name);
+        SoString expected(bytes);
+        change(expected);
+        auto first = std::make_unique<SoString>(bytes);
+        std::unique_ptr<SoString> copies[2];
+        const auto copy = [&](int i) { copies[i] = std::make_unique<SoString>(*first); };
+        std::thread other(copy, 0);
+        copy(1);
+        other.join();
+        EXPECT_EQ(copies[0]->c_str(), first->c_str());
+        EXPECT_EQ(copies[1]->c_str(), first->c_str());
+        EXPECT_EQ(copies[1]->heapBytes(), first->heapBytes()) << "each says what it holds";
+        std::thread changing([&, &change = change] { change(*copies[0]); });
+        change(*first);
+        changing.join();
+        EXPECT_TRUE(first->view() == expected.view());
+        EXPECT_TRUE(copies[0]->view() == expected.view());
+        EXPECT_TRUE(copies[1]->view() == bytes);
+        const char* const last = copies[1]->c_str();
+        first.reset();
+        copies[0].reset();
+        *(copies[1]->extend(0) - 100'000) = 'y';
+        EXPECT_EQ(copies[1]->c_str(), last) << "the only one that is left";
+    }
+    SoString cut(bytes);
+    cut.shrink(20'000);
+    EXPECT_NE(SoString(cut).c_str(), cut.c_str()) << "it would keep the whole buffer";
 }
 
 TEST(SoString, behavesLikeAModelStringUnderRandomChanges) {
