@@ -437,9 +437,8 @@ bool PrivateData::sendResponse(const Message& request, const char* type,
 
 std::unique_ptr<Message> PrivateData::resultOf(const Message& request,
                                                const SoString& result) const {
-    auto answer = std::make_unique<Message>(request);
+    auto answer = std::make_unique<Message>(request, SoString(result));
     answer->setResult(request.getSerialNumber());
-    answer->setBody(result);
     return replyTo(request, CV_WANTS_RESULT, std::move(answer));
 }
 

@@ -1,9 +1,7 @@
 #include "scriptobjects/convey/SoCVMessageQueue.h"
 
 #include <algorithm>
-#include <chrono>
 #include <limits>
-#include <thread>
 #include <utility>
 
 #include "scriptobjects/convey/SoCVMessageDiagnostics.h"
@@ -19,11 +17,6 @@ using Message = Convey::Message;
 constexpr size_t kShownAtOnce = limits::of("rows.messages");
 // The same in bodies, which are copied, too: as much as takes about as long.
 constexpr int64_t kShownBytesAtOnce = 64 * limits::kKiB;
-
-// Of a body under the queue's lock, into memory that is touched for the first time: less than a
-// millisecond.
-constexpr size_t kCopiedAtOnce = limits::kMiB;
-constexpr std::chrono::microseconds kCopyPause{50};
 
 bool isRelated(const Message& message, uint32_t serial) {
     return serial == CV_INVALID_MESSAGE_NUMBER || message.getReceived() == serial ||
@@ -354,31 +347,6 @@ bool MessageQueue::visitNextFor(std::string_view target, uint64_t& position,
     position = next->position;
     visit(*next->message);
     return true;
-}
-
-bool MessageQueue::copyBody(std::string_view target, uint64_t position, SoString& body) const {
-    for (int32_t copied = 0;;) {
-        {
-            const ObjectLock guard(*this);
-            const Entry* const found = findLocked(target, position);
-            if (found == nullptr) {
-                return false;
-            }
-            const std::string_view from = found->message->getBody().view();
-            if (copied == 0) {
-                body.shrink(0);
-                (void)body.extend(static_cast<int32_t>(from.size())); // room, that nobody touches
-            }
-            const std::string_view now = from.substr(static_cast<size_t>(copied), kCopiedAtOnce);
-            char* const to = body.extend(0) - body.length() + copied;
-            copied += static_cast<int32_t>(now.copy(to, now.size()));
-            if (copied == body.length()) {
-                return true;
-            }
-        }
-        // Who waits for the lock has been woken, and gets it only if it is free for a moment.
-        std::this_thread::sleep_for(kCopyPause);
-    }
 }
 
 std::vector<std::string> MessageQueue::targets() const {

@@ -121,9 +121,6 @@ public:
     // keep it with another time; false when it is gone.
     bool visitNextFor(std::string_view target, uint64_t& position,
                       const std::function<void(const Convey::Message&)>& visit) const;
-    // Copies the body of the message at a position, in steps: others use the queue meanwhile.
-    // False, with a part of it, when the message has gone.
-    bool copyBody(std::string_view target, uint64_t position, SoString& body) const;
     bool drop(std::string_view target, uint64_t position);
     bool keep(std::string_view target, uint64_t position, uint32_t timestamp,
               uint32_t timeoutSeconds, uint32_t queueStamp);

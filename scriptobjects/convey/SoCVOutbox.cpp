@@ -315,10 +315,8 @@ Outbox::Attempt Outbox::nextOf(Turn& turn, Carrier carrier) {
             return;
         }
         next.request = begin_ ? AwaitedRequest::of(message, 0) : std::nullopt;
-        if (next.large) {
-            copy = std::make_unique<Message>(message, SoString()); // its body follows
-        } else if (logged) {
-            copy = std::make_unique<Message>(message);
+        if (next.large || logged) {
+            copy = std::make_unique<Message>(message); // with a share in a large body
         }
         // A target that takes nothing would have the same text written for each attempt.
         if (line.textPosition == next.position) {
@@ -330,11 +328,6 @@ Outbox::Attempt Outbox::nextOf(Turn& turn, Carrier carrier) {
     });
     // What takes long is not done under the queue's lock, which others wait for.
     if (next.found && next.large && copy != nullptr) {
-        SoString body;
-        if (!queue_.copyBody(turn.target(), next.position, body)) {
-            return nextOf(turn, carrier); // it has gone meanwhile: the one behind it
-        }
-        copy->setBody(std::move(body));
         next.written = next.text.write(*copy);
     }
     next.watched = logged && copy != nullptr;

@@ -59,29 +59,6 @@ TEST_F(MessageQueueTest, refusesWhatCannotBeAnswered) {
     EXPECT_TRUE(queue.isEmpty());
 }
 
-TEST_F(MessageQueueTest, copiesABodyInStepsAsFarAsItIsThere) {
-    for (const size_t bytes : {size_t{0}, size_t{5}, size_t{1} << 20, (size_t{3} << 20) + 1}) {
-        SCOPED_TRACE(bytes);
-        std::string text;
-        for (size_t i = 0; i < bytes; ++i) {
-            text += static_cast<char>('a' + i / 1000 % 26);
-        }
-        MessageQueue queue;
-        ASSERT_TRUE(queue.append(make("the first")));
-        ASSERT_TRUE(queue.append(make(text.c_str())));
-        uint64_t position = 0;
-        for (int i = 0; i < 2; ++i) {
-            ASSERT_TRUE(queue.visitNextFor("target", position, [](const Convey::Message&) {}));
-        }
-        SoString body("what it was");
-        EXPECT_TRUE(queue.copyBody("target", position, body));
-        EXPECT_TRUE(body.view() == text);
-        EXPECT_EQ(queue.count(), 2);
-        ASSERT_TRUE(queue.drop("target", position));
-        EXPECT_FALSE(queue.copyBody("target", position, body));
-    }
-}
-
 // However much waits for others, or for nobody, who takes something else is not kept by it.
 TEST_F(MessageQueueTest, looksOnceAtWhatIsHeldUpAndAtNothingOfOtherNumbers) {
     constexpr uint32_t kMany = 5000;
