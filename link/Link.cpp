@@ -227,11 +227,14 @@ void Link::takeFrame(const std::string& from, std::string_view bytes) {
         takeClaim(frame);
         return;
     }
+    Peer* known = knownPeer(from);
+    if (known == nullptr && (frame.kind == FrameKind::cargo || frame.kind == FrameKind::ping)) {
+        askToBeGreeted(from); // now, or when this link has its name
+    }
     if (!joined_) {
         return;
     }
     // Only those that something is used at, or who may use something, cost memory here.
-    Peer* known = knownPeer(from);
     if (known == nullptr) {
         if (frame.kind != FrameKind::hello || peers_.size() >= bounds::kLinks) {
             return;
@@ -300,10 +303,18 @@ void Link::takeFrame(const std::string& from, std::string_view bytes) {
     }
 }
 
+// It takes this link for the life before, which it did not miss, and greets it after seconds only.
+void Link::askToBeGreeted(const std::string& link) {
+    if (unmet_.size() < bounds::kLinks && unmet_.insert(link).second && joined_ && connected_) {
+        (void)around_.wire.publish(link, encode(frame(FrameKind::hello, nullptr)));
+    }
+}
+
 // Notes that the other link is there; false for a frame of a life that is over.
 bool Link::meet(Peer& peer, const Frame& frame) {
     const bool greets = frame.kind == FrameKind::hello || frame.kind == FrameKind::presence;
-    if (frame.senderLife != peer.channel.otherLife()) {
+    const bool isNewLife = frame.senderLife != peer.channel.otherLife();
+    if (isNewLife) {
         if (!greets) {
             return false; // late; or a greeting was lost, and the next one comes
         }
@@ -316,15 +327,15 @@ bool Link::meet(Peer& peer, const Frame& frame) {
     }
     peer.heardAt = around_.now();
     if (greets) {
-        comeBack(peer, frame.kind == FrameKind::hello);
+        comeBack(peer, frame.kind == FrameKind::hello, isNewLife);
     }
     return true;
 }
 
-// It has been heard: what was sent while it was not may be lost.
-void Link::comeBack(Peer& peer, bool greeted) {
+// It has been heard: what was sent while it was not, or to the life before, may be lost.
+void Link::comeBack(Peer& peer, bool greeted, bool isNewLife) {
     const bool wasMissed = std::exchange(peer.doubtEnd, 0) != 0;
-    if (peer.here && !wasMissed) {
+    if (peer.here && !wasMissed && !isNewLife) {
         return;
     }
     if (!std::exchange(peer.here, true)) {
@@ -504,6 +515,9 @@ int64_t Link::regularly() {
         around_.log("ready: " + configuration_.realm + "/" + configuration_.name + " at " +
                     server_);
         regularAt_ = 0;
+        for (const std::string& link : std::exchange(unmet_, {})) {
+            askToBeGreeted(link);
+        }
     }
     if (connected_ && claimAt_ <= now) {
         // One may be lost: so it is said again, and two that meet later are found as well.

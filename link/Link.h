@@ -101,7 +101,8 @@ private:
     void sendPresence(Peer& peer, bool always);
     void greet(Peer& peer);
     void missed(Peer& peer);
-    void comeBack(Peer& peer, bool greeted);
+    void comeBack(Peer& peer, bool greeted, bool isNewLife);
+    void askToBeGreeted(const std::string& link);
     void leave(Peer& peer, const std::string& why);
     void setState(Used& used, AppState state, const std::string& why);
     void openPorts(Used& used);
@@ -170,6 +171,7 @@ private:
     bool lookForNames_ = true;
     int64_t lookedAt_ = 0;
 
+    std::set<std::string> unmet_; // who sent to a life before this one, until the next regular turn
     std::map<std::string, std::unique_ptr<Peer>> peers_;                 // each stays to the end
     std::map<std::string, std::unique_ptr<Used>, std::less<>> used_;     // by specifier
     std::map<std::string, std::unique_ptr<Alias>, std::less<>> aliases_; // by the name here

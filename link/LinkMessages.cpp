@@ -492,6 +492,7 @@ void Link::forget(int64_t now) {
         std::erase_if(peer->contacts, [now](const auto& entry) { return entry.second <= now; });
     }
     forgetKept(now);
+    unmet_.clear();
     const auto isOver = [now](const auto& entry) { return entry.second.until <= now; };
     std::erase_if(conversations_, isOver);
     std::erase_if(owed_, isOver);

@@ -121,6 +121,43 @@ TEST_F(DoubtTest, anotherLifeIsGivenWhatWaitsAndAskersHearOfTheRest) {
     EXPECT_EQ(answer.find("Serial-Number:2\n"), std::string::npos) << answer;
 }
 
+TEST_F(DoubtTest, anotherLifeThatNobodyMissedIsAskedAgainAndGreeted) {
+    ask();
+    const size_t greeted = sent(FrameKind::hello);
+    greets(kOtherLife + 1);
+    EXPECT_EQ(pingsSent(), 2u);
+    Frame hello;
+    hello.kind = FrameKind::hello;
+    hello.senderLife = kOtherLife + 2;
+    happens({Wire::EventKind::frame, "workshop", encode(hello)});
+    EXPECT_EQ(pingsSent(), 3u);
+    EXPECT_EQ(sent(FrameKind::hello), greeted + 1);
+}
+
+// By who does not know that it has begun another life.
+TEST_F(DoubtTest, oneThatIsAskedBeforeItIsGreetedSaysThatItIsThereOnceInAWhile) {
+    link.reset();
+    configuration.uses.clear();
+    begin(0);
+    const size_t said = sent(FrameKind::hello);
+    const auto saidWhenAsked = [&] {
+        Frame ping;
+        ping.kind = FrameKind::ping;
+        ping.senderLife = kOtherLife;
+        ping.head = {MessageKind::ping, "asker-1.0", kLumen + "#thread", 1000, 1,
+                     Outcome::delivered};
+        happens({Wire::EventKind::frame, "workshop", encode(ping)});
+        return sent(FrameKind::hello) - said;
+    };
+    EXPECT_EQ(saidWhenAsked(), 0u) << "it has no name yet";
+    passes(1000);
+    EXPECT_EQ(sent(FrameKind::hello) - said, 1u);
+    EXPECT_EQ(saidWhenAsked(), 2u);
+    EXPECT_EQ(saidWhenAsked(), 2u);
+    passes(bounds::kHelloMilliseconds);
+    EXPECT_EQ(saidWhenAsked(), 3u);
+}
+
 TEST(SilenceTest, isOfAServerThatWasAskedAndNotOfWhoDidNotListen) {
     constexpr int64_t kAsked = 1000;
     Silence silence(kAsked);

@@ -65,8 +65,8 @@ public:
 
 class LinkOnFakes : public ::testing::Test {
 protected:
-    // A new life, which has its name.
-    void begin() {
+    // A new life, which has its name after half a second.
+    void begin(int64_t milliseconds = 1000) {
         link.reset();
         link = std::make_unique<Link>(
             configuration, ++life,
@@ -75,7 +75,7 @@ protected:
                                [this](const std::string& line) { log.push_back(line); },
                                [this] { return now; }, folder.file("journal")});
         happens({Wire::EventKind::connected, {}, "nats://here"});
-        passes(1000);
+        passes(milliseconds);
     }
     void happens(Wire::Event event) {
         wire.events.push_back(std::move(event));
