@@ -139,7 +139,7 @@ void Channel::take(const Frame& frame, int64_t now, Arrivals& out) {
     case CargoKind::texts:
         out.messages.reserve(frame.texts.size());
         for (const Part& text : frame.texts) {
-            out.messages.push_back({text.message, *text.head, std::string(text.bytes)});
+            out.messages.push_back({text.message, text.head, std::string(text.bytes)});
         }
         break;
     }
@@ -148,11 +148,11 @@ void Channel::take(const Frame& frame, int64_t now, Arrivals& out) {
 void Channel::takePart(const Part& part, int64_t now, Arrivals& out) {
     auto half = halves_.find(part.message);
     if (part.offset == 0) {
-        if (half != halves_.end() || !part.head) {
+        if (half != halves_.end()) {
             return;
         }
         if (part.bytes.size() == part.total) {
-            out.messages.push_back({part.message, *part.head, std::string(part.bytes)});
+            out.messages.push_back({part.message, part.head, std::string(part.bytes)});
             return;
         }
         // A text that is not finished keeps memory: only so many at a time.
@@ -160,7 +160,7 @@ void Channel::takePart(const Part& part, int64_t now, Arrivals& out) {
             tell(part.message, Outcome::tooMuch, now);
             return;
         }
-        half = halves_.emplace(part.message, Half{*part.head, part.total, {}}).first;
+        half = halves_.emplace(part.message, Half{part.head, part.total, {}}).first;
         half->second.text.reserve(part.total); // counted, and the system's only as it is filled
         halfBytes_ += part.total;
     }
@@ -257,9 +257,7 @@ std::string Channel::nextPart(int64_t now, size_t partBytes, std::vector<uint64_
     frame.part.message = queued->message;
     frame.part.total = queued->text().size();
     frame.part.offset = queued->sent;
-    if (queued->sent == 0) {
-        frame.part.head = queued->head;
-    }
+    frame.part.head = queued->head;
     if (queued->inParts == nullptr) {
         queued->inParts = std::make_shared<const Travelling>(std::move(queued->whole));
     }

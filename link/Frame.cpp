@@ -189,7 +189,7 @@ std::string encodeCargo(const Frame& frame) {
     if (frame.cargo == CargoKind::texts) {
         std::string cargo;
         for (const Part& text : frame.texts) {
-            addText(cargo, text.message, *text.head, text.bytes);
+            addText(cargo, text.message, text.head, text.bytes);
         }
         return cargo;
     }
@@ -199,8 +199,8 @@ std::string encodeCargo(const Frame& frame) {
     case CargoKind::part:
         out.reserve(bounds::kFrameBytes + frame.part.bytes.size());
         out.number(frame.part.message).number(frame.part.total).number(frame.part.offset);
-        if (frame.part.head) {
-            out.head(*frame.part.head);
+        if (frame.part.offset == 0) {
+            out.head(frame.part.head);
         }
         out.bytes(frame.part.bytes);
         break;

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -58,7 +57,7 @@ struct Part {
     uint64_t message = 0; // its number, from 1, in its sender's life
     uint64_t total = 0;
     uint64_t offset = 0;
-    std::optional<MessageHead> head; // with the first part only
+    MessageHead head; // with the first part only
     std::string_view bytes;
 };
 

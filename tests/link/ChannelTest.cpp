@@ -124,7 +124,7 @@ TEST_F(ChannelTest, holdsNoSmallTextUpBehindALargeOneOfAnotherPair) {
     for (int i = 0; i < 3; ++i) {
         Frame frame;
         ASSERT_TRUE(decode(left.next(now, 1000, expired), frame));
-        if (!frame.texts.empty() && frame.texts[0].head->source == "small") {
+        if (!frame.texts.empty() && frame.texts[0].head.source == "small") {
             return;
         }
     }

@@ -16,10 +16,9 @@ Frame part(uint64_t total, uint64_t offset, std::string_view bytes) {
     frame.part.offset = offset;
     frame.part.bytes = bytes;
     if (offset == 0) {
-        frame.part.head.emplace();
-        frame.part.head->source = "diary-1.0";
-        frame.part.head->target = "lumen-2.5-en_us#thread";
-        frame.part.head->remainingMilliseconds = -1;
+        frame.part.head.source = "diary-1.0";
+        frame.part.head.target = "lumen-2.5-en_us#thread";
+        frame.part.head.remainingMilliseconds = -1;
     }
     return frame;
 }
@@ -113,13 +112,13 @@ TEST(FrameTest, refusesWhatNoLinkWouldSay) {
     }
     for (const char* name : {"", "a b", "a\nTarget:b", "../a", "a\x7F"}) {
         Frame frame = part(5, 0, "hello");
-        frame.part.head->target = name;
+        frame.part.head.target = name;
         Frame out;
         EXPECT_FALSE(decode(encode(frame), out)) << name;
     }
     for (const int64_t time : {int64_t{-2}, INT64_MAX}) {
         Frame frame = part(5, 0, "hello");
-        frame.part.head->remainingMilliseconds = time;
+        frame.part.head.remainingMilliseconds = time;
         Frame out;
         EXPECT_FALSE(decode(encode(frame), out)) << time;
     }
