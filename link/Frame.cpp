@@ -1,8 +1,8 @@
 #include "link/Frame.h"
 
 #include <algorithm>
-#include <cstring>
-#include <limits>
+#include <type_traits>
+#include <utility>
 
 #include "link/Bounds.h"
 
@@ -17,6 +17,21 @@ constexpr std::string_view kFormerMark = "CVL1";
 // In a frame of small ones, while many are sent.
 constexpr size_t kUsualTexts = 64;
 
+// The first and the last of those that may come.
+template <class Enum>
+constexpr std::pair<Enum, Enum> kRange;
+template <>
+constexpr auto kRange<FrameKind> = std::pair(FrameKind::claim, FrameKind::kept);
+template <>
+constexpr auto kRange<CargoKind> = std::pair(CargoKind::part, CargoKind::texts);
+template <>
+constexpr auto kRange<MessageKind> = std::pair(MessageKind::request, MessageKind::pong);
+template <>
+constexpr auto kRange<Outcome> = std::pair(Outcome::delivered, Outcome::lost);
+template <>
+constexpr auto kRange<AppState> = std::pair(AppState::away, AppState::refused);
+
+// Says what a frame has; `Reader` has the same operations.
 class Writer {
 public:
     Writer() = default;
@@ -25,7 +40,7 @@ public:
 
     // One behind the other.
     template <class... Numbers>
-    Writer& numbers(Numbers... values) {
+    void numbers(const Numbers&... values) {
         char bytes[(sizeof values + ...)];
         char* at = bytes;
         const auto put = [&at](auto value) {
@@ -35,24 +50,24 @@ public:
         };
         (put(values), ...);
         out_.append(bytes, sizeof bytes);
-        return *this;
     }
-    template <class Number>
-    Writer& number(Number value) {
-        return numbers(value);
+    void text(std::string_view value, size_t /*atMost*/ = 0) {
+        numbers(static_cast<uint32_t>(value.size()));
+        rest(value);
     }
-    Writer& text(std::string_view value) {
-        number(static_cast<uint32_t>(value.size()));
-        return bytes(value);
+    void portName(std::string_view value) { text(value); }
+    void rest(std::string_view value) { out_ += value; }
+    template <class List, class Each>
+    void list(const List& all, size_t /*atMost*/, const Each& each) {
+        numbers(static_cast<uint32_t>(all.size()));
+        toEnd(all, each);
     }
-    Writer& bytes(std::string_view value) {
-        out_ += value;
-        return *this;
+    template <class List, class Each>
+    void toEnd(const List& all, const Each& each) {
+        std::for_each(all.begin(), all.end(), each);
     }
-    Writer& head(const MessageHead& head) {
-        numbers(head.kind, head.pingOutcome, head.remainingMilliseconds, head.pingNumber);
-        return text(head.source).text(head.target);
-    }
+    void require(bool /*holds*/) {}
+
     void reserve(size_t bytes) { out_.reserve(bytes); }
     bool isEmpty() const { return out_.empty(); }
     std::string take() { return std::move(out_); }
@@ -66,31 +81,42 @@ class Reader {
 public:
     explicit Reader(std::string_view in) : in_(in) {}
 
-    template <class Number>
-    Number number() {
-        uint64_t value = 0;
-        const std::string_view read = bytes(sizeof(Number));
-        for (size_t i = 0; i < read.size(); ++i) {
-            value |= static_cast<uint64_t>(static_cast<unsigned char>(read[i])) << (8 * i);
+    template <class... Numbers>
+    void numbers(Numbers&... values) {
+        (number(values), ...);
+    }
+    template <class Text>
+    void text(Text& value, size_t atMost) {
+        uint32_t size = 0;
+        number(size);
+        require(size <= atMost);
+        value = bytes(size);
+    }
+    void portName(std::string& value) {
+        text(value, bounds::kSpecifierBytes);
+        require(isPortName(value));
+    }
+    void rest(std::string_view& value) { value = bytes(in_.size()); }
+    template <class List, class Each>
+    void list(List& all, size_t atMost, const Each& each) {
+        uint32_t left = 0;
+        number(left);
+        require(left <= atMost);
+        for (; left > 0 && good_; --left) {
+            each(all.emplace_back());
         }
-        return static_cast<Number>(value);
     }
-    template <class Enum>
-    Enum choice(Enum first, Enum last) {
-        const auto value = number<uint8_t>();
-        if (value < static_cast<uint8_t>(first) || value > static_cast<uint8_t>(last)) {
-            good_ = false;
-            return first;
-        }
-        return static_cast<Enum>(value);
+    template <class List, class Each>
+    void toEnd(List& all, const Each& each) {
+        all.reserve(kUsualTexts);
+        do {
+            each(all.emplace_back());
+        } while (good_ && !in_.empty());
     }
-    std::string_view text(size_t atMost) {
-        const auto size = number<uint32_t>();
-        good_ = good_ && size <= atMost;
-        return bytes(size);
-    }
+    void require(bool holds) { good_ = good_ && holds; }
+
     std::string_view bytes(size_t count) {
-        good_ = good_ && count <= in_.size();
+        require(count <= in_.size());
         if (!good_) {
             return {};
         }
@@ -98,78 +124,109 @@ public:
         in_.remove_prefix(count);
         return read;
     }
-    std::string_view rest() { return bytes(in_.size()); }
-    std::string portName() {
-        const std::string_view name = text(bounds::kSpecifierBytes);
-        good_ = good_ && isPortName(name);
-        return std::string(name);
-    }
-    MessageHead head() {
-        MessageHead head;
-        head.kind = choice(MessageKind::request, MessageKind::pong);
-        head.pingOutcome = choice(Outcome::delivered, Outcome::lost);
-        head.remainingMilliseconds = number<int64_t>();
-        head.pingNumber = number<uint64_t>();
-        head.source = portName();
-        head.target = portName();
-        good_ = good_ && head.remainingMilliseconds >= -1 &&
-                head.remainingMilliseconds <= bounds::kTimeMilliseconds;
-        return head;
-    }
-    void require(bool holds) { good_ = good_ && holds; }
     // Also that nothing is left over: no two writers may differ in what they mean.
     bool isDone() const { return good_ && in_.empty(); }
-    bool isGood() const { return good_; }
 
 private:
+    template <class Number>
+    void number(Number& value) {
+        uint64_t all = 0;
+        const std::string_view read = bytes(sizeof(Number));
+        for (size_t i = 0; i < read.size(); ++i) {
+            all |= static_cast<uint64_t>(static_cast<unsigned char>(read[i])) << (8 * i);
+        }
+        if constexpr (std::is_enum_v<Number>) {
+            require(all >= static_cast<uint64_t>(kRange<Number>.first) &&
+                    all <= static_cast<uint64_t>(kRange<Number>.second));
+        }
+        value = good_ ? static_cast<Number>(all) : Number();
+    }
+
     std::string_view in_;
     bool good_ = true;
 };
 
-void readPart(Reader& in, Part& part) {
-    part.message = in.number<uint64_t>();
-    part.total = in.number<uint64_t>();
-    part.offset = in.number<uint64_t>();
+// What each has, once for who writes (it is constant then) and who reads.
+
+template <class Io, class Head>
+void fieldsOfHead(Io& io, Head& head) {
+    io.numbers(head.kind, head.pingOutcome, head.remainingMilliseconds, head.pingNumber);
+    io.portName(head.source);
+    io.portName(head.target);
+    io.require(head.remainingMilliseconds >= -1 &&
+               head.remainingMilliseconds <= bounds::kTimeMilliseconds);
+}
+
+template <class Io, class APart>
+void fieldsOfPart(Io& io, APart& part) {
+    io.numbers(part.message, part.total, part.offset);
     if (part.offset == 0) {
-        part.head = in.head();
+        fieldsOfHead(io, part.head);
     }
-    part.bytes = in.rest();
-    in.require(part.message != 0 && part.total != 0 && part.total <= bounds::kTextBytes);
-    in.require(part.offset < part.total && !part.bytes.empty() &&
-               part.bytes.size() <= part.total - part.offset);
+    io.rest(part.bytes);
+    io.require(part.message != 0 && part.total <= bounds::kTextBytes && part.offset < part.total &&
+               !part.bytes.empty() && part.bytes.size() <= part.total - part.offset);
 }
 
-Part readText(Reader& in) {
-    Part text;
-    text.message = in.number<uint64_t>();
-    text.head = in.head();
-    text.bytes = in.text(bounds::kSmallBytes);
-    text.total = text.bytes.size();
-    in.require(text.message != 0 && !text.bytes.empty());
-    return text;
+template <class Io, class Number, class Head, class Bytes>
+void fieldsOfText(Io& io, Number& message, Head& head, Bytes& text) {
+    io.numbers(message);
+    fieldsOfHead(io, head);
+    io.text(text, bounds::kSmallBytes);
+    io.require(message != 0 && !text.empty());
 }
 
-void readCargo(Reader& in, Frame& frame) {
-    frame.cargo = in.choice(CargoKind::part, CargoKind::texts);
+template <class Io, class AFrame>
+void fieldsOfCargo(Io& io, AFrame& frame) {
+    io.numbers(frame.cargo);
     switch (frame.cargo) {
     case CargoKind::part:
-        readPart(in, frame.part);
+        fieldsOfPart(io, frame.part);
         break;
     case CargoKind::outcomes:
-        for (auto left = in.number<uint32_t>(); left > 0 && in.isGood(); --left) {
-            const auto message = in.number<uint64_t>();
-            frame.outcomes.emplace_back(message, in.choice(Outcome::delivered, Outcome::lost));
-        }
+        io.list(frame.outcomes, SIZE_MAX, [&](auto& one) { io.numbers(one.first, one.second); });
         break;
     case CargoKind::launch:
-        frame.app = in.portName();
-        frame.parameters = in.text(bounds::kWholeBytes);
+        io.portName(frame.app);
+        io.text(frame.parameters, bounds::kWholeBytes);
         break;
     case CargoKind::texts:
-        frame.texts.reserve(kUsualTexts);
-        do {
-            frame.texts.push_back(readText(in));
-        } while (in.isGood() && !in.isDone());
+        io.toEnd(frame.texts,
+                 [&](auto& one) { fieldsOfText(io, one.message, one.head, one.bytes); });
+        break;
+    }
+}
+
+template <class Io, class AFrame>
+void fieldsOf(Io& io, AFrame& frame) {
+    io.numbers(frame.kind, frame.senderLife, frame.receiverLife);
+    io.require(frame.senderLife != 0);
+    switch (frame.kind) {
+    case FrameKind::hello:
+    case FrameKind::presence:
+        io.list(frame.apps, bounds::kEntries, [&](auto& one) {
+            io.portName(one.first);
+            io.numbers(one.second);
+        });
+        break;
+    case FrameKind::cargo:
+        io.numbers(frame.number, frame.acknowledged);
+        io.require(frame.number != 0);
+        fieldsOfCargo(io, frame);
+        break;
+    case FrameKind::acknowledgement:
+        io.numbers(frame.acknowledged, frame.gap);
+        break;
+    case FrameKind::kept:
+        io.numbers(frame.number);
+        io.require(frame.number != 0);
+        [[fallthrough]];
+    case FrameKind::ping:
+    case FrameKind::pong:
+        fieldsOfHead(io, frame.head);
+        io.rest(frame.text);
+        break;
+    default:
         break;
     }
 }
@@ -180,42 +237,15 @@ void addText(std::string& cargo, uint64_t message, const MessageHead& head, std:
     Writer out(std::move(cargo));
     if (out.isEmpty()) {
         out.reserve(bounds::kFrameBytes);
-        out.number(static_cast<uint8_t>(CargoKind::texts));
+        out.numbers(CargoKind::texts);
     }
-    cargo = out.number(message).head(head).text(text).take();
+    fieldsOfText(out, message, head, text);
+    cargo = out.take();
 }
 
 std::string encodeCargo(const Frame& frame) {
-    if (frame.cargo == CargoKind::texts) {
-        std::string cargo;
-        for (const Part& text : frame.texts) {
-            addText(cargo, text.message, text.head, text.bytes);
-        }
-        return cargo;
-    }
     Writer out;
-    out.number(static_cast<uint8_t>(frame.cargo));
-    switch (frame.cargo) {
-    case CargoKind::part:
-        out.reserve(bounds::kFrameBytes + frame.part.bytes.size());
-        out.number(frame.part.message).number(frame.part.total).number(frame.part.offset);
-        if (frame.part.offset == 0) {
-            out.head(frame.part.head);
-        }
-        out.bytes(frame.part.bytes);
-        break;
-    case CargoKind::outcomes:
-        out.number(static_cast<uint32_t>(frame.outcomes.size()));
-        for (const auto& [message, outcome] : frame.outcomes) {
-            out.number(message).number(static_cast<uint8_t>(outcome));
-        }
-        break;
-    case CargoKind::launch:
-        out.text(frame.app).text(frame.parameters);
-        break;
-    case CargoKind::texts:
-        break; // above
-    }
+    fieldsOfCargo(out, frame);
     return out.take();
 }
 
@@ -223,39 +253,16 @@ std::string encodeAround(std::string_view cargo, uint64_t senderLife, uint64_t r
                          uint64_t number, uint64_t acknowledged, size_t more) {
     Writer out;
     out.reserve(cargo.size() + more + 64);
-    out.bytes(kMark).number(static_cast<uint8_t>(FrameKind::cargo));
-    out.number(senderLife).number(receiverLife);
-    return out.number(number).number(acknowledged).bytes(cargo).take();
+    out.rest(kMark);
+    out.numbers(FrameKind::cargo, senderLife, receiverLife, number, acknowledged);
+    out.rest(cargo);
+    return out.take();
 }
 
 std::string encode(const Frame& frame) {
     Writer out;
-    out.bytes(kMark).number(static_cast<uint8_t>(frame.kind));
-    out.number(frame.senderLife).number(frame.receiverLife);
-    switch (frame.kind) {
-    case FrameKind::hello:
-    case FrameKind::presence:
-        out.number(static_cast<uint32_t>(frame.apps.size()));
-        for (const auto& [app, state] : frame.apps) {
-            out.text(app).number(static_cast<uint8_t>(state));
-        }
-        break;
-    case FrameKind::cargo:
-        return encodeAround(encodeCargo(frame), frame.senderLife, frame.receiverLife, frame.number,
-                            frame.acknowledged);
-    case FrameKind::acknowledgement:
-        out.number(frame.acknowledged).number(static_cast<uint8_t>(frame.gap ? 1 : 0));
-        break;
-    case FrameKind::kept:
-        out.number(frame.number);
-        [[fallthrough]];
-    case FrameKind::ping:
-    case FrameKind::pong:
-        out.head(frame.head).bytes(frame.text);
-        break;
-    default:
-        break;
-    }
+    out.rest(kMark);
+    fieldsOf(out, frame);
     return out.take();
 }
 
@@ -268,44 +275,9 @@ bool decode(std::string_view bytes, Frame& out) {
     out = Frame();
     Reader in(bytes);
     const std::string_view mark = in.bytes(kMark.size());
-    out.kind = in.choice(FrameKind::claim, FrameKind::kept);
-    in.require(mark == kMark || (mark == kFormerMark && out.kind == FrameKind::kept));
-    out.senderLife = in.number<uint64_t>();
-    out.receiverLife = in.number<uint64_t>();
-    in.require(out.senderLife != 0);
-    switch (out.kind) {
-    case FrameKind::hello:
-    case FrameKind::presence: {
-        const auto count = in.number<uint32_t>();
-        in.require(count <= bounds::kEntries);
-        for (uint32_t i = 0; i < count && in.isGood(); ++i) {
-            std::string app = in.portName();
-            out.apps.emplace_back(std::move(app), in.choice(AppState::away, AppState::refused));
-        }
-        break;
-    }
-    case FrameKind::cargo:
-        out.number = in.number<uint64_t>();
-        out.acknowledged = in.number<uint64_t>();
-        in.require(out.number != 0);
-        readCargo(in, out);
-        break;
-    case FrameKind::acknowledgement:
-        out.acknowledged = in.number<uint64_t>();
-        out.gap = in.number<uint8_t>() != 0;
-        break;
-    case FrameKind::kept:
-        out.number = in.number<uint64_t>();
-        in.require(out.number != 0);
-        [[fallthrough]];
-    case FrameKind::ping:
-    case FrameKind::pong:
-        out.head = in.head();
-        out.text = in.rest();
-        break;
-    default:
-        break;
-    }
+    in.require(mark == kMark || mark == kFormerMark);
+    fieldsOf(in, out);
+    in.require(mark == kMark || out.kind == FrameKind::kept);
     return in.isDone();
 }
 
