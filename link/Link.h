@@ -149,7 +149,7 @@ private:
     void lifeEnded(Peer& peer);
     void takeDelivered();
     void tellOfEndedTargets();
-    void fail(const Asked& asked, int32_t code, std::string_view text);
+    void fail(const Asked& asked, Outcome outcome);
     Alias* aliasFor(Peer& peer, const std::string& source);
     bool forgetQuietest();
     void forgetAlias(Alias& alias);

@@ -122,11 +122,11 @@ void Link::takeTexts() {
     }
 }
 
-void Link::fail(const Asked& asked, int32_t code, std::string_view text) {
-    for (std::string& reply : failure(asked, code, text)) {
-        deliveries_.post(asked.asker, std::move(reply), around_.now() + kFailureMilliseconds, false,
+void Link::fail(const Asked& asked, Outcome outcome) {
+    failure(asked, outcome, [&](Text& reply) {
+        deliveries_.post(asked.asker, reply.write(), around_.now() + kFailureMilliseconds, false,
                          0);
-    }
+    });
 }
 
 void Link::requestTaken(Used& used, Text& message, platform::PortText::Block& block) {
@@ -143,12 +143,12 @@ void Link::requestTaken(Used& used, Text& message, platform::PortText::Block& bl
     const bool reply = isReply(message);
     if (message.has(kVouch) && !reply) {
         around_.log("refused: " + asked.asker + " to " + used.use.app + ": came by a link");
-        fail(asked, ConveyData::CV_CODE_REJECTED, ConveyData::CV_ERROR_REJECTED);
+        fail(asked, Outcome::refused);
         return;
     }
     const int64_t now = around_.now();
     if (conversations_.size() >= bounds::kPending) {
-        fail(asked, ConveyData::CV_CODE_NOT_SENT, ConveyData::CV_ERROR_TOO_MANY_WAIT);
+        fail(asked, Outcome::tooMuch);
         return;
     }
     const int64_t deadline = deadlineOf(message, now);
@@ -161,7 +161,7 @@ void Link::requestTaken(Used& used, Text& message, platform::PortText::Block& bl
     Travelling text = isKept ? message.writePlain() : message.writePlain(std::move(block));
     const size_t bytes = text.size();
     if (bytes > bounds::kTextBytes) {
-        fail(asked, ConveyData::CV_CODE_REJECTED, ConveyData::CV_ERROR_REJECTED);
+        fail(asked, Outcome::refused);
         return;
     }
     Peer& to = used.at;
@@ -333,7 +333,7 @@ void Link::replyTaken(Alias& alias, Text& message, platform::PortText::Block& bl
     if (!isReply(message)) {
         around_.log("refused: " + asked.asker + " to " + alias.remote + " at " + alias.peer.name +
                     ": answers only; to be asked it must be used");
-        fail(asked, ConveyData::CV_CODE_REJECTED, ConveyData::CV_ERROR_REJECTED);
+        fail(asked, Outcome::refused);
         return;
     }
     const auto owed = owed_.find({alias.name, std::string(message.get(kSerial))});
@@ -415,26 +415,7 @@ void Link::ended(Peer& peer, uint64_t message, Outcome outcome) {
     if (isOpen) {
         conversations_.erase(conversation);
     }
-    switch (outcome) {
-    case Outcome::expired:
-        fail(outgoing.asked, 0, {});
-        break;
-    case Outcome::notRunning:
-        fail(outgoing.asked, ConveyData::CV_CODE_NOT_SENT, ConveyData::CV_ERROR_NOT_LAUNCHED);
-        break;
-    case Outcome::notLaunched:
-        fail(outgoing.asked, ConveyData::CV_CODE_NOT_SENT, ConveyData::CV_ERROR_LAUNCH_FAILED);
-        break;
-    case Outcome::tooMuch:
-        fail(outgoing.asked, ConveyData::CV_CODE_NOT_SENT, ConveyData::CV_ERROR_TOO_MANY_WAIT);
-        break;
-    case Outcome::lost:
-        fail(outgoing.asked, ConveyData::CV_CODE_TARGET_ENDED, ConveyData::CV_ERROR_TARGET_ENDED);
-        break;
-    default:
-        fail(outgoing.asked, ConveyData::CV_CODE_REJECTED, ConveyData::CV_ERROR_REJECTED);
-        break;
-    }
+    fail(outgoing.asked, outcome);
 }
 
 // The other link has begun another life: what the one before had may have been handled, and its
@@ -452,8 +433,7 @@ void Link::lifeEnded(Peer& peer) {
     }
     for (auto one = conversations_.begin(); one != conversations_.end();) {
         if (one->second.link == peer.name && one->second.delivered) {
-            fail(one->second.asked, ConveyData::CV_CODE_TARGET_ENDED,
-                 ConveyData::CV_ERROR_TARGET_ENDED);
+            fail(one->second.asked, Outcome::lost);
             one = conversations_.erase(one);
         } else {
             ++one;
@@ -527,15 +507,9 @@ void Link::tellOfEndedTargets() {
         const Asked asked = one->second.asked;
         one = owed_.erase(one);
         if (alias != aliases_.end()) {
-            for (std::string& reply : failure(asked, ConveyData::CV_CODE_TARGET_ENDED,
-                                              ConveyData::CV_ERROR_TARGET_ENDED)) {
-                std::string_view rest = reply;
-                Text message;
-                platform::PortText::Block none;
-                if (Text::read(rest, message)) {
-                    replyTaken(*alias->second, message, none);
-                }
-            }
+            platform::PortText::Block none;
+            failure(asked, Outcome::lost,
+                    [&](Text& reply) { replyTaken(*alias->second, reply, none); });
         }
     }
 }

@@ -31,6 +31,18 @@ constexpr std::string_view kEscape = "@HDR>";
 constexpr std::string_view kErrorCode = "@HDR>Error-Code";
 static_assert(kErrorCode.substr(kEscape.size()) == ConveyData::CV_ERROR_CODE);
 
+// What an asker is told of each end that is one, by its outcome.
+constexpr std::pair<int32_t, const char*> kErrors[] = {
+    {0, ""}, // delivered
+    {0, ""}, // expired, which has a type of its own
+    {ConveyData::CV_CODE_NOT_SENT, ConveyData::CV_ERROR_NOT_LAUNCHED},
+    {ConveyData::CV_CODE_NOT_SENT, ConveyData::CV_ERROR_LAUNCH_FAILED},
+    {ConveyData::CV_CODE_REJECTED, ConveyData::CV_ERROR_REJECTED},
+    {ConveyData::CV_CODE_NOT_SENT, ConveyData::CV_ERROR_TOO_MANY_WAIT},
+    {ConveyData::CV_CODE_TARGET_ENDED, ConveyData::CV_ERROR_TARGET_ENDED},
+};
+static_assert(std::size(kErrors) == static_cast<size_t>(Outcome::lost) + 1);
+
 bool isMade(std::string_view name) {
     return std::find(std::begin(kMade), std::end(kMade), name) != std::end(kMade);
 }
@@ -304,9 +316,9 @@ Asked askedBy(const Text& request) {
     return asked;
 }
 
-std::vector<std::string> failure(const Asked& request, int32_t code, std::string_view text) {
-    std::vector<std::string> replies;
-    const auto reply = [&](const char* type, bool isError) {
+void failure(const Asked& request, Outcome outcome, const std::function<void(Text&)>& reply) {
+    const auto& error = kErrors[static_cast<size_t>(outcome)];
+    const auto say = [&](const std::string& type) {
         if (request.wanted.find(type) == std::string::npos) {
             return;
         }
@@ -319,25 +331,19 @@ std::vector<std::string> failure(const Asked& request, int32_t code, std::string
             answer.set(kLife, request.life);
         }
         answer.set(kSerial, request.serial);
-        if (isError) {
-            answer.set(kErrorCode, std::to_string(code));
+        if (type == ConveyData::CV_TYPE_ERROR) {
+            answer.set(kErrorCode, std::to_string(error.first));
             answer.set(ConveyData::CV_ERROR, request.serial);
             // Said here, as here the port may be owned for an application that does not run there.
-            if (text == ConveyData::CV_ERROR_NOT_LAUNCHED ||
-                text == ConveyData::CV_ERROR_LAUNCH_FAILED) {
+            if (outcome == Outcome::notRunning || outcome == Outcome::notLaunched) {
                 answer.set(ConveyData::CV_ERROR_TARGET, ConveyData::CV_TARGET_ABSENT);
             }
-            answer.setBody(std::string(text));
+            answer.setBody(error.second);
         }
-        replies.push_back(answer.write());
+        reply(answer);
     };
-    if (code == 0) {
-        reply(ConveyData::CV_TYPE_TIMEOUT, false);
-    } else {
-        reply(ConveyData::CV_TYPE_ERROR, true);
-    }
-    reply(ConveyData::CV_TYPE_PROCESSED, false);
-    return replies;
+    say(outcome == Outcome::expired ? ConveyData::CV_TYPE_TIMEOUT : ConveyData::CV_TYPE_ERROR);
+    say(ConveyData::CV_TYPE_PROCESSED);
 }
 
 } // namespace convey_link

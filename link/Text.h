@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <list>
 #include <memory>
@@ -8,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "link/Frame.h"
 #include "platform/MessagePort.h"
 
 namespace convey_link {
@@ -138,9 +140,7 @@ int64_t deadlineOf(const Text& message, int64_t now);
 // The time that is left, -1 for all, becomes the message's own; its end.
 int64_t setTime(Text& message, int64_t remaining, int64_t now);
 
-// The reply to a request, which says that there is no other: an error with code and text, or (code
-// 0) "Timeout"; then "Processed" when that is wanted. Each is a text of its own; none when nothing
-// of it is wanted.
+// Who asks, and what of an answer is wanted.
 struct Asked {
     std::string asker; // the name that the request has as sender
     // What follows is empty where no replies are wanted: nobody is told of such a request.
@@ -150,6 +150,8 @@ struct Asked {
     std::string wanted;
 };
 Asked askedBy(const Text& request);
-std::vector<std::string> failure(const Asked& request, int32_t code, std::string_view text);
+// Calls with the replies to a request that has ended so and has no other: an error, or "Timeout"
+// for one whose time was over; then "Processed". Those that are wanted, each a text of its own.
+void failure(const Asked& request, Outcome outcome, const std::function<void(Text&)>& reply);
 
 } // namespace convey_link

@@ -115,24 +115,33 @@ TEST(TextTest, leavesNoSecondLineThatAReaderWouldTake) {
 TEST(TextTest, failsARequestWithWhatWasAskedForAndNoMore) {
     const struct {
         const char* wanted;
+        Outcome outcome;
         int32_t code;
         const char* text;
         std::vector<std::string> types;
         const char* where = "";
     } cases[] = {
-        {"Result Error Processed", 62, "ERROR: TARGET HAS ENDED", {"Error", "Processed"}},
-        {"Error", 59, "ERROR: LAUNCHING IS SUPPRESSED", {"Error"}, "ISNOTRUNNING"},
-        {"Error", 59, "ERROR: TOO MANY MESSAGES WAIT", {"Error"}},
-        {"Result Error Timeout", 0, "", {"Timeout"}},
-        {"Result", 62, "ERROR: TARGET HAS ENDED", {}},
-        {"", 0, "", {}},
+        {"Result Error Processed",
+         Outcome::lost,
+         62,
+         "ERROR: TARGET HAS ENDED",
+         {"Error", "Processed"}},
+        {"Error",
+         Outcome::notRunning,
+         59,
+         "ERROR: LAUNCHING IS SUPPRESSED",
+         {"Error"},
+         "ISNOTRUNNING"},
+        {"Error", Outcome::tooMuch, 59, "ERROR: TOO MANY MESSAGES WAIT", {"Error"}},
+        {"Result Error Timeout", Outcome::expired, 0, "", {"Timeout"}},
+        {"Result", Outcome::lost, 62, "ERROR: TARGET HAS ENDED", {}},
+        {"", Outcome::expired, 0, "", {}},
     };
     for (const auto& one : cases) {
         std::vector<std::string> types;
-        for (const std::string& reply :
-             failure({"diary-1.0", "lumen-2.0", "5", "00000000000000ff", one.wanted}, one.code,
-                     one.text)) {
-            const Convey::Message read = layerReads(reply);
+        const Asked asked{"diary-1.0", "lumen-2.0", "5", "00000000000000ff", one.wanted};
+        failure(asked, one.outcome, [&](Text& reply) {
+            const Convey::Message read = layerReads(reply.write());
             types.emplace_back(read.getType().view());
             EXPECT_EQ(read.getTarget(), "diary-1.0");
             EXPECT_EQ(read.getSender(), "lumen-2.0");
@@ -143,7 +152,7 @@ TEST(TextTest, failsARequestWithWhatWasAskedForAndNoMore) {
                 EXPECT_EQ(read.getUserHeaderValue("Error-Target"), one.where);
                 EXPECT_EQ(read.getBody(), one.text);
             }
-        }
+        });
         EXPECT_EQ(types, one.types) << one.wanted;
     }
 }
