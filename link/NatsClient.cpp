@@ -24,11 +24,15 @@ void secure(const Configuration& configuration, natsOptions* options, Set& set) 
 
 } // namespace
 
+std::string natsErrorText(natsStatus status, const char* words) {
+    const std::string name = natsStatus_GetText(status);
+    return words == nullptr || *words == '\0' ? name : name + ": " + words;
+}
+
 std::string lastNatsError(natsStatus status) {
     natsStatus last = NATS_OK;
     const char* const text = nats_GetLastError(&last);
-    const std::string name = natsStatus_GetText(status);
-    return text == nullptr || *text == '\0' || last != status ? name : name + ": " + text;
+    return natsErrorText(status, last == status ? text : nullptr);
 }
 
 natsStatus makeNatsOptions(const Configuration& configuration, Owned<natsOptions>& options) {

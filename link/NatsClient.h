@@ -25,6 +25,8 @@ struct FreeNats {
 template <class Handle>
 using Owned = std::unique_ptr<Handle, FreeNats>;
 
+// What a status means, and the words that the client has for it, null for none.
+std::string natsErrorText(natsStatus status, const char* words);
 // What the last call of this thread that gave `status` says, for people.
 std::string lastNatsError(natsStatus status);
 // Whom to reach, and as whom.

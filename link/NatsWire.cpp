@@ -40,11 +40,8 @@ constexpr int kBufferBytes = 128 * static_cast<int>(bounds::kKiB);
 constexpr int64_t kCloseMilliseconds = 300;
 
 // All that the client's threads use; its owner leaves it to them when they do not end in time.
-class NatsConnection {
+class NatsConnection : public Wire {
 public:
-    using Event = Wire::Event;
-    using EventKind = Wire::EventKind;
-
     NatsConnection(const Configuration& configuration, WireLoop loop)
         : loop_(std::move(loop)),
           prefix_("convey." + configuration.realm + "."),
@@ -112,16 +109,12 @@ public:
         return true;
     }
 
-    bool publish(const std::string& link, std::string_view frame) {
-        const NatsSocket::Turn turn(socket_);
-        return makeRoom(frame.size()) &&
-               natsConnection_PublishRequest(
-                   socket_.connection(), (prefix_ + link + "." + own_).c_str(),
-                   (prefix_ + own_ + ".absent." + link).c_str(), frame.data(),
-                   static_cast<int>(frame.size())) == NATS_OK;
+    bool publish(const std::string& link, std::string_view frame) override {
+        return ask(prefix_ + link + "." + own_, ".absent." + link, frame);
     }
 
-    bool keep(const std::string& link, uint64_t life, uint64_t serial, std::string_view frame) {
+    bool keep(const std::string& link, uint64_t life, uint64_t serial,
+              std::string_view frame) override {
         const NatsSocket::Turn turn(socket_);
         if (!makeRoom(frame.size())) {
             return false;
@@ -139,31 +132,31 @@ public:
                natsConnection_PublishMsg(socket_.connection(), made) == NATS_OK;
     }
 
-    bool acknowledge(const std::string& reply) {
+    bool acknowledge(const std::string& reply) override {
         const NatsSocket::Turn turn(socket_);
         return makeRoom(reply.size()) &&
                natsConnection_PublishString(socket_.connection(), reply.c_str(), "+ACK") == NATS_OK;
     }
 
-    bool askClock(const std::string& link) {
-        const NatsSocket::Turn turn(socket_);
-        return makeRoom(link.size()) &&
-               natsConnection_PublishRequestString(
-                   socket_.connection(),
-                   ("$JS.API.CONSUMER.INFO." + streamOf(realm_, link) + "." + own_).c_str(),
-                   (prefix_ + own_ + ".kept.clock." + link).c_str(), "") == NATS_OK;
+    bool askClock(const std::string& link) override {
+        return ask("$JS.API.CONSUMER.INFO." + streamOf(realm_, link) + "." + own_,
+                   ".kept.clock." + link, {});
     }
 
-    void flush() {
+    void flush() override {
         {
             // No turn: who wants to write now wakes.
             const std::lock_guard<std::mutex> guard(socket_.mutex);
             socket_.writeOut();
         }
-        giveBack();
+        // Behind what was said, and many together: the client wakes a thread for them.
+        if (doneBytes_ > kDoneBytes) {
+            done_.clear();
+            doneBytes_ = 0;
+        }
     }
 
-    std::vector<Event> take() {
+    std::vector<Event> take() override {
         std::vector<Event> taken;
         {
             const std::lock_guard<std::mutex> guard(mutex_);
@@ -192,7 +185,7 @@ public:
         return taken;
     }
 
-    size_t maximumFrame() const {
+    size_t maximumFrame() const override {
         const std::lock_guard<std::mutex> guard(socket_.mutex);
         const int64_t most = socket_.connection() == nullptr
                                  ? 0
@@ -203,12 +196,13 @@ public:
 private:
     // Whether a frame of so many bytes may be said.
     bool makeRoom(size_t bytes) { return socket_.makeRoom(bytes + kAroundBytes); }
-    // Behind what was said, and many together: the client wakes a thread for them.
-    void giveBack() {
-        if (doneBytes_ > kDoneBytes) {
-            done_.clear();
-            doneBytes_ = 0;
-        }
+    // Publishes what is answered at a subject of this link's own.
+    bool ask(const std::string& subject, const std::string& answers, std::string_view text) {
+        const NatsSocket::Turn turn(socket_);
+        return makeRoom(text.size()) &&
+               natsConnection_PublishRequest(socket_.connection(), subject.c_str(),
+                                             (prefix_ + own_ + answers).c_str(), text.data(),
+                                             static_cast<int>(text.size())) == NATS_OK;
     }
 
     // Joins the servers, and again when the client has given up: it goes on trying where nobody
@@ -266,43 +260,31 @@ private:
 
     bool subscribeAll() {
         const std::string own = prefix_ + own_;
-        return subscribe(own + ".*", 0) &&
-               subscribeByThread(own + ".absent.*", absences_, onAbsent) &&
-               (!keeps_ || subscribeByThread(own + ".kept.told.*", kept_, onKept)) &&
+        return subscribe(own + ".*", 0) && subscribe(own + ".absent.*", 3, onAbsent) &&
+               (!keeps_ || subscribe(own + ".kept.told.*", 4, onKept)) &&
                (!offers_ ||
                 (subscribe(own + ".kept.clock.*", 1) && subscribe(own + kStoredSubject, 2)));
     }
 
-    bool subscribe(const std::string& subject, size_t place) {
-        natsSubscription* subscription = nullptr;
+    // With a handler it is handed over by a thread of the client's, where nobody may be there: it
+    // says whose absence that is to a handler, and to who takes messages himself only that there
+    // is one.
+    bool subscribe(const std::string& subject, size_t place, natsMsgHandler handler = nullptr) {
+        natsConnection* const connection = socket_.connection();
+        natsSubscription* made = nullptr;
         const natsStatus status =
-            natsConnection_SubscribeSync(&subscription, socket_.connection(), subject.c_str());
-        subscriptions_[place].reset(subscription);
-        return status == NATS_OK && bound(subscription);
+            handler == nullptr
+                ? natsConnection_SubscribeSync(&made, connection, subject.c_str())
+                : natsConnection_Subscribe(&made, connection, subject.c_str(), handler, this);
+        subscriptions_[place].reset(made);
+        return status == NATS_OK && natsSubscription_SetPendingLimits(
+                                        made, -1, static_cast<int>(kQueuedBytes)) == NATS_OK;
     }
 
     void endSubscriptions() {
-        absences_.reset();
-        kept_.reset();
         for (auto& subscription : subscriptions_) {
             subscription.reset();
         }
-    }
-
-    // Handed over by a thread of the client's, where nobody may be there: it says whose absence
-    // that is to a handler, and to who takes messages himself only that there is one.
-    bool subscribeByThread(const std::string& subject, Owned<natsSubscription>& made,
-                           natsMsgHandler handler) {
-        natsSubscription* subscription = nullptr;
-        const natsStatus status = natsConnection_Subscribe(&subscription, socket_.connection(),
-                                                           subject.c_str(), handler, this);
-        made.reset(subscription);
-        return status == NATS_OK && bound(subscription);
-    }
-
-    static bool bound(natsSubscription* subscription) {
-        return natsSubscription_SetPendingLimits(subscription, -1,
-                                                 static_cast<int>(kQueuedBytes)) == NATS_OK;
     }
 
     static void onAbsent(natsConnection*, natsSubscription*, natsMsg* taken, void* self) {
@@ -418,10 +400,7 @@ private:
                         void* self) {
         const char* text = nullptr;
         (void)natsConnection_GetLastError(connection, &text);
-        std::string what = natsStatus_GetText(status);
-        if (text != nullptr && *text != '\0') {
-            what.append(": ").append(text);
-        }
+        const std::string what = natsErrorText(status, text);
         // The link listens and speaks as itself only: who may not is somebody else to the servers.
         // Who may not have requests kept is told of each that they are not.
         const bool isOfDisks = what.find(".kept.") != std::string::npos ||
@@ -444,10 +423,8 @@ private:
     std::thread joining_;
     // Its mutex guards the connection, which only `joining_` makes and ends; before `mutex_`.
     NatsSocket socket_{loop_, kPingMilliseconds};
-    Owned<natsSubscription> absences_;
-    Owned<natsSubscription> kept_;
-    Owned<natsSubscription> subscriptions_[std::size(kTakers)];
-    std::vector<Owned<natsMsg>> done_; // of the thread that takes, as the next
+    Owned<natsSubscription> subscriptions_[5]; // those of kTakers, and two with handlers
+    std::vector<Owned<natsMsg>> done_;         // of the thread that takes, as the next
     size_t doneBytes_ = 0;
     std::atomic<bool> closing_{false};
     std::atomic<bool> isClosed_{false}; // by the client, which has given up
@@ -458,51 +435,18 @@ private:
     size_t queuedBytes_ = 0;
 };
 
-class NatsWire : public Wire {
-public:
-    explicit NatsWire(std::unique_ptr<NatsConnection> connection)
-        : connection_(std::move(connection)) {}
-    ~NatsWire() override {
-        if (!connection_->close()) {
-            (void)connection_.release(); // its threads have it
-        }
-    }
-    bool publish(const std::string& link, std::string_view frame) override {
-        return connection_->publish(link, frame);
-    }
-    bool keep(const std::string& link, uint64_t life, uint64_t serial,
-              std::string_view frame) override {
-        return connection_->keep(link, life, serial, frame);
-    }
-    bool acknowledge(const std::string& reply) override { return connection_->acknowledge(reply); }
-    bool askClock(const std::string& link) override { return connection_->askClock(link); }
-    void flush() override { connection_->flush(); }
-    std::vector<Event> take() override { return connection_->take(); }
-    size_t maximumFrame() const override { return connection_->maximumFrame(); }
-
-private:
-    std::unique_ptr<NatsConnection> connection_;
-};
-
 } // namespace
 
-bool Wire::keep(const std::string&, uint64_t, uint64_t, std::string_view) {
-    return false;
-}
-bool Wire::acknowledge(const std::string&) {
-    return false;
-}
-bool Wire::askClock(const std::string&) {
-    return false;
-}
-
-std::unique_ptr<Wire> connectToNats(const Configuration& configuration, WireLoop loop,
+std::shared_ptr<Wire> connectToNats(const Configuration& configuration, WireLoop loop,
                                     std::string& error) {
-    auto connection = std::make_unique<NatsConnection>(configuration, std::move(loop));
-    if (!connection->connect(configuration, error)) {
-        return nullptr;
-    }
-    return std::make_unique<NatsWire>(std::move(connection));
+    std::shared_ptr<NatsConnection> connection(new NatsConnection(configuration, std::move(loop)),
+                                               [](NatsConnection* ended) {
+                                                   std::unique_ptr<NatsConnection> owned(ended);
+                                                   if (!owned->close()) {
+                                                       (void)owned.release(); // its threads have it
+                                                   }
+                                               });
+    return connection->connect(configuration, error) ? connection : nullptr;
 }
 
 } // namespace convey_link

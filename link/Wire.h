@@ -48,13 +48,13 @@ public:
     // The same by way of a disk of the servers, which knows a number of a life again; what it says
     // is an event.
     virtual bool keep(const std::string& link, uint64_t life, uint64_t number,
-                      std::string_view frame);
+                      std::string_view frame) = 0;
     // The frame that was stored need not come again.
-    virtual bool acknowledge(const std::string& reply);
-    virtual bool askClock(const std::string& link);
+    virtual bool acknowledge(const std::string& reply) = 0;
+    virtual bool askClock(const std::string& link) = 0;
     // Sends what was said since the last call, all in one, and lets what was taken go. Waits while
     // the server takes nothing, for two seconds at most: then it counts as ended.
-    virtual void flush() {}
+    virtual void flush() = 0;
     // What has happened since the last call, and has come from the server by now.
     virtual std::vector<Event> take() = 0;
     // Bytes of a frame at most.
@@ -72,7 +72,7 @@ struct WireLoop {
 // A connection to a NATS server, which it looks for until it is destroyed. It is read and written
 // by the thread that calls it. Null, and `error` says why, when what is configured cannot be used
 // at all.
-std::unique_ptr<Wire> connectToNats(const Configuration& configuration, WireLoop loop,
+std::shared_ptr<Wire> connectToNats(const Configuration& configuration, WireLoop loop,
                                     std::string& error);
 
 // The stream in which the requests of a link wait.

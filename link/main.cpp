@@ -301,7 +301,7 @@ int run(const std::string& file) {
     int result = kDone;
     {
         std::string error;
-        const std::unique_ptr<Wire> wire =
+        const std::shared_ptr<Wire> wire =
             connectToNats(configuration,
                           {[wait] { wait->wake(); },
                            [wait](int descriptor, bool on) {
