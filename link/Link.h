@@ -119,7 +119,7 @@ private:
     void keptArrived(const std::string& from, const std::string& bytes, const std::string& reply);
     void clockArrived(const std::string& from, const std::string& answer);
     void handOver(const std::string& from, KeptLine& line);
-    void finish(Peer& peer, uint64_t life, uint64_t message, bool isKept, Outcome outcome);
+    void finish(const Ticket& ticket, Outcome outcome);
     void tellUntold(Peer& peer);
     void forgetKept(int64_t now);
 
@@ -145,6 +145,9 @@ private:
     void answerPing(const AskedPing& ping, Text& answer);
     void notRunning(Peer& peer);
     void sendPong(Peer& peer, const ForeignPing& ping, Outcome outcome, std::string text);
+    void deliver(Ticket ticket, Channel::Arrival& arrival, Text& message, std::string_view sender,
+                 bool mayLaunch, int64_t now);
+    void giveBack(const Outgoing& outgoing);
     void ended(Peer& peer, uint64_t message, Outcome outcome);
     void lifeEnded(Peer& peer);
     void takeDelivered();

@@ -30,12 +30,7 @@ void Link::takeKept() {
         const auto found = to.outgoing.find(end.message);
         if (end.result == Keeper::Result::kept && found != to.outgoing.end()) {
             Outgoing& outgoing = found->second;
-            const auto used = used_.find(outgoing.port);
-            if (used != used_.end()) {
-                Port& port = used->second->requests;
-                port.waitingBytes -= std::min(port.waitingBytes, outgoing.bytes);
-                port.waitingMessages -= std::min<size_t>(port.waitingMessages, 1);
-            }
+            giveBack(outgoing);
             outgoing.port.clear();
             if (!isEndWanted(outgoing.asked.wanted)) { // nobody here is told of its end
                 to.outgoing.erase(found);
@@ -114,7 +109,7 @@ void Link::keptArrived(const std::string& from, const std::string& bytes,
     if (state == Journal::State::begun) {
         around_.log("a request from " + from +
                     " is not handed over again: it may have been, before this link's start");
-        finish(peer(from), line.life, line.message, true, Outcome::lost);
+        finish({peer(from), line.life, line.message, true}, Outcome::lost);
         return;
     }
     line.state = KeptLine::State::waits;
@@ -158,7 +153,7 @@ void Link::handOver(const std::string& from, KeptLine& line) {
         const int64_t waited = line.arrivedAt + line.aheadMilliseconds - storedAt(line.reply);
         left -= std::clamp<int64_t>(waited, 0, left);
         if (left == 0) {
-            finish(peer(from), line.life, line.message, true, Outcome::expired);
+            finish({peer(from), line.life, line.message, true}, Outcome::expired);
             return;
         }
     }
@@ -173,17 +168,18 @@ void Link::handOver(const std::string& from, KeptLine& line) {
 
 // A request from elsewhere has ended here: its sender is told, as soon as it is heard, and it need
 // not be kept any more.
-void Link::finish(Peer& peer, uint64_t life, uint64_t message, bool isKept, Outcome outcome) {
-    if (peer.channel.otherLife() == life) {
-        peer.channel.tell(message, outcome, around_.now());
-    } else if (isKept) {
-        peer.untold.emplace_back(life, message, outcome);
+void Link::finish(const Ticket& ticket, Outcome outcome) {
+    Peer& peer = ticket.peer;
+    if (peer.channel.otherLife() == ticket.life) {
+        peer.channel.tell(ticket.message, outcome, around_.now());
+    } else if (ticket.isKept) {
+        peer.untold.emplace_back(ticket.life, ticket.message, outcome);
         if (peer.untold.size() > bounds::kUntold) {
             peer.untold.pop_front();
         }
     }
     const auto line = keptLines_.find(peer.name);
-    if (isKept && line != keptLines_.end()) {
+    if (ticket.isKept && line != keptLines_.end()) {
         line->second.state = KeptLine::State::done;
         (void)around_.wire.acknowledge(line->second.reply); // lost: it comes again
     }

@@ -153,10 +153,7 @@ void Link::requestTaken(Used& used, Text& message, platform::PortText::Block& bl
     }
     const int64_t deadline = deadlineOf(message, now);
     message.remove({kVouch, kSender, kTarget});
-    MessageHead head;
-    head.kind = reply ? MessageKind::reply : MessageKind::request;
-    head.source = asked.asker;
-    head.target = used.use.app;
+    MessageHead head{reply ? MessageKind::reply : MessageKind::request, asked.asker, used.use.app};
     const bool isKept = used.use.durable && !reply;
     Travelling text = isKept ? message.writePlain() : message.writePlain(std::move(block));
     const size_t bytes = text.size();
@@ -167,8 +164,7 @@ void Link::requestTaken(Used& used, Text& message, platform::PortText::Block& bl
     Peer& to = used.at;
     const uint64_t number = isKept ? keep(to, std::move(head), std::move(text.head), deadline)
                                    : to.channel.queue(std::move(head), std::move(text), deadline);
-    used.requests.waitingBytes += bytes;
-    ++used.requests.waitingMessages;
+    used.requests.waits(bytes);
     // On a disk it may wait for longer than anything is remembered here.
     const int64_t wait = isKept ? std::min(deadline, now + bounds::kStreamMilliseconds) : now;
     to.contacts[asked.asker] = wait + bounds::kAliasMilliseconds;
@@ -201,64 +197,63 @@ void Link::arrived(Peer& peer, Channel::Arrival& arrival, int64_t now) {
 
 void Link::requestArrived(Peer& peer, Channel::Arrival& arrival, int64_t now) {
     const bool isKept = arrival.keptLife != 0;
-    const uint64_t life = isKept ? arrival.keptLife : peer.channel.otherLife();
+    const Ticket ticket{peer, isKept ? arrival.keptLife : peer.channel.otherLife(), arrival.message,
+                        isKept};
     const std::string& target = arrival.head.target;
     bool mayLaunch = false;
-    normalise(arrival.text);
-    std::string_view rest = arrival.text;
     Text message;
-    const bool readable = Text::read(rest, message);
-    if (!readable || !configuration_.isOffered(target, peer.name, mayLaunch) || isOwn(target) ||
+    if (!Text::readForeign(arrival.text, message) ||
+        !configuration_.isOffered(target, peer.name, mayLaunch) || isOwn(target) ||
         isReply(message)) {
         around_.log("refused: " + arrival.head.source + " at " + peer.name + " to " + target);
-        finish(peer, life, arrival.message, isKept, Outcome::refused);
+        finish(ticket, Outcome::refused);
         return;
     }
     Alias* const alias = aliasFor(peer, arrival.head.source);
     if (alias == nullptr) {
-        finish(peer, life, arrival.message, isKept, Outcome::tooMuch);
+        finish(ticket, Outcome::tooMuch);
         return;
     }
     alias->usedAt = now;
+    deliver(ticket, arrival, message, alias->name, mayLaunch, now);
+}
+
+// Under the names that both ends have here.
+void Link::deliver(Ticket ticket, Channel::Arrival& arrival, Text& message, std::string_view sender,
+                   bool mayLaunch, int64_t now) {
+    const std::string& target = arrival.head.target;
     message.remove({kVouch});
     message.setTo(kTarget, target);
-    message.setTo(kSender, alias->name);
-    message.setTo(kVouch, peer.vouch);
+    message.setTo(kSender, sender);
+    message.setTo(kVouch, ticket.peer.vouch);
     const int64_t deadline = setTime(message, arrival.head.remainingMilliseconds, now);
-    const uint64_t number = ++lastTicket_;
-    const int64_t until = deadline == INT64_MAX ? now + bounds::kAliasMilliseconds
-                                                : deadline + bounds::kPingMilliseconds;
-    tickets_.emplace(number,
-                     Ticket{peer, life, arrival.message, true, askedBy(message), until, isKept});
-    deliveries_.post(target, message.write(std::move(arrival.text)), deadline, mayLaunch, number);
+    if (arrival.head.kind == MessageKind::request) {
+        ticket.asked = askedBy(message);
+        ticket.until = deadline == INT64_MAX ? now + bounds::kAliasMilliseconds
+                                             : deadline + bounds::kPingMilliseconds;
+    }
+    tickets_.emplace(++lastTicket_, std::move(ticket));
+    deliveries_.post(target, message.write(std::move(arrival.text)), deadline, mayLaunch,
+                     lastTicket_);
 }
 
 void Link::replyArrived(Peer& peer, Channel::Arrival& arrival, int64_t now) {
-    normalise(arrival.text);
-    std::string_view rest = arrival.text;
     Text message;
     const std::string& asker = arrival.head.target;
     const auto used = used_.find(arrival.head.source);
-    if (!Text::read(rest, message) || !isReply(message) || used == used_.end() ||
+    if (!Text::readForeign(arrival.text, message) || !isReply(message) || used == used_.end() ||
         used->second->use.at != peer.name || peer.contacts.count(asker) == 0) {
         around_.log("refused: " + arrival.head.source + " at " + peer.name + " to " + asker);
         peer.channel.tell(arrival.message, Outcome::refused, now);
         return;
     }
-    message.remove({kVouch});
-    message.setTo(kTarget, asker);
-    message.setTo(kSender, arrival.head.source);
-    message.setTo(kVouch, peer.vouch);
     const auto conversation = conversations_.find({asker, std::string(message.get(kSerial))});
     if (conversation != conversations_.end() &&
         isLastReply(message, conversation->second.asked.wanted)) {
         conversations_.erase(conversation);
     }
-    const int64_t deadline = setTime(message, arrival.head.remainingMilliseconds, now);
-    const uint64_t number = ++lastTicket_;
-    tickets_.emplace(number,
-                     Ticket{peer, peer.channel.otherLife(), arrival.message, false, {}, 0, false});
-    deliveries_.post(asker, message.write(std::move(arrival.text)), deadline, false, number);
+    deliver({peer, peer.channel.otherLife(), arrival.message}, arrival, message,
+            arrival.head.source, false, now);
 }
 
 // Makes room for a sender from elsewhere. Programs that send one message and end are many; who
@@ -342,16 +337,12 @@ void Link::replyTaken(Alias& alias, Text& message, platform::PortText::Block& bl
     }
     const int64_t deadline = deadlineOf(message, now);
     message.remove({kVouch, kSender, kTarget});
-    MessageHead head;
-    head.kind = MessageKind::reply;
-    head.source = asked.asker;
-    head.target = alias.remote;
+    MessageHead head{MessageKind::reply, asked.asker, alias.remote};
     Travelling text = message.writePlain(std::move(block));
     const size_t bytes = text.size();
     const uint64_t number = alias.peer.channel.queue(std::move(head), std::move(text), deadline);
     alias.peer.outgoing[number] = {{}, false, alias.name, bytes};
-    alias.port.waitingBytes += bytes;
-    ++alias.port.waitingMessages;
+    alias.port.waits(bytes);
 }
 
 // A stub was started in the place of a used application. Its launcher has left parameters, which
@@ -378,13 +369,8 @@ void Link::launch(Used& used, std::string parameters) {
     used.at.channel.queueLaunch(used.use.app, parameters);
 }
 
-// How a message from here ended at the other link.
-void Link::ended(Peer& peer, uint64_t message, Outcome outcome) {
-    const auto taken = peer.outgoing.extract(message);
-    if (taken.empty()) {
-        return; // a ping or its answer
-    }
-    const Outgoing& outgoing = taken.mapped();
+// What was taken from a port is not here any more: its senders have that room again.
+void Link::giveBack(const Outgoing& outgoing) {
     const auto used = used_.find(outgoing.port);
     const auto alias = aliases_.find(outgoing.port);
     if (Port* const port = used != used_.end()       ? &used->second->requests
@@ -393,8 +379,19 @@ void Link::ended(Peer& peer, uint64_t message, Outcome outcome) {
         port->waitingBytes -= std::min(port->waitingBytes, outgoing.bytes);
         port->waitingMessages -= std::min<size_t>(port->waitingMessages, 1);
     }
+}
+
+// How a message from here ended at the other link.
+void Link::ended(Peer& peer, uint64_t message, Outcome outcome) {
+    const auto taken = peer.outgoing.extract(message);
+    if (taken.empty()) {
+        return; // a ping or its answer
+    }
+    const Outgoing& outgoing = taken.mapped();
+    giveBack(outgoing);
     if (!outgoing.isRequest) {
         // The asker has gone: nobody here need write to it any more.
+        const auto alias = aliases_.find(outgoing.port);
         if (outcome == Outcome::notRunning && alias != aliases_.end()) {
             forgetAlias(*alias->second);
         }
@@ -451,10 +448,9 @@ void Link::takeDelivered() {
         if (!ticket.isKept && ticket.peer.channel.otherLife() != ticket.life) {
             continue;
         }
-        finish(ticket.peer, ticket.life, ticket.message, ticket.isKept, end.outcome);
-        if (end.outcome == Outcome::delivered && ticket.isRequest &&
-            isEndWanted(ticket.asked.wanted) && end.taker != nullptr &&
-            owed_.size() < bounds::kPending) {
+        finish(ticket, end.outcome);
+        if (end.outcome == Outcome::delivered && isEndWanted(ticket.asked.wanted) &&
+            end.taker != nullptr && owed_.size() < bounds::kPending) {
             around_.wait.add(*end.taker);
             owed_[{ticket.asked.asker, ticket.asked.serial}] = {ticket.asked, std::move(end.taker),
                                                                 ticket.until};

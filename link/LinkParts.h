@@ -20,6 +20,10 @@ struct Link::Port {
     bool isFull() const {
         return waitingBytes >= bounds::kWaitingBytes || waitingMessages >= bounds::kWaitingMessages;
     }
+    void waits(size_t bytes) {
+        waitingBytes += bytes;
+        ++waitingMessages;
+    }
 };
 
 struct Link::Used {
@@ -103,10 +107,9 @@ struct Link::Ticket {
     Peer& peer;
     uint64_t life = 0; // of that link
     uint64_t message = 0;
-    bool isRequest = false;
-    Asked asked;
-    int64_t until = 0;
     bool isKept = false; // it lies on a disk
+    Asked asked = {};    // of a request
+    int64_t until = 0;
 };
 
 // The kept requests of another link, of which one at a time is here.

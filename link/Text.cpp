@@ -102,6 +102,12 @@ bool Text::read(std::string_view head, std::string_view body, Text& out) {
     return any && head.empty() && announced == body.size();
 }
 
+bool Text::readForeign(std::string& text, Text& out) {
+    normalise(text);
+    std::string_view rest = text;
+    return read(rest, out);
+}
+
 std::string_view Text::get(std::string_view name) const {
     const auto found = std::find_if(lines_.rbegin(), lines_.rend(),
                                     [name](const Line& line) { return line.name == name; });

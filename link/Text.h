@@ -52,6 +52,8 @@ public:
     // The same of one message whose body is a piece of its own. False when that is not all that it
     // announces, and when something is left behind its head.
     [[nodiscard]] static bool read(std::string_view head, std::string_view body, Text& out);
+    // The same of one that has come from elsewhere, whatever ends its lines.
+    [[nodiscard]] static bool readForeign(std::string& text, Text& out);
     // A text with these lines, in which nothing is yet.
     Text() = default;
     Text(Text&&) = default;
