@@ -25,15 +25,14 @@ constexpr int64_t kTryAgainMilliseconds = 500;
 // Lives of one link that are remembered: repeats of older ones have long been acknowledged.
 constexpr size_t kLives = 4;
 
-bool says(const nlohmann::json& answer, const char* key, const std::string& name) {
-    const auto found = answer.is_object() ? answer.find(key) : answer.end();
-    return found != answer.end() && found->is_string() && *found == name;
+// What stands there, or nothing: who may publish here says what it likes.
+nlohmann::json in(const nlohmann::json& answer, const char* key) {
+    return answer.is_object() ? answer.value(key, nlohmann::json()) : nlohmann::json();
 }
 
-// The number of that name, 0 for what is none: who may publish here says what it likes.
 uint64_t numberIn(const nlohmann::json& answer, const char* key) {
-    const auto found = answer.is_object() ? answer.find(key) : answer.end();
-    return found != answer.end() && found->is_number_unsigned() ? found->get<uint64_t>() : 0;
+    const auto found = in(answer, key);
+    return found.is_number_unsigned() ? found.get<uint64_t>() : 0;
 }
 
 } // namespace
@@ -43,7 +42,7 @@ void Keeper::queue(const std::string& link, uint64_t message, MessageHead head, 
     line_.push_back({++lastNumber_, link, message, std::move(head), std::move(text), deadline});
 }
 
-void Keeper::end(Result result) {
+void Keeper::end(KeptAnswer result) {
     ended_.push_back({line_.front().link, line_.front().message, result});
     line_.pop_front();
     isSent_ = false;
@@ -54,40 +53,32 @@ void Keeper::take(uint64_t number, std::string_view answer, int64_t now) {
     if (line_.empty() || line_.front().number != number || !isSent_) {
         return; // of one that was repeated
     }
-    switch (keptAnswer(answer, stream_)) {
-    case KeptAnswer::ofAnother:
+    const KeptAnswer result = keptAnswer(answer, stream_);
+    if (result == KeptAnswer::ofAnother) {
         return;
-    case KeptAnswer::kept:
+    }
+    if (result == KeptAnswer::notNow) {
+        missedAt_ = std::min(missedAt_, now);
+        if (now < missedAt_ + bounds::kNoStreamMilliseconds) {
+            sendAt_ = now + kTryAgainMilliseconds;
+            return;
+        }
+    } else if (result == KeptAnswer::kept) {
         missedAt_ = INT64_MAX;
         ++kept_;
-        end(Result::kept);
-        return;
-    case KeptAnswer::full:
-        end(Result::full);
-        return;
-    case KeptAnswer::tooLarge:
-        end(Result::tooLarge);
-        return;
-    case KeptAnswer::notNow:
-        break;
     }
-    missedAt_ = std::min(missedAt_, now);
-    if (now >= missedAt_ + bounds::kNoStreamMilliseconds) {
-        end(Result::nothingKeeps);
-        return;
-    }
-    sendAt_ = now + kTryAgainMilliseconds;
+    end(result);
 }
 
 std::vector<Keeper::Ended> Keeper::step(int64_t now) {
     // What was sent may lie on a disk: its link says how it ends, or its time tells.
     if (isSent_ && line_.front().deadline <= now) {
-        end(Result::kept);
+        end(KeptAnswer::kept);
     }
     std::erase_if(line_, [&](const Waiting& one) {
         const bool isOver = one.deadline <= now && !(isSent_ && &one == &line_.front());
         if (isOver) {
-            ended_.push_back({one.link, one.message, Result::expired});
+            ended_.push_back({one.link, one.message, KeptAnswer::expired});
         }
         return isOver;
     });
@@ -102,7 +93,7 @@ std::vector<Keeper::Ended> Keeper::step(int64_t now) {
         frame.text = front.text;
         const std::string bytes = encode(frame);
         if (bytes.size() > wire_.maximumFrame()) {
-            end(Result::tooLarge);
+            end(KeptAnswer::tooLarge);
         } else {
             const bool sent = wire_.keep(front.link, life_, front.number, bytes);
             isSent_ = isSent_ || sent;
@@ -164,25 +155,23 @@ KeptAnswer keptAnswer(std::string_view answer, const std::string& stream) {
         return KeptAnswer::notNow;
     }
     const auto json = nlohmann::json::parse(answer, nullptr, false);
-    if (!says(json, "stream", stream)) {
+    if (in(json, "stream") != stream) {
         return KeptAnswer::ofAnother;
     }
-    const auto error = json.find("error");
-    if (error == json.end()) {
+    if (!json.contains("error")) {
         return numberIn(json, "seq") != 0 ? KeptAnswer::kept : KeptAnswer::notNow;
     }
-    const uint64_t code = numberIn(*error, "err_code");
+    const uint64_t code = numberIn(json["error"], "err_code");
     return code == kStoreFailed ? KeptAnswer::full
            : code == kTooLarge  ? KeptAnswer::tooLarge
                                 : KeptAnswer::notNow;
 }
 
 int64_t storedAt(std::string_view acknowledgement) {
-    std::vector<std::string_view> tokens;
-    while (!acknowledgement.empty()) {
-        const size_t dot = std::min(acknowledgement.find('.'), acknowledgement.size());
-        tokens.push_back(acknowledgement.substr(0, dot));
-        acknowledgement.remove_prefix(std::min(dot + 1, acknowledgement.size()));
+    std::vector<std::string> tokens;
+    std::istringstream text{std::string(acknowledgement)};
+    for (std::string token; std::getline(text, token, '.');) {
+        tokens.push_back(token);
     }
     // Later servers say more in front: $JS.ACK[.domain.account].stream.consumer.times.two
     // numbers.nanoseconds.pending[.more]
@@ -196,13 +185,11 @@ int64_t storedAt(std::string_view acknowledgement) {
 
 int64_t servedAt(std::string_view answer, const std::string& stream, const std::string& consumer) {
     const auto json = nlohmann::json::parse(answer, nullptr, false);
-    const auto delivered = json.is_object() ? json.value("delivered", nlohmann::json()) : json;
-    if (!says(json, "stream_name", stream) || !says(json, "name", consumer) ||
-        !delivered.is_object() || !delivered.contains("last_active") ||
-        !delivered["last_active"].is_string()) {
+    const auto last = in(in(json, "delivered"), "last_active");
+    if (in(json, "stream_name") != stream || in(json, "name") != consumer || !last.is_string()) {
         return -1;
     }
-    std::istringstream text(delivered["last_active"].get<std::string>());
+    std::istringstream text(last.get<std::string>());
     text.imbue(std::locale::classic());
     std::tm date{};
     double fraction = 0; // 2026-11-22T21:06:36.88402765Z

@@ -14,16 +14,21 @@ namespace convey_link {
 
 class Wire;
 
+// What a disk says of a message that it was given: `ofAnother` when it is of another stream,
+// `notNow` for nothing, for what is no such answer, and for an error that may pass. What became of
+// one: `notNow` when nothing has kept it for too long, or `expired`.
+enum class KeptAnswer { kept, full, tooLarge, notNow, ofAnother, expired };
+KeptAnswer keptAnswer(std::string_view answer, const std::string& stream);
+
 // Requests of this link on their way to the servers' disks, from which their links take them: one
 // at a time, and each until a disk has said that it has it, so that they lie there in order. What
 // is repeated has its number, which the disk knows. One thread.
 class Keeper {
 public:
-    enum class Result { kept, expired, full, tooLarge, nothingKeeps };
     struct Ended {
         std::string link;
         uint64_t message;
-        Result result;
+        KeptAnswer result;
     };
 
     // `stream`: of the requests of this link, on the disks.
@@ -53,7 +58,7 @@ private:
         std::string text;
         int64_t deadline;
     };
-    void end(Result result);
+    void end(KeptAnswer result);
 
     Wire& wire_;
     const uint64_t life_;
@@ -89,11 +94,6 @@ private:
     const std::string folder_;
     std::map<std::string, Lives> links_;
 };
-
-// What a disk says of a message that it was given: `ofAnother` when it is of another stream,
-// `notNow` for nothing, for what is no such answer, and for an error that may pass.
-enum class KeptAnswer { kept, full, tooLarge, notNow, ofAnother };
-KeptAnswer keptAnswer(std::string_view answer, const std::string& stream);
 
 // Of a subject for acknowledgements: when the message was stored, by the servers' clock in
 // milliseconds since 1970; -1 for no such subject.

@@ -187,10 +187,8 @@ void Link::connected(const std::string& server) {
         joinAt_ = now + kClaimMilliseconds;
     }
     keeper_.again();
-    for (auto& [name, line] : keptLines_) {
-        line.aheadUntil = 0; // another server, perhaps
-    }
     for (const auto& [name, peer] : peers_) {
+        peer->kept.aheadUntil = 0; // another server, perhaps
         peer->channel.sendAgain();
         peer->greetAt = now;
         if (joined_ && !peer->wanted.empty()) {
@@ -517,6 +515,11 @@ int64_t Link::regularly() {
         regularAt_ = 0;
         for (const std::string& link : std::exchange(unmet_, {})) {
             askToBeGreeted(link);
+        }
+        for (const auto& [name, peer] : peers_) {
+            if (!peer->kept.frame.empty()) {
+                keptArrived(name, std::string(peer->kept.frame), std::string(peer->kept.reply));
+            }
         }
     }
     if (connected_ && claimAt_ <= now) {

@@ -114,11 +114,10 @@ private:
     bool publish(Peer& peer, const Frame& frame);
 
     // LinkKept.cpp: requests that wait on the servers' disks.
-    uint64_t keep(Peer& peer, MessageHead head, std::string text, int64_t deadline);
     void takeKept();
     void keptArrived(const std::string& from, const std::string& bytes, const std::string& reply);
     void clockArrived(const std::string& from, const std::string& answer);
-    void handOver(const std::string& from, KeptLine& line);
+    void handOver(Peer& peer);
     void finish(const Ticket& ticket, Outcome outcome);
     void tellUntold(Peer& peer);
     void forgetKept(int64_t now);
@@ -187,9 +186,6 @@ private:
     std::map<uint64_t, AskedPing> askedPings_;     // of here, by the number that travels
     std::map<uint64_t, ForeignPing> foreignPings_; // of elsewhere, by the number used here
     std::map<std::string, std::shared_ptr<platform::TargetWatch>> watched_; // offered, and running
-    std::map<std::string, KeptLine> keptLines_;                             // by sender
-    std::map<std::string, std::pair<std::string, std::string>>
-        early_; // frames and replies, by sender
     Keeper keeper_;
     Journal journal_;
     uint64_t lastTicket_ = 0;

@@ -11,24 +11,15 @@ constexpr int64_t kClockMilliseconds = 60'000;
 
 } // namespace
 
-uint64_t Link::keep(Peer& peer, MessageHead head, std::string text, int64_t deadline) {
-    const uint64_t number = peer.channel.reserve();
-    keeper_.queue(peer.name, number, std::move(head), std::move(text), deadline);
-    return number;
-}
-
 void Link::takeKept() {
     if (!joined_) {
         return; // another may have the name
-    }
-    for (const auto& [from, one] : std::exchange(early_, {})) {
-        keptArrived(from, one.first, one.second);
     }
     for (const Keeper::Ended& end : keeper_.step(around_.now())) {
         statusChanged_ = statusChanged_ || keeper_.waiting() == 0;
         Peer& to = peer(end.link);
         const auto found = to.outgoing.find(end.message);
-        if (end.result == Keeper::Result::kept && found != to.outgoing.end()) {
+        if (end.result == KeptAnswer::kept && found != to.outgoing.end()) {
             Outgoing& outgoing = found->second;
             giveBack(outgoing);
             outgoing.port.clear();
@@ -37,16 +28,16 @@ void Link::takeKept() {
             }
             continue;
         }
-        if (end.result == Keeper::Result::nothingKeeps || end.result == Keeper::Result::full) {
-            around_.log(
-                "a request for " + end.link + " is not kept: " +
-                (end.result == Keeper::Result::full ? "the stream is full" : "no stream takes it"));
+        const bool isFull = end.result == KeptAnswer::full;
+        if (isFull || end.result == KeptAnswer::notNow) {
+            around_.log("a request for " + end.link +
+                        " is not kept: " + (isFull ? "the stream is full" : "no stream takes it"));
         }
         ended(to, end.message,
-              end.result == Keeper::Result::expired        ? Outcome::expired
-              : end.result == Keeper::Result::full         ? Outcome::tooMuch
-              : end.result == Keeper::Result::nothingKeeps ? Outcome::notRunning
-                                                           : Outcome::refused);
+              isFull                              ? Outcome::tooMuch
+              : end.result == KeptAnswer::expired ? Outcome::expired
+              : end.result == KeptAnswer::notNow  ? Outcome::notRunning
+                                                  : Outcome::refused);
     }
 }
 
@@ -81,14 +72,16 @@ void Link::keptArrived(const std::string& from, const std::string& bytes,
         (void)around_.wire.acknowledge(reply); // else it comes again
         return;
     }
-    if (!joined_ && early_.size() < bounds::kLinks) {
-        early_[from] = {bytes, reply}; // one of each sender, until the name is sure
-        return;
-    }
-    if (!joined_ || (knownPeer(from) == nullptr && peers_.size() >= bounds::kLinks)) {
+    if (knownPeer(from) == nullptr && peers_.size() >= bounds::kLinks) {
         return; // it comes again
     }
-    KeptLine& line = keptLines_[from];
+    Peer& peer = this->peer(from);
+    KeptLine& line = peer.kept;
+    if (!joined_) {
+        line.frame = bytes; // one of each sender, until the name is sure
+        line.reply = reply;
+        return;
+    }
     const bool isSame = frame.senderLife == line.life && frame.number == line.message;
     if (isSame && line.state == KeptLine::State::handedOver) {
         line.reply = reply;
@@ -109,14 +102,14 @@ void Link::keptArrived(const std::string& from, const std::string& bytes,
     if (state == Journal::State::begun) {
         around_.log("a request from " + from +
                     " is not handed over again: it may have been, before this link's start");
-        finish({peer(from), line.life, line.message, true}, Outcome::lost);
+        finish({peer, line.life, line.message, true}, Outcome::lost);
         return;
     }
     line.state = KeptLine::State::waits;
     line.arrivedAt = around_.now();
     line.frame = bytes;
     if (frame.head.remainingMilliseconds < 0 || line.arrivedAt < line.aheadUntil) {
-        handOver(from, line);
+        handOver(peer);
         return;
     }
     if (std::exchange(line.isAsked, true)) {
@@ -129,19 +122,19 @@ void Link::keptArrived(const std::string& from, const std::string& bytes,
 // What the servers said of the last one that they gave: both times are of their clock, so that no
 // clock of another machine is relied on.
 void Link::clockArrived(const std::string& from, const std::string& answer) {
-    const auto found = keptLines_.find(from);
+    Peer* const peer = knownPeer(from);
     const int64_t served =
         servedAt(answer, streamOf(configuration_.realm, from), configuration_.name);
-    if (found == keptLines_.end() || served < 0 || found->second.state != KeptLine::State::waits) {
+    if (peer == nullptr || served < 0 || peer->kept.state != KeptLine::State::waits) {
         return;
     }
-    KeptLine& line = found->second;
-    line.aheadMilliseconds = served - line.arrivedAt;
-    line.aheadUntil = line.arrivedAt + kClockMilliseconds;
-    handOver(from, line);
+    peer->kept.aheadMilliseconds = served - peer->kept.arrivedAt;
+    peer->kept.aheadUntil = peer->kept.arrivedAt + kClockMilliseconds;
+    handOver(*peer);
 }
 
-void Link::handOver(const std::string& from, KeptLine& line) {
+void Link::handOver(Peer& peer) {
+    KeptLine& line = peer.kept;
     Frame frame;
     if (!decode(line.frame, frame)) {
         return; // it has been looked at
@@ -153,17 +146,17 @@ void Link::handOver(const std::string& from, KeptLine& line) {
         const int64_t waited = line.arrivedAt + line.aheadMilliseconds - storedAt(line.reply);
         left -= std::clamp<int64_t>(waited, 0, left);
         if (left == 0) {
-            finish({peer(from), line.life, line.message, true}, Outcome::expired);
+            finish({peer, line.life, line.message, true}, Outcome::expired);
             return;
         }
     }
-    if (!journal_.begin(from, line.life, line.message)) {
-        around_.log("kept requests from " + from + " wait: the journal cannot be written");
+    if (!journal_.begin(peer.name, line.life, line.message)) {
+        around_.log("kept requests from " + peer.name + " wait: the journal cannot be written");
         line.state = KeptLine::State::none; // it comes again
         return;
     }
     line.state = KeptLine::State::handedOver;
-    requestArrived(peer(from), arrival, around_.now());
+    requestArrived(peer, arrival, around_.now());
 }
 
 // A request from elsewhere has ended here: its sender is told, as soon as it is heard, and it need
@@ -178,10 +171,9 @@ void Link::finish(const Ticket& ticket, Outcome outcome) {
             peer.untold.pop_front();
         }
     }
-    const auto line = keptLines_.find(peer.name);
-    if (ticket.isKept && line != keptLines_.end()) {
-        line->second.state = KeptLine::State::done;
-        (void)around_.wire.acknowledge(line->second.reply); // lost: it comes again
+    if (ticket.isKept) {
+        peer.kept.state = KeptLine::State::done;
+        (void)around_.wire.acknowledge(peer.kept.reply); // lost: it comes again
     }
 }
 

@@ -162,8 +162,13 @@ void Link::requestTaken(Used& used, Text& message, platform::PortText::Block& bl
         return;
     }
     Peer& to = used.at;
-    const uint64_t number = isKept ? keep(to, std::move(head), std::move(text.head), deadline)
-                                   : to.channel.queue(std::move(head), std::move(text), deadline);
+    uint64_t number = 0;
+    if (isKept) {
+        number = to.channel.reserve();
+        keeper_.queue(to.name, number, std::move(head), std::move(text.head), deadline);
+    } else {
+        number = to.channel.queue(std::move(head), std::move(text), deadline);
+    }
     used.requests.waits(bytes);
     // On a disk it may wait for longer than anything is remembered here.
     const int64_t wait = isKept ? std::min(deadline, now + bounds::kStreamMilliseconds) : now;

@@ -60,6 +60,19 @@ struct Link::Outgoing {
     bool isKept() const { return until != INT64_MAX; }
 };
 
+// The kept requests of another link, of which one at a time is here.
+struct Link::KeptLine {
+    enum class State { none, waits, handedOver, done } state = State::none;
+    uint64_t life = 0;
+    uint64_t message = 0;
+    std::string frame; // while it waits for the time, or until this link has its name
+    std::string reply; // where it is acknowledged
+    int64_t arrivedAt = 0;
+    bool isAsked = false;          // what the time is, for this one
+    int64_t aheadMilliseconds = 0; // the servers' clock, of this one's
+    int64_t aheadUntil = 0;        // 0: not known
+};
+
 struct Link::Peer {
     Peer(const std::string& itsName, const std::string& realm, uint64_t ownLife)
         : name(itsName), vouch(itsName + "@" + realm), channel(ownLife) {}
@@ -79,6 +92,7 @@ struct Link::Peer {
     int64_t greetAt = 0;
     std::vector<std::string> wanted; // the applications that it asks about
     std::string presence;            // what it was told last
+    KeptLine kept;
     // How kept requests of it ended while it was not heard; with its life and their numbers.
     std::deque<std::tuple<uint64_t, uint64_t, Outcome>> untold;
     uint64_t framesSent = 0;
@@ -110,19 +124,6 @@ struct Link::Ticket {
     bool isKept = false; // it lies on a disk
     Asked asked = {};    // of a request
     int64_t until = 0;
-};
-
-// The kept requests of another link, of which one at a time is here.
-struct Link::KeptLine {
-    enum class State { none, waits, handedOver, done } state = State::none;
-    uint64_t life = 0;
-    uint64_t message = 0;
-    std::string frame; // while it waits for the time
-    std::string reply; // where it is acknowledged
-    int64_t arrivedAt = 0;
-    bool isAsked = false;          // what the time is, for this one
-    int64_t aheadMilliseconds = 0; // the servers' clock, of this one's
-    int64_t aheadUntil = 0;        // 0: not known
 };
 
 struct Link::AskedPing {
