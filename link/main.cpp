@@ -10,7 +10,6 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <string>
-#include <system_error>
 #include <thread>
 #include <unistd.h>
 
@@ -402,21 +401,6 @@ int start(int argc, char** argv) {
 } // namespace
 
 int main(int argc, char** argv) {
-    using platform::StandardStreams;
-    if (!StandardStreams::open()) {
-        return kInUse;
-    }
-    int status = kInUse;
-    try {
-        status = start(argc, argv);
-    } catch (const std::exception& error) { // without the memory to say it nicely
-        say(error.what());
-    }
-    // A reader that has gone has what it wants, and the answer stays what it is.
-    if (!StandardStreams::finish() && !StandardStreams::readerHasGone()) {
-        say("the output cannot be written: " +
-            std::generic_category().message(StandardStreams::failure()));
-        status = kBadFile;
-    }
-    return status;
+    return platform::StandardStreams::run(kProgram, kInUse, kBadFile,
+                                          [&] { return start(argc, argv); });
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+
 namespace platform {
 
 // The three standard streams of a program, so that what it says on standard output arrives whole or
@@ -22,11 +24,14 @@ public:
     // Writes what std::cout holds: true when all that was ever said has been written.
     [[nodiscard]] static bool finish();
 
+    // All that a program does: `work` between the two, and its status. What it throws, and that its
+    // output is not written, is said on standard error behind the program's name, and the status is
+    // `failed` or `unwritten` then.
+    static int run(const char* program, int failed, int unwritten,
+                   const std::function<int()>& work);
+
     // Why not: the system's error number of the first failure, 0 for none.
     static int failure();
-
-    // True when the reader has gone, which is its own choice and nothing to complain of.
-    static bool readerHasGone();
 };
 
 } // namespace platform

@@ -11,6 +11,7 @@
 #include <poll.h>
 #include <streambuf>
 #include <string_view>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 
@@ -133,12 +134,28 @@ bool StandardStreams::finish() {
     return !std::cout.flush().fail() && outputBuffer().failure() == 0;
 }
 
-int StandardStreams::failure() {
-    return outputBuffer().failure();
+int StandardStreams::run(const char* program, int failed, int unwritten,
+                         const std::function<int()>& work) {
+    if (!open()) {
+        return failed;
+    }
+    int status = failed;
+    try {
+        status = work();
+    } catch (const std::exception& error) { // without the memory to say it nicely
+        std::cerr << program << ": " << error.what() << std::endl;
+    }
+    // A reader that has gone (`| head -1`) has what it wants, and the answer stays what it is.
+    if (!finish() && failure() != EPIPE) {
+        std::cerr << program << ": the output cannot be written: "
+                  << std::generic_category().message(failure()) << std::endl;
+        status = unwritten;
+    }
+    return status;
 }
 
-bool StandardStreams::readerHasGone() {
-    return failure() == EPIPE;
+int StandardStreams::failure() {
+    return outputBuffer().failure();
 }
 
 } // namespace platform
