@@ -182,42 +182,32 @@ private:
 } // namespace
 
 bool matches(std::string_view pattern, std::string_view text) {
-    size_t at = 0;
-    size_t star = std::string_view::npos; // the last one, and up to where it has gone
-    size_t reached = 0;
-    size_t i = 0;
-    while (i < text.size()) {
-        if (at < pattern.size() && pattern[at] == '*') {
-            star = at++;
-            reached = i;
-        } else if (at < pattern.size() && pattern[at] == text[i]) {
-            ++at;
-            ++i;
-        } else if (star != std::string_view::npos) {
-            at = star + 1;
-            i = ++reached;
-        } else {
-            return false;
+    size_t star = pattern.find('*');
+    if (star == std::string_view::npos || !text.starts_with(pattern.substr(0, star))) {
+        return pattern == text;
+    }
+    // The first place of each piece leaves the most for those behind it: no other need be tried.
+    for (size_t at = 0; at != std::string_view::npos; at = text.find(pattern.substr(0, star))) {
+        text.remove_prefix(at + star);
+        pattern.remove_prefix(star + 1);
+        star = pattern.find('*');
+        if (star == std::string_view::npos) {
+            return text.ends_with(pattern);
         }
     }
-    while (at < pattern.size() && pattern[at] == '*') {
-        ++at;
-    }
-    return at == pattern.size();
+    return false;
 }
 
-bool Configuration::isOffered(std::string_view app, std::string_view link, bool& launch) const {
-    bool offered = false;
-    launch = false;
+Offered Configuration::offered(std::string_view app, std::string_view link) const {
+    Offered most = Offered::nothing;
     for (const Offer& offer : offers) {
         if (matches(offer.app, app) &&
             std::any_of(offer.to.begin(), offer.to.end(),
                         [link](const std::string& to) { return matches(to, link); })) {
-            offered = true;
-            launch = launch || offer.launch;
+            most = std::max(most, offer.launch ? Offered::launch : Offered::use);
         }
     }
-    return offered;
+    return most;
 }
 
 bool parseConfiguration(std::string_view text, const std::string& folder, Configuration& out,

@@ -18,6 +18,9 @@ struct Use {
     bool durable = false; // requests wait on the servers' disks
 };
 
+// What a link may do with an application of this machine; each has what is before it.
+enum class Offered { nothing, use, launch };
+
 // What one file says (man convey-link.toml). Nothing is offered or used that is not written there.
 struct Configuration {
     std::string realm;
@@ -34,8 +37,7 @@ struct Configuration {
     std::vector<Offer> offers;
     std::vector<Use> uses;
 
-    // Whether the link may use the application; `launch` receives whether it may start it.
-    bool isOffered(std::string_view app, std::string_view link, bool& launch) const;
+    Offered offered(std::string_view app, std::string_view link) const;
 };
 
 // Reads a file. False when something is wrong with it: `faults` receives a sentence for each.

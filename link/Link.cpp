@@ -275,9 +275,7 @@ void Link::takeFrame(const std::string& from, std::string_view bytes) {
             arrived(peer, arrival, now);
         }
         for (const Channel::Launch& launch : arrivals.launches) {
-            bool mayLaunch = false;
-            if (configuration_.isOffered(launch.app, from, mayLaunch) && mayLaunch &&
-                !isOwn(launch.app)) {
+            if (configuration_.offered(launch.app, from) == Offered::launch && !isOwn(launch.app)) {
                 around_.log(launch.app + " is launched for " + from);
                 (void)around_.launch(launch.app, launch.parameters); // reports
             } else {
@@ -439,10 +437,9 @@ bool Link::isRunning(const std::string& app) {
 void Link::sendPresence(Peer& peer, bool always) {
     Frame presence = frame(FrameKind::presence, &peer);
     for (const std::string& app : peer.wanted) {
-        bool mayLaunch = false;
         AppState state = AppState::refused;
         // What is used from elsewhere is not passed on: two links could do so in a circle.
-        if (configuration_.isOffered(app, peer.name, mayLaunch) && used_.count(app) == 0) {
+        if (configuration_.offered(app, peer.name) != Offered::nothing && used_.count(app) == 0) {
             state = isRunning(app) ? AppState::running : AppState::absent;
         }
         presence.apps.emplace_back(app, state);

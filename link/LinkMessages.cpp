@@ -205,10 +205,9 @@ void Link::requestArrived(Peer& peer, Channel::Arrival& arrival, int64_t now) {
     const Ticket ticket{peer, isKept ? arrival.keptLife : peer.channel.otherLife(), arrival.message,
                         isKept};
     const std::string& target = arrival.head.target;
-    bool mayLaunch = false;
+    const Offered offered = configuration_.offered(target, peer.name);
     Text message;
-    if (!Text::readForeign(arrival.text, message) ||
-        !configuration_.isOffered(target, peer.name, mayLaunch) || isOwn(target) ||
+    if (!Text::readForeign(arrival.text, message) || offered == Offered::nothing || isOwn(target) ||
         isReply(message)) {
         around_.log("refused: " + arrival.head.source + " at " + peer.name + " to " + target);
         finish(ticket, Outcome::refused);
@@ -220,7 +219,7 @@ void Link::requestArrived(Peer& peer, Channel::Arrival& arrival, int64_t now) {
         return;
     }
     alias->usedAt = now;
-    deliver(ticket, arrival, message, alias->name, mayLaunch, now);
+    deliver(ticket, arrival, message, alias->name, offered == Offered::launch, now);
 }
 
 // Under the names that both ends have here.

@@ -78,16 +78,14 @@ void Link::askAgain(Peer& peer) {
 }
 
 void Link::pingArrived(Peer& peer, const MessageHead& head, std::string_view text, int64_t now) {
-    bool mayLaunch = false;
     const std::string app = head.target.substr(0, head.target.find('#'));
     const ForeignPing ping{peer.name, head.target, head.source, head.pingNumber,
                            now + bounds::kPingMilliseconds};
     Text question;
     std::string whole(text);
-    normalise(whole);
-    std::string_view rest = whole;
-    if (!head.target.ends_with(kThreadSuffix) || isOwn(app) || !Text::read(rest, question) ||
-        !configuration_.isOffered(app, peer.name, mayLaunch)) {
+    if (!head.target.ends_with(kThreadSuffix) || isOwn(app) ||
+        !Text::readForeign(whole, question) ||
+        configuration_.offered(app, peer.name) == Offered::nothing) {
         sendPong(peer, ping, Outcome::refused, {});
         return;
     }
@@ -159,9 +157,7 @@ void Link::pongArrived(Peer& peer, const MessageHead& head, std::string_view tex
     askedPings_.erase(found);
     Text answer;
     std::string whole(text);
-    normalise(whole);
-    std::string_view rest = whole;
-    if (head.pingOutcome != Outcome::delivered || !Text::read(rest, answer)) {
+    if (head.pingOutcome != Outcome::delivered || !Text::readForeign(whole, answer)) {
         answer = Text();
         answer.set(kEcho, ConveyThread::CV_ISNOTRUNNING);
     }
