@@ -24,9 +24,7 @@ constexpr int64_t kLaunchAgainMilliseconds = 3000;
 // Targets that take nothing, at one time; those behind them wait for one of the threads.
 constexpr size_t kWorkers = 16;
 
-int64_t now() {
-    return platform::Clock::system().monotonicMilliseconds();
-}
+using platform::monotonicNow;
 
 std::string portName(const std::string& target) {
     return ScObjects::BaseInterAppStream::kPortNamePrefix + target;
@@ -121,7 +119,8 @@ Deliveries::Ended Deliveries::deliver(const std::string& target, const Waiting& 
     int launches = 0;
     int64_t launchAt = 0;
     int64_t launchEnd = 0; // 0: not launched
-    for (int64_t left = waiting.deadline - now(); left > 0; left = waiting.deadline - now()) {
+    for (int64_t left = waiting.deadline - monotonicNow(); left > 0;
+         left = waiting.deadline - monotonicNow()) {
         // What has begun goes on at the target's pace: a large text that was begun anew after each
         // try would never arrive at a slow one.
         switch (ports_.send(portName(target), waiting.text.pieces(),
@@ -140,15 +139,16 @@ Deliveries::Ended Deliveries::deliver(const std::string& target, const Waiting& 
             }
             // A process that has just ended may have counted as running at the first launch, which
             // then started none.
-            if (launches < kLaunches && launchAt <= now()) {
+            if (launches < kLaunches && launchAt <= monotonicNow()) {
                 ++launches;
-                launchAt = now() + kLaunchAgainMilliseconds;
-                launchEnd = launchEnd == 0 ? now() + bounds::kLaunchMilliseconds : launchEnd;
+                launchAt = monotonicNow() + kLaunchAgainMilliseconds;
+                launchEnd =
+                    launchEnd == 0 ? monotonicNow() + bounds::kLaunchMilliseconds : launchEnd;
                 if (!launch_(target)) {
                     ended.outcome = Outcome::notLaunched;
                     return ended;
                 }
-            } else if (launchEnd <= now()) {
+            } else if (launchEnd <= monotonicNow()) {
                 ended.outcome = Outcome::notLaunched;
                 return ended;
             }
@@ -201,16 +201,6 @@ std::vector<Deliveries::Ended> Deliveries::take() {
     (void)handOver(); // all that has ended is taken below
     const std::lock_guard<std::mutex> guard(mutex_);
     return std::exchange(ended_, {});
-}
-
-size_t Deliveries::keptBytes() const {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    return keptBytes_;
-}
-
-size_t Deliveries::keptTexts() const {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    return keptTexts_;
 }
 
 } // namespace convey_link

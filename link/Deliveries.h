@@ -52,8 +52,6 @@ public:
     // Hands over what was posted; whether there is something to take now.
     bool handOver();
     std::vector<Ended> take();
-    size_t keptBytes() const;
-    size_t keptTexts() const;
 
 private:
     struct Waiting {
@@ -81,7 +79,7 @@ private:
     std::string togetherTarget_; // of what goes together; of the thread that posts, as the next
     std::vector<Together> together_;
     std::string togetherText_;
-    mutable std::mutex mutex_; // guards what follows
+    std::mutex mutex_; // guards what follows
     std::condition_variable changed_;
     std::map<std::string, std::deque<Waiting>> lines_; // the front one is being delivered
     std::deque<std::string> ready_;                    // lines that nobody works at

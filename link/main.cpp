@@ -31,6 +31,7 @@
 namespace {
 
 using namespace convey_link;
+using platform::monotonicNow;
 using ScObjects::Convey;
 using ScObjects::SoString;
 
@@ -55,10 +56,6 @@ enum Exit {
     kInUse = 6
 };
 
-int64_t now() {
-    return platform::Clock::system().monotonicMilliseconds();
-}
-
 void say(const std::string& line) {
     // One write a line, so that those of several threads do not mix.
     std::string whole = kProgram;
@@ -73,28 +70,38 @@ bool isOwned(const std::string& name) {
            platform::PortState::owned;
 }
 
+// A folder that the environment names; empty for none.
+std::string folderIn(const char* variable) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing here changes the environment
+    const char* const set = std::getenv(variable);
+    return set != nullptr && *set == '/' ? set : "";
+}
+
 // Where the paths of used applications lie: of this user alone, and gone with the session.
 std::string placesFolder() {
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing here changes the environment
-    const char* const set = std::getenv("XDG_RUNTIME_DIR");
+    const std::string set = folderIn("XDG_RUNTIME_DIR");
     const std::string users = "/run/user/" + std::to_string(getuid());
-    if (set != nullptr && *set == '/') {
-        return std::string(set) + "/convey-link";
-    }
-    return std::filesystem::is_directory(users) ? users + "/convey-link"
-                                                : "/tmp/convey-link-" + std::to_string(getuid());
+    return !set.empty()                           ? set + "/convey-link"
+           : std::filesystem::is_directory(users) ? users + "/convey-link"
+                                                  : "/tmp/convey-link-" + std::to_string(getuid());
 }
 
 // What must outlive the session and the link.
 std::string journalFolder(const Configuration& configuration) {
-    // NOLINTBEGIN(concurrency-mt-unsafe): nothing here changes the environment
-    const char* const state = std::getenv("XDG_STATE_HOME");
-    const char* const home = std::getenv("HOME");
-    // NOLINTEND(concurrency-mt-unsafe)
-    const std::string base = state != nullptr && *state == '/' ? std::string(state)
-                             : home != nullptr                 ? std::string(home) + "/.local/state"
-                                                               : std::string();
-    return base + "/convey-link/" + streamOf(configuration.realm, configuration.name);
+    const std::string state = folderIn("XDG_STATE_HOME");
+    return (state.empty() ? folderIn("HOME") + "/.local/state" : state) + "/convey-link/" +
+           streamOf(configuration.realm, configuration.name);
+}
+
+// Says on standard error what is wrong with a file.
+bool isRead(const std::string& file, Configuration& configuration) {
+    std::vector<std::string> faults;
+    const bool good = readConfiguration(file, configuration, faults);
+    for (const std::string& fault : faults) {
+        std::string line = file;
+        say(line.append(": ").append(fault));
+    }
+    return good;
 }
 
 int check(const std::string& file) {
@@ -190,8 +197,8 @@ int launchInItsPlace(const std::string& app) {
         return kNo;
     }
     bool isTaken = own == nullptr || !isLeftSomething;
-    const int64_t end = now() + bounds::kLaunchMilliseconds;
-    while (now() < end && (!isTaken || !isOwned(app))) {
+    const int64_t end = monotonicNow() + bounds::kLaunchMilliseconds;
+    while (monotonicNow() < end && (!isTaken || !isOwned(app))) {
         platform::PortText taken;
         if (isTaken) {
             std::this_thread::sleep_for(std::chrono::milliseconds(kStubLookMilliseconds));
@@ -205,11 +212,7 @@ int launchInItsPlace(const std::string& app) {
 
 int store(const std::string& file, const std::string& from, const std::vector<std::string>& to) {
     Configuration configuration;
-    std::vector<std::string> faults;
-    if (!readConfiguration(file, configuration, faults)) {
-        for (const std::string& fault : faults) {
-            say(fault);
-        }
+    if (!isRead(file, configuration)) {
         return kBadFile;
     }
     std::vector<std::string> all = to;
@@ -231,13 +234,13 @@ int store(const std::string& file, const std::string& from, const std::vector<st
 // Answers the question of `convey-link status`, from the layer's thread.
 class StatusHandler : public Convey::MsgHandler {
 public:
-    static void set(std::string text) {
-        const std::lock_guard<std::mutex> guard(mutex());
-        *StatusHandler::text() = std::move(text);
+    void set(const std::string& text) {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        text_.assign(text);
     }
     int32_t handleMessage(int, Convey::Message& message, SoString* result) override {
-        const std::lock_guard<std::mutex> guard(mutex());
-        message.setBody(SoString(text()->c_str()));
+        const std::lock_guard<std::mutex> guard(mutex_);
+        message.setBody(text_);
         if (result != nullptr) {
             *result = "SEE BODY";
         }
@@ -245,25 +248,14 @@ public:
     }
 
 private:
-    static std::mutex& mutex() {
-        static auto* const one = new std::mutex; // outlives every thread
-        return *one;
-    }
-    static std::string* text() {
-        static auto* const one = new std::string;
-        return one;
-    }
+    std::mutex mutex_;
+    SoString text_;
 };
 
 int run(const std::string& file) {
     platform::keepFreedHeap();
     Configuration configuration;
-    std::vector<std::string> faults;
-    if (!readConfiguration(file, configuration, faults)) {
-        for (const std::string& fault : faults) {
-            std::string line = file;
-            say(line.append(": ").append(fault));
-        }
+    if (!isRead(file, configuration)) {
         return kBadFile;
     }
     if (isOwned(kOwnThread)) {
@@ -281,7 +273,8 @@ int run(const std::string& file) {
         say("the layer cannot be started");
         return kInUse;
     }
-    Convey::Thread::setPingHandler(kStatusKey, new StatusHandler);
+    auto* const handler = new StatusHandler; // the layer's
+    Convey::Thread::setPingHandler(kStatusKey, handler);
     platform::MessagePorts& ports = platform::MessagePorts::system();
     const std::shared_ptr<platform::PortWait> wait = ports.newWait();
     uint64_t life = 0;
@@ -325,21 +318,21 @@ int run(const std::string& file) {
             }
             return done;
         };
-        Link link(
-            configuration, life | 1,
-            {*wire, ports, *wait, registrations, launch, say, now, journalFolder(configuration)});
+        Link link(configuration, life | 1,
+                  {*wire, ports, *wait, registrations, launch, say, monotonicNow,
+                   journalFolder(configuration)});
         bool ofPorts = true;
         int64_t toldAt = 0;
         while (!stop && link.state() == Link::State::goesOn) {
             const int64_t due = link.step(ofPorts);
-            if (link.statusChanged() || toldAt + 1000 <= now()) {
-                StatusHandler::set(link.status());
-                toldAt = now();
+            if (link.statusChanged() || toldAt + 1000 <= monotonicNow()) {
+                handler->set(link.status());
+                toldAt = monotonicNow();
             }
             Convey::pump(ScObjects::kProcessBoth); // the layer's own: launches
-            const int64_t waitsAt = now();
+            const int64_t waitsAt = monotonicNow();
             ofPorts = wait->wait(due) && wait->wasOfPorts();
-            if (now() - waitsAt >= kIdleMilliseconds) {
+            if (monotonicNow() - waitsAt >= kIdleMilliseconds) {
                 platform::giveBackFreedHeap();
             }
         }
