@@ -85,8 +85,7 @@ private:
     struct Owed;
     struct Ticket;
     struct KeptLine;
-    struct AskedPing;
-    struct ForeignPing;
+    struct Ping;
 
     // Link.cpp: the network, who is where, time.
     int64_t work();
@@ -130,7 +129,8 @@ private:
     void takeText(platform::PortText taken, Text& message, const Handler& handle);
     void requestTaken(Used& used, Text& message, platform::PortText::Block& block);
     void pingTaken(Used& used, Text& message);
-    bool sendPing(Peer& peer, uint64_t number, const AskedPing& ping, std::string_view text);
+    bool ask(const Ping& ping, std::string_view text);
+    bool sendPing(Peer& peer, MessageHead head, std::string_view text, int64_t until);
     void askAgain(Peer& peer);
     void replyTaken(Alias& alias, Text& message, platform::PortText::Block& block);
     void launchTaken(const Text& message);
@@ -141,9 +141,9 @@ private:
     void replyArrived(Peer& peer, Channel::Arrival& arrival, int64_t now);
     void pingArrived(Peer& peer, const MessageHead& head, std::string_view text, int64_t now);
     void pongArrived(Peer& peer, const MessageHead& head, std::string_view text);
-    void answerPing(const AskedPing& ping, Text& answer);
+    void answerPing(const Ping& ping, Text& answer);
     void notRunning(Peer& peer);
-    void sendPong(Peer& peer, const ForeignPing& ping, Outcome outcome, std::string text);
+    void sendPong(const Ping& ping, Outcome outcome, std::string_view text = {});
     void deliver(Ticket ticket, Channel::Arrival& arrival, Text& message, std::string_view sender,
                  bool mayLaunch, int64_t now);
     void giveBack(const Outgoing& outgoing);
@@ -183,8 +183,8 @@ private:
     std::map<std::pair<std::string, std::string>, Conversation> conversations_; // asker and number
     std::map<std::pair<std::string, std::string>, Owed> owed_;                  // alias and number
     std::unordered_map<uint64_t, Ticket> tickets_;
-    std::map<uint64_t, AskedPing> askedPings_;     // of here, by the number that travels
-    std::map<uint64_t, ForeignPing> foreignPings_; // of elsewhere, by the number used here
+    std::map<uint64_t, Ping> askedPings_;   // of here, by the number that travels
+    std::map<uint64_t, Ping> foreignPings_; // of elsewhere, by the number used here
     std::map<std::string, std::shared_ptr<platform::TargetWatch>> watched_; // offered, and running
     Keeper keeper_;
     Journal journal_;

@@ -126,21 +126,15 @@ struct Link::Ticket {
     int64_t until = 0;
 };
 
-struct Link::AskedPing {
-    std::string link;
+// A question to a background thread of another link's machine, or of this one from there.
+struct Link::Ping {
+    Peer* peer;
     std::string asker;
     std::string target;
-    std::string serial;
-    int64_t until = 0;
-    std::string text; // empty for one that is asked once
-};
-
-struct Link::ForeignPing {
-    std::string link;
-    std::string target;
-    std::string source;
-    uint64_t number = 0;
-    int64_t until = 0;
+    int64_t until;
+    uint64_t number;    // that travels
+    std::string serial; // of one that is asked here, as the next
+    std::string text;   // empty for one that is asked once
 };
 
 // As people read it, and programs in the status.

@@ -36,57 +36,63 @@ void Link::pingTaken(Used& used, Text& message) {
     if (isForwarding(echo) && mark != std::string_view::npos) {
         to.contacts[std::string(echo.substr(mark + 1))] = now + bounds::kAliasMilliseconds;
     }
-    AskedPing ping{to.name,
-                   std::string(asker),
-                   used.use.app + std::string(kThreadSuffix),
-                   std::string(message.get(kSerial)),
-                   std::min(deadlineOf(message, now), now + bounds::kPingMilliseconds),
-                   {}};
+    Ping ping{&to,
+              std::string(asker),
+              used.use.app + std::string(kThreadSuffix),
+              std::min(deadlineOf(message, now), now + bounds::kPingMilliseconds),
+              ++lastPing_,
+              std::string(message.get(kSerial)),
+              {}};
     message.remove({kVouch, kSender, kTarget, kSerial});
-    const std::string text = message.writePlain();
-    const uint64_t number = ++lastPing_;
-    if (!sendPing(to, number, ping, text)) {
+    std::string text = message.writePlain();
+    if (!ask(ping, text)) {
         to.greetAt = std::min(to.greetAt, now + bounds::kDoubtHelloMilliseconds);
     }
     if (text.size() <= bounds::kPingBytes) {
-        ping.text = text;
+        ping.text = std::move(text);
     }
-    askedPings_[number] = std::move(ping);
+    askedPings_.emplace(lastPing_, std::move(ping));
 }
 
 // False when it cannot go out now. One that is lost is asked again when its link is heard, or its
 // asker is told by its own time.
-bool Link::sendPing(Peer& peer, uint64_t number, const AskedPing& ping, std::string_view text) {
+bool Link::ask(const Ping& ping, std::string_view text) {
     const int64_t remaining = std::max<int64_t>(ping.until - around_.now(), 0);
-    Frame frame = this->frame(FrameKind::ping, &peer);
-    frame.head = {MessageKind::ping, ping.asker, ping.target,
-                  remaining,         number,     Outcome::delivered};
+    return sendPing(*ping.peer,
+                    {MessageKind::ping, ping.asker, ping.target, remaining, ping.number}, text,
+                    ping.until);
+}
+
+bool Link::sendPing(Peer& peer, MessageHead head, std::string_view text, int64_t until) {
     if (text.size() > bounds::kWholeBytes) {
-        (void)peer.channel.queue(frame.head, std::string(text), ping.until);
+        (void)peer.channel.queue(std::move(head), std::string(text), until);
         return true;
     }
+    Frame frame =
+        this->frame(head.kind == MessageKind::ping ? FrameKind::ping : FrameKind::pong, &peer);
+    frame.head = std::move(head);
     frame.text = text;
     return publish(peer, frame);
 }
 
 void Link::askAgain(Peer& peer) {
     for (const auto& [number, ping] : askedPings_) {
-        if (ping.link == peer.name && !ping.text.empty()) {
-            (void)sendPing(peer, number, ping, ping.text);
+        if (ping.peer == &peer && !ping.text.empty()) {
+            (void)ask(ping, ping.text);
         }
     }
 }
 
 void Link::pingArrived(Peer& peer, const MessageHead& head, std::string_view text, int64_t now) {
     const std::string app = head.target.substr(0, head.target.find('#'));
-    const ForeignPing ping{peer.name, head.target, head.source, head.pingNumber,
-                           now + bounds::kPingMilliseconds};
+    const Ping ping{&peer,           head.source, head.target, now + bounds::kPingMilliseconds,
+                    head.pingNumber, {},          {}};
     Text question;
     std::string whole(text);
     if (!head.target.ends_with(kThreadSuffix) || isOwn(app) ||
         !Text::readForeign(whole, question) ||
         configuration_.offered(app, peer.name) == Offered::nothing) {
-        sendPong(peer, ping, Outcome::refused, {});
+        sendPong(ping, Outcome::refused);
         return;
     }
     const std::string echo(question.get(kEcho));
@@ -96,7 +102,7 @@ void Link::pingArrived(Peer& peer, const MessageHead& head, std::string_view tex
         Alias* const alias =
             isPortName(echo.substr(mark + 1)) ? aliasFor(peer, echo.substr(mark + 1)) : nullptr;
         if (alias == nullptr) {
-            sendPong(peer, ping, Outcome::refused, {});
+            sendPong(ping, Outcome::refused);
             return;
         }
         alias->usedAt = now;
@@ -113,11 +119,11 @@ void Link::pingArrived(Peer& peer, const MessageHead& head, std::string_view tex
     const std::string port = BaseInterAppStream::kPortNamePrefix + head.target;
     // One that takes nothing is not waited for: then the asker's time runs out, as it should.
     if (around_.ports.send(port, question.write(), 0) == platform::SendResult::noReceiver) {
-        sendPong(peer, ping, Outcome::notRunning, {});
+        sendPong(ping, Outcome::notRunning);
         sendPresence(peer, false);
         return;
     }
-    foreignPings_[number] = ping;
+    foreignPings_.insert_or_assign(number, ping);
 }
 
 void Link::pingAnswered(Text& message) {
@@ -127,34 +133,23 @@ void Link::pingAnswered(Text& message) {
         message.get(kSender) != found->second.target) {
         return;
     }
-    const ForeignPing ping = found->second;
+    message.remove({kVouch, kSender, kTarget, kSerial, kPingNumber});
+    sendPong(found->second, Outcome::delivered, message.writePlain());
     foreignPings_.erase(found);
-    Peer* const to = knownPeer(ping.link);
-    if (to != nullptr) {
-        message.remove({kVouch, kSender, kTarget, kSerial, kPingNumber});
-        sendPong(*to, ping, Outcome::delivered, message.writePlain());
-    }
 }
 
-void Link::sendPong(Peer& peer, const ForeignPing& ping, Outcome outcome, std::string text) {
-    Frame pong = frame(FrameKind::pong, &peer);
-    pong.head = {MessageKind::pong, ping.target, ping.source, 0, ping.number, outcome};
-    if (text.size() > bounds::kWholeBytes) {
-        (void)peer.channel.queue(pong.head, std::move(text),
-                                 around_.now() + bounds::kPingMilliseconds);
-        return;
-    }
-    pong.text = text;
-    (void)publish(peer, pong); // lost: its asker is told by its own time
+// One that is lost: its asker is told by its own time.
+void Link::sendPong(const Ping& ping, Outcome outcome, std::string_view text) {
+    (void)sendPing(*ping.peer,
+                   {MessageKind::pong, ping.target, ping.asker, 0, ping.number, outcome}, text,
+                   around_.now() + bounds::kPingMilliseconds);
 }
 
 void Link::pongArrived(Peer& peer, const MessageHead& head, std::string_view text) {
     const auto found = askedPings_.find(head.pingNumber);
-    if (found == askedPings_.end() || found->second.link != peer.name) {
+    if (found == askedPings_.end() || found->second.peer != &peer) {
         return;
     }
-    const AskedPing ping = found->second;
-    askedPings_.erase(found);
     Text answer;
     std::string whole(text);
     if (head.pingOutcome != Outcome::delivered || !Text::readForeign(whole, answer)) {
@@ -162,10 +157,11 @@ void Link::pongArrived(Peer& peer, const MessageHead& head, std::string_view tex
         answer.set(kEcho, ConveyThread::CV_ISNOTRUNNING);
     }
     answer.setTo(kVouch, peer.vouch);
-    answerPing(ping, answer);
+    answerPing(found->second, answer);
+    askedPings_.erase(found);
 }
 
-void Link::answerPing(const AskedPing& ping, Text& answer) {
+void Link::answerPing(const Ping& ping, Text& answer) {
     answer.set(ConveyData::CV_VERSION, "2.05");
     answer.set(kTarget, ping.asker);
     answer.set(kSender, ping.target);
@@ -177,16 +173,14 @@ void Link::answerPing(const AskedPing& ping, Text& answer) {
 
 // Nobody is there: whoever asked is told at once.
 void Link::notRunning(Peer& peer) {
-    for (auto ping = askedPings_.begin(); ping != askedPings_.end();) {
-        if (ping->second.link != peer.name) {
-            ++ping;
-            continue;
-        }
+    std::erase_if(askedPings_, [&](const auto& entry) {
         Text answer;
         answer.set(kEcho, ConveyThread::CV_ISNOTRUNNING);
-        answerPing(ping->second, answer);
-        ping = askedPings_.erase(ping);
-    }
+        if (entry.second.peer == &peer) {
+            answerPing(entry.second, answer);
+        }
+        return entry.second.peer == &peer;
+    });
 }
 
 } // namespace convey_link
