@@ -226,7 +226,8 @@ void Link::takeFrame(const std::string& from, std::string_view bytes) {
         return;
     }
     Peer* known = knownPeer(from);
-    if (known == nullptr && (frame.kind == FrameKind::cargo || frame.kind == FrameKind::ping)) {
+    const bool isMet = known != nullptr && (known->isUsed || known->channel.otherLife() != 0);
+    if (!isMet && (frame.kind == FrameKind::cargo || frame.kind == FrameKind::ping)) {
         askToBeGreeted(from); // now, or when this link has its name
     }
     if (!joined_) {
