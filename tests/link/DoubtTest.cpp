@@ -139,6 +139,13 @@ TEST_F(DoubtTest, oneThatIsAskedBeforeItIsGreetedSaysThatItIsThereOnceInAWhile) 
     link.reset();
     configuration.uses.clear();
     begin(0);
+    // A kept request of it is no greeting.
+    Frame kept;
+    kept.kind = FrameKind::kept;
+    kept.senderLife = kOtherLife;
+    kept.number = 1;
+    kept.head = {MessageKind::request, "asker-1.0", kLumen};
+    happens({Wire::EventKind::stored, "workshop", encode(kept)});
     const size_t said = sent(FrameKind::hello);
     const auto saidWhenAsked = [&] {
         Frame ping;

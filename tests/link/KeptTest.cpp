@@ -71,6 +71,11 @@ TEST_F(KeptTest, whatComesAgainIsHandedOverOnceInAllLives) {
     EXPECT_EQ(wire.acknowledged.size(), 5u);
     comes(3);
     EXPECT_NE(taken(*lumen), "");
+    begin(0);
+    comes(4);
+    EXPECT_EQ(taken(*lumen), "") << "another may have the name";
+    passes(1000);
+    EXPECT_NE(taken(*lumen), "");
 }
 
 TEST_F(KeptTest, whatCannotBeNotedIsNotHandedOverYet) {
