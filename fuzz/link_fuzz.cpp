@@ -32,7 +32,7 @@ void readText(std::string text) {
     message.set(kSender, "alias-1.0");
     message.set(kVouch, "desk@studio");
     // What goes on says who vouches, whatever stood there.
-    const std::string plain = message.writePlain();
+    const std::string plain = message.writePlain().head;
     std::string_view again = plain;
     Text read;
     require(Text::read(again, read) && again.empty());

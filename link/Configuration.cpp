@@ -84,17 +84,14 @@ private:
             return;
         }
         const toml::array* const all = node.as_array();
-        if (all == nullptr || all->size() > bounds::kEntries) {
+        if (all == nullptr || all->size() > bounds::kEntries ||
+            !(all->empty() || all->is_homogeneous<toml::table>())) {
             fault(std::string(key) + ": up to " + std::to_string(bounds::kEntries) + " tables [[" +
                   std::string(key) + "]]");
             return;
         }
         for (const auto& each : *all) {
-            if (const toml::table* table = each.as_table()) {
-                read(*table);
-            } else {
-                fault(std::string(key) + ": write [[" + std::string(key) + "]]");
-            }
+            read(*each.as_table());
         }
     }
 
@@ -215,9 +212,8 @@ bool parseConfiguration(std::string_view text, const std::string& folder, Config
     try {
         Parser(folder, out, faults).read(toml::parse(text));
     } catch (const toml::parse_error& error) {
-        std::ostringstream what;
-        what << "line " << error.source().begin.line << ": " << error.description();
-        faults.push_back(what.str());
+        faults.push_back("line " + std::to_string(error.source().begin.line) + ": " +
+                         std::string(error.description()));
     }
     return faults.empty();
 }

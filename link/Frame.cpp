@@ -69,7 +69,6 @@ public:
     void require(bool /*holds*/) {}
 
     void reserve(size_t bytes) { out_.reserve(bytes); }
-    bool isEmpty() const { return out_.empty(); }
     std::string take() { return std::move(out_); }
 
 private:
@@ -234,8 +233,9 @@ void fieldsOf(Io& io, AFrame& frame) {
 } // namespace
 
 void addText(std::string& cargo, uint64_t message, const MessageHead& head, std::string_view text) {
+    const bool isNew = cargo.empty();
     Writer out(std::move(cargo));
-    if (out.isEmpty()) {
+    if (isNew) {
         out.reserve(bounds::kFrameBytes);
         out.numbers(CargoKind::texts);
     }

@@ -3,8 +3,6 @@
 #include <algorithm>
 
 #include "link/LinkParts.h"
-#include "scriptobjects/convey/SoCVWords.h"
-#include "scriptobjects/stream/BaseInterAppStream.h"
 
 namespace convey_link {
 namespace {
@@ -404,35 +402,6 @@ void Link::takePresence(Peer& peer, const Frame& frame) {
                      state == AppState::refused ? " to " + configuration_.name : std::string());
         }
     }
-}
-
-// Whether an application of this machine runs. Its end is watched, and ends the wait.
-bool Link::isRunning(const std::string& app) {
-    const std::string port = ScObjects::BaseInterAppStream::kPortNamePrefix + app;
-    for (const std::string& name : {port + std::string(kThreadSuffix), port}) {
-        int error = 0;
-        if ((name == port && aliases_.count(app) != 0) ||
-            around_.ports.look(name, error) == platform::PortState::free) {
-            continue;
-        }
-        std::shared_ptr<platform::TargetWatch>& watch = watched_[app];
-        if (watch == nullptr || watch->ended()) {
-            // A look, which nobody answers: who takes it is watched.
-            Text look;
-            look.set(kTarget, name.substr(port.size() - app.size()));
-            look.set(kSender, kLookPort);
-            look.set(kType, ScObjects::ConveyData::CV_TYPE_PING);
-            watch.reset();
-            if (around_.ports.send(name, look.write(), 0, &watch) ==
-                    platform::SendResult::delivered &&
-                watch != nullptr) {
-                around_.wait.add(*watch);
-            }
-        }
-        return true;
-    }
-    watched_.erase(app);
-    return false;
 }
 
 void Link::sendPresence(Peer& peer, bool always) {

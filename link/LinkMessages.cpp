@@ -155,7 +155,7 @@ void Link::requestTaken(Used& used, Text& message, platform::PortText::Block& bl
     message.remove({kVouch, kSender, kTarget});
     MessageHead head{reply ? MessageKind::reply : MessageKind::request, asked.asker, used.use.app};
     const bool isKept = used.use.durable && !reply;
-    Travelling text = isKept ? message.writePlain() : message.writePlain(std::move(block));
+    Travelling text = message.writePlain(isKept ? nullptr : std::move(block));
     const size_t bytes = text.size();
     if (bytes > bounds::kTextBytes) {
         fail(asked, Outcome::refused);

@@ -1,4 +1,5 @@
-// Pings: asked here and answered there, by nobody else than the process that is asked.
+// Pings: asked here and answered there, by nobody else than the process that is asked. And who
+// runs.
 #include <algorithm>
 
 #include "link/LinkParts.h"
@@ -19,6 +20,35 @@ bool isForwarding(std::string_view echo) {
 }
 
 } // namespace
+
+// Whether an application of this machine runs. Its end is watched, and ends the wait.
+bool Link::isRunning(const std::string& app) {
+    const std::string port = BaseInterAppStream::kPortNamePrefix + app;
+    for (const std::string& name : {port + std::string(kThreadSuffix), port}) {
+        int error = 0;
+        if ((name == port && aliases_.count(app) != 0) ||
+            around_.ports.look(name, error) == platform::PortState::free) {
+            continue;
+        }
+        std::shared_ptr<platform::TargetWatch>& watch = watched_[app];
+        if (watch == nullptr || watch->ended()) {
+            // A look, which nobody answers: who takes it is watched.
+            Text look;
+            look.set(kTarget, name.substr(port.size() - app.size()));
+            look.set(kSender, kLookPort);
+            look.set(kType, ConveyData::CV_TYPE_PING);
+            watch.reset();
+            if (around_.ports.send(name, look.write(), 0, &watch) ==
+                    platform::SendResult::delivered &&
+                watch != nullptr) {
+                around_.wait.add(*watch);
+            }
+        }
+        return true;
+    }
+    watched_.erase(app);
+    return false;
+}
 
 void Link::pingTaken(Used& used, Text& message) {
     const std::string_view asker = message.get(kSender);
@@ -44,7 +74,7 @@ void Link::pingTaken(Used& used, Text& message) {
               std::string(message.get(kSerial)),
               {}};
     message.remove({kVouch, kSender, kTarget, kSerial});
-    std::string text = message.writePlain();
+    std::string text = message.writePlain().head;
     if (!ask(ping, text)) {
         to.greetAt = std::min(to.greetAt, now + bounds::kDoubtHelloMilliseconds);
     }
@@ -134,7 +164,7 @@ void Link::pingAnswered(Text& message) {
         return;
     }
     message.remove({kVouch, kSender, kTarget, kSerial, kPingNumber});
-    sendPong(found->second, Outcome::delivered, message.writePlain());
+    sendPong(found->second, Outcome::delivered, message.writePlain().head);
     foreignPings_.erase(found);
 }
 

@@ -24,7 +24,8 @@ constexpr int kFlushLookMilliseconds = 10;
 } // namespace
 
 natsStatus NatsSocket::useIn(natsOptions* options) {
-    return natsOptions_SetEventLoop(options, this, onAttach, onRead, onWrite, onDetach);
+    return natsOptions_SetEventLoop(options, this, onAttach, onRead, onWrite,
+                                    [](void* self) { return onRead(self, false); });
 }
 
 // The client's calls for who waits for its socket. Threads: any.
@@ -53,10 +54,6 @@ natsStatus NatsSocket::onWrite(void* self, bool on) {
         own.loop_.wake();
     }
     return NATS_OK;
-}
-
-natsStatus NatsSocket::onDetach(void* self) {
-    return onRead(self, false);
 }
 
 bool NatsSocket::isReady(short events, int64_t milliseconds) const {

@@ -67,7 +67,6 @@ private:
     static natsStatus onAttach(void** user, void* self, natsConnection*, natsSock socket);
     static natsStatus onRead(void* self, bool on);
     static natsStatus onWrite(void* self, bool on);
-    static natsStatus onDetach(void* self);
     bool isReady(short events, int64_t milliseconds) const;
     void drop() const;
 

@@ -115,13 +115,12 @@ std::string_view Text::get(std::string_view name) const {
 }
 
 bool Text::has(std::string_view name) const {
-    return std::any_of(lines_.begin(), lines_.end(),
-                       [name](const Line& line) { return line.name == name; });
+    return std::ranges::any_of(lines_, [name](const Line& line) { return line.name == name; });
 }
 
 void Text::setTo(std::string_view name, std::string_view value) {
-    const auto first = std::find_if(lines_.begin(), lines_.end(),
-                                    [name](const Line& line) { return line.name == name; });
+    const auto first =
+        std::ranges::find_if(lines_, [name](const Line& line) { return line.name == name; });
     if (first == lines_.end()) {
         lines_.push_back({name, value, {}});
         return;
@@ -135,7 +134,7 @@ void Text::setTo(std::string_view name, std::string_view value) {
 void Text::remove(std::initializer_list<std::string_view> names) {
     std::erase_if(lines_, [names](const Line& line) {
         const size_t escape = line.name.starts_with(kEscape) ? kEscape.size() : 0;
-        return std::find(names.begin(), names.end(), line.name.substr(escape)) != names.end();
+        return std::ranges::find(names, line.name.substr(escape)) != names.end();
     });
 }
 
@@ -170,21 +169,16 @@ void Text::addHead(std::string& out) const {
     out.append(std::to_string(body_.size())).append("\n\n");
 }
 
-std::string Text::writePlain() const {
-    std::string out;
-    out.reserve(headBytes() + body_.size()); // a large one is copied once
-    addHead(out);
-    return out.append(body_);
-}
-
 Travelling Text::writePlain(platform::PortText::Block block) const {
-    if (block == nullptr) {
-        return writePlain();
-    }
     Travelling out{std::string()};
+    out.head.reserve(headBytes() + (block == nullptr ? body_.size() : 0)); // is copied once
     addHead(out.head);
-    out.body = body_;
-    out.block = std::move(block);
+    if (block == nullptr) {
+        out.head.append(body_);
+    } else {
+        out.body = body_;
+        out.block = std::move(block);
+    }
     return out;
 }
 
@@ -267,13 +261,8 @@ bool isReply(const Text& message) {
         return true;
     }
     const std::string_view type = message.get(kType);
-    for (const char* word : {ConveyData::CV_TYPE_RECEIVED, ConveyData::CV_TYPE_PROCESSED,
-                             ConveyData::CV_TYPE_TIMEOUT}) {
-        if (type == word) {
-            return true;
-        }
-    }
-    return type.starts_with(ConveyData::CV_FORWARD_PREFIX);
+    return type == ConveyData::CV_TYPE_RECEIVED || type == ConveyData::CV_TYPE_PROCESSED ||
+           type == ConveyData::CV_TYPE_TIMEOUT || type.starts_with(ConveyData::CV_FORWARD_PREFIX);
 }
 
 bool isEndWanted(std::string_view wanted) {

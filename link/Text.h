@@ -79,8 +79,7 @@ public:
     PortMessage write(std::string&& arrived) const;
     // Without digest and timestamp: what travels. `block`, where it is not null, has the body alone
     // and is taken over.
-    std::string writePlain() const;
-    Travelling writePlain(platform::PortText::Block block) const;
+    Travelling writePlain(platform::PortText::Block block = nullptr) const;
 
 private:
     bool readHead(std::string_view& text, size_t& announced);
