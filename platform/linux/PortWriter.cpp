@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "platform/linux/Deadline.h"
+#include "platform/linux/PortBatch.h"
 #include "platform/linux/PortFolder.h"
 #include "platform/linux/PortPacket.h"
 
@@ -36,6 +37,7 @@ PortWriter::Outcome inTheMiddle(PortWriter::Outcome outcome) {
 
 void PortWriter::prepare(int socket) {
     socket_ = socket;
+    PortBatch::promise(socket);
     // The first way goes beyond the system's bound, but is for privileged processes only; what the
     // second asks for is cut to that bound without an error.
     int bufferBytes = kSendBufferBytes;
