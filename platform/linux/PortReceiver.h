@@ -15,6 +15,7 @@
 
 #include "limits/Limits.h"
 #include "platform/MessagePort.h"
+#include "platform/linux/PortBatch.h"
 #include "platform/linux/PortDescriptor.h"
 #include "platform/linux/PortName.h"
 
@@ -60,16 +61,19 @@ private:
     struct Connection {
         PortDescriptor socket;
         int32_t process = 0;
-        uint64_t lastText = 0; // counts the texts of all connections
-        bool hungUp = false;   // its sender has closed it; what it sent comes before what ...
-        bool mustWait = false; // ... a newer connection of the same process brings
-        PortText part;         // the text of which some packets have arrived
-        size_t received = 0;   // bytes of it
-        bool isSealed = false; // its seal comes behind it, or what is announced so
+        uint64_t lastText = 0;    // counts the texts of all connections
+        bool promises = false;    // what a batch needs
+        bool comesInRows = false; // small texts did, and the last packet was one
+        bool hungUp = false;      // its sender has closed it; what it sent comes before what ...
+        bool mustWait = false;    // ... a newer connection of the same process brings
+        PortText part;            // the text of which some packets have arrived
+        size_t received = 0;      // bytes of it
+        bool isSealed = false;    // its seal comes behind it, or what is announced so
         std::unique_ptr<PortSeal> seal; // of what has arrived; null for nobody who asks
-        size_t waiting = 0;       // bytes announced, for which there is no room yet; it is not read
-        int64_t progressAt = 0;   // when so much had arrived, ...
-        size_t progressBytes = 0; // ... since then
+        size_t waiting = 0; // bytes announced, for which there is no room yet; it is not read
+        std::unique_ptr<PortBatch> batch; // drawn together with what waits; null for nothing
+        int64_t progressAt = 0;           // when so much had arrived, ...
+        size_t progressBytes = 0;         // ... since then
         bool isHalf() const { return part.size() != 0 || waiting != 0; }
         bool wantsSeal() const { return part.size() != 0 && received == part.size(); }
     };
@@ -96,7 +100,7 @@ private:
     void readEvents(const epoll_event* events, int count, int packets);
     bool hasNewcomer() const;
     void acceptAll();
-    void admit(PortDescriptor socket, int32_t process);
+    void admit(PortDescriptor socket, int32_t process, bool promises);
     bool isHeld(const Connection& connection) const;
     bool watch(uint64_t number, const Connection& connection);
     bool olderOnesAreRead(Connections::iterator connection);
@@ -104,9 +108,12 @@ private:
     void readOut(Connections::iterator connection);
     void read(Connections::iterator connection, int packets);
     Reading readPackets(Connection& connection, int packets);
-    Reading takePacket(Connection& connection, size_t bytes);
+    bool mayBatch(const Connection& connection);
+    Reading takeBatch(Connection& connection, PortBatch& batch);
+    Reading takePacket(Connection& connection, const PortBatch::Packet& packet);
+    Reading takeFirst(Connection& connection, const unsigned char* in, size_t bytes);
     Reading takePart(Connection& connection, size_t bytes);
-    Reading takeSeal(Connection& connection, size_t bytes);
+    Reading takeSeal(Connection& connection, const unsigned char* in, size_t bytes);
     void finishPart(Connection& connection);
 
     // Half-sent texts.
@@ -148,6 +155,7 @@ private:
     size_t partBytesRead_ = 0; // of large texts, since the caller came; more for what takes longer
     std::function<std::unique_ptr<PortSeal>()> makeSeal_;
     const std::unique_ptr<unsigned char[]> buffer_;
+    std::unique_ptr<PortBatch> batch_; // made when small texts come in rows
     PortStatistics statistics_;
 
     std::atomic<bool> listeningPaused_{false}; // the process has no descriptors left

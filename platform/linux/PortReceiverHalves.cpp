@@ -75,7 +75,9 @@ bool PortReceiver::isWholeInQueue(const Connection& connection) {
     int bytes = 0;
     return connection.waiting != 0 && ioctl(connection.socket.get(), FIONREAD, &bytes) == 0 &&
            // The seal, of a sealed one, has one byte at least.
-           static_cast<size_t>(bytes) >= connection.waiting + (connection.isSealed ? 1 : 0);
+           static_cast<size_t>(bytes) +
+                   (connection.batch != nullptr ? connection.batch->leftBytes() : 0) >=
+               connection.waiting + (connection.isSealed ? 1 : 0);
 }
 
 // Whether it has brought something that is not read and is, or may come to be, a whole text.
@@ -164,6 +166,8 @@ void PortReceiver::giveRoom(bool byClosing) {
             release(found->second);
             found->second.part = PortText();
             ++waiting_;
+        } else if (found->second.batch != nullptr) {
+            read(found, kPacketsAtOnce); // no event tells of what is drawn
         }
     }
 }

@@ -1,5 +1,6 @@
 // The connections of a port: they are accepted, read in the order that their process wrote in, held
 // back, and closed to make room for others.
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <map>
@@ -105,8 +106,10 @@ void PortReceiver::acceptAll() {
                 return;
             }
         }
-        PortDescriptor socket(
-            accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        sockaddr_un sender{};
+        socklen_t length = sizeof sender;
+        PortDescriptor socket(accept4(listener_.get(), reinterpret_cast<sockaddr*>(&sender),
+                                      &length, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (!socket) {
             // The newcomer stays in the queue, and so would its event.
             if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
@@ -123,15 +126,16 @@ void PortReceiver::acceptAll() {
             continue;
         }
         (void)makeRoom(process); // else all of them wait for room themselves
-        admit(std::move(socket), process);
+        admit(std::move(socket), process, PortBatch::isPromise(sender, length));
     }
 }
 
-void PortReceiver::admit(PortDescriptor socket, int32_t process) {
+void PortReceiver::admit(PortDescriptor socket, int32_t process, bool promises) {
     const uint64_t number = ++lastNumber_;
     Connection connection;
     connection.socket = std::move(socket);
     connection.process = process;
+    connection.promises = promises;
     if (!watch(number, connection)) {
         Log::system().problem("cannot watch a connection: " + systemReason());
         return;
@@ -285,7 +289,34 @@ void PortReceiver::read(Connections::iterator connection, int packets) {
 
 PortReceiver::Reading PortReceiver::readPackets(Connection& connection, int packets) {
     isHotEmpty_ = false;
-    for (; packets > 0 && connection.waiting == 0; --packets) {
+    if (connection.batch != nullptr) { // there is room now for what it waited behind
+        if (takeBatch(connection, *connection.batch) == Reading::closed) {
+            return Reading::closed;
+        }
+        if (!connection.batch->isDone()) {
+            return Reading::open;
+        }
+        connection.batch.reset();
+    }
+    if (mayBatch(connection)) {
+        const int drawn = batch_->draw(connection.socket.get());
+        if (drawn > 0) {
+            isHotEmpty_ = drawn < PortBatch::kPackets;
+            const Reading reading = takeBatch(connection, *batch_);
+            if (reading == Reading::open && !batch_->isDone()) {
+                connection.batch = std::move(batch_);
+            } else if (!connection.comesInRows) {
+                batch_.reset(); // the memory in which parts of a large text were
+            }
+            return reading;
+        }
+        connection.comesInRows = false; // one by one shows what is wrong, if anything is
+        if (errno == EAGAIN) {
+            isHotEmpty_ = true;
+            return Reading::open;
+        }
+    }
+    for (int small = 0; packets > 0 && connection.waiting == 0; --packets) {
         iovec place = {buffer_.get(), PortPacket::kHeaderBytes + PortPacket::kMaximumWholeBytes};
         if (connection.part.size() != 0 && !connection.wantsSeal()) {
             place = {connection.part.place(connection.received),
@@ -302,25 +333,17 @@ PortReceiver::Reading PortReceiver::readPackets(Connection& connection, int pack
             isHotEmpty_ = errno == EAGAIN;
             return isHotEmpty_ ? Reading::open : Reading::closed;
         }
-        // No room is given for descriptors, so the system has closed those that came.
-        if ((message.msg_flags & MSG_CTRUNC) != 0) {
-            ++statistics_.descriptors;
-            return Reading::closed;
-        }
-        if (bytes == 0) {
-            return Reading::closed; // the end; no packet of ours is empty
-        }
-        if ((message.msg_flags & MSG_TRUNC) != 0) {
-            ++statistics_.malformed;
-            return Reading::closed;
-        }
         const bool inParts = connection.part.size() != 0;
-        if (takePacket(connection, static_cast<size_t>(bytes)) == Reading::closed) {
+        const PortBatch::Packet packet = {static_cast<const unsigned char*>(place.iov_base),
+                                          static_cast<size_t>(bytes), message.msg_flags};
+        if (takePacket(connection, packet) == Reading::closed) {
             return Reading::closed;
         }
         if (inParts && connection.part.size() == 0) {
             break; // memory for the next large text only when this one has been taken
         }
+        small = connection.isHalf() ? 0 : small + 1;
+        connection.comesInRows = connection.comesInRows || small > 1;
         if (hasMoreLocked()) {
             break;
         }
@@ -328,19 +351,70 @@ PortReceiver::Reading PortReceiver::readPackets(Connection& connection, int pack
     return Reading::open;
 }
 
-PortReceiver::Reading PortReceiver::takePacket(Connection& connection, size_t bytes) {
-    if (connection.part.size() != 0) {
-        return connection.wantsSeal() ? takeSeal(connection, bytes) : takePart(connection, bytes);
+// Behind small texts only, of which more are likely to follow. Not while one is being taken (a
+// connection is closed to make room for what it announces), or waits with its connection: there are
+// never two.
+bool PortReceiver::mayBatch(const Connection& connection) {
+    if (!connection.comesInRows || !connection.promises || makesRoom_ || waiting_ != 0) {
+        return false;
     }
+    if (batch_ == nullptr) {
+        batch_ = PortBatch::make();
+    }
+    return batch_ != nullptr;
+}
+
+// As far as there is room for what is announced in it.
+PortReceiver::Reading PortReceiver::takeBatch(Connection& connection, PortBatch& batch) {
+    while (!batch.isDone() && connection.waiting == 0) {
+        PortBatch::Packet packet = batch.next();
+        if (connection.part.size() != 0 && !connection.wantsSeal()) {
+            const size_t left = connection.part.size() - connection.received;
+            packet.flags |= packet.size > left ? MSG_TRUNC : 0;
+            std::memcpy(connection.part.place(connection.received), packet.bytes,
+                        std::min(packet.size, left));
+        }
+        if (takePacket(connection, packet) == Reading::closed) {
+            return Reading::closed;
+        }
+    }
+    return Reading::open;
+}
+
+// A packet as the system gave it. A part of a text lies in its place already.
+PortReceiver::Reading PortReceiver::takePacket(Connection& connection,
+                                               const PortBatch::Packet& packet) {
+    // No room is given for descriptors, so the system has closed those that came.
+    if ((packet.flags & MSG_CTRUNC) != 0) {
+        ++statistics_.descriptors;
+        return Reading::closed;
+    }
+    if (packet.size == 0) {
+        return Reading::closed; // the end; no packet of ours is empty
+    }
+    if ((packet.flags & MSG_TRUNC) != 0) {
+        ++statistics_.malformed;
+        return Reading::closed;
+    }
+    if (connection.part.size() == 0) {
+        return takeFirst(connection, packet.bytes, packet.size);
+    }
+    return connection.wantsSeal() ? takeSeal(connection, packet.bytes, packet.size)
+                                  : takePart(connection, packet.size);
+}
+
+PortReceiver::Reading PortReceiver::takeFirst(Connection& connection, const unsigned char* in,
+                                              size_t bytes) {
     PortPacket packet;
-    if (!packet.read(buffer_.get(), bytes)) {
+    if (!packet.read(in, bytes)) {
         ++statistics_.malformed;
         return Reading::closed;
     }
     const size_t textBytes = bytes - PortPacket::kHeaderBytes;
     if (packet.kind == PortPacket::whole) {
         PortText text;
-        if (packet.length != textBytes) {
+        // A batch has room for more.
+        if (packet.length != textBytes || textBytes > PortPacket::kMaximumWholeBytes) {
             ++statistics_.malformed;
             return Reading::closed;
         }
@@ -350,7 +424,7 @@ PortReceiver::Reading PortReceiver::takePacket(Connection& connection, size_t by
                                   name_.socketFile());
             return Reading::open;
         }
-        std::memcpy(text.data(), buffer_.get() + PortPacket::kHeaderBytes, textBytes);
+        std::memcpy(text.data(), in + PortPacket::kHeaderBytes, textBytes);
         ++statistics_.texts;
         statistics_.bytes += textBytes;
         text.setProcess(connection.process);
@@ -364,6 +438,7 @@ PortReceiver::Reading PortReceiver::takePacket(Connection& connection, size_t by
         return Reading::closed;
     }
     connection.isSealed = isSealed;
+    connection.comesInRows = false;
     return startPart(connection, static_cast<size_t>(packet.length));
 }
 
@@ -382,8 +457,9 @@ PortReceiver::Reading PortReceiver::takePart(Connection& connection, size_t byte
     return Reading::open;
 }
 
-PortReceiver::Reading PortReceiver::takeSeal(Connection& connection, size_t bytes) {
-    const std::string_view seal(reinterpret_cast<const char*>(buffer_.get()), bytes);
+PortReceiver::Reading PortReceiver::takeSeal(Connection& connection, const unsigned char* in,
+                                             size_t bytes) {
+    const std::string_view seal(reinterpret_cast<const char*>(in), bytes);
     if (bytes > PortSeal::kMaximumBytes) {
         ++statistics_.malformed;
         return Reading::closed;
