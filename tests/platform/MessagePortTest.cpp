@@ -150,6 +150,85 @@ TEST_F(MessagePortTest, aTextComesInThePiecesOfItsSender) {
     close(fd);
 }
 
+// Several packets of a sender that has promised small ones come at once, and large texts among
+// them. One that has not may send a packet of any size behind small texts.
+TEST_F(MessagePortTest, whatComesInOneBatchIsWhole) {
+    const auto port = opened();
+    EXPECT_EQ(ports.send(kName, "a", kGenerous), SendResult::delivered);
+    EXPECT_EQ(ports.send(kName, "row", kGenerous), SendResult::delivered);
+    EXPECT_EQ(takeAll(*port).size(), 2U);
+    const std::vector<std::string> texts = {"1",
+                                            std::string(1'100'000, '2'),
+                                            "3",
+                                            std::string(65'536, '4'),
+                                            std::string(65'537, '5'),
+                                            "6",
+                                            "7",
+                                            "8"};
+    for (const std::string& text : texts) {
+        EXPECT_EQ(ports.send(kName, text, 0), SendResult::delivered) << text.size();
+    }
+    EXPECT_TRUE(takeAll(*port) == texts);
+
+    const int fd = rawConnection();
+    int room = 8 << 20; // as much as is granted
+    socklen_t length = sizeof room;
+    EXPECT_EQ(setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &room, length), 0);
+    EXPECT_EQ(getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &room, &length), 0);
+    const std::string large(static_cast<size_t>(room) / 2, 'l');
+    sendRow(fd, *port);
+    EXPECT_TRUE(sendRaw(fd, packet("before")) && sendRaw(fd, header(2, large.size())) &&
+                sendRaw(fd, large));
+    EXPECT_TRUE(takeAll(*port) == (std::vector<std::string>{"before", large}));
+    close(fd);
+}
+
+TEST_F(MessagePortTest, whatIsDrawnBehindATextThatHasNoRoomWaitsWithIt) {
+    const auto port = opened();
+    const std::string part(50'000, 'p');
+    for (const bool dies : {false, true}) {
+        SCOPED_TRACE(dies);
+        const Pipe told;
+        const Pipe goesOn;
+        const pid_t child = startChild([&] {
+            const int fd = rawConnection(true);
+            bool sent = sendRaw(fd, packet("a")) && sendRaw(fd, packet("row"));
+            const int halves[] = {rawConnection(), rawConnection()}; // all that it may announce
+            for (const int half : halves) {
+                sent = sent && sendRaw(half, header(2, MessagePorts::kMaximumTextBytes));
+            }
+            told.tell('1');
+            (void)goesOn.hear();
+            for (const std::string& bytes :
+                 {packet("before"), header(2, 2 * part.size()), part, part, packet("behind")}) {
+                sent = sent && sendRaw(fd, bytes);
+            }
+            told.tell('2');
+            (void)goesOn.hear();
+            if (!dies) {
+                close(halves[0]);
+                told.tell('3');
+                (void)goesOn.hear();
+            }
+            return sent ? 0 : 1;
+        });
+        EXPECT_EQ(told.hear(), '1');
+        EXPECT_EQ(takeAll(*port), (std::vector<std::string>{"a", "row"}));
+        goesOn.tell('1');
+        EXPECT_EQ(told.hear(), '2');
+        const platform::PortPlace place = port->placeBehind(child);
+        EXPECT_EQ(takeAll(*port), std::vector<std::string>{"before"});
+        goesOn.tell('2');
+        EXPECT_EQ(dies ? endOf(child) : told.hear(), dies ? 0 : '3');
+        EXPECT_FALSE(port->isPast(place)) << "it was delivered for its sender";
+        EXPECT_EQ(takeAll(*port), (std::vector<std::string>{part + part, "behind"}));
+        goesOn.tell('3');
+        EXPECT_EQ(dies ? 0 : endOf(child), 0);
+        EXPECT_TRUE(takeAll(*port).empty());
+        EXPECT_TRUE(port->isPast(place));
+    }
+}
+
 TEST_F(MessagePortTest, aSenderThatDiesAnywhereLeavesNoPart) {
     const auto port = opened();
     // A whole text, then a large one in packets, cut off behind each of them.

@@ -110,11 +110,21 @@ protected:
                                                  std::filesystem::directory_iterator()));
     }
 
-    // A socket connected to the only port, as a peer that keeps no rule would have it.
-    int rawConnection() const {
+    // A socket connected to the only port, as a peer that keeps no rule would have it. One that
+    // `promises` is read in batches, once small texts have come in a row.
+    int rawConnection(bool promises = false) const {
         const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
+        if (promises) {
+            const std::string own =
+                "CVMP1-parts-of-1-MiB-test-" + std::to_string(getpid()) + "-" + std::to_string(fd);
+            own.copy(address.sun_path + 1, sizeof address.sun_path - 1);
+            EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&address),
+                           static_cast<socklen_t>(sizeof(sa_family_t) + 1 + own.size())),
+                      0);
+            address.sun_path[0] = '\0';
+        }
         // By way of the folder, whose path may be long.
         const int directory = ::open(folder().c_str(), O_PATH | O_CLOEXEC);
         const std::string path = "/proc/self/fd/" + std::to_string(directory) + "/" +
@@ -138,6 +148,11 @@ protected:
     static bool sendRaw(int fd, const std::string& bytes) {
         return send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
                static_cast<ssize_t>(bytes.size());
+    }
+    // Small texts in a row, so that what follows them comes in a batch, where one was promised.
+    static void sendRow(int fd, LocalPort& port) {
+        EXPECT_TRUE(sendRaw(fd, packet("a")) && sendRaw(fd, packet("row")));
+        EXPECT_EQ(takeAll(port), (std::vector<std::string>{"a", "row"}));
     }
     static bool isClosed(int fd) {
         timeval limit = {5, 0};

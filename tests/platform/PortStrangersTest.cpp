@@ -39,9 +39,11 @@ TEST_F(PortStrangersTest, survivesGarbage) {
         {header(3, MessagePorts::kMaximumTextBytes - 63), "leaves no room for a seal"},
     };
     uint64_t closed = 0;
-    for (const auto& [bytes, why] : cases) {
-        SCOPED_TRACE(why);
-        const int fd = rawConnection();
+    for (size_t i = 0; i < 2 * std::size(cases); ++i) {
+        const auto& [bytes, why] = cases[i / 2];
+        SCOPED_TRACE(why + std::string(i % 2 != 0 ? " in a batch" : ""));
+        const int fd = rawConnection(i % 2 != 0);
+        sendRow(fd, *port);
         EXPECT_TRUE(sendRaw(fd, packet("before")));
         EXPECT_TRUE(sendRaw(fd, bytes));
         EXPECT_EQ(takeOne(*port), "before") << "what was well sent arrives";
@@ -51,8 +53,10 @@ TEST_F(PortStrangersTest, survivesGarbage) {
         close(fd);
     }
     // Parts that are more than was announced, and a seal that is more than one.
-    for (const char kind : {char{2}, char{3}}) {
-        const int fd = rawConnection();
+    for (const int run : {0, 1, 2, 3}) {
+        const char kind = run % 2 == 0 ? 2 : 3;
+        const int fd = rawConnection(run > 1);
+        sendRow(fd, *port);
         EXPECT_TRUE(sendRaw(fd, header(kind, 100'000)) &&
                     sendRaw(fd, std::string(kind == 2 ? 99'999 : 100'000, 'x')) &&
                     sendRaw(fd, std::string(kind == 2 ? 2 : 65, 'x')));
@@ -69,8 +73,10 @@ TEST_F(PortStrangersTest, keepsNoDescriptorThatIsSentAlong) {
     const auto port = opened();
     const int fd = rawConnection();
     const size_t before = openDescriptors();
-    for (const bool inParts : {false, true}) {
-        const int connection = inParts ? rawConnection() : fd;
+    for (const int run : {0, 1, 2, 3}) {
+        const bool inParts = run % 2 != 0;
+        const int connection = run > 0 ? rawConnection(run > 1) : fd;
+        sendRow(connection, *port);
         const std::string bytes = inParts ? "part" : packet("text");
         if (inParts) {
             EXPECT_TRUE(sendRaw(connection, header(2, 100)));
@@ -92,7 +98,7 @@ TEST_F(PortStrangersTest, keepsNoDescriptorThatIsSentAlong) {
         EXPECT_TRUE(isClosed(connection));
         close(connection);
     }
-    EXPECT_EQ(port->statistics().descriptors, 2U);
+    EXPECT_EQ(port->statistics().descriptors, 4U);
     EXPECT_EQ(openDescriptors(), before) << "the connection is gone, a clock for halves came";
 }
 
