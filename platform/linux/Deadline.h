@@ -17,9 +17,13 @@ public:
     // A day at most: the largest number of milliseconds, added to the clock, would be a moment in
     // the past.
     explicit Deadline(const SendTime& time)
-        : end_(Time::now() + bounded(time.milliseconds)),
-          begunEnd_(end_ - bounded(time.milliseconds) + bounded(time.begunMilliseconds)),
+        : seen_(Time::now()),
+          end_(seen_ + bounded(time.milliseconds)),
+          begunEnd_(seen_ + bounded(time.begunMilliseconds)),
           stop_(time.stop) {}
+    // What the clock said when the wait began, or went on behind another. Each look costs.
+    Time::time_point seen() const { return seen_; }
+    void goOn() { seen_ = Time::now(); }
     Time::time_point end() const { return end_; }
     bool passed() const { return Time::now() >= end_ || (stop_ != nullptr && *stop_); }
     // Of the next wait. Rounded up: one that ends early would be repeated without pause.
@@ -39,6 +43,7 @@ private:
         return std::clamp(std::chrono::milliseconds(milliseconds), kMost * 0, kMost);
     }
 
+    Time::time_point seen_;
     Time::time_point end_;
     Time::time_point begunEnd_;
     const std::atomic<bool>* stop_;

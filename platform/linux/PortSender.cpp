@@ -47,8 +47,11 @@ public:
     // Waits for the other sends to this target; false when the time is up.
     [[nodiscard]] bool takeTurn(Deadline& deadline) {
         std::unique_lock<std::mutex> lock(mutex_);
-        if (busy_ && !turn_.wait_until(lock, deadline.end(), [this] { return !busy_; })) {
-            return false;
+        if (busy_) {
+            if (!turn_.wait_until(lock, deadline.end(), [this] { return !busy_; })) {
+                return false;
+            }
+            deadline.goOn();
         }
         busy_ = true;
         return true;
@@ -78,7 +81,7 @@ public:
 private:
     using Outcome = PortWriter::Outcome;
 
-    bool hasSuccessor();
+    bool hasSuccessor(Time::time_point now);
     SendResult open(Deadline& deadline);
     SendResult openOnce(Deadline& deadline, bool& mayBeStarting);
     void close();
@@ -136,7 +139,7 @@ SendResult PortSender::Connection::send(const PortPieces& text, Deadline& deadli
         return SendResult::timedOut;
     }
     for (;;) {
-        if (socket_ && hasSuccessor()) {
+        if (socket_ && hasSuccessor(deadline.seen())) {
             close();
         }
         // A connection that was kept may have been closed by the target for good reasons, so its
@@ -175,8 +178,7 @@ SendResult PortSender::Connection::send(const PortPieces& text, Deadline& deadli
 // Whether the name has another owner by now: something may keep the socket of an owner that has
 // ended open, and what is sent there is lost. To open a port takes longer than the pause between
 // two looks, so an owner that this process can know of is always noticed.
-bool PortSender::Connection::hasSuccessor() {
-    const Time::time_point now = Time::now();
+bool PortSender::Connection::hasSuccessor(Time::time_point now) {
     if (now - lookedAt_ < kLookPause) {
         return false;
     }
