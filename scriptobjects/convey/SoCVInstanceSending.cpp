@@ -59,8 +59,9 @@ const char* PrivateData::prepare(Message& message, Message::Text& text,
         return "";
     }
     complete(message); // before anything can fail: the error has to find its way back
-    const Specifier target(message.getTarget().c_str(), true);
-    if (target.isEmpty()) {
+    const bool isWhole = CVResolution::isWhole(message.getTarget());
+    const Specifier target(isWhole ? nullptr : message.getTarget().c_str(), true);
+    if (!isWhole && target.isEmpty()) {
         return CV_ERROR_INVALID_SPECIFIER;
     }
     if (isUnwantedNotice(message)) {
@@ -68,7 +69,9 @@ const char* PrivateData::prepare(Message& message, Message::Text& text,
     }
     // The complete name, which an instance and its port have: they are found, and what waits for
     // them is kept, by just that.
-    message.setTarget(target);
+    if (!isWhole) {
+        message.setTarget(target);
+    }
     // Before it is written: what it asks for, and for which life, goes with the text.
     requestProcessed(message);
     // What does not leave the process needs no text, and no digest.

@@ -30,6 +30,10 @@ public:
     // A name that has been completed before, of which nothing is known any more.
     static CVResolution ofCompleted(const SoString& name);
 
+    // Whether completing `name` is sure to leave it as it is: not each such name is seen, but most,
+    // and sooner than by completing it. Any thread.
+    static bool isWhole(const SoString& name);
+
     const Convey::Specifier& specifier() const { return specifier_; }
     CVPresence presence() const { return presence_; }
 

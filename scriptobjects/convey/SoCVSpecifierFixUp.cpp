@@ -1,4 +1,5 @@
 // Which registered application a specifier stands for.
+#include <algorithm>
 #include <cmath>
 #include <memory>
 #include <vector>
@@ -181,7 +182,20 @@ bool isComplete(std::string_view specifier) {
            (connector == nullptr || connector->hasNoOther(parts.appName, specifier));
 }
 
+// No zero byte, and nothing that any locale has another lower case of.
+bool isPlainLower(std::string_view text) {
+    return std::all_of(text.begin(), text.end(), [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.' || c == '_';
+    });
+}
+
 } // namespace
+
+bool CVResolution::isWhole(const SoString& name) {
+    const std::string_view text = name.view();
+    return text.size() <= Convey::Specifier::kMaximumBytes && isPlainLower(text) &&
+           isComplete(text);
+}
 
 class Convey::Specifier::FixUpScope {
 public:

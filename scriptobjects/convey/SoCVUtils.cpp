@@ -375,7 +375,7 @@ int32_t parseOptions(const SoString& text, SoVector<SoString>& words) {
 
 void logText(const SoString& /*text*/) {}
 
-void logMessage(const SoString& /*prefix*/, const Convey::Message& /*message*/, bool /*flag*/) {}
+void logMessage(const char* /*prefix*/, const Convey::Message& /*message*/, bool /*flag*/) {}
 
 void* SharedLib::loadPCDLibrary(const char* name) {
     return loadPCDLibrary(name, nullptr);

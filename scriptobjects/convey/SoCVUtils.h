@@ -123,7 +123,7 @@ SO_EXPORT int32_t parseOptions(const SoString& text, SoVector<SoString>& words);
 
 // Logging is off in this system: there is no place that these texts go to.
 SO_EXPORT void logText(const SoString& text);
-SO_EXPORT void logMessage(const SoString& prefix, const Convey::Message& message, bool flag);
+SO_EXPORT void logMessage(const char* prefix, const Convey::Message& message, bool flag);
 
 // Frameworks that are loaded at run time: the layer works, with less to offer, where they are
 // missing.
