@@ -154,6 +154,8 @@ private:
                                         uint32_t waitSeconds);
     std::shared_ptr<PrivateData> receiverOf(const Convey::Message& message) const;
     bool deliverTo(const std::shared_ptr<PrivateData>& receiver, const Convey::Message& message);
+    bool handTo(const std::shared_ptr<PrivateData>& receiver,
+                std::unique_ptr<Convey::Message>& message);
     std::unique_ptr<Takers::Sending> beginSending(std::optional<AwaitedRequest> request);
     void watchTaker(platform::TargetWatch& taker) const;
     Delivery deliver(const Convey::Message& message, const Convey::Message::Text& text,

@@ -158,7 +158,7 @@ Delivery PrivateData::post(std::unique_ptr<Message> message) {
         return Delivery::refused;
     }
     complete(*message);
-    if (deliverTo(receiverOf(*message), *message)) {
+    if (handTo(receiverOf(*message), message)) {
         traffic_.noteOut();
         return Delivery::delivered;
     }
@@ -173,7 +173,7 @@ Delivery PrivateData::post(std::unique_ptr<Message> message) {
         if (name.isEmpty()) {
             return Delivery::refused;
         }
-        if (isRenamed && deliverTo(receiverOf(*message), *message)) {
+        if (isRenamed && handTo(receiverOf(*message), message)) {
             traffic_.noteOut();
             return Delivery::delivered;
         }
@@ -254,6 +254,21 @@ bool PrivateData::deliverTo(const std::shared_ptr<PrivateData>& receiver, const 
     }
     receiver->accept(std::make_unique<Message>(message));
     logEvent("RECEIVED", message);
+    return true;
+}
+
+// The same with a message that is not needed any more: uncopied, as a rule. A copy has its headers
+// the other way round and its type filled in; what asks for replies has its receipt made of it; and
+// who watches events is shown the message when its receiver may be done with it.
+bool PrivateData::handTo(const std::shared_ptr<PrivateData>& receiver,
+                         std::unique_ptr<Message>& message) {
+    const Convey::Header* const headers = message->getHeaders();
+    if (receiver == nullptr || this->context() == nullptr || message->getType().isEmpty() ||
+        (headers != nullptr && headers->next != nullptr) ||
+        !message->getResponseRequest().isEmpty() || ConveyUtils::isForwarding(CV_FORWARD_LOGS)) {
+        return deliverTo(receiver, *message);
+    }
+    receiver->accept(std::move(message));
     return true;
 }
 

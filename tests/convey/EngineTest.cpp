@@ -41,6 +41,20 @@ TEST_F(EngineTest, aConversationWithinTheProcess) {
         EXPECT_EQ(client, expected);
     }
     client.clear();
+    Message message = request("other-2.0", "with headers", "Result");
+    message.setHeader("First", "1");
+    message.setHeader("Second", "2");
+    delete own.changeHandler(new Handler([&](int event, Message& result, SoString*) {
+        const Convey::Header* header = event == 3 ? result.getHeaders() : nullptr;
+        for (; header != nullptr; header = header->next) {
+            client.emplace_back(header->name.view());
+        }
+        return 0;
+    }));
+    EXPECT_TRUE(own.send(message, false, 0, nullptr));
+    pumpAll();
+    EXPECT_EQ(client, (Strings{"Second", "First"})) << "as an answer has always had them";
+    client.clear();
     EXPECT_FALSE(sendFrom(own, request("nobody-1.0", "body")));
     pumpAll();
     EXPECT_EQ(client, Strings()) << "who does not ask for errors gets none";
