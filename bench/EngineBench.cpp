@@ -29,6 +29,7 @@ using ScObjects::Convey;
 using ScObjects::SoString;
 
 constexpr size_t kBytes = 300;
+constexpr size_t kLargeBytes = size_t{16} << 20;
 
 void row(const char* name, double ours, const char* unit, double other, const char* of,
          double ratio, const char* goal) {
@@ -58,6 +59,76 @@ void request(Convey& instance, const SoString& body) {
     if (!instance.send(message, false, 20, nullptr)) {
         fail("no result");
     }
+}
+
+// Seconds for as much as a large request through a socket, and a byte back.
+double bareLarge() {
+    constexpr size_t kPacketBytes = size_t{256} << 10;
+    const Pair pair;
+    std::vector<char> text(kLargeBytes, 'x');
+    const auto receiveAll = [&text](int socket, size_t bytes) {
+        for (size_t got = 0; got < bytes;) {
+            got += receiveBare(socket, text.data() + got, text.size() - got, false);
+        }
+    };
+    return besides(
+        [&] {
+            for (;;) {
+                receiveAll(pair.ends[1], kLargeBytes);
+                sendBare(pair.ends[1], "a", 1);
+            }
+        },
+        [&] {
+            return measure(3, [&] {
+                for (size_t at = 0; at < kLargeBytes; at += kPacketBytes) {
+                    sendBare(pair.ends[0], text.data() + at, kPacketBytes);
+                }
+                receiveAll(pair.ends[0], 1);
+            });
+        });
+}
+
+// Large requests to another process and their short answers, without digests. Before the layer is
+// started here: the other process is a child.
+void largeRequests(int rounds) {
+    int ready[2];
+    if (pipe(ready) != 0) {
+        fail("pipe");
+    }
+    Convey::Message::setCreateDigest(false);
+    Convey::Message::setAuthentication(false);
+    const pid_t target = fork();
+    char go = 0;
+    if (target == 0) {
+        if (!Convey::InitTerm::init("kivra-7.0", true)) {
+            fail("init");
+        }
+        Convey own("kivra-7.0", nullptr, true, nullptr);
+        delete own.changeHandler(new Answering("Tessaly", Convey::kAnySerialNumber));
+        (void)!write(ready[1], &go, 1);
+        for (;;) {
+            (void)Convey::pumpOrWait(1000);
+        }
+    }
+    (void)!read(ready[0], &go, 1);
+    {
+        const Convey::Messenger asker("viewer-1.0");
+        const SoString body(std::string(kLargeBytes, 'b').c_str());
+        std::vector<double> times;
+        std::vector<double> bare;
+        for (int i = 0; i < rounds; ++i) {
+            times.push_back(1e3 * measure(1, [&] {
+                                if (!asker.request("kivra-7.0", body).wait().isResult()) {
+                                    fail("no result");
+                                }
+                            }));
+            bare.push_back(1e3 * bareLarge());
+        }
+        row("request of 16 MiB, digest off", median(times), "ms", median(bare), "bare",
+            median(times) / median(bare), "<= 1.3");
+    }
+    kill(target, SIGKILL);
+    waitpid(target, nullptr, 0);
 }
 
 // Nanoseconds a message for putting so many into a queue and taking them out again, as an instance
@@ -335,6 +406,8 @@ int main(int argc, char** argv) {
     constexpr int kIdleSeconds = 10;
     std::this_thread::sleep_for(std::chrono::seconds(kIdleSeconds));
     const Use after = useOf(host.pid());
+
+    largeRequests(5 * rounds);
 
     std::vector<double> bareTimes; // in turn with what is compared with it
     const auto bareRoundTrip = [&] {
