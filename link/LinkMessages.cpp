@@ -202,8 +202,8 @@ void Link::arrived(Peer& peer, Channel::Arrival& arrival, int64_t now) {
 
 void Link::requestArrived(Peer& peer, Channel::Arrival& arrival, int64_t now) {
     const bool isKept = arrival.keptLife != 0;
-    const Ticket ticket{peer, isKept ? arrival.keptLife : peer.channel.otherLife(), arrival.message,
-                        isKept};
+    Ticket ticket{peer, isKept ? arrival.keptLife : peer.channel.otherLife(), arrival.message,
+                  isKept};
     const std::string& target = arrival.head.target;
     const Offered offered = configuration_.offered(target, peer.name);
     Text message;
@@ -219,12 +219,12 @@ void Link::requestArrived(Peer& peer, Channel::Arrival& arrival, int64_t now) {
         return;
     }
     alias->usedAt = now;
-    deliver(ticket, arrival, message, alias->name, offered == Offered::launch, now);
+    deliver(std::move(ticket), arrival, message, alias->name, offered == Offered::launch, now);
 }
 
 // Under the names that both ends have here.
-void Link::deliver(Ticket ticket, Channel::Arrival& arrival, Text& message, std::string_view sender,
-                   bool mayLaunch, int64_t now) {
+void Link::deliver(Ticket&& ticket, Channel::Arrival& arrival, Text& message,
+                   std::string_view sender, bool mayLaunch, int64_t now) {
     const std::string& target = arrival.head.target;
     message.remove({kVouch});
     message.setTo(kTarget, target);

@@ -162,11 +162,12 @@ void Text::addHead(std::string& out) const {
         }
         out.append(std::exchange(run, line.whole));
         if (line.whole.empty()) {
-            out.append(line.name).append(":").append(line.value).append("\n");
+            out.append(line.name).push_back(':');
+            out.append(line.value).push_back('\n');
         }
     }
-    out.append(run).append(ConveyData::CV_CONTENT_LENGTH).append(":");
-    out.append(std::to_string(body_.size())).append("\n\n");
+    out.append(run).append(std::string_view(ConveyData::CV_CONTENT_LENGTH)).push_back(':');
+    out.append(std::to_string(body_.size())).append(2, '\n');
 }
 
 Travelling Text::writePlain(platform::PortText::Block block) const {
@@ -196,10 +197,11 @@ void Travelling::append(std::string& out, size_t place, size_t count) const {
 
 // With the lines that are made anew, but the digest.
 void Text::addPortHead(std::string& out) const {
-    out.append(ConveyData::CV_SENDER_ID).append(":localhost:mac");
-    out.append(std::to_string(platform::Processes::system().ownNumber())).append("\n");
-    out.append(ConveyData::CV_TIMESTAMP).append(": ");
-    out.append(std::to_string(ConveyUtils::getTimeSeconds())).append("\n");
+    constexpr std::string_view kHost = ":localhost:mac";
+    out.append(std::string_view(ConveyData::CV_SENDER_ID)).append(kHost);
+    out.append(std::to_string(platform::Processes::system().ownNumber())).push_back('\n');
+    out.append(std::string_view(ConveyData::CV_TIMESTAMP)).append(std::string_view(": "));
+    out.append(std::to_string(ConveyUtils::getTimeSeconds())).push_back('\n');
     addHead(out);
 }
 
@@ -210,7 +212,8 @@ std::string Text::write() const {
     std::string out;
     out.reserve(headBytes() + body_.size());
     if (isDigested) { // room for it
-        out.append(kName).append(":").append(kDigits, '0').append("\n");
+        out.append(kName).push_back(':');
+        out.append(kDigits, '0').push_back('\n');
     }
     const size_t begin = out.size();
     addPortHead(out);
