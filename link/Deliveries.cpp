@@ -49,14 +49,14 @@ Deliveries::~Deliveries() {
 
 void Deliveries::post(const std::string& target, PortMessage text, int64_t deadline, bool mayLaunch,
                       uint64_t ticket) {
-    if (target != togetherTarget_ || togetherBytes_ + text.size() > kAtOnceBytes) {
+    if (target != togetherTarget_ || togetherText_.size() + text.size() > kAtOnceBytes) {
         (void)handOver(); // what has ended waits for `take`
     }
     const std::lock_guard<std::mutex> guard(mutex_);
     if (lines_.count(target) == 0 && text.size() <= kAtOnceBytes) {
         togetherTarget_ = target;
-        togetherBytes_ += text.size();
-        together_.push_back({std::move(text), deadline, mayLaunch, ticket});
+        togetherText_ += text.head; // all of a small one
+        together_.push_back({togetherText_.size(), deadline, mayLaunch, ticket});
     } else {
         queueLocked(target, {std::move(text), deadline, mayLaunch, ticket});
     }
@@ -68,27 +68,27 @@ bool Deliveries::handOver() {
     }
     const std::string target = std::exchange(togetherTarget_, {});
     const bool isWatched = std::any_of(together_.begin(), together_.end(),
-                                       [](const Waiting& one) { return one.ticket != 0; });
-    std::string text;
-    text.reserve(std::exchange(togetherBytes_, 0));
-    for (const Waiting& one : together_) {
-        text += one.text.head; // all of a small one
-    }
+                                       [](const Together& one) { return one.ticket != 0; });
     std::shared_ptr<platform::TargetWatch> taker;
-    const SendResult result = ports_.send(portName(target), text, 0, isWatched ? &taker : nullptr);
+    const SendResult result =
+        ports_.send(portName(target), togetherText_, 0, isWatched ? &taker : nullptr);
     const std::lock_guard<std::mutex> guard(mutex_);
-    for (Waiting& one : together_) {
+    size_t begin = 0;
+    for (const Together& one : together_) {
         if (result != SendResult::delivered &&
             (result != SendResult::noReceiver || one.mayLaunch)) {
-            queueLocked(target, std::move(one));
+            queueLocked(target, {togetherText_.substr(begin, one.end - begin), one.deadline,
+                                 one.mayLaunch, one.ticket});
         } else if (one.ticket != 0) {
             ended_.push_back(
                 {one.ticket,
                  result == SendResult::delivered ? Outcome::delivered : Outcome::notRunning,
                  taker});
         }
+        begin = one.end;
     }
     together_.clear();
+    togetherText_.clear();
     return !ended_.empty();
 }
 

@@ -61,6 +61,14 @@ private:
         uint64_t ticket;
     };
 
+    // A small text, behind the others of its target.
+    struct Together {
+        size_t end; // of it
+        int64_t deadline;
+        bool mayLaunch;
+        uint64_t ticket;
+    };
+
     Ended deliver(const std::string& target, const Waiting& waiting);
     void queueLocked(const std::string& target, Waiting waiting);
     void work();
@@ -68,9 +76,9 @@ private:
     platform::MessagePorts& ports_;
     const std::function<void()> wake_;
     const std::function<bool(const std::string&)> launch_;
-    std::string togetherTarget_;    // of what goes together; of the thread that posts, as the next
-    std::vector<Waiting> together_; // small ones
-    size_t togetherBytes_ = 0;
+    std::string togetherTarget_; // of what goes together; of the thread that posts, as the next
+    std::vector<Together> together_;
+    std::string togetherText_;
     std::mutex mutex_; // guards what follows
     std::condition_variable changed_;
     std::map<std::string, std::deque<Waiting>> lines_; // the front one is being delivered
