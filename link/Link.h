@@ -143,8 +143,8 @@ private:
     void answerPing(const Ping& ping, Text& answer);
     void notRunning(Peer& peer);
     void sendPong(const Ping& ping, Outcome outcome, std::string_view text = {});
-    void deliver(Ticket&& ticket, Channel::Arrival& arrival, Text& message, std::string_view sender,
-                 bool mayLaunch, int64_t now);
+    void deliver(const Ticket& ticket, Channel::Arrival& arrival, Text& message,
+                 std::string_view sender, bool mayLaunch, int64_t now);
     void giveBack(const Outgoing& outgoing);
     void ended(Peer& peer, uint64_t message, Outcome outcome);
     void lifeEnded(Peer& peer);

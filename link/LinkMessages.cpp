@@ -202,8 +202,8 @@ void Link::arrived(Peer& peer, Channel::Arrival& arrival, int64_t now) {
 
 void Link::requestArrived(Peer& peer, Channel::Arrival& arrival, int64_t now) {
     const bool isKept = arrival.keptLife != 0;
-    Ticket ticket{peer, isKept ? arrival.keptLife : peer.channel.otherLife(), arrival.message,
-                  isKept};
+    const Ticket ticket{peer, isKept ? arrival.keptLife : peer.channel.otherLife(), arrival.message,
+                        isKept};
     const std::string& target = arrival.head.target;
     const Offered offered = configuration_.offered(target, peer.name);
     Text message;
@@ -219,11 +219,11 @@ void Link::requestArrived(Peer& peer, Channel::Arrival& arrival, int64_t now) {
         return;
     }
     alias->usedAt = now;
-    deliver(std::move(ticket), arrival, message, alias->name, offered == Offered::launch, now);
+    deliver(ticket, arrival, message, alias->name, offered == Offered::launch, now);
 }
 
 // Under the names that both ends have here.
-void Link::deliver(Ticket&& ticket, Channel::Arrival& arrival, Text& message,
+void Link::deliver(const Ticket& ticket, Channel::Arrival& arrival, Text& message,
                    std::string_view sender, bool mayLaunch, int64_t now) {
     const std::string& target = arrival.head.target;
     message.remove({kVouch});
@@ -231,12 +231,11 @@ void Link::deliver(Ticket&& ticket, Channel::Arrival& arrival, Text& message,
     message.setTo(kSender, sender);
     message.setTo(kVouch, ticket.peer.vouch);
     const int64_t deadline = setTime(message, arrival.head.remainingMilliseconds, now);
-    if (arrival.head.kind == MessageKind::request) {
-        ticket.asked = askedBy(message);
-        ticket.until = deadline == INT64_MAX ? now + bounds::kAliasMilliseconds
-                                             : deadline + bounds::kPingMilliseconds;
-    }
-    tickets_.emplace(++lastTicket_, std::move(ticket));
+    const int64_t until = deadline == INT64_MAX ? now + bounds::kAliasMilliseconds
+                                                : deadline + bounds::kPingMilliseconds;
+    const bool isRequest = arrival.head.kind == MessageKind::request;
+    tickets_.emplace(++lastTicket_, Ticket{ticket.peer, ticket.life, ticket.message, ticket.isKept,
+                                           isRequest ? askedBy(message) : Asked(), until});
     deliveries_.post(target, message.write(std::move(arrival.text)), deadline, mayLaunch,
                      lastTicket_);
 }
