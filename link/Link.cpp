@@ -30,9 +30,9 @@ Link::Link(const Configuration& configuration, uint64_t life, const Surroundings
           surroundings.ports, [this] { around_.wait.wake(); },
           [this](const std::string& app) { return around_.launch(app, {}); }) {
     pingPort_ = std::make_unique<Port>();
-    pingPort_->port = open(kPingPort);
+    open(*pingPort_, kPingPort);
     controlPort_ = std::make_unique<Port>();
-    controlPort_->port = open(kControlPort);
+    open(*controlPort_, kControlPort);
     around_.wait.watchNames(!configuration.offers.empty());
     around_.registrations.remove({}); // what one that was killed has left
     for (const Use& use : configuration.uses) {
@@ -454,12 +454,10 @@ void Link::openPorts(Used& used) {
         return;
     }
     if (used.requests.port == nullptr) {
-        used.requests.port = open(used.use.app, !used.use.durable);
-        used.requests.look = true;
+        open(used.requests, used.use.app, !used.use.durable);
     }
     if (used.pings.port == nullptr && used.requests.port != nullptr) {
-        used.pings.port = open(used.use.app + std::string(kThreadSuffix));
-        used.pings.look = true;
+        open(used.pings, used.use.app + std::string(kThreadSuffix));
     }
     if (used.requests.port == nullptr || used.pings.port == nullptr) {
         used.requests.port.reset();

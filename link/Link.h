@@ -154,7 +154,7 @@ private:
     Alias* aliasFor(Peer& peer, const std::string& source);
     bool forgetQuietest();
     void forgetAlias(Alias& alias);
-    std::unique_ptr<platform::LocalPort> open(const std::string& name, bool forTravel = false);
+    void open(Port& port, const std::string& name, bool forTravel = false);
     bool isOwn(std::string_view name) const;
     void forget(int64_t now);
 
@@ -187,6 +187,8 @@ private:
     std::map<std::string, std::shared_ptr<platform::TargetWatch>> watched_; // offered, and running
     Keeper keeper_;
     Journal journal_;
+    bool asksAll_ = true; // ports: waits do not tell of each
+    uint64_t lastPort_ = 0;
     uint64_t lastTicket_ = 0;
     uint64_t lastPing_ = 0;
     Deliveries deliveries_; // the last: its threads use what is above

@@ -33,13 +33,14 @@ bool isLook(const Text& message) {
 
 // `forTravel`: nobody here reads what comes. The other link's machine makes digests anew, so those
 // of this one would be dropped, and a large text takes longer to digest than to carry.
-std::unique_ptr<platform::LocalPort> Link::open(const std::string& name, bool forTravel) {
+void Link::open(Port& port, const std::string& name, bool forTravel) {
     const std::string portName = BaseInterAppStream::kPortNamePrefix + name;
-    auto port = forTravel ? around_.ports.openUnsealed(portName) : around_.ports.open(portName);
-    if (port != nullptr) {
-        around_.wait.add(*port, 0); // all are looked at
+    port.port = forTravel ? around_.ports.openUnsealed(portName) : around_.ports.open(portName);
+    if (port.port != nullptr) {
+        port.number = ++lastPort_;
+        port.look = true;
+        around_.wait.add(*port.port, port.number);
     }
-    return port;
 }
 
 // Whether the link itself owns the name: what came by a link must not go on by one.
@@ -51,6 +52,9 @@ bool Link::isOwn(std::string_view name) const {
 }
 
 bool Link::takeFrom(Port& port, const Handler& handle) {
+    const auto told = around_.wait.reported();
+    port.look =
+        port.look || asksAll_ || std::find(told.begin(), told.end(), port.number) != told.end();
     if (port.port == nullptr || !port.look) {
         return false;
     }
@@ -61,7 +65,9 @@ bool Link::takeFrom(Port& port, const Handler& handle) {
             return false; // what it has is delivered first; its senders wait
         }
         if (!port.port->take(taken)) {
-            return port.port->hasMore();
+            const bool more = port.port->hasMore();
+            port.look = more || !port.port->tellsAll();
+            return more;
         }
         takeText(std::move(taken), message, handle);
     }
@@ -102,6 +108,7 @@ void Link::takeText(platform::PortText taken, Text& message, const Handler& hand
 }
 
 void Link::takeTexts() {
+    asksAll_ = !around_.wait.tellsAll();
     bool more = takeFrom(*pingPort_, [this](Text& message, auto&) { pingAnswered(message); });
     more = takeFrom(*controlPort_, [this](Text& message, auto&) { launchTaken(message); }) || more;
     for (const auto& [app, used] : used_) {
@@ -310,7 +317,8 @@ Link::Alias* Link::aliasFor(Peer& peer, const std::string& source) {
         if (!isPortName(text) || isOwn(text) || around_.registrations.isLocal(text)) {
             continue;
         }
-        Port port{open(text, true)};
+        Port port;
+        open(port, text, true);
         if (port.port != nullptr) {
             auto alias = std::make_unique<Alias>(Alias{text, peer, source, 0, std::move(port)});
             peer.aliases[source] = alias.get();

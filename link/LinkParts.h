@@ -15,7 +15,8 @@ struct Link::Port {
     std::unique_ptr<platform::LocalPort> port;
     size_t waitingBytes = 0; // taken from it and not delivered
     size_t waitingMessages = 0;
-    bool look = true; // there may be texts, also without a new one
+    uint64_t number = 0; // by which a wait tells of it
+    bool look = true;    // there may be texts, also when no wait has told of it
 
     bool isFull() const {
         return waitingBytes >= bounds::kWaitingBytes || waitingMessages >= bounds::kWaitingMessages;
