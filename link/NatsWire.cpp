@@ -15,15 +15,13 @@
 #include "link/NatsSocket.h"
 #include "link/Text.h"
 #include "link/Wire.h"
+#include "platform/Clock.h"
 
 namespace convey_link {
 namespace {
 
 // What is received and not yet taken; windows keep it far below, garbage may not.
 constexpr size_t kQueuedBytes = 256 * bounds::kMiB;
-// Of what the client itself keeps while it is connecting: nothing that it forgets with the process
-// is of use, since all that matters is sent again.
-constexpr int kReconnectBytes = 1;
 constexpr int64_t kPingMilliseconds = 2000;
 constexpr int64_t kReconnectMilliseconds = 500;
 constexpr int64_t kJitterMilliseconds = 200;
@@ -88,12 +86,9 @@ public:
         set(natsOptions_SetIOBufSize(made, kBufferBytes));
         set(natsOptions_SetPingInterval(made, kPingMilliseconds));
         set(natsOptions_SetMaxPingsOut(made, INT_MAX));
-        set(natsOptions_SetMaxReconnect(made, -1));
-        set(natsOptions_SetReconnectWait(made, kReconnectMilliseconds));
-        set(natsOptions_SetReconnectJitter(made, kJitterMilliseconds, kJitterMilliseconds));
-        set(natsOptions_SetReconnectBufSize(made, kReconnectBytes));
+        // It would take what the next server says for the rest of what the last one was saying.
+        set(natsOptions_SetAllowReconnect(made, false));
         set(natsOptions_SetDisconnectedCB(made, onDisconnected, this));
-        set(natsOptions_SetReconnectedCB(made, onConnected, this));
         set(natsOptions_SetClosedCB(made, onClosed, this));
         set(natsOptions_SetErrorHandler(made, onError, this));
         if (status != NATS_OK) {
@@ -205,12 +200,15 @@ private:
                                              static_cast<int>(text.size())) == NATS_OK;
     }
 
-    // Joins the servers, and again when the client has given up: it goes on trying where nobody
-    // listens, but not where somebody listens and has no time, as when all links come at once.
+    // Joins the servers, and again, with a connection of its own, when that has ended. Whoever has
+    // joined before is refused for good only when that is said twice: a server may be starting.
     void keepJoined() {
         int endedTalks = 0;
+        bool hasJoined = false;
+        bool isRefused = false;
         bool isTold = false;
         while (!closing_) {
+            const int64_t begin = platform::monotonicNow();
             natsConnection* made = nullptr;
             natsStatus status = natsConnection_Connect(&made, options_.get());
             std::string why = lastNatsError(status);
@@ -218,15 +216,17 @@ private:
                 const std::lock_guard<std::mutex> guard(socket_.mutex);
                 socket_.own(made);
                 if (subscribeAll()) {
-                    onConnected(made, this);
+                    onConnected(made);
+                    hasJoined = true;
                     isTold = false;
                 } else {
                     why = "the connection ended";
                     isClosed_ = true;
                 }
             }
-            endedTalks = status == NATS_PROTOCOL_ERROR ? endedTalks + 1 : 0;
-            if (isFinal(status, why) || endedTalks == kEndedTalks) {
+            endedTalks = status == NATS_PROTOCOL_ERROR && !hasJoined ? endedTalks + 1 : 0;
+            const bool wasRefused = std::exchange(isRefused, isFinal(status, why));
+            if ((isRefused && (wasRefused || !hasJoined)) || endedTalks == kEndedTalks) {
                 push({EventKind::refused, {}, why});
                 return;
             }
@@ -235,12 +235,12 @@ private:
                 isTold = true;
             }
             std::unique_lock<std::mutex> lock(mutex_);
+            int64_t pause = kReconnectMilliseconds + nats_Now() % kJitterMilliseconds;
             if (socket_.connection() != nullptr) {
                 changed_.wait(lock, [this] { return isClosed_ || closing_; });
+                pause -= platform::monotonicNow() - begin; // another server may be there at once
             }
-            changed_.wait_for(lock,
-                              std::chrono::milliseconds(kReconnectMilliseconds +
-                                                        nats_Now() % kJitterMilliseconds),
+            changed_.wait_for(lock, std::chrono::milliseconds(pause),
                               [this] { return closing_.load(); });
             lock.unlock();
             if (isClosed_.exchange(false) && !closing_ && socket_.connection() != nullptr &&
@@ -359,7 +359,7 @@ private:
     }
     static std::string textOf(natsMsg* message) { return std::string(bytesOf(message)); }
 
-    static void onConnected(natsConnection* connection, void* self) {
+    void onConnected(natsConnection* connection) {
         char url[256] = "";
         (void)natsConnection_GetConnectedUrl(connection, url, sizeof url); // for people only
         // An address may hold a password.
@@ -369,15 +369,15 @@ private:
         if (scheme != std::string::npos && at != std::string::npos) {
             text.erase(scheme + 3, at - scheme - 2);
         }
-        static_cast<NatsConnection*>(self)->push({EventKind::connected, {}, text});
+        push({EventKind::connected, {}, text});
     }
 
     static std::string reason(natsConnection* connection) {
         const char* text = nullptr;
         const natsStatus status = natsConnection_GetLastError(connection, &text);
-        return text != nullptr && *text != '\0' ? text
-               : status == NATS_OK              ? "the connection ended"
-                                                : natsStatus_GetText(status);
+        return text != nullptr && *text != '\0'                        ? text
+               : status == NATS_OK || status == NATS_CONNECTION_CLOSED ? "the connection ended"
+                                                                       : natsStatus_GetText(status);
     }
 
     static void onDisconnected(natsConnection* connection, void* self) {
