@@ -155,7 +155,7 @@ void PortReceiver::giveRoom(bool byClosing) {
     }
     for (const uint64_t number : waiting) {
         const auto found = connections_.find(number);
-        if (found == connections_.end() ||
+        if (found == connections_.end() || found->second.waiting == 0 || // by one that was read on
             !makeRoomForPart(found->second, found->second.waiting, byClosing)) {
             continue;
         }

@@ -194,6 +194,7 @@ TEST_F(MessagePortTest, whatIsDrawnBehindATextThatHasNoRoomWaitsWithIt) {
             const int fd = rawConnection(true);
             bool sent = sendRaw(fd, packet("a")) && sendRaw(fd, packet("row"));
             const int halves[] = {rawConnection(), rawConnection()}; // all that it may announce
+            const int last = rawConnection(); // there is room for it as soon as for what is drawn
             for (const int half : halves) {
                 sent = sent && sendRaw(half, header(2, MessagePorts::kMaximumTextBytes));
             }
@@ -202,6 +203,9 @@ TEST_F(MessagePortTest, whatIsDrawnBehindATextThatHasNoRoomWaitsWithIt) {
             for (const std::string& bytes :
                  {packet("before"), header(2, 2 * part.size()), part, part, packet("behind")}) {
                 sent = sent && sendRaw(fd, bytes);
+            }
+            for (const std::string& bytes : {header(2, 2 * part.size()), part, part}) {
+                sent = sent && sendRaw(last, bytes);
             }
             told.tell('2');
             (void)goesOn.hear();
@@ -221,7 +225,7 @@ TEST_F(MessagePortTest, whatIsDrawnBehindATextThatHasNoRoomWaitsWithIt) {
         goesOn.tell('2');
         EXPECT_EQ(dies ? endOf(child) : told.hear(), dies ? 0 : '3');
         EXPECT_FALSE(port->isPast(place)) << "it was delivered for its sender";
-        EXPECT_EQ(takeAll(*port), (std::vector<std::string>{part + part, "behind"}));
+        EXPECT_EQ(takeAll(*port), (std::vector<std::string>{part + part, "behind", part + part}));
         goesOn.tell('3');
         EXPECT_EQ(dies ? 0 : endOf(child), 0);
         EXPECT_TRUE(takeAll(*port).empty());
